@@ -1,0 +1,122 @@
+// The storage engine: an ordered map of byte strings that survives its process. Its source file is the
+// only place that knows SQLite.
+#ifndef PLATFORM_HOST_ENGINE_H
+#define PLATFORM_HOST_ENGINE_H
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/host/status.h"
+
+namespace vshost {
+
+class Connection;
+
+enum class Durability {
+    PROCESS,  // a committed write survives the death of any process
+    DISK,     // a committed write is on disk
+};
+
+enum class Order { FORWARD, BACKWARD };
+
+// Looks at one entry; false ends the scan. It must not use the engine or the transaction.
+using Visit = std::function<bool(std::string_view key, std::string_view value)>;
+
+// What reads and transactions have in common, so that a table look-up is written once.
+class Reader {
+public:
+    virtual ~Reader() = default;
+
+    // STATUS_NOT_FOUND when the key is absent; `value` is then unchanged.
+    virtual VsStatus Get(std::string_view key, std::string &value) = 0;
+
+    // Visits the entries whose key begins with `prefix`, in the order of their bytes.
+    virtual VsStatus Scan(std::string_view prefix, const Visit &visit, Order order = Order::FORWARD) = 0;
+};
+
+// The inside of one Engine::Write: sees its own changes. A failed operation of the engine undoes the
+// whole work, whatever the work returns.
+class Transaction : public Reader {
+public:
+    explicit Transaction(Connection &connection, std::atomic<uint64_t> &changes);
+
+    VsStatus Get(std::string_view key, std::string &value) override;
+    VsStatus Scan(std::string_view prefix, const Visit &visit, Order order = Order::FORWARD) override;
+    VsStatus Put(std::string_view key, std::string_view value);
+    VsStatus Remove(std::string_view key);  // STATUS_OK when the key is absent
+
+    // To be called before a change of what the caches of processes hold: switches, aliases and the
+    // properties of the global and host level.
+    void InvalidateCaches();
+
+    VsStatus Failure() const { return failure; }
+
+private:
+    VsStatus Note(VsStatus status);
+
+    Connection &connection;
+    std::atomic<uint64_t> &changes;
+    VsStatus failure = STATUS_OK;
+};
+
+using Work = std::function<VsStatus(Transaction &)>;
+
+class Engine : public Reader {
+public:
+    // Opens the database of a host directory and makes it when there is none. A file that is damaged,
+    // foreign or newer than this engine is refused and never written to. `message` then says which file
+    // it is and what is wrong with it. `changes` is odd while a write that invalidates caches is in flight.
+    static VsStatus Open(const std::string &directory, Durability durability, std::atomic<uint64_t> &changes,
+                         std::unique_ptr<Engine> &engine, std::string &message);
+    ~Engine() override;
+
+    VsStatus Get(std::string_view key, std::string &value) override;
+    VsStatus Scan(std::string_view prefix, const Visit &visit, Order order = Order::FORWARD) override;
+
+    // Runs `work` atomically: committed when it returns STATUS_OK, undone otherwise. Works of several
+    // threads share a commit, so `work` may run on another thread, while this one waits.
+    VsStatus Write(const Work &work);
+
+    // In a forked child, while no thread is inside: leaves the parent's connections alone, never closing
+    // them, and opens own ones at the next call.
+    void AbandonAfterFork();
+
+private:
+    struct Request {
+        const Work *work;
+        VsStatus status;
+        bool done;
+    };
+    using Batch = std::vector<Request *>;
+
+    Engine(std::string directory, Durability durability, std::atomic<uint64_t> &changes);
+    VsStatus Connect(std::unique_ptr<Connection> &connection);
+    void Lead(std::unique_lock<std::mutex> &lock);
+    void Commit(Batch &batch);
+    VsStatus CommitLocked(Batch &batch);
+    void RunOne(Request &request, bool alone);
+
+    const std::string directory;
+    const Durability durability;
+    std::atomic<uint64_t> &changes;
+
+    std::mutex readMutex;
+    std::unique_ptr<Connection> reader;
+
+    std::mutex queueMutex;
+    std::condition_variable finished;
+    Batch queue;
+    bool leading = false;
+    std::unique_ptr<Connection> writer;  // the leader's
+    int lockFd = -1;                     // the leader's
+};
+
+}  // namespace vshost
+
+#endif

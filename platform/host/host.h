@@ -1,0 +1,84 @@
+// The host that this process is on: a directory, named by the environment or by vshost_start, attached
+// at the first call that needs it.
+#ifndef PLATFORM_HOST_HOST_H
+#define PLATFORM_HOST_HOST_H
+
+#include <memory>
+#include <string>
+
+#include "platform/host/control.h"
+#include "platform/host/engine.h"
+
+namespace vshost {
+
+inline constexpr const char *ENVIRONMENT_DIRECTORY = "VSHOST_DIR";
+inline constexpr const char *ENVIRONMENT_DURABILITY = "VSHOST_DURABILITY";  // "disk" (default) or "process"
+inline constexpr const char *DEVICE_FILE = "dev/vswitch";                   // in the host's directory
+inline constexpr const char *RTM_FILE = "dev/rtm";
+
+class Host {
+public:
+    // Opens the host in `directory`, with `create` making the directory when it is missing.
+    static VsStatus Open(const std::string &directory, Durability durability, bool create,
+                         std::unique_ptr<Host> &host, std::string &message);
+
+    const std::string &Directory() const { return directory; }
+    Durability Durable() const { return durability; }
+    Control &GetControl() { return *control; }
+    Engine &GetEngine() { return *engine; }
+    void AbandonAfterFork();
+
+private:
+    Host(std::string directory, Durability durability) : directory(std::move(directory)), durability(durability) {}
+
+    const std::string directory;
+    const Durability durability;
+    std::unique_ptr<Control> control;
+    std::unique_ptr<Engine> engine;
+};
+
+// Holds the host for one call of the platform: until it is destroyed the host is neither dropped nor
+// forked away from. May be nested. A call must not fork while it holds one.
+class HostUse {
+public:
+    HostUse();
+    ~HostUse();
+    HostUse(const HostUse &) = delete;
+    HostUse &operator=(const HostUse &) = delete;
+
+    // Null when this process is on no host, or its host could not be opened.
+    Host *operator->() const { return host; }
+    explicit operator bool() const { return host != nullptr; }
+    Control *GetControl() const { return host ? &host->GetControl() : nullptr; }
+
+    // Why there is no host: STATUS_OK when none was named.
+    VsStatus Status() const;
+    // Changes whenever the process comes to another host.
+    uint64_t Serial() const;
+
+private:
+    Host *host;
+};
+
+// Says once on standard error how to start a host; for writes that have none.
+void SayNoHost();
+
+// The functions of vshost.h; `remove` in the end is automatic for throw-away hosts.
+int StartHost(const char *directory, bool durable);
+void StopHost();
+const char *HostDirectory();
+const char *LastError();
+// Keeps `message` for LastError() of this thread, and returns `error`.
+int SetError(int error, std::string message);
+
+// Makes the host, `tybel` and the preload known to the children of this process.
+void SetChildEnvironment(const std::string &directory, Durability durability);
+// Makes a throw-away directory in memory-backed files; empty when that fails (errno).
+std::string MakeThrowAwayDirectory();
+void RemoveHostDirectory(const std::string &directory);
+// The folder of this library, tybel and the preload.
+std::string PlatformDirectory();
+
+}  // namespace vshost
+
+#endif

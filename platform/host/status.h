@@ -1,0 +1,24 @@
+// Status codes of the platform: one code space for the store, its cache and its bundles.
+#ifndef PLATFORM_HOST_STATUS_H
+#define PLATFORM_HOST_STATUS_H
+
+#include <cstdint>
+
+namespace vshost {
+
+using VsStatus = uint32_t;
+
+inline constexpr VsStatus STATUS_OK = 0;
+inline constexpr VsStatus STATUS_FAILURE = 0x0BAD0001;
+inline constexpr VsStatus STATUS_NOT_FOUND = 0x0BAD0003;
+inline constexpr VsStatus STATUS_EXISTS = 0x0BAD0005;
+inline constexpr VsStatus STATUS_TOO_LARGE = 0x0BAD0006;
+inline constexpr VsStatus STATUS_BAD_PARAM = 0x0BAD0007;
+inline constexpr VsStatus STATUS_IO_ERROR = 0x0BAD0008;
+inline constexpr VsStatus STATUS_NO_MEMORY = 0x0BAD0014;
+inline constexpr VsStatus STATUS_NO_SPACE = 0x0BAD001A;
+inline constexpr VsStatus STATUS_READ_ONLY = 0x0BAD0022;
+
+}  // namespace vshost
+
+#endif

@@ -1,0 +1,85 @@
+// The host's stored tables, typed: switches, ports with their kernel numbers, and properties.
+// All of them take a Reader (the engine or a transaction) or, to change something, a Transaction.
+// An unknown switch, port or property is STATUS_NOT_FOUND; a damaged row is STATUS_IO_ERROR.
+#ifndef PLATFORM_HOST_TABLES_H
+#define PLATFORM_HOST_TABLES_H
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "platform/host/engine.h"
+
+namespace vshost {
+
+inline constexpr size_t MAX_SWITCH_ID = 63;
+inline constexpr uint32_t MAX_PORTS = 1048576;  // of a host, all switches together
+
+inline constexpr std::string_view KEY_ALIAS = "com.talpex.common.alias";
+inline constexpr std::string_view KEY_PORTSET = "com.talpex.common.host.portset";
+inline constexpr std::string_view KEY_HOST_UPLINKS = "com.talpex.common.host.uplinkPorts";
+inline constexpr std::string_view KEY_PORT_STATUS = "com.talpex.common.port.volatile.status";
+
+enum class Level : uint32_t { GLOBAL, HOST, PORT };
+
+// Where properties hang: a switch, this host's view of it, or one of its ports.
+struct PropertyOwner {
+    Level level;
+    std::string_view switchId;
+    std::string_view portId = {};
+};
+
+struct Property {
+    uint32_t flags = 0;
+    std::string value;
+};
+
+struct Switch {
+    std::string className;
+    uint32_t ports = 0;
+    uint32_t version = 0;
+    bool associated = false;
+};
+
+struct PortName {
+    std::string switchId;
+    std::string portId;
+};
+
+// Joins the fields of a key by NUL bytes. Prefixes of scans are made with an empty last field.
+std::string Key(std::initializer_list<std::string_view> fields);
+// A number as four bytes that sort like it, and back.
+std::string BigEndian(uint32_t number);
+uint32_t FromBigEndian(std::string_view bytes);
+// The text of a property: its bytes before the first NUL.
+std::string_view Text(std::string_view value);
+
+VsStatus GetSwitch(Reader &reader, std::string_view switchId, Switch &found);
+VsStatus AddSwitch(Transaction &transaction, std::string_view switchId, const Switch &added);
+VsStatus RemoveSwitch(Transaction &transaction, std::string_view switchId);
+VsStatus AssociateSwitch(Transaction &transaction, std::string_view switchId, bool associated);
+VsStatus FindSwitchByAlias(Reader &reader, std::string_view alias, std::string &switchId);
+// The switch whose portset has exactly this name.
+VsStatus FindSwitchByPortset(Reader &reader, std::string_view portset, std::string &switchId);
+// All switches, the longest portset name first, those without one last. False ends the walk.
+VsStatus ForEachSwitch(Reader &reader,
+                       const std::function<bool(std::string_view switchId, std::string_view className)> &visit);
+
+VsStatus GetPortNumber(Reader &reader, std::string_view switchId, std::string_view portId, uint32_t &number);
+VsStatus GetPortByNumber(Reader &reader, uint32_t number, PortName &port);
+VsStatus ForEachPort(Reader &reader, std::string_view switchId,
+                     const std::function<bool(std::string_view portId, uint32_t number)> &visit);
+// Adds a port with all properties of a sealed bundle; a damaged bundle is STATUS_BAD_PARAM.
+VsStatus AddPort(Transaction &transaction, std::string_view switchId, std::string_view portId,
+                 std::string_view bundle);
+VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::string_view portId);
+
+VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &found);
+VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key, uint32_t flags,
+                     std::string_view value);
+VsStatus ClearProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key);
+
+}  // namespace vshost
+
+#endif
