@@ -47,7 +47,7 @@ public:
     void Clear();
     void Record(bool on);
     size_t CallCount() const;
-    int Call(size_t index, vshost_call &call) const;
+    int Call(size_t index, struct vshost_call &call) const;
 
     // The standing answer to a driver command or shell verb, used up by one; false when there is none.
     bool TakeAnswer(uint32_t command, std::string &bytes);
@@ -58,7 +58,7 @@ private:
     Control(std::string path, int fd, ControlBlock *block);
     bool MustFail(vshost_kind kind, const char *operation, uint32_t &outcome);
     uint64_t ReserveCall();
-    void WriteCall(uint64_t index, const vshost_call &call);
+    void WriteCall(uint64_t index, const struct vshost_call &call);
     bool Idle() const;
 
     const std::string path;
