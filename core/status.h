@@ -1,0 +1,5 @@
+#pragma once
+
+#include "vswitchctl.h"
+
+VsStatus ErrnoToStatus(int32_t error);

@@ -1,0 +1,55 @@
+// The platform's configuration store, as liborkPublic.so exports it.
+#pragma once
+
+#include "vswitchctl.h"
+
+struct SwitchHandle;
+struct PropHandle;
+struct DataBundle;
+
+extern "C" {
+
+// Getters hand out a buffer that goes back with DVSZOR_DataFree, and nothing when they fail.
+VsStatus DVSZOR_GlobalPropGet(const char *switchId, const char *key, void **value, uint32_t *length);
+VsStatus DVSZOR_GlobalPropSet(const char *switchId, const char *key, const void *value, uint32_t length,
+                              uint32_t flags);
+VsStatus DVSZOR_GlobalPropClear(const char *switchId, const char *key);
+VsStatus DVSZOR_HostPropGet(const char *switchId, const char *key, void **value, uint32_t *length);
+VsStatus DVSZOR_HostPropSet(const char *switchId, const char *key, const void *value, uint32_t length,
+                            uint32_t flags);
+VsStatus DVSZOR_HostPropClear(const char *switchId, const char *key);
+VsStatus DVSZOR_PortDataGet(const char *switchId, const char *dvPortId, const char *key, void **value,
+                            uint32_t *length);
+VsStatus DVSZOR_PortDataSet(const char *switchId, const char *dvPortId, const char *key, const void *value,
+                            uint32_t length, uint32_t flags);
+VsStatus DVSZOR_PortDataClear(const char *switchId, const char *dvPortId, const char *key);
+void DVSZOR_DataFree(void *buffer);
+
+VsStatus DVSZOR_PortAdd(const char *switchId, const char *dvPortId, const void *bundle, uint32_t length);
+VsStatus DVSZOR_PortRemove(const char *switchId, const char *dvPortId);
+VsStatus DVSZOR_SwitchAdd(const char *switchId, const char *className, uint32_t numPorts, uint32_t version);
+VsStatus DVSZOR_SwitchRemove(const char *switchId);
+VsStatus DVSZOR_SwitchAssociate(const char *switchId);
+VsStatus DVSZOR_SwitchDissociate(const char *switchId);
+
+// The buffer of StateGet goes back with free.
+VsStatus DVSZOR_StateGet(void **configuration, uint32_t *length);
+
+// The in-process cache. What it lends is never released and stays valid until a reset.
+VsStatus DVSState_ConfigReset(void);
+VsStatus DVSState_ConfigDeserialize(const void *configuration, uint32_t length);
+SwitchHandle *DVSState_SwitchFindByAlias(const char *alias);
+void DVSState_SwitchForEach(int (*callback)(SwitchHandle *, void *), void *context);
+void *DVSState_PortFind(const char *switchId, const char *dvPortId);
+VsStatus DVSState_GlobalPropLookup(const char *switchId, const char *key, PropHandle **property);
+VsStatus DVSState_HostPropLookup(const char *switchId, const char *key, PropHandle **property);
+const char *DVS_ClassName(SwitchHandle *handle);
+const char *DVS_SwitchId(SwitchHandle *handle);
+void DVSData_Data(PropHandle *property, void **data);
+
+// Property bundles; a serialized one comes from the bundle's allocation function.
+VsStatus DVSData_Alloc(DataBundle **bundle, void *(*allocate)(size_t), void (*release)(void *));
+void DVSData_Update(DataBundle *bundle, const char *key, const void *value, uint32_t length, uint32_t flags);
+VsStatus DVSData_Serialize(DataBundle *bundle, void **buffer, uint32_t *length, uint32_t kind);
+void DVSData_Free(DataBundle *bundle);
+}
