@@ -1,0 +1,373 @@
+#include "platform/driver/runtime.h"
+
+#include <algorithm>
+#include <map>
+
+namespace vshost {
+
+namespace {
+
+constexpr std::string_view RUN = "run";
+constexpr size_t UPLINK_ENTRY = 48;
+
+std::string FreeNicKey(std::string_view name)
+{
+    return Key({RUN, "free", ""}) + static_cast<char>(name.size()) + std::string(name);
+}
+
+std::string BoundKey(std::string_view switchId, std::string_view portId)
+{
+    return Key({RUN, "bound", switchId, portId});
+}
+
+std::string OnDemandKey(uint32_t number) { return Key({RUN, "demand", ""}) + BigEndian(number); }
+
+std::string BigEndian16(uint16_t number) { return BigEndian(number).substr(2); }
+
+// The part of a key behind the prefix.
+std::string_view Rest(std::string_view key, std::string_view prefix) { return key.substr(prefix.size()); }
+
+VsStatus RemoveAll(Transaction &transaction, std::string_view prefix,
+                   const std::function<bool(std::string_view key, std::string_view value)> &matches)
+{
+    std::vector<std::string> keys;
+    VsStatus status = transaction.Scan(prefix, [&](std::string_view key, std::string_view value) {
+        if (matches(key, value)) keys.emplace_back(key);
+        return true;
+    });
+    for (size_t i = 0; i < keys.size() && !status; ++i)
+        status = transaction.Remove(keys[i]);
+    return status;
+}
+
+bool IsFromScenario(std::string_view value)
+{
+    return value.size() == sizeof(MacRecord) && value[offsetof(MacRecord, fromScenario)] != 0;
+}
+
+// The first free NIC, or a new one.
+VsStatus TakeFreeNic(Transaction &transaction, std::string &name, Nic &nic)
+{
+    name.clear();
+    const std::string prefix = Key({RUN, "free", ""});
+    VsStatus status = transaction.Scan(prefix, [&](std::string_view key, std::string_view) {
+        name = Rest(key, prefix).substr(1);
+        return false;
+    });
+    if (status || name.empty()) return status ? status : STATUS_NOT_FOUND;
+    return GetRecord(transaction, runtime::NicKey(name), nic);
+}
+
+VsStatus MakeNic(Transaction &transaction, std::string &name, Nic &nic)
+{
+    const std::string prefix = Key({RUN, "demand", ""});
+    uint32_t number = 0;
+    VsStatus status = transaction.Scan(
+        prefix,
+        [&](std::string_view key, std::string_view) {
+            number = FromBigEndian(Rest(key, prefix)) + 1;
+            return false;
+        },
+        Order::BACKWARD);
+    while (!status) {
+        name = "nic" + std::to_string(number);
+        status = GetRecord(transaction, runtime::NicKey(name), nic);
+        if (status == STATUS_OK) ++number;
+    }
+    if (status != STATUS_NOT_FOUND) return status;
+    nic = Nic{};
+    nic.madeOnDemand = 1;
+    return transaction.Put(OnDemandKey(number), name);
+}
+
+VsStatus Bind(Transaction &transaction, std::string_view name, Nic nic, std::string_view switchId,
+              std::string_view portId)
+{
+    SetField(nic.switchId, switchId);
+    SetField(nic.portId, portId);
+    VsStatus status = transaction.Remove(FreeNicKey(name));
+    if (!status) status = transaction.Put(BoundKey(switchId, portId), name);
+    if (!status) status = PutRecord(transaction, runtime::NicKey(name), nic);
+    return status;
+}
+
+VsStatus BindAnyNic(Transaction &transaction, std::string_view switchId, std::string_view portId)
+{
+    std::string name;
+    Nic nic;
+    VsStatus status = TakeFreeNic(transaction, name, nic);
+    if (status == STATUS_NOT_FOUND) status = MakeNic(transaction, name, nic);
+    return status ? status : Bind(transaction, name, nic, switchId, portId);
+}
+
+// Takes a NIC off its port, and away when it was made for it.
+VsStatus Unbind(Transaction &transaction, std::string_view name, Nic nic)
+{
+    VsStatus status = transaction.Remove(BoundKey(FieldText(nic.switchId), FieldText(nic.portId)));
+    if (status) return status;
+    if (nic.madeOnDemand) {
+        status = transaction.Remove(runtime::NicKey(name));
+        const auto number = static_cast<uint32_t>(std::stoul(std::string(name.substr(3))));
+        return status ? status : transaction.Remove(OnDemandKey(number));
+    }
+    SetField(nic.switchId, {});
+    SetField(nic.portId, {});
+    status = transaction.Put(FreeNicKey(name), {});
+    return status ? status : PutRecord(transaction, runtime::NicKey(name), nic);
+}
+
+// The NICs bound to a switch, by port.
+VsStatus BoundNics(Reader &reader, std::string_view switchId, std::map<std::string, std::string> &nics)
+{
+    const std::string prefix = BoundKey(switchId, "");
+    return reader.Scan(prefix, [&](std::string_view key, std::string_view name) {
+        nics.emplace(Rest(key, prefix), name);
+        return true;
+    });
+}
+
+// Forgets the MAC addresses of ports that are gone.
+VsStatus DropMacsOfLostPorts(Transaction &transaction, std::string_view switchId)
+{
+    std::string portset;
+    VsStatus status = PortsetOfSwitch(transaction, switchId, portset);
+    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    const std::string prefix = runtime::MacPrefix(portset, {});
+    std::vector<std::string> keys;
+    status = transaction.Scan(prefix, [&](std::string_view key, std::string_view value) {
+        if (!IsFromScenario(value)) keys.emplace_back(key);
+        return true;
+    });
+    for (size_t i = 0; i < keys.size() && !status; ++i) {
+        uint32_t number;
+        status = GetPortNumber(transaction, switchId, Text(Rest(keys[i], prefix)), number);
+        if (status == STATUS_NOT_FOUND) status = transaction.Remove(keys[i]);
+    }
+    return status;
+}
+
+}
+
+namespace runtime {
+
+std::string PortsetKey(std::string_view name) { return Key({RUN, "portset", name}); }
+
+std::string NicKey(std::string_view name)
+{
+    return Key({RUN, "nic", ""}) + static_cast<char>(name.size()) + std::string(name);
+}
+
+std::string MacPrefix(std::string_view portset, std::string_view portId)
+{
+    return portId.empty() ? Key({RUN, "mac", portset, ""}) : Key({RUN, "mac", portset, portId, ""});
+}
+
+std::string MacKey(std::string_view portset, std::string_view portId, uint16_t vlanId, const uint8_t *address)
+{
+    return MacPrefix(portset, portId) + BigEndian16(vlanId) +
+           std::string(reinterpret_cast<const char *>(address), 6);
+}
+
+std::string LagKey(std::string_view portset, std::string_view name)
+{
+    return Key({RUN, "lag", portset, name});
+}
+
+std::string GroupPrefix(std::string_view portset, uint32_t addressKind)
+{
+    return Key({RUN, "group", portset, std::to_string(addressKind), ""});
+}
+
+std::string GroupKey(std::string_view portset, uint32_t addressKind, uint32_t vlanId,
+                     std::string_view address)
+{
+    return GroupPrefix(portset, addressKind) + BigEndian(vlanId) + std::string(address);
+}
+
+std::string OptionKey(uint16_t id) { return Key({RUN, "option", ""}) + BigEndian16(id); }
+
+std::string PortStatsKey(std::string_view portset, std::string_view portId)
+{
+    return Key({RUN, "learned", portset, portId});
+}
+
+std::string MirrorStatsKey(std::string_view portset, std::string_view sessionId)
+{
+    return Key({RUN, "mirror", portset, sessionId});
+}
+
+std::string RarpKey(std::string_view portset) { return Key({RUN, "rarp", portset}); }
+
+std::string TeamingKey(std::string_view portset) { return Key({RUN, "teaming", portset}); }
+
+std::string PromiscuousKey(std::string_view portset) { return Key({RUN, "promiscuous", portset}); }
+
+std::string LearningPropsKey() { return Key({RUN, "learning"}); }
+
+std::string RtmKey(uint32_t command) { return Key({RUN, "rtm", ""}) + BigEndian(command); }
+
+}
+
+bool Nic::TakesMtu(uint32_t wanted) const
+{
+    return wanted >= MIN_MTU && wanted <= maxMtu &&
+           std::find(std::begin(refusedMtus), std::end(refusedMtus), wanted) == std::end(refusedMtus);
+}
+
+VsStatus PortsetOfSwitch(Reader &reader, std::string_view switchId, std::string &portset)
+{
+    Property property;
+    VsStatus status = GetProperty(reader, {Level::HOST, switchId}, KEY_PORTSET, property);
+    if (status == STATUS_NOT_FOUND)
+        status = GetProperty(reader, {Level::GLOBAL, switchId}, KEY_ALIAS, property);
+    if (!status) portset = Text(property.value);
+    return status;
+}
+
+VsStatus SwitchOfPortset(Reader &reader, std::string_view portset, std::string &switchId)
+{
+    VsStatus status = FindSwitchByPortset(reader, portset, switchId);
+    if (status != STATUS_NOT_FOUND) return status;
+    std::string named;
+    status = FindSwitchByAlias(reader, portset, switchId);
+    if (!status) status = PortsetOfSwitch(reader, switchId, named);
+    if (!status && named != portset) status = STATUS_NOT_FOUND;
+    return status;
+}
+
+VsStatus AddPortset(Transaction &transaction, std::string_view name, const Portset &portset)
+{
+    Portset existing;
+    VsStatus status = GetRecord(transaction, runtime::PortsetKey(name), existing);
+    if (status != STATUS_NOT_FOUND) return status ? status : STATUS_EXISTS;
+    if ((status = PutRecord(transaction, runtime::PortsetKey(name), portset))) return status;
+    std::string switchId;
+    status = SwitchOfPortset(transaction, name, switchId);
+    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    return UplinksChanged(transaction, switchId);
+}
+
+VsStatus RemovePortset(Transaction &transaction, std::string_view name)
+{
+    Portset portset;
+    VsStatus status = GetRecord(transaction, runtime::PortsetKey(name), portset);
+    if (!status) status = transaction.Remove(runtime::PortsetKey(name));
+    if (status) return status;
+    return RemoveAll(transaction, runtime::MacPrefix(name, {}),
+                     [](std::string_view, std::string_view value) { return !IsFromScenario(value); });
+}
+
+VsStatus ListPortsets(Reader &reader, std::vector<std::string> &names)
+{
+    const std::string prefix = runtime::PortsetKey("");
+    return reader.Scan(prefix, [&](std::string_view key, std::string_view) {
+        names.emplace_back(Rest(key, prefix));
+        return true;
+    });
+}
+
+VsStatus ListNics(Reader &reader, std::vector<NamedNic> &nics)
+{
+    const std::string prefix = Key({RUN, "nic", ""});
+    bool whole = true;
+    const VsStatus status = reader.Scan(prefix, [&](std::string_view key, std::string_view value) {
+        NamedNic &entry = nics.emplace_back();
+        entry.name = Rest(key, prefix).substr(1);
+        whole = value.size() == sizeof entry.nic;
+        if (whole) memcpy(static_cast<void *>(&entry.nic), value.data(), sizeof entry.nic);
+        return whole;
+    });
+    return whole ? status : STATUS_IO_ERROR;
+}
+
+VsStatus PutNic(Transaction &transaction, std::string_view name, Nic nic)
+{
+    VsStatus status = STATUS_OK;
+    if (nic.madeOnDemand) {
+        nic.madeOnDemand = 0;
+        const auto number = static_cast<uint32_t>(std::stoul(std::string(name.substr(3))));
+        status = transaction.Remove(OnDemandKey(number));
+    }
+    if (!status && !nic.portId[0]) status = transaction.Put(FreeNicKey(name), {});
+    return status ? status : PutRecord(transaction, runtime::NicKey(name), nic);
+}
+
+VsStatus ListUplinkPorts(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds)
+{
+    Property property;
+    const VsStatus status = GetProperty(reader, {Level::HOST, switchId}, KEY_HOST_UPLINKS, property);
+    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    uint32_t count = 0;
+    if (property.value.size() >= sizeof count) memcpy(&count, property.value.data(), sizeof count);
+    for (size_t i = 0, at = sizeof count; i < count && at + UPLINK_ENTRY <= property.value.size();
+         ++i, at += UPLINK_ENTRY)
+        portIds.emplace_back(Text(std::string_view(property.value).substr(at, UPLINK_ENTRY)));
+    return STATUS_OK;
+}
+
+VsStatus ListUplinks(Reader &reader, std::string_view switchId, std::vector<NamedNic> &nics)
+{
+    std::vector<std::string> portIds;
+    std::map<std::string, std::string> bound;
+    VsStatus status = ListUplinkPorts(reader, switchId, portIds);
+    if (!status) status = BoundNics(reader, switchId, bound);
+    for (size_t i = 0; i < portIds.size() && !status; ++i) {
+        const auto found = bound.find(portIds[i]);
+        if (found == bound.end()) continue;
+        NamedNic &entry = nics.emplace_back();
+        entry.name = found->second;
+        bound.erase(found);
+        status = GetRecord(reader, runtime::NicKey(entry.name), entry.nic);
+    }
+    return status;
+}
+
+VsStatus BindNic(Transaction &transaction, std::string_view name, std::string_view switchId,
+                 std::string_view portId)
+{
+    std::vector<std::string> portIds;
+    Nic nic;
+    if (VsStatus status = GetRecord(transaction, runtime::NicKey(name), nic)) return status;
+    if (VsStatus status = ListUplinkPorts(transaction, switchId, portIds)) return status;
+    if (std::find(portIds.begin(), portIds.end(), portId) == portIds.end()) return STATUS_NOT_FOUND;
+
+    const std::string oldSwitch(FieldText(nic.switchId)), oldPort(FieldText(nic.portId));
+    if (oldSwitch == switchId && oldPort == portId) return STATUS_OK;
+    std::string displaced;
+    VsStatus status = transaction.Get(BoundKey(switchId, portId), displaced);
+    if (!status) status = ReleaseNic(transaction, displaced);
+    if (status && status != STATUS_NOT_FOUND) return status;
+    if (!oldPort.empty() && (status = transaction.Remove(BoundKey(oldSwitch, oldPort)))) return status;
+    if ((status = Bind(transaction, name, nic, switchId, portId))) return status;
+    return oldPort.empty() ? STATUS_OK : UplinksChanged(transaction, oldSwitch);
+}
+
+VsStatus ReleaseNic(Transaction &transaction, std::string_view name)
+{
+    Nic nic;
+    const VsStatus status = GetRecord(transaction, runtime::NicKey(name), nic);
+    return status || !nic.portId[0] ? status : Unbind(transaction, name, nic);
+}
+
+VsStatus UplinksChanged(Transaction &transaction, std::string_view switchId)
+{
+    std::vector<std::string> portIds;
+    std::map<std::string, std::string> bound;
+    VsStatus status = ListUplinkPorts(transaction, switchId, portIds);
+    if (!status) status = BoundNics(transaction, switchId, bound);
+    for (const auto &[portId, nic] : bound)
+        if (!status && std::find(portIds.begin(), portIds.end(), portId) == portIds.end())
+            status = ReleaseNic(transaction, nic);
+    for (const std::string &portId : portIds) {
+        if (status) break;
+        if (bound.emplace(portId, std::string()).second) status = BindAnyNic(transaction, switchId, portId);
+    }
+    return status ? status : DropMacsOfLostPorts(transaction, switchId);
+}
+
+VsStatus ResetRuntime(Transaction &transaction)
+{
+    return RemoveAll(transaction, Key({RUN, ""}), [](std::string_view, std::string_view) { return true; });
+}
+
+}

@@ -1,0 +1,143 @@
+// The host's runtime tables: what runs, and what is plugged in. They live beside the stored tables, in
+// records of fixed size, and end when the host is reset.
+#ifndef PLATFORM_DRIVER_RUNTIME_H
+#define PLATFORM_DRIVER_RUNTIME_H
+
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/host/tables.h"
+#include "platform/include/vswitch_driver.h"
+
+namespace vshost {
+
+inline constexpr size_t MAX_PORTSET_NAME = 127;
+inline constexpr size_t MAX_NIC_NAME = 31;
+inline constexpr uint32_t MIN_MTU = 1280;
+inline constexpr uint32_t MAX_MTU = 9000;
+inline constexpr uint32_t DEFAULT_MTU = 1500;
+inline constexpr size_t MAX_REFUSED_MTUS = 8;
+
+// A running switch.
+struct [[gnu::packed]] Portset {
+    char className[32] = {};
+    uint32_t ports = 0;
+    uint32_t mtu = DEFAULT_MTU;
+};
+
+// A physical NIC. One that was made because an uplink port needed it goes when that port releases it,
+// unless somebody configured it since.
+struct [[gnu::packed]] Nic {
+    uint32_t speed = 10000; // Mb/s
+    uint8_t fullDuplex = 1;
+    uint8_t link = 1; // there is a carrier
+    uint8_t adminUp = 1;
+    uint8_t madeOnDemand = 0;
+    int32_t numaNode = 0;       // of the device
+    int32_t driverNumaNode = 0; // what the driver last read of it
+    uint32_t mtu = DEFAULT_MTU;
+    uint32_t maxMtu = MAX_MTU;
+    uint32_t refusedMtus[MAX_REFUSED_MTUS] = {};
+    char switchId[64] = {}; // the uplink port that it is bound to; empty when it is free
+    char portId[48] = {};
+
+    bool LinkUp() const { return link && adminUp; }
+    bool TakesMtu(uint32_t mtu) const;
+};
+
+struct NamedNic {
+    std::string name;
+    Nic nic;
+};
+
+// An entry of a port's MAC table. Those of the scenario outlive the portset.
+struct [[gnu::packed]] MacRecord {
+    uint8_t type = VSWITCH_MAC_STATIC;
+    uint8_t flags = 0;
+    uint32_t age = 0;
+    uint8_t fromScenario = 0;
+};
+
+// Keys of the tables. State of a portset is kept under its name, whether it runs yet or not.
+namespace runtime {
+std::string PortsetKey(std::string_view name);
+std::string NicKey(std::string_view name); // sorts nic2 before nic10
+std::string MacPrefix(std::string_view portset, std::string_view portId);
+std::string MacKey(std::string_view portset, std::string_view portId, uint16_t vlanId,
+                   const uint8_t *address);
+std::string LagKey(std::string_view portset, std::string_view name);
+std::string GroupPrefix(std::string_view portset, uint32_t addressKind);
+std::string GroupKey(std::string_view portset, uint32_t addressKind, uint32_t vlanId,
+                     std::string_view address);
+std::string OptionKey(uint16_t id);
+std::string PortStatsKey(std::string_view portset, std::string_view portId);
+std::string MirrorStatsKey(std::string_view portset, std::string_view sessionId);
+std::string RarpKey(std::string_view portset);
+std::string TeamingKey(std::string_view portset);
+std::string PromiscuousKey(std::string_view portset); // port ids, each with its NUL
+std::string LearningPropsKey();
+std::string RtmKey(uint32_t command);
+}
+
+// A record of a table: STATUS_NOT_FOUND when it is absent, STATUS_IO_ERROR when it has another size.
+template<class Record> VsStatus GetRecord(Reader &reader, std::string_view key, Record &record)
+{
+    std::string value;
+    if (VsStatus status = reader.Get(key, value)) return status;
+    if (value.size() != sizeof record) return STATUS_IO_ERROR;
+    memcpy(static_cast<void *>(&record), value.data(), sizeof record);
+    return STATUS_OK;
+}
+
+template<class Record>
+VsStatus PutRecord(Transaction &transaction, std::string_view key, const Record &record)
+{
+    return transaction.Put(key, {reinterpret_cast<const char *>(&record), sizeof record});
+}
+
+// The text of a field that is NUL-terminated unless it is full.
+template<size_t size> std::string_view FieldText(const char (&field)[size])
+{
+    return {field, strnlen(field, size)};
+}
+
+// `text` must be shorter than the field.
+template<size_t size> void SetField(char (&field)[size], std::string_view text)
+{
+    memset(field, 0, size);
+    memcpy(field, text.data(), text.size() < size ? text.size() : size - 1);
+}
+
+// The name of a switch's portset: the host property, otherwise the alias, otherwise STATUS_NOT_FOUND.
+VsStatus PortsetOfSwitch(Reader &reader, std::string_view switchId, std::string &portset);
+VsStatus SwitchOfPortset(Reader &reader, std::string_view portset, std::string &switchId);
+
+VsStatus AddPortset(Transaction &transaction, std::string_view name, const Portset &portset);
+VsStatus RemovePortset(Transaction &transaction, std::string_view name);
+VsStatus ListPortsets(Reader &reader, std::vector<std::string> &names);
+
+VsStatus ListNics(Reader &reader, std::vector<NamedNic> &nics);
+// Changes a NIC that is there; what is configured is no longer made on demand.
+VsStatus PutNic(Transaction &transaction, std::string_view name, Nic nic);
+// The uplink ports that this host's view of the switch lists.
+VsStatus ListUplinkPorts(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds);
+// The NICs bound to a switch, in the order of its uplink ports.
+VsStatus ListUplinks(Reader &reader, std::string_view switchId, std::vector<NamedNic> &nics);
+// Binds a NIC to an uplink port, which releases the port's own NIC; STATUS_NOT_FOUND when the port is no
+// uplink port of the switch.
+VsStatus BindNic(Transaction &transaction, std::string_view name, std::string_view switchId,
+                 std::string_view portId);
+VsStatus ReleaseNic(Transaction &transaction, std::string_view name);
+
+// To be called in the transaction that changes the uplink ports of a switch, or removes a port or the
+// switch: each uplink port has a NIC afterwards, and NICs and MAC entries of ports that went are released.
+VsStatus UplinksChanged(Transaction &transaction, std::string_view switchId);
+
+// Ends everything that runs.
+VsStatus ResetRuntime(Transaction &transaction);
+
+}
+
+#endif

@@ -1,0 +1,325 @@
+/*
+ * The records of the embedded host's switch driver: what its commands take and what they answer.
+ *
+ * Each record is packed, in the host's byte order, and its size is asserted at the end of this file. Names
+ * are NUL-terminated unless they fill their field (session ids only). Reserved bytes are zero.
+ *
+ * A command is one ioctl on the driver's device: the command's number and the address of a VSwitchRequest.
+ * The driver reads `inLength` bytes at `input` and writes at most `outLength` bytes at `output`; an answer
+ * that is longer is cut there. A list begins with a header that holds the number of entries there are,
+ * whatever room was given, and as many whole entries follow as fit.
+ *
+ * Refused requests change and write nothing. The errno says why:
+ *   EFAULT   an address is not readable, or not writable
+ *   EINVAL   an inLength that the command doesn't take, a name without terminator, a value out of range
+ *   ENOENT   no such portset or switch, multicast group, mirror session, MAC entry or option
+ *   ENODEV   no such uplink on that portset (or on the host), or no such port
+ *   ENOSPC   a table is full
+ *   ENOTTY   no such command
+ *   EIO      the host's database can't be read or written
+ */
+#ifndef VSWITCH_DRIVER_H
+#define VSWITCH_DRIVER_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define VSWITCH_DRIVER_PACKED __attribute__((packed))
+
+/** The driver's devices. The second takes any command number, see VSwitchRtmRecord. */
+#define VSWITCH_DRIVER_DEVICE "/dev/vswitch"
+#define VSWITCH_DRIVER_RTM_DEVICE "/krem/devices/char/zordriver/rtm"
+
+/**
+ * Command numbers. All but four take a VSwitchInput; which of its fields they read stands behind them.
+ * The comments name the answer; commands from 8193 on answer nothing.
+ */
+enum VSwitchCommand {
+    VSWITCH_GET_RARP_STATS = 4097,            /**< portset -> VSwitchRarpStats */
+    VSWITCH_GET_SERVICE_TEAMING_STATS = 4098, /**< portset -> VSwitchTeamingStats */
+    VSWITCH_GET_OPTIONS = 4099,               /**< u16 ids, or no input for all -> VSwitchOptions */
+    VSWITCH_GET_PROMISCUOUS_PORTS = 4100,     /**< portset -> list of u32 port numbers */
+    VSWITCH_GET_MIRROR_SESSIONS = 4101,       /**< portset -> list of char[32] session ids */
+    VSWITCH_GET_MIRROR_STATS = 4102,          /**< portset, sessionId -> VSwitchMirrorStats */
+    VSWITCH_GET_MCAST_MODE = 4103,            /**< portset -> u32: 0 legacy filtering, 1 snooping */
+    VSWITCH_GET_MCAST_GROUPS = 4104,          /**< portset, mcast -> list of group addresses */
+    VSWITCH_GET_MCAST_STATS = 4105,           /**< portset, mcast -> VSwitchMcastStats, source addresses */
+    VSWITCH_GET_UPLINKS = 4106,               /**< portset -> list of VSwitchUplink */
+    VSWITCH_GET_UPLINK_LINK = 4107,           /**< portset, uplink -> u32: 1 when the link is up */
+    VSWITCH_GET_UPLINK_LACP = 4108,           /**< portset, uplink -> u32: 1 in an active LAG with link */
+    VSWITCH_GET_LAGS = 4109,                  /**< portset -> VSwitchLagTable */
+    VSWITCH_GET_INFO = 4111,                  /**< portset -> VSwitchInfo */
+    VSWITCH_GET_PORT_MACS = 4117,             /**< switchId, dvPortId, mac.type -> list of VSwitchMacEntry */
+    VSWITCH_GET_TEAM_MACS = 4118,             /**< portset, mac.type -> list of VSwitchMacEntry */
+    VSWITCH_GET_PORT_LEARNING_STATS = 4119,   /**< switchId, dvPortId -> VSwitchPortLearningStats */
+    VSWITCH_GET_LEARNING_PROPS = 4120,        /**< no field -> VSwitchLearningProps */
+    VSWITCH_GET_LEARNING_INFO = 4121,         /**< portset -> VSwitchLearningInfo */
+    VSWITCH_GET_UPLINK_HINT = 4122,           /**< portId -> char[32]: the uplink that the port sends on */
+    VSWITCH_GET_UPLINK_PORT = 4123,           /**< uplink -> char[48]: dvPortId, empty when it is free */
+    VSWITCH_GET_PORT_LS_POLICY = 4124,        /**< portId -> char[136]: the policy's name, empty for none */
+    VSWITCH_GET_LS_POLICIES = 4125,           /**< portset -> u32 count, entries of 2748 bytes as stored */
+    VSWITCH_GET_SWITCHES = 4126,              /**< u32 kind -> list, see VSWITCH_LIST_PORTSETS */
+    VSWITCH_SET_OPTIONS = 8193,               /**< VSwitchOptions; inLength is its length */
+    VSWITCH_SET_UPLINK_ADMIN = 8194,          /**< portset, uplink with adminUp */
+    VSWITCH_SET_PORT_MAC = 8195,              /**< switchId, dvPortId, mac: added, or replaced */
+    VSWITCH_CLEAR_PORT_MAC = 8196,            /**< switchId, dvPortId, mac: its address and VLAN count */
+    VSWITCH_SET_LEARNING_PROPS = 8197,        /**< learning */
+    VSWITCH_REFRESH_NUMA = 8198               /**< portset: its uplinks' NUMA nodes are read anew */
+};
+
+/** Header of a request. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchRequest {
+    uint32_t inLength;
+    uint32_t outLength;
+    uint64_t input;
+    uint64_t output;
+} VSwitchRequest;
+
+/** One entry of a MAC table. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchMacEntry {
+    uint8_t address[6];
+    uint8_t type;    /**< VSWITCH_MAC_…; in a table's request it selects the entries */
+    uint8_t flags;   /**< reserved, kept as it is set */
+    uint16_t vlanId; /**< 0: untagged; at most 4094 */
+    uint32_t age;    /**< seconds since the address was last seen; 0 for a static one */
+    uint32_t portId; /**< kernel number of the port; filled by the driver */
+} VSwitchMacEntry;
+
+#define VSWITCH_MAC_ANY 0     /**< request: entries of every type; an entry set with it becomes static */
+#define VSWITCH_MAC_STATIC 1  /**< set by a command */
+#define VSWITCH_MAC_LEARNED 2 /**< seen on the port */
+
+/** Properties of MAC learning that hold for every switch of the host. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchLearningProps {
+    uint8_t enabled;
+    uint32_t agingSeconds;
+    uint32_t limit; /**< addresses over all ports */
+} VSwitchLearningProps;
+
+/** Which multicast groups: those of one VLAN or, with 0, of all; of one kind of address. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchMcastSelector {
+    uint32_t vlanId;
+    uint32_t addressKind; /**< VSWITCH_ADDRESS_…; another kind has no groups */
+    uint8_t group[16];    /**< VSWITCH_GET_MCAST_STATS only: the first 4 or all 16 bytes */
+} VSwitchMcastSelector;
+
+#define VSWITCH_ADDRESS_ETHERNET 0 /**< 6 bytes */
+#define VSWITCH_ADDRESS_IPV4 2     /**< 4 bytes, network order */
+#define VSWITCH_ADDRESS_IPV6 3     /**< 16 bytes */
+
+/** One uplink. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchUplinkArgument {
+    char name[32];    /**< name of the physical NIC */
+    uint32_t adminUp; /**< VSWITCH_SET_UPLINK_ADMIN only: 1 up, 0 down */
+} VSwitchUplinkArgument;
+
+/** Input of every command that doesn't name another one. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchInput {
+    union {
+        char portset[128];
+        char switchId[64];
+    } name;
+    union {
+        char dvPortId[48];
+        uint32_t portId; /**< kernel number */
+    } port;
+    union {
+        VSwitchUplinkArgument uplink;
+        VSwitchMcastSelector mcast;
+        VSwitchMacEntry mac;
+        VSwitchLearningProps learning;
+        char sessionId[32];
+    } args;
+} VSwitchInput;
+
+/** Header of a list; the entries follow. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchListHeader {
+    uint32_t count;
+    uint32_t aux; /**< the kind, in the answer of VSWITCH_GET_SWITCHES; the address kind, in that of
+                       VSWITCH_GET_MCAST_GROUPS; else 0 */
+} VSwitchListHeader;
+
+#define VSWITCH_LIST_PORTSETS                                                                                \
+    1u /**< kind 1: names of the portsets, char[128]. Any other kind: the aliases of                         \
+            their switches, char[81], the portset's name where it has no switch */
+
+/** VSWITCH_GET_INFO. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchInfo {
+    char portset[128];
+    char switchId[64];  /**< empty when no switch of the store names this portset */
+    uint32_t ports;     /**< capacity of the portset */
+    uint32_t usedPorts; /**< ports of the switch */
+    uint32_t mtu;       /**< bytes */
+    uint16_t uplinks;   /**< physical NICs bound to the switch */
+    uint16_t flags;     /**< VSWITCH_INFO_… */
+} VSwitchInfo;
+
+#define VSWITCH_INFO_ASSOCIATED 1u   /**< the switch is associated with this host */
+#define VSWITCH_INFO_SNOOPING 2u     /**< multicast mode is snooping */
+#define VSWITCH_INFO_MIRRORING 4u    /**< there are mirror sessions */
+#define VSWITCH_INFO_MAC_LEARNING 8u /**< some port learns addresses */
+
+/** Entry of VSWITCH_GET_UPLINKS. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchUplink {
+    char name[32];  /**< name of the physical NIC */
+    uint32_t flags; /**< VSWITCH_UPLINK_… */
+} VSwitchUplink;
+
+#define VSWITCH_UPLINK_LINK_UP 1u     /**< it has a link and is administratively up */
+#define VSWITCH_UPLINK_ADMIN_UP 2u    /**< administratively up */
+#define VSWITCH_UPLINK_FULL_DUPLEX 4u /**< */
+#define VSWITCH_UPLINK_IN_LAG 8u      /**< member of a LAG */
+
+/** One link aggregation group. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchLag {
+    char name[32];
+    uint8_t mode;         /**< LACP: 0 passive, 1 active */
+    uint8_t fastTimeout;  /**< LACP: 1 short, 0 long */
+    uint8_t loadBalance;  /**< number of the hash algorithm, as the scenario gives it */
+    uint8_t linkUp;       /**< 1 when at least one member has a link */
+    uint32_t memberCount; /**< 0 to 16 */
+    uint32_t linkMask;    /**< bit i: member i has a link */
+    char members[16][32]; /**< names of physical NICs */
+} VSwitchLag;
+
+/** VSWITCH_GET_LAGS: always whole; entries from `count` on are zero. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchLagTable {
+    uint32_t count;
+    VSwitchLag lags[64];
+} VSwitchLagTable;
+
+/** VSWITCH_GET_PORT_LEARNING_STATS. The entries and the limit are live; the rest comes from a scenario. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchPortLearningStats {
+    uint32_t entries; /**< addresses in the port's table, static ones included */
+    uint32_t limit;   /**< from the port's MAC learning policy, 4096 by default */
+    uint32_t learned; /**< addresses learned, ever */
+    uint32_t moved;   /**< addresses that came from another port */
+    uint32_t aged;    /**< addresses forgotten by age */
+    uint32_t refused; /**< addresses refused for the limit */
+    uint32_t dropped; /**< packets dropped with them */
+} VSwitchPortLearningStats;
+
+/** VSWITCH_GET_LEARNING_INFO. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchLearningInfo {
+    uint32_t agingSeconds;   /**< from the switch's MAC learning policy, 600 by default */
+    uint32_t limit;          /**< from the same, 65536 by default */
+    uint8_t policyByte;      /**< from the same */
+    uint8_t learnStatic;     /**< 1 when static addresses are learned too */
+    uint8_t reserved[2];     /**< */
+    uint32_t learningPorts;  /**< ports whose policy lets them learn */
+    uint32_t entries;        /**< addresses in all tables of the switch */
+    uint32_t staticEntries;  /**< of them, static */
+    uint32_t learnedEntries; /**< of them, learned */
+    uint32_t teamEntries;    /**< of them, behind the uplinks */
+    uint32_t learned;        /**< sums over the ports, see VSwitchPortLearningStats */
+    uint32_t moved;          /**< */
+    uint32_t aged;           /**< */
+    uint32_t refused;        /**< */
+    uint32_t dropped;        /**< */
+} VSwitchLearningInfo;
+
+/** VSWITCH_GET_RARP_STATS: announcements of a moved port's address to the physical network. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchRarpStats {
+    uint64_t sent;
+    uint64_t failed;
+} VSwitchRarpStats;
+
+/** VSWITCH_GET_SERVICE_TEAMING_STATS. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchTeamingStats {
+    uint64_t txPackets;
+    uint64_t txBytes;
+    uint64_t rxPackets;
+    uint64_t rxBytes;
+    uint64_t failovers; /**< changes from an uplink that lost its link */
+    uint64_t failbacks; /**< and back */
+} VSwitchTeamingStats;
+
+/** VSWITCH_GET_MIRROR_STATS. The state is live; the counters come from a scenario. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchMirrorStats {
+    char sessionId[32];
+    uint8_t active; /**< 1: the portset runs the session */
+    uint64_t mirroredPackets;
+    uint64_t mirroredBytes;
+    uint64_t droppedPackets;
+    uint64_t droppedBytes;
+    uint64_t txPackets;
+    uint64_t txBytes;
+    uint64_t rxPackets;
+    uint64_t rxBytes;
+    uint64_t truncated;
+    uint64_t encapsulationErrors;
+    uint64_t unreachable; /**< packets whose destination is no longer there */
+} VSwitchMirrorStats;
+
+/** VSWITCH_GET_MCAST_STATS; `count` source addresses of the group's kind follow. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchMcastStats {
+    uint32_t joins;
+    uint32_t leaves;
+    uint32_t queries;
+    uint32_t ports;  /**< ports that are members */
+    uint32_t vlanId; /**< VLAN of the group */
+    uint32_t count;  /**< sources */
+    uint32_t filter; /**< 0: packets of the sources only; 1: all but those */
+} VSwitchMcastStats;
+
+/** One runtime option. */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchOption {
+    uint16_t id; /**< 1 to 65535 */
+    uint16_t reserved;
+    uint32_t value;
+} VSwitchOption;
+
+/**
+ * Runtime options, the same in both directions, in order of their ids: what VSWITCH_GET_OPTIONS answers
+ * can be given to VSWITCH_SET_OPTIONS. A host holds at most VSWITCH_OPTIONS_MAX of them.
+ */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchOptions {
+    uint32_t length; /**< 8 + 8 * count */
+    uint32_t count;
+    /* followed by `count` VSwitchOption */
+} VSwitchOptions;
+
+#define VSWITCH_OPTIONS_MAX 511
+
+/**
+ * Input of every command of the RTM device, 9 + 128 * count bytes; another inLength is EINVAL. The driver
+ * keeps the last one of each command number.
+ */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchRtmRecord {
+    uint32_t count;
+    uint8_t header[5];
+    /* followed by `count` entries of 128 bytes */
+} VSwitchRtmRecord;
+
+#ifdef __cplusplus
+}
+#define VSWITCH_DRIVER_ASSERT_SIZE(type, size) static_assert(sizeof(type) == (size), #type)
+#else
+#define VSWITCH_DRIVER_ASSERT_SIZE(type, size) typedef char type##Size[sizeof(type) == (size) ? 1 : -1]
+#endif
+
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchRequest, 24);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchInput, 212);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchListHeader, 8);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchMacEntry, 18);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchLearningProps, 9);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchMcastSelector, 24);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchInfo, 208);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchUplink, 36);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchLag, 556);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchLagTable, 35588);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchPortLearningStats, 28);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchLearningInfo, 52);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchRarpStats, 16);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchTeamingStats, 48);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchMirrorStats, 121);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchMcastStats, 28);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchOption, 8);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchOptions, 8);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchRtmRecord, 9);
+
+#undef VSWITCH_DRIVER_ASSERT_SIZE
+#endif
