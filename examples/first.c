@@ -1,0 +1,11 @@
+#include <stdio.h>
+#include <vswitchctl.h>
+
+int main(void)
+{
+    VsStatus status = VSDVS_CreateVSwitch("lab", NULL, NULL, 1, 0, 64, 2, 8);
+    if (status == STATUS_OK)
+        status = VSDVS_SetPortVLANPolicy("lab", "port0", 100, VLAN_PRIORITY_NONE, 0, 0, NULL, 0);
+    printf("switch lab, port0 on VLAN 100: status 0x%08X\n", status);
+    return status != STATUS_OK;
+}
