@@ -1,5 +1,73 @@
-/*
- * vswitchctl: control of the virtual switches of a hypervisor host.
+/**
+ * @file vswitchctl.h
+ * Control of the virtual switches of a hypervisor host.
+ *
+ * Operations whose names begin with VSDVS_ keep switches, ports and their policies in the host's
+ * configuration store; those that begin with VSZOR_ ask the kernel's switch driver for the state of running
+ * switches, or change it. What holds for all of them stands here once:
+ *
+ * 1. **Status.** An operation returns a VsStatus, unless it has nothing to report: STATUS_OK, which is 0, or
+ *    0x0BAD0000 plus a small number. The first step that fails decides. A code comes from the library itself,
+ *    from the store, unchanged, or from the errno of a failed driver request, translated as the list of codes
+ *    shows. A row `(store)` stands for each code of the store that the entry does not list. A row `(errno)`
+ *    stands for the translation of the errno with which the device could not be opened or refused the
+ *    request: a missing device is STATUS_NOT_FOUND; EINVAL and every errno that has no code of its own are
+ *    STATUS_FAILURE; a request that fails with errno 0 counts as STATUS_OK.
+ * 2. **Null pointers.** A pointer is required unless its entry says "may be null". A required pointer that is
+ *    null gives STATUS_BAD_PARAM before anything is resolved, read, sent or written. Not tested, since they
+ *    are passed on as they are: the arguments of DVPortExist(), VSDVS_FreeMemory() and VSZOR_FreeMemory(),
+ *    the header of ZORIoctl(), and the data of the three generic setters (VSDVS_SetPortProp()).
+ * 3. **Outputs.** Outputs are written last and on STATUS_OK only, unless an entry says otherwise: "untouched"
+ *    means as the caller left it, "null" that the pointer is set to null, "cleared" that all bytes are zero.
+ * 4. **Ownership.** What a caller passes in stays the caller's, and is copied before the call returns. A
+ *    buffer handed out through a pointer belongs to the caller: release one from a VSDVS_ operation with
+ *    VSDVS_FreeMemory() and one from a VSZOR_ operation with VSZOR_FreeMemory(). The two are not
+ *    interchangeable. A call that fails hands out nothing to release.
+ * 5. **Booleans.** A Boolean is one byte: only the low byte of an argument counts, and any nonzero value is
+ *    true; an output is 1 or 0.
+ * 6. **Names.** A name is a text that ends with a NUL. A switch has three: its *alias*, by which callers know
+ *    it; its *switch id*, at most 63 characters, by which the store keeps it; and its *portset name*, at most
+ *    127 characters, by which the kernel and the system shell know the running switch. An operation that
+ *    takes an alias looks it up in the store's cache (convention 13): an unknown alias is STATUS_NOT_FOUND,
+ *    and where the switch id is needed a switch of another class than "vswitch" is STATUS_BAD_PARAM. A switch
+ *    id given by the caller goes to the store as it is. Port ids and property keys go to the store whole; in
+ *    driver requests a portset name is cut to 127 characters, a port id to 47, an uplink name or a mirror
+ *    session id to 31. A port id in an uplink list has at most 47 characters.
+ * 7. **Records.** Records are packed, without gaps, and integers are in the host's byte order. A text is
+ *    stored with its NUL counted in its length. A stored value whose length does not fit its record is
+ *    STATUS_FAILURE. Fields to which this header gives no meaning are stored and handed back byte for byte.
+ * 8. **Counts and sizes.** Lengths have 32 bits. Three are computed modulo 2^32: the private VLAN map (8 *
+ *    count), the logical-switch teaming table (4 + 2748 * count) and the driver's lists. The library reads
+ *    and writes nothing beyond the length that results, but a caller must keep its own counts low enough that
+ *    the size fits, and not take a `count` in a list as proof of more bytes than 2^32 - 1. Any other size
+ *    that does not fit is STATUS_NO_MEMORY. A list that a caller passes in must hold as many entries as its
+ *    counts say: the library can't see where the caller's memory ends.
+ * 9. **Driver lists.** A list of the driver takes two requests: one for its header, one for header and
+ *    entries. An empty list takes one, and still yields a buffer to release. The second answer is handed on
+ *    as it is and its count not compared with the first: when a list grows in between, the driver writes no
+ *    more than the buffer holds, and is relied on to report no more entries than it wrote.
+ * 10. **Absent properties.** Each entry says what an absent property means: a default and STATUS_OK, or
+ *     STATUS_NOT_FOUND. Clearing an absent property is STATUS_OK for mirror lists, the VLAN policy, the extra
+ *     Ethernet filter, the teaming policies, the teaming override, logical-switch teaming and the uplink
+ *     lists; it is STATUS_NOT_FOUND for the generic operations, the private VLAN map, MAC learning and
+ *     learn-static.
+ * 11. **Names in shell commands.** Switches are created and destroyed, and MTUs read and set, by commands of
+ *     the system shell. A name made only of ASCII letters, digits and `. _ - : @ + = , %` goes into a command
+ *     as it is; any other is put in single quotes, inner quotes escaped, so that the shell sees one plain
+ *     word. STATUS_FAILURE, with nothing run, answers a name that is empty, "." or "..", that begins with "-"
+ *     or holds "/", and a quoted command longer than 255 characters. A plain command is cut to 255
+ *     characters.
+ * 12. **Threads.** Every operation may be called from any thread at any time: the library starts none, takes
+ *     no lock and shares nothing between calls. Operations that read, change and write back, or that take
+ *     several steps, are not atomic: callers serialize changes to one switch, and to one port. They are
+ *     creation and destruction, the uplink operations, VSDVS_AppendDVMirrorSessions(),
+ *     VSDVS_RemoveDVMirrorSession(), VSDVS_SetPortVLANPolicy(), VSDVS_ClearPortVLANPolicy(),
+ *     VSDVS_ConfigureSinkPort(), VSDVS_SetPortMACLearning() and VSDVS_SetMTU(). LibraryInit() is for a moment
+ *     when nothing else runs.
+ * 13. **State.** The library keeps nothing between calls: no descriptor, no buffer, no setting. It reads no
+ *     file and no environment, and prints nothing. A driver request is one open, one ioctl, one close. What
+ *     it knows of aliases and portset names is the store's cache in the process, which LibraryInit() fills
+ *     when the library is loaded; whether the cache follows later changes is the store's affair.
  */
 #ifndef VSWITCHCTL_H
 #define VSWITCHCTL_H
@@ -11,205 +79,695 @@
 extern "C" {
 #endif
 
-#define VSWITCHCTL_API __attribute__((visibility("default")))
-#define VSWITCHCTL_PACKED __attribute__((packed))
+#define VSWITCHCTL_API __attribute__((visibility("default"))) /**< marks an exported operation */
+#define VSWITCHCTL_PACKED __attribute__((packed))             /**< a record without gaps */
 
 /* ==== Status codes ===================================================================================== */
 
+/** Result of an operation: 0 or a code of 0x0BAD0000 plus a small number (convention 1). */
 typedef uint32_t VsStatus;
 
-#define STATUS_OK 0u
-#define STATUS_FAILURE 0x0BAD0001u
-#define STATUS_WOULD_BLOCK 0x0BAD0002u
-#define STATUS_NOT_FOUND 0x0BAD0003u
-#define STATUS_BUSY 0x0BAD0004u
-#define STATUS_EXISTS 0x0BAD0005u
-#define STATUS_TOO_LARGE 0x0BAD0006u
-#define STATUS_BAD_PARAM 0x0BAD0007u
-#define STATUS_IO_ERROR 0x0BAD0008u
-#define STATUS_NAME_TOO_LONG 0x0BAD000Du
-#define STATUS_BAD_DESCRIPTOR 0x0BAD000Eu
-#define STATUS_NO_DEVICE 0x0BAD000Fu
-#define STATUS_NO_DEVICE_OR_ADDRESS 0x0BAD0011u
-#define STATUS_BAD_ADDRESS 0x0BAD0013u
-#define STATUS_NO_MEMORY 0x0BAD0014u
-#define STATUS_TOO_MANY_OPEN_FILES 0x0BAD0018u
-#define STATUS_FILE_TABLE_FULL 0x0BAD0019u
-#define STATUS_NO_SPACE 0x0BAD001Au
-#define STATUS_NOT_IMPLEMENTED 0x0BAD0020u
-#define STATUS_TIMED_OUT 0x0BAD0021u
-#define STATUS_READ_ONLY 0x0BAD0022u
-#define STATUS_ADDRESS_IN_USE 0x0BAD0024u
-#define STATUS_NOT_CONNECTED 0x0BAD002Eu
-#define STATUS_INTERRUPTED 0x0BAD0032u
-#define STATUS_CANCELED 0x0BAD0038u
-#define STATUS_NOT_SUPPORTED 0x0BAD003Cu
-#define STATUS_NETWORK_DOWN 0x0BAD0047u
-#define STATUS_NETWORK_UNREACHABLE 0x0BAD0048u
-#define STATUS_NETWORK_RESET 0x0BAD0049u
-#define STATUS_CONNECTION_ABORTED 0x0BAD004Au
-#define STATUS_CONNECTION_RESET 0x0BAD004Bu
-#define STATUS_SHUT_DOWN 0x0BAD004Du
-#define STATUS_TOO_MANY_REFERENCES 0x0BAD004Eu
-#define STATUS_CONNECTION_REFUSED 0x0BAD004Fu
-#define STATUS_HOST_DOWN 0x0BAD0050u
-#define STATUS_HOST_UNREACHABLE 0x0BAD0051u
-#define STATUS_BROKEN_PIPE 0x0BAD0053u
-#define STATUS_NOT_A_DIRECTORY 0x0BAD0054u
-#define STATUS_IS_A_DIRECTORY 0x0BAD0055u
-#define STATUS_NOT_EMPTY 0x0BAD0056u
-#define STATUS_PERMISSION_DENIED 0x0BAD005Au
-#define STATUS_NOT_PERMITTED 0x0BAD005Bu
-#define STATUS_OUT_OF_RANGE 0x0BAD005Du
-#define STATUS_NO_CHILD 0x0BAD0061u
-#define STATUS_NO_PROCESS 0x0BAD0062u
-#define STATUS_LINK_LOOP 0x0BAD0063u
-#define STATUS_CROSS_DEVICE 0x0BAD0064u
-#define STATUS_NOT_A_SOCKET 0x0BAD0065u
-#define STATUS_ILLEGAL_SEEK 0x0BAD0066u
-#define STATUS_FAMILY_NOT_SUPPORTED 0x0BAD0067u
-#define STATUS_ALREADY_CONNECTED 0x0BAD0068u
-#define STATUS_BAD_DEVICE_COMMAND 0x0BAD0086u
-#define STATUS_IN_PROGRESS 0x0BAD0088u
-#define STATUS_BAD_EXECUTABLE 0x0BAD009Bu
-#define STATUS_TOO_MANY_USERS 0x0BAD00A7u
-#define STATUS_DEADLOCK 0x0BAD00A9u
-#define STATUS_ARGUMENTS_TOO_LONG 0x0BAD00B4u
-#define STATUS_ALREADY_IN_PROGRESS 0x0BAD00DAu
-#define STATUS_NO_LOCKS 0x0BAD00E7u
-#define STATUS_ADDRESS_NOT_AVAILABLE 0x0BAD00FCu
-#define STATUS_DESTINATION_REQUIRED 0x0BAD00FDu
-#define STATUS_PROTOCOL_NOT_SUPPORTED 0x0BAD0104u
-#define STATUS_FILE_BUSY 0x0BAD010Du
-#define STATUS_VALUE_OVERFLOW 0x0BAD0113u
-#define STATUS_NO_BUFFER_SPACE 0x0BAD0125u
-#define STATUS_MESSAGE_TOO_LONG 0x0BAD0129u
-#define STATUS_WRONG_PROTOCOL_TYPE 0x0BAD0144u
-#define STATUS_STALE 0x0BAD0147u
+#define STATUS_OK 0u               /**< the operation succeeded */
+#define STATUS_FAILURE 0x0BAD0001u /**< EINVAL, an unlisted errno, a failed command or a malformed value */
+#define STATUS_WOULD_BLOCK 0x0BAD0002u    /**< EAGAIN: try again later */
+#define STATUS_NOT_FOUND 0x0BAD0003u      /**< ENOENT; no switch has the alias; no such property or entry */
+#define STATUS_BUSY 0x0BAD0004u           /**< EBUSY: device or resource busy */
+#define STATUS_EXISTS 0x0BAD0005u         /**< EEXIST; an entry to be added is there already */
+#define STATUS_TOO_LARGE 0x0BAD0006u      /**< EFBIG: too large */
+#define STATUS_BAD_PARAM 0x0BAD0007u      /**< no errno; null pointer, bad value, wrong class */
+#define STATUS_IO_ERROR 0x0BAD0008u       /**< EIO: input or output error */
+#define STATUS_NAME_TOO_LONG 0x0BAD000Du  /**< ENAMETOOLONG: name too long */
+#define STATUS_BAD_DESCRIPTOR 0x0BAD000Eu /**< EBADF: bad file descriptor */
+#define STATUS_NO_DEVICE 0x0BAD000Fu      /**< ENODEV: no such device */
+#define STATUS_NO_DEVICE_OR_ADDRESS 0x0BAD0011u   /**< ENXIO: no such device or address */
+#define STATUS_BAD_ADDRESS 0x0BAD0013u            /**< EFAULT: bad address */
+#define STATUS_NO_MEMORY 0x0BAD0014u              /**< ENOMEM; no memory; a caller's buffer is too small */
+#define STATUS_TOO_MANY_OPEN_FILES 0x0BAD0018u    /**< EMFILE: the process has too many open files */
+#define STATUS_FILE_TABLE_FULL 0x0BAD0019u        /**< ENFILE: the host has too many open files */
+#define STATUS_NO_SPACE 0x0BAD001Au               /**< ENOSPC: no space left */
+#define STATUS_NOT_IMPLEMENTED 0x0BAD0020u        /**< ENOSYS: function not implemented */
+#define STATUS_TIMED_OUT 0x0BAD0021u              /**< ETIMEDOUT: timed out */
+#define STATUS_READ_ONLY 0x0BAD0022u              /**< EROFS: read-only file system */
+#define STATUS_ADDRESS_IN_USE 0x0BAD0024u         /**< EADDRINUSE: address already in use */
+#define STATUS_NOT_CONNECTED 0x0BAD002Eu          /**< ENOTCONN: not connected */
+#define STATUS_INTERRUPTED 0x0BAD0032u            /**< EINTR: interrupted by a signal */
+#define STATUS_CANCELED 0x0BAD0038u               /**< ECANCELED: operation canceled */
+#define STATUS_NOT_SUPPORTED 0x0BAD003Cu          /**< EOPNOTSUPP: operation not supported */
+#define STATUS_NETWORK_DOWN 0x0BAD0047u           /**< ENETDOWN: network is down */
+#define STATUS_NETWORK_UNREACHABLE 0x0BAD0048u    /**< ENETUNREACH: network unreachable */
+#define STATUS_NETWORK_RESET 0x0BAD0049u          /**< ENETRESET: connection dropped by the network */
+#define STATUS_CONNECTION_ABORTED 0x0BAD004Au     /**< ECONNABORTED: connection aborted */
+#define STATUS_CONNECTION_RESET 0x0BAD004Bu       /**< ECONNRESET: connection reset by the peer */
+#define STATUS_SHUT_DOWN 0x0BAD004Du              /**< ESHUTDOWN: endpoint shut down */
+#define STATUS_TOO_MANY_REFERENCES 0x0BAD004Eu    /**< ETOOMANYREFS: too many references */
+#define STATUS_CONNECTION_REFUSED 0x0BAD004Fu     /**< ECONNREFUSED: connection refused */
+#define STATUS_HOST_DOWN 0x0BAD0050u              /**< EHOSTDOWN: host is down */
+#define STATUS_HOST_UNREACHABLE 0x0BAD0051u       /**< EHOSTUNREACH: host unreachable */
+#define STATUS_BROKEN_PIPE 0x0BAD0053u            /**< EPIPE: broken pipe */
+#define STATUS_NOT_A_DIRECTORY 0x0BAD0054u        /**< ENOTDIR: not a directory */
+#define STATUS_IS_A_DIRECTORY 0x0BAD0055u         /**< EISDIR: is a directory */
+#define STATUS_NOT_EMPTY 0x0BAD0056u              /**< ENOTEMPTY: directory not empty */
+#define STATUS_PERMISSION_DENIED 0x0BAD005Au      /**< EACCES: permission denied */
+#define STATUS_NOT_PERMITTED 0x0BAD005Bu          /**< EPERM: operation not permitted */
+#define STATUS_OUT_OF_RANGE 0x0BAD005Du           /**< ERANGE: result out of range */
+#define STATUS_NO_CHILD 0x0BAD0061u               /**< ECHILD: no child process */
+#define STATUS_NO_PROCESS 0x0BAD0062u             /**< ESRCH: no such process */
+#define STATUS_LINK_LOOP 0x0BAD0063u              /**< ELOOP: too many symbolic links */
+#define STATUS_CROSS_DEVICE 0x0BAD0064u           /**< EXDEV: link across devices */
+#define STATUS_NOT_A_SOCKET 0x0BAD0065u           /**< ENOTSOCK: not a socket */
+#define STATUS_ILLEGAL_SEEK 0x0BAD0066u           /**< ESPIPE: illegal seek */
+#define STATUS_FAMILY_NOT_SUPPORTED 0x0BAD0067u   /**< EAFNOSUPPORT: address family not supported */
+#define STATUS_ALREADY_CONNECTED 0x0BAD0068u      /**< EISCONN: already connected */
+#define STATUS_BAD_DEVICE_COMMAND 0x0BAD0086u     /**< ENOTTY: not a command of this device */
+#define STATUS_IN_PROGRESS 0x0BAD0088u            /**< EINPROGRESS: operation in progress */
+#define STATUS_BAD_EXECUTABLE 0x0BAD009Bu         /**< ENOEXEC: not an executable */
+#define STATUS_TOO_MANY_USERS 0x0BAD00A7u         /**< EUSERS: too many users */
+#define STATUS_DEADLOCK 0x0BAD00A9u               /**< EDEADLK: deadlock avoided */
+#define STATUS_ARGUMENTS_TOO_LONG 0x0BAD00B4u     /**< E2BIG: argument list too long */
+#define STATUS_ALREADY_IN_PROGRESS 0x0BAD00DAu    /**< EALREADY: operation already in progress */
+#define STATUS_NO_LOCKS 0x0BAD00E7u               /**< ENOLCK: no locks available */
+#define STATUS_ADDRESS_NOT_AVAILABLE 0x0BAD00FCu  /**< EADDRNOTAVAIL: address not available */
+#define STATUS_DESTINATION_REQUIRED 0x0BAD00FDu   /**< EDESTADDRREQ: destination address required */
+#define STATUS_PROTOCOL_NOT_SUPPORTED 0x0BAD0104u /**< EPROTONOSUPPORT: protocol not supported */
+#define STATUS_FILE_BUSY 0x0BAD010Du              /**< ETXTBSY: file in use as a program */
+#define STATUS_VALUE_OVERFLOW 0x0BAD0113u         /**< EOVERFLOW: value too large for its type */
+#define STATUS_NO_BUFFER_SPACE 0x0BAD0125u        /**< ENOBUFS: no buffer space */
+#define STATUS_MESSAGE_TOO_LONG 0x0BAD0129u       /**< EMSGSIZE: message too long */
+#define STATUS_WRONG_PROTOCOL_TYPE 0x0BAD0144u    /**< EPROTOTYPE: wrong protocol for the socket */
+#define STATUS_STALE 0x0BAD0147u                  /**< ESTALE: stale file handle */
 
 /* ==== Start-up, release, hooks ========================================================================= */
 
+/**
+ * Fills the store's cache in this process: empties it, fetches the configuration from the store and loads it.
+ * Runs by itself when the library is loaded; a later call reloads the cache, and with it what is known of
+ * aliases and portset names.
+ *
+ * Reports nothing: when the store fails, the cache stays empty and every alias is STATUS_NOT_FOUND. Reloading
+ * ends the life of what other threads may be reading from the cache: call it while no other operation runs.
+ */
 VSWITCHCTL_API void LibraryInit(void);
 
+/**
+ * Releases a buffer that a VSDVS_ operation handed out, by giving it back to the store.
+ *
+ * @param[in]  buffer  a buffer from a VSDVS_ operation, passed on untested (convention 2); not one from a
+ *                     VSZOR_ operation
+ */
 VSWITCHCTL_API void VSDVS_FreeMemory(void *buffer);
 
+/**
+ * Releases a buffer that a VSZOR_ operation handed out, with `free`.
+ *
+ * @param[in]  buffer  a buffer from a VSZOR_ operation, or null, which does nothing; not one from a VSDVS_
+ *                     operation
+ */
 VSWITCHCTL_API void VSZOR_FreeMemory(void *buffer);
 
 #ifndef VSWITCHCTL_NO_HOOKS
+/**
+ * Does nothing with any arguments; exported for the programs that expect it. A program that has a function of
+ * this name itself defines VSWITCHCTL_NO_HOOKS before it includes this header.
+ *
+ * @param[in]  format  not read; may be null. No further argument is read either.
+ */
 VSWITCHCTL_API void Log(const char *format, ...);
 
+/**
+ * Does nothing with any arguments; see Log().
+ *
+ * @param[in]  format  not read; may be null. No further argument is read either.
+ */
 VSWITCHCTL_API void Warning(const char *format, ...);
 
+/**
+ * Does nothing with any arguments, and returns; see Log().
+ *
+ * @param[in]  format  not read; may be null. No further argument is read either.
+ */
 VSWITCHCTL_API void Panic(const char *format, ...);
 
 #endif
 
 /* ==== Switch identity ================================================================================== */
 
-#define SWITCH_ID_SIZE 64
-#define SWITCH_ALIAS_SIZE 128
-#define PORTSET_NAME_SIZE 128
-#define DV_PORT_ID_SIZE 48
+#define SWITCH_ID_SIZE 64     /**< bytes of a buffer for a switch id, NUL included */
+#define SWITCH_ALIAS_SIZE 128 /**< bytes of a buffer for an alias, NUL included */
+#define PORTSET_NAME_SIZE 128 /**< bytes of a buffer for a portset name, NUL included */
+#define DV_PORT_ID_SIZE 48    /**< bytes of a fixed field for a port id, NUL included */
 
+/**
+ * Finds the switch id of a switch, as the store's cache has it.
+ *
+ * @param[in]  alias        name of the switch
+ * @param[out] switchIdOut  SWITCH_ID_SIZE (64) bytes, the caller's: the id, with a NUL in the last byte at
+ *                          the latest. Untouched on failure.
+ * @retval STATUS_OK         the id is in switchIdOut
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ */
 VSWITCHCTL_API VsStatus DVSAliasToSwitchId(const char *alias, char *switchIdOut);
 
+/**
+ * Finds the kernel name of a switch, as the store's cache has it: its host property
+ * `com.talpex.common.host.portset`, else its alias (`com.talpex.common.alias`), else its switch id. The
+ * switch may be of any class.
+ *
+ * @param[in]  alias       name of the switch
+ * @param[out] portsetOut  PORTSET_NAME_SIZE (128) bytes, the caller's: at most 127 characters of the name,
+ *                         then zeros. Untouched on failure.
+ * @retval STATUS_OK         the name is in portsetOut
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ */
 VSWITCHCTL_API VsStatus DVSAliasToPortsetName(const char *alias, char *portsetOut);
 
+/**
+ * Finds the alias of the switch to which a kernel name belongs. A switch matches when its stored portset name
+ * (`com.talpex.common.host.portset`) is equal to the name or is the beginning of it; of several that match,
+ * the first that the store visits is taken. A matching switch without an alias yields the given name.
+ *
+ * @param[in]  portsetName  kernel name to look for; not empty
+ * @param[out] aliasOut     SWITCH_ALIAS_SIZE (128) bytes, the caller's: at most 127 characters of the alias,
+ *                          then zeros; all zero when no switch matches. Untouched on failure.
+ * @retval STATUS_OK         the alias is in aliasOut, or no switch matches and aliasOut is all zero
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or portsetName is empty
+ */
 VSWITCHCTL_API VsStatus DVSPortsetNameToAlias(const char *portsetName, char *aliasOut);
 
+/**
+ * Finds the alias of the switch to which a kernel name belongs, exactly as DVSPortsetNameToAlias() does.
+ *
+ * @param[in]  portsetName  kernel name to look for; not empty
+ * @param[out] aliasOut     SWITCH_ALIAS_SIZE (128) bytes, the caller's: at most 127 characters of the alias,
+ *                          then zeros; all zero when no switch matches. Untouched on failure.
+ * @retval STATUS_OK         the alias is in aliasOut, or no switch matches and aliasOut is all zero
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or portsetName is empty
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetAliasFromPortset(const char *portsetName, char *aliasOut);
 
+/**
+ * Tells whether the store's cache holds a port. Both arguments go to the store untested (convention 2).
+ *
+ * @param[in]  switchId  id of the switch, at most 63 characters
+ * @param[in]  dvPortId  id of the port
+ * @retval 1  the switch has the port
+ * @retval 0  it has not, or there is no such switch
+ */
 VSWITCHCTL_API uint8_t DVPortExist(const char *switchId, const char *dvPortId);
 
 /* ==== Properties by key ================================================================================ */
 
+/** A caller's buffer for the value of a property; 12 bytes, without a gap before the pointer. */
 typedef struct VSWITCHCTL_PACKED PropValueBuffer {
-    int32_t length;
-    void *data;
+    int32_t length; /**< offset 0: size of `data` in bytes, or 0 to ask for the value's size */
+    void *data;     /**< offset 4: the caller's buffer; may be null when `length` is 0 */
 } PropValueBuffer;
 
+/**
+ * Reads the value of any property of a port by its key. Ask for the value's size with a length of 0, then
+ * call again with a buffer of that size.
+ *
+ * @param[in]     alias     name of the switch; not used, and may be null, when useAlias is 0
+ * @param[in]     dvPortId  id of the port
+ * @param[in]     key       key of the property, such as `com.talpex.common.port.block`
+ * @param[in,out] value     the caller's descriptor, 12 bytes. With `length` 0, `length` becomes the value's
+ *                          size in bytes and `data`, which may be null, is not used. With a `length` that
+ *                          suffices, the value is copied to `data`, and `length` and the bytes behind the
+ *                          value stay as they were. Descriptor and data are untouched on failure.
+ * @param[in]     dvsId     switch id, at most 63 characters; not used, and may be null, when useAlias is 1
+ * @param[in]     useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
+ * @retval STATUS_OK         the size is in `value->length`, or the value in `value->data`
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the port or the property is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, `length` is positive and `data` null, dvsId has more
+ *                           than 63 characters, or the switch named by alias is not of class "vswitch"
+ * @retval STATUS_NO_MEMORY  `length` is negative, or smaller than the value
+ * @retval (store)           any other status of the store (convention 1)
+ *
+ * @par Example
+ * @code
+ * PropValueBuffer value = {0, NULL};
+ * VsStatus status = VSDVS_GetPortProp(alias, dvPortId, key, &value, NULL, 1);
+ * if (status == STATUS_OK && (value.data = malloc((size_t)value.length + 1)) != NULL)
+ *     status = VSDVS_GetPortProp(alias, dvPortId, key, &value, NULL, 1);
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetPortProp(const char *alias, const char *dvPortId, const char *key,
                                           PropValueBuffer *value, const char *dvsId, uint8_t useAlias);
 
+/**
+ * Reads the value of any property of this host's view of a switch by its key; sizes as in
+ * VSDVS_GetPortProp().
+ *
+ * @param[in]     alias     name of the switch; not used, and may be null, when useAlias is 0
+ * @param[in]     key       key of the property, such as `com.talpex.common.host.portset`
+ * @param[in,out] value     the caller's descriptor, 12 bytes, used as in VSDVS_GetPortProp(). Descriptor and
+ *                          data are untouched on failure.
+ * @param[in]     dvsId     switch id, at most 63 characters; not used, and may be null, when useAlias is 1
+ * @param[in]     useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
+ * @retval STATUS_OK         the size is in `value->length`, or the value in `value->data`
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch or the property is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, `length` is positive and `data` null, dvsId has more
+ *                           than 63 characters, or the switch named by alias is not of class "vswitch"
+ * @retval STATUS_NO_MEMORY  `length` is negative, or smaller than the value
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetHostProp(const char *alias, const char *key, PropValueBuffer *value,
                                           const char *dvsId, uint8_t useAlias);
 
+/**
+ * Reads the value of any global property of a switch by its key; sizes as in VSDVS_GetPortProp().
+ *
+ * @param[in]     alias     name of the switch; not used, and may be null, when useAlias is 0
+ * @param[in]     key       key of the property, such as `com.talpex.common.version`
+ * @param[in,out] value     the caller's descriptor, 12 bytes, used as in VSDVS_GetPortProp(). Descriptor and
+ *                          data are untouched on failure.
+ * @param[in]     dvsId     switch id, at most 63 characters; not used, and may be null, when useAlias is 1
+ * @param[in]     useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
+ * @retval STATUS_OK         the size is in `value->length`, or the value in `value->data`
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch or the property is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, `length` is positive and `data` null, dvsId has more
+ *                           than 63 characters, or the switch named by alias is not of class "vswitch"
+ * @retval STATUS_NO_MEMORY  `length` is negative, or smaller than the value
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetGlobProp(const char *alias, const char *key, PropValueBuffer *value,
                                           const char *dvsId, uint8_t useAlias);
 
+/**
+ * Writes any property of a port by its key. Every value written so has store flags 0x10, also under a key
+ * that its own operation writes with other flags (0x08 for `com.talpex.vswitch.port.vlan`, for example).
+ *
+ * @param[in]  alias     name of the switch; not used, and may be null, when useAlias is 0
+ * @param[in]  dvPortId  id of the port
+ * @param[in]  key       key of the property
+ * @param[in]  data      `length` bytes, passed to the store untested (convention 2); may be null when length
+ *                       is 0
+ * @param[in]  length    size of the value in bytes
+ * @param[in]  dvsId     switch id, at most 63 characters; not used, and may be null, when useAlias is 1
+ * @param[in]  useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
+ * @retval STATUS_OK         the value is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, or the switch
+ *                           named by alias is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetPortProp(const char *alias, const char *dvPortId, const char *key,
                                           const void *data, uint32_t length, const char *dvsId,
                                           uint8_t useAlias);
 
+/**
+ * Writes any property of this host's view of a switch by its key, with store flags 0x10.
+ *
+ * @param[in]  alias     name of the switch; not used, and may be null, when useAlias is 0
+ * @param[in]  key       key of the property
+ * @param[in]  data      `length` bytes, passed to the store untested (convention 2); may be null when length
+ *                       is 0
+ * @param[in]  length    size of the value in bytes
+ * @param[in]  dvsId     switch id, at most 63 characters; not used, and may be null, when useAlias is 1
+ * @param[in]  useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
+ * @retval STATUS_OK         the value is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, or the switch
+ *                           named by alias is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetHostProp(const char *alias, const char *key, const void *data,
                                           uint32_t length, const char *dvsId, uint8_t useAlias);
 
+/**
+ * Writes any global property of a switch by its key, with store flags 0x10.
+ *
+ * @param[in]  alias     name of the switch; not used, and may be null, when useAlias is 0
+ * @param[in]  key       key of the property
+ * @param[in]  data      `length` bytes, passed to the store untested (convention 2); may be null when length
+ *                       is 0
+ * @param[in]  length    size of the value in bytes
+ * @param[in]  dvsId     switch id, at most 63 characters; not used, and may be null, when useAlias is 1
+ * @param[in]  useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
+ * @retval STATUS_OK         the value is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, or the switch
+ *                           named by alias is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetGlobProp(const char *alias, const char *key, const void *data,
                                           uint32_t length, const char *dvsId, uint8_t useAlias);
 
+/**
+ * Removes any property of a port by its key.
+ *
+ * @param[in]  alias     name of the switch; not used, and may be null, when useAlias is 0
+ * @param[in]  dvPortId  id of the port
+ * @param[in]  key       key of the property
+ * @param[in]  dvsId     switch id, at most 63 characters; not used, and may be null, when useAlias is 1
+ * @param[in]  useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
+ * @retval STATUS_OK         the property is removed
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the port or the property is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, or the switch
+ *                           named by alias is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearPortProp(const char *alias, const char *dvPortId, const char *key,
                                             const char *dvsId, uint8_t useAlias);
 
+/**
+ * Removes any property of this host's view of a switch by its key.
+ *
+ * @param[in]  alias     name of the switch; not used, and may be null, when useAlias is 0
+ * @param[in]  key       key of the property
+ * @param[in]  dvsId     switch id, at most 63 characters; not used, and may be null, when useAlias is 1
+ * @param[in]  useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
+ * @retval STATUS_OK         the property is removed
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch or the property is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, or the switch
+ *                           named by alias is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearHostProp(const char *alias, const char *key, const char *dvsId,
                                             uint8_t useAlias);
 
+/**
+ * Removes any global property of a switch by its key.
+ *
+ * @param[in]  alias     name of the switch; not used, and may be null, when useAlias is 0
+ * @param[in]  key       key of the property
+ * @param[in]  dvsId     switch id, at most 63 characters; not used, and may be null, when useAlias is 1
+ * @param[in]  useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
+ * @retval STATUS_OK         the property is removed
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch or the property is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, or the switch
+ *                           named by alias is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearGlobProp(const char *alias, const char *key, const char *dvsId,
                                             uint8_t useAlias);
 
 /* ==== Switches ========================================================================================= */
 
+/**
+ * Creates a switch: its portset in the kernel, its record and identity in the store, its association with
+ * this host, then its uplink ports (as SetNumSwitchUplinkPortsByUUID() does) and its ordinary ports "port0",
+ * "port1" and so on. When a step fails, the earlier ones are undone, last first, and the undoing's own
+ * results are ignored.
+ *
+ * The portset is made, and unmade, with these commands (convention 11), in which `PORTSET` is its kernel name
+ * and `PORTS` its number of ports, followed by a line feed inside the double quotes:
+ *
+ *     /bin/tybel -e set /net/create PORTSET "PORTS\n" vswitch 2>/dev/null
+ *     /bin/tybel -e set /net/portsets/PORTSET/destroy destroy 2> /dev/null
+ *
+ * Written to the store, with flags 0x10: the global properties `com.talpex.common.alias`,
+ * `com.talpex.common.version` (4 bytes) and `com.talpex.common.opaqueDvs` ("true" or "false"), and the host
+ * property `com.talpex.common.host.portset`. Each ordinary port has connect id 1 and the initial properties
+ * of VSDVS_AddDVPort().
+ *
+ * @param[in]  alias        name of the new switch
+ * @param[in]  switchId     id for the new switch, at most 63 characters, not checked; may be null: the id is
+ *                          then the first 15 characters of the alias and zero bytes, 16 in all, written as
+ *                          hexadecimal pairs ("6c 61 62 00 00 00 00 00-00 00 00 00 00 00 00 00" for "lab"),
+ *                          so that aliases which agree in 15 characters get the same id
+ * @param[in]  portsetName  kernel name for the new switch; may be null: the alias is taken
+ * @param[in]  version      version of the switch, as the store keeps it
+ * @param[in]  opaque       Boolean: whether the switch is opaque
+ * @param[in]  maxPorts     number of ports of the portset; 0 means 128
+ * @param[in]  numUplinks   number of uplink ports; 0 creates none
+ * @param[in]  numPorts     number of ordinary ports; 0 creates none
+ * @retval STATUS_OK         the switch runs and is stored
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ * @retval STATUS_FAILURE    the create command failed, or the portset name can't stand in the create or the
+ *                           destroy command; nothing was stored
+ * @retval STATUS_NO_MEMORY  the uplink lists could not be allocated or are too large (convention 8); all
+ *                           steps are undone
+ * @retval (store)           any status of the store (convention 1); all steps are undone
+ *
+ * @par Example
+ * @code
+ * // A switch with two uplinks and eight ports, its id and portset named after its alias.
+ * VsStatus status = VSDVS_CreateVSwitch("lab", NULL, NULL, 1, 0, 64, 2, 8);
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSDVS_CreateVSwitch(const char *alias, const char *switchId, const char *portsetName,
                                             uint32_t version, uint8_t opaque, uint32_t maxPorts,
                                             uint32_t numUplinks, uint32_t numPorts);
 
+/**
+ * Destroys a switch: ends its association with this host, removes its record and all its ports from the
+ * store, then destroys its portset. Stops at the first failure and undoes nothing. The command is (convention
+ * 11)
+ *
+ *     /bin/tybel -e set /net/portsets/PORTSET/destroy destroy 2> /dev/null
+ *
+ * @param[in]  alias  name of the switch
+ * @retval STATUS_OK         the switch is gone
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the destroy command failed, or the portset name can't stand in it; the store no
+ *                           longer has the switch
+ * @retval (store)           any other status of the store (convention 1): when the association could not be
+ *                           ended, nothing has changed; when the record could not be removed, the switch is
+ *                           stored without its association, and its portset keeps running
+ */
 VSWITCHCTL_API VsStatus VSDVS_DestroyVSwitch(const char *alias);
 
 /* ==== Distributed ports ================================================================================ */
 
+/**
+ * Adds an ordinary port to a switch, with all its initial properties at once.
+ *
+ * They are `com.talpex.common.port.alias` (the port id), `com.talpex.common.port.connectid` (4 bytes),
+ * `com.talpex.common.port.block` ("false"), `com.talpex.common.port.statistics` (128 zero bytes, store flags
+ * 0x20) and `com.talpex.vswitch.port.vlan` (8 zero bytes, no VLAN; store flags 0x08); the others have store
+ * flags 0x10.
+ *
+ * @param[in]  alias      name of the switch
+ * @param[in]  dvPortId   id for the new port, passed to the store whole; at most 47 characters where the
+ *                        driver is to find it
+ * @param[in]  connectId  connect id of the port, stored as it is
+ * @retval STATUS_OK         the port exists
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1), for a port id that exists too; no
+ *                           port was added
+ */
 VSWITCHCTL_API VsStatus VSDVS_AddDVPort(const char *alias, const char *dvPortId, uint32_t connectId);
 
+/**
+ * Adds an ordinary port as VSDVS_AddDVPort() does, with connect id 1, then stores its external id
+ * (`com.talpex.port.extraConfig.vnic.external.id`, flags 0x10).
+ *
+ * @param[in]  alias       name of the switch
+ * @param[in]  dvPortId    id for the new port, passed to the store whole; at most 47 characters where the
+ *                         driver is to find it
+ * @param[in]  externalId  external id of the port, any length
+ * @retval STATUS_OK         the port exists and has its external id
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1). When only the external id could not
+ *                           be stored, the port exists without it.
+ */
 VSWITCHCTL_API VsStatus VSDVS_AddOpaqueDVPort(const char *alias, const char *dvPortId,
                                               const char *externalId);
 
+/**
+ * Removes a port with all its properties. Uplink lists and mirror sessions that name the port stay as they
+ * are; remove an uplink port with VSDVS_RemoveSwitchUplinkPort().
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @retval STATUS_OK         the port is gone
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_RemoveDVPort(const char *alias, const char *dvPortId);
 
+/**
+ * Finds the number by which the kernel's driver knows a port: the 32-bit word at offset 16 of its status
+ * record (`com.talpex.common.port.volatile.status`).
+ *
+ * @param[in]  switchId   id of the switch, at most 63 characters
+ * @param[in]  dvPortId   id of the port
+ * @param[out] portIdOut  the port's number. Untouched on failure.
+ * @retval STATUS_OK         the number is in portIdOut
+ * @retval STATUS_NOT_FOUND  the store has no such port, or the port has no status record
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ * @retval STATUS_FAILURE    the status record is shorter than 20 bytes
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_DvPortIDToPortIDFromDVSID(const char *switchId, const char *dvPortId,
                                                         uint32_t *portIdOut);
 
+/**
+ * Finds the number by which the kernel's driver knows a port, as VSDVS_DvPortIDToPortIDFromDVSID() does.
+ *
+ * @param[in]  alias      name of the switch
+ * @param[in]  dvPortId   id of the port
+ * @param[out] portIdOut  the port's number. Untouched on failure.
+ * @retval STATUS_OK         the number is in portIdOut
+ * @retval STATUS_NOT_FOUND  no switch has this alias, the store has no such port, or the port has no status
+ *                           record
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the status record is shorter than 20 bytes
+ * @retval (store)           any other status of the store (convention 1)
+ *
+ * @par Example
+ * @code
+ * uint32_t portNumber;
+ * uint8_t hint[UPLINK_HINT_SIZE];
+ * VsStatus status = VSDVS_DvPortIDToPortID(alias, dvPortId, &portNumber);
+ * if (status == STATUS_OK) status = VSZOR_PortGetTeamUplinkHint(portNumber, hint);
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSDVS_DvPortIDToPortID(const char *alias, const char *dvPortId, uint32_t *portIdOut);
 
 /* ==== Uplink ports ===================================================================================== */
 
+/** Name of an uplink; 81 bytes. */
 typedef struct VSWITCHCTL_PACKED UplinkName {
-    char text[81];
+    char text[81]; /**< offset 0: at most 80 characters and a NUL; bytes behind the NUL don't matter */
 } UplinkName;
 
+/** Names of a switch's uplinks; 4 + 81 * count bytes. */
 typedef struct VSWITCHCTL_PACKED UplinkNameList {
-    uint32_t count;
-    /* followed by `count` UplinkName */
+    uint32_t count; /**< offset 0: number of uplinks; that many UplinkName follow at offset 4 */
 } UplinkNameList;
 
+/** Port id of an uplink; 48 bytes. */
 typedef struct VSWITCHCTL_PACKED UplinkPortId {
-    char text[48];
+    char text[48]; /**< offset 0: at most 47 characters and a NUL; bytes behind the NUL don't matter */
 } UplinkPortId;
 
+/** Port ids of a switch's uplinks on this host; 4 + 48 * count bytes. */
 typedef struct VSWITCHCTL_PACKED UplinkPortIdList {
-    uint32_t count;
-    /* followed by `count` UplinkPortId */
+    uint32_t count; /**< offset 0: number of uplinks; that many UplinkPortId follow at offset 4 */
 } UplinkPortIdList;
 
+/**
+ * Creates a number of uplink ports on a switch that has none, "uplink0", "uplink1" and so on, each with its
+ * id as its name, and stores both uplink lists. Works as VSDVS_SetSwitchUplinkPorts() with these lists.
+ *
+ * @param[in]  switchId    id of the switch, at most 63 characters
+ * @param[in]  numUplinks  number of uplink ports; 0 stores two empty lists
+ * @retval STATUS_OK         the ports exist and both lists are stored
+ * @retval STATUS_NOT_FOUND  the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ * @retval STATUS_NO_MEMORY  the lists could not be allocated or are too large (convention 8); nothing has
+ *                           changed
+ * @retval (store)           any other status of the store (convention 1); the ports that this call created
+ *                           are removed again
+ */
 VSWITCHCTL_API VsStatus SetNumSwitchUplinkPortsByUUID(const char *switchId, uint32_t numUplinks);
 
+/**
+ * Creates the uplink ports of a switch and stores its uplink lists: the names for the whole switch
+ * (`com.talpex.common.uplinkPorts`) and the port ids for this host (`com.talpex.common.host.uplinkPorts`),
+ * both with flags 0x10. Ports that the switch has already are left alone, and lists that it has are replaced.
+ *
+ * Each port gets connect id 1, its id as its alias, and a trunk of VLANs 1 to 4094; for the rest see
+ * VSDVS_AddDVPort(). The lists are stored as they are: equal counts, a NUL in each field, and names equal to
+ * the port ids are the caller's duty, or VSDVS_GetSwitchUplinkPorts() will fail. When a step fails, the ports
+ * created by this call are removed, last first; when the second list can't be stored, the first one is
+ * cleared.
+ *
+ * @param[in]  alias  name of the switch
+ * @param[in]  names  4 + 81 * `names->count` bytes (convention 8)
+ * @param[in]  ids    4 + 48 * `ids->count` bytes (convention 8): the ports to create, in order
+ * @retval STATUS_OK         the ports exist and both lists are stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_NO_MEMORY  a list does not fit 32 bits (convention 8); nothing has changed
+ * @retval (store)           any other status of the store (convention 1); the ports that this call created
+ *                           are removed again
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetSwitchUplinkPorts(const char *alias, const UplinkNameList *names,
                                                    const UplinkPortIdList *ids);
 
+/**
+ * Reads both uplink lists of a switch, with the names put in the order of the port ids: entry i of the names
+ * is the alias (`com.talpex.common.port.alias`) of the port in entry i of the ids.
+ *
+ * @param[in]  alias  name of the switch
+ * @param[out] names  4 + 81 * `count` bytes, the caller's: release with VSDVS_FreeMemory(). Untouched when a
+ *                    test fails or the stored names can't be read, null after any later failure.
+ * @param[out] ids    4 + 48 * `count` bytes, the caller's: release with VSDVS_FreeMemory(). After a failure
+ *                    as names.
+ * @retval STATUS_OK         both lists are handed out; both counts are equal, and may be 0
+ * @retval STATUS_NOT_FOUND  no switch has this alias, a list is absent, or a listed port or its alias is
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    a list's length does not fit its count, the counts differ, or a port's alias is
+ *                           not among the names
+ * @retval STATUS_NO_MEMORY  no memory to put the names in order
+ * @retval (store)           any other status of the store (convention 1)
+ *
+ * @par Example
+ * @code
+ * UplinkNameList *names;
+ * UplinkPortIdList *ids;
+ * if (VSDVS_GetSwitchUplinkPorts(alias, &names, &ids) == STATUS_OK) {
+ *     const UplinkName *name = (const UplinkName *)(names + 1);
+ *     const UplinkPortId *id = (const UplinkPortId *)(ids + 1);
+ *     for (uint32_t i = 0; i < ids->count; i++) printf("%s is port %s\n", name[i].text, id[i].text);
+ *     VSDVS_FreeMemory(names);
+ *     VSDVS_FreeMemory(ids);
+ * }
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetSwitchUplinkPorts(const char *alias, UplinkNameList **names,
                                                    UplinkPortIdList **ids);
 
+/**
+ * Adds one uplink to a switch: creates the port and appends it to both uplink lists. On a switch without
+ * lists, both begin with this uplink. Uplink lists that can't be read because something is absent, be it a
+ * list or a listed port, count as empty and are replaced: repair them first with VSDVS_SetSwitchUplinkPorts()
+ * if they are to be kept.
+ *
+ * When a list can't be stored, the port is removed again, and the names are written back as they were (as an
+ * empty list when they counted as empty).
+ *
+ * @param[in]  alias  name of the switch
+ * @param[in]  name   name and port id of the new uplink, at most 47 characters
+ * @retval STATUS_OK         the uplink exists and stands in both lists
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null, the switch is not of class "vswitch", or the name has
+ *                           more than 47 characters; nothing has changed
+ * @retval STATUS_EXISTS     the port id is listed already; nothing has changed
+ * @retval STATUS_FAILURE    the stored lists are malformed (see VSDVS_GetSwitchUplinkPorts()); nothing has
+ *                           changed
+ * @retval STATUS_NO_MEMORY  the longer lists could not be allocated or are too large (convention 8); nothing
+ *                           has changed
+ * @retval (store)           any other status of the store (convention 1); what this call changed is undone
+ */
 VSWITCHCTL_API VsStatus VSDVS_AddSwitchUplinkPort(const char *alias, const char *name);
 
+/**
+ * Removes one uplink of a switch: takes its name and its port id from the two uplink lists and removes the
+ * port. A list that becomes empty is cleared. A port that is not in both lists stays as it is, and so do the
+ * lists.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the uplink's port
+ * @retval STATUS_OK         the uplink is removed, or it was not listed and nothing has changed
+ * @retval STATUS_NOT_FOUND  no switch has this alias, a list is absent, or a listed port, this port or its
+ *                           alias is; nothing has changed
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored lists are malformed (see VSDVS_GetSwitchUplinkPorts()); nothing has
+ *                           changed
+ * @retval STATUS_NO_MEMORY  no memory to read the lists; nothing has changed
+ * @retval (store)           any other status of the store (convention 1). Nothing is undone: when a list
+ *                           could not be written, the port is removed already.
+ */
 VSWITCHCTL_API VsStatus VSDVS_RemoveSwitchUplinkPort(const char *alias, const char *dvPortId);
 
+/**
+ * Forgets both uplink lists of a switch. The uplink ports themselves stay on the switch. What the store says
+ * to the two removals is ignored.
+ *
+ * @param[in]  alias  name of the switch
+ * @retval STATUS_OK         the lists are forgotten, as far as the store allows it
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearSwitchUplinkPorts(const char *alias);
 
 /* ==== Multicast filter mode ============================================================================ */
