@@ -1,0 +1,68 @@
+// A throw-away host for each test, and what tests look at on it.
+#pragma once
+
+#include "core/property.h"
+#include "vswitchctl.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+#include <vshost.h>
+
+// The switch that LabTest prepares: two uplinks (uplink0, uplink1) and two ports (port0, port1).
+inline constexpr char LAB[] = "lab";
+inline constexpr char LAB_ID[] = "lab-id";
+inline constexpr char LAB_PORTSET[] = "lab-portset";
+inline constexpr char PORT[] = "port0";
+
+// Starts an empty host, with shell commands run in process. Afterwards nothing may be left over: no value
+// of the store's, no open device, no child process.
+class HostTest : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+class LabTest : public HostTest {
+protected:
+    void SetUp() override;
+};
+
+// Drops the host that the process is on and starts an empty one.
+void StartHost();
+VsStatus CreateLab();
+void ExpectNothingLeft();
+
+// The bytes of a record, as a text that can be compared and printed.
+template<typename Record> std::string Bytes(const Record &record)
+{
+    static_assert(std::is_trivially_copyable_v<Record>);
+    return {reinterpret_cast<const char *>(&record), sizeof(record)};
+}
+// A text as the store keeps it, with its NUL.
+inline std::string Text(std::string_view text) { return std::string(text) + '\0'; }
+
+struct Stored {
+    bool operator==(const Stored &) const = default;
+    std::string bytes;
+    uint32_t flags;
+};
+// A property as it is stored; nothing when it is absent.
+std::optional<Stored> Read(const Property &property, const char *portId = PORT,
+                           const char *switchId = LAB_ID);
+std::optional<Stored> Read(StoreLevel level, const char *key, const char *portId = PORT,
+                           const char *switchId = LAB_ID);
+// Stores bytes past the library, as another program would.
+void Write(const Property &property, std::string_view bytes, const char *portId = PORT,
+           const char *switchId = LAB_ID);
+void Remove(const Property &property, const char *portId = PORT, const char *switchId = LAB_ID);
+
+using Call = struct vshost_call;
+// The calls that were recorded since vshost_record(1), of one kind or of all (0).
+std::vector<Call> Calls(int kind = 0);
+// "operation text" of each.
+std::vector<std::string> CallTexts(int kind = 0);
