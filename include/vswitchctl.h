@@ -772,225 +772,893 @@ VSWITCHCTL_API VsStatus VSDVS_ClearSwitchUplinkPorts(const char *alias);
 
 /* ==== Multicast filter mode ============================================================================ */
 
-#define MCAST_FILTER_LEGACY 0
-#define MCAST_FILTER_SNOOPING 1
+#define MCAST_FILTER_LEGACY 0   /**< multicast filter mode: legacy filtering */
+#define MCAST_FILTER_SNOOPING 1 /**< multicast filter mode: snooping */
 
+/**
+ * Reads the multicast filter mode of a switch (`com.talpex.vswitch.multicastFilter`). When none is stored,
+ * the driver is asked for the mode in force, as by VSZOR_GetMcastFilterMode() (command 4103).
+ *
+ * @param[in]  alias  name of the switch
+ * @param[out] mode   MCAST_FILTER_LEGACY (0) or MCAST_FILTER_SNOOPING (1), or what the driver answers.
+ *                    Untouched on failure.
+ * @retval STATUS_OK         the mode is in `mode`
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the driver's device is missing
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored text is neither "legacyFiltering" nor "snooping"; or see (errno)
+ * @retval (store)           any other status of the store (convention 1)
+ * @retval (errno)           no mode is stored and the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetMcastFilterMode(const char *alias, uint32_t *mode);
 
+/**
+ * Stores the multicast filter mode of a switch as the text "legacyFiltering" or "snooping"
+ * (`com.talpex.vswitch.multicastFilter`, flags 0x10). The driver is not told.
+ *
+ * @param[in]  alias  name of the switch
+ * @param[in]  mode   MCAST_FILTER_LEGACY (0) or MCAST_FILTER_SNOOPING (1)
+ * @retval STATUS_OK         the mode is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  alias is null, the mode is another (tested before the alias is looked up), or the
+ *                           switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetMcastFilterMode(const char *alias, int32_t mode);
 
 /* ==== Mirror sessions ================================================================================== */
 
-#define MIRROR_LIST_MAGIC 0xFACEBEEFu
-#define MIRROR_LIST_VERSION 2u
+#define MIRROR_LIST_MAGIC 0xFACEBEEFu /**< first word of a mirror list that the library creates */
+#define MIRROR_LIST_VERSION 2u        /**< second word of a mirror list that the library creates */
 
+/**
+ * Header of a list of mirror sessions; 20 bytes. `sessionCount` MirrorSessionRecord follow at offset 20, then
+ * `portEntryCount` MirrorPortEntry.
+ */
 typedef struct VSWITCHCTL_PACKED MirrorSessionList {
-    uint32_t magic;
-    uint32_t version;
-    uint32_t sessionCount;
-    uint32_t portEntryCount;
-    uint32_t reserved;
-    /* followed by `sessionCount` MirrorSessionRecord, then `portEntryCount` MirrorPortEntry */
+    uint32_t magic;          /**< offset 0: MIRROR_LIST_MAGIC in a list that the library creates */
+    uint32_t version;        /**< offset 4: MIRROR_LIST_VERSION in a list that the library creates */
+    uint32_t sessionCount;   /**< offset 8: number of sessions */
+    uint32_t portEntryCount; /**< offset 12: number of port entries, over all sessions */
+    uint32_t reserved;       /**< offset 16: 0 in a list that the library creates */
 } MirrorSessionList;
 
+/**
+ * A mirror session; 232 bytes. It owns the `entryCountA` + `entryCountB` + `entryCountC` port entries of its
+ * list from `firstPortEntry` on.
+ */
 typedef struct VSWITCHCTL_PACKED MirrorSessionRecord {
-    char sessionId[32];
-    uint8_t settings[184];
-    uint32_t entryCountA;
-    uint32_t entryCountB;
-    uint32_t entryCountC;
-    uint32_t firstPortEntry;
+    char sessionId[32];      /**< offset 0: id, with a NUL when shorter than 32 bytes */
+    uint8_t settings[184];   /**< offset 32: settings, stored as they are */
+    uint32_t entryCountA;    /**< offset 216: first count of its port entries */
+    uint32_t entryCountB;    /**< offset 220: second count */
+    uint32_t entryCountC;    /**< offset 224: third count */
+    uint32_t firstPortEntry; /**< offset 228: index of its first port entry in the list */
 } MirrorSessionRecord;
 
+/** A port entry of a mirror session; 52 bytes. */
 typedef struct VSWITCHCTL_PACKED MirrorPortEntry {
-    uint8_t bytes[52];
+    uint8_t bytes[52]; /**< offset 0: stored as it is */
 } MirrorPortEntry;
 
+/**
+ * Reads a list of mirror sessions: that of a port (`com.talpex.vswitch.port.mirrorSessions`) or, without a
+ * port id, that of this host's uplinks (`com.talpex.vswitch.uplinkMirrorSessions`). Neither magic nor
+ * version, nor the place of the sessions' port entries, is checked.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port; may be null or empty, for the list of this host's uplinks
+ * @param[out] list      the caller's: release with VSDVS_FreeMemory(). At least 20 + 232 * `sessionCount` +
+ *                       52 * `portEntryCount` bytes. Untouched on failure.
+ * @retval STATUS_OK         the list is handed out
+ * @retval STATUS_NOT_FOUND  the place has no list, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ * @retval STATUS_FAILURE    no switch has this alias, the switch is not of class "vswitch", or the stored
+ *                           list is shorter than its header or its counts require
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetDVMirrorSessions(const char *alias, const char *dvPortId,
                                                   MirrorSessionList **list);
 
+/**
+ * Appends mirror sessions to the list of a port or of this host's uplinks; the first one makes the list. The
+ * stored list, with flags 0x08, holds the old sessions, the new ones, the old port entries, then the new
+ * ones; `firstPortEntry` of each new session is raised by the number of old entries. Magic, version and
+ * reserved word are those of the stored list, or MIRROR_LIST_MAGIC, MIRROR_LIST_VERSION and 0.
+ *
+ * Each session owns the `entryCountA` + `entryCountB` + `entryCountC` port entries from its `firstPortEntry`
+ * on. Give them in the order of the sessions, without gaps or overlaps: VSDVS_RemoveDVMirrorSession() relies
+ * on it.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port; may be null or empty, for the list of this host's uplinks
+ * @param[in]  list      20 + 232 * `sessionCount` + 52 * `portEntryCount` bytes (convention 8); its magic,
+ *                       version and reserved word don't matter
+ * @retval STATUS_OK         the sessions are stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null; a session's port entries reach beyond the list's, or
+ *                           their counts don't add up to `portEntryCount` (both tested before the alias is
+ *                           looked up); or the switch is not of class "vswitch"
+ * @retval STATUS_EXISTS     a session id, compared over 32 bytes, is in the stored list; nothing has changed.
+ *                           Ids are not compared within `list`.
+ * @retval STATUS_FAILURE    the stored list is shorter than its header or its counts require; nothing has
+ *                           changed
+ * @retval STATUS_NO_MEMORY  the longer list could not be allocated or does not fit 32 bits; nothing has
+ *                           changed
+ * @retval (store)           any other status of the store (convention 1); nothing has changed
+ *
+ * @par Example
+ * @code
+ * struct {
+ *     MirrorSessionList header;
+ *     MirrorSessionRecord session;
+ *     MirrorPortEntry entry;
+ * } list = {{0, 0, 1, 1, 0}, {"capture", {0}, 1, 0, 0, 0}, {{0}}};
+ * VsStatus status = VSDVS_AppendDVMirrorSessions(alias, "port0", &list.header);
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSDVS_AppendDVMirrorSessions(const char *alias, const char *dvPortId,
                                                      const MirrorSessionList *list);
 
+/**
+ * Removes the first mirror session with an id, and its port entries, from the list of a port or of this
+ * host's uplinks. With the last session the property itself is removed.
+ *
+ * @param[in]  alias      name of the switch
+ * @param[in]  dvPortId   id of the port; may be null or empty, for the list of this host's uplinks
+ * @param[in]  sessionId  id of the session, compared over at most 32 bytes
+ * @retval STATUS_OK         the session is removed
+ * @retval STATUS_NOT_FOUND  no switch has this alias, the place has no list, or the list no such session
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored list is shorter than its header or its counts require, or, where other
+ *                           sessions remain, port entries leave the list, overlap or are out of order;
+ *                           nothing has changed
+ * @retval (store)           any other status of the store (convention 1); nothing has changed
+ */
 VSWITCHCTL_API VsStatus VSDVS_RemoveDVMirrorSession(const char *alias, const char *dvPortId,
                                                     const char *sessionId);
 
+/**
+ * Removes the whole list of mirror sessions of a port or of this host's uplinks.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port; may be null or empty, for the list of this host's uplinks
+ * @retval STATUS_OK         the list is removed, or there was none
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearDVMirrorSessions(const char *alias, const char *dvPortId);
 
 /* ==== VLAN policies ==================================================================================== */
 
-#define VLAN_FLAG_TRUNK 1u
-#define VLAN_FLAG_OPTION 2u
-#define VLAN_FLAG_PRIORITY 4u
-#define VLAN_PRIORITY_NONE 0xFFFFFFFFu
+#define VLAN_FLAG_TRUNK 1u             /**< PortVLANRecord: the port is a trunk for the record's ranges */
+#define VLAN_FLAG_OPTION 2u            /**< PortVLANRecord: optionFlag of VSDVS_SetPortVLANPolicy() */
+#define VLAN_FLAG_PRIORITY 4u          /**< PortVLANRecord: the port has a priority */
+#define VLAN_PRIORITY_NONE 0xFFFFFFFFu /**< priority of VSDVS_SetPortVLANPolicy() that means none */
 
+/** A range of a VLAN trunk, both ends included; 4 bytes. */
 typedef struct VSWITCHCTL_PACKED VLANRange {
-    uint16_t first;
-    uint16_t last;
+    uint16_t first; /**< offset 0: first VLAN id */
+    uint16_t last;  /**< offset 2: last VLAN id */
 } VLANRange;
 
+/** VLAN policy of a port; 8 + 4 * rangeCount bytes. */
 typedef struct VSWITCHCTL_PACKED PortVLANRecord {
-    uint16_t flags;
-    uint16_t vlanId;
-    uint16_t reserved;
-    uint16_t rangeCount;
-    /* followed by `rangeCount` VLANRange */
+    uint16_t flags;      /**< offset 0: VLAN_FLAG_TRUNK, VLAN_FLAG_OPTION, VLAN_FLAG_PRIORITY */
+    uint16_t vlanId;     /**< offset 2: VLAN id */
+    uint16_t reserved;   /**< offset 4: written as 0 */
+    uint16_t rangeCount; /**< offset 6: number of ranges; that many VLANRange follow at offset 8 */
 } PortVLANRecord;
 
+/** An entry of the private VLAN map; 8 bytes. */
 typedef struct VSWITCHCTL_PACKED PVLANMapEntry {
-    uint8_t bytes[8];
+    uint8_t bytes[8]; /**< offset 0: stored as it is */
 } PVLANMapEntry;
 
+/**
+ * Reads the private VLAN map of a switch (`com.talpex.vswitch.pvlanMap`).
+ *
+ * @param[in]  alias    name of the switch
+ * @param[out] entries  `count` PVLANMapEntry of 8 bytes, the caller's: release with VSDVS_FreeMemory(), also
+ *                      when count is 0. Untouched on failure.
+ * @param[out] count    number of entries. Untouched on failure.
+ * @retval STATUS_OK         the map is handed out
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch has no map
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored length is not a multiple of 8
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetPrivateVLANMap(const char *alias, PVLANMapEntry **entries, uint32_t *count);
 
+/**
+ * Replaces the private VLAN map of a switch (`com.talpex.vswitch.pvlanMap`, flags 0x08), or removes it. The
+ * entries are not checked.
+ *
+ * @param[in]  alias    name of the switch
+ * @param[in]  entries  `count` PVLANMapEntry of 8 bytes; may be null when count is 0
+ * @param[in]  count    number of entries, below 2^29 (convention 8); 0 removes the map
+ * @retval STATUS_OK         the map is stored, or removed
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or count is 0 and the switch has no map
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetPrivateVLANMap(const char *alias, const PVLANMapEntry *entries,
                                                 uint32_t count);
 
+/**
+ * Reads the VLAN policy of a port (`com.talpex.vswitch.port.vlan`) and its priority
+ * (`com.talpex.vswitch.port.priority`).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[out] record    8 + 4 * `rangeCount` bytes, the caller's: release with VSDVS_FreeMemory(). Untouched
+ *                       on failure.
+ * @param[out] priority  the stored priority; 0 when there is none, it can't be read or is not 4 bytes long:
+ *                       VLAN_FLAG_PRIORITY in the record's flags tells a priority of 0 from none. Untouched
+ *                       on failure.
+ * @retval STATUS_OK         both are handed out
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the port or its policy is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored length is not 8 + 4 * `rangeCount`
+ * @retval (store)           any other status of the store when it reads the policy (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetPortVLANPolicy(const char *alias, const char *dvPortId,
                                                 PortVLANRecord **record, uint32_t *priority);
 
+/**
+ * Replaces the VLAN policy of a port (`com.talpex.vswitch.port.vlan`), then stores its priority
+ * (`com.talpex.vswitch.port.priority`, 4 bytes) or removes it; both with flags 0x08. No VLAN id, range or
+ * priority is checked.
+ *
+ * @param[in]  alias       name of the switch
+ * @param[in]  dvPortId    id of the port
+ * @param[in]  vlanId      VLAN id of the port
+ * @param[in]  priority    priority, 0 included; VLAN_PRIORITY_NONE for none
+ * @param[in]  trunk       Boolean: sets VLAN_FLAG_TRUNK. A trunk without ranges gets the range 0 to 4094.
+ * @param[in]  optionFlag  Boolean: sets VLAN_FLAG_OPTION
+ * @param[in]  ranges      `rangeCount` VLANRange of 4 bytes, stored in this order, also for a port that is no
+ *                         trunk; may be null when rangeCount is 0
+ * @param[in]  rangeCount  number of ranges
+ * @retval STATUS_OK         policy and priority are stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_NO_MEMORY  the record could not be allocated; nothing has changed
+ * @retval (store)           any other status of the store (convention 1). When the policy could not be
+ *                           written, nothing has changed; when the priority could not, the new policy is
+ *                           stored, and its flags and the stored priority may disagree.
+ *
+ * @par Example
+ * @code
+ * const VLANRange ranges[] = {{100, 199}, {300, 300}};
+ * VsStatus status = VSDVS_SetPortVLANPolicy(alias, "port0", 0, VLAN_PRIORITY_NONE, 1, 0, ranges, 2);
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetPortVLANPolicy(const char *alias, const char *dvPortId, uint16_t vlanId,
                                                 uint32_t priority, uint8_t trunk, uint8_t optionFlag,
                                                 const VLANRange *ranges, uint16_t rangeCount);
 
+/**
+ * Removes the VLAN policy of a port, then its priority (`com.talpex.vswitch.port.vlan` and
+ * `com.talpex.vswitch.port.priority`).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @retval STATUS_OK         both are removed, or were absent
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1); the policy may be removed already
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearPortVLANPolicy(const char *alias, const char *dvPortId);
 
+/**
+ * Tells whether nested VLAN tagging is on for a port (`com.talpex.vswitch.port.vlanNestedTag`).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[out] enabled   Boolean; 0 when nothing is stored. Untouched on failure.
+ * @retval STATUS_OK         the answer is in `enabled`
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored value is not 4 bytes long
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetPortNestedVLANTagging(const char *alias, const char *dvPortId,
                                                        uint8_t *enabled);
 
+/**
+ * Turns nested VLAN tagging of a port on or off (`com.talpex.vswitch.port.vlanNestedTag`, 4 bytes, flags
+ * 0x10).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[in]  enabled   Boolean
+ * @retval STATUS_OK         the setting is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetPortNestedVLANTagging(const char *alias, const char *dvPortId,
                                                        uint8_t enabled);
 
 /* ==== Port security, extra Ethernet filter, sink port ================================================== */
 
-#define SINK_PORT_BIT 0x00010000u
+#define SINK_PORT_BIT 0x00010000u /**< bit of ExtraEthFilterRecord's first word: a sink port */
 
+/** Extra Ethernet filter of a port; 200 bytes. */
 typedef struct VSWITCHCTL_PACKED ExtraEthFilterRecord {
-    uint32_t firstWord;
-    uint8_t rest[196];
+    uint32_t firstWord; /**< offset 0: SINK_PORT_BIT; the other bits are stored as they are */
+    uint8_t rest[196];  /**< offset 4: stored as it is */
 } ExtraEthFilterRecord;
 
+/**
+ * Reads the security flags of a port (`com.talpex.vswitch.port.security`).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[out] flags     bits 0 to 2; 1 when nothing is stored. Untouched on failure.
+ * @retval STATUS_OK         the flags are in `flags`
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored value is not 4 bytes long
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetPortSecurity(const char *alias, const char *dvPortId, uint32_t *flags);
 
+/**
+ * Stores the security flags of a port (`com.talpex.vswitch.port.security`, 4 bytes, flags 0x10). Bit 1 is
+ * looked at by the next VSDVS_SetPortMACLearning(). VSDVS_ClearPortProp() removes them.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[in]  flags     4 bytes, 0 to 7
+ * @retval STATUS_OK         the flags are stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, a bit above bit 2 is set (tested before the alias is
+ *                           looked up), or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetPortSecurity(const char *alias, const char *dvPortId, const uint32_t *flags);
 
+/**
+ * Reads the extra Ethernet filter of a port (`com.talpex.vswitch.port.extraEthFRP`).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[out] record    200 bytes, the caller's. Untouched on failure.
+ * @retval STATUS_OK         the filter is in `record`
+ * @retval STATUS_NOT_FOUND  the port or its filter is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ * @retval STATUS_FAILURE    no switch has this alias, the switch is not of class "vswitch", or the stored
+ *                           value is not 200 bytes long
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetExtraEthFilter(const char *alias, const char *dvPortId,
                                                 ExtraEthFilterRecord *record);
 
+/**
+ * Stores the extra Ethernet filter of a port (`com.talpex.vswitch.port.extraEthFRP`, flags 0x10), sink port
+ * bit included.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[in]  record    200 bytes, not checked
+ * @retval STATUS_OK         the filter is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetExtraEthFilter(const char *alias, const char *dvPortId,
                                                 const ExtraEthFilterRecord *record);
 
+/**
+ * Removes the extra Ethernet filter of a port, and with it the sink port setting.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @retval STATUS_OK         the filter is removed, or there was none
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearExtraEthFilter(const char *alias, const char *dvPortId);
 
+/**
+ * Tells whether a port is a sink port: whether SINK_PORT_BIT is set in its extra Ethernet filter.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[out] enabled   Boolean; 0 when the port has no filter. Untouched on failure.
+ * @retval STATUS_OK         the answer is in `enabled`
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ * @retval STATUS_FAILURE    no switch has this alias, the switch is not of class "vswitch", or the stored
+ *                           filter is not 200 bytes long
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_IsSinkPortEnabled(const char *alias, const char *dvPortId, uint8_t *enabled);
 
+/**
+ * Makes a port a sink port or an ordinary one, by SINK_PORT_BIT in its extra Ethernet filter; the rest of the
+ * filter stays. A port without a filter gets one of zeros, also when it is disabled; a bit that is right
+ * already is not written again.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[in]  enable    Boolean
+ * @retval STATUS_OK         the port is as wanted
+ * @retval STATUS_NOT_FOUND  a filter was to be written, and the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ * @retval STATUS_FAILURE    no switch has this alias, the switch is not of class "vswitch", or the stored
+ *                           filter is not 200 bytes long; nothing has changed
+ * @retval (store)           any other status of the store (convention 1); nothing has changed
+ */
 VSWITCHCTL_API VsStatus VSDVS_ConfigureSinkPort(const char *alias, const char *dvPortId, uint8_t enable);
 
 /* ==== MAC learning ===================================================================================== */
 
+/** MAC learning of a port; 10 bytes. */
 typedef struct VSWITCHCTL_PACKED PortMACLearningConfig {
-    uint8_t portFlagA;
-    uint8_t portFlagB;
-    uint32_t portValueA;
-    uint32_t portValueB;
+    uint8_t portFlagA;   /**< offset 0: 0 by default */
+    uint8_t portFlagB;   /**< offset 1: 0 by default */
+    uint32_t portValueA; /**< offset 2: 4096 by default */
+    uint32_t portValueB; /**< offset 6: 0 by default */
 } PortMACLearningConfig;
 
+/** MAC learning of a switch on this host; 8 bytes. */
 typedef struct VSWITCHCTL_PACKED SwitchMACLearningRecord {
-    uint8_t switchValueA[3];
-    uint8_t switchByte;
-    uint32_t switchValueB;
+    uint8_t
+        switchValueA[3];   /**< offset 0: 24-bit number, lowest byte first; 600 by default, at most 1000000 */
+    uint8_t switchByte;    /**< offset 3: no default */
+    uint32_t switchValueB; /**< offset 4: 65536 by default */
 } SwitchMACLearningRecord;
 
+/**
+ * Reads the MAC learning of a port (`com.talpex.vswitch.port.macManagement`, 11 bytes, of which the last 10
+ * are handed out).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[out] config    10 bytes, the caller's; all 0 but `portValueA` 4096 when nothing is stored. Untouched
+ *                       on failure.
+ * @retval STATUS_OK         the configuration is in `config`
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored value is not 11 bytes long
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetPortMACLearning(const char *alias, const char *dvPortId,
                                                  PortMACLearningConfig *config);
 
+/**
+ * Stores the MAC learning of a port (`com.talpex.vswitch.port.macManagement`, flags 0x10): one byte, then the
+ * 10 bytes of config. The byte is 1 when the port's stored security flags can be read, are 4 bytes long and
+ * have bit 1 clear, else 0; a later VSDVS_SetPortSecurity() does not change it. Reading the flags never fails
+ * this operation.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[in]  config    10 bytes, not checked
+ * @retval STATUS_OK         the configuration is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store when it writes (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetPortMACLearning(const char *alias, const char *dvPortId,
                                                  const PortMACLearningConfig *config);
 
+/**
+ * Reads the MAC learning of a switch on this host (host property `com.talpex.vswitch.macLearning`).
+ *
+ * @param[in]  alias   name of the switch
+ * @param[out] record  8 bytes, the caller's. When nothing is stored, `switchValueA` is 600 and `switchValueB`
+ *                     65536, and `switchByte` stays as it was. Untouched on failure.
+ * @retval STATUS_OK         the configuration is in `record`
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored value is not 8 bytes long
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetMACLearning(const char *alias, SwitchMACLearningRecord *record);
 
+/**
+ * Stores the MAC learning of a switch on this host (host property `com.talpex.vswitch.macLearning`, flags
+ * 0x10).
+ *
+ * @param[in]  alias   name of the switch
+ * @param[in]  record  8 bytes; `switchValueA` at most 1000000, the rest is not checked
+ * @retval STATUS_OK         the configuration is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null, `switchValueA` is above 1000000 (tested before the
+ *                           alias is looked up), or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ *
+ * @par Example
+ * @code
+ * const uint32_t value = 300;
+ * const SwitchMACLearningRecord record = {
+ *     {(uint8_t)value, (uint8_t)(value >> 8), (uint8_t)(value >> 16)}, 0, 65536};
+ * VsStatus status = VSDVS_SetMACLearning(alias, &record);
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetMACLearning(const char *alias, const SwitchMACLearningRecord *record);
 
+/**
+ * Removes the MAC learning of a switch on this host (host property `com.talpex.vswitch.macLearning`).
+ *
+ * @param[in]  alias  name of the switch
+ * @retval STATUS_OK         the configuration is removed
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or there was nothing to remove
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearMACLearning(const char *alias);
 
+/**
+ * Reads the learn-static setting of a switch on this host (host property
+ * `com.talpex.vswitch.macLearning.learnStatic`): true when the stored text begins with "true".
+ *
+ * @param[in]  alias    name of the switch
+ * @param[out] enabled  Boolean; 0 when nothing is stored. Untouched on failure.
+ * @retval STATUS_OK         the setting is in `enabled`
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetLearnStatic(const char *alias, uint8_t *enabled);
 
+/**
+ * Stores the learn-static setting of a switch on this host as "true" or "false" (host property
+ * `com.talpex.vswitch.macLearning.learnStatic`, flags 0x10).
+ *
+ * @param[in]  alias    name of the switch
+ * @param[in]  enabled  Boolean
+ * @retval STATUS_OK         the setting is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetLearnStatic(const char *alias, uint8_t enabled);
 
+/**
+ * Removes the learn-static setting of a switch on this host (host property
+ * `com.talpex.vswitch.macLearning.learnStatic`).
+ *
+ * @param[in]  alias  name of the switch
+ * @retval STATUS_OK         the setting is removed
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or there was nothing to remove
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearLearnStatic(const char *alias);
 
 /* ==== Teaming policies ================================================================================= */
 
-#define TEAMING_OVERRIDE_SIZE 81
+#define TEAMING_OVERRIDE_SIZE 81 /**< bytes of a buffer for a teaming override, NUL included */
 
+/** Teaming policy of a switch or a port; 2616 bytes. */
 typedef struct VSWITCHCTL_PACKED TeamingPolicy {
-    uint8_t bytes[2616];
+    uint8_t bytes[2616]; /**< offset 0: stored as it is */
 } TeamingPolicy;
 
+/**
+ * Reads the teaming policy of a switch (`com.talpex.vswitch.teaming`).
+ *
+ * @param[in]  switchId  id of the switch, at most 63 characters
+ * @param[out] policy    2616 bytes, the caller's. Untouched on failure.
+ * @retval STATUS_OK         the policy is in `policy`
+ * @retval STATUS_NOT_FOUND  the store has no such switch, or the switch has no policy
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ * @retval STATUS_FAILURE    the stored value is not 2616 bytes long
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetTeamingPolicyFromDVSID(const char *switchId, TeamingPolicy *policy);
 
+/**
+ * Reads the teaming policy of a switch (`com.talpex.vswitch.teaming`).
+ *
+ * @param[in]  alias   name of the switch
+ * @param[out] policy  2616 bytes, the caller's. Untouched on failure.
+ * @retval STATUS_OK         the policy is in `policy`
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch has no policy
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored value is not 2616 bytes long
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetTeamingPolicy(const char *alias, TeamingPolicy *policy);
 
+/**
+ * Stores the teaming policy of a switch (`com.talpex.vswitch.teaming`, flags 0x10).
+ *
+ * @param[in]  alias   name of the switch
+ * @param[in]  policy  2616 bytes, not checked
+ * @retval STATUS_OK         the policy is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetTeamingPolicy(const char *alias, const TeamingPolicy *policy);
 
+/**
+ * Removes the teaming policy of a switch.
+ *
+ * @param[in]  alias  name of the switch
+ * @retval STATUS_OK         the policy is removed, or there was none
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearTeamingPolicy(const char *alias);
 
+/**
+ * Tells whether the transmit-uplink mode of a port is "always" (`com.talpex.vswitch.port.txUplink`).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[out] always    Boolean: 1 for "always", 0 for "normal" and every other text. Untouched on failure.
+ * @retval STATUS_OK         the answer is in `always`
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the port or its mode is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetTxUplinkAlways(const char *alias, const char *dvPortId, uint8_t *always);
 
+/**
+ * Stores the transmit-uplink mode of a port as "always" or "normal" (`com.talpex.vswitch.port.txUplink`, 7
+ * bytes, flags 0x10).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[in]  always    Boolean
+ * @retval STATUS_OK         the mode is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetTxUplinkAlways(const char *alias, const char *dvPortId, uint8_t always);
 
+/**
+ * Reads the teaming policy of a port (`com.talpex.vswitch.port.teaming.policy`).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[out] policy    2616 bytes, the caller's. A stored value of 8 to 2615 bytes fills only its own
+ *                       length, and the rest stays as it was. Untouched on failure.
+ * @retval STATUS_OK         the policy is in `policy`
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the port or its policy is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored value is shorter than 8 bytes or longer than 2616
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetPortTeamingPolicy(const char *alias, const char *dvPortId,
                                                    TeamingPolicy *policy);
 
+/**
+ * Stores the teaming policy of a port (`com.talpex.vswitch.port.teaming.policy`, flags 0x10).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[in]  policy    2616 bytes, not checked
+ * @retval STATUS_OK         the policy is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetPortTeamingPolicy(const char *alias, const char *dvPortId,
                                                    const TeamingPolicy *policy);
 
+/**
+ * Removes the teaming policy of a port.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @retval STATUS_OK         the policy is removed, or there was none
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearPortTeamingPolicy(const char *alias, const char *dvPortId);
 
+/**
+ * Reads the teaming override of a port (`com.talpex.vswitch.port.teaming.override`).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[out] text      TEAMING_OVERRIDE_SIZE (81) bytes, the caller's: at most 80 characters, then zeros.
+ *                       Cleared after any failure, a null alias or port id included.
+ * @retval STATUS_OK         the override is in `text`
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the port or its override is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored value is longer than 81 bytes
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetPortTeamingOverride(const char *alias, const char *dvPortId, char *text);
 
+/**
+ * Stores the teaming override of a port (`com.talpex.vswitch.port.teaming.override`, flags 0x10).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @param[in]  text      the override, any length; only up to 80 characters can be read back
+ * @retval STATUS_OK         the override is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetPortTeamingOverride(const char *alias, const char *dvPortId,
                                                      const char *text);
 
+/**
+ * Removes the teaming override of a port.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @retval STATUS_OK         the override is removed, or there was none
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearPortTeamingOverride(const char *alias, const char *dvPortId);
 
 /* ==== Logical-switch teaming =========================================================================== */
 
-#define LS_TEAMING_POLICY_NAME_SIZE 136
+#define LS_TEAMING_POLICY_NAME_SIZE 136 /**< bytes of a buffer for the name of a logical-switch policy */
 
+/** A logical-switch teaming policy; 2748 bytes. */
 typedef struct VSWITCHCTL_PACKED LSTeamingPolicyEntry {
-    uint8_t bytes[2748];
+    uint8_t bytes[2748]; /**< offset 0: stored as it is */
 } LSTeamingPolicyEntry;
 
+/** Logical-switch teaming policies of a switch; 4 + 2748 * count bytes. */
 typedef struct VSWITCHCTL_PACKED LSTeamingPolicyTable {
-    uint32_t count;
-    /* followed by `count` LSTeamingPolicyEntry */
+    uint32_t count; /**< offset 0: number of policies; that many LSTeamingPolicyEntry follow at offset 4 */
 } LSTeamingPolicyTable;
 
+/**
+ * Reads the logical-switch teaming policies of a switch (`com.talpex.vswitch.logicalswitch.teaming`).
+ *
+ * @param[in]  switchId  id of the switch, at most 63 characters
+ * @param[out] table     the stored value, the caller's: release with VSDVS_FreeMemory(). Its length is not
+ *                       compared with its count: what others than VSDVS_SetLSTeamingPolicy() wrote may hold
+ *                       fewer entries. Untouched on failure.
+ * @retval STATUS_OK         the table is handed out
+ * @retval STATUS_NOT_FOUND  the store has no such switch, or the switch has no table
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ * @retval STATUS_FAILURE    the stored value is shorter than 4 bytes
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetLSTeamingPolicyTableFromDVSID(const char *switchId,
                                                                LSTeamingPolicyTable **table);
 
+/**
+ * Reads the logical-switch teaming policies of a switch (`com.talpex.vswitch.logicalswitch.teaming`).
+ *
+ * @param[in]  alias  name of the switch
+ * @param[out] table  the stored value, the caller's: release with VSDVS_FreeMemory(). Its length is not
+ *                    compared with its count: what others than VSDVS_SetLSTeamingPolicy() wrote may hold
+ *                    fewer entries. Untouched on failure.
+ * @retval STATUS_OK         the table is handed out
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch has no table
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored value is shorter than 4 bytes
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetLSTeamingPolicyTable(const char *alias, LSTeamingPolicyTable **table);
 
+/**
+ * Stores the logical-switch teaming policies of a switch (`com.talpex.vswitch.logicalswitch.teaming`, flags
+ * 0x10).
+ *
+ * @param[in]  alias  name of the switch
+ * @param[in]  table  4 + 2748 * `count` bytes, computed in 32 bits: keep the count at 1562949 or less
+ *                    (convention 8)
+ * @retval STATUS_OK         the table is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetLSTeamingPolicy(const char *alias, const LSTeamingPolicyTable *table);
 
+/**
+ * Removes the logical-switch teaming policies of a switch.
+ *
+ * @param[in]  alias  name of the switch
+ * @retval STATUS_OK         the table is removed, or there was none
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearLSTeamingPolicy(const char *alias);
 
+/**
+ * Reads the name of the logical-switch teaming policy that a port follows
+ * (`com.talpex.vswitch.port.logicalswitch.teaming`). The name is not looked up in the switch's table.
+ *
+ * @param[in]  alias       name of the switch
+ * @param[in]  dvPortId    id of the port
+ * @param[out] policyName  LS_TEAMING_POLICY_NAME_SIZE (136) bytes, the caller's: the stored bytes, then
+ *                         zeros; a stored value of exactly 136 bytes fills the buffer, and may end without a
+ *                         NUL. Cleared after any failure, a null alias or port id included.
+ * @retval STATUS_OK         the name is in policyName
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the port or its name is absent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the stored value is longer than 136 bytes
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetPortLSTeamingPolicyName(const char *alias, const char *dvPortId,
                                                          char *policyName);
 
+/**
+ * Stores the name of the logical-switch teaming policy that a port follows
+ * (`com.talpex.vswitch.port.logicalswitch.teaming`, flags 0x10). The name is not looked up in the switch's
+ * table.
+ *
+ * @param[in]  alias       name of the switch
+ * @param[in]  dvPortId    id of the port
+ * @param[in]  policyName  the name, any length; only up to 135 characters can be read back
+ * @retval STATUS_OK         the name is stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetPortLSTeamingPolicy(const char *alias, const char *dvPortId,
                                                      const char *policyName);
 
+/**
+ * Removes the name of the logical-switch teaming policy that a port follows.
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port
+ * @retval STATUS_OK         the name is removed, or there was none
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
+ * @retval (store)           any other status of the store (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSDVS_ClearPortLSTeamingPolicy(const char *alias, const char *dvPortId);
 
 /* ==== MTU ============================================================================================== */
 
-#define MTU_MIN 1280
-#define MTU_MAX 9000
+#define MTU_MIN 1280 /**< smallest MTU in bytes that VSDVS_SetMTU() takes */
+#define MTU_MAX 9000 /**< largest MTU in bytes that VSDVS_SetMTU() takes */
 
+/**
+ * Reads the MTU in force on a running switch, of any class, from the system shell (convention 11). Of the
+ * first 128 bytes of the answer, the last number counts. The stored MTU is not looked at.
+ *
+ *     /bin/tybel -e get /net/portsets/PORTSET/mtu
+ *
+ * @param[in]  alias  name of the switch
+ * @param[out] mtu    MTU in bytes. Untouched on failure.
+ * @retval STATUS_OK         the MTU is in `mtu`
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  a required pointer is null
+ * @retval STATUS_FAILURE    the command could not be started or formed, or printed no number
+ */
 VSWITCHCTL_API VsStatus VSDVS_GetMTU(const char *alias, int32_t *mtu);
 
+/**
+ * Sets the MTU of a running switch: on each of its uplinks (the first 32 listed), then on its portset, with
+ * these commands (convention 11); then stores it in `com.talpex.vswitch.mtu` and `com.talpex.etherswitch.mtu`
+ * (4 bytes, flags 0x10).
+ *
+ *     tybel -e ls /net/portsets/PORTSET/uplinks
+ *     tybel -e set /net/pNics/UPLINK/mtu MTU
+ *     tybel -e set /net/portsets/PORTSET/mtu MTU
+ *
+ * When a step fails, the uplinks set before it are set back, last first, and the portset too if it was set;
+ * all to the MTU that the portset had, whatever an uplink had of its own. What these commands say is ignored,
+ * and so is a failure to store `com.talpex.etherswitch.mtu`.
+ *
+ * @param[in]  alias  name of the switch
+ * @param[in]  mtu    MTU in bytes, MTU_MIN (1280) to MTU_MAX (9000)
+ * @retval STATUS_OK         the MTU is in force, and stored
+ * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_BAD_PARAM  alias is null, the MTU is out of range (tested before the alias is looked up), or
+ *                           the switch is not of class "vswitch"
+ * @retval STATUS_FAILURE    the old MTU could not be read, the uplinks not listed, a line of the listing is
+ *                           no name of at most 31 characters, or a command failed; what was set is set back,
+ *                           but for the uplink whose command failed
+ * @retval (store)           any status of the store when it writes `com.talpex.vswitch.mtu` (convention 1);
+ *                           what was set is set back
+ */
 VSWITCHCTL_API VsStatus VSDVS_SetMTU(const char *alias, int32_t mtu);
 
 /* ==== Driver requests ================================================================================== */
