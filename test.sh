@@ -1,25 +1,78 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test. Needs a Debian 12 machine and nothing else.
+#
+#   ./test.sh                  the ordinary run: release and sanitizer builds, fuzz targets for a minute
+#   ./test.sh --coverage       lines and branches of the library that the tests run
+#   ./test.sh --mutation       wakes each mutant of the library (two hours)
+#   ./test.sh --fuzz SECONDS   each fuzz target for so long
+#   ./test.sh --crash ROUNDS   kills a writer so often
 set -euo pipefail
 cd "$(dirname "$0")"
 . cmake/install_packages.sh
 install_packages
 
-sources() { git ls-files '*.h' '*.cpp' '*.c' | grep -v '^tests/package/'; }
+FUZZ_TARGETS=(records answers shell_output bundles requests scenarios names)
 
-echo "== Format"
-sources | xargs clang-format --dry-run -Werror
+check_format() {
+    echo "== Format"
+    git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format --dry-run -Werror
+}
 
-failed=0
-for preset in release asan; do
-    echo "== Build: $preset"
-    build_preset "$preset"
-    echo "== Test: $preset"
-    ctest --test-dir "build/$preset" --output-on-failure -j2 || failed=1
-done
+run_tests() { # preset, further arguments of ctest
+    echo "== Build: $1"
+    build_preset "$1"
+    echo "== Test: $1"
+    ctest --test-dir "build/$1" --output-on-failure -j2 "${@:2}"
+}
 
-echo "== Static analysis"
-git ls-files 'core/*.cpp' 'lifecycle/*.cpp' 'policy/*.cpp' 'kernel/*.cpp' |
-    xargs -P2 -n4 clang-tidy -p build/release --quiet --warnings-as-errors='*' 2>/dev/null || failed=1
+run_fuzz_targets() { # seconds for each
+    echo "== Fuzz targets, $1 s each"
+    build_preset fuzz
+    local target corpus
+    for target in "${FUZZ_TARGETS[@]}"; do
+        corpus=$(mktemp -d)
+        ASAN_OPTIONS=verify_asan_link_order=0 "build/fuzz/fuzz/fuzz_$target" -seed=20260101 -max_total_time="$1" \
+            -max_len=8192 -timeout=10 -print_final_stats=1 -artifact_prefix=build/fuzz/ \
+            "$corpus" "tests/fuzz/corpus/$target" >"build/fuzz/$target.log" 2>&1 || {
+            tail -40 "build/fuzz/$target.log"
+            return 1
+        }
+        rm -rf "$corpus"
+        echo "$target: $(grep -o 'number_of_executed_units: *[0-9]*' "build/fuzz/$target.log" | grep -o '[0-9]*$') inputs"
+    done
+}
 
-exit $failed
+analyse() {
+    echo "== Static analysis"
+    git ls-files 'core/*.cpp' 'lifecycle/*.cpp' 'policy/*.cpp' 'kernel/*.cpp' |
+        xargs -P2 -n4 clang-tidy -p build/release --quiet --warnings-as-errors='*' 2>/dev/null
+}
+
+case "${1-}" in
+--coverage)
+    run_tests coverage
+    gcovr --root . --object-directory build/coverage --filter '(core|lifecycle|policy|kernel)/' \
+        --exclude-throw-branches --exclude-unreachable-branches --txt-metric branch --txt --print-summary
+    ;;
+--mutation)
+    tests/mutation/run.py "${@:2}"
+    ;;
+--fuzz)
+    run_fuzz_targets "$2"
+    ;;
+--crash)
+    build_preset release
+    VSWITCHCTL_CRASH_ROUNDS=$2 build/release/tests/crash_test
+    ;;
+"")
+    check_format
+    run_tests release
+    run_tests asan -LE release-only
+    run_fuzz_targets 8
+    analyse
+    ;;
+*)
+    sed -n '2,9s/^# \{0,1\}//p' "$0"
+    exit 2
+    ;;
+esac
