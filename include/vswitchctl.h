@@ -1205,10 +1205,9 @@ typedef struct VSWITCHCTL_PACKED PortMACLearningConfig {
 
 /** MAC learning of a switch on this host; 8 bytes. */
 typedef struct VSWITCHCTL_PACKED SwitchMACLearningRecord {
-    uint8_t
-        switchValueA[3];   /**< offset 0: 24-bit number, lowest byte first; 600 by default, at most 1000000 */
-    uint8_t switchByte;    /**< offset 3: no default */
-    uint32_t switchValueB; /**< offset 4: 65536 by default */
+    uint8_t switchValueA[3]; /**< offset 0: 24 bits, lowest byte first; 0 to 1000000, default 600 */
+    uint8_t switchByte;      /**< offset 3: no default */
+    uint32_t switchValueB;   /**< offset 4: 65536 by default */
 } SwitchMACLearningRecord;
 
 /**
@@ -1548,7 +1547,7 @@ VSWITCHCTL_API VsStatus VSDVS_GetLSTeamingPolicyTable(const char *alias, LSTeami
  * 0x10).
  *
  * @param[in]  alias  name of the switch
- * @param[in]  table  4 + 2748 * `count` bytes, computed in 32 bits: keep the count at 1562949 or less
+ * @param[in]  table  4 + 2748 * `count` bytes, computed in 32 bits: keep the count at 1562942 or less
  *                    (convention 8)
  * @retval STATUS_OK         the table is stored
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
@@ -1663,132 +1662,579 @@ VSWITCHCTL_API VsStatus VSDVS_SetMTU(const char *alias, int32_t mtu);
 
 /* ==== Driver requests ================================================================================== */
 
-#define ZOR_DEVICE "/dev/vswitch"
-#define ZOR_RTM_DEVICE "/krem/devices/char/zordriver/rtm"
+#define ZOR_DEVICE "/dev/vswitch"                         /**< device of the switch driver */
+#define ZOR_RTM_DEVICE "/krem/devices/char/zordriver/rtm" /**< device of VSZOR_RTMOp() */
 
+/** Header of a driver request; 24 bytes. */
 typedef struct VSWITCHCTL_PACKED ZorRequestHeader {
-    uint32_t inLength;
-    uint32_t outLength;
-    uint64_t inPtr;
-    uint64_t outPtr;
+    uint32_t inLength;  /**< offset 0: size of the input in bytes; 0 without input */
+    uint32_t outLength; /**< offset 4: size of the output buffer in bytes; 0 without output */
+    uint64_t inPtr;     /**< offset 8: address of the input; 0 without input */
+    uint64_t outPtr;    /**< offset 16: address of the output buffer; 0 without output */
 } ZorRequestHeader;
 
+/** Header of a driver list; 8 bytes. The entries follow at offset 8. */
 typedef struct VSWITCHCTL_PACKED ZorListHeader {
-    uint32_t count;
-    uint32_t aux;
-    /* followed by `count` entries */
+    uint32_t count; /**< offset 0: number of entries (convention 9) */
+    uint32_t aux;   /**< offset 4: as the driver writes it; the kind in VSZOR_GetSwitches() */
 } ZorListHeader;
 
+/**
+ * Sends one request to a device: opens it for reading and writing, issues one ioctl, closes it again. The
+ * VSZOR_ operations are made of it; call it for commands that have none.
+ *
+ * @param[in]  path     path of the device, such as ZOR_DEVICE
+ * @param[in]  request  command number, sign-extended to the width of the request argument of ioctl
+ * @param[in]  header   passed to the driver untested (convention 2), which reads `inLength` bytes at `inPtr`
+ *                      and writes at most `outLength` bytes at `outPtr`. What these buffers hold after a
+ *                      failure is the driver's choice.
+ * @retval STATUS_OK         the driver did what was asked, or failed with errno 0
+ * @retval STATUS_BAD_PARAM  path is null
+ * @retval STATUS_NOT_FOUND  the device is missing
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the device could not be opened or refused the request (convention 1)
+ */
 VSWITCHCTL_API VsStatus ZORIoctl(const char *path, int32_t request, ZorRequestHeader *header);
 
 /* ==== Running switches and uplinks ===================================================================== */
 
-#define VS_INFO_SIZE 208
-#define LAG_TABLE_SIZE 35588
-#define UPLINK_ENTRY_SIZE 36
-#define UPLINK_HINT_SIZE 32
+#define VS_INFO_SIZE 208     /**< bytes of the record of VSZOR_GetVSInfo() */
+#define LAG_TABLE_SIZE 35588 /**< bytes of the table of VSZOR_GetLAGTable() */
+#define UPLINK_ENTRY_SIZE 36 /**< bytes of an entry of VSZOR_GetUplinks() */
+#define UPLINK_HINT_SIZE 32  /**< bytes of the record of VSZOR_PortGetTeamUplinkHint() */
 
+/**
+ * Lists the running switches. Driver command 4126 (0x101E).
+ *
+ * @param[in]  kind      kind of list: 1 gives entries of 128 bytes, as wide as a portset name; any other kind
+ *                       entries of 81 bytes
+ * @param[out] switches  ZorListHeader (8 bytes), then `count` entries of 128 or 81 bytes; `aux` is the kind.
+ *                       The caller's: release with VSZOR_FreeMemory(). Null after any failure.
+ * @retval STATUS_OK         the list is complete; `count` may be 0
+ * @retval STATUS_BAD_PARAM  `switches` is null; nothing was sent
+ * @retval STATUS_FAILURE    the first request failed, with whatever errno; or see (errno)
+ * @retval STATUS_NO_MEMORY  the list could not be allocated, or the driver answered ENOMEM
+ * @retval (errno)           the second request failed (convention 1)
+ *
+ * @par Example
+ * @code
+ * void *switches;
+ * if (VSZOR_GetSwitches(1, &switches) == STATUS_OK) {
+ *     const ZorListHeader *list = (const ZorListHeader *)switches;
+ *     const char *name = (const char *)(list + 1);
+ *     for (uint32_t i = 0; i < list->count; i++, name += PORTSET_NAME_SIZE) printf("%.128s\n", name);
+ *     VSZOR_FreeMemory(switches);
+ * }
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetSwitches(uint32_t kind, void **switches);
 
+/**
+ * Reads the driver's information record of a running switch. Driver command 4111 (0x100F).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[out] info         VS_INFO_SIZE (208) bytes, the caller's. Untouched when a test fails, cleared when
+ *                          the request fails.
+ * @retval STATUS_OK         the record is in `info`
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetVSInfo(const char *portsetName, void *info);
 
+/**
+ * Lists the uplinks of a running switch. Driver command 4106 (0x100A).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[out] uplinks      ZorListHeader (8 bytes), then `count` entries of UPLINK_ENTRY_SIZE (36) bytes. The
+ *                          caller's: release with VSZOR_FreeMemory(). Untouched when a test or the first
+ *                          request fails, null after any later failure.
+ * @retval STATUS_OK         the list is complete; `count` may be 0
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_NO_MEMORY  the list could not be allocated, or the driver answered ENOMEM
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ *
+ * @par Example
+ * @code
+ * void *uplinks;
+ * if (VSZOR_GetUplinks("lab", &uplinks) == STATUS_OK) {
+ *     const ZorListHeader *list = (const ZorListHeader *)uplinks;
+ *     printf("%u uplinks\n", list->count);
+ *     VSZOR_FreeMemory(uplinks);
+ * }
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetUplinks(const char *portsetName, void **uplinks);
 
+/**
+ * Tells whether the link of an uplink is up. Driver command 4107 (0x100B).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[in]  uplinkName   name of the uplink; cut to 31 characters
+ * @param[out] linkUp       1 for up, 0 for down. Untouched on failure.
+ * @retval STATUS_OK         the state is in linkUp
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetUplinkLinkState(const char *portsetName, const char *uplinkName,
                                                  uint32_t *linkUp);
 
+/**
+ * Tells whether the link of an uplink is up for LACP. Driver command 4108 (0x100C).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[in]  uplinkName   name of the uplink; cut to 31 characters
+ * @param[out] linkUp       1 for up, 0 for down. Untouched on failure.
+ * @retval STATUS_OK         the state is in linkUp
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetUplinkLACPLinkState(const char *portsetName, const char *uplinkName,
                                                      uint32_t *linkUp);
 
+/**
+ * Brings an uplink up or takes it down. Driver command 8194 (0x2002).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[in]  uplinkName   name of the uplink; cut to 31 characters
+ * @param[in]  upFlag       nonzero for up, 0 for down
+ * @retval STATUS_OK         the driver took the command
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_SetUplinkAdminLinkState(const char *portsetName, const char *uplinkName,
                                                       int32_t upFlag);
 
+/**
+ * Reads the LAG table of a running switch. Driver command 4109 (0x100D).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[out] table        LAG_TABLE_SIZE (35588) bytes. The caller's: release with VSZOR_FreeMemory().
+ *                          Untouched on failure.
+ * @retval STATUS_OK         the table is handed out
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_NO_MEMORY  the table could not be allocated, or the driver answered ENOMEM
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetLAGTable(const char *portsetName, void **table);
 
+/**
+ * Reads the team uplink hint of a port. Driver command 4122 (0x101A).
+ *
+ * @param[in]  portNumber  number of the port in the driver, from VSDVS_DvPortIDToPortID()
+ * @param[out] hint        UPLINK_HINT_SIZE (32) bytes, the caller's. Untouched when it is null, cleared when
+ *                         the request fails.
+ * @retval STATUS_OK         the hint is in `hint`
+ * @retval STATUS_BAD_PARAM  `hint` is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_PortGetTeamUplinkHint(uint32_t portNumber, void *hint);
 
+/**
+ * Finds the port id of an uplink of this host. Driver command 4123 (0x101B).
+ *
+ * @param[in]  uplinkName  name of the uplink; cut to 31 characters
+ * @param[out] dvPortId    DV_PORT_ID_SIZE (48) bytes, the caller's: the port id as the driver writes it.
+ *                         Untouched when a test fails, cleared when the request fails.
+ * @retval STATUS_OK         the port id is in dvPortId
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetUplinkDVPortID(const char *uplinkName, char *dvPortId);
 
+/**
+ * Has the driver refresh its device NUMA information for a running switch. Driver command 8198 (0x2006).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @retval STATUS_OK         the driver took the command
+ * @retval STATUS_BAD_PARAM  portsetName is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_RefreshDevNUMAInfo(const char *portsetName);
 
 /* ==== MAC tables of the running switch ================================================================= */
 
-#define PORT_MAC_LEARNING_STATS_SIZE 28
-#define SWITCH_MAC_LEARNING_INFO_SIZE 52
+#define PORT_MAC_LEARNING_STATS_SIZE 28  /**< bytes of the record of VSZOR_GetPortMACLearningStats() */
+#define SWITCH_MAC_LEARNING_INFO_SIZE 52 /**< bytes of the record of VSZOR_GetSwitchMACLearningInfo() */
 
+/** An entry of a MAC table; 18 bytes. */
 typedef struct VSWITCHCTL_PACKED ZorMacTableEntry {
-    uint8_t bytes[18];
+    uint8_t bytes[18]; /**< offset 0: the driver's fields */
 } ZorMacTableEntry;
 
+/** The driver's MAC learning properties; 9 bytes. */
 typedef struct VSWITCHCTL_PACKED ZorMacLearningProps {
-    uint8_t bytes[9];
+    uint8_t bytes[9]; /**< offset 0: the driver's fields */
 } ZorMacLearningProps;
 
+/**
+ * Lists the MAC addresses known at a port. Driver command 4117 (0x1015).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port; cut to 47 characters
+ * @param[in]  selector  which addresses, as the driver defines it; a byte sent in the place of the seventh
+ *                       byte of an entry
+ * @param[out] table     ZorListHeader (8 bytes), then `count` ZorMacTableEntry of 18 bytes. The caller's:
+ *                       release with VSZOR_FreeMemory(). Untouched when a test, the alias or the first
+ *                       request fails, null after any later failure.
+ * @retval STATUS_OK         the list is complete; `count` may be 0
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or see (errno)
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"; nothing was
+ *                           sent
+ * @retval STATUS_NO_MEMORY  the list could not be allocated, or the driver answered ENOMEM
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetPortMACTable(const char *alias, const char *dvPortId, uint8_t selector,
                                               void **table);
 
+/**
+ * Puts an entry into the MAC table of a port. Driver command 8195 (0x2003).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port; cut to 47 characters
+ * @param[in]  entry     18 bytes, sent as they are
+ * @retval STATUS_OK         the driver took the entry
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or see (errno)
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"; nothing was
+ *                           sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_SetPortMACTable(const char *alias, const char *dvPortId,
                                               const ZorMacTableEntry *entry);
 
+/**
+ * Removes an entry from the MAC table of a port. Driver command 8196 (0x2004).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  dvPortId  id of the port; cut to 47 characters
+ * @param[in]  entry     18 bytes, sent as they are
+ * @retval STATUS_OK         the driver took the command
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or see (errno)
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"; nothing was
+ *                           sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_ClearPortMACTable(const char *alias, const char *dvPortId,
                                                 const ZorMacTableEntry *entry);
 
+/**
+ * Lists the MAC addresses known at the team of a running switch, of any class. Driver command 4118 (0x1016).
+ *
+ * @param[in]  alias     name of the switch
+ * @param[in]  selector  which addresses, as the driver defines it; only its low 8 bits are sent
+ * @param[out] table     ZorListHeader (8 bytes), then `count` ZorMacTableEntry of 18 bytes. The caller's:
+ *                       release with VSZOR_FreeMemory(). Untouched when a test, the alias or the first
+ *                       request fails, null after any later failure.
+ * @retval STATUS_OK         the list is complete; `count` may be 0
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or see (errno)
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_NO_MEMORY  the list could not be allocated, or the driver answered ENOMEM
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetTeamMACTable(const char *alias, int32_t selector, void **table);
 
+/**
+ * Reads the MAC learning statistics of a port. Takes the port id first and the alias second, unlike all
+ * others. Driver command 4119 (0x1017).
+ *
+ * @param[in]  dvPortId  id of the port; cut to 47 characters
+ * @param[in]  alias     name of the switch
+ * @param[out] stats     PORT_MAC_LEARNING_STATS_SIZE (28) bytes, the caller's. Untouched when a test or the
+ *                       alias fails, cleared when the request fails.
+ * @retval STATUS_OK         the statistics are in `stats`
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or see (errno)
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"; nothing was
+ *                           sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetPortMACLearningStats(const char *dvPortId, const char *alias, void *stats);
 
+/**
+ * Reads the driver's MAC learning properties, which hold for the whole host. Driver command 4120 (0x1018).
+ *
+ * @param[out] props  9 bytes, the caller's. Untouched by the library on failure.
+ * @retval STATUS_OK         the properties are in `props`
+ * @retval STATUS_BAD_PARAM  `props` is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetGlobalMACLearningProps(ZorMacLearningProps *props);
 
+/**
+ * Sets the driver's MAC learning properties, which hold for the whole host. Driver command 8197 (0x2005).
+ *
+ * @param[in]  props  9 bytes, sent as they are
+ * @retval STATUS_OK         the driver took the properties
+ * @retval STATUS_BAD_PARAM  `props` is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_SetGlobalMACLearningProps(const ZorMacLearningProps *props);
 
+/**
+ * Reads the MAC learning information of a running switch. Driver command 4121 (0x1019).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[out] info         SWITCH_MAC_LEARNING_INFO_SIZE (52) bytes, the caller's. Untouched by the library
+ *                          on failure.
+ * @retval STATUS_OK         the information is in `info`
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetSwitchMACLearningInfo(const char *portsetName, void *info);
 
 /* ==== Multicast and mirroring of the running switch ==================================================== */
 
-#define ADDRESS_KIND_ETHERNET 0
-#define ADDRESS_KIND_IPV4 2
-#define ADDRESS_KIND_IPV6 3
-#define MIRROR_SESSION_STATS_SIZE 121
+#define ADDRESS_KIND_ETHERNET 0       /**< kind of address: Ethernet multicast, 6 bytes */
+#define ADDRESS_KIND_IPV4 2           /**< kind of address: IPv4, 4 bytes */
+#define ADDRESS_KIND_IPV6 3           /**< kind of address: IPv6, 16 bytes */
+#define MIRROR_SESSION_STATS_SIZE 121 /**< bytes of the record of VSZOR_GetDVMirrorSessionStats() */
 
+/** Header of the statistics of a multicast group; 28 bytes. Its sources follow at offset 28. */
 typedef struct VSWITCHCTL_PACKED ZorMcastStatsHeader {
-    uint8_t statistics[20];
-    uint32_t count;
-    uint8_t reserved[4];
-    /* followed by `count` addresses of 4 or 16 bytes */
+    uint8_t statistics[20]; /**< offset 0: the driver's fields */
+    uint32_t count;         /**< offset 20: number of sources, of 4 or 16 bytes each (convention 9) */
+    uint8_t reserved[4];    /**< offset 24: the driver's */
 } ZorMcastStatsHeader;
 
+/**
+ * Reads the multicast filter mode in force on a running switch. Driver command 4103 (0x1007).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[out] mode         the driver's value, unchanged: MCAST_FILTER_LEGACY (0) or MCAST_FILTER_SNOOPING
+ *                          (1). Untouched by the library on failure.
+ * @retval STATUS_OK         the mode is in `mode`
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetMcastFilterMode(const char *portsetName, uint32_t *mode);
 
+/**
+ * Lists the multicast addresses of one kind that a running switch filters. Driver command 4104 (0x1008).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[in]  selector     which filters, as the driver defines it
+ * @param[in]  kind         ADDRESS_KIND_ETHERNET (0), ADDRESS_KIND_IPV4 (2) or ADDRESS_KIND_IPV6 (3)
+ * @param[out] filters      ZorListHeader (8 bytes), then `count` addresses of 6, 4 or 16 bytes for kind 0, 2
+ *                          or 3. The caller's: release with VSZOR_FreeMemory(). Untouched when a test, the
+ *                          first request or the kind fails, null after any later failure.
+ * @retval STATUS_OK         the list is complete; `count` may be 0
+ * @retval STATUS_BAD_PARAM  a required pointer is null, nothing was sent; or the kind is another, which is
+ *                           found after the first request succeeded
+ * @retval STATUS_NO_MEMORY  the list could not be allocated, or the driver answered ENOMEM
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetMcastFilters(const char *portsetName, uint32_t selector, int32_t kind,
                                               void **filters);
 
+/**
+ * Reads the statistics of a multicast group on a running switch, with the list of its sources. Driver command
+ * 4105 (0x1009).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[in]  selector     which filters, as the driver defines it
+ * @param[in]  kind         ADDRESS_KIND_IPV4 (2) or ADDRESS_KIND_IPV6 (3)
+ * @param[in]  group        address of the group: 4 bytes for kind 2, 16 for kind 3, sent as it is
+ * @param[out] stats        ZorMcastStatsHeader (28 bytes), then `count` addresses of 4 or 16 bytes. The
+ *                          caller's: release with VSZOR_FreeMemory(). Untouched when a test or the first
+ *                          request fails, null after any later failure.
+ * @retval STATUS_OK         statistics and sources are complete; `count` may be 0
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the kind is another; nothing was sent
+ * @retval STATUS_NO_MEMORY  the buffer could not be allocated, or the driver answered ENOMEM
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ *
+ * @par Example
+ * @code
+ * const uint8_t group[4] = {239, 1, 1, 1};
+ * void *stats;
+ * if (VSZOR_GetMcastFilterStats("lab", 0, ADDRESS_KIND_IPV4, group, &stats) == STATUS_OK) {
+ *     const ZorMcastStatsHeader *header = (const ZorMcastStatsHeader *)stats;
+ *     const uint8_t *source = (const uint8_t *)(header + 1);
+ *     for (uint32_t i = 0; i < header->count; i++, source += 4)
+ *         printf("%u.%u.%u.%u\n", source[0], source[1], source[2], source[3]);
+ *     VSZOR_FreeMemory(stats);
+ * }
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetMcastFilterStats(const char *portsetName, uint32_t selector, int32_t kind,
                                                   const void *group, void **stats);
 
+/**
+ * Lists the ids of the mirror sessions of a running switch, of any class. Driver command 4101 (0x1005).
+ *
+ * @param[in]  alias  name of the switch
+ * @param[out] ids    ZorListHeader (8 bytes), then `count` ids of 32 bytes. The caller's: release with
+ *                    VSZOR_FreeMemory(). Untouched when a test, the alias or the first request fails, null
+ *                    after any later failure.
+ * @retval STATUS_OK         the list is complete; `count` may be 0
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or see (errno)
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_NO_MEMORY  the list could not be allocated, or the driver answered ENOMEM
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetDVMirrorSessionIDs(const char *alias, void **ids);
 
+/**
+ * Reads the statistics of a mirror session of a running switch, of any class. Driver command 4102 (0x1006).
+ *
+ * @param[in]  alias      name of the switch
+ * @param[in]  sessionId  id of the session; cut to 31 characters
+ * @param[out] stats      MIRROR_SESSION_STATS_SIZE (121) bytes, the caller's. Untouched by the library on
+ *                        failure.
+ * @retval STATUS_OK         the statistics are in `stats`
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or see (errno)
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetDVMirrorSessionStats(const char *alias, const char *sessionId, void *stats);
 
+/**
+ * Lists the active destinations of the promiscuous sessions of a running switch, of any class. Driver command
+ * 4100 (0x1004).
+ *
+ * @param[in]  alias  name of the switch
+ * @param[out] dsts   ZorListHeader (8 bytes), then `count` 32-bit destinations. The caller's: release with
+ *                    VSZOR_FreeMemory(). Untouched when a test, the alias or the first request fails, null
+ *                    after any later failure.
+ * @retval STATUS_OK         the list is complete; `count` may be 0
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or see (errno)
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_NO_MEMORY  the list could not be allocated, or the driver answered ENOMEM
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetPromiscSessionActiveDsts(const char *alias, void **dsts);
 
 /* ==== Teaming statistics, runtime options, RTM ========================================================= */
 
-#define RARP_STATS_SIZE 16
-#define SERVICE_PORT_TEAMING_STATS_SIZE 48
-#define RUNTIME_OPTIONS_SIZE 4096
+#define RARP_STATS_SIZE 16                 /**< bytes of the record of VSZOR_GetRARPStats() */
+#define SERVICE_PORT_TEAMING_STATS_SIZE 48 /**< bytes of the record of VSZOR_GetServicePortTeamingStats() */
+#define RUNTIME_OPTIONS_SIZE 4096          /**< bytes of the record of VSZOR_GetRuntimeOptions() */
 
+/**
+ * Reads the RARP statistics of a running switch. Driver command 4097 (0x1001).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[out] stats        RARP_STATS_SIZE (16) bytes, the caller's. Untouched when a test fails, cleared
+ *                          when the request fails.
+ * @retval STATUS_OK         the statistics are in `stats`
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetRARPStats(const char *portsetName, void *stats);
 
+/**
+ * Reads the service-port teaming statistics of a running switch. Driver command 4098 (0x1002).
+ *
+ * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
+ * @param[out] stats        SERVICE_PORT_TEAMING_STATS_SIZE (48) bytes, the caller's. Untouched when a test
+ *                          fails, cleared when the request fails.
+ * @retval STATUS_OK         the statistics are in `stats`
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetServicePortTeamingStats(const char *portsetName, void *stats);
 
+/**
+ * Reads run-time options of the driver. Driver command 4099 (0x1003).
+ *
+ * @param[in]  ids      idCount option ids of 16 bits; may be null, which asks for no particular options, as
+ *                      an idCount of 0 does
+ * @param[in]  idCount  number of ids
+ * @param[out] options  RUNTIME_OPTIONS_SIZE (4096) bytes. The caller's: release with VSZOR_FreeMemory().
+ *                      Untouched when it is null, null after any later failure.
+ * @retval STATUS_OK         the options are handed out
+ * @retval STATUS_BAD_PARAM  `options` is null; nothing was sent
+ * @retval STATUS_NO_MEMORY  the buffer could not be allocated, or the driver answered ENOMEM
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ *
+ * @par Example
+ * @code
+ * const uint16_t ids[] = {1, 2, 3};
+ * void *options;
+ * VsStatus status = VSZOR_GetRuntimeOptions(ids, 3, &options);
+ * if (status == STATUS_OK) VSZOR_FreeMemory(options);
+ * @endcode
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetRuntimeOptions(const uint16_t *ids, uint16_t idCount, void **options);
 
+/**
+ * Sets run-time options of the driver. Driver command 8193 (0x2001).
+ *
+ * @param[in]  record  its first 32 bits are its total length in bytes, which the driver reads: it must be
+ *                     true (convention 8). The rest is the driver's.
+ * @retval STATUS_OK         the driver took the options
+ * @retval STATUS_BAD_PARAM  `record` is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_SetRuntimeOptions(const void *record);
 
+/**
+ * Reads the name of the logical-switch teaming policy that a port follows in the driver. Driver command 4124
+ * (0x101C).
+ *
+ * @param[in]  portNumber  number of the port in the driver, from VSDVS_DvPortIDToPortID()
+ * @param[out] policyName  LS_TEAMING_POLICY_NAME_SIZE (136) bytes, the caller's: the name as the driver
+ *                         writes it. Untouched when it is null, cleared when the request fails.
+ * @retval STATUS_OK         the name is in policyName
+ * @retval STATUS_BAD_PARAM  policyName is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetPortLSTeamingPolicyName(uint32_t portNumber, char *policyName);
 
+/**
+ * Reads the logical-switch teaming policies that the driver holds for a running switch, of any class. Driver
+ * command 4125 (0x101D).
+ *
+ * @param[in]  alias  name of the switch
+ * @param[out] table  4 + 2748 * `count` bytes. The caller's: release with VSZOR_FreeMemory(), unlike the
+ *                    stored table of VSDVS_GetLSTeamingPolicyTable(). Untouched when a test, the alias or the
+ *                    first request fails, null after any later failure.
+ * @retval STATUS_OK         the table is complete; `count` may be 0
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or see (errno)
+ * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
+ * @retval STATUS_NO_MEMORY  the table could not be allocated, or the driver answered ENOMEM
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_GetLSTeamingPolicyTable(const char *alias, LSTeamingPolicyTable **table);
 
+/**
+ * Sends a request to the RTM device, ZOR_RTM_DEVICE.
+ *
+ * @param[in]  record   its first 32 bits are its number of entries c; the driver reads 9 + 128 * c bytes,
+ *                      computed in 32 bits, and the record must hold as many (convention 8). The rest is the
+ *                      driver's.
+ * @param[in]  command  command number, passed on as it is
+ * @retval STATUS_OK         the driver took the request
+ * @retval STATUS_BAD_PARAM  `record` is null; nothing was sent
+ * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
+ * @retval (errno)           the driver could not be reached or refused (convention 1)
+ */
 VSWITCHCTL_API VsStatus VSZOR_RTMOp(const void *record, uint32_t command);
 
 #ifdef __cplusplus
