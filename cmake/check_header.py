@@ -24,7 +24,7 @@ def parameters(text):
 
 def tags(comment, tag):
     """Yields (argument in brackets, word, text) of each @tag, its text on one line."""
-    pattern = rf"@{tag}(?:\[([^\]]*)\])?\s+(\S+)\s+(.*?)(?=\s@\w|\Z)"
+    pattern = rf"@{tag}(?:\[([^\]]*)\])?\s+(\S+)(.*?)(?=\n\s*@\w|\Z)"
     plain = re.sub(r"^[ \t]*\* ?", "", comment, flags=re.MULTILINE)
     for match in re.finditer(pattern, plain, re.DOTALL):
         yield match[1], match[2], " ".join(match[3].split())
@@ -47,11 +47,8 @@ def check_operation(comment, result, declared):
 
     returned = list(tags(comment, "retval"))
     values = [value for _, value, _ in returned]
-    for _, value, text in returned:
-        if not text:
-            yield f"{value} has no cause"
-        if values.count(value) > 1:
-            yield f"{value} is documented twice"
+    yield from (f"{value} has no cause" for _, value, text in returned if not text)
+    yield from (f"{value} is documented twice" for value in sorted(set(values)) if values.count(value) > 1)
     if result == "void":
         return
     if not values:
@@ -118,10 +115,10 @@ def main(arguments):
     if len(arguments) not in (1, 3):
         print(__doc__.strip(), file=sys.stderr)
         return 2
-    with open(arguments[0], encoding="ascii") as file:
+    with open(arguments[0], encoding="utf-8") as file:
         operations, faults = check_documentation(file.read())
     if len(arguments) == 3:
-        with open(arguments[1], encoding="ascii") as file:
+        with open(arguments[1], encoding="utf-8") as file:
             scripted = scripted_names(file.read())
         if scripted is None:
             faults.append(f"{arguments[1]}: has no node {VERSION_NODE}")
@@ -134,4 +131,7 @@ def main(arguments):
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    try:
+        sys.exit(main(sys.argv[1:]))
+    except (OSError, UnicodeDecodeError, subprocess.CalledProcessError) as error:
+        sys.exit(f"check_header.py: {error}")

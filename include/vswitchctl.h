@@ -39,9 +39,9 @@
  * 8. **Counts and sizes.** Lengths have 32 bits. Three are computed modulo 2^32: the private VLAN map (8 *
  *    count), the logical-switch teaming table (4 + 2748 * count) and the driver's lists. The library reads
  *    and writes nothing beyond the length that results, but a caller must keep its own counts low enough that
- *    the size fits, and not take a `count` in a list as proof of more bytes than 2^32 - 1. Any other size
- *    that does not fit is STATUS_NO_MEMORY. A list that a caller passes in must hold as many entries as its
- *    counts say: the library can't see where the caller's memory ends.
+ *    the size fits, and must not read by a `count` whose size does not. Any other size that does not fit is
+ *    STATUS_NO_MEMORY. A list that a caller passes in must hold as many entries as its counts say: the
+ *    library can't see where the caller's memory ends.
  * 9. **Driver lists.** A list of the driver takes two requests: one for its header, one for header and
  *    entries. An empty list takes one, and still yields a buffer to release. The second answer is handed on
  *    as it is and its count not compared with the first: when a list grows in between, the driver writes no
@@ -58,12 +58,12 @@
  *     or holds "/", and a quoted command longer than 255 characters. A plain command is cut to 255
  *     characters.
  * 12. **Threads.** Every operation may be called from any thread at any time: the library starts none, takes
- *     no lock and shares nothing between calls. Operations that read, change and write back, or that take
- *     several steps, are not atomic: callers serialize changes to one switch, and to one port. They are
- *     creation and destruction, the uplink operations, VSDVS_AppendDVMirrorSessions(),
- *     VSDVS_RemoveDVMirrorSession(), VSDVS_SetPortVLANPolicy(), VSDVS_ClearPortVLANPolicy(),
- *     VSDVS_ConfigureSinkPort(), VSDVS_SetPortMACLearning() and VSDVS_SetMTU(). LibraryInit() is for a moment
- *     when nothing else runs.
+ *     no lock and shares nothing between calls; how far the store bears several threads is the store's
+ *     affair. Operations that read, change and write back, or that take several steps, are not atomic:
+ *     callers serialize changes to one switch, and to one port. They are creation and destruction, the uplink
+ *     operations, VSDVS_AppendDVMirrorSessions(), VSDVS_RemoveDVMirrorSession(), VSDVS_SetPortVLANPolicy(),
+ *     VSDVS_ClearPortVLANPolicy(), VSDVS_ConfigureSinkPort(), VSDVS_SetPortMACLearning() and VSDVS_SetMTU().
+ *     LibraryInit() is for a moment when nothing else runs.
  * 13. **State.** The library keeps nothing between calls: no descriptor, no buffer, no setting. It reads no
  *     file and no environment, and prints nothing. A driver request is one open, one ioctl, one close. What
  *     it knows of aliases and portset names is the store's cache in the process, which LibraryInit() fills
@@ -625,7 +625,7 @@ VSWITCHCTL_API VsStatus VSDVS_DvPortIDToPortID(const char *alias, const char *dv
 
 /** Name of an uplink; 81 bytes. */
 typedef struct VSWITCHCTL_PACKED UplinkName {
-    char text[81]; /**< offset 0: at most 80 characters and a NUL; bytes behind the NUL don't matter */
+    char text[81]; /**< offset 0: at most 80 characters and a NUL; without a NUL it equals no name */
 } UplinkName;
 
 /** Names of a switch's uplinks; 4 + 81 * count bytes. */
@@ -635,7 +635,7 @@ typedef struct VSWITCHCTL_PACKED UplinkNameList {
 
 /** Port id of an uplink; 48 bytes. */
 typedef struct VSWITCHCTL_PACKED UplinkPortId {
-    char text[48]; /**< offset 0: at most 47 characters and a NUL; bytes behind the NUL don't matter */
+    char text[48]; /**< offset 0: at most 47 characters and a NUL; without a NUL it equals no name */
 } UplinkPortId;
 
 /** Port ids of a switch's uplinks on this host; 4 + 48 * count bytes. */
@@ -689,7 +689,8 @@ VSWITCHCTL_API VsStatus VSDVS_SetSwitchUplinkPorts(const char *alias, const Upli
  *
  * @param[in]  alias  name of the switch
  * @param[out] names  4 + 81 * `count` bytes, the caller's: release with VSDVS_FreeMemory(). Untouched when a
- *                    test fails or the stored names can't be read, null after any later failure.
+ *                    test or the alias fails, or the store does not yield the names; null after any later
+ *                    failure, a malformed list included.
  * @param[out] ids    4 + 48 * `count` bytes, the caller's: release with VSDVS_FreeMemory(). After a failure
  *                    as names.
  * @retval STATUS_OK         both lists are handed out; both counts are equal, and may be 0
@@ -1641,6 +1642,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetMTU(const char *alias, int32_t *mtu);
  *     tybel -e ls /net/portsets/PORTSET/uplinks
  *     tybel -e set /net/pNics/UPLINK/mtu MTU
  *     tybel -e set /net/portsets/PORTSET/mtu MTU
+ *
+ * Blank lines of the listing are skipped, and the end of a line and a "/" before it cut.
  *
  * When a step fails, the uplinks set before it are set back, last first, and the portset too if it was set;
  * all to the MTU that the portset had, whatever an uplink had of its own. What these commands say is ignored,
