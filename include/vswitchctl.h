@@ -676,7 +676,8 @@ VSWITCHCTL_API VsStatus SetNumSwitchUplinkPortsByUUID(const char *switchId, uint
  * @retval STATUS_OK         the ports exist and both lists are stored
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
- * @retval STATUS_NO_MEMORY  a list does not fit 32 bits (convention 8); nothing has changed
+ * @retval STATUS_NO_MEMORY  a list does not fit 32 bits (convention 8); the ports that this call created are
+ *                           removed again
  * @retval (store)           any other status of the store (convention 1); the ports that this call created
  *                           are removed again
  */
@@ -1643,7 +1644,7 @@ VSWITCHCTL_API VsStatus VSDVS_GetMTU(const char *alias, int32_t *mtu);
  *     tybel -e set /net/pNics/UPLINK/mtu MTU
  *     tybel -e set /net/portsets/PORTSET/mtu MTU
  *
- * Blank lines of the listing are skipped, and the end of a line and a "/" before it cut.
+ * Blank lines of the listing are skipped, and the end of a line and any "/" before it are cut.
  *
  * When a step fails, the uplinks set before it are set back, last first, and the portset too if it was set;
  * all to the MTU that the portset had, whatever an uplink had of its own. What these commands say is ignored,
