@@ -31,7 +31,8 @@ struct CallDetails {
 
 class Control {
 public:
-    static VsStatus Open(const std::string &directory, std::unique_ptr<Control> &control, std::string &message);
+    static VsStatus Open(const std::string &directory, std::unique_ptr<Control> &control,
+                         std::string &message);
     Control(const Control &) = delete;
     Control &operator=(const Control &) = delete;
     ~Control();
@@ -64,7 +65,7 @@ private:
     const std::string path;
     int fd;
     ControlBlock *const block;
-    std::mutex mutex;  // with the file's lock: changes of rules, answers and recording
+    std::mutex mutex; // with the file's lock: changes of rules, answers and recording
 };
 
 // The one gate that every store operation, shell command, driver command and device passes:
@@ -110,6 +111,6 @@ private:
     bool recorded = false;
 };
 
-}  // namespace vshost
+} // namespace vshost
 
 #endif

@@ -19,8 +19,8 @@ namespace vshost {
 class Connection;
 
 enum class Durability {
-    PROCESS,  // a committed write survives the death of any process
-    DISK,     // a committed write is on disk
+    PROCESS, // a committed write survives the death of any process
+    DISK,    // a committed write is on disk
 };
 
 enum class Order { FORWARD, BACKWARD };
@@ -49,7 +49,7 @@ public:
     VsStatus Get(std::string_view key, std::string &value) override;
     VsStatus Scan(std::string_view prefix, const Visit &visit, Order order = Order::FORWARD) override;
     VsStatus Put(std::string_view key, std::string_view value);
-    VsStatus Remove(std::string_view key);  // STATUS_OK when the key is absent
+    VsStatus Remove(std::string_view key); // STATUS_OK when the key is absent
 
     // To be called before a change of what the caches of processes hold: switches, aliases and the
     // properties of the global and host level.
@@ -98,13 +98,18 @@ private:
     Engine(std::string directory, Durability durability, std::atomic<uint64_t> &changes);
     VsStatus Connect(std::unique_ptr<Connection> &connection);
     void Lead(std::unique_lock<std::mutex> &lock);
-    void Commit(Batch &batch);
-    VsStatus CommitLocked(Batch &batch);
+    VsStatus CheckTable(std::string &message);
+    VsStatus Upgrade();
+    VsStatus Checked(const Connection &connection, VsStatus status);
+    void Commit(const Batch &batch);
+    VsStatus CommitLocked(const Batch &batch);
     void RunOne(Request &request, bool alone);
 
     const std::string directory;
     const Durability durability;
     std::atomic<uint64_t> &changes;
+
+    std::atomic<bool> damaged = false;
 
     std::mutex readMutex;
     std::unique_ptr<Connection> reader;
@@ -113,10 +118,10 @@ private:
     std::condition_variable finished;
     Batch queue;
     bool leading = false;
-    std::unique_ptr<Connection> writer;  // the leader's
-    int lockFd = -1;                     // the leader's
+    std::unique_ptr<Connection> writer; // the leader's
+    int lockFd = -1;                    // the leader's
 };
 
-}  // namespace vshost
+} // namespace vshost
 
 #endif

@@ -12,8 +12,8 @@
 namespace vshost {
 
 inline constexpr const char *ENVIRONMENT_DIRECTORY = "VSHOST_DIR";
-inline constexpr const char *ENVIRONMENT_DURABILITY = "VSHOST_DURABILITY";  // "disk" (default) or "process"
-inline constexpr const char *DEVICE_FILE = "dev/vswitch";                   // in the host's directory
+inline constexpr const char *ENVIRONMENT_DURABILITY = "VSHOST_DURABILITY"; // "disk" (default) or "process"
+inline constexpr const char *DEVICE_FILE = "dev/vswitch";                  // in the host's directory
 inline constexpr const char *RTM_FILE = "dev/rtm";
 
 class Host {
@@ -29,7 +29,9 @@ public:
     void AbandonAfterFork();
 
 private:
-    Host(std::string directory, Durability durability) : directory(std::move(directory)), durability(durability) {}
+    Host(std::string directory, Durability durability)
+        : directory(std::move(directory)), durability(durability)
+    {}
 
     const std::string directory;
     const Durability durability;
@@ -79,6 +81,6 @@ void RemoveHostDirectory(const std::string &directory);
 // The folder of this library, tybel and the preload.
 std::string PlatformDirectory();
 
-}  // namespace vshost
+} // namespace vshost
 
 #endif

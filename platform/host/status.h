@@ -2,6 +2,7 @@
 #ifndef PLATFORM_HOST_STATUS_H
 #define PLATFORM_HOST_STATUS_H
 
+#include <cerrno>
 #include <cstdint>
 
 namespace vshost {
@@ -19,6 +20,25 @@ inline constexpr VsStatus STATUS_NO_MEMORY = 0x0BAD0014;
 inline constexpr VsStatus STATUS_NO_SPACE = 0x0BAD001A;
 inline constexpr VsStatus STATUS_READ_ONLY = 0x0BAD0022;
 
-}  // namespace vshost
+// What a failed system call on one of the host's files means to a caller of the store.
+constexpr VsStatus StatusOfErrno(int error)
+{
+    switch (error) {
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG:
+        return STATUS_NO_SPACE;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+        return STATUS_READ_ONLY;
+    case ENOMEM:
+        return STATUS_NO_MEMORY;
+    default:
+        return STATUS_IO_ERROR;
+    }
+}
+
+} // namespace vshost
 
 #endif

@@ -14,7 +14,7 @@
 namespace vshost {
 
 inline constexpr size_t MAX_SWITCH_ID = 63;
-inline constexpr uint32_t MAX_PORTS = 1048576;  // of a host, all switches together
+inline constexpr uint32_t MAX_PORTS = 1048576; // of a host, all switches together
 
 inline constexpr std::string_view KEY_ALIAS = "com.talpex.common.alias";
 inline constexpr std::string_view KEY_PORTSET = "com.talpex.common.host.portset";
@@ -63,8 +63,9 @@ VsStatus FindSwitchByAlias(Reader &reader, std::string_view alias, std::string &
 // The switch whose portset has exactly this name.
 VsStatus FindSwitchByPortset(Reader &reader, std::string_view portset, std::string &switchId);
 // All switches, the longest portset name first, those without one last. False ends the walk.
-VsStatus ForEachSwitch(Reader &reader,
-                       const std::function<bool(std::string_view switchId, std::string_view className)> &visit);
+VsStatus
+ForEachSwitch(Reader &reader,
+              const std::function<bool(std::string_view switchId, std::string_view className)> &visit);
 
 VsStatus GetPortNumber(Reader &reader, std::string_view switchId, std::string_view portId, uint32_t &number);
 VsStatus GetPortByNumber(Reader &reader, uint32_t number, PortName &port);
@@ -76,10 +77,10 @@ VsStatus AddPort(Transaction &transaction, std::string_view switchId, std::strin
 VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::string_view portId);
 
 VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &found);
-VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key, uint32_t flags,
-                     std::string_view value);
+VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key,
+                     uint32_t flags, std::string_view value);
 VsStatus ClearProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key);
 
-}  // namespace vshost
+} // namespace vshost
 
 #endif

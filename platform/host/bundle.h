@@ -1,0 +1,42 @@
+// A property bundle: keyed values in one byte string, with a length and a checksum. The same format
+// stands in stored rows and is what DVSData_Serialize hands out:
+//     magic, version, total length, entry count          u32 each
+//     entries: key length, flags, value length (u32 each), key, value
+//     CRC-32 of all that precedes                        u32
+#ifndef PLATFORM_HOST_BUNDLE_H
+#define PLATFORM_HOST_BUNDLE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace vshost {
+
+struct BundleEntry {
+    std::string_view key;
+    uint32_t flags = 0;
+    std::string_view value;
+};
+
+inline constexpr size_t BUNDLE_HEADER = 16;
+inline constexpr size_t BUNDLE_TRAILER = 4;
+inline constexpr size_t MAX_BUNDLE = 1u << 30; // what one row of the engine can hold
+
+// Whether the bytes are one whole, undamaged bundle. The functions below expect one.
+bool CheckBundle(std::string_view bundle);
+bool FindEntry(std::string_view bundle, std::string_view key, BundleEntry &entry);
+
+std::string EmptyBundle();
+// Replaces the entry of this key or adds one; false when the bundle would exceed MAX_BUNDLE.
+bool PutEntry(std::string &bundle, const BundleEntry &entry);
+bool RemoveEntry(std::string &bundle, std::string_view key);
+
+// To build a bundle in memory of any kind: header, entries, seal.
+size_t EntrySize(const BundleEntry &entry);
+char *WriteEntry(char *at, const BundleEntry &entry);
+void SealBundle(char *bundle, size_t length, uint32_t count);
+
+} // namespace vshost
+
+#endif

@@ -1,0 +1,194 @@
+// The functions of vshost.h, and the table that leads the preload to them.
+#include "platform/host/core_table.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "platform/driver/runtime.h"
+#include "platform/host/host.h"
+#include "platform/host/tables.h"
+#include "platform/store/store.h"
+
+namespace vshost {
+namespace {
+
+int NoHost() { return SetError(EINVAL, "this process is on no host: call vshost_start first"); }
+
+// Runs `use` on the control block; 0 or an errno value.
+template<typename Use> int OnControl(Use use)
+try {
+    HostUse host;
+    return host ? use(*host.GetControl()) : NoHost();
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
+}
+
+int StartEntry(const char *directory, int durable) { return StartHost(directory, durable != 0); }
+
+int Reset()
+try {
+    HostUse host;
+    if (!host) return NoHost();
+    if (host->GetEngine().Write(ResetRuntime) == STATUS_OK) return 0;
+    return SetError(EIO, host->Directory() + ": the runtime tables cannot be written");
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
+}
+
+int Explained(int error)
+{
+    if (error == EINVAL) return SetError(error, "an argument is out of range: see vshost.h");
+    if (error == ENOSPC)
+        return SetError(error, "as many as can stand at a time stand already, or the disk is full");
+    return error;
+}
+
+int Fail(vshost_kind kind, const char *operation, unsigned nth, unsigned times, uint32_t outcome)
+{
+    return OnControl(
+        [&](Control &control) { return Explained(control.Fail(kind, operation, nth, times, outcome)); });
+}
+
+unsigned Failed()
+{
+    HostUse host;
+    return host ? host.GetControl()->Failed() : 0;
+}
+
+int Answer(uint32_t command, unsigned times, const void *bytes, uint32_t length)
+{
+    return OnControl(
+        [&](Control &control) { return Explained(control.Answer(command, times, bytes, length)); });
+}
+
+int ShellOutput(const char *verb, const void *bytes, uint32_t length)
+{
+    return OnControl([&](Control &control) { return Explained(control.ShellOutput(verb, bytes, length)); });
+}
+
+void Clear()
+{
+    if (HostUse host; host) host.GetControl()->Clear();
+}
+
+void Record(int on)
+{
+    if (HostUse host; host) host.GetControl()->Record(on != 0);
+}
+
+size_t CallCount()
+{
+    HostUse host;
+    return host ? host.GetControl()->CallCount() : 0;
+}
+
+int Call(size_t index, struct vshost_call *call)
+{
+    HostUse host;
+    return host ? host.GetControl()->Call(index, *call) : ENOENT;
+}
+
+int ReadProperty(vshost_level level, const char *switchId, const char *portId, const char *key,
+                 Property &property)
+try {
+    HostUse host;
+    if (!host) return host.Status() == STATUS_OK ? ENOENT : EIO;
+    const PropertyOwner owner{static_cast<Level>(level), switchId, level == VSHOST_PORT ? portId : ""};
+    const VsStatus status = GetProperty(host->GetEngine(), owner, key, property);
+    return status == STATUS_OK ? 0 : status == STATUS_NOT_FOUND ? ENOENT : EIO;
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
+}
+
+int PropertyEntry(vshost_level level, const char *switchId, const char *portId, const char *key, void *value,
+                  uint32_t capacity, uint32_t *length, uint32_t *flags)
+{
+    Property property;
+    if (int error = ReadProperty(level, switchId, portId, key, property)) return error;
+    if (value) memcpy(value, property.value.data(), std::min<size_t>(capacity, property.value.size()));
+    if (length) *length = static_cast<uint32_t>(property.value.size());
+    if (flags) *flags = property.flags;
+    return 0;
+}
+
+// FNV-1a, over lengths too, so that no two tables read alike.
+class Hash {
+public:
+    void Add(std::string_view bytes)
+    {
+        const uint64_t length = bytes.size();
+        AddBytes({reinterpret_cast<const char *>(&length), sizeof length});
+        AddBytes(bytes);
+    }
+    uint64_t Value() const { return value; }
+
+private:
+    void AddBytes(std::string_view bytes)
+    {
+        for (const char byte : bytes)
+            value = (value ^ static_cast<unsigned char>(byte)) * 0x100000001B3;
+    }
+    uint64_t value = 0xCBF29CE484222325;
+};
+
+// Which of the numbers never given out are kept as free ones is no difference between two hosts.
+uint64_t Fingerprint()
+try {
+    HostUse host;
+    if (!host) return 0;
+    Hash hash;
+    const std::string freeNumbers = Key({"free", ""});
+    host->GetEngine().Scan("", [&](std::string_view key, std::string_view value) {
+        if (key.starts_with(freeNumbers)) return true;
+        hash.Add(key);
+        hash.Add(value);
+        return true;
+    });
+    return hash.Value();
+} catch (const std::bad_alloc &) {
+    return 0;
+}
+
+int Gate(vshost_kind kind, const char *operation, const char *text, uint32_t length, uint32_t *outcome)
+{
+    HostUse host;
+    const CallDetails details{.text = {text}, .textCount = 1, .length = length};
+    CallGate gate(host.GetControl(), kind, operation, details, kind != VSHOST_CLOSE);
+    if (gate.Refused()) {
+        *outcome = gate.Outcome();
+        return 1;
+    }
+    gate.Return(*outcome);
+    return 0;
+}
+
+}
+}
+
+const struct VshostCore *vshost_core(void)
+{
+    using namespace vshost;
+    static constexpr VshostCore CORE = {
+        .start = StartEntry,
+        .stop = StopHost,
+        .directory = HostDirectory,
+        .error = LastError,
+        .scenario = nullptr,
+        .reset = Reset,
+        .fail = Fail,
+        .failed = Failed,
+        .answer = Answer,
+        .shellOutput = ShellOutput,
+        .clear = Clear,
+        .record = Record,
+        .callCount = CallCount,
+        .call = Call,
+        .valuesLent = ValuesLent,
+        .property = PropertyEntry,
+        .fingerprint = Fingerprint,
+        .gate = Gate,
+    };
+    return &CORE;
+}

@@ -1,0 +1,327 @@
+// Attaching to a host: which one this process is on, and keeping it usable across threads and forks.
+#include "platform/host/host.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <new>
+
+namespace vshost {
+namespace {
+
+enum class State { UNKNOWN, NONE, ATTACHED, FAILED };
+
+// Calls hold `lock` shared. Coming to a host, leaving it and forking hold it alone, so that nothing
+// of the platform is in use meanwhile. Waiting writers go first: a busy process can still fork.
+struct Attachment {
+    Attachment();
+
+    pthread_rwlock_t lock;
+    State state = State::UNKNOWN;
+    VsStatus status = STATUS_OK;
+    std::unique_ptr<Host> host;
+    std::atomic<uint64_t> serial = 0;
+    std::string throwAway; // directory to be removed by process `owner`
+    pid_t owner = 0;
+};
+
+// Never destroyed: other threads may still be calling while the process exits.
+Attachment &Current()
+{
+    static auto *const attachment = new Attachment;
+    return *attachment;
+}
+
+// How many HostUse this thread has. Initial-exec: this library is small and the look-up is on each call.
+[[gnu::tls_model("initial-exec")]] thread_local int uses = 0;
+
+std::string &ErrorText()
+{
+    static thread_local std::string text;
+    return text;
+}
+
+void InitializeLock(pthread_rwlock_t &lock)
+{
+    pthread_rwlockattr_t attributes;
+    pthread_rwlockattr_init(&attributes);
+    pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    pthread_rwlock_init(&lock, &attributes);
+    pthread_rwlockattr_destroy(&attributes);
+}
+
+class Exclusive {
+public:
+    Exclusive() { pthread_rwlock_wrlock(&Current().lock); }
+    Exclusive(const Exclusive &) = delete;
+    Exclusive &operator=(const Exclusive &) = delete;
+    ~Exclusive() { pthread_rwlock_unlock(&Current().lock); }
+};
+
+void BeforeFork() { pthread_rwlock_wrlock(&Current().lock); }
+void InParent() { pthread_rwlock_unlock(&Current().lock); }
+void InChild()
+{
+    InitializeLock(Current().lock); // it knows its holder by a thread id that is the parent's
+    if (Current().host) Current().host->AbandonAfterFork();
+}
+
+void RemoveThrowAway()
+{
+    Attachment &current = Current();
+    if (current.owner == getpid()) RemoveHostDirectory(current.throwAway);
+    current.throwAway.clear();
+    current.owner = 0;
+}
+
+Attachment::Attachment()
+{
+    InitializeLock(lock);
+    pthread_atfork(BeforeFork, InParent, InChild);
+    atexit(RemoveThrowAway);
+}
+
+void Leave()
+{
+    Current().host.reset();
+    Current().state = State::NONE;
+    Current().status = STATUS_OK;
+    ++Current().serial;
+}
+
+VsStatus Come(const std::string &directory, Durability durability, bool create, std::string &message)
+{
+    Attachment &current = Current();
+    ++current.serial;
+    current.status = Host::Open(directory, durability, create, current.host, message);
+    current.state = current.status == STATUS_OK ? State::ATTACHED : State::FAILED;
+    return current.status;
+}
+
+void AttachFromEnvironment()
+{
+    const char *directory = getenv(ENVIRONMENT_DIRECTORY);
+    const char *durability = getenv(ENVIRONMENT_DURABILITY);
+    if (!directory || !*directory) return Leave();
+    const bool settles = durability && strcmp(durability, "process") == 0;
+    std::string message;
+    if (Come(directory, settles ? Durability::PROCESS : Durability::DISK, false, message) != STATUS_OK)
+        fprintf(stderr, "vshost: %s\n", message.c_str());
+}
+
+void AttachOnce()
+{
+    Exclusive alone;
+    if (Current().state != State::UNKNOWN) return;
+    try {
+        AttachFromEnvironment();
+    } catch (const std::bad_alloc &) {
+        Current().state = State::FAILED;
+        Current().status = STATUS_NO_MEMORY;
+    }
+}
+
+int ErrnoOf(VsStatus status)
+{
+    switch (status) {
+    case STATUS_OK:
+        return 0;
+    case STATUS_NO_SPACE:
+        return ENOSPC;
+    case STATUS_READ_ONLY:
+        return EACCES;
+    case STATUS_NO_MEMORY:
+        return ENOMEM;
+    default:
+        return EIO;
+    }
+}
+
+VsStatus Fail(const std::string &path, const char *what, int error, std::string &message)
+{
+    message = path + ": cannot " + what + ": " + strerror(error);
+    return StatusOfErrno(error);
+}
+
+VsStatus PrepareDirectory(const std::string &directory, bool create, std::string &message)
+{
+    std::error_code error;
+    if (create) std::filesystem::create_directories(directory, error);
+    if (error) return Fail(directory, "make the host's directory", error.value(), message);
+    if (!std::filesystem::is_directory(directory, error)) {
+        message = directory + " is no directory; make it, or set " + ENVIRONMENT_DIRECTORY +
+                  " to a host's directory";
+        return STATUS_IO_ERROR;
+    }
+    const std::string devices = directory + "/dev";
+    if (mkdir(devices.c_str(), 0755) != 0 && errno != EEXIST)
+        return Fail(devices, "make the folder", errno, message);
+    for (const char *name : {DEVICE_FILE, RTM_FILE}) {
+        const std::string path = directory + "/" + name;
+        const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0) return Fail(path, "make the file", errno, message);
+        close(fd);
+    }
+    return STATUS_OK;
+}
+
+// Puts `item` first in a list of paths in the environment, unless it stands there already.
+void PrependToEnvironment(const char *variable, const std::string &item)
+{
+    const char *old = getenv(variable);
+    const std::string list = old ? old : "";
+    if ((":" + list + ":").find(":" + item + ":") != std::string::npos) return;
+    setenv(variable, (list.empty() ? item : item + ":" + list).c_str(), 1);
+}
+
+int Start(const char *directory, bool durable)
+{
+    Exclusive alone;
+    Leave();
+    RemoveThrowAway();
+    const std::string wanted = directory ? directory : MakeThrowAwayDirectory();
+    if (wanted.empty())
+        return SetError(errno, "cannot make a directory for a throw-away host in /dev/shm or /tmp");
+    if (!directory) {
+        Current().throwAway = wanted;
+        Current().owner = getpid();
+    }
+    const Durability durability = durable ? Durability::DISK : Durability::PROCESS;
+    std::string message;
+    const std::string absolute = std::filesystem::absolute(wanted).lexically_normal();
+    if (VsStatus status = Come(absolute, durability, true, message)) {
+        Leave();
+        RemoveThrowAway();
+        return SetError(ErrnoOf(status), message);
+    }
+    SetChildEnvironment(absolute, durability);
+    return 0;
+}
+
+}
+
+VsStatus Host::Open(const std::string &directory, Durability durability, bool create,
+                    std::unique_ptr<Host> &host, std::string &message)
+{
+    std::unique_ptr<Host> opened(new Host(directory, durability));
+    if (VsStatus status = PrepareDirectory(directory, create, message)) return status;
+    if (VsStatus status = Control::Open(directory, opened->control, message)) return status;
+    if (VsStatus status =
+            Engine::Open(directory, durability, opened->control->Changes(), opened->engine, message))
+        return status;
+    host = std::move(opened);
+    return STATUS_OK;
+}
+
+void Host::AbandonAfterFork()
+{
+    control->ReopenAfterFork();
+    engine->AbandonAfterFork();
+}
+
+HostUse::HostUse()
+{
+    Attachment &current = Current();
+    if (uses++ == 0) {
+        pthread_rwlock_rdlock(&current.lock);
+        while (current.state == State::UNKNOWN) {
+            pthread_rwlock_unlock(&current.lock);
+            AttachOnce();
+            pthread_rwlock_rdlock(&current.lock);
+        }
+    }
+    host = current.host.get();
+}
+
+HostUse::~HostUse()
+{
+    if (--uses == 0) pthread_rwlock_unlock(&Current().lock);
+}
+
+VsStatus HostUse::Status() const { return Current().status; }
+
+uint64_t HostUse::Serial() const { return Current().serial; }
+
+void SayNoHost()
+{
+    static std::atomic_flag said;
+    if (said.test_and_set()) return;
+    fputs("vshost: this process is on no host, so nothing can be stored; "
+          "run it with `vshost run -- COMMAND`, or set VSHOST_DIR to a host's directory\n",
+          stderr);
+}
+
+int StartHost(const char *directory, bool durable)
+try {
+    return Start(directory, durable);
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
+}
+
+void StopHost()
+{
+    Exclusive alone;
+    Leave();
+    RemoveThrowAway();
+    unsetenv(ENVIRONMENT_DIRECTORY);
+    unsetenv(ENVIRONMENT_DURABILITY);
+}
+
+const char *HostDirectory()
+{
+    HostUse host;
+    return host ? host->Directory().c_str() : nullptr;
+}
+
+const char *LastError() { return ErrorText().c_str(); }
+
+int SetError(int error, std::string message)
+{
+    ErrorText() = std::move(message);
+    return error;
+}
+
+void SetChildEnvironment(const std::string &directory, Durability durability)
+{
+    const std::string platform = PlatformDirectory(), preload = platform + "/libvshost.so";
+    setenv(ENVIRONMENT_DIRECTORY, directory.c_str(), 1);
+    setenv(ENVIRONMENT_DURABILITY, durability == Durability::DISK ? "disk" : "process", 1);
+    PrependToEnvironment("PATH", platform);
+    PrependToEnvironment("LD_LIBRARY_PATH", platform);
+    if (access(preload.c_str(), R_OK) == 0) PrependToEnvironment("LD_PRELOAD", preload);
+}
+
+std::string MakeThrowAwayDirectory()
+{
+    for (const char *parent : {"/dev/shm", "/tmp"}) {
+        std::string directory = std::string(parent) + "/vshost-XXXXXX";
+        if (mkdtemp(directory.data())) return directory;
+    }
+    return {};
+}
+
+void RemoveHostDirectory(const std::string &directory)
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(directory, ignored);
+}
+
+std::string PlatformDirectory()
+{
+    Dl_info info;
+    if (!dladdr(reinterpret_cast<const void *>(&PlatformDirectory), &info)) return ".";
+    std::error_code error;
+    const auto path = std::filesystem::canonical(info.dli_fname, error);
+    return error ? "." : path.parent_path().string();
+}
+
+}

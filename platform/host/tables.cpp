@@ -1,0 +1,410 @@
+// The stored tables: how switches, ports and properties lie in the engine's keys and values.
+//     switch\0id                  ports, version, associated (u32 each), class
+//     alias\0alias                switch id
+//     walk\0length portset\0id    class; in the order of ForEachSwitch
+//     global\0id, host\0id        bundle of all properties of the level
+//     port\0id\0port              kernel number (u32), bundle of all properties of the port
+//     number\0number              switch id\0port id
+//     free\0number                a number between those in use
+#include "platform/host/tables.h"
+
+#include <cstring>
+#include <vector>
+
+#include "platform/driver/runtime.h"
+#include "platform/host/bundle.h"
+
+namespace vshost {
+namespace {
+
+constexpr size_t WORD = sizeof(uint32_t);
+constexpr size_t SWITCH_HEADER = 3 * WORD;
+constexpr size_t STATUS_RECORD = 20;
+constexpr size_t STATUS_NUMBER = 16; // where the kernel number stands in the status record
+constexpr uint32_t STATUS_FLAGS = 0x10;
+constexpr uint32_t WITHOUT_PORTSET = UINT32_MAX;
+
+std::string SwitchKey(std::string_view switchId) { return Key({"switch", switchId}); }
+std::string AliasKey(std::string_view alias) { return Key({"alias", alias}); }
+std::string PortKey(std::string_view switchId, std::string_view portId)
+{
+    return Key({"port", switchId, portId});
+}
+std::string NumberKey(uint32_t number) { return Key({"number", BigEndian(number)}); }
+std::string FreeKey(uint32_t number) { return Key({"free", BigEndian(number)}); }
+
+std::string BundleKey(const PropertyOwner &owner)
+{
+    if (owner.level == Level::PORT) return PortKey(owner.switchId, owner.portId);
+    return Key({owner.level == Level::GLOBAL ? "global" : "host", owner.switchId});
+}
+
+std::string_view LastField(std::string_view key) { return key.substr(key.rfind('\0') + 1); }
+
+void AppendWord(std::string &bytes, uint32_t word)
+{
+    bytes.append(reinterpret_cast<const char *>(&word), WORD);
+}
+
+uint32_t WordAt(std::string_view bytes, size_t offset)
+{
+    uint32_t word;
+    memcpy(&word, bytes.data() + offset, WORD);
+    return word;
+}
+
+std::string EncodeSwitch(const Switch &source)
+{
+    std::string row;
+    for (uint32_t word : {source.ports, source.version, uint32_t{source.associated}})
+        AppendWord(row, word);
+    return row + source.className;
+}
+
+// The longest portset name sorts first, a switch without one last.
+std::string WalkPrefix(std::string_view portset)
+{
+    return Key(
+        {"walk", BigEndian(WITHOUT_PORTSET - 1 - static_cast<uint32_t>(portset.size())) += portset, ""});
+}
+
+std::string WalkKey(const Property *portset, std::string_view switchId)
+{
+    if (portset) return WalkPrefix(Text(portset->value)).append(switchId);
+    return Key({"walk", BigEndian(WITHOUT_PORTSET), switchId});
+}
+
+// A row that holds a bundle: a port's begins with its number.
+size_t BundleOffset(Level level) { return level == Level::PORT ? WORD : 0; }
+
+// The row of an owner's properties, checked. A switch without properties of a level has no row.
+VsStatus GetRow(Reader &reader, const PropertyOwner &owner, std::string &row)
+{
+    if (VsStatus status = reader.Get(BundleKey(owner), row)) return status;
+    const size_t offset = BundleOffset(owner.level);
+    if (row.size() < offset || !CheckBundle(std::string_view(row).substr(offset))) return STATUS_IO_ERROR;
+    return STATUS_OK;
+}
+
+VsStatus GetRowToChange(Transaction &transaction, const PropertyOwner &owner, std::string &row)
+{
+    const VsStatus status = GetRow(transaction, owner, row);
+    if (status != STATUS_NOT_FOUND || owner.level == Level::PORT) return status;
+    row = EmptyBundle();
+    std::string switchRow;
+    return transaction.Get(SwitchKey(owner.switchId), switchRow);
+}
+
+// Applies `change` to the bundle within a row.
+template<typename Change> bool ChangeBundle(std::string &row, Level level, Change change)
+{
+    const size_t offset = BundleOffset(level);
+    std::string bundle = row.substr(offset);
+    if (!change(bundle)) return false;
+    row.replace(offset, std::string::npos, bundle);
+    return true;
+}
+
+VsStatus MoveAlias(Transaction &transaction, std::string_view switchId, const Property *before,
+                   const Property *after)
+{
+    std::string owner;
+    if (after) {
+        const VsStatus status = transaction.Get(AliasKey(Text(after->value)), owner);
+        if (status == STATUS_OK) return owner == switchId ? STATUS_OK : STATUS_EXISTS;
+        if (status != STATUS_NOT_FOUND) return status;
+        if (VsStatus put = transaction.Put(AliasKey(Text(after->value)), switchId)) return put;
+    }
+    return before ? transaction.Remove(AliasKey(Text(before->value))) : STATUS_OK;
+}
+
+VsStatus MoveInWalk(Transaction &transaction, std::string_view switchId, const Property *before,
+                    const Property *after)
+{
+    Switch found;
+    if (VsStatus status = GetSwitch(transaction, switchId, found)) return status;
+    if (VsStatus status = transaction.Remove(WalkKey(before, switchId))) return status;
+    return transaction.Put(WalkKey(after, switchId), found.className);
+}
+
+// Keeps what is derived from a property in step with it; `before` and `after` are null when it is absent.
+VsStatus PropertyChanged(Transaction &transaction, const PropertyOwner &owner, std::string_view key,
+                         const Property *before, const Property *after)
+{
+    if (owner.level == Level::GLOBAL && key == KEY_ALIAS)
+        return MoveAlias(transaction, owner.switchId, before, after);
+    if (owner.level == Level::HOST && key == KEY_PORTSET)
+        return MoveInWalk(transaction, owner.switchId, before, after);
+    if (owner.level == Level::HOST && key == KEY_HOST_UPLINKS)
+        return UplinksChanged(transaction, owner.switchId);
+    return STATUS_OK;
+}
+
+// Stores a changed row and follows the change.
+VsStatus PutRow(Transaction &transaction, const PropertyOwner &owner, std::string_view row,
+                std::string_view key, const Property *before, const Property *after)
+{
+    if (owner.level != Level::PORT) transaction.InvalidateCaches();
+    if (VsStatus status = transaction.Put(BundleKey(owner), row)) return status;
+    return PropertyChanged(transaction, owner, key, before, after);
+}
+
+bool FindInRow(std::string_view row, Level level, std::string_view key, Property &found)
+{
+    BundleEntry entry;
+    if (!FindEntry(row.substr(BundleOffset(level)), key, entry)) return false;
+    found.flags = entry.flags;
+    found.value = entry.value;
+    return true;
+}
+
+// The lowest number that is free. When none of those ever used is, they are 1 to the highest in use.
+VsStatus TakeNumber(Transaction &transaction, uint32_t &number)
+{
+    const auto take = [&number](std::string_view key, std::string_view) {
+        number = FromBigEndian(key.substr(key.size() - WORD));
+        return false;
+    };
+    number = 0;
+    if (VsStatus status = transaction.Scan(Key({"free", ""}), take)) return status;
+    if (number != 0) return transaction.Remove(FreeKey(number));
+    if (VsStatus status = transaction.Scan(Key({"number", ""}), take, Order::BACKWARD)) return status;
+    return ++number > MAX_PORTS ? STATUS_TOO_LARGE : STATUS_OK;
+}
+
+VsStatus ReleaseNumber(Transaction &transaction, std::string_view portRow)
+{
+    if (portRow.size() < WORD) return STATUS_IO_ERROR;
+    const uint32_t number = WordAt(portRow, 0);
+    if (VsStatus status = transaction.Remove(NumberKey(number))) return status;
+    return transaction.Put(FreeKey(number), {});
+}
+
+std::string PortRow(uint32_t number, std::string_view bundle)
+{
+    std::string row, withStatus(bundle);
+    BundleEntry entry;
+    if (!FindEntry(bundle, KEY_PORT_STATUS, entry)) {
+        std::string record(STATUS_RECORD, '\0');
+        memcpy(record.data() + STATUS_NUMBER, &number, WORD);
+        PutEntry(withStatus, {KEY_PORT_STATUS, STATUS_FLAGS, record});
+    }
+    AppendWord(row, number);
+    return row + withStatus;
+}
+
+// Absent rows are STATUS_OK here: a level without properties.
+VsStatus FindAny(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &property,
+                 bool &found)
+{
+    const VsStatus status = GetProperty(reader, owner, key, property);
+    found = status == STATUS_OK;
+    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+}
+
+VsStatus RemoveIndexes(Transaction &transaction, std::string_view switchId)
+{
+    Property property;
+    bool found;
+    if (VsStatus status = FindAny(transaction, {Level::GLOBAL, switchId}, KEY_ALIAS, property, found))
+        return status;
+    if (found) {
+        if (VsStatus status = transaction.Remove(AliasKey(Text(property.value)))) return status;
+    }
+    if (VsStatus status = FindAny(transaction, {Level::HOST, switchId}, KEY_PORTSET, property, found))
+        return status;
+    return transaction.Remove(WalkKey(found ? &property : nullptr, switchId));
+}
+
+VsStatus RemovePorts(Transaction &transaction, std::string_view switchId)
+{
+    std::vector<std::string> keys;
+    std::vector<std::string> numbers;
+    const auto collect = [&](std::string_view key, std::string_view row) {
+        keys.emplace_back(key);
+        numbers.emplace_back(row.substr(0, WORD));
+        return true;
+    };
+    if (VsStatus status = transaction.Scan(PortKey(switchId, ""), collect)) return status;
+    for (size_t i = 0; i < keys.size(); ++i) {
+        if (VsStatus status = ReleaseNumber(transaction, numbers[i])) return status;
+        if (VsStatus status = transaction.Remove(keys[i])) return status;
+    }
+    return STATUS_OK;
+}
+
+}
+
+std::string Key(std::initializer_list<std::string_view> fields)
+{
+    std::string key;
+    key.reserve(160);
+    for (std::string_view field : fields) {
+        if (!key.empty()) key += '\0';
+        key += field;
+    }
+    return key;
+}
+
+std::string BigEndian(uint32_t number)
+{
+    const uint32_t swapped = __builtin_bswap32(number);
+    return {reinterpret_cast<const char *>(&swapped), WORD};
+}
+
+uint32_t FromBigEndian(std::string_view bytes) { return __builtin_bswap32(WordAt(bytes, 0)); }
+
+std::string_view Text(std::string_view value) { return value.substr(0, value.find('\0')); }
+
+VsStatus GetSwitch(Reader &reader, std::string_view switchId, Switch &found)
+{
+    std::string row;
+    if (VsStatus status = reader.Get(SwitchKey(switchId), row)) return status;
+    if (row.size() < SWITCH_HEADER) return STATUS_IO_ERROR;
+    found = {row.substr(SWITCH_HEADER), WordAt(row, 0), WordAt(row, WORD), WordAt(row, 2 * WORD) != 0};
+    return STATUS_OK;
+}
+
+VsStatus AddSwitch(Transaction &transaction, std::string_view switchId, const Switch &added)
+{
+    if (switchId.empty() || switchId.size() > MAX_SWITCH_ID) return STATUS_BAD_PARAM;
+    Switch existing;
+    const VsStatus status = GetSwitch(transaction, switchId, existing);
+    if (status != STATUS_NOT_FOUND) return status == STATUS_OK ? STATUS_EXISTS : status;
+    transaction.InvalidateCaches();
+    if (VsStatus put = transaction.Put(SwitchKey(switchId), EncodeSwitch(added))) return put;
+    return transaction.Put(WalkKey(nullptr, switchId), added.className);
+}
+
+VsStatus RemoveSwitch(Transaction &transaction, std::string_view switchId)
+{
+    Switch existing;
+    if (VsStatus status = GetSwitch(transaction, switchId, existing)) return status;
+    transaction.InvalidateCaches();
+    if (VsStatus status = RemovePorts(transaction, switchId)) return status;
+    if (VsStatus status = RemoveIndexes(transaction, switchId)) return status;
+    for (std::string_view table : {"switch", "global", "host"}) {
+        if (VsStatus status = transaction.Remove(Key({table, switchId}))) return status;
+    }
+    return UplinksChanged(transaction, switchId);
+}
+
+VsStatus AssociateSwitch(Transaction &transaction, std::string_view switchId, bool associated)
+{
+    Switch existing;
+    if (VsStatus status = GetSwitch(transaction, switchId, existing)) return status;
+    existing.associated = associated;
+    transaction.InvalidateCaches();
+    return transaction.Put(SwitchKey(switchId), EncodeSwitch(existing));
+}
+
+VsStatus FindSwitchByAlias(Reader &reader, std::string_view alias, std::string &switchId)
+{
+    return reader.Get(AliasKey(alias), switchId);
+}
+
+VsStatus FindSwitchByPortset(Reader &reader, std::string_view portset, std::string &switchId)
+{
+    bool found = false;
+    const auto take = [&](std::string_view key, std::string_view) {
+        switchId = LastField(key);
+        found = true;
+        return false;
+    };
+    if (VsStatus status = reader.Scan(WalkPrefix(portset), take)) return status;
+    return found ? STATUS_OK : STATUS_NOT_FOUND;
+}
+
+VsStatus ForEachSwitch(Reader &reader, const std::function<bool(std::string_view, std::string_view)> &visit)
+{
+    return reader.Scan(Key({"walk", ""}), [&](std::string_view key, std::string_view className) {
+        return visit(LastField(key), className);
+    });
+}
+
+VsStatus GetPortNumber(Reader &reader, std::string_view switchId, std::string_view portId, uint32_t &number)
+{
+    std::string row;
+    if (VsStatus status = reader.Get(PortKey(switchId, portId), row)) return status;
+    if (row.size() < WORD) return STATUS_IO_ERROR;
+    number = WordAt(row, 0);
+    return STATUS_OK;
+}
+
+VsStatus GetPortByNumber(Reader &reader, uint32_t number, PortName &port)
+{
+    std::string row;
+    if (VsStatus status = reader.Get(NumberKey(number), row)) return status;
+    const size_t separator = row.find('\0');
+    if (separator == std::string::npos) return STATUS_IO_ERROR;
+    port = {row.substr(0, separator), row.substr(separator + 1)};
+    return STATUS_OK;
+}
+
+VsStatus ForEachPort(Reader &reader, std::string_view switchId,
+                     const std::function<bool(std::string_view, uint32_t)> &visit)
+{
+    bool damaged = false;
+    const auto decode = [&](std::string_view key, std::string_view row) {
+        damaged = row.size() < WORD;
+        return !damaged && visit(LastField(key), WordAt(row, 0));
+    };
+    const VsStatus status = reader.Scan(PortKey(switchId, ""), decode);
+    return damaged ? STATUS_IO_ERROR : status;
+}
+
+VsStatus AddPort(Transaction &transaction, std::string_view switchId, std::string_view portId,
+                 std::string_view bundle)
+{
+    if (portId.empty() || !CheckBundle(bundle)) return STATUS_BAD_PARAM;
+    std::string row;
+    if (VsStatus status = transaction.Get(SwitchKey(switchId), row)) return status;
+    const VsStatus status = transaction.Get(PortKey(switchId, portId), row);
+    if (status != STATUS_NOT_FOUND) return status == STATUS_OK ? STATUS_EXISTS : status;
+    uint32_t number;
+    if (VsStatus taken = TakeNumber(transaction, number)) return taken;
+    if (VsStatus put = transaction.Put(NumberKey(number), Key({switchId, portId}))) return put;
+    return transaction.Put(PortKey(switchId, portId), PortRow(number, bundle));
+}
+
+VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::string_view portId)
+{
+    std::string row;
+    if (VsStatus status = transaction.Get(PortKey(switchId, portId), row)) return status;
+    if (VsStatus status = ReleaseNumber(transaction, row)) return status;
+    if (VsStatus status = transaction.Remove(PortKey(switchId, portId))) return status;
+    return UplinksChanged(transaction, switchId);
+}
+
+VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &found)
+{
+    std::string row;
+    if (VsStatus status = GetRow(reader, owner, row)) return status;
+    return FindInRow(row, owner.level, key, found) ? STATUS_OK : STATUS_NOT_FOUND;
+}
+
+VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key,
+                     uint32_t flags, std::string_view value)
+{
+    std::string row;
+    if (VsStatus status = GetRowToChange(transaction, owner, row)) return status;
+    Property before;
+    const bool existed = FindInRow(row, owner.level, key, before);
+    const auto put = [&](std::string &bundle) { return PutEntry(bundle, {key, flags, value}); };
+    if (!ChangeBundle(row, owner.level, put)) return STATUS_TOO_LARGE;
+    const Property after{flags, std::string(value)};
+    return PutRow(transaction, owner, row, key, existed ? &before : nullptr, &after);
+}
+
+VsStatus ClearProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key)
+{
+    std::string row;
+    if (VsStatus status = GetRow(transaction, owner, row)) return status;
+    Property before;
+    if (!FindInRow(row, owner.level, key, before)) return STATUS_NOT_FOUND;
+    const auto remove = [&](std::string &bundle) { return RemoveEntry(bundle, key); };
+    ChangeBundle(row, owner.level, remove);
+    return PutRow(transaction, owner, row, key, &before, nullptr);
+}
+
+}

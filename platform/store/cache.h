@@ -1,0 +1,34 @@
+// The in-process cache of the configuration, behind the DVSState_ entry points. Nothing is read when it
+// is loaded: what is looked up is read then, and trusted until the change counter moves.
+#ifndef PLATFORM_STORE_CACHE_H
+#define PLATFORM_STORE_CACHE_H
+
+#include "platform/store/store.h"
+
+namespace vshost {
+
+// A switch in the cache: its address and bytes stay until a reset.
+struct SwitchHandle {
+    char id[MAX_SWITCH_ID + 1];
+    std::string className;
+};
+
+struct PropHandle;
+struct PortHandle;
+
+using SwitchCallback = int (*)(SwitchHandle *handle, void *context);
+
+VsStatus CacheToken(const StoreCall &call, void **buffer, uint32_t *length);
+VsStatus CacheReset(const StoreCall &call);
+VsStatus CacheLoad(const StoreCall &call, const void *buffer, uint32_t length);
+SwitchHandle *CacheFindByAlias(const StoreCall &call);
+VsStatus CacheForEach(const StoreCall &call, SwitchCallback callback, void *context);
+PortHandle *CacheFindPort(const StoreCall &call);
+VsStatus CacheLookup(const StoreCall &call, Level level, PropHandle **handle);
+const char *CacheClassName(const StoreCall &call, const SwitchHandle *handle);
+const char *CacheSwitchId(const StoreCall &call, const SwitchHandle *handle);
+void CacheData(const StoreCall &call, PropHandle *handle, void **data);
+
+}
+
+#endif

@@ -1,0 +1,182 @@
+// The C entry points of liborkPublic.so: each names itself and its arguments, and goes to the core.
+#include "platform/store/bundle_builder.h"
+#include "platform/store/cache.h"
+#include "platform/store/store.h"
+
+using namespace vshost;
+
+namespace {
+
+// A bundle operation, which needs no host, on its way through the gate.
+template<typename Body>
+VsStatus BundleCall(const char *operation, const CallDetails &details, bool canFail, Body body)
+{
+    HostUse host;
+    CallGate gate(host.GetControl(), VSHOST_STORE, operation, details, canFail);
+    return gate.Refused() ? gate.Outcome() : gate.Return(Guard(body));
+}
+
+}
+
+extern "C" {
+
+VsStatus DVSZOR_GlobalPropGet(const char *switchId, const char *key, void **value, uint32_t *length)
+{
+    return PropertyGet({__func__, switchId, nullptr, key}, Level::GLOBAL, value, length);
+}
+
+VsStatus DVSZOR_GlobalPropSet(const char *switchId, const char *key, const void *value, uint32_t length,
+                              uint32_t flags)
+{
+    return PropertySet({__func__, switchId, nullptr, key}, Level::GLOBAL, value, length, flags);
+}
+
+VsStatus DVSZOR_GlobalPropClear(const char *switchId, const char *key)
+{
+    return PropertyClear({__func__, switchId, nullptr, key}, Level::GLOBAL);
+}
+
+VsStatus DVSZOR_HostPropGet(const char *switchId, const char *key, void **value, uint32_t *length)
+{
+    return PropertyGet({__func__, switchId, nullptr, key}, Level::HOST, value, length);
+}
+
+VsStatus DVSZOR_HostPropSet(const char *switchId, const char *key, const void *value, uint32_t length,
+                            uint32_t flags)
+{
+    return PropertySet({__func__, switchId, nullptr, key}, Level::HOST, value, length, flags);
+}
+
+VsStatus DVSZOR_HostPropClear(const char *switchId, const char *key)
+{
+    return PropertyClear({__func__, switchId, nullptr, key}, Level::HOST);
+}
+
+VsStatus DVSZOR_PortDataGet(const char *switchId, const char *portId, const char *key, void **value,
+                            uint32_t *length)
+{
+    return PropertyGet({__func__, switchId, portId, key}, Level::PORT, value, length);
+}
+
+VsStatus DVSZOR_PortDataSet(const char *switchId, const char *portId, const char *key, const void *value,
+                            uint32_t length, uint32_t flags)
+{
+    return PropertySet({__func__, switchId, portId, key}, Level::PORT, value, length, flags);
+}
+
+VsStatus DVSZOR_PortDataClear(const char *switchId, const char *portId, const char *key)
+{
+    return PropertyClear({__func__, switchId, portId, key}, Level::PORT);
+}
+
+VsStatus DVSZOR_PortAdd(const char *switchId, const char *portId, const void *bundle, uint32_t length)
+{
+    return PortAdd({__func__, switchId, portId}, bundle, length);
+}
+
+VsStatus DVSZOR_PortRemove(const char *switchId, const char *portId)
+{
+    return PortRemove({__func__, switchId, portId});
+}
+
+VsStatus DVSZOR_SwitchAdd(const char *switchId, const char *className, uint32_t ports, uint32_t version)
+{
+    return SwitchAdd({__func__, switchId}, className, ports, version);
+}
+
+VsStatus DVSZOR_SwitchRemove(const char *switchId) { return SwitchRemove({__func__, switchId}); }
+
+VsStatus DVSZOR_SwitchAssociate(const char *switchId) { return SwitchAssociate({__func__, switchId}, true); }
+
+VsStatus DVSZOR_SwitchDissociate(const char *switchId)
+{
+    return SwitchAssociate({__func__, switchId}, false);
+}
+
+VsStatus DVSZOR_StateGet(void **configuration, uint32_t *length)
+{
+    return CacheToken({__func__}, configuration, length);
+}
+
+void DVSZOR_DataFree(void *value) { DataFree({__func__}, value); }
+
+VsStatus DVSState_ConfigReset(void) { return CacheReset({__func__}); }
+
+VsStatus DVSState_ConfigDeserialize(const void *configuration, uint32_t length)
+{
+    return CacheLoad({__func__}, configuration, length);
+}
+
+SwitchHandle *DVSState_SwitchFindByAlias(const char *alias)
+{
+    return CacheFindByAlias({__func__, nullptr, nullptr, alias});
+}
+
+VsStatus DVSState_SwitchForEach(SwitchCallback callback, void *context)
+{
+    return CacheForEach({__func__}, callback, context);
+}
+
+PortHandle *DVSState_PortFind(const char *switchId, const char *portId)
+{
+    return CacheFindPort({__func__, switchId, portId});
+}
+
+VsStatus DVSState_GlobalPropLookup(const char *switchId, const char *key, PropHandle **handle)
+{
+    return CacheLookup({__func__, switchId, nullptr, key}, Level::GLOBAL, handle);
+}
+
+VsStatus DVSState_HostPropLookup(const char *switchId, const char *key, PropHandle **handle)
+{
+    return CacheLookup({__func__, switchId, nullptr, key}, Level::HOST, handle);
+}
+
+const char *DVS_ClassName(const SwitchHandle *handle) { return CacheClassName({__func__}, handle); }
+
+const char *DVS_SwitchId(const SwitchHandle *handle) { return CacheSwitchId({__func__}, handle); }
+
+void DVSData_Data(PropHandle *handle, void **data) { CacheData({__func__}, handle, data); }
+
+VsStatus DVSData_Alloc(BundleBuilder **bundle, Allocate allocate, Release release)
+{
+    return BundleCall(__func__, CallDetails(), true, [&] {
+        return bundle && allocate && release ? BundleBuilder::Make(allocate, release, bundle)
+                                             : STATUS_BAD_PARAM;
+    });
+}
+
+void DVSData_Update(BundleBuilder *bundle, const char *key, const void *value, uint32_t length,
+                    uint32_t flags)
+{
+    const CallDetails details{.text = {nullptr, nullptr, key},
+                              .length = length,
+                              .flags = flags,
+                              .input = value,
+                              .inputLength = length};
+    BundleCall(__func__, details, false, [&] {
+        if (!bundle) return STATUS_BAD_PARAM;
+        if (!key || (!value && length > 0))
+            bundle->Fail(STATUS_BAD_PARAM);
+        else
+            bundle->Add({key, flags, {static_cast<const char *>(value), length}});
+        return STATUS_OK;
+    });
+}
+
+VsStatus DVSData_Serialize(BundleBuilder *bundle, void **buffer, uint32_t *length, uint32_t kind)
+{
+    const CallDetails details{.flags = kind};
+    return BundleCall(__func__, details, true, [&] {
+        return bundle && buffer && length ? bundle->Serialize(buffer, length) : STATUS_BAD_PARAM;
+    });
+}
+
+void DVSData_Free(BundleBuilder *bundle)
+{
+    BundleCall(__func__, CallDetails(), false, [&] {
+        if (bundle) bundle->Destroy();
+        return STATUS_OK;
+    });
+}
+}

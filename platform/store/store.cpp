@@ -1,0 +1,149 @@
+// The store's operations: each passes the gate, then reads the engine or writes it in one transaction.
+#include "platform/store/store.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+namespace vshost {
+namespace {
+
+std::atomic<int64_t> valuesLent = 0;
+
+VsStatus WithoutHost(VsStatus failure, VsStatus withoutHost)
+{
+    if (failure != STATUS_OK) return failure;
+    if (withoutHost == STATUS_IO_ERROR) SayNoHost();
+    return withoutHost;
+}
+
+// Passes the gate and runs `body` on the host; without one, `withoutHost` is the status.
+template<typename Body>
+VsStatus OnHost(const char *operation, const CallDetails &details, VsStatus withoutHost, Body body)
+{
+    HostUse host;
+    CallGate gate(host.GetControl(), VSHOST_STORE, operation, details);
+    if (gate.Refused()) return gate.Outcome();
+    if (!host) return gate.Return(WithoutHost(host.Status(), withoutHost));
+    return gate.Return(Guard([&] { return body(host->GetEngine()); }));
+}
+
+VsStatus Change(const char *operation, const CallDetails &details, bool valid, const Work &work)
+{
+    const auto write = [&](Engine &engine) { return valid ? engine.Write(work) : STATUS_BAD_PARAM; };
+    return OnHost(operation, details, STATUS_IO_ERROR, write);
+}
+
+bool IsComplete(const StoreCall &call, Level level)
+{
+    return call.switchId && call.key && (level != Level::PORT || call.portId);
+}
+
+PropertyOwner OwnerOf(const StoreCall &call, Level level)
+{
+    return {level, call.switchId, level == Level::PORT ? call.portId : ""};
+}
+
+// A copy that DVSZOR_DataFree takes back.
+VsStatus Lend(std::string_view bytes, void **value, uint32_t *length)
+{
+    void *copy = malloc(bytes.empty() ? 1 : bytes.size());
+    if (!copy) return STATUS_NO_MEMORY;
+    memcpy(copy, bytes.data(), bytes.size());
+    ++valuesLent;
+    *value = copy;
+    *length = static_cast<uint32_t>(bytes.size());
+    return STATUS_OK;
+}
+
+}
+
+VsStatus PropertyGet(const StoreCall &call, Level level, void **value, uint32_t *length)
+{
+    CallDetails details = call.Details();
+    return OnHost(call.operation, details, STATUS_NOT_FOUND, [&](Engine &engine) {
+        if (!IsComplete(call, level) || !value || !length) return STATUS_BAD_PARAM;
+        Property found;
+        if (VsStatus status = GetProperty(engine, OwnerOf(call, level), call.key, found)) return status;
+        details.length = static_cast<uint32_t>(found.value.size());
+        return Lend(found.value, value, length);
+    });
+}
+
+VsStatus PropertySet(const StoreCall &call, Level level, const void *value, uint32_t length, uint32_t flags)
+{
+    CallDetails details = call.Details();
+    details.length = length;
+    details.flags = flags;
+    details.input = value;
+    details.inputLength = length;
+    const bool valid = IsComplete(call, level) && (value || length == 0);
+    const std::string_view bytes(static_cast<const char *>(value), value ? length : 0);
+    return Change(call.operation, details, valid, [&](Transaction &transaction) {
+        return SetProperty(transaction, OwnerOf(call, level), call.key, flags, bytes);
+    });
+}
+
+VsStatus PropertyClear(const StoreCall &call, Level level)
+{
+    return Change(call.operation, call.Details(), IsComplete(call, level), [&](Transaction &transaction) {
+        return ClearProperty(transaction, OwnerOf(call, level), call.key);
+    });
+}
+
+VsStatus PortAdd(const StoreCall &call, const void *bundle, uint32_t length)
+{
+    CallDetails details = call.Details();
+    details.length = length;
+    details.input = bundle;
+    details.inputLength = length;
+    const std::string_view bytes(static_cast<const char *>(bundle), bundle ? length : 0);
+    return Change(
+        call.operation, details, call.switchId && call.portId && bundle,
+        [&](Transaction &transaction) { return AddPort(transaction, call.switchId, call.portId, bytes); });
+}
+
+VsStatus PortRemove(const StoreCall &call)
+{
+    return Change(
+        call.operation, call.Details(), call.switchId && call.portId,
+        [&](Transaction &transaction) { return RemovePort(transaction, call.switchId, call.portId); });
+}
+
+VsStatus SwitchAdd(const StoreCall &call, const char *className, uint32_t ports, uint32_t version)
+{
+    CallDetails details = call.Details();
+    details.length = ports;
+    details.flags = version;
+    details.input = className;
+    details.inputLength = className ? strlen(className) : 0;
+    return Change(call.operation, details, call.switchId && className, [&](Transaction &transaction) {
+        return AddSwitch(transaction, call.switchId, {className, ports, version, false});
+    });
+}
+
+VsStatus SwitchRemove(const StoreCall &call)
+{
+    return Change(call.operation, call.Details(), call.switchId,
+                  [&](Transaction &transaction) { return RemoveSwitch(transaction, call.switchId); });
+}
+
+VsStatus SwitchAssociate(const StoreCall &call, bool associated)
+{
+    return Change(call.operation, call.Details(), call.switchId, [&](Transaction &transaction) {
+        return AssociateSwitch(transaction, call.switchId, associated);
+    });
+}
+
+int64_t ValuesLent() { return valuesLent; }
+
+void DataFree(const StoreCall &call, void *value)
+{
+    HostUse host;
+    const CallDetails details = call.Details();
+    CallGate gate(host.GetControl(), VSHOST_STORE, call.operation, details, false);
+    if (value) --valuesLent;
+    free(value);
+}
+
+}
