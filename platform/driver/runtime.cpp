@@ -20,6 +20,11 @@ std::string BoundKey(std::string_view switchId, std::string_view portId)
     return Key({RUN, "bound", switchId, portId});
 }
 
+std::string ClaimKey(std::string_view switchName, std::string_view portId)
+{
+    return Key({RUN, "claim", switchName, portId});
+}
+
 std::string OnDemandKey(uint32_t number) { return Key({RUN, "demand", ""}) + BigEndian(number); }
 
 std::string BigEndian16(uint16_t number) { return BigEndian(number).substr(2); }
@@ -45,7 +50,16 @@ bool IsFromScenario(std::string_view value)
     return value.size() == sizeof(MacRecord) && value[offsetof(MacRecord, fromScenario)] != 0;
 }
 
-// The first free NIC, or a new one.
+// Writes a NIC, and whether it is free.
+VsStatus Store(Transaction &transaction, std::string_view name, const Nic &nic)
+{
+    const bool isFree = !nic.IsBound() && !nic.IsClaimed();
+    const VsStatus status =
+        isFree ? transaction.Put(FreeNicKey(name), {}) : transaction.Remove(FreeNicKey(name));
+    return status ? status : PutRecord(transaction, runtime::NicKey(name), nic);
+}
+
+// The first free NIC.
 VsStatus TakeFreeNic(Transaction &transaction, std::string &name, Nic &nic)
 {
     name.clear();
@@ -85,17 +99,37 @@ VsStatus Bind(Transaction &transaction, std::string_view name, Nic nic, std::str
 {
     SetField(nic.switchId, switchId);
     SetField(nic.portId, portId);
-    VsStatus status = transaction.Remove(FreeNicKey(name));
-    if (!status) status = transaction.Put(BoundKey(switchId, portId), name);
-    if (!status) status = PutRecord(transaction, runtime::NicKey(name), nic);
-    return status;
+    const VsStatus status = transaction.Put(BoundKey(switchId, portId), name);
+    return status ? status : Store(transaction, name, nic);
+}
+
+// The NIC that is kept for an uplink port under any name of its switch.
+VsStatus TakeClaimedNic(Transaction &transaction, std::string_view switchId, std::string_view portId,
+                        std::string &name, Nic &nic)
+{
+    bool any = false;
+    VsStatus status = transaction.Scan(Key({RUN, "claim", ""}), [&](std::string_view, std::string_view) {
+        any = true;
+        return false;
+    });
+    if (status || !any) return status ? status : STATUS_NOT_FOUND;
+    Property alias;
+    std::string portset;
+    status = GetProperty(transaction, {Level::GLOBAL, switchId}, KEY_ALIAS, alias);
+    if (!status || status == STATUS_NOT_FOUND) status = PortsetOfSwitch(transaction, switchId, portset);
+    if (status && status != STATUS_NOT_FOUND) return status;
+    status = STATUS_NOT_FOUND;
+    for (std::string_view switchName : {Text(alias.value), switchId, std::string_view(portset)})
+        if (status == STATUS_NOT_FOUND) status = transaction.Get(ClaimKey(switchName, portId), name);
+    return status ? status : GetRecord(transaction, runtime::NicKey(name), nic);
 }
 
 VsStatus BindAnyNic(Transaction &transaction, std::string_view switchId, std::string_view portId)
 {
     std::string name;
     Nic nic;
-    VsStatus status = TakeFreeNic(transaction, name, nic);
+    VsStatus status = TakeClaimedNic(transaction, switchId, portId, name, nic);
+    if (status == STATUS_NOT_FOUND) status = TakeFreeNic(transaction, name, nic);
     if (status == STATUS_NOT_FOUND) status = MakeNic(transaction, name, nic);
     return status ? status : Bind(transaction, name, nic, switchId, portId);
 }
@@ -112,8 +146,29 @@ VsStatus Unbind(Transaction &transaction, std::string_view name, Nic nic)
     }
     SetField(nic.switchId, {});
     SetField(nic.portId, {});
-    status = transaction.Put(FreeNicKey(name), {});
-    return status ? status : PutRecord(transaction, runtime::NicKey(name), nic);
+    return Store(transaction, name, nic);
+}
+
+// Ends the claim of a NIC, if it has one.
+VsStatus Unclaim(Transaction &transaction, std::string_view name, Nic &nic)
+{
+    if (!nic.IsClaimed()) return STATUS_OK;
+    if (VsStatus status =
+            transaction.Remove(ClaimKey(FieldText(nic.claimedSwitch), FieldText(nic.claimedPort))))
+        return status;
+    SetField(nic.claimedSwitch, {});
+    SetField(nic.claimedPort, {});
+    return Store(transaction, name, nic);
+}
+
+VsStatus UnclaimHolder(Transaction &transaction, std::string_view switchName, std::string_view portId)
+{
+    std::string name;
+    Nic nic;
+    VsStatus status = transaction.Get(ClaimKey(switchName, portId), name);
+    if (!status) status = GetRecord(transaction, runtime::NicKey(name), nic);
+    if (!status) status = Unclaim(transaction, name, nic);
+    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
 }
 
 // The NICs bound to a switch, by port.
@@ -184,7 +239,16 @@ std::string GroupKey(std::string_view portset, uint32_t addressKind, uint32_t vl
     return GroupPrefix(portset, addressKind) + BigEndian(vlanId) + std::string(address);
 }
 
-std::string OptionKey(uint16_t id) { return Key({RUN, "option", ""}) + BigEndian16(id); }
+std::string OptionPrefix() { return Key({RUN, "option", ""}); }
+
+std::string OptionKey(uint16_t id) { return OptionPrefix() + BigEndian16(id); }
+
+uint16_t OptionOfKey(std::string_view key)
+{
+    const auto high = static_cast<uint8_t>(key[key.size() - 2]),
+               low = static_cast<uint8_t>(key[key.size() - 1]);
+    return static_cast<uint16_t>(high << 8 | low);
+}
 
 std::string PortStatsKey(std::string_view portset, std::string_view portId)
 {
@@ -233,6 +297,16 @@ VsStatus SwitchOfPortset(Reader &reader, std::string_view portset, std::string &
     if (!status) status = PortsetOfSwitch(reader, switchId, named);
     if (!status && named != portset) status = STATUS_NOT_FOUND;
     return status;
+}
+
+VsStatus FindSwitch(Reader &reader, std::string_view name, std::string &switchId)
+{
+    Switch found;
+    VsStatus status = FindSwitchByAlias(reader, name, switchId);
+    if (status != STATUS_NOT_FOUND) return status;
+    switchId = name;
+    status = GetSwitch(reader, name, found);
+    return status == STATUS_NOT_FOUND ? SwitchOfPortset(reader, name, switchId) : status;
 }
 
 VsStatus AddPortset(Transaction &transaction, std::string_view name, const Portset &portset)
@@ -288,8 +362,7 @@ VsStatus PutNic(Transaction &transaction, std::string_view name, Nic nic)
         const auto number = static_cast<uint32_t>(std::stoul(std::string(name.substr(3))));
         status = transaction.Remove(OnDemandKey(number));
     }
-    if (!status && !nic.portId[0]) status = transaction.Put(FreeNicKey(name), {});
-    return status ? status : PutRecord(transaction, runtime::NicKey(name), nic);
+    return status ? status : Store(transaction, name, nic);
 }
 
 VsStatus ListUplinkPorts(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds)
@@ -342,11 +415,41 @@ VsStatus BindNic(Transaction &transaction, std::string_view name, std::string_vi
     return oldPort.empty() ? STATUS_OK : UplinksChanged(transaction, oldSwitch);
 }
 
+VsStatus ClaimNic(Transaction &transaction, std::string_view name, std::string_view switchName,
+                  std::string_view portId)
+{
+    Nic nic;
+    VsStatus status = UnclaimHolder(transaction, switchName, portId);
+    if (!status) status = GetRecord(transaction, runtime::NicKey(name), nic);
+    if (!status) status = Unclaim(transaction, name, nic);
+    SetField(nic.claimedSwitch, switchName);
+    SetField(nic.claimedPort, portId);
+    if (!status) status = transaction.Put(ClaimKey(switchName, portId), name);
+    if (!status) status = PutNic(transaction, name, nic);
+    if (status) return status;
+    std::string switchId;
+    status = FindSwitch(transaction, switchName, switchId);
+    if (!status) status = BindNic(transaction, name, switchId, portId);
+    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+}
+
+VsStatus RemoveNic(Transaction &transaction, std::string_view name)
+{
+    Nic nic;
+    VsStatus status = GetRecord(transaction, runtime::NicKey(name), nic);
+    const std::string switchId(FieldText(nic.switchId));
+    if (!status) status = Unclaim(transaction, name, nic);
+    if (!status) status = ReleaseNic(transaction, name);
+    if (!status) status = transaction.Remove(FreeNicKey(name));
+    if (!status) status = transaction.Remove(runtime::NicKey(name));
+    return status || switchId.empty() ? status : UplinksChanged(transaction, switchId);
+}
+
 VsStatus ReleaseNic(Transaction &transaction, std::string_view name)
 {
     Nic nic;
     const VsStatus status = GetRecord(transaction, runtime::NicKey(name), nic);
-    return status || !nic.portId[0] ? status : Unbind(transaction, name, nic);
+    return status || !nic.IsBound() ? status : Unbind(transaction, name, nic);
 }
 
 VsStatus UplinksChanged(Transaction &transaction, std::string_view switchId)

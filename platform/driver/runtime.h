@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "platform/host/tables.h"
@@ -19,9 +20,10 @@ inline constexpr uint32_t MIN_MTU = 1280;
 inline constexpr uint32_t MAX_MTU = 9000;
 inline constexpr uint32_t DEFAULT_MTU = 1500;
 inline constexpr size_t MAX_REFUSED_MTUS = 8;
+inline constexpr VSwitchLearningProps DEFAULT_LEARNING_PROPS = {1, 600, 65536};
 
 // A running switch.
-struct [[gnu::packed]] Portset {
+struct Portset {
     char className[32] = {};
     uint32_t ports = 0;
     uint32_t mtu = DEFAULT_MTU;
@@ -29,7 +31,7 @@ struct [[gnu::packed]] Portset {
 
 // A physical NIC. One that was made because an uplink port needed it goes when that port releases it,
 // unless somebody configured it since.
-struct [[gnu::packed]] Nic {
+struct Nic {
     uint32_t speed = 10000; // Mb/s
     uint8_t fullDuplex = 1;
     uint8_t link = 1; // there is a carrier
@@ -42,7 +44,11 @@ struct [[gnu::packed]] Nic {
     uint32_t refusedMtus[MAX_REFUSED_MTUS] = {};
     char switchId[64] = {}; // the uplink port that it is bound to; empty when it is free
     char portId[48] = {};
+    char claimedSwitch[128] = {}; // the one that it is kept for: alias, id or portset name
+    char claimedPort[48] = {};
 
+    bool IsBound() const { return portId[0] != 0; }
+    bool IsClaimed() const { return claimedPort[0] != 0; }
     bool LinkUp() const { return link && adminUp; }
     bool TakesMtu(uint32_t mtu) const;
 };
@@ -53,11 +59,12 @@ struct NamedNic {
 };
 
 // An entry of a port's MAC table. Those of the scenario outlive the portset.
-struct [[gnu::packed]] MacRecord {
+struct MacRecord {
+    uint32_t age = 0;
     uint8_t type = VSWITCH_MAC_STATIC;
     uint8_t flags = 0;
-    uint32_t age = 0;
     uint8_t fromScenario = 0;
+    uint8_t reserved = 0;
 };
 
 // Keys of the tables. State of a portset is kept under its name, whether it runs yet or not.
@@ -71,7 +78,9 @@ std::string LagKey(std::string_view portset, std::string_view name);
 std::string GroupPrefix(std::string_view portset, uint32_t addressKind);
 std::string GroupKey(std::string_view portset, uint32_t addressKind, uint32_t vlanId,
                      std::string_view address);
+std::string OptionPrefix();
 std::string OptionKey(uint16_t id);
+uint16_t OptionOfKey(std::string_view key);
 std::string PortStatsKey(std::string_view portset, std::string_view portId);
 std::string MirrorStatsKey(std::string_view portset, std::string_view sessionId);
 std::string RarpKey(std::string_view portset);
@@ -94,6 +103,7 @@ template<class Record> VsStatus GetRecord(Reader &reader, std::string_view key, 
 template<class Record>
 VsStatus PutRecord(Transaction &transaction, std::string_view key, const Record &record)
 {
+    static_assert(std::has_unique_object_representations_v<Record>, "padding would be stored");
     return transaction.Put(key, {reinterpret_cast<const char *>(&record), sizeof record});
 }
 
@@ -129,11 +139,19 @@ VsStatus ListUplinks(Reader &reader, std::string_view switchId, std::vector<Name
 // uplink port of the switch.
 VsStatus BindNic(Transaction &transaction, std::string_view name, std::string_view switchId,
                  std::string_view portId);
+// Keeps a NIC for one uplink port: bound at once when the port is there, otherwise when it appears.
+VsStatus ClaimNic(Transaction &transaction, std::string_view name, std::string_view switchName,
+                  std::string_view portId);
+// Takes a NIC out of the host; its uplink port gets another one.
+VsStatus RemoveNic(Transaction &transaction, std::string_view name);
 VsStatus ReleaseNic(Transaction &transaction, std::string_view name);
 
 // To be called in the transaction that changes the uplink ports of a switch, or removes a port or the
 // switch: each uplink port has a NIC afterwards, and NICs and MAC entries of ports that went are released.
 VsStatus UplinksChanged(Transaction &transaction, std::string_view switchId);
+
+// A switch by its alias, its id or the name of its portset.
+VsStatus FindSwitch(Reader &reader, std::string_view name, std::string &switchId);
 
 // Ends everything that runs.
 VsStatus ResetRuntime(Transaction &transaction);

@@ -151,12 +151,13 @@ bool Matches(const Fault &fault, vshost_kind kind, const char *operation)
            (fault.operation[0] == '\0' || strcmp(fault.operation, operation) == 0);
 }
 
-// Counts the call; whether it is one of those that fail.
-bool Fires(Fault &fault)
+// Whether the matching call of this number is one of those that fail.
+bool FiresAt(const Fault &fault, uint32_t count)
 {
-    const uint32_t count = ++fault.matched;
     return count >= fault.nth && (fault.times == 0 || count - fault.nth < fault.times);
 }
+
+bool Fires(Fault &fault) { return FiresAt(fault, ++fault.matched); }
 
 void CopyText(char *field, size_t size, std::string_view text)
 {
@@ -234,6 +235,23 @@ int Control::Fail(vshost_kind kind, const char *operation, unsigned nth, unsigne
 }
 
 unsigned Control::Failed() const { return block->failed; }
+
+size_t Control::FreeFaults() const
+{
+    const auto isFree = [](const Fault &fault) { return fault.kind == 0; };
+    return static_cast<size_t>(std::count_if(std::begin(block->fault), std::end(block->fault), isFree));
+}
+
+bool Control::NextFails(vshost_kind kind, const char *operation, uint32_t &outcome) const
+{
+    const auto wouldFire = [&](const Fault &fault) {
+        return Matches(fault, kind, operation) && FiresAt(fault, fault.matched + 1);
+    };
+    const Fault *first = std::find_if(std::begin(block->fault), std::end(block->fault), wouldFire);
+    if (first == std::end(block->fault)) return false;
+    outcome = first->outcome;
+    return true;
+}
 
 // The first rule that fires decides; each rule counts every call that matches it.
 bool Control::MustFail(vshost_kind kind, const char *operation, uint32_t &outcome)

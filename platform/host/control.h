@@ -43,6 +43,10 @@ public:
     // The functions of vshost.h of the same names: 0 or an errno value.
     int Fail(vshost_kind kind, const char *operation, unsigned nth, unsigned times, uint32_t outcome);
     unsigned Failed() const;
+    // How many more rules can stand.
+    size_t FreeFaults() const;
+    // What a rule would make of the next call, which isn't counted; false when none would fail it.
+    bool NextFails(vshost_kind kind, const char *operation, uint32_t &outcome) const;
     int Answer(uint32_t command, unsigned times, const void *bytes, uint32_t length);
     int ShellOutput(const char *verb, const void *bytes, uint32_t length);
     void Clear();

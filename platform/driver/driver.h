@@ -1,0 +1,19 @@
+// The switch driver, as the preload calls it.
+#ifndef PLATFORM_DRIVER_DRIVER_H
+#define PLATFORM_DRIVER_DRIVER_H
+
+#include <cstdint>
+
+namespace vshost {
+
+enum class Device { SWITCH, RTM };
+
+// Opens the file that stands for the device on this process's host; -1 with errno.
+int OpenDevice(Device device, int flags, unsigned mode);
+
+// Runs the command whose VSwitchRequest is at `header`; 0 or an errno value.
+int RunCommand(Device device, uint32_t number, void *header);
+
+}
+
+#endif

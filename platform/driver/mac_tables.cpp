@@ -1,0 +1,229 @@
+// MAC tables and MAC learning of the driver.
+#include <cerrno>
+#include <set>
+
+#include "platform/driver/request.h"
+
+namespace vshost {
+
+namespace {
+
+constexpr std::string_view KEY_SWITCH_LEARNING = "com.talpex.vswitch.macLearning";
+constexpr std::string_view KEY_LEARN_STATIC = "com.talpex.vswitch.macLearning.learnStatic";
+constexpr uint32_t DEFAULT_PORT_LIMIT = 4096;
+constexpr uint32_t DEFAULT_AGING_SECONDS = 600;
+constexpr uint32_t DEFAULT_SWITCH_LIMIT = 65536;
+constexpr uint16_t MAX_VLAN_ID = 4094;
+
+// A port's MAC management record, as it is stored.
+struct [[gnu::packed]] MacManagement {
+    uint8_t securityDerived;
+    uint8_t learning;
+    uint8_t second;
+    uint32_t limit;
+    uint32_t last;
+};
+static_assert(sizeof(MacManagement) == 11);
+
+bool ReadManagement(std::string_view value, MacManagement &management)
+{
+    if (value.size() != sizeof management) return false;
+    memcpy(&management, value.data(), sizeof management);
+    return true;
+}
+
+// One port's table, with `portId` filled.
+int ReadMacs(Reader &reader, std::string_view portset, std::string_view portId, uint32_t number,
+             std::vector<VSwitchMacEntry> &entries)
+{
+    const std::string prefix = runtime::MacPrefix(portset, portId);
+    const VsStatus status = reader.Scan(prefix, [&](std::string_view key, std::string_view value) {
+        key.remove_prefix(prefix.size());
+        MacRecord record;
+        if (key.size() != 8 || value.size() != sizeof record) return true;
+        memcpy(static_cast<void *>(&record), value.data(), sizeof record);
+        VSwitchMacEntry &entry = entries.emplace_back();
+        memcpy(entry.address, key.data() + 2, sizeof entry.address);
+        entry.type = record.type;
+        entry.flags = record.flags;
+        entry.vlanId =
+            static_cast<uint16_t>(static_cast<uint8_t>(key[0]) << 8 | static_cast<uint8_t>(key[1]));
+        entry.age = record.age;
+        entry.portId = number;
+        return true;
+    });
+    return ErrnoOf(status, 0);
+}
+
+void ListMacs(Request &request, const std::vector<VSwitchMacEntry> &entries)
+{
+    const uint8_t wanted = request.input.args.mac.type;
+    request.StartList(VSwitchListHeader{}, sizeof(VSwitchMacEntry));
+    for (const VSwitchMacEntry &entry : entries)
+        if (wanted == VSWITCH_MAC_ANY || entry.type == wanted) request.AddRecord(entry);
+}
+
+int ReadPortLimit(Reader &reader, std::string_view switchId, std::string_view portId, uint32_t &limit)
+{
+    std::string value;
+    MacManagement management;
+    const int error = ReadProperty(reader, {Level::PORT, switchId, portId}, KEY_PORT_MAC_MANAGEMENT, value);
+    limit = ReadManagement(value, management) ? management.limit : DEFAULT_PORT_LIMIT;
+    return error;
+}
+
+int ReadPortStats(Reader &reader, std::string_view portset, std::string_view portId,
+                  VSwitchPortLearningStats &stats)
+{
+    return ErrnoOf(GetRecord(reader, runtime::PortStatsKey(portset, portId), stats), 0);
+}
+
+// The switch's own policy; what is not stored has its default.
+int ReadSwitchPolicy(Reader &reader, std::string_view switchId, VSwitchLearningInfo &info)
+{
+    std::string policy, learnStatic;
+    info.agingSeconds = DEFAULT_AGING_SECONDS;
+    info.limit = DEFAULT_SWITCH_LIMIT;
+    int error = ReadProperty(reader, {Level::HOST, switchId}, KEY_SWITCH_LEARNING, policy);
+    if (!error) error = ReadProperty(reader, {Level::HOST, switchId}, KEY_LEARN_STATIC, learnStatic);
+    if (policy.size() == 8) {
+        info.agingSeconds = 0;
+        memcpy(&info.agingSeconds, policy.data(), 3);
+        info.policyByte = static_cast<uint8_t>(policy[3]);
+        memcpy(&info.limit, policy.data() + 4, sizeof info.limit);
+    }
+    info.learnStatic = learnStatic.starts_with("true");
+    return error;
+}
+
+// Adds one port to the sums of its switch.
+int AddPort(Request &request, std::string_view portId, bool isUplink, VSwitchLearningInfo &info)
+{
+    VSwitchPortLearningStats stats = {};
+    std::vector<VSwitchMacEntry> entries;
+    std::string policy;
+    int error = ReadPortStats(request.reader, request.portset, portId, stats);
+    if (!error) error = ReadMacs(request.reader, request.portset, portId, 0, entries);
+    const PropertyOwner port{Level::PORT, request.switchId, portId};
+    if (!error) error = ReadProperty(request.reader, port, KEY_PORT_MAC_MANAGEMENT, policy);
+    const auto count = static_cast<uint32_t>(entries.size());
+    for (const VSwitchMacEntry &entry : entries)
+        ++(entry.type == VSWITCH_MAC_LEARNED ? info.learnedEntries : info.staticEntries);
+    info.entries += count;
+    if (isUplink) info.teamEntries += count;
+    if (PortLearns(policy)) ++info.learningPorts;
+    info.learned += stats.learned;
+    info.moved += stats.moved;
+    info.aged += stats.aged;
+    info.refused += stats.refused;
+    info.dropped += stats.dropped;
+    return error;
+}
+
+bool IsStation(const VSwitchMacEntry &entry)
+{
+    constexpr uint8_t NONE[sizeof entry.address] = {};
+    return !(entry.address[0] & 1) && memcmp(entry.address, NONE, sizeof NONE) != 0;
+}
+
+std::string KeyOfEntry(const Request &request)
+{
+    const VSwitchMacEntry &entry = request.input.args.mac;
+    return runtime::MacKey(request.portset, request.portId, entry.vlanId, entry.address);
+}
+
+}
+
+bool PortLearns(std::string_view macManagement)
+{
+    MacManagement management;
+    return ReadManagement(macManagement, management) && management.learning;
+}
+
+int GetPortMacs(Request &request)
+{
+    std::vector<VSwitchMacEntry> entries;
+    const int error = ReadMacs(request.reader, request.portset, request.portId, request.portNumber, entries);
+    ListMacs(request, entries);
+    return error;
+}
+
+// What was seen behind the uplinks.
+int GetTeamMacs(Request &request)
+{
+    std::vector<std::string> portIds;
+    std::vector<VSwitchMacEntry> entries;
+    int error = ErrnoOf(ListUplinkPorts(request.reader, request.switchId, portIds), 0);
+    for (size_t i = 0; i < portIds.size() && !error; ++i) {
+        uint32_t number = 0;
+        const VsStatus status = GetPortNumber(request.reader, request.switchId, portIds[i], number);
+        if (status == STATUS_NOT_FOUND) continue;
+        error = ErrnoOf(status, 0);
+        if (!error) error = ReadMacs(request.reader, request.portset, portIds[i], number, entries);
+    }
+    ListMacs(request, entries);
+    return error;
+}
+
+int GetPortLearningStats(Request &request)
+{
+    VSwitchPortLearningStats stats = {};
+    std::vector<VSwitchMacEntry> entries;
+    uint32_t limit = 0;
+    if (int error = ReadPortStats(request.reader, request.portset, request.portId, stats)) return error;
+    if (int error = ReadMacs(request.reader, request.portset, request.portId, 0, entries)) return error;
+    if (int error = ReadPortLimit(request.reader, request.switchId, request.portId, limit)) return error;
+    stats.entries = static_cast<uint32_t>(entries.size());
+    stats.limit = limit;
+    return request.Answer(stats);
+}
+
+int GetLearningProps(Request &request)
+{
+    VSwitchLearningProps props = DEFAULT_LEARNING_PROPS;
+    if (int error = ErrnoOf(GetRecord(request.reader, runtime::LearningPropsKey(), props), 0)) return error;
+    return request.Answer(props);
+}
+
+int GetLearningInfo(Request &request)
+{
+    VSwitchLearningInfo info = {};
+    std::vector<std::string> portIds, uplinkPorts;
+    int error = ReadSwitchPolicy(request.reader, request.switchId, info);
+    if (!error) error = ListPortIds(request.reader, request.switchId, portIds);
+    if (!error) error = ErrnoOf(ListUplinkPorts(request.reader, request.switchId, uplinkPorts), 0);
+    const std::set<std::string> uplinks(uplinkPorts.begin(), uplinkPorts.end());
+    for (size_t i = 0; i < portIds.size() && !error; ++i)
+        error = AddPort(request, portIds[i], uplinks.contains(portIds[i]), info);
+    return error ? error : request.Answer(info);
+}
+
+int SetPortMac(Request &request)
+{
+    const VSwitchMacEntry &entry = request.input.args.mac;
+    if (entry.vlanId > MAX_VLAN_ID || entry.type > VSWITCH_MAC_LEARNED || !IsStation(entry)) return EINVAL;
+    MacRecord record;
+    record.flags = entry.flags;
+    if (entry.type == VSWITCH_MAC_LEARNED) {
+        record.type = VSWITCH_MAC_LEARNED;
+        record.age = entry.age;
+    }
+    return ErrnoOf(PutRecord(*request.transaction, KeyOfEntry(request), record), EIO);
+}
+
+int ClearPortMac(Request &request)
+{
+    MacRecord record;
+    const std::string key = KeyOfEntry(request);
+    if (int error = ErrnoOf(GetRecord(request.reader, key, record), ENOENT)) return error;
+    return ErrnoOf(request.transaction->Remove(key), EIO);
+}
+
+int SetLearningProps(Request &request)
+{
+    const VSwitchLearningProps &props = request.input.args.learning;
+    if (props.enabled > 1) return EINVAL;
+    return ErrnoOf(PutRecord(*request.transaction, runtime::LearningPropsKey(), props), EIO);
+}
+
+}

@@ -1,0 +1,182 @@
+// Multicast groups, mirror sessions and promiscuous sessions of the driver. Modes and sessions follow what
+// the store holds; groups, counters and further destinations come from the scenario.
+#include <algorithm>
+#include <cerrno>
+#include <set>
+
+#include "platform/driver/group.h"
+#include "platform/driver/request.h"
+
+namespace vshost {
+
+namespace {
+
+constexpr std::string_view KEY_MCAST_FILTER = "com.talpex.vswitch.multicastFilter";
+constexpr std::string_view KEY_PORT_MIRROR = "com.talpex.vswitch.port.mirrorSessions";
+constexpr std::string_view KEY_UPLINK_MIRROR = "com.talpex.vswitch.uplinkMirrorSessions";
+constexpr std::string_view KEY_ETH_FILTER = "com.talpex.vswitch.port.extraEthFRP";
+constexpr size_t MIRROR_HEADER = 20, MIRROR_COUNT_AT = 8, MIRROR_RECORD = 232, SESSION_ID = 32;
+constexpr size_t SINK_PORT_BYTE = 2; // of the filter; its lowest bit
+
+// Adds the session ids of one stored list that aren't there yet.
+void AddSessions(std::string_view list, std::vector<std::string> &sessionIds)
+{
+    uint32_t count = 0;
+    if (list.size() >= MIRROR_HEADER) memcpy(&count, list.data() + MIRROR_COUNT_AT, sizeof count);
+    for (size_t at = MIRROR_HEADER; count > 0 && at + MIRROR_RECORD <= list.size();
+         at += MIRROR_RECORD, --count) {
+        const std::string id(list.data() + at, strnlen(list.data() + at, SESSION_ID));
+        if (std::find(sessionIds.begin(), sessionIds.end(), id) == sessionIds.end()) sessionIds.push_back(id);
+    }
+}
+
+// Groups of the request's portset, address kind and VLAN, in the order of VLAN and address.
+int ReadGroups(Request &request,
+               const std::function<bool(std::string_view address, std::string_view value)> &visit)
+{
+    const VSwitchMcastSelector &wanted = request.input.args.mcast;
+    const std::string prefix = runtime::GroupPrefix(request.portset, wanted.addressKind);
+    const VsStatus status = request.reader.Scan(prefix, [&](std::string_view key, std::string_view value) {
+        key.remove_prefix(prefix.size());
+        const uint32_t vlanId = FromBigEndian(key.substr(0, sizeof vlanId));
+        if (wanted.vlanId != 0 && wanted.vlanId != vlanId) return true;
+        return visit(key.substr(sizeof vlanId), value);
+    });
+    return ErrnoOf(status, 0);
+}
+
+bool IsSinkPort(Reader &reader, std::string_view switchId, std::string_view portId)
+{
+    std::string filter;
+    if (ReadProperty(reader, {Level::PORT, switchId, portId}, KEY_ETH_FILTER, filter)) return false;
+    return filter.size() > SINK_PORT_BYTE && (filter[SINK_PORT_BYTE] & 1);
+}
+
+}
+
+size_t AddressWidth(uint32_t kind)
+{
+    switch (kind) {
+    case VSWITCH_ADDRESS_ETHERNET:
+        return 6;
+    case VSWITCH_ADDRESS_IPV4:
+        return 4;
+    case VSWITCH_ADDRESS_IPV6:
+        return 16;
+    default:
+        return 0;
+    }
+}
+
+int IsSnooping(Reader &reader, std::string_view switchId, bool &snooping)
+{
+    std::string mode;
+    const int error = ReadProperty(reader, {Level::GLOBAL, switchId}, KEY_MCAST_FILTER, mode);
+    snooping = Text(mode) == "snooping";
+    return error;
+}
+
+int ListMirrorSessions(Reader &reader, std::string_view switchId, std::vector<std::string> &sessionIds)
+{
+    std::vector<std::string> portIds;
+    std::string list;
+    int error = ReadProperty(reader, {Level::HOST, switchId}, KEY_UPLINK_MIRROR, list);
+    AddSessions(list, sessionIds);
+    if (!error) error = ListPortIds(reader, switchId, portIds);
+    for (size_t i = 0; i < portIds.size() && !error; ++i) {
+        error = ReadProperty(reader, {Level::PORT, switchId, portIds[i]}, KEY_PORT_MIRROR, list);
+        AddSessions(list, sessionIds);
+    }
+    return error;
+}
+
+int GetMcastMode(Request &request)
+{
+    bool snooping = false;
+    if (int error = IsSnooping(request.reader, request.switchId, snooping)) return error;
+    return request.Answer(uint32_t{snooping});
+}
+
+// An address that several VLANs have is listed once.
+int GetMcastGroups(Request &request)
+{
+    const uint32_t kind = request.input.args.mcast.addressKind;
+    std::set<std::string> addresses;
+    if (int error = ReadGroups(request, [&](std::string_view address, std::string_view) {
+            addresses.emplace(address);
+            return true;
+        }))
+        return error;
+    request.StartList(VSwitchListHeader{0, kind}, AddressWidth(kind));
+    for (const std::string &address : addresses)
+        request.Add(address);
+    return 0;
+}
+
+int GetMcastStats(Request &request)
+{
+    const VSwitchMcastSelector &wanted = request.input.args.mcast;
+    const std::string_view group(reinterpret_cast<const char *>(wanted.group),
+                                 AddressWidth(wanted.addressKind));
+    VSwitchMcastStats stats;
+    std::string found;
+    if (int error = ReadGroups(request, [&](std::string_view address, std::string_view value) {
+            if (address == group && value.size() >= sizeof stats) found = value;
+            return found.empty();
+        }))
+        return error;
+    if (found.empty()) return ENOENT;
+    memcpy(&stats, found.data(), sizeof stats);
+    const uint32_t sources = stats.count;
+    stats.count = 0;
+    request.StartList(stats, group.size(), offsetof(VSwitchMcastStats, count));
+    for (uint32_t i = 0; i < sources; ++i)
+        request.Add(std::string_view(found).substr(sizeof stats + i * group.size(), group.size()));
+    return 0;
+}
+
+int GetMirrorSessions(Request &request)
+{
+    std::vector<std::string> sessionIds;
+    const int error = ListMirrorSessions(request.reader, request.switchId, sessionIds);
+    request.StartList(VSwitchListHeader{}, SESSION_ID);
+    for (const std::string &id : sessionIds)
+        request.Add(id);
+    return error;
+}
+
+int GetMirrorStats(Request &request)
+{
+    const std::string_view wanted = FieldText(request.input.args.sessionId);
+    std::vector<std::string> sessionIds;
+    if (int error = ListMirrorSessions(request.reader, request.switchId, sessionIds)) return error;
+    if (std::find(sessionIds.begin(), sessionIds.end(), wanted) == sessionIds.end()) return ENOENT;
+    VSwitchMirrorStats stats = {};
+    const std::string key = runtime::MirrorStatsKey(request.portset, wanted);
+    if (int error = ErrnoOf(GetRecord(request.reader, key, stats), 0)) return error;
+    SetField(stats.sessionId, wanted);
+    stats.active = 1;
+    return request.Answer(stats);
+}
+
+// The ports that the scenario names, and the switch's sink ports.
+int GetPromiscuousPorts(Request &request)
+{
+    std::string named;
+    std::vector<std::string> portIds;
+    if (int error = ErrnoOf(request.reader.Get(runtime::PromiscuousKey(request.portset), named), 0))
+        return error;
+    if (int error = ListPortIds(request.reader, request.switchId, portIds)) return error;
+    std::set<std::string_view> destinations;
+    for (std::string_view rest = named; !rest.empty(); rest.remove_prefix(Text(rest).size() + 1))
+        destinations.insert(Text(rest));
+    request.StartList(VSwitchListHeader{}, sizeof(uint32_t));
+    for (const std::string &portId : portIds) {
+        uint32_t number;
+        if (!destinations.contains(portId) && !IsSinkPort(request.reader, request.switchId, portId)) continue;
+        if (!GetPortNumber(request.reader, request.switchId, portId, number)) request.AddRecord(number);
+    }
+    return 0;
+}
+
+}

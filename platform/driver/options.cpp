@@ -1,0 +1,130 @@
+// Statistics of teaming, logical-switch teaming and runtime options of the driver.
+#include <cerrno>
+
+#include "platform/driver/request.h"
+
+namespace vshost {
+
+namespace {
+
+constexpr std::string_view KEY_LS_TABLE = "com.talpex.vswitch.logicalswitch.teaming";
+constexpr std::string_view KEY_PORT_LS_POLICY = "com.talpex.vswitch.port.logicalswitch.teaming";
+constexpr size_t LS_ENTRY = 2748;
+constexpr size_t LS_NAME = 136;
+
+// A record of the portset's statistics, zero when there is none.
+template<class Stats> int AnswerStats(Request &request, const std::string &key)
+{
+    Stats stats = {};
+    if (int error = ErrnoOf(GetRecord(request.reader, key, stats), 0)) return error;
+    return request.Answer(stats);
+}
+
+int ReadAllOptions(Reader &reader, std::vector<VSwitchOption> &options)
+{
+    const std::string prefix = runtime::OptionPrefix();
+    const VsStatus status = reader.Scan(prefix, [&](std::string_view key, std::string_view value) {
+        VSwitchOption &option = options.emplace_back();
+        option.id = runtime::OptionOfKey(key);
+        if (value.size() == sizeof option.value) memcpy(&option.value, value.data(), sizeof option.value);
+        return true;
+    });
+    return ErrnoOf(status, 0);
+}
+
+// The options that the request names; every one of them must be set.
+int ReadNamedOptions(Request &request, std::vector<VSwitchOption> &options)
+{
+    for (size_t at = 0; at < request.raw.size(); at += sizeof(uint16_t)) {
+        VSwitchOption option = {};
+        memcpy(&option.id, request.raw.data() + at, sizeof option.id);
+        uint32_t value = 0;
+        if (int error = ErrnoOf(GetRecord(request.reader, runtime::OptionKey(option.id), value), ENOENT))
+            return error;
+        option.value = value;
+        options.push_back(option);
+    }
+    return 0;
+}
+
+// The entries of a well-formed record of options.
+bool ParseOptions(std::string_view raw, std::vector<VSwitchOption> &options)
+{
+    VSwitchOptions header;
+    if (raw.size() < sizeof header) return false;
+    memcpy(&header, raw.data(), sizeof header);
+    raw.remove_prefix(sizeof header);
+    if (header.count > VSWITCH_OPTIONS_MAX || raw.size() != header.count * sizeof(VSwitchOption))
+        return false;
+    options.resize(header.count);
+    if (!options.empty()) memcpy(options.data(), raw.data(), raw.size());
+    for (const VSwitchOption &option : options)
+        if (option.id == 0 || option.reserved != 0) return false;
+    return header.length == sizeof header + raw.size();
+}
+
+}
+
+int GetRarpStats(Request &request)
+{
+    return AnswerStats<VSwitchRarpStats>(request, runtime::RarpKey(request.portset));
+}
+
+int GetServiceTeamingStats(Request &request)
+{
+    return AnswerStats<VSwitchTeamingStats>(request, runtime::TeamingKey(request.portset));
+}
+
+int GetPortLsPolicy(Request &request)
+{
+    std::string stored;
+    char name[LS_NAME] = {};
+    const PropertyOwner port{Level::PORT, request.switchId, request.portId};
+    if (int error = ReadProperty(request.reader, port, KEY_PORT_LS_POLICY, stored)) return error;
+    SetField(name, Text(stored));
+    return request.Answer(name);
+}
+
+int GetLsPolicies(Request &request)
+{
+    std::string table;
+    if (int error = ReadProperty(request.reader, {Level::GLOBAL, request.switchId}, KEY_LS_TABLE, table))
+        return error;
+    uint32_t count = 0;
+    if (table.size() >= sizeof count) memcpy(&count, table.data(), sizeof count);
+    request.StartList(uint32_t{0}, LS_ENTRY);
+    for (size_t at = sizeof count; count > 0 && at + LS_ENTRY <= table.size(); at += LS_ENTRY, --count)
+        request.Add(std::string_view(table).substr(at, LS_ENTRY));
+    return 0;
+}
+
+int GetOptions(Request &request)
+{
+    std::vector<VSwitchOption> options;
+    if (request.raw.size() % sizeof(uint16_t) || request.raw.size() > VSWITCH_OPTIONS_MAX * sizeof(uint16_t))
+        return EINVAL;
+    const bool all = request.raw.empty();
+    if (int error = all ? ReadAllOptions(request.reader, options) : ReadNamedOptions(request, options))
+        return error;
+    const auto length =
+        static_cast<uint32_t>(sizeof(VSwitchOptions) + options.size() * sizeof(VSwitchOption));
+    request.StartList(VSwitchOptions{length, 0}, sizeof(VSwitchOption), offsetof(VSwitchOptions, count));
+    for (const VSwitchOption &option : options)
+        request.AddRecord(option);
+    return 0;
+}
+
+int SetOptions(Request &request)
+{
+    std::vector<VSwitchOption> options, standing;
+    if (!ParseOptions(request.raw, options)) return EINVAL;
+    int error = 0;
+    for (size_t i = 0; i < options.size() && !error; ++i) {
+        const uint32_t value = options[i].value;
+        error = ErrnoOf(PutRecord(*request.transaction, runtime::OptionKey(options[i].id), value), EIO);
+    }
+    if (!error) error = ReadAllOptions(request.reader, standing);
+    return !error && standing.size() > VSWITCH_OPTIONS_MAX ? ENOSPC : error;
+}
+
+}

@@ -1,0 +1,134 @@
+#include "platform/driver/request.h"
+
+#include <cerrno>
+
+namespace vshost {
+
+namespace {
+
+// The text of a name field; false when it has no terminator.
+template<size_t size> bool ReadName(const char (&field)[size], std::string &name)
+{
+    name = FieldText(field);
+    return name.size() < size;
+}
+
+}
+
+int ErrnoOf(VsStatus status, int absent)
+{
+    switch (status) {
+    case STATUS_OK:
+        return 0;
+    case STATUS_NOT_FOUND:
+        return absent;
+    case STATUS_NO_MEMORY:
+        return ENOMEM;
+    case STATUS_NO_SPACE:
+        return ENOSPC;
+    case STATUS_READ_ONLY:
+        return EROFS;
+    default:
+        return EIO;
+    }
+}
+
+int ReadProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value)
+{
+    Property property;
+    const VsStatus status = GetProperty(reader, owner, key, property);
+    value = std::move(property.value);
+    return status == STATUS_NOT_FOUND ? 0 : ErrnoOf(status, 0);
+}
+
+Request::Request(Reader &reader, std::string_view raw, Transaction *transaction)
+    : reader(reader), raw(raw), transaction(transaction)
+{
+    if (raw.size() == sizeof input) memcpy(&input, raw.data(), sizeof input);
+}
+
+int ListPortIds(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds)
+{
+    const VsStatus status = ForEachPort(reader, switchId, [&](std::string_view portId, uint32_t) {
+        portIds.emplace_back(portId);
+        return true;
+    });
+    return ErrnoOf(status, 0);
+}
+
+int Request::RequireRunning(int otherwise)
+{
+    if (int error = ErrnoOf(PortsetOfSwitch(reader, switchId, portset), otherwise)) return error;
+    return ErrnoOf(GetRecord(reader, runtime::PortsetKey(portset), running), otherwise);
+}
+
+int Request::ResolvePortset()
+{
+    if (!ReadName(input.name.portset, portset)) return EINVAL;
+    if (int error = ErrnoOf(GetRecord(reader, runtime::PortsetKey(portset), running), ENOENT)) return error;
+    return ErrnoOf(SwitchOfPortset(reader, portset, switchId), 0);
+}
+
+int Request::ResolveSwitch()
+{
+    if (!ReadName(input.name.switchId, switchId)) return EINVAL;
+    return RequireRunning(ENOENT);
+}
+
+int Request::ResolvePort()
+{
+    if (!ReadName(input.port.dvPortId, portId)) return EINVAL;
+    return ErrnoOf(GetPortNumber(reader, switchId, portId, portNumber), ENODEV);
+}
+
+int Request::ResolvePortNumber()
+{
+    PortName port;
+    portNumber = input.port.portId;
+    if (int error = ErrnoOf(GetPortByNumber(reader, portNumber, port), ENODEV)) return error;
+    switchId = port.switchId;
+    portId = port.portId;
+    return RequireRunning(ENODEV);
+}
+
+int Request::ResolveUplink(bool ofPortset)
+{
+    if (!ReadName(input.args.uplink.name, uplink)) return EINVAL;
+    if (uplink.empty()) return ENODEV;
+    if (int error = ErrnoOf(GetRecord(reader, runtime::NicKey(uplink), nic), ENODEV)) return error;
+    const bool bound = !switchId.empty() && FieldText(nic.switchId) == switchId;
+    return ofPortset && !bound ? ENODEV : 0;
+}
+
+int Request::Resolve(unsigned fields)
+{
+    int error = 0;
+    if (fields & PORTSET) error = ResolvePortset();
+    if (!error && fields & SWITCH) error = ResolveSwitch();
+    if (!error && fields & PORT) error = ResolvePort();
+    if (!error && fields & PORT_NUMBER) error = ResolvePortNumber();
+    if (!error && fields & UPLINK) error = ResolveUplink(fields & PORTSET);
+    if (!error && fields & MIRROR_SESSION &&
+        FieldText(input.args.sessionId).size() == sizeof input.args.sessionId)
+        error = EINVAL;
+    return error;
+}
+
+void Request::Add(std::string_view bytes)
+{
+    uint32_t count;
+    memcpy(&count, answer.data() + countOffset, sizeof count);
+    ++count;
+    memcpy(answer.data() + countOffset, &count, sizeof count);
+    answer.append(bytes.substr(0, entrySize));
+    answer.resize(headerSize + count * entrySize);
+}
+
+size_t Request::Fitting(size_t room) const
+{
+    if (room >= answer.size()) return answer.size();
+    if (!entrySize || room < headerSize) return room;
+    return room - (room - headerSize) % entrySize;
+}
+
+}

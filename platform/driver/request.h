@@ -1,0 +1,148 @@
+// One driver command under way: its input, what the names in it mean, and the answer.
+#ifndef PLATFORM_DRIVER_REQUEST_H
+#define PLATFORM_DRIVER_REQUEST_H
+
+#include <string>
+#include <string_view>
+
+#include "platform/driver/runtime.h"
+
+namespace vshost {
+
+// What of the common input a command reads. Names that it reads are checked and looked up first.
+enum InputField : unsigned {
+    PORTSET = 1,     // a running one
+    SWITCH = 2,      // by its id; its portset must run
+    PORT = 4,        // dvPortId, a port of SWITCH
+    PORT_NUMBER = 8, // of a port whose portset runs
+    UPLINK = 16,     // on PORTSET, or, without it, on the host
+    MIRROR_SESSION = 32,
+};
+
+struct Request {
+    // `input` is the start of `raw`, if that is long enough for the common input.
+    Request(Reader &reader, std::string_view raw, Transaction *transaction = nullptr);
+
+    Reader &reader;
+    const std::string_view raw;     // the whole input
+    Transaction *const transaction; // of a command that changes something
+    VSwitchInput input = {};
+
+    std::string portset;
+    Portset running;
+    std::string switchId; // empty when the portset has no switch in the store
+    std::string portId;
+    uint32_t portNumber = 0;
+    std::string uplink;
+    Nic nic;
+
+    std::string answer;
+    size_t headerSize = 0; // of a list, and the size of its entries: they are cut whole
+    size_t entrySize = 0;
+
+    // Checks and looks up what the command reads; 0 or an errno value.
+    int Resolve(unsigned fields);
+
+    template<class Record> int Answer(const Record &record)
+    {
+        answer.assign(reinterpret_cast<const char *>(&record), sizeof record);
+        return 0;
+    }
+
+    // Starts a list; its count is the u32 at `countAt`.
+    template<class Header> void StartList(const Header &header, size_t entry, size_t countAt = 0)
+    {
+        Answer(header);
+        headerSize = sizeof header;
+        entrySize = entry;
+        countOffset = countAt;
+    }
+
+    // Adds a list entry: `bytes`, cut or filled with zeros.
+    void Add(std::string_view bytes);
+
+    template<class Record> void AddRecord(const Record &record)
+    {
+        Add({reinterpret_cast<const char *>(&record), sizeof record});
+    }
+
+    // How much of the answer fits into `room` bytes.
+    size_t Fitting(size_t room) const;
+
+private:
+    int ResolvePortset();
+    int ResolveSwitch();
+    int ResolvePort();
+    int ResolvePortNumber();
+    int ResolveUplink(bool ofPortset);
+    int RequireRunning(int otherwise);
+
+    size_t countOffset = 0;
+};
+
+// The errno value for a status of the host's tables; `absent` for STATUS_NOT_FOUND.
+int ErrnoOf(VsStatus status, int absent);
+
+using Handler = int (*)(Request &); // 0 or an errno value
+
+// A row of the table of commands. An inLength of 0 is checked by the handler.
+struct Command {
+    uint32_t number;
+    uint32_t inLength;
+    unsigned fields;
+    Handler handler;
+
+    bool Changes() const { return number >= VSWITCH_SET_OPTIONS; }
+};
+
+// Null when there is no such command.
+const Command *FindCommand(uint32_t number);
+
+// Handlers, by family.
+int GetSwitches(Request &request);
+int GetInfo(Request &request);
+int GetUplinks(Request &request);
+int GetUplinkLink(Request &request);
+int GetUplinkLacp(Request &request);
+int GetLags(Request &request);
+int GetUplinkHint(Request &request);
+int GetUplinkPort(Request &request);
+int SetUplinkAdmin(Request &request);
+int RefreshNuma(Request &request);
+
+int GetPortMacs(Request &request);
+int GetTeamMacs(Request &request);
+int GetPortLearningStats(Request &request);
+int GetLearningProps(Request &request);
+int GetLearningInfo(Request &request);
+int SetPortMac(Request &request);
+int ClearPortMac(Request &request);
+int SetLearningProps(Request &request);
+
+int GetMcastMode(Request &request);
+int GetMcastGroups(Request &request);
+int GetMcastStats(Request &request);
+int GetMirrorSessions(Request &request);
+int GetMirrorStats(Request &request);
+int GetPromiscuousPorts(Request &request);
+
+int GetRarpStats(Request &request);
+int GetServiceTeamingStats(Request &request);
+int GetPortLsPolicy(Request &request);
+int GetLsPolicies(Request &request);
+int GetOptions(Request &request);
+int SetOptions(Request &request);
+
+// What several families ask of the store.
+inline constexpr std::string_view KEY_PORT_MAC_MANAGEMENT = "com.talpex.vswitch.port.macManagement";
+
+// The value of a property, empty when it is absent; 0 or an errno value.
+int ReadProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value);
+int ListPortIds(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds);
+int IsSnooping(Reader &reader, std::string_view switchId, bool &snooping);
+int ListMirrorSessions(Reader &reader, std::string_view switchId, std::vector<std::string> &sessionIds);
+bool PortLearns(std::string_view macManagement);
+
+}
+
+#endif

@@ -1,0 +1,20 @@
+// A scenario: what is plugged in around a host and what happens on it, as JSON. Its format is documented in
+// platform/launcher/scenario.schema.json.
+#ifndef PLATFORM_DRIVER_SCENARIO_H
+#define PLATFORM_DRIVER_SCENARIO_H
+
+#include <string>
+#include <string_view>
+
+#include "platform/host/control.h"
+#include "platform/host/engine.h"
+
+namespace vshost {
+
+// Applies all of it or nothing. False with a message that names the place in the text, what is wrong
+// there and what to do about it.
+bool ApplyScenario(Engine &engine, Control &control, std::string_view json, std::string &message);
+
+}
+
+#endif

@@ -1,0 +1,132 @@
+// Start of the preloaded library: the real functions, the host that the environment names, and the core.
+#include "platform/driver/shim.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace {
+
+constexpr size_t PATH_SIZE = 4096;
+constexpr char CORE_FILE[] = "libvshostcore.so";
+constexpr char SHELL_FILE[] = "tybel";
+
+RealFunctions real;
+char tybelPath[PATH_SIZE];
+char corePath[PATH_SIZE];
+std::atomic<const ShimHost *> currentHost;
+std::atomic<const ShimHost *> newestHost; // heads the list that keeps them reachable
+std::atomic<const VshostCore *> loadedCore;
+std::atomic<const VshostDriver *> loadedDriver;
+pthread_once_t resolveOnce = PTHREAD_ONCE_INIT;
+pthread_once_t loadOnce = PTHREAD_ONCE_INIT;
+
+template<class Function> void Resolve(Function &function, const char *name)
+{
+    function = reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+void ResolveAll()
+{
+    Resolve(real.open, "open");
+    Resolve(real.openat, "openat");
+    Resolve(real.ioctl, "ioctl");
+    Resolve(real.close, "close");
+    Resolve(real.execve, "execve");
+    Resolve(real.execvpe, "execvpe");
+    Resolve(real.posixSpawn, "posix_spawn");
+    Resolve(real.posixSpawnp, "posix_spawnp");
+    Resolve(real.system, "system");
+    Resolve(real.popen, "popen");
+    Resolve(real.pclose, "pclose");
+}
+
+// `path` becomes the file `name` in the folder of this library; empty when that is too long.
+void PlaceBeside(char *path, const char *library, const char *name)
+{
+    const char *slash = strrchr(library, '/');
+    const size_t folder = slash ? static_cast<size_t>(slash - library) + 1 : 0;
+    if (folder + strlen(name) >= PATH_SIZE) return;
+    memcpy(path, library, folder);
+    strcpy(path + folder, name);
+}
+
+void LoadCore()
+{
+    void *library = dlopen(corePath, RTLD_NOW | RTLD_LOCAL);
+    if (!library) {
+        fprintf(stderr, "libvshost: %s; install the embedded host's files in one folder\n", dlerror());
+        return;
+    }
+    const auto core = reinterpret_cast<decltype(&vshost_core)>(dlsym(library, "vshost_core"));
+    const auto driver = reinterpret_cast<decltype(&vshost_driver)>(dlsym(library, "vshost_driver"));
+    if (!core || !driver) return;
+    loadedDriver = driver();
+    loadedCore = core();
+}
+
+void EnterHost(const char *directory)
+{
+    const size_t size = strlen(directory) + 1;
+    auto *host = static_cast<ShimHost *>(malloc(sizeof(ShimHost) + size));
+    if (!host) return;
+    memcpy(host->directory, directory, size);
+    const ShimHost *newest = newestHost;
+    do {
+        host->previous = newest;
+    } while (!newestHost.compare_exchange_weak(newest, host));
+    currentHost = host;
+}
+
+__attribute__((constructor)) void Load()
+{
+    Real();
+    Dl_info self;
+    char library[PATH_SIZE];
+    if (dladdr(reinterpret_cast<void *>(&Load), &self) && realpath(self.dli_fname, library)) {
+        PlaceBeside(tybelPath, library, SHELL_FILE);
+        PlaceBeside(corePath, library, CORE_FILE);
+    }
+    const char *directory = getenv("VSHOST_DIR");
+    if (directory && *directory) EnterHost(directory);
+}
+
+}
+
+// Other libraries may open files before Load() has run.
+const RealFunctions &Real()
+{
+    pthread_once(&resolveOnce, ResolveAll);
+    return real;
+}
+
+const ShimHost *CurrentHost() { return currentHost.load(std::memory_order_acquire); }
+
+void LeaveHost() { currentHost = nullptr; }
+
+void FollowHost()
+{
+    const VshostCore *core = LoadedCore();
+    const char *directory = core ? core->directory() : nullptr;
+    if (directory) EnterHost(directory);
+}
+
+const VshostCore *Core()
+{
+    const int error = errno;
+    pthread_once(&loadOnce, LoadCore);
+    errno = error;
+    return LoadedCore();
+}
+
+const VshostCore *LoadedCore() { return loadedCore.load(std::memory_order_acquire); }
+
+const VshostDriver *Driver()
+{
+    Core();
+    return loadedDriver.load(std::memory_order_acquire);
+}
+
+const char *TybelPath() { return tybelPath; }

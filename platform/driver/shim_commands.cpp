@@ -1,0 +1,199 @@
+// Starting programs: "/bin/tybel" is the shell beside this library, in whatever way a child process comes
+// to run it, and system() and popen() can run it without a child, or refuse to.
+#include <errno.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "platform/driver/shim.h"
+
+namespace {
+
+constexpr char SHELL_PATH[] = "/bin/tybel";
+std::atomic<bool> inProcess;
+
+// Also between vfork and exec: allocates nothing, locks nothing.
+const char *Program(const char *path)
+{
+    return path && CurrentHost() && strcmp(path, SHELL_PATH) == 0 ? TybelPath() : path;
+}
+
+// How many pointers the arguments of execl and its kin take as an array, the ending null included.
+size_t CountArguments(va_list list)
+{
+    size_t count = 2;
+    while (va_arg(list, const char *))
+        ++count;
+    return count;
+}
+
+void TakeArguments(char **arguments, const char *first, va_list list)
+{
+    arguments[0] = const_cast<char *>(first);
+    for (size_t i = 1; arguments[i - 1]; ++i)
+        arguments[i] = va_arg(list, char *);
+}
+
+// What popen() returned for a command that ran in process.
+struct ShellStream {
+    FILE *stream;
+    char *output;
+    int status;
+    ShellStream *next;
+};
+pthread_mutex_t streamsMutex = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<ShellStream *> streams;
+
+// Asks the core about a command line; only one that may be the shell's is worth it.
+VshostShellVerdict Ask(const char *command, int capture, VshostShellResult *result)
+{
+    if (!command || !CurrentHost() || !strstr(command, "tybel")) return VSHOST_SHELL_PASS;
+    const VshostDriver *driver = Driver();
+    return driver ? driver->shell(command, inProcess, capture, result) : VSHOST_SHELL_PASS;
+}
+
+FILE *OpenStream(const VshostShellResult &result)
+{
+    auto *entry = static_cast<ShellStream *>(malloc(sizeof(ShellStream)));
+    FILE *stream = entry ? fmemopen(result.output, result.length, "r") : nullptr;
+    if (!stream) {
+        free(entry);
+        free(result.output);
+        return nullptr;
+    }
+    pthread_mutex_lock(&streamsMutex);
+    *entry = {stream, result.output, result.status, streams};
+    streams = entry;
+    pthread_mutex_unlock(&streamsMutex);
+    return stream;
+}
+
+ShellStream *TakeStream(const FILE *stream)
+{
+    if (!streams) return nullptr; // and no lock, which a fork may have left taken
+    pthread_mutex_lock(&streamsMutex);
+    ShellStream *found = streams, *before = nullptr;
+    for (; found && found->stream != stream; found = found->next)
+        before = found;
+    if (before && found) before->next = found->next;
+    if (!before && found) streams = found->next;
+    pthread_mutex_unlock(&streamsMutex);
+    return found;
+}
+
+}
+
+void ShellInProcess(bool on) { inProcess = on; }
+
+SHIM_EXPORT int execve(const char *path, char *const argv[], char *const envp[])
+{
+    return Real().execve(Program(path), argv, envp);
+}
+
+SHIM_EXPORT int execv(const char *path, char *const argv[])
+{
+    return Real().execve(Program(path), argv, environ);
+}
+
+SHIM_EXPORT int execvp(const char *file, char *const argv[])
+{
+    return Real().execvpe(Program(file), argv, environ);
+}
+
+SHIM_EXPORT int execvpe(const char *file, char *const argv[], char *const envp[])
+{
+    return Real().execvpe(Program(file), argv, envp);
+}
+
+SHIM_EXPORT int execl(const char *path, const char *first, ...)
+{
+    va_list list;
+    va_start(list, first);
+    auto **arguments = static_cast<char **>(alloca(CountArguments(list) * sizeof(char *)));
+    va_end(list);
+    va_start(list, first);
+    TakeArguments(arguments, first, list);
+    va_end(list);
+    return Real().execve(Program(path), arguments, environ);
+}
+
+SHIM_EXPORT int execlp(const char *file, const char *first, ...)
+{
+    va_list list;
+    va_start(list, first);
+    auto **arguments = static_cast<char **>(alloca(CountArguments(list) * sizeof(char *)));
+    va_end(list);
+    va_start(list, first);
+    TakeArguments(arguments, first, list);
+    va_end(list);
+    return Real().execvpe(Program(file), arguments, environ);
+}
+
+SHIM_EXPORT int execle(const char *path, const char *first, ...)
+{
+    va_list list;
+    va_start(list, first);
+    auto **arguments = static_cast<char **>(alloca(CountArguments(list) * sizeof(char *)));
+    va_end(list);
+    va_start(list, first);
+    TakeArguments(arguments, first, list);
+    char *const *environment = va_arg(list, char *const *);
+    va_end(list);
+    return Real().execve(Program(path), arguments, environment);
+}
+
+SHIM_EXPORT int posix_spawn(pid_t *pid, const char *path, const posix_spawn_file_actions_t *actions,
+                            const posix_spawnattr_t *attributes, char *const argv[], char *const envp[])
+{
+    return Real().posixSpawn(pid, Program(path), actions, attributes, argv, envp);
+}
+
+SHIM_EXPORT int posix_spawnp(pid_t *pid, const char *file, const posix_spawn_file_actions_t *actions,
+                             const posix_spawnattr_t *attributes, char *const argv[], char *const envp[])
+{
+    return Real().posixSpawnp(pid, Program(file), actions, attributes, argv, envp);
+}
+
+SHIM_EXPORT int system(const char *command)
+{
+    VshostShellResult result = {};
+    switch (Ask(command, 0, &result)) {
+    case VSHOST_SHELL_PASS:
+        return Real().system(command);
+    case VSHOST_SHELL_REFUSED:
+        errno = EAGAIN;
+        return -1;
+    case VSHOST_SHELL_RAN:
+        break;
+    }
+    return result.status;
+}
+
+SHIM_EXPORT FILE *popen(const char *command, const char *type)
+{
+    VshostShellResult result = {};
+    if (type[0] != 'r') return Real().popen(command, type);
+    switch (Ask(command, 1, &result)) {
+    case VSHOST_SHELL_PASS:
+        return Real().popen(command, type);
+    case VSHOST_SHELL_REFUSED:
+        errno = EAGAIN;
+        return nullptr;
+    case VSHOST_SHELL_RAN:
+        break;
+    }
+    return OpenStream(result);
+}
+
+SHIM_EXPORT int pclose(FILE *stream)
+{
+    ShellStream *entry = TakeStream(stream);
+    if (!entry) return Real().pclose(stream);
+    const int status = entry->status;
+    fclose(stream);
+    free(entry->output);
+    free(entry);
+    return status;
+}

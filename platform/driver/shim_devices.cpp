@@ -1,0 +1,141 @@
+// open, ioctl and close of the driver's two devices. In a host, each is an empty file of the host's
+// directory: a descriptor is a device's when it refers to that file, however it came into this process,
+// so that dup, fork, exec and descriptors passed over a socket need no care.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "platform/driver/shim.h"
+#include "platform/include/vswitch_driver.h"
+
+namespace {
+
+constexpr const char *DEVICE_PATHS[] = {VSWITCH_DRIVER_DEVICE, VSWITCH_DRIVER_RTM_DEVICE};
+constexpr const char *DEVICE_FILES[] = {"/dev/vswitch", "/dev/rtm"}; // in the host's directory
+constexpr int NO_DEVICE = -1;
+
+int DeviceOfPath(const char *path)
+{
+    if (!path || path[0] != '/' || !CurrentHost()) return NO_DEVICE;
+    for (int device = 0; device < 2; ++device)
+        if (strcmp(path, DEVICE_PATHS[device]) == 0) return device;
+    return NO_DEVICE;
+}
+
+int OpenDevice(int device, int flags, mode_t mode)
+{
+    const VshostDriver *driver = Driver();
+    if (driver) return driver->openDevice(device, flags, mode);
+    errno = ENOENT;
+    return -1;
+}
+
+bool IsFile(const struct stat &opened, const ShimHost &host, const char *file)
+{
+    char path[4096];
+    const size_t length = strlen(host.directory);
+    if (length + strlen(file) >= sizeof path) return false;
+    memcpy(path, host.directory, length);
+    strcpy(path + length, file);
+    struct stat named;
+    return stat(path, &named) == 0 && named.st_ino == opened.st_ino && named.st_dev == opened.st_dev;
+}
+
+// Device files are empty, so that a look at the size spares other files the look at the paths.
+int DeviceOfDescriptor(int descriptor)
+{
+    const ShimHost *host = CurrentHost();
+    if (!host) return NO_DEVICE;
+    const int error = errno;
+    int found = NO_DEVICE;
+    struct stat opened;
+    if (fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) && opened.st_size == 0)
+        for (int device = 0; device < 2 && found == NO_DEVICE; ++device)
+            if (IsFile(opened, *host, DEVICE_FILES[device])) found = device;
+    errno = error;
+    return found;
+}
+
+bool TakesMode(int flags) { return (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE; }
+
+mode_t ModeOf(int flags, va_list arguments)
+{
+    return TakesMode(flags) ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
+}
+
+int Open(const char *path, int flags, mode_t mode)
+{
+    const int device = DeviceOfPath(path);
+    return device == NO_DEVICE ? Real().open(path, flags, mode) : OpenDevice(device, flags, mode);
+}
+
+int OpenAt(int folder, const char *path, int flags, mode_t mode)
+{
+    const int device = DeviceOfPath(path);
+    return device == NO_DEVICE ? Real().openat(folder, path, flags, mode) : OpenDevice(device, flags, mode);
+}
+
+void RecordClose(int device)
+{
+    const int error = errno;
+    uint32_t outcome = 0;
+    LoadedCore()->gate(VSHOST_CLOSE, DEVICE_PATHS[device], DEVICE_PATHS[device], 0, &outcome);
+    errno = error;
+}
+
+}
+
+SHIM_EXPORT int open(const char *path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = ModeOf(flags, arguments);
+    va_end(arguments);
+    return Open(path, flags, mode);
+}
+
+SHIM_EXPORT int openat(int folder, const char *path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = ModeOf(flags, arguments);
+    va_end(arguments);
+    return OpenAt(folder, path, flags, mode);
+}
+
+// On a machine of 64 bits the variants for large files are the same functions, and those of fortified
+// programs differ in what the compiler checks.
+SHIM_EXPORT int open64(const char *path, int flags, ...) __attribute__((alias("open")));
+SHIM_EXPORT int openat64(int folder, const char *path, int flags, ...) __attribute__((alias("openat")));
+SHIM_EXPORT int __open_2(const char *path, int flags) { return Open(path, flags, 0); }
+SHIM_EXPORT int __open64_2(const char *path, int flags) { return Open(path, flags, 0); }
+SHIM_EXPORT int __openat_2(int folder, const char *path, int flags) { return OpenAt(folder, path, flags, 0); }
+SHIM_EXPORT int __openat64_2(int folder, const char *path, int flags)
+{
+    return OpenAt(folder, path, flags, 0);
+}
+
+SHIM_EXPORT int ioctl(int descriptor, unsigned long request, ...)
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+
+    const int device = DeviceOfDescriptor(descriptor);
+    if (device == NO_DEVICE) return Real().ioctl(descriptor, request, argument);
+    const VshostDriver *driver = Driver();
+    const int error = driver ? driver->command(device, static_cast<uint32_t>(request), argument) : ENODEV;
+    if (error) errno = error;
+    return error ? -1 : 0;
+}
+
+SHIM_EXPORT int close(int descriptor)
+{
+    const int device = LoadedCore() ? DeviceOfDescriptor(descriptor) : NO_DEVICE;
+    const int result = Real().close(descriptor);
+    if (device != NO_DEVICE && result == 0) RecordClose(device);
+    return result;
+}

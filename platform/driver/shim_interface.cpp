@@ -1,0 +1,125 @@
+// The functions of vshost.h: each belongs to the core, but for what only the preload can do.
+#include <errno.h>
+#include <string.h>
+#include <vshost.h>
+
+#include "platform/driver/shim.h"
+
+namespace {
+// What the functions that return an errno value say without a core.
+constexpr int NO_CORE = ENOENT;
+}
+
+int vshost_start(const char *directory, int durable)
+{
+    const VshostCore *core = Core();
+    if (!core) return NO_CORE;
+    LeaveHost();
+    const int error = core->start(directory, durable);
+    FollowHost();
+    return error;
+}
+
+void vshost_stop(void)
+{
+    LeaveHost();
+    if (const VshostCore *core = Core()) core->stop();
+}
+
+const char *vshost_directory(void)
+{
+    const VshostCore *core = Core();
+    return core ? core->directory() : nullptr;
+}
+
+const char *vshost_error(void)
+{
+    const VshostCore *core = Core();
+    return core ? core->error() : "libvshostcore.so could not be loaded from the folder of libvshost.so";
+}
+
+int vshost_scenario(const char *json)
+{
+    const VshostCore *core = Core();
+    return core ? core->scenario(json) : NO_CORE;
+}
+
+int vshost_reset(void)
+{
+    const VshostCore *core = Core();
+    return core ? core->reset() : NO_CORE;
+}
+
+int vshost_fail(enum vshost_kind kind, const char *operation, unsigned nth, unsigned times, uint32_t outcome)
+{
+    const VshostCore *core = Core();
+    if (kind == VSHOST_ALLOCATION) PatchAllocations();
+    return core ? core->fail(kind, operation, nth, times, outcome) : NO_CORE;
+}
+
+unsigned vshost_failed(void)
+{
+    const VshostCore *core = Core();
+    return core ? core->failed() : 0;
+}
+
+int vshost_answer(uint32_t command, unsigned times, const void *bytes, uint32_t length)
+{
+    const VshostCore *core = Core();
+    return core ? core->answer(command, times, bytes, length) : NO_CORE;
+}
+
+int vshost_shell_output(const char *verb, const void *bytes, uint32_t length)
+{
+    const VshostCore *core = Core();
+    return core ? core->shellOutput(verb, bytes, length) : NO_CORE;
+}
+
+void vshost_shell_in_process(int on) { ShellInProcess(on != 0); }
+
+void vshost_clear(void)
+{
+    if (const VshostCore *core = Core()) core->clear();
+}
+
+void vshost_record(int on)
+{
+    if (const VshostCore *core = Core()) core->record(on);
+}
+
+size_t vshost_call_count(void)
+{
+    const VshostCore *core = Core();
+    return core ? core->callCount() : 0;
+}
+
+int vshost_call(size_t index, struct vshost_call *call)
+{
+    const VshostCore *core = Core();
+    return core ? core->call(index, call) : NO_CORE;
+}
+
+uint64_t vshost_allocations(void)
+{
+    PatchAllocations();
+    return TakeAllocationCount();
+}
+
+int64_t vshost_values_lent(void)
+{
+    const VshostCore *core = Core();
+    return core ? core->valuesLent() : 0;
+}
+
+int vshost_property(enum vshost_level level, const char *switchId, const char *portId, const char *key,
+                    void *value, uint32_t capacity, uint32_t *length, uint32_t *flags)
+{
+    const VshostCore *core = Core();
+    return core ? core->property(level, switchId, portId, key, value, capacity, length, flags) : NO_CORE;
+}
+
+uint64_t vshost_fingerprint(void)
+{
+    const VshostCore *core = Core();
+    return core ? core->fingerprint() : 0;
+}

@@ -1,0 +1,207 @@
+// Switches, uplinks and LAGs of the driver.
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/driver/request.h"
+
+namespace vshost {
+
+namespace {
+
+constexpr size_t ALIAS_ENTRY = 81;
+constexpr size_t HINT_SIZE = 32;
+constexpr size_t PORT_ID_SIZE = 48;
+constexpr size_t MAX_LAGS = 64;
+
+int ReadLags(Reader &reader, std::string_view portset, std::vector<VSwitchLag> &lags)
+{
+    const VsStatus status =
+        reader.Scan(runtime::LagKey(portset, ""), [&](std::string_view, std::string_view value) {
+            if (value.size() == sizeof(VSwitchLag)) memcpy(&lags.emplace_back(), value.data(), value.size());
+            return lags.size() < MAX_LAGS;
+        });
+    return ErrnoOf(status, 0);
+}
+
+bool IsMember(const VSwitchLag &lag, std::string_view nic)
+{
+    const auto end = lag.members + lag.memberCount;
+    return std::any_of(lag.members, end, [nic](const auto &member) { return FieldText(member) == nic; });
+}
+
+bool IsInLag(const std::vector<VSwitchLag> &lags, std::string_view nic)
+{
+    return std::any_of(lags.begin(), lags.end(), [nic](const VSwitchLag &lag) { return IsMember(lag, nic); });
+}
+
+// The links of a LAG's members, as its switch has them now.
+void FillLinks(VSwitchLag &lag, const std::vector<NamedNic> &uplinks)
+{
+    lag.linkMask = 0;
+    for (uint32_t i = 0; i < lag.memberCount; ++i)
+        for (const NamedNic &uplink : uplinks)
+            if (uplink.nic.LinkUp() && uplink.name == FieldText(lag.members[i])) lag.linkMask |= 1u << i;
+    lag.linkUp = lag.linkMask != 0;
+}
+
+std::string AliasOfPortset(Reader &reader, const std::string &portset)
+{
+    std::string switchId, alias;
+    if (SwitchOfPortset(reader, portset, switchId)) return portset;
+    ReadProperty(reader, {Level::GLOBAL, switchId}, KEY_ALIAS, alias);
+    return alias.empty() ? portset : std::string(Text(alias));
+}
+
+uint32_t UplinkFlags(const NamedNic &uplink, const std::vector<VSwitchLag> &lags)
+{
+    uint32_t flags = 0;
+    if (uplink.nic.LinkUp()) flags |= VSWITCH_UPLINK_LINK_UP;
+    if (uplink.nic.adminUp) flags |= VSWITCH_UPLINK_ADMIN_UP;
+    if (uplink.nic.fullDuplex) flags |= VSWITCH_UPLINK_FULL_DUPLEX;
+    if (IsInLag(lags, uplink.name)) flags |= VSWITCH_UPLINK_IN_LAG;
+    return flags;
+}
+
+// Ports of a switch, and whether one of them learns addresses.
+int CountPorts(Reader &reader, std::string_view switchId, VSwitchInfo &info)
+{
+    std::vector<std::string> portIds;
+    std::string policy;
+    int error = ListPortIds(reader, switchId, portIds);
+    info.usedPorts = static_cast<uint32_t>(portIds.size());
+    for (size_t i = 0; i < portIds.size() && !error && !(info.flags & VSWITCH_INFO_MAC_LEARNING); ++i) {
+        error = ReadProperty(reader, {Level::PORT, switchId, portIds[i]}, KEY_PORT_MAC_MANAGEMENT, policy);
+        if (PortLearns(policy)) info.flags |= VSWITCH_INFO_MAC_LEARNING;
+    }
+    return error;
+}
+
+int DescribeSwitch(Request &request, VSwitchInfo &info)
+{
+    Switch stored;
+    std::vector<NamedNic> uplinks;
+    std::vector<std::string> sessions;
+    bool snooping = false;
+    SetField(info.switchId, request.switchId);
+    if (int error = ErrnoOf(GetSwitch(request.reader, request.switchId, stored), ENOENT)) return error;
+    if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), ENOENT)) return error;
+    if (int error = IsSnooping(request.reader, request.switchId, snooping)) return error;
+    info.uplinks = static_cast<uint16_t>(uplinks.size());
+    if (stored.associated) info.flags |= VSWITCH_INFO_ASSOCIATED;
+    if (snooping) info.flags |= VSWITCH_INFO_SNOOPING;
+    if (int error = ListMirrorSessions(request.reader, request.switchId, sessions)) return error;
+    if (!sessions.empty()) info.flags |= VSWITCH_INFO_MIRRORING;
+    return CountPorts(request.reader, request.switchId, info);
+}
+
+}
+
+int GetSwitches(Request &request)
+{
+    uint32_t kind;
+    std::vector<std::string> names;
+    memcpy(&kind, request.raw.data(), sizeof kind);
+    if (int error = ErrnoOf(ListPortsets(request.reader, names), 0)) return error;
+    const bool byPortset = kind == VSWITCH_LIST_PORTSETS;
+    request.StartList(VSwitchListHeader{0, kind}, byPortset ? sizeof VSwitchInfo::portset : ALIAS_ENTRY);
+    for (const std::string &name : names)
+        request.Add(byPortset ? name : AliasOfPortset(request.reader, name).substr(0, ALIAS_ENTRY - 1));
+    return 0;
+}
+
+int GetInfo(Request &request)
+{
+    VSwitchInfo info = {};
+    SetField(info.portset, request.portset);
+    info.ports = request.running.ports;
+    info.mtu = request.running.mtu;
+    if (!request.switchId.empty())
+        if (int error = DescribeSwitch(request, info)) return error;
+    return request.Answer(info);
+}
+
+int GetUplinks(Request &request)
+{
+    std::vector<NamedNic> uplinks;
+    std::vector<VSwitchLag> lags;
+    if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0)) return error;
+    if (int error = ReadLags(request.reader, request.portset, lags)) return error;
+    request.StartList(VSwitchListHeader{}, sizeof(VSwitchUplink));
+    for (const NamedNic &uplink : uplinks) {
+        VSwitchUplink entry = {};
+        SetField(entry.name, uplink.name);
+        entry.flags = UplinkFlags(uplink, lags);
+        request.AddRecord(entry);
+    }
+    return 0;
+}
+
+int GetUplinkLink(Request &request) { return request.Answer(uint32_t{request.nic.LinkUp()}); }
+
+int GetUplinkLacp(Request &request)
+{
+    std::vector<VSwitchLag> lags;
+    if (int error = ReadLags(request.reader, request.portset, lags)) return error;
+    return request.Answer(uint32_t{request.nic.LinkUp() && IsInLag(lags, request.uplink)});
+}
+
+int GetLags(Request &request)
+{
+    std::vector<NamedNic> uplinks;
+    std::vector<VSwitchLag> lags;
+    if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0)) return error;
+    if (int error = ReadLags(request.reader, request.portset, lags)) return error;
+    VSwitchLagTable table = {};
+    table.count = static_cast<uint32_t>(lags.size());
+    for (size_t i = 0; i < lags.size(); ++i) {
+        table.lags[i] = lags[i];
+        FillLinks(table.lags[i], uplinks);
+    }
+    return request.Answer(table);
+}
+
+// An uplink port sends on its own NIC; another port on the one that its number falls on among those with a
+// link, which is how traffic is spread by originating port.
+int GetUplinkHint(Request &request)
+{
+    std::vector<NamedNic> uplinks;
+    if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0)) return error;
+    const std::string *sendsOn = nullptr;
+    std::vector<const std::string *> withLink;
+    for (const NamedNic &uplink : uplinks) {
+        if (FieldText(uplink.nic.portId) == request.portId) sendsOn = &uplink.name;
+        if (uplink.nic.LinkUp()) withLink.push_back(&uplink.name);
+    }
+    if (!sendsOn && !withLink.empty()) sendsOn = withLink[request.portNumber % withLink.size()];
+    char hint[HINT_SIZE] = {};
+    if (sendsOn) SetField(hint, *sendsOn);
+    return request.Answer(hint);
+}
+
+int GetUplinkPort(Request &request)
+{
+    char portId[PORT_ID_SIZE] = {};
+    SetField(portId, FieldText(request.nic.portId));
+    return request.Answer(portId);
+}
+
+int SetUplinkAdmin(Request &request)
+{
+    if (request.input.args.uplink.adminUp > 1) return EINVAL;
+    request.nic.adminUp = request.input.args.uplink.adminUp != 0;
+    return ErrnoOf(PutRecord(*request.transaction, runtime::NicKey(request.uplink), request.nic), EIO);
+}
+
+int RefreshNuma(Request &request)
+{
+    std::vector<NamedNic> uplinks;
+    int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0);
+    for (size_t i = 0; i < uplinks.size() && !error; ++i) {
+        uplinks[i].nic.driverNumaNode = uplinks[i].nic.numaNode;
+        error =
+            ErrnoOf(PutRecord(*request.transaction, runtime::NicKey(uplinks[i].name), uplinks[i].nic), EIO);
+    }
+    return error;
+}
+
+}

@@ -1,0 +1,107 @@
+// vshost reset, bind, nic and remove-nic.
+#include <cstdlib>
+
+#include "platform/launcher/launcher.h"
+
+namespace vshost {
+
+std::unique_ptr<Host> OpenHost(const std::string &state)
+{
+    const char *own = getenv(ENVIRONMENT_DIRECTORY);
+    const std::string directory = !state.empty() ? state : own ? own : "";
+    if (directory.empty()) throw LauncherError{"this process is on no host; name one with --state DIR"};
+    const char *durability = getenv(ENVIRONMENT_DURABILITY);
+    const bool disk = !durability || std::string_view(durability) != "process";
+    std::unique_ptr<Host> host;
+    std::string message;
+    if (Host::Open(directory, disk ? Durability::DISK : Durability::PROCESS, false, host, message))
+        throw LauncherError{message};
+    return host;
+}
+
+void CheckStatus(const Host &host, VsStatus status)
+{
+    if (!status) return;
+    if (status == STATUS_NO_SPACE) throw LauncherError{host.Directory() + ": the disk is full; make room"};
+    if (status == STATUS_READ_ONLY)
+        throw LauncherError{host.Directory() + ": may not be written by this user"};
+    throw LauncherError{host.Directory() + "/host.db: is damaged; put a copy of it in its place"};
+}
+
+int ResetHost(const std::string &state)
+{
+    const std::unique_ptr<Host> host = OpenHost(state);
+    CheckStatus(*host,
+                host->GetEngine().Write([](Transaction &transaction) { return ResetRuntime(transaction); }));
+    return 0;
+}
+
+int BindNicOnHost(const std::string &state, const std::string &nic, const std::string &switchName,
+                  const std::string &portId)
+{
+    const std::unique_ptr<Host> host = OpenHost(state);
+    std::string wrong;
+    const VsStatus status = host->GetEngine().Write([&](Transaction &transaction) -> VsStatus {
+        Nic found;
+        std::string switchId;
+        wrong = "no NIC " + nic + "; add it with `vshost nic " + nic + "`";
+        if (nic.size() > MAX_NIC_NAME) return STATUS_NOT_FOUND;
+        if (VsStatus missing = GetRecord(transaction, runtime::NicKey(nic), found)) return missing;
+        wrong = "no switch " + switchName + "; list them with `vshost show`";
+        if (VsStatus missing = FindSwitch(transaction, switchName, switchId)) return missing;
+        wrong = portId + " is no uplink port of switch " + switchName;
+        if (VsStatus missing = BindNic(transaction, nic, switchId, portId)) return missing;
+        return ClaimNic(transaction, nic, switchName, portId);
+    });
+    if (status == STATUS_NOT_FOUND) throw LauncherError{wrong};
+    CheckStatus(*host, status);
+    return 0;
+}
+
+namespace {
+
+void Apply(const NicOptions &options, Nic &nic)
+{
+    if (options.link) nic.link = options.link == "up";
+    if (options.admin) nic.adminUp = options.admin == "up";
+    if (options.duplex) nic.fullDuplex = options.duplex == "full";
+    if (options.speed) nic.speed = *options.speed;
+    if (options.mtu) nic.mtu = *options.mtu;
+    if (options.maxMtu) nic.maxMtu = *options.maxMtu;
+    if (options.numaNode) nic.numaNode = static_cast<int32_t>(*options.numaNode);
+}
+
+}
+
+int ChangeNic(const std::string &state, const NicOptions &options)
+{
+    if (options.name.empty() || options.name.size() > MAX_NIC_NAME ||
+        options.name.find('/') != std::string::npos)
+        throw LauncherError{"\"" + options.name +
+                            "\" can't be the name of a NIC: use 1 to 31 characters without \"/\""};
+    const std::unique_ptr<Host> host = OpenHost(state);
+    const VsStatus status = host->GetEngine().Write([&](Transaction &transaction) -> VsStatus {
+        Nic nic;
+        const VsStatus known = GetRecord(transaction, runtime::NicKey(options.name), nic);
+        if (known && known != STATUS_NOT_FOUND) return known;
+        Apply(options, nic);
+        if (known) nic.driverNumaNode = nic.numaNode;
+        return nic.mtu > nic.maxMtu ? STATUS_BAD_PARAM : PutNic(transaction, options.name, nic);
+    });
+    if (status == STATUS_BAD_PARAM)
+        throw LauncherError{"the MTU of " + options.name + " would be above its largest one"};
+    CheckStatus(*host, status);
+    return 0;
+}
+
+int RemoveNic(const std::string &state, const std::string &name)
+{
+    const std::unique_ptr<Host> host = OpenHost(state);
+    const VsStatus status =
+        host->GetEngine().Write([&](Transaction &transaction) { return RemoveNic(transaction, name); });
+    if (status == STATUS_NOT_FOUND) throw LauncherError{"no NIC " + name + "; list them with `vshost show`"};
+    CheckStatus(*host, status);
+    return 0;
+}
+
+}

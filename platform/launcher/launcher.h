@@ -1,0 +1,51 @@
+// The commands of vshost. Each returns the program's exit code, or throws LauncherError.
+#ifndef PLATFORM_LAUNCHER_LAUNCHER_H
+#define PLATFORM_LAUNCHER_LAUNCHER_H
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/driver/runtime.h"
+#include "platform/host/host.h"
+
+namespace vshost {
+
+// What failed, on what, and what to do; for one line on standard error.
+struct LauncherError {
+    std::string message;
+    int exitCode = 1;
+};
+
+struct RunOptions {
+    std::string state; // empty: a throw-away host
+    bool durable = true;
+    std::string scenario; // a file; empty: none
+    std::vector<std::string> command;
+};
+
+// What of a NIC is to be changed.
+struct NicOptions {
+    std::string name;
+    std::optional<std::string> link, admin, duplex; // "up" or "down", "full" or "half"
+    std::optional<uint32_t> speed, mtu, maxMtu;
+    std::optional<uint32_t> numaNode;
+};
+
+int RunOnHost(const RunOptions &options);
+int ShowHost(const std::string &state, bool json);
+int ResetHost(const std::string &state);
+int BindNicOnHost(const std::string &state, const std::string &nic, const std::string &switchName,
+                  const std::string &portId);
+int ChangeNic(const std::string &state, const NicOptions &options);
+int RemoveNic(const std::string &state, const std::string &name);
+
+// An existing host: in `state` or, when that is empty, the one that this process is on.
+std::unique_ptr<Host> OpenHost(const std::string &state);
+// Throws what is wrong with the host's database.
+void CheckStatus(const Host &host, VsStatus status);
+
+}
+
+#endif

@@ -1,0 +1,94 @@
+// vshost: runs programs on an embedded host, and shows and changes what is on one.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "platform/launcher/launcher.h"
+
+namespace {
+
+using namespace vshost;
+
+void AddRun(CLI::App &app, RunOptions &options, std::string &durability)
+{
+    CLI::App *run = app.add_subcommand("run", "Run a program, and what it starts, on a host");
+    run->add_option("--state", options.state,
+                    "Directory of the host, made when missing; without it the host is a "
+                    "throw-away one");
+    run->add_option("--durability", durability,
+                    "disk: what is acknowledged is on disk; process: it survives the "
+                    "death of any process")
+        ->check(CLI::IsMember({"disk", "process"}))
+        ->capture_default_str();
+    run->add_option("--scenario", options.scenario,
+                    "JSON file with NICs, links, MAC tables, statistics, faults")
+        ->check(CLI::ExistingFile);
+    run->add_option("command", options.command, "The program and its arguments, behind \"--\"")->required();
+}
+
+void AddNic(CLI::App &app, std::string &state, NicOptions &options)
+{
+    CLI::App *nic = app.add_subcommand("nic", "Add a physical NIC or change it");
+    nic->add_option("name", options.name, "Name of the NIC")->required();
+    nic->add_option("--state", state, "Directory of the host");
+    nic->add_option("--link", options.link, "Carrier")->check(CLI::IsMember({"up", "down"}));
+    nic->add_option("--admin", options.admin, "Administrative state")->check(CLI::IsMember({"up", "down"}));
+    nic->add_option("--duplex", options.duplex, "Duplex")->check(CLI::IsMember({"full", "half"}));
+    nic->add_option("--speed", options.speed, "Speed in Mb/s")->check(CLI::Range(1, 10000000));
+    nic->add_option("--mtu", options.mtu, "MTU in bytes")->check(CLI::Range(MIN_MTU, MAX_MTU));
+    nic->add_option("--max-mtu", options.maxMtu, "Largest MTU that it takes")
+        ->check(CLI::Range(MIN_MTU, MAX_MTU));
+    nic->add_option("--numa-node", options.numaNode, "NUMA node of the device")->check(CLI::Range(0, 1023));
+}
+
+int Main(int count, char **arguments)
+{
+    CLI::App app("Embedded host for virtual switches");
+    app.require_subcommand(1);
+    RunOptions run;
+    NicOptions nic;
+    std::string durability = "disk", state, bound, switchName, portId;
+    bool json = false;
+    AddRun(app, run, durability);
+    AddNic(app, state, nic);
+
+    CLI::App *show = app.add_subcommand("show", "Show switches, portsets, ports and NICs of a host");
+    show->add_option("--state", state, "Directory of the host; without it, the host that this process is on");
+    show->add_flag("--json", json, "As JSON");
+    CLI::App *reset =
+        app.add_subcommand("reset", "End everything that runs, as a reboot would; the store stays");
+    reset->add_option("--state", state, "Directory of the host");
+    CLI::App *bind = app.add_subcommand("bind", "Bind a NIC to an uplink port of a switch");
+    bind->add_option("--state", state, "Directory of the host");
+    bind->add_option("nic", bound, "Name of the NIC")->required();
+    bind->add_option("switch", switchName, "Alias, id or portset name of the switch")->required();
+    bind->add_option("port", portId, "Id of the uplink port")->required();
+    CLI::App *remove = app.add_subcommand("remove-nic", "Take a NIC out of the host");
+    remove->add_option("--state", state, "Directory of the host");
+    remove->add_option("name", bound, "Name of the NIC")->required();
+
+    try {
+        app.parse(count, arguments);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    run.durable = durability == "disk";
+    if (app.got_subcommand("run")) return RunOnHost(run);
+    if (app.got_subcommand(show)) return ShowHost(state, json);
+    if (app.got_subcommand(reset)) return ResetHost(state);
+    if (app.got_subcommand(bind)) return BindNicOnHost(state, bound, switchName, portId);
+    if (app.got_subcommand(remove)) return RemoveNic(state, bound);
+    return ChangeNic(state, nic);
+}
+
+}
+
+int main(int count, char **arguments)
+try {
+    return Main(count, arguments);
+} catch (const LauncherError &error) {
+    fprintf(stderr, "vshost: %s\n", error.message.c_str());
+    return error.exitCode;
+} catch (const std::exception &error) {
+    fprintf(stderr, "vshost: %s\n", error.what());
+    return 1;
+}
