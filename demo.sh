@@ -6,7 +6,7 @@ cd "$(dirname "$0")"
 . cmake/install_packages.sh
 install_packages
 echo "Building (build/release)"
-build_preset release
+build_preset release first tour vshost tybel
 
 build=$PWD/build/release
 work=$(mktemp -d)
@@ -33,8 +33,8 @@ grep 'nic1 .*link up' <<<"$seen"
 say "A process is killed (SIGKILL) in the middle of writing"
 "$build/platform/vshost" run --state "$work/host" -- "$build/examples/tour" write "$work/log" &
 sleep 1
-pkill -KILL -f "examples/tour write $work/log"
-wait $! || true
+pkill -KILL -f "^$build/examples/tour write $work/log"
+wait $! 2>/dev/null || true
 tour check "$work/log"
 say "The host as it stands"
 "$build/platform/vshost" show --state "$work/host"

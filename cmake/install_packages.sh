@@ -12,7 +12,7 @@ install_packages() {
     DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-build_preset() {
+build_preset() { # preset, targets (all of them when none is named)
     cmake --preset "$1" >/dev/null
-    cmake --build --preset "$1" -- --quiet
+    cmake --build --preset "$1" ${2:+--target "${@:2}"} -- --quiet
 }
