@@ -373,8 +373,11 @@ VsStatus ListUplinkPorts(Reader &reader, std::string_view switchId, std::vector<
     uint32_t count = 0;
     if (property.value.size() >= sizeof count) memcpy(&count, property.value.data(), sizeof count);
     for (size_t i = 0, at = sizeof count; i < count && at + UPLINK_ENTRY <= property.value.size();
-         ++i, at += UPLINK_ENTRY)
-        portIds.emplace_back(Text(std::string_view(property.value).substr(at, UPLINK_ENTRY)));
+         ++i, at += UPLINK_ENTRY) {
+        // A field without NUL names no port.
+        const std::string_view field = std::string_view(property.value).substr(at, UPLINK_ENTRY);
+        if (field.find('\0') != field.npos) portIds.emplace_back(Text(field));
+    }
     return STATUS_OK;
 }
 
