@@ -1,0 +1,133 @@
+// The three names of a switch, and the start-up that makes them known.
+#include "tests/family.h"
+
+namespace {
+
+constexpr char UNTOUCHED = '\x55';
+
+// Status and whole buffer of a conversion.
+using Converted = std::pair<VsStatus, std::string>;
+
+template<size_t size> Converted Convert(VsStatus (*convert)(const char *, char *), const std::string &name)
+{
+    std::string buffer(size, UNTOUCHED);
+    const VsStatus status = convert(name.c_str(), buffer.data());
+    return {status, buffer};
+}
+Converted SwitchId(const std::string &alias) { return Convert<SWITCH_ID_SIZE>(DVSAliasToSwitchId, alias); }
+Converted PortsetName(const std::string &alias)
+{
+    return Convert<PORTSET_NAME_SIZE>(DVSAliasToPortsetName, alias);
+}
+Converted Alias(const std::string &portsetName)
+{
+    const Converted alias = Convert<SWITCH_ALIAS_SIZE>(DVSPortsetNameToAlias, portsetName);
+    EXPECT_EQ(Convert<SWITCH_ALIAS_SIZE>(VSDVS_GetAliasFromPortset, portsetName), alias);
+    return alias;
+}
+Converted Found(const std::string &name) { return {STATUS_OK, Field(name.substr(0, 127), 128)}; }
+Converted Refused(VsStatus status, size_t size) { return {status, std::string(size, UNTOUCHED)}; }
+
+using OptionalText = std::optional<std::string>;
+
+class Identity : public HostTest {
+protected:
+    // In the store alone; an absent name is not stored.
+    void AddSwitch(const OptionalText &alias, const OptionalText &portset, const char *className = "vswitch")
+    {
+        const std::string id = std::to_string(next++);
+        ASSERT_EQ(DVSZOR_SwitchAdd(id.c_str(), className, 8, 1), STATUS_OK);
+        if (alias) Write(SWITCH_ALIAS, Text(*alias), nullptr, id.c_str());
+        if (portset) Write(SWITCH_PORTSET, Text(*portset), nullptr, id.c_str());
+    }
+    uint32_t next = 1;
+};
+
+TEST_F(Identity, OnlyVirtualSwitchesHaveASwitchId)
+{
+    for (const char *other : {"vswitch2", "vswitc", "vSwitch", "dvs"}) {
+        AddSwitch(other, {}, other);
+        EXPECT_EQ(SwitchId(other), Refused(STATUS_BAD_PARAM, SWITCH_ID_SIZE));
+        EXPECT_EQ(PortsetName(other), Found(other));
+    }
+    EXPECT_EQ(SwitchId("none"), Refused(STATUS_NOT_FOUND, SWITCH_ID_SIZE));
+    EXPECT_EQ(PortsetName("none"), Refused(STATUS_NOT_FOUND, PORTSET_NAME_SIZE));
+    const std::string longest(63, 'i');
+    ASSERT_EQ(VSDVS_CreateVSwitch("longest", longest.c_str(), nullptr, 1, 0, 0, 0, 0), STATUS_OK);
+    EXPECT_EQ(SwitchId("longest"), (Converted{STATUS_OK, Text(longest)}));
+}
+
+TEST_F(Identity, APortsetIsNamedByItsPropertyOrTheAliasOrTheId)
+{
+    for (const size_t length : {0u, 1u, 126u, 127u, 300u}) {
+        const std::string name(length, 'n');
+        AddSwitch("both" + name, name);
+        EXPECT_EQ(PortsetName("both" + name), Found(name));
+        AddSwitch("a" + name, {});
+        EXPECT_EQ(PortsetName("a" + name), Found("a" + name));
+    }
+    vshost_fail(VSHOST_STORE, "DVSState_HostPropLookup", 1, 0, STATUS_IO_ERROR);
+    EXPECT_EQ(PortsetName("both"), Found("both"));
+    vshost_fail(VSHOST_STORE, "DVSState_GlobalPropLookup", 1, 0, STATUS_IO_ERROR);
+    EXPECT_EQ(PortsetName("both"), Found("1"));
+}
+
+TEST_F(Identity, APortsetNameFindsTheLongestStoredPrefix)
+{
+    const std::string x127(127, 'x'), y128(128, 'y'), nameless = "nameless" + std::string(200, 'z');
+    AddSwitch("one", "lab");
+    AddSwitch("two", "laboratory");
+    AddSwitch(x127, "lab-127");
+    AddSwitch(y128, "lab-128");
+    AddSwitch({}, "nameless");
+    AddSwitch("other", "dvs", "dvs");
+    AddSwitch("without portset", {});
+    const std::pair<std::string, std::string> cases[] = {{"lab", "one"},
+                                                         {"lab2", "one"},
+                                                         {"laborator", "one"},
+                                                         {"laboratory", "two"},
+                                                         {"laboratory:3", "two"},
+                                                         {"lab-127", x127},
+                                                         {"lab-128", y128.substr(1)},
+                                                         {nameless, nameless},
+                                                         {"dvs0", "other"},
+                                                         {"la", ""},
+                                                         {"LAB", ""},
+                                                         {"without portset", ""}};
+    for (const auto &[wanted, alias] : cases)
+        EXPECT_EQ(Alias(wanted), Found(alias)) << wanted;
+    EXPECT_EQ(Alias(""), Refused(STATUS_BAD_PARAM, SWITCH_ALIAS_SIZE));
+    AddSwitch("empty", "");
+    EXPECT_EQ(Alias("la"), Found("empty"));
+    EXPECT_EQ(Alias("lab"), Found("one"));
+}
+
+TEST_F(Identity, StartUpLoadsTheCacheOrLeavesItEmpty)
+{
+    AddSwitch("one", "lab");
+    const char *const failing[] = {nullptr, "DVSState_ConfigReset", "DVSZOR_StateGet", nullptr};
+    const size_t steps[] = {3, 1, 2, 3};
+    for (size_t i = 0; i < std::size(steps); i++) {
+        if (failing[i]) vshost_fail(VSHOST_STORE, failing[i], 1, 1, STATUS_IO_ERROR);
+        vshost_record(1);
+        LibraryInit();
+        EXPECT_EQ(CallTexts(VSHOST_STORE).size(), steps[i]);
+        vshost_clear();
+        if (steps[i] == 1) continue; // after a failed reset the cache is as the store left it
+        EXPECT_EQ(SwitchId("one").first, failing[i] ? STATUS_NOT_FOUND : STATUS_OK);
+        EXPECT_EQ(Alias("lab"), Found(failing[i] ? "" : "one"));
+    }
+}
+
+TEST_F(LabTest, APortExistsFromItsCreationToItsRemoval)
+{
+    const auto exist = [] {
+        return DVPortExist(LAB_ID, PORT) + 2 * DVPortExist(LAB_ID, "p") + 4 * DVPortExist("x", PORT);
+    };
+    EXPECT_EQ(exist(), 1);
+    EXPECT_EQ(VSDVS_AddDVPort(LAB, "p", 1), STATUS_OK);
+    EXPECT_EQ(VSDVS_RemoveDVPort(LAB, PORT), STATUS_OK);
+    EXPECT_EQ(exist(), 2);
+}
+
+}
