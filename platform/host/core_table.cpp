@@ -7,6 +7,7 @@
 #include <new>
 
 #include "platform/driver/runtime.h"
+#include "platform/driver/scenario.h"
 #include "platform/host/host.h"
 #include "platform/host/tables.h"
 #include "platform/store/store.h"
@@ -33,6 +34,17 @@ try {
     if (!host) return NoHost();
     if (host->GetEngine().Write(ResetRuntime) == STATUS_OK) return 0;
     return SetError(EIO, host->Directory() + ": the runtime tables cannot be written");
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
+}
+
+int Scenario(const char *json)
+try {
+    HostUse host;
+    if (!host) return NoHost();
+    std::string message;
+    if (ApplyScenario(host->GetEngine(), *host.GetControl(), json ? json : "", message)) return 0;
+    return SetError(EINVAL, message);
 } catch (const std::bad_alloc &) {
     return ENOMEM;
 }
@@ -175,7 +187,7 @@ const struct VshostCore *vshost_core(void)
         .stop = StopHost,
         .directory = HostDirectory,
         .error = LastError,
-        .scenario = nullptr,
+        .scenario = Scenario,
         .reset = Reset,
         .fail = Fail,
         .failed = Failed,

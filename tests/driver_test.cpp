@@ -1,0 +1,612 @@
+// The embedded host's driver and the preload in front of it: what a driver owes its callers, whatever
+// library they use. Requests are made by hand here.
+#include "tests/fixture.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vswitch_driver.h>
+
+namespace {
+
+constexpr char GUARD = '\x5A';
+using Words = std::vector<std::string>;
+
+int Ioctl(int descriptor, uint32_t number, const void *input, uint32_t inLength, void *output,
+          uint32_t outLength)
+{
+    VSwitchRequest request = {inLength, outLength, reinterpret_cast<uint64_t>(input),
+                              reinterpret_cast<uint64_t>(output)};
+    return ioctl(descriptor, number, &request) < 0 ? errno : 0;
+}
+
+// Opens, asks, closes; 0 or the errno value.
+int Ask(uint32_t number, const void *input, uint32_t inLength, void *output, uint32_t outLength,
+        const char *device = VSWITCH_DRIVER_DEVICE)
+{
+    const int descriptor = open(device, O_RDWR);
+    if (descriptor < 0) return errno;
+    const int error = Ioctl(descriptor, number, input, inLength, output, outLength);
+    close(descriptor);
+    return error;
+}
+
+VSwitchInput Input(const char *name = LAB_PORTSET)
+{
+    VSwitchInput input = {};
+    strcpy(input.name.portset, name);
+    return input;
+}
+
+VSwitchInput PortInput(const char *portId, const char *switchId = LAB_ID)
+{
+    VSwitchInput input = Input(switchId);
+    strcpy(input.port.dvPortId, portId);
+    return input;
+}
+
+VSwitchInput UplinkInput(const char *uplink, const char *portset = LAB_PORTSET)
+{
+    VSwitchInput input = Input(portset);
+    strcpy(input.args.uplink.name, uplink);
+    return input;
+}
+
+VSwitchInput MacInput(const VSwitchMacEntry &entry, const char *portId = PORT)
+{
+    VSwitchInput input = PortInput(portId);
+    input.args.mac = entry;
+    return input;
+}
+
+template<typename Record> Record Query(uint32_t number, const VSwitchInput &input)
+{
+    Record record = {};
+    EXPECT_EQ(Ask(number, &input, sizeof input, &record, sizeof record), 0) << number;
+    return record;
+}
+
+int Change(uint32_t number, const VSwitchInput &input)
+{
+    return Ask(number, &input, sizeof input, nullptr, 0);
+}
+
+// The entries of a list, each as its bytes.
+Words List(uint32_t number, const VSwitchInput &input, size_t entry)
+{
+    std::vector<char> answer(65536);
+    const auto room = static_cast<uint32_t>(answer.size());
+    EXPECT_EQ(Ask(number, &input, sizeof input, answer.data(), room), 0) << number;
+    uint32_t count;
+    memcpy(&count, answer.data(), sizeof count);
+    Words entries;
+    for (size_t i = 0; i < count; i++)
+        entries.emplace_back(&answer[sizeof(VSwitchListHeader) + i * entry], entry);
+    return entries;
+}
+
+Words Uplinks(const char *portset = LAB_PORTSET)
+{
+    Words names;
+    for (const std::string &entry : List(VSWITCH_GET_UPLINKS, Input(portset), sizeof(VSwitchUplink)))
+        names.emplace_back(entry.c_str());
+    return names;
+}
+
+std::string UplinkPort(const char *uplink)
+{
+    return Query<UplinkPortId>(VSWITCH_GET_UPLINK_PORT, UplinkInput(uplink)).text;
+}
+
+class Driver : public LabTest {};
+
+TEST_F(Driver, RefusesWhatIsMalformedOrUnknown)
+{
+    const auto full = [](VSwitchInput input, auto VSwitchInput::*field) {
+        memset(&(input.*field), 'x', sizeof(input.*field));
+        return input;
+    };
+    const auto with = [](auto edit) {
+        VSwitchInput input = Input();
+        edit(input);
+        return input;
+    };
+    const struct {
+        const char *name;
+        uint32_t number;
+        VSwitchInput input;
+        int error;
+        uint32_t inLength = 212;
+    } cases[] = {
+        {"no such command", 4110, Input(), ENOTTY},
+        {"nor a change", 8199, Input(), ENOTTY},
+        {"input one byte short", VSWITCH_GET_UPLINKS, Input(), EINVAL, 211},
+        {"input one byte long", VSWITCH_GET_UPLINKS, Input(), EINVAL, 213},
+        {"no input", VSWITCH_SET_UPLINK_ADMIN, Input(), EINVAL, 0},
+        {"kind of 3 bytes", VSWITCH_GET_SWITCHES, Input(), EINVAL, 3},
+        {"input beyond all bounds", VSWITCH_SET_OPTIONS, Input(), EINVAL, 0x80000000},
+        {"half an option id", VSWITCH_GET_OPTIONS, Input(), EINVAL, 3},
+        {"portset without end", VSWITCH_GET_INFO, full(Input(), &VSwitchInput::name), EINVAL},
+        {"switch id without end", VSWITCH_GET_PORT_MACS, full(Input(), &VSwitchInput::name), EINVAL},
+        {"port without end", VSWITCH_GET_PORT_MACS, full(PortInput(""), &VSwitchInput::port), EINVAL},
+        {"uplink without end", VSWITCH_GET_UPLINK_LINK, full(Input(), &VSwitchInput::args), EINVAL},
+        {"session without end", VSWITCH_GET_MIRROR_STATS, full(Input(), &VSwitchInput::args), EINVAL},
+        {"unknown portset", VSWITCH_GET_UPLINKS, Input("other"), ENOENT},
+        {"an alias for it", VSWITCH_GET_UPLINKS, Input(LAB), ENOENT},
+        {"no portset", VSWITCH_REFRESH_NUMA, Input(""), ENOENT},
+        {"unknown switch", VSWITCH_GET_PORT_MACS, PortInput(PORT, "other"), ENOENT},
+        {"unknown port", VSWITCH_GET_PORT_MACS, PortInput("port9"), ENODEV},
+        {"unknown uplink", VSWITCH_GET_UPLINK_LACP, UplinkInput("nic9"), ENODEV},
+        {"no uplink", VSWITCH_GET_UPLINK_PORT, Input(), ENODEV},
+        {"unknown number", VSWITCH_GET_UPLINK_HINT,
+         with([](VSwitchInput &input) { input.port.portId = 999; }), ENODEV},
+        {"unknown session", VSWITCH_GET_MIRROR_STATS, UplinkInput("session"), ENOENT},
+        {"unknown group", VSWITCH_GET_MCAST_STATS,
+         with([](VSwitchInput &input) { input.args.mcast.addressKind = VSWITCH_ADDRESS_IPV4; }), ENOENT},
+        {"neither up nor down", VSWITCH_SET_UPLINK_ADMIN, with([](VSwitchInput &input) {
+             input = UplinkInput("nic0");
+             input.args.uplink.adminUp = 2;
+         }),
+         EINVAL},
+        {"group address", VSWITCH_SET_PORT_MAC, MacInput({{1, 0, 0, 0, 0, 1}, 1, 0, 0, 0, 0}), EINVAL},
+        {"no address", VSWITCH_SET_PORT_MAC, MacInput({{}, 1, 0, 0, 0, 0}), EINVAL},
+        {"VLAN 4095", VSWITCH_SET_PORT_MAC, MacInput({{2, 0, 0, 0, 0, 1}, 1, 0, 4095, 0, 0}), EINVAL},
+        {"unknown type", VSWITCH_SET_PORT_MAC, MacInput({{2, 0, 0, 0, 0, 1}, 3, 0, 0, 0, 0}), EINVAL},
+        {"no such entry", VSWITCH_CLEAR_PORT_MAC, MacInput({{2, 0, 0, 0, 0, 1}, 1, 0, 0, 0, 0}), ENOENT},
+        {"learning neither on nor off", VSWITCH_SET_LEARNING_PROPS,
+         with([](VSwitchInput &input) { input.args.learning.enabled = 2; }), EINVAL},
+    };
+    for (const auto &row : cases) {
+        std::string output(64, GUARD);
+        const uint64_t before = vshost_fingerprint();
+        EXPECT_EQ(Ask(row.number, &row.input, row.inLength, output.data(), 64), row.error) << row.name;
+        EXPECT_EQ(vshost_fingerprint(), before) << row.name;
+        EXPECT_EQ(output, std::string(64, GUARD)) << row.name;
+    }
+}
+
+TEST_F(Driver, BadAddressesAreFaultsOfTheRequest)
+{
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    auto *memory = static_cast<char *>(
+        mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(memory, MAP_FAILED);
+    ASSERT_EQ(mprotect(memory + page, page, PROT_NONE), 0);
+    ASSERT_EQ(mprotect(memory + 2 * page, page, PROT_READ), 0);
+    const VSwitchInput input = Input();
+    char output[sizeof(VSwitchInfo)];
+    const struct {
+        const char *name;
+        const void *input;
+        void *output;
+    } cases[] = {
+        {"input is null", nullptr, output},
+        {"input isn't mapped", memory + page, output},
+        {"input ends in a hole", memory + page - 100, output},
+        {"output is null", &input, nullptr},
+        {"output isn't mapped", &input, memory + page},
+        {"output is read-only", &input, memory + 2 * page},
+    };
+    for (const auto &row : cases)
+        EXPECT_EQ(Ask(VSWITCH_GET_INFO, row.input, sizeof input, row.output, sizeof output), EFAULT)
+            << row.name;
+    const int descriptor = open(VSWITCH_DRIVER_DEVICE, O_RDWR);
+    for (void *header : {static_cast<void *>(nullptr), static_cast<void *>(memory + page)})
+        EXPECT_TRUE(ioctl(descriptor, VSWITCH_GET_INFO, header) == -1 && errno == EFAULT);
+    close(descriptor);
+    munmap(memory, 3 * page);
+}
+
+TEST_F(Driver, WritesNoMoreThanThereIsRoomFor)
+{
+    const VSwitchInput input = Input();
+    const struct {
+        uint32_t number, room, written;
+    } cases[] = {
+        {VSWITCH_GET_UPLINKS, 0, 0},   {VSWITCH_GET_UPLINKS, 7, 7},   {VSWITCH_GET_UPLINKS, 8, 8},
+        {VSWITCH_GET_UPLINKS, 43, 8},  {VSWITCH_GET_UPLINKS, 44, 44}, {VSWITCH_GET_UPLINKS, 79, 44},
+        {VSWITCH_GET_UPLINKS, 80, 80}, {VSWITCH_GET_UPLINKS, 99, 80}, {VSWITCH_GET_INFO, 100, 100},
+        {VSWITCH_GET_INFO, 300, 208},
+    };
+    for (const auto &row : cases) {
+        std::string output(400, GUARD);
+        EXPECT_EQ(Ask(row.number, &input, sizeof input, output.data(), row.room), 0);
+        EXPECT_EQ(output.find_last_not_of(GUARD) + 1, row.written) << row.number << " in " << row.room;
+        if (row.number == VSWITCH_GET_UPLINKS && row.room >= 8) {
+            EXPECT_EQ(output[0], 2);
+        }
+    }
+}
+
+TEST_F(Driver, DescriptorsMayTravel)
+{
+    const VSwitchInput input = Input();
+    const int device = open(VSWITCH_DRIVER_DEVICE, O_RDWR);
+    const auto works = [&](int descriptor) {
+        uint32_t mode;
+        return Ioctl(descriptor, VSWITCH_GET_MCAST_MODE, &input, sizeof input, &mode, sizeof mode) == 0;
+    };
+    const int copy = dup(device), over = open("/dev/null", O_RDONLY);
+    ASSERT_EQ(dup2(device, over), over);
+    const int high = fcntl(device, F_DUPFD, 100);
+    close(device);
+    for (int descriptor : {copy, over, high})
+        EXPECT_TRUE(works(descriptor)) << descriptor;
+
+    int status;
+    const pid_t child = fork();
+    if (child == 0) _exit(works(copy) ? 0 : 1);
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0) << "in a forked child";
+
+    setenv("INHERITED_DEVICE", std::to_string(copy).c_str(), 1);
+    const char *arguments[] = {"driver_test", "--gtest_also_run_disabled_tests", "--gtest_brief=1",
+                               "--gtest_filter=*InheritedDevice", nullptr};
+    pid_t started;
+    ASSERT_EQ(
+        posix_spawn(&started, "/proc/self/exe", nullptr, nullptr, const_cast<char **>(arguments), environ),
+        0);
+    ASSERT_EQ(waitpid(started, &status, 0), started);
+    EXPECT_EQ(status, 0) << "in another program";
+
+    const int null = open("/dev/null", O_RDONLY);
+    ASSERT_EQ(dup2(null, high), high);
+    EXPECT_FALSE(works(high)) << "what was a device no longer is one";
+    for (int descriptor : {copy, over, high, null})
+        close(descriptor);
+}
+
+// Run by DescriptorsMayTravel in a process of its own.
+TEST(Program, DISABLED_InheritedDevice)
+{
+    const char *inherited = getenv("INHERITED_DEVICE");
+    if (!inherited) GTEST_SKIP();
+    const VSwitchInput input = Input();
+    uint32_t mode;
+    EXPECT_EQ(Ioctl(atoi(inherited), VSWITCH_GET_MCAST_MODE, &input, sizeof input, &mode, sizeof mode), 0);
+}
+
+TEST_F(Driver, OtherFilesAreLeftAlone)
+{
+    errno = EDOM;
+    const int file = open("/dev/null", O_RDWR);
+    EXPECT_EQ(close(file), 0);
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_TRUE(open("/dev/vswitch2", O_RDWR) < 0 && errno == ENOENT);
+    EXPECT_TRUE(close(-1) < 0 && errno == EBADF);
+    EXPECT_TRUE(ioctl(-1, VSWITCH_GET_INFO, nullptr) < 0 && errno == EBADF);
+
+    const std::string path = std::string(vshost_directory()) + "/made";
+    const int made = openat(AT_FDCWD, path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0640);
+    struct stat status = {};
+    EXPECT_EQ(fstat(made, &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0640u);
+    EXPECT_TRUE(ioctl(made, VSWITCH_GET_INFO, nullptr) < 0 && errno == ENOTTY) << "an empty file";
+    close(made);
+    int ends[2], waiting = -1;
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(write(ends[1], "four", 4), 4);
+    EXPECT_TRUE(ioctl(ends[0], FIONREAD, &waiting) == 0 && waiting == 4);
+    close(ends[0]);
+    close(ends[1]);
+
+    vshost_stop();
+    EXPECT_TRUE(open(VSWITCH_DRIVER_DEVICE, O_RDWR) < 0 && errno == ENOENT) << "without a host";
+    StartHost();
+}
+
+TEST_F(Driver, ServesManyThreads)
+{
+    std::vector<std::thread> threads;
+    std::atomic<int> failures = 0;
+    const auto run = [&failures](uint32_t up) {
+        VSwitchInput input = UplinkInput(up ? "nic1" : "nic0");
+        input.args.uplink.adminUp = up;
+        for (int round = 0; round < 50; round++) {
+            failures += Change(VSWITCH_SET_UPLINK_ADMIN, input) != 0;
+            failures += Uplinks() != Words{"nic0", "nic1"};
+            failures += Query<uint32_t>(VSWITCH_GET_UPLINK_LINK, input) != up;
+        }
+    };
+    for (uint32_t i = 0; i < 8; i++)
+        threads.emplace_back(run, i % 2);
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, 0);
+}
+
+TEST_F(Driver, FaultsAnswersAndRecording)
+{
+    const VSwitchInput input = Input();
+    uint32_t mode = 7;
+    const auto ask = [&] { return Ask(VSWITCH_GET_MCAST_MODE, &input, sizeof input, &mode, sizeof mode); };
+    vshost_fail(VSHOST_DRIVER, "4103", 2, 1, EBUSY);
+    vshost_fail(VSHOST_OPEN, VSWITCH_DRIVER_RTM_DEVICE, 1, 0, ENXIO);
+    EXPECT_EQ(ask(), 0);
+    EXPECT_EQ(ask(), EBUSY);
+    EXPECT_EQ(ask(), 0);
+    EXPECT_EQ(Ask(1, &input, 9, nullptr, 0, VSWITCH_DRIVER_RTM_DEVICE), ENXIO);
+    EXPECT_EQ(vshost_failed(), 2u);
+    vshost_clear();
+
+    const uint32_t answer[] = {5, 6};
+    vshost_answer(VSWITCH_GET_MCAST_MODE, 1, answer, sizeof answer);
+    vshost_record(1);
+    EXPECT_EQ(ask(), 0);
+    EXPECT_EQ(mode, 5u);
+    EXPECT_EQ(ask(), 0);
+    EXPECT_EQ(mode, 0u);
+    vshost_record(0);
+    const std::vector<Call> calls = Calls();
+    ASSERT_EQ(calls.size(), 6u);
+    const uint32_t kinds[] = {VSHOST_OPEN, VSHOST_DRIVER, VSHOST_CLOSE};
+    for (size_t i = 0; i < calls.size(); i++) {
+        EXPECT_EQ(calls[i].kind, kinds[i % 3]);
+        EXPECT_STREQ(calls[i].text, VSWITCH_DRIVER_DEVICE);
+    }
+    EXPECT_STREQ(calls[1].operation, "4103");
+    EXPECT_EQ(calls[1].length, sizeof input);
+    EXPECT_EQ(calls[1].flags, sizeof mode);
+    EXPECT_EQ(memcmp(calls[1].input, &input, sizeof input), 0);
+}
+
+TEST_F(Driver, RtmTakesAnyCommandOfTheRightLength)
+{
+    std::vector<unsigned char> record(9 + 2 * 128);
+    record[0] = 2;
+    const auto ask = [&](uint32_t number, uint32_t length) {
+        return Ask(number, record.data(), length, nullptr, 0, VSWITCH_DRIVER_RTM_DEVICE);
+    };
+    for (uint32_t number : {0u, 4106u, 0x80000001u})
+        EXPECT_EQ(ask(number, 265), 0) << number;
+    for (uint32_t length : {0u, 8u, 9u, 137u, 264u})
+        EXPECT_EQ(ask(1, length), EINVAL) << length;
+    record[3] = 2; // 0x02000002 entries, whose length is 265 when it is cut to 32 bits
+    EXPECT_EQ(ask(1, 265), EINVAL);
+}
+
+TEST_F(Driver, UplinksFollowTheStore)
+{
+    EXPECT_EQ(Uplinks(), (Words{"nic0", "nic1"}));
+    EXPECT_EQ(VSDVS_AddSwitchUplinkPort(LAB, "extra"), STATUS_OK);
+    EXPECT_EQ(Uplinks(), (Words{"nic0", "nic1", "nic2"}));
+    EXPECT_EQ(UplinkPort("nic2"), "extra");
+    EXPECT_EQ(VSDVS_RemoveSwitchUplinkPort(LAB, "uplink0"), STATUS_OK);
+    EXPECT_EQ(Uplinks(), (Words{"nic1", "nic2"}));
+    EXPECT_EQ(Change(VSWITCH_GET_UPLINK_PORT, UplinkInput("nic0")), ENODEV);
+
+    const uint64_t before = vshost_fingerprint();
+    EXPECT_EQ(VSDVS_CreateVSwitch("second", nullptr, nullptr, 1, 0, 8, 12, 0), STATUS_OK);
+    EXPECT_EQ(Uplinks("second").size(), 12u);
+    EXPECT_EQ(Uplinks("second").back(), "nic14") << "in the order of the uplink ports";
+    EXPECT_EQ(Change(VSWITCH_GET_UPLINK_LINK, UplinkInput("nic1", "second")), ENODEV);
+    EXPECT_EQ(VSDVS_DestroyVSwitch("second"), STATUS_OK);
+    EXPECT_EQ(vshost_fingerprint(), before) << "NICs made for it went with it";
+
+    EXPECT_EQ(vshost_scenario(R"({"nics": {"eth7": {},
+        "kept": {"bind": {"switch": "third", "port": "uplink1"}}}})"),
+              0)
+        << vshost_error();
+    EXPECT_EQ(VSDVS_CreateVSwitch("third", nullptr, nullptr, 1, 0, 8, 3, 0), STATUS_OK);
+    EXPECT_EQ(Uplinks("third"), (Words{"eth7", "kept", "nic3"})) << "free ones first, claimed ones in place";
+    EXPECT_EQ(VSDVS_DestroyVSwitch("third"), STATUS_OK);
+    EXPECT_EQ(UplinkPort("eth7"), "") << "what was plugged in stays";
+}
+
+TEST_F(Driver, LinksAndTheUplinkOfAPort)
+{
+    VSwitchInput first = UplinkInput("nic0");
+    EXPECT_EQ(Change(VSWITCH_SET_UPLINK_ADMIN, first), 0);
+    EXPECT_EQ(Query<uint32_t>(VSWITCH_GET_UPLINK_LINK, first), 0u);
+    EXPECT_EQ(Query<uint32_t>(VSWITCH_GET_UPLINK_LINK, UplinkInput("nic1")), 1u);
+    const auto hint = [](const char *portId) {
+        VSwitchInput input = {};
+        uint32_t number = 0;
+        EXPECT_EQ(VSDVS_DvPortIDToPortID(LAB, portId, &number), STATUS_OK);
+        input.port.portId = number;
+        struct Name {
+            char text[32];
+        };
+        return std::string(Query<Name>(VSWITCH_GET_UPLINK_HINT, input).text);
+    };
+    EXPECT_EQ(hint("port0"), "nic1");
+    EXPECT_EQ(hint("port1"), "nic1") << "the only one with a link";
+    EXPECT_EQ(hint("uplink0"), "nic0");
+    EXPECT_EQ(vshost_scenario(R"({"nics": {"nic1": {"link": "down"}}, "portsets": {"lab-portset": {"lags": {
+        "lag0": {"mode": "active", "members": ["nic0", "nic1"]}}}}})"),
+              0)
+        << vshost_error();
+    EXPECT_EQ(hint("port0"), "");
+    first.args.uplink.adminUp = 1;
+    EXPECT_EQ(Change(VSWITCH_SET_UPLINK_ADMIN, first), 0);
+    EXPECT_EQ(Query<uint32_t>(VSWITCH_GET_UPLINK_LACP, first), 1u);
+    const auto table = Query<VSwitchLagTable>(VSWITCH_GET_LAGS, Input());
+    EXPECT_EQ(table.count, 1u);
+    EXPECT_EQ(table.lags[0].linkMask, 1u);
+    EXPECT_EQ(Bytes(table.lags[1]), std::string(sizeof(VSwitchLag), '\0'));
+}
+
+TEST_F(Driver, PoliciesShowInTheAnswers)
+{
+    const auto info = [] { return Query<VSwitchInfo>(VSWITCH_GET_INFO, Input()); };
+    const auto number = [](const char *portId) {
+        uint32_t portNumber = 0;
+        EXPECT_EQ(VSDVS_DvPortIDToPortID(LAB, portId, &portNumber), STATUS_OK);
+        return portNumber;
+    };
+    EXPECT_EQ(info().flags, VSWITCH_INFO_ASSOCIATED);
+    EXPECT_EQ(info().usedPorts, 4u);
+    EXPECT_EQ(info().ports, 128u);
+    EXPECT_STREQ(info().switchId, LAB_ID);
+
+    const PortMACLearningConfig learning = {1, 0, 17, 0};
+    struct [[gnu::packed]] {
+        MirrorSessionList header;
+        MirrorSessionRecord session;
+    } list = {{0, 0, 1, 0, 0}, {}};
+    memset(list.session.sessionId, 's', sizeof list.session.sessionId);
+    EXPECT_EQ(VSDVS_SetMcastFilterMode(LAB, 1), STATUS_OK);
+    EXPECT_EQ(VSDVS_SetPortMACLearning(LAB, PORT, &learning), STATUS_OK);
+    for (const char *port : {PORT, "port1", ""})
+        EXPECT_EQ(VSDVS_AppendDVMirrorSessions(LAB, port, &list.header), STATUS_OK);
+    EXPECT_EQ(VSDVS_ConfigureSinkPort(LAB, "port1", 1), STATUS_OK);
+    EXPECT_EQ(VSDVS_SetPortLSTeamingPolicy(LAB, PORT, "gold"), STATUS_OK);
+
+    EXPECT_EQ(info().flags, 15u);
+    EXPECT_EQ(Query<uint32_t>(VSWITCH_GET_MCAST_MODE, Input()), 1u);
+    EXPECT_EQ(List(VSWITCH_GET_MIRROR_SESSIONS, Input(), 32), Words{std::string(32, 's')}) << "only once";
+    EXPECT_EQ(Query<VSwitchPortLearningStats>(VSWITCH_GET_PORT_LEARNING_STATS, PortInput(PORT)).limit, 17u);
+    EXPECT_EQ(Query<VSwitchLearningInfo>(VSWITCH_GET_LEARNING_INFO, Input()).learningPorts, 1u);
+    EXPECT_EQ(List(VSWITCH_GET_PROMISCUOUS_PORTS, Input(), 4), Words{Bytes(number("port1"))});
+    VSwitchInput port = {};
+    port.port.portId = number(PORT);
+    struct Name {
+        char text[136];
+    };
+    EXPECT_STREQ(Query<Name>(VSWITCH_GET_PORT_LS_POLICY, port).text, "gold");
+}
+
+TEST_F(Driver, MacEntriesLiveWithTheirPort)
+{
+    const auto macs = [](VSwitchInput input, uint8_t type, uint32_t number = VSWITCH_GET_PORT_MACS) {
+        input.args.mac.type = type;
+        return List(number, input, sizeof(VSwitchMacEntry)).size();
+    };
+    EXPECT_EQ(vshost_scenario(R"({"portsets": {"lab-portset": {"ports": {
+        "uplink0": {"macs": [{"address": "02:00:00:00:00:02", "type": "learned", "age": 3}]},
+        "port1": {"macs": [{"address": "02:00:00:00:00:03", "vlan": 5}], "learning": {"learned": 9}}}}}})"),
+              0)
+        << vshost_error();
+    const VSwitchInput input = MacInput({{2, 0, 0, 0, 0, 1}, VSWITCH_MAC_ANY, 0, 10, 0, 0});
+    EXPECT_EQ(Change(VSWITCH_SET_PORT_MAC, input), 0);
+    EXPECT_EQ(Change(VSWITCH_SET_PORT_MAC, input), 0) << "replaces itself";
+    VSwitchMacEntry expected = {{2, 0, 0, 0, 0, 1}, VSWITCH_MAC_STATIC, 0, 10, 0, 0};
+    uint32_t number = 0;
+    EXPECT_EQ(VSDVS_DvPortIDToPortID(LAB, PORT, &number), STATUS_OK);
+    expected.portId = number;
+    EXPECT_EQ(List(VSWITCH_GET_PORT_MACS, PortInput(PORT), sizeof expected), Words{Bytes(expected)});
+    EXPECT_EQ(macs(PortInput(PORT), VSWITCH_MAC_LEARNED), 0u);
+    EXPECT_EQ(macs(PortInput("port1"), VSWITCH_MAC_STATIC), 1u);
+    EXPECT_EQ(macs(Input(), VSWITCH_MAC_ANY, VSWITCH_GET_TEAM_MACS), 1u) << "what is behind the uplinks";
+    const auto info = Query<VSwitchLearningInfo>(VSWITCH_GET_LEARNING_INFO, Input());
+    EXPECT_EQ(info.entries, 3u);
+    EXPECT_EQ(info.learnedEntries, 1u);
+    EXPECT_EQ(info.learned, 9u);
+
+    EXPECT_EQ(VSDVS_RemoveDVPort(LAB, PORT), STATUS_OK);
+    EXPECT_EQ(VSDVS_AddDVPort(LAB, PORT, 1), STATUS_OK);
+    EXPECT_EQ(macs(PortInput(PORT), VSWITCH_MAC_ANY), 0u) << "a new port knows nothing";
+    EXPECT_EQ(Change(VSWITCH_SET_PORT_MAC, input), 0);
+    EXPECT_EQ(Change(VSWITCH_CLEAR_PORT_MAC, input), 0);
+    EXPECT_EQ(Change(VSWITCH_CLEAR_PORT_MAC, input), ENOENT);
+}
+
+TEST_F(Driver, OptionsAreReadBackAsTheyWereSet)
+{
+    struct [[gnu::packed]] Options {
+        VSwitchOptions header;
+        VSwitchOption options[VSWITCH_OPTIONS_MAX + 1];
+    };
+    static Options all, answer;
+    const auto set = [](uint32_t count) {
+        all.header = {8 + 8 * count, count};
+        return Ask(VSWITCH_SET_OPTIONS, &all, 8 + 8 * count, nullptr, 0);
+    };
+    for (uint32_t i = 0; i <= VSWITCH_OPTIONS_MAX; i++)
+        all.options[i] = {static_cast<uint16_t>(i + 1), 0, 1000 + i};
+    EXPECT_EQ(set(2), 0);
+    const uint16_t ids[] = {2, 1}, unknown[] = {1, 3};
+    EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, ids, sizeof ids, &answer, 4096), 0);
+    EXPECT_EQ(+answer.header.count, 2u);
+    EXPECT_EQ(+answer.options[0].value, 1001u) << "in the order asked for";
+    EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, unknown, sizeof unknown, &answer, 4096), ENOENT);
+    EXPECT_EQ(set(VSWITCH_OPTIONS_MAX + 1), EINVAL);
+    EXPECT_EQ(set(VSWITCH_OPTIONS_MAX), 0);
+    EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, nullptr, 0, &answer, 4096), 0);
+    EXPECT_EQ(memcmp(&answer, &all, 8 + 8 * VSWITCH_OPTIONS_MAX), 0);
+    all.options[0].id = 9999;
+    EXPECT_EQ(set(1), ENOSPC);
+    all.options[0].id = 0;
+    EXPECT_EQ(set(1), EINVAL);
+}
+
+TEST_F(Driver, GroupsByVlanAndKind)
+{
+    EXPECT_EQ(vshost_scenario(R"({"portsets": {"lab-portset": {"groups": [
+        {"address": "239.1.1.1", "vlan": 5, "joins": 4, "sources": ["10.0.0.1", "10.0.0.2"]},
+        {"address": "239.1.1.1", "vlan": 6}, {"address": "ff02::1"}, {"address": "01:00:5e:00:00:01"}],
+        "rarp": {"sent": 3}, "teaming": {"failovers": 2}}}, "macLearning": {"agingSeconds": 5}})"),
+              0)
+        << vshost_error();
+    const struct {
+        uint32_t vlan, kind, width;
+        size_t count;
+    } cases[] = {{0, 0, 6, 1}, {0, 2, 4, 1}, {5, 2, 4, 1}, {7, 2, 4, 0}, {0, 3, 16, 1}, {0, 1, 0, 0}};
+    VSwitchInput input = Input();
+    for (const auto &row : cases) {
+        input.args.mcast = {row.vlan, row.kind, {}};
+        EXPECT_EQ(List(VSWITCH_GET_MCAST_GROUPS, input, row.width).size(), row.count)
+            << row.vlan << ' ' << row.kind;
+    }
+    input.args.mcast = {0, VSWITCH_ADDRESS_IPV4, {239, 1, 1, 1}};
+    struct [[gnu::packed]] Stats {
+        VSwitchMcastStats header;
+        uint8_t sources[2][4];
+    };
+    const auto stats = Query<Stats>(VSWITCH_GET_MCAST_STATS, input);
+    EXPECT_EQ(+stats.header.joins, 4u);
+    EXPECT_EQ(+stats.header.count, 2u);
+    EXPECT_EQ(stats.sources[1][3], 2);
+    EXPECT_EQ(+Query<VSwitchRarpStats>(VSWITCH_GET_RARP_STATS, Input()).sent, 3u);
+    EXPECT_EQ(+Query<VSwitchTeamingStats>(VSWITCH_GET_SERVICE_TEAMING_STATS, Input()).failovers, 2u);
+    EXPECT_EQ(+Query<VSwitchLearningProps>(VSWITCH_GET_LEARNING_PROPS, Input()).agingSeconds, 5u);
+}
+
+TEST_F(Driver, AScenarioIsTakenWholeOrNotAtAll)
+{
+    const struct {
+        const char *json;
+        const char *complaint;
+    } cases[] = {
+        {"{", "the scenario is no JSON"},
+        {"[]", "the scenario: must be an object"},
+        {R"({"nic": {}})", "/nic: no such key; use one of"},
+        {R"({"nics": {"nic8": {}, "nic9": {"speed": "fast"}}})", "/nics/nic9/speed: must be a whole number"},
+        {R"({"nics": {"nic9": {"mtu": 1279}}})", "/nics/nic9/mtu: must be a whole number from 1280 to 9000"},
+        {R"({"nics": {"nic9": {"link": true}}})", "/nics/nic9/link: must be one of down, up"},
+        {R"({"nics": {"nic9": {"mtu": 9000, "maxMtu": 1500}}})", "/nics/nic9: mtu must not be above maxMtu"},
+        {R"({"nics": {"": {}}})", "/nics/: this name must have 1 to 31 characters"},
+        {R"({"nics": {"nic9": {"bind": {"switch": "lab"}}}})", "/nics/nic9/bind: needs both"},
+        {R"({"nics": {"nic9": {"refusedMtus": [1500, 0]}}})", "/nics/nic9/refusedMtus/1: must be"},
+        {R"({"portsets": {"p": {"ports": {"a": {"macs": [{"address": "02:00"}]}}}}})",
+         "/portsets/p/ports/a/macs/0/address: must be an Ethernet address"},
+        {R"({"portsets": {"p": {"groups": [{"address": "224.0.0.1", "sources": ["ff02::1"]}]}}})",
+         "/portsets/p/groups/0/sources/0: must be an address of the same kind"},
+        {R"({"portsets": {"p": {"rarp": {"sent": -1}}}})", "/portsets/p/rarp/sent: must be a whole number"},
+        {R"({"options": {"0": 1}})", "/options/0: an option's id"},
+        {R"({"macLearning": {"enabled": 1}})", "/macLearning/enabled: must be true or false"},
+        {R"({"nics": {"nic9": {}}, "faults": [{"operation": "4106"}]})", "/faults/0: needs a kind"},
+        {R"({"faults": [{"kind": "shell", "outcome": "dead"}]})", "/faults/0/outcome: must be one of killed"},
+    };
+    const uint64_t before = vshost_fingerprint();
+    for (const auto &row : cases) {
+        EXPECT_EQ(vshost_scenario(row.json), EINVAL) << row.json;
+        EXPECT_NE(std::string(vshost_error()).find(row.complaint), std::string::npos) << vshost_error();
+        EXPECT_EQ(vshost_fingerprint(), before) << row.json;
+    }
+    EXPECT_EQ(vshost_scenario(R"({"faults": [
+        {"kind": "driver", "operation": "4103", "times": 0, "outcome": 16}]})"),
+              0);
+    EXPECT_EQ(Change(VSWITCH_GET_MCAST_MODE, Input()), EBUSY);
+}
+
+}
