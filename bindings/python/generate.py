@@ -1,0 +1,192 @@
+#!/usr/bin/env python3
+"""Writes vswitchctl/_status.py and vswitchctl/_operations.py from the header's documentation.
+
+usage: generate.py XML_DIRECTORY HEADER [OUTPUT_DIRECTORY]
+"""
+
+import re
+import sys
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parents[1] / "docs/reference"))
+import header  # noqa: E402
+
+NOTICE = '"""{} Made from include/vswitchctl.h by bindings/python/generate.py."""\n\n'
+SIZES = {"char": 1, "uint8_t": 1, "uint16_t": 2, "uint32_t": 4, "int32_t": 4, "uint64_t": 8, "void *": 8}
+DEFAULTS = {"dvsId": " = None", "useAlias": " = True"}
+# Lists that are nothing but a count and entries, and records with entries behind them.
+COUNTED = {"UplinkNameList": "UplinkName", "UplinkPortIdList": "UplinkPortId", "LSTeamingPolicyTable": "LSTeamingPolicyEntry"}
+HEADED = {"MirrorSessionList": {"sessionCount": "MirrorSessionRecord", "portEntryCount": "MirrorPortEntry"},
+          "PortVLANRecord": {"rangeCount": "VLANRange"}}
+# Bytes of an entry of a driver's list.
+ENTRIES = {"VSZOR_GetSwitches": "128 if kind == 1 else 81", "VSZOR_GetUplinks": "36", "VSZOR_GetPortMACTable": "18",
+           "VSZOR_GetTeamMACTable": "18", "VSZOR_GetDVMirrorSessionIDs": "32", "VSZOR_GetPromiscSessionActiveDsts": "4",
+           "VSZOR_GetMcastFilters": "lib.ADDRESS_SIZES[kind]"}
+# Bytes that the library reads of a record whose length it can't know.
+READ = {"VSZOR_SetRuntimeOptions": "lib.leading(record)", "VSZOR_RTMOp": "9 + 128 * lib.leading(record)",
+        "VSZOR_GetMcastFilterStats": "lib.ADDRESS_SIZES.get(kind, 0)"}
+# What a rule would not make: (arguments, result, call).
+WRITTEN = {
+    "VSDVS_GetPrivateVLANMap": ("alias: str", "list[bytes]", 'lib.read_counted("VSDVS_GetPrivateVLANMap", lib.text(alias), size=8)'),
+    "ZORIoctl": ("path: str, request: int, data: bytes, outLength: int", "bytes",
+                 "lib.ioctl(lib.text(path), lib.number(c_int32, request), data, outLength)"),
+    "DVPortExist": ("switchId: str, dvPortId: str", "bool",
+                    'bool(lib.call_plain("DVPortExist", lib.text(switchId), lib.text(dvPortId), returns=c_uint8))'),
+}
+
+
+def ctype(name):
+    return "c_" + name.removesuffix("_t") if name != "void *" else "c_void_p"
+
+
+class Generator:
+    def __init__(self, reference):
+        self.reference = reference
+
+    def size(self, name):
+        return sum(SIZES[kind] * int(count or 1) for kind, _, count, _ in self.reference.records[name].fields)
+
+    def python_type(self, name):
+        """How a record looks in Python: text, bytes, or a class of its own."""
+        fields = self.reference.records[name].fields
+        if len(fields) == 1 and fields[0][2]:
+            return "str" if fields[0][0] == "char" else "bytes"
+        return name
+
+    def entry(self, name):
+        """An entry of a list, as the runtime wants it: a class, or a size."""
+        return name if self.python_type(name) == name else str(self.size(name))
+
+    def documented_size(self, parameter):
+        text = header.plain(parameter.text)
+        constant = re.search(r"\b[A-Z_]+_SIZE\b", text)
+        number = re.search(r"\b(\d+) bytes", text)
+        return self.reference.constants[constant.group()][0] if constant else number.group(1)
+
+    def record_classes(self):
+        for record in self.reference.records.values():
+            if self.python_type(record.name) != record.name or record.name in COUNTED or record.name == "PropValueBuffer":
+                continue
+            fields = ", ".join(f'("{name}", {ctype(kind)}{f" * {count}" if count else ""})' for kind, name, count, _ in record.fields)
+            yield f'class {record.name}(lib.Record):\n    """{record.brief}"""\n\n    _fields_ = [{fields}]\n'
+            yield from (f"    {name}: {'Any' if count else 'int'}\n" for kind, name, count, _ in record.fields)
+            yield "\n\n"
+
+    def array_in(self, parameter):
+        inner = re.sub(r"^const | \*$", "", parameter.type)
+        if inner == "void":
+            return "bytes", f"lib.block({parameter.name})"
+        if inner in SIZES:
+            return "Sequence[int]", f"({ctype(inner)} * len({parameter.name}))(*(lib.number({ctype(inner)}, n).value for n in {parameter.name}))"
+        return f"Sequence[{self.python_type(inner)}]", f"lib.block(lib.joined({parameter.name}, {self.size(inner)}))"
+
+    def value_in(self, parameter, operation):
+        """(annotation, expression) of an argument that the library reads."""
+        kind, name, words = parameter.type, parameter.name, header.plain(parameter.text)
+        inner = re.sub(r"^const | \*$", "", kind)
+        if kind == "const char *":
+            return "str | None" if "may be null" in words else "str", f"lib.text({name})"
+        if kind in SIZES:
+            return ("bool", f"lib.flag({name})") if "Boolean" in words else ("int", f"lib.number({ctype(kind)}, {name})")
+        if inner in SIZES:
+            return "int", f"byref(lib.number({ctype(inner)}, {name}))"
+        if inner == "void":
+            return "bytes", f"lib.block({name}, {READ[operation.name]})"
+        if inner in COUNTED:
+            return f"Sequence[{self.python_type(COUNTED[inner])}]", f"lib.counted({name}, {self.size(COUNTED[inner])})"
+        if inner in HEADED:
+            counts = list(HEADED[inner])
+            return self.headed_type(inner), f"lib.behind({name}, {counts})"
+        return self.python_type(inner), f"lib.block({name}, {self.size(inner)})"
+
+    def headed_type(self, record):
+        return f"tuple[{', '.join([record, *(f'list[{self.python_type(e)}]' for e in HEADED[record].values())])}]"
+
+    def value_out(self, parameter, operation):
+        kind = parameter.type
+        inner = kind.rstrip("* ")
+        if kind.endswith("**"):
+            release = "VSZOR_FreeMemory" if operation.name.startswith("VSZOR") else "VSDVS_FreeMemory"
+            annotation, read = self.buffer(parameter, inner, operation)
+            return annotation, f'lib.buffer_out("{release}", lambda a: {read})'
+        if inner in SIZES and inner != "char":
+            return ("bool", "lib.flag_out()") if inner == "uint8_t" else ("int", f"lib.number_out({ctype(inner)})")
+        if inner in ("char", "void"):
+            return ("str", f"lib.text_out({self.documented_size(parameter)})") if inner == "char" else (
+                "bytes", f"lib.bytes_out({self.documented_size(parameter)})")
+        if self.python_type(inner) == "bytes":
+            return "bytes", f"lib.bytes_out({self.size(inner)})"
+        return inner, f"lib.record_out({inner})"
+
+    def buffer(self, parameter, inner, operation):
+        if inner in COUNTED:
+            entry = COUNTED[inner]
+            if self.python_type(entry) == "str":
+                return "list[str]", f"[lib.as_text(e) for e in lib.entries(a + 4, lib.word(a), {self.size(entry)})]"
+            return "list[bytes]", f"lib.entries(a + 4, lib.word(a), {self.entry(entry)})"
+        if inner in HEADED:
+            counts = ", ".join(f'"{count}": {self.entry(entry)}' for count, entry in HEADED[inner].items())
+            return self.headed_type(inner), f"lib.headed(a, {inner}, {{{counts}}})"
+        if operation.name in ENTRIES:
+            return "lib.DriverList", f"lib.driver_list(a, {ENTRIES[operation.name]})"
+        if operation.name == "VSZOR_GetMcastFilterStats":
+            return "tuple[ZorMcastStatsHeader, list[bytes]]", 'lib.headed(a, ZorMcastStatsHeader, {"count": lib.ADDRESS_SIZES[kind]})'
+        return "bytes", f"string_at(a, {self.documented_size(parameter)})"
+
+    def operation(self, operation):
+        if operation.name in WRITTEN:
+            signature, result, call = WRITTEN[operation.name]
+        else:
+            signature, result, call = self.derive(operation)
+        return (f'def {operation.name}({signature}) -> {result}:\n    """{operation.brief}"""\n'
+                f"    {'' if result == 'None' else 'return '}{call}\n\n\n")
+
+    def derive(self, operation):
+        arguments, expressions, results, after = [], [], [], iter(operation.parameters[1:] + [None])
+        counted = False
+        for parameter in operation.parameters:
+            following = next(after)
+            if counted or parameter.name == "...":  # a count goes with the array before it
+                counted = False
+                continue
+            if parameter.type == "PropValueBuffer *":
+                expressions.append("None")
+                results.append("bytes")
+                continue
+            if parameter.type == "void *" and not operation.returns == "VsStatus":
+                annotation, expression = "c_void_p", parameter.name
+            elif parameter.direction == "out":
+                annotation, expression = self.value_out(parameter, operation)
+                results.append(annotation)
+                expressions.append(expression)
+                continue
+            elif parameter.type.endswith("*") and following and re.fullmatch("count|length|.*Count", following.name):
+                annotation, expression = self.array_in(parameter)
+                expressions.append(expression)
+                expression, counted = f"lib.number({ctype(following.type)}, len({parameter.name}))", True
+            else:
+                annotation, expression = self.value_in(parameter, operation)
+            arguments.append(f"{parameter.name}: {annotation}{DEFAULTS.get(parameter.name, '')}")
+            expressions.append(expression)
+        call = "lib.read_value" if "None" in expressions else "lib.call" if operation.returns == "VsStatus" else "lib.call_plain"
+        result = "None" if not results else results[0] if len(results) == 1 else f"tuple[{', '.join(results)}]"
+        return ", ".join(arguments), result, f"{call}({', '.join([chr(34) + operation.name + chr(34), *expressions])})"
+
+    def write(self, directory):
+        statuses = {n.removeprefix("STATUS_"): v for n, v in self.reference.constants.items() if n.startswith("STATUS_")}
+        (directory / "_status.py").write_text(
+            NOTICE.format("Status codes.") + "from enum import IntEnum\n\n\nclass Status(IntEnum):\n"
+            + '    """What an operation returned."""\n\n'
+            + "".join(f"    {name} = {value[0].removesuffix('u')}  # {value[1]}\n" for name, value in statuses.items()))
+        constants = [f"{n} = {v.removesuffix('u')}\n" for n, (v, _) in self.reference.constants.items()
+                     if re.fullmatch(r'-?\d\w*|".*"', v) and not n.startswith("STATUS_")]
+        (directory / "_operations.py").write_text(
+            NOTICE.format("The library's constants, records and operations.")
+            + "from ctypes import byref, c_char, c_int32, c_uint8, c_uint16, c_uint32, c_uint64, c_void_p, string_at\n"
+            + "from typing import Any, Sequence\n\nfrom . import _library as lib\n\n" + "".join(constants) + "\n\n"
+            + "".join(self.record_classes()) + "".join(self.operation(o) for o in self.reference.operations).rstrip() + "\n")
+
+
+if __name__ == "__main__":
+    Generator(header.read(*sys.argv[1:3])).write(Path(sys.argv[3]) if len(sys.argv) > 3 else HERE / "vswitchctl")

@@ -1,0 +1,249 @@
+"""Calls into libvswitchctl: arguments in, outputs out, failing statuses as exceptions."""
+
+import ctypes
+from dataclasses import dataclass
+from functools import cache
+from typing import Any, Callable, Iterable, Sequence
+
+from ._status import Status
+
+
+class StatusError(Exception):
+    """An operation failed; `status` is its code, `operation` its name."""
+
+    def __init__(self, status: int, operation: str):
+        self.operation = operation
+        self.status: Status | int = Status(status) if status in Status._value2member_map_ else status
+        name = self.status.name if isinstance(self.status, Status) else "a status of the store"
+        super().__init__(f"{operation}: {name} (0x{status:08X})")
+
+
+class NotFound(StatusError, LookupError):
+    """STATUS_NOT_FOUND."""
+
+
+class Exists(StatusError):
+    """STATUS_EXISTS."""
+
+
+class BadParam(StatusError, ValueError):
+    """STATUS_BAD_PARAM."""
+
+
+class NoMemory(StatusError, MemoryError):
+    """STATUS_NO_MEMORY."""
+
+
+ADDRESS_SIZES = {0: 6, 2: 4, 3: 16}  # by kind: Ethernet, IPv4, IPv6
+_ERRORS = {Status.NOT_FOUND: NotFound, Status.EXISTS: Exists, Status.BAD_PARAM: BadParam, Status.NO_MEMORY: NoMemory}
+
+
+class Record(ctypes.Structure):
+    """A packed record of the library's, compared and printed by its bytes and fields."""
+
+    _pack_ = 1
+
+    def __eq__(self, other: object) -> bool:
+        return type(self) is type(other) and bytes(self) == bytes(other)  # type: ignore[call-overload]
+
+    def __repr__(self) -> str:
+        values = ((name, getattr(self, name)) for name, *_ in self._fields_)
+        return f"{type(self).__name__}({', '.join(f'{n}={bytes(v) if isinstance(v, ctypes.Array) else v!r}' for n, v in values)})"
+
+
+class DriverList(list[bytes]):
+    """Entries of a driver's list, with the second word of its header."""
+
+    aux: int = 0
+
+
+@cache
+def library() -> ctypes.CDLL:
+    return ctypes.CDLL("libvswitchctl.so.1")
+
+
+@dataclass
+class Output:
+    """An argument that the library writes, and how its value is made from it."""
+
+    holder: Any
+    value: Callable[[Any], Any]
+
+
+def call(operation: str, *arguments: Any) -> Any:
+    """Calls an operation; its outputs' values come back, alone or in a tuple."""
+    function = getattr(library(), operation)
+    function.restype = ctypes.c_uint32
+    result = function(*(ctypes.byref(a.holder) if isinstance(a, Output) else a for a in arguments))
+    if result:
+        raise _ERRORS.get(result, StatusError)(result, operation)
+    values = [argument.value(argument.holder) for argument in arguments if isinstance(argument, Output)]
+    return values[0] if len(values) == 1 else tuple(values) or None
+
+
+def call_plain(operation: str, *arguments: Any, returns: Any = None) -> Any:
+    """Calls an operation that has no status."""
+    function = getattr(library(), operation)
+    function.restype = returns
+    return function(*arguments)
+
+
+# Arguments in.
+
+
+def text(value: str | None) -> ctypes.c_char_p:
+    if value is not None and "\0" in value:
+        raise ValueError("a name can't hold a NUL")
+    return ctypes.c_char_p(None if value is None else value.encode("utf-8", "surrogateescape"))
+
+
+def number(kind: Any, value: int) -> Any:
+    converted = kind(value)
+    if converted.value != value:
+        raise OverflowError(f"{value} does not fit {kind.__name__.removeprefix('c_')}")
+    return converted
+
+
+def flag(value: bool) -> ctypes.c_uint8:
+    return ctypes.c_uint8(bool(value))
+
+
+def block(value: bytes | Record, size: int = 0) -> Any:
+    """Bytes of a record that the library reads; with `size`, exactly that many."""
+    data = bytes(value)  # type: ignore[arg-type]
+    if size and len(data) != size:
+        raise ValueError(f"{size} bytes are needed, not {len(data)}")
+    return ctypes.create_string_buffer(data, len(data)) if data else None
+
+
+def fixed_text(value: str, size: int) -> bytes:
+    data = value.encode("utf-8", "surrogateescape")
+    if len(data) >= size:
+        raise ValueError(f"{value!r} has more than {size - 1} bytes")
+    return data.ljust(size, b"\0")
+
+
+def joined(entries: Iterable[Any], size: int) -> bytes:
+    parts = [fixed_text(entry, size) if isinstance(entry, str) else bytes(entry) for entry in entries]
+    if any(len(part) != size for part in parts):
+        raise ValueError(f"each entry needs {size} bytes")
+    return b"".join(parts)
+
+
+def leading(record: bytes) -> int:
+    """The 32 bits at the beginning of a record, which say how long it is."""
+    return int.from_bytes(record[:4], "little")
+
+
+def behind(value: tuple[Any, ...], counts: Sequence[str]) -> Any:
+    """A record and the lists behind it, whose lengths it must give rightly."""
+    record, *lists = value
+    for name, entries_in in zip(counts, lists, strict=True):
+        if getattr(record, name) != len(entries_in):
+            raise ValueError(f"{name} is {getattr(record, name)}, but there are {len(entries_in)}")
+    return block(b"".join(bytes(part) for part in [record, *(entry for entries_in in lists for entry in entries_in)]))
+
+
+def counted(entries: Sequence[Any], size: int) -> Any:
+    """A list that begins with the count of its entries."""
+    return block(len(entries).to_bytes(4, "little") + joined(entries, size))
+
+
+# Outputs.
+
+
+def number_out(kind: Any) -> Output:
+    return Output(kind(), lambda holder: holder.value)
+
+
+def flag_out() -> Output:
+    return Output(ctypes.c_uint8(), lambda holder: bool(holder.value))
+
+
+def text_out(size: int) -> Output:
+    return Output(ctypes.create_string_buffer(size), lambda holder: as_text(holder.raw))
+
+
+def bytes_out(size: int) -> Output:
+    return Output(ctypes.create_string_buffer(size), lambda holder: holder.raw)
+
+
+def record_out(kind: type[Record]) -> Output:
+    return Output(kind(), lambda holder: holder)
+
+
+def buffer_out(release: str, read: Callable[[int], Any]) -> Output:
+    """A buffer of the library's, released whether or not reading it succeeds."""
+    def value(holder: ctypes.c_void_p) -> Any:
+        try:
+            return read(holder.value or 0)
+        finally:
+            call_plain(release, holder)
+    return Output(ctypes.c_void_p(), value)
+
+
+def word(address: int) -> int:
+    return ctypes.c_uint32.from_address(address).value
+
+
+def as_text(data: bytes) -> str:
+    return data.split(b"\0", 1)[0].decode("utf-8", "surrogateescape")
+
+
+def entries(address: int, count: int, size: int, kind: Any = bytes) -> list[Any]:
+    found = (ctypes.string_at(address + index * size, size) for index in range(count))
+    return list(found) if kind is bytes else [kind.from_buffer_copy(data) for data in found]
+
+
+def driver_list(address: int, size: int) -> DriverList:
+    found = DriverList(entries(address + ctypes.sizeof(ctypes.c_uint64), word(address), size))
+    found.aux = word(address + 4)
+    return found
+
+
+def headed(address: int, header: type[Record], counts: dict[str, Any]) -> tuple[Any, ...]:
+    """A record and the lists behind it: `counts` gives for each count field its entries' class or size."""
+    record = header.from_buffer_copy(ctypes.string_at(address, ctypes.sizeof(header)))
+    lists, offset = [], address + ctypes.sizeof(header)
+    for name, kind in counts.items():
+        size = kind if isinstance(kind, int) else ctypes.sizeof(kind)
+        lists.append(entries(offset, getattr(record, name), size, bytes if isinstance(kind, int) else kind))
+        offset += len(lists[-1]) * size
+    return (record, *lists)
+
+
+def read_value(operation: str, *arguments: Any) -> bytes:
+    """A property's value of any length; None stands where its buffer goes."""
+    class Buffer(ctypes.Structure):
+        _pack_ = 1
+        _fields_ = [("length", ctypes.c_int32), ("data", ctypes.c_void_p)]
+    for _ in range(8):  # a value that grows between the two calls is asked for again
+        buffer = Buffer()
+        filled = [ctypes.byref(buffer) if argument is None else argument for argument in arguments]
+        call(operation, *filled)
+        size = buffer.length
+        data = ctypes.create_string_buffer(size or 1)
+        buffer.data = ctypes.addressof(data)
+        try:
+            call(operation, *filled)
+            return data.raw[:size]
+        except NoMemory as error:
+            last = error
+    raise last
+
+
+def read_counted(operation: str, *arguments: Any, size: int) -> list[bytes]:
+    """A list whose count is an output of its own."""
+    count = ctypes.c_uint32()
+    read = buffer_out("VSDVS_FreeMemory", lambda address: entries(address, count.value, size))
+    return call(operation, *arguments, read, ctypes.byref(count))
+
+
+def ioctl(path: ctypes.c_char_p, request: ctypes.c_int32, data: bytes, out_length: int) -> bytes:
+    class Header(ctypes.Structure):
+        _fields_ = [("inLength", ctypes.c_uint32), ("outLength", ctypes.c_uint32),
+                    ("inPtr", ctypes.c_void_p), ("outPtr", ctypes.c_void_p)]
+    given, taken = ctypes.create_string_buffer(data, len(data) or 1), ctypes.create_string_buffer(out_length or 1)
+    header = Header(len(data), out_length, ctypes.addressof(given), ctypes.addressof(taken))
+    call("ZORIoctl", path, request, ctypes.byref(header))
+    return taken.raw[:out_length]

@@ -1,0 +1,23 @@
+# Light checks of what is installed and documented, for builds that could be shipped.
+if(VSWITCHCTL_SANITIZE OR VSWITCHCTL_COVERAGE OR NOT TARGET reference)
+    return()
+endif()
+enable_testing()
+set(on_host $<TARGET_FILE:vshost_launcher> run -- ${CMAKE_COMMAND} -E env
+            LD_LIBRARY_PATH=${CMAKE_BINARY_DIR}:${CMAKE_BINARY_DIR}/platform)
+function(package_test name)
+    add_test(NAME package.${name} COMMAND ${ARGN})
+    set_tests_properties(package.${name} PROPERTIES LABELS package TIMEOUT 120)
+endfunction()
+
+package_test(manual_pages ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/check_manpages.py
+             ${PROJECT_SOURCE_DIR}/cmake/vswitchctl.map ${REFERENCE_DIRECTORY}/man)
+package_test(examples_compile ${PROJECT_SOURCE_DIR}/tests/package/examples_test.sh
+             ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
+package_test(install ${PROJECT_SOURCE_DIR}/tests/package/install_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
+package_test(python_generated ${PROJECT_SOURCE_DIR}/tests/package/generated_test.sh
+             ${PROJECT_SOURCE_DIR} ${REFERENCE_DIRECTORY}/xml)
+package_test(python ${on_host} PYTHONPATH=${PROJECT_SOURCE_DIR}/bindings/python PYTHONDONTWRITEBYTECODE=1
+             ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/python_test.py
+             ${PROJECT_SOURCE_DIR}/cmake/vswitchctl.map)
+package_test(abi ${PROJECT_SOURCE_DIR}/tests/package/abi_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})

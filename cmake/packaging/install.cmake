@@ -1,0 +1,62 @@
+# What `cmake --install` puts where. Components: runtime, dev, vsctl, host, python.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(stub_dir ${CMAKE_INSTALL_LIBDIR}/vswitchctl/stubs)
+set(host_dir ${CMAKE_INSTALL_LIBDIR}/vswitchctl-host)
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vswitchctl)
+
+# A file with @…@, filled in when it is installed, so that it names the prefix that was asked for.
+function(install_configured template destination component)
+    install(CODE "
+        set(prefix \"\${CMAKE_INSTALL_PREFIX}\")
+        set(libdir \"${CMAKE_INSTALL_LIBDIR}\")
+        set(includedir \"${CMAKE_INSTALL_INCLUDEDIR}\")
+        set(stub_dir \"${stub_dir}\")
+        set(host_dir \"${host_dir}\")
+        set(version \"${PROJECT_VERSION}\")
+        set(soversion \"${PROJECT_VERSION_MAJOR}\")
+        configure_file(\"${PROJECT_SOURCE_DIR}/cmake/packaging/${template}\"
+                       \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${destination}\" @ONLY)"
+        COMPONENT ${component})
+endfunction()
+
+# The library and what compiles against it.
+install(TARGETS vswitchctl LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES include/vswitchctl.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+write_basic_package_version_file(vswitchctl-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vswitchctl-config-version.cmake
+        DESTINATION ${package_dir} COMPONENT dev)
+install_configured(vswitchctl-config.cmake.in ${package_dir}/vswitchctl-config.cmake dev)
+install_configured(vswitchctl.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig/vswitchctl.pc dev)
+
+# The names that the library takes from the platform's store, and nothing behind them: a program links
+# where there is no platform. The folder is on no run path, so that the stub is never loaded.
+set(stub ${CMAKE_BINARY_DIR}/stubs/liborkPublic.so)
+add_custom_command(OUTPUT ${stub}
+    COMMAND ${PROJECT_SOURCE_DIR}/cmake/packaging/link_stub.sh ${CMAKE_C_COMPILER} $<TARGET_FILE:vswitchctl> ${stub}
+    DEPENDS vswitchctl cmake/packaging/link_stub.sh VERBATIM)
+add_custom_target(link_stub ALL DEPENDS ${stub})
+install(FILES ${stub} DESTINATION ${stub_dir} COMPONENT dev)
+
+# The embedded host, in a folder of its own: its store never stands in for a platform's.
+set(host_parts vshostcore orkPublic vshost tybel vshost_launcher)
+set_target_properties(${host_parts} PROPERTIES INSTALL_RPATH $ORIGIN)
+install(TARGETS ${host_parts} COMPONENT host
+        RUNTIME DESTINATION ${host_dir} LIBRARY DESTINATION ${host_dir})
+install(FILES platform/include/vshost.h platform/include/vswitch_driver.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT host)
+install(CODE "
+    file(MAKE_DIRECTORY \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
+    file(CREATE_LINK ../${host_dir}/vshost
+         \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/vshost\" SYMBOLIC)"
+    COMPONENT host)
+install_configured(vshost.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig/vshost.pc host)
+install_configured(vshost-config.cmake.in ${CMAKE_INSTALL_LIBDIR}/cmake/vshost/vshost-config.cmake host)
+
+if(TARGET vsctl)
+    install(TARGETS vsctl DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT vsctl)
+endif()
+
+install(DIRECTORY bindings/python/vswitchctl DESTINATION lib/python3/dist-packages COMPONENT python
+        FILES_MATCHING PATTERN *.py PATTERN py.typed)

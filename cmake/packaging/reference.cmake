@@ -1,0 +1,26 @@
+# Manual pages and the HTML reference, made from the header's documentation.
+find_program(DOXYGEN doxygen)
+find_package(Python3 COMPONENTS Interpreter)
+if(NOT DOXYGEN OR NOT Python3_FOUND)
+    message(STATUS "No reference: doxygen or python3 is missing")
+    return()
+endif()
+
+set(REFERENCE_DIRECTORY ${CMAKE_BINARY_DIR}/reference)
+set(reference_tools docs/reference/families.awk docs/reference/header.py docs/reference/example.py
+                    docs/reference/manpages.py docs/reference/reference.css)
+configure_file(docs/reference/Doxyfile.in ${CMAKE_BINARY_DIR}/Doxyfile @ONLY)
+add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
+    COMMAND ${CMAKE_COMMAND} -E rm -rf ${REFERENCE_DIRECTORY}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${REFERENCE_DIRECTORY}
+    COMMAND ${DOXYGEN} ${CMAKE_BINARY_DIR}/Doxyfile
+    COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/manpages.py ${REFERENCE_DIRECTORY}/xml
+            ${PROJECT_SOURCE_DIR}/include/vswitchctl.h ${REFERENCE_DIRECTORY}/man ${PROJECT_VERSION}
+    COMMAND ${CMAKE_COMMAND} -E touch ${REFERENCE_DIRECTORY}/made
+    DEPENDS include/vswitchctl.h ${CMAKE_BINARY_DIR}/Doxyfile ${reference_tools}
+    COMMENT "Reference" VERBATIM)
+add_custom_target(reference ALL DEPENDS ${REFERENCE_DIRECTORY}/made)
+
+install(DIRECTORY ${REFERENCE_DIRECTORY}/man/man3 ${REFERENCE_DIRECTORY}/man/man7
+        DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT dev)
+install(DIRECTORY ${REFERENCE_DIRECTORY}/html DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libvswitchctl-dev COMPONENT dev)

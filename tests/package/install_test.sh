@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# install_test.sh SOURCE BUILD: installs into a folder of its own, compiles the first program against it in C99
+# and C++ with pkg-config and with CMake, and runs each on the installed embedded host.
+set -euo pipefail
+source=$1 build=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+stage=$work/usr
+cmake --install "$build" --prefix "$stage" >/dev/null
+lib=$(dirname "$(find "$stage" -name libvswitchctl.so)")
+export PKG_CONFIG_PATH=$lib/pkgconfig LD_LIBRARY_PATH=$lib
+read -ra flags <<<"$(pkg-config --cflags --libs vswitchctl)"
+read -ra strict <<<"-Wall -Wextra -pedantic -Werror"
+
+gcc -std=c99 "${strict[@]}" "$source/examples/first.c" -o "$work/c99" "${flags[@]}"
+g++ -std=c++20 "${strict[@]}" -x c++ "$source/examples/first.c" -x none -o "$work/cxx" "${flags[@]}"
+cmake -S "$source/tests/package/consumer" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$stage" \
+    -DPROGRAM="$source/examples/first.c" >/dev/null
+cmake --build "$work/cmake" >/dev/null
+
+for program in "$work/c99" "$work/cxx" "$work/cmake/c99" "$work/cmake/cxx" "$work/cmake/in_test"; do
+    "$stage/bin/vshost" run -- "$program" | grep -q 'status 0x00000000'
+    # Neither the link stub nor the embedded host's store is found by itself.
+    if [ "$(basename "$program")" != in_test ] && "$program" 2>"$work/error"; then
+        echo "$program runs without a platform" >&2
+        exit 1
+    fi
+done
+grep -q 'liborkPublic.so: cannot open shared object' "$work/error"
+{ "$work/cmake/in_test" 2>&1 || true; } | grep -q 'status 0x0BAD' # finds the store, but no host
+echo "installed files serve C99 and C++ programs"
