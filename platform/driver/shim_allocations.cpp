@@ -58,27 +58,33 @@ struct Object {
                 relro = &info.dlpi_phdr[i];
     }
 
+    // The loader has made the addresses absolute, but for the kernel's own object, which it cannot change.
+    Elf64_Addr Address(const Elf64_Dyn &entry) const
+    {
+        return entry.d_un.d_ptr < base ? base + entry.d_un.d_ptr : entry.d_un.d_ptr;
+    }
+
     void Read(const Elf64_Dyn *entry)
     {
         for (; entry->d_tag != DT_NULL; ++entry)
             switch (entry->d_tag) {
             case DT_STRTAB:
-                strings = reinterpret_cast<const char *>(entry->d_un.d_ptr);
+                strings = reinterpret_cast<const char *>(Address(*entry));
                 break;
             case DT_SYMTAB:
-                symbols = reinterpret_cast<const Elf64_Sym *>(entry->d_un.d_ptr);
+                symbols = reinterpret_cast<const Elf64_Sym *>(Address(*entry));
                 break;
             case DT_SONAME:
                 soname = entry->d_un.d_val;
                 break;
             case DT_JMPREL:
-                calls = reinterpret_cast<const Elf64_Rela *>(entry->d_un.d_ptr);
+                calls = reinterpret_cast<const Elf64_Rela *>(Address(*entry));
                 break;
             case DT_PLTRELSZ:
                 callCount = entry->d_un.d_val / sizeof(Elf64_Rela);
                 break;
             case DT_RELA:
-                others = reinterpret_cast<const Elf64_Rela *>(entry->d_un.d_ptr);
+                others = reinterpret_cast<const Elf64_Rela *>(Address(*entry));
                 break;
             case DT_RELASZ:
                 otherCount = entry->d_un.d_val / sizeof(Elf64_Rela);
