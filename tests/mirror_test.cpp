@@ -1,0 +1,312 @@
+// Mirror lists against a model: sessions with their own entries, written out as one list.
+#include "tests/family.h"
+
+#include <algorithm>
+#include <random>
+
+namespace {
+
+struct Session {
+    std::string id;
+    std::string settings = std::string(184, 's');
+    uint32_t counts[3] = {};
+    std::string entries; // 52 bytes each
+};
+using Model = std::vector<Session>;
+
+struct Header {
+    uint32_t magic = MIRROR_LIST_MAGIC, version = MIRROR_LIST_VERSION, reserved = 0;
+};
+
+std::string List(const Model &model, const Header &header = {})
+{
+    std::string sessions, entries;
+    for (const Session &session : model) {
+        sessions += Field(session.id, 32) + session.settings + Bytes(session.counts) +
+                    Word(static_cast<uint32_t>(entries.size() / 52));
+        entries += session.entries;
+    }
+    return Word(header.magic) + Word(header.version) + Word(static_cast<uint32_t>(model.size())) +
+           Word(static_cast<uint32_t>(entries.size() / 52)) + Word(header.reserved) + sessions + entries;
+}
+
+// A session of so many entries, each with bytes of its own.
+Session Made(const std::string &id, uint32_t a, uint32_t b = 0, uint32_t c = 0)
+{
+    Session session = {id, std::string(184, id[0]), {a, b, c}, {}};
+    for (uint32_t i = 0; i < a + b + c; i++)
+        session.entries += Field(id.substr(0, 20) + ':' + std::to_string(i), 52);
+    return session;
+}
+
+// One of the two places.
+struct Place {
+    const char *port;
+    StoreLevel level;
+    const char *key;
+
+    std::optional<std::string> Stored() const
+    {
+        const auto stored = Read(level, key);
+        EXPECT_TRUE(!stored || stored->flags == 0x08);
+        return stored ? std::optional(stored->bytes) : std::nullopt;
+    }
+    void Store(const std::optional<std::string> &list) const { ::Store({key, level, 0x08}, list); }
+    VsStatus Append(const std::string &list) const
+    {
+        return VSDVS_AppendDVMirrorSessions(LAB, port,
+                                            reinterpret_cast<const MirrorSessionList *>(list.data()));
+    }
+    VsStatus RemoveSession(const char *id) const { return VSDVS_RemoveDVMirrorSession(LAB, port, id); }
+};
+
+constexpr Place PLACES[] = {
+    {PORT, StoreLevel::PORT, "com.talpex.vswitch.port.mirrorSessions"},
+    {nullptr, StoreLevel::HOST, "com.talpex.vswitch.uplinkMirrorSessions"},
+    {"", StoreLevel::HOST, "com.talpex.vswitch.uplinkMirrorSessions"},
+};
+const Place &AT_PORT = PLACES[0];
+
+void ExpectRead(const Place &place, VsStatus status, const std::string &list)
+{
+    MirrorSessionList *const untouched = reinterpret_cast<MirrorSessionList *>(8), *read = untouched;
+    EXPECT_EQ(VSDVS_GetDVMirrorSessions(LAB, place.port, &read), status);
+    EXPECT_EQ(read == untouched, status != STATUS_OK);
+    if (status != STATUS_OK) return;
+    EXPECT_EQ(memcmp(read, list.data(), list.size()), 0);
+    VSDVS_FreeMemory(read);
+}
+
+TEST_F(LabTest, SessionsAreAppendedAndRemovedAtBothPlaces)
+{
+    const Model first = {Made("a", 1), Made("b", 0, 1, 1)}, third = {Made("c", 2)};
+    Model all = first;
+    all.push_back(third[0]);
+    for (const Place &place : PLACES) {
+        SCOPED_TRACE(place.key);
+        ExpectRead(place, STATUS_NOT_FOUND, "");
+        EXPECT_EQ(place.RemoveSession("a"), STATUS_NOT_FOUND);
+        ASSERT_EQ(place.Append(List(first)), STATUS_OK);
+        EXPECT_EQ(place.Stored(), List(first));
+        EXPECT_EQ(List(first).size(), 640u);
+        ASSERT_EQ(place.Append(List(third)), STATUS_OK);
+        EXPECT_EQ(place.Stored(), List(all));
+        ExpectRead(place, STATUS_OK, List(all));
+        EXPECT_EQ(place.Append(List({Made("d", 1), Made("b", 1)})), STATUS_EXISTS);
+        EXPECT_EQ(place.RemoveSession("d"), STATUS_NOT_FOUND);
+        EXPECT_EQ(place.Stored(), List(all));
+        EXPECT_EQ(place.RemoveSession("b"), STATUS_OK);
+        EXPECT_EQ(place.Stored(), List({all[0], all[2]}));
+        EXPECT_EQ(place.RemoveSession("c"), STATUS_OK);
+        EXPECT_EQ(place.RemoveSession("a"), STATUS_OK);
+        EXPECT_EQ(place.Stored(), std::nullopt);
+        ASSERT_EQ(place.Append(List({})), STATUS_OK);
+        EXPECT_EQ(place.Stored(), List({}));
+        EXPECT_EQ(place.RemoveSession("a"), STATUS_NOT_FOUND);
+        EXPECT_EQ(VSDVS_ClearDVMirrorSessions(LAB, place.port), STATUS_OK);
+        EXPECT_EQ(place.Stored(), std::nullopt);
+    }
+}
+
+TEST_F(LabTest, ACallersListMustAddUp)
+{
+    const auto list = [](uint32_t a, uint32_t b, uint32_t c, uint32_t first, uint32_t entries) {
+        std::string bytes = List({Made("a", 2), Made("b", 1)});
+        const uint32_t counts[] = {a, b, c, first};
+        memcpy(bytes.data() + 20 + 232 + 216, counts, sizeof(counts));
+        memcpy(bytes.data() + 12, &entries, sizeof(entries));
+        return bytes;
+    };
+    const struct {
+        std::string list;
+        VsStatus status;
+    } cases[] = {
+        {list(1, 0, 0, 2, 3), STATUS_OK},
+        {list(0, 0, 1, 0, 3), STATUS_OK}, // order, gaps and overlaps are not looked at
+        {list(1, 0, 0, 3, 3), STATUS_BAD_PARAM},
+        {list(1, 1, 0, 1, 3), STATUS_BAD_PARAM},
+        {list(0, 0, 0, 0, 3), STATUS_BAD_PARAM},
+        {list(1, 0, 0, 2, 4), STATUS_BAD_PARAM},
+        {list(1, 0, 0, 2, 2), STATUS_BAD_PARAM},
+        {list(0xffffffff, 2, 0, 0, 3), STATUS_BAD_PARAM}, // sums that would wrap to 1
+        {list(0xffffffff, 0, 2, 2, 3), STATUS_BAD_PARAM},
+        {list(1, 0, 0, 0xffffffff, 3), STATUS_BAD_PARAM},
+        {Word(0) + Word(0) + Word(0) + Word(1) + Word(0), STATUS_BAD_PARAM},
+        {Word(0) + Word(0) + Word(0) + Word(0) + Word(9), STATUS_OK},
+    };
+    for (const auto &row : cases) {
+        SCOPED_TRACE(&row - cases);
+        const auto *list = reinterpret_cast<const MirrorSessionList *>(row.list.data());
+        EXPECT_EQ(AT_PORT.Append(row.list), row.status);
+        EXPECT_EQ(AT_PORT.Stored().has_value(), row.status == STATUS_OK);
+        EXPECT_EQ(VSDVS_AppendDVMirrorSessions("none", PORT, list),
+                  row.status == STATUS_OK ? STATUS_NOT_FOUND : STATUS_BAD_PARAM);
+        AT_PORT.Store(std::nullopt);
+    }
+}
+
+TEST_F(LabTest, AStoredListMustHoldWhatItCounts)
+{
+    const Model two = {Made("a", 1), Made("b", 1)};
+    const Header others = {1, 9, 0xabcdef};
+    const std::string list = List(two, others);
+    const struct {
+        std::string stored;
+        VsStatus status;
+    } cases[] = {
+        {"", STATUS_FAILURE},
+        {List({}).substr(0, 19), STATUS_FAILURE},
+        {List({}), STATUS_OK},
+        {list.substr(0, list.size() - 1), STATUS_FAILURE},
+        {list, STATUS_OK},
+        {list + "extra", STATUS_OK},
+        {list.substr(0, 8) + Word(0xffffffff) + list.substr(12), STATUS_FAILURE},
+        {list.substr(0, 12) + Word(0xffffffff) + list.substr(16), STATUS_FAILURE},
+        // 232 times this is 0 in 32 bits
+        {list.substr(0, 8) + Word(0x20000000) + list.substr(12), STATUS_FAILURE},
+    };
+    for (const auto &row : cases) {
+        SCOPED_TRACE(&row - cases);
+        AT_PORT.Store(row.stored);
+        ExpectRead(AT_PORT, row.status, row.stored);
+        if (row.status == STATUS_OK) continue;
+        EXPECT_EQ(AT_PORT.Append(List({Made("c", 1)})), STATUS_FAILURE);
+        EXPECT_EQ(AT_PORT.RemoveSession("a"), STATUS_FAILURE);
+        EXPECT_EQ(AT_PORT.Stored(), row.stored);
+    }
+    // Edits keep the header of whoever made the list, and nothing beyond its counts.
+    AT_PORT.Store(list + "extra");
+    ASSERT_EQ(AT_PORT.Append(List({Made("c", 1)}, {7, 7, 7})), STATUS_OK);
+    EXPECT_EQ(AT_PORT.Stored(), List({two[0], two[1], Made("c", 1)}, others));
+    AT_PORT.Store(list + "extra");
+    ASSERT_EQ(AT_PORT.RemoveSession("a"), STATUS_OK);
+    EXPECT_EQ(AT_PORT.Stored(), List({two[1]}, others));
+}
+
+TEST_F(LabTest, OnlyARemovalLooksAtTheBlocks)
+{
+    const std::string whole = List({Made("a", 1), Made("b", 2), Made("c", 1)});
+    const struct {
+        uint32_t firsts[3];
+        VsStatus status;
+    } cases[] = {
+        {{0, 1, 3}, STATUS_OK},
+        {{1, 0, 3}, STATUS_FAILURE},
+        {{0, 2, 3}, STATUS_FAILURE},
+        {{0, 1, 2}, STATUS_FAILURE},
+        {{0, 1, 4}, STATUS_FAILURE},
+        {{1, 2, 4}, STATUS_FAILURE},
+        {{0, 0xffffffff, 3}, STATUS_FAILURE},
+    };
+    for (const auto &row : cases) {
+        SCOPED_TRACE(&row - cases);
+        std::string list = whole;
+        for (size_t i = 0; i < 3; i++)
+            memcpy(&list[20 + 232 * i + 228], &row.firsts[i], 4);
+        AT_PORT.Store(list);
+        ExpectRead(AT_PORT, STATUS_OK, list);
+        EXPECT_EQ(AT_PORT.RemoveSession("none"), STATUS_NOT_FOUND);
+        EXPECT_EQ(AT_PORT.RemoveSession("b"), row.status);
+        EXPECT_EQ(AT_PORT.Stored() == list, row.status != STATUS_OK);
+        AT_PORT.Store(list);
+        EXPECT_EQ(AT_PORT.Append(List({Made("d", 1)})), STATUS_OK);
+        EXPECT_EQ(AT_PORT.Stored()->substr(20, 3 * 232), list.substr(20, 3 * 232));
+    }
+    // Entries at the end that nobody owns stay; a list's only session takes the list with it.
+    std::string list = whole + std::string(52, 'e'), only = List({Made("a", 1)});
+    list[12] = 5;
+    AT_PORT.Store(list);
+    ASSERT_EQ(AT_PORT.RemoveSession("b"), STATUS_OK);
+    std::string expected = List({Made("a", 1), Made("c", 1)}) + std::string(52, 'e');
+    expected[12] = 3;
+    EXPECT_EQ(AT_PORT.Stored(), expected);
+    only[20 + 228] = 9;
+    AT_PORT.Store(only);
+    EXPECT_EQ(AT_PORT.RemoveSession("a"), STATUS_OK);
+    EXPECT_EQ(AT_PORT.Stored(), std::nullopt);
+}
+
+TEST_F(LabTest, AnIdCountsForThirtyTwoBytes)
+{
+    const std::string full(32, 'x');
+    ASSERT_EQ(AT_PORT.Append(List({Made(full, 1), Made("xx", 1), Made("xx", 2)})), STATUS_OK);
+    EXPECT_EQ(AT_PORT.RemoveSession(full.substr(1).c_str()), STATUS_NOT_FOUND);
+    EXPECT_EQ(AT_PORT.RemoveSession("XX"), STATUS_NOT_FOUND);
+    EXPECT_EQ(AT_PORT.Append(List({Made(full, 1)})), STATUS_EXISTS);
+    EXPECT_EQ(AT_PORT.RemoveSession("xx"), STATUS_OK); // the first of two
+    EXPECT_EQ(AT_PORT.Stored(), List({Made(full, 1), Made("xx", 2)}));
+    EXPECT_EQ(AT_PORT.RemoveSession((full + "more").c_str()), STATUS_OK);
+    EXPECT_EQ(AT_PORT.Stored(), List({Made("xx", 2)}));
+}
+
+TEST_F(LabTest, AFailedWriteLeavesTheList)
+{
+    ASSERT_EQ(AT_PORT.Append(List({Made("a", 1), Made("b", 1)})), STATUS_OK);
+    const std::string append = List({Made("c", 1)});
+    ExpectUndone(
+        {"DVSZOR_PortDataGet", "DVSZOR_PortDataSet"}, 2, [&] { return AT_PORT.Append(append); },
+        [] { EXPECT_EQ(AT_PORT.RemoveSession("c"), STATUS_OK); });
+    const std::string b = List({Made("b", 1)});
+    ExpectUndone(
+        {"DVSZOR_PortDataGet", "DVSZOR_PortDataSet"}, 2, [] { return AT_PORT.RemoveSession("b"); },
+        [&] { EXPECT_EQ(AT_PORT.Append(b), STATUS_OK); });
+}
+
+TEST_F(LabTest, RandomEditsFollowTheModel)
+{
+    for (uint32_t seed = 1; seed <= 20; seed++) {
+        std::mt19937 random(seed);
+        const auto upTo = [&](uint32_t most) { return static_cast<uint32_t>(random() % (most + 1)); };
+        const auto id = [&] { return "session" + std::to_string(upTo(seed <= 10 ? 12 : 2000)); };
+        const Place &place = PLACES[seed % 3];
+        std::optional<Model> model;
+        place.Store(std::nullopt);
+        for (int edit = 0; edit < 60; edit++) {
+            SCOPED_TRACE("seed " + std::to_string(seed) + ", edit " + std::to_string(edit));
+            if (random() % 3 > 0) {
+                Model added(upTo(seed <= 10 ? 3 : 30));
+                for (Session &session : added)
+                    session = Made(id(), upTo(2), upTo(2), upTo(1));
+                const bool known =
+                    model && std::any_of(added.begin(), added.end(), [&](const Session &session) {
+                        return std::any_of(model->begin(), model->end(),
+                                           [&](const Session &other) { return other.id == session.id; });
+                    });
+                EXPECT_EQ(place.Append(List(added)), known ? STATUS_EXISTS : STATUS_OK);
+                if (!model) model.emplace();
+                if (!known) model->insert(model->end(), added.begin(), added.end());
+            } else {
+                const std::string gone =
+                    model && !model->empty() && upTo(3) ? (*model)[upTo(1000) % model->size()].id : id();
+                const auto found = !model ? Model::iterator()
+                                          : std::find_if(model->begin(), model->end(),
+                                                         [&](const Session &s) { return s.id == gone; });
+                const bool known = model && found != model->end();
+                EXPECT_EQ(place.RemoveSession(gone.c_str()), known ? STATUS_OK : STATUS_NOT_FOUND);
+                if (known) model->erase(found);
+                if (known && model->empty()) model.reset();
+            }
+            const auto stored = place.Stored();
+            ASSERT_EQ(stored.has_value(), model.has_value());
+            ASSERT_TRUE(!model || *stored == List(*model));
+        }
+    }
+}
+
+TEST_F(LabTest, FiveHundredSessionsAreCutDownToNone)
+{
+    Model model;
+    for (uint32_t i = 0; i < 500; i++)
+        model.push_back(Made(std::to_string(i), i % 3, i % 2, i % 5));
+    ASSERT_EQ(AT_PORT.Append(List(model)), STATUS_OK);
+    for (std::mt19937 random(1); !model.empty();) {
+        const auto gone = model.begin() + static_cast<ptrdiff_t>(random() % model.size());
+        ASSERT_EQ(AT_PORT.RemoveSession(gone->id.c_str()), STATUS_OK);
+        model.erase(gone);
+        const auto stored = AT_PORT.Stored();
+        ASSERT_EQ(stored.has_value(), !model.empty());
+        ASSERT_TRUE(!stored || *stored == List(model));
+    }
+}
+
+}
