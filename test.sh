@@ -27,7 +27,7 @@ run_tests() { # preset, further arguments of ctest
 
 run_fuzz_targets() { # seconds for each
     echo "== Fuzz targets, $1 s each"
-    build_preset fuzz
+    build_preset fuzz "${FUZZ_TARGETS[@]/#/fuzz_}" tybel
     local target corpus
     for target in "${FUZZ_TARGETS[@]}"; do
         corpus=$(mktemp -d)
