@@ -38,10 +38,10 @@ struct ShimHost {
 };
 
 const RealFunctions &Real();
-const ShimHost *CurrentHost();  // null: this process is on none
-void LeaveHost();                // before the core comes to a host or leaves it: it opens and closes device files
-void FollowHost();              // after the core has come to a host or left it
-const VshostCore *Core();       // loads the core; null when that fails
+const ShimHost *CurrentHost(); // null: this process is on none
+void LeaveHost();         // before the core comes to a host or leaves it: it opens and closes device files
+void FollowHost();        // after the core has come to a host or left it
+const VshostCore *Core(); // loads the core; null when that fails
 const VshostCore *LoadedCore(); // null as long as this process didn't need it
 const VshostDriver *Driver();   // of the core, likewise loaded
 const char *TybelPath();        // the shell that stands beside this library

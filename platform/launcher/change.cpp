@@ -1,4 +1,5 @@
 // vshost reset, bind, nic and remove-nic.
+#include <algorithm>
 #include <cstdlib>
 
 #include "platform/launcher/launcher.h"
@@ -44,13 +45,15 @@ int BindNicOnHost(const std::string &state, const std::string &nic, const std::s
     const VsStatus status = host->GetEngine().Write([&](Transaction &transaction) -> VsStatus {
         Nic found;
         std::string switchId;
+        std::vector<std::string> portIds;
         wrong = "no NIC " + nic + "; add it with `vshost nic " + nic + "`";
         if (nic.size() > MAX_NIC_NAME) return STATUS_NOT_FOUND;
         if (VsStatus missing = GetRecord(transaction, runtime::NicKey(nic), found)) return missing;
         wrong = "no switch " + switchName + "; list them with `vshost show`";
         if (VsStatus missing = FindSwitch(transaction, switchName, switchId)) return missing;
         wrong = portId + " is no uplink port of switch " + switchName;
-        if (VsStatus missing = BindNic(transaction, nic, switchId, portId)) return missing;
+        if (VsStatus failed = ListUplinkPorts(transaction, switchId, portIds)) return failed;
+        if (std::find(portIds.begin(), portIds.end(), portId) == portIds.end()) return STATUS_NOT_FOUND;
         return ClaimNic(transaction, nic, switchName, portId);
     });
     if (status == STATUS_NOT_FOUND) throw LauncherError{wrong};
