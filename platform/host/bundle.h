@@ -2,7 +2,7 @@
 // stands in stored rows and is what DVSData_Serialize hands out:
 //     magic, version, total length, entry count          u32 each
 //     entries: key length, flags, value length (u32 each), key, value
-//     CRC-32 of all that precedes                        u32
+//     CRC-32C of all that precedes                        u32
 #ifndef PLATFORM_HOST_BUNDLE_H
 #define PLATFORM_HOST_BUNDLE_H
 

@@ -95,13 +95,14 @@ VsStatus GetRowToChange(Transaction &transaction, const PropertyOwner &owner, st
     return transaction.Get(SwitchKey(owner.switchId), switchRow);
 }
 
-// Applies `change` to the bundle within a row.
+// Applies `change` to the bundle within a row; what it refuses leaves the row of no use.
 template<typename Change> bool ChangeBundle(std::string &row, Level level, Change change)
 {
     const size_t offset = BundleOffset(level);
-    std::string bundle = row.substr(offset);
-    if (!change(bundle)) return false;
-    row.replace(offset, std::string::npos, bundle);
+    const std::string number = row.substr(0, offset);
+    row.erase(0, offset);
+    if (!change(row)) return false;
+    row.insert(0, number);
     return true;
 }
 
