@@ -53,9 +53,8 @@ int WaitWhileBusy(void *, int)
     return 1;
 }
 
-bool IsDiskFull(int error) { return StatusOfErrno(error) == STATUS_NO_SPACE; }
-
-VsStatus StatusOf(sqlite3 *database, int result)
+// `error` is errno as SQLite left it: sqlite3_system_errno knows it only after the statement is reset.
+VsStatus StatusOf(int result, int error)
 {
     switch (result & 0xFF) {
     case SQLITE_OK:
@@ -72,13 +71,13 @@ VsStatus StatusOf(sqlite3 *database, int result)
     case SQLITE_TOOBIG:
         return STATUS_TOO_LARGE;
     case SQLITE_CANTOPEN:
-        return StatusOfErrno(sqlite3_system_errno(database));
+        return StatusOfErrno(error);
     default:
         break;
     }
     if (result == SQLITE_IOERR_NOMEM) return STATUS_NO_MEMORY;
     const bool full = result == SQLITE_IOERR_SHMSIZE ||
-                      (result == SQLITE_IOERR_WRITE && IsDiskFull(sqlite3_system_errno(database)));
+                      (result == SQLITE_IOERR_WRITE && StatusOfErrno(error) == STATUS_NO_SPACE);
     return full ? STATUS_NO_SPACE : STATUS_IO_ERROR;
 }
 
@@ -294,7 +293,7 @@ private:
     VsStatus Failed(int result)
     {
         damaged |= IsDamage(result);
-        const VsStatus status = StatusOf(database, result);
+        const VsStatus status = StatusOf(result, errno);
         return status == STATUS_OK ? STATUS_IO_ERROR : status;
     }
 
