@@ -289,10 +289,10 @@ static uint64_t Entries(const MirrorSessionRecord *session)
 static VsStatus ReadMirrors(const char *switchId, const char *dvPortId, void **list)
 {
     uint32_t length = 0;
-    VsStatus status = dvPortId ? DVSZOR_PortDataGet(switchId, dvPortId,
-                                                    "com.talpex.vswitch.port.mirrorSessions", list, &length)
-                               : DVSZOR_HostPropGet(switchId, "com.talpex.vswitch.uplinkMirrorSessions", list,
-                                                    &length);
+    VsStatus status =
+        dvPortId && *dvPortId
+            ? DVSZOR_PortDataGet(switchId, dvPortId, "com.talpex.vswitch.port.mirrorSessions", list, &length)
+            : DVSZOR_HostPropGet(switchId, "com.talpex.vswitch.uplinkMirrorSessions", list, &length);
     if (status != STATUS_OK) return status;
     if (length >= sizeof(MirrorSessionList) && MirrorSize(*list) <= length) return STATUS_OK;
     DVSZOR_DataFree(*list);
@@ -302,10 +302,10 @@ static VsStatus ReadMirrors(const char *switchId, const char *dvPortId, void **l
 static VsStatus WriteMirrors(const char *switchId, const char *dvPortId, const MirrorSessionList *list)
 {
     const uint32_t size = (uint32_t)MirrorSize(list);
-    return dvPortId ? DVSZOR_PortDataSet(switchId, dvPortId, "com.talpex.vswitch.port.mirrorSessions", list,
-                                         size, 0x08)
-                    : DVSZOR_HostPropSet(switchId, "com.talpex.vswitch.uplinkMirrorSessions", list, size,
-                                         0x08);
+    return dvPortId && *dvPortId
+               ? DVSZOR_PortDataSet(switchId, dvPortId, "com.talpex.vswitch.port.mirrorSessions", list, size,
+                                    0x08)
+               : DVSZOR_HostPropSet(switchId, "com.talpex.vswitch.uplinkMirrorSessions", list, size, 0x08);
 }
 
 VsStatus Hand_VSDVS_GetDVMirrorSessions(const char *alias, const char *dvPortId, MirrorSessionList **list)
@@ -385,7 +385,7 @@ static VsStatus CutMirror(const char *switchId, const char *dvPortId, MirrorSess
         index++;
     if (index == list->sessionCount) return STATUS_NOT_FOUND;
     if (list->sessionCount == 1)
-        return dvPortId
+        return dvPortId && *dvPortId
                    ? DVSZOR_PortDataClear(switchId, dvPortId, "com.talpex.vswitch.port.mirrorSessions")
                    : DVSZOR_HostPropClear(switchId, "com.talpex.vswitch.uplinkMirrorSessions");
     uint64_t next = 0;
@@ -402,7 +402,8 @@ static VsStatus CutMirror(const char *switchId, const char *dvPortId, MirrorSess
     uint8_t *after = entries + (first + count) * sizeof(MirrorPortEntry);
     uint8_t *end = entries + list->portEntryCount * sizeof(MirrorPortEntry);
     uint8_t *to = (uint8_t *)(sessions + index);
-    const size_t before = (size_t)(entries + first * sizeof(MirrorPortEntry) - (uint8_t *)(sessions + index + 1));
+    const size_t before =
+        (size_t)(entries + first * sizeof(MirrorPortEntry) - (uint8_t *)(sessions + index + 1));
     memmove(to, sessions + index + 1, before);
     memmove(to + before, after, (size_t)(end - after));
     list->sessionCount--;
@@ -673,7 +674,8 @@ struct RequestInput {
     };
 } __attribute__((packed));
 
-static VsStatus Driver(int32_t command, const void *input, uint32_t inLength, void *output, uint32_t outLength)
+static VsStatus Driver(int32_t command, const void *input, uint32_t inLength, void *output,
+                       uint32_t outLength)
 {
     ZorRequestHeader header = {inLength, outLength, (uint64_t)(uintptr_t)input, (uint64_t)(uintptr_t)output};
     int device = open(ZOR_DEVICE, O_RDWR);

@@ -232,7 +232,11 @@ VsStatus DVSState_HostPropLookup(const char *switchId, const char *key, void **p
     return Lookup(switchId, key, property);
 }
 
-const char *DVS_ClassName(void *switchHandle) { return (void)switchHandle, "vswitch"; }
+const char *DVS_ClassName(void *switchHandle)
+{
+    static const char CLASS[64] __attribute__((aligned(64))) = "vswitch";
+    return (void)switchHandle, CLASS;
+}
 
 const char *DVS_SwitchId(void *switchHandle)
 {

@@ -1,5 +1,5 @@
-// Calls every operation once over the null platform, and beside it what was written by hand, so that callgrind
-// can count the instructions of each call: one dump a call, named after the operation.
+// Calls every operation once over the null platform, and beside it what was written by hand, so that
+// callgrind can count the instructions of each call: one dump a call, named after the operation.
 #include "by_hand.h"
 #include "core/property.h"
 #include "null_platform.h"
@@ -15,12 +15,13 @@
 
 namespace {
 
-constexpr char ALIAS[] = "lab";
-constexpr char ID[] = "73 77 69 74 63 68 2d 30-30 30 30 30 30 30 30 00";
-constexpr char PORT[] = "port0";
-constexpr char PORTSET[] = "lab-portset";
-constexpr char UPLINK[] = "nic0";
-constexpr char KEY[] = "com.talpex.vswitch.port.security";
+// libc takes another way through texts that lie at the end of a page.
+alignas(64) constexpr char ALIAS[] = "lab";
+alignas(64) constexpr char ID[] = "73 77 69 74 63 68 2d 30-30 30 30 30 30 30 30 00";
+alignas(64) constexpr char PORT[] = "port0";
+alignas(64) constexpr char PORTSET[] = "lab-portset";
+alignas(64) constexpr char UPLINK[] = "nic0";
+alignas(64) constexpr char KEY[] = "com.talpex.vswitch.port.security";
 
 VsStatus status;
 uint32_t word = 1;
@@ -76,10 +77,7 @@ std::vector<uint8_t> storedMirrors;
 const std::vector<uint8_t> added = MirrorList("added", 1);
 char removed[32];
 
-const MirrorSessionList *AddedMirrors()
-{
-    return reinterpret_cast<const MirrorSessionList *>(added.data());
-}
+const MirrorSessionList *AddedMirrors() { return reinterpret_cast<const MirrorSessionList *>(added.data()); }
 
 struct Row {
     const char *operation;
