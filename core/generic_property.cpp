@@ -3,28 +3,8 @@
 
 namespace {
 
-struct Place {
-    StoreLevel level;
-    const char *alias;
-    const char *dvPortId;
-    const char *key;
-    const char *dvsId;
-    uint8_t useAlias;
-
-    VsStatus Resolve(PropertyScope *scope) const
-    {
-        if (!key || (level == StoreLevel::PORT && !dvPortId)) return STATUS_BAD_PARAM;
-        return scope->Resolve(alias, dvsId, useAlias, dvPortId);
-    }
-};
-
-VsStatus Get(const Place &place, PropValueBuffer *buffer)
+inline VsStatus CopyOut(const StoreValue &value, PropValueBuffer *buffer)
 {
-    if (!buffer || (buffer->length > 0 && !buffer->data)) return STATUS_BAD_PARAM;
-    PropertyScope scope;
-    if (VsStatus status = place.Resolve(&scope)) return status;
-    StoreValue value;
-    if (VsStatus status = scope.Read(place.level, place.key, &value)) return status;
     const auto length = static_cast<int32_t>(value.length);
     if (buffer->length == 0) {
         buffer->length = length;
@@ -35,70 +15,92 @@ VsStatus Get(const Place &place, PropValueBuffer *buffer)
     return STATUS_OK;
 }
 
-VsStatus Set(const Place &place, const void *data, uint32_t length)
+inline VsStatus Get(const PropertyScope &scope, StoreLevel level, const char *key, PropValueBuffer *buffer)
 {
-    PropertyScope scope;
-    if (VsStatus status = place.Resolve(&scope)) return status;
-    return scope.Write(place.level, place.key, data, length, GENERIC_FLAGS);
+    StoreValue value;
+    if (VsStatus status = scope.Read(level, key, &value)) return status;
+    return CopyOut(value, buffer);
 }
 
-VsStatus Clear(const Place &place)
-{
-    PropertyScope scope;
-    if (VsStatus status = place.Resolve(&scope)) return status;
-    return scope.Remove(place.level, place.key);
-}
+bool IsUsable(const PropValueBuffer *buffer) { return buffer && (buffer->length <= 0 || buffer->data); }
 
 }
 
 VsStatus VSDVS_GetPortProp(const char *alias, const char *dvPortId, const char *key, PropValueBuffer *value,
                            const char *dvsId, uint8_t useAlias)
 {
-    return Get({StoreLevel::PORT, alias, dvPortId, key, dvsId, useAlias}, value);
+    if (!dvPortId || !key || !IsUsable(value)) return STATUS_BAD_PARAM;
+    PropertyScope port;
+    if (VsStatus status = port.Resolve(alias, dvsId, useAlias, dvPortId)) return status;
+    return Get(port, StoreLevel::PORT, key, value);
 }
 
 VsStatus VSDVS_GetHostProp(const char *alias, const char *key, PropValueBuffer *value, const char *dvsId,
                            uint8_t useAlias)
 {
-    return Get({StoreLevel::HOST, alias, nullptr, key, dvsId, useAlias}, value);
+    if (!key || !IsUsable(value)) return STATUS_BAD_PARAM;
+    PropertyScope scope;
+    if (VsStatus status = scope.Resolve(alias, dvsId, useAlias)) return status;
+    return Get(scope, StoreLevel::HOST, key, value);
 }
 
 VsStatus VSDVS_GetGlobProp(const char *alias, const char *key, PropValueBuffer *value, const char *dvsId,
                            uint8_t useAlias)
 {
-    return Get({StoreLevel::GLOBAL, alias, nullptr, key, dvsId, useAlias}, value);
+    if (!key || !IsUsable(value)) return STATUS_BAD_PARAM;
+    PropertyScope scope;
+    if (VsStatus status = scope.Resolve(alias, dvsId, useAlias)) return status;
+    return Get(scope, StoreLevel::GLOBAL, key, value);
 }
 
 VsStatus VSDVS_SetPortProp(const char *alias, const char *dvPortId, const char *key, const void *data,
                            uint32_t length, const char *dvsId, uint8_t useAlias)
 {
-    return Set({StoreLevel::PORT, alias, dvPortId, key, dvsId, useAlias}, data, length);
+    if (!dvPortId || !key) return STATUS_BAD_PARAM;
+    PropertyScope port;
+    if (VsStatus status = port.Resolve(alias, dvsId, useAlias, dvPortId)) return status;
+    return port.Write(StoreLevel::PORT, key, data, length, GENERIC_FLAGS);
 }
 
 VsStatus VSDVS_SetHostProp(const char *alias, const char *key, const void *data, uint32_t length,
                            const char *dvsId, uint8_t useAlias)
 {
-    return Set({StoreLevel::HOST, alias, nullptr, key, dvsId, useAlias}, data, length);
+    if (!key) return STATUS_BAD_PARAM;
+    PropertyScope scope;
+    if (VsStatus status = scope.Resolve(alias, dvsId, useAlias)) return status;
+    return scope.Write(StoreLevel::HOST, key, data, length, GENERIC_FLAGS);
 }
 
 VsStatus VSDVS_SetGlobProp(const char *alias, const char *key, const void *data, uint32_t length,
                            const char *dvsId, uint8_t useAlias)
 {
-    return Set({StoreLevel::GLOBAL, alias, nullptr, key, dvsId, useAlias}, data, length);
+    if (!key) return STATUS_BAD_PARAM;
+    PropertyScope scope;
+    if (VsStatus status = scope.Resolve(alias, dvsId, useAlias)) return status;
+    return scope.Write(StoreLevel::GLOBAL, key, data, length, GENERIC_FLAGS);
 }
 
 VsStatus VSDVS_ClearPortProp(const char *alias, const char *dvPortId, const char *key, const char *dvsId,
                              uint8_t useAlias)
 {
-    return Clear({StoreLevel::PORT, alias, dvPortId, key, dvsId, useAlias});
+    if (!dvPortId || !key) return STATUS_BAD_PARAM;
+    PropertyScope port;
+    if (VsStatus status = port.Resolve(alias, dvsId, useAlias, dvPortId)) return status;
+    return port.Remove(StoreLevel::PORT, key);
 }
 
 VsStatus VSDVS_ClearHostProp(const char *alias, const char *key, const char *dvsId, uint8_t useAlias)
 {
-    return Clear({StoreLevel::HOST, alias, nullptr, key, dvsId, useAlias});
+    if (!key) return STATUS_BAD_PARAM;
+    PropertyScope scope;
+    if (VsStatus status = scope.Resolve(alias, dvsId, useAlias)) return status;
+    return scope.Remove(StoreLevel::HOST, key);
 }
 
 VsStatus VSDVS_ClearGlobProp(const char *alias, const char *key, const char *dvsId, uint8_t useAlias)
 {
-    return Clear({StoreLevel::GLOBAL, alias, nullptr, key, dvsId, useAlias});
+    if (!key) return STATUS_BAD_PARAM;
+    PropertyScope scope;
+    if (VsStatus status = scope.Resolve(alias, dvsId, useAlias)) return status;
+    return scope.Remove(StoreLevel::GLOBAL, key);
 }

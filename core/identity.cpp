@@ -6,10 +6,11 @@
 #include "core/text.h"
 
 #include <cstring>
+#include <string_view>
 
 namespace {
 
-constexpr char VSWITCH_CLASS[] = "vswitch";
+constexpr std::string_view VSWITCH_CLASS = "vswitch";
 
 using Lookup = VsStatus (*)(const char *switchId, const char *key, PropHandle **property);
 
@@ -34,15 +35,20 @@ const char *CachedAlias(const char *switchId)
 
 }
 
+VsStatus ResolveSwitchId(const char *alias, char *switchId)
+{
+    SwitchHandle *handle = DVSState_SwitchFindByAlias(alias);
+    if (!handle) return STATUS_NOT_FOUND;
+    if (VSWITCH_CLASS != DVS_ClassName(handle)) return STATUS_BAD_PARAM;
+    memcpy(switchId, DVS_SwitchId(handle), SWITCH_ID_SIZE);
+    switchId[SWITCH_ID_SIZE - 1] = '\0';
+    return STATUS_OK;
+}
+
 VsStatus DVSAliasToSwitchId(const char *alias, char *switchIdOut)
 {
     if (!alias || !switchIdOut) return STATUS_BAD_PARAM;
-    SwitchHandle *handle = DVSState_SwitchFindByAlias(alias);
-    if (!handle) return STATUS_NOT_FOUND;
-    if (strncmp(DVS_ClassName(handle), VSWITCH_CLASS, sizeof(VSWITCH_CLASS)) != 0) return STATUS_BAD_PARAM;
-    memcpy(switchIdOut, DVS_SwitchId(handle), SWITCH_ID_SIZE);
-    switchIdOut[SWITCH_ID_SIZE - 1] = '\0';
-    return STATUS_OK;
+    return ResolveSwitchId(alias, switchIdOut);
 }
 
 VsStatus DVSAliasToPortsetName(const char *alias, char *portsetOut)
@@ -85,11 +91,10 @@ VsStatus VSDVS_GetAliasFromPortset(const char *portsetName, char *aliasOut)
     return DVSPortsetNameToAlias(portsetName, aliasOut);
 }
 
-VsStatus VSDVSResolveDVSId(const char *alias, const char *dvsId, char *switchIdOut, uint8_t useAlias)
+VsStatus CopySwitchId(const char *dvsId, char *switchId)
 {
-    if (useAlias) return DVSAliasToSwitchId(alias, switchIdOut);
     if (!dvsId || strlen(dvsId) >= SWITCH_ID_SIZE) return STATUS_BAD_PARAM;
-    strncpy(switchIdOut, dvsId, SWITCH_ID_SIZE);
+    strncpy(switchId, dvsId, SWITCH_ID_SIZE);
     return STATUS_OK;
 }
 

@@ -3,6 +3,7 @@
 
 #include "core/identity.h"
 
+#include <cstring>
 #include <type_traits>
 #include <utility>
 
@@ -75,10 +76,17 @@ struct StoreValue {
     }
 
     // The caller has compared the length with the buffer's.
-    void CopyTo(void *buffer) const;
+    void CopyTo(void *buffer) const
+    {
+        // An empty value may come without an address.
+        if (length > 0) memcpy(buffer, data, length);
+    }
 
     // Whether the value begins with the text; `size` says how much of the text counts.
-    bool StartsWith(const char *text, uint32_t size) const;
+    bool StartsWith(const char *text, uint32_t size) const
+    {
+        return length >= size && memcmp(data, text, size) == 0;
+    }
 
     void *data = nullptr;
     uint32_t length = 0;
@@ -98,9 +106,9 @@ public:
     VsStatus Resolve(const char *alias, const char *portId = nullptr)
     {
         dvPortId = portId;
-        return DVSAliasToSwitchId(alias, resolvedId);
+        return ResolveSwitchId(alias, resolvedId);
     }
-    VsStatus Resolve(const char *alias, const char *dvsId, uint8_t useAlias, const char *portId)
+    VsStatus Resolve(const char *alias, const char *dvsId, uint8_t useAlias, const char *portId = nullptr)
     {
         dvPortId = portId;
         return VSDVSResolveDVSId(alias, dvsId, resolvedId, useAlias);
@@ -113,10 +121,21 @@ public:
     // The record is written on success only; a value of another length is STATUS_FAILURE.
     template<typename Record> VsStatus Get(const Property &property, Record *record) const
     {
-        return GetExactly(property, record, sizeof(Record));
+        StoreValue value;
+        if (VsStatus status = Get(property, &value)) return status;
+        if (value.length != sizeof(Record)) return STATUS_FAILURE;
+        memcpy(record, value.data, sizeof(Record));
+        return STATUS_OK;
     }
     // A text that is no longer than the buffer, which is written on success only.
-    VsStatus GetAtMost(const Property &property, void *buffer, uint32_t capacity) const;
+    VsStatus GetAtMost(const Property &property, void *buffer, uint32_t capacity) const
+    {
+        StoreValue value;
+        if (VsStatus status = Get(property, &value)) return status;
+        if (value.length > capacity) return STATUS_FAILURE;
+        value.CopyTo(buffer);
+        return STATUS_OK;
+    }
 
     VsStatus Set(const Property &property, const void *data, uint32_t length) const
     {
@@ -126,7 +145,12 @@ public:
     {
         return Set(property, &record, sizeof(Record));
     }
-    VsStatus SetText(const Property &property, const char *text) const;
+    VsStatus SetText(const Property &property, const char *text) const
+    {
+        const size_t size = strlen(text) + 1;
+        if (size > UINT32_MAX) return STATUS_NO_MEMORY;
+        return Set(property, text, static_cast<uint32_t>(size));
+    }
 
     VsStatus Clear(const Property &property) const { return Remove(property.level, property.key); }
 
@@ -138,12 +162,56 @@ public:
     const char *SwitchId() const { return switchId; }
 
 private:
-    VsStatus GetExactly(const Property &property, void *record, uint32_t size) const;
-
     char resolvedId[SWITCH_ID_SIZE];
     const char *switchId = resolvedId;
     const char *dvPortId = nullptr;
 };
+
+// Inline: where the property is a constant, nothing is left of these but one call of the store.
+inline VsStatus PropertyScope::Read(StoreLevel level, const char *key, StoreValue *value) const
+{
+    VsStatus status = STATUS_FAILURE;
+    switch (level) {
+    case StoreLevel::GLOBAL:
+        status = DVSZOR_GlobalPropGet(switchId, key, &value->data, &value->length);
+        break;
+    case StoreLevel::HOST:
+        status = DVSZOR_HostPropGet(switchId, key, &value->data, &value->length);
+        break;
+    case StoreLevel::PORT:
+        status = DVSZOR_PortDataGet(switchId, dvPortId, key, &value->data, &value->length);
+        break;
+    }
+    if (status != STATUS_OK) value->data = nullptr;
+    return status;
+}
+
+inline VsStatus PropertyScope::Write(StoreLevel level, const char *key, const void *data, uint32_t length,
+                                     uint32_t flags) const
+{
+    switch (level) {
+    case StoreLevel::GLOBAL:
+        return DVSZOR_GlobalPropSet(switchId, key, data, length, flags);
+    case StoreLevel::HOST:
+        return DVSZOR_HostPropSet(switchId, key, data, length, flags);
+    case StoreLevel::PORT:
+        return DVSZOR_PortDataSet(switchId, dvPortId, key, data, length, flags);
+    }
+    return STATUS_FAILURE;
+}
+
+inline VsStatus PropertyScope::Remove(StoreLevel level, const char *key) const
+{
+    switch (level) {
+    case StoreLevel::GLOBAL:
+        return DVSZOR_GlobalPropClear(switchId, key);
+    case StoreLevel::HOST:
+        return DVSZOR_HostPropClear(switchId, key);
+    case StoreLevel::PORT:
+        return DVSZOR_PortDataClear(switchId, dvPortId, key);
+    }
+    return STATUS_FAILURE;
+}
 
 // An absent property is nothing left to clear.
 inline VsStatus OkIfAbsent(VsStatus status) { return status == STATUS_NOT_FOUND ? STATUS_OK : status; }

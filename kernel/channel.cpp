@@ -29,7 +29,7 @@ VsStatus Request::ResolvePort(const char *alias, const char *dvPortId)
     // What follows the id's end is not part of it.
     const size_t length = strlen(input.name);
     memset(input.name + length, 0, SWITCH_ID_SIZE - length);
-    text::strlcpy(input.dvPortId, dvPortId, sizeof(input.dvPortId));
+    text::CopyIntoZeros(input.dvPortId, dvPortId, sizeof(input.dvPortId));
     return STATUS_OK;
 }
 
@@ -64,13 +64,17 @@ VsStatus Request::FetchList(int32_t command, const ListShape &shape, const void 
 {
     uint32_t count = 0;
     memcpy(&count, static_cast<const uint8_t *>(firstHeader) + shape.countOffset, sizeof(count));
+    *list = nullptr;
     // The length wraps as the driver's own does; no more than it is read or written.
     const uint32_t size = count * shape.entrySize + shape.headerSize;
-    *list = nullptr;
-    if (count > 0) return QueryBuffer(command, size, list);
-    void *empty = malloc(shape.headerSize);
-    if (!empty) return STATUS_NO_MEMORY;
-    memcpy(empty, firstHeader, shape.headerSize);
-    *list = empty;
+    void *buffer = calloc(1, size);
+    if (!buffer) return STATUS_NO_MEMORY;
+    if (count == 0) {
+        memcpy(buffer, firstHeader, shape.headerSize);
+    } else if (VsStatus status = Query(command, buffer, size)) {
+        free(buffer);
+        return status;
+    }
+    *list = buffer;
     return STATUS_OK;
 }

@@ -69,17 +69,22 @@ static_assert(sizeof(UplinkArgs) == 36 && sizeof(MirrorArgs) == 36 && sizeof(Mul
 // A request to the switch driver. Its input is the common record, zero but for what a command sets.
 class Request {
 public:
-    Request() { SetInput(&input, sizeof(input)); }
+    Request() : Request(&input, sizeof(input)) {}
     // A command whose input is not the common record.
-    Request(const void *ownInput, uint32_t length) { SetInput(ownInput, length); }
+    Request(const void *ownInput, uint32_t length)
+        : header{length, 0, reinterpret_cast<uint64_t>(ownInput), 0}
+    {}
     Request(const Request &) = delete;
     Request &operator=(const Request &) = delete;
 
-    void SetName(const char *portsetName) { text::strlcpy(input.name, portsetName, sizeof(input.name)); }
+    void SetName(const char *portsetName)
+    {
+        text::CopyIntoZeros(input.name, portsetName, sizeof(input.name));
+    }
     void SetPortId(uint32_t portId) { input.portId = portId; }
     void SetUplink(const char *name)
     {
-        text::strlcpy(input.uplink.uplinkName, name, sizeof(UplinkArgs::uplinkName));
+        text::CopyIntoZeros(input.uplink.uplinkName, name, sizeof(input.uplink.uplinkName));
     }
     // Names the switch by the portset that the alias stands for.
     VsStatus ResolveName(const char *alias);
@@ -100,11 +105,5 @@ public:
     ZorRequestInput input = {};
 
 private:
-    void SetInput(const void *record, uint32_t length)
-    {
-        header.inLength = length;
-        header.inPtr = reinterpret_cast<uint64_t>(record);
-    }
-
-    ZorRequestHeader header = {};
+    ZorRequestHeader header;
 };

@@ -97,6 +97,6 @@ VsStatus VSZOR_GetDVMirrorSessionStats(const char *alias, const char *sessionId,
     if (!alias || !sessionId || !stats) return STATUS_BAD_PARAM;
     Request request;
     if (VsStatus status = request.ResolveName(alias)) return status;
-    text::strlcpy(request.input.mirror.sessionId, sessionId, sizeof(request.input.mirror.sessionId));
+    text::CopyIntoZeros(request.input.mirror.sessionId, sessionId, sizeof(request.input.mirror.sessionId));
     return request.Query(GET_DV_MIRROR_SESSION_STATS, stats, MIRROR_SESSION_STATS_SIZE);
 }

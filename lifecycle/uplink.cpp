@@ -35,6 +35,13 @@ template<typename List, typename Field> struct UplinkList {
         return list;
     }
 
+    static List *Copy(const List *list)
+    {
+        List *copy = Allocate(list->count);
+        if (copy) memcpy(copy, list, Size(list->count));
+        return copy;
+    }
+
     static VsStatus Store(const PropertyScope &scope, const Property &property, const List *list)
     {
         if (list->count > MAX_COUNT) return STATUS_NO_MEMORY;
@@ -59,7 +66,7 @@ template<typename List, typename Field> struct UplinkList {
         List *longer = list->count < MAX_COUNT ? Allocate(list->count + 1) : nullptr;
         if (!longer) return nullptr;
         memcpy(Fields(longer), Fields(list), list->count * sizeof(Field));
-        text::strlcpy(Fields(longer)[list->count].text, text, sizeof(Field));
+        text::CopyIntoZeros(Fields(longer)[list->count].text, text, sizeof(Field));
         return longer;
     }
 };
@@ -161,16 +168,18 @@ VsStatus ReadPortAlias(const PropertyScope &scope, const char *dvPortId, StoreVa
 // Writes the name of the port in id entry i into name entry i, for each port.
 VsStatus AlignNames(const PropertyScope &scope, UplinkNameList *names, const UplinkPortIdList *ids)
 {
-    const OwnedList<UplinkNameList> stored(NameList::Allocate(names->count));
-    if (!stored.list) return STATUS_NO_MEMORY;
-    memcpy(stored.list, names, NameList::Size(names->count));
+    OwnedList<UplinkNameList> stored(nullptr); // a copy, from the first name that is out of place
     for (uint32_t i = 0; i < ids->count; i++) {
         StoreValue alias;
         if (VsStatus status = ReadPortAlias(scope, PortIdText(IdList::Fields(ids)[i]).text, &alias))
             return status;
+        UplinkName *field = NameList::Fields(names) + i;
+        if (Equals(*field, alias)) continue;
+        if (!stored.list) stored.list = NameList::Copy(names);
+        if (!stored.list) return STATUS_NO_MEMORY;
         const UplinkName *name = FindName(stored.list, alias);
         if (!name) return STATUS_FAILURE;
-        memcpy(NameList::Fields(names)[i].text, name->text, alias.length);
+        memcpy(field->text, name->text, alias.length);
     }
     return STATUS_OK;
 }
@@ -251,7 +260,7 @@ VsStatus SetNumSwitchUplinkPortsByUUID(const char *switchId, uint32_t numUplinks
     for (uint32_t i = 0; i < numUplinks; i++) {
         char *name = NameList::Fields(names.list)[i].text;
         snprintf(name, sizeof(UplinkName), "uplink%d", static_cast<int32_t>(i));
-        text::strlcpy(IdList::Fields(ids.list)[i].text, name, sizeof(UplinkPortId));
+        text::CopyIntoZeros(IdList::Fields(ids.list)[i].text, name, sizeof(UplinkPortId));
     }
     return SetSwitchUplinkPortsByUUID(switchId, names.list, ids.list);
 }

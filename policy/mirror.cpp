@@ -148,28 +148,27 @@ void CutSession(MirrorSessionList *list, uint32_t index)
 
 // Where a list stands. No port id means the host's list for its uplinks.
 struct MirrorPlace {
-    explicit MirrorPlace(const char *dvPortId)
-        : dvPortId(dvPortId), property(dvPortId && *dvPortId ? PORT_MIRRORS : HOST_UPLINK_MIRRORS)
-    {}
+    explicit MirrorPlace(const char *dvPortId) : dvPortId(dvPortId && *dvPortId ? dvPortId : nullptr) {}
 
     VsStatus Resolve(const char *alias) { return scope.Resolve(alias, dvPortId); }
 
     VsStatus Read(StoreValue *list) const
     {
-        if (VsStatus status = scope.Get(property, list)) return status;
+        const VsStatus status =
+            dvPortId ? scope.Get(PORT_MIRRORS, list) : scope.Get(HOST_UPLINK_MIRRORS, list);
+        if (status != STATUS_OK) return status;
         return FitsLength(*list) ? STATUS_OK : STATUS_FAILURE;
     }
 
     VsStatus Write(const MirrorSessionList *list) const
     {
-        return scope.Set(property, list,
-                         static_cast<uint32_t>(Size(list->sessionCount, list->portEntryCount)));
+        const auto size = static_cast<uint32_t>(Size(list->sessionCount, list->portEntryCount));
+        return dvPortId ? scope.Set(PORT_MIRRORS, list, size) : scope.Set(HOST_UPLINK_MIRRORS, list, size);
     }
 
-    VsStatus Clear() const { return scope.Clear(property); }
+    VsStatus Clear() const { return dvPortId ? scope.Clear(PORT_MIRRORS) : scope.Clear(HOST_UPLINK_MIRRORS); }
 
     const char *dvPortId;
-    const Property &property;
     PropertyScope scope;
 };
 

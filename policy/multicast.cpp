@@ -1,21 +1,17 @@
 // Multicast filter mode: a word in the store, or the driver's own mode while the store holds none.
 #include "core/property.h"
 
-#include <cstring>
-#include <iterator>
-
 namespace {
 
-constexpr const char *MODE_NAMES[] = {"legacyFiltering", "snooping"};
+constexpr char LEGACY[] = "legacyFiltering";
+constexpr char SNOOPING[] = "snooping";
 
 VsStatus ParseMode(const StoreValue &value, uint32_t *mode)
 {
-    for (uint32_t i = 0; i < std::size(MODE_NAMES); i++) {
-        if (!value.StartsWith(MODE_NAMES[i], static_cast<uint32_t>(strlen(MODE_NAMES[i]) + 1))) continue;
-        *mode = i;
-        return STATUS_OK;
-    }
-    return STATUS_FAILURE;
+    const bool snooping = value.StartsWith(SNOOPING, sizeof(SNOOPING));
+    if (!snooping && !value.StartsWith(LEGACY, sizeof(LEGACY))) return STATUS_FAILURE;
+    *mode = snooping ? MCAST_FILTER_SNOOPING : MCAST_FILTER_LEGACY;
+    return STATUS_OK;
 }
 
 VsStatus GetDriverMode(const char *alias, uint32_t *mode)
@@ -43,5 +39,5 @@ VsStatus VSDVS_SetMcastFilterMode(const char *alias, int32_t mode)
     if (!alias || mode < MCAST_FILTER_LEGACY || mode > MCAST_FILTER_SNOOPING) return STATUS_BAD_PARAM;
     PropertyScope scope;
     if (VsStatus status = scope.Resolve(alias)) return status;
-    return scope.SetText(SWITCH_MCAST_FILTER, MODE_NAMES[mode]);
+    return scope.SetText(SWITCH_MCAST_FILTER, mode == MCAST_FILTER_SNOOPING ? SNOOPING : LEGACY);
 }
