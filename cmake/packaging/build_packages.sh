@@ -5,8 +5,9 @@ root=$(cd "$(dirname "$0")/../.." && pwd)
 build=${1:-$root/build/package}
 export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$root" log -1 --format=%ct)}
 umask 022
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
-cmake --build "$build" -- --quiet
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON >/dev/null
+cmake --build "$build" --target installed -- --quiet
 rm -rf "$build/packages"
 (cd "$build" && cpack -B packages >packages.log) || { cat "$build/packages.log" >&2; exit 1; }
 ls "$build"/packages/*.deb

@@ -16,32 +16,37 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR} ${CMAKE_BINARY_DIR}/platform)
 
-set(same_version "libvswitchctl1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
-set(about "The control library creates and destroys the virtual switches of a hypervisor host,
- adds ports and uplinks, reads and changes policies (VLAN, teaming, security,
- MAC learning, mirroring, MTU) and asks the kernel's switch driver for its state.
- .
-")
-function(debian_package component name section synopsis text)
-    foreach(pair "PACKAGE_NAME;${name}" "PACKAGE_SECTION;${section}" "DESCRIPTION;${synopsis}\n ${about} ${text}"
-                 ${ARGN})
-        list(POP_FRONT pair key)
-        set(CPACK_DEBIAN_${component}_${key} "${pair}" PARENT_SCOPE)
-    endforeach()
+# debian_package(COMPONENT, what it has, FIELD VALUE, …): a package's control fields.
+set(about "The control library creates and destroys the virtual switches of a
+hypervisor host, adds ports and uplinks, reads and changes policies (VLAN,
+teaming, security, MAC learning, mirroring, MTU) and asks the kernel's switch
+driver for its state.")
+function(debian_package component synopsis text)
+    set(CPACK_DEBIAN_${component}_DESCRIPTION "${synopsis}\n${about}\n\n${text}" PARENT_SCOPE)
+    while(ARGN)
+        list(POP_FRONT ARGN field value)
+        set(CPACK_DEBIAN_${component}_${field} "${value}" PARENT_SCOPE)
+    endwhile()
 endfunction()
-debian_package(RUNTIME libvswitchctl1 libs "control of a hypervisor host's virtual switches"
-               "This package has the shared library." "PACKAGE_SHLIBDEPS;ON" "PACKAGE_GENERATE_SHLIBS;ON"
-               "PACKAGE_MULTIARCH;same")
-debian_package(DEV libvswitchctl-dev libdevel "control of virtual switches - development files"
-               "This package has the header, what the linker needs, and the reference."
-               "PACKAGE_DEPENDS;${same_version}" "PACKAGE_SHLIBDEPS;OFF" "PACKAGE_MULTIARCH;same"
-               "PACKAGE_SUGGESTS;vswitchctl-host, pkg-config")
-debian_package(VSCTL vsctl net "command for a hypervisor host's virtual switches"
-               "This package has the vsctl command." "PACKAGE_SHLIBDEPS;ON" "PACKAGE_DEPENDS;${same_version}")
-debian_package(HOST vswitchctl-host net "embedded hypervisor host to run switch control on"
-               "This package has an emulated host: configuration store, switch driver and
- shell, so that programs that control switches run and are tested without root." "PACKAGE_SHLIBDEPS;ON")
-debian_package(PYTHON python3-vswitchctl python "control of virtual switches - Python module"
-               "This package has the Python module." "PACKAGE_DEPENDS;${same_version}, python3"
-               "PACKAGE_ARCHITECTURE;all" "PACKAGE_SHLIBDEPS;OFF")
+set(same_version "libvswitchctl1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+debian_package(RUNTIME "control of a hypervisor host's virtual switches" "This package has the shared library."
+    PACKAGE_NAME libvswitchctl1 PACKAGE_SECTION libs
+    PACKAGE_SHLIBDEPS ON PACKAGE_MULTIARCH same)
+set(control ${CMAKE_BINARY_DIR}/debian)
+file(WRITE ${control}/shlibs "libvswitchctl ${PROJECT_VERSION_MAJOR} libvswitchctl1 (>= ${PROJECT_VERSION})\n")
+file(WRITE ${control}/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${control}/shlibs ${control}/triggers)
+debian_package(DEV "control of virtual switches - development files"
+    "This package has the header, what the linker needs, and the reference."
+    PACKAGE_NAME libvswitchctl-dev PACKAGE_SECTION libdevel PACKAGE_DEPENDS ${same_version}
+    PACKAGE_SUGGESTS "vswitchctl-host, pkg-config" PACKAGE_MULTIARCH same)
+debian_package(VSCTL "command for a hypervisor host's virtual switches" "This package has the vsctl command."
+    PACKAGE_NAME vsctl PACKAGE_SECTION net PACKAGE_DEPENDS ${same_version} PACKAGE_SHLIBDEPS ON)
+debian_package(HOST "embedded hypervisor host to run switch control on"
+    "This package has an emulated host: configuration store, switch driver and
+shell, so that programs which control switches run, and are tested, without root."
+    PACKAGE_NAME vswitchctl-host PACKAGE_SECTION net PACKAGE_SHLIBDEPS ON)
+debian_package(PYTHON "control of virtual switches - Python module" "This package has the Python module."
+    PACKAGE_NAME python3-vswitchctl PACKAGE_SECTION python PACKAGE_ARCHITECTURE all
+    PACKAGE_DEPENDS "python3:any, ${same_version}")
 include(CPack)

@@ -56,7 +56,9 @@ install_configured(vshost-config.cmake.in ${CMAKE_INSTALL_LIBDIR}/cmake/vshost/v
 
 if(TARGET vsctl)
     install(TARGETS vsctl DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT vsctl)
+    list(APPEND host_parts vsctl)
 endif()
+add_custom_target(installed DEPENDS vswitchctl link_stub ${host_parts} reference)
 
 install(DIRECTORY bindings/python/vswitchctl DESTINATION lib/python3/dist-packages COMPONENT python
         FILES_MATCHING PATTERN *.py PATTERN py.typed)

@@ -5,4 +5,4 @@ names=$(nm -D --undefined-only "$2" | awk '$1 == "U" && $2 ~ /^DVS/ {print $2}')
 [ -n "$names" ] || { echo "$2 takes nothing from the store" >&2; exit 1; }
 mkdir -p "$(dirname "$3")"
 printf 'void %s(void);\nvoid %s(void) {}\n' $(for name in $names; do echo "$name $name"; done) |
-    "$1" -shared -fPIC -Wl,-soname,liborkPublic.so -Wl,--build-id=none -o "$3" -x c -
+    "$1" -shared -fPIC -Wl,-soname,liborkPublic.so -Wl,--build-id=none -s -o "$3" -x c -
