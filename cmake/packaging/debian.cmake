@@ -44,7 +44,7 @@ debian_package(VSCTL "command for a hypervisor host's virtual switches" "This pa
     PACKAGE_NAME vsctl PACKAGE_SECTION net PACKAGE_DEPENDS ${same_version} PACKAGE_SHLIBDEPS ON)
 debian_package(HOST "embedded hypervisor host to run switch control on"
     "This package has an emulated host: configuration store, switch driver and
-shell, so that programs which control switches run, and are tested, without root."
+shell, so that programs that control switches run and are tested without root."
     PACKAGE_NAME vswitchctl-host PACKAGE_SECTION net PACKAGE_SHLIBDEPS ON)
 debian_package(PYTHON "control of virtual switches - Python module" "This package has the Python module."
     PACKAGE_NAME python3-vswitchctl PACKAGE_SECTION python PACKAGE_ARCHITECTURE all

@@ -8,7 +8,8 @@ endif()
 
 set(REFERENCE_DIRECTORY ${CMAKE_BINARY_DIR}/reference)
 set(reference_tools docs/reference/families.awk docs/reference/header.py docs/reference/example.py
-                    docs/reference/manpages.py docs/reference/reference.css)
+                    docs/reference/manpages.py docs/reference/reference.css
+                    docs/reference/command_page.py docs/reference/schema_page.py docs/reference/vshost.roff)
 configure_file(docs/reference/Doxyfile.in ${CMAKE_BINARY_DIR}/Doxyfile @ONLY)
 add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${REFERENCE_DIRECTORY}
@@ -16,11 +17,14 @@ add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
     COMMAND ${DOXYGEN} ${CMAKE_BINARY_DIR}/Doxyfile
     COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/manpages.py ${REFERENCE_DIRECTORY}/xml
             ${PROJECT_SOURCE_DIR}/include/vswitchctl.h ${REFERENCE_DIRECTORY}/man ${PROJECT_VERSION}
+    COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/command_page.py $<TARGET_FILE:vshost_launcher>
+            ${PROJECT_VERSION} ${PROJECT_SOURCE_DIR}/docs/reference/vshost.roff >${REFERENCE_DIRECTORY}/vshost.1
     COMMAND ${CMAKE_COMMAND} -E touch ${REFERENCE_DIRECTORY}/made
-    DEPENDS include/vswitchctl.h ${CMAKE_BINARY_DIR}/Doxyfile ${reference_tools}
+    DEPENDS vshost_launcher include/vswitchctl.h ${CMAKE_BINARY_DIR}/Doxyfile ${reference_tools}
     COMMENT "Reference" VERBATIM)
 add_custom_target(reference ALL DEPENDS ${REFERENCE_DIRECTORY}/made)
 
 install(DIRECTORY ${REFERENCE_DIRECTORY}/man/man3 ${REFERENCE_DIRECTORY}/man/man7
         DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT dev)
 install(DIRECTORY ${REFERENCE_DIRECTORY}/html DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libvswitchctl-dev COMPONENT dev)
+install(FILES ${REFERENCE_DIRECTORY}/vshost.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT host)

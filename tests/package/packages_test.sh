@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# packages_test.sh: builds the packages of the last commit twice, in two folders, compares them byte by byte, looks
+# for lintian errors, installs them into a fresh Debian root, and compiles and runs the first program there: with
+# libvswitchctl-dev alone for linking, with vswitchctl-host for running. Needs root, git, lintian and mmdebstrap.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/../.." && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+say() { echo "== $*"; }
+
+say "The same commit, built twice in two folders"
+for folder in one another/folder; do
+    git clone -q "$root" "$work/$folder"
+    CCACHE_DISABLE=1 "$work/$folder/cmake/packaging/build_packages.sh" >/dev/null
+done
+packages=$work/one/build/package/packages
+for package in "$packages"/*.deb; do
+    cmp "$package" "$work/another/folder/build/package/packages/$(basename "$package")"
+    sha256sum "$package" | sed "s|$work/||"
+done
+
+say "lintian"
+lintian --fail-on error --suppress-tags initial-upload-closes-no-bugs "$packages"/*.deb
+
+say "A fresh root"
+fresh=$work/fresh
+mmdebstrap --variant=minbase --include=gcc,g++,cmake,make,pkg-config,python3,libsqlite3-0 bookworm "$fresh" 2>"$work/log" ||
+    { cat "$work/log" >&2; exit 1; }
+inside() { chroot "$fresh" env -i PATH=/usr/bin:/bin:/usr/sbin:/sbin HOME=/root "$@"; }
+mkdir -p "$fresh/work/consumer" "$fresh/packages" "$fresh/dev/shm"
+cp "$packages"/*.deb "$fresh/packages"
+cp "$root/examples/first.c" "$root/tests/package/python_test.py" "$root/cmake/vswitchctl.map" "$fresh/work"
+cp "$root"/tests/package/consumer/CMakeLists.txt "$fresh/work/consumer"
+
+say "Linking with libvswitchctl-dev alone"
+inside sh -c 'dpkg -i /packages/libvswitchctl1_* /packages/libvswitchctl-dev_*' >/dev/null
+for language in "gcc -std=c99" "g++ -std=c++20 -x c++"; do
+    inside sh -ec "cd /work; $language -Wall -Wextra -pedantic -Werror first.c -x none -o first-\$(echo $language | tr -dc a-z) \
+        \$(pkg-config --cflags --libs vswitchctl)"
+done
+if inside /work/first-gccstdc 2>"$work/error"; then exit 1; fi
+grep -q 'liborkPublic.so: cannot open shared object' "$work/error"
+
+say "Running with vswitchctl-host, the module and the command"
+inside sh -c 'dpkg -i /packages/*.deb' >/dev/null
+inside sh -ec 'cd /work; for program in ./first-*; do vshost run -- $program; done
+    cmake -S consumer -B build -DPROGRAM=/work/first.c >/dev/null; cmake --build build >/dev/null
+    for program in build/c99 build/cxx build/in_test; do vshost run -- $program; done
+    vshost run -- python3 python_test.py vswitchctl.map 2>&1 | tail -1
+    if command -v vsctl >/dev/null; then vshost run -- vsctl switch list; fi'
+say "Removal leaves nothing"
+inside sh -c 'dpkg -P vswitchctl-host vsctl python3-vswitchctl libvswitchctl-dev libvswitchctl1' >/dev/null
+if find "$fresh/usr" -name '*vswitchctl*' -o -name '*liborkPublic*' | grep .; then exit 1; fi
+say "All is well"
