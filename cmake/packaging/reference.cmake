@@ -18,7 +18,7 @@ add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
     COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/manpages.py ${REFERENCE_DIRECTORY}/xml
             ${PROJECT_SOURCE_DIR}/include/vswitchctl.h ${REFERENCE_DIRECTORY}/man ${PROJECT_VERSION}
     COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/command_page.py $<TARGET_FILE:vshost_launcher>
-            ${PROJECT_VERSION} ${PROJECT_SOURCE_DIR}/docs/reference/vshost.roff >${REFERENCE_DIRECTORY}/vshost.1
+            ${PROJECT_VERSION} ${PROJECT_SOURCE_DIR}/docs/reference/vshost.roff ${REFERENCE_DIRECTORY}/vshost.1
     COMMAND ${CMAKE_COMMAND} -E touch ${REFERENCE_DIRECTORY}/made
     DEPENDS vshost_launcher include/vswitchctl.h ${CMAKE_BINARY_DIR}/Doxyfile ${reference_tools}
     COMMENT "Reference" VERBATIM)

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Prints a manual page of a command from its own help texts, and what the help doesn't say from a file of roff.
+"""Writes a manual page of a command from its own help texts, and what the help doesn't say from a file of roff.
 
-usage: command_page.py PROGRAM VERSION MORE
+usage: command_page.py PROGRAM VERSION MORE OUTPUT
 """
 
 import re
@@ -24,18 +24,18 @@ def help_of(program, *words):
 
 
 def main():
-    program, version, more = sys.argv[1:]
+    program, version, more, output = sys.argv[1:]
     name = Path(program).name
     about, usage, parts = help_of(program)
-    print(f'.TH {name.upper()} 1 "" "vswitchctl {version}" "vswitchctl"')
-    print(f".SH NAME\n{name} \\- {escape(about[0].lower() + about[1:])}\n.SH SYNOPSIS\n.B {name}\n\\fIcommand\\fP …")
-    print(".SH COMMANDS")
+    lines = [f'.TH {name.upper()} 1 "" "vswitchctl {version}" "vswitchctl"',
+             f".SH NAME\n{name} \\- {escape(about[0].lower() + about[1:])}",
+             f".SH SYNOPSIS\n.B {name}\n\\fIcommand\\fP \\&...\n.SH COMMANDS"]
     for command, _ in parts["Subcommands"]:
         text, usage, options = help_of(program, command)
-        print(f".SS {escape(usage)}\n{block(escape(text))}.")
-        for option, meaning in [pair for title in options for pair in options[title] if "--help" not in pair[0]]:
-            print(f".TP\n\\fB{escape(option)}\\fP\n{block(escape(meaning))}")
-    print(Path(more).read_text(), end="")
+        lines.append(f".SS {escape(usage)}\n{block(escape(text))}.")
+        lines += [f".TP\n\\fB{escape(option)}\\fP\n{block(escape(meaning))}"
+                  for title in options for option, meaning in options[title] if "--help" not in option]
+    Path(output).write_text("\n".join(lines) + "\n" + Path(more).read_text())
 
 
 if __name__ == "__main__":
