@@ -437,34 +437,31 @@ void ApplyHost(Transaction &transaction, const Node &root, std::vector<Fault> &f
 
 bool ApplyScenario(Engine &engine, Control &control, std::string_view json, std::string &message)
 {
-    nlohmann::json root;
-    try {
-        root = nlohmann::json::parse(json);
-    } catch (const nlohmann::json::exception &error) {
-        message = std::string("the scenario is no JSON: ") + error.what();
-        return false;
-    }
-    message.clear();
     std::vector<Fault> faults;
-    const VsStatus status = engine.Write([&](Transaction &transaction) {
+    const auto apply = [&](Transaction &transaction) {
+        VisitScenario(json, [&](const Node &root) { ApplyHost(transaction, root, faults); });
+        if (faults.size() > control.FreeFaults())
+            throw ScenarioError{"/faults: too many stand already; vshost_clear() removes them"};
+    };
+    message.clear();
+    const VsStatus status = engine.Write([&](Transaction &transaction) -> VsStatus {
         try {
-            ApplyHost(transaction, Node(root), faults);
-            if (faults.size() > control.FreeFaults())
-                throw ScenarioError{"/faults: too many stand already; vshost_clear() removes them"};
+            apply(transaction);
+            return STATUS_OK;
         } catch (const ScenarioError &error) {
             message = error.message;
             return STATUS_BAD_PARAM;
         } catch (const StorageError &error) {
             return error.status;
         }
-        return STATUS_OK;
     });
     if (status && message.empty()) message = "the host's database can't be written";
-    if (!status)
-        for (const Fault &fault : faults)
-            control.Fail(fault.kind, fault.operation.empty() ? nullptr : fault.operation.c_str(), fault.nth,
-                         fault.times, fault.outcome);
-    return status == STATUS_OK;
+    if (status) return false;
+    for (const Fault &fault : faults) {
+        const char *operation = fault.operation.empty() ? nullptr : fault.operation.c_str();
+        control.Fail(fault.kind, operation, fault.nth, fault.times, fault.outcome);
+    }
+    return true;
 }
 
 }

@@ -1,6 +1,7 @@
 #include "platform/driver/scenario_node.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 namespace vshost {
 
@@ -14,6 +15,17 @@ template<class Range> std::string List(const Range &names)
     return list;
 }
 
+}
+
+void VisitScenario(std::string_view text, const ScenarioNode::Visit &visit)
+{
+    nlohmann::json root;
+    try {
+        root = nlohmann::json::parse(text);
+    } catch (const nlohmann::json::exception &error) {
+        throw ScenarioError{std::string("the scenario is no JSON: ") + error.what()};
+    }
+    visit(ScenarioNode(root));
 }
 
 void ScenarioNode::Fail(const std::string &what) const
@@ -79,6 +91,8 @@ std::string ScenarioNode::Name(size_t longest) const
         Fail("must be a text of 1 to " + std::to_string(longest) + " characters");
     return text;
 }
+
+bool ScenarioNode::IsText() const { return value.is_string(); }
 
 bool ScenarioNode::Boolean() const
 {

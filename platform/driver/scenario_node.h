@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
-#include <nlohmann/json.hpp>
+#include <limits>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vshost {
@@ -48,12 +50,15 @@ public:
     bool Boolean() const;
     // Index of the word among `words`.
     uint8_t Word(std::initializer_list<const char *> words) const;
-    bool IsText() const { return value.is_string(); }
+    bool IsText() const;
 
 private:
     const nlohmann::json &value;
     std::string path;
 };
+
+// Parses a text and visits its root; throws ScenarioError when it is no JSON.
+void VisitScenario(std::string_view text, const ScenarioNode::Visit &visit);
 
 }
 
