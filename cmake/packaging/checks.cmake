@@ -15,6 +15,7 @@ package_test(manual_pages ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/refer
 package_test(examples_compile ${PROJECT_SOURCE_DIR}/tests/package/examples_test.sh
              ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
 package_test(install ${PROJECT_SOURCE_DIR}/tests/package/install_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
+package_test(languages ${PROJECT_SOURCE_DIR}/tests/package/languages_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
 package_test(python_generated ${PROJECT_SOURCE_DIR}/tests/package/generated_test.sh
              ${PROJECT_SOURCE_DIR} ${REFERENCE_DIRECTORY}/xml)
 package_test(python ${on_host} PYTHONPATH=${PROJECT_SOURCE_DIR}/bindings/python PYTHONDONTWRITEBYTECODE=1

@@ -28,4 +28,11 @@ for program in "$work/c99" "$work/cxx" "$work/cmake/c99" "$work/cmake/cxx" "$wor
 done
 grep -q 'liborkPublic.so: cannot open shared object' "$work/error"
 { "$work/cmake/in_test" 2>&1 || true; } | grep -q 'status 0x0BAD' # finds the store, but no host
+
+# The example of testing one's own program, against the installed host.
+cmake -S "$source/examples/testing" -B "$work/testing" -DCMAKE_PREFIX_PATH="$stage" >/dev/null
+cmake --build "$work/testing" >/dev/null
+"$work/testing/tenant_test" --gtest_brief=1
+PYTHONDONTWRITEBYTECODE=1 PYTHONPATH=$stage/lib/python3/dist-packages "$stage/bin/vshost" run -- \
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider "$source/examples/testing"
 echo "installed files serve C99 and C++ programs"
