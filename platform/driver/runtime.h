@@ -117,7 +117,7 @@ template<size_t size> std::string_view FieldText(const char (&field)[size])
 template<size_t size> void SetField(char (&field)[size], std::string_view text)
 {
     memset(field, 0, size);
-    memcpy(field, text.data(), text.size() < size ? text.size() : size - 1);
+    text.copy(field, size - 1);
 }
 
 // The name of a switch's portset: the host property, otherwise the alias, otherwise STATUS_NOT_FOUND.

@@ -4,7 +4,9 @@
 #include <vshost.h>
 
 #include <cstdio>
+#include <cstdlib>
 
+#include "platform/driver/driver_table.h"
 #include "platform/driver/group.h"
 #include "platform/driver/runtime.h"
 #include "platform/driver/scenario_node.h"
@@ -459,6 +461,7 @@ bool ApplyScenario(Engine &engine, Control &control, std::string_view json, std:
     if (status) return false;
     for (const Fault &fault : faults) {
         const char *operation = fault.operation.empty() ? nullptr : fault.operation.c_str();
+        if (fault.kind == VSHOST_ALLOCATION) setenv(ALLOCATION_VARIABLE, "1", 1);
         control.Fail(fault.kind, operation, fault.nth, fault.times, fault.outcome);
     }
     return true;

@@ -16,8 +16,8 @@ constexpr char SHELL_FILE[] = "tybel";
 RealFunctions real;
 char tybelPath[PATH_SIZE];
 char corePath[PATH_SIZE];
-std::atomic<const ShimHost *> currentHost;
-std::atomic<const ShimHost *> newestHost; // heads the list that keeps them reachable
+std::atomic<ShimHost *> currentHost;
+std::atomic<ShimHost *> newestHost; // heads the list that keeps them reachable
 std::atomic<const VshostCore *> loadedCore;
 std::atomic<const VshostDriver *> loadedDriver;
 pthread_once_t resolveOnce = PTHREAD_ONCE_INIT;
@@ -70,10 +70,10 @@ void LoadCore()
 void EnterHost(const char *directory)
 {
     const size_t size = strlen(directory) + 1;
-    auto *host = static_cast<ShimHost *>(malloc(sizeof(ShimHost) + size));
+    auto *host = static_cast<ShimHost *>(calloc(1, sizeof(ShimHost) + size));
     if (!host) return;
     memcpy(host->directory, directory, size);
-    const ShimHost *newest = newestHost;
+    ShimHost *newest = newestHost;
     do {
         host->previous = newest;
     } while (!newestHost.compare_exchange_weak(newest, host));
@@ -91,6 +91,7 @@ __attribute__((constructor)) void Load()
     }
     const char *directory = getenv("VSHOST_DIR");
     if (directory && *directory) EnterHost(directory);
+    if (directory && getenv(ALLOCATION_VARIABLE) && Core()) PatchAllocations();
 }
 
 }
@@ -102,7 +103,7 @@ const RealFunctions &Real()
     return real;
 }
 
-const ShimHost *CurrentHost() { return currentHost.load(std::memory_order_acquire); }
+ShimHost *CurrentHost() { return currentHost.load(std::memory_order_acquire); }
 
 void LeaveHost() { currentHost = nullptr; }
 

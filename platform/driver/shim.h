@@ -33,12 +33,15 @@ struct RealFunctions {
 // The host that this process is on. One is made for each that it was ever on, and stays, since another
 // thread may be looking at it.
 struct ShimHost {
-    const ShimHost *previous;
+    ShimHost *previous;
+    std::atomic<bool> known; // the files that stand for the devices are
+    std::atomic<dev_t> filesystem;
+    std::atomic<ino_t> files[2];
     char directory[];
 };
 
 const RealFunctions &Real();
-const ShimHost *CurrentHost(); // null: this process is on none
+ShimHost *CurrentHost();  // null: this process is on none
 void LeaveHost();         // before the core comes to a host or leaves it: it opens and closes device files
 void FollowHost();        // after the core has come to a host or left it
 const VshostCore *Core(); // loads the core; null when that fails

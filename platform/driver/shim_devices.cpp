@@ -32,28 +32,37 @@ int OpenDevice(int device, int flags, mode_t mode)
     return -1;
 }
 
-bool IsFile(const struct stat &opened, const ShimHost &host, const char *file)
+bool Identify(const ShimHost &host, int device, struct stat &file)
 {
     char path[4096];
-    const size_t length = strlen(host.directory);
-    if (length + strlen(file) >= sizeof path) return false;
-    memcpy(path, host.directory, length);
-    strcpy(path + length, file);
-    struct stat named;
-    return stat(path, &named) == 0 && named.st_ino == opened.st_ino && named.st_dev == opened.st_dev;
+    const int length = snprintf(path, sizeof path, "%s%s", host.directory, DEVICE_FILES[device]);
+    return length < static_cast<int>(sizeof path) && stat(path, &file) == 0;
 }
 
-// Device files are empty, so that a look at the size spares other files the look at the paths.
+// Looks at the host's files once. Threads that do so at the same time find the same.
+bool Know(ShimHost &host)
+{
+    struct stat files[2];
+    if (host.known.load(std::memory_order_acquire)) return true;
+    for (int device = 0; device < 2; ++device) {
+        if (!Identify(host, device, files[device])) return false;
+        host.files[device] = files[device].st_ino;
+    }
+    host.filesystem = files[0].st_dev;
+    host.known.store(true, std::memory_order_release);
+    return true;
+}
+
 int DeviceOfDescriptor(int descriptor)
 {
-    const ShimHost *host = CurrentHost();
+    ShimHost *host = CurrentHost();
     if (!host) return NO_DEVICE;
     const int error = errno;
     int found = NO_DEVICE;
     struct stat opened;
-    if (fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) && opened.st_size == 0)
-        for (int device = 0; device < 2 && found == NO_DEVICE; ++device)
-            if (IsFile(opened, *host, DEVICE_FILES[device])) found = device;
+    if (fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) && Know(*host))
+        for (int device = 0; device < 2; ++device)
+            if (opened.st_ino == host->files[device] && opened.st_dev == host->filesystem) found = device;
     errno = error;
     return found;
 }

@@ -1,5 +1,6 @@
 // The functions of vshost.h: each belongs to the core, but for what only the preload can do.
 #include <errno.h>
+#include <stdlib.h>
 #include <string.h>
 #include <vshost.h>
 
@@ -41,7 +42,10 @@ const char *vshost_error(void)
 int vshost_scenario(const char *json)
 {
     const VshostCore *core = Core();
-    return core ? core->scenario(json) : NO_CORE;
+    if (!core) return NO_CORE;
+    const int error = core->scenario(json);
+    if (getenv(ALLOCATION_VARIABLE)) PatchAllocations();
+    return error;
 }
 
 int vshost_reset(void)
@@ -53,8 +57,13 @@ int vshost_reset(void)
 int vshost_fail(enum vshost_kind kind, const char *operation, unsigned nth, unsigned times, uint32_t outcome)
 {
     const VshostCore *core = Core();
-    if (kind == VSHOST_ALLOCATION) PatchAllocations();
-    return core ? core->fail(kind, operation, nth, times, outcome) : NO_CORE;
+    if (!core) return NO_CORE;
+    const int error = core->fail(kind, operation, nth, times, outcome);
+    if (kind == VSHOST_ALLOCATION && !error) {
+        PatchAllocations();
+        setenv(ALLOCATION_VARIABLE, "1", 1);
+    }
+    return error;
 }
 
 unsigned vshost_failed(void)
@@ -79,6 +88,7 @@ void vshost_shell_in_process(int on) { ShellInProcess(on != 0); }
 
 void vshost_clear(void)
 {
+    unsetenv(ALLOCATION_VARIABLE);
     if (const VshostCore *core = Core()) core->clear();
 }
 

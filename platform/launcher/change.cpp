@@ -1,4 +1,6 @@
 // vshost reset, bind, nic and remove-nic.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 
@@ -13,6 +15,9 @@ std::unique_ptr<Host> OpenHost(const std::string &state)
     if (directory.empty()) throw LauncherError{"this process is on no host; name one with --state DIR"};
     const char *durability = getenv(ENVIRONMENT_DURABILITY);
     const bool disk = !durability || std::string_view(durability) != "process";
+    if (access((directory + "/host.db").c_str(), F_OK) != 0)
+        throw LauncherError{directory + " is no host; make one with `vshost run --state " + directory +
+                            " -- COMMAND`"};
     std::unique_ptr<Host> host;
     std::string message;
     if (Host::Open(directory, disk ? Durability::DISK : Durability::PROCESS, false, host, message))

@@ -51,10 +51,11 @@ void PrepareHost(const std::string &directory, const RunOptions &options)
     _exit(errno == ENOENT ? NOT_FOUND : CANNOT_RUN);
 }
 
-void Forward(int signal)
+// What a terminal sends reaches the command without us.
+void Forward(int signal, siginfo_t *info, void *)
 {
     const int error = errno;
-    if (child > 0) kill(child, signal);
+    if (child > 0 && info->si_code != SI_KERNEL) kill(child, signal);
     errno = error;
 }
 
@@ -75,7 +76,8 @@ int RunAsChild(const std::vector<std::string> &command)
     child = started;
     for (int signal : FORWARDED) {
         struct sigaction action = {};
-        action.sa_handler = Forward;
+        action.sa_sigaction = Forward;
+        action.sa_flags = SA_SIGINFO;
         sigaction(signal, &action, nullptr);
     }
     sigprocmask(SIG_SETMASK, &before, nullptr);
