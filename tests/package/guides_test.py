@@ -1,0 +1,76 @@
+#!/usr/bin/env python3
+"""Runs the commands in docs/*.md and compares their output, and checks the links of every page.
+
+usage: guides_test.py SOURCE BUILD
+
+A fence of `sh` is run, unless a comment "not run: why" stands before it; a fence of `text` right behind it is its
+output, where "…" stands for anything, on a line of its own for any lines. A page's fences share one shell.
+"""
+
+import os
+import re
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+FENCE = re.compile(r"(?P<skip><!-- not run: .*? -->\n)?```(?P<kind>\w+)\n(?P<body>.*?)^```$(?P<next>\n```text\n(?P<output>.*?)^```$)?",
+                   re.M | re.S)
+
+
+def anchors(page):
+    return {re.sub(r"[^\w\- ]", "", title.lower()).replace(" ", "-")
+            for title in re.findall(r"^#+ (.*)$", page.read_text(), re.M)}
+
+
+def dead_links(page):
+    text = re.sub(r"^```.*?^```$", "", page.read_text(), flags=re.M | re.S)
+    for target in re.findall(r"\]\(([^)]+)\)", text):
+        path, _, anchor = target.partition("#")
+        if re.match(r"\w+:", target):
+            continue
+        file = (page.parent / path).resolve() if path else page
+        if not file.exists() or anchor and anchor not in anchors(file):
+            yield f"{page.name}: dead link {target}"
+
+
+def matches(expected, output):
+    lines = ["(?:.*\n)*" if line == "…" else re.escape(line).replace("…", ".*") + "\n" for line in expected.splitlines()]
+    return re.fullmatch("".join(lines), output)
+
+
+def run_page(page, view, home):
+    blocks = [m for m in FENCE.finditer(page.read_text()) if m["kind"] == "sh" and not m["skip"]]
+    script = "set -eu\n" + "".join(f"{{\n{m['body']}}} >{home}/out{i} 2>&1\n" for i, m in enumerate(blocks))
+    ended = subprocess.run(["bash", "-c", script], cwd=view, env={**os.environ, "HOME": str(home)}, timeout=300)
+    for index, block in enumerate(blocks):
+        file = home / f"out{index}"
+        output = file.read_text() if file.exists() else ""
+        last = index + 1 == len(blocks) or not (home / f"out{index + 1}").exists()
+        if last and ended.returncode:
+            yield f"{page.name}: these commands end with {ended.returncode}:\n{block['body']}{output}"
+            return
+        if block["next"] and not matches(block["output"], output):
+            yield f"{page.name}: expected\n{block['output']}but the output is\n{output}"
+
+
+def main():
+    source, build = (Path(argument).resolve() for argument in sys.argv[1:])
+    tracked = subprocess.run(["git", "ls-files", "*.md"], cwd=source, capture_output=True, text=True).stdout.split()
+    faults = [fault for page in tracked for fault in dead_links(source / page)]
+    for page in sorted(source.glob("docs/*.md")):
+        with tempfile.TemporaryDirectory() as folder:
+            view, home = Path(folder) / "clone", Path(folder) / "home"
+            for path in (view / "build", home):
+                path.mkdir(parents=True)
+            for entry in source.iterdir():
+                if entry.name != "build":
+                    (view / entry.name).symlink_to(entry)
+            (view / "build/release").symlink_to(build)
+            faults += run_page(page, view, home)
+    print("\n".join(faults) or f"{len(tracked)} pages: links and commands are right")
+    return bool(faults)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
