@@ -22,3 +22,6 @@ package_test(python ${on_host} PYTHONPATH=${PROJECT_SOURCE_DIR}/bindings/python 
              ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/python_test.py
              ${PROJECT_SOURCE_DIR}/cmake/vswitchctl.map)
 package_test(abi ${PROJECT_SOURCE_DIR}/tests/package/abi_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
+package_test(guides ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/guides_test.py
+             ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
+package_test(picture ${PROJECT_SOURCE_DIR}/tests/package/picture_test.sh ${PROJECT_SOURCE_DIR})

@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Prints a manual page of a file format from its JSON schema.
+"""Writes a manual page of a file format from its JSON schema.
 
-usage: schema_page.py SCHEMA NAME VERSION
+usage: schema_page.py SCHEMA VERSION OUTPUT
 """
 
 import json
 import sys
+from pathlib import Path
 
 from manpages import block, escape
 
@@ -39,17 +40,17 @@ def fields(schema, root, path=""):
 
 
 def main():
-    path, name, version = sys.argv[1:]
-    schema = json.load(open(path))
-    print(f'.TH {name.upper()} 5 "" "vswitchctl {version}" "vswitchctl"\n.SH NAME')
-    print(f"{name} \\- {escape(schema['title'][0].lower() + schema['title'][1:])}")
-    print(f".SH DESCRIPTION\n{block(escape(schema.get('description', schema['title'])))}\n.SH FIELDS")
+    path, version, output = sys.argv[1:]
+    schema = json.loads(Path(path).read_text())
+    name, title = Path(output).stem, schema["title"]
+    lines = [f'.TH {name.upper()} 5 "" "vswitchctl {version}" "vswitchctl"',
+             f".SH NAME\n{name} \\- {escape(title[0].lower() + title[1:])}",
+             f".SH DESCRIPTION\n{block(escape(schema.get('description', title)))}\n.SH FIELDS\n.ad l"]
     for field, inner in fields(schema, schema):
-        if field.endswith("[]") and not inner.get("description"):
-            continue
-        about = f" ({escape(kind(inner))})" if kind(inner) else ""
-        print(f".TP\n\\fB{escape(field)}\\fP{about}\n{block(escape(inner.get('description', ''))) or '.'}")
-    print(".SH SEE ALSO\n.BR vsctl (1),\n.BR vshost (1),\n.BR vswitchctl (7)")
+        if inner.get("description") or not field.endswith("[]"):
+            about = f" ({escape(kind(inner))})" if kind(inner) else ""
+            lines.append(f".TP\n\\fB{escape(field)}\\fP{about}\n{block(escape(inner.get('description', ''))) or '.'}")
+    Path(output).write_text("\n".join(lines) + "\n.SH SEE ALSO\n.BR vsctl (1),\n.BR vshost (1),\n.BR vswitchctl (7)\n")
 
 
 if __name__ == "__main__":
