@@ -604,7 +604,7 @@ TEST_F(Driver, AScenarioIsTakenWholeOrNotAtAll)
         EXPECT_EQ(vshost_fingerprint(), before) << row.json;
     }
     EXPECT_EQ(vshost_scenario(R"({"faults": [
-        {"kind": "driver", "operation": "4103", "times": 0, "outcome": 16}]})"),
+        {"kind": "driver", "operation": "4103", "times": 0, "outcome": "0x10"}]})"),
               0);
     EXPECT_EQ(Change(VSWITCH_GET_MCAST_MODE, Input()), EBUSY);
 }

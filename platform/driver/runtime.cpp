@@ -374,9 +374,9 @@ VsStatus ListUplinkPorts(Reader &reader, std::string_view switchId, std::vector<
     if (property.value.size() >= sizeof count) memcpy(&count, property.value.data(), sizeof count);
     for (size_t i = 0, at = sizeof count; i < count && at + UPLINK_ENTRY <= property.value.size();
          ++i, at += UPLINK_ENTRY) {
-        // A field without NUL names no port.
-        const std::string_view field = std::string_view(property.value).substr(at, UPLINK_ENTRY);
-        if (field.find('\0') != field.npos) portIds.emplace_back(Text(field));
+        // A field without NUL names no port, nor does an empty one.
+        const std::string_view portId = Text(std::string_view(property.value).substr(at, UPLINK_ENTRY));
+        if (!portId.empty() && portId.size() < UPLINK_ENTRY) portIds.emplace_back(portId);
     }
     return STATUS_OK;
 }

@@ -23,6 +23,7 @@ constexpr size_t MAX_LAG_NAME = 31;
 constexpr size_t MAX_LAG_MEMBERS = 16;
 constexpr size_t MAX_LAGS = 64;
 constexpr size_t MAX_FAULTS = 64;
+constexpr size_t MAX_HEX = 11; // "not started" is as long
 constexpr size_t MANY = 1u << 20;
 constexpr uint64_t MAX_VLAN_ID = 4094;
 constexpr uint64_t MAX_SPEED = 10'000'000; // Mb/s
@@ -387,6 +388,10 @@ void ApplyOptions(Transaction &transaction, const Node &node)
 uint32_t ParseOutcome(const Node &node)
 {
     if (!node.IsText()) return node.NumberOf<uint32_t>();
+    const std::string text = node.Name(MAX_HEX);
+    uint32_t status = 0;
+    char end;
+    if (text.starts_with("0x") && sscanf(text.c_str() + 2, "%8x%c", &status, &end) == 1) return status;
     return VSHOST_SHELL_KILLED + node.Word({"killed", "not started"});
 }
 
