@@ -61,7 +61,7 @@ class Mutator:
             return self.wake(place, f"{match[0]} -> {other}", match[0], f"(mutation::Awake(@) ? {other} : {match[0]})")
         if line.lstrip().startswith("for ") or "template" in line or "operator" in line:
             return line
-        return re.sub(r"(?<![\w*&!.>\[\]-])([\w.>\[\]-]+(?:\([\w, .>-]*\))?) (<=|>=|==|!=|<|>) ([\w'\\]+(?:->\w+|\.\w+)*(?:\([\w*]*\))?)(?=[;)]| \|\|| &&)",
+        return re.sub(r"(?<![\w*&!.>\[\]-])(?<![%+*/-] )([\w.>\[\]-]+(?:\([\w, .>-]*\))?) (<=|>=|==|!=|<|>) ([\w'\\]+(?:->\w+|\.\w+)*(?:\([\w*]*\))?)(?=[;)]| \|\|| &&)",
                       change, line)
 
     def ignored_failures(self, place, line):
@@ -79,7 +79,7 @@ class Mutator:
 
     def dropped_calls(self, place, line):
         def change(match):
-            return self.wake(place, "drop the call", match[0], f"{match[1]}if (!mutation::Awake(@)) {match[2]}")
+            return self.wake(place, "drop the call", match[0], f"{match[1]}{{ if (!mutation::Awake(@)) {match[2]} }}")
         return re.sub(r"^(\s+)((?:[\w:.>-]+)\((?:.*)\);|\w[\w.>-]* (?:[-+|&]?=) [^;]+;)$", change, line)
 
     def property_flags(self, place, line):
@@ -91,7 +91,7 @@ class Mutator:
         def change(match):
             return self.wake(place, "another number", match[0],
                              f"{match[1]}const {match[2]} {match[3]} = mutation::Number(@, {match[2]}({match[4]}));")
-        return re.sub(r"^(\s*)(?:inline |static )*constexpr (int32_t|uint32_t|size_t) (\w+) = (\w+);", change, line)
+        return re.sub(r"^(\s*)(?:inline )*constexpr (int32_t|uint32_t|size_t) (\w+) = (\w+);", change, line)
 
 
 def mutate(build, rejected):
