@@ -135,7 +135,13 @@ TEST_F(Lifecycle, ADestructionStopsAtItsFirstFailure)
 
 TEST_F(LabTest, APortComesWithAllItsProperties)
 {
+    vshost_record(1);
     ASSERT_EQ(VSDVS_AddDVPort(LAB, "p", 7), STATUS_OK);
+    vshost_record(0);
+    std::vector<uint32_t> bundleKinds;
+    for (const Call &call : Calls(VSHOST_STORE))
+        if (call.operation == "DVSData_Serialize"s) bundleKinds.push_back(call.flags);
+    EXPECT_EQ(bundleKinds, std::vector<uint32_t>{5});
     ASSERT_EQ(VSDVS_AddOpaqueDVPort(LAB, "o", "vnic \xff"), STATUS_OK);
     const std::string external = "com.talpex.port.extraConfig.vnic.external.id", zeros(128, '\0');
     const struct {

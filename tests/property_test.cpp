@@ -44,7 +44,7 @@ TEST_F(LabTest, APropertyIsReadInTwoCalls)
             for (const int32_t length : row.lengths) {
                 SCOPED_TRACE(level.step + " into " + std::to_string(length));
                 std::string buffer(16, '#');
-                PropValueBuffer value = {length, buffer.data()};
+                PropValueBuffer value = {length, length > 0 ? buffer.data() : nullptr};
                 EXPECT_EQ(level.get(LAB, KEY, &value, nullptr, 1), row.status);
                 const bool copied = row.status == STATUS_OK && length > 0;
                 const std::string read = copied ? *row.stored : "";
