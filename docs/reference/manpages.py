@@ -29,21 +29,25 @@ def rich(node):
             inner = f"\\fB{inner}\\fP"
         elif child.tag in ("emphasis", "ref"):
             inner = f"\\fI{inner}\\fP"
+        elif child.tag in ("programlisting", "verbatim", "preformatted"):
+            text = header.listing(child) if child.tag == "programlisting" else child.text.strip("\n")
+            inner = f"\n{verbatim(text)}\n.PP\n"
         elif child.tag == "orderedlist":
             inner = "".join(f"\n.TP\n{number}.\n{rich(item).strip()}" for number, item in enumerate(child, 1))
         elif child.tag == "itemizedlist":
             inner = "".join(f"\n.IP \\(bu 2\n{rich(item).strip()}" for item in child)
         out += [inner, escape(SPACE.sub(" ", child.tail or ""))]
-    return "".join(out)
+    return re.sub(r"\n +|\n\.PP\n$", "\n", "".join(out))
 
 
 def block(text):
-    """A paragraph that no line of which roff takes for a request."""
-    return re.sub(r"^(?=['.](?![A-Z]))", r"\\&", text.strip(), flags=re.M)
+    """A paragraph that roff does not take for a request."""
+    return re.sub(r"^(?=['.](?![A-Z]))", r"\\&", text.strip())
 
 
 def verbatim(text):
-    return ".PP\n.in +4n\n.nf\n" + block(escape(text)) + "\n.fi\n.in"
+    lines = re.sub(r"^(?=['.])", r"\\&", escape(text), flags=re.M)
+    return ".PP\n.in +4n\n.nf\n" + lines + "\n.fi\n.in"
 
 
 def section(title, *lines):
