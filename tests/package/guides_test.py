@@ -58,6 +58,9 @@ def main():
     source, build = (Path(argument).resolve() for argument in sys.argv[1:])
     tracked = subprocess.run(["git", "ls-files", "*.md"], cwd=source, capture_output=True, text=True).stdout.split()
     faults = [fault for page in tracked for fault in dead_links(source / page)]
+    first = re.search(r"```c\n(.*?)^```$", (source / "README.md").read_text(), re.M | re.S).group(1)
+    if first != (source / "examples/first.c").read_text():
+        faults.append("README.md: the first program is not examples/first.c")
     for page in sorted(source.glob("docs/*.md")):
         with tempfile.TemporaryDirectory() as folder:
             view, home = Path(folder) / "clone", Path(folder) / "home"

@@ -110,7 +110,7 @@ def flag(value: bool) -> ctypes.c_uint8:
 
 def block(value: bytes | Record, size: int = 0) -> Any:
     """Bytes of a record that the library reads; with `size`, exactly that many."""
-    data = bytes(value)  # type: ignore[arg-type]
+    data = bytes(value)
     if size and len(data) != size:
         raise ValueError(f"{size} bytes are needed, not {len(data)}")
     return ctypes.create_string_buffer(data, len(data)) if data else None
