@@ -60,11 +60,14 @@ template<class Integer> Node::Visit Into(Integer &field)
     return [&field](const Node &node) { field = node.NumberOf<Integer>(); };
 }
 
-// The same for a field of a packed record.
+// The same for a field of a packed record, which may lie at any address.
 template<class Record, class Integer>
 Node::Member Counter(const char *name, Record &record, Integer Record::*field)
 {
-    return {name, [&record, field](const Node &node) { record.*field = node.NumberOf<Integer>(); }};
+    return {name, [&record, field](const Node &node) {
+                const Integer number = node.NumberOf<Integer>();
+                memcpy(static_cast<void *>(&(record.*field)), &number, sizeof number);
+            }};
 }
 
 // Changes the record under `key` by what the members say.
