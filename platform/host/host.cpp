@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <new>
 
@@ -25,7 +26,11 @@ enum class State { UNKNOWN, NONE, ATTACHED, FAILED };
 struct Attachment {
     Attachment();
 
-    pthread_rwlock_t lock;
+    // A forked child makes its own: the parent's knows its holder by a thread id that is the parent's.
+    void MakeLock();
+
+    std::deque<pthread_rwlock_t> locks;
+    pthread_rwlock_t *lock;
     State state = State::UNKNOWN;
     VsStatus status = STATUS_OK;
     std::unique_ptr<Host> host;
@@ -50,28 +55,29 @@ std::string &ErrorText()
     return text;
 }
 
-void InitializeLock(pthread_rwlock_t &lock)
+void Attachment::MakeLock()
 {
     pthread_rwlockattr_t attributes;
     pthread_rwlockattr_init(&attributes);
     pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
-    pthread_rwlock_init(&lock, &attributes);
+    lock = &locks.emplace_back();
+    pthread_rwlock_init(lock, &attributes);
     pthread_rwlockattr_destroy(&attributes);
 }
 
 class Exclusive {
 public:
-    Exclusive() { pthread_rwlock_wrlock(&Current().lock); }
+    Exclusive() { pthread_rwlock_wrlock(Current().lock); }
     Exclusive(const Exclusive &) = delete;
     Exclusive &operator=(const Exclusive &) = delete;
-    ~Exclusive() { pthread_rwlock_unlock(&Current().lock); }
+    ~Exclusive() { pthread_rwlock_unlock(Current().lock); }
 };
 
-void BeforeFork() { pthread_rwlock_wrlock(&Current().lock); }
-void InParent() { pthread_rwlock_unlock(&Current().lock); }
+void BeforeFork() { pthread_rwlock_wrlock(Current().lock); }
+void InParent() { pthread_rwlock_unlock(Current().lock); }
 void InChild()
 {
-    InitializeLock(Current().lock); // it knows its holder by a thread id that is the parent's
+    Current().MakeLock();
     if (Current().host) Current().host->AbandonAfterFork();
 }
 
@@ -85,7 +91,7 @@ void RemoveThrowAway()
 
 Attachment::Attachment()
 {
-    InitializeLock(lock);
+    MakeLock();
     pthread_atfork(BeforeFork, InParent, InChild);
     atexit(RemoveThrowAway);
 }
@@ -232,11 +238,11 @@ HostUse::HostUse()
 {
     Attachment &current = Current();
     if (uses++ == 0) {
-        pthread_rwlock_rdlock(&current.lock);
+        pthread_rwlock_rdlock(current.lock);
         while (current.state == State::UNKNOWN) {
-            pthread_rwlock_unlock(&current.lock);
+            pthread_rwlock_unlock(current.lock);
             AttachOnce();
-            pthread_rwlock_rdlock(&current.lock);
+            pthread_rwlock_rdlock(current.lock);
         }
     }
     host = current.host.get();
@@ -244,7 +250,7 @@ HostUse::HostUse()
 
 HostUse::~HostUse()
 {
-    if (--uses == 0) pthread_rwlock_unlock(&Current().lock);
+    if (--uses == 0) pthread_rwlock_unlock(Current().lock);
 }
 
 VsStatus HostUse::Status() const { return Current().status; }
