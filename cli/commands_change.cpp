@@ -1,0 +1,163 @@
+// vsctl plan, apply, confirm, export and batch: changes of many steps.
+#include <fmt/format.h>
+
+#include "change.h"
+#include "plan.h"
+
+namespace vsctl {
+
+namespace {
+
+Result Plan(const Verb &, const Arguments &arguments)
+{
+    Result result;
+    result.steps = PlanSteps(Document(arguments.Text("FILE")));
+    result.planOnly = true;
+    return result;
+}
+
+Result Apply(const Verb &, const Arguments &arguments)
+{
+    const bool resume = arguments.Has("--resume");
+    const bool undo = arguments.Has("--undo");
+    if (arguments.Has("FILE") + resume + undo != 1)
+        throw Error(Exit::USAGE, "apply takes a FILE, or --resume, or --undo", "see 'vsctl help apply'");
+    Result result;
+    if (resume || undo) {
+        result.rows = resume ? ResumeJournal() : UndoJournal();
+        return result;
+    }
+    result.steps = PlanSteps(Document(arguments.Text("FILE")));
+    result.allowRemovals = arguments.Has("--allow-removals");
+    if (arguments.Has("--confirm-within"))
+        result.confirmWithin = ParseSeconds("--confirm-within", arguments.Text("--confirm-within"));
+    return result;
+}
+
+Result Confirm(const Verb &, const Arguments &arguments)
+{
+    Result result;
+    if (arguments.Has("--guard"))
+        GuardJournal(arguments.Text("--guard"), ParseSeconds("--after", arguments.Text("--after")));
+    else
+        result.rows = ConfirmJournal();
+    return result;
+}
+
+Result Export(const Verb &, const Arguments &arguments)
+{
+    std::vector<std::pair<std::string, std::vector<std::string>>> switches;
+    for (const std::string &word : arguments.List("SWITCH")) {
+        const size_t slash = word.find('/');
+        switches.emplace_back(word.substr(0, slash), std::vector<std::string>());
+        if (slash != std::string::npos) switches.back().second = PortNames(word.substr(slash + 1));
+    }
+    const Json file = ExportFile(switches);
+    Result result;
+    result.text = arguments.Has("--json") ? file.dump(2, ' ', false, Json::error_handler_t::replace) + "\n"
+                                          : TomlText(file);
+    return result;
+}
+
+// The steps of one line; nothing for blank lines and comments.
+std::vector<Step> LineSteps(const std::string &line, std::map<std::string, std::unique_ptr<Parser>> &parsers)
+{
+    std::vector<std::string> words = SplitLine(line);
+    if (words.empty() || words[0].starts_with("#")) return {};
+    if (words[0] == "vsctl") words.erase(words.begin());
+    size_t used = 0;
+    const Verb &verb = FindVerb(words, used);
+    const Error unfit(Exit::USAGE, verb.Title() + " changes nothing that could be undone",
+                      "a batch takes changes only");
+    if (verb.effect != Effect::STEPS || verb.noun == "apply" || verb.noun == "plan" || verb.noun == "batch")
+        throw unfit;
+    auto &parser = parsers[verb.Title()];
+    if (!parser) parser = std::make_unique<Parser>(verb);
+    Options ignored;
+    const Arguments &arguments =
+        parser->Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, ignored);
+    Result result = verb.run(verb, arguments);
+    if (result.steps.empty()) throw unfit;
+    return std::move(result.steps);
+}
+
+Result Batch(const Verb &, const Arguments &arguments)
+{
+    const std::string path = arguments.Text("FILE", "-");
+    std::map<std::string, std::unique_ptr<Parser>> parsers;
+    Result result;
+    size_t number = 0;
+    for (const std::string &line : Words(ReadFile(path), '\n')) {
+        number++;
+        try {
+            for (Step &step : LineSteps(line, parsers))
+                result.steps.push_back(std::move(step));
+        } catch (const Error &error) {
+            throw Error(
+                error.exit,
+                fmt::format("{}:{}: {}", path == "-" ? "standard input" : path, number, error.problem),
+                error.advice);
+        }
+    }
+    result.allowRemovals = arguments.Has("--allow-removals");
+    return result;
+}
+
+}
+
+std::vector<Verb> ChangeVerbs()
+{
+    const Argument file{"FILE", Shape::REQUIRED, "desired state in TOML or JSON (- for standard input)",
+                        Names::FILE};
+    const Argument allow{"--allow-removals", Shape::FLAG,
+                         "agree to removals, which cannot be undone entirely"};
+    Argument someFile = file;
+    someFile.shape = Shape::OPTIONAL;
+    return {
+        {"plan",
+         "",
+         "shows what apply would change, and changes nothing (exit code 10: something)",
+         {file},
+         "lab.toml",
+         "",
+         Plan},
+        {"apply",
+         "",
+         "makes switches and ports as a file says: all of it or, when a step fails, nothing",
+         {someFile,
+          allow,
+          {"--confirm-within", Shape::OPTION, "undo everything unless 'vsctl confirm' comes in that time"},
+          {"--resume", Shape::FLAG, "finish a change that was cut short"},
+          {"--undo", Shape::FLAG, "undo a change that was cut short or waits for confirmation"}},
+         "lab.toml\nlab.toml --confirm-within 60s\n--undo",
+         "",
+         Apply,
+         Effect::STEPS},
+        {"confirm",
+         "",
+         "keeps what an apply with --confirm-within has changed",
+         {{"--guard", Shape::OPTION, "used by vsctl itself: undo the change with this id"},
+          {"--after", Shape::OPTION, "used by vsctl itself: after that time"}},
+         "",
+         "",
+         Confirm},
+        {"export",
+         "",
+         "writes a file for apply from what exists",
+         {{"SWITCH", Shape::MANY, "switches, with the ports to describe like lab/port0..port7",
+           Names::SWITCH}},
+         "lab\nlab/port0..port7 > lab.toml",
+         "",
+         Export},
+        {"batch",
+         "",
+         "carries out the changes of a file, a line each: all of them or, when one fails, none",
+         {{"FILE", Shape::OPTIONAL, "the file (standard input)", Names::FILE}, allow},
+         "changes.txt\n< changes.txt",
+         "",
+         Batch,
+         Effect::STEPS},
+    };
+}
+
+}

@@ -1,0 +1,197 @@
+// vsctl mac: MAC tables and MAC learning of the running switch.
+#include "decode.h"
+#include "verb.h"
+
+namespace vsctl {
+
+namespace {
+
+uint8_t Selector(const Arguments &arguments)
+{
+    return static_cast<uint8_t>(arguments.Number("--selector", 0, UINT8_MAX));
+}
+
+Result Rows(Json rows)
+{
+    Result result;
+    result.rows = rows.is_array() ? std::move(rows) : Json::array({std::move(rows)});
+    return result;
+}
+
+Result List(const Verb &, const Arguments &arguments)
+{
+    const Target port = arguments.Target();
+    SwitchId(port.alias);
+    DriverBuffer<> table;
+    CheckDriver(VSZOR_GetPortMACTable(port.Alias(), port.Port(), Selector(arguments), table.Out()),
+                "reading the MAC table of", port);
+    return Rows(DecodeList(Record::MAC_ENTRY, table.Get(), sizeof(ZorMacTableEntry)));
+}
+
+Result Team(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    PortsetOf(target.alias);
+    DriverBuffer<> table;
+    CheckDriver(VSZOR_GetTeamMACTable(target.Alias(), Selector(arguments), table.Out()),
+                "reading the team's MAC table of", target);
+    return Rows(DecodeList(Record::MAC_ENTRY, table.Get(), sizeof(ZorMacTableEntry)));
+}
+
+void RequireLayout(const char *option)
+{
+    if (IsEmbedded()) return;
+    throw Error(Exit::USAGE,
+                std::string(option) + " needs a driver whose records are documented, and this one's are not",
+                "give the record with --hex or --file");
+}
+
+ZorMacTableEntry GivenEntry(const Arguments &arguments)
+{
+    Bytes bytes;
+    if (arguments.Has("--address")) {
+        RequireLayout("--address");
+        bytes =
+            MacEntry(arguments.Text("--address"), static_cast<uint16_t>(arguments.Number("--vlan", 0, 4094)));
+    } else {
+        bytes = GivenBytes(arguments, sizeof(ZorMacTableEntry));
+    }
+    ZorMacTableEntry entry;
+    memcpy(&entry, bytes.data(), sizeof entry);
+    return entry;
+}
+
+template<auto CHANGE> Result ChangeEntry(const Verb &verb, const Arguments &arguments)
+{
+    const Target port = arguments.Target();
+    SwitchId(port.alias);
+    const ZorMacTableEntry entry = GivenEntry(arguments);
+    if (!arguments.IsDryRun()) {
+        CheckDriver(CHANGE(port.Alias(), port.Port(), &entry),
+                    verb.name == "set" ? "adding a MAC address to" : "removing a MAC address from", port);
+    }
+    Json row = {{"switch", port.alias}, {"port", port.port}};
+    row.update(Decode(Record::MAC_ENTRY, &entry, sizeof entry));
+    return Rows(row);
+}
+
+Result Stats(const Verb &, const Arguments &arguments)
+{
+    const Target port = arguments.Target();
+    SwitchId(port.alias);
+    uint8_t stats[PORT_MAC_LEARNING_STATS_SIZE];
+    CheckDriver(VSZOR_GetPortMACLearningStats(port.Port(), port.Alias(), stats),
+                "reading the MAC learning statistics of", port);
+    Json row = {{"switch", port.alias}, {"port", port.port}};
+    row.update(Decode(Record::PORT_LEARNING_STATS, stats, sizeof stats));
+    return Rows(row);
+}
+
+Result Info(const Verb &, const Arguments &arguments)
+{
+    uint8_t info[SWITCH_MAC_LEARNING_INFO_SIZE] = {};
+    CheckDriver(VSZOR_GetSwitchMACLearningInfo(PortsetOf(arguments.Text("SWITCH")).c_str(), info),
+                "reading the MAC learning state of", arguments.Target());
+    Json row = {{"switch", arguments.Text("SWITCH")}};
+    row.update(Decode(Record::LEARNING_INFO, info, sizeof info));
+    return Rows(row);
+}
+
+bool HasFields(const Arguments &arguments)
+{
+    return arguments.Has("--enabled") || arguments.Has("--aging") || arguments.Has("--limit");
+}
+
+ZorMacLearningProps GivenProps(const Arguments &arguments, const ZorMacLearningProps &now)
+{
+    Bytes bytes;
+    if (HasFields(arguments)) {
+        RequireLayout("--enabled, --aging or --limit");
+        const Json fields = Decode(Record::LEARNING_PROPS, &now, sizeof now);
+        const Field enabled{"enabled", Form::BOOLEAN, ""};
+        bytes = LearningProps(
+            arguments.Has("--enabled") ? ParseWord(enabled, arguments.Text("--enabled")).get<bool>()
+                                       : fields["enabled"].get<bool>(),
+            arguments.Number("--aging", fields["aging"]), arguments.Number("--limit", fields["limit"]));
+    } else {
+        bytes = GivenBytes(arguments, sizeof now);
+    }
+    ZorMacLearningProps props;
+    memcpy(&props, bytes.data(), sizeof props);
+    return props;
+}
+
+Result Props(const Verb &, const Arguments &arguments)
+{
+    ZorMacLearningProps props{};
+    CheckDriver(VSZOR_GetGlobalMACLearningProps(&props), "reading the MAC learning properties of", {});
+    if (HasFields(arguments) || arguments.Has("--hex") || arguments.Has("--file")) {
+        props = GivenProps(arguments, props);
+        if (!arguments.IsDryRun())
+            CheckDriver(VSZOR_SetGlobalMACLearningProps(&props), "setting the MAC learning properties of",
+                        {});
+    }
+    return Rows(Decode(Record::LEARNING_PROPS, &props, sizeof props));
+}
+
+}
+
+std::vector<Verb> MacVerbs()
+{
+    const std::vector<Argument> entry = {SWITCH,
+                                         ONE_PORT,
+                                         {"--address", Shape::OPTION, "MAC address"},
+                                         {"--vlan", Shape::OPTION, "VLAN of the address (0: untagged)"},
+                                         HEX,
+                                         FROM_FILE};
+    return {
+        {"mac",
+         "list",
+         "lists the MAC table of a port",
+         {SWITCH, ONE_PORT, SELECTOR},
+         "lab port0",
+         "VSZOR_GetPortMACTable",
+         List},
+        {"mac", "set", "adds a MAC address to a port", entry,
+         "lab port0 --address 02:00:00:00:00:01 --vlan 100", "VSZOR_SetPortMACTable",
+         ChangeEntry<VSZOR_SetPortMACTable>, Effect::DIRECT},
+        {"mac", "clear", "removes a MAC address from a port", entry,
+         "lab port0 --address 02:00:00:00:00:01 --vlan 100", "VSZOR_ClearPortMACTable",
+         ChangeEntry<VSZOR_ClearPortMACTable>, Effect::DIRECT},
+        {"mac",
+         "team",
+         "lists the MAC table behind the uplinks of a switch",
+         {SWITCH, SELECTOR},
+         "lab",
+         "VSZOR_GetTeamMACTable",
+         Team},
+        {"mac",
+         "stats",
+         "shows the MAC learning statistics of a port",
+         {SWITCH, ONE_PORT},
+         "lab port0",
+         "VSZOR_GetPortMACLearningStats",
+         Stats},
+        {"mac",
+         "info",
+         "shows the MAC learning state of a switch",
+         {SWITCH},
+         "lab",
+         "VSZOR_GetSwitchMACLearningInfo",
+         Info},
+        {"mac",
+         "props",
+         "shows or sets the MAC learning properties of the host",
+         {{"--enabled", Shape::OPTION, "on or off"},
+          {"--aging", Shape::OPTION, "seconds"},
+          {"--limit", Shape::OPTION, "addresses"},
+          HEX,
+          FROM_FILE},
+         "\n--aging 300",
+         "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps",
+         Props,
+         Effect::DIRECT},
+    };
+}
+
+}

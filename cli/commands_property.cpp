@@ -1,0 +1,103 @@
+// vsctl property: any property of a switch or port, by its key.
+#include <algorithm>
+#include <fmt/format.h>
+
+#include "verb.h"
+
+namespace vsctl {
+
+namespace {
+
+constexpr Field LEVEL{"level", Form::CHOICE, "", 0, 0, "global|host|port"};
+
+Property PropertyOf(const Arguments &arguments)
+{
+    const std::string level = arguments.Text("--level", arguments.Has("--port") ? "port" : "global");
+    Property property{static_cast<Level>(ChoiceIndex(LEVEL, ParseWord(LEVEL, level).get<std::string>())),
+                      {arguments.Text("SWITCH"), arguments.Text("--port")},
+                      arguments.Text("KEY"),
+                      arguments.Has("--by-id")};
+    if ((property.level == Level::PORT) != arguments.Has("--port"))
+        throw Error(Exit::USAGE, "--port goes with --level port, and --level port needs it");
+    return property;
+}
+
+const char *LevelName(const Property &property) { return LEVEL_NAMES[static_cast<size_t>(property.level)]; }
+
+bool IsText(const Bytes &bytes)
+{
+    return !bytes.empty() && bytes.back() == 0 &&
+           std::all_of(bytes.begin(), bytes.end() - 1,
+                       [](uint8_t byte) { return byte >= ' ' && byte < 0x7f; });
+}
+
+Result Get(const Verb &, const Arguments &arguments)
+{
+    const Property property = PropertyOf(arguments);
+    if (!property.byId) SwitchId(property.target.alias);
+    Bytes bytes;
+    Check(property.Get(bytes), "reading " + property.key + " of", property.target);
+    Json row = {{"switch", property.target.alias}};
+    if (property.level == Level::PORT) row["port"] = property.target.port;
+    row["level"] = LevelName(property);
+    row["key"] = property.key;
+    row["length"] = bytes.size();
+    row["bytes"] = Hex(bytes.data(), bytes.size());
+    if (IsText(bytes)) row["text"] = Name(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+    Result result;
+    result.rows.push_back(row);
+    return result;
+}
+
+Result ChangeTo(const Arguments &arguments, const Json &bytes)
+{
+    const Property property = PropertyOf(arguments);
+    Json value = {{"level", LevelName(property)}, {"key", property.key}, {"bytes", bytes}};
+    if (property.byId) value["by-id"] = true;
+    Result result;
+    result.steps.push_back({"property", property.target, value});
+    return result;
+}
+
+Result Set(const Verb &, const Arguments &arguments)
+{
+    Bytes bytes;
+    if (arguments.Has("--text")) {
+        if (arguments.Has("--hex") || arguments.Has("--file"))
+            throw Error(Exit::USAGE, "--text, --hex and --file exclude each other");
+        const std::string &text = arguments.Text("--text");
+        bytes.assign(text.c_str(), text.c_str() + text.size() + 1);
+    } else {
+        bytes = GivenBytes(arguments, 0);
+    }
+    return ChangeTo(arguments, Hex(bytes.data(), bytes.size()));
+}
+
+Result Clear(const Verb &, const Arguments &arguments) { return ChangeTo(arguments, nullptr); }
+
+}
+
+std::vector<Verb> PropertyVerbs()
+{
+    const std::vector<Argument> which = {
+        SWITCH,
+        {"KEY", Shape::REQUIRED, "key of the property"},
+        {"--level", Shape::OPTION, "global, host or port (global)"},
+        {"--port", Shape::OPTION, "the port whose property it is", Names::PORT},
+        BY_ID};
+    std::vector<Argument> given = which;
+    given.push_back({"--text", Shape::OPTION, "a text, stored with its NUL"});
+    given.push_back(HEX);
+    given.push_back(FROM_FILE);
+    return {
+        {"property", "get", "shows a property by its key", which,
+         "lab com.talpex.common.alias\nlab com.talpex.common.port.alias --port port0",
+         "VSDVS_GetGlobProp VSDVS_GetHostProp VSDVS_GetPortProp", Get},
+        {"property", "set", "sets a property by its key", given, "lab com.example.owner --text ops",
+         "VSDVS_SetGlobProp VSDVS_SetHostProp VSDVS_SetPortProp", Set, Effect::STEPS},
+        {"property", "clear", "removes a property by its key", which, "lab com.example.owner",
+         "VSDVS_ClearGlobProp VSDVS_ClearHostProp VSDVS_ClearPortProp", Clear, Effect::STEPS},
+    };
+}
+
+}

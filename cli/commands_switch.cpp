@@ -1,0 +1,120 @@
+// vsctl switch: switches as a whole.
+#include "decode.h"
+#include "verb.h"
+
+namespace vsctl {
+
+namespace {
+
+Json Info(const std::string &portset, const Target &target)
+{
+    uint8_t info[VS_INFO_SIZE];
+    CheckDriver(VSZOR_GetVSInfo(portset.c_str(), info), "reading the state of", target);
+    return Decode(Record::INFO, info, sizeof info);
+}
+
+Json ListRow(const std::string &portset)
+{
+    const std::string alias = AliasOf(portset);
+    Json row = {{"switch", alias.empty() ? Json() : Json(alias)}, {"portset", portset}};
+    if (IsEmbedded()) {
+        const Json info = Info(portset, {alias, ""});
+        for (const char *key : {"used-ports", "max-ports", "uplinks", "mtu"})
+            row[key] = info[key];
+    }
+    row["id"] = alias.empty() ? Json() : Json(SwitchId(alias));
+    return row;
+}
+
+Result List(const Verb &, const Arguments &)
+{
+    Result result;
+    for (const std::string &portset : Portsets())
+        result.rows.push_back(ListRow(portset));
+    return result;
+}
+
+Result Show(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    SwitchId(target.alias);
+    Json row = {{"switch", target.alias}};
+    row.update(ReadSwitch(target.alias, {}));
+    row["live"] = Info(PortsetOf(target.alias), target);
+    Result result;
+    result.rows.push_back(row);
+    return result;
+}
+
+Result Create(const Verb &, const Arguments &arguments)
+{
+    const std::string id = arguments.Text("--id", "");
+    if (id.size() >= SWITCH_ID_SIZE) throw Error(Exit::BAD_VALUE, "--id has more than 63 characters");
+    if (arguments.Text("SWITCH").empty()) throw Error(Exit::BAD_VALUE, "a switch needs a name");
+    Json value = {{"id", id.empty() ? NewSwitchId() : id},
+                  {"portset", arguments.Text("--portset", arguments.Text("SWITCH"))},
+                  {"version", arguments.Number("--version", 1)},
+                  {"opaque", arguments.Has("--opaque")},
+                  {"max-ports", arguments.Number("--max-ports", 0)},
+                  {"uplink-count", arguments.Number("--uplinks", 0)},
+                  {"port-count", arguments.Number("--ports", 0)}};
+    Result result;
+    result.steps.push_back({"switch", {arguments.Text("SWITCH"), ""}, value});
+    return result;
+}
+
+Result Destroy(const Verb &, const Arguments &arguments)
+{
+    Result result;
+    result.steps.push_back({"switch", {arguments.Text("SWITCH"), ""}, nullptr});
+    return result;
+}
+
+}
+
+std::vector<Verb> SwitchVerbs()
+{
+    const Argument name{"SWITCH", Shape::REQUIRED, "alias of the new switch"};
+    return {
+        {"switch",
+         "list",
+         "lists the running switches",
+         {},
+         "\n--json",
+         "VSZOR_GetSwitches VSDVS_GetAliasFromPortset DVSAliasToPortsetName DVSAliasToSwitchId "
+         "VSZOR_GetVSInfo",
+         List},
+        {"switch",
+         "show",
+         "shows a switch: its names, uplinks, policies and live state",
+         {SWITCH},
+         "lab",
+         "DVSAliasToSwitchId DVSAliasToPortsetName VSDVS_GetGlobProp VSZOR_GetVSInfo",
+         Show},
+        {"switch",
+         "create",
+         "creates a switch, with uplinks uplink0, uplink1, … and ports port0, port1, …",
+         {name,
+          {"--uplinks", Shape::OPTION, "number of uplinks (0)"},
+          {"--ports", Shape::OPTION, "number of ports (0)"},
+          {"--max-ports", Shape::OPTION, "ports that there may be (128)"},
+          {"--id", Shape::OPTION, "switch id (a random one)"},
+          {"--portset", Shape::OPTION, "kernel name (the alias)"},
+          {"--version", Shape::OPTION, "version number (1)"},
+          {"--opaque", Shape::FLAG, "an opaque switch"}},
+         "lab --uplinks 2 --ports 8\nlab --portset vs0 --max-ports 64",
+         "VSDVS_CreateVSwitch",
+         Create,
+         Effect::STEPS},
+        {"switch",
+         "destroy",
+         "destroys a switch with all its ports",
+         {SWITCH},
+         "lab",
+         "VSDVS_DestroyVSwitch",
+         Destroy,
+         Effect::STEPS},
+    };
+}
+
+}

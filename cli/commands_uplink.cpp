@@ -1,0 +1,249 @@
+// vsctl uplink and lag: uplink ports of a switch, and the links behind them.
+#include <fmt/format.h>
+
+#include "decode.h"
+#include "verb.h"
+
+namespace vsctl {
+
+namespace {
+
+Json RunningUplinks(const std::string &alias)
+{
+    DriverBuffer<> list;
+    CheckDriver(VSZOR_GetUplinks(PortsetOf(alias).c_str(), list.Out()), "listing the running uplinks of",
+                {alias, ""});
+    return DecodeList(Record::UPLINK, list.Get(), UPLINK_ENTRY_SIZE);
+}
+
+std::string PortOfRunning(const std::string &uplink)
+{
+    char port[DV_PORT_ID_SIZE];
+    CheckDriver(VSZOR_GetUplinkDVPortID(uplink.c_str(), port), "finding the port of uplink", {"", uplink});
+    return Name(port, sizeof port);
+}
+
+Result List(const Verb &, const Arguments &arguments)
+{
+    const std::string alias = arguments.Text("SWITCH");
+    SwitchId(alias);
+    const Uplinks uplinks = ReadUplinks(alias);
+    const Json running = IsEmbedded() ? RunningUplinks(alias) : Json::array();
+    Result result;
+    for (size_t i = 0; i < uplinks.ids.size(); i++) {
+        Json row = {{"switch", alias}, {"uplink", uplinks.names[i]}, {"port", uplinks.ids[i]}};
+        for (const Json &nic : running) {
+            if (PortOfRunning(nic["uplink"]) != uplinks.ids[i]) continue;
+            row["nic"] = nic["uplink"];
+            row["link"] = nic["link"];
+        }
+        result.rows.push_back(row);
+    }
+    return result;
+}
+
+Result Live(const Verb &, const Arguments &arguments)
+{
+    Result result;
+    result.rows = RunningUplinks(arguments.Text("SWITCH"));
+    return result;
+}
+
+Step UplinkStep(const Arguments &arguments, Json value)
+{
+    return {"uplinks", {arguments.Text("SWITCH"), ""}, std::move(value)};
+}
+
+Result Add(const Verb &, const Arguments &arguments)
+{
+    Result result;
+    for (const std::string &name : arguments.List("UPLINK"))
+        result.steps.push_back(UplinkStep(arguments, {{"add", name}}));
+    return result;
+}
+
+Result Remove(const Verb &, const Arguments &arguments)
+{
+    Result result;
+    for (const std::string &id : arguments.List("UPLINK"))
+        result.steps.push_back(UplinkStep(arguments, {{"remove", id}}));
+    return result;
+}
+
+Result Set(const Verb &, const Arguments &arguments)
+{
+    if (arguments.Has("--count") != arguments.List("UPLINK").empty())
+        throw Error(Exit::USAGE, "the uplinks are given by their names or by --count");
+    Result result;
+    if (arguments.Has("--count")) {
+        result.steps.push_back(UplinkStep(arguments, {{"count", arguments.Number("--count", 0, 4096)}}));
+        return result;
+    }
+    const auto &names = arguments.List("UPLINK");
+    result.steps.push_back(UplinkStep(arguments, {{"set", {{"names", names}, {"ids", names}}}}));
+    return result;
+}
+
+Result Clear(const Verb &, const Arguments &arguments)
+{
+    Result result;
+    result.steps.push_back(UplinkStep(arguments, {{"clear", true}}));
+    return result;
+}
+
+template<auto GET> Result LinkState(const Verb &verb, const Arguments &arguments)
+{
+    const std::string &uplink = arguments.Text("UPLINK");
+    uint32_t up = 0;
+    CheckDriver(GET(PortsetOf(arguments.Text("SWITCH")).c_str(), uplink.c_str(), &up),
+                fmt::format("reading the {} state of uplink {} of", verb.name, uplink), arguments.Target());
+    Result result;
+    result.rows.push_back({{"switch", arguments.Text("SWITCH")}, {"uplink", uplink}, {verb.name, up != 0}});
+    return result;
+}
+
+Result UpOrDown(const Verb &verb, const Arguments &arguments)
+{
+    const std::string &alias = arguments.Text("SWITCH");
+    const Json value = {{"uplink", arguments.Text("UPLINK")}, {"up", verb.name == "up"}};
+    Result result;
+    result.steps.push_back({"uplink-admin", {alias, ""}, value});
+    return result;
+}
+
+Result Port(const Verb &, const Arguments &arguments)
+{
+    const std::string &uplink = arguments.Text("UPLINK");
+    Result result;
+    result.rows.push_back({{"uplink", uplink}, {"port", PortOfRunning(uplink)}});
+    return result;
+}
+
+Result Numa(const Verb &, const Arguments &arguments)
+{
+    Result result;
+    if (!arguments.IsDryRun()) {
+        CheckDriver(VSZOR_RefreshDevNUMAInfo(PortsetOf(arguments.Text("SWITCH")).c_str()),
+                    "refreshing the NUMA nodes of", arguments.Target());
+    }
+    result.rows.push_back({{"switch", arguments.Text("SWITCH")}, {"refreshed", !arguments.IsDryRun()}});
+    return result;
+}
+
+Result Lags(const Verb &, const Arguments &arguments)
+{
+    DriverBuffer<> table;
+    CheckDriver(VSZOR_GetLAGTable(PortsetOf(arguments.Text("SWITCH")).c_str(), table.Out()),
+                "reading the LAGs of", arguments.Target());
+    const Json lags = Decode(Record::LAG_TABLE, table.Get(), LAG_TABLE_SIZE);
+    Result result;
+    result.rows = lags.is_array() ? lags : Json::array({lags});
+    return result;
+}
+
+}
+
+std::vector<Verb> UplinkVerbs()
+{
+    const Argument newName{"UPLINK", Shape::MANY, "names of the uplinks, which are also their port ids"};
+    const Argument listed{"UPLINK", Shape::MANY, "port ids of the uplinks", Names::UPLINK};
+    const Argument running{"UPLINK", Shape::REQUIRED, "name of the running uplink", Names::RUNNING_UPLINK};
+    Argument several = newName;
+    several.shape = Shape::ANY;
+    return {
+        {"uplink",
+         "list",
+         "lists the uplinks of a switch",
+         {SWITCH},
+         "lab",
+         "VSDVS_GetSwitchUplinkPorts VSZOR_GetUplinks VSZOR_GetUplinkDVPortID",
+         List},
+        {"uplink",
+         "live",
+         "lists the uplinks that the driver runs",
+         {SWITCH},
+         "lab",
+         "VSZOR_GetUplinks",
+         Live},
+        {"uplink",
+         "add",
+         "adds uplinks to a switch",
+         {SWITCH, newName},
+         "lab uplink2",
+         "VSDVS_AddSwitchUplinkPort",
+         Add,
+         Effect::STEPS},
+        {"uplink",
+         "remove",
+         "removes uplinks of a switch",
+         {SWITCH, listed},
+         "lab uplink2",
+         "VSDVS_RemoveSwitchUplinkPort",
+         Remove,
+         Effect::STEPS},
+        {"uplink",
+         "set",
+         "gives a switch its uplinks, by name or by number",
+         {SWITCH, several, {"--count", Shape::OPTION, "that many, named uplink0, uplink1, …"}},
+         "lab east west\nlab --count 2",
+         "VSDVS_SetSwitchUplinkPorts SetNumSwitchUplinkPortsByUUID",
+         Set,
+         Effect::STEPS},
+        {"uplink",
+         "clear",
+         "forgets the lists of a switch's uplinks and keeps their ports",
+         {SWITCH},
+         "lab",
+         "VSDVS_ClearSwitchUplinkPorts",
+         Clear,
+         Effect::STEPS},
+        {"uplink",
+         "link",
+         "shows whether an uplink has a link",
+         {SWITCH, running},
+         "lab nic0",
+         "VSZOR_GetUplinkLinkState",
+         LinkState<VSZOR_GetUplinkLinkState>},
+        {"uplink",
+         "lacp",
+         "shows whether an uplink has a link in a LAG",
+         {SWITCH, running},
+         "lab nic0",
+         "VSZOR_GetUplinkLACPLinkState",
+         LinkState<VSZOR_GetUplinkLACPLinkState>},
+        {"uplink",
+         "up",
+         "takes an uplink up",
+         {SWITCH, running},
+         "lab nic0",
+         "VSZOR_SetUplinkAdminLinkState",
+         UpOrDown,
+         Effect::STEPS},
+        {"uplink",
+         "down",
+         "takes an uplink down",
+         {SWITCH, running},
+         "lab nic0",
+         "VSZOR_SetUplinkAdminLinkState",
+         UpOrDown,
+         Effect::STEPS},
+        {"uplink",
+         "port",
+         "shows the port id of a running uplink",
+         {running},
+         "nic0",
+         "VSZOR_GetUplinkDVPortID",
+         Port},
+        {"uplink",
+         "numa",
+         "has the driver read the NUMA nodes of a switch's uplinks again",
+         {SWITCH},
+         "lab",
+         "VSZOR_RefreshDevNUMAInfo",
+         Numa,
+         Effect::DIRECT},
+        {"lag", "list", "lists the LAGs of a switch", {SWITCH}, "lab", "VSZOR_GetLAGTable", Lags},
+    };
+}
+
+}

@@ -1,0 +1,38 @@
+// A file in TOML or JSON, whose every part knows the line and column that it stands at.
+#ifndef CLI_DOCUMENT_H
+#define CLI_DOCUMENT_H
+
+#include <map>
+
+#include "library.h"
+
+namespace vsctl {
+
+class Document {
+public:
+    // Throws with file, line and column when the file isn't well-formed.
+    explicit Document(const std::string &path);
+    const Json &Root() const { return root; }
+    // An error at the part with this JSON pointer.
+    Error At(const std::string &pointer, const std::string &problem, Exit exit = Exit::BAD_VALUE) const;
+
+private:
+    struct Position {
+        size_t line;
+        size_t column;
+    };
+    void ReadToml(const std::string &text);
+    void ReadJson(const std::string &text);
+    Error At(Position position, const std::string &problem, Exit exit) const;
+
+    std::string path;
+    Json root;
+    std::map<std::string, Position> positions;
+};
+
+// One step of a JSON pointer.
+std::string PointerStep(const std::string &key);
+std::string TomlText(const Json &json);
+
+}
+#endif

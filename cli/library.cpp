@@ -1,0 +1,264 @@
+// The library for C++: buffers that release themselves, names, and bytes as text.
+#include "library.h"
+
+#include <charconv>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace vsctl {
+
+const char *const LEVEL_NAMES[3] = {"global", "host", "port"};
+
+std::string Hex(const void *bytes, size_t length)
+{
+    const auto *first = static_cast<const uint8_t *>(bytes);
+    return fmt::format("{:02x}", fmt::join(first, first + length, ""));
+}
+
+Bytes FromHex(std::string_view text)
+{
+    std::string digits;
+    for (char c : text) {
+        if (c != ' ' && c != ':' && c != '\n') digits += c;
+    }
+    Bytes bytes(digits.size() / 2);
+    bool valid = digits.size() % 2 == 0;
+    for (size_t i = 0; valid && i < bytes.size(); i++) {
+        const char *end = digits.data() + 2 * i + 2;
+        valid = std::from_chars(end - 2, end, bytes[i], 16).ptr == end;
+    }
+    if (!valid) throw Error(Exit::BAD_VALUE, "bytes are given as pairs of hexadecimal digits");
+    return bytes;
+}
+
+std::string Name(const char *field, size_t size) { return {field, strnlen(field, size)}; }
+
+std::string ReadFile(const std::string &path)
+{
+    const int descriptor = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string text;
+    char block[65536];
+    ssize_t length = descriptor;
+    while (descriptor >= 0 && (length = read(descriptor, block, sizeof block)) > 0)
+        text.append(block, static_cast<size_t>(length));
+    const int error = errno;
+    if (descriptor > STDIN_FILENO) close(descriptor);
+    if (length < 0) {
+        throw Error(error == EACCES ? Exit::PERMISSION : Exit::NOT_FOUND,
+                    fmt::format("{} cannot be read: {}", path, strerror(error)));
+    }
+    return text;
+}
+
+std::vector<std::string> Portsets()
+{
+    DriverBuffer<> list;
+    CheckDriver(VSZOR_GetSwitches(1, list.Out()), "listing the switches of", {});
+    const auto *header = static_cast<const ZorListHeader *>(list.Get());
+    std::vector<std::string> names;
+    using Entry = char[PORTSET_NAME_SIZE];
+    for (const Entry &name : Entries<Entry>(header, header->count))
+        names.push_back(Name(name, sizeof name));
+    return names;
+}
+
+std::string AliasOf(const std::string &portset)
+{
+    char alias[SWITCH_ALIAS_SIZE] = "";
+    char portsetBack[PORTSET_NAME_SIZE] = "";
+    if (VSDVS_GetAliasFromPortset(portset.c_str(), alias) != STATUS_OK || !*alias) return "";
+    if (DVSAliasToPortsetName(alias, portsetBack) != STATUS_OK || portset != portsetBack) return "";
+    return alias;
+}
+
+std::vector<std::string> SwitchNames()
+{
+    std::vector<std::string> names;
+    for (const std::string &portset : Portsets()) {
+        if (std::string alias = AliasOf(portset); !alias.empty()) names.push_back(alias);
+    }
+    return names;
+}
+
+namespace {
+
+// Throws the status with the nearest name; the driver need not be reachable for that.
+[[noreturn]] void ThrowUnknownSwitch(VsStatus status, const std::string &alias)
+{
+    try {
+        Check(status, "finding", {alias, ""});
+    } catch (Error &error) {
+        std::string suggestion;
+        if (status == STATUS_NOT_FOUND && DeviceError(ZOR_DEVICE) == 0)
+            suggestion = Suggest(alias, SwitchNames());
+        Error better(error.exit, error.problem, suggestion.empty() ? error.advice : suggestion);
+        better.status = status;
+        throw better;
+    }
+    throw Error(Exit::NOT_FOUND, "finding switch " + alias + " failed");
+}
+
+}
+
+bool SwitchExists(const std::string &alias)
+{
+    char id[SWITCH_ID_SIZE];
+    const VsStatus status = DVSAliasToSwitchId(alias.c_str(), id);
+    if (status != STATUS_NOT_FOUND) Check(status, "finding", {alias, ""});
+    return status == STATUS_OK;
+}
+
+std::string SwitchId(const std::string &alias)
+{
+    char id[SWITCH_ID_SIZE];
+    if (VsStatus status = DVSAliasToSwitchId(alias.c_str(), id)) ThrowUnknownSwitch(status, alias);
+    return id;
+}
+
+std::string PortsetOf(const std::string &alias)
+{
+    char portset[PORTSET_NAME_SIZE];
+    if (VsStatus status = DVSAliasToPortsetName(alias.c_str(), portset)) ThrowUnknownSwitch(status, alias);
+    return portset;
+}
+
+bool PortExists(const Target &port)
+{
+    if (DVPortExist(SwitchId(port.alias).c_str(), port.Port())) return true;
+    // The cache need not follow what this process has added since it was loaded.
+    int32_t length = 0;
+    return Property{Level::PORT, port, "com.talpex.common.port.alias"}.Length(length) == STATUS_OK;
+}
+
+namespace {
+
+constexpr uint32_t MAX_RANGE = 65536;
+
+struct NumberedName {
+    std::string stem;
+    uint32_t number;
+};
+
+NumberedName SplitNumber(std::string_view name)
+{
+    const size_t digits = name.find_last_not_of("0123456789") + 1;
+    NumberedName parts{std::string(name.substr(0, digits)), 0};
+    const auto [end, error] = std::from_chars(name.data() + digits, name.data() + name.size(), parts.number);
+    if (error != std::errc() || (name[digits] == '0' && name.size() > digits + 1)) {
+        throw Error(Exit::BAD_VALUE, fmt::format("'{}' is not the end of a range of ports", name),
+                    "write a range like port0..port7");
+    }
+    return parts;
+}
+
+void AddRange(std::string_view first, std::string_view last, std::vector<std::string> &names)
+{
+    const NumberedName from = SplitNumber(first);
+    const NumberedName to = SplitNumber(last);
+    if (from.stem != to.stem || from.number > to.number || to.number - from.number >= MAX_RANGE) {
+        throw Error(Exit::BAD_VALUE, fmt::format("'{}..{}' is no range of ports", first, last),
+                    "write a range like port0..port7");
+    }
+    for (uint32_t number = from.number; number <= to.number; number++)
+        names.push_back(fmt::format("{}{}", from.stem, number));
+}
+
+}
+
+std::vector<std::string> PortNames(const std::string &list)
+{
+    std::vector<std::string> names;
+    for (size_t start = 0; start <= list.size();) {
+        const size_t end = std::min(list.find(',', start), list.size());
+        const std::string_view word = std::string_view(list).substr(start, end - start);
+        const size_t dots = word.find("..");
+        if (word.empty())
+            throw Error(Exit::BAD_VALUE, "a port without a name", "write names like port0,port1");
+        if (dots == std::string_view::npos)
+            names.emplace_back(word);
+        else
+            AddRange(word.substr(0, dots), word.substr(dots + 2), names);
+        start = end + 1;
+    }
+    return names;
+}
+
+namespace {
+
+VsStatus GetProperty(const Property &property, PropValueBuffer &buffer)
+{
+    const char *name = property.target.Alias();
+    const uint8_t useAlias = !property.byId;
+    const char *key = property.key.c_str();
+    switch (property.level) {
+    case Level::PORT:
+        return VSDVS_GetPortProp(name, property.target.Port(), key, &buffer, name, useAlias);
+    case Level::HOST:
+        return VSDVS_GetHostProp(name, key, &buffer, name, useAlias);
+    default:
+        return VSDVS_GetGlobProp(name, key, &buffer, name, useAlias);
+    }
+}
+
+}
+
+VsStatus Property::Length(int32_t &length) const
+{
+    PropValueBuffer buffer{0, nullptr};
+    const VsStatus status = GetProperty(*this, buffer);
+    length = buffer.length;
+    return status;
+}
+
+VsStatus Property::Get(Bytes &value) const
+{
+    int32_t length = 0;
+    VsStatus status = STATUS_NO_MEMORY; // another writer made it longer in between: ask again
+    while (status == STATUS_NO_MEMORY) {
+        if ((status = Length(length)) != STATUS_OK) return status;
+        value.resize(static_cast<size_t>(length));
+        if (length == 0) return STATUS_OK;
+        PropValueBuffer buffer{length, value.data()};
+        status = GetProperty(*this, buffer);
+    }
+    return status;
+}
+
+VsStatus Property::Set(const Bytes &value) const
+{
+    const char *name = target.Alias();
+    const auto length = static_cast<uint32_t>(value.size());
+    const uint8_t useAlias = !byId;
+    switch (level) {
+    case Level::PORT:
+        return VSDVS_SetPortProp(name, target.Port(), key.c_str(), value.data(), length, name, useAlias);
+    case Level::HOST:
+        return VSDVS_SetHostProp(name, key.c_str(), value.data(), length, name, useAlias);
+    default:
+        return VSDVS_SetGlobProp(name, key.c_str(), value.data(), length, name, useAlias);
+    }
+}
+
+VsStatus Property::Clear() const
+{
+    const char *name = target.Alias();
+    const uint8_t useAlias = !byId;
+    switch (level) {
+    case Level::PORT:
+        return VSDVS_ClearPortProp(name, target.Port(), key.c_str(), name, useAlias);
+    case Level::HOST:
+        return VSDVS_ClearHostProp(name, key.c_str(), name, useAlias);
+    default:
+        return VSDVS_ClearGlobProp(name, key.c_str(), name, useAlias);
+    }
+}
+
+bool IsEmbedded()
+{
+    const char *directory = getenv("VSHOST_DIR");
+    return directory && *directory;
+}
+
+}

@@ -1,0 +1,89 @@
+// The library for C++: buffers that release themselves, names, and bytes as text.
+#ifndef CLI_LIBRARY_H
+#define CLI_LIBRARY_H
+
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+#include <vswitchctl.h>
+
+#include "error.h"
+
+namespace vsctl {
+
+using Json = nlohmann::ordered_json;
+using Bytes = std::vector<uint8_t>;
+
+// A buffer that the library made for its caller.
+template<class T, void (*RELEASE)(void *)> class Buffer {
+public:
+    Buffer() = default;
+    Buffer(const Buffer &) = delete;
+    Buffer &operator=(const Buffer &) = delete;
+    ~Buffer()
+    {
+        if (data) RELEASE(data);
+    }
+    T **Out() { return &data; }
+    T *operator->() const { return data; }
+    T *Get() const { return data; }
+    const uint8_t *Raw() const { return reinterpret_cast<const uint8_t *>(data); }
+
+private:
+    T *data = nullptr;
+};
+template<class T> using StoreBuffer = Buffer<T, VSDVS_FreeMemory>;
+template<class T = void> using DriverBuffer = Buffer<T, VSZOR_FreeMemory>;
+
+// The `count` entries behind a list's header.
+template<class Entry, class List> std::span<const Entry> Entries(const List *list, size_t count)
+{
+    return {reinterpret_cast<const Entry *>(list + 1), count};
+}
+
+std::string Hex(const void *bytes, size_t length);
+// The bytes of an even number of hexadecimal digits (spaces and colons are skipped). Throws on others.
+Bytes FromHex(std::string_view text);
+// A name that fills its field, or ends at a NUL.
+std::string Name(const char *field, size_t size);
+std::string ReadFile(const std::string &path); // "-" is standard input
+
+// Names of the running portsets.
+std::vector<std::string> Portsets();
+// The alias of the switch with exactly this portset, or nothing. The library finds a portset by a prefix
+// of its name too, so what it finds is checked back.
+std::string AliasOf(const std::string &portset);
+std::vector<std::string> SwitchNames(); // aliases of the running switches
+std::string PortsetOf(const std::string &alias);
+bool SwitchExists(const std::string &alias);
+// Throws, with the nearest name, when there is no such switch.
+std::string SwitchId(const std::string &alias);
+
+bool PortExists(const Target &port);
+// "port0..port7,uplink0" → their names.
+std::vector<std::string> PortNames(const std::string &list);
+
+enum class Level { GLOBAL, HOST, PORT };
+extern const char *const LEVEL_NAMES[3];
+
+// A property by its key, of a switch named by alias or (byId) by its id.
+struct Property {
+    Level level = Level::GLOBAL;
+    Target target;
+    std::string key;
+    bool byId = false;
+
+    VsStatus Length(int32_t &length) const;
+    VsStatus Get(Bytes &value) const;
+    VsStatus Set(const Bytes &value) const;
+    VsStatus Clear() const;
+};
+
+// Whether the platform says that it is an embedded host, whose records are documented.
+bool IsEmbedded();
+
+}
+#endif

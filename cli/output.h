@@ -1,0 +1,25 @@
+// What the command prints: rows, as an aligned table or as JSON.
+#ifndef CLI_OUTPUT_H
+#define CLI_OUTPUT_H
+
+#include "error.h"
+#include "library.h"
+
+namespace vsctl {
+
+// Writes to standard output. A reader that has gone ends the command in good order.
+void Print(const std::string &text);
+// Whether colours may be used on the descriptor.
+bool HasColor(int descriptor);
+
+// A value in one cell: objects as "key=value …", long bytes shortened.
+std::string CellText(const Json &value);
+// An aligned table with a column for each key of the rows; rows with many keys stand upright.
+std::string TableText(const Json &rows);
+void PrintRows(const std::string &title, const Json &rows, bool json);
+// One line on standard error; a JSON object with `json`.
+void PrintError(const Error &error, bool json);
+std::string Dump(const Json &value);
+
+}
+#endif

@@ -1,0 +1,136 @@
+// The command line. The only file that knows CLI11; it builds what the verb asked for needs and no more.
+#include "parser.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+namespace vsctl {
+
+namespace {
+
+const Argument JSON{"--json", Shape::FLAG, "print JSON"};
+const Argument TIMEOUT{"--timeout", Shape::OPTION, "longest wait, like 500ms, 30s or 2m (default 30s)"};
+const Argument DRY_RUN{"--dry-run", Shape::FLAG, "show what would change, and change nothing"};
+
+std::string Footer(const Verb &verb)
+{
+    std::string footer = "Examples:";
+    for (const std::string &example : Words(verb.example, '\n'))
+        footer += fmt::format("\n  vsctl {} {}", verb.Title(), example);
+    if (!verb.operations.empty()) footer += "\nLibrary operations:\n  " + verb.operations;
+    return footer;
+}
+
+void AddArgument(CLI::App &app, const Argument &argument, std::vector<std::string> &slot)
+{
+    if (argument.shape == Shape::FLAG) {
+        app.add_flag_function(
+            argument.name, [&slot](int64_t) { slot = {"on"}; }, argument.help);
+        return;
+    }
+    const auto takeOne = [&slot](const std::string &word) { slot = {word}; };
+    const bool repeats = argument.shape == Shape::MANY || argument.shape == Shape::ANY;
+    CLI::Option *option = repeats
+                              ? app.add_option(argument.name, slot, argument.help)->expected(-1)
+                              : app.add_option_function<std::string>(argument.name, takeOne, argument.help);
+    option->type_name("")->required(argument.shape == Shape::REQUIRED || argument.shape == Shape::MANY);
+}
+
+void TakeCommon(const Arguments &arguments, Options &options)
+{
+    if (arguments.Has("--json")) options.json = true;
+    if (arguments.Has("--dry-run")) options.dryRun = true;
+    if (arguments.Has("--timeout")) options.timeout = ParseSeconds("--timeout", arguments.Text("--timeout"));
+}
+
+Error UsageError(const Verb &verb, const CLI::ParseError &error, const std::vector<std::string> &words)
+{
+    std::string advice;
+    std::vector<std::string> names;
+    for (const Argument &argument : verb.arguments)
+        names.push_back(argument.name);
+    for (const Argument &argument : CommonArguments(verb))
+        names.push_back(argument.name);
+    for (const std::string &word : words) {
+        const std::string name = word.substr(0, word.find('='));
+        const bool isOption = name.size() > 2 && name.starts_with("--");
+        if (isOption && std::find(names.begin(), names.end(), name) == names.end())
+            advice = Suggest(name, names);
+    }
+    if (advice.empty()) advice = fmt::format("see 'vsctl help {}'", verb.Title());
+    std::string problem = error.what();
+    std::replace(problem.begin(), problem.end(), '\n', ' ');
+    return Error(Exit::USAGE, fmt::format("{}: {}", verb.Title(), problem), advice);
+}
+
+}
+
+std::vector<Argument> CommonArguments(const Verb &verb)
+{
+    if (verb.effect != Effect::READS) return {JSON, DRY_RUN, TIMEOUT};
+    return {JSON, TIMEOUT};
+}
+
+Parser::Parser(const Verb &verb)
+    : verb(verb), app(std::make_unique<CLI::App>(verb.help, "vsctl " + verb.Title()))
+{
+    app->set_help_flag("-h,--help", "show this help");
+    for (const Argument &argument : verb.arguments)
+        AddArgument(*app, argument, arguments.Slot(argument.name));
+    for (const Argument &argument : CommonArguments(verb))
+        AddArgument(*app, argument, arguments.Slot(argument.name));
+    if (verb.noun == "watch") app->prefix_command();
+    app->footer([&verb] { return Footer(verb); });
+}
+
+Parser::~Parser() = default;
+
+const Arguments &Parser::Parse(const std::vector<std::string> &words, Options &options)
+{
+    for (const Argument &argument : verb.arguments)
+        arguments.Slot(argument.name).clear();
+    for (const Argument &argument : CommonArguments(verb))
+        arguments.Slot(argument.name).clear();
+    try {
+        app->parse(std::vector<std::string>(words.rbegin(), words.rend()));
+    } catch (const CLI::CallForHelp &) {
+        throw HelpWanted();
+    } catch (const CLI::ParseError &error) {
+        throw UsageError(verb, error, words);
+    }
+    if (verb.noun == "watch") arguments.Slot("COMMAND") = app->remaining();
+    TakeCommon(arguments, options);
+    return arguments;
+}
+
+std::string Parser::Help() const { return app->help(); }
+
+std::vector<std::string> ParseLeading(const std::vector<std::string> &words, Options &options)
+{
+    size_t first = 0;
+    while (first < words.size() && words[first].starts_with("-")) {
+        // An option of two words ends before the noun.
+        first += words[first] == "--timeout" ? 2 : 1;
+    }
+    first = std::min(first, words.size());
+    if (first == 0) return words;
+    const Verb leading{"", "", "", {}, "", "", nullptr, Effect::STEPS, nullptr};
+    Parser(leading).Parse({words.begin(), words.begin() + static_cast<ptrdiff_t>(first)}, options);
+    return {words.begin() + static_cast<ptrdiff_t>(first), words.end()};
+}
+
+std::vector<std::string> SplitLine(const std::string &line) { return CLI::detail::split_up(line); }
+
+double ParseSeconds(const std::string &name, const std::string &text)
+{
+    static const std::map<std::string, double> UNITS = {{"ms", 0.001}, {"s", 1}, {"m", 60}, {"h", 3600}};
+    std::string number = text;
+    const std::string fault = CLI::AsNumberWithUnit(UNITS, CLI::AsNumberWithUnit::CASE_SENSITIVE)(number);
+    double seconds = 0;
+    if (!fault.empty() || !CLI::detail::lexical_cast(number, seconds) || !(seconds > 0) || seconds > 1e6)
+        throw Error(Exit::BAD_VALUE,
+                    fmt::format("{} must be a time like 500ms, 30s or 2m, not '{}'", name, text));
+    return seconds;
+}
+
+}

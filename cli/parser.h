@@ -1,0 +1,49 @@
+// The command line.
+#ifndef CLI_PARSER_H
+#define CLI_PARSER_H
+
+#include <memory>
+
+#include "verb.h"
+
+namespace CLI {
+class App;
+}
+
+namespace vsctl {
+
+struct Options {
+    bool json = false;
+    bool dryRun = false;
+    double timeout = 30; // seconds
+};
+
+// Reads the words of one verb; a batch uses it again for each line with that verb.
+class Parser {
+public:
+    explicit Parser(const Verb &verb);
+    ~Parser();
+    // Sets the options that are given.
+    const Arguments &Parse(const std::vector<std::string> &words, Options &options);
+    std::string Help() const;
+
+private:
+    const Verb &verb;
+    std::unique_ptr<CLI::App> app;
+    Arguments arguments;
+};
+
+// Thrown for --help.
+struct HelpWanted {};
+
+// Takes the options before the noun off, and returns the words from the noun on.
+std::vector<std::string> ParseLeading(const std::vector<std::string> &words, Options &options);
+// The words of a line, with quotes as in a shell.
+std::vector<std::string> SplitLine(const std::string &line);
+double ParseSeconds(const std::string &name, const std::string &text);
+
+// Options that every verb takes.
+std::vector<Argument> CommonArguments(const Verb &verb);
+
+}
+#endif

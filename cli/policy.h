@@ -1,0 +1,51 @@
+// The typed policies of switches and ports, a row each. What shows, sets, plans, applies, exports or
+// undoes a policy goes by its row.
+#ifndef CLI_POLICY_H
+#define CLI_POLICY_H
+
+#include "value.h"
+
+namespace vsctl {
+
+struct Policy {
+    const char *name; // the verb, and the key in files
+    Level level;      // PORT, or where the switch keeps it
+    const char *key;  // of its property; empty when it has none that can be cleared
+    const char *help;
+    std::span<const Field> fields;
+    VsStatus (*read)(const Target &, Json &);
+    VsStatus (*write)(const Target &, const Json &);
+    VsStatus (*clear)(const Target &); // null: the property is cleared by its key
+    const char *example;               // what follows SWITCH [PORT]
+    const char *operations;
+    VsStatus (*readLive)(const Target &, Json &) = nullptr; // what the driver runs with
+    VsStatus (*readById)(const Target &, Json &) = nullptr; // the switch named by its id
+
+    bool IsScalar() const { return fields.size() == 1 && !*fields[0].name; }
+    bool CanClear() const { return *key; }
+};
+
+std::span<const Policy> Policies();
+// Those of ports, or those of switches.
+std::vector<const Policy *> PoliciesOf(bool ports);
+const Policy *FindPolicy(std::string_view name, bool ofPort);
+
+// The value in force, defaults included; null when there is none.
+Json ReadPolicy(const Policy &policy, const Target &target);
+// The value that is stored; null when none is.
+Json ReadStored(const Policy &policy, const Target &target);
+// Stores the value; null clears the policy.
+void WritePolicy(const Policy &policy, const Target &target, const Json &value);
+
+std::optional<Fault> FindFault(const Policy &policy, const Json &value, const std::string &pointer);
+std::optional<Fault> FindFault(std::span<const Field> fields, const Json &value, const std::string &pointer);
+// All fields in the order of the row, those not given with their defaults.
+Json Canonical(const Policy &policy, const Json &value);
+Json Schema(const Policy &policy);
+
+// Mirror sessions of a library's list, and back.
+Json SessionsToJson(const MirrorSessionList *list);
+Bytes SessionsFromJson(const Json &sessions);
+
+}
+#endif

@@ -1,0 +1,51 @@
+// A step of a change: one object or setting, what it shall be, and what it was. Every change that vsctl
+// makes to the store is a list of steps, so that each can be shown, done, undone and taken up again.
+#ifndef CLI_STEP_H
+#define CLI_STEP_H
+
+#include "policy.h"
+
+namespace vsctl {
+
+struct Step {
+    std::string item; // a policy's name, or a row of the table of objects
+    Target target;
+    Json value;            // what it shall be; null: gone, or cleared
+    Json before = nullptr; // what it was; null: not there
+    bool isRead = false;   // `before` holds what was read
+};
+
+// Reads what is there before the step.
+void ReadBefore(Step &step);
+void Perform(const Step &step);
+// Whether the wanted state is there already.
+bool IsDone(const Step &step);
+// Puts back what was there before, wherever the step got to; does nothing when that is there already.
+void Restore(const Step &step);
+// Removes an object: what it was can't be put back entirely.
+bool IsRemoval(const Step &step);
+
+Step SetPolicy(const Policy &policy, const Target &target, const Json &value);
+// One row of output.
+Json StepRow(const Step &step);
+std::string StepText(const Step &step);
+Json ToJson(const Step &step);
+Step StepFromJson(const Json &json);
+
+// A switch or port as a file of `vsctl apply` describes it, null when there is none. The library can't
+// list a switch's ports: only those named are read.
+Json ReadSwitch(const std::string &alias, const std::vector<std::string> &ports);
+Json ReadPort(const Target &port);
+
+struct Uplinks {
+    std::vector<std::string> names;
+    std::vector<std::string> ids;
+    bool operator==(const Uplinks &) const = default;
+};
+// The listed uplinks; none when the switch has no lists.
+Uplinks ReadUplinks(const std::string &alias);
+
+std::string NewSwitchId();
+
+}
+#endif

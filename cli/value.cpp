@@ -1,0 +1,301 @@
+// Values of policies: what a value may be, how it reads on the command line and in a file.
+#include "value.h"
+
+#include <algorithm>
+#include <charconv>
+#include <fmt/format.h>
+
+namespace vsctl {
+
+namespace {
+
+constexpr uint16_t MAX_VLAN = 4095;
+constexpr size_t SESSION_ID_SIZE = sizeof MirrorSessionRecord::sessionId;
+constexpr size_t SESSION_SETTINGS_SIZE = sizeof MirrorSessionRecord::settings;
+
+bool IsHex(const Json &value, int64_t bytes)
+{
+    if (!value.is_string()) return false;
+    const auto &text = value.get_ref<const std::string &>();
+    return text.size() == 2 * static_cast<size_t>(bytes) &&
+           text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
+
+std::string BytesRule(int64_t bytes) { return fmt::format("must be {} bytes in hexadecimal digits", bytes); }
+
+std::optional<Fault> FaultInEach(const Json &list, const std::string &pointer,
+                                 bool (*valid)(const Json &, int64_t), int64_t bytes, const std::string &rule)
+{
+    if (!list.is_array()) return Fault{pointer, "must be a list; each entry " + rule};
+    for (size_t i = 0; i < list.size(); i++) {
+        if (!valid(list[i], bytes)) return Fault{fmt::format("{}/{}", pointer, i), rule};
+    }
+    return {};
+}
+
+bool IsName(const Json &value, int64_t bytes)
+{
+    return value.is_string() && !value.get_ref<const std::string &>().empty() &&
+           value.get_ref<const std::string &>().size() <= static_cast<size_t>(bytes);
+}
+
+bool IsRange(const Json &value, int64_t)
+{
+    return value.is_string() && ParseVlanRange(value.get_ref<const std::string &>());
+}
+
+// What a mirror session consists of.
+constexpr Field SESSION_FIELDS[] = {
+    {"id", Form::TEXT, "the session's id", 1, SESSION_ID_SIZE},
+    {"settings", Form::BYTES, "its other settings", 0, SESSION_SETTINGS_SIZE},
+    {"entries-a", Form::BYTES_LIST, "port entries of its first kind", 0, sizeof(MirrorPortEntry), "", "[]"},
+    {"entries-b", Form::BYTES_LIST, "port entries of its second kind", 0, sizeof(MirrorPortEntry), "", "[]"},
+    {"entries-c", Form::BYTES_LIST, "port entries of its third kind", 0, sizeof(MirrorPortEntry), "", "[]"},
+};
+
+}
+
+std::optional<Fault> FindFault(std::span<const Field> fields, const Json &value, const std::string &pointer)
+{
+    if (!value.is_object()) return Fault{pointer, "must be a table"};
+    for (const auto &[key, member] : value.items()) {
+        const auto field = std::find_if(fields.begin(), fields.end(),
+                                        [&key = key](const Field &f) { return key == f.name; });
+        if (field == fields.end()) {
+            std::vector<std::string_view> names;
+            for (const Field &known : fields)
+                names.emplace_back(known.name);
+            return Fault{pointer + "/" + key, "is no known key; " + Suggest(key, names)};
+        }
+        if (auto fault = FindFault(*field, member, pointer + "/" + key)) return fault;
+    }
+    return {};
+}
+
+namespace {
+
+std::optional<Fault> FaultInSessions(const Json &value, const std::string &pointer)
+{
+    if (!value.is_array()) return Fault{pointer, "must be a list of mirror sessions"};
+    for (size_t i = 0; i < value.size(); i++) {
+        const std::string session = fmt::format("{}/{}", pointer, i);
+        if (auto fault = FindFault(SESSION_FIELDS, value[i], session)) return fault;
+        if (!value[i].contains("id")) return Fault{session, "a mirror session needs an 'id'"};
+    }
+    return {};
+}
+
+std::string Rule(const Field &field)
+{
+    switch (field.form) {
+    case Form::BOOLEAN:
+        return "must be true or false";
+    case Form::NUMBER:
+        return fmt::format("must be a number from {} to {}", field.min, field.max);
+    case Form::CHOICE:
+        return fmt::format("must be {}", fmt::join(Words(field.choices, '|'), " or "));
+    case Form::TEXT:
+        return fmt::format("must be a text of {} to {} bytes", field.min, field.max);
+    case Form::BYTES:
+        return BytesRule(field.max);
+    case Form::RANGES:
+        return "must be a VLAN or a range of VLANs from 0 to 4095, like \"100-199\"";
+    case Form::BYTES_LIST:
+        return BytesRule(field.max);
+    case Form::NAMES:
+        return fmt::format("must be a name of 1 to {} bytes", field.max);
+    case Form::SESSIONS:
+        return "";
+    }
+    return "";
+}
+
+bool IsValid(const Field &field, const Json &value)
+{
+    switch (field.form) {
+    case Form::BOOLEAN:
+        return value.is_boolean();
+    case Form::NUMBER:
+        return value.is_number_integer() && value.get<int64_t>() >= field.min &&
+               value.get<int64_t>() <= field.max;
+    case Form::CHOICE: {
+        const auto words = Words(field.choices, '|');
+        return value.is_string() &&
+               std::find(words.begin(), words.end(), value.get<std::string>()) != words.end();
+    }
+    case Form::TEXT: {
+        if (!value.is_string()) return false;
+        const auto &text = value.get_ref<const std::string &>();
+        const auto size = static_cast<int64_t>(text.size());
+        return size >= field.min && size <= field.max && text.find('\0') == std::string::npos;
+    }
+    default:
+        return IsHex(value, field.max);
+    }
+}
+
+}
+
+std::optional<Fault> FindFault(const Field &field, const Json &value, const std::string &pointer)
+{
+    switch (field.form) {
+    case Form::RANGES:
+        if (value.is_array() && value.empty()) return Fault{pointer, "must name at least one VLAN"};
+        return FaultInEach(value, pointer, IsRange, 0, Rule(field));
+    case Form::BYTES_LIST:
+        return FaultInEach(value, pointer, IsHex, field.max, Rule(field));
+    case Form::NAMES:
+        return FaultInEach(value, pointer, IsName, field.max, Rule(field));
+    case Form::SESSIONS:
+        return FaultInSessions(value, pointer);
+    default:
+        break;
+    }
+    if (IsValid(field, value)) return {};
+    return Fault{pointer, Rule(field)};
+}
+
+namespace {
+
+Json WordToJson(const Field &field, const std::string &word)
+{
+    switch (field.form) {
+    case Form::BOOLEAN:
+        if (word == "on" || word == "true" || word == "yes") return true;
+        if (word == "off" || word == "false" || word == "no") return false;
+        return word;
+    case Form::NUMBER: {
+        int64_t number = 0;
+        const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
+        if (error != std::errc() || end != word.data() + word.size()) return word;
+        return number;
+    }
+    case Form::RANGES:
+    case Form::NAMES:
+        return Words(word, ',');
+    case Form::BYTES_LIST:
+        return word.empty() ? Json::array() : Json(Words(word, ','));
+    case Form::BYTES:
+        return Hex(FromHex(word).data(), FromHex(word).size());
+    case Form::SESSIONS: {
+        const Json list = Json::parse(word, nullptr, false);
+        return list.is_discarded() ? Json(word) : list;
+    }
+    default:
+        return word;
+    }
+}
+
+}
+
+Json ParseWord(const Field &field, const std::string &word)
+{
+    const Json value = WordToJson(field, word);
+    if (auto fault = FindFault(field, value, "")) {
+        const std::string what = *field.name ? "--" + std::string(field.name) : "the value";
+        const std::string rule = field.form == Form::BOOLEAN ? "must be on or off" : fault->message;
+        throw Error(Exit::BAD_VALUE, fmt::format("{} {}, not '{}'", what, rule, word.substr(0, 40)));
+    }
+    return value;
+}
+
+namespace {
+
+Json BytesSchema(int64_t bytes)
+{
+    return {{"type", "string"}, {"pattern", fmt::format("^[0-9a-fA-F]{{{}}}$", 2 * bytes)}};
+}
+
+Json SessionsSchema()
+{
+    Json properties;
+    for (const Field &field : SESSION_FIELDS)
+        properties[field.name] = Schema(field);
+    const Json session = {{"type", "object"},
+                          {"properties", properties},
+                          {"required", {"id"}},
+                          {"additionalProperties", false}};
+    return {{"type", "array"}, {"items", session}};
+}
+
+Json ValueSchema(const Field &field)
+{
+    switch (field.form) {
+    case Form::BOOLEAN:
+        return {{"type", "boolean"}};
+    case Form::NUMBER:
+        return {{"type", "integer"}, {"minimum", field.min}, {"maximum", field.max}};
+    case Form::CHOICE:
+        return {{"enum", Words(field.choices, '|')}};
+    case Form::TEXT:
+        return {{"type", "string"}, {"minLength", field.min}, {"maxLength", field.max}};
+    case Form::BYTES:
+        return BytesSchema(field.max);
+    case Form::RANGES:
+        return {{"type", "array"},
+                {"minItems", 1},
+                {"items", {{"type", "string"}, {"pattern", "^[0-9]{1,4}(-[0-9]{1,4})?$"}}}};
+    case Form::BYTES_LIST:
+        return {{"type", "array"}, {"items", BytesSchema(field.max)}};
+    case Form::NAMES:
+        return {{"type", "array"},
+                {"items", {{"type", "string"}, {"minLength", 1}, {"maxLength", field.max}}}};
+    case Form::SESSIONS:
+        return SessionsSchema();
+    }
+    return {};
+}
+
+}
+
+Json Schema(const Field &field)
+{
+    Json schema = ValueSchema(field);
+    schema["description"] = field.help;
+    if (field.defaultText) schema["default"] = Json::parse(field.defaultText);
+    return schema;
+}
+
+std::vector<std::string> Words(std::string_view text, char separator)
+{
+    std::vector<std::string> words;
+    for (size_t start = 0; start <= text.size();) {
+        const size_t end = std::min(text.find(separator, start), text.size());
+        words.emplace_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return words;
+}
+
+std::optional<VLANRange> ParseVlanRange(std::string_view text)
+{
+    VLANRange range{};
+    uint16_t first = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), first);
+    uint16_t last = first;
+    const char *const stop = text.data() + text.size();
+    if (error == std::errc() && end != stop && *end == '-') {
+        const auto second = std::from_chars(end + 1, stop, last);
+        end = second.ptr;
+        error = second.ec;
+    }
+    if (error != std::errc() || end != stop || first > last || last > MAX_VLAN) return {};
+    range.first = first;
+    range.last = last;
+    return range;
+}
+
+std::string VlanRangeText(const VLANRange &range)
+{
+    const uint16_t first = range.first;
+    const uint16_t last = range.last;
+    return first == last ? fmt::format("{}", first) : fmt::format("{}-{}", first, last);
+}
+
+uint32_t ChoiceIndex(const Field &field, const std::string &word)
+{
+    const auto words = Words(field.choices, '|');
+    return static_cast<uint32_t>(std::find(words.begin(), words.end(), word) - words.begin());
+}
+
+}
