@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vswitch_driver.h>
@@ -181,6 +182,12 @@ const ListCommand LISTS[] = {
 
 class Lists : public LabTest {
 protected:
+    void SetUp() override
+    {
+        LabTest::SetUp();
+        mallopt(M_PERTURB, 0x5A); // memory that nobody cleared shows
+    }
+
     // What the driver answers: a header with this count, and as many entries.
     static std::string Answer(const ListCommand &command, uint32_t count, uint32_t entries)
     {
@@ -250,6 +257,16 @@ TEST_F(Lists, WithoutAnAnswerAreEmptyOrRefused)
         VSZOR_FreeMemory(list);
         vshost_clear();
     }
+}
+
+TEST_F(Lists, AndTablesAreZeroWhereNothingWasWritten)
+{
+    const auto options = [](void **table) { return VSZOR_GetRuntimeOptions(nullptr, 0, table); };
+    const auto lags = [](void **table) { return VSZOR_GetLAGTable(LAB_PORTSET, table); };
+    const ListCommand tables[] = {{"options", 4099, RUNTIME_OPTIONS_SIZE, 0, options},
+                                  {"LAGs", 4109, LAG_TABLE_SIZE, 0, lags}};
+    for (const ListCommand &table : tables)
+        Expect(table, {"h"}, 'h' + std::string(table.headerSize - 1, '\0'), {table.headerSize});
 }
 
 TEST_F(Lists, OfGroupsKnowThreeKinds)
