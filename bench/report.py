@@ -1,0 +1,91 @@
+#!/usr/bin/env python3
+"""Prints the table of ratios from the results of the benchmarks (Google Benchmark's JSON files)."""
+import json
+import statistics
+import sys
+
+# What is measured, its peer, what the ratio is to be, and how the row is called. The ratio is the measured side's
+# time divided by the peer's, of the medians.
+ROWS = [
+    ("write_disk/library", "write_disk/sqlite", "<= 1.1", "VLAN policy, on disk, beside SQLite FULL"),
+    ("write_disk/library", "write_disk/ovsdb", "< 1", "VLAN policy, on disk, beside OVSDB durable"),
+    ("write_disk/library8", "write_disk/library", "<= 0.33", "the same by 8 threads, a call, beside 1 thread"),
+    ("processes/library/8", "processes/library/1", "<= 1", "240 writes on disk by 8 processes, beside 1"),
+    ("write_process/library", "write_process/sqlite", "<= 1.3", "VLAN policy, survives its process, beside SQLite NORMAL"),
+    ("write_process/library", "write_process/ovsdb", "<= 0.2", "VLAN policy, survives its process, beside OVSDB"),
+    ("read/library_one", "read/sqlite", "<= 1.2", "one property, beside a prepared SELECT"),
+    ("read/library", "read/sqlite", "", "VLAN policy (two properties), beside a prepared SELECT"),
+    ("read/library", "read/ovsdb", "<= 0.025", "VLAN policy, beside OVSDB select"),
+    ("alias/library/10", None, "<= 200 ns", "alias look-up, 10 switches"),
+    ("alias/library/1000", "alias/library/10", "<= 1.2", "alias look-up, 1,000 switches, beside 10"),
+    ("alias/library/100000", "alias/library/10", "<= 1.2", "alias look-up, 100,000 switches, beside 10"),
+    ("create/library/64", "create/ovsdb/64", "< 1", "create a switch with 64 ports, beside OVSDB"),
+    ("create/library/1024", "create/ovsdb/1024", "< 1", "create a switch with 1,024 ports, beside OVSDB"),
+    ("create/library/10000", "create/ovsdb/10000", "< 1", "create a switch with 10,000 ports, beside OVSDB"),
+    ("create/library/1024", "create/library/64", "<= 16", "1,024 ports beside 64: linear is 16"),
+    ("create/library/10000", "create/library/1024", "<= 9.8", "10,000 ports beside 1,024: linear is 9.8"),
+    ("create/library/64", "create/ovs_vsctl/64", "< 1", "create a switch with 64 ports, beside one ovs-vsctl"),
+    ("create/library/1024", "create/ovs_vsctl/1024", "< 1", "create a switch with 1,024 ports, beside one ovs-vsctl"),
+    ("create/library_disk/64", "write_disk/sqlite", "", "64 ports with each on disk, in SQLite FULL commits"),
+    ("create/library_disk/1024", "write_disk/sqlite", "", "1,024 ports with each on disk, in SQLite FULL commits"),
+    ("create/library_synced/1024", "create/library_disk/1024", "", "1,024 ports on disk by one sync, beside a sync each"),
+    ("change_all/library", "change_all/ovsdb", "< 1", "VLAN of 1,000 ports, beside OVSDB"),
+    ("change_all/library", "change_all/ovsdb_at_once", "", "VLAN of 1,000 ports, beside one OVSDB transaction"),
+    ("read_all/library", "read_all/ovsdb", "< 1", "read 1,000 VLAN policies, beside OVSDB"),
+    ("read_all/library", "read_all/ovsdb_at_once", "", "read 1,000 VLAN policies, beside one OVSDB select"),
+    ("start/ports_10", "start/empty", "", "program that reads one value, 10 ports, beside an empty one"),
+    ("start/ports_many", "start/ports_10", "", "the same with 100,000 ports (10,000 if quick)"),
+    ("Load/library", "Load/empty", "", "dlopen of the library, beside an empty object"),
+]
+
+
+def load(paths):
+    times, counters = {}, {}
+    for path in paths:
+        with open(path, encoding="utf-8") as file:
+            for run in json.load(file)["benchmarks"]:
+                if run["run_type"] == "iteration":
+                    name = "/".join(part for part in run["name"].split("/")
+                                    if not part.startswith(("iterations:", "repeats:", "threads:", "real_time")))
+                    times.setdefault(name, []).append(run["real_time"])
+                    counters.update({key: value for key, value in run.items() if key.endswith("_per_port")})
+    return times, counters
+
+
+def text(nanoseconds):
+    for unit, size in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
+        if nanoseconds >= size:
+            return f"{nanoseconds / size:.3g} {unit}"
+    return f"{nanoseconds:.3g} ns"
+
+
+def met(goal, ratio, median):
+    if not goal:
+        return ""
+    compare, limit, *unit = goal.split()
+    value = median if unit else ratio
+    return "yes" if (value <= float(limit) if compare == "<=" else value < float(limit)) else "NO"
+
+
+def main():
+    times, counters = load(sys.argv[1:])
+    print(f"{'':60}{'min':>10}{'median':>10}{'peer min':>10}{'median':>10}{'ratio':>8}  {'goal':10}met")
+    for name, peer, goal, title in ROWS:
+        if name not in times or (peer and peer not in times):
+            continue
+        own = times[name]
+        median = statistics.median(own)
+        line = f"{title:60}{text(min(own)):>10}{text(median):>10}"
+        ratio = None
+        if peer:
+            ratio = median / statistics.median(times[peer])
+            line += f"{text(min(times[peer])):>10}{text(statistics.median(times[peer])):>10}{ratio:8.3g}"
+        else:
+            line += " " * 28
+        print(f"{line}  {goal:10}{met(goal, ratio, median)}")
+    rounds = max(len(values) for values in times.values())
+    print(f"{rounds} rounds, sides in random order within each. " +
+          ", ".join(f"{key.replace('_', ' ')}: {value:.0f} bytes" for key, value in counters.items()))
+
+
+main()
