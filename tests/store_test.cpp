@@ -383,6 +383,11 @@ TEST_F(StoreTest, FollowsOtherProcesses)
         ASSERT_EQ(Wait(Fork([&] { return SetGlobal(ID, ALIAS, Text(alias)) == STATUS_OK; })), 0);
         ASSERT_NE(DVSState_SwitchFindByAlias(alias.c_str()), nullptr);
         ASSERT_EQ(Wait(Fork([&] { return DVSState_SwitchFindByAlias(alias.c_str()) != nullptr; })), 0);
+        ASSERT_EQ(SetPort("p0", "parent"), STATUS_OK);
+        ASSERT_EQ(GetPort("p0"), "parent");
+        ASSERT_EQ(Wait(Fork([&] { return GetPort("p0") == "parent" && SetPort("p0", alias) == STATUS_OK; })),
+                  0);
+        ASSERT_EQ(GetPort("p0"), alias);
     }
     EXPECT_EQ(DVSState_SwitchFindByAlias("lab18"), nullptr);
 }

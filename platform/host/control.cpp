@@ -67,6 +67,7 @@ struct ControlBlock {
     Fault fault[MAX_FAULTS];
     Answer answer[MAX_ANSWERS];
     Output output[MAX_OUTPUTS];
+    std::atomic<uint64_t> commits;
 };
 
 namespace {
@@ -207,6 +208,8 @@ VsStatus Control::Open(const std::string &directory, std::unique_ptr<Control> &c
 }
 
 std::atomic<uint64_t> &Control::Changes() { return block->changes; }
+
+StoreCounters Control::Counters() { return {block->changes, block->commits}; }
 
 void Control::ReopenAfterFork()
 {

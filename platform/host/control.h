@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/host/status.h"
+#include "platform/host/engine.h"
 
 namespace vshost {
 
@@ -38,6 +38,7 @@ public:
     ~Control();
 
     std::atomic<uint64_t> &Changes();
+    StoreCounters Counters();
     void ReopenAfterFork();
 
     // The functions of vshost.h of the same names: 0 or an errno value.

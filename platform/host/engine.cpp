@@ -409,18 +409,23 @@ VsStatus Transaction::Scan(std::string_view prefix, const Visit &visit, Order or
 
 VsStatus Transaction::Put(std::string_view key, std::string_view value)
 {
+    lastPut = {std::string(key), std::string(value)};
     return Note(connection.Put(key, value));
 }
 
-VsStatus Transaction::Remove(std::string_view key) { return Note(connection.Run(Connection::REMOVE, key)); }
+VsStatus Transaction::Remove(std::string_view key)
+{
+    lastPut.key.clear();
+    return Note(connection.Run(Connection::REMOVE, key));
+}
 
 void Transaction::InvalidateCaches()
 {
     if (changes % 2 == 0) ++changes;
 }
 
-Engine::Engine(std::string directory, Durability durability, std::atomic<uint64_t> &changes)
-    : directory(std::move(directory)), durability(durability), changes(changes)
+Engine::Engine(std::string directory, Durability durability, StoreCounters counters)
+    : directory(std::move(directory)), durability(durability), counters(counters)
 {}
 
 Engine::~Engine()
@@ -428,10 +433,10 @@ Engine::~Engine()
     if (lockFd >= 0) close(lockFd);
 }
 
-VsStatus Engine::Open(const std::string &directory, Durability durability, std::atomic<uint64_t> &changes,
+VsStatus Engine::Open(const std::string &directory, Durability durability, StoreCounters counters,
                       std::unique_ptr<Engine> &engine, std::string &message)
 {
-    std::unique_ptr<Engine> opened(new Engine(directory, durability, changes));
+    std::unique_ptr<Engine> opened(new Engine(directory, durability, counters));
     const std::string path = directory + DATABASE_FILE;
     opened->lockFd = OpenLockFile(directory);
     if (opened->lockFd < 0) return FailOnErrno(directory + LOCK_FILE, "open the file", message);
@@ -499,8 +504,33 @@ VsStatus Engine::Get(std::string_view key, std::string &value)
 {
     if (damaged) return STATUS_IO_ERROR;
     std::lock_guard lock(readMutex);
+    const uint64_t commits = counters.commits;
+    if (commits == recentCommits && key == recent.key) {
+        value = recent.value;
+        return STATUS_OK;
+    }
     if (VsStatus status = Connect(reader)) return status;
-    return Checked(*reader, reader->Get(key, value));
+    if (VsStatus status = Checked(*reader, reader->Get(key, value))) return status;
+    RememberRead(key, value, commits);
+    return STATUS_OK;
+}
+
+// `commits` is from before the read, under whose mutex this runs.
+void Engine::RememberRead(std::string_view key, std::string_view value, uint64_t commits)
+{
+    recentCommits = NEVER;
+    if (commits % 2 != 0) return; // what was read may change yet
+    recent.key = key;
+    recent.value = value;
+    recentCommits = commits;
+}
+
+// After a commit, while the file's lock keeps all others from the next one.
+void Engine::RememberPut()
+{
+    std::lock_guard lock(readMutex);
+    recent = std::move(put);
+    recentCommits = recent.key.empty() ? NEVER : counters.commits.load();
 }
 
 VsStatus Engine::Scan(std::string_view prefix, const Visit &visit, Order order)
@@ -562,11 +592,15 @@ void Engine::Commit(const Batch &batch)
         for (Request *request : batch)
             if (request->status == STATUS_OK) request->status = status;
     }
-    if (changes % 2 != 0) ++changes; // ours, or that of a process that died in a commit
+    // Ours, or those of a process that died in a commit.
+    if (counters.changes % 2 != 0) ++counters.changes;
+    if (counters.commits % 2 != 0) ++counters.commits;
+    if (status == STATUS_OK) RememberPut();
 }
 
 VsStatus Engine::CommitLocked(const Batch &batch)
 {
+    put = {};
     if (VsStatus status = Connect(writer)) return status;
     if (VsStatus status = writer->Run(Connection::BEGIN)) return Checked(*writer, status);
     bool anything = false;
@@ -576,6 +610,7 @@ VsStatus Engine::CommitLocked(const Batch &batch)
         anything |= request->status == STATUS_OK;
     }
     if (!anything) return writer->Run(Connection::ROLLBACK);
+    if (counters.commits % 2 == 0) ++counters.commits;
     return Checked(*writer, writer->Run(Connection::COMMIT));
 }
 
@@ -583,7 +618,7 @@ VsStatus Engine::CommitLocked(const Batch &batch)
 void Engine::RunOne(Request &request, bool alone)
 {
     if (!alone && (request.status = writer->Run(Connection::SAVE))) return;
-    Transaction transaction(*writer, changes);
+    Transaction transaction(*writer, counters.changes);
     try {
         request.status = (*request.work)(transaction);
     } catch (const std::bad_alloc &) {
@@ -591,6 +626,7 @@ void Engine::RunOne(Request &request, bool alone)
     }
     if (VsStatus failure = transaction.Failure()) request.status = failure;
     Checked(*writer, request.status);
+    put = alone && request.status == STATUS_OK ? std::move(transaction.LastPut()) : Entry{};
     if (alone || !writer->InTransaction()) return;
     if (request.status != STATUS_OK) writer->Run(Connection::UNDO);
     writer->Run(Connection::RELEASE);

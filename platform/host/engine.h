@@ -40,11 +40,23 @@ public:
     virtual VsStatus Scan(std::string_view prefix, const Visit &visit, Order order = Order::FORWARD) = 0;
 };
 
+// Shared by all processes of a host, and odd while a write is in flight that moves them.
+struct StoreCounters {
+    std::atomic<uint64_t> &changes; // of what the caches of processes hold
+    std::atomic<uint64_t> &commits; // of anything
+};
+
+// An entry of the map; none when the key is empty.
+struct Entry {
+    std::string key;
+    std::string value;
+};
+
 // The inside of one Engine::Write: sees its own changes. A failed operation of the engine undoes the
 // whole work, whatever the work returns.
 class Transaction : public Reader {
 public:
-    explicit Transaction(Connection &connection, std::atomic<uint64_t> &changes);
+    Transaction(Connection &connection, std::atomic<uint64_t> &changes);
 
     VsStatus Get(std::string_view key, std::string &value) override;
     VsStatus Scan(std::string_view prefix, const Visit &visit, Order order = Order::FORWARD) override;
@@ -57,12 +69,16 @@ public:
 
     VsStatus Failure() const { return failure; }
 
+    // The entry put last, if nothing was removed after it.
+    Entry &LastPut() { return lastPut; }
+
 private:
     VsStatus Note(VsStatus status);
 
     Connection &connection;
     std::atomic<uint64_t> &changes;
     VsStatus failure = STATUS_OK;
+    Entry lastPut;
 };
 
 using Work = std::function<VsStatus(Transaction &)>;
@@ -71,8 +87,8 @@ class Engine : public Reader {
 public:
     // Opens the database of a host directory and makes it when there is none. A file that is damaged,
     // foreign or newer than this engine is refused and never written to. `message` then says which file
-    // it is and what is wrong with it. `changes` is odd while a write that invalidates caches is in flight.
-    static VsStatus Open(const std::string &directory, Durability durability, std::atomic<uint64_t> &changes,
+    // it is and what is wrong with it.
+    static VsStatus Open(const std::string &directory, Durability durability, StoreCounters counters,
                          std::unique_ptr<Engine> &engine, std::string &message);
     ~Engine() override;
 
@@ -95,7 +111,7 @@ private:
     };
     using Batch = std::vector<Request *>;
 
-    Engine(std::string directory, Durability durability, std::atomic<uint64_t> &changes);
+    Engine(std::string directory, Durability durability, StoreCounters counters);
     VsStatus Connect(std::unique_ptr<Connection> &connection);
     void Lead(std::unique_lock<std::mutex> &lock);
     VsStatus CheckTable(std::string &message);
@@ -104,21 +120,29 @@ private:
     void Commit(const Batch &batch);
     VsStatus CommitLocked(const Batch &batch);
     void RunOne(Request &request, bool alone);
+    void RememberRead(std::string_view key, std::string_view value, uint64_t commits);
+    void RememberPut();
 
     const std::string directory;
     const Durability durability;
-    std::atomic<uint64_t> &changes;
+    const StoreCounters counters;
+    static constexpr uint64_t NEVER = UINT64_MAX;
 
     std::atomic<bool> damaged = false;
 
     std::mutex readMutex;
     std::unique_ptr<Connection> reader;
+    // The entry that was read or put last, while `commits` stands where it stood then: a policy is several
+    // properties of one row, read one after another.
+    Entry recent;
+    uint64_t recentCommits = NEVER;
 
     std::mutex queueMutex;
     std::condition_variable finished;
     Batch queue;
     bool leading = false;
     std::unique_ptr<Connection> writer; // the leader's
+    Entry put;                          // the leader's: what the only work of a batch put last
     int lockFd = -1;                    // the leader's
 };
 

@@ -222,7 +222,7 @@ VsStatus Host::Open(const std::string &directory, Durability durability, bool cr
     if (VsStatus status = PrepareDirectory(directory, create, message)) return status;
     if (VsStatus status = Control::Open(directory, opened->control, message)) return status;
     if (VsStatus status =
-            Engine::Open(directory, durability, opened->control->Changes(), opened->engine, message))
+            Engine::Open(directory, durability, opened->control->Counters(), opened->engine, message))
         return status;
     host = std::move(opened);
     return STATUS_OK;
