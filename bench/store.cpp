@@ -13,6 +13,7 @@
 #include <benchmark/benchmark.h>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -47,6 +48,12 @@ void Ok(VsStatus status, const char *what)
     if (status == STATUS_OK) return;
     fprintf(stderr, "status 0x%08X: ", status);
     Require(false, what);
+}
+
+template<typename Function>
+benchmark::internal::Benchmark *Row(const char *name, int64_t calls, Function body)
+{
+    return benchmark::RegisterBenchmark(name, body)->Iterations(calls)->UseRealTime();
 }
 
 // ---- The host -------------------------------------------------------------------------------------------
@@ -100,13 +107,16 @@ public:
         Run("PRAGMA journal_mode=WAL");
         Run(durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
         Run("CREATE TABLE IF NOT EXISTS kv(key BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID");
-        if (fresh) Run("ATTACH '" + directory + "/host/host.db' AS host; INSERT INTO kv SELECT * FROM host.kv;"
-                       "DETACH host");
+        if (fresh)
+            Run("ATTACH '" + directory +
+                "/host/host.db' AS host; INSERT INTO kv SELECT * FROM host.kv;"
+                "DETACH host");
         begin = Prepare("BEGIN IMMEDIATE");
         put = Prepare("INSERT OR REPLACE INTO kv VALUES(?, ?)");
         get = Prepare("SELECT value FROM kv WHERE key = ?");
         commit = Prepare("COMMIT");
-        sqlite3_stmt *all = Prepare("SELECT key, value FROM kv WHERE key BETWEEN x'706F727400' AND x'706F727401'");
+        sqlite3_stmt *all =
+            Prepare("SELECT key, value FROM kv WHERE key BETWEEN x'706F727400' AND x'706F727401'");
         while (sqlite3_step(all) == SQLITE_ROW)
             rows.push_back({Column(all, 0), Column(all, 1)});
         sqlite3_finalize(all);
@@ -188,14 +198,14 @@ std::string Commit(int durable) { return durable ? R"(,{"op":"commit","durable":
 
 std::string SetTag(unsigned turn)
 {
-    return R"({"op":"update","table":"Port","where":[["_uuid","==",["uuid",")" + ovsdbLab.ports[turn % PORTS] +
-           R"("]]],"row":{"tag":)" + std::to_string(1 + turn % 4000) + "}}";
+    return R"({"op":"update","table":"Port","where":[["_uuid","==",["uuid",")" +
+           ovsdbLab.ports[turn % PORTS] + R"("]]],"row":{"tag":)" + std::to_string(1 + turn % 4000) + "}}";
 }
 
 std::string GetTag(unsigned turn)
 {
-    return R"({"op":"select","table":"Port","where":[["_uuid","==",["uuid",")" + ovsdbLab.ports[turn % PORTS] +
-           R"("]]],"columns":["tag"]})";
+    return R"({"op":"select","table":"Port","where":[["_uuid","==",["uuid",")" +
+           ovsdbLab.ports[turn % PORTS] + R"("]]],"columns":["tag"]})";
 }
 
 // ---- One call -------------------------------------------------------------------------------------------
@@ -272,8 +282,8 @@ void UseHostWithSwitches(int64_t count)
         const std::string alias = "switch" + std::to_string(i);
         Ok(DVSZOR_SwitchAdd(id.c_str(), "vswitch", 128, 1), "add");
         Ok(DVSZOR_GlobalPropSet(id.c_str(), "com.talpex.common.alias", alias.c_str(),
-                                     static_cast<uint32_t>(alias.size() + 1), 0x10),
-                "alias");
+                                static_cast<uint32_t>(alias.size() + 1), 0x10),
+           "alias");
     }
 }
 
@@ -445,17 +455,90 @@ void UseHostWithPorts(int64_t count)
                      static_cast<unsigned>(std::min<int64_t>(count - made, 100)));
 }
 
-void Start(State &state, const char *program, int64_t count)
+using Command = std::vector<std::string>;
+
+// Runs a program to its end and drops what it prints.
+void Run(const Command &command)
+{
+    std::vector<char *> arguments;
+    for (const std::string &argument : command)
+        arguments.push_back(const_cast<char *>(argument.c_str()));
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    pid_t child = 0;
+    int result = 0;
+    Require(posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ) == 0,
+            arguments[0]);
+    Require(waitpid(child, &result, 0) == child && result == 0, arguments[0]);
+    posix_spawn_file_actions_destroy(&actions);
+}
+
+void Start(State &state, const Command &command, int64_t count)
 {
     UseHostWithPorts(count);
-    char *arguments[] = {const_cast<char *>(program), const_cast<char *>("switch0"), const_cast<char *>("port9"),
-                         nullptr};
-    for (auto _ : state) {
-        pid_t child = 0;
-        int result = 0;
-        Require(posix_spawn(&child, program, nullptr, nullptr, arguments, environ) == 0, program);
-        Require(waitpid(child, &result, 0) == child && result == 0, program);
-    }
+    for (auto _ : state)
+        Run(command);
+}
+
+// ---- The command ----------------------------------------------------------------------------------------
+
+void LibraryCommand(State &state, const Command &odd, const Command &even)
+{
+    Use("host", PROCESS);
+    unsigned turn = 0;
+    for (auto _ : state)
+        Run(turn++ % 2 ? odd : even);
+}
+
+Command OvsdbCommand(Command arguments)
+{
+    arguments.insert(arguments.begin(),
+                     {"ovs-vsctl", std::string("--db=unix:") + getenv("OVSDB_SOCKET"), "--no-wait"});
+    return arguments;
+}
+
+void RunOvsdbCommand(State &state, const Command &arguments)
+{
+    const Command command = OvsdbCommand(arguments);
+    for (auto _ : state)
+        Run(command);
+}
+
+std::string BatchFile(const char *name, const char *vlanId)
+{
+    const std::string path = directory + "/" + name;
+    std::ofstream file(path);
+    for (const std::string &port : ports)
+        file << "port vlan " << LAB << ' ' << port << ' ' << vlanId << '\n';
+    return path;
+}
+
+Command OvsdbBatch()
+{
+    Command all;
+    for (const std::string &port : ports)
+        for (const std::string &part : {std::string("--"), std::string("set"), std::string("Port"),
+                                        LAB + ("-" + port), std::string("tag=7")})
+            all.push_back(part);
+    return all;
+}
+
+void RegisterCommands()
+{
+    const Command read = {VSCTL, "port", "vlan", LAB, "port5"};
+    const auto set = [](const char *vlanId) { return Command{VSCTL, "port", "vlan", LAB, "port5", vlanId}; };
+    const auto batch = [](const char *name, const char *vlanId) {
+        return Command{VSCTL, "batch", BatchFile(name, vlanId)};
+    };
+    const Command odd = batch("odd", "7"), even = batch("even", "8");
+    Row("command/read", 20, [read](State &s) { LibraryCommand(s, read, read); });
+    Row("command/write", 20, [set](State &s) { LibraryCommand(s, set("7"), set("8")); });
+    Row("command/batch", 2, [odd, even](State &s) { LibraryCommand(s, odd, even); });
+    Row("command/ovs_read", 20, [](State &s) { RunOvsdbCommand(s, {"get", "Port", "lab-port5", "tag"}); });
+    Row("command/ovs_write", 20, [](State &s) { RunOvsdbCommand(s, {"set", "Port", "lab-port5", "tag=7"}); });
+    Row("command/ovs_batch", 2, [](State &s) { RunOvsdbCommand(s, OvsdbBatch()); });
 }
 
 int64_t ResidentBytes()
@@ -480,16 +563,12 @@ void LookAtAll(State &state)
         }
     }
     const auto file = std::filesystem::file_size(directory + "/ports" + std::to_string(count) + "/host.db");
-    state.counters["memory_per_port"] = static_cast<double>(ResidentBytes() - before) / static_cast<double>(count);
+    state.counters["memory_per_port"] =
+        static_cast<double>(ResidentBytes() - before) / static_cast<double>(count);
     state.counters["file_per_port"] = static_cast<double>(file) / static_cast<double>(count);
 }
 
 // ---- The table of rows ----------------------------------------------------------------------------------
-
-template<typename Function> benchmark::internal::Benchmark *Row(const char *name, int64_t calls, Function body)
-{
-    return benchmark::RegisterBenchmark(name, body)->Iterations(calls)->UseRealTime();
-}
 
 void RegisterCalls(int64_t scale)
 {
@@ -524,9 +603,13 @@ void RegisterJobs(bool whole)
     Row("change_all/ovsdb", 1, OvsdbChangeAll);
     Row("change_all/ovsdb_at_once", 1, OvsdbChangeAllAtOnce);
     const int64_t many = whole ? 100000 : 10000;
-    Row("start/empty", 20, [](State &s) { Start(s, EMPTY_PROGRAM, 10); });
-    Row("start/ports_10", 20, [](State &s) { Start(s, ONE_READ, 10); });
-    Row("start/ports_many", 20, [many](State &s) { Start(s, ONE_READ, many); });
+    const Command program = {ONE_READ, "switch0", "port9"};
+    const Command command = {VSCTL, "port", "number", "switch0", "port9"};
+    Row("start/empty", 20, [](State &s) { Start(s, {EMPTY_PROGRAM}, 10); });
+    Row("start/ports_10", 20, [program](State &s) { Start(s, program, 10); });
+    Row("start/ports_many", 20, [program, many](State &s) { Start(s, program, many); });
+    Row("command/ports_10", 20, [command](State &s) { Start(s, command, 10); });
+    Row("command/ports_many", 20, [command, many](State &s) { Start(s, command, many); });
     Row("look_at_all/library", 1, LookAtAll)->Arg(many);
     Row("read_all/library", 1, LibraryReadAll);
     Row("read_all/ovsdb", 1, OvsdbReadAll);
@@ -556,6 +639,7 @@ int main(int count, char **arguments)
     MakeData();
     RegisterCalls(whole ? 30 : 5);
     RegisterJobs(whole);
+    RegisterCommands();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     vshost_stop();
