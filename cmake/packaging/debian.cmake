@@ -49,4 +49,7 @@ shell, so that programs that control switches run and are tested without root."
 debian_package(PYTHON "control of virtual switches - Python module" "This package has the Python module."
     PACKAGE_NAME python3-vswitchctl PACKAGE_SECTION python PACKAGE_ARCHITECTURE all
     PACKAGE_DEPENDS "python3:any, ${same_version}")
+file(WRITE ${control}/prerm "#!/bin/sh\nset -e\nrm -rf /usr/lib/python3/dist-packages/vswitchctl/__pycache__\n")
+file(CHMOD ${control}/prerm PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${control}/prerm)
 include(CPack)

@@ -27,7 +27,10 @@ say "A fresh root"
 fresh=$work/fresh
 mmdebstrap --variant=minbase --include=gcc,g++,cmake,make,pkg-config,python3,libsqlite3-0 bookworm "$fresh" 2>"$work/log" ||
     { cat "$work/log" >&2; exit 1; }
-inside() { chroot "$fresh" env -i PATH=/usr/bin:/bin:/usr/sbin:/sbin HOME=/root "$@"; }
+inside() { # with a /proc, which is gone with the process
+    unshare --mount --fork sh -c 'mount -t proc proc "$0/proc" && exec chroot "$0" env -i \
+        PATH=/usr/bin:/bin:/usr/sbin:/sbin HOME=/root "$@"' "$fresh" "$@"
+}
 mkdir -p "$fresh/work/consumer" "$fresh/packages" "$fresh/dev/shm"
 cp "$packages"/*.deb "$fresh/packages"
 cp "$root/examples/first.c" "$root/tests/package/python_test.py" "$root/cmake/vswitchctl.map" "$fresh/work"
