@@ -151,9 +151,9 @@ void CarryOut(const std::string &command, Result &result)
     const bool needsJournal = result.steps.size() > 1 || result.confirmWithin > 0;
     if (needsJournal) ThrowIfUnfinished();
     ReadAllBefore(result.steps);
-    Journal journal{NewJournalId(), command, result.steps};
+    Journal journal{NewJournalId(), command, std::move(result.steps)};
     if (needsJournal) journal.Write();
-    PerformAll(result.steps, needsJournal);
+    PerformAll(journal.steps, needsJournal);
     if (result.confirmWithin > 0) {
         AwaitConfirmation(journal, result.confirmWithin);
         result.note = fmt::format("all of this is undone in {} s unless 'vsctl confirm' comes first",
@@ -161,6 +161,7 @@ void CarryOut(const std::string &command, Result &result)
     } else if (needsJournal) {
         Journal::Remove();
     }
+    result.steps = std::move(journal.steps);
 }
 
 }

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "limit.h"
+#include "output.h"
 
 namespace vsctl {
 
@@ -87,7 +87,7 @@ void Journal::Write() const
     const Json json = {{"format", FORMAT},        {"id", id},
                        {"command", command},      {"awaits-confirmation", awaitsConfirmation},
                        {"confirm-by", confirmBy}, {"steps", entries}};
-    WriteFile(JournalPath(), json.dump(-1, ' ', true, Json::error_handler_t::replace));
+    WriteFile(JournalPath(), Dump(json));
     SyncDirectory();
 }
 

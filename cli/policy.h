@@ -11,6 +11,7 @@ struct Policy {
     const char *name; // the verb, and the key in files
     Level level;      // PORT, or where the switch keeps it
     const char *key;  // of its property; empty when it has none that can be cleared
+    bool hasDefault;  // it reads as a default when nothing is stored
     const char *help;
     std::span<const Field> fields;
     VsStatus (*read)(const Target &, Json &);

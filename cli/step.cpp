@@ -294,9 +294,8 @@ std::vector<std::string> PortsMade(const Step &step, const Uplinks &before)
 void RestoreUplinks(const Step &step)
 {
     const std::string &alias = step.target.alias;
-    if (step.before.is_null() || !SwitchExists(alias))
-        return; // they have come with the switch, and go with it
-    const Uplinks before = FromJson(step.before);
+    if (!SwitchExists(alias)) return; // they went with it
+    const Uplinks before = step.before.is_null() ? Uplinks() : FromJson(step.before);
     for (const std::string &id : PortsMade(step, before)) {
         if (PortExists({alias, id}))
             Check(VSDVS_RemoveDVPort(alias.c_str(), id.c_str()), "removing", Target{alias, id});

@@ -15,8 +15,8 @@ namespace vsctl {
 namespace {
 
 // What tells one row from the others.
-constexpr const char *NAME_KEYS[] = {"switch", "port",  "uplink",  "lag",    "address", "vlan",
-                                     "kind",   "group", "session", "option", "id",      "part"};
+constexpr const char *NAME_KEYS[] = {"switch", "portset", "port",  "uplink",  "lag",    "address",
+                                     "vlan",   "kind",    "group", "session", "option", "part"};
 
 std::string RowName(const Json &row, size_t index)
 {
