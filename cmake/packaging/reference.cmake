@@ -1,4 +1,7 @@
-# Manual pages and the HTML reference, made from the header's documentation.
+# Manual pages and the HTML reference, made from the header's documentation and the commands' help.
+if(VSWITCHCTL_SANITIZE OR VSWITCHCTL_COVERAGE)
+    return()
+endif()
 find_program(DOXYGEN doxygen)
 find_package(Python3 COMPONENTS Interpreter)
 if(NOT DOXYGEN OR NOT Python3_FOUND)
@@ -9,7 +12,8 @@ endif()
 set(REFERENCE_DIRECTORY ${CMAKE_BINARY_DIR}/reference)
 set(reference_tools docs/reference/families.awk docs/reference/header.py docs/reference/example.py
                     docs/reference/manpages.py docs/reference/reference.css
-                    docs/reference/command_page.py docs/reference/schema_page.py docs/reference/vshost.roff)
+                    docs/reference/command_page.py docs/reference/schema_page.py docs/reference/vshost.roff
+                    docs/reference/vsctl.roff docs/reference/command_files.sh)
 set(scenario_schema ${PROJECT_SOURCE_DIR}/platform/launcher/scenario.schema.json)
 configure_file(docs/reference/Doxyfile.in ${CMAKE_BINARY_DIR}/Doxyfile @ONLY)
 add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
@@ -18,18 +22,19 @@ add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
     COMMAND ${DOXYGEN} ${CMAKE_BINARY_DIR}/Doxyfile
     COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/manpages.py ${REFERENCE_DIRECTORY}/xml
             ${PROJECT_SOURCE_DIR}/include/vswitchctl.h ${REFERENCE_DIRECTORY}/man ${PROJECT_VERSION}
-    COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/command_page.py $<TARGET_FILE:vshost_launcher>
-            ${PROJECT_VERSION} ${PROJECT_SOURCE_DIR}/docs/reference/vshost.roff ${REFERENCE_DIRECTORY}/vshost.1
-    COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/schema_page.py ${scenario_schema}
-            ${PROJECT_VERSION} ${REFERENCE_DIRECTORY}/vshost-scenario.5
+    COMMAND ${PROJECT_SOURCE_DIR}/docs/reference/command_files.sh ${PROJECT_SOURCE_DIR} ${Python3_EXECUTABLE}
+            ${PROJECT_VERSION} $<TARGET_FILE:vshost_launcher> $<TARGET_FILE:vsctl> ${REFERENCE_DIRECTORY}
     COMMAND ${CMAKE_COMMAND} -E touch ${REFERENCE_DIRECTORY}/made
-    DEPENDS vshost_launcher ${scenario_schema} include/vswitchctl.h ${CMAKE_BINARY_DIR}/Doxyfile ${reference_tools}
+    DEPENDS vshost_launcher vsctl ${scenario_schema} include/vswitchctl.h ${CMAKE_BINARY_DIR}/Doxyfile ${reference_tools}
     COMMENT "Reference" VERBATIM)
 add_custom_target(reference ALL DEPENDS ${REFERENCE_DIRECTORY}/made)
+add_custom_target(installed DEPENDS vswitchctl link_stub ${host_parts} vsctl reference)
 
 install(DIRECTORY ${REFERENCE_DIRECTORY}/man/man3 ${REFERENCE_DIRECTORY}/man/man7
         DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT dev)
 install(DIRECTORY ${REFERENCE_DIRECTORY}/html DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libvswitchctl-dev COMPONENT dev)
-install(FILES ${REFERENCE_DIRECTORY}/vshost.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT host)
-install(FILES ${REFERENCE_DIRECTORY}/vshost-scenario.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT host)
+foreach(component host vsctl)
+    install(DIRECTORY ${REFERENCE_DIRECTORY}/${component}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT ${component})
+endforeach()
+install(DIRECTORY ${REFERENCE_DIRECTORY}/vsctl/share/ DESTINATION ${CMAKE_INSTALL_DATADIR} COMPONENT vsctl)
 install(FILES ${scenario_schema} DESTINATION ${CMAKE_INSTALL_DATADIR}/vswitchctl COMPONENT host)

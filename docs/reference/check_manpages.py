@@ -40,8 +40,8 @@ def main():
         page = directory / "man3" / f"{name}.3"
         found += [f"{name}: {fault}" for fault in (faults(name, page.read_text().replace("\\%", "")) if page.exists() else ["no page"])]
     found += [f"{page.stem}: not an operation" for page in (directory / "man3").iterdir() if page.stem not in names]
-    pages = sorted([*directory.glob("man?/*"), *directory.parent.glob("*.[0-9]")])
-    roff = subprocess.run(["groff", "-man", "-Tutf8", "-ww", "-z", *pages], capture_output=True, text=True)
+    pages = sorted([*directory.glob("man?/*"), *directory.parent.glob("**/*.[15]")])
+    roff = subprocess.run(["groff", "-Kutf8", "-man", "-Tutf8", "-ww", "-z", *pages], capture_output=True, text=True)
     found += roff.stderr.splitlines()
     print("\n".join(found) or f"{len(names)} operations, {len(pages)} pages: all sections are there")
     return bool(found)

@@ -9,33 +9,61 @@ import subprocess
 import sys
 from pathlib import Path
 
-from manpages import block, escape
+from manpages import block, escape, verbatim
+
+VERBS = re.compile(r"[a-z-]+(, [a-z-]+)*")
 
 
-def help_of(program, *words):
-    text = subprocess.run([program, *words, "--help"], capture_output=True, text=True, check=True).stdout
-    about, _, rest = text.partition("Usage: ")
+def output(program, *words):
+    return subprocess.run([program, *words], capture_output=True, text=True, check=True).stdout
+
+
+def commands(text):
+    """The words of every command: what stands under "Subcommands", or each noun with each of its verbs."""
+    _, listed, under = text.partition("Subcommands:\n")
+    for name, rest in re.findall(r"^  ([a-z-]+)  +(\S.*)$", under if listed else text, re.M):
+        yield from ([name, verb] for verb in rest.split(", ")) if not listed and VERBS.fullmatch(rest) else [[name]]
+
+
+def help_of(program, words):
+    about, _, rest = output(program, *words, "--help").partition("Usage: ")
     usage, _, rest = rest.partition("\n")
-    parts = {}
-    for title, lines in re.findall(r"^([A-Z]\w+):\n((?:  .*\n?)*)", rest, re.M):
-        lines = re.sub(r"\n {20,}", "  ", lines)  # a description on a line of its own
-        parts[title] = re.findall(r"^  (\S.*?)(?:  +(\S.*))?$", lines, re.M)
-    return about.strip(), usage.replace(program, Path(program).name), parts
+    parts = dict(re.findall(r"^([A-Z][\w ]+):\n((?:  .*\n?)*)", rest, re.M))
+    return about.strip().rstrip("."), usage.replace(program, Path(program).name), parts
+
+
+def rows(text):
+    """(what, meaning) of each line of a table; a meaning may stand on a line of its own."""
+    lines = re.sub(r"\n {20,}", "  ", text)
+    return re.findall(r"^  +(\S.*?)(?:  +(\S.*))?$", lines, re.M)
+
+
+def command_lines(program, words):
+    about, usage, parts = help_of(program, words)
+    yield f".SS {escape(usage)}\n{block(escape(about[:1].upper() + about[1:]))}."
+    for option, meaning in rows(parts.get("Positionals", "")) + rows(parts.get("Options", "")):
+        if "--help" not in option:
+            yield f".TP\n\\fB{escape(option.removesuffix(' REQUIRED'))}\\fP\n{block(escape(meaning))}"
+    if "Examples" in parts:
+        yield verbatim(re.sub(r"^  ", "", parts["Examples"].rstrip(), flags=re.M))
+    if "Library operations" in parts:
+        names = parts["Library operations"].split()
+        yield ".PP\nUses " + ", ".join(f"\\fB\\%{name.strip(',')}\\fP(3)" for name in names) + "."
 
 
 def main():
-    program, version, more, output = sys.argv[1:]
-    name = Path(program).name
-    about, usage, parts = help_of(program)
+    program, version, more, path = sys.argv[1:]
+    name, text = Path(program).name, output(program, "--help")
+    about = text.partition("\n")[0].rstrip(".").removeprefix(name + " ")
     lines = [f'.TH {name.upper()} 1 "" "vswitchctl {version}" "vswitchctl"',
              f".SH NAME\n{name} \\- {escape(about[0].lower() + about[1:])}",
-             f".SH SYNOPSIS\n.B {name}\n\\fIcommand\\fP \\&...\n.SH COMMANDS"]
-    for command, _ in parts["Subcommands"]:
-        text, usage, options = help_of(program, command)
-        lines.append(f".SS {escape(usage)}\n{block(escape(text))}.")
-        lines += [f".TP\n\\fB{escape(option)}\\fP\n{block(escape(meaning))}"
-                  for title in options for option, meaning in options[title] if "--help" not in option]
-    Path(output).write_text("\n".join(lines) + "\n" + Path(more).read_text())
+             f".SH SYNOPSIS\n.B {name}\n\\fIcommand\\fP \\&...\n.SH COMMANDS\n.ad l"]
+    for words in commands(text):
+        lines += command_lines(program, words)
+    if "help exit" in text:
+        lines.append(".SH EXIT STATUS")
+        lines += [f".TP\n{code}\n{block(escape(meaning))}" for code, meaning in rows(output(program, "help", "exit"))]
+    Path(path).write_text("\n".join(lines) + "\n" + Path(more).read_text())
 
 
 if __name__ == "__main__":

@@ -1,0 +1,21 @@
+#!/bin/sh
+# command_files.sh SOURCE PYTHON VERSION VSHOST VSCTL OUTPUT: what goes with the commands, made by the commands
+# themselves: manual pages, shell completions, the schema of a plan.
+set -eu
+tools=$1/docs/reference python=$2 version=$3 vshost=$4 vsctl=$5 output=$6
+completions=$output/vsctl/share
+mkdir -p "$output/host/man/man1" "$output/host/man/man5" "$output/vsctl/man/man1" "$output/vsctl/man/man5" \
+    "$completions/vswitchctl" "$completions/bash-completion/completions" "$completions/zsh/vendor-completions" \
+    "$completions/fish/vendor_completions.d"
+
+"$vsctl" completion bash >"$completions/bash-completion/completions/vsctl"
+"$vsctl" completion zsh >"$completions/zsh/vendor-completions/_vsctl"
+"$vsctl" completion fish >"$completions/fish/vendor_completions.d/vsctl.fish"
+"$vsctl" schema >"$completions/vswitchctl/vsctl-plan.schema.json"
+
+"$python" "$tools/command_page.py" "$vshost" "$version" "$tools/vshost.roff" "$output/host/man/man1/vshost.1"
+"$python" "$tools/command_page.py" "$vsctl" "$version" "$tools/vsctl.roff" "$output/vsctl/man/man1/vsctl.1"
+"$python" "$tools/schema_page.py" "$1/platform/launcher/scenario.schema.json" "$version" \
+    "$output/host/man/man5/vshost-scenario.5"
+"$python" "$tools/schema_page.py" "$completions/vswitchctl/vsctl-plan.schema.json" "$version" \
+    "$output/vsctl/man/man5/vsctl-plan.5"
