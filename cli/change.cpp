@@ -23,10 +23,15 @@ std::vector<std::string> Undo(std::span<const Step> steps)
         try {
             Restore(steps[i]);
         } catch (const Error &error) {
-            failures.push_back(fmt::format("{} stays changed ({})", StepText(steps[i]), error.problem));
+            failures.push_back(fmt::format("{} stays changed ({})", StepText(steps[i]), error.message));
         }
     }
     return failures;
+}
+
+std::string Count(size_t number, const char *what)
+{
+    return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
 }
 
 // The error of the step that failed, with what became of the steps before it.
@@ -40,7 +45,8 @@ Error UndoneError(const Error &cause, size_t done, const std::vector<std::string
         return error;
     }
     const std::string undone =
-        done ? fmt::format("; the {} steps before it were undone, and all is as before", done)
+        done ? fmt::format("; what was done before it ({}) is undone, and all is as it was",
+                           Count(done, "step"))
              : "; nothing was changed";
     Error error(cause.exit, cause.problem + undone, cause.advice);
     error.status = cause.status;
@@ -144,12 +150,27 @@ void ReadAllBefore(std::vector<Step> &steps)
         ReadBefore(step);
 }
 
+// What a plan has read was read before this change had the host for itself.
+void RequireUnchanged(const std::vector<Step> &steps)
+{
+    for (const Step &step : steps) {
+        if (!step.isRead) continue;
+        Step now = step;
+        now.isRead = false;
+        ReadBefore(now);
+        if (now.before == step.before) continue;
+        throw Error(Exit::FAILURE, fmt::format("{} was changed by somebody else meanwhile", StepText(step)),
+                    "nothing was changed: try again");
+    }
+}
+
 void CarryOut(const std::string &command, Result &result)
 {
     if (result.steps.empty()) return;
     const HostLock lock;
-    const bool needsJournal = result.steps.size() > 1 || result.confirmWithin > 0;
+    const bool needsJournal = result.steps.size() > 1 || result.needsJournal;
     if (needsJournal) ThrowIfUnfinished();
+    RequireUnchanged(result.steps);
     ReadAllBefore(result.steps);
     Journal journal{NewJournalId(), command, std::move(result.steps)};
     if (needsJournal) journal.Write();

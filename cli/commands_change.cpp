@@ -16,18 +16,26 @@ Result Plan(const Verb &, const Arguments &arguments)
     return result;
 }
 
+// What the journal holds is not shown beforehand.
+void RefuseDryRun(const Arguments &arguments)
+{
+    if (arguments.IsDryRun())
+        throw Error(Exit::USAGE, "there is no dry run of this", "'vsctl doctor' shows what is unfinished");
+}
+
 Result Apply(const Verb &, const Arguments &arguments)
 {
     const bool resume = arguments.Has("--resume");
     const bool undo = arguments.Has("--undo");
     if (arguments.Has("FILE") + resume + undo != 1)
         throw Error(Exit::USAGE, "apply takes a FILE, or --resume, or --undo", "see 'vsctl help apply'");
-    Result result;
     if (resume || undo) {
-        result.rows = resume ? ResumeJournal() : UndoJournal();
-        return result;
+        RefuseDryRun(arguments);
+        return Rows(resume ? ResumeJournal() : UndoJournal());
     }
+    Result result;
     result.steps = PlanSteps(Document(arguments.Text("FILE")));
+    result.needsJournal = true;
     result.allowRemovals = arguments.Has("--allow-removals");
     if (arguments.Has("--confirm-within"))
         result.confirmWithin = ParseSeconds("--confirm-within", arguments.Text("--confirm-within"));
@@ -36,6 +44,7 @@ Result Apply(const Verb &, const Arguments &arguments)
 
 Result Confirm(const Verb &, const Arguments &arguments)
 {
+    RefuseDryRun(arguments);
     Result result;
     if (arguments.Has("--guard"))
         GuardJournal(arguments.Text("--guard"), ParseSeconds("--after", arguments.Text("--after")));
@@ -53,10 +62,8 @@ Result Export(const Verb &, const Arguments &arguments)
         if (slash != std::string::npos) switches.back().second = PortNames(word.substr(slash + 1));
     }
     const Json file = ExportFile(switches);
-    Result result;
-    result.text = arguments.Has("--json") ? file.dump(2, ' ', false, Json::error_handler_t::replace) + "\n"
-                                          : TomlText(file);
-    return result;
+    return Text(arguments.Has("--json") ? file.dump(2, ' ', false, Json::error_handler_t::replace) + "\n"
+                                        : TomlText(file));
 }
 
 // The steps of one line; nothing for blank lines and comments.
@@ -69,8 +76,7 @@ std::vector<Step> LineSteps(const std::string &line, std::map<std::string, std::
     const Verb &verb = FindVerb(words, used);
     const Error unfit(Exit::USAGE, verb.Title() + " changes nothing that could be undone",
                       "a batch takes changes only");
-    if (verb.effect != Effect::STEPS || verb.noun == "apply" || verb.noun == "plan" || verb.noun == "batch")
-        throw unfit;
+    if (verb.effect != Effect::STEPS) throw unfit;
     auto &parser = parsers[verb.Title()];
     if (!parser) parser = std::make_unique<Parser>(verb);
     Options ignored;
@@ -99,6 +105,7 @@ Result Batch(const Verb &, const Arguments &arguments)
                 error.advice);
         }
     }
+    result.needsJournal = true;
     result.allowRemovals = arguments.Has("--allow-removals");
     return result;
 }
@@ -114,49 +121,28 @@ std::vector<Verb> ChangeVerbs()
     Argument someFile = file;
     someFile.shape = Shape::OPTIONAL;
     return {
-        {"plan",
-         "",
-         "shows what apply would change, and changes nothing (exit code 10: something)",
-         {file},
-         "lab.toml",
-         "",
-         Plan},
-        {"apply",
-         "",
-         "makes switches and ports as a file says: all of it or, when a step fails, nothing",
-         {someFile,
-          allow,
-          {"--confirm-within", Shape::OPTION, "undo everything unless 'vsctl confirm' comes in that time"},
-          {"--resume", Shape::FLAG, "finish a change that was cut short"},
-          {"--undo", Shape::FLAG, "undo a change that was cut short or waits for confirmation"}},
-         "lab.toml\nlab.toml --confirm-within 60s\n--undo",
-         "",
-         Apply,
-         Effect::STEPS},
-        {"confirm",
-         "",
-         "keeps what an apply with --confirm-within has changed",
-         {{"--guard", Shape::OPTION, "used by vsctl itself: undo the change with this id"},
-          {"--after", Shape::OPTION, "used by vsctl itself: after that time"}},
-         "",
-         "",
-         Confirm},
-        {"export",
-         "",
-         "writes a file for apply from what exists",
-         {{"SWITCH", Shape::MANY, "switches, with the ports to describe like lab/port0..port7",
-           Names::SWITCH}},
-         "lab\nlab/port0..port7 > lab.toml",
-         "",
-         Export},
-        {"batch",
-         "",
-         "carries out the changes of a file, a line each: all of them or, when one fails, none",
-         {{"FILE", Shape::OPTIONAL, "the file (standard input)", Names::FILE}, allow},
-         "changes.txt\n< changes.txt",
-         "",
-         Batch,
-         Effect::STEPS},
+        Reads("plan", "", "shows what apply would change, and changes nothing (exit code 10: something)",
+              {file}, "lab.toml", "", Plan),
+        ChangesNow(
+            "apply", "", "makes switches and ports as a file says: all of it or, when a step fails, nothing",
+            {someFile,
+             allow,
+             {"--confirm-within", Shape::OPTION, "undo everything unless 'vsctl confirm' comes in that time"},
+             {"--resume", Shape::FLAG, "finish a change that was cut short"},
+             {"--undo", Shape::FLAG, "undo a change that was cut short or waits for confirmation"}},
+            "lab.toml\nlab.toml --confirm-within 60s\n--undo", "", Apply),
+        ChangesNow("confirm", "", "keeps what an apply with --confirm-within has changed",
+                   {{"--guard", Shape::OPTION, "used by vsctl itself: undo the change with this id"},
+                    {"--after", Shape::OPTION, "used by vsctl itself: after that time"}},
+                   "", "", Confirm),
+        Reads("export", "", "writes a file for apply from what exists",
+              {{"SWITCH", Shape::MANY, "switches, with the ports to describe like lab/port0..port7",
+                Names::SWITCH}},
+              "lab\nlab/port0..port7 > lab.toml", "", Export),
+        ChangesNow("batch", "",
+                   "carries out the changes of a file, a line each: all of them or, when one fails, none",
+                   {{"FILE", Shape::OPTIONAL, "the file (standard input)", Names::FILE}, allow},
+                   "changes.txt\n< changes.txt", "", Batch),
     };
 }
 

@@ -140,9 +140,7 @@ std::string HelpOn(const std::string &noun, const std::string &name)
 
 Result Help(const Verb &, const Arguments &arguments)
 {
-    Result result;
-    result.text = HelpOn(arguments.Text("NOUN"), arguments.Text("VERB"));
-    return result;
+    return Text(HelpOn(arguments.Text("NOUN"), arguments.Text("VERB")));
 }
 
 Result CompleteWords(const Verb &, const Arguments &arguments)
@@ -155,67 +153,33 @@ Result CompleteWords(const Verb &, const Arguments &arguments)
 
 Result Script(const Verb &, const Arguments &arguments)
 {
-    Result result;
-    result.text = CompletionScript(arguments.Text("SHELL"));
-    return result;
+    return Text(CompletionScript(arguments.Text("SHELL")));
 }
 
-Result ShowSchema(const Verb &, const Arguments &)
-{
-    Result result;
-    result.text = PlanSchema().dump(2) + "\n";
-    return result;
-}
+Result ShowSchema(const Verb &, const Arguments &) { return Text(PlanSchema().dump(2) + "\n"); }
 
 }
 
 std::vector<Verb> GeneralVerbs()
 {
     return {
-        {"watch",
-         "",
-         "repeats a verb that reads, and shows what changes",
-         {{"--interval", Shape::OPTION, "time between two looks (1s)"},
-          {"--times", Shape::OPTION, "number of looks (until Ctrl-C)"}},
-         "uplink list lab\n--interval 200ms port show lab port0 --json",
-         "LibraryInit",
-         Watch},
-        {"doctor",
-         "",
-         "shows what of the platform is reachable, and what to do about what isn't",
-         {},
-         "",
-         "",
-         Doctor},
-        {"completion",
-         "",
-         "prints the completion script of a shell",
-         {{"SHELL", Shape::REQUIRED, "bash, zsh or fish"}},
-         "bash > /etc/bash_completion.d/vsctl",
-         "",
-         Script},
-        {"complete",
-         "",
-         "prints what may come next on a command line; used by the completion scripts",
-         {{"WORD", Shape::ANY, "the words after vsctl"}},
-         "-- switch sh",
-         "",
-         CompleteWords},
-        {"schema",
-         "",
-         "prints the JSON schema of the files that plan and apply take",
-         {},
-         "",
-         "",
-         ShowSchema},
-        {"help",
-         "",
-         "explains nouns and verbs",
-         {{"NOUN", Shape::OPTIONAL, "a noun", Names::NOUN},
-          {"VERB", Shape::OPTIONAL, "one of its verbs", Names::VERB}},
-         "port vlan\napply",
-         "",
-         Help},
+        Reads("watch", "", "repeats a verb that reads, and shows what changes",
+              {{"--interval", Shape::OPTION, "time between two looks (1s)"},
+               {"--times", Shape::OPTION, "number of looks (until Ctrl-C)"}},
+              "uplink list lab\n--interval 200ms port show lab port0 --json", "LibraryInit", Watch),
+        Reads("doctor", "", "shows what of the platform is reachable, and what to do about what isn't", {},
+              "", "", Doctor),
+        Reads("completion", "", "prints the completion script of a shell",
+              {{"SHELL", Shape::REQUIRED, "bash, zsh or fish"}}, "bash > /etc/bash_completion.d/vsctl", "",
+              Script),
+        Reads("complete", "", "prints what may come next on a command line; used by the completion scripts",
+              {{"WORD", Shape::ANY, "the words after vsctl"}}, "-- switch sh", "", CompleteWords),
+        Reads("schema", "", "prints the JSON schema of the files that plan and apply take", {}, "", "",
+              ShowSchema),
+        Reads("help", "", "explains nouns and verbs",
+              {{"NOUN", Shape::OPTIONAL, "a noun", Names::NOUN},
+               {"VERB", Shape::OPTIONAL, "one of its verbs", Names::VERB}},
+              "port vlan\napply", "", Help),
     };
 }
 

@@ -11,13 +11,6 @@ uint8_t Selector(const Arguments &arguments)
     return static_cast<uint8_t>(arguments.Number("--selector", 0, UINT8_MAX));
 }
 
-Result Rows(Json rows)
-{
-    Result result;
-    result.rows = rows.is_array() ? std::move(rows) : Json::array({std::move(rows)});
-    return result;
-}
-
 Result List(const Verb &, const Arguments &arguments)
 {
     const Target port = arguments.Target();
@@ -145,52 +138,27 @@ std::vector<Verb> MacVerbs()
                                          HEX,
                                          FROM_FILE};
     return {
-        {"mac",
-         "list",
-         "lists the MAC table of a port",
-         {SWITCH, ONE_PORT, SELECTOR},
-         "lab port0",
-         "VSZOR_GetPortMACTable",
-         List},
-        {"mac", "set", "adds a MAC address to a port", entry,
-         "lab port0 --address 02:00:00:00:00:01 --vlan 100", "VSZOR_SetPortMACTable",
-         ChangeEntry<VSZOR_SetPortMACTable>, Effect::DIRECT},
-        {"mac", "clear", "removes a MAC address from a port", entry,
-         "lab port0 --address 02:00:00:00:00:01 --vlan 100", "VSZOR_ClearPortMACTable",
-         ChangeEntry<VSZOR_ClearPortMACTable>, Effect::DIRECT},
-        {"mac",
-         "team",
-         "lists the MAC table behind the uplinks of a switch",
-         {SWITCH, SELECTOR},
-         "lab",
-         "VSZOR_GetTeamMACTable",
-         Team},
-        {"mac",
-         "stats",
-         "shows the MAC learning statistics of a port",
-         {SWITCH, ONE_PORT},
-         "lab port0",
-         "VSZOR_GetPortMACLearningStats",
-         Stats},
-        {"mac",
-         "info",
-         "shows the MAC learning state of a switch",
-         {SWITCH},
-         "lab",
-         "VSZOR_GetSwitchMACLearningInfo",
-         Info},
-        {"mac",
-         "props",
-         "shows or sets the MAC learning properties of the host",
-         {{"--enabled", Shape::OPTION, "on or off"},
-          {"--aging", Shape::OPTION, "seconds"},
-          {"--limit", Shape::OPTION, "addresses"},
-          HEX,
-          FROM_FILE},
-         "\n--aging 300",
-         "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps",
-         Props,
-         Effect::DIRECT},
+        Reads("mac", "list", "lists the MAC table of a port", {SWITCH, ONE_PORT, SELECTOR}, "lab port0",
+              "VSZOR_GetPortMACTable", List),
+        ChangesNow("mac", "set", "adds a MAC address to a port", entry,
+                   "lab port0 --address 02:00:00:00:00:01 --vlan 100", "VSZOR_SetPortMACTable",
+                   ChangeEntry<VSZOR_SetPortMACTable>),
+        ChangesNow("mac", "clear", "removes a MAC address from a port", entry,
+                   "lab port0 --address 02:00:00:00:00:01 --vlan 100", "VSZOR_ClearPortMACTable",
+                   ChangeEntry<VSZOR_ClearPortMACTable>),
+        Reads("mac", "team", "lists the MAC table behind the uplinks of a switch", {SWITCH, SELECTOR}, "lab",
+              "VSZOR_GetTeamMACTable", Team),
+        Reads("mac", "stats", "shows the MAC learning statistics of a port", {SWITCH, ONE_PORT}, "lab port0",
+              "VSZOR_GetPortMACLearningStats", Stats),
+        Reads("mac", "info", "shows the MAC learning state of a switch", {SWITCH}, "lab",
+              "VSZOR_GetSwitchMACLearningInfo", Info),
+        ChangesNow("mac", "props", "shows or sets the MAC learning properties of the host",
+                   {{"--enabled", Shape::OPTION, "on or off"},
+                    {"--aging", Shape::OPTION, "seconds"},
+                    {"--limit", Shape::OPTION, "addresses"},
+                    HEX,
+                    FROM_FILE},
+                   "\n--aging 300", "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps", Props),
     };
 }
 

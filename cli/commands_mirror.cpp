@@ -26,24 +26,18 @@ Result Append(const Verb &, const Arguments &arguments)
 {
     const Target target = arguments.Target();
     const Json sessions = ParseWord(PolicyOf(target).fields[0], ReadFile(arguments.Text("FILE")));
-    Result result;
-    result.steps.push_back({"mirror-sessions", target, {{"append", sessions}}});
-    return result;
+    return Steps({{"mirror-sessions", target, {{"append", sessions}}}});
 }
 
 Result Remove(const Verb &, const Arguments &arguments)
 {
-    Result result;
-    result.steps.push_back({"mirror-sessions", arguments.Target(), {{"remove", arguments.Text("SESSION")}}});
-    return result;
+    return Steps({{"mirror-sessions", arguments.Target(), {{"remove", arguments.Text("SESSION")}}}});
 }
 
 Result Clear(const Verb &, const Arguments &arguments)
 {
     const Target target = arguments.Target();
-    Result result;
-    result.steps.push_back(SetPolicy(PolicyOf(target), target, nullptr));
-    return result;
+    return Steps({SetPolicy(PolicyOf(target), target, nullptr)});
 }
 
 Result Live(const Verb &, const Arguments &arguments)
@@ -71,9 +65,7 @@ Result Stats(const Verb &, const Arguments &arguments)
                 "reading the statistics of mirror session " + session + " of", target);
     Json row = {{"switch", target.alias}, {"session", session}};
     row.update(Decode(Record::MIRROR_STATS, stats, sizeof stats));
-    Result result;
-    result.rows.push_back(row);
-    return result;
+    return Rows(row);
 }
 
 Result Destinations(const Verb &, const Arguments &arguments)
@@ -83,9 +75,7 @@ Result Destinations(const Verb &, const Arguments &arguments)
     DriverBuffer<> list;
     CheckDriver(VSZOR_GetPromiscSessionActiveDsts(target.Alias(), list.Out()),
                 "listing the promiscuous ports of", target);
-    Result result;
-    result.rows = DecodeList(Record::DESTINATION, list.Get(), sizeof(uint32_t));
-    return result;
+    return Rows(DecodeList(Record::DESTINATION, list.Get(), sizeof(uint32_t)));
 }
 
 }
@@ -96,58 +86,20 @@ std::vector<Verb> MirrorVerbs()
     const Argument file{"FILE", Shape::REQUIRED, "JSON file with a list of sessions (- for standard input)",
                         Names::FILE};
     return {
-        {"mirror",
-         "list",
-         "lists the mirror sessions of a port or of the uplinks",
-         {SWITCH, ANY_PORT},
-         "lab port0\nlab",
-         "VSDVS_GetDVMirrorSessions",
-         List},
-        {"mirror",
-         "append",
-         "appends mirror sessions",
-         {SWITCH, file, ANY_PORT},
-         "lab sessions.json port0",
-         "VSDVS_AppendDVMirrorSessions",
-         Append,
-         Effect::STEPS},
-        {"mirror",
-         "remove",
-         "removes a mirror session",
-         {SWITCH, session, ANY_PORT},
-         "lab session1 port0",
-         "VSDVS_RemoveDVMirrorSession",
-         Remove,
-         Effect::STEPS},
-        {"mirror",
-         "clear",
-         "removes all mirror sessions of a port or of the uplinks",
-         {SWITCH, ANY_PORT},
-         "lab port0",
-         "VSDVS_ClearDVMirrorSessions",
-         Clear,
-         Effect::STEPS},
-        {"mirror",
-         "live",
-         "lists the mirror sessions that the driver runs",
-         {SWITCH},
-         "lab",
-         "VSZOR_GetDVMirrorSessionIDs",
-         Live},
-        {"mirror",
-         "stats",
-         "shows the statistics of a mirror session",
-         {SWITCH, session},
-         "lab session1",
-         "VSZOR_GetDVMirrorSessionStats",
-         Stats},
-        {"mirror",
-         "destinations",
-         "lists the active destinations of promiscuous sessions",
-         {SWITCH},
-         "lab",
-         "VSZOR_GetPromiscSessionActiveDsts",
-         Destinations},
+        Reads("mirror", "list", "lists the mirror sessions of a port or of the uplinks", {SWITCH, ANY_PORT},
+              "lab port0\nlab", "VSDVS_GetDVMirrorSessions", List),
+        Changes("mirror", "append", "appends mirror sessions", {SWITCH, file, ANY_PORT},
+                "lab sessions.json port0", "VSDVS_AppendDVMirrorSessions", Append),
+        Changes("mirror", "remove", "removes a mirror session", {SWITCH, session, ANY_PORT},
+                "lab session1 port0", "VSDVS_RemoveDVMirrorSession", Remove),
+        Changes("mirror", "clear", "removes all mirror sessions of a port or of the uplinks",
+                {SWITCH, ANY_PORT}, "lab port0", "VSDVS_ClearDVMirrorSessions", Clear),
+        Reads("mirror", "live", "lists the mirror sessions that the driver runs", {SWITCH}, "lab",
+              "VSZOR_GetDVMirrorSessionIDs", Live),
+        Reads("mirror", "stats", "shows the statistics of a mirror session", {SWITCH, session},
+              "lab session1", "VSZOR_GetDVMirrorSessionStats", Stats),
+        Reads("mirror", "destinations", "lists the active destinations of promiscuous sessions", {SWITCH},
+              "lab", "VSZOR_GetPromiscSessionActiveDsts", Destinations),
     };
 }
 

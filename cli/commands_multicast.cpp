@@ -59,9 +59,7 @@ Result Groups(const Verb &, const Arguments &arguments)
             Decode(Record::MCAST_STATS, stats.Get(), sizeof *stats.Get() + stats->count * group.size()));
         rows.push_back(row);
     }
-    Result result;
-    result.rows = rows;
-    return result;
+    return Rows(rows);
 }
 
 }
@@ -69,20 +67,12 @@ Result Groups(const Verb &, const Arguments &arguments)
 std::vector<Verb> MulticastVerbs()
 {
     return {
-        {"multicast",
-         "filters",
-         "lists the multicast groups of a switch",
-         {SWITCH, {"--kind", Shape::OPTION, "ethernet, ipv4 or ipv6 (all)"}, SELECTOR},
-         "lab\nlab --kind ipv4",
-         "VSZOR_GetMcastFilters",
-         Filters},
-        {"multicast",
-         "groups",
-         "shows statistics and sources of multicast groups",
-         {SWITCH, {"GROUP", Shape::MANY, "IPv4 or IPv6 addresses of groups"}, SELECTOR},
-         "lab 224.1.1.1",
-         "VSZOR_GetMcastFilterStats",
-         Groups},
+        Reads("multicast", "filters", "lists the multicast groups of a switch",
+              {SWITCH, {"--kind", Shape::OPTION, "ethernet, ipv4 or ipv6 (all)"}, SELECTOR},
+              "lab\nlab --kind ipv4", "VSZOR_GetMcastFilters", Filters),
+        Reads("multicast", "groups", "shows statistics and sources of multicast groups",
+              {SWITCH, {"GROUP", Shape::MANY, "IPv4 or IPv6 addresses of groups"}, SELECTOR}, "lab 224.1.1.1",
+              "VSZOR_GetMcastFilterStats", Groups),
     };
 }
 

@@ -44,9 +44,7 @@ Result Get(const Verb &, const Arguments &arguments)
     row["length"] = bytes.size();
     row["bytes"] = Hex(bytes.data(), bytes.size());
     if (IsText(bytes)) row["text"] = Name(reinterpret_cast<const char *>(bytes.data()), bytes.size());
-    Result result;
-    result.rows.push_back(row);
-    return result;
+    return Rows(row);
 }
 
 Result ChangeTo(const Arguments &arguments, const Json &bytes)
@@ -54,9 +52,7 @@ Result ChangeTo(const Arguments &arguments, const Json &bytes)
     const Property property = PropertyOf(arguments);
     Json value = {{"level", LevelName(property)}, {"key", property.key}, {"bytes", bytes}};
     if (property.byId) value["by-id"] = true;
-    Result result;
-    result.steps.push_back({"property", property.target, value});
-    return result;
+    return Steps({{"property", property.target, value}});
 }
 
 Result Set(const Verb &, const Arguments &arguments)
@@ -90,13 +86,13 @@ std::vector<Verb> PropertyVerbs()
     given.push_back(HEX);
     given.push_back(FROM_FILE);
     return {
-        {"property", "get", "shows a property by its key", which,
-         "lab com.talpex.common.alias\nlab com.talpex.common.port.alias --port port0",
-         "VSDVS_GetGlobProp VSDVS_GetHostProp VSDVS_GetPortProp", Get},
-        {"property", "set", "sets a property by its key", given, "lab com.example.owner --text ops",
-         "VSDVS_SetGlobProp VSDVS_SetHostProp VSDVS_SetPortProp", Set, Effect::STEPS},
-        {"property", "clear", "removes a property by its key", which, "lab com.example.owner",
-         "VSDVS_ClearGlobProp VSDVS_ClearHostProp VSDVS_ClearPortProp", Clear, Effect::STEPS},
+        Reads("property", "get", "shows a property by its key", which,
+              "lab com.talpex.common.alias\nlab com.talpex.common.port.alias --port port0",
+              "VSDVS_GetGlobProp VSDVS_GetHostProp VSDVS_GetPortProp", Get),
+        Changes("property", "set", "sets a property by its key", given, "lab com.example.owner --text ops",
+                "VSDVS_SetGlobProp VSDVS_SetHostProp VSDVS_SetPortProp", Set),
+        Changes("property", "clear", "removes a property by its key", which, "lab com.example.owner",
+                "VSDVS_ClearGlobProp VSDVS_ClearHostProp VSDVS_ClearPortProp", Clear),
     };
 }
 

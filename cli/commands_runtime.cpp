@@ -13,9 +13,7 @@ Result SwitchRow(const Arguments &arguments, const Json &fields)
 {
     Json row = {{"switch", arguments.Text("SWITCH")}};
     row.update(fields);
-    Result result;
-    result.rows.push_back(row);
-    return result;
+    return Rows(row);
 }
 
 Result Rarp(const Verb &, const Arguments &arguments)
@@ -52,9 +50,7 @@ Result GetOptions(const Verb &, const Arguments &arguments)
     CheckDriver(VSZOR_GetRuntimeOptions(ids.data(), static_cast<uint16_t>(ids.size()), options.Out()),
                 "reading the options of", {});
     const Json rows = Decode(Record::OPTIONS, options.Get(), RUNTIME_OPTIONS_SIZE);
-    Result result;
-    result.rows = rows.is_array() ? rows : Json::array({rows});
-    return result;
+    return Rows(rows);
 }
 
 Bytes GivenOptions(const Arguments &arguments)
@@ -87,9 +83,7 @@ Result SetOptions(const Verb &, const Arguments &arguments)
     if (!arguments.IsDryRun())
         CheckDriver(VSZOR_SetRuntimeOptions(record.data()), "setting the options of", {});
     const Json rows = Decode(Record::OPTIONS, record.data(), record.size());
-    Result result;
-    result.rows = rows.is_array() ? rows : Json::array({rows});
-    return result;
+    return Rows(rows);
 }
 
 // The record says how many entries follow; the driver is told its length by that count.
@@ -112,9 +106,7 @@ Result Rtm(const Verb &, const Arguments &arguments)
                         "'vsctl doctor' shows what of the platform is reachable");
         Check(status, fmt::format("sending RTM command {} to", command), {});
     }
-    Result result;
-    result.rows.push_back({{"command", command}, {"entries", count}, {"sent", !arguments.IsDryRun()}});
-    return result;
+    return Rows({{"command", command}, {"entries", count}, {"sent", !arguments.IsDryRun()}});
 }
 
 }
@@ -122,43 +114,19 @@ Result Rtm(const Verb &, const Arguments &arguments)
 std::vector<Verb> RuntimeVerbs()
 {
     return {
-        {"stats",
-         "rarp",
-         "shows the RARP statistics of a switch",
-         {SWITCH},
-         "lab",
-         "VSZOR_GetRARPStats",
-         Rarp},
-        {"stats",
-         "teaming",
-         "shows the service-port teaming statistics of a switch",
-         {SWITCH},
-         "lab",
-         "VSZOR_GetServicePortTeamingStats",
-         Teaming},
-        {"option",
-         "get",
-         "shows runtime options of the driver",
-         {{"OPTION", Shape::ANY, "numbers of options (all)"}},
-         "\n1 2",
-         "VSZOR_GetRuntimeOptions",
-         GetOptions},
-        {"option",
-         "set",
-         "sets runtime options of the driver",
-         {{"OPTION", Shape::ANY, "options as NUMBER=VALUE"}, HEX, FROM_FILE},
-         "1=100 2=0",
-         "VSZOR_SetRuntimeOptions",
-         SetOptions,
-         Effect::DIRECT},
-        {"rtm",
-         "send",
-         "passes a record to the RTM device",
-         {{"COMMAND", Shape::REQUIRED, "command number"}, HEX, FROM_FILE},
-         "7 --hex 000000000000000000",
-         "VSZOR_RTMOp",
-         Rtm,
-         Effect::DIRECT},
+        Reads("stats", "rarp", "shows the RARP statistics of a switch", {SWITCH}, "lab", "VSZOR_GetRARPStats",
+              Rarp),
+        Reads("stats", "teaming", "shows the service-port teaming statistics of a switch", {SWITCH}, "lab",
+              "VSZOR_GetServicePortTeamingStats", Teaming),
+        Reads("option", "get", "shows runtime options of the driver",
+              {{"OPTION", Shape::ANY, "numbers of options (all)"}}, "\n1 2", "VSZOR_GetRuntimeOptions",
+              GetOptions),
+        ChangesNow("option", "set", "sets runtime options of the driver",
+                   {{"OPTION", Shape::ANY, "options as NUMBER=VALUE"}, HEX, FROM_FILE}, "1=100 2=0",
+                   "VSZOR_SetRuntimeOptions", SetOptions),
+        ChangesNow("rtm", "send", "passes a record to the RTM device",
+                   {{"COMMAND", Shape::REQUIRED, "command number"}, HEX, FROM_FILE},
+                   "7 --hex 000000000000000000", "VSZOR_RTMOp", Rtm),
     };
 }
 

@@ -41,9 +41,7 @@ Result Show(const Verb &, const Arguments &arguments)
     Json row = {{"switch", target.alias}};
     row.update(ReadSwitch(target.alias, {}));
     row["live"] = Info(PortsetOf(target.alias), target);
-    Result result;
-    result.rows.push_back(row);
-    return result;
+    return Rows(row);
 }
 
 Result Create(const Verb &, const Arguments &arguments)
@@ -58,16 +56,12 @@ Result Create(const Verb &, const Arguments &arguments)
                   {"max-ports", arguments.Number("--max-ports", 0)},
                   {"uplink-count", arguments.Number("--uplinks", 0)},
                   {"port-count", arguments.Number("--ports", 0)}};
-    Result result;
-    result.steps.push_back({"switch", {arguments.Text("SWITCH"), ""}, value});
-    return result;
+    return Steps({{"switch", {arguments.Text("SWITCH"), ""}, value}});
 }
 
 Result Destroy(const Verb &, const Arguments &arguments)
 {
-    Result result;
-    result.steps.push_back({"switch", {arguments.Text("SWITCH"), ""}, nullptr});
-    return result;
+    return Steps({{"switch", {arguments.Text("SWITCH"), ""}, nullptr}});
 }
 
 }
@@ -76,44 +70,25 @@ std::vector<Verb> SwitchVerbs()
 {
     const Argument name{"SWITCH", Shape::REQUIRED, "alias of the new switch"};
     return {
-        {"switch",
-         "list",
-         "lists the running switches",
-         {},
-         "\n--json",
-         "VSZOR_GetSwitches VSDVS_GetAliasFromPortset DVSAliasToPortsetName DVSAliasToSwitchId "
-         "VSZOR_GetVSInfo",
-         List},
-        {"switch",
-         "show",
-         "shows a switch: its names, uplinks, policies and live state",
-         {SWITCH},
-         "lab",
-         "DVSAliasToSwitchId DVSAliasToPortsetName VSDVS_GetGlobProp VSZOR_GetVSInfo",
-         Show},
-        {"switch",
-         "create",
-         "creates a switch, with uplinks uplink0, uplink1, … and ports port0, port1, …",
-         {name,
-          {"--uplinks", Shape::OPTION, "number of uplinks (0)"},
-          {"--ports", Shape::OPTION, "number of ports (0)"},
-          {"--max-ports", Shape::OPTION, "ports that there may be (128)"},
-          {"--id", Shape::OPTION, "switch id (a random one)"},
-          {"--portset", Shape::OPTION, "kernel name (the alias)"},
-          {"--version", Shape::OPTION, "version number (1)"},
-          {"--opaque", Shape::FLAG, "an opaque switch"}},
-         "lab --uplinks 2 --ports 8\nlab --portset vs0 --max-ports 64",
-         "VSDVS_CreateVSwitch",
-         Create,
-         Effect::STEPS},
-        {"switch",
-         "destroy",
-         "destroys a switch with all its ports",
-         {SWITCH},
-         "lab",
-         "VSDVS_DestroyVSwitch",
-         Destroy,
-         Effect::STEPS},
+        Reads("switch", "list", "lists the running switches", {}, "\n--json",
+              "VSZOR_GetSwitches VSDVS_GetAliasFromPortset DVSAliasToPortsetName DVSAliasToSwitchId "
+              "VSZOR_GetVSInfo",
+              List),
+        Reads("switch", "show", "shows a switch: its names, uplinks, policies and live state", {SWITCH},
+              "lab", "DVSAliasToSwitchId DVSAliasToPortsetName VSDVS_GetGlobProp VSZOR_GetVSInfo", Show),
+        Changes("switch", "create",
+                "creates a switch, with uplinks uplink0, uplink1, … and ports port0, port1, …",
+                {name,
+                 {"--uplinks", Shape::OPTION, "number of uplinks (0)"},
+                 {"--ports", Shape::OPTION, "number of ports (0)"},
+                 {"--max-ports", Shape::OPTION, "ports that there may be (128)"},
+                 {"--id", Shape::OPTION, "switch id (a random one)"},
+                 {"--portset", Shape::OPTION, "kernel name (the alias)"},
+                 {"--version", Shape::OPTION, "version number (1)"},
+                 {"--opaque", Shape::FLAG, "an opaque switch"}},
+                "lab --uplinks 2 --ports 8\nlab --portset vs0 --max-ports 64", "VSDVS_CreateVSwitch", Create),
+        Changes("switch", "destroy", "destroys a switch with all its ports", {SWITCH}, "lab",
+                "VSDVS_DestroyVSwitch", Destroy),
     };
 }
 

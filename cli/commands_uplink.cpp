@@ -44,9 +44,7 @@ Result List(const Verb &, const Arguments &arguments)
 
 Result Live(const Verb &, const Arguments &arguments)
 {
-    Result result;
-    result.rows = RunningUplinks(arguments.Text("SWITCH"));
-    return result;
+    return Rows(RunningUplinks(arguments.Text("SWITCH")));
 }
 
 Step UplinkStep(const Arguments &arguments, Json value)
@@ -86,9 +84,7 @@ Result Set(const Verb &, const Arguments &arguments)
 
 Result Clear(const Verb &, const Arguments &arguments)
 {
-    Result result;
-    result.steps.push_back(UplinkStep(arguments, {{"clear", true}}));
-    return result;
+    return Steps({UplinkStep(arguments, {{"clear", true}})});
 }
 
 template<auto GET> Result LinkState(const Verb &verb, const Arguments &arguments)
@@ -97,26 +93,20 @@ template<auto GET> Result LinkState(const Verb &verb, const Arguments &arguments
     uint32_t up = 0;
     CheckDriver(GET(PortsetOf(arguments.Text("SWITCH")).c_str(), uplink.c_str(), &up),
                 fmt::format("reading the {} state of uplink {} of", verb.name, uplink), arguments.Target());
-    Result result;
-    result.rows.push_back({{"switch", arguments.Text("SWITCH")}, {"uplink", uplink}, {verb.name, up != 0}});
-    return result;
+    return Rows({{"switch", arguments.Text("SWITCH")}, {"uplink", uplink}, {verb.name, up != 0}});
 }
 
 Result UpOrDown(const Verb &verb, const Arguments &arguments)
 {
     const std::string &alias = arguments.Text("SWITCH");
     const Json value = {{"uplink", arguments.Text("UPLINK")}, {"up", verb.name == "up"}};
-    Result result;
-    result.steps.push_back({"uplink-admin", {alias, ""}, value});
-    return result;
+    return Steps({{"uplink-admin", {alias, ""}, value}});
 }
 
 Result Port(const Verb &, const Arguments &arguments)
 {
     const std::string &uplink = arguments.Text("UPLINK");
-    Result result;
-    result.rows.push_back({{"uplink", uplink}, {"port", PortOfRunning(uplink)}});
-    return result;
+    return Rows({{"uplink", uplink}, {"port", PortOfRunning(uplink)}});
 }
 
 Result Numa(const Verb &, const Arguments &arguments)
@@ -136,9 +126,7 @@ Result Lags(const Verb &, const Arguments &arguments)
     CheckDriver(VSZOR_GetLAGTable(PortsetOf(arguments.Text("SWITCH")).c_str(), table.Out()),
                 "reading the LAGs of", arguments.Target());
     const Json lags = Decode(Record::LAG_TABLE, table.Get(), LAG_TABLE_SIZE);
-    Result result;
-    result.rows = lags.is_array() ? lags : Json::array({lags});
-    return result;
+    return Rows(lags);
 }
 
 }
@@ -151,98 +139,33 @@ std::vector<Verb> UplinkVerbs()
     Argument several = newName;
     several.shape = Shape::ANY;
     return {
-        {"uplink",
-         "list",
-         "lists the uplinks of a switch",
-         {SWITCH},
-         "lab",
-         "VSDVS_GetSwitchUplinkPorts VSZOR_GetUplinks VSZOR_GetUplinkDVPortID",
-         List},
-        {"uplink",
-         "live",
-         "lists the uplinks that the driver runs",
-         {SWITCH},
-         "lab",
-         "VSZOR_GetUplinks",
-         Live},
-        {"uplink",
-         "add",
-         "adds uplinks to a switch",
-         {SWITCH, newName},
-         "lab uplink2",
-         "VSDVS_AddSwitchUplinkPort",
-         Add,
-         Effect::STEPS},
-        {"uplink",
-         "remove",
-         "removes uplinks of a switch",
-         {SWITCH, listed},
-         "lab uplink2",
-         "VSDVS_RemoveSwitchUplinkPort",
-         Remove,
-         Effect::STEPS},
-        {"uplink",
-         "set",
-         "gives a switch its uplinks, by name or by number",
-         {SWITCH, several, {"--count", Shape::OPTION, "that many, named uplink0, uplink1, …"}},
-         "lab east west\nlab --count 2",
-         "VSDVS_SetSwitchUplinkPorts SetNumSwitchUplinkPortsByUUID",
-         Set,
-         Effect::STEPS},
-        {"uplink",
-         "clear",
-         "forgets the lists of a switch's uplinks and keeps their ports",
-         {SWITCH},
-         "lab",
-         "VSDVS_ClearSwitchUplinkPorts",
-         Clear,
-         Effect::STEPS},
-        {"uplink",
-         "link",
-         "shows whether an uplink has a link",
-         {SWITCH, running},
-         "lab nic0",
-         "VSZOR_GetUplinkLinkState",
-         LinkState<VSZOR_GetUplinkLinkState>},
-        {"uplink",
-         "lacp",
-         "shows whether an uplink has a link in a LAG",
-         {SWITCH, running},
-         "lab nic0",
-         "VSZOR_GetUplinkLACPLinkState",
-         LinkState<VSZOR_GetUplinkLACPLinkState>},
-        {"uplink",
-         "up",
-         "takes an uplink up",
-         {SWITCH, running},
-         "lab nic0",
-         "VSZOR_SetUplinkAdminLinkState",
-         UpOrDown,
-         Effect::STEPS},
-        {"uplink",
-         "down",
-         "takes an uplink down",
-         {SWITCH, running},
-         "lab nic0",
-         "VSZOR_SetUplinkAdminLinkState",
-         UpOrDown,
-         Effect::STEPS},
-        {"uplink",
-         "port",
-         "shows the port id of a running uplink",
-         {running},
-         "nic0",
-         "VSZOR_GetUplinkDVPortID",
-         Port},
-        {"uplink",
-         "numa",
-         "has the driver read the NUMA nodes of a switch's uplinks again",
-         {SWITCH},
-         "lab",
-         "VSZOR_RefreshDevNUMAInfo",
-         Numa,
-         Effect::DIRECT},
-        {"lag", "list", "lists the LAGs of a switch", {SWITCH}, "lab", "VSZOR_GetLAGTable", Lags},
+        Reads("uplink", "list", "lists the uplinks of a switch", {SWITCH}, "lab",
+              "VSDVS_GetSwitchUplinkPorts VSZOR_GetUplinks VSZOR_GetUplinkDVPortID", List),
+        Reads("uplink", "live", "lists the uplinks that the driver runs", {SWITCH}, "lab", "VSZOR_GetUplinks",
+              Live),
+        Changes("uplink", "add", "adds uplinks to a switch", {SWITCH, newName}, "lab uplink2",
+                "VSDVS_AddSwitchUplinkPort", Add),
+        Changes("uplink", "remove", "removes uplinks of a switch", {SWITCH, listed}, "lab uplink2",
+                "VSDVS_RemoveSwitchUplinkPort", Remove),
+        Changes("uplink", "set", "gives a switch its uplinks, by name or by number",
+                {SWITCH, several, {"--count", Shape::OPTION, "that many, named uplink0, uplink1, …"}},
+                "lab east west\nlab --count 2", "VSDVS_SetSwitchUplinkPorts SetNumSwitchUplinkPortsByUUID",
+                Set),
+        Changes("uplink", "clear", "forgets the lists of a switch's uplinks and keeps their ports", {SWITCH},
+                "lab", "VSDVS_ClearSwitchUplinkPorts", Clear),
+        Reads("uplink", "link", "shows whether an uplink has a link", {SWITCH, running}, "lab nic0",
+              "VSZOR_GetUplinkLinkState", LinkState<VSZOR_GetUplinkLinkState>),
+        Reads("uplink", "lacp", "shows whether an uplink has a link in a LAG", {SWITCH, running}, "lab nic0",
+              "VSZOR_GetUplinkLACPLinkState", LinkState<VSZOR_GetUplinkLACPLinkState>),
+        Changes("uplink", "up", "takes an uplink up", {SWITCH, running}, "lab nic0",
+                "VSZOR_SetUplinkAdminLinkState", UpOrDown),
+        Changes("uplink", "down", "takes an uplink down", {SWITCH, running}, "lab nic0",
+                "VSZOR_SetUplinkAdminLinkState", UpOrDown),
+        Reads("uplink", "port", "shows the port id of a running uplink", {running}, "nic0",
+              "VSZOR_GetUplinkDVPortID", Port),
+        ChangesNow("uplink", "numa", "has the driver read the NUMA nodes of a switch's uplinks again",
+                   {SWITCH}, "lab", "VSZOR_RefreshDevNUMAInfo", Numa),
+        Reads("lag", "list", "lists the LAGs of a switch", {SWITCH}, "lab", "VSZOR_GetLAGTable", Lags),
     };
 }
 

@@ -468,12 +468,13 @@ Step SetPolicy(const Policy &policy, const Target &target, const Json &value)
 
 Json StepRow(const Step &step)
 {
-    const Json port = step.target.port.empty() ? Json() : Json(step.target.port);
-    return {{"switch", step.target.alias},
-            {"port", port},
-            {"item", step.item},
-            {"before", step.before},
-            {"after", step.value}};
+    Json row;
+    row["switch"] = step.target.alias;
+    row["port"] = step.target.port.empty() ? Json() : Json(step.target.port);
+    row["item"] = step.item;
+    row["before"] = step.before;
+    row["after"] = step.value;
+    return row;
 }
 
 std::string StepText(const Step &step)
@@ -484,11 +485,13 @@ std::string StepText(const Step &step)
 
 Json ToJson(const Step &step)
 {
-    return {{"item", step.item},
-            {"switch", step.target.alias},
-            {"port", step.target.port},
-            {"value", step.value},
-            {"before", step.before}};
+    Json json;
+    json["item"] = step.item;
+    json["switch"] = step.target.alias;
+    json["port"] = step.target.port;
+    json["value"] = step.value;
+    json["before"] = step.before;
+    return json;
 }
 
 Step StepFromJson(const Json &json)

@@ -69,6 +69,57 @@ Bytes GivenBytes(const Arguments &arguments, size_t size)
     return bytes;
 }
 
+Verb Reads(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
+           std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &))
+{
+    return {std::move(noun),
+            std::move(name),
+            std::move(help),
+            std::move(arguments),
+            std::move(example),
+            std::move(operations),
+            run};
+}
+
+Verb Changes(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
+             std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &))
+{
+    Verb verb = Reads(std::move(noun), std::move(name), std::move(help), std::move(arguments),
+                      std::move(example), std::move(operations), run);
+    verb.effect = Effect::STEPS;
+    return verb;
+}
+
+Verb ChangesNow(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
+                std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &))
+{
+    Verb verb = Reads(std::move(noun), std::move(name), std::move(help), std::move(arguments),
+                      std::move(example), std::move(operations), run);
+    verb.effect = Effect::DIRECT;
+    return verb;
+}
+
+Result Rows(Json rows)
+{
+    Result result;
+    result.rows = rows.is_array() ? std::move(rows) : Json::array({std::move(rows)});
+    return result;
+}
+
+Result Steps(std::vector<Step> steps)
+{
+    Result result;
+    result.steps = std::move(steps);
+    return result;
+}
+
+Result Text(std::string text)
+{
+    Result result;
+    result.text = std::move(text);
+    return result;
+}
+
 const std::vector<Verb> &Verbs()
 {
     static const std::vector<Verb> VERBS = [] {

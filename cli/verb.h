@@ -52,9 +52,10 @@ struct Result {
     std::vector<Step> steps; // a change that is still to be made
     bool allowRemovals = true;
     bool planOnly = false;
-    double confirmWithin = 0; // seconds
-    std::string note;         // a line for people, after the rows
-    std::string text;         // printed as it is, instead of rows
+    bool needsJournal = false; // even for a single step
+    double confirmWithin = 0;  // seconds
+    std::string note;          // a line for people, after the rows
+    std::string text;          // printed as it is, instead of rows
     Exit exit = Exit::DONE;
 };
 
@@ -71,6 +72,19 @@ struct Verb {
 
     std::string Title() const { return name.empty() ? noun : noun + " " + name; }
 };
+
+// Rows of the table: verbs that read, that return steps, and that change what is running at once.
+Verb Reads(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
+           std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &));
+Verb Changes(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
+             std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &));
+Verb ChangesNow(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
+                std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &));
+
+// Results of one kind. An object is one row.
+Result Rows(Json rows);
+Result Steps(std::vector<Step> steps);
+Result Text(std::string text);
 
 // All verbs, by noun. Those of the policies are made from their rows.
 const std::vector<Verb> &Verbs();

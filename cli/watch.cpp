@@ -123,7 +123,7 @@ Result Watch(const Verb &, const Arguments &arguments)
     options.json = arguments.Has("--json");
     const Arguments &watched =
         parser.Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, options);
-    if (verb.effect == Effect::DIRECT || verb.run == FindVerb({"watch"}, used).run)
+    if (verb.effect == Effect::DIRECT || verb.noun == "watch")
         throw Error(Exit::USAGE, verb.Title() + " cannot be watched", "watch takes a verb that only reads");
     EndTimeLimit();
     signal(SIGINT, [](int) { interrupted = 1; });
