@@ -584,7 +584,7 @@ TEST_F(Driver, AScenarioIsTakenWholeOrNotAtAll)
         {R"({"nics": {"nic9": {"mtu": 1279}}})", "/nics/nic9/mtu: must be a whole number from 1280 to 9000"},
         {R"({"nics": {"nic9": {"link": true}}})", "/nics/nic9/link: must be one of down, up"},
         {R"({"nics": {"nic9": {"mtu": 9000, "maxMtu": 1500}}})", "/nics/nic9: mtu must not be above maxMtu"},
-        {R"({"nics": {"": {}}})", "/nics/: this name must have 1 to 31 characters"},
+        {R"({"nics": {"": {}}})", "/nics/: this name must have 1 to 30 characters"},
         {R"({"nics": {"nic9": {"bind": {"switch": "lab"}}}})", "/nics/nic9/bind: needs both"},
         {R"({"nics": {"nic9": {"refusedMtus": [1500, 0]}}})", "/nics/nic9/refusedMtus/1: must be"},
         {R"({"portsets": {"p": {"ports": {"a": {"macs": [{"address": "02:00"}]}}}}})",

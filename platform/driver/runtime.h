@@ -15,7 +15,8 @@
 namespace vshost {
 
 inline constexpr size_t MAX_PORTSET_NAME = 127;
-inline constexpr size_t MAX_NIC_NAME = 31;
+// With the "/" behind it a name is one entry of an uplink listing, which has 31 characters.
+inline constexpr size_t MAX_NIC_NAME = 30;
 inline constexpr uint32_t MIN_MTU = 1280;
 inline constexpr uint32_t MAX_MTU = 9000;
 inline constexpr uint32_t DEFAULT_MTU = 1500;

@@ -86,7 +86,7 @@ int ChangeNic(const std::string &state, const NicOptions &options)
     if (options.name.empty() || options.name.size() > MAX_NIC_NAME ||
         options.name.find('/') != std::string::npos)
         throw LauncherError{"\"" + options.name +
-                            "\" can't be the name of a NIC: use 1 to 31 characters without \"/\""};
+                            "\" can't be the name of a NIC: use 1 to 30 characters without \"/\""};
     const std::unique_ptr<Host> host = OpenHost(state);
     const VsStatus status = host->GetEngine().Write([&](Transaction &transaction) -> VsStatus {
         Nic nic;
