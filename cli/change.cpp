@@ -2,10 +2,12 @@
 #include "change.h"
 
 #include <cmath>
+#include <csignal>
 #include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <set>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "journal.h"
@@ -100,19 +102,37 @@ void ThrowIfRemovalsForbidden(const Result &result)
 
 std::string NewJournalId() { return fmt::format("{}-{}", time(nullptr), getpid()); }
 
-// Starts `vsctl confirm --guard` in a session of its own, which no terminal ends.
-void StartGuard(const std::string &id, double seconds)
+[[noreturn]] void BecomeGuard(const std::string &id, double seconds)
 {
-    const pid_t child = fork();
-    if (child < 0) throw Error(Exit::FAILURE, "no process can be started to guard the change");
-    if (child > 0) return;
-    setsid();
     const int nothing = open("/dev/null", O_RDWR);
     for (int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         dup2(nothing, descriptor);
     const std::string time = fmt::format("{}ms", std::llround(seconds * 1000));
     execl("/proc/self/exe", "vsctl", "confirm", "--guard", id.c_str(), "--after", time.c_str(), nullptr);
     _exit(static_cast<int>(Exit::FAILURE));
+}
+
+// Starts `vsctl confirm --guard` in a session of its own, which no terminal ends. Signals to the terminal's
+// processes wait until it is there, and it forgets those that came before.
+void StartGuard(const std::string &id, double seconds)
+{
+    sigset_t all, before;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &before);
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int signal : {SIGHUP, SIGINT, SIGTERM, SIGQUIT})
+            ::signal(signal, SIG_IGN);
+        setsid();
+        sigprocmask(SIG_SETMASK, &before, nullptr);
+        if (fork() == 0) BecomeGuard(id, seconds);
+        _exit(static_cast<int>(Exit::DONE));
+    }
+    const bool started = child > 0 && waitpid(child, nullptr, 0) == child;
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    if (!started)
+        throw Error(Exit::FAILURE, "no process can be started that would undo the change in time",
+                    "'vsctl apply --undo' undoes it now, 'vsctl confirm' keeps it");
 }
 
 void AwaitConfirmation(Journal &journal, double seconds)

@@ -27,6 +27,13 @@ constexpr useconds_t LOCK_POLL = 20000; // µs
                 "changes need a directory of their own: run vsctl as root, or name one in VSCTL_STATE");
 }
 
+// The journal need not outlast more than the host's own data does.
+bool OutlivesPowerCuts()
+{
+    const char *durability = getenv("VSHOST_DURABILITY");
+    return !IsEmbedded() || !durability || strcmp(durability, "process") != 0;
+}
+
 std::string JournalPath() { return StateDirectory() + "/journal.json"; }
 
 // A file, written whole and on disk when this returns.
@@ -41,13 +48,14 @@ void WriteFile(const std::string &path, const std::string &text)
         written = length > 0;
         if (written) done += static_cast<size_t>(length);
     }
-    written = written && fsync(file) == 0;
+    written = written && (!OutlivesPowerCuts() || fsync(file) == 0);
     close(file);
     if (!written || rename(temporary.c_str(), path.c_str()) != 0) ThrowFileError(path, "written");
 }
 
 void SyncDirectory()
 {
+    if (!OutlivesPowerCuts()) return;
     const int directory = open(StateDirectory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (directory < 0 || fsync(directory) != 0) ThrowFileError(StateDirectory(), "synchronized");
     close(directory);
