@@ -79,9 +79,11 @@ std::vector<Step> LineSteps(const std::string &line, std::map<std::string, std::
     if (verb.effect != Effect::STEPS) throw unfit;
     auto &parser = parsers[verb.Title()];
     if (!parser) parser = std::make_unique<Parser>(verb);
-    Options ignored;
+    Options options;
     const Arguments &arguments =
-        parser->Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, ignored);
+        parser->Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, options);
+    if (options.dryRun)
+        throw Error(Exit::USAGE, "a line has no dry run of its own", "give --dry-run to batch");
     Result result = verb.run(verb, arguments);
     if (result.steps.empty()) throw unfit;
     return std::move(result.steps);

@@ -56,16 +56,27 @@ void RestorePolicies(const Json &entry, const Target &target)
 
 Json ReadSwitchItem(const Step &step) { return ReadSwitch(step.target.alias, {}); }
 
+// The library answers such names like any other failure of the shell.
+void RequirePortsetName(const std::string &name)
+{
+    if (!name.empty() && name != "." && name != ".." && name[0] != '-' && name.find('/') == std::string::npos)
+        return;
+    throw Error(Exit::BAD_VALUE, fmt::format("'{}' cannot be the name of a portset", name),
+                "take one without '/' that does not begin with '-', or give one with --portset");
+}
+
 void CreateSwitch(const std::string &alias, const Json &value)
 {
     const std::string id = value.value("id", "");
     const std::string portset = value.value("portset", alias);
+    RequirePortsetName(portset);
+    if (SwitchExists(alias)) Check(STATUS_EXISTS, "creating", {alias, ""});
     const VsStatus status = VSDVS_CreateVSwitch(
         alias.c_str(), id.empty() ? nullptr : id.c_str(), portset.c_str(), value.value("version", 1u),
         value.value("opaque", false), value.value("max-ports", 0u), value.value("uplink-count", 0u),
         value.value("port-count", 0u));
     LibraryInit(); // the cache need not follow what this process creates
-    Check(status, "creating", {alias, ""});
+    CheckDriver(status, "creating", {alias, ""});
 }
 
 void DestroySwitch(const std::string &alias)
@@ -101,6 +112,7 @@ void DestroyHalfMade(const Step &step)
         LibraryInit();
         DestroySwitch(alias);
     }
+    if (DeviceError(ZOR_DEVICE)) return; // nothing runs where there is no driver
     const auto running = Portsets();
     if (std::find(running.begin(), running.end(), portset) == running.end()) return;
     throw Error(Exit::FAILURE,

@@ -258,7 +258,8 @@ class Verbs(OnHost):
                 (2, ["port", "vlan", "lab", "port0", "--prioritty", "1"], "--priority"),
                 (3, ["switch", "show", "lba"], "lab"), (3, ["port", "show", "lab", "nope"], "NOT_FOUND"),
                 (3, ["uplink", "remove", "lab", "uplink9"], "uplink0"), (3, ["confirm"], ""),
-                (4, port, "STATUS_EXISTS"), (4, ["switch", "create", "lab", "--portset", "other"], "STATUS_EXISTS"),
+                (4, port, "STATUS_EXISTS"), (4, ["switch", "create", "lab"], "STATUS_EXISTS"),
+                (5, ["switch", "create", "a/b"], "--portset"), (5, ["port", "vlan", "lab", "port0", "--trunk", "9-1"], "--trunk"),
                 (5, ["port", "vlan", "lab", "port0", "4096"], "4095"), (5, ["port", "security", "lab", "port0", "8"], "7"),
                 (5, ["port", "vlan", "lab", "port7..port1"], "range"), (5, ["switch", "mtu", "lab", "1279"], "1280")):
             with self.subTest(words):
@@ -267,6 +268,9 @@ class Verbs(OnHost):
             HOST.vshost_fail(STORE, b"DVSZOR_PortDataSet", 1, 1, outcome)
             self.run_vsctl("port", "vlan", "lab", "port0", "6", code=code)
             HOST.vshost_clear()
+        away = subprocess.run(["env", "-u", "VSHOST_DIR", f"VSCTL_STATE={self.directory}", VSCTL, "switch", "create", "x"],
+                              capture_output=True, text=True)
+        self.assertEqual((away.returncode, away.stdout), (6, ""), away.stderr)
         done = self.process(*port, "--json")
         self.assertEqual(json.loads(done.stderr)["error"]["name"], "STATUS_EXISTS")
 
@@ -438,6 +442,7 @@ class Changes(OnHost):
         self.assertEqual(self.exported(), before)
         self.assertIn("batch:3:", self.run_vsctl("batch", self.write("batch", "\n\nport vlna big p0 1\n"), code=2))
         self.run_vsctl("batch", "-", stdin="switch list\n", code=2)
+        self.run_vsctl("batch", "-", stdin="port add big x --dry-run\n", code=2)
         self.assertEqual(len(self.rows("batch", stdin="\n".join(lines))), 1 + 500 + 499 + 1)
         self.assertEqual(self.rows("property", "get", "big", "com.example.x")[0]["text"], "a b")
         self.assertEqual(self.rows("port", "vlan", "big", "p498")[0]["id"], 498)
