@@ -141,6 +141,8 @@ def main():
     if mode == "--check":
         found = list(complaints(rows, pairs))
         print("\n".join(found) or f"{len(rows)} calls cost what they may")
+        if found:
+            print(f"Where that is meant: {os.path.relpath(__file__)} --update {os.path.relpath(sys.argv[-1])}")
         return 1 if found else 0
     if mode == "--update":
         with open(COUNTS, "w", encoding="utf-8") as file:

@@ -114,5 +114,6 @@ OvsdbSwitch CreateOvsdbSwitch(Ovsdb &server, const std::string &name, unsigned p
 void DestroyOvsdbSwitch(Ovsdb &server, const OvsdbSwitch &removed)
 {
     server.Transact(R"({"op":"mutate","table":"Open_vSwitch","where":[],"mutations":[["bridges","delete",)"
-                    R"(["set",[["uuid",")" + removed.bridge + R"("]]]]]})");
+                    R"(["set",[["uuid",")" +
+                    removed.bridge + R"("]]]]]})");
 }

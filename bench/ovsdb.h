@@ -12,7 +12,8 @@ public:
     Ovsdb &operator=(const Ovsdb &) = delete;
     ~Ovsdb();
 
-    // Runs the operations (JSON objects, joined by commas) as one transaction; ends the program when one fails.
+    // Runs the operations (JSON objects, joined by commas) as one transaction; ends the program when one
+    // fails.
     const std::string &Transact(const std::string &operations);
 
 private:
@@ -30,7 +31,7 @@ private:
 
 // A switch as that server's schema keeps one: a bridge and, for each port, a port and an interface.
 struct OvsdbSwitch {
-    std::string bridge;             // the ids of the rows
+    std::string bridge; // the ids of the rows
     std::vector<std::string> ports;
 };
 

@@ -53,7 +53,9 @@ def load(paths):
                     name = "/".join(part for part in run["name"].split("/")
                                     if not part.startswith(("iterations:", "repeats:", "threads:", "real_time")))
                     times.setdefault(name, []).append(run["real_time"])
-                    counters.update({key: value for key, value in run.items() if key.endswith("_per_port")})
+                    for key in run:  # only the first round takes the memory
+                        if key.endswith("_per_port"):
+                            counters[key] = max(counters.get(key, 0), run[key])
     return times, counters
 
 

@@ -106,6 +106,7 @@ public:
         Require(sqlite3_open(path.c_str(), &database) == SQLITE_OK, path.c_str());
         Run("PRAGMA journal_mode=WAL");
         Run(durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+        Run("PRAGMA wal_autocheckpoint=4000");
         Run("CREATE TABLE IF NOT EXISTS kv(key BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID");
         if (fresh)
             Run("ATTACH '" + directory +
