@@ -135,7 +135,7 @@ TEST_F(LabTest, TheLastNumberOfTheOutputIsTheMTU)
 
 TEST_F(LabTest, AListingIsReadLineByLine)
 {
-    const std::string longest(31, 'n');
+    const std::string longest(30, 'n'); // with its "/" all that an entry holds
     ASSERT_EQ(vshost_scenario(("{\"nics\": {\"" + longest + "\": {}}}").c_str()), 0) << vshost_error();
     const struct {
         std::string listing;
@@ -147,9 +147,9 @@ TEST_F(LabTest, AListingIsReadLineByLine)
         {"\n\r\nnic0/\r\n\n\nnic1//\r\n\n", {"nic0", "nic1"}, STATUS_OK},
         {"", {}, STATUS_OK},
         {"\n\n", {}, STATUS_OK},
-        {"nic1/\n" + longest + "\n", {"nic1", longest}, STATUS_OK},
+        {"nic1/\n" + longest + "/\n", {"nic1", longest}, STATUS_OK},
         {longest, {longest}, STATUS_OK},
-        {"nic1/\nnic0/\n" + longest + "/\n", {"nic1", "nic0"}, STATUS_FAILURE},
+        {"nic1/\nnic0/\n" + longest + "//\n", {"nic1", "nic0"}, STATUS_FAILURE},
         {longest + longest + "\n", {}, STATUS_FAILURE},
         {"nic1/\nnic9/\nnic0/\n", {"nic1"}, STATUS_FAILURE},
         {"nic1/\n/\n", {"nic1"}, STATUS_FAILURE},
