@@ -25,7 +25,7 @@ lintian --fail-on error --suppress-tags initial-upload-closes-no-bugs "$packages
 
 say "A fresh root"
 fresh=$work/fresh
-mmdebstrap --variant=minbase --include=gcc,g++,cmake,make,pkg-config,python3,libsqlite3-0 bookworm "$fresh" 2>"$work/log" ||
+mmdebstrap --variant=minbase --include=gcc,g++,cmake,make,pkg-config,python3,libsqlite3-0,libfmt9 bookworm "$fresh" 2>"$work/log" ||
     { cat "$work/log" >&2; exit 1; }
 inside() { # with a /proc, which is gone with the process
     unshare --mount --fork sh -c 'mount -t proc proc "$0/proc" && exec chroot "$0" env -i \
