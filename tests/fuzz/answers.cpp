@@ -1,6 +1,8 @@
 // What the driver answers to each query: any count, any length, changed between the two requests of a list.
 #include "tests/fuzz/host.h"
 
+#include <algorithm>
+
 namespace {
 
 using Query = VsStatus (*)(void **list);
@@ -39,10 +41,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     Input input = {data, size};
     const Command &command = COMMANDS[input.Byte() % std::size(COMMANDS)];
     const Input first = input.Take(28);
-    // A long list is one allocation, no fault; it only makes the fuzzer slow.
+    // A long list is one allocation, no fault; it only makes the fuzzer slow. An answer may write a part of
+    // the count, which the list of switches presets.
     const size_t countOffset = command.number == 4105 ? 20 : 0;
-    uint32_t count = 0;
-    if (first.size >= countOffset + sizeof(count)) memcpy(&count, first.data + countOffset, sizeof(count));
+    uint32_t count = command.number == 4126 ? UINT32_MAX : 0;
+    if (first.size > countOffset)
+        memcpy(&count, first.data + countOffset, std::min(sizeof(count), first.size - countOffset));
     if (count * command.entrySize > 1 << 20) return 0;
     vshost_clear();
     vshost_answer(command.number, 1, first.data, first.Length());
