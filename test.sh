@@ -6,6 +6,8 @@
 #   ./test.sh --mutation       wakes each mutant of the library (two hours)
 #   ./test.sh --fuzz SECONDS   each fuzz target for so long
 #   ./test.sh --crash ROUNDS   kills a writer so often
+#   ./test.sh --threads        the whole suite under the thread sanitizer
+#   ./test.sh --packages       Debian packages into a fresh root, twice the same bytes (as root)
 set -euo pipefail
 cd "$(dirname "$0")"
 . cmake/install_packages.sh
@@ -60,6 +62,12 @@ case "${1-}" in
 --fuzz)
     run_fuzz_targets "$2"
     ;;
+--threads)
+    run_tests tsan
+    ;;
+--packages)
+    tests/package/packages_test.sh
+    ;;
 --crash)
     build_preset release
     VSWITCHCTL_CRASH_ROUNDS=$2 build/release/tests/crash_test
@@ -67,12 +75,12 @@ case "${1-}" in
 "")
     check_format
     run_tests release
-    run_tests asan -LE release-only
+    run_tests asan
     run_fuzz_targets 8
     analyse
     ;;
 *)
-    sed -n '2,9s/^# \{0,1\}//p' "$0"
+    sed -n '2,11s/^# \{0,1\}//p' "$0"
     exit 2
     ;;
 esac

@@ -2,7 +2,7 @@
 #include "lifecycle/port.h"
 
 #include "core/property.h"
-#include "policy/vlan_record.h"
+#include "core/vlan_record.h"
 
 #include <cstdlib>
 #include <cstring>

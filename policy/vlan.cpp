@@ -1,6 +1,6 @@
 // VLAN policies: the switch's private VLAN map, and each port's VLAN record, priority and nested tagging.
 #include "core/property.h"
-#include "policy/vlan_record.h"
+#include "core/vlan_record.h"
 
 #include <cstdlib>
 #include <cstring>

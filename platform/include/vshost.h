@@ -117,16 +117,16 @@ VSHOST_API void vshost_clear(void);
 
 /** One call. */
 struct vshost_call {
-    uint32_t kind;           /**< enum vshost_kind */
-    uint32_t outcome;        /**< status, errno or exit code that it returned */
-    uint32_t length;         /**< value length, inLength of a request, or allocation size */
-    uint32_t flags;          /**< StoreFlags of a write, or outLength of a request */
-    int32_t process;         /**< who called */
-    char operation[36];      /**< as in vshost_fail */
-    char text[512];          /**< store: "switchId portId key" with "-" for what it has not;
-                                  shell: the command's arguments, joined by one space;
-                                  driver and devices: the device's path */
-    unsigned char input[256];/**< the first 256 bytes of the value written or of the request's input */
+    uint32_t kind;            /**< enum vshost_kind */
+    uint32_t outcome;         /**< status, errno or exit code that it returned */
+    uint32_t length;          /**< value length, inLength of a request, or allocation size */
+    uint32_t flags;           /**< StoreFlags of a write, or outLength of a request */
+    int32_t process;          /**< who called */
+    char operation[36];       /**< as in vshost_fail */
+    char text[512];           /**< store: "switchId portId key" with "-" for what it has not;
+                                   shell: the command's arguments, joined by one space;
+                                   driver and devices: the device's path */
+    unsigned char input[256]; /**< the first 256 bytes of the value written or of the request's input */
 };
 
 /** Starts (1) or ends (0) the recording of calls, and empties it when it starts. At most 65,536 are kept. */

@@ -31,24 +31,24 @@ inside() { # with a /proc, which is gone with the process
     unshare --mount --fork sh -c 'mount -t proc proc "$0/proc" && exec chroot "$0" env -i \
         PATH=/usr/bin:/bin:/usr/sbin:/sbin HOME=/root "$@"' "$fresh" "$@"
 }
-mkdir -p "$fresh/work/consumer" "$fresh/packages" "$fresh/dev/shm"
+mkdir -p "$fresh/test/consumer" "$fresh/packages" "$fresh/dev/shm"
 cp "$packages"/*.deb "$fresh/packages"
-cp "$root/examples/first.c" "$root/tests/package/python_test.py" "$root/cmake/vswitchctl.map" "$fresh/work"
-cp "$root"/tests/package/consumer/CMakeLists.txt "$fresh/work/consumer"
+cp "$root/examples/first.c" "$root/tests/package/python_test.py" "$root/cmake/vswitchctl.map" "$fresh/test"
+cp "$root"/tests/package/consumer/CMakeLists.txt "$fresh/test/consumer"
 
 say "Linking with libvswitchctl-dev alone"
 inside sh -c 'dpkg -i /packages/libvswitchctl1_* /packages/libvswitchctl-dev_*' >/dev/null
 for language in "gcc -std=c99" "g++ -std=c++20 -x c++"; do
-    inside sh -ec "cd /work; $language -Wall -Wextra -pedantic -Werror first.c -x none -o first-\$(echo $language | tr -dc a-z) \
+    inside sh -ec "cd /test; $language -Wall -Wextra -pedantic -Werror first.c -x none -o first-\$(echo $language | tr -dc a-z) \
         \$(pkg-config --cflags --libs vswitchctl)"
 done
-if inside /work/first-gccstdc 2>"$work/error"; then exit 1; fi
+if inside /test/first-gccstdc 2>"$work/error"; then exit 1; fi
 grep -q 'liborkPublic.so: cannot open shared object' "$work/error"
 
 say "Running with vswitchctl-host, the module and the command"
 inside sh -c 'dpkg -i /packages/*.deb' >/dev/null
-inside sh -ec 'cd /work; for program in ./first-*; do vshost run -- $program; done
-    cmake -S consumer -B build -DPROGRAM=/work/first.c >/dev/null; cmake --build build >/dev/null
+inside sh -ec 'cd /test; for program in ./first-*; do vshost run -- $program; done
+    cmake -S consumer -B build -DPROGRAM=/test/first.c >/dev/null; cmake --build build >/dev/null
     for program in build/c99 build/cxx build/in_test; do vshost run -- $program; done
     vshost run -- python3 python_test.py vswitchctl.map 2>&1 | tail -1
     if command -v vsctl >/dev/null; then vshost run -- vsctl switch list; fi'
