@@ -413,7 +413,7 @@ const Policy POLICIES[] = {
      "VSDVS_GetLSTeamingPolicyTable VSDVS_GetLSTeamingPolicyTableFromDVSID VSDVS_SetLSTeamingPolicy "
      "VSDVS_ClearLSTeamingPolicy VSZOR_GetLSTeamingPolicyTable",
      ReadLiveLsTable, ReadLsTableById},
-    {"uplink-mirror", Level::HOST, "com.talpex.vswitch.uplinkMirrorSessions", false,
+    {"uplink-mirror", Level::HOST, "com.talpex.vswitch.uplinkMirrorSessions", true,
      "mirror sessions of a switch's uplinks on this host", MIRROR_FIELDS, ReadMirror, WriteMirror,
      ClearMirror, "--file sessions.json", MIRROR_OPERATIONS},
     {"vlan", Level::PORT, "com.talpex.vswitch.port.vlan", false, "VLAN policy of ports", VLAN_FIELDS,
@@ -426,9 +426,8 @@ const Policy POLICIES[] = {
     {"security", Level::PORT, "com.talpex.vswitch.port.security", true, "security flags of ports",
      SECURITY_FIELDS, ReadSecurity, WriteSecurity, nullptr, "5",
      "VSDVS_GetPortSecurity VSDVS_SetPortSecurity"},
-    {"eth-filter", Level::PORT, "com.talpex.vswitch.port.extraEthFRP", false,
-     "extra Ethernet filter of ports", FILTER_FIELDS,
-     ReadPortRecord<ExtraEthFilterRecord, VSDVS_GetExtraEthFilter>,
+    {"eth-filter", Level::PORT, "com.talpex.vswitch.port.extraEthFRP", true, "extra Ethernet filter of ports",
+     FILTER_FIELDS, ReadPortRecord<ExtraEthFilterRecord, VSDVS_GetExtraEthFilter>,
      WritePortRecord<ExtraEthFilterRecord, VSDVS_SetExtraEthFilter>, ClearPort<VSDVS_ClearExtraEthFilter>,
      "--file filter.bin", "VSDVS_GetExtraEthFilter VSDVS_SetExtraEthFilter VSDVS_ClearExtraEthFilter"},
     {"sink", Level::PORT, "com.talpex.vswitch.port.extraEthFRP", true,
@@ -456,7 +455,7 @@ const Policy POLICIES[] = {
      "VSDVS_GetPortLSTeamingPolicyName VSDVS_SetPortLSTeamingPolicy VSDVS_ClearPortLSTeamingPolicy "
      "VSZOR_GetPortLSTeamingPolicyName",
      ReadLiveLsName},
-    {"mirror", Level::PORT, "com.talpex.vswitch.port.mirrorSessions", false, "mirror sessions of ports",
+    {"mirror", Level::PORT, "com.talpex.vswitch.port.mirrorSessions", true, "mirror sessions of ports",
      MIRROR_FIELDS, ReadMirror, WriteMirror, ClearMirror, "--file sessions.json", MIRROR_OPERATIONS},
 };
 
@@ -492,7 +491,7 @@ Json ReadPolicy(const Policy &policy, const Target &target)
 
 Json ReadStored(const Policy &policy, const Target &target)
 {
-    if (policy.hasDefault) {
+    if (policy.hidesAbsence) {
         int32_t length = 0;
         const VsStatus status = Property{policy.level, target, policy.key}.Length(length);
         if (status == STATUS_NOT_FOUND) return nullptr;
@@ -532,15 +531,8 @@ std::optional<Fault> FindFault(const Policy &policy, const Json &value, const st
 
 Json Canonical(const Policy &policy, const Json &value)
 {
-    if (policy.IsScalar() || value.is_null()) return value;
-    Json complete = Json::object();
-    for (const Field &field : policy.fields) {
-        if (value.contains(field.name))
-            complete[field.name] = value[field.name];
-        else if (field.defaultText)
-            complete[field.name] = Json::parse(field.defaultText);
-    }
-    return complete;
+    if (value.is_null()) return value;
+    return policy.IsScalar() ? Canonical(policy.fields[0], value) : Canonical(policy.fields, value);
 }
 
 Json Schema(const Policy &policy)

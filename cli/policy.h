@@ -8,10 +8,10 @@
 namespace vsctl {
 
 struct Policy {
-    const char *name; // the verb, and the key in files
-    Level level;      // PORT, or where the switch keeps it
-    const char *key;  // of its property; empty when it has none that can be cleared
-    bool hasDefault;  // it reads as a default when nothing is stored
+    const char *name;  // the verb, and the key in files
+    Level level;       // PORT, or where the switch keeps it
+    const char *key;   // of its property; empty when it has none that can be cleared
+    bool hidesAbsence; // its reader has a default, or another status, for what is not there
     const char *help;
     std::span<const Field> fields;
     VsStatus (*read)(const Target &, Json &);
@@ -39,8 +39,7 @@ Json ReadStored(const Policy &policy, const Target &target);
 void WritePolicy(const Policy &policy, const Target &target, const Json &value);
 
 std::optional<Fault> FindFault(const Policy &policy, const Json &value, const std::string &pointer);
-std::optional<Fault> FindFault(std::span<const Field> fields, const Json &value, const std::string &pointer);
-// All fields in the order of the row, those not given with their defaults.
+// The value in the one form in which it is read back.
 Json Canonical(const Policy &policy, const Json &value);
 Json Schema(const Policy &policy);
 

@@ -41,7 +41,9 @@ bool IsName(const Json &value, int64_t bytes)
 
 bool IsRange(const Json &value, int64_t)
 {
-    return value.is_string() && ParseVlanRange(value.get_ref<const std::string &>());
+    if (!value.is_string()) return false;
+    const auto range = ParseVlanRange(value.get_ref<const std::string &>());
+    return range && range->first <= range->last && range->last <= MAX_VLAN;
 }
 
 // What a mirror session consists of.
@@ -256,6 +258,64 @@ Json Schema(const Field &field)
     return schema;
 }
 
+namespace {
+
+template<class Change> Json ForEach(const Json &list, Change change)
+{
+    Json changed = Json::array();
+    for (const Json &entry : list)
+        changed.push_back(change(entry));
+    return changed;
+}
+
+Json CanonicalBytes(const Json &value)
+{
+    const Bytes bytes = FromHex(value.get_ref<const std::string &>());
+    return Hex(bytes.data(), bytes.size());
+}
+
+Json CanonicalRange(const Json &value)
+{
+    return VlanRangeText(*ParseVlanRange(value.get_ref<const std::string &>()));
+}
+
+Json CanonicalSession(const Json &value)
+{
+    Json session = value;
+    if (!session.contains("settings")) session["settings"] = std::string(2 * SESSION_SETTINGS_SIZE, '0');
+    return Canonical(SESSION_FIELDS, session);
+}
+
+}
+
+Json Canonical(const Field &field, const Json &value)
+{
+    switch (field.form) {
+    case Form::BYTES:
+        return CanonicalBytes(value);
+    case Form::BYTES_LIST:
+        return ForEach(value, CanonicalBytes);
+    case Form::RANGES:
+        return ForEach(value, CanonicalRange);
+    case Form::SESSIONS:
+        return ForEach(value, CanonicalSession);
+    default:
+        return value;
+    }
+}
+
+Json Canonical(std::span<const Field> fields, const Json &value)
+{
+    Json complete = Json::object();
+    for (const Field &field : fields) {
+        if (value.contains(field.name))
+            complete[field.name] = Canonical(field, value[field.name]);
+        else if (field.defaultText)
+            complete[field.name] = Json::parse(field.defaultText);
+    }
+    return complete;
+}
+
 std::vector<std::string> Words(std::string_view text, char separator)
 {
     std::vector<std::string> words;
@@ -279,7 +339,7 @@ std::optional<VLANRange> ParseVlanRange(std::string_view text)
         end = second.ptr;
         error = second.ec;
     }
-    if (error != std::errc() || end != stop || first > last || last > MAX_VLAN) return {};
+    if (error != std::errc() || end != stop) return {};
     range.first = first;
     range.last = last;
     return range;

@@ -37,6 +37,12 @@ struct Fault {
 };
 
 std::optional<Fault> FindFault(const Field &field, const Json &value, const std::string &pointer);
+std::optional<Fault> FindFault(std::span<const Field> fields, const Json &value, const std::string &pointer);
+
+// A value without fault in the one form in which it is read back, so that equal values compare equal:
+// all fields in their order, those not given with their defaults.
+Json Canonical(const Field &field, const Json &value);
+Json Canonical(std::span<const Field> fields, const Json &value);
 
 // The value that a word of the command line stands for; throws with what is allowed.
 Json ParseWord(const Field &field, const std::string &word);
@@ -46,7 +52,7 @@ Json Schema(const Field &field);
 
 std::vector<std::string> Words(std::string_view text, char separator);
 
-// "100-199" or "300"; nothing for other texts.
+// "100-199" or "300", whatever the numbers; nothing for other texts.
 std::optional<VLANRange> ParseVlanRange(std::string_view text);
 std::string VlanRangeText(const VLANRange &range);
 

@@ -41,12 +41,15 @@ mtu = 9000
 multicast = "snooping"
 mac-learning = { value-a = 300 }
 pvlan = ["0102030405060708"]
+uplink-mirror = [{ id = "s1" }, { id = "s2" }]
 [switches.lab.ports."port0..port1"]
-vlan = { id = 100, priority = 3 }
+vlan = { id = 100, priority = 3, ranges = ["7-7"] }
 security = 5
+eth-filter = "%s"
+mirror = [{ id = "a" }]
 [switches.lab.ports.uplink0]
 override = "east"
-"""
+""" % ("aB" * 200)
 ran = set()
 every_verb = set()
 
@@ -196,6 +199,18 @@ class Verbs(OnHost):
             self.assertEqual((row["level"], bytes.fromhex(row["bytes"])), (level, "häy\0".encode()))
             self.rows("property", "clear", "lab", "com.example.x", *words)
             self.run_vsctl("property", "get", "lab", "com.example.x", *words, code=3)
+
+    def test_values_that_others_stored_are_shown(self):
+        self.create()
+        key = ["lab", "com.talpex.vswitch.port.vlan", "--port", "port0", "--hex"]
+        self.rows("property", "set", *key, "0100882600000100" + "8826e803")  # a trunk of 9864-1000 with VLAN id 9864
+        row = json.loads(self.run_vsctl("port", "vlan", "lab", "port0", "--json"))["result"][0]
+        self.assertEqual((row["id"], row["trunk"]), (9864, ["9864-1000"]))
+        before = self.rows("property", "get", *key[:-1])[0]["bytes"]
+        self.run_vsctl("port", "vlan", "lab", "port0,nope", "5", code=3)  # undone, it is as it was
+        self.assertEqual(self.rows("property", "get", *key[:-1])[0]["bytes"], before)
+        self.rows("property", "set", *key, "01")
+        self.assertIn("STATUS_FAILURE", self.run_vsctl("port", "vlan", "lab", "port0", code=1))
 
     def test_runtime(self):
         self.create()
