@@ -54,7 +54,7 @@ case "${1-}" in
 --coverage)
     run_tests coverage
     gcovr --root . --object-directory build/coverage --filter '(core|lifecycle|policy|kernel)/' \
-        --exclude-throw-branches --exclude-unreachable-branches --txt-metric branch --txt --print-summary
+        --exclude-throw-branches --exclude-unreachable-branches --branches --print-summary
     ;;
 --mutation)
     tests/mutation/run.py "${@:2}"

@@ -195,9 +195,9 @@ inline VsStatus PropertyScope::Write(StoreLevel level, const char *key, const vo
     case StoreLevel::HOST:
         return DVSZOR_HostPropSet(switchId, key, data, length, flags);
     case StoreLevel::PORT:
-        return DVSZOR_PortDataSet(switchId, dvPortId, key, data, length, flags);
+        break;
     }
-    return STATUS_FAILURE;
+    return DVSZOR_PortDataSet(switchId, dvPortId, key, data, length, flags);
 }
 
 inline VsStatus PropertyScope::Remove(StoreLevel level, const char *key) const
@@ -208,9 +208,9 @@ inline VsStatus PropertyScope::Remove(StoreLevel level, const char *key) const
     case StoreLevel::HOST:
         return DVSZOR_HostPropClear(switchId, key);
     case StoreLevel::PORT:
-        return DVSZOR_PortDataClear(switchId, dvPortId, key);
+        break;
     }
-    return STATUS_FAILURE;
+    return DVSZOR_PortDataClear(switchId, dvPortId, key);
 }
 
 // An absent property is nothing left to clear.
