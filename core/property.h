@@ -182,7 +182,10 @@ inline VsStatus PropertyScope::Read(StoreLevel level, const char *key, StoreValu
         status = DVSZOR_PortDataGet(switchId, dvPortId, key, &value->data, &value->length);
         break;
     }
-    if (status != STATUS_OK) value->data = nullptr;
+    if (status != STATUS_OK) {
+        value->data = nullptr;
+        value->length = 0;
+    }
     return status;
 }
 
