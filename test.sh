@@ -66,6 +66,7 @@ case "${1-}" in
     run_tests tsan
     ;;
 --packages)
+    install_packages lintian mmdebstrap
     tests/package/packages_test.sh
     ;;
 --crash)

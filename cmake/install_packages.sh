@@ -1,7 +1,7 @@
-# Sourced by the scripts: installs what of the list is missing.
+# Sourced by the scripts: installs what of the list, and of the arguments, is missing.
 install_packages() {
     local missing=() package
-    for package in $(cat cmake/packages.txt); do
+    for package in $(cat cmake/packages.txt) "$@"; do
         [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
     done
     [ ${#missing[@]} -eq 0 ] && return
