@@ -6,7 +6,7 @@ cd "$(dirname "$0")"
 . cmake/install_packages.sh
 install_packages
 echo "Building (build/release)"
-build_preset release first tour vshost tybel vsctl
+build_preset release first tour vshost_launcher tybel vsctl
 
 build=$PWD/build/release
 work=$(mktemp -d)
