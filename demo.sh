@@ -34,7 +34,7 @@ say "A process is killed (SIGKILL) in the middle of writing"
 "$build/platform/vshost" run --state "$work/host" -- "$build/examples/tour" write "$work/log" &
 sleep 1
 pkill -KILL -f "^$build/examples/tour write $work/log"
-wait $! 2>/dev/null || true
+{ wait $! || true; } 2>/dev/null
 tour check "$work/log"
 say "The host as it stands"
 "$build/platform/vshost" show --state "$work/host"
