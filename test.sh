@@ -3,7 +3,7 @@
 #
 #   ./test.sh                  the ordinary run: release and sanitizer builds, fuzz targets for a minute
 #   ./test.sh --coverage       lines and branches of the library that the tests run
-#   ./test.sh --mutation       wakes each mutant of the library (two hours)
+#   ./test.sh --mutation       wakes each mutant of the library (a quarter of an hour)
 #   ./test.sh --fuzz SECONDS   each fuzz target for so long
 #   ./test.sh --crash ROUNDS   kills a writer so often
 #   ./test.sh --threads        the whole suite under the thread sanitizer
