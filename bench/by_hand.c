@@ -1,7 +1,7 @@
 #define _GNU_SOURCE /* strnlen */
 #include "by_hand.h"
 
-#include "platform.h"
+#include "core/store.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -12,7 +12,7 @@
 
 static VsStatus Resolve(const char *alias, char *switchId)
 {
-    void *handle = DVSState_SwitchFindByAlias(alias);
+    SwitchHandle *handle = DVSState_SwitchFindByAlias(alias);
     if (!handle) return STATUS_NOT_FOUND;
     if (strcmp(DVS_ClassName(handle), "vswitch") != 0) return STATUS_BAD_PARAM;
     memcpy(switchId, DVS_SwitchId(handle), SWITCH_ID_SIZE);
@@ -83,7 +83,7 @@ static VsStatus AddPort(const char *switchId, const char *dvPortId, uint32_t con
     static const uint8_t statistics[128];
     static const PortVLANRecord access = {0, 0, 0, 0};
     static const struct TrunkRecord trunk = {{VLAN_FLAG_TRUNK, 0, 0, 1}, {1, 4094}};
-    void *bundle = NULL;
+    DataBundle *bundle = NULL;
     VsStatus status = DVSData_Alloc(&bundle, malloc, free);
     if (status != STATUS_OK) return status;
     DVSData_Update(bundle, "com.talpex.common.port.alias", dvPortId, (uint32_t)strlen(dvPortId) + 1, 0x10);
@@ -221,10 +221,11 @@ static VsStatus Driver(int32_t command, const void *input, uint32_t inLength, vo
 /* The name of a running switch: its portset's, its alias or its id. */
 static VsStatus ResolvePortset(const char *alias, char *portsetName)
 {
-    void *handle = DVSState_SwitchFindByAlias(alias);
+    SwitchHandle *handle = DVSState_SwitchFindByAlias(alias);
     if (!handle) return STATUS_NOT_FOUND;
     const char *switchId = DVS_SwitchId(handle);
-    void *property = NULL, *name = NULL;
+    PropHandle *property = NULL;
+    void *name = NULL;
     if (DVSState_HostPropLookup(switchId, "com.talpex.common.host.portset", &property) == STATUS_OK)
         DVSData_Data(property, &name);
     if (!name && DVSState_GlobalPropLookup(switchId, "com.talpex.common.alias", &property) == STATUS_OK)

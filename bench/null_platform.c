@@ -1,7 +1,7 @@
 #define _GNU_SOURCE /* fmemopen */
 #include "null_platform.h"
 
-#include "platform.h"
+#include "core/store.h"
 
 #include <stdarg.h>
 #include <stdio.h>
@@ -201,13 +201,16 @@ VsStatus DVSState_ConfigDeserialize(const void *configuration, uint32_t length)
     return STATUS_OK;
 }
 
-void *DVSState_SwitchFindByAlias(const char *alias)
+SwitchHandle *DVSState_SwitchFindByAlias(const char *alias)
 {
     FoldText(alias);
-    return &handle;
+    return (SwitchHandle *)&handle;
 }
 
-void DVSState_SwitchForEach(int (*callback)(void *, void *), void *context) { callback(&handle, context); }
+void DVSState_SwitchForEach(int (*callback)(SwitchHandle *, void *), void *context)
+{
+    callback((SwitchHandle *)&handle, context);
+}
 
 void *DVSState_PortFind(const char *switchId, const char *dvPortId)
 {
@@ -215,51 +218,51 @@ void *DVSState_PortFind(const char *switchId, const char *dvPortId)
     return &handle;
 }
 
-static VsStatus Lookup(const char *switchId, const char *key, void **property)
+static VsStatus Lookup(const char *switchId, const char *key, PropHandle **property)
 {
     Did(switchId, key);
-    *property = Find(key);
+    *property = (PropHandle *)Find(key);
     return *property ? STATUS_OK : STATUS_NOT_FOUND;
 }
 
-VsStatus DVSState_GlobalPropLookup(const char *switchId, const char *key, void **property)
+VsStatus DVSState_GlobalPropLookup(const char *switchId, const char *key, PropHandle **property)
 {
     return Lookup(switchId, key, property);
 }
 
-VsStatus DVSState_HostPropLookup(const char *switchId, const char *key, void **property)
+VsStatus DVSState_HostPropLookup(const char *switchId, const char *key, PropHandle **property)
 {
     return Lookup(switchId, key, property);
 }
 
-const char *DVS_ClassName(void *switchHandle)
+const char *DVS_ClassName(SwitchHandle *switchHandle)
 {
     static const char CLASS[64] __attribute__((aligned(64))) = "vswitch";
     return (void)switchHandle, CLASS;
 }
 
-const char *DVS_SwitchId(void *switchHandle)
+const char *DVS_SwitchId(SwitchHandle *switchHandle)
 {
     static const char SWITCH_ID[SWITCH_ID_SIZE] = "73 77 69 74 63 68 2d 30-30 30 30 30 30 30 30 00";
     return (void)switchHandle, SWITCH_ID;
 }
 
-void DVSData_Data(void *property, void **data) { *data = ((struct Answer *)property)->copy; }
+void DVSData_Data(PropHandle *property, void **data) { *data = ((struct Answer *)property)->copy; }
 
-VsStatus DVSData_Alloc(void **bundle, void *(*allocate)(size_t), void (*release)(void *))
+VsStatus DVSData_Alloc(DataBundle **bundle, void *(*allocate)(size_t), void (*release)(void *))
 {
     (void)allocate, (void)release;
-    *bundle = &handle;
+    *bundle = (DataBundle *)&handle;
     return STATUS_OK;
 }
 
-void DVSData_Update(void *bundle, const char *key, const void *value, uint32_t length, uint32_t flags)
+void DVSData_Update(DataBundle *bundle, const char *key, const void *value, uint32_t length, uint32_t flags)
 {
     (void)bundle;
     Set("bundle", key, value, length, flags);
 }
 
-VsStatus DVSData_Serialize(void *bundle, void **buffer, uint32_t *length, uint32_t kind)
+VsStatus DVSData_Serialize(DataBundle *bundle, void **buffer, uint32_t *length, uint32_t kind)
 {
     (void)bundle;
     Fold(&kind, sizeof(kind));
@@ -268,7 +271,7 @@ VsStatus DVSData_Serialize(void *bundle, void **buffer, uint32_t *length, uint32
     return STATUS_OK;
 }
 
-void DVSData_Free(void *bundle) { (void)bundle; }
+void DVSData_Free(DataBundle *bundle) { (void)bundle; }
 
 /* ---- The driver and the shell: these stand before libc's own ------------------------------------------ */
 

@@ -4,8 +4,8 @@
 //   OVSDB_SOCKET           where an OVSDB server listens whose database lies on the same disk
 //
 // A benchmark is named row/side: the report divides one side of a row by the other.
+#include "core/store.h"
 #include "bench/ovsdb.h"
-#include "bench/platform.h"
 #include "vshost.h"
 #include "vswitchctl.h"
 

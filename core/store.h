@@ -1,13 +1,16 @@
-// The platform's configuration store, as liborkPublic.so exports it.
+// The platform's configuration store, as liborkPublic.so exports it. C as well as C++: what measures the
+// library against C takes it too.
 #pragma once
 
 #include "vswitchctl.h"
 
-struct SwitchHandle;
-struct PropHandle;
-struct DataBundle;
+typedef struct SwitchHandle SwitchHandle;
+typedef struct PropHandle PropHandle;
+typedef struct DataBundle DataBundle;
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Getters hand out a buffer that goes back with DVSZOR_DataFree, and nothing when they fail.
 VsStatus DVSZOR_GlobalPropGet(const char *switchId, const char *key, void **value, uint32_t *length);
@@ -52,4 +55,7 @@ VsStatus DVSData_Alloc(DataBundle **bundle, void *(*allocate)(size_t), void (*re
 void DVSData_Update(DataBundle *bundle, const char *key, const void *value, uint32_t length, uint32_t flags);
 VsStatus DVSData_Serialize(DataBundle *bundle, void **buffer, uint32_t *length, uint32_t kind);
 void DVSData_Free(DataBundle *bundle);
+
+#ifdef __cplusplus
 }
+#endif

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Writes vswitchctl/_status.py and vswitchctl/_operations.py from the header's documentation.
+"""Writes _status.py and _operations.py from the header's documentation.
 
-usage: generate.py XML_DIRECTORY HEADER [OUTPUT_DIRECTORY]
+usage: generate.py XML_DIRECTORY HEADER OUTPUT_DIRECTORY
 """
 
 import re
@@ -189,4 +189,4 @@ class Generator:
 
 
 if __name__ == "__main__":
-    Generator(header.read(*sys.argv[1:3])).write(Path(sys.argv[3]) if len(sys.argv) > 3 else HERE / "vswitchctl")
+    Generator(header.read(*sys.argv[1:3])).write(Path(sys.argv[3]))

@@ -16,9 +16,7 @@ package_test(examples_compile ${PROJECT_SOURCE_DIR}/tests/package/examples_test.
              ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
 package_test(install ${PROJECT_SOURCE_DIR}/tests/package/install_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
 package_test(languages ${PROJECT_SOURCE_DIR}/tests/package/languages_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
-package_test(python_generated ${PROJECT_SOURCE_DIR}/tests/package/generated_test.sh
-             ${PROJECT_SOURCE_DIR} ${REFERENCE_DIRECTORY}/xml)
-package_test(python ${on_host} PYTHONPATH=${PROJECT_SOURCE_DIR}/bindings/python PYTHONDONTWRITEBYTECODE=1
+package_test(python ${on_host} PYTHONPATH=${PYTHON_MODULE} PYTHONDONTWRITEBYTECODE=1
              ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/python_test.py
              ${PROJECT_SOURCE_DIR}/cmake/vswitchctl.map)
 package_test(abi ${PROJECT_SOURCE_DIR}/tests/package/abi_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})

@@ -55,6 +55,3 @@ install_configured(vshost.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig/vshost.pc host
 install_configured(vshost-config.cmake.in ${CMAKE_INSTALL_LIBDIR}/cmake/vshost/vshost-config.cmake host)
 
 install(TARGETS vsctl DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT vsctl)
-
-install(DIRECTORY bindings/python/vswitchctl DESTINATION lib/python3/dist-packages COMPONENT python
-        FILES_MATCHING PATTERN *.py PATTERN py.typed)

@@ -1,4 +1,4 @@
-# Manual pages and the HTML reference, made from the header's documentation and the commands' help.
+# Manual pages, the HTML reference and the Python module, made from the header's documentation and the commands' help.
 if(VSWITCHCTL_SANITIZE OR VSWITCHCTL_COVERAGE)
     return()
 endif()
@@ -28,7 +28,19 @@ add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
     DEPENDS vshost_launcher vsctl ${scenario_schema} include/vswitchctl.h ${CMAKE_BINARY_DIR}/Doxyfile ${reference_tools}
     COMMENT "Reference" VERBATIM)
 add_custom_target(reference ALL DEPENDS ${REFERENCE_DIRECTORY}/made)
-add_custom_target(installed DEPENDS vswitchctl link_stub ${host_parts} vsctl reference)
+# The Python module: what is written by hand, and a function for each operation of the header.
+set(PYTHON_MODULE ${CMAKE_BINARY_DIR}/python)
+file(GLOB written CONFIGURE_DEPENDS bindings/python/vswitchctl/*)
+add_custom_command(OUTPUT ${PYTHON_MODULE}/made
+    COMMAND ${CMAKE_COMMAND} -E rm -rf ${PYTHON_MODULE}
+    COMMAND ${CMAKE_COMMAND} -E copy_directory ${PROJECT_SOURCE_DIR}/bindings/python/vswitchctl ${PYTHON_MODULE}/vswitchctl
+    COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/bindings/python/generate.py ${REFERENCE_DIRECTORY}/xml
+            ${PROJECT_SOURCE_DIR}/include/vswitchctl.h ${PYTHON_MODULE}/vswitchctl
+    COMMAND ${CMAKE_COMMAND} -E touch ${PYTHON_MODULE}/made
+    DEPENDS ${REFERENCE_DIRECTORY}/made bindings/python/generate.py ${written}
+    COMMENT "Python module" VERBATIM)
+add_custom_target(python_module ALL DEPENDS ${PYTHON_MODULE}/made)
+add_custom_target(installed DEPENDS vswitchctl link_stub ${host_parts} vsctl reference python_module)
 
 install(DIRECTORY ${REFERENCE_DIRECTORY}/man/man3 ${REFERENCE_DIRECTORY}/man/man7
         DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT dev)
@@ -37,4 +49,6 @@ foreach(component host vsctl)
     install(DIRECTORY ${REFERENCE_DIRECTORY}/${component}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT ${component})
 endforeach()
 install(DIRECTORY ${REFERENCE_DIRECTORY}/vsctl/share/ DESTINATION ${CMAKE_INSTALL_DATADIR} COMPONENT vsctl)
+install(DIRECTORY ${PYTHON_MODULE}/vswitchctl DESTINATION lib/python3/dist-packages COMPONENT python
+        FILES_MATCHING PATTERN *.py PATTERN py.typed)
 install(FILES ${scenario_schema} DESTINATION ${CMAKE_INSTALL_DATADIR}/vswitchctl COMPONENT host)

@@ -4,7 +4,7 @@ set -euo pipefail
 source=$1 build=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-export PYTHONPATH=$source/bindings/python PYTHONDONTWRITEBYTECODE=1 LD_LIBRARY_PATH=$build
+export PYTHONPATH=$build/python PYTHONDONTWRITEBYTECODE=1 LD_LIBRARY_PATH=$build
 cat >"$work/fault.json" <<'JSON'
 {"faults": [{"kind": "store", "operation": "DVSZOR_GlobalPropSet", "nth": 5, "times": 1, "outcome": 195887112}]}
 JSON
