@@ -24,6 +24,7 @@ constexpr size_t OUTPUT_SIZE = 1048576;
 constexpr size_t MAX_CALLS = 65536;
 constexpr size_t OPERATION_SIZE = 64;
 constexpr size_t VERB_SIZE = 16;
+constexpr size_t BOOT_SIZE = 40;
 
 // What is looked at by every call; zero when there is nothing to do.
 constexpr uint32_t HAS_FAULTS = 1;
@@ -68,6 +69,7 @@ struct ControlBlock {
     Answer answer[MAX_ANSWERS];
     Output output[MAX_OUTPUTS];
     std::atomic<uint64_t> commits;
+    char boot[BOOT_SIZE];
 };
 
 namespace {
@@ -103,25 +105,45 @@ private:
     int fd;
 };
 
-// Blocks are allocated now: a full disk must show here, not as SIGBUS in a process that maps the file.
-int Initialize(int fd)
+// What a machine is called from one start to the next.
+std::string ReadBootId()
 {
-    if (int error = posix_fallocate(fd, 0, BLOCK_SIZE)) return error;
-    return pwrite(fd, &MAGIC, sizeof MAGIC, offsetof(ControlBlock, magic)) == sizeof MAGIC ? 0 : errno;
+    char id[BOOT_SIZE] = {};
+    const int file = open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC);
+    const ssize_t length = read(file, id, sizeof id - 1);
+    if (file >= 0) close(file);
+    return length > 0 ? id : "";
 }
 
-// The fault of a control file, 0 when it is sound and ready to be mapped.
+// Blocks are allocated now: a full disk must show here, not as SIGBUS in a process that maps the file.
+int Initialize(int fd, const std::string &boot)
+{
+    const auto put = [fd](const void *bytes, size_t length, size_t offset) {
+        return pwrite(fd, bytes, length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length);
+    };
+    if (ftruncate(fd, 0) != 0) return errno;
+    if (int error = posix_fallocate(fd, 0, BLOCK_SIZE)) return error;
+    const bool whole = put(boot.data(), boot.size(), offsetof(ControlBlock, boot)) &&
+                       put(&MAGIC, sizeof MAGIC, offsetof(ControlBlock, magic));
+    return whole ? 0 : errno;
+}
+
+// The fault of a control file, 0 when it is sound and ready to be mapped. It is memory, and ends with the
+// machine's: what a disk has kept of it, in whatever order, is cleared.
 int Prepare(int fd)
 {
     std::mutex own;
     FileLock lock(own, fd);
-    const off_t size = lseek(fd, 0, SEEK_END);
-    if (size == 0) return Initialize(fd);
+    const std::string boot = ReadBootId();
+    std::string block(BLOCK_SIZE, '\0');
     uint64_t magic = 0;
-    const bool sound =
-        size >= static_cast<off_t>(BLOCK_SIZE) && pread(fd, &magic, sizeof magic, 0) == sizeof magic;
-    if (sound && magic == 0) return Initialize(fd); // whoever made it died half-way
-    return sound && magic == MAGIC ? 0 : EUCLEAN;
+    const ssize_t length = pread(fd, block.data(), block.size(), 0);
+    if (length < 0) return errno;
+    memcpy(&magic, block.data() + offsetof(ControlBlock, magic), sizeof magic);
+    if (magic != 0 && magic != MAGIC) return EUCLEAN;
+    const bool current = block.substr(offsetof(ControlBlock, boot), BOOT_SIZE).c_str() == boot;
+    const bool whole = static_cast<size_t>(length) == BLOCK_SIZE && magic != 0;
+    return whole && current ? 0 : Initialize(fd, boot); // otherwise whoever made it died half-way
 }
 
 VsStatus Refuse(const std::string &path, int error, std::string &message)

@@ -11,10 +11,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <new>
 
 namespace vshost {
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr const char *DATABASE_FILE = "/host.db";
 constexpr const char *NEW_DATABASE_FILE = "/host.db.new";
@@ -346,24 +349,39 @@ VsStatus Build(const std::string &path, std::string &message)
     return status;
 }
 
-VsStatus SyncDirectory(const std::string &directory)
+// Puts the names that lead to a directory on disk, as far as its file system goes: whoever made it may not
+// have done so.
+VsStatus SyncPathTo(const std::string &directory)
 {
-    FileDescriptor folder(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return folder.number >= 0 && fsync(folder.number) == 0 ? STATUS_OK : StatusOfErrno(errno);
+    std::error_code error;
+    struct stat inside = {}, above = {};
+    fs::path path = fs::absolute(directory, error).lexically_normal() / "";
+    if (error || stat(directory.c_str(), &inside) != 0) return STATUS_IO_ERROR;
+    for (path = path.parent_path(); path.has_relative_path();) {
+        path = path.parent_path();
+        FileDescriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (folder.number < 0 || fstat(folder.number, &above) != 0 || above.st_dev != inside.st_dev) break;
+        if (fsync(folder.number) != 0) return StatusOfErrno(errno);
+    }
+    return STATUS_OK;
 }
 
-// Under a name of its own until it is whole: a database that exists is never half made.
+// Under a name of its own until it is whole: a database that exists is never half made, and not without
+// the way to it. Its own name is synced by the first commit, with that of the log.
 VsStatus Create(const std::string &directory, std::string &message)
 {
     const std::string path = directory + NEW_DATABASE_FILE;
     unlink(path.c_str());
-    if (VsStatus status = Build(path, message)) {
+    VsStatus status = Build(path, message);
+    if (status == STATUS_OK && (status = SyncPathTo(directory)))
+        message = directory + ": cannot put the way to it on disk";
+    if (status != STATUS_OK) {
         unlink(path.c_str());
         return status;
     }
     if (rename(path.c_str(), (directory + DATABASE_FILE).c_str()) != 0)
         return FailOnErrno(path, "rename the new database", message);
-    return SyncDirectory(directory);
+    return STATUS_OK;
 }
 
 VsStatus CreateIfMissing(const std::string &directory, int lockFd, std::string &message)
