@@ -87,7 +87,8 @@ def main():
         line = f"{title:62}{text(min(own)):>10}{text(median):>10}"
         other = statistics.median(times[peer]) if peer else 0
         if peer:
-            line += f"{text(min(times[peer])):>10}{text(other):>10}{median / other:8.3g}"
+            ratio = median / other
+            line += f"{text(min(times[peer])):>10}{text(other):>10}{f'{ratio:,.0f}' if ratio >= 1000 else f'{ratio:.3g}':>8}"
         else:
             line += " " * 28
         print(f"{line}  {goal:10}{met(goal, median, other)}")
