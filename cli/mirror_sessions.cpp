@@ -64,7 +64,7 @@ MirrorSessionRecord SessionRecord(const Json &session, uint32_t firstPortEntry)
     const std::string &id = session["id"].get_ref<const std::string &>();
     memcpy(record.sessionId, id.data(), std::min(id.size(), sizeof record.sessionId));
     const Bytes settings = FromHex(session.value("settings", ""));
-    memcpy(record.settings, settings.data(), std::min(settings.size(), sizeof record.settings));
+    std::copy_n(settings.begin(), std::min(settings.size(), sizeof record.settings), record.settings);
     record.entryCountA = EntryCount(session, "entries-a");
     record.entryCountB = EntryCount(session, "entries-b");
     record.entryCountC = EntryCount(session, "entries-c");

@@ -1,0 +1,37 @@
+// Preloaded by a test: kills vsctl (and none of its children) before its nth change of a file, which is where
+// a database is written, or a file gets or loses its name.
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+static void Step(void)
+{
+    static int steps;
+    const char *last = getenv("VSCTL_TEST_KILL_AT");
+    if (strcmp(program_invocation_short_name, "vsctl") == 0 && last && ++steps == atoi(last)) raise(SIGKILL);
+}
+
+ssize_t pwrite64(int file, const void *bytes, size_t length, off64_t offset)
+{
+    Step();
+    ssize_t (*next)(int, const void *, size_t, off64_t) = dlsym(RTLD_NEXT, "pwrite64");
+    return next(file, bytes, length, offset);
+}
+
+int rename(const char *from, const char *to)
+{
+    Step();
+    int (*next)(const char *, const char *) = dlsym(RTLD_NEXT, "rename");
+    return next(from, to);
+}
+
+int unlink(const char *path)
+{
+    Step();
+    int (*next)(const char *) = dlsym(RTLD_NEXT, "unlink");
+    return next(path);
+}

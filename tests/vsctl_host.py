@@ -1,0 +1,100 @@
+"""What the tests of vsctl share: an embedded host for each test, and the command run on it.
+
+Usage of a test: vsctl_..._test.py BUILD_DIRECTORY SOURCE_DIRECTORY [unittest arguments]
+"""
+import ctypes
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import jsonschema
+
+BUILD, SOURCE = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
+VSCTL = str(BUILD / "vsctl")
+HOST = ctypes.CDLL(str(BUILD / "platform/libvshost.so"))
+HOST.vshost_fingerprint.restype = ctypes.c_uint64
+HOST.vshost_error.restype = ctypes.c_char_p
+HOST.vshost_call_count.restype = ctypes.c_size_t
+STORE, SHELL, DRIVER = 1, 2, 3
+IO_ERROR = 0x0BAD0008
+OUTPUT_SCHEMA = json.loads((SOURCE / "cli/schema/output.schema.json").read_text())
+PLAN_SCHEMA = json.loads((SOURCE / "cli/schema/plan.schema.json").read_text())
+OUTPUT = jsonschema.Draft202012Validator(OUTPUT_SCHEMA, resolver=jsonschema.RefResolver(
+    "output.schema.json", OUTPUT_SCHEMA, store={"plan.schema.json": PLAN_SCHEMA}))
+WRITES = {"DVSZOR_GlobalPropSet", "DVSZOR_GlobalPropClear", "DVSZOR_HostPropSet", "DVSZOR_HostPropClear",
+          "DVSZOR_PortDataSet", "DVSZOR_PortDataClear", "DVSZOR_PortAdd", "DVSZOR_PortRemove", "DVSZOR_SwitchAdd",
+          "DVSZOR_SwitchRemove", "DVSZOR_SwitchAssociate", "DVSZOR_SwitchDissociate", "create", "destroy", "set"}
+ran = set()
+
+
+class Call(ctypes.Structure):
+    _fields_ = [("kind", ctypes.c_uint32), ("outcome", ctypes.c_uint32), ("length", ctypes.c_uint32),
+                ("flags", ctypes.c_uint32), ("process", ctypes.c_int32), ("operation", ctypes.c_char * 36),
+                ("text", ctypes.c_char * 512), ("input", ctypes.c_ubyte * 256)]
+
+
+def recorded():
+    calls = []
+    for index in range(HOST.vshost_call_count()):
+        call = Call()
+        HOST.vshost_call(index, ctypes.byref(call))
+        calls.append(call.operation.decode())
+    return calls
+
+
+class OnHost(unittest.TestCase):
+    """Each test has a host of its own, in its directory."""
+
+    def setUp(self):
+        self.directory = pathlib.Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, self.directory, ignore_errors=True)
+        self.assertEqual(HOST.vshost_start(str(self.directory / "host").encode(), 0), 0, HOST.vshost_error())
+        self.addCleanup(HOST.vshost_stop)
+
+    def process(self, *words, stdin=None, **options):
+        return subprocess.run([VSCTL, *words], input=stdin, capture_output=True, text=True, timeout=120, **options)
+
+    def run_vsctl(self, *words, code=0, stdin=None):
+        """Standard output; on failure there is none, and the error is one line."""
+        done = self.process(*words, stdin=stdin)
+        self.assertEqual(done.returncode, code, f"{words}: {done.stdout}{done.stderr}")
+        if code not in (0, 10):
+            self.assertEqual(done.stdout, "", words)
+            self.assertRegex(done.stderr, r"\Avsctl: [^\n]+\n\Z")
+            return done.stderr
+        self.assertEqual(done.stderr, "", words)
+        return done.stdout
+
+    def rows(self, *words, code=0, stdin=None):
+        answer = json.loads(self.run_vsctl(*words, "--json", code=code, stdin=stdin))
+        OUTPUT.validate(answer)
+        ran.add(answer["command"])
+        return answer["result"]
+
+    def write(self, name, text):
+        path = self.directory / name
+        path.write_text(text)
+        return str(path)
+
+    def create(self):
+        self.rows("switch", "create", "lab", "--uplinks", "2", "--ports", "4")
+
+    def exported(self):
+        """The whole configuration, but for ids made at random."""
+        switches = {}
+        for row in self.rows("switch", "list"):
+            name = row["switch"]
+            ports = [p for p in ("port0", "port1", "port2", "port3", "uplink0", "uplink1")
+                     if self.process("port", "number", name, p).returncode == 0]
+            words = name + ("/" + ",".join(ports) if ports else "")
+            switches.update(json.loads(self.run_vsctl("export", words, "--json"))["switches"])
+        return switches
+
+
+def main():
+    unittest.main(argv=sys.argv[:1] + sys.argv[3:])
