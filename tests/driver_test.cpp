@@ -402,6 +402,13 @@ TEST_F(Driver, UplinksFollowTheStore)
     EXPECT_EQ(UplinkPort("eth7"), "") << "what was plugged in stays";
 }
 
+TEST_F(Driver, APortsetUnderTheAliasOfAnotherSwitchHasNone)
+{
+    ASSERT_EQ(system("tybel -e set /net/create lab 8 vswitch"), 0); // the switch "lab" names "lab-portset"
+    EXPECT_EQ(Uplinks(LAB), Words{});
+    EXPECT_STREQ(Query<VSwitchInfo>(VSWITCH_GET_INFO, Input(LAB)).switchId, "");
+}
+
 TEST_F(Driver, LinksAndTheUplinkOfAPort)
 {
     VSwitchInput first = UplinkInput("nic0");

@@ -296,6 +296,7 @@ VsStatus SwitchOfPortset(Reader &reader, std::string_view portset, std::string &
     status = FindSwitchByAlias(reader, portset, switchId);
     if (!status) status = PortsetOfSwitch(reader, switchId, named);
     if (!status && named != portset) status = STATUS_NOT_FOUND;
+    if (status) switchId.clear(); // that of a switch with this alias and another portset
     return status;
 }
 
