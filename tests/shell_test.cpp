@@ -1,4 +1,5 @@
 // The embedded host's shell, as a child process and in process, and the launcher.
+#include "core/store.h"
 #include "tests/fixture.h"
 
 #include <cerrno>
@@ -393,6 +394,58 @@ TEST_F(Launcher, NamesWhatIsWrongAndLeavesItAlone)
     EXPECT_TRUE(std::filesystem::exists(state) && !std::filesystem::exists(folder + "/control"));
     EXPECT_EQ(Vshost("show"),
               (Ended{FAILED, "vshost: this process is on no host; name one with --state DIR\n"}));
+}
+
+namespace fs = std::filesystem;
+
+// A shell line that starts these launchers at once and fails when one of them does.
+std::string AtOnce(const std::vector<std::string> &commands)
+{
+    std::string line = "pids=;";
+    for (const std::string &command : commands)
+        line += ' ' + command + " & pids=\"$pids $!\";";
+    return line + " for pid in $pids; do wait $pid || exit 9; done";
+}
+
+TEST_F(Launcher, SeveralStartAHostAtOnce)
+{
+    for (int round = 0; round < 15; round++) {
+        fs::remove_all(state);
+        std::vector<std::string> commands;
+        for (const char *name : {"a", "b", "c", "d"})
+            commands.push_back(VSHOST + " run --state " + state + " -- tybel -e set /net/create " + name +
+                               " 8 vswitch");
+        ASSERT_EQ(Execute(AtOnce(commands), false), (Ended{0, ""}));
+        ASSERT_EQ(OnHost("tybel -e ls /net/portsets").out, "a/\nb/\nc/\nd/\n");
+    }
+}
+
+TEST_F(Launcher, OthersMayResetOrChangeAHostInUse)
+{
+    WriteFile(folder + "/scenario", R"({"nics": {"fast": {"speed": 100000}}, "options": {"7": 9}})");
+    const std::string run = VSHOST + " run --durability process --state " + state;
+    const auto creating = [&](const char *prefix) {
+        return run + " -- sh -c 'for i in 0 1 2 3 4 5 6 7 8 9; do tybel -e set /net/create " + prefix +
+               "$i 8 vswitch || exit 1; done'";
+    };
+    const auto loop = [](const std::string &command) {
+        return "(for i in 0 1 2 3 4 5 6 7 8 9; do " + command + " || exit 1; done)";
+    };
+    const std::string scenario = run + " --scenario " + folder + "/scenario -- true";
+    ASSERT_EQ(Execute(AtOnce({creating("a"), creating("b"), loop(scenario)}), false), (Ended{0, ""}));
+    EXPECT_EQ(Execute(run + " -- tybel -e ls /net/portsets | wc -l", false).out, "20\n") << "nothing is lost";
+    EXPECT_EQ(OnHost("tybel -e ls /net/pNics").out, "fast/\n");
+
+    ASSERT_EQ(vshost_start(state.c_str(), 0), 0) << vshost_error();
+    EXPECT_EQ(DVSZOR_SwitchAdd("id", "vswitch", 8, 1), STATUS_OK);
+    const std::string reset = VSHOST + " reset --state " + state;
+    ASSERT_EQ(Execute(AtOnce({creating("c"), creating("d"), loop(reset)}), false), (Ended{0, ""}));
+    EXPECT_EQ(DVSZOR_SwitchAdd("id", "vswitch", 8, 1), STATUS_EXISTS) << "the store stays";
+    EXPECT_EQ(Vshost("reset --state " + state).status, 0);
+    EXPECT_EQ(OnHost("tybel -e ls /net/portsets").out, "");
+    EXPECT_EQ(OnHost("tybel -e ls /net/pNics").out, "");
+    EXPECT_EQ(DVSZOR_SwitchRemove("id"), STATUS_OK);
+    vshost_stop();
 }
 
 }

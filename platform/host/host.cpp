@@ -36,6 +36,7 @@ struct Attachment {
     std::unique_ptr<Host> host;
     std::atomic<uint64_t> serial = 0;
     std::string throwAway; // directory to be removed by process `owner`
+    HostLock throwAwayLock;
     pid_t owner = 0;
 };
 
@@ -86,6 +87,7 @@ void RemoveThrowAway()
     Attachment &current = Current();
     if (current.owner == getpid()) RemoveHostDirectory(current.throwAway);
     current.throwAway.clear();
+    current.throwAwayLock.Release();
     current.owner = 0;
 }
 
@@ -158,7 +160,7 @@ VsStatus Fail(const std::string &path, const char *what, int error, std::string 
     return StatusOfErrno(error);
 }
 
-VsStatus PrepareDirectory(const std::string &directory, bool create, std::string &message)
+VsStatus PrepareDirectory(const std::string &directory, bool create, HostLock &lock, std::string &message)
 {
     std::error_code error;
     if (create) std::filesystem::create_directories(directory, error);
@@ -168,6 +170,7 @@ VsStatus PrepareDirectory(const std::string &directory, bool create, std::string
                   " to a host's directory";
         return STATUS_IO_ERROR;
     }
+    if (!lock.Take(directory, false)) return Fail(directory, "lock the host", errno, message);
     const std::string devices = directory + "/dev";
     if (mkdir(devices.c_str(), 0755) != 0 && errno != EEXIST)
         return Fail(devices, "make the folder", errno, message);
@@ -194,7 +197,7 @@ int Start(const char *directory, bool durable)
     Exclusive alone;
     Leave();
     RemoveThrowAway();
-    const std::string wanted = directory ? directory : MakeThrowAwayDirectory();
+    const std::string wanted = directory ? directory : MakeThrowAwayDirectory(Current().throwAwayLock);
     if (wanted.empty())
         return SetError(errno, "cannot make a directory for a throw-away host in /dev/shm or /tmp");
     if (!directory) {
@@ -219,7 +222,7 @@ VsStatus Host::Open(const std::string &directory, Durability durability, bool cr
                     std::unique_ptr<Host> &host, std::string &message)
 {
     std::unique_ptr<Host> opened(new Host(directory, durability));
-    if (VsStatus status = PrepareDirectory(directory, create, message)) return status;
+    if (VsStatus status = PrepareDirectory(directory, create, opened->lock, message)) return status;
     if (VsStatus status = Control::Open(directory, opened->control, message)) return status;
     if (VsStatus status =
             Engine::Open(directory, durability, opened->control->Counters(), opened->engine, message))
@@ -304,21 +307,6 @@ void SetChildEnvironment(const std::string &directory, Durability durability)
     PrependToEnvironment("PATH", platform);
     PrependToEnvironment("LD_LIBRARY_PATH", platform);
     if (access(preload.c_str(), R_OK) == 0) PrependToEnvironment("LD_PRELOAD", preload);
-}
-
-std::string MakeThrowAwayDirectory()
-{
-    for (const char *parent : {"/dev/shm", "/tmp"}) {
-        std::string directory = std::string(parent) + "/vshost-XXXXXX";
-        if (mkdtemp(directory.data())) return directory;
-    }
-    return {};
-}
-
-void RemoveHostDirectory(const std::string &directory)
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(directory, ignored);
 }
 
 std::string PlatformDirectory()

@@ -8,6 +8,7 @@
 
 #include "platform/host/control.h"
 #include "platform/host/engine.h"
+#include "platform/host/host_lock.h"
 
 namespace vshost {
 
@@ -35,6 +36,7 @@ private:
 
     const std::string directory;
     const Durability durability;
+    HostLock lock;
     std::unique_ptr<Control> control;
     std::unique_ptr<Engine> engine;
 };
@@ -75,9 +77,6 @@ int SetError(int error, std::string message);
 
 // Makes the host, `tybel` and the preload known to the children of this process.
 void SetChildEnvironment(const std::string &directory, Durability durability);
-// Makes a throw-away directory in memory-backed files; empty when that fails (errno).
-std::string MakeThrowAwayDirectory();
-void RemoveHostDirectory(const std::string &directory);
 // The folder of this library, tybel and the preload.
 std::string PlatformDirectory();
 

@@ -98,7 +98,8 @@ int EndLike(int status)
 
 int RunThrowAway(const RunOptions &options)
 {
-    const std::string directory = MakeThrowAwayDirectory();
+    HostLock lock; // the command and what it starts inherit it
+    const std::string directory = MakeThrowAwayDirectory(lock);
     if (directory.empty())
         throw LauncherError{std::string("can't make a throw-away host: ") + strerror(errno)};
     int status = 0;

@@ -1,0 +1,113 @@
+#include "platform/host/host_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+
+namespace vshost {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char *LOCK_FILE = "/use.lock";
+constexpr const char *THROW_AWAY = "/vshost-";
+constexpr const char *GONE = ".gone"; // renamed, so that nobody comes to a host that is being removed
+
+bool Flock(int fd, int operation)
+{
+    int result;
+    do
+        result = flock(fd, operation);
+    while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+bool IsOwnDirectory(const fs::path &path)
+{
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid();
+}
+
+// One without a lock goes if it is empty: otherwise nobody knows whether it is in use.
+void RemoveIfLeft(const std::string &directory)
+{
+    HostLock lock;
+    if (!lock.TakeAlone(directory)) {
+        rmdir(directory.c_str());
+        return;
+    }
+    const std::string gone = directory.ends_with(GONE) ? directory : directory + GONE;
+    rename(directory.c_str(), gone.c_str());
+    RemoveHostDirectory(gone);
+}
+
+// Others that look for what is left over may take a directory as long as it has no lock.
+bool MakeLocked(const std::string &parent, std::string &directory, HostLock &lock)
+{
+    do {
+        directory = parent + THROW_AWAY + "XXXXXX";
+        if (!mkdtemp(directory.data())) return false;
+        if (lock.Take(directory, true)) return true;
+    } while (errno == ENOENT);
+    const int error = errno;
+    rmdir(directory.c_str());
+    errno = error;
+    return false;
+}
+
+void RemoveLeftOver(const std::string &parent)
+{
+    std::error_code error;
+    for (fs::directory_iterator entry(parent, error), end; entry != end; entry.increment(error))
+        if (entry->path().native().starts_with(parent + THROW_AWAY) && IsOwnDirectory(entry->path()))
+            RemoveIfLeft(entry->path());
+}
+
+}
+
+bool HostLock::Take(const std::string &directory, bool inherited)
+{
+    struct stat status = {};
+    Release();
+    fd = open((directory + LOCK_FILE).c_str(), O_RDWR | O_CREAT | (inherited ? 0 : O_CLOEXEC), 0644);
+    if (fd < 0 || !Flock(fd, LOCK_SH) || fstat(fd, &status) != 0) return false;
+    if (status.st_nlink > 0) return true;
+    errno = ENOENT;
+    return false;
+}
+
+bool HostLock::TakeAlone(const std::string &directory)
+{
+    Release();
+    fd = open((directory + LOCK_FILE).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    return fd >= 0 && Flock(fd, LOCK_EX | LOCK_NB);
+}
+
+void HostLock::Release()
+{
+    if (fd >= 0) close(fd);
+    fd = -1;
+}
+
+std::string MakeThrowAwayDirectory(HostLock &lock)
+{
+    for (const char *parent : {"/dev/shm", "/tmp"}) {
+        std::string directory;
+        RemoveLeftOver(parent);
+        if (MakeLocked(parent, directory, lock)) return directory;
+    }
+    return {};
+}
+
+void RemoveHostDirectory(const std::string &directory)
+{
+    std::error_code ignored;
+    fs::remove_all(directory, ignored);
+}
+
+}
