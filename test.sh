@@ -6,6 +6,7 @@
 #   ./test.sh --mutation       wakes each mutant of the library (a quarter of an hour)
 #   ./test.sh --fuzz SECONDS   each fuzz target for so long
 #   ./test.sh --crash ROUNDS   kills a writer so often
+#   ./test.sh --model SEEDS    random walks beside the model, so many of each kind
 #   ./test.sh --threads        the whole suite under the thread sanitizer
 #   ./test.sh --packages       Debian packages into a fresh root, twice the same bytes (as root)
 set -euo pipefail
@@ -65,6 +66,10 @@ case "${1-}" in
 --threads)
     run_tests tsan
     ;;
+--model)
+    build_preset release
+    VSWITCHCTL_MODEL_SEEDS=$2 build/release/tests/model_test
+    ;;
 --packages)
     install_packages lintian mmdebstrap
     tests/package/packages_test.sh
@@ -81,7 +86,7 @@ case "${1-}" in
     analyse
     ;;
 *)
-    sed -n '2,11s/^# \{0,1\}//p' "$0"
+    sed -n '2,12s/^# \{0,1\}//p' "$0"
     exit 2
     ;;
 esac
