@@ -301,8 +301,8 @@ public:
             if (!Step(mine) || !Meet(true)) break;
             if (step % STEPS_BETWEEN_CHECKS == 0 && (!CheckAll() || !Meet(true))) break;
         }
-        if (step <= steps) Meet(false);
-        return step > steps;
+        const bool agreed = step > steps && CheckFromFreshProcess();
+        return Meet(agreed) && agreed;
     }
 
     const std::vector<std::string> &Log() const { return log; }
@@ -750,7 +750,7 @@ private:
 
     // ---- The whole state ----
 
-    bool CheckAll() { return CheckStored() && CheckTree() && CheckReads() && CheckFromFreshProcess(); }
+    bool CheckAll() { return CheckStored() && CheckTree() && CheckReads(); }
 
     bool CheckStored() const
     {
