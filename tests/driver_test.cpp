@@ -1,5 +1,6 @@
 // The embedded host's driver and the preload in front of it: what a driver owes its callers, whatever
 // library they use. Requests are made by hand here.
+#include "core/store.h"
 #include "tests/fixture.h"
 
 #include <atomic>
@@ -480,6 +481,74 @@ TEST_F(Driver, PoliciesShowInTheAnswers)
         char text[136];
     };
     EXPECT_STREQ(Query<Name>(VSWITCH_GET_PORT_LS_POLICY, port).text, "gold");
+}
+
+// The host keeps count of ports, and lists of those that have a policy: however a policy comes or goes.
+TEST_F(Driver, CountsAndListsFollowThePorts)
+{
+    struct [[gnu::packed]] {
+        MirrorSessionList header;
+        MirrorSessionRecord session;
+    } list = {{0, 0, 1, 0, 0}, {}};
+    memset(list.session.sessionId, 's', sizeof list.session.sessionId);
+    const PortMACLearningConfig on = {1, 0, 17, 0}, off = {0, 0, 17, 0};
+    const auto learning = [](const PortMACLearningConfig &config) {
+        return VSDVS_SetPortMACLearning(LAB, PORT, &config);
+    };
+    const auto addBundle = [](uint8_t learns) {
+        const unsigned char management[11] = {1, learns};
+        DataBundle *bundle = nullptr;
+        void *buffer = nullptr;
+        uint32_t length = 0;
+        DVSData_Alloc(&bundle, malloc, free);
+        DVSData_Update(bundle, "com.talpex.vswitch.port.macManagement", management, sizeof management, 0x10);
+        DVSData_Serialize(bundle, &buffer, &length, 5);
+        DVSData_Free(bundle);
+        const VsStatus status = DVSZOR_PortAdd(LAB_ID, "made", buffer, length);
+        free(buffer);
+        return status;
+    };
+    const uint32_t plain = VSWITCH_INFO_ASSOCIATED, learns = plain | VSWITCH_INFO_MAC_LEARNING,
+                   mirrors = plain | VSWITCH_INFO_MIRRORING;
+    const struct {
+        const char *step;
+        VsStatus status;
+        std::function<VsStatus()> run;
+        uint32_t ports, flags;
+        size_t sinks = 0;
+    } steps[] = {
+        {"learning on", STATUS_OK, [&] { return learning(on); }, 4, learns},
+        {"on again", STATUS_OK, [&] { return learning(on); }, 4, learns},
+        {"off", STATUS_OK, [&] { return learning(off); }, 4, plain},
+        {"on before the port goes", STATUS_OK, [&] { return learning(on); }, 4, learns},
+        {"no such port", STATUS_NOT_FOUND, [&] { return VSDVS_RemoveDVPort(LAB, "port9"); }, 4, learns},
+        {"the port goes", STATUS_OK, [&] { return VSDVS_RemoveDVPort(LAB, PORT); }, 3, plain},
+        {"and comes new", STATUS_OK, [&] { return VSDVS_AddDVPort(LAB, PORT, 1); }, 4, plain},
+        {"a port that is there", STATUS_EXISTS, [&] { return VSDVS_AddDVPort(LAB, PORT, 1); }, 4, plain},
+        {"a bundle that learns", STATUS_OK, [&] { return addBundle(1); }, 5, learns},
+        {"is there", STATUS_EXISTS, [&] { return addBundle(1); }, 5, learns},
+        {"goes", STATUS_OK, [&] { return VSDVS_RemoveDVPort(LAB, "made"); }, 4, plain},
+        {"a bundle that doesn't", STATUS_OK, [&] { return addBundle(0); }, 5, plain},
+        {"mirrored", STATUS_OK, [&] { return VSDVS_AppendDVMirrorSessions(LAB, "made", &list.header); }, 5,
+         mirrors},
+        {"its policy goes", STATUS_OK,
+         [&] { return DVSZOR_PortDataClear(LAB_ID, "made", "com.talpex.vswitch.port.mirrorSessions"); }, 5,
+         plain},
+        {"sink", STATUS_OK, [&] { return VSDVS_ConfigureSinkPort(LAB, "made", 1); }, 5, plain, 1},
+        {"none", STATUS_OK, [&] { return VSDVS_ConfigureSinkPort(LAB, "made", 0); }, 5, plain},
+        {"sink before the port goes", STATUS_OK, [&] { return VSDVS_ConfigureSinkPort(LAB, "made", 1); }, 5,
+         plain, 1},
+        {"goes with it", STATUS_OK, [&] { return VSDVS_RemoveDVPort(LAB, "made"); }, 4, plain},
+        {"learning before the switch goes", STATUS_OK, [&] { return learning(on); }, 4, learns},
+        {"the switch goes", STATUS_OK, [&] { return VSDVS_DestroyVSwitch(LAB) ?: CreateLab(); }, 4, plain},
+    };
+    for (const auto &row : steps) {
+        EXPECT_EQ(row.run(), row.status) << row.step;
+        const auto info = Query<VSwitchInfo>(VSWITCH_GET_INFO, Input());
+        EXPECT_EQ(info.usedPorts, row.ports) << row.step;
+        EXPECT_EQ(info.flags, row.flags) << row.step;
+        EXPECT_EQ(List(VSWITCH_GET_PROMISCUOUS_PORTS, Input(), 4).size(), row.sinks) << row.step;
+    }
 }
 
 TEST_F(Driver, MacEntriesLiveWithTheirPort)

@@ -143,9 +143,9 @@ protected:
         file.seekp(offset);
         file << bytes;
     }
-    std::string Content() const
+    std::string Content(const char *suffix = "") const
     {
-        std::ifstream file(Database(), std::ios::binary);
+        std::ifstream file(Database() + suffix, std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
@@ -167,12 +167,10 @@ TEST_F(StoreTest, KeepsEverythingAcrossARestart)
 TEST_F(StoreTest, RefusesFilesThatAreNotItsOwn)
 {
     const std::function<void()> makers[] = {
-        [&] { fs::resize_file(Database(), 0); },
-        [&] { fs::resize_file(Database(), 50); },
-        [&] { Overwrite(0, "no database at all"); },
-        [&] { Overwrite(4096, std::string(4096, 'x')); },
-        [&] { Sql("PRAGMA user_version=99; PRAGMA wal_checkpoint"); },
-        [&] { Sql("PRAGMA application_id=7; PRAGMA wal_checkpoint"); },
+        [&] { fs::resize_file(Database(), 0); },     [&] { fs::resize_file(Database(), 50); },
+        [&] { Overwrite(0, "no database at all"); }, [&] { Overwrite(4096, std::string(4096, 'x')); },
+        [&] { Sql("PRAGMA user_version=99"); },      [&] { Sql("PRAGMA user_version=0"); },
+        [&] { Sql("PRAGMA application_id=7"); },
     };
     vshost_stop();
     const std::string sound = Content();
@@ -190,6 +188,46 @@ TEST_F(StoreTest, RefusesFilesThatAreNotItsOwn)
         EXPECT_NE(Wait(Fork(attach)), 0);
         EXPECT_EQ(Content(), before);
     }
+}
+
+// The version counts that the log has, when another program keeps it from the file's header.
+TEST_F(StoreTest, UpgradesAnOlderFormatWhenNobodyElseIsOnIt)
+{
+    const uint64_t before = vshost_fingerprint();
+    int told[2], end[2];
+    ASSERT_EQ(pipe(told) | pipe(end), 0);
+    vshost_stop();
+    const pid_t other = Fork([&] {
+        char byte = 0;
+        return Start() == 0 && write(told[1], "x", 1) == 1 && read(end[0], &byte, 1) == 1;
+    });
+    char byte;
+    ASSERT_EQ(read(told[0], &byte, 1), 1);
+    const struct {
+        const char *version, *complaint;
+    } cases[] = {{"0", "no format version"}, {"3", "newer program"}, {"1", "older format and is in use"}};
+    for (const auto &row : cases) {
+        const std::string set = std::string("PRAGMA user_version=") + row.version;
+        Sql(set);
+        const std::string content = Content(), log = Content("-wal");
+        EXPECT_EQ(Start(), EIO) << row.version;
+        EXPECT_NE(std::string(vshost_error()).find(row.complaint), std::string::npos) << vshost_error();
+        EXPECT_TRUE(Content() == content && Content("-wal") == log) << row.version;
+    }
+    ASSERT_EQ(write(end[1], "x", 1), 1);
+    EXPECT_EQ(Wait(other), 0);
+    ASSERT_EQ(Start(), 0) << vshost_error();
+    EXPECT_EQ(vshost_fingerprint(), before);
+    vshost_stop();
+    Sql("PRAGMA user_version=1");
+    const auto upgrade = [&] { return Start() == 0 && vshost_fingerprint() == before; };
+    std::vector<pid_t> together;
+    for (int i = 0; i < 4; i++)
+        together.push_back(Fork(upgrade));
+    for (const pid_t child : together)
+        EXPECT_EQ(Wait(child), 0) << "one upgrades, the others wait";
+    for (int descriptor : {told[0], told[1], end[0], end[1]})
+        close(descriptor);
 }
 
 TEST_F(StoreTest, StopsAtDamage)

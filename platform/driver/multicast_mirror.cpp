@@ -12,9 +12,7 @@ namespace vshost {
 namespace {
 
 constexpr std::string_view KEY_MCAST_FILTER = "com.talpex.vswitch.multicastFilter";
-constexpr std::string_view KEY_PORT_MIRROR = "com.talpex.vswitch.port.mirrorSessions";
 constexpr std::string_view KEY_UPLINK_MIRROR = "com.talpex.vswitch.uplinkMirrorSessions";
-constexpr std::string_view KEY_ETH_FILTER = "com.talpex.vswitch.port.extraEthFRP";
 constexpr size_t MIRROR_HEADER = 20, MIRROR_COUNT_AT = 8, MIRROR_RECORD = 232, SESSION_ID = 32;
 constexpr size_t SINK_PORT_BYTE = 2; // of the filter; its lowest bit
 
@@ -45,13 +43,18 @@ int ReadGroups(Request &request,
     return ErrnoOf(status, 0);
 }
 
-bool IsSinkPort(Reader &reader, std::string_view switchId, std::string_view portId)
-{
-    std::string filter;
-    if (ReadProperty(reader, {Level::PORT, switchId, portId}, KEY_ETH_FILTER, filter)) return false;
-    return filter.size() > SINK_PORT_BYTE && (filter[SINK_PORT_BYTE] & 1);
 }
 
+bool HasMirrorSessions(std::string_view list)
+{
+    std::vector<std::string> sessionIds;
+    AddSessions(list, sessionIds);
+    return !sessionIds.empty();
+}
+
+bool IsSinkPort(std::string_view filter)
+{
+    return filter.size() > SINK_PORT_BYTE && (filter[SINK_PORT_BYTE] & 1);
 }
 
 size_t AddressWidth(uint32_t kind)
@@ -82,12 +85,20 @@ int ListMirrorSessions(Reader &reader, std::string_view switchId, std::vector<st
     std::string list;
     int error = ReadProperty(reader, {Level::HOST, switchId}, KEY_UPLINK_MIRROR, list);
     AddSessions(list, sessionIds);
-    if (!error) error = ListPortIds(reader, switchId, portIds);
+    if (!error) error = ErrnoOf(ListPortsWith(reader, MIRRORED, switchId, portIds), 0);
     for (size_t i = 0; i < portIds.size() && !error; ++i) {
         error = ReadProperty(reader, {Level::PORT, switchId, portIds[i]}, KEY_PORT_MIRROR, list);
         AddSessions(list, sessionIds);
     }
     return error;
+}
+
+int IsMirroring(Reader &reader, std::string_view switchId, bool &mirroring)
+{
+    std::string list;
+    const int error = ReadProperty(reader, {Level::HOST, switchId}, KEY_UPLINK_MIRROR, list);
+    mirroring = HasMirrorSessions(list);
+    return error || mirroring ? error : ErrnoOf(AnyPortWith(reader, MIRRORED, switchId, mirroring), 0);
 }
 
 int GetMcastMode(Request &request)
@@ -166,14 +177,13 @@ int GetPromiscuousPorts(Request &request)
     std::vector<std::string> portIds;
     if (int error = ErrnoOf(request.reader.Get(runtime::PromiscuousKey(request.portset), named), 0))
         return error;
-    if (int error = ListPortIds(request.reader, request.switchId, portIds)) return error;
-    std::set<std::string_view> destinations;
+    if (int error = ErrnoOf(ListPortsWith(request.reader, SINK, request.switchId, portIds), 0)) return error;
+    std::set<std::string_view> destinations(portIds.begin(), portIds.end());
     for (std::string_view rest = named; !rest.empty(); rest.remove_prefix(Text(rest).size() + 1))
         destinations.insert(Text(rest));
     request.StartList(VSwitchListHeader{}, sizeof(uint32_t));
-    for (const std::string &portId : portIds) {
+    for (const std::string_view portId : destinations) {
         uint32_t number;
-        if (!destinations.contains(portId) && !IsSinkPort(request.reader, request.switchId, portId)) continue;
         if (!GetPortNumber(request.reader, request.switchId, portId, number)) request.AddRecord(number);
     }
     return 0;

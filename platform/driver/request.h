@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/driver/port_policies.h"
 #include "platform/driver/runtime.h"
 
 namespace vshost {
@@ -134,14 +135,12 @@ int GetOptions(Request &request);
 int SetOptions(Request &request);
 
 // What several families ask of the store.
-inline constexpr std::string_view KEY_PORT_MAC_MANAGEMENT = "com.talpex.vswitch.port.macManagement";
-
 // The value of a property, empty when it is absent; 0 or an errno value.
 int ReadProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value);
 int ListPortIds(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds);
 int IsSnooping(Reader &reader, std::string_view switchId, bool &snooping);
+int IsMirroring(Reader &reader, std::string_view switchId, bool &mirroring);
 int ListMirrorSessions(Reader &reader, std::string_view switchId, std::vector<std::string> &sessionIds);
-bool PortLearns(std::string_view macManagement);
 
 }
 

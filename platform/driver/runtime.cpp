@@ -32,22 +32,11 @@ std::string BigEndian16(uint16_t number) { return BigEndian(number).substr(2); }
 // The part of a key behind the prefix.
 std::string_view Rest(std::string_view key, std::string_view prefix) { return key.substr(prefix.size()); }
 
-VsStatus RemoveAll(Transaction &transaction, std::string_view prefix,
-                   const std::function<bool(std::string_view key, std::string_view value)> &matches)
+VsStatus ForgetMacs(Transaction &transaction, std::string_view prefix)
 {
-    std::vector<std::string> keys;
-    VsStatus status = transaction.Scan(prefix, [&](std::string_view key, std::string_view value) {
-        if (matches(key, value)) keys.emplace_back(key);
-        return true;
+    return RemoveAll(transaction, prefix, [](std::string_view value) {
+        return value.size() != sizeof(MacRecord) || value[offsetof(MacRecord, fromScenario)] == 0;
     });
-    for (size_t i = 0; i < keys.size() && !status; ++i)
-        status = transaction.Remove(keys[i]);
-    return status;
-}
-
-bool IsFromScenario(std::string_view value)
-{
-    return value.size() == sizeof(MacRecord) && value[offsetof(MacRecord, fromScenario)] != 0;
 }
 
 // Writes a NIC, and whether it is free.
@@ -181,26 +170,6 @@ VsStatus BoundNics(Reader &reader, std::string_view switchId, std::map<std::stri
     });
 }
 
-// Forgets the MAC addresses of ports that are gone.
-VsStatus DropMacsOfLostPorts(Transaction &transaction, std::string_view switchId)
-{
-    std::string portset;
-    VsStatus status = PortsetOfSwitch(transaction, switchId, portset);
-    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
-    const std::string prefix = runtime::MacPrefix(portset, {});
-    std::vector<std::string> keys;
-    status = transaction.Scan(prefix, [&](std::string_view key, std::string_view value) {
-        if (!IsFromScenario(value)) keys.emplace_back(key);
-        return true;
-    });
-    for (size_t i = 0; i < keys.size() && !status; ++i) {
-        uint32_t number;
-        status = GetPortNumber(transaction, switchId, Text(Rest(keys[i], prefix)), number);
-        if (status == STATUS_NOT_FOUND) status = transaction.Remove(keys[i]);
-    }
-    return status;
-}
-
 }
 
 namespace runtime {
@@ -328,8 +297,7 @@ VsStatus RemovePortset(Transaction &transaction, std::string_view name)
     VsStatus status = GetRecord(transaction, runtime::PortsetKey(name), portset);
     if (!status) status = transaction.Remove(runtime::PortsetKey(name));
     if (status) return status;
-    return RemoveAll(transaction, runtime::MacPrefix(name, {}),
-                     [](std::string_view, std::string_view value) { return !IsFromScenario(value); });
+    return ForgetMacs(transaction, runtime::MacPrefix(name, {}));
 }
 
 VsStatus ListPortsets(Reader &reader, std::vector<std::string> &names)
@@ -469,12 +437,17 @@ VsStatus UplinksChanged(Transaction &transaction, std::string_view switchId)
         if (status) break;
         if (bound.emplace(portId, std::string()).second) status = BindAnyNic(transaction, switchId, portId);
     }
-    return status ? status : DropMacsOfLostPorts(transaction, switchId);
+    return status;
 }
 
-VsStatus ResetRuntime(Transaction &transaction)
+VsStatus PortRemoved(Transaction &transaction, std::string_view switchId, std::string_view portId)
 {
-    return RemoveAll(transaction, Key({RUN, ""}), [](std::string_view, std::string_view) { return true; });
+    std::string portset;
+    const VsStatus status = PortsetOfSwitch(transaction, switchId, portset);
+    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    return ForgetMacs(transaction, runtime::MacPrefix(portset, portId));
 }
+
+VsStatus ResetRuntime(Transaction &transaction) { return RemoveAll(transaction, Key({RUN, ""})); }
 
 }

@@ -62,36 +62,27 @@ uint32_t UplinkFlags(const NamedNic &uplink, const std::vector<VSwitchLag> &lags
     return flags;
 }
 
-// Ports of a switch, and whether one of them learns addresses.
-int CountPorts(Reader &reader, std::string_view switchId, VSwitchInfo &info)
-{
-    std::vector<std::string> portIds;
-    std::string policy;
-    int error = ListPortIds(reader, switchId, portIds);
-    info.usedPorts = static_cast<uint32_t>(portIds.size());
-    for (size_t i = 0; i < portIds.size() && !error && !(info.flags & VSWITCH_INFO_MAC_LEARNING); ++i) {
-        error = ReadProperty(reader, {Level::PORT, switchId, portIds[i]}, KEY_PORT_MAC_MANAGEMENT, policy);
-        if (PortLearns(policy)) info.flags |= VSWITCH_INFO_MAC_LEARNING;
-    }
-    return error;
-}
-
 int DescribeSwitch(Request &request, VSwitchInfo &info)
 {
     Switch stored;
     std::vector<NamedNic> uplinks;
-    std::vector<std::string> sessions;
-    bool snooping = false;
+    bool snooping = false, mirroring = false, learning = false;
     SetField(info.switchId, request.switchId);
     if (int error = ErrnoOf(GetSwitch(request.reader, request.switchId, stored), ENOENT)) return error;
     if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), ENOENT)) return error;
     if (int error = IsSnooping(request.reader, request.switchId, snooping)) return error;
+    if (int error = IsMirroring(request.reader, request.switchId, mirroring)) return error;
+    if (int error = ErrnoOf(AnyPortWith(request.reader, LEARNING, request.switchId, learning), 0))
+        return error;
     info.uplinks = static_cast<uint16_t>(uplinks.size());
     if (stored.associated) info.flags |= VSWITCH_INFO_ASSOCIATED;
     if (snooping) info.flags |= VSWITCH_INFO_SNOOPING;
-    if (int error = ListMirrorSessions(request.reader, request.switchId, sessions)) return error;
-    if (!sessions.empty()) info.flags |= VSWITCH_INFO_MIRRORING;
-    return CountPorts(request.reader, request.switchId, info);
+    if (mirroring) info.flags |= VSWITCH_INFO_MIRRORING;
+    if (learning) info.flags |= VSWITCH_INFO_MAC_LEARNING;
+    uint32_t ports = 0;
+    const VsStatus status = CountPorts(request.reader, request.switchId, ports);
+    info.usedPorts = ports;
+    return ErrnoOf(status, ENOENT);
 }
 
 }

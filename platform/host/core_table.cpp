@@ -151,7 +151,7 @@ try {
     HostUse host;
     if (!host) return 0;
     Hash hash;
-    const std::string freeNumbers = Key({"free", ""});
+    const std::string freeNumbers = FreeNumbers();
     host->GetEngine().Scan("", [&](std::string_view key, std::string_view value) {
         if (key.starts_with(freeNumbers)) return true;
         hash.Add(key);

@@ -8,10 +8,12 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/host/host_lock.h"
 #include "platform/host/status.h"
 
 namespace vshost {
@@ -61,7 +63,8 @@ public:
     VsStatus Get(std::string_view key, std::string &value) override;
     VsStatus Scan(std::string_view prefix, const Visit &visit, Order order = Order::FORWARD) override;
     VsStatus Put(std::string_view key, std::string_view value);
-    VsStatus Remove(std::string_view key); // STATUS_OK when the key is absent
+    VsStatus Add(std::string_view key, std::string_view value); // STATUS_EXISTS when the key is there
+    VsStatus Remove(std::string_view key);                      // STATUS_OK when the key is absent
 
     // To be called before a change of what the caches of processes hold: switches, aliases and the
     // properties of the global and host level.
@@ -82,14 +85,17 @@ private:
 };
 
 using Work = std::function<VsStatus(Transaction &)>;
+using Upgrade = VsStatus (*)(Transaction &);
 
 class Engine : public Reader {
 public:
     // Opens the database of a host directory and makes it when there is none. A file that is damaged,
     // foreign or newer than this engine is refused and never written to. `message` then says which file
-    // it is and what is wrong with it.
+    // it is and what is wrong with it. An older file is upgraded, all or nothing: step i of `upgrades` makes
+    // version i + 1 the next one. `lock` is held on the directory; nobody else may be there meanwhile.
     static VsStatus Open(const std::string &directory, Durability durability, StoreCounters counters,
-                         std::unique_ptr<Engine> &engine, std::string &message);
+                         std::span<const Upgrade> upgrades, HostLock &lock, std::unique_ptr<Engine> &engine,
+                         std::string &message);
     ~Engine() override;
 
     VsStatus Get(std::string_view key, std::string &value) override;
@@ -111,11 +117,14 @@ private:
     };
     using Batch = std::vector<Request *>;
 
-    Engine(std::string directory, Durability durability, StoreCounters counters);
+    Engine(std::string directory, Durability durability, StoreCounters counters,
+           std::span<const Upgrade> upgrades);
     VsStatus Connect(std::unique_ptr<Connection> &connection);
     void Lead(std::unique_lock<std::mutex> &lock);
-    VsStatus CheckTable(std::string &message);
-    VsStatus Upgrade();
+    int64_t Version() const { return static_cast<int64_t>(upgrades.size()) + 1; }
+    VsStatus CheckTable(HostLock &lock, std::string &message);
+    VsStatus UpgradeAlone(HostLock &lock, std::string &message);
+    VsStatus RunUpgrades(Transaction &transaction);
     VsStatus Checked(const Connection &connection, VsStatus status);
     void Commit(const Batch &batch);
     VsStatus CommitLocked(const Batch &batch);
@@ -126,6 +135,7 @@ private:
     const std::string directory;
     const Durability durability;
     const StoreCounters counters;
+    const std::span<const Upgrade> upgrades;
     static constexpr uint64_t NEVER = UINT64_MAX;
 
     std::atomic<bool> damaged = false;

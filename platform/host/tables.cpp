@@ -5,9 +5,13 @@
 //     global\0id, host\0id        bundle of all properties of the level
 //     port\0id\0port              kernel number (u32), bundle of all properties of the port
 //     number\0number              switch id\0port id
-//     free\0number                a number between those in use
+//     numbers\0id                 how many ports the switch has (u32): beside the highest number, which a
+//                                 new port writes too
+//     listed\0id\0policy\0port    nothing: the policy is on for the port
+//     number\0-1\0-1 - number      nothing: a number between those in use, the lowest one last
 #include "platform/host/tables.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -31,7 +35,12 @@ std::string PortKey(std::string_view switchId, std::string_view portId)
     return Key({"port", switchId, portId});
 }
 std::string NumberKey(uint32_t number) { return Key({"number", BigEndian(number)}); }
-std::string FreeKey(uint32_t number) { return Key({"free", BigEndian(number)}); }
+std::string FreeKey(uint32_t number) { return FreeNumbers() + BigEndian(~number); }
+std::string CountKey(std::string_view switchId) { return Key({"numbers", switchId}); }
+std::string ListedKey(std::string_view switchId, const PortPolicy &policy, std::string_view portId)
+{
+    return Key({"listed", switchId, policy.name, portId});
+}
 
 std::string BundleKey(const PropertyOwner &owner)
 {
@@ -128,6 +137,55 @@ VsStatus MoveInWalk(Transaction &transaction, std::string_view switchId, const P
     return transaction.Put(WalkKey(after, switchId), found.className);
 }
 
+VsStatus PutCount(Transaction &transaction, std::string_view switchId, uint32_t ports)
+{
+    return transaction.Put(CountKey(switchId), {reinterpret_cast<const char *>(&ports), WORD});
+}
+
+VsStatus ListByPolicy(Transaction &transaction, const PropertyOwner &port, std::string_view key,
+                      const Property *before, const Property *after)
+{
+    for (const PortPolicy &policy : PORT_POLICIES) {
+        if (policy.key != key) continue;
+        const bool was = before && policy.isOn(before->value), is = after && policy.isOn(after->value);
+        const std::string entry = ListedKey(port.switchId, policy, port.portId);
+        if (was != is) return is ? transaction.Put(entry, {}) : transaction.Remove(entry);
+    }
+    return STATUS_OK;
+}
+
+// Adds the entries of a port whose bundle is sound.
+void AddListedKeys(std::string_view switchId, std::string_view portId, std::string_view bundle,
+                   std::vector<std::string> &keys)
+{
+    BundleEntry entry;
+    for (const PortPolicy &policy : PORT_POLICIES)
+        if (FindEntry(bundle, policy.key, entry) && policy.isOn(entry.value))
+            keys.push_back(ListedKey(switchId, policy, portId));
+}
+
+// What a damaged bundle was listed by is not known.
+VsStatus RemoveListedKeys(Transaction &transaction, std::string_view switchId, std::string_view portId,
+                          std::string_view bundle)
+{
+    std::vector<std::string> keys;
+    if (CheckBundle(bundle))
+        AddListedKeys(switchId, portId, bundle, keys);
+    else
+        for (const PortPolicy &policy : PORT_POLICIES)
+            keys.push_back(ListedKey(switchId, policy, portId));
+    for (const std::string &key : keys)
+        if (VsStatus status = transaction.Remove(key)) return status;
+    return STATUS_OK;
+}
+
+VsStatus PutAll(Transaction &transaction, const std::vector<std::string> &keys)
+{
+    for (const std::string &key : keys)
+        if (VsStatus status = transaction.Put(key, {})) return status;
+    return STATUS_OK;
+}
+
 // Keeps what is derived from a property in step with it; `before` and `after` are null when it is absent.
 VsStatus PropertyChanged(Transaction &transaction, const PropertyOwner &owner, std::string_view key,
                          const Property *before, const Property *after)
@@ -138,6 +196,7 @@ VsStatus PropertyChanged(Transaction &transaction, const PropertyOwner &owner, s
         return MoveInWalk(transaction, owner.switchId, before, after);
     if (owner.level == Level::HOST && key == KEY_HOST_UPLINKS)
         return UplinksChanged(transaction, owner.switchId);
+    if (owner.level == Level::PORT) return ListByPolicy(transaction, owner, key, before, after);
     return STATUS_OK;
 }
 
@@ -159,18 +218,21 @@ bool FindInRow(std::string_view row, Level level, std::string_view key, Property
     return true;
 }
 
-// The lowest number that is free. When none of those ever used is, they are 1 to the highest in use.
+// The lowest number that is free. When none of those ever used is, they are 1 to the highest in use. Either
+// stands last.
 VsStatus TakeNumber(Transaction &transaction, uint32_t &number)
 {
-    const auto take = [&number](std::string_view key, std::string_view) {
+    bool wasFree = false;
+    number = 0;
+    const auto take = [&](std::string_view key, std::string_view) {
+        wasFree = key.starts_with(FreeNumbers());
         number = FromBigEndian(key.substr(key.size() - WORD));
         return false;
     };
-    number = 0;
-    if (VsStatus status = transaction.Scan(Key({"free", ""}), take)) return status;
-    if (number != 0) return transaction.Remove(FreeKey(number));
     if (VsStatus status = transaction.Scan(Key({"number", ""}), take, Order::BACKWARD)) return status;
-    return ++number > MAX_PORTS ? STATUS_TOO_LARGE : STATUS_OK;
+    if (!wasFree) return ++number > MAX_PORTS ? STATUS_TOO_LARGE : STATUS_OK;
+    number = ~number;
+    return transaction.Remove(FreeKey(number));
 }
 
 VsStatus ReleaseNumber(Transaction &transaction, std::string_view portRow)
@@ -234,7 +296,25 @@ VsStatus RemovePorts(Transaction &transaction, std::string_view switchId)
     return STATUS_OK;
 }
 
+// A damaged port counts; what is on for it cannot be known.
+VsStatus CountAndListPortsOf(Transaction &transaction, std::string_view switchId)
+{
+    uint32_t ports = 0;
+    std::vector<std::string> listed;
+    const auto look = [&](std::string_view key, std::string_view row) {
+        const std::string_view bundle = row.substr(std::min(row.size(), WORD));
+        if (CheckBundle(bundle)) AddListedKeys(switchId, LastField(key), bundle, listed);
+        ++ports;
+        return true;
+    };
+    if (VsStatus status = transaction.Scan(PortKey(switchId, ""), look)) return status;
+    if (VsStatus status = PutAll(transaction, listed)) return status;
+    return PutCount(transaction, switchId, ports);
 }
+
+}
+
+std::string FreeNumbers() { return Key({"number", BigEndian(UINT32_MAX), ""}); }
 
 std::string Key(std::initializer_list<std::string_view> fields)
 {
@@ -257,6 +337,18 @@ uint32_t FromBigEndian(std::string_view bytes) { return __builtin_bswap32(WordAt
 
 std::string_view Text(std::string_view value) { return value.substr(0, value.find('\0')); }
 
+VsStatus RemoveAll(Transaction &transaction, std::string_view prefix, bool (*matches)(std::string_view))
+{
+    std::vector<std::string> keys;
+    VsStatus status = transaction.Scan(prefix, [&](std::string_view key, std::string_view value) {
+        if (!matches || matches(value)) keys.emplace_back(key);
+        return true;
+    });
+    for (size_t i = 0; i < keys.size() && !status; ++i)
+        status = transaction.Remove(keys[i]);
+    return status;
+}
+
 VsStatus GetSwitch(Reader &reader, std::string_view switchId, Switch &found)
 {
     std::string row;
@@ -274,6 +366,7 @@ VsStatus AddSwitch(Transaction &transaction, std::string_view switchId, const Sw
     if (status != STATUS_NOT_FOUND) return status == STATUS_OK ? STATUS_EXISTS : status;
     transaction.InvalidateCaches();
     if (VsStatus put = transaction.Put(SwitchKey(switchId), EncodeSwitch(added))) return put;
+    if (VsStatus put = PutCount(transaction, switchId, 0)) return put;
     return transaction.Put(WalkKey(nullptr, switchId), added.className);
 }
 
@@ -284,7 +377,8 @@ VsStatus RemoveSwitch(Transaction &transaction, std::string_view switchId)
     transaction.InvalidateCaches();
     if (VsStatus status = RemovePorts(transaction, switchId)) return status;
     if (VsStatus status = RemoveIndexes(transaction, switchId)) return status;
-    for (std::string_view table : {"switch", "global", "host"}) {
+    if (VsStatus status = RemoveAll(transaction, Key({"listed", switchId, ""}))) return status;
+    for (std::string_view table : {"switch", "global", "host", "numbers"}) {
         if (VsStatus status = transaction.Remove(Key({table, switchId}))) return status;
     }
     return UplinksChanged(transaction, switchId);
@@ -354,27 +448,60 @@ VsStatus ForEachPort(Reader &reader, std::string_view switchId,
     return damaged ? STATUS_IO_ERROR : status;
 }
 
+VsStatus CountPorts(Reader &reader, std::string_view switchId, uint32_t &ports)
+{
+    std::string row;
+    if (VsStatus status = reader.Get(CountKey(switchId), row)) return status;
+    if (row.size() != WORD) return STATUS_IO_ERROR;
+    ports = WordAt(row, 0);
+    return STATUS_OK;
+}
+
+VsStatus ListPortsWith(Reader &reader, const PortPolicy &policy, std::string_view switchId,
+                       std::vector<std::string> &portIds)
+{
+    return reader.Scan(ListedKey(switchId, policy, ""), [&](std::string_view key, std::string_view) {
+        portIds.emplace_back(LastField(key));
+        return true;
+    });
+}
+
+VsStatus AnyPortWith(Reader &reader, const PortPolicy &policy, std::string_view switchId, bool &any)
+{
+    any = false;
+    return reader.Scan(ListedKey(switchId, policy, ""), [&](std::string_view, std::string_view) {
+        any = true;
+        return false;
+    });
+}
+
 VsStatus AddPort(Transaction &transaction, std::string_view switchId, std::string_view portId,
                  std::string_view bundle)
 {
     if (portId.empty() || !CheckBundle(bundle)) return STATUS_BAD_PARAM;
-    std::string row;
-    if (VsStatus status = transaction.Get(SwitchKey(switchId), row)) return status;
-    const VsStatus status = transaction.Get(PortKey(switchId, portId), row);
-    if (status != STATUS_NOT_FOUND) return status == STATUS_OK ? STATUS_EXISTS : status;
-    uint32_t number;
-    if (VsStatus taken = TakeNumber(transaction, number)) return taken;
-    if (VsStatus put = transaction.Put(NumberKey(number), Key({switchId, portId}))) return put;
-    return transaction.Put(PortKey(switchId, portId), PortRow(number, bundle));
+    uint32_t number, ports;
+    std::vector<std::string> listed;
+    AddListedKeys(switchId, portId, bundle, listed);
+    if (VsStatus status = CountPorts(transaction, switchId, ports)) return status;
+    if (VsStatus status = TakeNumber(transaction, number)) return status;
+    if (VsStatus status = transaction.Put(NumberKey(number), Key({switchId, portId}))) return status;
+    if (VsStatus status = PutCount(transaction, switchId, ports + 1)) return status;
+    if (VsStatus status = PutAll(transaction, listed)) return status;
+    return transaction.Add(PortKey(switchId, portId), PortRow(number, bundle));
 }
 
 VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::string_view portId)
 {
     std::string row;
+    uint32_t ports;
     if (VsStatus status = transaction.Get(PortKey(switchId, portId), row)) return status;
     if (VsStatus status = ReleaseNumber(transaction, row)) return status;
+    if (VsStatus status = CountPorts(transaction, switchId, ports)) return status;
+    if (VsStatus status = PutCount(transaction, switchId, ports - 1)) return status;
+    if (VsStatus status = RemoveListedKeys(transaction, switchId, portId, std::string_view(row).substr(WORD)))
+        return status;
     if (VsStatus status = transaction.Remove(PortKey(switchId, portId))) return status;
-    return UplinksChanged(transaction, switchId);
+    return PortRemoved(transaction, switchId, portId);
 }
 
 VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &found)
@@ -406,6 +533,26 @@ VsStatus ClearProperty(Transaction &transaction, const PropertyOwner &owner, std
     const auto remove = [&](std::string &bundle) { return RemoveEntry(bundle, key); };
     ChangeBundle(row, owner.level, remove);
     return PutRow(transaction, owner, row, key, &before, nullptr);
+}
+
+// Version 1 had neither counts nor lists, and the free numbers in a table of their own.
+VsStatus CountAndListPorts(Transaction &transaction)
+{
+    std::vector<std::string> switchIds, freeKeys;
+    VsStatus status = transaction.Scan(Key({"switch", ""}), [&](std::string_view key, std::string_view) {
+        switchIds.emplace_back(LastField(key));
+        return true;
+    });
+    if (!status)
+        status = transaction.Scan(Key({"free", ""}), [&](std::string_view key, std::string_view) {
+            freeKeys.push_back(FreeKey(FromBigEndian(key.substr(key.size() - WORD))));
+            return true;
+        });
+    if (!status) status = PutAll(transaction, freeKeys);
+    if (!status) status = RemoveAll(transaction, Key({"free", ""}));
+    for (size_t i = 0; i < switchIds.size() && !status; ++i)
+        status = CountAndListPortsOf(transaction, switchIds[i]);
+    return status;
 }
 
 }

@@ -8,7 +8,9 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "platform/driver/port_policies.h"
 #include "platform/host/engine.h"
 
 namespace vshost {
@@ -49,11 +51,17 @@ struct PortName {
 
 // Joins the fields of a key by NUL bytes. Prefixes of scans are made with an empty last field.
 std::string Key(std::initializer_list<std::string_view> fields);
+// Begins the keys of the free port numbers.
+std::string FreeNumbers();
 // A number as four bytes that sort like it, and back.
 std::string BigEndian(uint32_t number);
 uint32_t FromBigEndian(std::string_view bytes);
 // The text of a property: its bytes before the first NUL.
 std::string_view Text(std::string_view value);
+
+// Removes the entries under a prefix, or only those whose values match.
+VsStatus RemoveAll(Transaction &transaction, std::string_view prefix,
+                   bool (*matches)(std::string_view value) = nullptr);
 
 VsStatus GetSwitch(Reader &reader, std::string_view switchId, Switch &found);
 VsStatus AddSwitch(Transaction &transaction, std::string_view switchId, const Switch &added);
@@ -71,6 +79,11 @@ VsStatus GetPortNumber(Reader &reader, std::string_view switchId, std::string_vi
 VsStatus GetPortByNumber(Reader &reader, uint32_t number, PortName &port);
 VsStatus ForEachPort(Reader &reader, std::string_view switchId,
                      const std::function<bool(std::string_view portId, uint32_t number)> &visit);
+VsStatus CountPorts(Reader &reader, std::string_view switchId, uint32_t &ports);
+// The ports that a policy is on for, in the order of their ids.
+VsStatus ListPortsWith(Reader &reader, const PortPolicy &policy, std::string_view switchId,
+                       std::vector<std::string> &portIds);
+VsStatus AnyPortWith(Reader &reader, const PortPolicy &policy, std::string_view switchId, bool &any);
 // Adds a port with all properties of a sealed bundle; a damaged bundle is STATUS_BAD_PARAM.
 VsStatus AddPort(Transaction &transaction, std::string_view switchId, std::string_view portId,
                  std::string_view bundle);
@@ -80,6 +93,10 @@ VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_vie
 VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key,
                      uint32_t flags, std::string_view value);
 VsStatus ClearProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key);
+
+// Step i makes tables of format version i + 1 those of the next version.
+VsStatus CountAndListPorts(Transaction &transaction);
+inline constexpr std::array<Upgrade, 1> UPGRADES{CountAndListPorts};
 
 } // namespace vshost
 

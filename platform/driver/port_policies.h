@@ -1,0 +1,32 @@
+// Port policies by which the driver lists ports. The store keeps, for each of them, which ports they are on.
+#ifndef PLATFORM_DRIVER_PORT_POLICIES_H
+#define PLATFORM_DRIVER_PORT_POLICIES_H
+
+#include <array>
+#include <string_view>
+
+namespace vshost {
+
+inline constexpr std::string_view KEY_PORT_MAC_MANAGEMENT = "com.talpex.vswitch.port.macManagement";
+inline constexpr std::string_view KEY_PORT_MIRROR = "com.talpex.vswitch.port.mirrorSessions";
+inline constexpr std::string_view KEY_ETH_FILTER = "com.talpex.vswitch.port.extraEthFRP";
+
+// Each takes the stored value.
+bool PortLearns(std::string_view macManagement);
+bool HasMirrorSessions(std::string_view list);
+bool IsSinkPort(std::string_view filter);
+
+struct PortPolicy {
+    std::string_view name;
+    std::string_view key;
+    bool (*isOn)(std::string_view value);
+};
+
+inline constexpr PortPolicy LEARNING{"learning", KEY_PORT_MAC_MANAGEMENT, PortLearns};
+inline constexpr PortPolicy MIRRORED{"mirrored", KEY_PORT_MIRROR, HasMirrorSessions};
+inline constexpr PortPolicy SINK{"sink", KEY_ETH_FILTER, IsSinkPort};
+inline constexpr std::array PORT_POLICIES{LEARNING, MIRRORED, SINK};
+
+}
+
+#endif
