@@ -147,8 +147,8 @@ VsStatus ClaimNic(Transaction &transaction, std::string_view name, std::string_v
 VsStatus RemoveNic(Transaction &transaction, std::string_view name);
 VsStatus ReleaseNic(Transaction &transaction, std::string_view name);
 
-// To be called in the transaction that changes the uplink ports of a switch, or removes the switch: each
-// uplink port has a NIC afterwards, and NICs of ports that went are released.
+// To be called in the transaction that changes the uplink ports of a switch, or removes a port or the
+// switch: each uplink port has a NIC afterwards, and NICs of ports that went are released.
 VsStatus UplinksChanged(Transaction &transaction, std::string_view switchId);
 // To be called in the transaction that removes a port: forgets its MAC addresses.
 VsStatus PortRemoved(Transaction &transaction, std::string_view switchId, std::string_view portId);

@@ -501,7 +501,8 @@ VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::st
     if (VsStatus status = RemoveListedKeys(transaction, switchId, portId, std::string_view(row).substr(WORD)))
         return status;
     if (VsStatus status = transaction.Remove(PortKey(switchId, portId))) return status;
-    return PortRemoved(transaction, switchId, portId);
+    if (VsStatus status = PortRemoved(transaction, switchId, portId)) return status;
+    return UplinksChanged(transaction, switchId);
 }
 
 VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &found)
