@@ -213,7 +213,7 @@ Control::~Control()
 VsStatus Control::Open(const std::string &directory, std::unique_ptr<Control> &control, std::string &message)
 {
     const std::string path = directory + "/control";
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const int fd = OpenKeptFile(path, O_RDWR | O_CREAT);
     if (fd < 0) return Refuse(path, errno, message);
     int error = Prepare(fd);
     void *memory = MAP_FAILED;
@@ -236,7 +236,7 @@ StoreCounters Control::Counters() { return {block->changes, block->commits}; }
 void Control::ReopenAfterFork()
 {
     close(fd); // a lock of this descriptor would be the parent's too
-    fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    fd = OpenKeptFile(path, O_RDWR);
 }
 
 bool Control::Idle() const { return block->active.load(std::memory_order_relaxed) == 0; }

@@ -116,7 +116,7 @@ struct FileDescriptor {
 
 int OpenLockFile(const std::string &directory)
 {
-    return open((directory + LOCK_FILE).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    return OpenKeptFile(directory + LOCK_FILE, O_RDWR | O_CREAT);
 }
 
 bool LockFile(int fd)
@@ -674,6 +674,15 @@ void Engine::RunOne(Request &request, bool alone)
     if (alone || !writer->InTransaction()) return;
     if (request.status != STATUS_OK) writer->Run(Connection::UNDO);
     writer->Run(Connection::RELEASE);
+}
+
+int OpenKeptFile(const std::string &path, int flags)
+{
+    const int file = open(path.c_str(), flags | O_CLOEXEC, 0644);
+    if (file < 0 || file > STDERR_FILENO) return file;
+    const int kept = fcntl(file, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(file);
+    return kept;
 }
 
 void Engine::AbandonAfterFork()

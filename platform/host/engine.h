@@ -20,6 +20,10 @@ namespace vshost {
 
 class Connection;
 
+// Opens a file that stays open, with close-on-exec. It is none of the standard streams, which a caller may
+// have closed: what programs print would go into it.
+int OpenKeptFile(const std::string &path, int flags);
+
 enum class Durability {
     PROCESS, // a committed write survives the death of any process
     DISK,    // a committed write is on disk
