@@ -57,7 +57,6 @@ Error UndoneError(const Error &cause, size_t done, const std::vector<std::string
 
 void PerformAll(const std::vector<Step> &steps, bool hasJournal)
 {
-    const ChangeScope changing;
     size_t done = 0;
     try {
         for (const Step &step : steps) {
@@ -154,12 +153,20 @@ Json Rows(const std::vector<Step> &steps)
 // Throws, before anything is changed, when a step is about a switch that is not there by then.
 void RequireSwitches(const std::vector<Step> &steps)
 {
-    std::set<std::string> known;
+    std::set<std::string> known, destroyed;
     for (const Step &step : steps) {
         const bool byId = step.item == "property" && step.value.contains("by-id");
         const bool creates = step.item == "switch" && !step.value.is_null();
         if (!byId && !creates && !known.contains(step.target.alias)) SwitchId(step.target.alias);
         known.insert(step.target.alias);
+        if (step.item == "switch" && step.value.is_null()) destroyed.insert(step.target.alias);
+        if (creates && destroyed.contains(step.target.alias)) {
+            throw Error(
+                Exit::USAGE,
+                fmt::format("switch {} is destroyed and made again, which as one change could not be undone",
+                            step.target.alias),
+                "make it two changes");
+        }
     }
 }
 
@@ -193,6 +200,7 @@ void CarryOut(const std::string &command, Result &result)
     RequireUnchanged(result.steps);
     ReadAllBefore(result.steps);
     Journal journal{NewJournalId(), command, std::move(result.steps)};
+    const ChangeScope changing; // from the journal's first byte to its removal
     if (needsJournal) journal.Write();
     PerformAll(journal.steps, needsJournal);
     if (result.confirmWithin > 0) {
@@ -261,15 +269,10 @@ Json UndoJournal()
 Json ResumeJournal()
 {
     const HostLock lock;
-    const Journal journal = RequireJournal();
+    Journal journal = RequireJournal();
     if (journal.awaitsConfirmation) ThrowIfUnfinished();
     const ChangeScope changing;
-    for (const Step &step : journal.steps) {
-        ThrowIfStopped();
-        if (IsDone(step)) continue;
-        Restore(step); // it may have got half-way
-        Perform(step);
-    }
+    Repeat(journal.steps);
     Journal::Remove();
     return JournalRow(journal, "finished");
 }

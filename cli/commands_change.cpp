@@ -31,6 +31,8 @@ Result Apply(const Verb &, const Arguments &arguments)
         throw Error(Exit::USAGE, "apply takes a FILE, or --resume, or --undo", "see 'vsctl help apply'");
     if (resume || undo) {
         RefuseDryRun(arguments);
+        if (arguments.Has("--confirm-within"))
+            throw Error(Exit::USAGE, "--confirm-within goes with a FILE", "see 'vsctl help apply'");
         return Rows(resume ? ResumeJournal() : UndoJournal());
     }
     Result result;
@@ -55,15 +57,24 @@ Result Confirm(const Verb &, const Arguments &arguments)
 
 Result Export(const Verb &, const Arguments &arguments)
 {
-    std::vector<std::pair<std::string, std::vector<std::string>>> switches;
+    std::vector<Target> targets;
     for (const std::string &word : arguments.List("SWITCH")) {
-        const size_t slash = word.find('/');
-        switches.emplace_back(word.substr(0, slash), std::vector<std::string>());
-        if (slash != std::string::npos) switches.back().second = PortNames(word.substr(slash + 1));
+        const size_t slash = SwitchExists(word) ? std::string::npos : word.rfind('/');
+        const std::string alias = word.substr(0, slash);
+        targets.push_back({alias, ""});
+        if (slash == std::string::npos) continue;
+        for (const std::string &port : PortNames(word.substr(slash + 1)))
+            targets.push_back({alias, port});
     }
-    const Json file = ExportFile(switches);
-    return Text(arguments.Has("--json") ? file.dump(2, ' ', false, Json::error_handler_t::replace) + "\n"
-                                        : TomlText(file));
+    const Json file = ExportFile(targets);
+    std::string json;
+    try {
+        json = file.dump(2) + "\n";
+    } catch (const Json::type_error &) {
+        throw Error(Exit::FAILURE, "a text that is stored there is not UTF-8, which a file must be",
+                    "'vsctl port show' and 'vsctl switch show' show where");
+    }
+    return Text(arguments.Has("--json") ? json : TomlText(file));
 }
 
 // The steps of one line; nothing for blank lines and comments.

@@ -46,10 +46,14 @@ Json ShellPart()
 
 Json StatePart()
 {
-    const Json pending = JournalState();
-    return Part("changes", pending.is_null(),
-                pending.is_null() ? "none is unfinished" : pending.get<std::string>(),
-                "'vsctl apply --resume', 'vsctl apply --undo' or 'vsctl confirm'");
+    try {
+        const Json pending = JournalState();
+        return Part("changes", pending.is_null(),
+                    pending.is_null() ? "none is unfinished" : pending.get<std::string>(),
+                    "'vsctl apply --resume', 'vsctl apply --undo' or 'vsctl confirm'");
+    } catch (const Error &error) {
+        return Part("changes", false, error.problem, error.advice);
+    }
 }
 
 Result Doctor(const Verb &, const Arguments &)

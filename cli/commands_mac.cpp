@@ -42,7 +42,10 @@ void RequireLayout(const char *option)
 ZorMacTableEntry GivenEntry(const Arguments &arguments)
 {
     Bytes bytes;
+    if (arguments.Has("--vlan") && !arguments.Has("--address"))
+        throw Error(Exit::USAGE, "--vlan goes with --address");
     if (arguments.Has("--address")) {
+        RefuseBytes(arguments, "--address");
         RequireLayout("--address");
         bytes =
             MacEntry(arguments.Text("--address"), static_cast<uint16_t>(arguments.Number("--vlan", 0, 4094)));
@@ -99,6 +102,7 @@ ZorMacLearningProps GivenProps(const Arguments &arguments, const ZorMacLearningP
 {
     Bytes bytes;
     if (HasFields(arguments)) {
+        RefuseBytes(arguments, "--enabled, --aging, --limit");
         RequireLayout("--enabled, --aging or --limit");
         const Json fields = Decode(Record::LEARNING_PROPS, &now, sizeof now);
         const Field enabled{"enabled", Form::BOOLEAN, ""};

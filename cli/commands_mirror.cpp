@@ -47,10 +47,9 @@ Result Live(const Verb &, const Arguments &arguments)
     DriverBuffer<> list;
     CheckDriver(VSZOR_GetDVMirrorSessionIDs(target.Alias(), list.Out()),
                 "listing the running mirror sessions of", target);
-    const auto *header = static_cast<const ZorListHeader *>(list.Get());
     using Id = char[sizeof MirrorSessionRecord::sessionId];
     Result result;
-    for (const Id &id : Entries<Id>(header, header->count))
+    for (const Id &id : DriverEntries<Id>(static_cast<const ZorListHeader *>(list.Get())))
         result.rows.push_back({{"switch", target.alias}, {"session", Name(id, sizeof id)}});
     return result;
 }

@@ -22,6 +22,7 @@ void AddFilters(const std::string &portset, const AddressKind &kind, const Argum
     void **const out = reinterpret_cast<void **>(list.Out());
     CheckDriver(VSZOR_GetMcastFilters(portset.c_str(), arguments.Number("--selector", 0), kind.number, out),
                 "listing the multicast groups of", arguments.Target());
+    RequireEntries(list.Get(), sizeof(ZorListHeader), list->count, kind.width);
     for (uint32_t i = 0; i < list->count; i++) {
         const uint8_t *address = list.Raw() + sizeof(ZorListHeader) + i * kind.width;
         rows.push_back({{"kind", kind.name}, {"group", AddressText(address, kind.width)}});
@@ -54,6 +55,7 @@ Result Groups(const Verb &, const Arguments &arguments)
         CheckDriver(VSZOR_GetMcastFilterStats(portset.c_str(), arguments.Number("--selector", 0), kind,
                                               group.data(), reinterpret_cast<void **>(stats.Out())),
                     "reading the statistics of group " + text + " of", arguments.Target());
+        RequireEntries(stats.Get(), sizeof *stats.Get(), stats->count, group.size());
         Json row = {{"group", text}};
         row.update(
             Decode(Record::MCAST_STATS, stats.Get(), sizeof *stats.Get() + stats->count * group.size()));

@@ -17,30 +17,28 @@ uint32_t PortNumber(const Target &port, bool byId = false)
     return number;
 }
 
-template<class MakeStep> Result ForEachPort(const Arguments &arguments, MakeStep makeStep)
+// A step for each port; null removes it.
+Result PortSteps(const Arguments &arguments, const Json &value)
 {
     Result result;
-    for (const Target &port : arguments.Ports())
-        result.steps.push_back(makeStep(port));
+    for (const Target &port : arguments.Ports()) {
+        if (!value.is_null()) RequireName(PORT_ID, port.port);
+        result.steps.push_back({"port", port, value});
+    }
     return result;
 }
 
 Result Add(const Verb &, const Arguments &arguments)
 {
-    const Json value = {{"connect-id", arguments.Number("--connect-id", 1)}};
-    return ForEachPort(arguments, [&](const Target &port) { return Step{"port", port, value}; });
+    return PortSteps(arguments, {{"connect-id", arguments.Number("--connect-id", 1)}});
 }
 
 Result AddOpaque(const Verb &, const Arguments &arguments)
 {
-    const Json value = {{"external-id", arguments.Text("EXTERNAL-ID")}};
-    return ForEachPort(arguments, [&](const Target &port) { return Step{"port", port, value}; });
+    return PortSteps(arguments, {{"external-id", arguments.Text("EXTERNAL-ID")}});
 }
 
-Result Remove(const Verb &, const Arguments &arguments)
-{
-    return ForEachPort(arguments, [](const Target &port) { return Step{"port", port, nullptr}; });
-}
+Result Remove(const Verb &, const Arguments &arguments) { return PortSteps(arguments, nullptr); }
 
 Json ShowRow(const Target &port)
 {
@@ -124,6 +122,9 @@ Json FileValue(const Field &field, const std::string &path)
 Json GivenValue(const Policy &policy, const Arguments &arguments)
 {
     const Field &first = policy.fields[0];
+    const std::string other = arguments.Has("--file") ? "--file" : OptionName(first);
+    if (arguments.Has("VALUE") && arguments.Has(other))
+        throw Error(Exit::USAGE, fmt::format("a value and {} exclude each other", other));
     if (arguments.Has("--file")) return FileValue(first, arguments.Text("--file"));
     if (policy.IsScalar()) return arguments.Has("VALUE") ? ParseWord(first, arguments.Text("VALUE")) : Json();
     Json value;
@@ -168,16 +169,19 @@ Result GetOrSet(const Verb &verb, const Arguments &arguments)
     const Policy &policy = *verb.policy;
     const Json value = GivenValue(policy, arguments);
     const bool clear = arguments.Has("--clear");
-    if (value.is_null() && !clear && !arguments.Has("--by-id")) SwitchId(arguments.Text("SWITCH"));
     if (clear && !value.is_null()) throw Error(Exit::USAGE, "a value and --clear exclude each other");
+    const bool changes = clear || !value.is_null();
+    if (changes + arguments.Has("--live") + arguments.Has("--by-id") > 1)
+        throw Error(Exit::USAGE, "--live and --by-id only show, one of them at a time");
+    if (!changes && !arguments.Has("--by-id")) SwitchId(arguments.Text("SWITCH"));
     Result result;
     for (const Target &target : Targets(policy, arguments)) {
-        if (IsOfPort(policy) && !clear && value.is_null() && !arguments.Has("--by-id") && !PortExists(target))
-            Check(STATUS_NOT_FOUND, "finding", target);
-        if (clear || !value.is_null())
+        if (changes) {
             result.steps.push_back(SetPolicy(policy, target, value));
-        else
-            result.rows.push_back(PolicyRow(policy, target, arguments));
+            continue;
+        }
+        if (IsOfPort(policy) && !PortExists(target)) Check(STATUS_NOT_FOUND, "finding", target);
+        result.rows.push_back(PolicyRow(policy, target, arguments));
     }
     return result;
 }

@@ -56,6 +56,7 @@ Result GetOptions(const Verb &, const Arguments &arguments)
 Bytes GivenOptions(const Arguments &arguments)
 {
     if (arguments.List("OPTION").empty()) return GivenBytes(arguments, 0);
+    RefuseBytes(arguments, "OPTION=VALUE");
     if (!IsEmbedded()) {
         throw Error(Exit::USAGE,
                     "OPTION=VALUE needs a driver whose records are documented, and this one's are not",

@@ -34,24 +34,27 @@ Result Show(const Verb &, const Arguments &arguments)
     const Target target = arguments.Target();
     SwitchId(target.alias);
     Json row = {{"switch", target.alias}};
-    row.update(ReadSwitch(target.alias, {}));
+    row.update(ReadSwitch(target.alias));
     row["live"] = Info(PortsetOf(target.alias), target);
     return Rows(row);
 }
 
 Result Create(const Verb &, const Arguments &arguments)
 {
-    const std::string id = arguments.Text("--id", "");
-    if (id.size() >= SWITCH_ID_SIZE) throw Error(Exit::BAD_VALUE, "--id has more than 63 characters");
-    if (arguments.Text("SWITCH").empty()) throw Error(Exit::BAD_VALUE, "a switch needs a name");
-    Json value = {{"id", id.empty() ? NewSwitchId() : id},
-                  {"portset", arguments.Text("--portset", arguments.Text("SWITCH"))},
+    const std::string &alias = arguments.Text("SWITCH");
+    const std::string id = arguments.Has("--id") ? arguments.Text("--id") : NewSwitchId();
+    const std::string portset = arguments.Text("--portset", alias);
+    RequireName(SWITCH_ALIAS, alias);
+    RequireName(SWITCH_ID, id);
+    RequirePortsetName(portset);
+    Json value = {{"id", id},
+                  {"portset", portset},
                   {"version", arguments.Number("--version", 1)},
                   {"opaque", arguments.Has("--opaque")},
                   {"max-ports", arguments.Number("--max-ports", 0)},
                   {"uplink-count", arguments.Number("--uplinks", 0)},
                   {"port-count", arguments.Number("--ports", 0)}};
-    return Steps({{"switch", {arguments.Text("SWITCH"), ""}, value}});
+    return Steps({{"switch", {alias, ""}, value}});
 }
 
 Result Destroy(const Verb &, const Arguments &arguments)

@@ -31,7 +31,9 @@ Result List(const Verb &, const Arguments &arguments)
     const Json running = IsEmbedded() ? RunningUplinks(alias) : Json::array();
     Result result;
     for (size_t i = 0; i < uplinks.ids.size(); i++) {
-        Json row = {{"switch", alias}, {"uplink", uplinks.names[i]}, {"port", uplinks.ids[i]}};
+        Json row = {{"switch", alias},
+                    {"uplink", i < uplinks.names.size() ? uplinks.names[i] : uplinks.ids[i]},
+                    {"port", uplinks.ids[i]}};
         for (const Json &nic : running) {
             if (PortOfRunning(nic["uplink"]) != uplinks.ids[i]) continue;
             row["nic"] = nic["uplink"];
@@ -52,10 +54,21 @@ Step UplinkStep(const Arguments &arguments, Json value)
     return {"uplinks", {arguments.Text("SWITCH"), ""}, std::move(value)};
 }
 
+const std::vector<std::string> &NewNames(const Arguments &arguments)
+{
+    const auto &names = arguments.List("UPLINK");
+    for (auto name = names.begin(); name != names.end(); name++) {
+        RequireName(PORT_ID, *name);
+        if (std::find(names.begin(), name, *name) != name)
+            throw Error(Exit::BAD_VALUE, fmt::format("uplink '{}' is named twice", *name));
+    }
+    return names;
+}
+
 Result Add(const Verb &, const Arguments &arguments)
 {
     Result result;
-    for (const std::string &name : arguments.List("UPLINK"))
+    for (const std::string &name : NewNames(arguments))
         result.steps.push_back(UplinkStep(arguments, {{"add", name}}));
     return result;
 }
@@ -77,7 +90,7 @@ Result Set(const Verb &, const Arguments &arguments)
         result.steps.push_back(UplinkStep(arguments, {{"count", arguments.Number("--count", 0, 4096)}}));
         return result;
     }
-    const auto &names = arguments.List("UPLINK");
+    const auto &names = NewNames(arguments);
     result.steps.push_back(UplinkStep(arguments, {{"set", {{"names", names}, {"ids", names}}}}));
     return result;
 }

@@ -13,10 +13,10 @@ namespace {
 // A packed field can't be bound to a reference: its value is taken.
 template<class Value> Value Take(Value value) { return value; }
 
-template<class T> T Load(const void *bytes)
+template<class T> T Load(const void *bytes, size_t size = sizeof(T))
 {
     T record{};
-    memcpy(&record, bytes, sizeof record);
+    memcpy(&record, bytes, std::min(size, sizeof record));
     return record;
 }
 
@@ -161,9 +161,9 @@ Json DecodeMcast(const void *bytes, size_t size)
 
 Json DecodeOptions(const void *bytes, size_t size)
 {
-    const auto header = Load<VSwitchOptions>(bytes);
+    const auto header = Load<VSwitchOptions>(bytes, size);
     Json options = Json::array();
-    const size_t room = (size - sizeof header) / sizeof(VSwitchOption);
+    const size_t room = size > sizeof header ? (size - sizeof header) / sizeof(VSwitchOption) : 0;
     for (size_t i = 0; i < std::min<size_t>(header.count, room); i++) {
         const auto option = Load<VSwitchOption>(static_cast<const uint8_t *>(bytes) + sizeof header +
                                                 i * sizeof(VSwitchOption));
@@ -196,6 +196,7 @@ Json Decode(Record record, const void *bytes, size_t size)
 Json DecodeList(Record record, const void *list, size_t entrySize)
 {
     const auto header = Load<ZorListHeader>(list);
+    RequireEntries(list, sizeof header, header.count, entrySize);
     const auto *entries = static_cast<const uint8_t *>(list) + sizeof header;
     Json rows = Json::array();
     for (uint32_t i = 0; i < header.count; i++)
@@ -278,6 +279,13 @@ bool UplinkIsUp(const std::string &portset, const std::string &uplink, const Tar
     CheckDriver(VSZOR_GetUplinkLinkState(portset.c_str(), uplink.c_str(), &up),
                 "reading the link of uplink " + uplink + " of", target);
     return up != 0;
+}
+
+bool IsAssociated(const std::string &portset)
+{
+    VSwitchInfo info{};
+    return !IsEmbedded() || VSZOR_GetVSInfo(portset.c_str(), &info) != STATUS_OK ||
+           (info.flags & VSWITCH_INFO_ASSOCIATED);
 }
 
 Json MaxPorts(const std::string &portset)

@@ -43,7 +43,8 @@ Bytes OptionsRecord(const std::vector<std::pair<uint16_t, uint32_t>> &options);
 
 // Whether the uplink is administratively up; where that isn't known, whether it has a link.
 bool UplinkIsUp(const std::string &portset, const std::string &uplink, const Target &target);
-Json MaxPorts(const std::string &portset); // null where it isn't known
+Json MaxPorts(const std::string &portset);     // null where it isn't known
+bool IsAssociated(const std::string &portset); // true where it isn't known
 
 }
 #endif

@@ -10,6 +10,8 @@ namespace vsctl {
 
 namespace {
 
+constexpr size_t MAX_DEPTH = 32; // what these files can hold is far less deep
+
 // Notes where the members of a JSON text end, and that no key comes twice.
 class PositionReader : public nlohmann::json_sax<Json> {
 public:
@@ -29,8 +31,9 @@ public:
     bool key(string_t &key) override
     {
         levels.back().step = PointerStep(key);
-        if (!ends.emplace(Pointer(), Offset()).second) twice = Pointer();
-        return twice.empty();
+        const auto [end, isNew] = ends.insert_or_assign(Pointer(), Offset());
+        if (!isNew) twice = end->first;
+        return isNew;
     }
     bool parse_error(std::size_t position, const std::string &,
                      const nlohmann::detail::exception &error) override
@@ -72,7 +75,10 @@ private:
     {
         Value();
         levels.push_back({isArray});
-        return true;
+        if (levels.size() <= MAX_DEPTH) return true;
+        fault = "nested too deeply";
+        faultOffset = Offset() - 1;
+        return false;
     }
     bool Close()
     {
@@ -134,13 +140,12 @@ Document::Document(const std::string &path) : path(path == "-" ? "standard input
 
 void Document::ReadJson(const std::string &text)
 {
-    const auto position = [&text](size_t offset) {
-        const auto start = text.begin();
-        const auto here = start + static_cast<std::ptrdiff_t>(std::min(offset, text.size()));
-        const size_t lineStart = text.rfind('\n', offset ? offset - 1 : 0);
-        const bool firstLine = lineStart == std::string::npos || lineStart >= offset;
-        return Position{static_cast<size_t>(std::count(start, here, '\n')) + 1,
-                        offset - (firstLine ? 0 : lineStart + 1) + 1};
+    std::vector<size_t> lines = {0};
+    for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1))
+        lines.push_back(end + 1);
+    const auto position = [&lines](size_t offset) {
+        const auto next = std::upper_bound(lines.begin(), lines.end(), offset);
+        return Position{static_cast<size_t>(next - lines.begin()), offset - *(next - 1) + 1};
     };
     const char *reached = text.data();
     PositionReader reader(text.data(), reached);

@@ -34,7 +34,7 @@ bool OutlivesPowerCuts()
     return !IsEmbedded() || !durability || strcmp(durability, "process") != 0;
 }
 
-std::string JournalPath() { return StateDirectory() + "/journal.json"; }
+std::string JournalPath() { return StateDirectory() + "/journal.cbor"; }
 
 // A file, written whole and on disk when this returns.
 void WriteFile(const std::string &path, const std::string &text)
@@ -95,14 +95,16 @@ void Journal::Write() const
     const Json json = {{"format", FORMAT},        {"id", id},
                        {"command", command},      {"awaits-confirmation", awaitsConfirmation},
                        {"confirm-by", confirmBy}, {"steps", entries}};
-    WriteFile(JournalPath(), Dump(json));
+    // Names and texts need not be UTF-8, which JSON would ask for.
+    const Bytes bytes = Json::to_cbor(json);
+    WriteFile(JournalPath(), {bytes.begin(), bytes.end()});
     SyncDirectory();
 }
 
 std::optional<Journal> Journal::Read()
 {
     if (access(JournalPath().c_str(), F_OK) != 0) return {};
-    const Json json = Json::parse(ReadFile(JournalPath()), nullptr, false);
+    const Json json = Json::from_cbor(ReadFile(JournalPath()), true, false);
     try {
         if (json.at("format") != FORMAT) throw Error(Exit::FAILURE, "another version of vsctl wrote it");
         Journal journal{

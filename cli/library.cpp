@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <malloc.h>
 #include <unistd.h>
 
 namespace vsctl {
@@ -52,14 +53,20 @@ std::string ReadFile(const std::string &path)
     return text;
 }
 
+void RequireEntries(const void *list, size_t headerSize, size_t count, size_t entrySize)
+{
+    if (headerSize + count * entrySize <= malloc_usable_size(const_cast<void *>(list))) return;
+    throw Error(Exit::FAILURE, fmt::format("the driver's list counts {} entries and holds fewer", count),
+                "it may have grown meanwhile: try again");
+}
+
 std::vector<std::string> Portsets()
 {
     DriverBuffer<> list;
     CheckDriver(VSZOR_GetSwitches(1, list.Out()), "listing the switches of", {});
-    const auto *header = static_cast<const ZorListHeader *>(list.Get());
     std::vector<std::string> names;
     using Entry = char[PORTSET_NAME_SIZE];
-    for (const Entry &name : Entries<Entry>(header, header->count))
+    for (const Entry &name : DriverEntries<Entry>(static_cast<const ZorListHeader *>(list.Get())))
         names.push_back(Name(name, sizeof name));
     return names;
 }
@@ -161,7 +168,7 @@ void AddRange(std::string_view first, std::string_view last, std::vector<std::st
         throw Error(Exit::BAD_VALUE, fmt::format("'{}..{}' is no range of ports", first, last),
                     "write a range like port0..port7");
     }
-    for (uint32_t number = from.number; number <= to.number; number++)
+    for (uint64_t number = from.number; number <= to.number; number++)
         names.push_back(fmt::format("{}{}", from.stem, number));
 }
 

@@ -38,10 +38,21 @@ private:
 template<class T> using StoreBuffer = Buffer<T, VSDVS_FreeMemory>;
 template<class T = void> using DriverBuffer = Buffer<T, VSZOR_FreeMemory>;
 
+// Throws unless the buffer, which the library got by malloc, has room for the entries that a driver's list
+// counts: of a list that grew between the two requests for it, not all were read.
+void RequireEntries(const void *list, size_t headerSize, size_t count, size_t entrySize);
+
 // The `count` entries behind a list's header.
 template<class Entry, class List> std::span<const Entry> Entries(const List *list, size_t count)
 {
     return {reinterpret_cast<const Entry *>(list + 1), count};
+}
+
+// The same of a driver's list.
+template<class Entry, class List> std::span<const Entry> DriverEntries(const List *list)
+{
+    RequireEntries(list, sizeof *list, list->count, sizeof(Entry));
+    return Entries<Entry>(list, list->count);
 }
 
 std::string Hex(const void *bytes, size_t length);

@@ -7,27 +7,28 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "error.h"
+#include "output.h"
 
 namespace vsctl {
 
 namespace {
 
 constexpr int SIGNALS[] = {SIGALRM, SIGINT, SIGTERM, SIGHUP};
+constexpr const char *MORE_TIME = "give it more time with --timeout";
 constexpr int SIGNAL_EXIT = 128; // as shells report a command that a signal ended
 
 volatile sig_atomic_t changing = 0;
 volatile sig_atomic_t stopSignal = 0;
 double limit = 0;
+std::string struckWhileWaiting;
 
 void Stop(int signal)
 {
     stopSignal = signal;
     if (changing) return;
     if (signal != SIGALRM) _exit(SIGNAL_EXIT + signal);
-    constexpr char MESSAGE[] =
-        "vsctl: the time limit struck while waiting, and nothing was changed; give it more with --timeout\n";
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, MESSAGE, sizeof MESSAGE - 1);
+    [[maybe_unused]] const ssize_t written =
+        write(STDERR_FILENO, struckWhileWaiting.data(), struckWhileWaiting.size());
     _exit(static_cast<int>(Exit::TIMED_OUT));
 }
 
@@ -42,9 +43,12 @@ void SetTimer(double seconds)
 
 }
 
-void StartTimeLimit(double seconds)
+void StartTimeLimit(double seconds, bool json)
 {
     limit = seconds;
+    struckWhileWaiting = ErrorText(
+        Error(Exit::TIMED_OUT, "the time limit struck while waiting, and nothing was changed", MORE_TIME),
+        json);
     struct sigaction action {};
     action.sa_handler = Stop;
     action.sa_flags = SA_RESTART;
@@ -65,8 +69,7 @@ void ThrowIfStopped()
     if (!signal) return;
     stopSignal = 0;
     if (signal == SIGALRM) {
-        throw Error(Exit::TIMED_OUT, fmt::format("the time limit of {} s struck", limit),
-                    "give it more time with --timeout");
+        throw Error(Exit::TIMED_OUT, fmt::format("the time limit of {} s struck", limit), MORE_TIME);
     }
     throw Error(Exit::FAILURE, fmt::format("stopped by the signal {}", strsignal(signal)));
 }

@@ -5,7 +5,7 @@
 
 namespace vsctl {
 
-void StartTimeLimit(double seconds);
+void StartTimeLimit(double seconds, bool json);
 // From here on the command waits for nobody but its user.
 void EndTimeLimit();
 // While one lives, the command is changing something.

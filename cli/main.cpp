@@ -1,6 +1,9 @@
 // vsctl: the command.
+#include <algorithm>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <new>
+#include <unistd.h>
 
 #include "change.h"
 #include "limit.h"
@@ -25,36 +28,56 @@ Exit Finish(const Verb &verb, const Result &result, const Options &options)
     return result.exit;
 }
 
-Exit Run(std::vector<std::string> words, Options &options)
+// Shows the result; when that fails, a change is made all the same, and who asked for it must know.
+Exit Show(const Verb &verb, const Result &result, const Options &options)
 {
-    words = ParseLeading(words, options);
-    if (words.empty()) words = {"help"};
+    try {
+        return Finish(verb, result, options);
+    } catch (const Error &error) {
+        if (verb.effect == Effect::READS || options.dryRun) throw;
+        throw Error(error.exit, error.problem, "the change is made, only its result cannot be shown");
+    }
+}
+
+Exit Run(const std::vector<std::string> &words, Options &options)
+{
     size_t used = 0;
     const Verb &verb = FindVerb(words, used);
     Parser parser(verb);
     try {
         const Arguments &arguments =
             parser.Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, options);
-        StartTimeLimit(options.timeout);
+        StartTimeLimit(options.timeout, options.json);
         Result result = verb.run(verb, arguments);
         if (!result.steps.empty() || result.planOnly)
             Change(fmt::format("vsctl {}", fmt::join(words, " ")), result, options);
-        return Finish(verb, result, options);
+        return Show(verb, result, options);
     } catch (const HelpWanted &) {
         Print(parser.Help());
         return Exit::DONE;
     }
 }
 
+// A file that is opened must not become a standard stream that the caller has closed.
+void HoldStandardStreams()
+{
+    for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        // What it is used for fails, as on a closed one.
+        if (fcntl(stream, F_GETFD) < 0) open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
 }
 
-int main(int count, char **words)
+}
+
+int main(int count, char **given)
 {
+    HoldStandardStreams();
+    const std::vector<std::string> words(given + 1, given + count);
     Options options;
+    // Known before all else, for errors in the words themselves.
+    options.json = std::count(words.begin(), std::find(words.begin(), words.end(), "--"), "--json") > 0;
     try {
-        return static_cast<int>(Run({words + 1, words + count}, options));
-    } catch (const HelpWanted &) {
-        return static_cast<int>(Run({"help"}, options));
+        return static_cast<int>(Run(OptionsBehindVerb(words), options));
     } catch (const Error &error) {
         PrintError(error, options.json);
         return static_cast<int>(error.exit);

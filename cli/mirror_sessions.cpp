@@ -28,10 +28,8 @@ Json SessionToJson(const MirrorSessionRecord &session, std::span<const MirrorPor
     for (const EntryKind &kind : ENTRY_KINDS) {
         const uint64_t count = kind.count(session);
         if (next + count > entries.size()) {
-            throw Error(Exit::FAILURE,
-                        fmt::format("mirror session {} counts port entries that are not there",
-                                    Name(session.sessionId, sizeof session.sessionId)),
-                        "clear the list and append its sessions again");
+            throw Error(Exit::FAILURE, fmt::format("mirror session {} counts port entries that are not there",
+                                                   Name(session.sessionId, sizeof session.sessionId)));
         }
         value[kind.name] = ListToJson(entries.subspan(next, count));
         next += count;

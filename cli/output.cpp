@@ -27,12 +27,25 @@ std::string Shortened(const std::string &text)
     return IsHexText(text) ? fmt::format("{}… ({} bytes)", start, text.size() / 2) : text;
 }
 
-// Control characters of a name must not reach a terminal.
-std::string Printable(const std::string &text)
+// Control characters of a name must not reach a terminal, nor break a line.
+std::string Printable(const std::string &bytes)
 {
-    const bool plain =
-        std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; });
-    return plain ? text : Dump(text);
+    // What is no UTF-8 is shown as JSON shows it.
+    const bool isAscii =
+        std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<uint8_t>(c) < 0x80; });
+    const std::string text = isAscii ? bytes : Json::parse(Dump(bytes)).get<std::string>();
+    std::string printable;
+    for (size_t i = 0; i < text.size(); i++) {
+        auto byte = static_cast<uint8_t>(text[i]);
+        const auto next = static_cast<uint8_t>(i + 1 < text.size() ? text[i + 1] : 0);
+        const bool isHigh = byte == 0xc2 && next >= 0x80 && next <= 0x9f; // in UTF-8
+        if (isHigh) byte = static_cast<uint8_t>(text[++i]);
+        if (byte < ' ' || byte == 0x7f || isHigh)
+            printable += fmt::format("\\x{:02x}", byte);
+        else
+            printable += text[i];
+    }
+    return printable;
 }
 
 size_t Width(std::string_view text)
@@ -166,9 +179,8 @@ void PrintRows(const std::string &title, const Json &rows, bool json)
         Print(TableText(rows));
 }
 
-void PrintError(const Error &error, bool json)
+std::string ErrorText(const Error &error, bool json)
 {
-    std::string text;
     if (json) {
         Json details = {
             {"problem", error.problem}, {"advice", error.advice}, {"exit", static_cast<int>(error.exit)}};
@@ -176,13 +188,16 @@ void PrintError(const Error &error, bool json)
             details["status"] = fmt::format("0x{:08X}", error.status);
             details["name"] = Describe(error.status).name;
         }
-        text = Dump({{"error", details}}) + "\n";
-    } else {
-        const std::string start = HasColor(STDERR_FILENO)
-                                      ? fmt::format(fmt::fg(fmt::terminal_color::red), "{}", "vsctl:")
-                                      : "vsctl:";
-        text = fmt::format("{} {}\n", start, error.message);
+        return Dump({{"error", details}}) + "\n";
     }
+    const std::string start =
+        HasColor(STDERR_FILENO) ? fmt::format(fmt::fg(fmt::terminal_color::red), "{}", "vsctl:") : "vsctl:";
+    return fmt::format("{} {}\n", start, Printable(error.message));
+}
+
+void PrintError(const Error &error, bool json)
+{
+    const std::string text = ErrorText(error, json);
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
 }
 

@@ -17,7 +17,9 @@ std::string CellText(const Json &value);
 // An aligned table with a column for each key of the rows; rows with many keys stand upright.
 std::string TableText(const Json &rows);
 void PrintRows(const std::string &title, const Json &rows, bool json);
-// One line on standard error; a JSON object with `json`.
+// One line, which ends in a newline; a JSON object with `json`.
+std::string ErrorText(const Error &error, bool json);
+// Writes it to standard error.
 void PrintError(const Error &error, bool json);
 std::string Dump(const Json &value);
 

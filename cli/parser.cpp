@@ -1,6 +1,7 @@
 // The command line. The only file that knows CLI11; it builds what the verb asked for needs and no more.
 #include "parser.h"
 
+#include <charconv>
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
@@ -105,29 +106,64 @@ const Arguments &Parser::Parse(const std::vector<std::string> &words, Options &o
 
 std::string Parser::Help() const { return app->help(); }
 
-std::vector<std::string> ParseLeading(const std::vector<std::string> &words, Options &options)
+std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words)
 {
-    size_t first = 0;
-    while (first < words.size() && words[first].starts_with("-")) {
+    auto noun = words.begin();
+    while (noun < words.end() && noun->starts_with("-")) {
         // An option of two words ends before the noun.
-        first += words[first] == "--timeout" ? 2 : 1;
+        noun += *noun == "--timeout" && noun + 1 < words.end() ? 2 : 1;
     }
-    first = std::min(first, words.size());
-    if (first == 0) return words;
-    const Verb leading{"", "", "", {}, "", "", nullptr, Effect::STEPS, nullptr};
-    Parser(leading).Parse({words.begin(), words.begin() + static_cast<ptrdiff_t>(first)}, options);
-    return {words.begin() + static_cast<ptrdiff_t>(first), words.end()};
+    std::vector<std::string> leading(words.begin(), noun);
+    words.erase(words.begin(), noun);
+    if (words.empty()) {
+        words = {"help"};
+        std::erase_if(leading, [](const std::string &word) { return word == "-h" || word == "--help"; });
+    }
+    if (leading.empty()) return words;
+    size_t used = 0;
+    FindVerb(words, used);
+    words.insert(words.begin() + static_cast<ptrdiff_t>(used), leading.begin(), leading.end());
+    return words;
 }
 
-std::vector<std::string> SplitLine(const std::string &line) { return CLI::detail::split_up(line); }
+std::vector<std::string> SplitLine(const std::string &line)
+{
+    if (line.find('\0') != std::string::npos) throw Error(Exit::USAGE, "there is a NUL byte in this line");
+    std::vector<std::string> words;
+    bool inWord = false;
+    char quote = 0;
+    for (size_t i = 0; i < line.size(); i++) {
+        const char c = line[i];
+        if (!quote && isspace(static_cast<unsigned char>(c))) {
+            inWord = false;
+            continue;
+        }
+        if (!inWord) words.emplace_back();
+        inWord = true;
+        const bool escapes = !quote || (quote == '"' && strchr("\"\\$`", line[i + 1]));
+        if (c == '\\' && quote != '\'' && i + 1 < line.size() && escapes)
+            words.back() += line[++i];
+        else if (c == quote)
+            quote = 0;
+        else if (!quote && (c == '"' || c == '\''))
+            quote = c;
+        else
+            words.back() += c;
+    }
+    if (quote) throw Error(Exit::USAGE, fmt::format("the quote {} is not closed", quote));
+    return words;
+}
 
 double ParseSeconds(const std::string &name, const std::string &text)
 {
-    static const std::map<std::string, double> UNITS = {{"ms", 0.001}, {"s", 1}, {"m", 60}, {"h", 3600}};
-    std::string number = text;
-    const std::string fault = CLI::AsNumberWithUnit(UNITS, CLI::AsNumberWithUnit::CASE_SENSITIVE)(number);
-    double seconds = 0;
-    if (!fault.empty() || !CLI::detail::lexical_cast(number, seconds) || !(seconds > 0) || seconds > 1e6)
+    static const std::map<std::string, double> UNITS = {
+        {"", 1}, {"ms", 0.001}, {"s", 1}, {"m", 60}, {"h", 3600}};
+    const char *const stop = text.data() + text.size();
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), stop, number);
+    const auto unit = UNITS.find(std::string(end, stop));
+    const double seconds = error == std::errc() && unit != UNITS.end() ? number * unit->second : 0;
+    if (!(seconds >= 0.001) || seconds > 1e6)
         throw Error(Exit::BAD_VALUE,
                     fmt::format("{} must be a time like 500ms, 30s or 2m, not '{}'", name, text));
     return seconds;

@@ -36,8 +36,8 @@ private:
 // Thrown for --help.
 struct HelpWanted {};
 
-// Takes the options before the noun off, and returns the words from the noun on.
-std::vector<std::string> ParseLeading(const std::vector<std::string> &words, Options &options);
+// Options may stand before the noun too: the same words with all of them behind the verb.
+std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words);
 // The words of a line, with quotes as in a shell.
 std::vector<std::string> SplitLine(const std::string &line);
 double ParseSeconds(const std::string &name, const std::string &text);

@@ -5,6 +5,8 @@
 #include <fmt/format.h>
 #include <set>
 
+#include "output.h"
+
 namespace vsctl {
 
 namespace {
@@ -31,6 +33,10 @@ constexpr Field PORT_FIELDS[] = {
 constexpr const char *FIXED_ATTRIBUTES[] = {"id",        "portset",    "version",    "opaque",
                                             "max-ports", "connect-id", "external-id"};
 constexpr const char *PORTS_KEY = "ports";
+// The sink bit is a part of the extra Ethernet filter: a port that names both would never be as it says.
+constexpr const char *FILTER_KEY = "eth-filter";
+constexpr const char *SINK_KEY = "sink";
+constexpr uint32_t DEFAULT_CONNECT_ID = 1; // of uplinks and opaque ports too, which take no other
 
 std::span<const Field> FieldsOf(bool ofPort)
 {
@@ -80,6 +86,37 @@ void CheckClear(const Document &document, const Json &entry, const std::string &
     }
 }
 
+void CheckFilter(const Document &document, const Json &entry, const std::string &pointer)
+{
+    const Json cleared = entry.value("clear", Json::array());
+    const auto names = [&](const char *key) {
+        return entry.contains(key) || std::find(cleared.begin(), cleared.end(), key) != cleared.end();
+    };
+    if (names(FILTER_KEY) && names(SINK_KEY))
+        throw document.At(pointer, fmt::format("has '{}' or '{}', not both", FILTER_KEY, SINK_KEY));
+}
+
+void CheckUplinks(const Document &document, const Json &entry, const std::string &pointer)
+{
+    const Json uplinks = entry.value("uplinks", Json::array());
+    const Json ports = entry.value(PORTS_KEY, Json::object());
+    for (size_t i = 0; i < uplinks.size(); i++) {
+        const std::string name = uplinks[i];
+        const std::string where = fmt::format("{}/uplinks/{}", pointer, i);
+        if (std::find(uplinks.begin(), uplinks.end(), name) - uplinks.begin() != static_cast<ptrdiff_t>(i))
+            throw document.At(where, fmt::format("names '{}' again", name));
+        if (ports.contains(name) && ports[name].value("absent", false))
+            throw document.At(where, fmt::format("the port '{}' shall be absent", name));
+    }
+}
+
+void CheckName(const Document &document, const Field &rule, const std::string &name,
+               const std::string &pointer)
+{
+    if (auto fault = FindFault(rule, name, pointer))
+        throw document.At(pointer, fmt::format("{} {}", rule.help, fault->message));
+}
+
 void CheckAbsent(const Document &document, const Json &entry, const std::string &pointer)
 {
     if (entry.value("absent", false) && entry.size() > 1)
@@ -102,6 +139,7 @@ void CheckEntry(const Document &document, const Json &entry, const std::string &
     }
     CheckClear(document, entry, pointer, ofPort);
     CheckAbsent(document, entry, pointer);
+    CheckFilter(document, entry, pointer);
 }
 
 std::string SwitchPointer(const std::string &alias) { return "/switches/" + PointerStep(alias); }
@@ -120,8 +158,7 @@ void CheckPorts(const Document &document, const Json &ports, const std::string &
             throw document.At(where, error.problem);
         }
         for (const std::string &port : names) {
-            if (port.size() >= DV_PORT_ID_SIZE)
-                throw document.At(where, "names a port with more than 47 characters");
+            CheckName(document, PORT_ID, port, where);
             if (!named.insert(port).second)
                 throw document.At(where, fmt::format("describes port {} again", port));
         }
@@ -136,9 +173,11 @@ void CheckDocument(const Document &document)
     }
     if (!document.Root().contains("switches")) throw document.At("", "a file describes 'switches'");
     for (const auto &[alias, entry] : document.Root()["switches"].items()) {
+        CheckName(document, SWITCH_ALIAS, alias, SwitchPointer(alias));
         CheckEntry(document, entry, SwitchPointer(alias), false);
         if (entry.contains(PORTS_KEY))
             CheckPorts(document, entry[PORTS_KEY], SwitchPointer(alias) + "/ports");
+        CheckUplinks(document, entry, SwitchPointer(alias));
     }
 }
 
@@ -170,8 +209,9 @@ void Planner::RequireSameAttributes(const Target &target, const Json &entry, con
             continue;
         const Json now = present.value(key, Json());
         if (now == entry[key]) continue;
-        throw document.At(fmt::format("{}/{}", pointer, key),
-                          fmt::format("cannot be changed: {} has {}", target.Text(), now.dump()));
+        throw document.At(
+            fmt::format("{}/{}", pointer, key),
+            fmt::format("cannot be changed: {} has {}", target.Text(), now.is_null() ? "none" : Dump(now)));
     }
 }
 
@@ -213,12 +253,15 @@ void Planner::AddPort(const Target &port, const Json &entry, const std::string &
         return;
     }
     const bool isUplink = std::find(uplinkNames.begin(), uplinkNames.end(), port.port) != uplinkNames.end();
+    const Json external = entry.value("external-id", Json());
     if (!present.is_null()) {
         RequireSameAttributes(port, entry, present, pointer);
-    } else if (!isUplink) {
-        Json value = {{"connect-id", entry.value("connect-id", 1u)}};
-        if (entry.contains("external-id")) value = {{"external-id", entry["external-id"]}};
-        ports.push_back({"port", port, value});
+    } else if (isUplink || !external.is_null()) {
+        const Json made = {{"connect-id", DEFAULT_CONNECT_ID}, {"external-id", isUplink ? Json() : external}};
+        RequireSameAttributes(port, entry, made, pointer);
+        if (!isUplink) ports.push_back({"port", port, {{"external-id", external}}});
+    } else {
+        ports.push_back({"port", port, {{"connect-id", entry.value("connect-id", DEFAULT_CONNECT_ID)}}});
     }
     AddPolicies(port, entry);
 }
@@ -227,7 +270,7 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry)
 {
     const Target target{alias, ""};
     const std::string pointer = SwitchPointer(alias);
-    const Json present = ReadSwitch(alias, {});
+    const Json present = ReadSwitch(alias);
     if (entry.value("absent", false)) {
         if (!present.is_null()) destructions.push_back({"switch", target, nullptr});
         return;
@@ -236,6 +279,11 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry)
         Json value = {{"id", entry.value("id", NewSwitchId())}, {"portset", entry.value("portset", alias)}};
         for (const char *key : {"version", "opaque", "max-ports"}) {
             if (entry.contains(key)) value[key] = entry[key];
+        }
+        try {
+            RequirePortsetName(value["portset"]);
+        } catch (const Error &error) {
+            throw document.At(pointer, error.problem);
         }
         creations.push_back({"switch", target, value});
     } else {
@@ -306,15 +354,18 @@ Json PlanSchema()
             {"$defs", {{"switch", EntrySchema(false)}, {"port", EntrySchema(true)}}}};
 }
 
-Json ExportFile(const std::vector<std::pair<std::string, std::vector<std::string>>> &switches)
+Json ExportFile(const std::vector<Target> &targets)
 {
     Json file;
-    for (const auto &[alias, ports] : switches) {
-        SwitchId(alias);
-        for (const std::string &port : ports) {
-            if (!PortExists({alias, port})) Check(STATUS_NOT_FOUND, "exporting", {alias, port});
+    for (const Target &target : targets) {
+        Json &entry = file["switches"][target.alias];
+        if (entry.is_null()) {
+            SwitchId(target.alias);
+            entry = ReadSwitch(target.alias);
         }
-        file["switches"][alias] = ReadSwitch(alias, ports);
+        if (target.port.empty()) continue;
+        if (!PortExists(target)) Check(STATUS_NOT_FOUND, "exporting", target);
+        entry[PORTS_KEY][target.port] = ReadPort(target);
     }
     return file;
 }

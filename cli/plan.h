@@ -11,7 +11,7 @@ namespace vsctl {
 std::vector<Step> PlanSteps(const Document &document);
 Json PlanSchema();
 // A file that describes switches and ports as they are.
-Json ExportFile(const std::vector<std::pair<std::string, std::vector<std::string>>> &switches);
+Json ExportFile(const std::vector<Target> &targets);
 
 }
 #endif

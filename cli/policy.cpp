@@ -254,11 +254,6 @@ VsStatus WriteTxUplink(const Target &target, const Json &value)
 constexpr Field LS_TABLE_FIELDS[] = {
     {"", Form::BYTES_LIST, "policies of 2748 bytes", 0, sizeof(LSTeamingPolicyEntry)}};
 
-Json TableToJson(const LSTeamingPolicyTable *table)
-{
-    return ListToJson(Entries<LSTeamingPolicyEntry>(table, table->count));
-}
-
 // The library hands a stored table on without a look at its length: the count is believed only after
 // the property's length was compared with it.
 VsStatus ReadStoredTable(const Target &target, bool byId, Json &value)
@@ -272,7 +267,7 @@ VsStatus ReadStoredTable(const Target &target, bool byId, Json &value)
     if (auto failed = property.Length(length)) return failed;
     const uint64_t needed = sizeof *table.Get() + uint64_t{table->count} * sizeof(LSTeamingPolicyEntry);
     if (needed > static_cast<uint64_t>(length)) return STATUS_FAILURE;
-    value = TableToJson(table.Get());
+    value = ListToJson(Entries<LSTeamingPolicyEntry>(table.Get(), table->count));
     return STATUS_OK;
 }
 
@@ -284,7 +279,7 @@ VsStatus ReadLiveLsTable(const Target &target, Json &value)
 {
     DriverBuffer<LSTeamingPolicyTable> table;
     if (VsStatus status = VSZOR_GetLSTeamingPolicyTable(target.Alias(), table.Out())) return status;
-    value = TableToJson(table.Get());
+    value = ListToJson(DriverEntries<LSTeamingPolicyEntry>(table.Get()));
     return STATUS_OK;
 }
 
@@ -480,12 +475,34 @@ const Policy *FindPolicy(std::string_view name, bool ofPort)
     return nullptr;
 }
 
+namespace {
+
+// A stored record that can't be read can still be removed by its key.
+Error DamagedError(const Error &error, const Policy &policy, const Target &target)
+{
+    const std::string place = policy.level == Level::PORT   ? "--port " + target.port
+                              : policy.level == Level::HOST ? "--level host"
+                                                            : "";
+    Error better(error.exit, error.problem,
+                 fmt::format("'vsctl property clear {} {} {}' removes what is stored", target.alias,
+                             policy.key, place));
+    better.status = error.status;
+    return better;
+}
+
+}
+
 Json ReadPolicy(const Policy &policy, const Target &target)
 {
     Json value;
-    const VsStatus status = policy.read(target, value);
-    if (status == STATUS_NOT_FOUND) return nullptr;
-    Check(status, fmt::format("reading {} of", policy.name), target);
+    try {
+        const VsStatus status = policy.read(target, value);
+        if (status == STATUS_NOT_FOUND) return nullptr;
+        Check(status, fmt::format("reading {} of", policy.name), target);
+    } catch (const Error &error) {
+        if (error.exit != Exit::FAILURE || !policy.CanClear()) throw;
+        throw DamagedError(error, policy, target);
+    }
     return Canonical(policy, value);
 }
 

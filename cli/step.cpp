@@ -3,13 +3,18 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <map>
 #include <sys/random.h>
 
 #include "decode.h"
+#include "limit.h"
 
 namespace vsctl {
 
 namespace {
+
+constexpr const char *UPLINK_NAMES = "com.talpex.common.uplinkPorts";
+constexpr const char *UPLINK_IDS = "com.talpex.common.host.uplinkPorts";
 
 // ---- Attributes of switches and ports that only their creation sets ----
 
@@ -54,22 +59,12 @@ void RestorePolicies(const Json &entry, const Target &target)
 
 // ---- Switches ----
 
-Json ReadSwitchItem(const Step &step) { return ReadSwitch(step.target.alias, {}); }
-
-// The library answers such names like any other failure of the shell.
-void RequirePortsetName(const std::string &name)
-{
-    if (!name.empty() && name != "." && name != ".." && name[0] != '-' && name.find('/') == std::string::npos)
-        return;
-    throw Error(Exit::BAD_VALUE, fmt::format("'{}' cannot be the name of a portset", name),
-                "take one without '/' that does not begin with '-', or give one with --portset");
-}
+Json ReadSwitchItem(const Step &step) { return ReadSwitch(step.target.alias); }
 
 void CreateSwitch(const std::string &alias, const Json &value)
 {
     const std::string id = value.value("id", "");
     const std::string portset = value.value("portset", alias);
-    RequirePortsetName(portset);
     if (SwitchExists(alias)) Check(STATUS_EXISTS, "creating", {alias, ""});
     const VsStatus status = VSDVS_CreateVSwitch(
         alias.c_str(), id.empty() ? nullptr : id.c_str(), portset.c_str(), value.value("version", 1u),
@@ -94,7 +89,40 @@ void PerformSwitch(const Step &step)
         CreateSwitch(step.target.alias, step.value);
 }
 
-bool SwitchIsDone(const Step &step) { return SwitchExists(step.target.alias) != step.value.is_null(); }
+// A portset outlives a switch whose creation or destruction was cut short.
+void RequireNoBarePortset(const std::string &portset)
+{
+    if (DeviceError(ZOR_DEVICE)) return; // nothing runs where there is no driver
+    const auto running = Portsets();
+    if (std::find(running.begin(), running.end(), portset) == running.end()) return;
+    throw Error(Exit::FAILURE,
+                fmt::format("portset {} runs without a switch, which the library cannot remove", portset),
+                fmt::format("remove it with /bin/tybel -e set /net/portsets/{}/destroy destroy", portset));
+}
+
+bool IsNamed(const std::string &alias, const std::string &portset)
+{
+    char found[PORTSET_NAME_SIZE];
+    return DVSAliasToPortsetName(alias.c_str(), found) == STATUS_OK && portset == found;
+}
+
+// A creation makes the switch, its names, its association, uplinks and ports, in this order.
+bool IsWhole(const std::string &alias, const Json &value)
+{
+    if (!SwitchExists(alias) || !IsNamed(alias, value["portset"])) return false;
+    const uint32_t uplinks = value.value("uplink-count", 0u);
+    const uint32_t ports = value.value("port-count", 0u);
+    return IsAssociated(value["portset"]) && ReadUplinks(alias).ids.size() >= uplinks &&
+           (ports == 0 || PortExists({alias, fmt::format("port{}", ports - 1)}));
+}
+
+bool SwitchIsDone(const Step &step)
+{
+    if (!step.value.is_null()) return IsWhole(step.target.alias, step.value);
+    if (SwitchExists(step.target.alias)) return false;
+    if (!step.before.is_null()) RequireNoBarePortset(step.before["portset"]);
+    return true;
+}
 
 // A creation that was cut short has left a switch without a name: it is given one, and goes by it.
 void DestroyHalfMade(const Step &step)
@@ -112,12 +140,7 @@ void DestroyHalfMade(const Step &step)
         LibraryInit();
         DestroySwitch(alias);
     }
-    if (DeviceError(ZOR_DEVICE)) return; // nothing runs where there is no driver
-    const auto running = Portsets();
-    if (std::find(running.begin(), running.end(), portset) == running.end()) return;
-    throw Error(Exit::FAILURE,
-                fmt::format("portset {} runs without a switch, which the library cannot remove", portset),
-                fmt::format("remove it with /bin/tybel -e set /net/portsets/{}/destroy destroy", portset));
+    RequireNoBarePortset(portset);
 }
 
 void AddUplinks(const std::string &alias, const std::vector<std::string> &names)
@@ -135,14 +158,15 @@ void RestoreSwitch(const Step &step)
     const std::string &alias = step.target.alias;
     const bool exists = SwitchExists(alias);
     if (step.before.is_null()) {
-        if (exists)
+        if (exists && IsNamed(alias, step.value.value("portset", alias)))
             DestroySwitch(alias);
         else if (!step.value.is_null())
             DestroyHalfMade(step);
         return;
     }
-    if (!exists) CreateSwitch(alias, step.before);
     if (exists) return;
+    RequireNoBarePortset(step.before["portset"]);
+    CreateSwitch(alias, step.before);
     AddUplinks(alias, step.before.value("uplinks", std::vector<std::string>()));
     RestorePolicies(step.before, step.target);
     RestorePorts(alias, step.before);
@@ -161,28 +185,43 @@ void AddPort(const Target &port, const Json &value)
     Check(status, "adding", port);
 }
 
+void RemovePort(const Target &port)
+{
+    Check(VSDVS_RemoveDVPort(port.Alias(), port.Port()), "removing", port);
+}
+
 void PerformPort(const Step &step)
 {
     if (step.value.is_null())
-        Check(VSDVS_RemoveDVPort(step.target.Alias(), step.target.Port()), "removing", step.target);
+        RemovePort(step.target);
     else
         AddPort(step.target, step.value);
 }
 
+// A port that was cut short may lack the external id.
 bool PortIsDone(const Step &step)
 {
-    return (SwitchExists(step.target.alias) && PortExists(step.target)) != step.value.is_null();
+    const Json now = ReadPort(step.target);
+    if (step.value.is_null() || now.is_null()) return step.value.is_null() == now.is_null();
+    return now.value("external-id", Json()) == step.value.value("external-id", Json());
+}
+
+// What only the creation of a port sets.
+bool HaveSameIds(const Json &port, const Json &other)
+{
+    return port.value("connect-id", Json()) == other.value("connect-id", Json()) &&
+           port.value("external-id", Json()) == other.value("external-id", Json());
 }
 
 void RestorePort(const Target &target, const Json &before)
 {
-    const bool exists = SwitchExists(target.alias) && PortExists(target);
-    if (before.is_null()) {
-        if (exists) Check(VSDVS_RemoveDVPort(target.Alias(), target.Port()), "removing", target);
-        return;
+    Json now = ReadPort(target);
+    if (!now.is_null() && (before.is_null() || !HaveSameIds(now, before))) {
+        RemovePort(target);
+        now = nullptr;
     }
-    if (exists) return;
-    AddPort(target, before);
+    if (before.is_null()) return;
+    if (now.is_null()) AddPort(target, before);
     RestorePolicies(before, target);
 }
 
@@ -260,18 +299,34 @@ void PerformUplinks(const Step &step)
           step.target);
 }
 
-bool UplinksAreDone(const Step &step)
+// The lists and ports that the step leaves.
+Json UplinksAfter(const Step &step)
 {
     const auto change = step.value.items().begin();
-    const Uplinks now = SwitchExists(step.target.alias) ? ReadUplinks(step.target.alias) : Uplinks();
-    const auto listed = [&now](const Json &id) {
-        return std::find(now.ids.begin(), now.ids.end(), id.get<std::string>()) != now.ids.end();
-    };
-    if (change.key() == "add") return listed(change.value());
-    if (change.key() == "remove") return !listed(change.value());
-    if (change.key() == "clear") return now.ids.empty();
-    if (change.key() == "count") return now.ids.size() == change.value().get<size_t>();
-    return now == FromJson(change.value());
+    Uplinks after = step.before.is_null() ? Uplinks() : FromJson(step.before);
+    if (change.key() == "set") after = FromJson(change.value());
+    if (change.key() == "count" || change.key() == "clear") after = {};
+    for (uint32_t i = 0; i < step.value.value("count", 0u); i++)
+        after.ids.push_back(fmt::format("uplink{}", i));
+    if (change.key() == "add") after.ids.push_back(change.value());
+    if (change.key() == "count") after.names = after.ids;
+    if (change.key() == "add") after.names.push_back(change.value());
+    const auto removed = std::find(after.ids.begin(), after.ids.end(), step.value.value("remove", ""));
+    if (removed != after.ids.end()) {
+        after.names.erase(after.names.begin() + (removed - after.ids.begin()));
+        after.ids.erase(removed);
+    }
+    return ToJson(after);
+}
+
+bool UplinksAreDone(const Step &step)
+{
+    if (!SwitchExists(step.target.alias)) return false;
+    try {
+        return ToJson(ReadUplinks(step.target.alias)) == UplinksAfter(step);
+    } catch (const Error &) {
+        return false; // the lists don't fit together halfway
+    }
 }
 
 // Writes both lists as they were. The generic setters keep them with the flags that they have anyway.
@@ -283,10 +338,8 @@ void WriteUplinkLists(const std::string &alias, const Uplinks &uplinks)
         Check(VSDVS_ClearSwitchUplinkPorts(alias.c_str()), ACTION, target);
         return;
     }
-    Check(Property{Level::GLOBAL, target, "com.talpex.common.uplinkPorts"}.Set(PackNames(uplinks)), ACTION,
-          target);
-    Check(Property{Level::HOST, target, "com.talpex.common.host.uplinkPorts"}.Set(PackIds(uplinks)), ACTION,
-          target);
+    Check(Property{Level::GLOBAL, target, UPLINK_NAMES}.Set(PackNames(uplinks)), ACTION, target);
+    Check(Property{Level::HOST, target, UPLINK_IDS}.Set(PackIds(uplinks)), ACTION, target);
 }
 
 // Ports that the step has made: those that `set`, `count` and `add` name and that were not listed before.
@@ -384,7 +437,18 @@ void PerformMirror(const Step &step)
           "appending mirror sessions to", target);
 }
 
-bool MirrorIsDone(const Step &step) { return ReadSessions(step) != step.before; }
+Json MirrorAfter(const Step &step)
+{
+    Json after = step.before.is_null() ? Json::array() : step.before;
+    for (const Json &session : step.value.value("append", Json::array()))
+        after.push_back(session);
+    std::erase_if(after.get_ref<Json::array_t &>(), [&step](const Json &session) {
+        return step.value.contains("remove") && session["id"] == step.value["remove"];
+    });
+    return after.empty() ? Json() : Canonical(MirrorPolicy(step.target), after);
+}
+
+bool MirrorIsDone(const Step &step) { return ReadSessions(step) == MirrorAfter(step); }
 
 void RestoreMirror(const Step &step)
 {
@@ -411,10 +475,16 @@ bool AdminIsDone(const Step &step) { return ReadAdmin(step) == step.value["up"];
 
 void RestoreAdmin(const Step &step)
 {
-    if (ReadAdmin(step) != step.before) SetAdmin(step, step.before);
+    try {
+        if (ReadAdmin(step) != step.before) SetAdmin(step, step.before);
+    } catch (const Error &error) {
+        if (error.exit != Exit::NOT_FOUND) throw; // its state went with the uplink
+    }
 }
 
 // ---- The table ----
+
+Json ValueOf(const Step &step) { return step.value; }
 
 struct Item {
     const char *name;
@@ -422,14 +492,15 @@ struct Item {
     void (*perform)(const Step &);
     bool (*isDone)(const Step &);
     void (*restore)(const Step &);
+    Json (*after)(const Step &) = nullptr; // what a later step about the same object finds before it
 };
 
 constexpr Item ITEMS[] = {
-    {"switch", ReadSwitchItem, PerformSwitch, SwitchIsDone, RestoreSwitch},
-    {"port", ReadPortItem, PerformPort, PortIsDone, RestorePortItem},
-    {"uplinks", ReadUplinksItem, PerformUplinks, UplinksAreDone, RestoreUplinks},
+    {"switch", ReadSwitchItem, PerformSwitch, SwitchIsDone, RestoreSwitch, ValueOf},
+    {"port", ReadPortItem, PerformPort, PortIsDone, RestorePortItem, ValueOf},
+    {"uplinks", ReadUplinksItem, PerformUplinks, UplinksAreDone, RestoreUplinks, UplinksAfter},
     {"property", ReadProperty, PerformProperty, PropertyIsDone, RestoreProperty},
-    {"mirror-sessions", ReadSessions, PerformMirror, MirrorIsDone, RestoreMirror},
+    {"mirror-sessions", ReadSessions, PerformMirror, MirrorIsDone, RestoreMirror, MirrorAfter},
     {"uplink-admin", ReadAdmin, PerformAdmin, AdminIsDone, RestoreAdmin},
 };
 
@@ -456,6 +527,15 @@ const Item &ItemOf(const Step &step)
 
 }
 
+void RequirePortsetName(const std::string &name)
+{
+    constexpr Field RULE{"", Form::TEXT, "the name of a portset", 1, PORTSET_NAME_SIZE - 1};
+    RequireName(RULE, name);
+    if (name != "." && name != ".." && name[0] != '-' && name.find('/') == std::string::npos) return;
+    throw Error(Exit::BAD_VALUE, fmt::format("'{}' cannot be the name of a portset", name),
+                "take one without '/' that does not begin with '-', or give one with --portset");
+}
+
 void ReadBefore(Step &step)
 {
     if (step.isRead) return;
@@ -464,8 +544,28 @@ void ReadBefore(Step &step)
 }
 
 void Perform(const Step &step) { ItemOf(step).perform(step); }
-bool IsDone(const Step &step) { return ItemOf(step).isDone(step); }
 void Restore(const Step &step) { ItemOf(step).restore(step); }
+
+// Steps in the journal all hold what was there before the first of them. Where what a step leaves depends on
+// that, it is carried on from each step to the next.
+void Repeat(std::span<Step> steps)
+{
+    std::map<std::pair<std::string, std::string>, Json> objects;
+    for (Step &step : steps) {
+        ThrowIfStopped();
+        const Item &item = ItemOf(step);
+        if (item.after) {
+            const auto known = objects.try_emplace({step.item, step.target.Text()}, step.before).first;
+            if (step.before.is_object() && step.before.contains("ports"))
+                known->second["ports"] = step.before["ports"]; // of uplinks
+            step.before = known->second;
+            known->second = item.after(step);
+        }
+        if (item.isDone(step)) continue;
+        if (&item != &POLICY_ITEM) item.restore(step); // it may have got half-way
+        item.perform(step);
+    }
+}
 
 bool IsRemoval(const Step &step)
 {
@@ -523,7 +623,7 @@ Json ReadPort(const Target &port)
     return entry;
 }
 
-Json ReadSwitch(const std::string &alias, const std::vector<std::string> &ports)
+Json ReadSwitch(const std::string &alias)
 {
     if (!SwitchExists(alias)) return nullptr;
     const Target target{alias, ""};
@@ -532,11 +632,23 @@ Json ReadSwitch(const std::string &alias, const std::vector<std::string> &ports)
                  NumberProperty<uint32_t>({Level::GLOBAL, target, "com.talpex.common.version"}));
     entry["opaque"] = TextProperty({Level::GLOBAL, target, "com.talpex.common.opaqueDvs"}) == "true";
     SetIfPresent(entry, "max-ports", MaxPorts(entry["portset"]));
-    entry["uplinks"] = ReadUplinks(alias).names;
+    entry["uplinks"] = ReadUplinks(alias).ids;
     AddPolicies(entry, target);
-    for (const std::string &port : ports)
-        entry["ports"][port] = ReadPort({alias, port});
     return entry;
+}
+
+namespace {
+
+template<class Entry> std::vector<std::string> StoredList(const Property &property)
+{
+    Bytes bytes;
+    std::vector<std::string> names;
+    if (property.Get(bytes) != STATUS_OK) return names;
+    for (size_t start = sizeof(uint32_t); start + sizeof(Entry) <= bytes.size(); start += sizeof(Entry))
+        names.push_back(Name(reinterpret_cast<const char *>(bytes.data() + start), sizeof(Entry)));
+    return names;
+}
+
 }
 
 Uplinks ReadUplinks(const std::string &alias)
@@ -544,7 +656,11 @@ Uplinks ReadUplinks(const std::string &alias)
     StoreBuffer<UplinkNameList> names;
     StoreBuffer<UplinkPortIdList> ids;
     const VsStatus status = VSDVS_GetSwitchUplinkPorts(alias.c_str(), names.Out(), ids.Out());
-    if (status == STATUS_NOT_FOUND) return {};
+    if (status == STATUS_NOT_FOUND) {
+        // There are no lists, or a port is gone that they name.
+        return {StoredList<UplinkName>({Level::GLOBAL, {alias, ""}, UPLINK_NAMES}),
+                StoredList<UplinkPortId>({Level::HOST, {alias, ""}, UPLINK_IDS})};
+    }
     Check(status, "reading the uplinks of", {alias, ""});
     Uplinks uplinks;
     for (const UplinkName &name : Entries<UplinkName>(names.Get(), names->count))

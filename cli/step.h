@@ -18,12 +18,19 @@ struct Step {
 // Reads what is there before the step.
 void ReadBefore(Step &step);
 void Perform(const Step &step);
-// Whether the wanted state is there already.
-bool IsDone(const Step &step);
 // Puts back what was there before, wherever the step got to; does nothing when that is there already.
 void Restore(const Step &step);
+// Carries on with steps that were cut short, wherever they got to.
+void Repeat(std::span<Step> steps);
 // Removes an object: what it was can't be put back entirely.
 bool IsRemoval(const Step &step);
+
+// What new switches and ports may be called.
+inline constexpr Field SWITCH_ALIAS{"", Form::TEXT, "the name of a switch", 1, SWITCH_ALIAS_SIZE - 1};
+inline constexpr Field SWITCH_ID{"", Form::TEXT, "the id of a switch", 1, SWITCH_ID_SIZE - 1};
+inline constexpr Field PORT_ID{"", Form::TEXT, "the name of a port", 1, DV_PORT_ID_SIZE - 1};
+// Throws when a portset cannot have this name; the library answers it like any other failure of the shell.
+void RequirePortsetName(const std::string &name);
 
 Step SetPolicy(const Policy &policy, const Target &target, const Json &value);
 // One row of output.
@@ -32,9 +39,9 @@ std::string StepText(const Step &step);
 Json ToJson(const Step &step);
 Step StepFromJson(const Json &json);
 
-// A switch or port as a file of `vsctl apply` describes it, null when there is none. The library can't
-// list a switch's ports: only those named are read.
-Json ReadSwitch(const std::string &alias, const std::vector<std::string> &ports);
+// A switch or port as a file of `vsctl apply` describes it, null when there is none. A switch's ports are
+// not among it: the library can't list them.
+Json ReadSwitch(const std::string &alias);
 Json ReadPort(const Target &port);
 
 struct Uplinks {

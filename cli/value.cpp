@@ -10,6 +10,7 @@ namespace vsctl {
 namespace {
 
 constexpr uint16_t MAX_VLAN = 4095;
+constexpr size_t MAX_RANGES = UINT16_MAX;
 constexpr size_t SESSION_ID_SIZE = sizeof MirrorSessionRecord::sessionId;
 constexpr size_t SESSION_SETTINGS_SIZE = sizeof MirrorSessionRecord::settings;
 
@@ -33,11 +34,15 @@ std::optional<Fault> FaultInEach(const Json &list, const std::string &pointer,
     return {};
 }
 
-bool IsName(const Json &value, int64_t bytes)
+bool IsText(const Json &value, int64_t min, int64_t max)
 {
-    return value.is_string() && !value.get_ref<const std::string &>().empty() &&
-           value.get_ref<const std::string &>().size() <= static_cast<size_t>(bytes);
+    if (!value.is_string()) return false;
+    const auto &text = value.get_ref<const std::string &>();
+    const auto size = static_cast<int64_t>(text.size());
+    return size >= min && size <= max && text.find('\0') == std::string::npos;
 }
+
+bool IsName(const Json &value, int64_t bytes) { return IsText(value, 1, bytes); }
 
 bool IsRange(const Json &value, int64_t)
 {
@@ -125,12 +130,8 @@ bool IsValid(const Field &field, const Json &value)
         return value.is_string() &&
                std::find(words.begin(), words.end(), value.get<std::string>()) != words.end();
     }
-    case Form::TEXT: {
-        if (!value.is_string()) return false;
-        const auto &text = value.get_ref<const std::string &>();
-        const auto size = static_cast<int64_t>(text.size());
-        return size >= field.min && size <= field.max && text.find('\0') == std::string::npos;
-    }
+    case Form::TEXT:
+        return IsText(value, field.min, field.max);
     default:
         return IsHex(value, field.max);
     }
@@ -142,7 +143,8 @@ std::optional<Fault> FindFault(const Field &field, const Json &value, const std:
 {
     switch (field.form) {
     case Form::RANGES:
-        if (value.is_array() && value.empty()) return Fault{pointer, "must name at least one VLAN"};
+        if (value.is_array() && (value.empty() || value.size() > MAX_RANGES))
+            return Fault{pointer, fmt::format("must name 1 to {} VLANs or ranges", MAX_RANGES)};
         return FaultInEach(value, pointer, IsRange, 0, Rule(field));
     case Form::BYTES_LIST:
         return FaultInEach(value, pointer, IsHex, field.max, Rule(field));
@@ -155,6 +157,13 @@ std::optional<Fault> FindFault(const Field &field, const Json &value, const std:
     }
     if (IsValid(field, value)) return {};
     return Fault{pointer, Rule(field)};
+}
+
+void RequireName(const Field &rule, const std::string &name)
+{
+    if (auto fault = FindFault(rule, name, ""))
+        throw Error(Exit::BAD_VALUE,
+                    fmt::format("{} {}, not '{}'", rule.help, fault->message, name.substr(0, 40)));
 }
 
 namespace {
@@ -236,6 +245,7 @@ Json ValueSchema(const Field &field)
     case Form::RANGES:
         return {{"type", "array"},
                 {"minItems", 1},
+                {"maxItems", MAX_RANGES},
                 {"items", {{"type", "string"}, {"pattern", "^[0-9]{1,4}(-[0-9]{1,4})?$"}}}};
     case Form::BYTES_LIST:
         return {{"type", "array"}, {"items", BytesSchema(field.max)}};

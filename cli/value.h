@@ -44,6 +44,9 @@ std::optional<Fault> FindFault(std::span<const Field> fields, const Json &value,
 Json Canonical(const Field &field, const Json &value);
 Json Canonical(std::span<const Field> fields, const Json &value);
 
+// Throws unless a new object may have this name. The rule's help says what it is the name of.
+void RequireName(const Field &rule, const std::string &name);
+
 // The value that a word of the command line stands for; throws with what is allowed.
 Json ParseWord(const Field &field, const std::string &word);
 

@@ -53,6 +53,12 @@ std::vector<Target> Arguments::Ports() const
     return ports;
 }
 
+void RefuseBytes(const Arguments &arguments, const char *fields)
+{
+    if (arguments.Has("--hex") || arguments.Has("--file"))
+        throw Error(Exit::USAGE, fmt::format("{} and --hex or --file exclude each other", fields));
+}
+
 Bytes GivenBytes(const Arguments &arguments, size_t size)
 {
     if (arguments.Has("--hex") == arguments.Has("--file"))

@@ -117,6 +117,8 @@ inline const Argument HEX{"--hex", Shape::OPTION, "bytes, as hexadecimal digits"
 inline const Argument FROM_FILE{"--file", Shape::OPTION, "file that holds the bytes (- for standard input)",
                                 Names::FILE};
 
+// Throws when --hex or --file is given beside `fields`, which say the same.
+void RefuseBytes(const Arguments &arguments, const char *fields);
 // The bytes given by --hex or --file; throws when there are neither, or not `size` of them (0: any).
 Bytes GivenBytes(const Arguments &arguments, size_t size);
 

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "change.h"
 #include "limit.h"
 #include "output.h"
 
@@ -15,8 +16,8 @@ namespace vsctl {
 namespace {
 
 // What tells one row from the others.
-constexpr const char *NAME_KEYS[] = {"switch", "portset", "port",  "uplink",  "lag",    "address",
-                                     "vlan",   "kind",    "group", "session", "option", "part"};
+constexpr const char *NAME_KEYS[] = {"switch", "portset", "port",    "uplink", "lag",  "address", "vlan",
+                                     "kind",   "group",   "session", "option", "part", "item"};
 
 std::string RowName(const Json &row, size_t index)
 {
@@ -132,8 +133,12 @@ Result Watch(const Verb &, const Arguments &arguments)
     for (uint32_t round = 0; times == 0 || round < times; round++) {
         if (round && !Pause(interval)) break;
         if (round) LibraryInit(); // the cache need not follow what others change
-        const Result now = verb.run(verb, watched);
-        if (!now.steps.empty())
+        Result now = verb.run(verb, watched);
+        if (!now.text.empty())
+            throw Error(Exit::USAGE, verb.Title() + " prints a text, which cannot be watched");
+        if (now.planOnly)
+            Change(verb.Title(), now, options);
+        else if (!now.steps.empty())
             throw Error(Exit::USAGE, verb.Title() + " would change something", "watch only reads");
         if (round == 0)
             Show(verb.Title(), now.rows, options.json);

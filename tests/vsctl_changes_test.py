@@ -3,6 +3,7 @@
 import fcntl
 import json
 import os
+import pathlib
 import re
 import signal
 import subprocess
@@ -11,10 +12,11 @@ import unittest
 
 import jsonschema
 
-from vsctl_host import (BUILD, HOST, IO_ERROR, PLAN_SCHEMA, SHELL, STORE, VSCTL, WRITES, OnHost, main, recorded)
+from vsctl_host import (BUILD, HOST, IO_ERROR, PLAN_SCHEMA, SHELL, STORE, VSCTL, WRITES, OnHost, calls, main, recorded, writes)
 
 LAB = """
 [switches.lab]
+id = "lab"
 uplinks = ["uplink0"]
 mtu = 9000
 multicast = "snooping"
@@ -31,6 +33,10 @@ override = "east"
 """ % ("aB" * 200)
 
 
+# Undo and resume take turns at the writes; under a sanitizer, where a process takes its time, at some of them.
+STRIDE = 7 if b"__asan_init" in pathlib.Path(VSCTL).read_bytes() else 2
+
+
 class Changes(OnHost):
     def test_plan_reads_only_and_apply_is_idempotent(self):
         file = self.write("lab.toml", LAB)
@@ -43,8 +49,12 @@ class Changes(OnHost):
             HOST.vshost_record(0)
             self.assertEqual(HOST.vshost_fingerprint(), before)
             if code:
+                HOST.vshost_record(1)
                 applied = self.rows("apply", file)
-                self.assertEqual([row["item"] for row in applied], [row["item"] for row in planned])
+                self.assertEqual(applied, planned)
+                touched = {text.split()[1] for _, text in calls() if _ in WRITES and text.startswith("lab ")} - {"-"}
+                self.assertEqual(touched, {row["port"] for row in planned if row["port"]} | {"uplink0"})
+                HOST.vshost_record(0)
         self.assertEqual(self.rows("apply", file), [])
         self.assertEqual(self.rows("port", "vlan", "lab", "port1")[0]["priority"], 3)
 
@@ -87,7 +97,7 @@ class Changes(OnHost):
             if done.returncode != 0:
                 self.assertNotEqual(done.returncode, 9, done.stderr)
                 self.assertEqual(self.exported(), before, f"{operation} {nth}: {done.stderr}")
-                self.assertFalse((self.directory / "host/vsctl/journal.json").exists())
+                self.assertFalse(self.journal().exists())
             else:
                 return nth  # the library does without that call
         self.fail("never goes through")
@@ -113,36 +123,63 @@ class Changes(OnHost):
         command = ["sh", "-c", start, BUILD / "tests/libkill_at.so", str(nth), VSCTL, *words]
         return subprocess.run(command, input=stdin, capture_output=True, text=True, timeout=60).returncode != 0
 
+    def journal(self):
+        return self.directory / "host/vsctl/journal.cbor"
+
     def finish(self, how):
-        """Finishes what was cut short, by the shell command that vsctl gives where the library can't; true if so."""
-        done = self.process("apply", how)
-        command = re.search(r"portset lab runs without a switch.* remove it with (/bin/tybel -e set \S+/destroy destroy)\b", done.stderr)
-        if command:
-            self.assertEqual(done.returncode, {"--undo": 9, "--resume": 1}[how])
-            subprocess.run([BUILD / "platform/tybel", *command[1].split()[1:]], check=True)
+        """Finishes what was cut short, by the shell command that vsctl gives where the library can't; how often it did."""
+        for bare in range(3):
             done = self.process("apply", how)
-        self.assertEqual(done.returncode, 0, done.stderr)
-        return bool(command)
+            command = re.search(r"portset \w+ runs without a switch.* remove it with /bin/tybel (-e set \S+/destroy destroy)\b", done.stderr)
+            if not command:
+                self.assertEqual(done.returncode, 0, done.stderr)
+                return bare
+            self.assertEqual(done.returncode, {"--undo": 9, "--resume": 1}[how])
+            subprocess.run([BUILD / "platform/tybel", *command[1].split()], check=True)
+        self.fail(done.stderr)
+
+    def state(self):
+        """What an undo must bring back, and a resumed change must come to: all but the numbers of ports."""
+        opaque = self.process("property", "get", "lab", "com.talpex.port.extraConfig.vnic.external.id", "--port", "o")
+        return self.exported(), opaque.stdout
 
     def test_kill_at_each_write_then_undo_or_resume(self):
-        before = self.exported()
-        for finish in ("--undo", "--resume"):
-            cut = bare = 0
-            for nth in range(1, 400):
-                if not self.killed_at(nth, "apply", "-", stdin=LAB):
-                    break
-                if not (self.directory / "host/vsctl/journal.json").exists():
-                    continue  # before the first step
-                cut += 1
-                self.assertIn("cut short", self.run_vsctl("batch", stdin="switch create other", code=1))
-                bare += self.finish(finish)
-                if finish == "--resume":
-                    self.assertEqual(self.rows("plan", "-", stdin=LAB), [])
-                    self.run_vsctl("switch", "destroy", "lab")
-                self.assertEqual(self.exported(), before, nth)
-            self.assertGreater(cut, 20)
-            self.assertGreater(bare, 0)
-            self.run_vsctl("switch", "destroy", "lab")
+        one, two = self.write("one", '[{"id": "s1"}]'), self.write("two", '[{"id": "s2"}, {"id": "s3"}]')
+        lines = ["uplink add lab u8 u9", f"mirror append lab {one} port0", f"mirror append lab {two} port0", "mirror remove lab s2 port0",
+                 f"port eth-filter lab port1 {'ab' * 200}", "port sink lab port1 off", "port vlan lab port2 5", "port vlan lab port2 6",
+                 "port remove lab o", "port add-opaque lab o text", "property set lab k --text a", "property set lab k --text b",
+                 "uplink remove lab uplink0", "uplink clear lab", "uplink set lab port9 e2", "uplink down lab nic1"]
+        prepare = ["switch create lab --id lab --uplinks 2 --ports 4", "port add-opaque lab o \udcff"]
+        for prepared, words, stdin in (([], ["apply", "-"], LAB), (prepare, ["batch", "--allow-removals"], "\n".join(lines)),
+                                       (["switch create lab --id lab --uplinks 1 --version 7"], ["batch", "--allow-removals"],
+                                        "switch destroy lab\nswitch create other --id other --ports 2 --uplinks 2")):
+            def restart():
+                for alias in ("lab", "other"):
+                    self.process("switch", "destroy", alias)
+                for line in prepared:
+                    self.run_vsctl(*line.split())
+            restart()
+            before = self.state()
+            self.run_vsctl(*words, stdin=stdin)
+            after = self.state()
+            restart()
+            for finish, wanted in (("--undo", before), ("--resume", after)):
+                cut = bare = 0
+                for nth in range(1 + (finish == "--resume"), 400, STRIDE):
+                    if not self.killed_at(nth, *words, stdin=stdin):
+                        break
+                    if not self.journal().exists():
+                        continue  # before the first step
+                    if not cut:
+                        self.assertIn("cut short", self.run_vsctl("batch", stdin="switch create other", code=1))
+                    cut += 1
+                    bare += self.finish(finish)
+                    self.assertEqual(self.state(), wanted, f"{finish} after a cut at write {nth}")
+                    if finish == "--resume":
+                        restart()
+                self.assertGreater(cut, 20 / STRIDE)
+                self.assertTrue(bare or prepared)
+                restart()
 
     def test_confirmation(self):
         before = self.exported()
@@ -156,7 +193,7 @@ class Changes(OnHost):
             pass
         self.assertIn("waits", self.run_vsctl("port", "vlan", "lab", "port0..port1", "7", code=1))
         for _ in range(100):
-            if not (self.directory / "host/vsctl/journal.json").exists():
+            if not self.journal().exists():
                 break
             time.sleep(0.1)
         self.assertEqual(self.exported(), before)
@@ -180,6 +217,97 @@ class Changes(OnHost):
         self.assertEqual(len(self.rows("batch", stdin="\n".join(lines))), 1 + 500 + 499 + 1)
         self.assertEqual(self.rows("property", "get", "big", "com.example.x")[0]["text"], "a b")
         self.assertEqual(self.rows("port", "vlan", "big", "p498")[0]["id"], 498)
+
+    def test_batch_with_a_failing_line_in_each_place(self):
+        self.create()
+        lines = ["port vlan lab port0 5", "port add lab x", 'property set lab k --text "a b"', "uplink add lab u9", "switch create other --ports 2",
+                 "port security lab x 7", "switch mtu lab 4000", "port nested-vlan lab port1 on"]
+        before = self.exported()
+        for place in range(len(lines) + 1):
+            for bad, code in (("port vlan lab nope 1", 3), ("port add lab port0", 4), ("port vlan lab port0 4096", 5), ("port vlna lab x 1", 2),
+                              ("switch list", 2), ('switch create "x', 2), ("mac props", 2), ("port security lab port0", 2), ("port vlan lab x 1 --dry-run", 2), ("switch destroy lab\nswitch create lab", 2)):
+                text = "\n".join([*lines[:place], bad, *lines[place:]])
+                HOST.vshost_record(1)
+                error = self.run_vsctl("batch", "--allow-removals", code=code, stdin=text)
+                if code in (2, 5):
+                    self.assertEqual(writes(), [])
+                    self.assertIn("two changes" if "destroy" in bad else f"standard input:{place + 1}:", error)
+            self.assertEqual(self.exported(), before, f"{bad} in line {place + 1}")
+        text = "# first\r\n\r\n  vsctl property set lab k --text 'a \\ \"b'\r\n" + r'property set lab l --text a\ "b\" c"d' + "\nport override lab port0 ''"
+        self.rows("batch", stdin=text)
+        for key, wanted in (("k", 'a \\ "b'), ("l", 'a b" cd')):
+            self.assertEqual(self.rows("property", "get", "lab", key)[0]["text"], wanted)
+        self.assertEqual(self.rows("port", "override", "lab", "port0")[0]["override"], "")
+
+    def test_dry_run_before_the_noun_changes_nothing_either(self):
+        self.create()
+        file = self.write("lab.toml", "[switches.lab]\nmtu = 4000\n")
+        for words in (["mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01"], ["mac", "props", "--aging", "7"], ["option", "set", "3=9"],
+                      ["option", "set", "--hex", "04000000"], ["rtm", "send", "7", "--hex", "00" * 9], ["uplink", "numa", "lab"],
+                      ["uplink", "down", "lab", "nic0"], ["port", "vlan", "lab", "port0", "9"], ["apply", file], ["switch", "destroy", "lab"]):
+            for order in (["--dry-run", *words], [*words, "--dry-run"]):
+                HOST.vshost_record(1)
+                self.assertIn(self.process(*order, "--json").returncode, (0, 10))
+                self.assertEqual(writes(), [], order)
+
+    def test_changes_of_one_host_come_one_at_a_time(self):
+        self.create()
+        alone = [subprocess.Popen([VSCTL, "batch"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, text=True) for _ in range(6)]
+        for number, process in enumerate(alone):
+            process.stdin.write("".join(f"port vlan lab port{port} {number}\n" for port in range(4)) * 20)
+            process.stdin.close()
+        self.assertEqual([process.wait() for process in alone], [0] * 6)
+        self.assertEqual(len({self.rows("port", "vlan", "lab", f"port{port}")[0]["id"] for port in range(4)}), 1)
+        path = self.directory / "host/vsctl/lock"
+        with open(path, "w") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            late = subprocess.Popen([VSCTL, "apply", self.write("late", "[switches.lab]\nmtu = 4000\n")], stderr=subprocess.PIPE, text=True)
+            while str(path) not in [os.path.realpath(file) for file in pathlib.Path(f"/proc/{late.pid}/fd").iterdir()]:
+                time.sleep(0.01)  # it has made its plan when it has come to the lock
+            HOST.vshost_scenario(b"{}")
+            subprocess.run([BUILD / "platform/tybel", "-e", "set", "/net/portsets/lab/mtu", "3000"], check=True)
+        self.assertIn("changed by somebody else", late.communicate()[1])
+        self.assertEqual(self.rows("switch", "mtu", "lab")[0]["mtu"], 3000)
+
+    def test_a_signal_during_a_change_undoes_it(self):
+        self.create()
+        before = self.exported()
+        for stop in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            change = subprocess.Popen([VSCTL, "port", "add", "lab", "p0..p60000"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            while not self.journal().exists():
+                time.sleep(0.001)
+            change.send_signal(stop)
+            out, error = change.communicate()
+            self.assertEqual((change.returncode, out), (1, ""))
+            self.assertIn(signal.strsignal(stop), error)
+            self.assertFalse(self.journal().exists())
+            self.assertEqual(self.exported(), before)
+            self.run_vsctl("port", "show", "lab", "p0", code=3)
+
+    def test_a_journal_that_cannot_be_understood(self):
+        self.create()
+        for content in (b"", b"{}", b"\xa1fformat\x02", b"\xff" * 99):
+            self.journal().write_bytes(content)
+            self.assertIn("cannot be understood", str(self.rows("doctor", code=10)))
+            self.assertIn("move the file away", self.run_vsctl("batch", stdin="port add lab x", code=1))
+
+    def test_an_uplink_whose_port_is_gone_stays_in_the_lists(self):
+        self.create()
+        self.run_vsctl("port", "remove", "lab", "uplink0")
+        self.assertEqual([row["port"] for row in self.rows("uplink", "list", "lab")], ["uplink0", "uplink1"])
+        self.assertEqual(self.exported()["lab"]["uplinks"], ["uplink0", "uplink1"])
+        self.run_vsctl("port", "add", "lab", "uplink0")
+        self.run_vsctl("uplink", "remove", "lab", "uplink0", "uplink1")
+        self.assertEqual(self.exported()["lab"]["uplinks"], [])
+
+    def test_export_takes_a_switch_by_any_name_and_in_parts(self):
+        self.create()
+        self.rows("switch", "create", "lab/port0", "--portset", "x")
+        text = self.run_vsctl("export", "lab/port1", "lab/port0", "lab/port2,uplink0", "--json")
+        self.assertEqual({alias: list(entry.get("ports", {})) for alias, entry in json.loads(text)["switches"].items()},
+                         {"lab": ["port1", "port2", "uplink0"], "lab/port0": []})
+        self.rows("port", "add-opaque", "lab", "o", "\udcff")
+        self.assertIn("UTF-8", self.run_vsctl("export", "lab/o", code=1))
 
     def test_time_limit(self):
         self.create()

@@ -38,13 +38,23 @@ class Call(ctypes.Structure):
                 ("text", ctypes.c_char * 512), ("input", ctypes.c_ubyte * 256)]
 
 
-def recorded():
-    calls = []
+def calls():
+    """Operation and text of each recorded call."""
+    found = []
     for index in range(HOST.vshost_call_count()):
         call = Call()
         HOST.vshost_call(index, ctypes.byref(call))
-        calls.append(call.operation.decode())
-    return calls
+        found.append((call.operation.decode(), call.text.decode()))
+    return found
+
+
+def recorded():
+    return [operation for operation, _ in calls()]
+
+
+def writes():
+    """The recorded calls that change something."""
+    return [call for call in recorded() if call in WRITES or call.isdigit() and int(call) > 8192]
 
 
 class OnHost(unittest.TestCase):
@@ -70,6 +80,15 @@ class OnHost(unittest.TestCase):
         self.assertEqual(done.stderr, "", words)
         return done.stdout
 
+    def refused(self, words, code, *reasons, stdin=None):
+        """The error holds the reasons, and nothing was written on the way to it."""
+        with self.subTest(words=[str(word)[:80] for word in words], stdin=(stdin or "")[:200]):
+            HOST.vshost_record(1)
+            error = self.run_vsctl(*words, code=code, stdin=stdin)
+            for reason in reasons:
+                self.assertIn(reason, error)
+            self.assertEqual(writes(), [])
+
     def rows(self, *words, code=0, stdin=None):
         answer = json.loads(self.run_vsctl(*words, "--json", code=code, stdin=stdin))
         OUTPUT.validate(answer)
@@ -89,6 +108,7 @@ class OnHost(unittest.TestCase):
         switches = {}
         for row in self.rows("switch", "list"):
             name = row["switch"]
+            self.assertIsNotNone(name, row)
             ports = [p for p in ("port0", "port1", "port2", "port3", "uplink0", "uplink1")
                      if self.process("port", "number", name, p).returncode == 0]
             words = name + ("/" + ",".join(ports) if ports else "")
