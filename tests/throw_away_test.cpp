@@ -137,6 +137,26 @@ TEST(ThrowAway, ManyAreMadeAndRemovedAtOnce)
         EXPECT_FALSE(IsLeft(directory));
 }
 
+TEST(ThrowAway, ItsFilesAreNoStandardStreams)
+{
+    std::string found;
+    const pid_t child = Start(found, [] {
+        const int told = dup(STDOUT_FILENO);
+        for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+            close(stream);
+        if (vshost_start(nullptr, 0) != 0 || DVSZOR_SwitchAdd("id", "vswitch", 8, 1) != STATUS_OK) return;
+        for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            std::error_code closed;
+            const fs::path file = fs::read_symlink("/proc/self/fd/" + std::to_string(stream), closed);
+            dprintf(told, file.native().starts_with(vshost_directory()) ? "%s " : "none ", file.c_str());
+        }
+        dprintf(told, "\n");
+        vshost_stop();
+    });
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(found, "none none none ");
+}
+
 void MakeUnlocked(const std::string &directory)
 {
     fs::create_directory(directory);

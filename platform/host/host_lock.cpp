@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "platform/host/engine.h"
+
 namespace vshost {
 namespace {
 
@@ -74,8 +76,9 @@ bool HostLock::Take(const std::string &directory, bool inherited)
 {
     struct stat status = {};
     Release();
-    fd = open((directory + LOCK_FILE).c_str(), O_RDWR | O_CREAT | (inherited ? 0 : O_CLOEXEC), 0644);
-    if (fd < 0 || !Flock(fd, LOCK_SH) || fstat(fd, &status) != 0) return false;
+    fd = OpenKeptFile(directory + LOCK_FILE, O_RDWR | O_CREAT);
+    if (fd < 0 || (inherited && fcntl(fd, F_SETFD, 0) != 0)) return false;
+    if (!Flock(fd, LOCK_SH) || fstat(fd, &status) != 0) return false;
     if (status.st_nlink > 0) return true;
     errno = ENOENT;
     return false;
