@@ -123,14 +123,19 @@ _vsctl()
     candidates=("${(@f)$(vsctl complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")
     if [[ -n "${candidates[1]}" ]]; then compadd -a candidates; else _files; fi
 }
-compdef _vsctl vsctl
+if [[ $funcstack[1] == _vsctl ]]; then _vsctl "$@"; else compdef _vsctl vsctl; fi
 )";
 
 constexpr const char *FISH = R"(function __vsctl_candidates
     set -l words (commandline -opc) (commandline -ct)
-    vsctl complete -- $words[2..-1] 2>/dev/null
+    set -l candidates (vsctl complete -- $words[2..-1] 2>/dev/null)
+    if count $candidates >/dev/null
+        printf '%s\n' $candidates
+    else
+        __fish_complete_path (commandline -ct)
+    end
 end
-complete -c vsctl -a '(__vsctl_candidates)'
+complete -c vsctl -f -a '(__vsctl_candidates)'
 )";
 
 }

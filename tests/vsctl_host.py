@@ -66,6 +66,11 @@ class OnHost(unittest.TestCase):
         self.assertEqual(HOST.vshost_start(str(self.directory / "host").encode(), 0), 0, HOST.vshost_error())
         self.addCleanup(HOST.vshost_stop)
 
+    def environment(self, **more):
+        """That of the host, which this process's own copy doesn't know, with more."""
+        host = subprocess.run(["env", "-0"], capture_output=True, text=True).stdout
+        return dict(line.split("=", 1) for line in host.split("\0") if line) | more
+
     def process(self, *words, stdin=None, **options):
         return subprocess.run([VSCTL, *words], input=stdin, capture_output=True, text=True, timeout=120, **options)
 
