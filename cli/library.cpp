@@ -48,7 +48,8 @@ std::string ReadFile(const std::string &path)
     if (descriptor > STDIN_FILENO) close(descriptor);
     if (length < 0) {
         throw Error(error == EACCES ? Exit::PERMISSION : Exit::NOT_FOUND,
-                    fmt::format("{} cannot be read: {}", path, strerror(error)));
+                    fmt::format("{} cannot be read: {}", path, strerror(error)),
+                    "name a file, or - for standard input");
     }
     return text;
 }

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """Every verb of vsctl for its effect, its output and its exit codes."""
+import fcntl
 import json
 import re
 import subprocess
@@ -179,6 +180,20 @@ class Verbs(OnHost):
         self.assertEqual((away.returncode, away.stdout), (6, ""), away.stderr)
         done = self.process(*port, "--json")
         self.assertEqual(json.loads(done.stderr)["error"]["name"], "STATUS_EXISTS")
+
+    def test_errors_are_objects_with_json(self):
+        self.create()
+        with open(self.directory / "host/vsctl/lock", "w") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            for words, code in ((["swich", "list"], 2), (["port", "vlan"], 2), (["port", "vlan", "lab", "port0", "--bogus"], 2), (["plan", "/none"], 3),
+                                (["switch", "show", "none"], 3), (["port", "vlan", "lab", "port0", "4096"], 5), (["watch", "switch", "show", "none"], 3),
+                                (["watch", "export", "lab"], 2), (["port", "vlan", "lab", "port0", "5", "--timeout", "50ms"], 8)):
+                for order in (["--json", *words], [*words, "--json"]):
+                    done = self.process(*order)
+                    error = json.loads(done.stderr)["error"]
+                    self.assertEqual((done.returncode, done.stdout, error["exit"], done.stderr.count("\n")), (code, "", code, 1), order)
+                    self.assertGreater(len(error["problem"]), 10, order)
+                self.assertRegex(self.process(*words).stderr, r"\Avsctl: [^\n]+\n\Z")
 
     def test_dry_run_changes_nothing(self):
         self.create()
