@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs the commands in docs/*.md and compares their output, and checks the links of every page.
+"""Runs the commands in README.md and docs/*.md and compares their output, and checks the links of every page.
 
 usage: guides_test.py SOURCE BUILD
 
@@ -45,6 +45,7 @@ def matches(expected, output):
 def run_page(page, view, home):
     blocks = [m for m in FENCE.finditer(page.read_text()) if m["kind"] == "sh" and not m["skip"]]
     script = "set -eu\n" + "".join(f"{{\n{m['body']}}} >{home}/out{i} 2>&1\n" for i, m in enumerate(blocks))
+    script = script.replace("/tmp/first", f"{home}/first")
     ended = subprocess.run(["bash", "-c", script], cwd=view, env={**os.environ, "HOME": str(home)}, timeout=300)
     for index, block in enumerate(blocks):
         file = home / f"out{index}"
@@ -57,6 +58,20 @@ def run_page(page, view, home):
             yield f"{page.name}: expected\n{block['output']}but the output is\n{output}"
 
 
+def run_session(page, view, home):
+    """The session of README.md: what comes behind `vshost run -- bash` is typed there."""
+    session = re.search(r"^```console\n.*? -- bash\n(.*?)^```$", page.read_text(), re.M | re.S)[1]
+    steps = [step.split("\n", 1) for step in re.split(r"^\$ ", session, flags=re.M)[1:]]
+    script = "".join(f"{{ {command}\n}} >{home}/out{i} 2>&1\n" for i, (command, _) in enumerate(steps))
+    build = view / "build/release"
+    path = f"{build}:{build}/platform:{os.environ['PATH']}"
+    subprocess.run(["vshost", "run", "--", "bash", "-c", script], cwd=home, env={**os.environ, "PATH": path}, timeout=60)
+    for index, (command, expected) in enumerate(steps):
+        output = (home / f"out{index}").read_text()
+        if not matches(expected, output):
+            yield f"{page.name}: {command}\nis to say\n{expected}but says\n{output}"
+
+
 def main():
     source, build = (Path(argument).resolve() for argument in sys.argv[1:])
     tracked = subprocess.run(["git", "ls-files", "*.md"], cwd=source, capture_output=True, text=True).stdout.split()
@@ -64,7 +79,7 @@ def main():
     first = re.search(r"```c\n(.*?)^```$", (source / "README.md").read_text(), re.M | re.S).group(1)
     if first != (source / "examples/first.c").read_text():
         faults.append("README.md: the first program is not examples/first.c")
-    for page in sorted(source.glob("docs/*.md")):
+    for page in [source / "README.md", *sorted(source.glob("docs/*.md"))]:
         if page.name in NOT_RUN:
             continue
         with tempfile.TemporaryDirectory() as folder:
@@ -76,6 +91,8 @@ def main():
                     (view / entry.name).symlink_to(entry)
             (view / "build/release").symlink_to(build)
             faults += run_page(page, view, home)
+            if page.parent == source:
+                faults += run_session(page, view, home)
     print("\n".join(faults) or f"{len(tracked)} pages: links and commands are right")
     return bool(faults)
 
