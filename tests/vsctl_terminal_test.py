@@ -30,14 +30,20 @@ class Terminal(OnHost):
         for leading in (["--json", "watch"], ["watch", "--json"]):
             watch = subprocess.Popen([VSCTL, *leading, "--interval", "20ms", "--times", "3000", "switch", "list"], stdout=subprocess.PIPE, text=True)
             self.assertEqual(len(json.loads(watch.stdout.readline())["result"]), 1)
+            added = {}
+
+            def follow(until):
+                while not until():  # it may look while the change is half made
+                    answer = json.loads(watch.stdout.readline())
+                    OUTPUT.validate(answer)
+                    for change in answer["changes"]:
+                        self.assertNotEqual(change["before"], change["after"])
+                        added[change["object"], change["field"]] = change["after"]
             self.run_vsctl("switch", "create", "new", "--id", "i")
-            change = json.loads(watch.stdout.readline())
-            OUTPUT.validate(change)
-            self.assertEqual([c["after"] for c in change["changes"] if c["field"] in ("switch", "id")][:1], ["new"])
+            follow(lambda: added.get(("new new", "id")) == "i")
+            self.assertEqual(added["new new", "switch"], "new")
             self.run_vsctl("switch", "destroy", "new")
-            while (gone := json.loads(watch.stdout.readline()))["changes"][0]["after"] is not None:
-                OUTPUT.validate(gone)
-            self.assertTrue(all(c["before"] is not None and c["after"] is None for c in gone["changes"]), gone)
+            follow(lambda: set(added.values()) == {None})
             watch.terminate()
             self.assertEqual(watch.wait(10), 0)
             watch.stdout.close()
@@ -108,18 +114,17 @@ class Terminal(OnHost):
         self.write("installed/.zshrc", zsh + f"fpath=({self.directory} $fpath); compinit -u -D\n")  # as the package has it
         (self.directory / "sourced").mkdir()
         self.write("sourced/.zshrc", zsh + "compinit -u -D; source <(vsctl completion zsh)\n")
-        for shell in (f"bash --noprofile --rcfile {bash} -i", *(f"ZDOTDIR={self.directory}/{kind} zsh -i" for kind in ("installed", "sourced"))):
+        for number, shell in enumerate((f"bash --noprofile --rcfile {bash} -i", *(f"ZDOTDIR={self.directory}/{kind} zsh -i" for kind in ("installed", "sourced")))):
             with self.subTest(shell):
-                self.check_terminal(shell)
+                self.check_terminal(shell, str(self.directory / f"tmux{number}"))
 
-    def check_terminal(self, shell):
-        socket = str(self.directory / "tmux")
+    def check_terminal(self, shell, socket):
         tmux = lambda *words: subprocess.run(["tmux", "-S", socket, *words], capture_output=True, text=True, check=True).stdout
         tmux("-f", "/dev/null", "new-session", "-d", "-x", "120", "-y", "40", shell)
         self.addCleanup(subprocess.run, ["tmux", "-S", socket, "kill-server"], capture_output=True)
 
         def until(pattern, *capture):
-            for _ in range(100):
+            for _ in range(400):
                 screen = tmux("capture-pane", "-p", *capture)
                 if re.search(pattern, screen, re.M):
                     return screen
