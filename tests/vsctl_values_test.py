@@ -177,6 +177,8 @@ class Values(OnHost):
                 ("[switches.lab]\nmtu = 1500.5\n", "2:1", "9000"), ("[switches.lab]\nmtu = 1979-05-27\n", "2:1", "9000"),
                 ("[switches.lab]\nmtu = 0x10000\n", "2:1", "9000"), ('[switches."a\\u0000b"]\n', "1:", "127"), ('{"switches": {"a\x01": {}}}', "1:", "not JSON")):
             self.refused(["plan", "-"], 5, *reasons, stdin=text)
+        names = {"ab": {}, "a/b": {"portset": "x"}, "a~1b": {}, "a~/b": {"portset": "y"}}  # told apart in a fault's place
+        self.assertEqual(len(self.rows("plan", "-", stdin=json.dumps({"switches": names}), code=10)), 4)
         broken = self.directory / "broken"
         for text in (b'[switches."\xff"]', b'{"switches": {"\xff": {}}}'):
             broken.write_bytes(text)
