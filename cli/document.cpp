@@ -106,7 +106,6 @@ struct CountingIterator {
         return *this;
     }
     bool operator==(const CountingIterator &other) const { return at == other.at; }
-    bool operator!=(const CountingIterator &other) const { return at != other.at; }
 
     const char *at;
     const char **reached;
