@@ -360,6 +360,55 @@ TEST_F(Driver, FaultsAnswersAndRecording)
     EXPECT_EQ(memcmp(calls[1].input, &input, sizeof input), 0);
 }
 
+TEST_F(Driver, WhatTestsAskForHasLimits)
+{
+    const std::string bytes(1048577, 'x'), longName(64, 'o'), longVerb(16, 'v');
+    const auto fail = [](vshost_kind kind, const char *operation, unsigned nth) {
+        return vshost_fail(kind, operation, nth, 1, EBUSY);
+    };
+    const std::pair<int, int> refused[] = {
+        {vshost_answer(4106, 1, bytes.data(), 65537), EINVAL},
+        {vshost_answer(4106, 1, nullptr, 1), EINVAL},
+        {vshost_shell_output("get", bytes.data(), 1048577), EINVAL},
+        {vshost_shell_output("get", nullptr, 1), EINVAL},
+        {vshost_shell_output(nullptr, bytes.data(), 1), EINVAL},
+        {vshost_shell_output(longVerb.c_str(), bytes.data(), 1), EINVAL},
+        {fail(VSHOST_DRIVER, nullptr, 0), EINVAL},
+        {fail(VSHOST_DRIVER, longName.c_str(), 1), EINVAL},
+        {fail(VSHOST_CLOSE, nullptr, 1), EINVAL},
+        {fail(static_cast<vshost_kind>(0), nullptr, 1), EINVAL},
+    };
+    for (size_t i = 0; i < std::size(refused); i++)
+        EXPECT_EQ(refused[i].first, refused[i].second) << i;
+    EXPECT_NE(std::string(vshost_error()).find("out of range"), std::string::npos);
+    for (int round = 0; round < 2; round++) {
+        for (int i = 0; i < 65; i++)
+            EXPECT_EQ(fail(VSHOST_DRIVER, longName.c_str() + 1, 1), i < 64 ? 0 : ENOSPC) << i;
+        for (int i = 0; i < 17; i++)
+            EXPECT_EQ(vshost_answer(4106, 1, bytes.data(), 65536), i < 16 ? 0 : ENOSPC) << i;
+        for (int i = 0; i < 5; i++)
+            EXPECT_EQ(vshost_shell_output(longVerb.c_str() + 1, bytes.data(), 1048576), i < 4 ? 0 : ENOSPC)
+                << i;
+        vshost_clear();
+    }
+    // Of more calls than are kept, the newest ones are there.
+    constexpr size_t KEPT = 65536;
+    vshost_record(1);
+    for (size_t i = 0; i < KEPT / 2; i++)
+        close(open(VSWITCH_DRIVER_DEVICE, O_RDWR));
+    open(VSWITCH_DRIVER_RTM_DEVICE, O_RDWR | O_CREAT | O_EXCL, 0600);
+    Call call = {};
+    EXPECT_EQ(vshost_call_count(), KEPT + 1);
+    EXPECT_EQ(vshost_call(0, &call), ENOENT);
+    EXPECT_EQ(vshost_call(1, &call), 0);
+    EXPECT_EQ(vshost_call(KEPT, &call), 0);
+    EXPECT_STREQ(call.text, VSWITCH_DRIVER_RTM_DEVICE);
+    EXPECT_EQ(call.outcome, static_cast<uint32_t>(EEXIST));
+    EXPECT_EQ(vshost_call(KEPT + 1, &call), ENOENT);
+    vshost_record(1);
+    EXPECT_EQ(vshost_call_count(), 0u);
+}
+
 TEST_F(Driver, RtmTakesAnyCommandOfTheRightLength)
 {
     std::vector<unsigned char> record(9 + 2 * 128);
