@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -362,6 +363,38 @@ TEST_F(StoreTest, ForgetsARemovedSwitchWhole)
         ASSERT_EQ(DVSZOR_SwitchRemove(ID), STATUS_OK);
         EXPECT_EQ(vshost_fingerprint(), before);
     }
+}
+
+// What each difference between two hosts must show in.
+TEST_F(StoreTest, FingerprintsTellNamesValuesAndFlagsApart)
+{
+    const std::function<VsStatus()> changes[] = {
+        [] { return DVSZOR_SwitchAdd("a", "vswitch", 8, 1); },
+        [] { return DVSZOR_SwitchAdd("b", "vswitch", 8, 1); },
+        [] { return AddPort("a", "x"); },
+        [] { return AddPort("b", "x"); },
+        [] { return SetGlobal("a", KEY, "1"); },
+        [] { return SetGlobal("b", KEY, "1"); },
+        [] { return SetGlobal("a", KEY, "2"); },
+        [] { return SetGlobal("a", "k2", "2"); },
+        [] { return DVSZOR_GlobalPropSet("a", KEY, "2", 1, 0); },
+        [] { return DVSZOR_SwitchAssociate("a"); },
+        [] { return DVSZOR_SwitchRemove("a"); },
+        [] { return DVSZOR_SwitchRemove("b"); },
+    };
+    const uint64_t before = vshost_fingerprint();
+    std::set<uint64_t> seen = {before};
+    for (size_t i = 0; i < std::size(changes); i++) {
+        EXPECT_EQ(changes[i](), STATUS_OK) << i;
+        EXPECT_EQ(seen.insert(vshost_fingerprint()).second, i + 1 < std::size(changes)) << i;
+    }
+    EXPECT_EQ(vshost_fingerprint(), before);
+    // The same rows but for one name.
+    ASSERT_EQ(DVSZOR_SwitchAdd("a", "vswitch", 8, 1), STATUS_OK);
+    const uint64_t named = vshost_fingerprint();
+    ASSERT_EQ(DVSZOR_SwitchRemove("a"), STATUS_OK);
+    ASSERT_EQ(DVSZOR_SwitchAdd("b", "vswitch", 8, 1), STATUS_OK);
+    EXPECT_NE(vshost_fingerprint(), named);
 }
 
 TEST_F(StoreTest, WalksFromTheLongestPortsetNameToNone)
