@@ -694,6 +694,10 @@ TEST_F(Driver, GroupsByVlanAndKind)
     EXPECT_EQ(+Query<VSwitchRarpStats>(VSWITCH_GET_RARP_STATS, Input()).sent, 3u);
     EXPECT_EQ(+Query<VSwitchTeamingStats>(VSWITCH_GET_SERVICE_TEAMING_STATS, Input()).failovers, 2u);
     EXPECT_EQ(+Query<VSwitchLearningProps>(VSWITCH_GET_LEARNING_PROPS, Input()).agingSeconds, 5u);
+    EXPECT_EQ(vshost_scenario(R"({"macLearning": {"enabled": false}})"), 0) << vshost_error();
+    const auto learning = Query<VSwitchLearningProps>(VSWITCH_GET_LEARNING_PROPS, Input());
+    EXPECT_EQ(+learning.enabled, 0u);
+    EXPECT_EQ(+learning.agingSeconds, 5u) << "what a scenario doesn't name stays";
 }
 
 TEST_F(Driver, AScenarioIsTakenWholeOrNotAtAll)
