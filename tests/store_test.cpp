@@ -236,7 +236,7 @@ TEST_F(StoreTest, StopsAtDamage)
     for (int i = 8; i < 200; i++)
         ASSERT_EQ(AddPort(ID, "p" + std::to_string(i)), STATUS_OK);
     vshost_stop();
-    for (off_t page = 10; page < 20; page++)
+    for (off_t page = 4; page < 8; page++)
         Overwrite(page * 4096, std::string(4096, 'x'));
     const std::string before = Content();
     ASSERT_EQ(Start(), 0) << vshost_error();
@@ -257,7 +257,7 @@ TEST_F(StoreTest, StopsAtDamage)
 TEST_F(StoreTest, RefusesADamagedRowAlone)
 {
     using namespace std::string_view_literals;
-    Sql("UPDATE kv SET value = substr(value, 1, 60) WHERE key = " + Literal("port\0id\0p1"sv));
+    Sql("UPDATE kv SET value = substr(value, 1, length(value) - 1) WHERE key = " + Literal("port\0id\0p1"sv));
     void *value = nullptr;
     uint32_t length = 0;
     EXPECT_EQ(DVSZOR_PortDataGet(ID, "p1", KEY, &value, &length), STATUS_IO_ERROR);

@@ -1,94 +1,126 @@
 // The codec of property bundles.
 #include "platform/host/bundle.h"
 
-#include <array>
+#include <algorithm>
 #include <cstring>
+#include <iterator>
+
+#include <zlib.h>
+
+#include "platform/host/known_keys.h"
 
 namespace vshost {
 namespace {
 
 constexpr uint32_t MAGIC = 0x42505356; // "VSPB"
 constexpr uint32_t VERSION = 1;
-constexpr size_t ENTRY_HEADER = 12;
 
 uint32_t ReadWord(const char *at)
 {
     uint32_t word;
-    memcpy(&word, at, sizeof word);
+    memcpy(&word, at, sizeof(word));
     return word;
 }
 
-void WriteWord(char *at, uint32_t word) { memcpy(at, &word, sizeof word); }
-
-// CRC-32C, reflected. Processors of this decade have an instruction for it.
-constexpr uint32_t POLYNOMIAL = 0x82F63B78;
-
-constexpr std::array<uint32_t, 256> MakeTable()
-{
-    std::array<uint32_t, 256> table{};
-    for (uint32_t byte = 0; byte < table.size(); ++byte) {
-        uint32_t remainder = byte;
-        for (int bit = 0; bit < 8; ++bit)
-            remainder = remainder >> 1 ^ (remainder & 1 ? POLYNOMIAL : 0);
-        table[byte] = remainder;
-    }
-    return table;
-}
-
-uint32_t AddBytes(uint32_t crc, std::string_view bytes)
-{
-    static constexpr std::array<uint32_t, 256> TABLE = MakeTable();
-    for (const char byte : bytes)
-        crc = crc >> 8 ^ TABLE[(crc ^ static_cast<unsigned char>(byte)) & 0xFF];
-    return crc;
-}
-
-[[gnu::target("sse4.2")]] uint32_t AddWords(uint32_t crc, std::string_view words)
-{
-    uint64_t wide = crc;
-    for (size_t at = 0; at < words.size(); at += sizeof wide) {
-        uint64_t word;
-        memcpy(&word, words.data() + at, sizeof word);
-        wide = __builtin_ia32_crc32di(wide, word);
-    }
-    return static_cast<uint32_t>(wide);
-}
+void WriteWord(char *at, uint32_t word) { memcpy(at, &word, sizeof(word)); }
 
 uint32_t Checksum(std::string_view bytes)
 {
-    static const bool hasInstruction = __builtin_cpu_supports("sse4.2");
-    const size_t wholeWords = hasInstruction ? bytes.size() / sizeof(uint64_t) * sizeof(uint64_t) : 0;
-    const uint32_t crc = hasInstruction ? AddWords(~0u, bytes.substr(0, wholeWords)) : ~0u;
-    return ~AddBytes(crc, bytes.substr(wholeWords));
+    return static_cast<uint32_t>(crc32_z(0, reinterpret_cast<const Bytef *>(bytes.data()), bytes.size()));
+}
+
+// ---- Numbers of an entry: 7 bits a byte, the lowest first; the top bit says that more follow ----
+
+constexpr size_t MAX_NUMBER = 5;
+
+size_t NumberSize(uint32_t number)
+{
+    size_t size = 1;
+    while (number >>= 7)
+        size++;
+    return size;
+}
+
+char *WriteNumber(char *at, uint32_t number)
+{
+    for (; number >= 0x80; number >>= 7)
+        *at++ = static_cast<char>(number | 0x80);
+    *at++ = static_cast<char>(number);
+    return at;
+}
+
+// False when the number leaves the bytes or exceeds 32 bits.
+bool ReadNumber(std::string_view &bytes, uint32_t &number)
+{
+    uint64_t read = 0;
+    for (size_t i = 0; i < std::min(bytes.size(), MAX_NUMBER); i++) {
+        const auto byte = static_cast<unsigned char>(bytes[i]);
+        read |= static_cast<uint64_t>(byte & 0x7F) << 7 * i;
+        if (byte & 0x80) continue;
+        bytes.remove_prefix(i + 1);
+        number = static_cast<uint32_t>(read);
+        return read <= UINT32_MAX;
+    }
+    return false;
+}
+
+// ---- Entries ----
+
+// Position of the key in the list of known ones, from 1; 0 when it is spelled out.
+unsigned char KeyCode(std::string_view key)
+{
+    static_assert(std::size(KNOWN_KEYS) < UINT8_MAX);
+    const auto known = std::find(std::begin(KNOWN_KEYS), std::end(KNOWN_KEYS), key);
+    if (known == std::end(KNOWN_KEYS)) return 0;
+    return static_cast<unsigned char>(known - std::begin(KNOWN_KEYS) + 1);
+}
+
+uint32_t Length(std::string_view text) { return static_cast<uint32_t>(text.size()); }
+
+char *WriteText(char *at, std::string_view text)
+{
+    at = WriteNumber(at, Length(text));
+    return at + text.copy(at, text.size());
+}
+
+bool ReadText(std::string_view &bytes, std::string_view &text)
+{
+    uint32_t length = 0;
+    if (!ReadNumber(bytes, length) || bytes.size() < length) return false;
+    text = bytes.substr(0, length);
+    bytes.remove_prefix(length);
+    return true;
+}
+
+bool ReadKey(std::string_view &bytes, std::string_view &key)
+{
+    if (bytes.empty()) return false;
+    const auto code = static_cast<unsigned char>(bytes[0]);
+    bytes.remove_prefix(1);
+    if (code == 0) return ReadText(bytes, key) && KeyCode(key) == 0;
+    if (code > std::size(KNOWN_KEYS)) return false;
+    key = KNOWN_KEYS[code - 1];
+    return true;
 }
 
 uint32_t EntryCount(std::string_view bundle) { return ReadWord(bundle.data() + 12); }
 
-// Walks the entries. Next() is false at the end and at an entry that leaves the bundle.
+// Walks the entries. Next() is false at the end and at an entry that is damaged or leaves the bundle.
 class EntryWalk {
 public:
     explicit EntryWalk(std::string_view bundle)
-        : at(bundle.data() + BUNDLE_HEADER), end(bundle.data() + bundle.size() - BUNDLE_TRAILER)
+        : left(bundle.substr(BUNDLE_HEADER, bundle.size() - BUNDLE_HEADER - BUNDLE_TRAILER))
     {}
 
-    bool AtEnd() const { return at == end; }
-    const char *Position() const { return at; }
+    bool AtEnd() const { return left.empty(); }
+    const char *Position() const { return left.data(); }
     bool Next(BundleEntry &entry)
     {
-        if (Left() < ENTRY_HEADER) return false;
-        const size_t keyLength = ReadWord(at), valueLength = ReadWord(at + 8);
-        if (Left() - ENTRY_HEADER < keyLength + valueLength) return false;
-        const char *key = at + ENTRY_HEADER;
-        entry = {{key, keyLength}, ReadWord(at + 4), {key + keyLength, valueLength}};
-        at = key + keyLength + valueLength;
-        return true;
+        return ReadKey(left, entry.key) && ReadNumber(left, entry.flags) && ReadText(left, entry.value);
     }
 
 private:
-    size_t Left() const { return static_cast<size_t>(end - at); }
-
-    const char *at;
-    const char *end;
+    std::string_view left;
 };
 
 // Offset of the entry of `key`, or npos.
@@ -158,18 +190,18 @@ bool RemoveEntry(std::string &bundle, std::string_view key)
     return true;
 }
 
-size_t EntrySize(const BundleEntry &entry) { return ENTRY_HEADER + entry.key.size() + entry.value.size(); }
+size_t EntrySize(const BundleEntry &entry)
+{
+    const size_t keySize = KeyCode(entry.key) ? 0 : NumberSize(Length(entry.key)) + entry.key.size();
+    return 1 + keySize + NumberSize(entry.flags) + NumberSize(Length(entry.value)) + entry.value.size();
+}
 
 char *WriteEntry(char *at, const BundleEntry &entry)
 {
-    WriteWord(at, static_cast<uint32_t>(entry.key.size()));
-    WriteWord(at + 4, entry.flags);
-    WriteWord(at + 8, static_cast<uint32_t>(entry.value.size()));
-    char *key = at + ENTRY_HEADER;
-    entry.key.copy(key, entry.key.size());
-    char *value = key + entry.key.size();
-    entry.value.copy(value, entry.value.size());
-    return value + entry.value.size();
+    const unsigned char code = KeyCode(entry.key);
+    *at++ = static_cast<char>(code);
+    if (code == 0) at = WriteText(at, entry.key);
+    return WriteText(WriteNumber(at, entry.flags), entry.value);
 }
 
 void SealBundle(char *bundle, size_t length, uint32_t count)

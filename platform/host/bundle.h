@@ -1,8 +1,10 @@
 // A property bundle: keyed values in one byte string, with a length and a checksum. The same format
 // stands in stored rows and is what DVSData_Serialize hands out:
 //     magic, version, total length, entry count          u32 each
-//     entries: key length, flags, value length (u32 each), key, value
-//     CRC-32C of all that precedes                        u32
+//     entries: key, flags, value
+//     CRC-32 of all that precedes                         u32
+// A key is one byte: its place in known_keys.h, or 0 with the length and the text behind it. A value has its
+// length before it. Flags and lengths take 7 bits a byte.
 #ifndef PLATFORM_HOST_BUNDLE_H
 #define PLATFORM_HOST_BUNDLE_H
 
