@@ -444,10 +444,6 @@ protected:
     Found Open(const Image &image)
     {
         const std::string host = folder + "/cut/hosts/host";
-        if (look) {
-            Put(image);
-            look(host + "/host.db");
-        }
         Put(image);
         EXPECT_EQ(vshost_start(host.c_str(), durable), 0) << vshost_error();
         Found found = {vshost_fingerprint(), {}};
@@ -524,7 +520,6 @@ protected:
     std::string folder;
     int durable = 1;
     std::map<Image, Found> opened;
-    std::function<void(const std::string &database)> look; // at what a cut leaves
 };
 
 // From the first start on: a switch made in its several steps, changes of all kinds, two checkpoints (in
@@ -582,46 +577,6 @@ TEST_F(PowerCut, FallsBackToAnEarlierStateWhereThatIsAllowed)
 {
     durable = 0;
     Run();
-}
-
-// An upgrade from version 1, whose free numbers had a table of their own, and which counted and listed
-// nothing.
-TEST_F(PowerCut, AnUpgradeIsWholeOrNotBegun)
-{
-    constexpr char OLDER[] =
-        "DELETE FROM kv WHERE key BETWEEN CAST('numbers' AS BLOB) AND CAST('numbers~' AS BLOB)"
-        "  OR key BETWEEN CAST('listed' AS BLOB) AND CAST('listed~' AS BLOB)"
-        "  OR key = x'6E756D62657200FFFFFFFF00FFFFFFFC';" // number 3
-        "INSERT INTO kv VALUES(x'667265650000000003', x'');"
-        "PRAGMA user_version=1";
-    const PortMACLearningConfig learning = {1, 0, 17, 0};
-    ASSERT_EQ(Start(), 0) << vshost_error();
-    LibraryInit();
-    for (const char *name : {"first", "second", "none"})
-        ASSERT_EQ(VSDVS_CreateVSwitch(name, name, nullptr, 1, 0, 0, 0, *name == 'n' ? 0 : 3), STATUS_OK);
-    ASSERT_EQ(VSDVS_SetPortMACLearning("second", "port1", &learning), STATUS_OK);
-    ASSERT_EQ(VSDVS_ConfigureSinkPort("second", "port0", 1), STATUS_OK);
-    ASSERT_EQ(VSDVS_RemoveDVPort("first", "port2"), STATUS_OK);
-    const uint64_t whole = vshost_fingerprint();
-    vshost_stop();
-    Sql(Host() + "/host.db", OLDER);
-
-    std::set<std::string> seen;
-    look = [&](const std::string &database) {
-        seen.insert(Sql(database,
-                        "SELECT (SELECT user_version FROM pragma_user_version) || ' ' ||"
-                        " sum(key BETWEEN CAST('numbers' AS BLOB) AND CAST('numbers~' AS BLOB)) || ' ' ||"
-                        " sum(key BETWEEN CAST('listed' AS BLOB) AND CAST('listed~' AS BLOB)) || ' ' ||"
-                        " sum(key = x'667265650000000003') FROM kv"));
-    };
-    Record();
-    EXPECT_EQ(TheRecorder().Last(), whole);
-    EXPECT_EQ(VSDVS_AddDVPort("second", "new", 1), STATUS_OK);
-    uint32_t number = 0;
-    EXPECT_EQ(VSDVS_DvPortIDToPortID("second", "new", &number), STATUS_OK);
-    EXPECT_EQ(number, 3u) << "the free number is known";
-    CutEverywhere();
-    EXPECT_EQ(seen, (std::set<std::string>{"1 0 0 1", "2 3 2 0"}));
 }
 
 // Faults and the other memory of a host end with the machine, whatever a disk kept of them.

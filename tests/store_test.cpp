@@ -191,10 +191,9 @@ TEST_F(StoreTest, RefusesFilesThatAreNotItsOwn)
     }
 }
 
-// The version counts that the log has, when another program keeps it from the file's header.
-TEST_F(StoreTest, UpgradesAnOlderFormatWhenNobodyElseIsOnIt)
+// The version in the log counts when another program keeps it out of the file's header.
+TEST_F(StoreTest, RefusesAnotherFormatByName)
 {
-    const uint64_t before = vshost_fingerprint();
     int told[2], end[2];
     ASSERT_EQ(pipe(told) | pipe(end), 0);
     vshost_stop();
@@ -206,10 +205,9 @@ TEST_F(StoreTest, UpgradesAnOlderFormatWhenNobodyElseIsOnIt)
     ASSERT_EQ(read(told[0], &byte, 1), 1);
     const struct {
         const char *version, *complaint;
-    } cases[] = {{"0", "no format version"}, {"3", "newer program"}, {"1", "older format and is in use"}};
+    } cases[] = {{"0", "no format version"}, {"2", "newer program"}};
     for (const auto &row : cases) {
-        const std::string set = std::string("PRAGMA user_version=") + row.version;
-        Sql(set);
+        Sql(std::string("PRAGMA user_version=") + row.version);
         const std::string content = Content(), log = Content("-wal");
         EXPECT_EQ(Start(), EIO) << row.version;
         EXPECT_NE(std::string(vshost_error()).find(row.complaint), std::string::npos) << vshost_error();
@@ -217,16 +215,6 @@ TEST_F(StoreTest, UpgradesAnOlderFormatWhenNobodyElseIsOnIt)
     }
     ASSERT_EQ(write(end[1], "x", 1), 1);
     EXPECT_EQ(Wait(other), 0);
-    ASSERT_EQ(Start(), 0) << vshost_error();
-    EXPECT_EQ(vshost_fingerprint(), before);
-    vshost_stop();
-    Sql("PRAGMA user_version=1");
-    const auto upgrade = [&] { return Start() == 0 && vshost_fingerprint() == before; };
-    std::vector<pid_t> together;
-    for (int i = 0; i < 4; i++)
-        together.push_back(Fork(upgrade));
-    for (const pid_t child : together)
-        EXPECT_EQ(Wait(child), 0) << "one upgrades, the others wait";
     for (int descriptor : {told[0], told[1], end[0], end[1]})
         close(descriptor);
 }

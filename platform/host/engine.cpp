@@ -24,6 +24,7 @@ constexpr const char *LOCK_FILE = "/write.lock";
 constexpr uint32_t APPLICATION_ID = 0x76737764; // "vswd"
 constexpr const char *CREATE_TABLE =
     "CREATE TABLE kv(key BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;";
+constexpr int64_t FORMAT = 1; // of the tables; a host of another one is refused
 constexpr size_t FILE_HEADER = 100;
 constexpr char FILE_MAGIC[] = "SQLite format 3";
 
@@ -90,16 +91,16 @@ uint32_t HeaderWord(const unsigned char *at)
 }
 
 // What is wrong with a database file, by its header alone; empty when nothing is.
-std::string FaultOfHeader(const unsigned char *header, size_t length, int64_t newest)
+std::string FaultOfHeader(const unsigned char *header, size_t length)
 {
     if (length < FILE_HEADER || memcmp(header, FILE_MAGIC, sizeof FILE_MAGIC) != 0)
         return "is damaged or no database: its header is not one";
     if (HeaderWord(header + 68) != APPLICATION_ID) return "is the database of another program";
     const uint32_t version = HeaderWord(header + 60);
     if (version == 0) return "is damaged: its header names no format version";
-    if (version > newest)
+    if (version > FORMAT)
         return "has format version " + std::to_string(version) + ", newer than version " +
-               std::to_string(newest) + " of this program; use the newer program";
+               std::to_string(FORMAT) + " of this program; use the newer program";
     return {};
 }
 
@@ -330,13 +331,13 @@ void Abandon(std::unique_ptr<Connection> &connection)
 }
 
 // The identity goes into the file before write-ahead logging starts, so that the header alone tells it.
-VsStatus Build(const std::string &path, int64_t version, std::string &message)
+VsStatus Build(const std::string &path, std::string &message)
 {
     Connection connection(path);
     VsStatus status = connection.Open(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     if (status == STATUS_OK)
         status = connection.Execute("PRAGMA application_id=" + std::to_string(APPLICATION_ID) + ";" +
-                                    CREATE_TABLE + "PRAGMA user_version=" + std::to_string(version) +
+                                    CREATE_TABLE + "PRAGMA user_version=" + std::to_string(FORMAT) +
                                     ";PRAGMA journal_mode=WAL;");
     if (status != STATUS_OK) message = path + ": cannot make the database: " + connection.Message();
     return status;
@@ -361,11 +362,11 @@ VsStatus SyncPathTo(const std::string &directory)
 
 // Under a name of its own until it is whole: a database that exists is never half made, and not without
 // the way to it. Its own name is synced by the first commit, with that of the log.
-VsStatus Create(const std::string &directory, int64_t version, std::string &message)
+VsStatus Create(const std::string &directory, std::string &message)
 {
     const std::string path = directory + NEW_DATABASE_FILE;
     unlink(path.c_str());
-    VsStatus status = Build(path, version, message);
+    VsStatus status = Build(path, message);
     if (status == STATUS_OK && (status = SyncPathTo(directory)))
         message = directory + ": cannot put the way to it on disk";
     if (status != STATUS_OK) {
@@ -377,23 +378,23 @@ VsStatus Create(const std::string &directory, int64_t version, std::string &mess
     return STATUS_OK;
 }
 
-VsStatus CreateIfMissing(const std::string &directory, int64_t version, int lockFd, std::string &message)
+VsStatus CreateIfMissing(const std::string &directory, int lockFd, std::string &message)
 {
     const std::string path = directory + DATABASE_FILE;
     if (access(path.c_str(), F_OK) == 0) return STATUS_OK;
     if (!LockFile(lockFd)) return FailOnErrno(directory + LOCK_FILE, "lock the file", message);
-    const VsStatus status = access(path.c_str(), F_OK) == 0 ? STATUS_OK : Create(directory, version, message);
+    const VsStatus status = access(path.c_str(), F_OK) == 0 ? STATUS_OK : Create(directory, message);
     flock(lockFd, LOCK_UN);
     return status;
 }
 
-VsStatus CheckHeader(const std::string &path, int64_t newest, std::string &message)
+VsStatus CheckHeader(const std::string &path, std::string &message)
 {
     FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     unsigned char header[FILE_HEADER];
     const ssize_t length = file.number < 0 ? -1 : read(file.number, header, sizeof header);
     if (length < 0) return FailOnErrno(path, "read the file", message);
-    const std::string fault = FaultOfHeader(header, static_cast<size_t>(length), newest);
+    const std::string fault = FaultOfHeader(header, static_cast<size_t>(length));
     if (fault.empty()) return STATUS_OK;
     message = path + " " + fault;
     return STATUS_IO_ERROR;
@@ -444,9 +445,8 @@ void Transaction::InvalidateCaches()
     if (changes % 2 == 0) ++changes;
 }
 
-Engine::Engine(std::string directory, Durability durability, StoreCounters counters,
-               std::span<const Upgrade> upgrades)
-    : directory(std::move(directory)), durability(durability), counters(counters), upgrades(upgrades)
+Engine::Engine(std::string directory, Durability durability, StoreCounters counters)
+    : directory(std::move(directory)), durability(durability), counters(counters)
 {}
 
 Engine::~Engine()
@@ -455,71 +455,39 @@ Engine::~Engine()
 }
 
 VsStatus Engine::Open(const std::string &directory, Durability durability, StoreCounters counters,
-                      std::span<const Upgrade> upgrades, HostLock &lock, std::unique_ptr<Engine> &engine,
-                      std::string &message)
+                      std::unique_ptr<Engine> &engine, std::string &message)
 {
-    std::unique_ptr<Engine> opened(new Engine(directory, durability, counters, upgrades));
+    std::unique_ptr<Engine> opened(new Engine(directory, durability, counters));
     const std::string path = directory + DATABASE_FILE;
     opened->lockFd = OpenLockFile(directory);
     if (opened->lockFd < 0) return FailOnErrno(directory + LOCK_FILE, "open the file", message);
-    if (VsStatus status = CreateIfMissing(directory, opened->Version(), opened->lockFd, message))
-        return status;
-    if (VsStatus status = CheckHeader(path, opened->Version(), message)) return status;
+    if (VsStatus status = CreateIfMissing(directory, opened->lockFd, message)) return status;
+    if (VsStatus status = CheckHeader(path, message)) return status;
     if (VsStatus status = opened->Connect(opened->reader)) {
         message = path + " cannot be opened; see that this user may read and write it";
         return status;
     }
-    if (VsStatus status = opened->CheckTable(lock, message)) return status;
+    if (VsStatus status = opened->CheckTable(message)) return status;
     engine = std::move(opened);
     return STATUS_OK;
 }
 
 // The version counts as the log has it: the file's header may lag behind. The first read of the table
 // shows damage at its root.
-VsStatus Engine::CheckTable(HostLock &lock, std::string &message)
+VsStatus Engine::CheckTable(std::string &message)
 {
     const std::string path = directory + DATABASE_FILE;
     int64_t version = 0, entries = 0;
     VsStatus status = reader->Number("PRAGMA user_version", version);
-    if (status == STATUS_OK && (version < 1 || version > Version())) {
+    if (status == STATUS_OK && (version < 1 || version > FORMAT)) {
         message = path + (version < 1 ? " is damaged: it has no format version"
-                                      : " has been upgraded by a newer program; use that");
+                                      : " was written by a newer program; use that one");
         return STATUS_IO_ERROR;
     }
-    if (status == STATUS_OK && version < Version() && (status = UpgradeAlone(lock, message))) return status;
     if (status == STATUS_OK)
         status = reader->Number("SELECT count(*) FROM (SELECT 1 FROM kv LIMIT 1)", entries);
     if (status != STATUS_OK) message = path + " is damaged or cannot be read: " + reader->Message();
     return status;
-}
-
-// Whoever is on the host knows the old version alone, but for those that have just come and see this too.
-VsStatus Engine::UpgradeAlone(HostLock &lock, std::string &message)
-{
-    constexpr int TRIES = 100;
-    constexpr useconds_t PAUSE = 10000;
-    const std::string path = directory + DATABASE_FILE;
-    for (int i = 0; !lock.TakeAlone(directory); ++i) {
-        if (i == TRIES) {
-            message = path + " has an older format and is in use; end the programs on this host, "
-                             "so that it can be upgraded";
-            return STATUS_IO_ERROR;
-        }
-        usleep(PAUSE);
-    }
-    const VsStatus status = Write([this](Transaction &transaction) { return RunUpgrades(transaction); });
-    if (status != STATUS_OK) message = path + " cannot be upgraded to this program's format";
-    if (!lock.Take(directory, false)) return FailOnErrno(directory, "lock the host", message);
-    return status;
-}
-
-VsStatus Engine::RunUpgrades(Transaction &transaction)
-{
-    int64_t version = 0;
-    if (VsStatus status = writer->Number("PRAGMA user_version", version)) return status;
-    for (auto step = static_cast<size_t>(version - 1); step < upgrades.size(); ++step)
-        if (VsStatus status = upgrades[step](transaction)) return status;
-    return writer->Execute("PRAGMA user_version=" + std::to_string(Version()));
 }
 
 VsStatus Engine::Connect(std::unique_ptr<Connection> &connection)

@@ -89,17 +89,14 @@ private:
 };
 
 using Work = std::function<VsStatus(Transaction &)>;
-using Upgrade = VsStatus (*)(Transaction &);
 
 class Engine : public Reader {
 public:
     // Opens the database of a host directory and makes it when there is none. A file that is damaged,
     // foreign or newer than this engine is refused and never written to. `message` then says which file
-    // it is and what is wrong with it. An older file is upgraded, all or nothing: step i of `upgrades` makes
-    // version i + 1 the next one. `lock` is held on the directory; nobody else may be there meanwhile.
+    // it is and what is wrong with it.
     static VsStatus Open(const std::string &directory, Durability durability, StoreCounters counters,
-                         std::span<const Upgrade> upgrades, HostLock &lock, std::unique_ptr<Engine> &engine,
-                         std::string &message);
+                         std::unique_ptr<Engine> &engine, std::string &message);
     ~Engine() override;
 
     VsStatus Get(std::string_view key, std::string &value) override;
@@ -121,14 +118,10 @@ private:
     };
     using Batch = std::vector<Request *>;
 
-    Engine(std::string directory, Durability durability, StoreCounters counters,
-           std::span<const Upgrade> upgrades);
+    Engine(std::string directory, Durability durability, StoreCounters counters);
     VsStatus Connect(std::unique_ptr<Connection> &connection);
     void Lead(std::unique_lock<std::mutex> &lock);
-    int64_t Version() const { return static_cast<int64_t>(upgrades.size()) + 1; }
-    VsStatus CheckTable(HostLock &lock, std::string &message);
-    VsStatus UpgradeAlone(HostLock &lock, std::string &message);
-    VsStatus RunUpgrades(Transaction &transaction);
+    VsStatus CheckTable(std::string &message);
     VsStatus Checked(const Connection &connection, VsStatus status);
     void Commit(const Batch &batch);
     VsStatus CommitLocked(const Batch &batch);
@@ -139,7 +132,6 @@ private:
     const std::string directory;
     const Durability durability;
     const StoreCounters counters;
-    const std::span<const Upgrade> upgrades;
     static constexpr uint64_t NEVER = UINT64_MAX;
 
     std::atomic<bool> damaged = false;

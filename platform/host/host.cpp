@@ -226,8 +226,8 @@ VsStatus Host::Open(const std::string &directory, Durability durability, bool cr
     std::unique_ptr<Host> opened(new Host(directory, durability));
     if (VsStatus status = PrepareDirectory(directory, create, opened->lock, message)) return status;
     if (VsStatus status = Control::Open(directory, opened->control, message)) return status;
-    if (VsStatus status = Engine::Open(directory, durability, opened->control->Counters(), UPGRADES,
-                                       opened->lock, opened->engine, message))
+    if (VsStatus status =
+            Engine::Open(directory, durability, opened->control->Counters(), opened->engine, message))
         return status;
     host = std::move(opened);
     return STATUS_OK;

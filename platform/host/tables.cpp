@@ -296,22 +296,6 @@ VsStatus RemovePorts(Transaction &transaction, std::string_view switchId)
     return STATUS_OK;
 }
 
-// A damaged port counts; what is on for it cannot be known.
-VsStatus CountAndListPortsOf(Transaction &transaction, std::string_view switchId)
-{
-    uint32_t ports = 0;
-    std::vector<std::string> listed;
-    const auto look = [&](std::string_view key, std::string_view row) {
-        const std::string_view bundle = row.substr(std::min(row.size(), WORD));
-        if (CheckBundle(bundle)) AddListedKeys(switchId, LastField(key), bundle, listed);
-        ++ports;
-        return true;
-    };
-    if (VsStatus status = transaction.Scan(PortKey(switchId, ""), look)) return status;
-    if (VsStatus status = PutAll(transaction, listed)) return status;
-    return PutCount(transaction, switchId, ports);
-}
-
 }
 
 std::string FreeNumbers() { return Key({"number", BigEndian(UINT32_MAX), ""}); }
@@ -534,26 +518,6 @@ VsStatus ClearProperty(Transaction &transaction, const PropertyOwner &owner, std
     const auto remove = [&](std::string &bundle) { return RemoveEntry(bundle, key); };
     ChangeBundle(row, owner.level, remove);
     return PutRow(transaction, owner, row, key, &before, nullptr);
-}
-
-// Version 1 had neither counts nor lists, and the free numbers in a table of their own.
-VsStatus CountAndListPorts(Transaction &transaction)
-{
-    std::vector<std::string> switchIds, freeKeys;
-    VsStatus status = transaction.Scan(Key({"switch", ""}), [&](std::string_view key, std::string_view) {
-        switchIds.emplace_back(LastField(key));
-        return true;
-    });
-    if (!status)
-        status = transaction.Scan(Key({"free", ""}), [&](std::string_view key, std::string_view) {
-            freeKeys.push_back(FreeKey(FromBigEndian(key.substr(key.size() - WORD))));
-            return true;
-        });
-    if (!status) status = PutAll(transaction, freeKeys);
-    if (!status) status = RemoveAll(transaction, Key({"free", ""}));
-    for (size_t i = 0; i < switchIds.size() && !status; ++i)
-        status = CountAndListPortsOf(transaction, switchIds[i]);
-    return status;
 }
 
 }

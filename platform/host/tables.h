@@ -94,10 +94,6 @@ VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, std::
                      uint32_t flags, std::string_view value);
 VsStatus ClearProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key);
 
-// Step i makes tables of format version i + 1 those of the next version.
-VsStatus CountAndListPorts(Transaction &transaction);
-inline constexpr std::array<Upgrade, 1> UPGRADES{CountAndListPorts};
-
 } // namespace vshost
 
 #endif
