@@ -572,7 +572,7 @@ TEST_F(StoreTest, AReadOnlyDirectorySaysSo)
     const auto attach = [&] {
         if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return false;
         setenv("VSHOST_DIR", directory.c_str(), 1);
-        return vshost_start(directory.c_str(), 1) == EACCES &&
+        return vshost_start(directory.c_str(), 1) == EROFS &&
                std::string(vshost_error()).find(directory) != std::string::npos;
     };
     EXPECT_EQ(Wait(Fork(attach)), 0);

@@ -15,24 +15,6 @@ template<size_t size> bool ReadName(const char (&field)[size], std::string &name
 
 }
 
-int ErrnoOf(VsStatus status, int absent)
-{
-    switch (status) {
-    case STATUS_OK:
-        return 0;
-    case STATUS_NOT_FOUND:
-        return absent;
-    case STATUS_NO_MEMORY:
-        return ENOMEM;
-    case STATUS_NO_SPACE:
-        return ENOSPC;
-    case STATUS_READ_ONLY:
-        return EROFS;
-    default:
-        return EIO;
-    }
-}
-
 int ReadProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value)
 {
     Property property;

@@ -81,9 +81,6 @@ private:
     size_t countOffset = 0;
 };
 
-// The errno value for a status of the host's tables; `absent` for STATUS_NOT_FOUND.
-int ErrnoOf(VsStatus status, int absent);
-
 using Handler = int (*)(Request &); // 0 or an errno value
 
 // A row of the table of commands. An inLength of 0 is checked by the handler.

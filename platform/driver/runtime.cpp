@@ -1,6 +1,7 @@
 #include "platform/driver/runtime.h"
 
 #include <algorithm>
+#include <charconv>
 #include <map>
 
 namespace vshost {
@@ -26,6 +27,23 @@ std::string ClaimKey(std::string_view switchName, std::string_view portId)
 }
 
 std::string OnDemandKey(uint32_t number) { return Key({RUN, "demand", ""}) + BigEndian(number); }
+
+// The number in the name of a NIC that was made on demand; STATUS_NOT_FOUND when it is none of those names.
+VsStatus OnDemandNumber(std::string_view name, uint32_t &number)
+{
+    constexpr std::string_view PREFIX = "nic";
+    if (!name.starts_with(PREFIX)) return STATUS_NOT_FOUND;
+    const char *end = name.data() + name.size();
+    const auto [rest, error] = std::from_chars(name.data() + PREFIX.size(), end, number);
+    return error == std::errc() && rest == end ? STATUS_OK : STATUS_NOT_FOUND;
+}
+
+VsStatus ForgetOnDemand(Transaction &transaction, std::string_view name)
+{
+    uint32_t number;
+    const VsStatus status = OnDemandNumber(name, number);
+    return status ? STATUS_IO_ERROR : transaction.Remove(OnDemandKey(number));
+}
 
 std::string BigEndian16(uint16_t number) { return BigEndian(number).substr(2); }
 
@@ -130,8 +148,7 @@ VsStatus Unbind(Transaction &transaction, std::string_view name, Nic nic)
     if (status) return status;
     if (nic.madeOnDemand) {
         status = transaction.Remove(runtime::NicKey(name));
-        const auto number = static_cast<uint32_t>(std::stoul(std::string(name.substr(3))));
-        return status ? status : transaction.Remove(OnDemandKey(number));
+        return status ? status : ForgetOnDemand(transaction, name);
     }
     SetField(nic.switchId, {});
     SetField(nic.portId, {});
@@ -328,8 +345,7 @@ VsStatus PutNic(Transaction &transaction, std::string_view name, Nic nic)
     VsStatus status = STATUS_OK;
     if (nic.madeOnDemand) {
         nic.madeOnDemand = 0;
-        const auto number = static_cast<uint32_t>(std::stoul(std::string(name.substr(3))));
-        status = transaction.Remove(OnDemandKey(number));
+        status = ForgetOnDemand(transaction, name);
     }
     return status ? status : Store(transaction, name, nic);
 }
@@ -385,6 +401,28 @@ VsStatus BindNic(Transaction &transaction, std::string_view name, std::string_vi
     if (!oldPort.empty() && (status = transaction.Remove(BoundKey(oldSwitch, oldPort)))) return status;
     if ((status = Bind(transaction, name, nic, switchId, portId))) return status;
     return oldPort.empty() ? STATUS_OK : UplinksChanged(transaction, oldSwitch);
+}
+
+VsStatus RestoreNic(Transaction &transaction, const NamedNic &had, std::string_view switchId,
+                    std::string_view portId)
+{
+    Nic nic;
+    uint32_t number;
+    VsStatus status = GetRecord(transaction, runtime::NicKey(had.name), nic);
+    const bool isGone = status == STATUS_NOT_FOUND;
+    if (isGone && had.nic.madeOnDemand) {
+        status = OnDemandNumber(had.name, number);
+        if (!status) status = transaction.Put(OnDemandKey(number), had.name);
+        nic.madeOnDemand = 1;
+    }
+    if (status) return status;
+    if (nic.IsBound() && FieldText(nic.switchId) != switchId) return STATUS_EXISTS;
+    if (nic.madeOnDemand && had.nic.madeOnDemand) {
+        nic.mtu = had.nic.mtu;
+        nic.adminUp = had.nic.adminUp;
+        if ((status = Store(transaction, had.name, nic))) return status;
+    }
+    return BindNic(transaction, had.name, switchId, portId);
 }
 
 VsStatus ClaimNic(Transaction &transaction, std::string_view name, std::string_view switchName,

@@ -140,6 +140,10 @@ VsStatus ListUplinks(Reader &reader, std::string_view switchId, std::vector<Name
 // uplink port of the switch.
 VsStatus BindNic(Transaction &transaction, std::string_view name, std::string_view switchId,
                  std::string_view portId);
+// Binds the NIC that an uplink port had, to undo the removal of the port: STATUS_NOT_FOUND when it is gone
+// and isn't one made on demand, STATUS_EXISTS when a port of another switch has it.
+VsStatus RestoreNic(Transaction &transaction, const NamedNic &had, std::string_view switchId,
+                    std::string_view portId);
 // Keeps a NIC for one uplink port: bound at once when the port is there, otherwise when it appears.
 VsStatus ClaimNic(Transaction &transaction, std::string_view name, std::string_view switchName,
                   std::string_view portId);

@@ -159,6 +159,15 @@ bool FindEntry(std::string_view bundle, std::string_view key, BundleEntry &entry
     return EntryOffset(bundle, key, entry) != std::string_view::npos;
 }
 
+std::vector<BundleEntry> ListEntries(std::string_view bundle)
+{
+    std::vector<BundleEntry> entries;
+    BundleEntry entry;
+    for (EntryWalk walk(bundle); walk.Next(entry);)
+        entries.push_back(entry);
+    return entries;
+}
+
 std::string EmptyBundle()
 {
     std::string bundle(BUNDLE_HEADER + BUNDLE_TRAILER, '\0');

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vshost {
 
@@ -28,6 +29,7 @@ inline constexpr size_t MAX_BUNDLE = 1u << 30; // what one row of the engine can
 // Whether the bytes are one whole, undamaged bundle. The functions below expect one.
 bool CheckBundle(std::string_view bundle);
 bool FindEntry(std::string_view bundle, std::string_view key, BundleEntry &entry);
+std::vector<BundleEntry> ListEntries(std::string_view bundle);
 
 std::string EmptyBundle();
 // Replaces the entry of this key or adds one; false when the bundle would exceed MAX_BUNDLE.

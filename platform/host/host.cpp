@@ -140,22 +140,6 @@ void AttachOnce()
     }
 }
 
-int ErrnoOf(VsStatus status)
-{
-    switch (status) {
-    case STATUS_OK:
-        return 0;
-    case STATUS_NO_SPACE:
-        return ENOSPC;
-    case STATUS_READ_ONLY:
-        return EACCES;
-    case STATUS_NO_MEMORY:
-        return ENOMEM;
-    default:
-        return EIO;
-    }
-}
-
 VsStatus Fail(const std::string &path, const char *what, int error, std::string &message)
 {
     message = path + ": cannot " + what + ": " + strerror(error);

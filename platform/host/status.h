@@ -39,6 +39,27 @@ constexpr VsStatus StatusOfErrno(int error)
     }
 }
 
+// And back, for those whom the platform answers with an errno value; `absent` for STATUS_NOT_FOUND.
+constexpr int ErrnoOf(VsStatus status, int absent = ENOENT)
+{
+    switch (status) {
+    case STATUS_OK:
+        return 0;
+    case STATUS_NOT_FOUND:
+        return absent;
+    case STATUS_BAD_PARAM:
+        return EINVAL;
+    case STATUS_NO_MEMORY:
+        return ENOMEM;
+    case STATUS_NO_SPACE:
+        return ENOSPC;
+    case STATUS_READ_ONLY:
+        return EROFS;
+    default:
+        return EIO;
+    }
+}
+
 } // namespace vshost
 
 #endif

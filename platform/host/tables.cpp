@@ -256,6 +256,37 @@ std::string PortRow(uint32_t number, std::string_view bundle)
     return row + withStatus;
 }
 
+// Takes a free number, and frees another one in its place.
+VsStatus SwapFreeNumber(Transaction &transaction, uint32_t taken, uint32_t freed)
+{
+    std::string entry;
+    const VsStatus status = transaction.Get(FreeKey(taken), entry);
+    if (status) return status == STATUS_NOT_FOUND ? STATUS_BAD_PARAM : status;
+    if (VsStatus removed = transaction.Remove(FreeKey(taken))) return removed;
+    if (VsStatus removed = transaction.Remove(NumberKey(freed))) return removed;
+    return transaction.Put(FreeKey(freed), {});
+}
+
+// Stores a port's number wherever it stands, its status record included.
+VsStatus PutPortNumber(Transaction &transaction, const PortName &port, uint32_t number)
+{
+    std::string row;
+    BundleEntry entry;
+    const PropertyOwner owner{Level::PORT, port.switchId, port.portId};
+    if (VsStatus status = GetRow(transaction, owner, row)) return status;
+    std::string bundle = row.substr(WORD);
+    if (FindEntry(bundle, KEY_PORT_STATUS, entry) && entry.value.size() >= STATUS_NUMBER + WORD) {
+        std::string record(entry.value);
+        memcpy(record.data() + STATUS_NUMBER, &number, WORD);
+        PutEntry(bundle, {KEY_PORT_STATUS, entry.flags, record});
+    }
+    row.clear();
+    AppendWord(row, number);
+    if (VsStatus status = transaction.Put(NumberKey(number), Key({port.switchId, port.portId})))
+        return status;
+    return transaction.Put(BundleKey(owner), row + bundle);
+}
+
 // Absent rows are STATUS_OK here: a level without properties.
 VsStatus FindAny(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &property,
                  bool &found)
@@ -489,11 +520,37 @@ VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::st
     return UplinksChanged(transaction, switchId);
 }
 
+VsStatus RestorePortNumber(Transaction &transaction, const PortName &port, uint32_t number)
+{
+    uint32_t current;
+    PortName holder;
+    if (number == 0 || number > MAX_PORTS) return STATUS_BAD_PARAM;
+    if (VsStatus status = GetPortNumber(transaction, port.switchId, port.portId, current)) return status;
+    if (number == current) return STATUS_OK;
+    const VsStatus status = GetPortByNumber(transaction, number, holder);
+    if (status && status != STATUS_NOT_FOUND) return status;
+    if (!status && holder.switchId != port.switchId) return STATUS_EXISTS;
+    if (VsStatus moved = status ? SwapFreeNumber(transaction, number, current)
+                                : PutPortNumber(transaction, holder, current))
+        return moved;
+    return PutPortNumber(transaction, port, number);
+}
+
 VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &found)
 {
     std::string row;
     if (VsStatus status = GetRow(reader, owner, row)) return status;
     return FindInRow(row, owner.level, key, found) ? STATUS_OK : STATUS_NOT_FOUND;
+}
+
+VsStatus ListProperties(Reader &reader, const PropertyOwner &owner, std::vector<PropertyName> &names)
+{
+    std::string row;
+    const VsStatus status = GetRow(reader, owner, row);
+    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    for (const BundleEntry &entry : ListEntries(std::string_view(row).substr(BundleOffset(owner.level))))
+        names.push_back({std::string(entry.key), entry.flags, entry.value.size()});
+    return STATUS_OK;
 }
 
 VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key,

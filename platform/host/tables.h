@@ -89,7 +89,19 @@ VsStatus AddPort(Transaction &transaction, std::string_view switchId, std::strin
                  std::string_view bundle);
 VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::string_view portId);
 
+// Gives a port a number that this host gave out before, to undo its removal. A port of the same switch that
+// has the number takes the port's own instead; that of another switch keeps it: STATUS_EXISTS.
+VsStatus RestorePortNumber(Transaction &transaction, const PortName &port, uint32_t number);
+
 VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &found);
+// What a property is called, and how long it is.
+struct PropertyName {
+    std::string key;
+    uint32_t flags;
+    size_t length;
+};
+// Adds the properties of an owner; none when it has no row.
+VsStatus ListProperties(Reader &reader, const PropertyOwner &owner, std::vector<PropertyName> &names);
 VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key,
                      uint32_t flags, std::string_view value);
 VsStatus ClearProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key);

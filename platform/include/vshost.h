@@ -173,6 +173,76 @@ VSHOST_API int vshost_property(enum vshost_level level, const char *switchId, co
  */
 VSHOST_API uint64_t vshost_fingerprint(void);
 
+/* ---- What undoing a change takes ------------------------------------------------------------------
+ *
+ * These four are in liborkPublic.so, which every program that uses this platform has loaded, with or without
+ * the preload. A program that also runs on other platforms looks them up with dlsym(RTLD_DEFAULT, …).
+ * They may be called from any thread and run past all faults and recording. Without a host there is no
+ * switch: ENOENT. Each of them may also return EINVAL (a pointer is null, a field has no NUL), EIO (the
+ * host's database is damaged or cannot be used), ENOMEM, ENOSPC or EROFS. After an error nothing is changed
+ * and no output is written.
+ */
+
+/**
+ * Name and version of this platform: "vshost 1". A process that has this symbol is on a platform of ours,
+ * whether or not it is on a host.
+ */
+VSHOST_API const char *vshost_platform(void);
+
+/** A port of a switch, and what the host gave it. */
+struct vshost_port {
+    char id[48];         /**< its id */
+    uint32_t number;     /**< its kernel number */
+    uint32_t isUplink;   /**< 1: it stands in this host's list of the switch's uplink ports */
+    char nic[32];        /**< NIC bound to it; empty when there is none, as on every other port */
+    uint32_t nicMade;    /**< 1: the host made the NIC for this port and removes it with the port; the NIC's
+                              MTU and state go with it. 0: the NIC stays when the port goes. */
+    uint32_t nicMtu;     /**< MTU of the NIC in bytes */
+    uint32_t nicAdminUp; /**< 1: the NIC is administratively up */
+};
+
+/**
+ * Lists the ports of a stored switch, whether or not it runs, in the order of their numbers.
+ *
+ * @param ports     receives the first `capacity` of them; may be null when that is 0
+ * @param capacity  how many fit; 0 to learn how many there are
+ * @param count     receives how many there are
+ * @return 0, ENOENT when there is no such switch, EOVERFLOW when an id has more than 47 bytes
+ */
+VSHOST_API int vshost_list_ports(const char *switchId, struct vshost_port *ports, size_t capacity,
+                                 size_t *count);
+
+/**
+ * Gives an existing port the number and, when `nic` is not empty, the NIC that a port had before it was
+ * removed: all of it or, with an error, nothing. A NIC with `nicMade` that is gone is made again with its
+ * MTU and administrative state. Where another port of the same switch has the number or the NIC, it gets
+ * this port's number, and any NIC that is free; so the ports of a switch that was made again can be restored
+ * one after another, in any order.
+ *
+ * @return 0, ENOENT when there is no such switch or port, EBUSY when a port of another switch has the
+ *         number or the NIC, ENODEV when the NIC is gone and was not one that the host makes, EINVAL when
+ *         this host never gave out such a number or the port of the NIC is not an uplink port
+ */
+VSHOST_API int vshost_restore_port(const char *switchId, const struct vshost_port *port);
+
+/** Where a property hangs, and what it is called. */
+struct vshost_property_name {
+    char key[128];
+    uint32_t level;  /**< enum vshost_level */
+    uint32_t flags;  /**< its StoreFlags, as the store's functions that write a property take them */
+    uint32_t length; /**< of its value */
+};
+
+/**
+ * Lists the properties of a switch, those of the global level first, or those of one port.
+ *
+ * @param portId  null for the switch's own; otherwise the port
+ * @return as vshost_list_ports; ENOENT also when there is no such port, EOVERFLOW when a key has more than
+ *         127 bytes
+ */
+VSHOST_API int vshost_list_properties(const char *switchId, const char *portId,
+                                      struct vshost_property_name *names, size_t capacity, size_t *count);
+
 #ifdef __cplusplus
 }
 #endif

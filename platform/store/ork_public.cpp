@@ -2,6 +2,7 @@
 #include "platform/store/bundle_builder.h"
 #include "platform/store/cache.h"
 #include "platform/store/store.h"
+#include "platform/store/undo.h"
 
 using namespace vshost;
 
@@ -178,5 +179,23 @@ void DVSData_Free(BundleBuilder *bundle)
         if (bundle) bundle->Destroy();
         return STATUS_OK;
     });
+}
+
+const char *vshost_platform(void) { return "vshost 1"; }
+
+int vshost_list_ports(const char *switchId, struct vshost_port *ports, size_t capacity, size_t *count)
+{
+    return ListPorts(switchId, ports, capacity, count);
+}
+
+int vshost_restore_port(const char *switchId, const struct vshost_port *port)
+{
+    return RestorePort(switchId, port);
+}
+
+int vshost_list_properties(const char *switchId, const char *portId, struct vshost_property_name *names,
+                           size_t capacity, size_t *count)
+{
+    return ListPropertyNames(switchId, portId, names, capacity, count);
 }
 }

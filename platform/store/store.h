@@ -2,20 +2,11 @@
 #ifndef PLATFORM_STORE_STORE_H
 #define PLATFORM_STORE_STORE_H
 
-#include <new>
-
+#include "platform/host/guard.h"
 #include "platform/host/host.h"
 #include "platform/host/tables.h"
 
 namespace vshost {
-
-// Every C entry point runs its body in here: no exception leaves the platform.
-template<typename Body> VsStatus Guard(Body body)
-try {
-    return body();
-} catch (const std::bad_alloc &) {
-    return STATUS_NO_MEMORY;
-}
 
 // Who is called, and what about: null for what the operation has not.
 struct StoreCall {

@@ -1,0 +1,169 @@
+#include "platform/store/undo.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "platform/driver/runtime.h"
+#include "platform/host/guard.h"
+#include "platform/host/host.h"
+#include "platform/host/tables.h"
+
+namespace vshost {
+namespace {
+
+using Port = struct vshost_port;
+using Name = struct vshost_property_name;
+
+// Runs `body` on the engine of this process's host; 0 or an errno value.
+template<typename Body> int OnEngine(Body body)
+{
+    return GuardErrno([&] {
+        HostUse host;
+        return host ? body(host->GetEngine()) : ErrnoOf(host.Status() ? host.Status() : STATUS_NOT_FOUND);
+    });
+}
+
+template<typename Item> int CopyOut(const std::vector<Item> &items, Item *out, size_t capacity, size_t *count)
+{
+    std::copy_n(items.begin(), std::min(capacity, items.size()), out);
+    *count = items.size();
+    return 0;
+}
+
+void Describe(const NamedNic &nic, Port &port)
+{
+    SetField(port.nic, nic.name);
+    port.nicMade = nic.nic.madeOnDemand;
+    port.nicMtu = nic.nic.mtu;
+    port.nicAdminUp = nic.nic.adminUp;
+}
+
+// The ports with their numbers alone.
+int ReadPorts(Engine &engine, const char *switchId, std::vector<Port> &ports)
+{
+    bool fits = true;
+    Switch found;
+    if (VsStatus status = GetSwitch(engine, switchId, found)) return ErrnoOf(status);
+    const VsStatus status = ForEachPort(engine, switchId, [&](std::string_view portId, uint32_t number) {
+        Port &port = ports.emplace_back();
+        fits = portId.size() < sizeof(port.id);
+        if (fits) SetField(port.id, portId);
+        port.number = number;
+        return fits;
+    });
+    return fits ? ErrnoOf(status) : EOVERFLOW;
+}
+
+// What a switch's uplink ports are, and what they are bound to.
+int MarkUplinks(Engine &engine, const char *switchId, std::vector<Port> &ports)
+{
+    std::vector<std::string> portIds;
+    std::vector<NamedNic> nics;
+    if (VsStatus status = ListUplinkPorts(engine, switchId, portIds)) return ErrnoOf(status);
+    if (VsStatus status = ListUplinks(engine, switchId, nics)) return ErrnoOf(status, EIO);
+    const std::set<std::string_view> uplinks(portIds.begin(), portIds.end());
+    std::map<std::string_view, const NamedNic *> bound;
+    for (const NamedNic &nic : nics)
+        bound.emplace(FieldText(nic.nic.portId), &nic);
+    for (Port &port : ports) {
+        port.isUplink = uplinks.contains(port.id);
+        if (const auto nic = bound.find(port.id); nic != bound.end()) Describe(*nic->second, port);
+    }
+    return 0;
+}
+
+bool IsValid(const Port &port)
+{
+    const bool hasNic = port.nic[0] != '\0';
+    return FieldText(port.id).size() < sizeof(port.id) && FieldText(port.nic).size() <= MAX_NIC_NAME &&
+           (!hasNic || !port.nicMade || (port.nicMtu >= MIN_MTU && port.nicMtu <= MAX_MTU));
+}
+
+// In one transaction. A port that has gone is ENOENT, a NIC that has gone is ENODEV.
+int Restore(Transaction &transaction, const char *switchId, const Port &wanted)
+{
+    const VsStatus status = RestorePortNumber(transaction, {switchId, wanted.id}, wanted.number);
+    if (status == STATUS_EXISTS) return EBUSY;
+    if (status || wanted.nic[0] == '\0') return ErrnoOf(status);
+    std::vector<std::string> portIds;
+    if (VsStatus listed = ListUplinkPorts(transaction, switchId, portIds)) return ErrnoOf(listed);
+    if (std::find(portIds.begin(), portIds.end(), wanted.id) == portIds.end()) return EINVAL;
+    NamedNic had;
+    had.name = wanted.nic;
+    had.nic.madeOnDemand = wanted.nicMade != 0;
+    had.nic.mtu = wanted.nicMtu;
+    had.nic.adminUp = wanted.nicAdminUp != 0;
+    const VsStatus bound = RestoreNic(transaction, had, switchId, wanted.id);
+    return bound == STATUS_EXISTS ? EBUSY : ErrnoOf(bound, ENODEV);
+}
+
+int AddNames(Engine &engine, const PropertyOwner &owner, std::vector<Name> &names)
+{
+    std::vector<PropertyName> found;
+    if (VsStatus status = ListProperties(engine, owner, found)) return ErrnoOf(status);
+    for (const PropertyName &property : found) {
+        Name &name = names.emplace_back();
+        if (property.key.size() >= sizeof(name.key)) return EOVERFLOW;
+        SetField(name.key, property.key);
+        name.level = static_cast<uint32_t>(owner.level);
+        name.flags = property.flags;
+        name.length = static_cast<uint32_t>(property.length);
+    }
+    return 0;
+}
+
+int ReadNames(Engine &engine, const char *switchId, const char *portId, std::vector<Name> &names)
+{
+    Switch found;
+    uint32_t number;
+    if (VsStatus status = GetSwitch(engine, switchId, found)) return ErrnoOf(status);
+    if (portId) {
+        if (VsStatus status = GetPortNumber(engine, switchId, portId, number)) return ErrnoOf(status);
+        return AddNames(engine, {Level::PORT, switchId, portId}, names);
+    }
+    if (int error = AddNames(engine, {Level::GLOBAL, switchId}, names)) return error;
+    return AddNames(engine, {Level::HOST, switchId}, names);
+}
+
+}
+
+int ListPorts(const char *switchId, Port *ports, size_t capacity, size_t *count)
+{
+    if (!switchId || !count || (!ports && capacity > 0)) return EINVAL;
+    return OnEngine([&](Engine &engine) {
+        std::vector<Port> found;
+        if (int error = ReadPorts(engine, switchId, found)) return error;
+        if (int error = MarkUplinks(engine, switchId, found)) return error;
+        std::sort(found.begin(), found.end(),
+                  [](const Port &left, const Port &right) { return left.number < right.number; });
+        return CopyOut(found, ports, capacity, count);
+    });
+}
+
+int RestorePort(const char *switchId, const Port *port)
+{
+    if (!switchId || !port || !IsValid(*port)) return EINVAL;
+    return OnEngine([&](Engine &engine) {
+        int error = 0;
+        const VsStatus status = engine.Write([&](Transaction &transaction) {
+            error = Restore(transaction, switchId, *port);
+            return error ? STATUS_FAILURE : STATUS_OK;
+        });
+        return error ? error : ErrnoOf(status);
+    });
+}
+
+int ListPropertyNames(const char *switchId, const char *portId, Name *names, size_t capacity, size_t *count)
+{
+    if (!switchId || !count || (!names && capacity > 0)) return EINVAL;
+    return OnEngine([&](Engine &engine) {
+        std::vector<Name> found;
+        if (int error = ReadNames(engine, switchId, portId, found)) return error;
+        return CopyOut(found, names, capacity, count);
+    });
+}
+
+}

@@ -1,0 +1,15 @@
+// What undoing a change takes: the functions of vshost.h that liborkPublic.so exports, see there.
+#pragma once
+
+#include <vshost.h>
+
+#include <cstddef>
+
+namespace vshost {
+
+int ListPorts(const char *switchId, struct vshost_port *ports, size_t capacity, size_t *count);
+int RestorePort(const char *switchId, const struct vshost_port *port);
+int ListPropertyNames(const char *switchId, const char *portId, struct vshost_property_name *names,
+                      size_t capacity, size_t *count);
+
+}
