@@ -289,8 +289,18 @@ TEST_F(Launcher, PassesOnHowTheCommandEnds)
         for (const std::string &host : {std::string(), "--state " + state})
             EXPECT_EQ(Vshost("run --durability process " + host + " -- " + row.command).status, row.status)
                 << row.command << ' ' << host;
+    EXPECT_EQ(Execute("trap '' CHLD; exec " + VSHOST + " run -- false", false).status, 1 << 8)
+        << "SIGCHLD is ignored from the start";
     EXPECT_EQ(Vshost("run").status, 2 << 8);
     EXPECT_EQ(Vshost("dance").status, 2 << 8);
+}
+
+TEST_F(Launcher, NamesItsVersion)
+{
+    const std::filesystem::path build = std::filesystem::path(VSHOST).parent_path().parent_path();
+    const std::string library = std::filesystem::read_symlink(build / "libvswitchctl.so.1");
+    EXPECT_EQ(Vshost("--version"),
+              (Ended{0, "vshost " + library.substr(strlen("libvswitchctl.so.")) + "\n"}));
 }
 
 TEST_F(Launcher, SetsTheEnvironmentAndCleansUp)

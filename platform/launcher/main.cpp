@@ -43,6 +43,7 @@ void AddNic(CLI::App &app, std::string &state, NicOptions &options)
 int Main(int count, char **arguments)
 {
     CLI::App app("Embedded host for virtual switches");
+    app.set_version_flag("--version", "vshost " VSHOST_VERSION);
     app.require_subcommand(1);
     RunOptions run;
     NicOptions nic;

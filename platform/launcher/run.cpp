@@ -67,8 +67,13 @@ int RunAsChild(const std::vector<std::string> &command)
     for (int signal : FORWARDED)
         sigaddset(&signals, signal);
     sigprocmask(SIG_BLOCK, &signals, &before);
+    // While SIGCHLD is ignored, a child leaves no exit status behind. The command keeps what it inherited.
+    struct sigaction reported = {}, inherited;
+    reported.sa_handler = SIG_DFL;
+    sigaction(SIGCHLD, &reported, &inherited);
     const pid_t started = fork();
     if (started == 0) {
+        sigaction(SIGCHLD, &inherited, nullptr);
         sigprocmask(SIG_SETMASK, &before, nullptr);
         Execute(command);
     }
