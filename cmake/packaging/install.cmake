@@ -54,4 +54,9 @@ install(CODE "
 install_configured(vshost.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig/vshost.pc host)
 install_configured(vshost-config.cmake.in ${CMAKE_INSTALL_LIBDIR}/cmake/vshost/vshost-config.cmake host)
 
+# A prefix such as $HOME is on no search path of the loader's. The system's own libraries need no help.
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    file(RELATIVE_PATH library_dir /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+    set_target_properties(vsctl PROPERTIES INSTALL_RPATH $ORIGIN/${library_dir})
+endif()
 install(TARGETS vsctl DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT vsctl)

@@ -9,6 +9,10 @@ stage=$work/usr
 cmake --install "$build" --prefix "$stage" >/dev/null
 lib=$(dirname "$(find "$stage" -name libvswitchctl.so)")
 export PKG_CONFIG_PATH=$lib/pkgconfig LD_LIBRARY_PATH=$lib
+
+# The installed command finds the library beside itself, whatever the environment says.
+env -u LD_LIBRARY_PATH "$stage/bin/vshost" run -- "$stage/bin/vsctl" switch list >/dev/null
+
 read -ra flags <<<"$(pkg-config --cflags --libs vswitchctl)"
 read -ra strict <<<"-Wall -Wextra -pedantic -Werror"
 
