@@ -497,6 +497,38 @@ TEST_F(StoreTest, ForksWhileThreadsWrite)
         thread.join();
 }
 
+// A lock that another thread holds at the moment of a fork stays taken in the child for ever: no call may
+// hold one that fork doesn't wait for. A child that hangs is ended by its alarm.
+TEST_F(StoreTest, ForksWhileThreadsLookUp)
+{
+    constexpr unsigned HANGS = 20; // seconds
+    ASSERT_EQ(SetGlobal(ID, ALIAS, Text("lab")), STATUS_OK);
+    ASSERT_EQ(DVSZOR_HostPropSet(ID, PORTSET, "ps", 3, FLAGS), STATUS_OK);
+    ASSERT_EQ(system("tybel -e set /net/create ps 8 vswitch"), 0);
+    vshost_shell_in_process(1);
+    const auto looksUp = [] {
+        char portset[PORTSET_NAME_SIZE];
+        int32_t mtu = 0;
+        return DVSAliasToPortsetName("lab", portset) == STATUS_OK && std::string(portset) == "ps" &&
+               VSDVS_GetMTU("lab", &mtu) == STATUS_OK;
+    };
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; i++)
+        threads.emplace_back([&] {
+            while (!stop)
+                EXPECT_TRUE(looksUp());
+        });
+    int hung = 0;
+    for (int i = 0; i < 500 && !hung; i++)
+        hung = Wait(Fork([&] { return alarm(HANGS) == 0 && looksUp(); }));
+    stop = true;
+    for (std::thread &thread : threads)
+        thread.join();
+    vshost_shell_in_process(0);
+    EXPECT_EQ(hung, 0);
+}
+
 TEST_F(StoreTest, SharedCommitsKeepEachCallsOwnStatus)
 {
     constexpr int ROUNDS = 50;

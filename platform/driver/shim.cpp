@@ -83,6 +83,7 @@ void EnterHost(const char *directory)
 __attribute__((constructor)) void Load()
 {
     Real();
+    HoldStreamsAcrossForks();
     Dl_info self;
     char library[PATH_SIZE];
     if (dladdr(reinterpret_cast<void *>(&Load), &self) && realpath(self.dli_fname, library)) {

@@ -49,6 +49,7 @@ const VshostCore *LoadedCore(); // null as long as this process didn't need it
 const VshostDriver *Driver();   // of the core, likewise loaded
 const char *TybelPath();        // the shell that stands beside this library
 void ShellInProcess(bool on);
+void HoldStreamsAcrossForks();
 void PatchAllocations(); // from now on, those of the control library are counted and may fail
 uint64_t TakeAllocationCount();
 

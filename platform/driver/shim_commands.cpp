@@ -72,7 +72,7 @@ FILE *OpenStream(const VshostShellResult &result)
 
 ShellStream *TakeStream(const FILE *stream)
 {
-    if (!streams) return nullptr; // and no lock, which a fork may have left taken
+    if (!streams) return nullptr;
     pthread_mutex_lock(&streamsMutex);
     ShellStream *found = streams, *before = nullptr;
     for (; found && found->stream != stream; found = found->next)
@@ -86,6 +86,13 @@ ShellStream *TakeStream(const FILE *stream)
 }
 
 void ShellInProcess(bool on) { inProcess = on; }
+
+// A child must not find the streams as another thread left them in the middle of a change.
+void HoldStreamsAcrossForks()
+{
+    pthread_atfork([] { pthread_mutex_lock(&streamsMutex); }, [] { pthread_mutex_unlock(&streamsMutex); },
+                   [] { pthread_mutex_unlock(&streamsMutex); });
+}
 
 SHIM_EXPORT int execve(const char *path, char *const argv[], char *const envp[])
 {

@@ -65,7 +65,8 @@ struct AliasMemory {
 
 using Walk = std::vector<SwitchHandle *>;
 
-// All of it under `mutex`, but for what handles point to: that stays as it is until a reset.
+// All of it under `mutex`, but for what handles point to: that stays as it is until a reset. The mutex is
+// only taken while a HostUse lives, since fork waits for those alone.
 struct Cache {
     std::mutex mutex;
     bool loaded = false;
@@ -191,12 +192,19 @@ template<typename Body> VsStatus Gated(const HostUse &host, const StoreCall &cal
     return gate.Refused() ? gate.Outcome() : gate.Return(Guard(body));
 }
 
-void Note(const StoreCall &call)
-{
+// A call that needs no host and cannot fail. It holds the host all the same: a fork must not come while it
+// holds the cache.
+class NotedCall {
+public:
+    explicit NotedCall(const StoreCall &call)
+        : details(call.Details()), gate(host.GetControl(), VSHOST_STORE, call.operation, details, false)
+    {}
+
+private:
     HostUse host;
-    const CallDetails details = call.Details();
-    CallGate gate(host.GetControl(), VSHOST_STORE, call.operation, details, false);
-}
+    const CallDetails details;
+    CallGate gate;
+};
 
 }
 
@@ -303,19 +311,19 @@ VsStatus CacheLookup(const StoreCall &call, Level level, PropHandle **handle)
 
 const char *CacheClassName(const StoreCall &call, const SwitchHandle *handle)
 {
-    Note(call);
+    NotedCall noted(call);
     return handle ? handle->className.c_str() : nullptr;
 }
 
 const char *CacheSwitchId(const StoreCall &call, const SwitchHandle *handle)
 {
-    Note(call);
+    NotedCall noted(call);
     return handle ? handle->id : nullptr;
 }
 
 void CacheData(const StoreCall &call, PropHandle *handle, void **data)
 {
-    Note(call);
+    NotedCall noted(call);
     if (!handle || !data) return;
     std::lock_guard lock(TheCache().mutex);
     *data = handle->value->data();
