@@ -12,6 +12,7 @@
 
 #include "journal.h"
 #include "limit.h"
+#include "preview.h"
 
 namespace vsctl {
 
@@ -142,14 +143,6 @@ void AwaitConfirmation(Journal &journal, double seconds)
     StartGuard(journal.id, seconds);
 }
 
-Json Rows(const std::vector<Step> &steps)
-{
-    Json rows = Json::array();
-    for (const Step &step : steps)
-        rows.push_back(StepRow(step));
-    return rows;
-}
-
 // Throws, before anything is changed, when a step is about a switch that is not there by then.
 void RequireSwitches(const std::vector<Step> &steps)
 {
@@ -217,14 +210,16 @@ void CarryOut(const std::string &command, Result &result)
 
 void Change(const std::string &command, Result &result, const Options &options)
 {
-    if (options.dryRun || result.planOnly) {
+    const bool onlyShows = options.dryRun || result.planOnly;
+    if (onlyShows) {
         ReadAllBefore(result.steps);
-        if (!result.steps.empty()) result.exit = Exit::PENDING;
     } else {
         ThrowIfRemovalsForbidden(result);
         CarryOut(command, result);
     }
-    result.rows = Rows(result.steps);
+    Preview preview = PreviewOf(result.steps);
+    if (onlyShows && preview.changes) result.exit = Exit::PENDING;
+    if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
 }
 
 namespace {

@@ -20,7 +20,7 @@ Exit Finish(const Verb &verb, const Result &result, const Options &options)
         return result.exit;
     }
     const bool isPlan = verb.noun == "plan" || verb.noun == "apply" || verb.noun == "batch";
-    if (isPlan && result.rows.empty() && !options.json)
+    if ((isPlan || options.dryRun) && result.rows.empty() && !options.json)
         Print("nothing to change\n");
     else if (verb.noun != "watch")
         PrintRows(verb.Title(), result.rows, options.json);

@@ -223,7 +223,7 @@ void Planner::AddPolicies(const Target &target, const Json &entry)
         if (!clears && !entry.contains(policy->name)) continue;
         Step step = SetPolicy(*policy, target, clears ? Json() : entry[policy->name]);
         ReadBefore(step);
-        if (step.before != step.value) settings.push_back(step);
+        if (step.before != After(step)) settings.push_back(step);
     }
 }
 

@@ -61,9 +61,10 @@ template<auto CLEAR> VsStatus ClearSwitch(const Target &target) { return CLEAR(t
 
 constexpr Field VLAN_FIELDS[] = {
     {"id", Form::NUMBER, "VLAN id", 0, 4095, "", "0"},
-    {"priority", Form::NUMBER, "802.1p priority; none unless given", 0, 7},
-    {"trunk", Form::RANGES, "makes the port a trunk of these VLANs, like 100-199,300"},
-    {"ranges", Form::RANGES, "VLAN ranges kept with a port that is no trunk"},
+    {"priority", Form::NUMBER, "802.1p priority", 0, 7, "", nullptr, true},
+    {"trunk", Form::RANGES, "makes the port a trunk of these VLANs, like 100-199,300", 0, 0, "", nullptr,
+     true},
+    {"ranges", Form::RANGES, "VLAN ranges kept with a port that is not a trunk", 0, 0, "", nullptr, true},
     {"option", Form::BOOLEAN, "the policy's option flag", 0, 0, "", "false"},
 };
 
@@ -537,11 +538,17 @@ void WritePolicy(const Policy &policy, const Target &target, const Json &value)
     if (status != STATUS_NOT_FOUND) Check(status, fmt::format("clearing {} of", policy.name), target);
 }
 
+namespace {
+
+bool Sets(const Json &value, const char *field) { return value.contains(field) && value[field] != NONE; }
+
+}
+
 std::optional<Fault> FindFault(const Policy &policy, const Json &value, const std::string &pointer)
 {
     if (policy.IsScalar()) return FindFault(policy.fields[0], value, pointer);
     if (auto fault = FindFault(policy.fields, value, pointer)) return fault;
-    if (value.contains("trunk") && value.contains("ranges"))
+    if (Sets(value, "trunk") && Sets(value, "ranges"))
         return Fault{pointer + "/ranges", "a port has 'trunk' or 'ranges', not both"};
     return {};
 }
@@ -550,6 +557,40 @@ Json Canonical(const Policy &policy, const Json &value)
 {
     if (value.is_null()) return value;
     return policy.IsScalar() ? Canonical(policy.fields[0], value) : Canonical(policy.fields, value);
+}
+
+Json CanonicalPart(const Policy &policy, const Json &value)
+{
+    if (value.is_null() || policy.IsScalar()) return Canonical(policy, value);
+    return CanonicalPart(policy.fields, value);
+}
+
+namespace {
+
+// A port is in one VLAN or a trunk. An id ends a trunk, and a trunk ends the VLAN that the port was in;
+// what names both has both.
+void DropExcluded(Json &stored, const Json &value)
+{
+    if (Sets(value, "trunk")) {
+        stored.erase("ranges");
+        if (!stored.contains("trunk")) stored.erase("id");
+    } else if (Sets(value, "id") || Sets(value, "ranges")) {
+        stored.erase("trunk");
+    }
+}
+
+}
+
+Json Merged(const Policy &policy, const Json &stored, const Json &value)
+{
+    if (value.is_null() || policy.IsScalar()) return value;
+    Json merged = stored.is_null() ? Json::object() : stored;
+    DropExcluded(merged, value);
+    merged.update(value);
+    for (const Field &field : policy.fields) {
+        if (field.canBeNone && !Sets(merged, field.name)) merged.erase(field.name);
+    }
+    return Canonical(policy, merged);
 }
 
 Json Schema(const Policy &policy)

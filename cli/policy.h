@@ -41,6 +41,10 @@ void WritePolicy(const Policy &policy, const Target &target, const Json &value);
 std::optional<Fault> FindFault(const Policy &policy, const Json &value, const std::string &pointer);
 // The value in the one form in which it is read back.
 Json Canonical(const Policy &policy, const Json &value);
+// The same of a value that need not name all fields.
+Json CanonicalPart(const Policy &policy, const Json &value);
+// What is stored after the value was: fields that it doesn't name keep theirs, or have their defaults.
+Json Merged(const Policy &policy, const Json &stored, const Json &value);
 Json Schema(const Policy &policy);
 
 // Mirror sessions of a library's list, and back.

@@ -408,6 +408,8 @@ void PerformProperty(const Step &step) { WriteProperty(step, step.value["bytes"]
 
 bool PropertyIsDone(const Step &step) { return ReadProperty(step) == step.value["bytes"]; }
 
+Json PropertyAfter(const Step &step) { return step.value["bytes"]; }
+
 void RestoreProperty(const Step &step)
 {
     if (ReadProperty(step) != step.before) WriteProperty(step, step.before);
@@ -472,6 +474,7 @@ void SetAdmin(const Step &step, bool up)
 
 void PerformAdmin(const Step &step) { SetAdmin(step, step.value["up"]); }
 bool AdminIsDone(const Step &step) { return ReadAdmin(step) == step.value["up"]; }
+Json AdminAfter(const Step &step) { return step.value["up"]; }
 
 void RestoreAdmin(const Step &step)
 {
@@ -492,30 +495,47 @@ struct Item {
     void (*perform)(const Step &);
     bool (*isDone)(const Step &);
     void (*restore)(const Step &);
-    Json (*after)(const Step &) = nullptr; // what a later step about the same object finds before it
+    Json (*after)(const Step &); // what a later step about the same object finds before it
 };
 
 constexpr Item ITEMS[] = {
     {"switch", ReadSwitchItem, PerformSwitch, SwitchIsDone, RestoreSwitch, ValueOf},
     {"port", ReadPortItem, PerformPort, PortIsDone, RestorePortItem, ValueOf},
     {"uplinks", ReadUplinksItem, PerformUplinks, UplinksAreDone, RestoreUplinks, UplinksAfter},
-    {"property", ReadProperty, PerformProperty, PropertyIsDone, RestoreProperty},
+    {"property", ReadProperty, PerformProperty, PropertyIsDone, RestoreProperty, PropertyAfter},
     {"mirror-sessions", ReadSessions, PerformMirror, MirrorIsDone, RestoreMirror, MirrorAfter},
-    {"uplink-admin", ReadAdmin, PerformAdmin, AdminIsDone, RestoreAdmin},
+    {"uplink-admin", ReadAdmin, PerformAdmin, AdminIsDone, RestoreAdmin, AdminAfter},
 };
 
 const Policy &PolicyOf(const Step &step) { return *FindPolicy(step.item, !step.target.port.empty()); }
 
+Json ReadPolicyItem(const Step &step) { return ReadStored(PolicyOf(step), step.target); }
+
+Json PolicyAfter(const Step &step) { return Merged(PolicyOf(step), step.before, step.value); }
+
+// Steps before this one may have changed what it is merged with.
+void PerformPolicy(const Step &step)
+{
+    const Policy &policy = PolicyOf(step);
+    const bool keepsFields = !policy.IsScalar() && !step.value.is_null();
+    const Json stored = keepsFields ? ReadStored(policy, step.target) : Json();
+    WritePolicy(policy, step.target, Merged(policy, stored, step.value));
+}
+
+bool PolicyIsDone(const Step &step)
+{
+    const Json stored = ReadPolicyItem(step);
+    return stored == Merged(PolicyOf(step), stored, step.value);
+}
+
+void RestorePolicy(const Step &step)
+{
+    if (!SwitchExists(step.target.alias)) return;
+    if (ReadPolicyItem(step) != step.before) WritePolicy(PolicyOf(step), step.target, step.before);
+}
+
 // What every policy has in common.
-constexpr Item POLICY_ITEM = {
-    "", [](const Step &step) { return ReadStored(PolicyOf(step), step.target); },
-    [](const Step &step) { WritePolicy(PolicyOf(step), step.target, step.value); },
-    [](const Step &step) { return ReadStored(PolicyOf(step), step.target) == step.value; },
-    [](const Step &step) {
-        if (!SwitchExists(step.target.alias)) return;
-        if (ReadStored(PolicyOf(step), step.target) != step.before)
-            WritePolicy(PolicyOf(step), step.target, step.before);
-    }};
+constexpr Item POLICY_ITEM = {"", ReadPolicyItem, PerformPolicy, PolicyIsDone, RestorePolicy, PolicyAfter};
 
 const Item &ItemOf(const Step &step)
 {
@@ -545,6 +565,7 @@ void ReadBefore(Step &step)
 
 void Perform(const Step &step) { ItemOf(step).perform(step); }
 void Restore(const Step &step) { ItemOf(step).restore(step); }
+Json After(const Step &step) { return ItemOf(step).after(step); }
 
 // Steps in the journal all hold what was there before the first of them. Where what a step leaves depends on
 // that, it is carried on from each step to the next.
@@ -554,13 +575,11 @@ void Repeat(std::span<Step> steps)
     for (Step &step : steps) {
         ThrowIfStopped();
         const Item &item = ItemOf(step);
-        if (item.after) {
-            const auto known = objects.try_emplace({step.item, step.target.Text()}, step.before).first;
-            if (step.before.is_object() && step.before.contains("ports"))
-                known->second["ports"] = step.before["ports"]; // of uplinks
-            step.before = known->second;
-            known->second = item.after(step);
-        }
+        const auto known = objects.try_emplace({step.item, step.target.Text()}, step.before).first;
+        if (step.before.is_object() && step.before.contains("ports"))
+            known->second["ports"] = step.before["ports"]; // of uplinks
+        step.before = known->second;
+        known->second = item.after(step);
         if (item.isDone(step)) continue;
         if (&item != &POLICY_ITEM) item.restore(step); // it may have got half-way
         item.perform(step);
@@ -575,7 +594,7 @@ bool IsRemoval(const Step &step)
 
 Step SetPolicy(const Policy &policy, const Target &target, const Json &value)
 {
-    return {policy.name, target, Canonical(policy, value)};
+    return {policy.name, target, CanonicalPart(policy, value)};
 }
 
 Json StepRow(const Step &step)
@@ -585,7 +604,7 @@ Json StepRow(const Step &step)
     row["port"] = step.target.port.empty() ? Json() : Json(step.target.port);
     row["item"] = step.item;
     row["before"] = step.before;
-    row["after"] = step.value;
+    row["after"] = &ItemOf(step) == &POLICY_ITEM ? After(step) : step.value;
     return row;
 }
 

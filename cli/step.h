@@ -10,7 +10,7 @@ namespace vsctl {
 struct Step {
     std::string item; // a policy's name, or a row of the table of objects
     Target target;
-    Json value;            // what it shall be; null: gone, or cleared
+    Json value;            // what it shall be; null: gone, or cleared; of tables, the fields that change
     Json before = nullptr; // what it was; null: not there
     bool isRead = false;   // `before` holds what was read
 };
@@ -22,6 +22,8 @@ void Perform(const Step &step);
 void Restore(const Step &step);
 // Carries on with steps that were cut short, wherever they got to.
 void Repeat(std::span<Step> steps);
+// What there is after the step, as `before` tells what was there before it.
+Json After(const Step &step);
 // Removes an object: what it was can't be put back entirely.
 bool IsRemoval(const Step &step);
 

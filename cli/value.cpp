@@ -141,6 +141,7 @@ bool IsValid(const Field &field, const Json &value)
 
 std::optional<Fault> FindFault(const Field &field, const Json &value, const std::string &pointer)
 {
+    if (field.canBeNone && value == NONE) return {};
     switch (field.form) {
     case Form::RANGES:
         if (value.is_array() && (value.empty() || value.size() > MAX_RANGES))
@@ -156,7 +157,7 @@ std::optional<Fault> FindFault(const Field &field, const Json &value, const std:
         break;
     }
     if (IsValid(field, value)) return {};
-    return Fault{pointer, Rule(field)};
+    return Fault{pointer, Rule(field) + (field.canBeNone ? ", or none" : "")};
 }
 
 void RequireName(const Field &rule, const std::string &name)
@@ -201,7 +202,7 @@ Json WordToJson(const Field &field, const std::string &word)
 
 Json ParseWord(const Field &field, const std::string &word)
 {
-    const Json value = WordToJson(field, word);
+    const Json value = field.canBeNone && word == NONE ? Json(word) : WordToJson(field, word);
     if (auto fault = FindFault(field, value, "")) {
         const std::string what = *field.name ? "--" + std::string(field.name) : "the value";
         const std::string rule = field.form == Form::BOOLEAN ? "must be on or off" : fault->message;
@@ -263,6 +264,7 @@ Json ValueSchema(const Field &field)
 Json Schema(const Field &field)
 {
     Json schema = ValueSchema(field);
+    if (field.canBeNone) schema = {{"anyOf", {schema, {{"const", NONE}}}}};
     schema["description"] = field.help;
     if (field.defaultText) schema["default"] = Json::parse(field.defaultText);
     return schema;
@@ -300,6 +302,7 @@ Json CanonicalSession(const Json &value)
 
 Json Canonical(const Field &field, const Json &value)
 {
+    if (field.canBeNone && value == NONE) return value;
     switch (field.form) {
     case Form::BYTES:
         return CanonicalBytes(value);
@@ -312,6 +315,15 @@ Json Canonical(const Field &field, const Json &value)
     default:
         return value;
     }
+}
+
+Json CanonicalPart(std::span<const Field> fields, const Json &value)
+{
+    Json part = Json::object();
+    for (const Field &field : fields) {
+        if (value.contains(field.name)) part[field.name] = Canonical(field, value[field.name]);
+    }
+    return part;
 }
 
 Json Canonical(std::span<const Field> fields, const Json &value)

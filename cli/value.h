@@ -29,7 +29,10 @@ struct Field {
     int64_t max = 0;
     const char *choices = "";          // separated by '|'
     const char *defaultText = nullptr; // JSON; without one a field that isn't given stays absent
+    bool canBeNone = false;            // "none" removes it
 };
+
+inline constexpr const char *NONE = "none";
 
 struct Fault {
     std::string pointer; // JSON pointer of the part that is wrong
@@ -43,6 +46,8 @@ std::optional<Fault> FindFault(std::span<const Field> fields, const Json &value,
 // all fields in their order, those not given with their defaults.
 Json Canonical(const Field &field, const Json &value);
 Json Canonical(std::span<const Field> fields, const Json &value);
+// The same without the defaults: the fields that are given.
+Json CanonicalPart(std::span<const Field> fields, const Json &value);
 
 // Throws unless a new object may have this name. The rule's help says what it is the name of.
 void RequireName(const Field &rule, const std::string &name);

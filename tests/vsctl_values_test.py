@@ -184,6 +184,57 @@ class Values(OnHost):
             broken.write_bytes(text)
             self.refused(["plan", str(broken)], 5, f"{broken}:1:", "not ")
 
+    def test_fields_that_are_not_named_keep_their_value(self):
+        """In commands and in files alike. In one VLAN or a trunk: naming one ends the other, naming both sets both."""
+        uplink, port, switch = ["port", "vlan", "lab", "uplink0"], ["port", "vlan", "lab", "port0"], ["switch", "mac-learning", "lab"]
+        learning = ["port", "mac-learning", "lab", "port0"]
+        everywhere = {"id": 0, "trunk": ["1-4094"], "option": False}
+        for words, before, changed in (
+                ([*uplink, "--priority", "5"], everywhere, {"id": 0, "priority": 5, "trunk": ["1-4094"], "option": False}),
+                ([*uplink, "--option", "on"], None, {"id": 0, "priority": 5, "trunk": ["1-4094"], "option": True}),
+                ([*uplink, "--trunk", "7"], None, {"id": 0, "priority": 5, "trunk": ["7"], "option": True}),
+                ([*uplink, "--priority", "none"], None, {"id": 0, "trunk": ["7"], "option": True}),
+                ([*uplink, "9"], None, {"id": 9, "option": True}),
+                ([*uplink, "--trunk", "8,9"], None, {"id": 0, "trunk": ["8", "9"], "option": True}),
+                ([*uplink, "5", "--trunk", "8,9"], None, {"id": 5, "trunk": ["8", "9"], "option": True}),
+                ([*uplink, "--trunk", "9"], None, {"id": 5, "trunk": ["9"], "option": True}),
+                ([*uplink, "--trunk", "none"], None, {"id": 5, "option": True}),
+                ([*port, "--ranges", "3"], {"id": 0, "option": False}, {"id": 0, "ranges": ["3"], "option": False}),
+                ([*port, "4"], None, {"id": 4, "ranges": ["3"], "option": False}),
+                ([*port, "--ranges", "none", "--priority", "0"], None, {"id": 4, "priority": 0, "option": False}),
+                ([*port, "--trunk", "3"], None, {"id": 0, "priority": 0, "trunk": ["3"], "option": False}),
+                ([*port, "--ranges", "5"], None, {"id": 0, "priority": 0, "ranges": ["5"], "option": False}),
+                ([*switch, "--byte", "3"], {}, {"value-a": 600, "byte": 3, "value-b": 65536}),
+                ([*switch, "--value-b", "5"], None, {"value-a": 600, "byte": 3, "value-b": 5}),
+                ([*switch, "--value-a", "7"], None, {"value-a": 7, "byte": 3, "value-b": 5}),
+                ([*learning, "--flag-b", "1"], {}, {"flag-a": 0, "flag-b": 1, "value-a": 4096, "value-b": 0}),
+                ([*learning, "--value-b", "2"], None, {"flag-a": 0, "flag-b": 1, "value-a": 4096, "value-b": 2})):
+            with self.subTest(words):
+                (row,) = self.rows(*words)
+                self.assertEqual(row["before"] or {}, last if before is None else before)
+                self.assertEqual(row["after"], changed)
+                shown = self.rows(*words[:4 if words[0] == "port" else 3])[0]
+                self.assertEqual({key: shown[key] for key in shown if key not in ("switch", "port")}, changed)
+                self.assertEqual(self.rows(*words, "--dry-run"), [])
+                last = changed
+                part = {key: changed[key] for key in list(changed)[-2:]} | ({"trunk": changed["trunk"]} if "trunk" in changed else {})
+                place = {"ports": {words[3]: {words[1]: part}}} if words[0] == "port" else {words[1]: part}
+                self.assertEqual(self.rows("plan", "-", stdin=json.dumps({"switches": {"lab": place}})), [])
+        applied = self.rows("apply", "-", stdin='[switches.lab.ports.uplink1]\nvlan = { priority = 5 }\n[switches.new]\nuplinks = ["u"]\n'
+                                      '[switches.new.ports.u]\nvlan = { priority = 5 }\n[switches.new.ports.p]\nvlan = { id = 5 }\n')
+        self.assertEqual([row["after"] for row in applied if row["port"] in ("uplink1", "u")], [{**everywhere, "priority": 5}] * 2)
+        for words in (["lab", "uplink1"], ["new", "u"]):
+            self.assertEqual(self.rows("port", "vlan", *words)[0], {"switch": words[0], "port": words[1], "priority": 5, **everywhere})
+        lines = ["port vlan lab port1 5 --priority 3", "port vlan lab port1 6", "port vlan lab port1 --clear", "port vlan lab port1 --priority 1",
+                 "port remove lab port2", "port add lab port2", "port vlan lab port2 --priority 1"]
+        self.run_vsctl("port", "vlan", "lab", "port2", "7")
+        rows = self.rows("batch", "--allow-removals", stdin="\n".join(lines))
+        six, plain = {"id": 6, "priority": 3, "option": False}, {"id": 0, "priority": 1, "option": False}
+        self.assertEqual([(row["before"], row["after"]) for row in rows[1:4]], [({**six, "id": 5}, six), (six, None), (None, plain)])
+        self.assertEqual((rows[6]["before"], rows[6]["after"]), (None, plain))
+        for row in self.rows("port", "vlan", "lab", "port1..port2"):
+            self.assertEqual({key: row[key] for key in plain}, plain)
+
     def test_damaged_records_are_named_with_the_way_out(self):
         """Whatever others have stored: it is shown, or its removal is offered; never a crash, and files stay whole."""
         stem = "com.talpex.vswitch."
@@ -260,6 +311,10 @@ class Values(OnHost):
 
     def random_value(self, random, schema):
         """A value that the schema of the files allows."""
+        if "anyOf" in schema:
+            return self.random_value(random, random.choice(schema["anyOf"]))
+        if "const" in schema:
+            return schema["const"]
         if "enum" in schema:
             return random.choice(schema["enum"])
         kind = schema["type"]
@@ -295,7 +350,7 @@ class Values(OnHost):
             for port in ports.values():
                 if "external-id" in port:
                     port.pop("connect-id", None)
-                if "trunk" in port.get("vlan", {}):
+                if isinstance(port.get("vlan", {}).get("trunk"), list):
                     port["vlan"].pop("ranges", None)
                 for number, session in enumerate(port.get("mirror", [])):
                     session["id"] = f"s{number}"
