@@ -189,7 +189,7 @@ void CarryOut(const std::string &command, Result &result)
     if (result.steps.empty()) return;
     const HostLock lock;
     const bool needsJournal = result.steps.size() > 1 || result.needsJournal;
-    if (needsJournal) ThrowIfUnfinished();
+    ThrowIfUnfinished(); // to undo or resume it would overwrite this change
     RequireUnchanged(result.steps);
     ReadAllBefore(result.steps);
     Journal journal{NewJournalId(), command, std::move(result.steps)};
@@ -212,6 +212,7 @@ void Change(const std::string &command, Result &result, const Options &options)
 {
     const bool onlyShows = options.dryRun || result.planOnly;
     if (onlyShows) {
+        if (!result.planOnly) ThrowIfUnfinished();
         ReadAllBefore(result.steps);
     } else {
         ThrowIfRemovalsForbidden(result);

@@ -181,6 +181,24 @@ class Changes(OnHost):
                 self.assertTrue(bare or prepared or STRIDE > 2)
                 restart()
 
+    def test_changes_are_refused_while_one_is_unfinished(self):
+        self.run_vsctl("switch", "create", "lab", "--id", "lab", "--uplinks", "1", "--ports", "4")
+        sessions, file = self.write("sessions", '[{"id": "s1"}]'), self.write("file", LAB)
+        other = self.write("other", "[switches.lab.ports.port3]\nvlan = { id = 3 }\n")
+        for prepare, reason in ((lambda: self.assertTrue(self.killed_at(20, "apply", file)), "cut short"),
+                                (lambda: self.run_vsctl("apply", file, "--confirm-within", "600s"), "waits")):
+            prepare()
+            self.assertTrue(self.journal().exists())
+            for line in ("port vlan lab port0 7", "port security lab port0 --clear", "port add lab x", "port remove lab port3", "switch mtu lab 1400",
+                         "switch create other", "switch destroy lab", "uplink add lab u9", "uplink down lab nic0", "property set lab k --text a",
+                         f"mirror append lab {sessions} port0", f"apply {other}"):
+                for words in (line.split(), ["--dry-run", *line.split()]):
+                    self.refused(words, 1, reason, "vsctl apply --undo")
+            self.process("plan", file)  # reads, and shows what there is
+            self.run_vsctl("port", "show", "lab", "port0")
+            self.run_vsctl("apply", "--undo")
+            self.run_vsctl("port", "vlan", "lab", "port0", "7")
+
     def test_confirmation(self):
         before = self.exported()
         file = self.write("lab.toml", LAB)
