@@ -23,21 +23,29 @@ std::string PortOfRunning(const std::string &uplink)
     return Name(port, sizeof port);
 }
 
+// The running uplinks by the ports that they are behind.
+std::map<std::string, Json> RunningByPort(const std::string &alias)
+{
+    std::map<std::string, Json> running;
+    for (const Json &nic : RunningUplinks(alias))
+        running[PortOfRunning(nic["uplink"])] = nic;
+    return running;
+}
+
 Result List(const Verb &, const Arguments &arguments)
 {
     const std::string alias = arguments.Text("SWITCH");
     SwitchId(alias);
     const Uplinks uplinks = ReadUplinks(alias);
-    const Json running = IsEmbedded() ? RunningUplinks(alias) : Json::array();
+    const auto running = IsEmbedded() ? RunningByPort(alias) : std::map<std::string, Json>();
     Result result;
     for (size_t i = 0; i < uplinks.ids.size(); i++) {
         Json row = {{"switch", alias},
                     {"uplink", i < uplinks.names.size() ? uplinks.names[i] : uplinks.ids[i]},
                     {"port", uplinks.ids[i]}};
-        for (const Json &nic : running) {
-            if (PortOfRunning(nic["uplink"]) != uplinks.ids[i]) continue;
-            row["nic"] = nic["uplink"];
-            row["link"] = nic["link"];
+        if (const auto nic = running.find(uplinks.ids[i]); nic != running.end()) {
+            row["nic"] = nic->second["uplink"];
+            row["link"] = nic->second["link"];
         }
         result.rows.push_back(row);
     }

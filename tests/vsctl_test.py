@@ -4,8 +4,9 @@ import fcntl
 import json
 import re
 import subprocess
+from collections import Counter
 
-from vsctl_host import HOST, IO_ERROR, SOURCE, STORE, VSCTL, OnHost, main, ran
+from vsctl_host import HOST, IO_ERROR, SOURCE, STORE, VSCTL, OnHost, main, ran, recorded
 
 every_verb = set()
 
@@ -82,6 +83,21 @@ class Verbs(OnHost):
         self.rows("switch", "create", "lab")
         self.rows("uplink", "set", "lab", "--count", "2")
         self.assertEqual(len(self.rows("uplink", "live", "lab")), 2)
+
+    def test_listing_uplinks_takes_as_many_calls_for_each_however_many_there_are(self):
+        counts = {}
+        for uplinks in (20, 200, 2000):
+            self.rows("switch", "create", f"s{uplinks}", "--uplinks", str(uplinks), "--max-ports", "4096")
+            HOST.vshost_record(1)
+            rows = self.rows("uplink", "list", f"s{uplinks}")
+            counts[uplinks] = Counter(recorded())
+            HOST.vshost_record(0)
+            self.assertEqual({row["port"] for row in rows}, {f"uplink{i}" for i in range(uplinks)})
+            self.assertEqual(len({row["nic"] for row in rows}), uplinks)
+            self.run_vsctl("switch", "destroy", f"s{uplinks}")
+        for operation in counts[20]:
+            few, some, many = (counts[uplinks][operation] for uplinks in (20, 200, 2000))
+            self.assertEqual((some - few) / 180, (many - some) / 1800, operation)
 
     def test_properties(self):
         self.create()
