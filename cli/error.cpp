@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "limit.h"
+
 namespace vsctl {
 
 namespace {
@@ -148,6 +150,7 @@ std::string Target::Text() const
 
 void Check(VsStatus status, std::string_view action, const Target &target)
 {
+    RestartTimeLimit(); // the platform has answered
     if (status != STATUS_OK) throw StatusError(status, action, target);
 }
 
@@ -161,6 +164,7 @@ int DeviceError(const char *device)
 
 void CheckDriver(VsStatus status, std::string_view action, const Target &target)
 {
+    RestartTimeLimit();
     if (status == STATUS_OK) return;
     const int error = DeviceError(ZOR_DEVICE);
     if (error == 0) throw StatusError(status, action, target);

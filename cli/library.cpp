@@ -8,6 +8,8 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include "limit.h"
+
 namespace vsctl {
 
 const char *const LEVEL_NAMES[3] = {"global", "host", "port"};
@@ -42,8 +44,10 @@ std::string ReadFile(const std::string &path)
     std::string text;
     char block[65536];
     ssize_t length = descriptor;
-    while (descriptor >= 0 && (length = read(descriptor, block, sizeof block)) > 0)
+    while (descriptor >= 0 && (length = read(descriptor, block, sizeof block)) > 0) {
         text.append(block, static_cast<size_t>(length));
+        RestartTimeLimit();
+    }
     const int error = errno;
     if (descriptor > STDIN_FILENO) close(descriptor);
     if (length < 0) {
@@ -114,6 +118,7 @@ bool SwitchExists(const std::string &alias)
 {
     char id[SWITCH_ID_SIZE];
     const VsStatus status = DVSAliasToSwitchId(alias.c_str(), id);
+    RestartTimeLimit();
     if (status != STATUS_NOT_FOUND) Check(status, "finding", {alias, ""});
     return status == STATUS_OK;
 }
@@ -216,6 +221,7 @@ VsStatus Property::Length(int32_t &length) const
 {
     PropValueBuffer buffer{0, nullptr};
     const VsStatus status = GetProperty(*this, buffer);
+    RestartTimeLimit();
     length = buffer.length;
     return status;
 }

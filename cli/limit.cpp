@@ -1,4 +1,4 @@
-// The time limit, and the signals that ask the command to stop.
+// The time limit of waiting, and the signals that ask the command to stop.
 #include "limit.h"
 
 #include <csignal>
@@ -14,7 +14,6 @@ namespace vsctl {
 namespace {
 
 constexpr int SIGNALS[] = {SIGALRM, SIGINT, SIGTERM, SIGHUP};
-constexpr const char *MORE_TIME = "give it more time with --timeout";
 constexpr int SIGNAL_EXIT = 128; // as shells report a command that a signal ended
 
 volatile sig_atomic_t changing = 0;
@@ -24,8 +23,10 @@ std::string struckWhileWaiting;
 
 void Stop(int signal)
 {
-    stopSignal = signal;
-    if (changing) return;
+    if (changing && signal != SIGALRM) {
+        stopSignal = signal;
+        return;
+    }
     if (signal != SIGALRM) _exit(SIGNAL_EXIT + signal);
     [[maybe_unused]] const ssize_t written =
         write(STDERR_FILENO, struckWhileWaiting.data(), struckWhileWaiting.size());
@@ -46,9 +47,10 @@ void SetTimer(double seconds)
 void StartTimeLimit(double seconds, bool json)
 {
     limit = seconds;
-    struckWhileWaiting = ErrorText(
-        Error(Exit::TIMED_OUT, "the time limit struck while waiting, and nothing was changed", MORE_TIME),
-        json);
+    struckWhileWaiting =
+        ErrorText(Error(Exit::TIMED_OUT, "the time limit struck while waiting, and nothing was changed",
+                        "give it more time with --timeout"),
+                  json);
     struct sigaction action {};
     action.sa_handler = Stop;
     action.sa_flags = SA_RESTART;
@@ -58,19 +60,34 @@ void StartTimeLimit(double seconds, bool json)
     SetTimer(seconds);
 }
 
-void EndTimeLimit() { SetTimer(0); }
+void RestartTimeLimit()
+{
+    if (limit > 0 && !changing) SetTimer(limit);
+}
 
-ChangeScope::ChangeScope() { changing = 1; }
-ChangeScope::~ChangeScope() { changing = 0; }
+void EndTimeLimit()
+{
+    limit = 0;
+    SetTimer(0);
+}
+
+ChangeScope::ChangeScope()
+{
+    SetTimer(0);
+    changing = 1;
+}
+
+ChangeScope::~ChangeScope()
+{
+    changing = 0;
+    RestartTimeLimit();
+}
 
 void ThrowIfStopped()
 {
     const int signal = stopSignal;
     if (!signal) return;
     stopSignal = 0;
-    if (signal == SIGALRM) {
-        throw Error(Exit::TIMED_OUT, fmt::format("the time limit of {} s struck", limit), MORE_TIME);
-    }
     throw Error(Exit::FAILURE, fmt::format("stopped by the signal {}", strsignal(signal)));
 }
 

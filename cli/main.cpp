@@ -51,6 +51,7 @@ Exit Run(const std::vector<std::string> &words, Options &options)
         Result result = verb.run(verb, arguments);
         if (!result.steps.empty() || result.planOnly)
             Change(fmt::format("vsctl {}", fmt::join(words, " ")), result, options);
+        EndTimeLimit();
         return Show(verb, result, options);
     } catch (const HelpWanted &) {
         Print(parser.Help());
