@@ -362,7 +362,7 @@ TEST_F(Driver, FaultsAnswersAndRecording)
 
 TEST_F(Driver, WhatTestsAskForHasLimits)
 {
-    const std::string bytes(1048577, 'x'), longName(64, 'o'), longVerb(16, 'v');
+    const std::string bytes(1048577, 'x'), longVerb(16, 'v');
     const auto fail = [](vshost_kind kind, const char *operation, unsigned nth) {
         return vshost_fail(kind, operation, nth, 1, EBUSY);
     };
@@ -374,7 +374,7 @@ TEST_F(Driver, WhatTestsAskForHasLimits)
         {vshost_shell_output(nullptr, bytes.data(), 1), EINVAL},
         {vshost_shell_output(longVerb.c_str(), bytes.data(), 1), EINVAL},
         {fail(VSHOST_DRIVER, nullptr, 0), EINVAL},
-        {fail(VSHOST_DRIVER, longName.c_str(), 1), EINVAL},
+        {fail(VSHOST_DRIVER, "4294967296", 1), EINVAL},
         {fail(VSHOST_CLOSE, nullptr, 1), EINVAL},
         {fail(static_cast<vshost_kind>(0), nullptr, 1), EINVAL},
     };
@@ -383,7 +383,7 @@ TEST_F(Driver, WhatTestsAskForHasLimits)
     EXPECT_NE(std::string(vshost_error()).find("out of range"), std::string::npos);
     for (int round = 0; round < 2; round++) {
         for (int i = 0; i < 65; i++)
-            EXPECT_EQ(fail(VSHOST_DRIVER, longName.c_str() + 1, 1), i < 64 ? 0 : ENOSPC) << i;
+            EXPECT_EQ(fail(VSHOST_DRIVER, "4294967295", 1), i < 64 ? 0 : ENOSPC) << i;
         for (int i = 0; i < 17; i++)
             EXPECT_EQ(vshost_answer(4106, 1, bytes.data(), 65536), i < 16 ? 0 : ENOSPC) << i;
         for (int i = 0; i < 5; i++)
@@ -700,38 +700,8 @@ TEST_F(Driver, GroupsByVlanAndKind)
     EXPECT_EQ(+learning.agingSeconds, 5u) << "what a scenario doesn't name stays";
 }
 
-TEST_F(Driver, AScenarioIsTakenWholeOrNotAtAll)
+TEST_F(Driver, AScenarioMakesCallsFail)
 {
-    const struct {
-        const char *json;
-        const char *complaint;
-    } cases[] = {
-        {"{", "the scenario is no JSON"},
-        {"[]", "the scenario: must be an object"},
-        {R"({"nic": {}})", "/nic: no such key; use one of"},
-        {R"({"nics": {"nic8": {}, "nic9": {"speed": "fast"}}})", "/nics/nic9/speed: must be a whole number"},
-        {R"({"nics": {"nic9": {"mtu": 1279}}})", "/nics/nic9/mtu: must be a whole number from 1280 to 9000"},
-        {R"({"nics": {"nic9": {"link": true}}})", "/nics/nic9/link: must be one of down, up"},
-        {R"({"nics": {"nic9": {"mtu": 9000, "maxMtu": 1500}}})", "/nics/nic9: mtu must not be above maxMtu"},
-        {R"({"nics": {"": {}}})", "/nics/: this name must have 1 to 30 characters"},
-        {R"({"nics": {"nic9": {"bind": {"switch": "lab"}}}})", "/nics/nic9/bind: needs both"},
-        {R"({"nics": {"nic9": {"refusedMtus": [1500, 0]}}})", "/nics/nic9/refusedMtus/1: must be"},
-        {R"({"portsets": {"p": {"ports": {"a": {"macs": [{"address": "02:00"}]}}}}})",
-         "/portsets/p/ports/a/macs/0/address: must be an Ethernet address"},
-        {R"({"portsets": {"p": {"groups": [{"address": "224.0.0.1", "sources": ["ff02::1"]}]}}})",
-         "/portsets/p/groups/0/sources/0: must be an address of the same kind"},
-        {R"({"portsets": {"p": {"rarp": {"sent": -1}}}})", "/portsets/p/rarp/sent: must be a whole number"},
-        {R"({"options": {"0": 1}})", "/options/0: an option's id"},
-        {R"({"macLearning": {"enabled": 1}})", "/macLearning/enabled: must be true or false"},
-        {R"({"nics": {"nic9": {}}, "faults": [{"operation": "4106"}]})", "/faults/0: needs a kind"},
-        {R"({"faults": [{"kind": "shell", "outcome": "dead"}]})", "/faults/0/outcome: must be one of killed"},
-    };
-    const uint64_t before = vshost_fingerprint();
-    for (const auto &row : cases) {
-        EXPECT_EQ(vshost_scenario(row.json), EINVAL) << row.json;
-        EXPECT_NE(std::string(vshost_error()).find(row.complaint), std::string::npos) << vshost_error();
-        EXPECT_EQ(vshost_fingerprint(), before) << row.json;
-    }
     EXPECT_EQ(vshost_scenario(R"({"faults": [
         {"kind": "driver", "operation": "4103", "times": 0, "outcome": "0x10"}]})"),
               0);

@@ -351,7 +351,8 @@ TEST_F(Launcher, KeepsAHostAndShowsIt)
     WriteFile(folder + "/scenario", R"({"nics": {"nic3": {"seed": 1}}})");
     const Ended refused = Vshost("run --scenario " + folder + "/scenario -- echo started");
     EXPECT_EQ(refused.status, FAILED);
-    EXPECT_EQ(refused.out.find("vshost: " + folder + "/scenario: /nics/nic3/seed: no such key; use one of"),
+    EXPECT_EQ(refused.out.find("vshost: " + folder +
+                               "/scenario: /nics/nic3/seed: unknown key; did you mean speed?"),
               0u)
         << refused.out;
 }

@@ -12,6 +12,8 @@ from manpages import block, escape
 
 
 def kind(schema):
+    if "title" in schema:
+        return schema["title"]
     bounds = [f"{word} {schema[key]}" for word, key in (("at least", "minimum"), ("at most", "maximum"),
                                                          ("at most", "maxLength"), ("matching", "pattern")) if key in schema]
     words = " or ".join(map(json.dumps, schema.get("enum", [])))

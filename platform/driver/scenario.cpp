@@ -3,31 +3,27 @@
 #include <arpa/inet.h>
 #include <vshost.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <utility>
 
 #include "platform/driver/driver_table.h"
 #include "platform/driver/group.h"
+#include "platform/driver/json_schema.h"
 #include "platform/driver/runtime.h"
-#include "platform/driver/scenario_node.h"
+#include "platform/host/status_names.h"
+#include "scenario_schema.h"
 
 namespace vshost {
 
 namespace {
 
-using Node = ScenarioNode;
+using Json = nlohmann::json;
 
-constexpr size_t MAX_PORT_ID = 47;
-constexpr size_t MAX_SESSION_ID = 31;
-constexpr size_t MAX_LAG_NAME = 31;
-constexpr size_t MAX_LAG_MEMBERS = 16;
 constexpr size_t MAX_LAGS = 64;
-constexpr size_t MAX_FAULTS = 64;
-constexpr size_t MAX_HEX = 11; // "not started" is as long
-constexpr size_t MANY = 1u << 20;
-constexpr uint64_t MAX_VLAN_ID = 4094;
-constexpr uint64_t MAX_SPEED = 10'000'000; // Mb/s
-constexpr uint64_t MAX_NUMA_NODE = 1023;
 
 struct Fault {
     vshost_kind kind = VSHOST_STORE;
@@ -54,425 +50,345 @@ template<class Record> bool ReadRecord(Reader &reader, std::string_view key, Rec
     return status == STATUS_OK;
 }
 
-// A visit that puts a number into a field.
-template<class Integer> Node::Visit Into(Integer &field)
+// ---- Values, which the schema has checked ----
+
+// An absent member is an empty one.
+const Json &Member(const Json &object, const char *name)
 {
-    return [&field](const Node &node) { field = node.NumberOf<Integer>(); };
+    static const Json absent;
+    const auto found = object.find(name);
+    return found == object.end() ? absent : *found;
 }
 
-// The same for a field of a packed record, which may lie at any address.
+std::string Text(const Json &object, const char *name) { return object.value(name, std::string()); }
+
+// Each of these leaves what the object doesn't name as it is.
+template<class Integer> void ReadNumber(const Json &object, const char *name, Integer &number)
+{
+    number = object.value(name, number);
+}
+
+void ReadWord(const Json &object, const char *name, const char *set, uint8_t &flag)
+{
+    if (object.contains(name)) flag = object[name] == set;
+}
+
+// Fields of a packed record, which may lie at any address.
+template<class Record, class Integer> using Fields = std::vector<std::pair<const char *, Integer Record::*>>;
+
 template<class Record, class Integer>
-Node::Member Counter(const char *name, Record &record, Integer Record::*field)
+void ReadFields(const Json &object, Record &record, const Fields<Record, Integer> &fields)
 {
-    return {name, [&record, field](const Node &node) {
-                const Integer number = node.NumberOf<Integer>();
-                memcpy(static_cast<void *>(&(record.*field)), &number, sizeof number);
-            }};
+    for (const auto &[name, field] : fields)
+        if (object.contains(name)) {
+            const Integer number = object[name];
+            memcpy(static_cast<void *>(&(record.*field)), &number, sizeof(number));
+        }
 }
 
-// Changes the record under `key` by what the members say.
-template<class Record>
-void ApplyRecord(Transaction &transaction, const std::string &key, const Node &node,
-                 const std::function<std::vector<Node::Member>(Record &)> &members)
+// Changes the fields of the record under `key`.
+template<class Record, class Integer>
+void ApplyFields(Transaction &transaction, const std::string &key, const Json &object,
+                 const Fields<Record, Integer> &fields)
 {
+    if (object.is_null()) return;
     Record record = {};
     ReadRecord(transaction, key, record);
-    node.Members(members(record));
+    ReadFields(object, record, fields);
     Check(PutRecord(transaction, key, record));
 }
 
-void ParseMac(const Node &node, uint8_t (&address)[6])
-{
-    const std::string text = node.Name(17);
-    char end;
-    const int parts = sscanf(text.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx%c", &address[0], &address[1],
-                             &address[2], &address[3], &address[4], &address[5], &end);
-    if (text.size() != 17 || parts != 6) node.Fail("must be an Ethernet address such as 02:00:00:00:00:01");
-}
-
 // The bytes of an address of any kind.
-std::string ParseAddress(const Node &node, uint32_t &kind)
+std::string ParseAddress(const std::string &text, uint32_t &kind)
 {
-    const std::string text = node.Name(INET6_ADDRSTRLEN);
-    uint8_t bytes[16];
+    uint8_t bytes[16] = {};
     if (inet_pton(AF_INET, text.c_str(), bytes) == 1)
         kind = VSWITCH_ADDRESS_IPV4;
     else if (inet_pton(AF_INET6, text.c_str(), bytes) == 1)
         kind = VSWITCH_ADDRESS_IPV6;
     else {
-        uint8_t mac[6];
-        ParseMac(node, mac);
-        memcpy(bytes, mac, sizeof mac);
         kind = VSWITCH_ADDRESS_ETHERNET;
+        for (size_t i = 0; i < 6; i++)
+            bytes[i] = static_cast<uint8_t>(strtoul(text.c_str() + 3 * i, nullptr, 16));
     }
     return {reinterpret_cast<const char *>(bytes), AddressWidth(kind)};
 }
 
 // ---- NICs ----
 
-struct Binding {
-    std::string switchName;
-    std::string portId;
-};
-
-Binding ParseBinding(const Node &node)
-{
-    Binding binding;
-    node.Members({{"switch", [&](const Node &name) { binding.switchName = name.Name(MAX_PORTSET_NAME); }},
-                  {"port", [&](const Node &port) { binding.portId = port.Name(MAX_PORT_ID); }}});
-    if (binding.switchName.empty() || binding.portId.empty()) node.Fail("needs both switch and port");
-    return binding;
-}
-
-void ParseRefusedMtus(const Node &node, Nic &nic)
-{
-    size_t count = 0;
-    std::fill(std::begin(nic.refusedMtus), std::end(nic.refusedMtus), 0);
-    node.Elements(MAX_REFUSED_MTUS, [&](const Node &mtu) {
-        nic.refusedMtus[count++] = static_cast<uint32_t>(mtu.Number(MIN_MTU, MAX_MTU));
-    });
-}
-
-void ApplyNic(Transaction &transaction, const std::string &name, const Node &node)
+void ApplyNic(Transaction &transaction, const std::string &name, const Json &object)
 {
     Nic nic;
-    Binding binding;
     const bool known = ReadRecord(transaction, runtime::NicKey(name), nic);
-    node.Members({
-        {"speed", [&](const Node &speed) { nic.speed = static_cast<uint32_t>(speed.Number(1, MAX_SPEED)); }},
-        {"duplex",
-         [&](const Node &duplex) {
-             nic.fullDuplex = duplex.Word({"half", "full"});
-         }},
-        {"link",
-         [&](const Node &link) {
-             nic.link = link.Word({"down", "up"});
-         }},
-        {"admin",
-         [&](const Node &admin) {
-             nic.adminUp = admin.Word({"down", "up"});
-         }},
-        {"numaNode",
-         [&](const Node &node) { nic.numaNode = static_cast<int32_t>(node.Number(0, MAX_NUMA_NODE)); }},
-        {"mtu", [&](const Node &mtu) { nic.mtu = static_cast<uint32_t>(mtu.Number(MIN_MTU, MAX_MTU)); }},
-        {"maxMtu",
-         [&](const Node &mtu) { nic.maxMtu = static_cast<uint32_t>(mtu.Number(MIN_MTU, MAX_MTU)); }},
-        {"refusedMtus", [&](const Node &mtus) { ParseRefusedMtus(mtus, nic); }},
-        {"bind", [&](const Node &bind) { binding = ParseBinding(bind); }},
-    });
-    if (nic.mtu > nic.maxMtu) node.Fail("mtu must not be above maxMtu");
+    ReadNumber(object, "speed", nic.speed);
+    ReadWord(object, "duplex", "full", nic.fullDuplex);
+    ReadWord(object, "link", "up", nic.link);
+    ReadWord(object, "admin", "up", nic.adminUp);
+    ReadNumber(object, "numaNode", nic.numaNode);
+    ReadNumber(object, "mtu", nic.mtu);
+    ReadNumber(object, "maxMtu", nic.maxMtu);
+    if (const Json &mtus = Member(object, "refusedMtus"); !mtus.is_null()) {
+        std::fill(std::begin(nic.refusedMtus), std::end(nic.refusedMtus), 0);
+        std::copy(mtus.begin(), mtus.end(), std::begin(nic.refusedMtus));
+    }
+    if (nic.mtu > nic.maxMtu) throw SchemaViolation{"/nics/" + name, "mtu must not be above maxMtu"};
     if (!known) nic.driverNumaNode = nic.numaNode;
     Check(PutNic(transaction, name, nic));
-    if (!binding.portId.empty()) Check(ClaimNic(transaction, name, binding.switchName, binding.portId));
+    if (const Json &bind = Member(object, "bind"); !bind.is_null())
+        Check(ClaimNic(transaction, name, Text(bind, "switch"), Text(bind, "port")));
 }
 
 // ---- State of a portset ----
 
-void ApplyMac(Transaction &transaction, const std::string &portset, const std::string &portId,
-              const Node &node)
-{
-    MacRecord record;
-    uint8_t address[6] = {};
-    uint16_t vlanId = 0;
-    bool addressed = false;
-    record.fromScenario = 1;
-    node.Members({
-        {"address", [&](const Node &text) { ParseMac(text, address), addressed = true; }},
-        {"vlan", [&](const Node &vlan) { vlanId = static_cast<uint16_t>(vlan.Number(0, MAX_VLAN_ID)); }},
-        {"type",
-         [&](const Node &type) {
-             record.type = type.Word({"any", "static", "learned"});
-         }},
-        {"age", Into(record.age)},
-    });
-    if (!addressed) node.Fail("needs an address");
-    if (record.type == VSWITCH_MAC_ANY) node.Fail("type must be static or learned");
-    Check(PutRecord(transaction, runtime::MacKey(portset, portId, vlanId, address), record));
-}
-
 void ApplyPort(Transaction &transaction, const std::string &portset, const std::string &portId,
-               const Node &node)
+               const Json &object)
 {
     using Stats = VSwitchPortLearningStats;
-    node.Members({
-        {"macs",
-         [&](const Node &macs) {
-             macs.Elements(MANY, [&](const Node &mac) { ApplyMac(transaction, portset, portId, mac); });
-         }},
-        {"learning",
-         [&](const Node &learning) {
-             const std::string key = runtime::PortStatsKey(portset, portId);
-             ApplyRecord<Stats>(transaction, key, learning, [](Stats &stats) -> std::vector<Node::Member> {
-                 return {Counter("learned", stats, &Stats::learned), Counter("moved", stats, &Stats::moved),
-                         Counter("aged", stats, &Stats::aged), Counter("refused", stats, &Stats::refused),
-                         Counter("dropped", stats, &Stats::dropped)};
-             });
-         }},
-    });
+    for (const Json &entry : Member(object, "macs")) {
+        MacRecord record;
+        uint16_t vlanId = 0;
+        uint32_t kind = 0;
+        record.fromScenario = 1;
+        record.type = Text(entry, "type") == "learned" ? VSWITCH_MAC_LEARNED : VSWITCH_MAC_STATIC;
+        ReadNumber(entry, "age", record.age);
+        ReadNumber(entry, "vlan", vlanId);
+        const std::string address = ParseAddress(Text(entry, "address"), kind);
+        const auto *bytes = reinterpret_cast<const uint8_t *>(address.data());
+        Check(PutRecord(transaction, runtime::MacKey(portset, portId, vlanId, bytes), record));
+    }
+    ApplyFields<Stats, uint32_t>(transaction, runtime::PortStatsKey(portset, portId),
+                                 Member(object, "learning"),
+                                 {{"learned", &Stats::learned},
+                                  {"moved", &Stats::moved},
+                                  {"aged", &Stats::aged},
+                                  {"refused", &Stats::refused},
+                                  {"dropped", &Stats::dropped}});
 }
 
-void ApplyLag(Transaction &transaction, const std::string &portset, const std::string &name, const Node &node)
+void ApplyLag(Transaction &transaction, const std::string &portset, const std::string &name,
+              const Json &object)
 {
     VSwitchLag lag = {};
     SetField(lag.name, name);
-    node.Members({
-        {"mode",
-         [&](const Node &mode) {
-             lag.mode = mode.Word({"passive", "active"});
-         }},
-        {"timeout",
-         [&](const Node &timeout) {
-             lag.fastTimeout = timeout.Word({"slow", "fast"});
-         }},
-        {"loadBalance", Into(lag.loadBalance)},
-        {"members",
-         [&](const Node &members) {
-             members.Elements(MAX_LAG_MEMBERS, [&](const Node &member) {
-                 const uint32_t index = lag.memberCount;
-                 lag.memberCount = index + 1;
-                 SetField(lag.members[index], member.Name(MAX_NIC_NAME));
-             });
-         }},
-    });
+    ReadWord(object, "mode", "active", lag.mode);
+    ReadWord(object, "timeout", "fast", lag.fastTimeout);
+    ReadNumber(object, "loadBalance", lag.loadBalance);
+    uint32_t count = 0;
+    for (const Json &member : Member(object, "members"))
+        SetField(lag.members[count++], member.get<std::string>());
+    lag.memberCount = count;
     Check(PutRecord(transaction, runtime::LagKey(portset, name), lag));
 }
 
-void ApplyLags(Transaction &transaction, const std::string &portset, const Node &node)
+void ApplyLags(Transaction &transaction, const std::string &portset, const Json &lags)
 {
     size_t count = 0;
-    node.Names(MAX_LAG_NAME,
-               [&](const std::string &name, const Node &lag) { ApplyLag(transaction, portset, name, lag); });
+    for (const auto &[name, lag] : lags.items())
+        ApplyLag(transaction, portset, name, lag);
     Check(transaction.Scan(runtime::LagKey(portset, ""),
                            [&](std::string_view, std::string_view) { return ++count <= MAX_LAGS; }));
-    if (count > MAX_LAGS) node.Fail("a portset has at most " + std::to_string(MAX_LAGS) + " LAGs");
+    if (count > MAX_LAGS)
+        throw SchemaViolation{"/portsets/" + portset + "/lags",
+                              "a portset has at most " + std::to_string(MAX_LAGS) + " LAGs"};
 }
 
-void ApplyGroup(Transaction &transaction, const std::string &portset, const Node &node)
+void ApplyGroup(Transaction &transaction, const std::string &portset, const Json &object)
 {
     using Stats = VSwitchMcastStats;
     Stats stats = {};
-    std::string address, sources;
     uint32_t kind = 0;
-    node.Members({
-        {"address", [&](const Node &text) { address = ParseAddress(text, kind); }},
-        {"vlan",
-         [&](const Node &vlan) { stats.vlanId = static_cast<uint32_t>(vlan.Number(0, MAX_VLAN_ID)); }},
-        Counter("joins", stats, &Stats::joins),
-        Counter("leaves", stats, &Stats::leaves),
-        Counter("queries", stats, &Stats::queries),
-        Counter("ports", stats, &Stats::ports),
-        {"filter",
-         [&](const Node &filter) {
-             stats.filter = filter.Word({"include", "exclude"});
-         }},
-        {"sources", [](const Node &) {}}, // below, when the group's kind of address is known
-    });
-    if (address.empty()) node.Fail("needs an address");
+    const std::string address = ParseAddress(Text(object, "address"), kind);
+    ReadFields<Stats, uint32_t>(object, stats,
+                                {{"vlan", &Stats::vlanId},
+                                 {"joins", &Stats::joins},
+                                 {"leaves", &Stats::leaves},
+                                 {"queries", &Stats::queries},
+                                 {"ports", &Stats::ports}});
+    stats.filter = Text(object, "filter") == "exclude";
+    std::string sources;
     uint32_t count = 0;
-    node.Optional("sources", [&](const Node &list) {
-        list.Elements(MANY, [&](const Node &source) {
-            uint32_t sourceKind = 0;
-            sources += ParseAddress(source, sourceKind);
-            if (sourceKind != kind) source.Fail("must be an address of the same kind as the group's");
-            ++count;
-        });
-    });
+    for (const Json &source : Member(object, "sources")) {
+        sources += ParseAddress(source, kind);
+        count++;
+    }
     stats.count = count;
-    const std::string head(reinterpret_cast<const char *>(&stats), sizeof stats);
+    const std::string head(reinterpret_cast<const char *>(&stats), sizeof(stats));
     Check(transaction.Put(runtime::GroupKey(portset, kind, stats.vlanId, address), head + sources));
 }
 
-void ApplyMirrorStats(Transaction &transaction, const std::string &portset, const std::string &id,
-                      const Node &node)
+void ApplyMirrorStats(Transaction &transaction, const std::string &key, const Json &object)
 {
     using Stats = VSwitchMirrorStats;
-    const std::string key = runtime::MirrorStatsKey(portset, id);
-    ApplyRecord<Stats>(transaction, key, node, [](Stats &stats) -> std::vector<Node::Member> {
-        return {Counter("mirroredPackets", stats, &Stats::mirroredPackets),
-                Counter("mirroredBytes", stats, &Stats::mirroredBytes),
-                Counter("droppedPackets", stats, &Stats::droppedPackets),
-                Counter("droppedBytes", stats, &Stats::droppedBytes),
-                Counter("txPackets", stats, &Stats::txPackets),
-                Counter("txBytes", stats, &Stats::txBytes),
-                Counter("rxPackets", stats, &Stats::rxPackets),
-                Counter("rxBytes", stats, &Stats::rxBytes),
-                Counter("truncated", stats, &Stats::truncated),
-                Counter("encapsulationErrors", stats, &Stats::encapsulationErrors),
-                Counter("unreachable", stats, &Stats::unreachable)};
-    });
+    ApplyFields<Stats, uint64_t>(transaction, key, object,
+                                 {{"mirroredPackets", &Stats::mirroredPackets},
+                                  {"mirroredBytes", &Stats::mirroredBytes},
+                                  {"droppedPackets", &Stats::droppedPackets},
+                                  {"droppedBytes", &Stats::droppedBytes},
+                                  {"txPackets", &Stats::txPackets},
+                                  {"txBytes", &Stats::txBytes},
+                                  {"rxPackets", &Stats::rxPackets},
+                                  {"rxBytes", &Stats::rxBytes},
+                                  {"truncated", &Stats::truncated},
+                                  {"encapsulationErrors", &Stats::encapsulationErrors},
+                                  {"unreachable", &Stats::unreachable}});
 }
 
-void ApplyPromiscuousPorts(Transaction &transaction, const std::string &portset, const Node &node)
+void ApplyPromiscuousPorts(Transaction &transaction, const std::string &portset, const Json &ports)
 {
+    if (ports.is_null()) return;
     std::string portIds;
-    node.Elements(MANY, [&](const Node &portId) { portIds += portId.Name(MAX_PORT_ID) + '\0'; });
+    for (const Json &portId : ports)
+        portIds += portId.get<std::string>() + '\0';
     Check(transaction.Put(runtime::PromiscuousKey(portset), portIds));
 }
 
-void ApplyRarp(Transaction &transaction, const std::string &portset, const Node &node)
+void ApplyRarp(Transaction &transaction, const std::string &portset, const Json &object)
 {
     using Stats = VSwitchRarpStats;
-    ApplyRecord<Stats>(
-        transaction, runtime::RarpKey(portset), node, [](Stats &stats) -> std::vector<Node::Member> {
-            return {Counter("sent", stats, &Stats::sent), Counter("failed", stats, &Stats::failed)};
-        });
+    ApplyFields<Stats, uint64_t>(transaction, runtime::RarpKey(portset), object,
+                                 {{"sent", &Stats::sent}, {"failed", &Stats::failed}});
 }
 
-void ApplyTeaming(Transaction &transaction, const std::string &portset, const Node &node)
+void ApplyTeaming(Transaction &transaction, const std::string &portset, const Json &object)
 {
     using Stats = VSwitchTeamingStats;
-    ApplyRecord<Stats>(transaction, runtime::TeamingKey(portset), node,
-                       [](Stats &stats) -> std::vector<Node::Member> {
-                           return {Counter("txPackets", stats, &Stats::txPackets),
-                                   Counter("txBytes", stats, &Stats::txBytes),
-                                   Counter("rxPackets", stats, &Stats::rxPackets),
-                                   Counter("rxBytes", stats, &Stats::rxBytes),
-                                   Counter("failovers", stats, &Stats::failovers),
-                                   Counter("failbacks", stats, &Stats::failbacks)};
-                       });
+    ApplyFields<Stats, uint64_t>(transaction, runtime::TeamingKey(portset), object,
+                                 {{"txPackets", &Stats::txPackets},
+                                  {"txBytes", &Stats::txBytes},
+                                  {"rxPackets", &Stats::rxPackets},
+                                  {"rxBytes", &Stats::rxBytes},
+                                  {"failovers", &Stats::failovers},
+                                  {"failbacks", &Stats::failbacks}});
 }
 
-void ApplyPortset(Transaction &transaction, const std::string &portset, const Node &node)
+void ApplyPortset(Transaction &transaction, const std::string &portset, const Json &object)
 {
-    node.Members({
-        {"ports",
-         [&](const Node &ports) {
-             ports.Names(MAX_PORT_ID, [&](const std::string &portId, const Node &port) {
-                 ApplyPort(transaction, portset, portId, port);
-             });
-         }},
-        {"lags", [&](const Node &lags) { ApplyLags(transaction, portset, lags); }},
-        {"groups",
-         [&](const Node &groups) {
-             groups.Elements(MANY, [&](const Node &group) { ApplyGroup(transaction, portset, group); });
-         }},
-        {"mirrorSessions",
-         [&](const Node &sessions) {
-             sessions.Names(MAX_SESSION_ID, [&](const std::string &id, const Node &session) {
-                 ApplyMirrorStats(transaction, portset, id, session);
-             });
-         }},
-        {"promiscuousPorts", [&](const Node &ports) { ApplyPromiscuousPorts(transaction, portset, ports); }},
-        {"rarp", [&](const Node &rarp) { ApplyRarp(transaction, portset, rarp); }},
-        {"teaming", [&](const Node &teaming) { ApplyTeaming(transaction, portset, teaming); }},
-    });
+    for (const auto &[portId, port] : Member(object, "ports").items())
+        ApplyPort(transaction, portset, portId, port);
+    ApplyLags(transaction, portset, Member(object, "lags"));
+    for (const Json &group : Member(object, "groups"))
+        ApplyGroup(transaction, portset, group);
+    for (const auto &[id, session] : Member(object, "mirrorSessions").items())
+        ApplyMirrorStats(transaction, runtime::MirrorStatsKey(portset, id), session);
+    ApplyPromiscuousPorts(transaction, portset, Member(object, "promiscuousPorts"));
+    ApplyRarp(transaction, portset, Member(object, "rarp"));
+    ApplyTeaming(transaction, portset, Member(object, "teaming"));
 }
 
 // ---- The whole host ----
 
-void ApplyLearningProps(Transaction &transaction, const Node &node)
+void ApplyLearningProps(Transaction &transaction, const Json &object)
 {
-    VSwitchLearningProps props = DEFAULT_LEARNING_PROPS;
+    using Props = VSwitchLearningProps;
+    if (object.is_null()) return;
+    Props props = DEFAULT_LEARNING_PROPS;
     ReadRecord(transaction, runtime::LearningPropsKey(), props);
-    node.Members({{"enabled", [&](const Node &enabled) { props.enabled = enabled.Boolean(); }},
-                  Counter("agingSeconds", props, &VSwitchLearningProps::agingSeconds),
-                  Counter("limit", props, &VSwitchLearningProps::limit)});
+    props.enabled = object.value("enabled", props.enabled != 0);
+    ReadFields<Props, uint32_t>(object, props,
+                                {{"agingSeconds", &Props::agingSeconds}, {"limit", &Props::limit}});
     Check(PutRecord(transaction, runtime::LearningPropsKey(), props));
 }
 
-void ApplyOptions(Transaction &transaction, const Node &node)
+void ApplyOptions(Transaction &transaction, const Json &options)
 {
-    node.Names(5, [&](const std::string &name, const Node &value) {
-        char end;
-        unsigned id = 0;
-        if (sscanf(name.c_str(), "%5u%c", &id, &end) != 1 || id == 0 || id > UINT16_MAX)
-            value.Fail("an option's id is a number from 1 to 65535");
-        Check(PutRecord(transaction, runtime::OptionKey(static_cast<uint16_t>(id)),
-                        value.NumberOf<uint32_t>()));
-    });
     size_t count = 0;
+    for (const auto &[id, value] : options.items())
+        Check(PutRecord(transaction, runtime::OptionKey(static_cast<uint16_t>(std::stoul(id))),
+                        value.get<uint32_t>()));
     Check(transaction.Scan(runtime::OptionPrefix(), [&](std::string_view, std::string_view) {
         return ++count <= VSWITCH_OPTIONS_MAX;
     }));
     if (count > VSWITCH_OPTIONS_MAX)
-        node.Fail("a host has at most " + std::to_string(VSWITCH_OPTIONS_MAX) + " options");
+        throw SchemaViolation{"/options",
+                              "a host has at most " + std::to_string(VSWITCH_OPTIONS_MAX) + " options"};
 }
 
-uint32_t ParseOutcome(const Node &node)
+uint32_t ParseOutcome(const Json &outcome)
 {
-    if (!node.IsText()) return node.NumberOf<uint32_t>();
-    const std::string text = node.Name(MAX_HEX);
-    uint32_t status = 0;
-    char end;
-    if (text.starts_with("0x") && sscanf(text.c_str() + 2, "%8x%c", &status, &end) == 1) return status;
-    return VSHOST_SHELL_KILLED + node.Word({"killed", "not started"});
+    if (outcome.is_null()) return 0;
+    if (outcome.is_number()) return outcome.get<uint32_t>();
+    const auto text = outcome.get<std::string>();
+    if (text == "killed") return VSHOST_SHELL_KILLED;
+    if (text == "not started") return VSHOST_SHELL_NOT_STARTED;
+    return text.starts_with("0x") ? static_cast<uint32_t>(std::stoul(text, nullptr, 16)) : StatusOfName(text);
 }
 
-Fault ParseFault(const Node &node)
+Fault ParseFault(const Json &object)
 {
+    static const std::pair<const char *, vshost_kind> kinds[] = {{"store", VSHOST_STORE},
+                                                                 {"shell", VSHOST_SHELL},
+                                                                 {"driver", VSHOST_DRIVER},
+                                                                 {"open", VSHOST_OPEN},
+                                                                 {"allocation", VSHOST_ALLOCATION}};
+    const std::string word = Text(object, "kind");
     Fault fault;
-    bool kind = false;
-    node.Members({
-        {"kind",
-         [&](const Node &word) {
-             const int index = word.Word({"store", "shell", "driver", "open", "allocation"});
-             fault.kind = static_cast<vshost_kind>(VSHOST_STORE + index);
-             kind = true;
-         }},
-        {"operation",
-         [&](const Node &name) { fault.operation = name.Name(sizeof vshost_call::operation - 1); }},
-        {"nth", [&](const Node &nth) { fault.nth = static_cast<unsigned>(nth.Number(1, UINT32_MAX)); }},
-        {"times", Into(fault.times)},
-        {"outcome", [&](const Node &outcome) { fault.outcome = ParseOutcome(outcome); }},
-    });
-    if (!kind) node.Fail("needs a kind");
+    for (const auto &[name, kind] : kinds)
+        if (word == name) fault.kind = kind;
+    fault.operation = Text(object, "operation");
+    ReadNumber(object, "nth", fault.nth);
+    ReadNumber(object, "times", fault.times);
+    fault.outcome = ParseOutcome(Member(object, "outcome"));
     return fault;
 }
 
-void ApplyHost(Transaction &transaction, const Node &root, std::vector<Fault> &faults)
+void ApplyHost(Transaction &transaction, const Json &root)
 {
-    root.Members({
-        {"$schema", [](const Node &) {}},
-        {"nics",
-         [&](const Node &nics) {
-             nics.Names(MAX_NIC_NAME,
-                        [&](const std::string &name, const Node &nic) { ApplyNic(transaction, name, nic); });
-         }},
-        {"portsets",
-         [&](const Node &portsets) {
-             portsets.Names(MAX_PORTSET_NAME, [&](const std::string &name, const Node &portset) {
-                 ApplyPortset(transaction, name, portset);
-             });
-         }},
-        {"macLearning", [&](const Node &props) { ApplyLearningProps(transaction, props); }},
-        {"options", [&](const Node &options) { ApplyOptions(transaction, options); }},
-        {"faults",
-         [&](const Node &list) {
-             list.Elements(MAX_FAULTS, [&](const Node &fault) { faults.push_back(ParseFault(fault)); });
-         }},
-    });
+    for (const auto &[name, nic] : Member(root, "nics").items())
+        ApplyNic(transaction, name, nic);
+    for (const auto &[name, portset] : Member(root, "portsets").items())
+        ApplyPortset(transaction, name, portset);
+    ApplyLearningProps(transaction, Member(root, "macLearning"));
+    ApplyOptions(transaction, Member(root, "options"));
 }
 
+Json Parse(std::string_view text)
+try {
+    static const JsonSchema schema(SCENARIO_SCHEMA);
+    const Json root = Json::parse(text);
+    schema.Check(root);
+    return root;
+} catch (const Json::exception &error) {
+    throw SchemaViolation{"", std::string("must be JSON: ") + error.what()};
 }
 
-bool ApplyScenario(Engine &engine, Control &control, std::string_view json, std::string &message)
+void MakeFaults(Control &control, const std::vector<Fault> &faults)
 {
-    std::vector<Fault> faults;
-    const auto apply = [&](Transaction &transaction) {
-        VisitScenario(json, [&](const Node &root) { ApplyHost(transaction, root, faults); });
-        if (faults.size() > control.FreeFaults())
-            throw ScenarioError{"/faults: too many stand already; vshost_clear() removes them"};
-    };
-    message.clear();
-    const VsStatus status = engine.Write([&](Transaction &transaction) -> VsStatus {
-        try {
-            apply(transaction);
-            return STATUS_OK;
-        } catch (const ScenarioError &error) {
-            message = error.message;
-            return STATUS_BAD_PARAM;
-        } catch (const StorageError &error) {
-            return error.status;
-        }
-    });
-    if (status && message.empty()) message = "the host's database can't be written";
-    if (status) return false;
     for (const Fault &fault : faults) {
         const char *operation = fault.operation.empty() ? nullptr : fault.operation.c_str();
         if (fault.kind == VSHOST_ALLOCATION) setenv(ALLOCATION_VARIABLE, "1", 1);
         control.Fail(fault.kind, operation, fault.nth, fault.times, fault.outcome);
     }
-    return true;
+}
+
+}
+
+bool ApplyScenario(Engine &engine, Control &control, std::string_view json, std::string &message)
+try {
+    std::optional<SchemaViolation> violation;
+    std::vector<Fault> faults;
+    const Json root = Parse(json);
+    for (const Json &fault : Member(root, "faults"))
+        faults.push_back(ParseFault(fault));
+    if (faults.size() > control.FreeFaults())
+        throw SchemaViolation{"/faults", "too many stand already; vshost_clear() removes them"};
+    const VsStatus status = engine.Write([&](Transaction &transaction) -> VsStatus {
+        try {
+            ApplyHost(transaction, root);
+            return STATUS_OK;
+        } catch (const StorageError &error) {
+            return error.status;
+        } catch (const SchemaViolation &found) {
+            violation = found;
+            return STATUS_BAD_PARAM;
+        }
+    });
+    if (violation) throw *violation;
+    message = status ? "the host's database can't be written" : "";
+    if (!status) MakeFaults(control, faults);
+    return !status;
+} catch (const SchemaViolation &violation) {
+    message = (violation.path.empty() ? "the scenario" : violation.path) + ": " + violation.what;
+    return false;
 }
 
 }

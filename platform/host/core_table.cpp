@@ -8,6 +8,7 @@
 
 #include "platform/driver/runtime.h"
 #include "platform/driver/scenario.h"
+#include "platform/host/call_names.h"
 #include "platform/host/host.h"
 #include "platform/host/tables.h"
 #include "platform/store/store.h"
@@ -59,8 +60,11 @@ int Explained(int error)
 
 int Fail(vshost_kind kind, const char *operation, unsigned nth, unsigned times, uint32_t outcome)
 {
-    return OnControl(
-        [&](Control &control) { return Explained(control.Fail(kind, operation, nth, times, outcome)); });
+    return OnControl([&](Control &control) {
+        if (operation && !IsCallName(kind, operation))
+            return SetError(EINVAL, ExplainCallName(kind, operation));
+        return Explained(control.Fail(kind, operation, nth, times, outcome));
+    });
 }
 
 unsigned Failed()

@@ -80,7 +80,7 @@ enum vshost_kind {
  * @param nth        the first matching call from now on that fails, counted from 1
  * @param times      how many in a row fail; 0: all from the nth on
  * @param outcome    see enum vshost_kind
- * @return 0, ENOSPC when 64 rules stand, or EINVAL
+ * @return 0, ENOSPC when 64 rules stand, or EINVAL, also for an operation that is unknown or never fails
  */
 VSHOST_API int vshost_fail(enum vshost_kind kind, const char *operation, unsigned nth, unsigned times,
                            uint32_t outcome);

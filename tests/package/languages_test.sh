@@ -6,7 +6,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export PYTHONPATH=$build/python PYTHONDONTWRITEBYTECODE=1 LD_LIBRARY_PATH=$build
 cat >"$work/fault.json" <<'JSON'
-{"faults": [{"kind": "store", "operation": "DVSZOR_GlobalPropSet", "nth": 5, "times": 1, "outcome": 195887112}]}
+{"faults": [{"kind": "store", "operation": "DVSZOR_GlobalPropSet", "nth": 5, "times": 1, "outcome": "STATUS_IO_ERROR"}]}
 JSON
 number=0
 for program in "$build/examples/manage_c" "$build/examples/manage_cpp" "python3 $source/examples/manage/manage.py"; do

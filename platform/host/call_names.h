@@ -1,0 +1,15 @@
+// The names of the calls that a test can make fail.
+#pragma once
+
+#include <vshost.h>
+
+#include <string>
+#include <string_view>
+
+namespace vshost {
+
+bool IsCallName(vshost_kind kind, std::string_view name);
+// What is wrong with a name that is not one, and which name is meant.
+std::string ExplainCallName(vshost_kind kind, std::string_view name);
+
+}
