@@ -22,7 +22,8 @@ package_test(python ${on_host} PYTHONPATH=${PYTHON_MODULE} PYTHONDONTWRITEBYTECO
 package_test(abi ${PROJECT_SOURCE_DIR}/tests/package/abi_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
 package_test(guides ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/guides_test.py
              ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
-package_test(extending ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/extending_test.py ${PROJECT_SOURCE_DIR})
+package_test(extending ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/extending_test.py
+             ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
 package_test(picture ${PROJECT_SOURCE_DIR}/tests/package/picture_test.sh ${PROJECT_SOURCE_DIR})
 set_tests_properties(package.install package.guides PROPERTIES RESOURCE_LOCK install_manifest)
 set_tests_properties(package.extending PROPERTIES TIMEOUT 600) # builds a copy of the tree

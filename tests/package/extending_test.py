@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Applies docs/extending.md to a copy of the tree, builds it, and runs the generic tests over what it adds.
 
-usage: extending_test.py SOURCE
+usage: extending_test.py SOURCE BUILD
 """
 
 import re
@@ -11,8 +11,11 @@ import sys
 import tempfile
 from pathlib import Path
 
-FRAGMENT = re.compile(r"<!-- (?P<file>\S+), (?:(?P<side>before|after|instead of): (?P<line>.*?)|at the end) -->\n```\w+\n(?P<body>.*?)^```$",
-                      re.M | re.S)
+FRAGMENT = re.compile(r"<!-- (?P<file>\S+), (?:(?P<side>before|after|instead of): (?P<line>.*?)|at the end) -->\n"
+                      r"```\w+\n(?P<body>.*?)^```$", re.M | re.S)
+COMMANDS = re.compile(r"^```sh\n(.*?)^```$", re.M | re.S)
+BUILD = ("cmake", "--build", "build/release", "-j2", "--target")
+ON_HOST = ("build/release/platform/vshost", "run", "--")
 TESTS = ("operations_test", "fault_test", "kernel_test")
 
 
@@ -35,11 +38,37 @@ def run(*command, tree, **options):
         sys.exit(f"{' '.join(map(str, command))} ends with {ended.returncode}:\n{ended.stdout[-6000:]}")
 
 
+def check(tree, build):
+    """What every build checks, as far as the page's additions reach."""
+    reference, module = "build/release/reference", "build/release/module"
+    for test in TESTS:
+        run(f"build/release/tests/{test}", "--gtest_brief=1", tree=tree)
+    run(sys.executable, "cmake/check_header.py", "include/vswitchctl.h", "cmake/vswitchctl.map",
+        "build/release/libvswitchctl.so", tree=tree)
+
+    run("doxygen", "build/release/Doxyfile", tree=tree)
+    header = (f"{reference}/xml", "include/vswitchctl.h")
+    run(sys.executable, "docs/reference/manpages.py", *header, f"{reference}/man", "1", tree=tree)
+    run(sys.executable, "docs/reference/check_manpages.py", "cmake/vswitchctl.map", f"{reference}/man", tree=tree)
+    shutil.copytree(tree / "bindings/python", tree / module)
+    run(sys.executable, "bindings/python/generate.py", *header, f"{module}/vswitchctl", tree=tree)
+    run(*ON_HOST, "env", "LD_LIBRARY_PATH=build/release:build/release/platform", f"PYTHONPATH={module}", sys.executable,
+        "tests/package/python_test.py", "cmake/vswitchctl.map", tree=tree)
+    # The command's own files are not changed by the page.
+    verbs = "Verbs.test_every_operation_has_a_verb_or_a_reason"
+    run(sys.executable, "tests/vsctl_test.py", build, tree, verbs, tree=tree)
+
+    for commands in COMMANDS.findall((tree / "docs/extending.md").read_text()):
+        run("sh", "-ec", commands, tree=tree)
+    run("tests/package/abi_test.sh", ".", "build/release", tree=tree)
+    run("bench/cost.py", "--check", "build/release/bench/operations", tree=tree)
+
+
 def main():
-    source = Path(sys.argv[1]).resolve()
+    source, build = (Path(argument).resolve() for argument in sys.argv[1:])
     page = (source / "docs/extending.md").read_text()
     fragments = list(FRAGMENT.finditer(page))
-    shown = len(re.findall(r"^```(?:c|cpp|text)$", page, re.M))
+    shown = len(re.findall(r"^```(?!sh$)\w+$", page, re.M))
     if len(fragments) != shown:
         sys.exit(f"{shown - len(fragments)} fragments of docs/extending.md don't say where they go")
     with tempfile.TemporaryDirectory() as folder:
@@ -49,15 +78,13 @@ def main():
             shutil.copy2(source / name, tree / name)
         for fragment in fragments:
             apply(fragment, tree)
-        run("cmake", "-S", ".", "-B", "build", "-G", "Ninja", "-DCMAKE_CXX_FLAGS=-O0", tree=tree)
+        run("cmake", "-S", ".", "-B", "build/release", "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
+            *(f"-DCMAKE_{language}_FLAGS_RELEASE=-O2" for language in ("C", "CXX")), tree=tree)
         # As the README's first program and the demonstration do it: the launcher brings the rest of the host along.
-        run("cmake", "--build", "build", "-j2", "--target", "first", "vshost_launcher", tree=tree)
-        run("build/platform/vshost", "run", "--", "build/examples/first", tree=tree)
-        run("cmake", "--build", "build", "-j2", "--target", *TESTS, tree=tree)
-        run(sys.executable, "cmake/check_header.py", "include/vswitchctl.h", "cmake/vswitchctl.map",
-            "build/libvswitchctl.so", tree=tree)
-        for test in TESTS:
-            run(f"build/tests/{test}", "--gtest_brief=1", tree=tree)
+        run(*BUILD, "first", "vshost_launcher", tree=tree)
+        run(*ON_HOST, "build/release/examples/first", tree=tree)
+        run(*BUILD, "operations", *TESTS, tree=tree)
+        check(tree, build)
     print(f"{len(fragments)} fragments applied, built and tested")
 
 
