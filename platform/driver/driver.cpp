@@ -6,9 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <new>
 
 #include "platform/driver/request.h"
+#include "platform/host/guard.h"
 #include "platform/host/host.h"
 
 namespace vshost {
@@ -129,7 +129,7 @@ int Run(Device device, uint32_t number, void *address)
     details.inputLength = input.size();
     CallGate gate(host.GetControl(), VSHOST_DRIVER, operation.c_str(), details);
     if (gate.Refused()) return static_cast<int>(gate.Outcome());
-    if (!error) error = RunChecked(device, number, host, header, input);
+    if (!error) error = GuardErrno([&] { return RunChecked(device, number, host, header, input); });
     gate.Return(static_cast<uint32_t>(error));
     return error;
 }
@@ -154,24 +154,20 @@ int Open(Device device, int flags, unsigned mode)
 
 int OpenDevice(Device device, int flags, unsigned mode)
 {
-    int result = -ENOMEM;
     const int before = errno;
-    try {
+    int result = -1;
+    const int error = GuardErrno([&] {
         result = Open(device, flags, mode);
-    } catch (const std::bad_alloc &) {
-    }
-    errno = result < 0 ? -result : before;
-    return result < 0 ? -1 : result;
+        return result < 0 ? -result : 0;
+    });
+    errno = error ? error : before;
+    return error ? -1 : result;
 }
 
 int RunCommand(Device device, uint32_t number, void *header)
 {
     const int before = errno;
-    int result = ENOMEM;
-    try {
-        result = Run(device, number, header);
-    } catch (const std::bad_alloc &) {
-    }
+    const int result = GuardErrno([&] { return Run(device, number, header); });
     errno = before;
     return result;
 }

@@ -1,7 +1,5 @@
 #include "platform/driver/driver_table.h"
 
-#include <new>
-
 #include "platform/driver/driver.h"
 #include "platform/shell/shell.h"
 
@@ -20,7 +18,7 @@ int Run(int device, uint32_t number, void *header)
 VshostShellVerdict Shell(const char *line, int inProcess, int capture, VshostShellResult *result)
 try {
     return vshost::RunCommandLine(line, inProcess != 0, capture != 0, result);
-} catch (const std::bad_alloc &) {
+} catch (...) {
     return VSHOST_SHELL_REFUSED;
 }
 

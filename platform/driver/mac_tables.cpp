@@ -36,23 +36,24 @@ bool ReadManagement(std::string_view value, MacManagement &management)
 int ReadMacs(Reader &reader, std::string_view portset, std::string_view portId, uint32_t number,
              std::vector<VSwitchMacEntry> &entries)
 {
-    const std::string prefix = runtime::MacPrefix(portset, portId);
-    const VsStatus status = reader.Scan(prefix, [&](std::string_view key, std::string_view value) {
-        key.remove_prefix(prefix.size());
+    struct Place {
+        uint16_t vlanId;
+        uint8_t address[6];
+    };
+    const auto take = [&](std::string_view rest, std::string_view row) {
+        Place place;
         MacRecord record;
-        if (key.size() != 8 || value.size() != sizeof record) return true;
-        memcpy(static_cast<void *>(&record), value.data(), sizeof record);
+        if (!TakeRecord(rest, place) || !TakeRecord(row, record)) return false;
         VSwitchMacEntry &entry = entries.emplace_back();
-        memcpy(entry.address, key.data() + 2, sizeof entry.address);
+        memcpy(entry.address, place.address, sizeof entry.address);
         entry.type = record.type;
         entry.flags = record.flags;
-        entry.vlanId =
-            static_cast<uint16_t>(static_cast<uint8_t>(key[0]) << 8 | static_cast<uint8_t>(key[1]));
+        entry.vlanId = __builtin_bswap16(place.vlanId);
         entry.age = record.age;
         entry.portId = number;
         return true;
-    });
-    return ErrnoOf(status, 0);
+    };
+    return ErrnoOf(ScanRows(reader, runtime::MacPrefix(portset, portId), take));
 }
 
 void ListMacs(Request &request, const std::vector<VSwitchMacEntry> &entries)

@@ -28,19 +28,38 @@ void AddSessions(std::string_view list, std::vector<std::string> &sessionIds)
     }
 }
 
+// A group with its statistics and the addresses of its sources.
+struct Group {
+    uint32_t vlanId;
+    std::string_view address;
+    VSwitchMcastStats stats;
+    std::string_view sources;
+};
+
+// False when the row is not whole, or has other sources than it says.
+bool TakeGroup(std::string_view rest, std::string_view row, size_t width, Group &group)
+{
+    if (rest.size() != sizeof group.vlanId + width || row.size() < sizeof group.stats) return false;
+    group.vlanId = FromBigEndian(rest);
+    group.address = rest.substr(sizeof group.vlanId);
+    memcpy(&group.stats, row.data(), sizeof group.stats);
+    group.sources = row.substr(sizeof group.stats);
+    return group.sources.size() == uint64_t{group.stats.count} * width;
+}
+
 // Groups of the request's portset, address kind and VLAN, in the order of VLAN and address.
-int ReadGroups(Request &request,
-               const std::function<bool(std::string_view address, std::string_view value)> &visit)
+int ReadGroups(Request &request, const std::function<void(const Group &group)> &visit)
 {
     const VSwitchMcastSelector &wanted = request.input.args.mcast;
-    const std::string prefix = runtime::GroupPrefix(request.portset, wanted.addressKind);
-    const VsStatus status = request.reader.Scan(prefix, [&](std::string_view key, std::string_view value) {
-        key.remove_prefix(prefix.size());
-        const uint32_t vlanId = FromBigEndian(key.substr(0, sizeof vlanId));
-        if (wanted.vlanId != 0 && wanted.vlanId != vlanId) return true;
-        return visit(key.substr(sizeof vlanId), value);
-    });
-    return ErrnoOf(status, 0);
+    const size_t width = AddressWidth(wanted.addressKind);
+    if (width == 0) return 0;
+    const auto take = [&](std::string_view rest, std::string_view row) {
+        Group group;
+        if (!TakeGroup(rest, row, width, group)) return false;
+        if (wanted.vlanId == 0 || wanted.vlanId == group.vlanId) visit(group);
+        return true;
+    };
+    return ErrnoOf(ScanRows(request.reader, runtime::GroupPrefix(request.portset, wanted.addressKind), take));
 }
 
 }
@@ -113,10 +132,7 @@ int GetMcastGroups(Request &request)
 {
     const uint32_t kind = request.input.args.mcast.addressKind;
     std::set<std::string> addresses;
-    if (int error = ReadGroups(request, [&](std::string_view address, std::string_view) {
-            addresses.emplace(address);
-            return true;
-        }))
+    if (int error = ReadGroups(request, [&](const Group &group) { addresses.emplace(group.address); }))
         return error;
     request.StartList(VSwitchListHeader{0, kind}, AddressWidth(kind));
     for (const std::string &address : addresses)
@@ -127,23 +143,20 @@ int GetMcastGroups(Request &request)
 int GetMcastStats(Request &request)
 {
     const VSwitchMcastSelector &wanted = request.input.args.mcast;
-    const std::string_view group(reinterpret_cast<const char *>(wanted.group),
-                                 AddressWidth(wanted.addressKind));
-    VSwitchMcastStats stats;
-    std::string found;
-    if (int error = ReadGroups(request, [&](std::string_view address, std::string_view value) {
-            if (address == group && value.size() >= sizeof stats) found = value;
-            return found.empty();
-        }))
-        return error;
-    if (found.empty()) return ENOENT;
-    memcpy(&stats, found.data(), sizeof stats);
-    const uint32_t sources = stats.count;
-    stats.count = 0;
-    request.StartList(stats, group.size(), offsetof(VSwitchMcastStats, count));
-    for (uint32_t i = 0; i < sources; ++i)
-        request.Add(std::string_view(found).substr(sizeof stats + i * group.size(), group.size()));
-    return 0;
+    const size_t width = AddressWidth(wanted.addressKind);
+    const std::string_view address(reinterpret_cast<const char *>(wanted.group), width);
+    bool found = false;
+    const auto answer = [&](const Group &group) {
+        if (found || group.address != address) return;
+        found = true;
+        VSwitchMcastStats stats = group.stats;
+        stats.count = 0;
+        request.StartList(stats, width, offsetof(VSwitchMcastStats, count));
+        for (size_t at = 0; at < group.sources.size(); at += width)
+            request.Add(group.sources.substr(at, width));
+    };
+    if (int error = ReadGroups(request, answer)) return error;
+    return found ? 0 : ENOENT;
 }
 
 int GetMirrorSessions(Request &request)
@@ -177,6 +190,7 @@ int GetPromiscuousPorts(Request &request)
     std::vector<std::string> portIds;
     if (int error = ErrnoOf(request.reader.Get(runtime::PromiscuousKey(request.portset), named), 0))
         return error;
+    if (!named.empty() && named.back() != '\0') return EIO;
     if (int error = ErrnoOf(ListPortsWith(request.reader, SINK, request.switchId, portIds), 0)) return error;
     std::set<std::string_view> destinations(portIds.begin(), portIds.end());
     for (std::string_view rest = named; !rest.empty(); rest.remove_prefix(Text(rest).size() + 1))
@@ -184,7 +198,10 @@ int GetPromiscuousPorts(Request &request)
     request.StartList(VSwitchListHeader{}, sizeof(uint32_t));
     for (const std::string_view portId : destinations) {
         uint32_t number;
-        if (!GetPortNumber(request.reader, request.switchId, portId, number)) request.AddRecord(number);
+        const VsStatus status = GetPortNumber(request.reader, request.switchId, portId, number);
+        if (status == STATUS_NOT_FOUND) continue;
+        if (status) return ErrnoOf(status);
+        request.AddRecord(number);
     }
     return 0;
 }

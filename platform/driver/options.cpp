@@ -22,14 +22,16 @@ template<class Stats> int AnswerStats(Request &request, const std::string &key)
 
 int ReadAllOptions(Reader &reader, std::vector<VSwitchOption> &options)
 {
-    const std::string prefix = runtime::OptionPrefix();
-    const VsStatus status = reader.Scan(prefix, [&](std::string_view key, std::string_view value) {
+    const auto take = [&](std::string_view rest, std::string_view row) {
         VSwitchOption &option = options.emplace_back();
-        option.id = runtime::OptionOfKey(key);
-        if (value.size() == sizeof option.value) memcpy(&option.value, value.data(), sizeof option.value);
-        return true;
-    });
-    return ErrnoOf(status, 0);
+        uint16_t id = 0;
+        uint32_t value = 0;
+        const bool whole = TakeRecord(rest, id) && TakeRecord(row, value);
+        option.id = __builtin_bswap16(id);
+        option.value = value;
+        return whole;
+    };
+    return ErrnoOf(ScanRows(reader, runtime::OptionPrefix(), take));
 }
 
 // The options that the request names; every one of them must be set.

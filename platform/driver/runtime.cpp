@@ -50,6 +50,14 @@ std::string BigEndian16(uint16_t number) { return BigEndian(number).substr(2); }
 // The part of a key behind the prefix.
 std::string_view Rest(std::string_view key, std::string_view prefix) { return key.substr(prefix.size()); }
 
+// A NIC's name as it stands in keys, behind its length; false when it is not whole.
+bool TakeName(std::string_view rest, std::string &name)
+{
+    if (rest.empty() || rest.size() - 1 != static_cast<unsigned char>(rest[0])) return false;
+    name = rest.substr(1);
+    return true;
+}
+
 VsStatus ForgetMacs(Transaction &transaction, std::string_view prefix)
 {
     return RemoveAll(transaction, prefix, [](std::string_view value) {
@@ -69,27 +77,33 @@ VsStatus Store(Transaction &transaction, std::string_view name, const Nic &nic)
 // The first free NIC.
 VsStatus TakeFreeNic(Transaction &transaction, std::string &name, Nic &nic)
 {
-    name.clear();
+    bool any = false, whole = true;
     const std::string prefix = Key({RUN, "free", ""});
     VsStatus status = transaction.Scan(prefix, [&](std::string_view key, std::string_view) {
-        name = Rest(key, prefix).substr(1);
+        any = true;
+        whole = TakeName(Rest(key, prefix), name);
         return false;
     });
-    if (status || name.empty()) return status ? status : STATUS_NOT_FOUND;
-    return GetRecord(transaction, runtime::NicKey(name), nic);
+    if (!whole) return STATUS_IO_ERROR;
+    if (status || !any) return status ? status : STATUS_NOT_FOUND;
+    status = GetRecord(transaction, runtime::NicKey(name), nic);
+    return status == STATUS_NOT_FOUND ? STATUS_IO_ERROR : status;
 }
 
 VsStatus MakeNic(Transaction &transaction, std::string &name, Nic &nic)
 {
     const std::string prefix = Key({RUN, "demand", ""});
     uint32_t number = 0;
+    bool whole = true;
     VsStatus status = transaction.Scan(
         prefix,
         [&](std::string_view key, std::string_view) {
-            number = FromBigEndian(Rest(key, prefix)) + 1;
+            whole = Rest(key, prefix).size() == sizeof number;
+            if (whole) number = FromBigEndian(Rest(key, prefix)) + 1;
             return false;
         },
         Order::BACKWARD);
+    if (!whole) return STATUS_IO_ERROR;
     while (!status) {
         name = "nic" + std::to_string(number);
         status = GetRecord(transaction, runtime::NicKey(name), nic);
@@ -229,13 +243,6 @@ std::string OptionPrefix() { return Key({RUN, "option", ""}); }
 
 std::string OptionKey(uint16_t id) { return OptionPrefix() + BigEndian16(id); }
 
-uint16_t OptionOfKey(std::string_view key)
-{
-    const auto high = static_cast<uint8_t>(key[key.size() - 2]),
-               low = static_cast<uint8_t>(key[key.size() - 1]);
-    return static_cast<uint16_t>(high << 8 | low);
-}
-
 std::string PortStatsKey(std::string_view portset, std::string_view portId)
 {
     return Key({RUN, "learned", portset, portId});
@@ -262,6 +269,17 @@ bool Nic::TakesMtu(uint32_t wanted) const
 {
     return wanted >= MIN_MTU && wanted <= maxMtu &&
            std::find(std::begin(refusedMtus), std::end(refusedMtus), wanted) == std::end(refusedMtus);
+}
+
+VsStatus ScanRows(Reader &reader, std::string_view prefix,
+                  const std::function<bool(std::string_view rest, std::string_view row)> &visit)
+{
+    bool whole = true;
+    const VsStatus status = reader.Scan(prefix, [&](std::string_view key, std::string_view row) {
+        whole = visit(Rest(key, prefix), row);
+        return whole;
+    });
+    return whole ? status : STATUS_IO_ERROR;
 }
 
 VsStatus PortsetOfSwitch(Reader &reader, std::string_view switchId, std::string &portset)
@@ -328,16 +346,10 @@ VsStatus ListPortsets(Reader &reader, std::vector<std::string> &names)
 
 VsStatus ListNics(Reader &reader, std::vector<NamedNic> &nics)
 {
-    const std::string prefix = Key({RUN, "nic", ""});
-    bool whole = true;
-    const VsStatus status = reader.Scan(prefix, [&](std::string_view key, std::string_view value) {
+    return ScanRows(reader, Key({RUN, "nic", ""}), [&](std::string_view rest, std::string_view row) {
         NamedNic &entry = nics.emplace_back();
-        entry.name = Rest(key, prefix).substr(1);
-        whole = value.size() == sizeof entry.nic;
-        if (whole) memcpy(static_cast<void *>(&entry.nic), value.data(), sizeof entry.nic);
-        return whole;
+        return TakeName(rest, entry.name) && TakeRecord(row, entry.nic);
     });
-    return whole ? status : STATUS_IO_ERROR;
 }
 
 VsStatus PutNic(Transaction &transaction, std::string_view name, Nic nic)
@@ -379,6 +391,7 @@ VsStatus ListUplinks(Reader &reader, std::string_view switchId, std::vector<Name
         entry.name = found->second;
         bound.erase(found);
         status = GetRecord(reader, runtime::NicKey(entry.name), entry.nic);
+        if (status == STATUS_NOT_FOUND) status = STATUS_IO_ERROR; // what is bound is there
     }
     return status;
 }

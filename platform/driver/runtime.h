@@ -81,7 +81,6 @@ std::string GroupKey(std::string_view portset, uint32_t addressKind, uint32_t vl
                      std::string_view address);
 std::string OptionPrefix();
 std::string OptionKey(uint16_t id);
-uint16_t OptionOfKey(std::string_view key);
 std::string PortStatsKey(std::string_view portset, std::string_view portId);
 std::string MirrorStatsKey(std::string_view portset, std::string_view sessionId);
 std::string RarpKey(std::string_view portset);
@@ -91,14 +90,25 @@ std::string LearningPropsKey();
 std::string RtmKey(uint32_t command);
 }
 
+// Takes a record from the bytes of a row; false when they are not exactly one.
+template<class Record> bool TakeRecord(std::string_view row, Record &record)
+{
+    if (row.size() != sizeof record) return false;
+    memcpy(static_cast<void *>(&record), row.data(), sizeof record);
+    return true;
+}
+
+// Visits the rows under a prefix, each with the rest of its key. A row that `visit` refuses is damaged:
+// STATUS_IO_ERROR, and no further row is visited.
+VsStatus ScanRows(Reader &reader, std::string_view prefix,
+                  const std::function<bool(std::string_view rest, std::string_view row)> &visit);
+
 // A record of a table: STATUS_NOT_FOUND when it is absent, STATUS_IO_ERROR when it has another size.
 template<class Record> VsStatus GetRecord(Reader &reader, std::string_view key, Record &record)
 {
     std::string value;
     if (VsStatus status = reader.Get(key, value)) return status;
-    if (value.size() != sizeof record) return STATUS_IO_ERROR;
-    memcpy(static_cast<void *>(&record), value.data(), sizeof record);
-    return STATUS_OK;
+    return TakeRecord(value, record) ? STATUS_OK : STATUS_IO_ERROR;
 }
 
 template<class Record>

@@ -15,12 +15,12 @@ constexpr size_t MAX_LAGS = 64;
 
 int ReadLags(Reader &reader, std::string_view portset, std::vector<VSwitchLag> &lags)
 {
-    const VsStatus status =
-        reader.Scan(runtime::LagKey(portset, ""), [&](std::string_view, std::string_view value) {
-            if (value.size() == sizeof(VSwitchLag)) memcpy(&lags.emplace_back(), value.data(), value.size());
-            return lags.size() < MAX_LAGS;
-        });
-    return ErrnoOf(status, 0);
+    return ErrnoOf(
+        ScanRows(reader, runtime::LagKey(portset, ""), [&](std::string_view, std::string_view row) {
+            VSwitchLag &lag = lags.emplace_back();
+            return lags.size() <= MAX_LAGS && TakeRecord(row, lag) &&
+                   lag.memberCount <= std::size(lag.members);
+        }));
 }
 
 bool IsMember(const VSwitchLag &lag, std::string_view nic)

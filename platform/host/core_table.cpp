@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <new>
 
 #include "platform/driver/runtime.h"
 #include "platform/driver/scenario.h"
 #include "platform/host/call_names.h"
+#include "platform/host/guard.h"
 #include "platform/host/host.h"
 #include "platform/host/tables.h"
 #include "platform/store/store.h"
@@ -20,34 +20,28 @@ int NoHost() { return SetError(EINVAL, "this process is on no host: call vshost_
 
 // Runs `use` on the control block; 0 or an errno value.
 template<typename Use> int OnControl(Use use)
-try {
+{
     HostUse host;
     return host ? use(*host.GetControl()) : NoHost();
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
 }
 
 int StartEntry(const char *directory, int durable) { return StartHost(directory, durable != 0); }
 
 int Reset()
-try {
+{
     HostUse host;
     if (!host) return NoHost();
     if (host->GetEngine().Write(ResetRuntime) == STATUS_OK) return 0;
     return SetError(EIO, host->Directory() + ": the runtime tables cannot be written");
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
 }
 
 int Scenario(const char *json)
-try {
+{
     HostUse host;
     if (!host) return NoHost();
     std::string message;
     if (ApplyScenario(host->GetEngine(), *host.GetControl(), json ? json : "", message)) return 0;
     return SetError(EINVAL, message);
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
 }
 
 int Explained(int error)
@@ -67,7 +61,7 @@ int Fail(vshost_kind kind, const char *operation, unsigned nth, unsigned times, 
     });
 }
 
-unsigned Failed()
+size_t Failed()
 {
     HostUse host;
     return host ? host.GetControl()->Failed() : 0;
@@ -108,14 +102,12 @@ int Call(size_t index, struct vshost_call *call)
 
 int ReadProperty(vshost_level level, const char *switchId, const char *portId, const char *key,
                  Property &property)
-try {
+{
     HostUse host;
     if (!host) return host.Status() == STATUS_OK ? ENOENT : EIO;
     const PropertyOwner owner{static_cast<Level>(level), switchId, level == VSHOST_PORT ? portId : ""};
     const VsStatus status = GetProperty(host->GetEngine(), owner, key, property);
     return status == STATUS_OK ? 0 : status == STATUS_NOT_FOUND ? ENOENT : EIO;
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
 }
 
 int PropertyEntry(vshost_level level, const char *switchId, const char *portId, const char *key, void *value,
@@ -151,7 +143,7 @@ private:
 
 // Which of the numbers never given out are kept as free ones is no difference between two hosts.
 uint64_t Fingerprint()
-try {
+{
     HostUse host;
     if (!host) return 0;
     Hash hash;
@@ -163,8 +155,6 @@ try {
         return true;
     });
     return hash.Value();
-} catch (const std::bad_alloc &) {
-    return 0;
 }
 
 int Gate(vshost_kind kind, const char *operation, const char *text, uint32_t length, uint32_t *outcome)
@@ -187,24 +177,24 @@ const struct VshostCore *vshost_core(void)
 {
     using namespace vshost;
     static constexpr VshostCore CORE = {
-        .start = StartEntry,
-        .stop = StopHost,
-        .directory = HostDirectory,
-        .error = LastError,
-        .scenario = Scenario,
-        .reset = Reset,
-        .fail = Fail,
-        .failed = Failed,
-        .answer = Answer,
-        .shellOutput = ShellOutput,
-        .clear = Clear,
-        .record = Record,
-        .callCount = CallCount,
-        .call = Call,
-        .valuesLent = ValuesLent,
-        .property = PropertyEntry,
-        .fingerprint = Fingerprint,
-        .gate = Gate,
+        .start = Guarded<StartEntry>,
+        .stop = Guarded<StopHost>,
+        .directory = Guarded<HostDirectory>,
+        .error = Guarded<LastError>,
+        .scenario = Guarded<Scenario>,
+        .reset = Guarded<Reset>,
+        .fail = Guarded<Fail>,
+        .failed = [] { return static_cast<unsigned>(Guarded<Failed>()); },
+        .answer = Guarded<Answer>,
+        .shellOutput = Guarded<ShellOutput>,
+        .clear = Guarded<Clear>,
+        .record = Guarded<Record>,
+        .callCount = Guarded<CallCount>,
+        .call = Guarded<Call>,
+        .valuesLent = Guarded<ValuesLent>,
+        .property = Guarded<PropertyEntry>,
+        .fingerprint = Guarded<Fingerprint>,
+        .gate = Guarded<Gate>,
     };
     return &CORE;
 }

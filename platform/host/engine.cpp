@@ -11,7 +11,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <new>
+
+#include "platform/host/guard.h"
 
 namespace vshost {
 namespace {
@@ -593,12 +594,7 @@ void Engine::Lead(std::unique_lock<std::mutex> &lock)
 
 void Engine::Commit(const Batch &batch)
 {
-    VsStatus status;
-    try {
-        status = CommitLocked(batch);
-    } catch (const std::bad_alloc &) {
-        status = STATUS_NO_MEMORY;
-    }
+    const VsStatus status = Guard([&] { return CommitLocked(batch); });
     if (status != STATUS_OK) {
         if (writer && writer->InTransaction()) writer->Run(Connection::ROLLBACK);
         for (Request *request : batch)
@@ -631,11 +627,7 @@ void Engine::RunOne(Request &request, bool alone)
 {
     if (!alone && (request.status = writer->Run(Connection::SAVE))) return;
     Transaction transaction(*writer, counters.changes);
-    try {
-        request.status = (*request.work)(transaction);
-    } catch (const std::bad_alloc &) {
-        request.status = STATUS_NO_MEMORY;
-    }
+    request.status = Guard([&] { return (*request.work)(transaction); });
     if (VsStatus failure = transaction.Failure()) request.status = failure;
     Checked(*writer, request.status);
     put = alone && request.status == STATUS_OK ? std::move(transaction.LastPut()) : Entry{};

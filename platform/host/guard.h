@@ -4,6 +4,7 @@
 #include <cxxabi.h>
 
 #include <new>
+#include <type_traits>
 
 #include "platform/host/status.h"
 
@@ -35,5 +36,29 @@ try {
 } catch (...) {
     return ErrnoOf(StatusOfException());
 }
+
+// What a function that failed so returns: its status or errno value, otherwise nothing.
+template<typename Result> Result OutcomeOf(VsStatus status)
+{
+    if constexpr (std::is_same_v<Result, VsStatus>)
+        return status;
+    else if constexpr (std::is_same_v<Result, int>)
+        return ErrnoOf(status);
+    else
+        return Result();
+}
+
+// `function` with a guard around it, for C code to call.
+template<auto function> struct GuardedCall;
+template<typename Result, typename... Arguments, Result (*function)(Arguments...)>
+struct GuardedCall<function> {
+    static Result Run(Arguments... arguments)
+    try {
+        return function(arguments...);
+    } catch (...) {
+        return OutcomeOf<Result>(StatusOfException());
+    }
+};
+template<auto function> inline constexpr auto Guarded = &GuardedCall<function>::Run;
 
 }

@@ -222,14 +222,17 @@ bool FindInRow(std::string_view row, Level level, std::string_view key, Property
 // stands last.
 VsStatus TakeNumber(Transaction &transaction, uint32_t &number)
 {
-    bool wasFree = false;
+    bool wasFree = false, whole = true;
     number = 0;
+    const std::string used = Key({"number", ""}), unused = FreeNumbers();
     const auto take = [&](std::string_view key, std::string_view) {
-        wasFree = key.starts_with(FreeNumbers());
-        number = FromBigEndian(key.substr(key.size() - WORD));
+        wasFree = key.starts_with(unused);
+        whole = key.size() == (wasFree ? unused : used).size() + WORD;
+        if (whole) number = FromBigEndian(key.substr(key.size() - WORD));
         return false;
     };
-    if (VsStatus status = transaction.Scan(Key({"number", ""}), take, Order::BACKWARD)) return status;
+    if (VsStatus status = transaction.Scan(used, take, Order::BACKWARD)) return status;
+    if (!whole) return STATUS_IO_ERROR;
     if (!wasFree) return ++number > MAX_PORTS ? STATUS_TOO_LARGE : STATUS_OK;
     number = ~number;
     return transaction.Remove(FreeKey(number));
@@ -512,6 +515,7 @@ VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::st
     if (VsStatus status = transaction.Get(PortKey(switchId, portId), row)) return status;
     if (VsStatus status = ReleaseNumber(transaction, row)) return status;
     if (VsStatus status = CountPorts(transaction, switchId, ports)) return status;
+    if (ports == 0) return STATUS_IO_ERROR;
     if (VsStatus status = PutCount(transaction, switchId, ports - 1)) return status;
     if (VsStatus status = RemoveListedKeys(transaction, switchId, portId, std::string_view(row).substr(WORD)))
         return status;

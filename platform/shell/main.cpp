@@ -3,6 +3,7 @@
 #include <vshost.h>
 
 #include <cstdio>
+#include <exception>
 
 #include "platform/shell/shell.h"
 
@@ -11,7 +12,7 @@ constexpr int NOT_STARTED_CODE = 127; // as sh reports a program that it can't s
 }
 
 int main(int count, char **arguments)
-{
+try {
     std::string out, err;
     const unsigned code = vshost::RunShell({arguments + 1, arguments + count}, out, err);
     if (code == VSHOST_SHELL_KILLED) raise(SIGKILL);
@@ -19,4 +20,7 @@ int main(int count, char **arguments)
     fputs(err.c_str(), stderr);
     const bool written = fwrite(out.data(), 1, out.size(), stdout) == out.size() && fflush(stdout) == 0;
     return written ? static_cast<int>(code) : 1;
+} catch (const std::exception &error) {
+    fprintf(stderr, "tybel: %s\n", error.what());
+    return 1;
 }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/driver/runtime.h"
+#include "platform/host/guard.h"
 #include "platform/host/host.h"
 
 namespace vshost {
@@ -284,6 +285,13 @@ unsigned Run(Engine &engine, Control &control, const std::vector<std::string> &a
     return command.Fail("no such verb; there are get, set and ls");
 }
 
+unsigned RunGuarded(HostUse &host, const std::vector<std::string> &arguments, Command &command)
+try {
+    return Run(host->GetEngine(), host->GetControl(), arguments, command);
+} catch (...) {
+    return command.Finish(StatusOfException());
+}
+
 }
 
 std::string JoinWords(const std::vector<std::string> &words)
@@ -317,7 +325,7 @@ unsigned RunShell(const std::vector<std::string> &arguments, std::string &out, s
     CallGate gate(host.GetControl(), VSHOST_SHELL, operation.c_str(), details);
     if (gate.Refused()) return gate.Outcome();
     Command command;
-    const unsigned code = gate.Return(Run(host->GetEngine(), host->GetControl(), arguments, command));
+    const unsigned code = gate.Return(RunGuarded(host, arguments, command));
     out = std::move(command.out);
     err = std::move(command.err);
     return code;

@@ -12,9 +12,11 @@ namespace {
 template<typename Body>
 VsStatus BundleCall(const char *operation, const CallDetails &details, bool canFail, Body body)
 {
-    HostUse host;
-    CallGate gate(host.GetControl(), VSHOST_STORE, operation, details, canFail);
-    return gate.Refused() ? gate.Outcome() : gate.Return(Guard(body));
+    return Guard([&] {
+        HostUse host;
+        CallGate gate(host.GetControl(), VSHOST_STORE, operation, details, canFail);
+        return gate.Refused() ? gate.Outcome() : gate.Return(Guard(body));
+    });
 }
 
 }
@@ -23,121 +25,124 @@ extern "C" {
 
 VsStatus DVSZOR_GlobalPropGet(const char *switchId, const char *key, void **value, uint32_t *length)
 {
-    return PropertyGet({__func__, switchId, nullptr, key}, Level::GLOBAL, value, length);
+    return Guarded<PropertyGet>({__func__, switchId, nullptr, key}, Level::GLOBAL, value, length);
 }
 
 VsStatus DVSZOR_GlobalPropSet(const char *switchId, const char *key, const void *value, uint32_t length,
                               uint32_t flags)
 {
-    return PropertySet({__func__, switchId, nullptr, key}, Level::GLOBAL, value, length, flags);
+    return Guarded<PropertySet>({__func__, switchId, nullptr, key}, Level::GLOBAL, value, length, flags);
 }
 
 VsStatus DVSZOR_GlobalPropClear(const char *switchId, const char *key)
 {
-    return PropertyClear({__func__, switchId, nullptr, key}, Level::GLOBAL);
+    return Guarded<PropertyClear>({__func__, switchId, nullptr, key}, Level::GLOBAL);
 }
 
 VsStatus DVSZOR_HostPropGet(const char *switchId, const char *key, void **value, uint32_t *length)
 {
-    return PropertyGet({__func__, switchId, nullptr, key}, Level::HOST, value, length);
+    return Guarded<PropertyGet>({__func__, switchId, nullptr, key}, Level::HOST, value, length);
 }
 
 VsStatus DVSZOR_HostPropSet(const char *switchId, const char *key, const void *value, uint32_t length,
                             uint32_t flags)
 {
-    return PropertySet({__func__, switchId, nullptr, key}, Level::HOST, value, length, flags);
+    return Guarded<PropertySet>({__func__, switchId, nullptr, key}, Level::HOST, value, length, flags);
 }
 
 VsStatus DVSZOR_HostPropClear(const char *switchId, const char *key)
 {
-    return PropertyClear({__func__, switchId, nullptr, key}, Level::HOST);
+    return Guarded<PropertyClear>({__func__, switchId, nullptr, key}, Level::HOST);
 }
 
 VsStatus DVSZOR_PortDataGet(const char *switchId, const char *portId, const char *key, void **value,
                             uint32_t *length)
 {
-    return PropertyGet({__func__, switchId, portId, key}, Level::PORT, value, length);
+    return Guarded<PropertyGet>({__func__, switchId, portId, key}, Level::PORT, value, length);
 }
 
 VsStatus DVSZOR_PortDataSet(const char *switchId, const char *portId, const char *key, const void *value,
                             uint32_t length, uint32_t flags)
 {
-    return PropertySet({__func__, switchId, portId, key}, Level::PORT, value, length, flags);
+    return Guarded<PropertySet>({__func__, switchId, portId, key}, Level::PORT, value, length, flags);
 }
 
 VsStatus DVSZOR_PortDataClear(const char *switchId, const char *portId, const char *key)
 {
-    return PropertyClear({__func__, switchId, portId, key}, Level::PORT);
+    return Guarded<PropertyClear>({__func__, switchId, portId, key}, Level::PORT);
 }
 
 VsStatus DVSZOR_PortAdd(const char *switchId, const char *portId, const void *bundle, uint32_t length)
 {
-    return PortAdd({__func__, switchId, portId}, bundle, length);
+    return Guarded<PortAdd>({__func__, switchId, portId}, bundle, length);
 }
 
 VsStatus DVSZOR_PortRemove(const char *switchId, const char *portId)
 {
-    return PortRemove({__func__, switchId, portId});
+    return Guarded<PortRemove>({__func__, switchId, portId});
 }
 
 VsStatus DVSZOR_SwitchAdd(const char *switchId, const char *className, uint32_t ports, uint32_t version)
 {
-    return SwitchAdd({__func__, switchId}, className, ports, version);
+    return Guarded<SwitchAdd>({__func__, switchId}, className, ports, version);
 }
 
-VsStatus DVSZOR_SwitchRemove(const char *switchId) { return SwitchRemove({__func__, switchId}); }
+VsStatus DVSZOR_SwitchRemove(const char *switchId) { return Guarded<SwitchRemove>({__func__, switchId}); }
 
-VsStatus DVSZOR_SwitchAssociate(const char *switchId) { return SwitchAssociate({__func__, switchId}, true); }
+VsStatus DVSZOR_SwitchAssociate(const char *switchId)
+{
+    return Guarded<SwitchAssociate>({__func__, switchId}, true);
+}
 
 VsStatus DVSZOR_SwitchDissociate(const char *switchId)
 {
-    return SwitchAssociate({__func__, switchId}, false);
+    return Guarded<SwitchAssociate>({__func__, switchId}, false);
 }
 
 VsStatus DVSZOR_StateGet(void **configuration, uint32_t *length)
 {
-    return CacheToken({__func__}, configuration, length);
+    return Guarded<CacheToken>({__func__}, configuration, length);
 }
 
-void DVSZOR_DataFree(void *value) { DataFree({__func__}, value); }
+void DVSZOR_DataFree(void *value) { Guarded<DataFree>({__func__}, value); }
 
-VsStatus DVSState_ConfigReset(void) { return CacheReset({__func__}); }
+VsStatus DVSState_ConfigReset(void) { return Guarded<CacheReset>({__func__}); }
 
 VsStatus DVSState_ConfigDeserialize(const void *configuration, uint32_t length)
 {
-    return CacheLoad({__func__}, configuration, length);
+    return Guarded<CacheLoad>({__func__}, configuration, length);
 }
 
 SwitchHandle *DVSState_SwitchFindByAlias(const char *alias)
 {
-    return CacheFindByAlias({__func__, nullptr, nullptr, alias});
+    return Guarded<CacheFindByAlias>({__func__, nullptr, nullptr, alias});
 }
 
 VsStatus DVSState_SwitchForEach(SwitchCallback callback, void *context)
 {
-    return CacheForEach({__func__}, callback, context);
+    return Guarded<CacheForEach>({__func__}, callback, context);
 }
 
 PortHandle *DVSState_PortFind(const char *switchId, const char *portId)
 {
-    return CacheFindPort({__func__, switchId, portId});
+    return Guarded<CacheFindPort>({__func__, switchId, portId});
 }
 
 VsStatus DVSState_GlobalPropLookup(const char *switchId, const char *key, PropHandle **handle)
 {
-    return CacheLookup({__func__, switchId, nullptr, key}, Level::GLOBAL, handle);
+    return Guarded<CacheLookup>({__func__, switchId, nullptr, key}, Level::GLOBAL, handle);
 }
 
 VsStatus DVSState_HostPropLookup(const char *switchId, const char *key, PropHandle **handle)
 {
-    return CacheLookup({__func__, switchId, nullptr, key}, Level::HOST, handle);
+    return Guarded<CacheLookup>({__func__, switchId, nullptr, key}, Level::HOST, handle);
 }
 
-const char *DVS_ClassName(const SwitchHandle *handle) { return CacheClassName({__func__}, handle); }
+const char *DVS_ClassName(const SwitchHandle *handle) { return Guarded<CacheClassName>({__func__}, handle); }
 
-const char *DVS_SwitchId(const SwitchHandle *handle) { return CacheSwitchId({__func__}, handle); }
+const char *DVS_SwitchId(const SwitchHandle *handle) { return Guarded<CacheSwitchId>({__func__}, handle); }
 
-void DVSData_Data(PropHandle *handle, void **data) { CacheData({__func__}, handle, data); }
+void DVSData_Data(PropHandle *handle, void **data) { Guarded<CacheData>({__func__}, handle, data); }
 
 VsStatus DVSData_Alloc(BundleBuilder **bundle, Allocate allocate, Release release)
 {
@@ -185,17 +190,17 @@ const char *vshost_platform(void) { return "vshost 1"; }
 
 int vshost_list_ports(const char *switchId, struct vshost_port *ports, size_t capacity, size_t *count)
 {
-    return ListPorts(switchId, ports, capacity, count);
+    return Guarded<ListPorts>(switchId, ports, capacity, count);
 }
 
 int vshost_restore_port(const char *switchId, const struct vshost_port *port)
 {
-    return RestorePort(switchId, port);
+    return Guarded<RestorePort>(switchId, port);
 }
 
 int vshost_list_properties(const char *switchId, const char *portId, struct vshost_property_name *names,
                            size_t capacity, size_t *count)
 {
-    return ListPropertyNames(switchId, portId, names, capacity, count);
+    return Guarded<ListPropertyNames>(switchId, portId, names, capacity, count);
 }
 }
