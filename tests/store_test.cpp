@@ -4,12 +4,14 @@
 
 #include <cerrno>
 #include <csignal>
+#include <dlfcn.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <set>
 #include <sqlite3.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -610,6 +612,43 @@ TEST_F(StoreTest, AReadOnlyDirectorySaysSo)
     EXPECT_EQ(Wait(Fork(attach)), 0);
     fs::permissions(directory, fs::perms(0755));
     ASSERT_EQ(Wait(Fork([&] { return chmod((directory + "/dev").c_str(), 0755) == 0; })), 0);
+}
+
+// Where a program was started, not where it has gone since; its children too.
+TEST_F(StoreTest, ARelativeDirectoryIsThatOfTheStart)
+{
+    ASSERT_EQ(SetGlobal(ID, ALIAS, Text("lab")), STATUS_OK);
+    ASSERT_EQ(system("tybel -e set /net/create kept 8 vswitch"), 0);
+    vshost_stop();
+    const fs::path path = directory;
+    const std::string start =
+        "cd " + path.parent_path().string() + " && export VSHOST_DIR=" + path.filename().string() + " && ";
+    EXPECT_EQ(system((start + "exec sh -c 'cd / && tybel -e get /net/portsets/kept/mtu >/dev/null'").c_str()),
+              0);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    // A program without the preload, which goes away before its first call.
+    Dl_info library = {};
+    ASSERT_NE(dladdr(reinterpret_cast<void *>(&DVSAliasToSwitchId), &library), 0);
+    const std::string program = "import ctypes, os; library = ctypes.CDLL(\"" +
+                                std::string(library.dli_fname) +
+                                "\"); os.chdir(\"/\"); text = ctypes.create_string_buffer(256); "
+                                "exit(library.DVSAliasToSwitchId(b\"lab\", text) != 0)";
+    EXPECT_EQ(system((start + "unset LD_PRELOAD; exec python3 -c '" + program + "'").c_str()), 0);
+#endif
+    ASSERT_EQ(Start(), 0);
+}
+
+TEST_F(StoreTest, AStartInADirectoryThatIsGoneSaysSo)
+{
+    const auto startsAnyway = [&] {
+        const std::string gone = directory + "/gone";
+        if (mkdir(gone.c_str(), 0700) != 0 || chdir(gone.c_str()) != 0 || rmdir(gone.c_str()) != 0)
+            return false;
+        return vshost_start("host", 0) == ENOENT &&
+               std::string(vshost_error()).find("host: the current directory") == 0 && !vshost_directory() &&
+               Start() == 0 && GetPort("p0") == "first";
+    };
+    EXPECT_EQ(Wait(Fork(startsAnyway)), 0);
 }
 
 TEST(NoHost, ReadsFindNothingAndWritesFail)

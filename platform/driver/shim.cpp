@@ -6,12 +6,14 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr size_t PATH_SIZE = 4096;
 constexpr char CORE_FILE[] = "libvshostcore.so";
 constexpr char SHELL_FILE[] = "tybel";
+constexpr char DIRECTORY_VARIABLE[] = "VSHOST_DIR";
 
 RealFunctions real;
 char tybelPath[PATH_SIZE];
@@ -80,6 +82,19 @@ void EnterHost(const char *directory)
     currentHost = host;
 }
 
+// Makes the host's directory absolute before anybody changes the current one, for the children of this
+// process too. Null when it is on no host.
+const char *StartDirectory()
+{
+    const char *directory = getenv(DIRECTORY_VARIABLE);
+    if (!directory || !*directory) return nullptr;
+    char current[PATH_SIZE], absolute[PATH_SIZE];
+    if (*directory == '/' || !getcwd(current, sizeof(current))) return directory;
+    const int length = snprintf(absolute, sizeof(absolute), "%s/%s", current, directory);
+    if (length < static_cast<int>(sizeof(absolute))) setenv(DIRECTORY_VARIABLE, absolute, 1);
+    return getenv(DIRECTORY_VARIABLE);
+}
+
 __attribute__((constructor)) void Load()
 {
     Real();
@@ -90,8 +105,8 @@ __attribute__((constructor)) void Load()
         PlaceBeside(tybelPath, library, SHELL_FILE);
         PlaceBeside(corePath, library, CORE_FILE);
     }
-    const char *directory = getenv("VSHOST_DIR");
-    if (directory && *directory) EnterHost(directory);
+    const char *directory = StartDirectory();
+    if (directory) EnterHost(directory);
     if (directory && getenv(ALLOCATION_VARIABLE) && Core()) PatchAllocations();
 }
 

@@ -14,8 +14,8 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
-#include <new>
 
+#include "platform/host/guard.h"
 #include "platform/host/tables.h"
 
 namespace vshost {
@@ -117,9 +117,31 @@ VsStatus Come(const std::string &directory, Durability durability, bool create, 
     return current.status;
 }
 
+// The environment's directory at the start of the process: a relative one is looked up from where the process
+// was then.
+struct StartDirectory {
+    std::string named, absolute;
+};
+
+StartDirectory ReadStartDirectory()
+{
+    std::error_code gone;
+    const char *directory = getenv(ENVIRONMENT_DIRECTORY);
+    const std::string named = directory ? directory : "";
+    const std::string absolute = std::filesystem::absolute(named, gone).lexically_normal();
+    return {named, gone ? named : absolute};
+}
+
+[[gnu::constructor]] const StartDirectory &AtStart()
+{
+    static auto *const start = new StartDirectory(ReadStartDirectory());
+    return *start;
+}
+
 void AttachFromEnvironment()
 {
     const char *directory = getenv(ENVIRONMENT_DIRECTORY);
+    if (directory && directory == AtStart().named) directory = AtStart().absolute.c_str();
     const char *durability = getenv(ENVIRONMENT_DURABILITY);
     if (!directory || !*directory) return Leave();
     const bool settles = durability && strcmp(durability, "process") == 0;
@@ -132,12 +154,13 @@ void AttachOnce()
 {
     Exclusive alone;
     if (Current().state != State::UNKNOWN) return;
-    try {
+    const VsStatus thrown = Guard([] {
         AttachFromEnvironment();
-    } catch (const std::bad_alloc &) {
-        Current().state = State::FAILED;
-        Current().status = STATUS_NO_MEMORY;
-    }
+        return STATUS_OK;
+    });
+    if (!thrown) return;
+    Current().state = State::FAILED;
+    Current().status = thrown;
 }
 
 VsStatus Fail(const std::string &path, const char *what, int error, std::string &message)
@@ -180,9 +203,6 @@ void PrependToEnvironment(const char *variable, const std::string &item)
 
 int Start(const char *directory, bool durable)
 {
-    Exclusive alone;
-    Leave();
-    RemoveThrowAway();
     const std::string wanted = directory ? directory : MakeThrowAwayDirectory(Current().throwAwayLock);
     if (wanted.empty())
         return SetError(errno, "cannot make a directory for a throw-away host in /dev/shm or /tmp");
@@ -190,14 +210,14 @@ int Start(const char *directory, bool durable)
         Current().throwAway = wanted;
         Current().owner = getpid();
     }
+    std::error_code gone;
+    const std::string absolute = std::filesystem::absolute(wanted, gone).lexically_normal();
+    if (gone)
+        return SetError(gone.value(), wanted + ": the current directory cannot be found; name a whole path");
     const Durability durability = durable ? Durability::DISK : Durability::PROCESS;
     std::string message;
-    const std::string absolute = std::filesystem::absolute(wanted).lexically_normal();
-    if (VsStatus status = Come(absolute, durability, true, message)) {
-        Leave();
-        RemoveThrowAway();
+    if (VsStatus status = Come(absolute, durability, true, message))
         return SetError(ErrnoOf(status), message);
-    }
     SetChildEnvironment(absolute, durability);
     return 0;
 }
@@ -256,10 +276,15 @@ void SayNoHost()
 }
 
 int StartHost(const char *directory, bool durable)
-try {
-    return Start(directory, durable);
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
+{
+    Exclusive alone;
+    Leave();
+    RemoveThrowAway();
+    const int error = GuardErrno([&] { return Start(directory, durable); });
+    if (!error) return 0;
+    Leave();
+    RemoveThrowAway();
+    return error;
 }
 
 void StopHost()
