@@ -1,10 +1,15 @@
 // vsctl switch: switches as a whole.
+#include <set>
+
 #include "decode.h"
 #include "verb.h"
 
 namespace vsctl {
 
 namespace {
+
+constexpr const char *RUNNING = "running";
+constexpr const char *NOT_RUNNING = "not running";
 
 Json Info(const std::string &portset, const Target &target)
 {
@@ -17,8 +22,22 @@ Json Info(const std::string &portset, const Target &target)
 Json ListRow(const std::string &portset)
 {
     const std::string alias = AliasOf(portset);
-    if (alias.empty()) return {{"switch", nullptr}, {"portset", portset}, {"id", nullptr}};
-    return {{"switch", alias}, {"portset", portset}, {"id", SwitchId(alias)}};
+    Json row = {{"switch", nullptr}, {"portset", portset}, {"id", nullptr}, {"state", RUNNING}};
+    if (alias.empty()) return row;
+    row["switch"] = alias;
+    row["id"] = SwitchId(alias);
+    return row;
+}
+
+// A stored switch whose portset doesn't run: its start, its creation or its destruction failed.
+Json StoppedRow(const std::string &id)
+{
+    const std::string alias = AliasOfId(id);
+    Json row = {{"switch", nullptr}, {"portset", nullptr}, {"id", id}, {"state", NOT_RUNNING}};
+    if (alias.empty()) return row;
+    row["switch"] = alias;
+    row["portset"] = PortsetOf(alias);
+    return row;
 }
 
 Result List(const Verb &, const Arguments &)
@@ -26,6 +45,13 @@ Result List(const Verb &, const Arguments &)
     Result result;
     for (const std::string &portset : Portsets())
         result.rows.push_back(ListRow(portset));
+    std::set<std::string> running;
+    for (const Json &row : result.rows) {
+        if (!row["id"].is_null()) running.insert(row["id"]);
+    }
+    for (const std::string &id : StoredSwitchIds()) {
+        if (!running.contains(id)) result.rows.push_back(StoppedRow(id));
+    }
     return result;
 }
 
@@ -35,7 +61,7 @@ Result Show(const Verb &, const Arguments &arguments)
     SwitchId(target.alias);
     Json row = {{"switch", target.alias}};
     row.update(ReadSwitch(target.alias));
-    row["live"] = Info(PortsetOf(target.alias), target);
+    row["live"] = IsRunning(target.alias) ? Info(PortsetOf(target.alias), target) : Json(NOT_RUNNING);
     return Rows(row);
 }
 
@@ -68,7 +94,7 @@ std::vector<Verb> SwitchVerbs()
 {
     const Argument name{"SWITCH", Shape::REQUIRED, "alias of the new switch"};
     return {
-        Reads("switch", "list", "lists the running switches", {}, "\n--json",
+        Reads("switch", "list", "lists the switches, and whether they run", {}, "\n--json",
               "VSZOR_GetSwitches VSDVS_GetAliasFromPortset DVSAliasToPortsetName DVSAliasToSwitchId", List),
         Reads("switch", "show", "shows a switch: its names, uplinks, policies and live state", {SWITCH},
               "lab", "DVSAliasToSwitchId DVSAliasToPortsetName VSDVS_GetGlobProp VSZOR_GetVSInfo", Show),

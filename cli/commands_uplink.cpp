@@ -37,7 +37,8 @@ Result List(const Verb &, const Arguments &arguments)
     const std::string alias = arguments.Text("SWITCH");
     SwitchId(alias);
     const Uplinks uplinks = ReadUplinks(alias);
-    const auto running = IsEmbedded() ? RunningByPort(alias) : std::map<std::string, Json>();
+    const auto running =
+        IsEmbedded() && IsRunning(alias) ? RunningByPort(alias) : std::map<std::string, Json>();
     Result result;
     for (size_t i = 0; i < uplinks.ids.size(); i++) {
         Json row = {{"switch", alias},

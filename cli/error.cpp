@@ -94,6 +94,18 @@ constexpr StatusInfo STATUSES[] = {
 };
 #undef ROW
 
+Error StatusError(VsStatus status, std::string_view action, const Target &target)
+{
+    const StatusInfo info = Describe(status);
+    const std::string name = *info.name ? info.name : fmt::format("0x{:08X}", status);
+    Error error(info.exit, fmt::format("{} {} failed: {} ({})", action, target.Text(), info.meaning, name),
+                AdviceFor(info.exit));
+    error.status = status;
+    return error;
+}
+
+}
+
 const char *AdviceFor(Exit exit)
 {
     switch (exit) {
@@ -114,18 +126,6 @@ const char *AdviceFor(Exit exit)
     default:
         return "";
     }
-}
-
-Error StatusError(VsStatus status, std::string_view action, const Target &target)
-{
-    const StatusInfo info = Describe(status);
-    const std::string name = *info.name ? info.name : fmt::format("0x{:08X}", status);
-    Error error(info.exit, fmt::format("{} {} failed: {} ({})", action, target.Text(), info.meaning, name),
-                AdviceFor(info.exit));
-    error.status = status;
-    return error;
-}
-
 }
 
 StatusInfo Describe(VsStatus status)
@@ -160,21 +160,6 @@ int DeviceError(const char *device)
     if (descriptor < 0) return errno;
     close(descriptor);
     return 0;
-}
-
-void CheckDriver(VsStatus status, std::string_view action, const Target &target)
-{
-    RestartTimeLimit();
-    if (status == STATUS_OK) return;
-    const int error = DeviceError(ZOR_DEVICE);
-    if (error == 0) throw StatusError(status, action, target);
-    const Exit exit = error == EACCES || error == EPERM ? Exit::PERMISSION : Exit::UNREACHABLE;
-    Error missing(exit,
-                  fmt::format("{} {} failed: the switch driver {} cannot be opened ({})", action,
-                              target.Text(), ZOR_DEVICE, strerror(error)),
-                  AdviceFor(exit));
-    missing.status = status;
-    throw missing;
 }
 
 size_t EditDistance(std::string_view a, std::string_view b)

@@ -57,9 +57,7 @@ struct Target {
 
 // Throws unless `status` is STATUS_OK. `action` reads like "reading the VLAN policy of".
 void Check(VsStatus status, std::string_view action, const Target &target);
-
-// The same for a request to the driver: tells a missing driver from a missing object.
-void CheckDriver(VsStatus status, std::string_view action, const Target &target);
+const char *AdviceFor(Exit exit);
 
 // 0, or the errno with which the device cannot be opened.
 int DeviceError(const char *device);

@@ -3,9 +3,11 @@
 
 #include <charconv>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <malloc.h>
+#include <set>
 #include <unistd.h>
 
 #include "limit.h"
@@ -65,6 +67,40 @@ void RequireEntries(const void *list, size_t headerSize, size_t count, size_t en
                 "it may have grown meanwhile: try again");
 }
 
+void CheckDriver(VsStatus status, std::string_view action, const Target &target)
+{
+    RestartTimeLimit();
+    if (status == STATUS_OK) return;
+    const int error = DeviceError(ZOR_DEVICE);
+    if (error == 0) {
+        if (!target.alias.empty()) RequireRunning(action, target);
+        Check(status, action, target);
+    }
+    const Exit exit = error == EACCES || error == EPERM ? Exit::PERMISSION : Exit::UNREACHABLE;
+    Error missing(exit,
+                  fmt::format("{} {} failed: the switch driver {} cannot be opened ({})", action,
+                              target.Text(), ZOR_DEVICE, strerror(error)),
+                  AdviceFor(exit));
+    missing.status = status;
+    throw missing;
+}
+
+bool IsRunning(const std::string &alias)
+{
+    uint8_t info[VS_INFO_SIZE];
+    char portset[PORTSET_NAME_SIZE];
+    if (DVSAliasToPortsetName(alias.c_str(), portset) != STATUS_OK) return true; // there is no such switch
+    return VSZOR_GetVSInfo(portset, info) != STATUS_NOT_FOUND || DeviceError(ZOR_DEVICE) != 0;
+}
+
+void RequireRunning(std::string_view action, const Target &target)
+{
+    if (IsRunning(target.alias)) return;
+    throw Error(
+        Exit::FAILURE, fmt::format("{} {} failed: the switch is not running", action, target.Text()),
+        "a restart of the host runs it; 'vsctl switch show' and 'vsctl export' show what is stored of it");
+}
+
 std::vector<std::string> Portsets()
 {
     DriverBuffer<> list;
@@ -91,7 +127,35 @@ std::vector<std::string> SwitchNames()
     for (const std::string &portset : Portsets()) {
         if (std::string alias = AliasOf(portset); !alias.empty()) names.push_back(alias);
     }
+    const std::set<std::string> running(names.begin(), names.end());
+    for (const std::string &id : StoredSwitchIds()) {
+        if (std::string alias = AliasOfId(id); !alias.empty() && !running.contains(alias))
+            names.push_back(alias);
+    }
     return names;
+}
+
+std::string AliasOfId(const std::string &id)
+{
+    Bytes alias;
+    if (Property{Level::GLOBAL, {id, ""}, "com.talpex.common.alias", true}.Get(alias) != STATUS_OK) return "";
+    return Name(reinterpret_cast<const char *>(alias.data()), alias.size());
+}
+
+std::vector<std::string> StoredSwitchIds()
+{
+    using Visit = int (*)(void *handle, void *context);
+    static auto *const forEach =
+        reinterpret_cast<void (*)(Visit, void *)>(dlsym(RTLD_DEFAULT, "DVSState_SwitchForEach"));
+    static auto *const idOf = reinterpret_cast<const char *(*)(void *)>(dlsym(RTLD_DEFAULT, "DVS_SwitchId"));
+    std::vector<std::string> ids;
+    if (!forEach || !idOf) return ids;
+    const Visit addId = [](void *handle, void *context) {
+        static_cast<std::vector<std::string> *>(context)->push_back(Name(idOf(handle), SWITCH_ID_SIZE));
+        return 0;
+    };
+    forEach(addId, &ids);
+    return ids;
 }
 
 namespace {

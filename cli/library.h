@@ -62,12 +62,23 @@ Bytes FromHex(std::string_view text);
 std::string Name(const char *field, size_t size);
 std::string ReadFile(const std::string &path); // "-" is standard input
 
+// Throws unless a request to the driver went well: tells a missing driver and a switch that doesn't run from
+// a missing object.
+void CheckDriver(VsStatus status, std::string_view action, const Target &target);
+
 // Names of the running portsets.
 std::vector<std::string> Portsets();
+// Whether the driver runs the switch's portset; true where there is no driver to ask.
+bool IsRunning(const std::string &alias);
+// Throws when it doesn't.
+void RequireRunning(std::string_view action, const Target &target);
 // The alias of the switch with exactly this portset, or nothing. The library finds a portset by a prefix
 // of its name too, so what it finds is checked back.
 std::string AliasOf(const std::string &portset);
-std::vector<std::string> SwitchNames(); // aliases of the running switches
+std::vector<std::string> SwitchNames(); // aliases of the running switches and of those that don't run
+// Ids of the stored switches; none where the platform's store can't list them.
+std::vector<std::string> StoredSwitchIds();
+std::string AliasOfId(const std::string &id); // empty when it has none
 std::string PortsetOf(const std::string &alias);
 bool SwitchExists(const std::string &alias);
 // Throws, with the nearest name, when there is no such switch.

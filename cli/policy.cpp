@@ -344,6 +344,7 @@ constexpr Field MTU_FIELDS[] = {{"", Form::NUMBER, "bytes", MTU_MIN, MTU_MAX}};
 VsStatus ReadMtu(const Target &target, Json &value)
 {
     int32_t mtu = 0;
+    if (!IsRunning(target.alias)) return STATUS_NOT_FOUND;
     if (VsStatus status = VSDVS_GetMTU(target.Alias(), &mtu)) return status;
     value = mtu;
     return STATUS_OK;
@@ -351,6 +352,7 @@ VsStatus ReadMtu(const Target &target, Json &value)
 
 VsStatus WriteMtu(const Target &target, const Json &value)
 {
+    RequireRunning("setting mtu of", target);
     return VSDVS_SetMTU(target.Alias(), value.get<int32_t>());
 }
 

@@ -6,7 +6,7 @@ import re
 import subprocess
 from collections import Counter
 
-from vsctl_host import HOST, IO_ERROR, SOURCE, STORE, VSCTL, OnHost, main, ran, recorded
+from vsctl_host import BUILD, HOST, IO_ERROR, SOURCE, STORE, VSCTL, OnHost, main, ran, recorded
 
 every_verb = set()
 
@@ -98,6 +98,35 @@ class Verbs(OnHost):
         for operation in counts[20]:
             few, some, many = (counts[uplinks][operation] for uplinks in (20, 200, 2000))
             self.assertEqual((some - few) / 180, (many - some) / 1800, operation)
+
+    def test_a_switch_that_does_not_run(self):
+        """It is listed, shown, exported, configured where that takes no portset, and destroyed; its records are not called damaged."""
+        self.create()
+        self.rows("switch", "create", "two", "--portset", "vs2")
+        wanted = self.exported()["lab"]
+        subprocess.run([BUILD / "platform/tybel", "-e", "set", "/net/portsets/lab/destroy", "destroy"], check=True)
+        self.assertEqual({row["switch"]: (row["portset"], row["state"]) for row in self.rows("switch", "list")},
+                         {"lab": ("lab", "not running"), "two": ("vs2", "running")})
+        self.assertEqual(self.rows("switch", "show", "lab")[0]["live"], "not running")
+        for key in ("mtu", "max-ports"):  # what runs has them
+            del wanted[key]
+        self.assertEqual(self.exported()["lab"], wanted)
+        self.assertIsNone(self.rows("switch", "mtu", "lab")[0]["mtu"])
+        self.assertEqual([row["port"] for row in self.rows("uplink", "list", "lab")], ["uplink0", "uplink1"])
+        self.rows("port", "vlan", "lab", "port0", "7")
+        self.rows("port", "show", "lab", "port0..port3")
+        self.assertIn("lab", self.run_vsctl("complete", "--", "switch", "show", "").split())
+        self.assertIn("did you mean 'lab'?", self.run_vsctl("switch", "show", "lba", code=3))
+        for line in ("switch mtu lab 4000", "uplink live lab", "uplink down lab nic0", "uplink link lab nic0", "uplink numa lab", "lag list lab",
+                     "mac list lab port0", "mac team lab", "mac set lab port0 --address 02:00:00:00:00:01", "mac info lab", "mac stats lab port0",
+                     "mirror live lab", "mirror stats lab s", "mirror destinations lab", "multicast filters lab", "stats rarp lab",
+                     "stats teaming lab", "port hint lab port0", "switch multicast lab --live", "switch ls-teaming lab --live"):
+            self.assertIn("is not running", self.run_vsctl(*line.split(), code=1), line)
+        self.run_vsctl("switch", "create", "lab", code=4)
+        self.rows("switch", "destroy", "lab")
+        self.assertEqual([row["switch"] for row in self.rows("switch", "list")], ["two"])
+        self.create()
+        self.assertEqual(self.rows("switch", "show", "lab")[0]["live"]["used-ports"], 6)
 
     def test_properties(self):
         self.create()
@@ -222,7 +251,7 @@ class Verbs(OnHost):
         self.rows("switch", "create", "aa", "--portset", "vs")
         self.rows("switch", "create", "bb", "--portset", "vs1")
         self.rows("property", "set", "bb", "com.talpex.common.host.portset", "--level", "host", "--text", "elsewhere")
-        self.assertEqual({row["portset"]: row["switch"] for row in self.rows("switch", "list")}, {"vs": "aa", "vs1": None})
+        self.assertEqual({row["portset"]: row["switch"] for row in self.rows("switch", "list")}, {"vs": "aa", "vs1": None, "elsewhere": "bb"})
 
     def test_help_has_examples_for_every_verb(self):
         for noun in re.findall(r"^  (?!vsctl)(\w+) ", self.run_vsctl("help"), re.M):

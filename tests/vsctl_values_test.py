@@ -288,7 +288,7 @@ class Values(OnHost):
                 HOST.vshost_clear()
             HOST.vshost_answer(command, 0, struct.pack("<II", 2, 2) + b"\xff" * size, 8 + size)
             rows = self.rows(*words)
-            self.assertEqual(len(rows), 2)
+            self.assertEqual(len([row for row in rows if row.get("state") != "not running"]), 2)  # lab is not in the list
             HOST.vshost_clear()
         for words, command, answers in ((["multicast", "groups", "lab", "224.1.1.1"], 4105, (b"\xff" * 24, b"\1" + b"\0" * 23)),
                                         (["switch", "ls-teaming", "lab", "--live"], 4125, (b"\1\0\0\0", b"\xff" * 4))):
