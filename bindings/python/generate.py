@@ -24,15 +24,19 @@ ENTRIES = {"VSZOR_GetSwitches": "128 if kind == 1 else 81", "VSZOR_GetUplinks": 
            "VSZOR_GetTeamMACTable": "18", "VSZOR_GetDVMirrorSessionIDs": "32", "VSZOR_GetPromiscSessionActiveDsts": "4",
            "VSZOR_GetMcastFilters": "lib.ADDRESS_SIZES[kind]"}
 # Bytes that the library reads of a record whose length it can't know.
-READ = {"VSZOR_SetRuntimeOptions": "lib.leading(record)", "VSZOR_RTMOp": "9 + 128 * lib.leading(record)",
+READ = {"VSZOR_SetRuntimeOptions": 'lib.leading("record", record)',
+        "VSZOR_RTMOp": '9 + 128 * lib.leading("record", record)',
         "VSZOR_GetMcastFilterStats": "lib.ADDRESS_SIZES.get(kind, 0)"}
 # What a rule would not make: (arguments, result, call).
 WRITTEN = {
-    "VSDVS_GetPrivateVLANMap": ("alias: str", "list[bytes]", 'lib.read_counted("VSDVS_GetPrivateVLANMap", lib.text(alias), size=8)'),
+    "VSDVS_GetPrivateVLANMap": ("alias: str", "list[bytes]",
+                                'lib.read_counted("VSDVS_GetPrivateVLANMap", lib.text("alias", alias), size=8)'),
     "ZORIoctl": ("path: str, request: int, data: bytes, outLength: int", "bytes",
-                 "lib.ioctl(lib.text(path), lib.number(c_int32, request), data, outLength)"),
+                 'lib.ioctl(lib.text("path", path), lib.number("request", c_int32, request), '
+                 'lib.contents("data", data), lib.number("outLength", c_uint32, outLength).value)'),
     "DVPortExist": ("switchId: str, dvPortId: str", "bool",
-                    'bool(lib.call_plain("DVPortExist", lib.text(switchId), lib.text(dvPortId), returns=c_uint8))'),
+                    'bool(lib.call_plain("DVPortExist", lib.text("switchId", switchId), '
+                    'lib.text("dvPortId", dvPortId), returns=c_uint8))'),
 }
 
 
@@ -73,32 +77,40 @@ class Generator:
             yield from (f"    {name}: {'Any' if count else 'int'}\n" for kind, name, count, _ in record.fields)
             yield "\n\n"
 
+    @staticmethod
+    def named(parameter):
+        return f'"{parameter.name}", {parameter.name}'
+
     def array_in(self, parameter):
         inner = re.sub(r"^const | \*$", "", parameter.type)
         if inner == "void":
-            return "bytes", f"lib.block({parameter.name})"
+            return "bytes", f"lib.block({self.named(parameter)})"
         if inner in SIZES:
-            return "Sequence[int]", f"({ctype(inner)} * len({parameter.name}))(*(lib.number({ctype(inner)}, n).value for n in {parameter.name}))"
-        return f"Sequence[{self.python_type(inner)}]", f"lib.block(lib.joined({parameter.name}, {self.size(inner)}))"
+            return "Sequence[int]", f'lib.numbers("{parameter.name}", {ctype(inner)}, {parameter.name})'
+        entries = f"lib.joined({self.named(parameter)}, {self.size(inner)})"
+        return f"Sequence[{self.python_type(inner)}]", f'lib.block("{parameter.name}", {entries})'
 
     def value_in(self, parameter, operation):
         """(annotation, expression) of an argument that the library reads."""
         kind, name, words = parameter.type, parameter.name, header.plain(parameter.text)
         inner = re.sub(r"^const | \*$", "", kind)
+        named = self.named(parameter)
         if kind == "const char *":
-            return "str | None" if "may be null" in words else "str", f"lib.text({name})"
+            optional = "may be null" in words
+            return ("str | None", f"lib.optional_text({named})") if optional else ("str", f"lib.text({named})")
         if kind in SIZES:
-            return ("bool", f"lib.flag({name})") if "Boolean" in words else ("int", f"lib.number({ctype(kind)}, {name})")
+            number = f'lib.number("{name}", {ctype(kind)}, {name})'
+            return ("bool", f"lib.flag({named})") if "Boolean" in words else ("int", number)
         if inner in SIZES:
-            return "int", f"byref(lib.number({ctype(inner)}, {name}))"
+            return "int", f'byref(lib.number("{name}", {ctype(inner)}, {name}))'
         if inner == "void":
-            return "bytes", f"lib.block({name}, {READ[operation.name]})"
+            return "bytes", f"lib.block({named}, {READ[operation.name]})"
         if inner in COUNTED:
-            return f"Sequence[{self.python_type(COUNTED[inner])}]", f"lib.counted({name}, {self.size(COUNTED[inner])})"
+            entry = COUNTED[inner]
+            return f"Sequence[{self.python_type(entry)}]", f"lib.counted({named}, {self.size(entry)})"
         if inner in HEADED:
-            counts = list(HEADED[inner])
-            return self.headed_type(inner), f"lib.behind({name}, {counts})"
-        return self.python_type(inner), f"lib.block({name}, {self.size(inner)})"
+            return self.headed_type(inner), f"lib.behind({named}, {list(HEADED[inner])})"
+        return self.python_type(inner), f"lib.block({named}, {self.size(inner)})"
 
     def headed_type(self, record):
         return f"tuple[{', '.join([record, *(f'list[{self.python_type(e)}]' for e in HEADED[record].values())])}]"
@@ -139,8 +151,8 @@ class Generator:
             signature, result, call = WRITTEN[operation.name]
         else:
             signature, result, call = self.derive(operation)
-        return (f'def {operation.name}({signature}) -> {result}:\n    """{operation.brief}"""\n'
-                f"    {'' if result == 'None' else 'return '}{call}\n\n\n")
+        body = call if result == "None" else f"result: {result} = {call}\n    return result"
+        return f'def {operation.name}({signature}) -> {result}:\n    """{operation.brief}"""\n    {body}\n\n\n'
 
     def derive(self, operation):
         arguments, expressions, results, after = [], [], [], iter(operation.parameters[1:] + [None])
@@ -164,7 +176,8 @@ class Generator:
             elif parameter.type.endswith("*") and following and re.fullmatch("count|length|.*Count", following.name):
                 annotation, expression = self.array_in(parameter)
                 expressions.append(expression)
-                expression, counted = f"lib.number({ctype(following.type)}, len({parameter.name}))", True
+                count = f"len({parameter.name})"
+                expression, counted = f'lib.number("{parameter.name}", {ctype(following.type)}, {count})', True
             else:
                 annotation, expression = self.value_in(parameter, operation)
             arguments.append(f"{parameter.name}: {annotation}{DEFAULTS.get(parameter.name, '')}")

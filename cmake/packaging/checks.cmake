@@ -19,6 +19,8 @@ package_test(languages ${PROJECT_SOURCE_DIR}/tests/package/languages_test.sh ${P
 package_test(python ${on_host} PYTHONPATH=${PYTHON_MODULE} PYTHONDONTWRITEBYTECODE=1
              ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/python_test.py
              ${PROJECT_SOURCE_DIR}/cmake/vswitchctl.map)
+package_test(python_types ${CMAKE_COMMAND} -E env MYPYPATH=${PYTHON_MODULE} mypy --strict --cache-dir=/dev/null
+             ${PROJECT_SOURCE_DIR}/tests/package/typed.py)
 package_test(abi ${PROJECT_SOURCE_DIR}/tests/package/abi_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
 package_test(guides ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/guides_test.py
              ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})

@@ -1,5 +1,6 @@
 """Every operation of the Python module once, on an embedded host: usage python_test.py VERSION_SCRIPT."""
 
+import pickle
 import re
 import struct
 import sys
@@ -154,13 +155,43 @@ class OperationTest(unittest.TestCase):
     def test_failures_and_bad_values(self):
         with self.assertRaises(v.NotFound) as caught:
             v.VSDVS_GetMTU("nowhere")
-        self.assertEqual((caught.exception.status, caught.exception.operation), (v.Status.NOT_FOUND, "VSDVS_GetMTU"))
+        error = caught.exception
+        self.assertEqual((error.status, error.operation, error.arguments),
+                         (v.Status.NOT_FOUND, "VSDVS_GetMTU", {"alias": "nowhere"}))
+        self.assertEqual(str(pickle.loads(pickle.dumps(error))),
+                         "VSDVS_GetMTU(alias='nowhere'): NOT_FOUND (0x0BAD0003)")
+        with self.assertRaisesRegex(v.StatusError, r"\(alias='lab', dvPortId='no', key='a.key'\): NOT_FOUND"):
+            v.VSDVS_GetPortProp("lab", "no", "a.key")
         self.assertRaises(v.Exists, v.VSDVS_CreateVSwitch, "lab", None, "second", 1, False, 0, 0, 0)
         self.assertRaises(v.BadParam, v.VSDVS_SetMTU, "lab", 1)
-        for function, *arguments in ((v.VSDVS_SetMTU, "lab", 1 << 40), (v.VSDVS_GetMTU, "a\0b"),
-                                     (v.VSDVS_SetTeamingPolicy, "lab", b"short"), (v.VSZOR_RTMOp, b"\1\0\0\0", 1),
-                                     (v.VSDVS_SetSwitchUplinkPorts, "lab", ["x" * 81], ["y"])):
-            self.assertRaises((ValueError, OverflowError), function, *arguments)
+        wrong = [
+            (TypeError, "alias must be str, not NoneType", v.VSDVS_GetMTU, None),
+            (TypeError, "alias must be str, not bytes", v.VSDVS_GetMTU, b"lab"),
+            (ValueError, "alias can't hold a NUL", v.VSDVS_GetMTU, "a\0b"),
+            (TypeError, "mtu must be int, not str", v.VSDVS_SetMTU, "lab", "9000"),
+            (TypeError, "mtu must be int, not float", v.VSDVS_SetMTU, "lab", 9000.0),
+            (OverflowError, "connectId: -1 does not fit unsigned 32 bits", v.VSDVS_AddDVPort, "lab", "x", -1),
+            (OverflowError, "mtu: 1099511627776 does not fit signed 32 bits", v.VSDVS_SetMTU, "lab", 1 << 40),
+            (TypeError, "enable must be bool, not str", v.VSDVS_ConfigureSinkPort, *PORT, "no"),
+            (TypeError, "data must be bytes or a record, not int", v.VSDVS_SetPortProp, *PORT, "a.key", 5),
+            (TypeError, "data must be bytes or a record, not str", v.VSDVS_SetPortProp, *PORT, "a.key", "5"),
+            (ValueError, "policy: 2616 bytes are needed, not 5", v.VSDVS_SetTeamingPolicy, "lab", b"short"),
+            (ValueError, "record: 137 bytes are needed, not 4", v.VSZOR_RTMOp, b"\1\0\0\0", 1),
+            (TypeError, "record must be bytes or a record, not int", v.VSZOR_RTMOp, 9, 1),
+            (TypeError, "names must be a sequence, not str", v.VSDVS_SetSwitchUplinkPorts, "lab", "up", ["y"]),
+            (TypeError, "an entry of names must be bytes or a record, not int", v.VSDVS_SetSwitchUplinkPorts, "lab",
+             [1], ["y"]),
+            (ValueError, "names: 81 bytes are needed for each entry, not 82", v.VSDVS_SetSwitchUplinkPorts, "lab",
+             ["x" * 81], ["y"]),
+            (TypeError, "ids must be a sequence, not int", v.VSZOR_GetRuntimeOptions, 5),
+            (TypeError, "list must be a tuple of a record and 2 lists", v.VSDVS_AppendDVMirrorSessions, *PORT, []),
+            (TypeError, "outLength must be int, not NoneType", v.ZORIoctl, v.ZOR_DEVICE, 4120, b"", None),
+        ]
+        before = v.VSDVS_GetMTU("lab")
+        for error, message, function, *arguments in wrong:
+            with self.subTest(message), self.assertRaisesRegex(error, f"^{re.escape(message)}$"):
+                function(*arguments)
+        self.assertEqual(v.VSDVS_GetMTU("lab"), before)
         for hook in (v.Log, v.Warning, v.Panic):
             hook("%s%n")
         for release in (v.VSDVS_FreeMemory, v.VSZOR_FreeMemory):

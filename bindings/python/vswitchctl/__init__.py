@@ -1,10 +1,19 @@
 """Control of the virtual switches of a hypervisor host.
 
 Each operation of libvswitchctl is a function of the same name, with its arguments in the same order; what the C
-interface writes through pointers comes back as the result, and a failing status is raised as a StatusError.
+interface writes through pointers comes back as the result, and a failing status is raised as a StatusError that names
+the switch, port and other names of the call. A value that doesn't fit an argument is a TypeError, ValueError or
+OverflowError that names the argument.
 Buffers of the library are copied and released. Manual pages have the rest, as in `man VSDVS_GetMTU`.
 """
 
-from ._library import BadParam, DriverList, Exists, NoMemory, NotFound, Record, StatusError, as_text
+from ._library import BadParam as BadParam
+from ._library import DriverList as DriverList
+from ._library import Exists as Exists
+from ._library import NoMemory as NoMemory
+from ._library import NotFound as NotFound
+from ._library import Record as Record
+from ._library import StatusError as StatusError
+from ._library import as_text as as_text
 from ._operations import *
-from ._status import Status
+from ._status import Status as Status

@@ -3,19 +3,25 @@
 import ctypes
 from dataclasses import dataclass
 from functools import cache
-from typing import Any, Callable, Iterable, Sequence
+from operator import index
+from typing import Any, Callable, Sequence
 
 from ._status import Status
 
 
 class StatusError(Exception):
-    """An operation failed; `status` is its code, `operation` its name."""
+    """An operation failed; `status` is its code, `operation` its name, `arguments` the names that it was given."""
 
-    def __init__(self, status: int, operation: str):
+    def __init__(self, status: int, operation: str, arguments: dict[str, str] | None = None):
         self.operation = operation
+        self.arguments = arguments or {}
         self.status: Status | int = Status(status) if status in Status._value2member_map_ else status
         name = self.status.name if isinstance(self.status, Status) else "a status of the store"
-        super().__init__(f"{operation}: {name} (0x{status:08X})")
+        given = ", ".join(f"{argument}={value!r}" for argument, value in self.arguments.items())
+        super().__init__(f"{operation}({given}): {name} (0x{status:08X})")
+
+    def __reduce__(self) -> tuple[Any, ...]:
+        return type(self), (int(self.status), self.operation, self.arguments)
 
 
 class NotFound(StatusError, LookupError):
@@ -76,7 +82,8 @@ def call(operation: str, *arguments: Any) -> Any:
     function.restype = ctypes.c_uint32
     result = function(*(ctypes.byref(a.holder) if isinstance(a, Output) else a for a in arguments))
     if result:
-        raise _ERRORS.get(result, StatusError)(result, operation)
+        given = {a.name: as_text(a.value) for a in arguments if isinstance(a, Text) and a.value is not None}
+        raise _ERRORS.get(result, StatusError)(result, operation, given)
     values = [argument.value(argument.holder) for argument in arguments if isinstance(argument, Output)]
     return values[0] if len(values) == 1 else tuple(values) or None
 
@@ -88,65 +95,112 @@ def call_plain(operation: str, *arguments: Any, returns: Any = None) -> Any:
     return function(*arguments)
 
 
-# Arguments in.
+# Arguments in. Each names itself when its value is wrong.
 
 
-def text(value: str | None) -> ctypes.c_char_p:
-    if value is not None and "\0" in value:
-        raise ValueError("a name can't hold a NUL")
-    return ctypes.c_char_p(None if value is None else value.encode("utf-8", "surrogateescape"))
+class Text(ctypes.c_char_p):
+    """A text that knows which argument it is."""
+
+    name: str
 
 
-def number(kind: Any, value: int) -> Any:
-    converted = kind(value)
+def wrong_type(name: str, expected: str, value: object) -> TypeError:
+    return TypeError(f"{name} must be {expected}, not {type(value).__name__}")
+
+
+def encoded(name: str, value: str) -> bytes:
+    if not isinstance(value, str):
+        raise wrong_type(name, "str", value)
+    if "\0" in value:
+        raise ValueError(f"{name} can't hold a NUL")
+    return value.encode("utf-8", "surrogateescape")
+
+
+def text(name: str, value: str) -> Text:
+    argument = Text(encoded(name, value))
+    argument.name = name
+    return argument
+
+
+def optional_text(name: str, value: str | None) -> Text:
+    return Text(None) if value is None else text(name, value)
+
+
+def number(name: str, kind: Any, value: int) -> Any:
+    try:
+        converted = kind(index(value))
+    except TypeError:
+        raise wrong_type(name, "int", value) from None
     if converted.value != value:
-        raise OverflowError(f"{value} does not fit {kind.__name__.removeprefix('c_')}")
+        sign = "signed" if kind(-1).value < 0 else "unsigned"
+        raise OverflowError(f"{name}: {value} does not fit {sign} {8 * ctypes.sizeof(kind)} bits")
     return converted
 
 
-def flag(value: bool) -> ctypes.c_uint8:
+def numbers(name: str, kind: Any, values: Sequence[int]) -> Any:
+    given = [number(name, kind, value).value for value in sequence(name, values)]
+    return (kind * len(given))(*given)
+
+
+def flag(name: str, value: bool) -> ctypes.c_uint8:
+    if not isinstance(value, int):
+        raise wrong_type(name, "bool", value)
     return ctypes.c_uint8(bool(value))
 
 
-def block(value: bytes | Record, size: int = 0) -> Any:
+def contents(name: str, value: bytes | Record) -> bytes:
+    if not isinstance(value, (bytes, bytearray, memoryview, Record)):
+        raise wrong_type(name, "bytes or a record", value)
+    return bytes(value)
+
+
+def block(name: str, value: bytes | Record, size: int = 0) -> Any:
     """Bytes of a record that the library reads; with `size`, exactly that many."""
-    data = bytes(value)
+    data = contents(name, value)
     if size and len(data) != size:
-        raise ValueError(f"{size} bytes are needed, not {len(data)}")
+        raise ValueError(f"{name}: {size} bytes are needed, not {len(data)}")
     return ctypes.create_string_buffer(data, len(data)) if data else None
 
 
-def fixed_text(value: str, size: int) -> bytes:
-    data = value.encode("utf-8", "surrogateescape")
-    if len(data) >= size:
-        raise ValueError(f"{value!r} has more than {size - 1} bytes")
-    return data.ljust(size, b"\0")
+def sequence(name: str, values: Sequence[Any]) -> Sequence[Any]:
+    if isinstance(values, (str, bytes, Record)) or not isinstance(values, (Sequence, ctypes.Array)):
+        raise wrong_type(name, "a sequence", values)
+    return values
 
 
-def joined(entries: Iterable[Any], size: int) -> bytes:
-    parts = [fixed_text(entry, size) if isinstance(entry, str) else bytes(entry) for entry in entries]
-    if any(len(part) != size for part in parts):
-        raise ValueError(f"each entry needs {size} bytes")
+def joined(name: str, entries: Sequence[Any], size: int) -> bytes:
+    """The entries of a list; texts are filled up to their field, and end within it."""
+    parts = []
+    for entry in sequence(name, entries):
+        part = encoded(name, entry) + b"\0" if isinstance(entry, str) else contents(f"an entry of {name}", entry)
+        parts.append(part.ljust(size, b"\0") if isinstance(entry, str) else part)
+        if len(parts[-1]) != size:
+            raise ValueError(f"{name}: {size} bytes are needed for each entry, not {len(part)}")
     return b"".join(parts)
 
 
-def leading(record: bytes) -> int:
+def leading(name: str, record: bytes) -> int:
     """The 32 bits at the beginning of a record, which say how long it is."""
-    return int.from_bytes(record[:4], "little")
+    return int.from_bytes(contents(name, record)[:4], "little")
 
 
-def behind(value: tuple[Any, ...], counts: Sequence[str]) -> Any:
+def behind(name: str, value: tuple[Any, ...], counts: Sequence[str]) -> Any:
     """A record and the lists behind it, whose lengths it must give rightly."""
+    if not isinstance(value, tuple) or len(value) != 1 + len(counts):
+        raise TypeError(f"{name} must be a tuple of a record and {len(counts)} lists")
     record, *lists = value
-    for name, entries_in in zip(counts, lists, strict=True):
-        if getattr(record, name) != len(entries_in):
-            raise ValueError(f"{name} is {getattr(record, name)}, but there are {len(entries_in)}")
-    return block(b"".join(bytes(part) for part in [record, *(entry for entries_in in lists for entry in entries_in)]))
+    parts = [contents(name, record)]
+    for count, entries_in in zip(counts, lists):
+        parts += [contents(f"an entry of {name}", entry) for entry in sequence(name, entries_in)]
+        if getattr(record, count) != len(entries_in):
+            raise ValueError(f"{name}: {count} is {getattr(record, count)}, but there are {len(entries_in)}")
+    return block(name, b"".join(parts))
 
 
-def counted(entries: Sequence[Any], size: int) -> Any:
+def counted(name: str, entries: Sequence[Any], size: int) -> Any:
     """A list that begins with the count of its entries."""
-    return block(len(entries).to_bytes(4, "little") + joined(entries, size))
+    data = joined(name, entries, size)
+    return block(name, len(entries).to_bytes(4, "little") + data)
 
 
 # Outputs.
@@ -236,10 +290,11 @@ def read_counted(operation: str, *arguments: Any, size: int) -> list[bytes]:
     """A list whose count is an output of its own."""
     count = ctypes.c_uint32()
     read = buffer_out("VSDVS_FreeMemory", lambda address: entries(address, count.value, size))
-    return call(operation, *arguments, read, ctypes.byref(count))
+    found: list[bytes] = call(operation, *arguments, read, ctypes.byref(count))
+    return found
 
 
-def ioctl(path: ctypes.c_char_p, request: ctypes.c_int32, data: bytes, out_length: int) -> bytes:
+def ioctl(path: Text, request: ctypes.c_int32, data: bytes, out_length: int) -> bytes:
     class Header(ctypes.Structure):
         _fields_ = [("inLength", ctypes.c_uint32), ("outLength", ctypes.c_uint32),
                     ("inPtr", ctypes.c_void_p), ("outPtr", ctypes.c_void_p)]
