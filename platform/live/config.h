@@ -1,0 +1,53 @@
+// What the data path is told of switches: plain values that stand for the policies in the store.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/live/maps.h"
+
+namespace live {
+
+struct VlanRange {
+    uint16_t first;
+    uint16_t last; // smaller than the first: the range is empty
+    bool operator==(const VlanRange &) const = default;
+};
+
+struct PortConfig {
+    uint32_t number = 0;  // the port's kernel number, unique on the host
+    uint32_t ifindex = 0; // of the plugged interface; 0: the interface is away
+    bool uplink = false;
+    bool uplinkActive = true; // an uplink: preferred to those that are not
+    bool blocked = false;
+
+    bool trunk = false;
+    uint16_t vlanId = 0;           // no trunk: 0 is untagged everywhere, over LIVE_VLAN_MAX carries nothing
+    std::vector<VlanRange> ranges; // a trunk: what it carries; VLAN 0 stands for untagged frames
+    uint32_t priority = LIVE_PORT_NO_PRIORITY; // 0 to 7: of frames from the port that leave tagged
+
+    bool learning = false; // has several addresses; else the one last seen. Uplinks always learn
+    uint32_t addressLimit = 4096;
+    bool forwardsOverLimit = false; // frames from addresses over the limit pass
+    bool takesUnknown = false;      // gets unicast to addresses that no port has
+    bool sink = false;              // so does a sink port
+
+    bool operator==(const PortConfig &) const = default;
+};
+
+struct SwitchConfig {
+    std::string id; // 1 to 64 bytes, unique on the host
+    uint32_t mtu = 1500;
+    uint32_t addressLimit = 65536;
+    uint32_t ageingSeconds = 600; // 0: addresses don't age
+    std::vector<PortConfig> ports;
+};
+
+struct HostConfig {
+    bool learningEnabled = true;
+    uint32_t addressLimit = 65536; // of learned addresses over all switches
+    uint32_t floodLimit = 0;       // multicast and broadcast frames from a port in a second; 0: no limit
+};
+
+}

@@ -1,0 +1,625 @@
+#include "platform/live/data_path.h"
+
+#include <algorithm>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <set>
+#include <unistd.h>
+
+#include "platform/live/filter.h"
+
+namespace live {
+namespace {
+
+using namespace vshost;
+
+// LivePort.plugFlags.
+constexpr uint32_t PLUG_MADE_CLSACT = 1;
+
+constexpr uint32_t ADDRESS_BATCH = 4096;
+
+uint32_t FlagIf(bool isSet, LivePortFlag flag) { return isSet ? flag : 0; }
+
+uint32_t FlagsWord(const PortConfig &port)
+{
+    return FlagIf(port.uplink, LIVE_PORT_UPLINK) | FlagIf(port.blocked, LIVE_PORT_BLOCKED) |
+           FlagIf(port.learning, LIVE_PORT_LEARNING) |
+           FlagIf(port.forwardsOverLimit, LIVE_PORT_FORWARDS_OVER_LIMIT) |
+           FlagIf(port.takesUnknown, LIVE_PORT_TAKES_UNKNOWN) | FlagIf(port.sink, LIVE_PORT_SINK);
+}
+
+uint32_t VlanWord(const PortConfig &port)
+{
+    const uint32_t priority = std::min(port.priority, LIVE_PORT_NO_PRIORITY);
+    return port.vlanId | priority << LIVE_PORT_PRIORITY_SHIFT | (port.trunk ? LIVE_PORT_TRUNK : 0u);
+}
+
+// Whether what a port has learned under `a` is not true under `b`.
+bool MustForget(const PortConfig &a, const PortConfig &b)
+{
+    return a.ifindex != b.ifindex || a.uplink != b.uplink || a.learning != b.learning || a.trunk != b.trunk ||
+           (a.trunk ? a.ranges != b.ranges : a.vlanId != b.vlanId);
+}
+
+std::string IdOf(const LiveSwitch &vswitch)
+{
+    return std::string(vswitch.id, strnlen(vswitch.id, sizeof(vswitch.id)));
+}
+
+}
+
+Change::~Change()
+{
+    if (owner) owner->GiveBack(*this);
+}
+
+VsStatus DataPath::Fail(VsStatus status, const std::string &text)
+{
+    message = text;
+    return status;
+}
+
+VsStatus DataPath::Open(const LoadOptions &options)
+{
+    if (VsStatus status = kernel.Load(options)) return status;
+    TakeOverSwitches();
+    return MeasureTick();
+}
+
+// The kernel tells nobody how long its tick is. Both clocks move at a tick, so a few ticks are enough.
+VsStatus DataPath::MeasureTick()
+{
+    LiveHost &host = kernel.host[0];
+    if (ReadWord(host.nsPerTick) != 0) return STATUS_OK;
+    const auto readClocks = [&] {
+        return Command({.kind = LIVE_COMMAND_READ_CLOCKS, .slot = 0, .key = {}, .reserved = 0});
+    };
+    if (VsStatus status = readClocks()) return status;
+    const uint64_t ticks = host.ticks, ns = host.clockNs;
+    while (host.ticks < ticks + 4) {
+        usleep(1000);
+        if (VsStatus status = readClocks()) return status;
+    }
+    const double perSecond =
+        1e9 * static_cast<double>(host.ticks - ticks) / static_cast<double>(host.clockNs - ns);
+    WriteWord(host.nsPerTick, static_cast<uint32_t>(1e9 / std::round(perSecond)));
+    return STATUS_OK;
+}
+
+void DataPath::TakeOverSwitches()
+{
+    for (uint32_t i = 0; i < kernel.switches.Size(); i++)
+        if (kernel.switches[i].inUse) switches[i].config.id = IdOf(kernel.switches[i]);
+    for (uint32_t slot = kernel.ports.Size(); slot-- > 0;) {
+        const LivePort &port = kernel.ports[slot];
+        const auto owner = switches.find(port.switchIndex);
+        if (!port.inUse || owner == switches.end()) {
+            freeSlots.push_back(slot);
+            continue;
+        }
+        PlacedPort placed = {.config = {}, .slot = slot, .position = port.position};
+        placed.config.number = port.number;
+        placed.config.ifindex = port.ifindex;
+        owner->second.ports[port.number] = placed;
+        portSwitches[port.number] = port.switchIndex;
+        if (port.ifindex) interfaces[port.ifindex] = port.number;
+    }
+}
+
+std::vector<std::string> DataPath::SwitchIds() const
+{
+    std::vector<std::string> ids;
+    for (const auto &[index, vswitch] : switches)
+        ids.push_back(vswitch.config.id);
+    return ids;
+}
+
+void DataPath::SetHost(const HostConfig &config)
+{
+    LiveHost &host = kernel.host[0];
+    WriteWord(host.addressLimit, config.addressLimit);
+    WriteWord(host.floodLimit, config.floodLimit);
+    WriteWord(host.learningEnabled, config.learningEnabled);
+}
+
+// ---- Preparing ----
+
+// The switch's index, or a free one that the change takes for it.
+VsStatus DataPath::TakeSwitchIndex(const std::string &id, Change &change)
+{
+    for (const auto &[index, vswitch] : switches)
+        if (vswitch.config.id == id) {
+            change.switchIndex = index;
+            return STATUS_OK;
+        }
+    for (uint32_t index = 0; index < kernel.switches.Size(); index++) {
+        if (switches.contains(index) || !takenIndexes.insert(index).second) continue;
+        change.switchIndex = index;
+        change.takesIndex = true;
+        return STATUS_OK;
+    }
+    return Fail(STATUS_NO_SPACE, "the data path has no room for another switch");
+}
+
+VsStatus DataPath::CheckPorts(const SwitchConfig &config, uint32_t switchIndex)
+{
+    std::set<uint32_t> numbers, ifindexes;
+    uint32_t uplinks = 0;
+    for (const PortConfig &port : config.ports) {
+        const auto place = portSwitches.find(port.number);
+        if (!numbers.insert(port.number).second ||
+            (place != portSwitches.end() && place->second != switchIndex))
+            return Fail(STATUS_EXISTS, "port number " + std::to_string(port.number) + " is taken");
+        uplinks += port.uplink;
+        if (port.ifindex == 0) continue;
+        const auto user = interfaces.find(port.ifindex);
+        const bool isElsewhere = user != interfaces.end() && portSwitches[user->second] != switchIndex;
+        if (!ifindexes.insert(port.ifindex).second || isElsewhere)
+            return Fail(STATUS_EXISTS, "interface " + std::to_string(port.ifindex) + " is plugged already");
+    }
+    if (uplinks > LIVE_UPLINKS) return Fail(STATUS_BAD_PARAM, "a switch has at most 32 uplinks");
+    return STATUS_OK;
+}
+
+VsStatus DataPath::TakeSlot(Change &change, uint32_t &slot)
+{
+    if (freeSlots.empty()) return Fail(STATUS_NO_SPACE, "the data path has no room for another port");
+    slot = freeSlots.back();
+    freeSlots.pop_back();
+    change.takenSlots.push_back(slot);
+    return STATUS_OK;
+}
+
+void DataPath::GiveBack(Change &change)
+{
+    freeSlots.insert(freeSlots.end(), change.takenSlots.begin(), change.takenSlots.end());
+    if (change.takesIndex) takenIndexes.erase(change.switchIndex);
+}
+
+// Ports that stay keep their places.
+VsStatus DataPath::PlacePorts(const SwitchConfig &config, Change &change)
+{
+    const auto current = switches.find(change.switchIndex);
+    std::set<uint32_t> usedPositions, numbers;
+    for (const PortConfig &port : config.ports) {
+        numbers.insert(port.number);
+        change.ports.push_back({.config = port, .slot = UINT32_MAX, .position = 0});
+    }
+    std::sort(change.ports.begin(), change.ports.end(),
+              [](const PlacedPort &a, const PlacedPort &b) { return a.config.number < b.config.number; });
+    if (current != switches.end()) {
+        for (const auto &[number, port] : current->second.ports)
+            if (numbers.contains(number))
+                usedPositions.insert(port.position);
+            else
+                change.releasedSlots.push_back(port.slot);
+    }
+
+    uint32_t position = 0;
+    for (PlacedPort &port : change.ports) {
+        if (current != switches.end()) {
+            const auto placed = current->second.ports.find(port.config.number);
+            if (placed != current->second.ports.end()) {
+                port.slot = placed->second.slot;
+                port.position = placed->second.position;
+                continue;
+            }
+        }
+        if (VsStatus status = TakeSlot(change, port.slot)) return status;
+        while (usedPositions.contains(position))
+            position++;
+        port.position = position++;
+    }
+    return STATUS_OK;
+}
+
+bool DataPath::NeedsSnapshot(const Change &change)
+{
+    const auto current = switches.find(change.switchIndex);
+    if (current == switches.end() || !current->second.isKnown) return true;
+    if (!change.takenSlots.empty() || !change.releasedSlots.empty()) return true;
+    return std::any_of(change.ports.begin(), change.ports.end(), [&](const PlacedPort &port) {
+        return DifferInSnapshot(current->second.ports.at(port.config.number).config, port.config);
+    });
+}
+
+VsStatus DataPath::AddSnapshot(const std::vector<PlacedPort> &ports, Change &change)
+{
+    change.snapshot = MakeSnapshot(ports);
+    if (change.snapshot) return STATUS_OK;
+    return Fail(STATUS_NO_SPACE,
+                std::string("the kernel has no room for the configuration: ") + strerror(errno));
+}
+
+VsStatus DataPath::PrepareSwitch(const SwitchConfig &config, Change &change)
+{
+    if (config.id.empty() || config.id.size() > sizeof(LiveSwitch::id))
+        return Fail(STATUS_BAD_PARAM, "the switch's id is empty or too long");
+    change.owner = this;
+    if (VsStatus status = TakeSwitchIndex(config.id, change)) return status;
+    if (VsStatus status = CheckPorts(config, change.switchIndex)) return status;
+    change.isWhole = true;
+    change.config = config;
+    change.config.ports.clear();
+    if (VsStatus status = PlacePorts(config, change)) return status;
+    return NeedsSnapshot(change) ? AddSnapshot(change.ports, change) : STATUS_OK;
+}
+
+VsStatus DataPath::PreparePort(const PortConfig &port, Change &change)
+{
+    const auto place = portSwitches.find(port.number);
+    if (place == portSwitches.end() || !switches[place->second].isKnown)
+        return Fail(STATUS_NOT_FOUND, "port " + std::to_string(port.number) + " is not configured");
+    Switch &vswitch = switches[place->second];
+    PlacedPort &placed = vswitch.ports[port.number];
+    if (DifferInSnapshot(placed.config, port) || placed.config.ifindex != port.ifindex) {
+        SwitchConfig config = vswitch.config;
+        for (const auto &[number, other] : vswitch.ports)
+            config.ports.push_back(number == port.number ? port : other.config);
+        return PrepareSwitch(config, change);
+    }
+    change.owner = this;
+    change.switchIndex = place->second;
+    change.ports = {{.config = port, .slot = placed.slot, .position = placed.position}};
+    return STATUS_OK;
+}
+
+VsStatus DataPath::PrepareRemoval(const std::string &switchId, Change &change)
+{
+    for (const auto &[index, vswitch] : switches) {
+        if (vswitch.config.id != switchId) continue;
+        change.owner = this;
+        change.switchIndex = index;
+        change.isWhole = true;
+        change.removesSwitch = true;
+        for (const auto &[number, port] : vswitch.ports)
+            change.releasedSlots.push_back(port.slot);
+        return STATUS_OK;
+    }
+    return Fail(STATUS_NOT_FOUND, "the data path has no switch " + switchId);
+}
+
+// ---- Publishing ----
+
+void DataPath::Publish(Change &change) { Publish(std::vector<Change *>{&change}); }
+
+// Ports that go are silent before the snapshots without them are there, and ports that come speak only after
+// it. So the packets under way during the exchange meet no port that is half there.
+void DataPath::Publish(const std::vector<Change *> &changes)
+{
+    for (Change *change : changes)
+        SilencePorts(*change);
+    for (Change *change : changes)
+        for (const PlacedPort &port : change->ports)
+            if (std::count(change->takenSlots.begin(), change->takenSlots.end(), port.slot)) {
+                StartSlot(port.slot);
+                WritePort(port, change->switchIndex);
+            }
+    ExchangeSnapshots(changes);
+    for (Change *change : changes)
+        Settle(*change);
+    if (std::exchange(mustSweep, false)) Sweep();
+}
+
+void DataPath::SilencePorts(const Change &change)
+{
+    for (uint32_t slot : change.releasedSlots) {
+        LivePort &port = kernel.ports[slot];
+        WriteWord(port.flags, LIVE_PORT_BLOCKED);
+        MapInterface(port.ifindex, UINT32_MAX);
+        portSwitches.erase(port.number);
+    }
+}
+
+void DataPath::StartSlot(uint32_t slot)
+{
+    LivePort &port = kernel.ports[slot];
+    port.address = 0;
+    port.uplinkSlot = port.floodSecond = port.floodCount = port.plugFlags = 0;
+    const std::vector<LiveCounters> zeros(static_cast<size_t>(libbpf_num_possible_cpus()));
+    bpf_map_update_elem(kernel.MapDescriptor("counters"), &slot, zeros.data(), BPF_ANY);
+}
+
+void DataPath::WritePort(const PlacedPort &placed, uint32_t switchIndex)
+{
+    LivePort &port = kernel.ports[placed.slot];
+    WriteWord(port.number, placed.config.number);
+    WriteWord(port.switchIndex, switchIndex);
+    WriteWord(port.position, placed.position);
+    WriteWord(port.addressLimit, placed.config.addressLimit);
+    WriteWord(port.vlan, VlanWord(placed.config));
+    WriteWord(port.flags, FlagsWord(placed.config));
+    WriteWord(port.ifindex, placed.config.ifindex);
+    WriteWord(port.inUse, 1);
+}
+
+// `slot` UINT32_MAX: the interface belongs to no port.
+void DataPath::MapInterface(uint32_t ifindex, uint32_t slot)
+{
+    if (ifindex == 0) return;
+    const int map = kernel.MapDescriptor("interfaces");
+    if (slot == UINT32_MAX) {
+        bpf_map_delete_elem(map, &ifindex);
+        interfaces.erase(ifindex);
+        return;
+    }
+    bpf_map_update_elem(map, &ifindex, &slot, BPF_ANY);
+    interfaces[ifindex] = kernel.ports[slot].number;
+}
+
+// The kernel waits for the packets under way at each exchange of one slot, but at one of many only once.
+void DataPath::ExchangeSnapshots(const std::vector<Change *> &changes)
+{
+    const int map = kernel.MapDescriptor("snapshots");
+    std::vector<uint32_t> indexes;
+    std::vector<int> snapshots;
+    for (const Change *change : changes) {
+        if (change->removesSwitch) bpf_map_delete_elem(map, &change->switchIndex);
+        if (!change->snapshot) continue;
+        indexes.push_back(change->switchIndex);
+        snapshots.push_back(change->snapshot.Get());
+    }
+    if (indexes.empty()) return;
+    // Not every kernel waits after a batch, so the last one is exchanged alone.
+    uint32_t count = static_cast<uint32_t>(indexes.size()) - 1;
+    const bool asBatch =
+        count > 1 && bpf_map_update_batch(map, indexes.data(), snapshots.data(), &count, nullptr) == 0;
+    for (size_t i = asBatch ? indexes.size() - 1 : 0; i < indexes.size(); i++)
+        bpf_map_update_elem(map, &indexes[i], &snapshots[i], BPF_ANY);
+}
+
+void DataPath::Settle(Change &change)
+{
+    change.owner = nullptr;
+    if (change.takesIndex) takenIndexes.erase(change.switchIndex);
+    if (change.isWhole && !change.removesSwitch) WriteSwitch(change);
+    for (const PlacedPort &port : change.ports)
+        SettlePort(port, change.switchIndex);
+    for (uint32_t slot : change.releasedSlots)
+        ReleaseSlot(slot);
+    if (change.removesSwitch) {
+        WriteWord(kernel.switches[change.switchIndex].inUse, 0);
+        switches.erase(change.switchIndex);
+        return;
+    }
+    WriteActiveUplinks(change.switchIndex);
+}
+
+void DataPath::WriteSwitch(const Change &change)
+{
+    Switch &known = switches[change.switchIndex];
+    LiveSwitch &vswitch = kernel.switches[change.switchIndex];
+    known.config = change.config;
+    known.isKnown = true;
+    std::erase_if(known.ports, [&](const auto &port) {
+        return std::count(change.releasedSlots.begin(), change.releasedSlots.end(), port.second.slot) != 0;
+    });
+    std::memset(vswitch.id, 0, sizeof(vswitch.id));
+    std::memcpy(vswitch.id, change.config.id.data(), change.config.id.size());
+    WriteWord(vswitch.mtu, change.config.mtu);
+    WriteWord(vswitch.addressLimit, change.config.addressLimit);
+    WriteWord(vswitch.ageingSeconds, change.config.ageingSeconds);
+    WriteWord(vswitch.inUse, 1);
+}
+
+void DataPath::SettlePort(const PlacedPort &placed, uint32_t switchIndex)
+{
+    Switch &vswitch = switches[switchIndex];
+    const auto current = vswitch.ports.find(placed.config.number);
+    const bool isNew = current == vswitch.ports.end();
+    const uint32_t oldInterface = isNew ? 0 : current->second.config.ifindex;
+    const bool forgets = !isNew && MustForget(current->second.config, placed.config);
+    WritePort(placed, switchIndex);
+    if (oldInterface != placed.config.ifindex) {
+        // Another port of the same change may have it by now.
+        const auto user = interfaces.find(oldInterface);
+        if (user != interfaces.end() && user->second == placed.config.number)
+            MapInterface(oldInterface, UINT32_MAX);
+        MapInterface(placed.config.ifindex, placed.slot);
+    }
+    if (forgets) PassEpoch(placed.slot);
+    vswitch.ports[placed.config.number] = placed;
+    portSwitches[placed.config.number] = switchIndex;
+}
+
+// The port has forgotten its addresses when the epoch has passed. They count until they are swept.
+void DataPath::PassEpoch(uint32_t slot)
+{
+    LivePort &port = kernel.ports[slot];
+    std::atomic_ref<uint32_t>(port.epoch).fetch_add(1);
+    if (ReadWord(port.learned) != 0) mustSweep = true;
+}
+
+void DataPath::WriteActiveUplinks(uint32_t switchIndex)
+{
+    uint32_t active = 0, uplink = 0;
+    for (const auto &[number, port] : switches[switchIndex].ports)
+        if (port.config.uplink) active |= (port.config.uplinkActive ? 1u : 0u) << uplink++;
+    WriteWord(kernel.switches[switchIndex].activeUplinks, active);
+}
+
+void DataPath::ReleaseSlot(uint32_t slot)
+{
+    LivePort &port = kernel.ports[slot];
+    std::atomic_ref<uint32_t>(port.epoch).fetch_add(1);
+    Command({.kind = LIVE_COMMAND_FORGET_PORT, .slot = slot, .key = {}, .reserved = 0});
+    WriteWord(port.ifindex, 0);
+    WriteWord(port.inUse, 0);
+    freeSlots.push_back(slot);
+}
+
+// ---- Filters ----
+
+VsStatus DataPath::Attach(uint32_t ifindex)
+{
+    const std::string name = "interface " + std::to_string(ifindex);
+    uint32_t programId = 0;
+    const int found = QueryFilter(ifindex, programId);
+    if (found == 0 && !kernel.IsOurProgram(programId))
+        return Fail(STATUS_EXISTS, name + " has a filter of another program at handle 1, priority 1");
+    bool madeClsact = false;
+    const int result = found == 0 ? ReplaceFilter(ifindex, kernel.Program())
+                                  : AddFilter(ifindex, kernel.Program(), madeClsact);
+    uint32_t slot;
+    const auto user = interfaces.find(ifindex);
+    if (madeClsact && user != interfaces.end() && SlotOfPort(user->second, slot) == STATUS_OK)
+        kernel.ports[slot].plugFlags |= PLUG_MADE_CLSACT;
+    if (result == -ENODEV) return Fail(STATUS_NOT_FOUND, name + " is gone");
+    return result == 0 ? STATUS_OK
+                       : Fail(StatusOfErrno(-result), "cannot attach to " + name + ": " + strerror(-result));
+}
+
+VsStatus DataPath::Detach(uint32_t ifindex)
+{
+    const std::string name = "interface " + std::to_string(ifindex);
+    uint32_t programId = 0, slot = 0;
+    if (QueryFilter(ifindex, programId) != 0 || !kernel.IsOurProgram(programId))
+        return Fail(STATUS_NOT_FOUND, name + " has no filter of this host");
+    const int result = RemoveFilter(ifindex);
+    if (result != 0)
+        return Fail(StatusOfErrno(-result), "cannot detach from " + name + ": " + strerror(-result));
+    const auto user = interfaces.find(ifindex);
+    if (user == interfaces.end() || SlotOfPort(user->second, slot) != STATUS_OK) return STATUS_OK;
+    LivePort &port = kernel.ports[slot];
+    if (port.plugFlags & PLUG_MADE_CLSACT) RemoveClsact(ifindex);
+    port.plugFlags &= ~PLUG_MADE_CLSACT;
+    return STATUS_OK;
+}
+
+// ---- Addresses and counters ----
+
+VsStatus DataPath::Command(const LiveCommand &command)
+{
+    uint8_t packet[LIVE_COMMAND_OFFSET + sizeof(command)] = {};
+    std::memcpy(packet + LIVE_COMMAND_OFFSET, &command, sizeof(command));
+    bpf_test_run_opts run = {};
+    run.sz = sizeof(run);
+    run.data_in = packet;
+    run.data_size_in = sizeof(packet);
+    run.repeat = 1;
+    if (bpf_prog_test_run_opts(kernel.CommandProgram(), &run) != 0)
+        return Fail(StatusOfErrno(errno), std::string("cannot change the address table: ") + strerror(errno));
+    switch (run.retval) {
+    case LIVE_DONE:
+        return STATUS_OK;
+    case LIVE_NOT_FOUND:
+        return Fail(STATUS_NOT_FOUND, "the port doesn't have the address");
+    case LIVE_FULL:
+        return Fail(STATUS_NO_SPACE, "the address table is full");
+    default:
+        return Fail(STATUS_FAILURE, "the data path doesn't know the command");
+    }
+}
+
+VsStatus DataPath::SlotOfPort(uint32_t portNumber, uint32_t &slot) const
+{
+    const auto place = portSwitches.find(portNumber);
+    if (place == portSwitches.end()) return STATUS_NOT_FOUND;
+    slot = switches.at(place->second).ports.at(portNumber).slot;
+    return STATUS_OK;
+}
+
+VsStatus DataPath::AddressCommand(LiveCommandKind kind, uint32_t portNumber, uint16_t vlan,
+                                  const uint8_t mac[6])
+{
+    LiveCommand command = {.kind = static_cast<uint32_t>(kind), .slot = 0, .key = {}, .reserved = 0};
+    if (VsStatus status = SlotOfPort(portNumber, command.slot)) return Fail(status, "no such port");
+    command.key.switchIndex = portSwitches.at(portNumber);
+    command.key.vlan = vlan;
+    std::memcpy(command.key.mac, mac, sizeof(command.key.mac));
+    return Command(command);
+}
+
+VsStatus DataPath::AddStaticAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6])
+{
+    return AddressCommand(LIVE_COMMAND_ADD_STATIC, portNumber, vlan, mac);
+}
+
+VsStatus DataPath::RemoveAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6])
+{
+    return AddressCommand(LIVE_COMMAND_REMOVE_ADDRESS, portNumber, vlan, mac);
+}
+
+VsStatus DataPath::ForgetLearned(uint32_t portNumber)
+{
+    uint32_t slot;
+    if (VsStatus status = SlotOfPort(portNumber, slot)) return Fail(status, "no such port");
+    PassEpoch(slot);
+    return std::exchange(mustSweep, false) ? Sweep() : STATUS_OK;
+}
+
+VsStatus DataPath::Sweep()
+{
+    return Command({.kind = LIVE_COMMAND_SWEEP, .slot = 0, .key = {}, .reserved = 0});
+}
+
+VsStatus DataPath::ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries)
+{
+    const auto vswitch = std::find_if(switches.begin(), switches.end(),
+                                      [&](const auto &entry) { return entry.second.config.id == switchId; });
+    if (vswitch == switches.end()) return Fail(STATUS_NOT_FOUND, "the data path has no switch " + switchId);
+    const int map = kernel.MapDescriptor("addresses");
+    std::vector<LiveAddressKey> keys(ADDRESS_BATCH);
+    std::vector<LiveAddress> values(ADDRESS_BATCH);
+    if (VsStatus status = Command({.kind = LIVE_COMMAND_READ_CLOCKS, .slot = 0, .key = {}, .reserved = 0}))
+        return status;
+    const uint64_t now = kernel.host[0].now;
+    uint32_t position = 0;
+    bool isFirst = true;
+    for (;;) {
+        uint32_t count = ADDRESS_BATCH;
+        const int result = bpf_map_lookup_batch(map, isFirst ? nullptr : &position, &position, keys.data(),
+                                                values.data(), &count, nullptr);
+        if (result != 0 && errno != ENOENT)
+            return Fail(STATUS_FAILURE, std::string("cannot read the address table: ") + strerror(errno));
+        isFirst = false;
+        for (uint32_t i = 0; i < count; i++) {
+            if (keys[i].switchIndex != vswitch->first) continue;
+            const uint32_t slot = static_cast<uint32_t>(values[i].owner);
+            const uint32_t epoch = static_cast<uint32_t>(values[i].owner >> 32);
+            if (slot >= kernel.ports.Size()) continue;
+            LivePort &port = kernel.ports[slot];
+            const bool isStatic = epoch == LIVE_EPOCH_STATIC;
+            if (!isStatic && epoch != (ReadWord(port.epoch) & LIVE_EPOCH_MASK)) continue;
+            AddressEntry entry = {};
+            entry.portNumber = port.number;
+            entry.vlan = keys[i].vlan;
+            std::memcpy(entry.mac, keys[i].mac, sizeof(entry.mac));
+            entry.isStatic = isStatic;
+            entry.isOnUplink = port.flags & LIVE_PORT_UPLINK;
+            entry.ageNs = values[i].lastSeen && now > values[i].lastSeen ? now - values[i].lastSeen : 0;
+            entries.push_back(entry);
+        }
+        if (result != 0) return STATUS_OK; // ENOENT: that was the rest
+    }
+}
+
+VsStatus DataPath::ReadCounters(uint32_t portNumber, LiveCounters &counters)
+{
+    uint32_t slot;
+    if (VsStatus status = SlotOfPort(portNumber, slot)) return Fail(status, "no such port");
+    std::vector<LiveCounters> rows(static_cast<size_t>(libbpf_num_possible_cpus()));
+    if (bpf_map_lookup_elem(kernel.MapDescriptor("counters"), &slot, rows.data()) != 0)
+        return Fail(STATUS_FAILURE, std::string("cannot read counters: ") + strerror(errno));
+    counters = {};
+    for (const LiveCounters &row : rows)
+        for (uint32_t i = 0; i < LIVE_COUNTERS; i++)
+            counters.values[i] += row.values[i];
+    return STATUS_OK;
+}
+
+VsStatus DataPath::ReadUplink(uint32_t portNumber, uint32_t &uplinkNumber)
+{
+    uint32_t slot;
+    if (VsStatus status = SlotOfPort(portNumber, slot)) return Fail(status, "no such port");
+    const uint32_t uplink = ReadWord(kernel.ports[slot].uplinkSlot);
+    if (uplink == 0 || uplink > kernel.ports.Size())
+        return Fail(STATUS_NOT_FOUND, "the port has sent by no uplink");
+    uplinkNumber = kernel.ports[uplink - 1].number;
+    return STATUS_OK;
+}
+
+}

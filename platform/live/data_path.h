@@ -1,0 +1,144 @@
+// The switches of a host in the kernel: configured, attached to interfaces, read.
+//
+// A change has two steps. Preparing it takes everything that it needs, and may fail; publishing it cannot.
+// When Publish() returns, the next packet obeys the change.
+//
+// One thread at a time uses a data path.
+#pragma once
+
+#include <map>
+#include <unordered_map>
+
+#include "platform/live/kernel_part.h"
+
+namespace live {
+
+class DataPath;
+
+// A prepared change of one switch. What it took is given back if it is not published.
+class Change {
+public:
+    Change() = default;
+    Change(const Change &) = delete;
+    Change &operator=(const Change &) = delete;
+    ~Change();
+
+    // It has to wait for the packets under way; many such changes wait once if they are published together.
+    bool Waits() const { return static_cast<bool>(snapshot) || removesSwitch; }
+
+private:
+    friend class DataPath;
+    DataPath *owner = nullptr; // null once it is published
+    uint32_t switchIndex = 0;
+    bool takesIndex = false; // the switch is new
+    bool isWhole = false;    // `config` and `ports` replace all that the switch has
+    bool removesSwitch = false;
+    SwitchConfig config; // without ports
+    std::vector<PlacedPort> ports;
+    std::vector<uint32_t> takenSlots;
+    std::vector<uint32_t> releasedSlots;
+    Descriptor snapshot;
+};
+
+struct AddressEntry {
+    uint32_t portNumber;
+    uint16_t vlan; // 0: untagged
+    uint8_t mac[6];
+    bool isStatic;
+    bool isOnUplink;
+    uint64_t ageNs; // since the port was last seen to have it; a static address never seen: 0
+};
+
+class DataPath {
+public:
+    // Loads the programs and takes over what the process before has left: switches, ports, addresses,
+    // counters, filters. A switch keeps forwarding as it is until a change of it is published.
+    VsStatus Open(const LoadOptions &options);
+
+    // Why the last operation failed, in one line.
+    const std::string &Message() const { return message.empty() ? kernel.Message() : message; }
+
+    bool StartedAfresh() const { return kernel.StartedAfresh(); }
+    void RemovePins() { kernel.RemovePins(); }
+    std::vector<std::string> SwitchIds() const;
+
+    // Words that hold for all switches.
+    void SetHost(const HostConfig &config);
+
+    // STATUS_NO_SPACE: a map is full or the kernel has no memory. STATUS_EXISTS: another port has the
+    // number or the interface. STATUS_BAD_PARAM: the id's length, or more than LIVE_UPLINKS uplinks.
+    // STATUS_NOT_FOUND: no such switch or port. At most one change of a switch is under way.
+    VsStatus PrepareSwitch(const SwitchConfig &config, Change &change);
+    VsStatus PreparePort(const PortConfig &port, Change &change);
+    VsStatus PrepareRemoval(const std::string &switchId, Change &change);
+
+    void Publish(Change &change);
+    void Publish(const std::vector<Change *> &changes);
+
+    // Filters. A filter at our place that is not ours is left alone: STATUS_EXISTS. Attaching an interface
+    // that has a filter of ours replaces its program without losing a packet.
+    VsStatus Attach(uint32_t ifindex);
+    VsStatus Detach(uint32_t ifindex);
+    // Once every interface is attached: pins of earlier processes and layouts go.
+    void ForgetPredecessors() { kernel.ForgetPredecessors(); }
+
+    // The address table.
+    VsStatus ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries);
+    VsStatus AddStaticAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]);
+    VsStatus RemoveAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]);
+    VsStatus ForgetLearned(uint32_t portNumber); // its link is lost
+    VsStatus Sweep();                            // removes what is too old; to be called every second or so
+
+    VsStatus ReadCounters(uint32_t portNumber, LiveCounters &counters);
+    // The port of the uplink that a port last sent by. STATUS_NOT_FOUND: it has sent by none.
+    VsStatus ReadUplink(uint32_t portNumber, uint32_t &uplinkNumber);
+
+    // What tests and statistics look at in the maps.
+    KernelPart &Kernel() { return kernel; }
+    VsStatus SlotOfPort(uint32_t portNumber, uint32_t &slot) const;
+
+private:
+    friend class Change;
+
+    struct Switch {
+        SwitchConfig config;  // without ports
+        bool isKnown = false; // false: taken over, with nothing but the numbers of its ports
+        std::map<uint32_t, PlacedPort> ports;
+    };
+
+    VsStatus Fail(VsStatus status, const std::string &text);
+    void TakeOverSwitches();
+    VsStatus MeasureTick();
+    VsStatus TakeSwitchIndex(const std::string &id, Change &change);
+    VsStatus CheckPorts(const SwitchConfig &config, uint32_t switchIndex);
+    VsStatus PlacePorts(const SwitchConfig &config, Change &change);
+    VsStatus TakeSlot(Change &change, uint32_t &slot);
+    void GiveBack(Change &change);
+    bool NeedsSnapshot(const Change &change);
+    VsStatus AddSnapshot(const std::vector<PlacedPort> &ports, Change &change);
+
+    void WritePort(const PlacedPort &port, uint32_t switchIndex);
+    void StartSlot(uint32_t slot);
+    void WriteSwitch(const Change &change);
+    void WriteActiveUplinks(uint32_t switchIndex);
+    void SilencePorts(const Change &change);
+    void ExchangeSnapshots(const std::vector<Change *> &changes);
+    void Settle(Change &change);
+    void SettlePort(const PlacedPort &port, uint32_t switchIndex);
+    void ReleaseSlot(uint32_t slot);
+    void MapInterface(uint32_t ifindex, uint32_t slot);
+    void PassEpoch(uint32_t slot);
+    VsStatus Command(const LiveCommand &command);
+    VsStatus AddressCommand(LiveCommandKind kind, uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]);
+
+    KernelPart kernel;
+    std::string message;
+    std::map<uint32_t, Switch> switches;                 // by index
+    std::unordered_map<uint32_t, uint32_t> portSwitches; // number of a port -> index of its switch
+    std::unordered_map<uint32_t, uint32_t> interfaces;   // ifindex -> number of its port
+    std::vector<uint32_t> freeSlots;
+    std::set<uint32_t> takenIndexes; // of switches, by changes that are not published
+    bool mustSweep = false;
+};
+
+}

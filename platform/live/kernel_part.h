@@ -1,0 +1,104 @@
+// The data path's programs and maps: loaded, or taken over from the process before.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <set>
+#include <span>
+#include <string>
+
+#include "platform/host/status.h"
+#include "platform/live/maps.h"
+#include "platform/live/snapshot.h"
+
+struct bpf_object;
+
+namespace live {
+
+using vshost::VsStatus;
+
+// What the maps hold. Maps that are taken over keep their size.
+struct Capacity {
+    uint32_t ports = 8192; // on all switches
+    uint32_t switches = 1024;
+    uint32_t addresses = 131072;
+};
+
+// Where and what to load.
+struct LoadOptions {
+    std::string bpffs;               // a directory of a bpf file system
+    std::string identity;            // of the host: its pins are in bpffs/identity-vLAYOUT
+    std::span<const uint8_t> object; // the compiled data path; empty: the one that is built in
+    Capacity capacity;
+};
+
+// An array that both sides have in their memory.
+template<typename Value> class SharedArray {
+public:
+    SharedArray() = default;
+    SharedArray(const SharedArray &) = delete;
+    SharedArray &operator=(const SharedArray &) = delete;
+    ~SharedArray();
+
+    bool Map(int fd, uint32_t count);
+    Value &operator[](uint32_t index) { return values[index]; }
+    uint32_t Size() const { return size; }
+
+private:
+    Value *values = nullptr;
+    uint32_t size = 0;
+};
+
+// A word is written whole, and the next packet sees it.
+inline void WriteWord(uint32_t &word, uint32_t value) { std::atomic_ref<uint32_t>(word).store(value); }
+
+inline uint32_t ReadWord(uint32_t &word) { return std::atomic_ref<uint32_t>(word).load(); }
+
+class KernelPart {
+public:
+    KernelPart();
+    ~KernelPart();
+
+    // On failure Message() says why, in one line.
+    VsStatus Load(const LoadOptions &options);
+
+    // Removes everything that outlives this process but the filters.
+    void RemovePins();
+
+    // Programs of this host that may be at an interface: this process's and its predecessors'.
+    bool IsOurProgram(uint32_t programId) const { return ourPrograms.count(programId) != 0; }
+
+    // Forgets the predecessors, once no interface has a program of theirs.
+    void ForgetPredecessors();
+
+    // A predecessor had another layout: its configuration, addresses and counters are not taken over.
+    bool StartedAfresh() const { return startedAfresh; }
+
+    int Program() const;
+    int CommandProgram() const;
+    int MapDescriptor(const char *name) const;
+    const std::string &Message() const { return message; }
+
+    SharedArray<LivePort> ports;
+    SharedArray<LiveSwitch> switches;
+    SharedArray<LiveHost> host;
+
+private:
+    VsStatus Fail(VsStatus status, const std::string &what, int error);
+    VsStatus TakeOverMaps(const Capacity &capacity);
+    VsStatus Pin();
+    void FindPredecessors(const LoadOptions &options);
+
+    struct Close {
+        void operator()(bpf_object *object) const;
+    };
+    std::unique_ptr<bpf_object, Close> object;
+    std::string directory;
+    std::set<std::string> predecessors; // pins to be removed, or directories of other layouts
+    std::set<uint32_t> ourPrograms;
+    bool startedAfresh = false;
+    std::string message;
+};
+
+}

@@ -1,0 +1,250 @@
+/**
+ * @file
+ * The maps between the data path in the kernel and the process that configures it: C for the one, C++ for
+ * the other.
+ *
+ * There are three ways to tell the data path something.
+ *   Words      The 32-bit fields of LivePort, LiveSwitch and LiveHost. User space maps these arrays into
+ *              its memory and stores a word whole; the next packet sees it.
+ *   Snapshots  Everything longer. A snapshot holds all that a switch has, never changes, and is replaced
+ *              by another one. The kernel waits until no packet is under way with the old one.
+ *   Commands   Changes of the address table, which are the program's own work: it alone counts addresses.
+ *
+ * A pinned map outlives the process that made it, and the next process may be another version. Whoever
+ * changes the layout of a key or a value raises LIVE_LAYOUT_VERSION.
+ */
+#pragma once
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+#define LIVE_ASSERT(condition) static_assert(condition, #condition)
+#else
+#define LIVE_ASSERT(condition) _Static_assert(condition, #condition)
+#endif
+
+#define LIVE_LAYOUT_VERSION 1u
+
+#define LIVE_VLANS 4096u
+#define LIVE_VLAN_MAX 4094u /* a larger access VLAN carries nothing */
+#define LIVE_UPLINKS 32u    /* of one switch */
+
+/** Bits of LivePort.flags. */
+enum LivePortFlag {
+    LIVE_PORT_UPLINK = 1,              /* leads to the physical network */
+    LIVE_PORT_BLOCKED = 2,             /* nothing in, nothing out */
+    LIVE_PORT_LEARNING = 4,            /* keeps several addresses; else the one last seen */
+    LIVE_PORT_FORWARDS_OVER_LIMIT = 8, /* frames from addresses over the limit pass */
+    LIVE_PORT_TAKES_UNKNOWN = 16,      /* gets unicast to addresses that no port has */
+    LIVE_PORT_SINK = 32                /* so does a sink port */
+};
+
+/* LivePort.vlan: the access VLAN in the low 16 bits, then the priority, then whether it is a trunk. */
+#define LIVE_PORT_VLAN_MASK 0xffffu
+#define LIVE_PORT_PRIORITY_SHIFT 16
+#define LIVE_PORT_PRIORITY_MASK 0xfu
+#define LIVE_PORT_NO_PRIORITY 8u
+#define LIVE_PORT_TRUNK 0x80000000u
+
+/**
+ * A port that has an interface. Its index in the array, the slot, is its name in the other maps and stays
+ * the same while the data path has the port. The first cache line is what every packet to or from the port
+ * reads.
+ */
+struct LivePort {
+    /* Words, written by user space. */
+    uint32_t ifindex;      /* 0: no interface is plugged */
+    uint32_t flags;        /* LIVE_PORT_… */
+    uint32_t vlan;         /* LIVE_PORT_VLAN_MASK, … */
+    uint32_t switchIndex;  /* of LiveSwitch */
+    uint32_t position;     /* in the snapshot's records */
+    uint32_t number;       /* the port's kernel number, unique on the host */
+    uint32_t addressLimit; /* of learned addresses, with LIVE_PORT_LEARNING */
+    uint32_t security;     /* room for security flags */
+    uint32_t team;         /* room for the team that the port sends by */
+    uint32_t inUse;        /* of user space: 0: the slot is free */
+    uint32_t reserved[5];
+    /* The epoch that the port's learned addresses must have: raising it forgets them all at once. Raised
+     * atomically, by either side. */
+    uint32_t epoch;
+
+    /* State, written by the data path. */
+    uint64_t address;     /* without LIVE_PORT_LEARNING: the one last seen, LiveAddressWord() */
+    uint32_t learned;     /* entries of the address table that name this slot, static ones left out */
+    uint32_t uplinkSlot;  /* 1 + the uplink that the port last sent by; 0: none yet */
+    uint32_t floodSecond; /* the second that floodCount counts in */
+    uint32_t floodCount;
+    uint32_t stateReserved[8];
+
+    /* Of user space alone. */
+    uint32_t plugFlags; /* what plugging changed and unplugging puts back */
+    uint32_t userReserved;
+};
+LIVE_ASSERT(sizeof(struct LivePort) == 128 && __builtin_offsetof(struct LivePort, address) == 64);
+
+/** A switch with plugged ports. Its index in the array is its name in the other maps. */
+struct LiveSwitch {
+    uint32_t inUse;
+    uint32_t mtu; /* longer frames are dropped */
+    uint32_t addressLimit;
+    uint32_t ageingSeconds; /* 0: addresses don't age */
+    uint32_t activeUplinks; /* bit i: uplink i of the snapshot is to be preferred */
+    uint32_t learned;       /* written by the data path */
+    uint32_t reserved[10];
+    char id[64]; /* for user space: which switch of the store this is */
+};
+LIVE_ASSERT(sizeof(struct LiveSwitch) == 128);
+
+/** What holds for all switches. */
+struct LiveHost {
+    uint32_t learningEnabled; /* 0: no port learns */
+    uint32_t addressLimit;    /* of learned addresses over all switches */
+    uint32_t floodLimit;      /* multicast and broadcast frames from a port in a second; 0: no limit */
+    uint32_t nsPerTick;       /* the kernel's tick, by which the data path measures time */
+    uint32_t learned;         /* written by the data path */
+    uint32_t reserved[3];
+    /* Written by each command. */
+    uint64_t now;   /* the data path's time in ns */
+    uint64_t ticks; /* the same moment in ticks and in ns of another clock of the kernel's */
+    uint64_t clockNs;
+    uint64_t reservedClocks[9];
+};
+LIVE_ASSERT(sizeof(struct LiveHost) == 128);
+
+/** Key of the address table. */
+struct LiveAddressKey {
+    uint32_t switchIndex;
+    uint16_t vlan; /* 0: untagged */
+    uint8_t mac[6];
+};
+LIVE_ASSERT(sizeof(struct LiveAddressKey) == 12);
+
+/** Value of the address table. */
+struct LiveAddress {
+    /* The slot in the low half, the epoch in the high one. Compared and exchanged as a whole: the side that
+     * exchanges it does the counting. */
+    uint64_t owner;
+    uint64_t lastSeen; /* ns, see LiveHost.now; 0: a static address that was never seen */
+};
+LIVE_ASSERT(sizeof(struct LiveAddress) == 16);
+
+#define LIVE_EPOCH_MASK 0x7fffffffu
+#define LIVE_EPOCH_STATIC 0xffffffffu         /* static addresses have no epoch */
+#define LIVE_OWNER_NONE 0xfffffffeffffffffull /* the entry is about to be deleted */
+
+/** Value of LivePort.address: a MAC address in network order and its VLAN. */
+static inline uint64_t LiveAddressWord(const struct LiveAddressKey *key)
+{
+    return (uint64_t)key->mac[0] << 40 | (uint64_t)key->mac[1] << 32 | (uint64_t)key->mac[2] << 24 |
+           (uint64_t)key->mac[3] << 16 | (uint64_t)key->mac[4] << 8 | (uint64_t)key->mac[5] |
+           (uint64_t)key->vlan << 48;
+}
+
+/* A port without learning may have its one address in each of its VLANs. */
+#define LIVE_SINGLE_ADDRESS_LIMIT LIVE_VLANS
+
+/** A frame from the network is one of ours that came back if its source was here so recently. */
+#define LIVE_REFLECTION_NS 1000000000ull
+
+/** Rows of a port's counters. The first 16 are the port statistics. */
+enum LiveCounter {
+    LIVE_FROM_PACKETS, /* what the port sent, dropped frames included */
+    LIVE_FROM_BYTES,   /* with the tag where there is one */
+    LIVE_TO_PACKETS,
+    LIVE_TO_BYTES,
+    LIVE_FROM_MULTICAST,
+    LIVE_FROM_BROADCAST,
+    LIVE_TO_MULTICAST,
+    LIVE_TO_BROADCAST,
+    LIVE_DROP_BLOCKED,        /* from a blocked port, or to one whose address it is */
+    LIVE_DROP_VLAN,           /* of a VLAN that the port doesn't carry */
+    LIVE_DROP_SECURITY,       /* room for security flags */
+    LIVE_DROP_LEARNING_LIMIT, /* from an address over the limit */
+    LIVE_DROP_FILTER,         /* malformed, with a source that is not an address, or come back */
+    LIVE_DROP_LENGTH,         /* longer than the MTU */
+    LIVE_DROP_FLOOD_LIMIT,
+    LIVE_DROP_NOT_SENT, /* no uplink took it, or the port's interface refused it */
+    LIVE_LEARNED,
+    LIVE_MOVED, /* learned addresses that another port had */
+    LIVE_AGED,
+    LIVE_REFUSED,   /* addresses not learned for a limit */
+    LIVE_REFLECTED, /* of LIVE_DROP_FILTER, those that came back */
+    LIVE_FAILOVERS, /* at an uplink: ports that came to it because they lost theirs */
+    LIVE_FAILBACKS, /* at an uplink: ports that came back to it */
+    LIVE_COUNTER_RESERVED,
+    LIVE_COUNTERS
+};
+
+struct LiveCounters {
+    uint64_t values[LIVE_COUNTERS];
+};
+LIVE_ASSERT(sizeof(struct LiveCounters) == 192 && LIVE_DROP_NOT_SENT == 15);
+
+/**
+ * A snapshot is an array of elements of one size: the header, then the ports' records by their positions,
+ * then other sections. The header says where these are, so that further sections need no new layout.
+ */
+#define LIVE_ELEMENT_SIZE 768u
+#define LIVE_FIRST_RECORD 1u
+
+/** `count` entries of a list from element `first` on. */
+struct LiveSection {
+    uint32_t first;
+    uint32_t count;
+};
+
+struct LiveSnapshotHeader {
+    struct LiveSection flood;   /* LiveSlots: every port but the uplinks */
+    struct LiveSection unknown; /* LiveSlots: those of them that get unknown unicast */
+    struct LiveSection teams;   /* room, as the next ones */
+    struct LiveSection privateVlans;
+    struct LiveSection mirrors;
+    struct LiveSection policies;
+    struct LiveSection reserved[2];
+    uint32_t uplinkCount;
+    uint32_t headerReserved[15];
+    uint32_t uplinkSlots[LIVE_UPLINKS];
+    uint8_t rest[512];
+};
+LIVE_ASSERT(sizeof(struct LiveSnapshotHeader) == LIVE_ELEMENT_SIZE);
+
+/** What a port has besides its words. */
+struct LivePortRecord {
+    uint32_t slot; /* the record is of this port, or of none */
+    uint32_t recordReserved[15];
+    uint64_t vlans[LIVE_VLANS / 64]; /* of a trunk: bit v of word v / 64 for VLAN v; bit 0: untagged */
+    uint8_t filter[192];             /* room for the Ethernet filter */
+};
+LIVE_ASSERT(sizeof(struct LivePortRecord) == LIVE_ELEMENT_SIZE);
+
+/** An element of a list of ports. */
+#define LIVE_SLOTS 128u
+#define LIVE_SLOTS_SHIFT 7
+
+struct LiveSlots {
+    uint32_t slots[LIVE_SLOTS];
+    uint8_t rest[256];
+};
+LIVE_ASSERT(sizeof(struct LiveSlots) == LIVE_ELEMENT_SIZE);
+
+/** What the second program does with the address table; it answers a LiveResult. */
+enum LiveCommandKind {
+    LIVE_COMMAND_SWEEP,          /* removes entries that are too old or of an earlier epoch */
+    LIVE_COMMAND_FORGET_PORT,    /* removes all entries of `slot`, static ones too */
+    LIVE_COMMAND_ADD_STATIC,     /* makes `key` a static address of `slot` */
+    LIVE_COMMAND_REMOVE_ADDRESS, /* removes `key` if it belongs to `slot` */
+    LIVE_COMMAND_READ_CLOCKS     /* nothing but what each command does */
+};
+
+/** The program gets it as a packet, behind an Ethernet header of zeros. */
+struct LiveCommand {
+    uint32_t kind;
+    uint32_t slot;
+    struct LiveAddressKey key;
+    uint32_t reserved;
+};
+LIVE_ASSERT(sizeof(struct LiveCommand) == 24);
+
+#define LIVE_COMMAND_OFFSET 14
+
+enum LiveResult { LIVE_DONE, LIVE_NOT_FOUND, LIVE_FULL, LIVE_BAD_COMMAND };

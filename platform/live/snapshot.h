@@ -1,0 +1,43 @@
+// A snapshot of a switch as the data path reads it: a map that is filled once and then put in its place.
+#pragma once
+
+#include <utility>
+
+#include "platform/live/config.h"
+
+namespace live {
+
+// A file descriptor and its owner.
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) : fd(fd) {}
+    Descriptor(Descriptor &&other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    Descriptor &operator=(Descriptor &&other) noexcept
+    {
+        std::swap(fd, other.fd);
+        return *this;
+    }
+    ~Descriptor();
+
+    int Get() const { return fd; }
+    explicit operator bool() const { return fd >= 0; }
+
+private:
+    int fd = -1;
+};
+
+// A port with its places in the maps.
+struct PlacedPort {
+    PortConfig config;
+    uint32_t slot = 0;
+    uint32_t position = 0;
+};
+
+// Whether the two differ in what a snapshot holds; everything else is in the port's words.
+bool DifferInSnapshot(const PortConfig &a, const PortConfig &b);
+
+// Makes and fills a snapshot. No descriptor (errno) when the kernel has no room for it.
+Descriptor MakeSnapshot(const std::vector<PlacedPort> &ports);
+
+}

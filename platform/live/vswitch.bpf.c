@@ -1,0 +1,854 @@
+// The data path: one program at the ingress of each plugged interface. It finds the port that a frame comes
+// from, decides to which VLAN the frame belongs, learns its source, and sends it to other ports. It keeps
+// every frame: none reaches the machine's own stack.
+//
+// A frame goes through the sections of this file from top to bottom. What the program knows of a frame is in
+// struct Frame; what it knows of ports and switches is in the maps (maps.h).
+#include <linux/bpf.h>
+#include <linux/if_ether.h>
+#include <linux/in.h>
+#include <linux/pkt_cls.h>
+#include <stdbool.h>
+
+#include <bpf/bpf_endian.h>
+#include <bpf/bpf_helpers.h>
+
+#include "platform/live/maps.h"
+
+// The kernel refuses helpers that need the GPL to a program that doesn't claim it.
+char LICENSE[] SEC("license") = "Proprietary";
+
+// ---- Maps ----
+// The sizes are defaults: the loader sets its own.
+
+struct {
+    __uint(type, BPF_MAP_TYPE_HASH);
+    __uint(max_entries, 8192);
+    __type(key, uint32_t);   // ifindex
+    __type(value, uint32_t); // slot
+} interfaces SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_MMAPABLE);
+    __uint(max_entries, 8192);
+    __type(key, uint32_t);
+    __type(value, struct LivePort);
+} ports SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, 8192);
+    __type(key, uint32_t);
+    __type(value, struct LiveCounters);
+} counters SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_MMAPABLE);
+    __uint(max_entries, 1024);
+    __type(key, uint32_t);
+    __type(value, struct LiveSwitch);
+} switches SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_MMAPABLE);
+    __uint(max_entries, 1);
+    __type(key, uint32_t);
+    __type(value, struct LiveHost);
+} host SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_HASH);
+    __uint(max_entries, 131072);
+    __type(key, struct LiveAddressKey);
+    __type(value, struct LiveAddress);
+} addresses SEC(".maps");
+
+struct Snapshot {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_INNER_MAP | BPF_F_MMAPABLE);
+    __uint(max_entries, 1);
+    __uint(key_size, sizeof(uint32_t));
+    __uint(value_size, LIVE_ELEMENT_SIZE);
+};
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY_OF_MAPS);
+    __uint(max_entries, 1024);
+    __type(key, uint32_t);
+    __array(values, struct Snapshot);
+} snapshots SEC(".maps");
+
+// Each word is read once and whole, as user space may write it at any time.
+#define READ_WORD(word) (*(volatile const typeof(word) *)&(word))
+
+// ---- The world outside: sending, time, where a frame comes from ----
+
+#ifdef LIVE_TEST_RUN
+#include "platform/live/test_run.bpf.h"
+#else
+
+// In ticks, as the kernel's clocks cost more than the rest of a look-up. So an address is written at most
+// once a tick, however many frames it sends.
+static __always_inline uint64_t Now(const struct LiveHost *limits)
+{
+    return bpf_jiffies64() * READ_WORD(limits->nsPerTick);
+}
+
+static __always_inline uint32_t IngressInterface(struct __sk_buff *skb) { return skb->ifindex; }
+
+// Sends a copy. Not 0: it was not sent (2: the interface has no carrier; negative: it is down or gone).
+static __always_inline long Send(struct __sk_buff *skb, uint32_t ifindex)
+{
+    return bpf_clone_redirect(skb, ifindex, 0);
+}
+
+// Sends the frame itself, which costs no copy. Whether that works shows only after the program's end.
+static __always_inline int SendLast(struct __sk_buff *skb, uint32_t ifindex)
+{
+    return (int)bpf_redirect(ifindex, 0);
+}
+
+#endif
+
+// ---- A frame on its way ----
+
+#define PASS (-1)
+#define NOT_SENT (-1)
+#define TAGGED 0x10000u // beside the 16 bits of a tag
+
+enum Destination { UNICAST, MULTICAST, BROADCAST };
+
+struct Frame {
+    struct __sk_buff *skb;
+    struct LivePort *sender;
+    struct LiveCounters *counters; // of the sender
+    struct LiveHost *host;
+    struct LiveSwitch *vswitch;
+    void *snapshot;
+    const struct LiveSnapshotHeader *header;
+    uint64_t now;
+    uint32_t slot;  // of the sender
+    uint32_t flags; // of the sender
+    uint32_t vlan;  // to which the frame belongs; 0: untagged
+    uint32_t tag;   // with which it leaves by ports that carry tags: TAGGED and the tag, or 0
+    uint32_t tagNow;
+    uint32_t length; // without a tag
+    uint16_t etherType;
+    uint16_t destinationKind;
+    uint32_t copies; // sent to ports other than uplinks
+    uint32_t sentToUplink;
+    struct LiveAddressKey source;
+    struct LiveAddressKey destination;
+};
+
+static __always_inline bool FromNetwork(const struct Frame *frame) { return frame->flags & LIVE_PORT_UPLINK; }
+
+static __always_inline struct LiveHost *FindHost(void)
+{
+    const uint32_t first = 0;
+    return bpf_map_lookup_elem(&host, &first);
+}
+
+static __always_inline struct LivePort *FindPort(uint32_t slot) { return bpf_map_lookup_elem(&ports, &slot); }
+
+static __always_inline struct LiveCounters *FindCounters(uint32_t slot)
+{
+    return bpf_map_lookup_elem(&counters, &slot);
+}
+
+static __always_inline void CountAt(uint32_t slot, enum LiveCounter counter)
+{
+    struct LiveCounters *row = FindCounters(slot);
+    if (row) row->values[counter]++;
+}
+
+static __always_inline void Count(struct Frame *frame, enum LiveCounter counter)
+{
+    frame->counters->values[counter]++;
+}
+
+// The port, its switch and the switch's snapshot. All decisions about a frame are made on one snapshot.
+static __always_inline bool FindSender(struct Frame *frame)
+{
+    const uint32_t ifindex = IngressInterface(frame->skb);
+    const uint32_t *slot = bpf_map_lookup_elem(&interfaces, &ifindex);
+    if (!slot) return false;
+    frame->slot = *slot;
+    frame->sender = FindPort(frame->slot);
+    frame->counters = FindCounters(frame->slot);
+    // A hash may hand out the value of another key that is being put in its place.
+    if (!frame->sender || !frame->counters || READ_WORD(frame->sender->ifindex) != ifindex) return false;
+    frame->flags = READ_WORD(frame->sender->flags);
+
+    const uint32_t switchIndex = READ_WORD(frame->sender->switchIndex);
+    frame->vswitch = bpf_map_lookup_elem(&switches, &switchIndex);
+    frame->snapshot = bpf_map_lookup_elem(&snapshots, &switchIndex);
+    frame->source.switchIndex = switchIndex;
+    frame->destination.switchIndex = switchIndex;
+    return frame->vswitch && frame->snapshot;
+}
+
+// Addresses are copied in two steps that are wide enough for the compiler to keep them whole.
+static __always_inline void CopyAddress(struct LiveAddressKey *key, const uint8_t *mac)
+{
+    *(uint16_t *)key->mac = *(const uint16_t *)mac;
+    *(uint32_t *)(key->mac + 2) = *(const uint32_t *)(mac + 2);
+}
+
+static __always_inline uint16_t DestinationKind(const uint8_t *mac)
+{
+    if (!(mac[0] & 1)) return UNICAST;
+    const bool broadcast = *(const uint16_t *)mac == 0xffff && *(const uint32_t *)(mac + 2) == 0xffffffff;
+    return broadcast ? BROADCAST : MULTICAST;
+}
+
+static __always_inline bool ReadEthernetHeader(struct Frame *frame)
+{
+    const uint8_t *data = (const uint8_t *)(long)frame->skb->data;
+    const uint8_t *end = (const uint8_t *)(long)frame->skb->data_end;
+    if (data + ETH_HLEN > end) return false;
+    frame->destinationKind = DestinationKind(data);
+    CopyAddress(&frame->destination, data);
+    CopyAddress(&frame->source, data + ETH_ALEN);
+    frame->etherType = bpf_ntohs(*(const uint16_t *)(data + 2 * ETH_ALEN));
+    frame->length = frame->skb->len;
+    // The kernel has moved the outer tag out of the bytes.
+    if (frame->skb->vlan_present) frame->tagNow = TAGGED | (frame->skb->vlan_tci & 0xffff);
+    return true;
+}
+
+static __always_inline void CountFrom(struct Frame *frame)
+{
+    Count(frame, LIVE_FROM_PACKETS);
+    frame->counters->values[LIVE_FROM_BYTES] += frame->length + (frame->tagNow ? 4 : 0);
+    if (frame->destinationKind == MULTICAST) Count(frame, LIVE_FROM_MULTICAST);
+    if (frame->destinationKind == BROADCAST) Count(frame, LIVE_FROM_BROADCAST);
+}
+
+// ---- VLANs ----
+
+static __always_inline bool TrunkCarries(const struct Frame *frame, uint32_t slot, uint32_t position,
+                                         uint32_t vlan)
+{
+    const uint32_t element = LIVE_FIRST_RECORD + position;
+    const struct LivePortRecord *record = bpf_map_lookup_elem(frame->snapshot, &element);
+    if (!record || record->slot != slot) return false;
+    return record->vlans[vlan / 64 % (LIVE_VLANS / 64)] >> vlan % 64 & 1;
+}
+
+static __always_inline uint32_t WithPriority(uint32_t tci, uint32_t vlanWord)
+{
+    const uint32_t priority = vlanWord >> LIVE_PORT_PRIORITY_SHIFT & LIVE_PORT_PRIORITY_MASK;
+    return priority < LIVE_PORT_NO_PRIORITY ? (tci & 0x1fff) | priority << 13 : tci;
+}
+
+// Decides to which VLAN the frame belongs and which tag it leaves with. False: the port doesn't carry it.
+static __always_inline bool Classify(struct Frame *frame)
+{
+    const uint32_t word = READ_WORD(frame->sender->vlan);
+    const uint32_t tci = frame->tagNow & 0xffff;
+    const uint32_t vlan = tci & 0xfff;
+    if (frame->tagNow && frame->skb->vlan_proto != bpf_htons(ETH_P_8021Q)) return false;
+    // Taking off a priority tag around another tag would make a frame of that tag's VLAN.
+    if (vlan == 0 && (frame->etherType == ETH_P_8021Q || frame->etherType == ETH_P_8021AD)) return false;
+
+    if (word & LIVE_PORT_TRUNK) {
+        if (!TrunkCarries(frame, frame->slot, READ_WORD(frame->sender->position), vlan)) return false;
+        frame->vlan = vlan;
+        if (frame->tagNow) frame->tag = TAGGED | WithPriority(tci, word);
+    } else {
+        const uint32_t access = word & LIVE_PORT_VLAN_MASK;
+        if (vlan != 0 || access > LIVE_VLAN_MAX) return false;
+        frame->vlan = access;
+        if (access != 0) frame->tag = TAGGED | WithPriority(access, word);
+    }
+    frame->source.vlan = (uint16_t)frame->vlan;
+    frame->destination.vlan = (uint16_t)frame->vlan;
+    return true;
+}
+
+enum Carriage { NOT_CARRIED, CARRIED_UNTAGGED, CARRIED_TAGGED };
+
+// Whether a port gets frames of the frame's VLAN, and how.
+static __always_inline enum Carriage CarriageAt(const struct Frame *frame, const struct LivePort *port,
+                                                uint32_t slot)
+{
+    if (READ_WORD(port->switchIndex) != frame->source.switchIndex) return NOT_CARRIED;
+    const uint32_t word = READ_WORD(port->vlan);
+    if (!(word & LIVE_PORT_TRUNK))
+        return (word & LIVE_PORT_VLAN_MASK) == frame->vlan ? CARRIED_UNTAGGED : NOT_CARRIED;
+    if (!TrunkCarries(frame, slot, READ_WORD(port->position), frame->vlan)) return NOT_CARRIED;
+    return CARRIED_TAGGED;
+}
+
+// Gives the frame the tag that it has to leave with. The kernel keeps it beside the bytes: cheap.
+static __always_inline bool SetTag(struct Frame *frame, uint32_t tag)
+{
+    if (frame->tagNow == tag) return true;
+    if (frame->tagNow && bpf_skb_vlan_pop(frame->skb)) return false;
+    frame->tagNow = 0;
+    if (tag && bpf_skb_vlan_push(frame->skb, bpf_htons(ETH_P_8021Q), (uint16_t)tag)) return false;
+    frame->tagNow = tag;
+    return true;
+}
+
+// ---- What a port may send ----
+
+// Length of the headers that each segment of an offloaded frame gets, from the IP header on.
+static __always_inline uint32_t SegmentHeaderLength(const struct Frame *frame)
+{
+    uint8_t first = 0, protocol = 0, dataOffset = 0;
+    const bool ipv6 = frame->etherType == ETH_P_IPV6;
+    bpf_skb_load_bytes(frame->skb, ETH_HLEN, &first, 1);
+    bpf_skb_load_bytes(frame->skb, ETH_HLEN + (ipv6 ? 6 : 9), &protocol, 1);
+    const uint32_t ipLength = ipv6 ? 40 : (first & 15u) * 4;
+    if (protocol == IPPROTO_UDP) return ipLength + 8;
+    bpf_skb_load_bytes(frame->skb, ETH_HLEN + ipLength + 12, &dataOffset, 1);
+    return protocol == IPPROTO_TCP ? ipLength + (dataOffset >> 4) * 4 : 40;
+}
+
+// An offloaded frame is longer than what it becomes on the wire.
+static __always_inline bool IsTooLong(const struct Frame *frame)
+{
+    const uint32_t mtu = READ_WORD(frame->vswitch->mtu);
+    if (frame->length <= mtu + ETH_HLEN) return false;
+    const uint32_t segment = frame->skb->gso_size;
+    return segment == 0 || segment + SegmentHeaderLength(frame) > mtu;
+}
+
+static __always_inline bool IsStationAddress(const uint8_t *mac)
+{
+    return !(mac[0] & 1) && (*(const uint16_t *)mac || *(const uint32_t *)(mac + 2));
+}
+
+// The row of the counter that a frame is dropped for, or PASS.
+static __always_inline int Check(struct Frame *frame)
+{
+    if (frame->flags & LIVE_PORT_BLOCKED) return LIVE_DROP_BLOCKED;
+    if (!Classify(frame)) return LIVE_DROP_VLAN;
+    if (!IsStationAddress(frame->source.mac)) return LIVE_DROP_FILTER;
+    if (IsTooLong(frame)) return LIVE_DROP_LENGTH;
+    return PASS;
+}
+
+// ---- The address table ----
+// An entry belongs to the side that exchanges its owner: that side, and no other, changes the counts. So the
+// number of a port's entries stays right whatever runs at the same time.
+
+static __always_inline uint32_t SlotOf(uint64_t owner) { return (uint32_t)owner; }
+
+static __always_inline bool IsStatic(uint64_t owner) { return owner >> 32 == LIVE_EPOCH_STATIC; }
+
+static __always_inline uint64_t OwnerNow(uint32_t slot, const struct LivePort *port)
+{
+    return (uint64_t)(READ_WORD(port->epoch) & LIVE_EPOCH_MASK) << 32 | slot;
+}
+
+// Whether the port still has the address, or has forgotten it.
+static __always_inline bool IsCurrent(uint64_t owner, uint32_t slot, const struct LivePort *port)
+{
+    return IsStatic(owner) || owner == OwnerNow(slot, port);
+}
+
+static __always_inline bool ExchangeOwner(struct LiveAddress *address, uint64_t from, uint64_t to)
+{
+    return __sync_val_compare_and_swap(&address->owner, from, to) == from;
+}
+
+static __always_inline void Touch(struct LiveAddress *address, uint64_t now)
+{
+    if (READ_WORD(address->lastSeen) != now) address->lastSeen = now;
+}
+
+static __always_inline bool ReserveBelow(uint32_t *count, uint32_t limit)
+{
+    if (READ_WORD(*count) >= limit) return false;
+    if (__sync_fetch_and_add(count, 1) < limit) return true;
+    __sync_fetch_and_add(count, -1);
+    return false;
+}
+
+static __always_inline void Release(uint32_t *count) { __sync_fetch_and_add(count, -1); }
+
+// Addresses of the network may fill half of a table, so that they leave room for local ones.
+static __always_inline uint32_t ShareOf(const struct Frame *frame, uint32_t limit)
+{
+    return FromNetwork(frame) ? limit / 2 : limit;
+}
+
+static __always_inline bool IsShareFull(const struct Frame *frame)
+{
+    return READ_WORD(frame->vswitch->learned) > ShareOf(frame, READ_WORD(frame->vswitch->addressLimit)) ||
+           READ_WORD(frame->host->learned) > ShareOf(frame, READ_WORD(frame->host->addressLimit));
+}
+
+static __always_inline bool ReserveAtPort(struct Frame *frame)
+{
+    const bool single = !(frame->flags & (LIVE_PORT_LEARNING | LIVE_PORT_UPLINK));
+    const uint32_t limit = single ? LIVE_SINGLE_ADDRESS_LIMIT : READ_WORD(frame->sender->addressLimit);
+    return ReserveBelow(&frame->sender->learned, limit);
+}
+
+static __always_inline bool ReserveAddress(struct Frame *frame)
+{
+    if (!ReserveAtPort(frame)) return false;
+    if (ReserveBelow(&frame->vswitch->learned, ShareOf(frame, READ_WORD(frame->vswitch->addressLimit)))) {
+        if (ReserveBelow(&frame->host->learned, ShareOf(frame, READ_WORD(frame->host->addressLimit))))
+            return true;
+        Release(&frame->vswitch->learned);
+    }
+    Release(&frame->sender->learned);
+    return false;
+}
+
+static __always_inline void ReleaseAtPort(uint32_t slot)
+{
+    struct LivePort *port = FindPort(slot);
+    if (port) Release(&port->learned);
+}
+
+static __always_inline void ReleaseAddress(uint32_t slot, uint32_t switchIndex)
+{
+    struct LiveSwitch *vswitch = bpf_map_lookup_elem(&switches, &switchIndex);
+    struct LiveHost *limits = FindHost();
+    ReleaseAtPort(slot);
+    if (vswitch) Release(&vswitch->learned);
+    if (limits) Release(&limits->learned);
+}
+
+static __always_inline bool RemoveAddress(const struct LiveAddressKey *key, struct LiveAddress *address,
+                                          uint64_t owner)
+{
+    if (!ExchangeOwner(address, owner, LIVE_OWNER_NONE)) return false;
+    bpf_map_delete_elem(&addresses, key);
+    if (!IsStatic(owner)) ReleaseAddress(SlotOf(owner), key->switchIndex);
+    return true;
+}
+
+// ---- Learning ----
+
+static __always_inline int RefuseAddress(struct Frame *frame)
+{
+    Count(frame, LIVE_REFUSED);
+    if (FromNetwork(frame) || !(frame->flags & LIVE_PORT_LEARNING)) return PASS;
+    return frame->flags & LIVE_PORT_FORWARDS_OVER_LIMIT ? PASS : LIVE_DROP_LEARNING_LIMIT;
+}
+
+static __always_inline int AddAddress(struct Frame *frame)
+{
+    if (!ReserveAddress(frame)) return RefuseAddress(frame);
+    const struct LiveAddress address = {OwnerNow(frame->slot, frame->sender), frame->now};
+    const long error = bpf_map_update_elem(&addresses, &frame->source, &address, BPF_NOEXIST);
+    if (error == 0) {
+        Count(frame, LIVE_LEARNED);
+        return PASS;
+    }
+    ReleaseAddress(frame->slot, frame->source.switchIndex);
+    const bool isFull = error != -17; // EEXIST: another processor was faster
+    return isFull ? RefuseAddress(frame) : PASS;
+}
+
+// Takes an address over from `owner`: another port, or this one before it forgot its addresses.
+static __always_inline int TakeAddress(struct Frame *frame, struct LiveAddress *address, uint64_t owner,
+                                       bool isCurrent)
+{
+    const bool wasHere = SlotOf(owner) == frame->slot;
+    if (!wasHere && !ReserveAtPort(frame)) return RefuseAddress(frame);
+    if (!ExchangeOwner(address, owner, OwnerNow(frame->slot, frame->sender))) {
+        if (!wasHere) Release(&frame->sender->learned);
+        return PASS; // another processor was faster; the next frame learns
+    }
+    if (!wasHere) ReleaseAtPort(SlotOf(owner));
+    Touch(address, frame->now);
+    Count(frame, isCurrent ? LIVE_MOVED : LIVE_LEARNED);
+    return PASS;
+}
+
+// A port that doesn't learn has the address last seen, in each VLAN that it was seen in. A new one takes the
+// place of the old one: the epoch makes the port forget all its VLANs' entries, of which one is removed here
+// and the others, if there are any, by the next sweep.
+static __always_inline void ReplaceSingleAddress(struct Frame *frame)
+{
+    const uint64_t word = LiveAddressWord(&frame->source);
+    if (((READ_WORD(frame->sender->address) ^ word) << 16) == 0) return;
+    const uint64_t old = __sync_lock_test_and_set(&frame->sender->address, word);
+    if (old == 0) return;
+    __sync_fetch_and_add(&frame->sender->epoch, 1);
+
+    struct LiveAddressKey key = {.switchIndex = frame->source.switchIndex, .vlan = (uint16_t)(old >> 48)};
+    for (int i = 0; i < 6; i++)
+        key.mac[i] = (uint8_t)(old >> (40 - 8 * i));
+    struct LiveAddress *address = bpf_map_lookup_elem(&addresses, &key);
+    if (!address) return;
+    const uint64_t owner = READ_WORD(address->owner);
+    if (SlotOf(owner) == frame->slot && !IsStatic(owner)) RemoveAddress(&key, address, owner);
+}
+
+static __always_inline int LearnFromPort(struct Frame *frame, struct LiveAddress *address)
+{
+    const uint64_t owner = address ? READ_WORD(address->owner) : 0;
+    if (address && (owner == OwnerNow(frame->slot, frame->sender) ||
+                    (IsStatic(owner) && SlotOf(owner) == frame->slot))) {
+        Touch(address, frame->now);
+        return PASS;
+    }
+    if (address && (IsStatic(owner) || owner == LIVE_OWNER_NONE)) return PASS;
+    if (!READ_WORD(frame->host->learningEnabled)) return PASS;
+    if (!(frame->flags & LIVE_PORT_LEARNING)) ReplaceSingleAddress(frame);
+    if (!address) return AddAddress(frame);
+    const struct LivePort *holder = FindPort(SlotOf(owner));
+    return TakeAddress(frame, address, owner, holder && IsCurrent(owner, SlotOf(owner), holder));
+}
+
+// A frame from the network with the address of a local port came back from there, or the machine has moved.
+// It has not moved if the port was heard a moment ago.
+static __always_inline int LearnFromNetwork(struct Frame *frame, struct LiveAddress *address)
+{
+    const bool learns = READ_WORD(frame->host->learningEnabled);
+    if (!address) return learns ? AddAddress(frame) : PASS;
+
+    const uint64_t owner = READ_WORD(address->owner);
+    const struct LivePort *holder = FindPort(SlotOf(owner));
+    if (!holder) return PASS;
+    const bool isCurrent = IsCurrent(owner, SlotOf(owner), holder);
+    if (isCurrent && READ_WORD(holder->flags) & LIVE_PORT_UPLINK) {
+        // The network may bring it by any uplink.
+        if (learns) Touch(address, frame->now);
+        return PASS;
+    }
+    const uint64_t lastSeen = READ_WORD(address->lastSeen);
+    if (isCurrent && lastSeen && (int64_t)(frame->now - lastSeen) < (int64_t)LIVE_REFLECTION_NS) {
+        Count(frame, LIVE_REFLECTED);
+        return LIVE_DROP_FILTER;
+    }
+    if (IsStatic(owner) || !learns) return PASS;
+    const int verdict =
+        IsShareFull(frame) ? RefuseAddress(frame) : TakeAddress(frame, address, owner, isCurrent);
+    // Without room for it among the network's addresses it is no longer at the port either.
+    if (READ_WORD(address->owner) == owner) RemoveAddress(&frame->source, address, owner);
+    return verdict;
+}
+
+static __always_inline int Learn(struct Frame *frame)
+{
+    struct LiveAddress *address = bpf_map_lookup_elem(&addresses, &frame->source);
+    return FromNetwork(frame) ? LearnFromNetwork(frame, address) : LearnFromPort(frame, address);
+}
+
+// ---- Sending ----
+
+static __always_inline void CountTo(const struct Frame *frame, uint32_t slot)
+{
+    struct LiveCounters *row = FindCounters(slot);
+    if (!row) return;
+    row->values[LIVE_TO_PACKETS]++;
+    row->values[LIVE_TO_BYTES] += frame->length + (frame->tagNow ? 4 : 0);
+    if (frame->destinationKind == MULTICAST) row->values[LIVE_TO_MULTICAST]++;
+    if (frame->destinationKind == BROADCAST) row->values[LIVE_TO_BROADCAST]++;
+}
+
+static __always_inline uint32_t TagAt(const struct Frame *frame, enum Carriage carriage)
+{
+    return carriage == CARRIED_TAGGED ? frame->tag : 0;
+}
+
+// One copy to a port. Not 0: it was not sent, see Send().
+static __always_inline long SendCopy(struct Frame *frame, const struct LivePort *port, uint32_t slot,
+                                     enum Carriage carriage)
+{
+    if (!SetTag(frame, TagAt(frame, carriage))) return NOT_SENT;
+    const long result = Send(frame->skb, READ_WORD(port->ifindex));
+    if (result == 0) CountTo(frame, slot);
+    return result;
+}
+
+// The frame itself to a port, as the program's last step.
+static __always_inline int SendItself(struct Frame *frame, const struct LivePort *port, uint32_t slot,
+                                      enum Carriage carriage)
+{
+    if (!SetTag(frame, TagAt(frame, carriage))) {
+        CountAt(slot, LIVE_DROP_NOT_SENT);
+        return TC_ACT_SHOT;
+    }
+    CountTo(frame, slot);
+    return SendLast(frame->skb, READ_WORD(port->ifindex));
+}
+
+struct ListWalk {
+    struct Frame *frame;
+    struct LiveSection list;
+    uint32_t flags; // a port gets the frame if it has one of these; 0: every port
+};
+
+// A list is as old as the snapshot; the words of each port are of this moment, and they decide.
+static long SendToListed(uint32_t index, struct ListWalk *walk)
+{
+    struct Frame *frame = walk->frame;
+    const uint32_t element = walk->list.first + (index >> LIVE_SLOTS_SHIFT);
+    const struct LiveSlots *slots = bpf_map_lookup_elem(frame->snapshot, &element);
+    if (!slots) return 1;
+    const uint32_t slot = slots->slots[index & (LIVE_SLOTS - 1)];
+    const struct LivePort *port = FindPort(slot);
+    if (!port || slot == frame->slot) return 0;
+    const uint32_t flags = READ_WORD(port->flags);
+    if (flags & LIVE_PORT_BLOCKED || (walk->flags && !(flags & walk->flags))) return 0;
+    const enum Carriage carriage = CarriageAt(frame, port, slot);
+    if (carriage == NOT_CARRIED) return 0;
+    if (SendCopy(frame, port, slot, carriage))
+        CountAt(slot, LIVE_DROP_NOT_SENT);
+    else
+        frame->copies++;
+    return 0;
+}
+
+// ---- Uplinks ----
+
+static __always_inline void NoteUplink(struct Frame *frame, uint32_t slot, bool isPreferred)
+{
+    const uint32_t last = READ_WORD(frame->sender->uplinkSlot);
+    if (last == slot + 1) return;
+    frame->sender->uplinkSlot = slot + 1;
+    if (last) CountAt(slot, isPreferred ? LIVE_FAILBACKS : LIVE_FAILOVERS);
+}
+
+// A port keeps one uplink, which its number chooses, and goes to the next one while that doesn't work. The
+// first round tries uplinks that are known to work, the second one the others: user space may be away.
+static long TryUplink(uint32_t index, struct Frame *frame)
+{
+    const uint32_t count = frame->header->uplinkCount;
+    if (count == 0) return 1;
+    const bool secondRound = index >= count;
+    const uint32_t preferred = READ_WORD(frame->sender->number) % count;
+    const uint32_t uplink = (preferred + index) % count & (LIVE_UPLINKS - 1);
+    const bool isActive = READ_WORD(frame->vswitch->activeUplinks) >> uplink & 1;
+    if (isActive == secondRound) return 0;
+
+    const uint32_t slot = frame->header->uplinkSlots[uplink];
+    const struct LivePort *port = FindPort(slot);
+    if (!port || READ_WORD(port->flags) & LIVE_PORT_BLOCKED) return 0;
+    const enum Carriage carriage = CarriageAt(frame, port, slot);
+    if (carriage == NOT_CARRIED) return 0;
+
+    const long result = SendCopy(frame, port, slot, carriage);
+    if (result == 1) return 1; // its queue is full, but it works
+    if (result) return 0;
+    NoteUplink(frame, slot, uplink == preferred);
+    frame->sentToUplink = 1;
+    return 1;
+}
+
+// ---- Forwarding ----
+
+static __always_inline bool IsFloodAllowed(struct Frame *frame)
+{
+    const uint32_t limit = READ_WORD(frame->host->floodLimit);
+    if (limit == 0) return true;
+    const uint32_t second = (uint32_t)(frame->now / 1000000000);
+    if (READ_WORD(frame->sender->floodSecond) != second) {
+        frame->sender->floodSecond = second;
+        frame->sender->floodCount = 0;
+    }
+    return __sync_fetch_and_add(&frame->sender->floodCount, 1) < limit;
+}
+
+enum List { NOBODY, ALL_PORTS, PORTS_FOR_UNKNOWN };
+
+static __always_inline void SendToList(struct Frame *frame, enum List list)
+{
+    struct ListWalk walk = {.frame = frame, .list = frame->header->flood};
+    if (list == PORTS_FOR_UNKNOWN) {
+        walk.list = frame->header->unknown;
+        walk.flags = LIVE_PORT_TAKES_UNKNOWN | LIVE_PORT_SINK;
+    }
+    if (list != NOBODY && walk.list.count) bpf_loop(walk.list.count, SendToListed, &walk, 0);
+}
+
+// To the ports of a list, then, from a local port, to its uplink.
+static __always_inline int SendToMany(struct Frame *frame, enum List list)
+{
+    const uint32_t first = 0;
+    frame->header = bpf_map_lookup_elem(frame->snapshot, &first);
+    if (!frame->header) return TC_ACT_SHOT;
+    SendToList(frame, list);
+    if (FromNetwork(frame)) return TC_ACT_SHOT;
+    const uint32_t uplinks = frame->header->uplinkCount;
+    if (uplinks) bpf_loop(2 * uplinks, TryUplink, frame, 0);
+    const bool isLost = frame->destinationKind == UNICAST && frame->copies == 0;
+    if (!frame->sentToUplink && (uplinks || isLost)) Count(frame, LIVE_DROP_NOT_SENT);
+    return TC_ACT_SHOT;
+}
+
+// The port that has the destination's address now; null for none.
+static __always_inline struct LivePort *FindDestination(struct Frame *frame, uint32_t *slot)
+{
+    const struct LiveAddress *address = bpf_map_lookup_elem(&addresses, &frame->destination);
+    if (!address) return 0;
+    const uint64_t owner = READ_WORD(address->owner);
+    *slot = SlotOf(owner);
+    struct LivePort *port = FindPort(*slot);
+    return port && IsCurrent(owner, *slot, port) ? port : 0;
+}
+
+static __always_inline int ForwardUnicast(struct Frame *frame)
+{
+    uint32_t slot = 0;
+    const struct LivePort *port = FindDestination(frame, &slot);
+    if (port) {
+        const uint32_t flags = READ_WORD(port->flags);
+        if (slot == frame->slot) return TC_ACT_SHOT; // it is there already
+        if (flags & LIVE_PORT_UPLINK) return SendToMany(frame, NOBODY);
+        const enum Carriage carriage = CarriageAt(frame, port, slot);
+        if (carriage != NOT_CARRIED) {
+            if (!(flags & LIVE_PORT_BLOCKED)) return SendItself(frame, port, slot, carriage);
+            CountAt(slot, LIVE_DROP_BLOCKED);
+            return TC_ACT_SHOT;
+        }
+    }
+    return SendToMany(frame, PORTS_FOR_UNKNOWN);
+}
+
+static __always_inline int Forward(struct Frame *frame)
+{
+    if (frame->destinationKind == UNICAST) return ForwardUnicast(frame);
+    if (IsFloodAllowed(frame)) return SendToMany(frame, ALL_PORTS);
+    Count(frame, LIVE_DROP_FLOOD_LIMIT);
+    return TC_ACT_SHOT;
+}
+
+static __always_inline int Switch(struct __sk_buff *skb)
+{
+    struct Frame frame = {.skb = skb, .host = FindHost()};
+    if (!frame.host) return TC_ACT_SHOT;
+    frame.now = Now(frame.host);
+    if (!FindSender(&frame) || !ReadEthernetHeader(&frame)) return TC_ACT_SHOT;
+    CountFrom(&frame);
+    int reason = Check(&frame);
+    if (reason == PASS) reason = Learn(&frame);
+    if (reason == PASS) return Forward(&frame);
+    Count(&frame, (enum LiveCounter)reason);
+    return TC_ACT_SHOT;
+}
+
+#ifndef LIVE_TEST_RUN
+
+SEC("tc") int vswitch(struct __sk_buff *skb) { return Switch(skb); }
+
+#else
+
+// A test gives all of a frame as bytes. The kernel would have moved the outer tag out of them.
+SEC("tc") int vswitch(struct __sk_buff *skb)
+{
+    uint16_t tag[2] = {0, 0};
+    bpf_skb_load_bytes(skb, 2 * ETH_ALEN, tag, sizeof(tag)); // fails for a frame of a header alone: no tag
+    if (tag[0] == bpf_htons(ETH_P_8021Q) || tag[0] == bpf_htons(ETH_P_8021AD))
+        if (bpf_skb_vlan_pop(skb) || bpf_skb_vlan_push(skb, tag[0], bpf_ntohs(tag[1]))) return TC_ACT_SHOT;
+    return Switch(skb);
+}
+
+#endif
+
+// ---- Commands: what user space has done to the address table ----
+
+struct Sweep {
+    uint64_t now;
+    uint32_t slot; // the port to forget; LIVE_NO_SLOT: none
+    uint32_t removed;
+};
+
+#define LIVE_NO_SLOT 0xffffffffu
+
+static __always_inline bool IsOld(const struct LiveAddressKey *key, const struct LiveAddress *address,
+                                  uint64_t now)
+{
+    const uint32_t switchIndex = key->switchIndex;
+    const struct LiveSwitch *vswitch = bpf_map_lookup_elem(&switches, &switchIndex);
+    const uint64_t ageing = vswitch ? READ_WORD(vswitch->ageingSeconds) : 0;
+    return ageing && (int64_t)(now - READ_WORD(address->lastSeen)) >= (int64_t)(ageing * 1000000000);
+}
+
+// An entry without an owner is being deleted at this moment, unless its deletion met a place in the table
+// that had been given to another address: then it stays and is removed here, long after.
+static __always_inline bool IsLeftOver(uint64_t owner, const struct LiveAddress *address, uint64_t now)
+{
+    return owner == LIVE_OWNER_NONE && (int64_t)(now - READ_WORD(address->lastSeen)) > 10000000000ll;
+}
+
+static long SweepAddress(void *map, const struct LiveAddressKey *key, struct LiveAddress *address,
+                         struct Sweep *sweep)
+{
+    const uint64_t owner = READ_WORD(address->owner);
+    const uint32_t slot = SlotOf(owner);
+    struct LiveAddressKey copy = *key;
+    if (IsLeftOver(owner, address, sweep->now)) bpf_map_delete_elem(&addresses, &copy);
+    const struct LivePort *port = FindPort(slot);
+    if (!port) return 0;
+    const bool forget = slot == sweep->slot || !IsCurrent(owner, slot, port);
+    const bool aged = !forget && !IsStatic(owner) && IsOld(&copy, address, sweep->now);
+    if ((!forget && !aged) || !RemoveAddress(&copy, address, owner)) return 0;
+    if (aged) CountAt(slot, LIVE_AGED);
+    sweep->removed++;
+    return 0;
+}
+
+static __always_inline int SweepAddresses(uint32_t slot, uint64_t now)
+{
+    struct Sweep sweep = {.now = now, .slot = slot};
+    bpf_for_each_map_elem(&addresses, SweepAddress, &sweep, 0);
+    return LIVE_DONE;
+}
+
+static __always_inline int AddStatic(const struct LiveAddressKey *key, uint32_t slot)
+{
+    const uint64_t owner = (uint64_t)LIVE_EPOCH_STATIC << 32 | slot;
+    struct LiveAddress *address = bpf_map_lookup_elem(&addresses, key);
+    if (!address) {
+        const struct LiveAddress added = {owner, 0};
+        return bpf_map_update_elem(&addresses, key, &added, BPF_NOEXIST) ? LIVE_FULL : LIVE_DONE;
+    }
+    const uint64_t old = READ_WORD(address->owner);
+    if (old == LIVE_OWNER_NONE || !ExchangeOwner(address, old, owner)) return LIVE_FULL;
+    if (!IsStatic(old)) ReleaseAddress(SlotOf(old), key->switchIndex);
+    return LIVE_DONE;
+}
+
+static __always_inline int RemoveOne(const struct LiveAddressKey *key, uint32_t slot)
+{
+    struct LiveAddress *address = bpf_map_lookup_elem(&addresses, key);
+    if (!address) return LIVE_NOT_FOUND;
+    const uint64_t owner = READ_WORD(address->owner);
+    if (SlotOf(owner) != slot) return LIVE_NOT_FOUND;
+    return RemoveAddress(key, address, owner) ? LIVE_DONE : LIVE_NOT_FOUND;
+}
+
+static __always_inline void ReadClocks(struct LiveHost *state)
+{
+    state->now = Now(state);
+    state->ticks = bpf_jiffies64();
+    state->clockNs = bpf_ktime_get_coarse_ns();
+}
+
+SEC("tc") int change_addresses(struct __sk_buff *skb)
+{
+    struct LiveCommand command;
+    if (bpf_skb_load_bytes(skb, LIVE_COMMAND_OFFSET, &command, sizeof(command))) return LIVE_BAD_COMMAND;
+    struct LiveHost *state = FindHost();
+    if (!state) return LIVE_BAD_COMMAND;
+    ReadClocks(state);
+    switch (command.kind) {
+    case LIVE_COMMAND_SWEEP:
+        return SweepAddresses(LIVE_NO_SLOT, state->now);
+    case LIVE_COMMAND_FORGET_PORT:
+        return SweepAddresses(command.slot, state->now);
+    case LIVE_COMMAND_ADD_STATIC:
+        return AddStatic(&command.key, command.slot);
+    case LIVE_COMMAND_REMOVE_ADDRESS:
+        return RemoveOne(&command.key, command.slot);
+    case LIVE_COMMAND_READ_CLOCKS:
+        return LIVE_DONE;
+    default:
+        return LIVE_BAD_COMMAND;
+    }
+}

@@ -1,0 +1,73 @@
+// Tests of the data path in the kernel. They need root and a kernel that permits bpf; elsewhere they are
+// skipped, unless VSWITCHCTL_REQUIRE_LIVE says that the machine is able.
+#pragma once
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/live/data_path.h"
+#include "platform/live/test_run.h"
+
+namespace live_test {
+
+using namespace live;
+
+// A network namespace and a bpf file system of the process's own, for as long as it runs.
+class Sandbox {
+public:
+    static Sandbox &Get();
+
+    bool IsReady() const { return problem.empty(); }
+    const std::string &Problem() const { return problem; }
+    const std::string &Bpffs() const { return directory; }
+
+private:
+    Sandbox();
+    ~Sandbox();
+    std::string directory;
+    std::string problem;
+};
+
+class LiveTest : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override; // removes all pins
+    // Options for a data path of this test alone.
+    LoadOptions Options();
+};
+
+// A frame as it is on a wire, with its tags.
+using Bytes = std::vector<uint8_t>;
+
+// A frame that left by a port.
+struct Sent {
+    uint32_t port;
+    uint32_t length;
+    Bytes head; // the first LIVE_TEST_HEAD bytes, or fewer
+    auto operator<=>(const Sent &) const = default;
+};
+
+Sent MakeSent(uint32_t port, const Bytes &frame);
+
+// The data path in the kernel's test run. Ports have interfaces of their own number.
+class TestRun {
+public:
+    explicit TestRun(const LoadOptions &options);
+    ~TestRun();
+
+    // What leaves, in the order of the ports.
+    std::vector<Sent> Run(uint32_t port, const Bytes &frame, uint32_t segmentSize = 0);
+    void Publish(const SwitchConfig &config); // expects it to succeed
+    void SetTime(uint64_t ns) { run->now = ns; }
+    void SetLink(uint32_t port, int result) { run->linkResults[port % LIVE_TEST_LINKS] = result; }
+
+    DataPath path;
+
+private:
+    LiveTestRun *run = nullptr;
+};
+
+}
