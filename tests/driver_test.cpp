@@ -362,7 +362,7 @@ TEST_F(Driver, FaultsAnswersAndRecording)
 
 TEST_F(Driver, WhatTestsAskForHasLimits)
 {
-    const std::string bytes(1048577, 'x'), longVerb(16, 'v');
+    const std::string bytes(1048577, 'x');
     const auto fail = [](vshost_kind kind, const char *operation, unsigned nth) {
         return vshost_fail(kind, operation, nth, 1, EBUSY);
     };
@@ -372,7 +372,7 @@ TEST_F(Driver, WhatTestsAskForHasLimits)
         {vshost_shell_output("get", bytes.data(), 1048577), EINVAL},
         {vshost_shell_output("get", nullptr, 1), EINVAL},
         {vshost_shell_output(nullptr, bytes.data(), 1), EINVAL},
-        {vshost_shell_output(longVerb.c_str(), bytes.data(), 1), EINVAL},
+        {vshost_shell_output("gett", bytes.data(), 1), EINVAL},
         {fail(VSHOST_DRIVER, nullptr, 0), EINVAL},
         {fail(VSHOST_DRIVER, "4294967296", 1), EINVAL},
         {fail(VSHOST_CLOSE, nullptr, 1), EINVAL},
@@ -387,8 +387,7 @@ TEST_F(Driver, WhatTestsAskForHasLimits)
         for (int i = 0; i < 17; i++)
             EXPECT_EQ(vshost_answer(4106, 1, bytes.data(), 65536), i < 16 ? 0 : ENOSPC) << i;
         for (int i = 0; i < 5; i++)
-            EXPECT_EQ(vshost_shell_output(longVerb.c_str() + 1, bytes.data(), 1048576), i < 4 ? 0 : ENOSPC)
-                << i;
+            EXPECT_EQ(vshost_shell_output("ls", bytes.data(), 1048576), i < 4 ? 0 : ENOSPC) << i;
         vshost_clear();
     }
     // Of more calls than are kept, the newest ones are there.

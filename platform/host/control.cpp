@@ -331,7 +331,8 @@ bool Control::TakeAnswer(uint32_t command, std::string &bytes)
 
 int Control::ShellOutput(const char *verb, const void *bytes, uint32_t length)
 {
-    if (!verb || strlen(verb) >= VERB_SIZE || length > OUTPUT_SIZE || (!bytes && length > 0)) return EINVAL;
+    const bool hasOutput = verb && (strcmp(verb, "get") == 0 || strcmp(verb, "ls") == 0);
+    if (!hasOutput || length > OUTPUT_SIZE || (!bytes && length > 0)) return EINVAL;
     FileLock lock(mutex, fd);
     const size_t slot = FreeSlot(block->output);
     if (slot == MAX_OUTPUTS) return ENOSPC;

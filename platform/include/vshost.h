@@ -100,7 +100,7 @@ VSHOST_API int vshost_answer(uint32_t command, unsigned times, const void *bytes
 
 /**
  * Answers shell commands with this verb ("get" or "ls") with given bytes as their standard output,
- * instead of running them; at most 4 stand, 1,048,576 bytes each. @return 0, ENOSPC or EINVAL
+ * instead of running them; at most 4 stand, 1,048,576 bytes each. @return 0, ENOSPC, or EINVAL for another verb too
  */
 VSHOST_API int vshost_shell_output(const char *verb, const void *bytes, uint32_t length);
 
