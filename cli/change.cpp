@@ -6,12 +6,12 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <set>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "journal.h"
 #include "limit.h"
+#include "precondition.h"
 #include "preview.h"
 
 namespace vsctl {
@@ -143,29 +143,9 @@ void AwaitConfirmation(Journal &journal, double seconds)
     StartGuard(journal.id, seconds);
 }
 
-// Throws, before anything is changed, when a step is about a switch that is not there by then.
-void RequireSwitches(const std::vector<Step> &steps)
-{
-    std::set<std::string> known, destroyed;
-    for (const Step &step : steps) {
-        const bool byId = step.item == "property" && step.value.contains("by-id");
-        const bool creates = step.item == "switch" && !step.value.is_null();
-        if (!byId && !creates && !known.contains(step.target.alias)) SwitchId(step.target.alias);
-        known.insert(step.target.alias);
-        if (step.item == "switch" && step.value.is_null()) destroyed.insert(step.target.alias);
-        if (creates && destroyed.contains(step.target.alias)) {
-            throw Error(
-                Exit::USAGE,
-                fmt::format("switch {} is destroyed and made again, which as one change could not be undone",
-                            step.target.alias),
-                "make it two changes");
-        }
-    }
-}
-
 void ReadAllBefore(std::vector<Step> &steps)
 {
-    RequireSwitches(steps);
+    CheckSteps(steps);
     for (Step &step : steps)
         ReadBefore(step);
 }

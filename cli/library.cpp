@@ -1,6 +1,7 @@
 // The library for C++: buffers that release themselves, names, and bytes as text.
 #include "library.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -9,6 +10,7 @@
 #include <malloc.h>
 #include <set>
 #include <unistd.h>
+#include <vswitch_driver.h>
 
 #include "limit.h"
 
@@ -194,6 +196,43 @@ std::string SwitchId(const std::string &alias)
     return id;
 }
 
+bool SwitchIdExists(const std::string &id)
+{
+    if (IsEmbedded()) return ListPorts(id).has_value();
+    const Target byId{id, ""};
+    for (const Property &property : {Property{Level::GLOBAL, byId, "com.talpex.common.alias", true},
+                                     Property{Level::GLOBAL, byId, "com.talpex.common.version", true},
+                                     Property{Level::HOST, byId, "com.talpex.common.host.portset", true}}) {
+        int32_t length = 0;
+        const VsStatus status = property.Length(length);
+        if (status == STATUS_OK) return true;
+        if (status != STATUS_NOT_FOUND) Check(status, "finding", byId);
+    }
+    return false;
+}
+
+std::string PortsetUser(const std::string &portset)
+{
+    if (const std::string alias = AliasOf(portset); !alias.empty()) return "switch " + alias;
+    char named[PORTSET_NAME_SIZE];
+    if (DVSAliasToPortsetName(portset.c_str(), named) == STATUS_OK && portset == named)
+        return "switch " + portset;
+    VSwitchInfo info{};
+    if (!IsEmbedded() || VSZOR_GetVSInfo(portset.c_str(), &info) != STATUS_OK || !*info.switchId) return "";
+    return fmt::format("the switch with the id '{}'", Name(info.switchId, sizeof info.switchId));
+}
+
+void RequireNoBarePortset(const std::string &portset)
+{
+    if (DeviceError(ZOR_DEVICE)) return; // nothing runs where there is no driver
+    const auto running = Portsets();
+    if (std::find(running.begin(), running.end(), portset) == running.end()) return;
+    if (!PortsetUser(portset).empty()) return;
+    throw Error(Exit::FAILURE,
+                fmt::format("portset {} runs without a switch, which the library cannot remove", portset),
+                fmt::format("remove it with /bin/tybel -e set /net/portsets/{}/destroy destroy", portset));
+}
+
 std::string PortsetOf(const std::string &alias)
 {
     char portset[PORTSET_NAME_SIZE];
@@ -331,12 +370,6 @@ VsStatus Property::Clear() const
     default:
         return VSDVS_ClearGlobProp(name, key.c_str(), name, useAlias);
     }
-}
-
-bool IsEmbedded()
-{
-    const char *directory = getenv("VSHOST_DIR");
-    return directory && *directory;
 }
 
 }

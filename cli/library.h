@@ -11,6 +11,7 @@
 #include <vswitchctl.h>
 
 #include "error.h"
+#include "platform.h"
 
 namespace vsctl {
 
@@ -81,6 +82,12 @@ std::vector<std::string> StoredSwitchIds();
 std::string AliasOfId(const std::string &id); // empty when it has none
 std::string PortsetOf(const std::string &alias);
 bool SwitchExists(const std::string &alias);
+// Whether a switch with this id is stored, running or not.
+bool SwitchIdExists(const std::string &id);
+// What uses the portset, like "switch lab", running or not; empty when no switch does.
+std::string PortsetUser(const std::string &portset);
+// Throws when the portset runs without a switch: it outlives one whose creation or destruction was cut short.
+void RequireNoBarePortset(const std::string &portset);
 // Throws, with the nearest name, when there is no such switch.
 std::string SwitchId(const std::string &alias);
 
@@ -103,9 +110,6 @@ struct Property {
     VsStatus Set(const Bytes &value) const;
     VsStatus Clear() const;
 };
-
-// Whether the platform says that it is an embedded host, whose records are documented.
-bool IsEmbedded();
 
 }
 #endif

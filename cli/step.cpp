@@ -92,17 +92,6 @@ void PerformSwitch(const Step &step)
         CreateSwitch(step.target.alias, step.value);
 }
 
-// A portset outlives a switch whose creation or destruction was cut short.
-void RequireNoBarePortset(const std::string &portset)
-{
-    if (DeviceError(ZOR_DEVICE)) return; // nothing runs where there is no driver
-    const auto running = Portsets();
-    if (std::find(running.begin(), running.end(), portset) == running.end()) return;
-    throw Error(Exit::FAILURE,
-                fmt::format("portset {} runs without a switch, which the library cannot remove", portset),
-                fmt::format("remove it with /bin/tybel -e set /net/portsets/{}/destroy destroy", portset));
-}
-
 bool IsNamed(const std::string &alias, const std::string &portset)
 {
     char found[PORTSET_NAME_SIZE];
@@ -285,19 +274,9 @@ VsStatus ChangeUplinks(const char *alias, const std::string &verb, const Json &w
                                       reinterpret_cast<const UplinkPortIdList *>(PackIds(uplinks).data()));
 }
 
-// The library takes the removal of a port that is no uplink for done.
-void RequireListed(const std::string &alias, const std::string &id)
-{
-    const Uplinks uplinks = ReadUplinks(alias);
-    if (std::find(uplinks.ids.begin(), uplinks.ids.end(), id) != uplinks.ids.end()) return;
-    throw Error(Exit::NOT_FOUND, fmt::format("switch {} has no uplink {}", alias, id),
-                Suggest(id, uplinks.ids));
-}
-
 void PerformUplinks(const Step &step)
 {
     const auto change = step.value.items().begin();
-    if (change.key() == "remove") RequireListed(step.target.alias, change.value());
     Check(ChangeUplinks(step.target.Alias(), change.key(), change.value()), "changing the uplinks of",
           step.target);
 }
@@ -345,26 +324,12 @@ void WriteUplinkLists(const std::string &alias, const Uplinks &uplinks)
     Check(Property{Level::HOST, target, UPLINK_IDS}.Set(PackIds(uplinks)), ACTION, target);
 }
 
-// Ports that the step has made: those that `set`, `count` and `add` name and that were not listed before.
-std::vector<std::string> PortsMade(const Step &step, const Uplinks &before)
-{
-    std::vector<std::string> made;
-    if (step.value.contains("add")) made.push_back(step.value["add"]);
-    if (step.value.contains("set")) made = FromJson(step.value["set"]).ids;
-    for (uint32_t i = 0; i < step.value.value("count", 0u); i++)
-        made.push_back(fmt::format("uplink{}", i));
-    std::erase_if(made, [&before](const std::string &id) {
-        return std::find(before.ids.begin(), before.ids.end(), id) != before.ids.end();
-    });
-    return made;
-}
-
 void RestoreUplinks(const Step &step)
 {
     const std::string &alias = step.target.alias;
     if (!SwitchExists(alias)) return; // they went with it
     const Uplinks before = step.before.is_null() ? Uplinks() : FromJson(step.before);
-    for (const std::string &id : PortsMade(step, before)) {
+    for (const std::string &id : PortsMade(step)) {
         if (PortExists({alias, id}))
             Check(VSDVS_RemoveDVPort(alias.c_str(), id.c_str()), "removing", Target{alias, id});
     }
@@ -548,6 +513,16 @@ const Item &ItemOf(const Step &step)
     return POLICY_ITEM;
 }
 
+}
+
+std::vector<std::string> PortsMade(const Step &step)
+{
+    std::vector<std::string> made;
+    if (step.value.contains("add")) made.push_back(step.value["add"]);
+    if (step.value.contains("set")) made = FromJson(step.value["set"]).ids;
+    for (uint32_t i = 0; i < step.value.value("count", 0u); i++)
+        made.push_back(fmt::format("uplink{}", i));
+    return made;
 }
 
 void RequirePortsetName(const std::string &name)

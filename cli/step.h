@@ -24,6 +24,8 @@ void Restore(const Step &step);
 void Repeat(std::span<Step> steps);
 // What there is after the step, as `before` tells what was there before it.
 Json After(const Step &step);
+// The ports that a step about uplinks makes.
+std::vector<std::string> PortsMade(const Step &step);
 // Removes an object: what it was can't be put back entirely.
 bool IsRemoval(const Step &step);
 

@@ -310,15 +310,6 @@ class Changes(OnHost):
             self.assertIn("cannot be understood", str(self.rows("doctor", code=10)))
             self.assertIn("move the file away", self.run_vsctl("batch", stdin="port add lab x", code=1))
 
-    def test_an_uplink_whose_port_is_gone_stays_in_the_lists(self):
-        self.create()
-        self.run_vsctl("port", "remove", "lab", "uplink0")
-        self.assertEqual([row["port"] for row in self.rows("uplink", "list", "lab")], ["uplink0", "uplink1"])
-        self.assertEqual(self.exported()["lab"]["uplinks"], ["uplink0", "uplink1"])
-        self.run_vsctl("port", "add", "lab", "uplink0")
-        self.run_vsctl("uplink", "remove", "lab", "uplink0", "uplink1")
-        self.assertEqual(self.exported()["lab"]["uplinks"], [])
-
     def test_export_takes_a_switch_by_any_name_and_in_parts(self):
         self.create()
         self.rows("switch", "create", "lab/port0", "--portset", "x")

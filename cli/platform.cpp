@@ -1,0 +1,56 @@
+// What only a platform of ours offers.
+#include "platform.h"
+
+#include <cerrno>
+#include <cstring>
+#include <dlfcn.h>
+#include <fmt/format.h>
+
+#include "error.h"
+
+namespace vsctl {
+
+namespace {
+
+// Null on other platforms.
+template<class Function> Function *Find(const char *name)
+{
+    return reinterpret_cast<Function *>(dlsym(RTLD_DEFAULT, name));
+}
+
+// Calls a function of the platform that copies a list out, until the list has held still.
+template<class Entry, class List>
+std::optional<std::vector<Entry>> Listed(const std::string &switchId, const char *what, List list)
+{
+    std::vector<Entry> entries;
+    size_t count = 0;
+    int error = list(entries.data(), size_t{0}, &count);
+    while (error == 0 && count != entries.size()) {
+        entries.resize(count);
+        error = list(entries.data(), entries.size(), &count);
+    }
+    if (error == ENOENT) return {};
+    if (error == 0) return entries;
+    throw Error(Exit::UNREACHABLE,
+                fmt::format("listing the {} of the switch with the id '{}' failed: {}", what, switchId,
+                            strerror(error)),
+                "'vsctl doctor' shows what of the platform is reachable");
+}
+
+}
+
+bool IsEmbedded()
+{
+    static const bool found = dlsym(RTLD_DEFAULT, "vshost_platform") != nullptr;
+    return found;
+}
+
+std::optional<std::vector<vshost_port>> ListPorts(const std::string &switchId)
+{
+    static auto *const list = Find<decltype(vshost_list_ports)>("vshost_list_ports");
+    return Listed<vshost_port>(switchId, "ports", [&](vshost_port *ports, size_t capacity, size_t *count) {
+        return list(switchId.c_str(), ports, capacity, count);
+    });
+}
+
+}

@@ -1,0 +1,19 @@
+// What only a platform of ours offers: its functions are looked up at run time, never linked.
+#pragma once
+
+#include <vshost.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vsctl {
+
+// Whether this is a platform of ours, whose records are documented and whose ports can be listed.
+bool IsEmbedded();
+
+// The ports of the stored switch with this id, in the order of their numbers; nothing when there is no such
+// switch. Only on a platform of ours.
+std::optional<std::vector<vshost_port>> ListPorts(const std::string &switchId);
+
+}
