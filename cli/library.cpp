@@ -242,7 +242,9 @@ std::string PortsetOf(const std::string &alias)
 
 bool PortExists(const Target &port)
 {
-    if (DVPortExist(SwitchId(port.alias).c_str(), port.Port())) return true;
+    const bool isKnown = DVPortExist(SwitchId(port.alias).c_str(), port.Port());
+    RestartTimeLimit();
+    if (isKnown) return true;
     // The cache need not follow what this process has added since it was loaded.
     int32_t length = 0;
     return Property{Level::PORT, port, "com.talpex.common.port.alias"}.Length(length) == STATUS_OK;
