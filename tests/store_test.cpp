@@ -626,13 +626,12 @@ TEST_F(StoreTest, ARelativeDirectoryIsThatOfTheStart)
     EXPECT_EQ(system((start + "exec sh -c 'cd / && tybel -e get /net/portsets/kept/mtu >/dev/null'").c_str()),
               0);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    // A program without the preload, which goes away before its first call.
+    // A program without the preload, which goes away before it first writes.
     Dl_info library = {};
     ASSERT_NE(dladdr(reinterpret_cast<void *>(&DVSAliasToSwitchId), &library), 0);
-    const std::string program = "import ctypes, os; library = ctypes.CDLL(\"" +
-                                std::string(library.dli_fname) +
-                                "\"); os.chdir(\"/\"); text = ctypes.create_string_buffer(256); "
-                                "exit(library.DVSAliasToSwitchId(b\"lab\", text) != 0)";
+    const std::string program =
+        "import ctypes, os; library = ctypes.CDLL(\"" + std::string(library.dli_fname) +
+        "\"); os.chdir(\"/\"); exit(library.VSDVS_AddDVPort(b\"lab\", b\"added\", 0) != 0)";
     EXPECT_EQ(system((start + "unset LD_PRELOAD; exec python3 -c '" + program + "'").c_str()), 0);
 #endif
     ASSERT_EQ(Start(), 0);
