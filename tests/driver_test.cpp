@@ -663,6 +663,103 @@ TEST_F(Driver, OptionsAreReadBackAsTheyWereSet)
     EXPECT_EQ(set(1), EINVAL);
 }
 
+Words Portsets()
+{
+    Words names;
+    const uint32_t kind = VSWITCH_LIST_PORTSETS;
+    std::vector<char> answer(4096);
+    EXPECT_EQ(Ask(VSWITCH_GET_SWITCHES, &kind, sizeof kind, answer.data(), 4096), 0);
+    uint32_t count;
+    memcpy(&count, answer.data(), sizeof count);
+    for (size_t i = 0; i < count; i++)
+        names.emplace_back(&answer[sizeof(VSwitchListHeader) + i * 128]);
+    return names;
+}
+
+// A reboot: what runs ends, and each switch of this host that can run is started as it is stored.
+TEST_F(Driver, AResetStartsTheSwitchesOfThisHost)
+{
+    const uint32_t wrongMtu = 70000, mtu = 4000;
+    const auto put = [](const char *id, uint32_t ports, const char *portset) {
+        EXPECT_EQ(DVSZOR_SwitchAdd(id, "vswitch", ports, 1), STATUS_OK);
+        EXPECT_EQ(DVSZOR_SwitchAssociate(id), STATUS_OK);
+        Write({"com.talpex.common.host.portset", StoreLevel::HOST, 0x10}, Text(portset), "", id);
+    };
+    put("no-mtu", 8, "a");
+    Write({"com.talpex.vswitch.mtu", StoreLevel::GLOBAL, 0x10}, Bytes(wrongMtu), "", "no-mtu");
+    put("without-ports", 0, "b");
+    put("no-node", 8, "c/d");
+    put("of-another-host", 8, "e");
+    EXPECT_EQ(DVSZOR_SwitchDissociate("of-another-host"), STATUS_OK);
+    put("the-same-again", 8, "a"); // sorts after "no-mtu"
+    ASSERT_EQ(VSDVS_SetMTU(LAB, mtu), STATUS_OK);
+    ASSERT_EQ(system("/bin/tybel -e set /net/create stray 8 vswitch"), 0);
+    ASSERT_EQ(vshost_scenario(R"({"nics": {"eth0": {}}, "options": {"7": 1}})"), 0) << vshost_error();
+    const auto store = [] {
+        size_t ports = 0, properties = 0;
+        EXPECT_EQ(vshost_list_ports(LAB_ID, nullptr, 0, &ports), 0);
+        EXPECT_EQ(vshost_list_properties(LAB_ID, nullptr, nullptr, 0, &properties), 0);
+        return std::pair(ports, properties);
+    };
+    const auto before = store();
+    ASSERT_EQ(vshost_reset(), 0) << vshost_error();
+    EXPECT_EQ(store(), before);
+    EXPECT_EQ(Portsets(), (Words{"a", LAB_PORTSET}));
+    EXPECT_EQ(+Query<VSwitchInfo>(VSWITCH_GET_INFO, Input("a")).mtu, 1500u);
+    EXPECT_STREQ(Query<VSwitchInfo>(VSWITCH_GET_INFO, Input("a")).switchId, "no-mtu");
+    const auto info = Query<VSwitchInfo>(VSWITCH_GET_INFO, Input());
+    EXPECT_EQ(+info.mtu, mtu);
+    EXPECT_EQ(+info.ports, 128u);
+    EXPECT_EQ(+info.usedPorts, 4u);
+    EXPECT_EQ(Uplinks(), (Words{"nic0", "nic1"})) << "eth0 went with the rest";
+    for (const auto &port : {"uplink0", "uplink1"})
+        EXPECT_TRUE(UplinkPort("nic0") == port || UplinkPort("nic1") == port) << port;
+    size_t count = 0;
+    struct vshost_port ports[4];
+    ASSERT_EQ(vshost_list_ports(LAB_ID, ports, 4, &count), 0);
+    EXPECT_EQ(+ports[0].nicMtu, mtu);
+    EXPECT_EQ(+ports[1].nicMtu, mtu);
+    uint16_t none = 7;
+    EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, &none, sizeof none, nullptr, 0), ENOENT);
+    const uint64_t once = vshost_fingerprint();
+    ASSERT_EQ(vshost_reset(), 0);
+    EXPECT_EQ(vshost_fingerprint(), once) << "it comes back the same each time";
+}
+
+// A switch of the store whose portset doesn't run: what is stored answers, what would run is not found.
+TEST_F(Driver, ASwitchThatDoesNotRunCanBeReadAndDestroyed)
+{
+    ASSERT_EQ(system("/bin/tybel -e set /net/portsets/lab-portset/destroy destroy"), 0);
+    char text[PORTSET_NAME_SIZE];
+    int32_t mtu = 0;
+    uint32_t security = 0, mode = 0;
+    void *list = nullptr;
+    UplinkNameList *names = nullptr;
+    UplinkPortIdList *ids = nullptr;
+    EXPECT_EQ(Portsets(), Words{});
+    const std::pair<VsStatus, VsStatus> cases[] = {
+        {DVSAliasToPortsetName(LAB, text), STATUS_OK},
+        {VSDVS_GetPortSecurity(LAB, PORT, &security), STATUS_OK},
+        {VSDVS_GetSwitchUplinkPorts(LAB, &names, &ids), STATUS_OK},
+        {VSDVS_GetMTU(LAB, &mtu), STATUS_FAILURE},
+        {VSDVS_SetMTU(LAB, 1500), STATUS_FAILURE},
+        {VSZOR_GetUplinks(LAB_PORTSET, &list), STATUS_NOT_FOUND},
+        {VSDVS_GetMcastFilterMode(LAB, &mode), STATUS_NOT_FOUND},
+    };
+    VSDVS_FreeMemory(names);
+    VSDVS_FreeMemory(ids);
+    for (size_t i = 0; i < std::size(cases); i++)
+        EXPECT_EQ(cases[i].first, cases[i].second) << i;
+    EXPECT_EQ(Change(VSWITCH_GET_INFO, Input()), ENOENT);
+    EXPECT_EQ(Change(VSWITCH_GET_PORT_MACS, PortInput(PORT)), ENOENT);
+    VSwitchInput number = {};
+    number.port.portId = 3;
+    EXPECT_EQ(Change(VSWITCH_GET_UPLINK_HINT, number), ENODEV);
+    // The switch goes; that its portset had gone is what the shell complains of.
+    EXPECT_EQ(VSDVS_DestroyVSwitch(LAB), STATUS_FAILURE);
+    EXPECT_EQ(DVSAliasToPortsetName(LAB, text), STATUS_NOT_FOUND);
+}
+
 TEST_F(Driver, GroupsByVlanAndKind)
 {
     EXPECT_EQ(vshost_scenario(R"({"portsets": {"lab-portset": {"groups": [

@@ -118,7 +118,7 @@ public:
             OrUndo(addPorts, [&] { Associate(id, false); });
         };
         const auto add = [&] {
-            SwitchAdd(id, "vswitch");
+            SwitchAdd(id, "vswitch", maxPorts ? maxPorts : 128);
             OrUndo(fill, [&] { SwitchRemove(id); });
         };
         OrUndo(add, [&] { Command("destroy", [&] { RemovePortset(portset); }); });

@@ -173,6 +173,7 @@ public:
     };
     struct Switch {
         std::string className;
+        uint32_t maxPorts = 0;
         bool associated = false;
         Properties global = {}, host = {};
         std::map<std::string, Port> ports = {};
@@ -224,6 +225,26 @@ public:
         options.clear();
         learningProps = Bytes(VSwitchLearningProps{1, 600, 65536});
         hasLag = false;
+        for (const std::string &id : Walk())
+            Start(id);
+    }
+
+    // Runs the portset of a switch of this host, if there can be one.
+    void Start(const std::string &id)
+    {
+        const auto name = PortsetOf(id);
+        const Switch &found = switches[id];
+        if (!found.associated || !name || portsets.contains(*name) || SwitchOf(*name) != id) return;
+        const bool isNode = !name->empty() && name->size() <= 127 && name->find('/') == name->npos &&
+                            *name != "." && *name != "..";
+        if (!isNode || found.maxPorts == 0 || found.maxPorts > INT32_MAX) return;
+        const std::string stored = ValueOr(MTU, id);
+        const uint32_t mtu = stored.size() == 4 ? WordAt(stored, 0) : 0;
+        portsets[*name] = {found.maxPorts};
+        if (mtu >= 1280 && mtu <= 9000) portsets[*name].mtu = mtu;
+        UplinksChanged(id);
+        for (const std::string &nic : Uplinks(id))
+            nics[nic].mtu = portsets[*name].mtu;
     }
 
     void ApplyScenario()
@@ -322,11 +343,11 @@ public:
         UplinksChanged(id);
     }
 
-    void SwitchAdd(const std::string &id, const std::string &className)
+    void SwitchAdd(const std::string &id, const std::string &className, uint32_t maxPorts)
     {
         StoreGate("DVSZOR_SwitchAdd");
         Require(!id.empty() && id.size() <= 63, STATUS_BAD_PARAM);
-        Require(switches.try_emplace(id, Switch{className}).second, STATUS_EXISTS);
+        Require(switches.try_emplace(id, Switch{className, maxPorts}).second, STATUS_EXISTS);
     }
 
     void SwitchRemove(const std::string &id)

@@ -272,7 +272,7 @@ public:
         model.ApplyScenario();
         // Another program's switch, of another class.
         EXPECT_EQ(DVSZOR_SwitchAdd(FOREIGN, "vswitchx", 8, 1), STATUS_OK);
-        model.SwitchAdd(FOREIGN, "vswitchx");
+        model.SwitchAdd(FOREIGN, "vswitchx", 8);
         Write(KEYS[model::ALIAS], Text("foreign"), "", FOREIGN);
         model.Set(KEYS[model::ALIAS], FOREIGN, "", Text("foreign"));
         if (variant.takesTurns) Split();

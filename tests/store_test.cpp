@@ -614,6 +614,26 @@ TEST_F(StoreTest, AReadOnlyDirectorySaysSo)
     ASSERT_EQ(Wait(Fork([&] { return chmod((directory + "/dev").c_str(), 0755) == 0; })), 0);
 }
 
+// The control file ends with the machine's memory: without it, the host has just started.
+TEST_F(StoreTest, AHostThatStartsRunsItsSwitches)
+{
+    const auto runs = [] { return system("tybel -e get /net/portsets/ps/numPorts >/dev/null 2>&1") == 0; };
+    ASSERT_EQ(DVSZOR_HostPropSet(ID, PORTSET, "ps", 3, FLAGS), STATUS_OK);
+    ASSERT_EQ(DVSZOR_SwitchAssociate(ID), STATUS_OK);
+    vshost_stop();
+    ASSERT_EQ(Start(), 0);
+    EXPECT_FALSE(runs()) << "nobody starts it while the host is up";
+    vshost_stop();
+    ASSERT_TRUE(fs::remove(directory + "/control"));
+    std::vector<pid_t> together;
+    for (int i = 0; i < 4; i++)
+        together.push_back(Fork([&] { return Start() == 0 && runs(); }));
+    for (const pid_t child : together)
+        EXPECT_EQ(Wait(child), 0);
+    ASSERT_EQ(Start(), 0);
+    EXPECT_TRUE(runs());
+}
+
 // Where a program was started, not where it has gone since; its children too.
 TEST_F(StoreTest, ARelativeDirectoryIsThatOfTheStart)
 {

@@ -9,6 +9,7 @@ namespace vshost {
 namespace {
 
 constexpr std::string_view RUN = "run";
+constexpr std::string_view KEY_MTU = "com.talpex.vswitch.mtu";
 constexpr size_t UPLINK_ENTRY = 48;
 
 std::string FreeNicKey(std::string_view name)
@@ -189,6 +190,50 @@ VsStatus UnclaimHolder(Transaction &transaction, std::string_view switchName, st
     if (!status) status = GetRecord(transaction, runtime::NicKey(name), nic);
     if (!status) status = Unclaim(transaction, name, nic);
     return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+}
+
+// The MTU that was last set for a switch, if it is one.
+VsStatus ReadMtu(Reader &reader, std::string_view switchId, uint32_t &mtu)
+{
+    Property property;
+    uint32_t stored = 0;
+    const VsStatus status = GetProperty(reader, {Level::GLOBAL, switchId}, KEY_MTU, property);
+    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    if (TakeRecord(property.value, stored) && stored >= MIN_MTU && stored <= MAX_MTU) mtu = stored;
+    return STATUS_OK;
+}
+
+// The portset that a switch is to run with; false when none can be started for it.
+bool ReadPortset(Reader &reader, std::string_view switchId, std::string &name, Portset &portset)
+{
+    Switch stored;
+    std::string owner;
+    std::vector<std::string> uplinks;
+    if (GetSwitch(reader, switchId, stored) || !stored.associated) return false;
+    if (PortsetOfSwitch(reader, switchId, name) || SwitchOfPortset(reader, name, owner)) return false;
+    if (ReadMtu(reader, switchId, portset.mtu) || ListUplinkPorts(reader, switchId, uplinks)) return false;
+    SetField(portset.className, stored.className);
+    portset.ports = stored.ports;
+    return owner == switchId && IsNodeName(name, MAX_PORTSET_NAME) && portset.ports > 0 &&
+           portset.ports <= MAX_PORTSET_PORTS && IsNodeName(stored.className, sizeof(portset.className) - 1);
+}
+
+VsStatus StartSwitch(Transaction &transaction, std::string_view switchId)
+{
+    std::string name;
+    Portset portset;
+    std::vector<NamedNic> uplinks;
+    if (!ReadPortset(transaction, switchId, name, portset)) return STATUS_OK;
+    VsStatus status = AddPortset(transaction, name, portset);
+    if (status) return status == STATUS_EXISTS ? STATUS_OK : status;
+    status = ListUplinks(transaction, switchId, uplinks);
+    for (size_t i = 0; i < uplinks.size() && !status; ++i) {
+        NamedNic &uplink = uplinks[i];
+        if (!uplink.nic.TakesMtu(portset.mtu)) continue;
+        uplink.nic.mtu = portset.mtu;
+        status = PutRecord(transaction, runtime::NicKey(uplink.name), uplink.nic);
+    }
+    return status;
 }
 
 // The NICs bound to a switch, by port.
@@ -499,6 +544,28 @@ VsStatus PortRemoved(Transaction &transaction, std::string_view switchId, std::s
     return ForgetMacs(transaction, runtime::MacPrefix(portset, portId));
 }
 
-VsStatus ResetRuntime(Transaction &transaction) { return RemoveAll(transaction, Key({RUN, ""})); }
+bool IsNodeName(std::string_view name, size_t longest)
+{
+    return !name.empty() && name.size() <= longest && name != "." && name != ".." &&
+           name.find('/') == std::string_view::npos;
+}
+
+VsStatus StartSwitches(Transaction &transaction)
+{
+    std::vector<std::string> switchIds;
+    VsStatus status = ForEachSwitch(transaction, [&](std::string_view switchId, std::string_view) {
+        switchIds.emplace_back(switchId);
+        return true;
+    });
+    for (size_t i = 0; i < switchIds.size() && !status; ++i)
+        status = StartSwitch(transaction, switchIds[i]);
+    return status;
+}
+
+VsStatus ResetRuntime(Transaction &transaction)
+{
+    const VsStatus status = RemoveAll(transaction, Key({RUN, ""}));
+    return status ? status : StartSwitches(transaction);
+}
 
 }

@@ -15,6 +15,7 @@
 namespace vshost {
 
 inline constexpr size_t MAX_PORTSET_NAME = 127;
+inline constexpr uint32_t MAX_PORTSET_PORTS = 0x7FFFFFFF;
 // With the "/" behind it a name is one entry of an uplink listing, which has 31 characters.
 inline constexpr size_t MAX_NIC_NAME = 30;
 inline constexpr uint32_t MIN_MTU = 1280;
@@ -170,7 +171,15 @@ VsStatus PortRemoved(Transaction &transaction, std::string_view switchId, std::s
 // A switch by its alias, its id or the name of its portset.
 VsStatus FindSwitch(Reader &reader, std::string_view name, std::string &switchId);
 
-// Ends everything that runs.
+// Whether a node of the shell's tree can have this name.
+bool IsNodeName(std::string_view name, size_t longest);
+
+// Starts the portset of each switch that is associated with this host and doesn't run: with the switch's
+// class, ports and MTU, its uplinks included. One whose rows are damaged, or that no portset can have, stays
+// down, as does the second of two switches with the same portset.
+VsStatus StartSwitches(Transaction &transaction);
+
+// Ends everything that runs, and starts the switches, as a reboot does.
 VsStatus ResetRuntime(Transaction &transaction);
 
 }

@@ -70,6 +70,7 @@ struct ControlBlock {
     Output output[MAX_OUTPUTS];
     std::atomic<uint64_t> commits;
     char boot[BOOT_SIZE];
+    std::atomic<uint32_t> started;
 };
 
 namespace {
@@ -232,6 +233,10 @@ VsStatus Control::Open(const std::string &directory, std::unique_ptr<Control> &c
 std::atomic<uint64_t> &Control::Changes() { return block->changes; }
 
 StoreCounters Control::Counters() { return {block->changes, block->commits}; }
+
+bool Control::HasStarted() const { return block->started != 0; }
+
+void Control::SetStarted() { block->started = 1; }
 
 void Control::ReopenAfterFork()
 {

@@ -41,6 +41,10 @@ public:
     StoreCounters Counters();
     void ReopenAfterFork();
 
+    // Whether the host has started what it runs, since the machine did.
+    bool HasStarted() const;
+    void SetStarted();
+
     // The functions of vshost.h of the same names: 0 or an errno value.
     int Fail(vshost_kind kind, const char *operation, unsigned nth, unsigned times, uint32_t outcome);
     unsigned Failed() const;

@@ -15,6 +15,7 @@
 #include <deque>
 #include <filesystem>
 
+#include "platform/driver/runtime.h"
 #include "platform/host/guard.h"
 #include "platform/host/tables.h"
 
@@ -233,8 +234,21 @@ VsStatus Host::Open(const std::string &directory, Durability durability, bool cr
     if (VsStatus status =
             Engine::Open(directory, durability, opened->control->Counters(), opened->engine, message))
         return status;
+    opened->StartOnce();
     host = std::move(opened);
     return STATUS_OK;
+}
+
+// What cannot be started, on a full disk for one, is tried again by the next process.
+void Host::StartOnce()
+{
+    bool anySwitch = false;
+    const auto look = [&](std::string_view, std::string_view) {
+        anySwitch = true;
+        return false;
+    };
+    if (control->HasStarted() || ForEachSwitch(*engine, look)) return;
+    if (!anySwitch || engine->Write(StartSwitches) == STATUS_OK) control->SetStarted();
 }
 
 void Host::AbandonAfterFork()

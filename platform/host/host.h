@@ -33,6 +33,7 @@ private:
     Host(std::string directory, Durability durability)
         : directory(std::move(directory)), durability(durability)
     {}
+    void StartOnce();
 
     const std::string directory;
     const Durability durability;

@@ -49,7 +49,10 @@ VSHOST_API const char *vshost_error(void);
  */
 VSHOST_API int vshost_scenario(const char *json);
 
-/** Ends all runtime state (portsets, NICs, MAC tables …) as a reboot would; the store stays. */
+/**
+ * Reboots the host: ends all runtime state (portsets, NICs, MAC tables …) and then runs the portset of each
+ * switch that is associated with the host, with its ports and MTU. The store stays.
+ */
 VSHOST_API int vshost_reset(void);
 
 /* ---- Failures ----------------------------------------------------------------------------------- */

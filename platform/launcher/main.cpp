@@ -56,7 +56,7 @@ int Main(int count, char **arguments)
     show->add_option("--state", state, "Directory of the host; without it, the host that this process is on");
     show->add_flag("--json", json, "As JSON");
     CLI::App *reset =
-        app.add_subcommand("reset", "End everything that runs, as a reboot would; the store stays");
+        app.add_subcommand("reset", "Reboot: end everything that runs, then run the stored switches");
     reset->add_option("--state", state, "Directory of the host");
     CLI::App *bind = app.add_subcommand("bind", "Bind a NIC to an uplink port of a switch");
     bind->add_option("--state", state, "Directory of the host");

@@ -17,7 +17,6 @@ namespace {
 using Path = std::vector<std::string>;
 
 constexpr unsigned FAILED = 1;
-constexpr uint32_t MAX_PORTSET_PORTS = 0x7FFFFFFF;
 
 // What a node that is a folder holds.
 struct Folder {
@@ -67,12 +66,6 @@ bool ParseNumber(std::string_view text, uint32_t &number)
         text.remove_suffix(1);
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     return error == std::errc() && end == text.data() + text.size() && !text.empty();
-}
-
-bool IsName(std::string_view name, size_t longest)
-{
-    return !name.empty() && name.size() <= longest && name != "." && name != ".." &&
-           name.find('/') == std::string_view::npos;
 }
 
 bool IsPortsetNode(const Path &path, size_t depth)
@@ -204,12 +197,12 @@ unsigned CreatePortset(Engine &engine, Command &command)
     Portset portset;
     if (command.values.size() != 3) return command.Fail("takes a name, a number of ports and a class");
     const std::string &name = command.values[0], &className = command.values[2];
-    if (!IsName(name, MAX_PORTSET_NAME))
+    if (!IsNodeName(name, MAX_PORTSET_NAME))
         return command.Fail("\"" + name + "\" can't be the name of a portset");
     if (!ParseNumber(command.values[1], portset.ports) || portset.ports == 0 ||
         portset.ports > MAX_PORTSET_PORTS)
         return command.Fail("the number of ports must be 1 to " + std::to_string(MAX_PORTSET_PORTS));
-    if (!IsName(className, sizeof portset.className - 1))
+    if (!IsNodeName(className, sizeof portset.className - 1))
         return command.Fail("\"" + className + "\" can't be a class");
     SetField(portset.className, className);
     const VsStatus status =
