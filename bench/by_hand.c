@@ -231,7 +231,10 @@ static VsStatus ResolvePortset(const char *alias, char *portsetName)
     if (!name && DVSState_GlobalPropLookup(switchId, "com.talpex.common.alias", &property) == STATUS_OK)
         DVSData_Data(property, &name);
     memset(portsetName, 0, PORTSET_NAME_SIZE);
-    strncpy(portsetName, name ? name : switchId, PORTSET_NAME_SIZE - 1);
+    if (name)
+        strncpy(portsetName, name, PORTSET_NAME_SIZE - 1);
+    else
+        strncpy(portsetName, switchId, SWITCH_ID_SIZE - 1);
     return STATUS_OK;
 }
 

@@ -59,9 +59,11 @@ VsStatus DVSAliasToPortsetName(const char *alias, char *portsetOut)
     const char *switchId = DVS_SwitchId(handle);
     const char *name = CachedPortsetName(switchId);
     if (!name) name = CachedAlias(switchId);
-    if (!name) name = switchId;
     memset(portsetOut, 0, PORTSET_NAME_SIZE);
-    text::strlcpy(portsetOut, name, PORTSET_NAME_SIZE);
+    if (name)
+        text::strlcpy(portsetOut, name, PORTSET_NAME_SIZE);
+    else
+        memcpy(portsetOut, switchId, strnlen(switchId, SWITCH_ID_SIZE - 1)); // an id may fill its field
     return STATUS_OK;
 }
 

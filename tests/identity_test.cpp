@@ -1,6 +1,43 @@
 // The three names of a switch, and the start-up that makes them known.
 #include "tests/family.h"
 
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+// What a store of another maker may do: lend an id that fills its field.
+const char *fullId = nullptr;
+
+template<typename Function> Function *Next(const char *name)
+{
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+}
+
+// The library finds these before those of the host.
+extern "C" {
+
+const char *DVS_SwitchId(SwitchHandle *handle)
+{
+    return fullId ? fullId : Next<decltype(DVS_SwitchId)>("DVS_SwitchId")(handle);
+}
+
+VsStatus DVSState_HostPropLookup(const char *switchId, const char *key, PropHandle **property)
+{
+    if (switchId == fullId) return STATUS_NOT_FOUND;
+    return Next<decltype(DVSState_HostPropLookup)>("DVSState_HostPropLookup")(switchId, key, property);
+}
+
+VsStatus DVSState_GlobalPropLookup(const char *switchId, const char *key, PropHandle **property)
+{
+    if (switchId == fullId) return STATUS_NOT_FOUND;
+    return Next<decltype(DVSState_GlobalPropLookup)>("DVSState_GlobalPropLookup")(switchId, key, property);
+}
+}
+
 namespace {
 
 constexpr char UNTOUCHED = '\x55';
@@ -70,6 +107,23 @@ TEST_F(Identity, APortsetIsNamedByItsPropertyOrTheAliasOrTheId)
     EXPECT_EQ(PortsetName("both"), Found("both"));
     vshost_fail(VSHOST_STORE, "DVSState_GlobalPropLookup", 1, 0, STATUS_IO_ERROR);
     EXPECT_EQ(PortsetName("both"), Found("1"));
+}
+
+TEST_F(Identity, AnIdWithoutANulComesOutAsItsFirst63Characters)
+{
+    AddSwitch("lab", {});
+    // The id ends where the readable memory does.
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *const memory = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    char *const end = static_cast<char *>(memory) + page;
+    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
+    memset(end - SWITCH_ID_SIZE, 'i', SWITCH_ID_SIZE);
+    fullId = end - SWITCH_ID_SIZE;
+    EXPECT_EQ(PortsetName("lab"), Found(std::string(63, 'i')));
+    EXPECT_EQ(SwitchId("lab"), (Converted{STATUS_OK, Text(std::string(63, 'i'))}));
+    fullId = nullptr;
+    munmap(memory, 2 * page);
 }
 
 TEST_F(Identity, APortsetNameFindsTheLongestStoredPrefix)
