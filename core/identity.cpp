@@ -70,6 +70,7 @@ VsStatus DVSAliasToPortsetName(const char *alias, char *portsetOut)
 int DVSFindAliasForPortsetNameCB(SwitchHandle *handle, void *context)
 {
     auto *search = static_cast<AliasSearchContext *>(context);
+    if (search->found) return 1; // the store went on calling
     const char *switchId = DVS_SwitchId(handle);
     const char *portsetName = CachedPortsetName(switchId);
     if (!portsetName || strncmp(search->wanted, portsetName, strlen(portsetName)) != 0) return 0;

@@ -7,8 +7,20 @@
 
 namespace {
 
-// What a store of another maker may do: lend an id that fills its field.
+// What a store of another maker may do: lend an id that fills its field, and walk on after a match.
 const char *fullId = nullptr;
+bool walksOn = false;
+
+struct Visitor {
+    int (*callback)(SwitchHandle *, void *);
+    void *context;
+};
+int VisitAndWalkOn(SwitchHandle *handle, void *visitor)
+{
+    const auto *visit = static_cast<const Visitor *>(visitor);
+    visit->callback(handle, visit->context);
+    return 0;
+}
 
 template<typename Function> Function *Next(const char *name)
 {
@@ -35,6 +47,13 @@ VsStatus DVSState_GlobalPropLookup(const char *switchId, const char *key, PropHa
 {
     if (switchId == fullId) return STATUS_NOT_FOUND;
     return Next<decltype(DVSState_GlobalPropLookup)>("DVSState_GlobalPropLookup")(switchId, key, property);
+}
+
+void DVSState_SwitchForEach(int (*callback)(SwitchHandle *, void *), void *context)
+{
+    Visitor visitor = {callback, context};
+    const auto walk = Next<decltype(DVSState_SwitchForEach)>("DVSState_SwitchForEach");
+    walksOn ? walk(VisitAndWalkOn, &visitor) : walk(callback, context);
 }
 }
 
@@ -148,8 +167,12 @@ TEST_F(Identity, APortsetNameFindsTheLongestStoredPrefix)
                                                          {"la", ""},
                                                          {"LAB", ""},
                                                          {"without portset", ""}};
-    for (const auto &[wanted, alias] : cases)
-        EXPECT_EQ(Alias(wanted), Found(alias)) << wanted;
+    for (const bool on : {false, true}) {
+        walksOn = on;
+        for (const auto &[wanted, alias] : cases)
+            EXPECT_EQ(Alias(wanted), Found(alias)) << wanted << ", walks on: " << on;
+    }
+    walksOn = false;
     EXPECT_EQ(Alias(""), Refused(STATUS_BAD_PARAM, SWITCH_ALIAS_SIZE));
     AddSwitch("empty", "");
     EXPECT_EQ(Alias("la"), Found("empty"));
