@@ -60,12 +60,16 @@ ShellOutput::~ShellOutput()
 ShellOutput::Line ShellOutput::ReadLine(char *line, size_t size)
 {
     size_t length = 0;
+    bool ended = false; // by a carriage return
     int character = 0;
     while ((character = getc(pipe)) != EOF) {
-        if (character == '\r' || character == '\n') {
-            if (length == 0) continue;
-            break;
+        if (character == '\n') {
+            if (length > 0) break;
+            ended = false;
+            continue;
         }
+        ended |= character == '\r';
+        if (ended) continue;
         if (length == size - 1) return Line::TOO_LONG;
         line[length++] = static_cast<char>(character);
     }

@@ -35,7 +35,7 @@ public:
     size_t Read(char *buffer, size_t size) { return fread(buffer, 1, size, pipe); }
 
     enum class Line { TAKEN, TOO_LONG, END };
-    // The next line that is not blank, without its line end.
+    // The next line that is not blank, up to its line end or the first carriage return.
     Line ReadLine(char *line, size_t size);
 
 private:

@@ -1644,7 +1644,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetMTU(const char *alias, int32_t *mtu);
  *     tybel -e set /net/pNics/UPLINK/mtu MTU
  *     tybel -e set /net/portsets/PORTSET/mtu MTU
  *
- * Blank lines of the listing are skipped, and the end of a line and any "/" before it are cut.
+ * An entry of the listing ends at the first CR or LF; what follows a CR up to the LF is dropped, and so is any
+ * "/" at the entry's end. Blank lines are skipped.
  *
  * When a step fails, the uplinks set before it are set back, last first, and the portset too if it was set;
  * all to the MTU that the portset had, whatever an uplink had of its own. What these commands say is ignored,
@@ -1656,9 +1657,9 @@ VSWITCHCTL_API VsStatus VSDVS_GetMTU(const char *alias, int32_t *mtu);
  * @retval STATUS_NOT_FOUND  no switch has this alias
  * @retval STATUS_BAD_PARAM  alias is null, the MTU is out of range (tested before the alias is looked up), or
  *                           the switch is not of class "vswitch"
- * @retval STATUS_FAILURE    the old MTU could not be read, the uplinks not listed, a line of the listing is
- *                           no name of at most 31 characters, or a command failed; what was set is set back,
- *                           but for the uplink whose command failed
+ * @retval STATUS_FAILURE    the old MTU could not be read, the uplinks not listed, an entry of the listing
+ *                           has more than 31 characters, or a command failed or could not be formed; what was
+ *                           set is set back, but for the uplink whose command failed
  * @retval (store)           any status of the store when it writes `com.talpex.vswitch.mtu` (convention 1);
  *                           what was set is set back
  */

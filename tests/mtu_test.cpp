@@ -152,6 +152,10 @@ TEST_F(LabTest, AListingIsReadLineByLine)
         {"nic1/\nnic0/\n" + longest + "//\n", {"nic1", "nic0"}, STATUS_FAILURE},
         {longest + longest + "\n", {}, STATUS_FAILURE},
         {"nic1/\nnic9/\nnic0/\n", {"nic1"}, STATUS_FAILURE},
+        // A carriage return ends an entry: what follows it on the line is dropped, however long it is.
+        {"nic0/\rnic1/\nnic1\r" + longest + longest + "\r\n", {"nic0", "nic1"}, STATUS_OK},
+        {"\rnic9\nnic1\rnic9", {"nic1"}, STATUS_OK},
+        {longest + "/\r\n", {longest}, STATUS_OK},
         {"nic1/\n/\n", {"nic1"}, STATUS_FAILURE},
         {"nic1/\nnic0 nic1\n", {"nic1"}, STATUS_FAILURE},
     };
