@@ -31,7 +31,7 @@ VsStatus Hand_DVSAliasToSwitchId(const char *alias, char *switchIdOut)
 VsStatus Hand_VSDVS_GetPortProp(const char *alias, const char *dvPortId, const char *key,
                                 PropValueBuffer *value, const char *dvsId, uint8_t useAlias)
 {
-    if (!value || (value->length > 0 && !value->data) || !key || !dvPortId) return STATUS_BAD_PARAM;
+    if (!value || !key || !dvPortId) return STATUS_BAD_PARAM;
     char switchId[SWITCH_ID_SIZE];
     if (useAlias) {
         if (!alias) return STATUS_BAD_PARAM;
@@ -49,7 +49,9 @@ VsStatus Hand_VSDVS_GetPortProp(const char *alias, const char *dvPortId, const c
         value->length = (int32_t)length;
     else if ((uint32_t)value->length < length)
         status = STATUS_NO_MEMORY;
-    else
+    else if (length > 0 && !value->data)
+        status = STATUS_BAD_PARAM;
+    else if (length > 0)
         memcpy(value->data, data, length);
     DVSZOR_DataFree(data);
     return status;

@@ -11,6 +11,7 @@ inline VsStatus CopyOut(const StoreValue &value, PropValueBuffer *buffer)
         return STATUS_OK;
     }
     if (buffer->length < length || length < 0) return STATUS_NO_MEMORY;
+    if (length > 0 && !buffer->data) return STATUS_BAD_PARAM;
     value.CopyTo(buffer->data);
     return STATUS_OK;
 }
@@ -22,14 +23,12 @@ inline VsStatus Get(const PropertyScope &scope, StoreLevel level, const char *ke
     return CopyOut(value, buffer);
 }
 
-bool IsUsable(const PropValueBuffer *buffer) { return buffer && (buffer->length <= 0 || buffer->data); }
-
 }
 
 VsStatus VSDVS_GetPortProp(const char *alias, const char *dvPortId, const char *key, PropValueBuffer *value,
                            const char *dvsId, uint8_t useAlias)
 {
-    if (!dvPortId || !key || !IsUsable(value)) return STATUS_BAD_PARAM;
+    if (!dvPortId || !key || !value) return STATUS_BAD_PARAM;
     PropertyScope port;
     if (VsStatus status = port.Resolve(alias, dvsId, useAlias, dvPortId)) return status;
     return Get(port, StoreLevel::PORT, key, value);
@@ -38,7 +37,7 @@ VsStatus VSDVS_GetPortProp(const char *alias, const char *dvPortId, const char *
 VsStatus VSDVS_GetHostProp(const char *alias, const char *key, PropValueBuffer *value, const char *dvsId,
                            uint8_t useAlias)
 {
-    if (!key || !IsUsable(value)) return STATUS_BAD_PARAM;
+    if (!key || !value) return STATUS_BAD_PARAM;
     PropertyScope scope;
     if (VsStatus status = scope.Resolve(alias, dvsId, useAlias)) return status;
     return Get(scope, StoreLevel::HOST, key, value);
@@ -47,7 +46,7 @@ VsStatus VSDVS_GetHostProp(const char *alias, const char *key, PropValueBuffer *
 VsStatus VSDVS_GetGlobProp(const char *alias, const char *key, PropValueBuffer *value, const char *dvsId,
                            uint8_t useAlias)
 {
-    if (!key || !IsUsable(value)) return STATUS_BAD_PARAM;
+    if (!key || !value) return STATUS_BAD_PARAM;
     PropertyScope scope;
     if (VsStatus status = scope.Resolve(alias, dvsId, useAlias)) return status;
     return Get(scope, StoreLevel::GLOBAL, key, value);

@@ -16,7 +16,8 @@
  * 2. **Null pointers.** A pointer is required unless its entry says "may be null". A required pointer that is
  *    null gives STATUS_BAD_PARAM before anything is resolved, read, sent or written. Not tested, since they
  *    are passed on as they are: the arguments of DVPortExist(), VSDVS_FreeMemory() and VSZOR_FreeMemory(),
- *    the header of ZORIoctl(), and the data of the three generic setters (VSDVS_SetPortProp()).
+ *    the header of ZORIoctl(), and the data of the three generic setters (VSDVS_SetPortProp()). The `data` of
+ *    a PropValueBuffer is tested last, where bytes would be copied to it.
  * 3. **Outputs.** Outputs are written last and on STATUS_OK only, unless an entry says otherwise: "untouched"
  *    means as the caller left it, "null" that the pointer is set to null, "cleared" that all bytes are zero.
  * 4. **Ownership.** What a caller passes in stays the caller's, and is copied before the call returns. A
@@ -281,7 +282,7 @@ VSWITCHCTL_API uint8_t DVPortExist(const char *switchId, const char *dvPortId);
 /** A caller's buffer for the value of a property; 12 bytes, without a gap before the pointer. */
 typedef struct VSWITCHCTL_PACKED PropValueBuffer {
     int32_t length; /**< offset 0: size of `data` in bytes, or 0 to ask for the value's size */
-    void *data;     /**< offset 4: the caller's buffer; may be null when `length` is 0 */
+    void *data;     /**< offset 4: the caller's buffer; may be null where no bytes are copied to it */
 } PropValueBuffer;
 
 /**
@@ -293,14 +294,15 @@ typedef struct VSWITCHCTL_PACKED PropValueBuffer {
  * @param[in]     key       key of the property, such as `com.talpex.common.port.block`
  * @param[in,out] value     the caller's descriptor, 12 bytes. With `length` 0, `length` becomes the value's
  *                          size in bytes and `data`, which may be null, is not used. With a `length` that
- *                          suffices, the value is copied to `data`, and `length` and the bytes behind the
- *                          value stay as they were. Descriptor and data are untouched on failure.
+ *                          suffices, the value is copied to `data`, which may be null for an empty value;
+ *                          `length` and the bytes behind the value stay as they were. Descriptor and data
+ *                          are untouched on failure.
  * @param[in]     dvsId     switch id, at most 63 characters; not used, and may be null, when useAlias is 1
  * @param[in]     useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
  * @retval STATUS_OK         the size is in `value->length`, or the value in `value->data`
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the port or the property is absent
- * @retval STATUS_BAD_PARAM  a required pointer is null, `length` is positive and `data` null, dvsId has more
- *                           than 63 characters, or the switch named by alias is not of class "vswitch"
+ * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, the switch named
+ * by alias is not of class "vswitch", or `data` is null and the value, which is not empty, was to be copied
  * @retval STATUS_NO_MEMORY  `length` is negative, or smaller than the value
  * @retval (store)           any other status of the store (convention 1)
  *
@@ -327,8 +329,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetPortProp(const char *alias, const char *dvPortI
  * @param[in]     useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
  * @retval STATUS_OK         the size is in `value->length`, or the value in `value->data`
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch or the property is absent
- * @retval STATUS_BAD_PARAM  a required pointer is null, `length` is positive and `data` null, dvsId has more
- *                           than 63 characters, or the switch named by alias is not of class "vswitch"
+ * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, the switch named
+ * by alias is not of class "vswitch", or `data` is null and the value, which is not empty, was to be copied
  * @retval STATUS_NO_MEMORY  `length` is negative, or smaller than the value
  * @retval (store)           any other status of the store (convention 1)
  */
@@ -346,8 +348,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetHostProp(const char *alias, const char *key, Pr
  * @param[in]     useAlias  Boolean: 1 to name the switch by alias, 0 by dvsId
  * @retval STATUS_OK         the size is in `value->length`, or the value in `value->data`
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch or the property is absent
- * @retval STATUS_BAD_PARAM  a required pointer is null, `length` is positive and `data` null, dvsId has more
- *                           than 63 characters, or the switch named by alias is not of class "vswitch"
+ * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, the switch named
+ * by alias is not of class "vswitch", or `data` is null and the value, which is not empty, was to be copied
  * @retval STATUS_NO_MEMORY  `length` is negative, or smaller than the value
  * @retval (store)           any other status of the store (convention 1)
  */
@@ -1644,7 +1646,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetMTU(const char *alias, int32_t *mtu);
  *     tybel -e set /net/pNics/UPLINK/mtu MTU
  *     tybel -e set /net/portsets/PORTSET/mtu MTU
  *
- * An entry of the listing ends at the first CR or LF; what follows a CR up to the LF is dropped, and so is any
+ * An entry of the listing ends at the first CR or LF; what follows a CR up to the LF is dropped, and so is
+ * any
  * "/" at the entry's end. Blank lines are skipped.
  *
  * When a step fails, the uplinks set before it are set back, last first, and the portset too if it was set;

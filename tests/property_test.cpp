@@ -30,13 +30,14 @@ TEST_F(LabTest, APropertyIsReadInTwoCalls)
     const struct {
         std::optional<std::string> stored;
         std::vector<int32_t> lengths;
-        VsStatus status;
+        VsStatus status, withoutData;
     } cases[] = {
-        {{}, {0, 5, -1}, STATUS_NOT_FOUND},
-        {five, {0, 5, 6, 16, INT32_MAX}, STATUS_OK},
-        {five, {4, 1, -1, INT32_MIN}, STATUS_NO_MEMORY},
-        {"", {0, 4}, STATUS_OK},
-        {"", {-1}, STATUS_NO_MEMORY},
+        {{}, {0, 5, -1}, STATUS_NOT_FOUND, STATUS_NOT_FOUND},
+        {five, {0}, STATUS_OK, STATUS_OK},
+        {five, {5, 6, 16, INT32_MAX}, STATUS_OK, STATUS_BAD_PARAM},
+        {five, {4, 1, -1, INT32_MIN}, STATUS_NO_MEMORY, STATUS_NO_MEMORY},
+        {"", {0, 4}, STATUS_OK, STATUS_OK},
+        {"", {-1}, STATUS_NO_MEMORY, STATUS_NO_MEMORY},
     };
     for (const Level &level : LEVELS) {
         for (const auto &row : cases) {
@@ -44,15 +45,19 @@ TEST_F(LabTest, APropertyIsReadInTwoCalls)
             for (const int32_t length : row.lengths) {
                 SCOPED_TRACE(level.step + " into " + std::to_string(length));
                 std::string buffer(16, '#');
-                PropValueBuffer value = {length, length > 0 ? buffer.data() : nullptr};
-                EXPECT_EQ(level.get(LAB, KEY, &value, nullptr, 1), row.status);
-                const bool copied = row.status == STATUS_OK && length > 0;
-                const std::string read = copied ? *row.stored : "";
-                EXPECT_EQ(buffer, read + std::string(16 - read.size(), '#'));
                 const bool asked = row.status == STATUS_OK && length == 0;
-                EXPECT_EQ(value.length, asked ? static_cast<int32_t>(row.stored->size()) : length);
+                const int32_t after = asked ? static_cast<int32_t>(row.stored->size()) : length;
+                PropValueBuffer value = {length, buffer.data()}, withoutData = {length, nullptr};
+                EXPECT_EQ(level.get(LAB, KEY, &value, nullptr, 1), row.status);
+                const std::string read = row.status == STATUS_OK && !asked ? *row.stored : "";
+                EXPECT_EQ(buffer, read + std::string(16 - read.size(), '#'));
+                EXPECT_EQ(value.length, after);
+                EXPECT_EQ(level.get(LAB, KEY, &withoutData, nullptr, 1), row.withoutData);
+                EXPECT_EQ(withoutData.length, after);
             }
         }
+        PropValueBuffer withoutData = {5, nullptr};
+        EXPECT_EQ(level.get("unknown", KEY, &withoutData, nullptr, 1), STATUS_NOT_FOUND);
     }
 }
 
