@@ -515,17 +515,18 @@ VSWITCHCTL_API VsStatus VSDVS_CreateVSwitch(const char *alias, const char *switc
 
 /**
  * Destroys a switch: ends its association with this host, removes its record and all its ports from the
- * store, then destroys its portset. Stops at the first failure and undoes nothing. The command is (convention
- * 11)
+ * store, then destroys its portset. Stops at the first failure and undoes nothing. A switch whose portset
+ * name can't stand in the command is left whole. The command is (convention 11)
  *
  *     /bin/tybel -e set /net/portsets/PORTSET/destroy destroy 2> /dev/null
  *
  * @param[in]  alias  name of the switch
  * @retval STATUS_OK         the switch is gone
- * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
- * @retval STATUS_FAILURE    the destroy command failed, or the portset name can't stand in it; the store no
- *                           longer has the switch
+ * @retval STATUS_FAILURE    the portset name can't stand in the destroy command: nothing has changed. Or the
+ *                           command failed: the store no longer has the switch. Or the store answered so:
+ *                           see (store).
  * @retval (store)           any other status of the store (convention 1): when the association could not be
  *                           ended, nothing has changed; when the record could not be removed, the switch is
  *                           stored without its association, and its portset keeps running
@@ -1646,9 +1647,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetMTU(const char *alias, int32_t *mtu);
  *     tybel -e set /net/pNics/UPLINK/mtu MTU
  *     tybel -e set /net/portsets/PORTSET/mtu MTU
  *
- * An entry of the listing ends at the first CR or LF; what follows a CR up to the LF is dropped, and so is
- * any
- * "/" at the entry's end. Blank lines are skipped.
+ * An entry of the listing ends at the first CR or LF; what follows a CR up to the LF is dropped, and so are
+ * slashes at the end of an entry. Blank lines are skipped.
  *
  * When a step fails, the uplinks set before it are set back, last first, and the portset too if it was set;
  * all to the MTU that the portset had, whatever an uplink had of its own. What these commands say is ignored,

@@ -110,7 +110,9 @@ VsStatus VSDVS_DestroyVSwitch(const char *alias)
     if (VsStatus status = DVSAliasToPortsetName(alias, portsetName)) return status;
     char switchId[SWITCH_ID_SIZE];
     if (VsStatus status = DVSAliasToSwitchId(alias, switchId)) return status;
+    const ShellCommand destroy(DESTROY_COMMAND, portsetName);
+    if (!destroy.Formed()) return STATUS_FAILURE;
     if (VsStatus status = DVSZOR_SwitchDissociate(switchId)) return status;
     if (VsStatus status = DVSZOR_SwitchRemove(switchId)) return status;
-    return ShellCommand(DESTROY_COMMAND, portsetName).Run();
+    return destroy.Run();
 }

@@ -91,6 +91,10 @@ bool IsRun(const std::string &name, size_t around)
     return IsNodeName(name) && (IsPlain(name) || around + name.size() + 2 + 3 * quotes <= 255);
 }
 
+// Of the destroy command, the longest that names a portset.
+constexpr size_t AROUND =
+    std::string_view("/bin/tybel -e set /net/portsets//destroy destroy 2> /dev/null").size();
+
 class HostileNames : public LabTest {
 protected:
     void SetUp() override
@@ -135,7 +139,7 @@ TEST_F(HostileNames, OfPortsets)
         SCOPED_TRACE(testing::PrintToString(name));
         const std::string node = "/net/portsets/" + name;
         const auto command = [&](const std::string &words) { return std::vector{"-e " + words}; };
-        const bool made = name.size() <= 127 && IsRun(name, 59);
+        const bool made = name.size() <= 127 && IsRun(name, AROUND);
         const auto createdWords = "set /net/create " + name + " 64\n vswitch";
         const auto create = [&] {
             return VSDVS_CreateVSwitch("made", "made-id", name.c_str(), 1, 0, 64, 0, 0);
@@ -152,7 +156,14 @@ TEST_F(HostileNames, OfPortsets)
             EXPECT_EQ(VSDVS_GetMTU("made", &mtu), STATUS_FAILURE);
             EXPECT_EQ(mtu, 7);
             EXPECT_EQ(VSDVS_SetMTU("made", 9000), STATUS_FAILURE);
+            // A name that no command can hold leaves the switch whole; else the store loses it.
+            const bool formed = IsRun(name.substr(0, 127), AROUND);
+            ASSERT_EQ(DVSZOR_SwitchAssociate("made-id"), STATUS_OK);
+            const uint64_t stored = vshost_fingerprint();
             EXPECT_EQ(VSDVS_DestroyVSwitch("made"), STATUS_FAILURE);
+            EXPECT_EQ(vshost_fingerprint(), formed ? unchanged : stored);
+            EXPECT_NE(stored, unchanged);
+            EXPECT_EQ(DVSZOR_SwitchRemove("made-id"), formed ? STATUS_NOT_FOUND : STATUS_OK);
             EXPECT_TRUE(std::filesystem::is_empty(".")) << "something else ran";
             continue;
         }

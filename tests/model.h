@@ -127,9 +127,9 @@ public:
     void VSDVS_DestroyVSwitch(const char *alias)
     {
         const std::string portset = ResolvePortset(alias), id = Resolve(alias);
+        RequireNodeName(portset);
         Associate(id, false);
         SwitchRemove(id);
-        RequireNodeName(portset);
         Command("destroy", [&] { RemovePortset(portset); });
     }
 
