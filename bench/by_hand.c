@@ -396,14 +396,16 @@ static VsStatus CutMirror(const char *switchId, const char *dvPortId, MirrorSess
                    : DVSZOR_HostPropClear(switchId, "com.talpex.vswitch.uplinkMirrorSessions");
     uint64_t next = 0;
     for (uint32_t i = 0; i < list->sessionCount; i++) {
-        if (sessions[i].firstPortEntry != next) return STATUS_FAILURE;
-        next += Entries(&sessions[i]);
+        const uint64_t count = Entries(&sessions[i]);
+        if (count == 0) continue;
+        if (sessions[i].firstPortEntry < next) return STATUS_FAILURE;
+        next = sessions[i].firstPortEntry + count;
     }
     if (next > list->portEntryCount) return STATUS_FAILURE;
-    const uint32_t first = sessions[index].firstPortEntry;
     const uint32_t count = (uint32_t)Entries(&sessions[index]);
+    const uint32_t first = count > 0 ? sessions[index].firstPortEntry : 0;
     for (uint32_t i = index + 1; i < list->sessionCount; i++)
-        sessions[i].firstPortEntry -= count;
+        sessions[i].firstPortEntry -= sessions[i].firstPortEntry < count ? sessions[i].firstPortEntry : count;
     uint8_t *entries = (uint8_t *)(sessions + list->sessionCount);
     uint8_t *after = entries + (first + count) * sizeof(MirrorPortEntry);
     uint8_t *end = entries + list->portEntryCount * sizeof(MirrorPortEntry);

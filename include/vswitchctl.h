@@ -871,8 +871,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetDVMirrorSessions(const char *alias, const char 
  * reserved word are those of the stored list, or MIRROR_LIST_MAGIC, MIRROR_LIST_VERSION and 0.
  *
  * Each session owns the `entryCountA` + `entryCountB` + `entryCountC` port entries from its `firstPortEntry`
- * on. Give them in the order of the sessions, without gaps or overlaps: VSDVS_RemoveDVMirrorSession() relies
- * on it.
+ * on. Give them in the order of the sessions, without overlaps: VSDVS_RemoveDVMirrorSession() relies on it.
+ * For a session without port entries any `firstPortEntry` up to `portEntryCount` will do.
  *
  * @param[in]  alias     name of the switch
  * @param[in]  dvPortId  id of the port; may be null or empty, for the list of this host's uplinks
@@ -880,9 +880,9 @@ VSWITCHCTL_API VsStatus VSDVS_GetDVMirrorSessions(const char *alias, const char 
  *                       version and reserved word don't matter
  * @retval STATUS_OK         the sessions are stored
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
- * @retval STATUS_BAD_PARAM  a required pointer is null; a session's port entries reach beyond the list's, or
- *                           their counts don't add up to `portEntryCount` (both tested before the alias is
- *                           looked up); or the switch is not of class "vswitch"
+ * @retval STATUS_BAD_PARAM  a required pointer is null; a session's `firstPortEntry` and counts together
+ *                           exceed `portEntryCount`, or the counts of all sessions don't add up to it (both
+ *                           tested before the alias is looked up); or the switch is not of class "vswitch"
  * @retval STATUS_EXISTS     a session id, compared over 32 bytes, is in the stored list; nothing has changed.
  *                           Ids are not compared within `list`.
  * @retval STATUS_FAILURE    the stored list is shorter than its header or its counts require; nothing has
@@ -906,7 +906,11 @@ VSWITCHCTL_API VsStatus VSDVS_AppendDVMirrorSessions(const char *alias, const ch
 
 /**
  * Removes the first mirror session with an id, and its port entries, from the list of a port or of this
- * host's uplinks. With the last session the property itself is removed.
+ * host's uplinks. `firstPortEntry` of each session behind it is lowered by as many entries, to 0 at the
+ * lowest. With the last session the property itself is removed.
+ *
+ * The sessions' port entries must follow the order of the sessions. Port entries that no session owns stay,
+ * and a session without port entries may point anywhere.
  *
  * @param[in]  alias      name of the switch
  * @param[in]  dvPortId   id of the port; may be null or empty, for the list of this host's uplinks
@@ -915,8 +919,8 @@ VSWITCHCTL_API VsStatus VSDVS_AppendDVMirrorSessions(const char *alias, const ch
  * @retval STATUS_NOT_FOUND  no switch has this alias, the place has no list, or the list no such session
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
  * @retval STATUS_FAILURE    the stored list is shorter than its header or its counts require, or, where other
- *                           sessions remain, port entries leave the list, overlap or are out of order;
- *                           nothing has changed
+ *                           sessions remain, sessions' port entries leave the list, overlap or are out of
+ *                           order; nothing has changed
  * @retval (store)           any other status of the store (convention 1); nothing has changed
  */
 VSWITCHCTL_API VsStatus VSDVS_RemoveDVMirrorSession(const char *alias, const char *dvPortId,

@@ -68,14 +68,17 @@ bool SumsAddUp(const MirrorSessionList *list)
     return sum == list->portEntryCount;
 }
 
-// The block rule: the sessions' blocks follow one another from 0 without gap or overlap.
-bool BlocksFollowOneAnother(const MirrorSessionList *list)
+// Whether the sessions' blocks stay in the list and follow one another without overlap. A session without
+// entries has no block, wherever it points.
+bool BlocksAreInOrder(const MirrorSessionList *list)
 {
     uint64_t next = 0;
     for (uint32_t i = 0; i < list->sessionCount; i++) {
         const MirrorSessionRecord &session = Sessions(list)[i];
-        if (session.firstPortEntry != next) return false;
-        next += EntryCount(session);
+        const uint64_t count = EntryCount(session);
+        if (count == 0) continue;
+        if (session.firstPortEntry < next) return false;
+        next = session.firstPortEntry + count;
     }
     return next <= list->portEntryCount;
 }
@@ -123,14 +126,17 @@ void Merge(const MirrorSessionList *stored, const MirrorSessionList *added, Mirr
         Sessions(merged)[i].firstPortEntry += stored->portEntryCount;
 }
 
-// Closes the gaps in place; the list obeys the block rule.
+// Closes the gaps in place; the list's blocks are in order.
 void CutSession(MirrorSessionList *list, uint32_t index)
 {
     MirrorSessionRecord *cut = Sessions(list) + index;
-    const uint32_t first = cut->firstPortEntry;
     const auto count = static_cast<uint32_t>(EntryCount(*cut));
-    for (uint32_t i = index + 1; i < list->sessionCount; i++)
-        Sessions(list)[i].firstPortEntry -= count;
+    const uint32_t first = count > 0 ? cut->firstPortEntry : 0;
+    for (uint32_t i = index + 1; i < list->sessionCount; i++) {
+        MirrorSessionRecord &later = Sessions(list)[i];
+        // A session without entries may point anywhere.
+        later.firstPortEntry -= later.firstPortEntry < count ? later.firstPortEntry : count;
+    }
 
     const MirrorPortEntry *entries = PortEntries(list);
     auto *end = reinterpret_cast<uint8_t *>(cut);
@@ -220,7 +226,7 @@ VsStatus VSDVS_RemoveDVMirrorSession(const char *alias, const char *dvPortId, co
     uint32_t index = 0;
     if (!FindSession(list, sessionId, &index)) return STATUS_NOT_FOUND;
     if (list->sessionCount == 1) return place.Clear();
-    if (!BlocksFollowOneAnother(list)) return STATUS_FAILURE;
+    if (!BlocksAreInOrder(list)) return STATUS_FAILURE;
     CutSession(list, index);
     return place.Write(list);
 }

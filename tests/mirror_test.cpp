@@ -212,18 +212,66 @@ TEST_F(LabTest, OnlyARemovalLooksAtTheBlocks)
         EXPECT_EQ(AT_PORT.Append(List({Made("d", 1)})), STATUS_OK);
         EXPECT_EQ(AT_PORT.Stored()->substr(20, 3 * 232), list.substr(20, 3 * 232));
     }
-    // Entries at the end that nobody owns stay; a list's only session takes the list with it.
-    std::string list = whole + std::string(52, 'e'), only = List({Made("a", 1)});
-    list[12] = 5;
-    AT_PORT.Store(list);
-    ASSERT_EQ(AT_PORT.RemoveSession("b"), STATUS_OK);
-    std::string expected = List({Made("a", 1), Made("c", 1)}) + std::string(52, 'e');
-    expected[12] = 3;
-    EXPECT_EQ(AT_PORT.Stored(), expected);
+    // Entries that no session owns stay, between the blocks and behind them.
+    for (const char unowned : {'\0', '\1'}) {
+        std::string list = whole + std::string(52, 'e'), expected = List({Made("a", 1), Made("c", 1)});
+        list[12] = 5;
+        for (const size_t session : {1u, 2u})
+            list[20 + 232 * session + 228] = static_cast<char>(list[20 + 232 * session + 228] + unowned);
+        AT_PORT.Store(list);
+        ASSERT_EQ(AT_PORT.RemoveSession("b"), STATUS_OK);
+        expected[12] = 3;
+        expected[20 + 232 + 228] = static_cast<char>(1 + unowned);
+        const std::string entries = list.substr(20 + 3 * 232);
+        const size_t before = 52 * (1 + static_cast<size_t>(unowned));
+        EXPECT_EQ(AT_PORT.Stored(), expected.substr(0, 20 + 2 * 232) + entries.substr(0, before) +
+                                        entries.substr(before + 2 * 52));
+    }
+    // A list's only session takes the list with it.
+    std::string only = List({Made("a", 1)});
     only[20 + 228] = 9;
     AT_PORT.Store(only);
     EXPECT_EQ(AT_PORT.RemoveSession("a"), STATUS_OK);
     EXPECT_EQ(AT_PORT.Stored(), std::nullopt);
+}
+
+TEST_F(LabTest, ASessionWithoutEntriesMayPointAnywhere)
+{
+    // The list, and where each session points.
+    const auto list = [](const Model &model, const std::vector<uint32_t> &firsts) {
+        std::string bytes = List(model);
+        for (size_t i = 0; i < firsts.size(); i++)
+            memcpy(&bytes[20 + 232 * i + 228], &firsts[i], 4);
+        return bytes;
+    };
+    const Session a = Made("a", 2), b = Made("b", 0), c = Made("c", 1), d = Made("d", 0);
+    const struct {
+        std::vector<uint32_t> firsts; // of a to d
+        const char *gone;
+        Model left;
+        std::vector<uint32_t> firstsLeft;
+    } cases[] = {
+        {{0, 0, 2, 0}, "a", {b, c, d}, {0, 0, 0}}, // a first that would wrap becomes 0
+        {{0, 1, 2, 3}, "a", {b, c, d}, {0, 0, 1}},
+        {{0, 0, 2, 0}, "b", {a, c, d}, {0, 2, 0}},
+        {{0, 0, 2, 0}, "c", {a, b, d}, {0, 0, 0}},
+        {{0, 0, 2, 1}, "d", {a, b, c}, {0, 0, 2}},
+        {{0, 3, 2, 2}, "b", {a, c, d}, {0, 2, 2}},
+        {{0, 3, 2, 2}, "c", {a, b, d}, {0, 3, 1}},
+        {{0, 0xffffffff, 2, 0x80000000}, "a", {b, c, d}, {0xfffffffd, 0, 0x7ffffffe}},
+        {{0, 0xffffffff, 2, 0x80000000}, "b", {a, c, d}, {0, 2, 0x80000000}},
+        {{0, 0xffffffff, 2, 0x80000000}, "d", {a, b, c}, {0, 0xffffffff, 2}},
+    };
+    for (const auto &row : cases) {
+        SCOPED_TRACE(&row - cases);
+        const std::string before = list({a, b, c, d}, row.firsts);
+        AT_PORT.Store(std::nullopt);
+        const bool inList = *std::max_element(row.firsts.begin(), row.firsts.end()) <= 3;
+        EXPECT_EQ(AT_PORT.Append(before), inList ? STATUS_OK : STATUS_BAD_PARAM);
+        AT_PORT.Store(before);
+        EXPECT_EQ(AT_PORT.RemoveSession(row.gone), STATUS_OK);
+        EXPECT_EQ(AT_PORT.Stored(), list(row.left, row.firstsLeft));
+    }
 }
 
 TEST_F(LabTest, AnIdCountsForThirtyTwoBytes)

@@ -739,11 +739,13 @@ private:
             }
             return sum == entries.size();
         }
-        // Whether the blocks of entries stay in the list, don't overlap and follow the sessions' order.
+        // Whether the blocks of entries stay in the list, don't overlap and follow the sessions' order. A
+        // session without entries has none.
         bool AreInOrder() const
         {
             uint64_t next = 0;
             for (const std::string &session : sessions) {
+                if (Owned(session) == 0) continue;
                 if (First(session) < next) return false;
                 next = First(session) + Owned(session);
             }
@@ -758,12 +760,16 @@ private:
         }
         void Remove(size_t index)
         {
-            const auto first = entries.begin() + static_cast<ptrdiff_t>(First(sessions[index]));
             const auto owned = static_cast<uint32_t>(Owned(sessions[index]));
-            entries.erase(first, first + owned);
+            if (owned > 0) {
+                const auto first = entries.begin() + static_cast<ptrdiff_t>(First(sessions[index]));
+                entries.erase(first, first + owned);
+            }
             sessions.erase(sessions.begin() + static_cast<ptrdiff_t>(index));
-            for (; index < sessions.size(); index++)
-                sessions[index].replace(228, 4, Word(WordAt(sessions[index], 228) - owned));
+            for (; index < sessions.size(); index++) {
+                const uint32_t first = WordAt(sessions[index], 228);
+                sessions[index].replace(228, 4, Word(first - std::min(first, owned)));
+            }
         }
         std::string List() const
         {
