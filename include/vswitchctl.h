@@ -9,10 +9,11 @@
  * 1. **Status.** An operation returns a VsStatus, unless it has nothing to report: STATUS_OK, which is 0, or
  *    0x0BAD0000 plus a small number. The first step that fails decides. A code comes from the library itself,
  *    from the store, unchanged, or from the errno of a failed driver request, translated as the list of codes
- *    shows. A row `(store)` stands for each code of the store that the entry does not list. A row `(errno)`
- *    stands for the translation of the errno with which the device could not be opened or refused the
- *    request: a missing device is STATUS_NOT_FOUND; EINVAL and every errno that has no code of its own are
- *    STATUS_FAILURE; a request that fails with errno 0 counts as STATUS_OK.
+ *    shows. A row `(store)` stands for each code that the store may answer. It may be one that the entry
+ *    lists for another cause; where the store is the cause, the row `(store)` tells what has changed. A row
+ *    `(errno)` stands for the translation of the errno with which the device could not be opened or refused
+ *    the request: a missing device is STATUS_NOT_FOUND; EINVAL and every errno that has no code of its own
+ *    are STATUS_FAILURE; a request that fails with errno 0 counts as STATUS_OK.
  * 2. **Null pointers.** A pointer is required unless its entry says "may be null". A required pointer that is
  *    null gives STATUS_BAD_PARAM before anything is resolved, read, sent or written. Not tested, since they
  *    are passed on as they are: the arguments of DVPortExist(), VSDVS_FreeMemory() and VSZOR_FreeMemory(),
@@ -20,6 +21,7 @@
  *    a PropValueBuffer is tested last, where bytes would be copied to it.
  * 3. **Outputs.** Outputs are written last and on STATUS_OK only, unless an entry says otherwise: "untouched"
  *    means as the caller left it, "null" that the pointer is set to null, "cleared" that all bytes are zero.
+ *    A driver that fails a request may have written before to a buffer of the caller's that it fills.
  * 4. **Ownership.** What a caller passes in stays the caller's, and is copied before the call returns. A
  *    buffer handed out through a pointer belongs to the caller: release one from a VSDVS_ operation with
  *    VSDVS_FreeMemory() and one from a VSZOR_ operation with VSZOR_FreeMemory(). The two are not
@@ -164,8 +166,10 @@ typedef uint32_t VsStatus;
  * Runs by itself when the library is loaded; a later call reloads the cache, and with it what is known of
  * aliases and portset names.
  *
- * Reports nothing: when the store fails, the cache stays empty and every alias is STATUS_NOT_FOUND. Reloading
- * ends the life of what other threads may be reading from the cache: call it while no other operation runs.
+ * Reports nothing. When the store can't empty the cache, the cache stays as the store left it, with what it
+ * held before; when the store can't yield the configuration, the cache stays empty and every alias is
+ * STATUS_NOT_FOUND. Reloading ends the life of what other threads may be reading from the cache: call it
+ * while no other operation runs.
  */
 VSWITCHCTL_API void LibraryInit(void);
 
@@ -736,7 +740,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetSwitchUplinkPorts(const char *alias, UplinkName
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
  * @retval STATUS_BAD_PARAM  a required pointer is null, the switch is not of class "vswitch", or the name has
  *                           more than 47 characters; nothing has changed
- * @retval STATUS_EXISTS     the port id is listed already; nothing has changed
+ * @retval STATUS_EXISTS     the port id is listed already, or the switch has an unlisted port of this id;
+ *                           nothing has changed
  * @retval STATUS_FAILURE    the stored lists are malformed (see VSDVS_GetSwitchUplinkPorts()); nothing has
  *                           changed
  * @retval STATUS_NO_MEMORY  the longer lists could not be allocated or are too large (convention 8); nothing
@@ -754,13 +759,15 @@ VSWITCHCTL_API VsStatus VSDVS_AddSwitchUplinkPort(const char *alias, const char 
  * @param[in]  dvPortId  id of the uplink's port
  * @retval STATUS_OK         the uplink is removed, or it was not listed and nothing has changed
  * @retval STATUS_NOT_FOUND  no switch has this alias, a list is absent, or a listed port, this port or its
- *                           alias is; nothing has changed
+ *                           alias is: nothing has changed. Or another program cleared a list meanwhile that
+ *                           this call was to clear: the port is removed already; see (store).
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
  * @retval STATUS_FAILURE    the stored lists are malformed (see VSDVS_GetSwitchUplinkPorts()); nothing has
  *                           changed
  * @retval STATUS_NO_MEMORY  no memory to read the lists; nothing has changed
- * @retval (store)           any other status of the store (convention 1). Nothing is undone: when a list
- *                           could not be written, the port is removed already.
+ * @retval (store)           any other status of the store (convention 1). Nothing is undone: when the port
+ *                           could not be removed, nothing has changed; when a list could not be written or
+ *                           cleared, the port is removed already.
  */
 VSWITCHCTL_API VsStatus VSDVS_RemoveSwitchUplinkPort(const char *alias, const char *dvPortId);
 
@@ -786,9 +793,11 @@ VSWITCHCTL_API VsStatus VSDVS_ClearSwitchUplinkPorts(const char *alias);
  *
  * @param[in]  alias  name of the switch
  * @param[out] mode   MCAST_FILTER_LEGACY (0) or MCAST_FILTER_SNOOPING (1), or what the driver answers.
- *                    Untouched on failure.
+ *                    Untouched by the library on failure; a driver that fails may have written to it
+ *                    before.
  * @retval STATUS_OK         the mode is in `mode`
- * @retval STATUS_NOT_FOUND  no switch has this alias, or the driver's device is missing
+ * @retval STATUS_NOT_FOUND  no switch has this alias; or no mode is stored, and the driver's device is
+ *                           missing or the driver answered ENOENT
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
  * @retval STATUS_FAILURE    the stored text is neither "legacyFiltering" nor "snooping"; or see (errno)
  * @retval (store)           any other status of the store (convention 1)
@@ -803,7 +812,7 @@ VSWITCHCTL_API VsStatus VSDVS_GetMcastFilterMode(const char *alias, uint32_t *mo
  * @param[in]  alias  name of the switch
  * @param[in]  mode   MCAST_FILTER_LEGACY (0) or MCAST_FILTER_SNOOPING (1)
  * @retval STATUS_OK         the mode is stored
- * @retval STATUS_NOT_FOUND  no switch has this alias
+ * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
  * @retval STATUS_BAD_PARAM  alias is null, the mode is another (tested before the alias is looked up), or the
  *                           switch is not of class "vswitch"
  * @retval (store)           any other status of the store (convention 1)
@@ -987,7 +996,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetPrivateVLANMap(const char *alias, PVLANMapEntry
  * @param[in]  entries  `count` PVLANMapEntry of 8 bytes; may be null when count is 0
  * @param[in]  count    number of entries, below 2^29 (convention 8); 0 removes the map
  * @retval STATUS_OK         the map is stored, or removed
- * @retval STATUS_NOT_FOUND  no switch has this alias, or count is 0 and the switch has no map
+ * @retval STATUS_NOT_FOUND  no switch has this alias, the store has no such switch, or count is 0 and the
+ *                           switch has no map
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
  * @retval (store)           any other status of the store (convention 1)
  */
@@ -1031,7 +1041,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetPortVLANPolicy(const char *alias, const char *d
  * @retval STATUS_OK         policy and priority are stored
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
- * @retval STATUS_NO_MEMORY  the record could not be allocated; nothing has changed
+ * @retval STATUS_NO_MEMORY  the record could not be allocated: nothing has changed. Or the store answered so:
+ *                           see (store).
  * @retval (store)           any other status of the store (convention 1). When the policy could not be
  *                           written, nothing has changed; when the priority could not, the new policy is
  *                           stored, and its flags and the stored priority may disagree.
@@ -1724,7 +1735,8 @@ VSWITCHCTL_API VsStatus ZORIoctl(const char *path, int32_t request, ZorRequestHe
  *                       The caller's: release with VSZOR_FreeMemory(). Null after any failure.
  * @retval STATUS_OK         the list is complete; `count` may be 0
  * @retval STATUS_BAD_PARAM  `switches` is null; nothing was sent
- * @retval STATUS_FAILURE    the first request failed, with whatever errno; or see (errno)
+ * @retval STATUS_FAILURE    no count came back from the first request: the device is missing or the driver
+ *                           refused, with whatever errno. Or see (errno).
  * @retval STATUS_NO_MEMORY  the list could not be allocated, or the driver answered ENOMEM
  * @retval (errno)           the second request failed (convention 1)
  *
@@ -2028,7 +2040,8 @@ typedef struct VSWITCHCTL_PACKED ZorMcastStatsHeader {
  *
  * @param[in]  portsetName  kernel name of the switch; cut to 127 characters
  * @param[out] mode         the driver's value, unchanged: MCAST_FILTER_LEGACY (0) or MCAST_FILTER_SNOOPING
- *                          (1). Untouched by the library on failure.
+ *                          (1). Untouched by the library on failure; a driver that fails may have written
+ *                          to it before.
  * @retval STATUS_OK         the mode is in `mode`
  * @retval STATUS_BAD_PARAM  a required pointer is null; nothing was sent
  * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
@@ -2241,7 +2254,8 @@ VSWITCHCTL_API VsStatus VSZOR_GetLSTeamingPolicyTable(const char *alias, LSTeami
  * @param[in]  record   its first 32 bits are its number of entries c; the driver reads 9 + 128 * c bytes,
  *                      computed in 32 bits, and the record must hold as many (convention 8). The rest is the
  *                      driver's.
- * @param[in]  command  command number, passed on as it is
+ * @param[in]  command  command number, sign-extended to the width of the request argument of ioctl as in
+ *                      ZORIoctl(): 0x80000000 and above set the upper bits too
  * @retval STATUS_OK         the driver took the request
  * @retval STATUS_BAD_PARAM  `record` is null; nothing was sent
  * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own

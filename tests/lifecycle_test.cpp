@@ -121,7 +121,7 @@ TEST_F(Lifecycle, ADestructionStopsAtItsFirstFailure)
         VsStatus status;
         size_t steps;
     } cases[] = {{VSHOST_STORE, "DVSZOR_SwitchDissociate", STATUS_BUSY, STATUS_BUSY, 1},
-                 {VSHOST_STORE, "DVSZOR_SwitchRemove", STATUS_BUSY, STATUS_BUSY, 2},
+                 {VSHOST_STORE, "DVSZOR_SwitchRemove", STATUS_FAILURE, STATUS_FAILURE, 2},
                  {VSHOST_SHELL, "destroy", 1, STATUS_FAILURE, 3}};
     for (const auto &row : cases) {
         const uint64_t before = vshost_fingerprint();
@@ -131,6 +131,43 @@ TEST_F(Lifecycle, ADestructionStopsAtItsFirstFailure)
         EXPECT_EQ(Read(SWITCH_ALIAS, nullptr, "id").has_value(), row.steps < 3) << row.operation;
     }
     EXPECT_EQ(StepsOf([] { EXPECT_EQ(VSDVS_DestroyVSwitch(LAB), STATUS_NOT_FOUND); }), Steps{});
+}
+
+// What has changed depends on who gave the status, the library or the store.
+TEST_F(LabTest, TheStoreMayAnswerWithAStatusThatTheLibraryHasToo)
+{
+    const auto destroy = [] { return VSDVS_DestroyVSwitch(LAB); };
+    const auto setPriority = [] { return VSDVS_SetPortVLANPolicy(LAB, PORT, 5, 3, 0, 0, nullptr, 0); };
+    const auto removeUplink = [] { return VSDVS_RemoveSwitchUplinkPort(LAB, "uplink0"); };
+    const struct {
+        const char *operation;
+        unsigned nth;
+        VsStatus status;
+        std::function<VsStatus()> call;
+        Steps changed;
+    } cases[] = {
+        {"DVSZOR_PortDataSet", 1, STATUS_NO_MEMORY, setPriority, {}},
+        {"DVSZOR_PortDataSet", 2, STATUS_NO_MEMORY, setPriority, {"vlan"}},
+        {"DVSZOR_PortRemove", 1, STATUS_NOT_FOUND, removeUplink, {}},
+        {"DVSZOR_GlobalPropSet", 1, STATUS_NOT_FOUND, removeUplink, {"uplink0"}},
+        {"DVSZOR_HostPropSet", 1, STATUS_NOT_FOUND, removeUplink, {"uplink0", "names"}},
+        {"DVSZOR_SwitchDissociate", 1, STATUS_FAILURE, destroy, {}},
+    };
+    for (const auto &row : cases) {
+        SCOPED_TRACE(row.operation + " "s + std::to_string(row.nth));
+        StartHost();
+        ASSERT_EQ(CreateLab(), STATUS_OK);
+        const auto vlan = Read(PORT_VLAN), names = Read(SWITCH_UPLINK_NAMES);
+        const uint64_t before = vshost_fingerprint();
+        vshost_fail(VSHOST_STORE, row.operation, row.nth, 1, row.status);
+        EXPECT_EQ(row.call(), row.status);
+        EXPECT_EQ(vshost_fingerprint() == before, row.changed.empty());
+        Steps changed;
+        if (Read(PORT_VLAN) != vlan) changed.push_back("vlan");
+        if (!DVPortExist(LAB_ID, "uplink0")) changed.push_back("uplink0");
+        if (Read(SWITCH_UPLINK_NAMES) != names) changed.push_back("names");
+        EXPECT_EQ(changed, row.changed);
+    }
 }
 
 TEST_F(LabTest, APortComesWithAllItsProperties)
