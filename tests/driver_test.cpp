@@ -276,6 +276,42 @@ TEST(Program, DISABLED_InheritedDevice)
     EXPECT_EQ(Ioctl(atoi(inherited), VSWITCH_GET_MCAST_MODE, &input, sizeof input, &mode, sizeof mode), 0);
 }
 
+// Another thread may read the environment at any time, so nothing but a start and a stop changes it. Programs
+// that start learn from the host itself that their allocations are to fail.
+TEST_F(Driver, FaultsReachProgramsWithoutTheEnvironment)
+{
+    const auto environment = [] {
+        Words variables;
+        for (char **variable = environ; *variable; variable++)
+            variables.emplace_back(*variable);
+        return variables;
+    };
+    const auto failsInAProgram = [] {
+        return system("exec /proc/$PPID/exe --gtest_also_run_disabled_tests --gtest_brief=1 "
+                      "--gtest_filter=*AllocationThatFails >/dev/null") == 0;
+    };
+    const Words before = environment();
+    EXPECT_FALSE(failsInAProgram());
+    ASSERT_EQ(vshost_fail(VSHOST_ALLOCATION, nullptr, 1, 0, 0), 0);
+    EXPECT_EQ(environment(), before);
+    EXPECT_TRUE(failsInAProgram());
+    vshost_clear();
+    EXPECT_FALSE(failsInAProgram());
+    ASSERT_EQ(vshost_scenario(R"({"faults": [{"kind": "allocation", "times": 0}]})"), 0) << vshost_error();
+    EXPECT_EQ(environment(), before);
+    EXPECT_TRUE(failsInAProgram());
+    ASSERT_EQ(vshost_reset(), 0);
+    EXPECT_EQ(environment(), before);
+}
+
+// Run by FaultsReachProgramsWithoutTheEnvironment in a process of its own.
+TEST(Program, DISABLED_AllocationThatFails)
+{
+    void *uplinks = nullptr;
+    EXPECT_EQ(VSZOR_GetUplinks(LAB_PORTSET, &uplinks), STATUS_NO_MEMORY);
+    VSZOR_FreeMemory(uplinks);
+}
+
 TEST_F(Driver, OtherFilesAreLeftAlone)
 {
     errno = EDOM;

@@ -63,6 +63,14 @@ TEST_F(EngineTest, AWorkThatThrowsIsUndoneAndTheNextOneRuns)
     EXPECT_EQ(host->GetEngine().Get("key", value), STATUS_NOT_FOUND);
 }
 
+TEST(Status, AnErrnoComesBackAsItWasGiven)
+{
+    for (int error : {ENOSPC, EROFS, ENOMEM, EIO})
+        EXPECT_EQ(ErrnoOf(StatusOfErrno(error)), error);
+    EXPECT_EQ(ErrnoOf(StatusOfErrno(EACCES)), EROFS);
+    EXPECT_EQ(ErrnoOf(STATUS_NOT_FOUND, ENODEV), ENODEV);
+}
+
 int ThrowErrno(int) { throw std::bad_alloc(); }
 VsStatus ThrowStatus() { throw std::length_error("too long"); }
 const char *ThrowText() { throw 1; }

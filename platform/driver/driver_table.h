@@ -22,10 +22,6 @@ struct VshostShellResult {
     size_t length;
 };
 
-/* Set in the environment when allocations are to fail: processes that start then patch the control library.
- */
-#define ALLOCATION_VARIABLE "VSHOST_ALLOCATIONS"
-
 struct VshostDriver {
     /* Devices: 0 is the driver's, 1 is the RTM device. Returns a descriptor, or -1 with errno. */
     int (*openDevice)(int device, int flags, unsigned mode);

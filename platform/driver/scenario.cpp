@@ -10,7 +10,6 @@
 #include <optional>
 #include <utility>
 
-#include "platform/driver/driver_table.h"
 #include "platform/driver/group.h"
 #include "platform/driver/json_schema.h"
 #include "platform/driver/runtime.h"
@@ -355,7 +354,6 @@ void MakeFaults(Control &control, const std::vector<Fault> &faults)
 {
     for (const Fault &fault : faults) {
         const char *operation = fault.operation.empty() ? nullptr : fault.operation.c_str();
-        if (fault.kind == VSHOST_ALLOCATION) setenv(ALLOCATION_VARIABLE, "1", 1);
         control.Fail(fault.kind, operation, fault.nth, fault.times, fault.outcome);
     }
 }

@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
@@ -107,7 +108,7 @@ __attribute__((constructor)) void Load()
     }
     const char *directory = StartDirectory();
     if (directory) EnterHost(directory);
-    if (directory && getenv(ALLOCATION_VARIABLE) && Core()) PatchAllocations();
+    if (AllocationsMayFail() && Core()) PatchAllocations();
 }
 
 }
@@ -117,6 +118,20 @@ const RealFunctions &Real()
 {
     pthread_once(&resolveOnce, ResolveAll);
     return real;
+}
+
+bool AllocationsMayFail()
+{
+    const ShimHost *host = CurrentHost();
+    char path[PATH_SIZE];
+    uint32_t flags = 0;
+    if (!host || snprintf(path, sizeof(path), "%s%s", host->directory, VSHOST_CONTROL_FILE) >= int{PATH_SIZE})
+        return false;
+    const int file = Real().open(path, O_RDONLY | O_CLOEXEC);
+    if (file < 0) return false;
+    const bool known = pread(file, &flags, sizeof(flags), VSHOST_CONTROL_FLAGS) == sizeof(flags);
+    Real().close(file);
+    return known && flags & VSHOST_CONTROL_HAS_ALLOCATIONS;
 }
 
 ShimHost *CurrentHost() { return currentHost.load(std::memory_order_acquire); }

@@ -50,7 +50,8 @@ const VshostDriver *Driver();   // of the core, likewise loaded
 const char *TybelPath();        // the shell that stands beside this library
 void ShellInProcess(bool on);
 void HoldStreamsAcrossForks();
-void PatchAllocations(); // from now on, those of the control library are counted and may fail
+bool AllocationsMayFail(); // by the rules of this process's host
+void PatchAllocations();   // from now on, those of the control library are counted and may fail
 uint64_t TakeAllocationCount();
 
 #endif

@@ -1,7 +1,5 @@
 // The functions of vshost.h: each belongs to the core, but for what only the preload can do.
 #include <errno.h>
-#include <stdlib.h>
-#include <string.h>
 #include <vshost.h>
 
 #include "platform/driver/shim.h"
@@ -44,7 +42,7 @@ int vshost_scenario(const char *json)
     const VshostCore *core = Core();
     if (!core) return NO_CORE;
     const int error = core->scenario(json);
-    if (getenv(ALLOCATION_VARIABLE)) PatchAllocations();
+    if (AllocationsMayFail()) PatchAllocations();
     return error;
 }
 
@@ -59,10 +57,7 @@ int vshost_fail(enum vshost_kind kind, const char *operation, unsigned nth, unsi
     const VshostCore *core = Core();
     if (!core) return NO_CORE;
     const int error = core->fail(kind, operation, nth, times, outcome);
-    if (kind == VSHOST_ALLOCATION && !error) {
-        PatchAllocations();
-        setenv(ALLOCATION_VARIABLE, "1", 1);
-    }
+    if (kind == VSHOST_ALLOCATION && !error) PatchAllocations();
     return error;
 }
 
@@ -88,7 +83,6 @@ void vshost_shell_in_process(int on) { ShellInProcess(on != 0); }
 
 void vshost_clear(void)
 {
-    unsetenv(ALLOCATION_VARIABLE);
     if (const VshostCore *core = Core()) core->clear();
 }
 

@@ -31,8 +31,9 @@ int Reset()
 {
     HostUse host;
     if (!host) return NoHost();
-    if (host->GetEngine().Write(ResetRuntime) == STATUS_OK) return 0;
-    return SetError(EIO, host->Directory() + ": the runtime tables cannot be written");
+    const VsStatus status = host->GetEngine().Write(ResetRuntime);
+    return status ? SetError(ErrnoOf(status), host->Directory() + ": the runtime tables cannot be written")
+                  : 0;
 }
 
 int Scenario(const char *json)
@@ -104,10 +105,9 @@ int ReadProperty(vshost_level level, const char *switchId, const char *portId, c
                  Property &property)
 {
     HostUse host;
-    if (!host) return host.Status() == STATUS_OK ? ENOENT : EIO;
+    if (!host) return ErrnoOf(host.Status() ? host.Status() : STATUS_NOT_FOUND);
     const PropertyOwner owner{static_cast<Level>(level), switchId, level == VSHOST_PORT ? portId : ""};
-    const VsStatus status = GetProperty(host->GetEngine(), owner, key, property);
-    return status == STATUS_OK ? 0 : status == STATUS_NOT_FOUND ? ENOENT : EIO;
+    return ErrnoOf(GetProperty(host->GetEngine(), owner, key, property));
 }
 
 int PropertyEntry(vshost_level level, const char *switchId, const char *portId, const char *key, void *value,

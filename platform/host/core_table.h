@@ -12,6 +12,11 @@
 extern "C" {
 #endif
 
+/* What of the control file the preload reads itself, before it needs the core: a word of flags. */
+#define VSHOST_CONTROL_FILE "/control"
+#define VSHOST_CONTROL_FLAGS 16           /* where the word is */
+#define VSHOST_CONTROL_HAS_ALLOCATIONS 4u /* rules make allocations fail */
+
 struct VshostCore {
     // The functions of vshost.h, but for those that the preload does itself.
     int (*start)(const char *directory, int durable);

@@ -4,7 +4,9 @@
  *
  * Link with -lvshost (the library that `vshost run` preloads). Everything here works on the host that
  * the process is on, and what is set here (faults, answers, recording) is seen by every process on
- * that host: it lives in memory that they share. All functions may be called from any thread.
+ * that host: it lives in memory that they share. All functions may be called from any thread, but for
+ * vshost_start and vshost_stop: these change the environment, so no other thread may run meanwhile. Call them
+ * before a program starts its threads and after it has ended them.
  */
 #ifndef VSHOST_H
 #define VSHOST_H
@@ -23,7 +25,7 @@ extern "C" {
 /**
  * Starts a host for this process and the children that it starts from now on, and makes the command
  * `tybel` and the preload known to them through the environment. A host that this process had started
- * before is dropped first.
+ * before is dropped first. No other thread may run meanwhile: it changes the environment.
  *
  * @param directory  the host's directory, made when it is missing; null makes a throw-away host in
  *                   memory-backed files, removed by vshost_stop or when the process exits
@@ -32,7 +34,10 @@ extern "C" {
  */
 VSHOST_API int vshost_start(const char *directory, int durable);
 
-/** Leaves the host; one that vshost_start(NULL, …) made is removed with everything in it. */
+/**
+ * Leaves the host; one that vshost_start(NULL, …) made is removed with everything in it. No other thread may
+ * run meanwhile.
+ */
 VSHOST_API void vshost_stop(void);
 
 /** Directory of the host that this process is on; null when it is on none. */
@@ -103,7 +108,8 @@ VSHOST_API int vshost_answer(uint32_t command, unsigned times, const void *bytes
 
 /**
  * Answers shell commands with this verb ("get" or "ls") with given bytes as their standard output,
- * instead of running them; at most 4 stand, 1,048,576 bytes each. @return 0, ENOSPC, or EINVAL for another verb too
+ * instead of running them; at most 4 stand, 1,048,576 bytes each. @return 0, ENOSPC, or EINVAL for another
+ * verb too
  */
 VSHOST_API int vshost_shell_output(const char *verb, const void *bytes, uint32_t length);
 
@@ -164,7 +170,7 @@ enum vshost_level { VSHOST_GLOBAL = 0, VSHOST_HOST = 1, VSHOST_PORT = 2 };
  * @param value         receives at most `capacity` bytes; may be null
  * @param length        receives the value's whole length
  * @param flags         receives its StoreFlags; may be null
- * @return 0, ENOENT, or EIO
+ * @return 0, ENOENT, EIO or ENOMEM
  */
 VSHOST_API int vshost_property(enum vshost_level level, const char *switchId, const char *portId,
                                const char *key, void *value, uint32_t capacity, uint32_t *length,
