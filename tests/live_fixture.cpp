@@ -66,7 +66,7 @@ LoadOptions LiveTest::Options()
 {
     LoadOptions options;
     options.bpffs = Sandbox::Get().Bpffs();
-    options.identity = testing::UnitTest::GetInstance()->current_test_info()->name();
+    options.identity = "host";
     options.capacity = {.ports = 256, .switches = 16, .addresses = 16384};
     return options;
 }
@@ -94,28 +94,50 @@ Sent OnTheWire(const LiveTestCopy &copy)
 
 }
 
-TestRun::TestRun(const LoadOptions &options)
+Medium::Medium(const LoadOptions &options)
 {
-    LoadOptions testOptions = options;
-    size_t size = 0;
-    const void *bytes = vswitch_test_run_bpf__elf_bytes(&size);
-    testOptions.object = {static_cast<const uint8_t *>(bytes), size};
-    EXPECT_EQ(path.Open(testOptions), vshost::STATUS_OK) << path.Message();
-    void *memory = mmap(nullptr, sizeof(LiveTestRun), PROT_READ | PROT_WRITE, MAP_SHARED,
-                        path.Kernel().MapDescriptor("test_run"), 0);
-    run = static_cast<LiveTestRun *>(memory);
-    run->now = 1000000000;
+    EXPECT_EQ(path.Open(options), vshost::STATUS_OK) << path.Message();
     path.SetHost({});
 }
 
-TestRun::~TestRun() { munmap(run, sizeof(LiveTestRun)); }
-
-void TestRun::Publish(const SwitchConfig &config)
+void Medium::Publish(SwitchConfig config)
 {
+    for (PortConfig &port : config.ports)
+        if (port.ifindex == ANY_INTERFACE) port.ifindex = InterfaceOf(port.number);
     Change change;
     ASSERT_EQ(path.PrepareSwitch(config, change), vshost::STATUS_OK) << path.Message();
     path.Publish(change);
 }
+
+void Medium::Publish(PortConfig port)
+{
+    if (port.ifindex == ANY_INTERFACE) port.ifindex = InterfaceOf(port.number);
+    Change change;
+    ASSERT_EQ(path.PreparePort(port, change), vshost::STATUS_OK) << path.Message();
+    path.Publish(change);
+}
+
+namespace {
+
+LoadOptions WithTestObject(LoadOptions options)
+{
+    size_t size = 0;
+    const void *bytes = vswitch_test_run_bpf__elf_bytes(&size);
+    options.object = {static_cast<const uint8_t *>(bytes), size};
+    return options;
+}
+
+}
+
+TestRun::TestRun(const LoadOptions &options) : Medium(WithTestObject(options))
+{
+    void *memory = mmap(nullptr, sizeof(LiveTestRun), PROT_READ | PROT_WRITE, MAP_SHARED,
+                        path.Kernel().MapDescriptor("test_run"), 0);
+    run = static_cast<LiveTestRun *>(memory);
+    run->now = 1000000000;
+}
+
+TestRun::~TestRun() { munmap(run, sizeof(LiveTestRun)); }
 
 std::vector<Sent> TestRun::Run(uint32_t port, const Bytes &frame, uint32_t segmentSize)
 {

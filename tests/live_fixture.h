@@ -52,19 +52,37 @@ struct Sent {
 
 Sent MakeSent(uint32_t port, const Bytes &frame);
 
-// The data path in the kernel's test run. Ports have interfaces of their own number.
-class TestRun {
-public:
-    explicit TestRun(const LoadOptions &options);
-    ~TestRun();
+// PortConfig.ifindex of a port whose interface the medium chooses.
+inline constexpr uint32_t ANY_INTERFACE = UINT32_MAX;
 
-    // What leaves, in the order of the ports.
-    std::vector<Sent> Run(uint32_t port, const Bytes &frame, uint32_t segmentSize = 0);
-    void Publish(const SwitchConfig &config); // expects it to succeed
-    void SetTime(uint64_t ns) { run->now = ns; }
-    void SetLink(uint32_t port, int result) { run->linkResults[port % LIVE_TEST_LINKS] = result; }
+// A data path with a way to put frames into it: the kernel's test run, or interfaces.
+class Medium {
+public:
+    explicit Medium(const LoadOptions &options);
+    virtual ~Medium() = default;
+
+    // What leaves when a frame comes in by a port, in the order of the ports.
+    virtual std::vector<Sent> Run(uint32_t port, const Bytes &frame, uint32_t segmentSize = 0) = 0;
+    virtual uint32_t InterfaceOf(uint32_t port) const { return port; }
+    virtual void SetTime(uint64_t) {}
+    virtual void SetLink(uint32_t, int) {}
+
+    // Both expect to succeed. Ports with ANY_INTERFACE get one of the medium's.
+    void Publish(SwitchConfig config);
+    void Publish(PortConfig port);
 
     DataPath path;
+};
+
+// Ports have interfaces of their own number, unless they say otherwise.
+class TestRun : public Medium {
+public:
+    explicit TestRun(const LoadOptions &options);
+    ~TestRun() override;
+
+    std::vector<Sent> Run(uint32_t port, const Bytes &frame, uint32_t segmentSize = 0) override;
+    void SetTime(uint64_t ns) override { run->now = ns; }
+    void SetLink(uint32_t port, int result) override { run->linkResults[port % LIVE_TEST_LINKS] = result; }
 
 private:
     LiveTestRun *run = nullptr;

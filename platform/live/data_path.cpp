@@ -27,8 +27,7 @@ uint32_t FlagsWord(const PortConfig &port)
 {
     return FlagIf(port.uplink, LIVE_PORT_UPLINK) | FlagIf(port.blocked, LIVE_PORT_BLOCKED) |
            FlagIf(port.learning, LIVE_PORT_LEARNING) |
-           FlagIf(port.forwardsOverLimit, LIVE_PORT_FORWARDS_OVER_LIMIT) |
-           FlagIf(port.takesUnknown, LIVE_PORT_TAKES_UNKNOWN) | FlagIf(port.sink, LIVE_PORT_SINK);
+           FlagIf(port.forwardsOverLimit, LIVE_PORT_FORWARDS_OVER_LIMIT);
 }
 
 uint32_t VlanWord(const PortConfig &port)

@@ -31,12 +31,10 @@
 
 /** Bits of LivePort.flags. */
 enum LivePortFlag {
-    LIVE_PORT_UPLINK = 1,              /* leads to the physical network */
-    LIVE_PORT_BLOCKED = 2,             /* nothing in, nothing out */
-    LIVE_PORT_LEARNING = 4,            /* keeps several addresses; else the one last seen */
-    LIVE_PORT_FORWARDS_OVER_LIMIT = 8, /* frames from addresses over the limit pass */
-    LIVE_PORT_TAKES_UNKNOWN = 16,      /* gets unicast to addresses that no port has */
-    LIVE_PORT_SINK = 32                /* so does a sink port */
+    LIVE_PORT_UPLINK = 1,             /* leads to the physical network */
+    LIVE_PORT_BLOCKED = 2,            /* nothing in, nothing out */
+    LIVE_PORT_LEARNING = 4,           /* keeps several addresses; else the one last seen */
+    LIVE_PORT_FORWARDS_OVER_LIMIT = 8 /* frames from addresses over the limit pass */
 };
 
 /* LivePort.vlan: the access VLAN in the low 16 bits, then the priority, then whether it is a trunk. */

@@ -99,7 +99,8 @@ static __always_inline uint64_t Now(const struct LiveHost *limits)
 
 static __always_inline uint32_t IngressInterface(struct __sk_buff *skb) { return skb->ifindex; }
 
-// Sends a copy. Not 0: it was not sent (2: the interface has no carrier; negative: it is down or gone).
+// Sends a copy. Not 0: it was not sent (1: the interface's queue is full; 2: it has no carrier; negative: it
+// is gone).
 static __always_inline long Send(struct __sk_buff *skb, uint32_t ifindex)
 {
     return bpf_clone_redirect(skb, ifindex, 0);
@@ -117,6 +118,7 @@ static __always_inline int SendLast(struct __sk_buff *skb, uint32_t ifindex)
 
 #define PASS (-1)
 #define NOT_SENT (-1)
+#define QUEUE_FULL 1    // NET_XMIT_DROP of the kernel
 #define TAGGED 0x10000u // beside the 16 bits of a tag
 
 enum Destination { UNICAST, MULTICAST, BROADCAST };
@@ -139,7 +141,8 @@ struct Frame {
     uint16_t etherType;
     uint16_t destinationKind;
     uint32_t copies; // sent to ports other than uplinks
-    uint32_t sentToUplink;
+    bool sentToUplink;
+    bool queueWasFull; // of an uplink that should have taken the frame
     struct LiveAddressKey source;
     struct LiveAddressKey destination;
 };
@@ -277,6 +280,7 @@ static __always_inline enum Carriage CarriageAt(const struct Frame *frame, const
                                                 uint32_t slot)
 {
     if (READ_WORD(port->switchIndex) != frame->source.switchIndex) return NOT_CARRIED;
+    if (READ_WORD(port->ifindex) == 0) return NOT_CARRIED;
     const uint32_t word = READ_WORD(port->vlan);
     if (!(word & LIVE_PORT_TRUNK))
         return (word & LIVE_PORT_VLAN_MASK) == frame->vlan ? CARRIED_UNTAGGED : NOT_CARRIED;
@@ -297,17 +301,21 @@ static __always_inline bool SetTag(struct Frame *frame, uint32_t tag)
 
 // ---- What a port may send ----
 
+#define USUAL_HEADER_LENGTH 40 // of IPv4 and TCP
+
 // Length of the headers that each segment of an offloaded frame gets, from the IP header on.
 static __always_inline uint32_t SegmentHeaderLength(const struct Frame *frame)
 {
+    const bool isIpv6 = frame->etherType == ETH_P_IPV6;
     uint8_t first = 0, protocol = 0, dataOffset = 0;
-    const bool ipv6 = frame->etherType == ETH_P_IPV6;
+    if (!isIpv6 && frame->etherType != ETH_P_IP) return USUAL_HEADER_LENGTH;
     bpf_skb_load_bytes(frame->skb, ETH_HLEN, &first, 1);
-    bpf_skb_load_bytes(frame->skb, ETH_HLEN + (ipv6 ? 6 : 9), &protocol, 1);
-    const uint32_t ipLength = ipv6 ? 40 : (first & 15u) * 4;
+    bpf_skb_load_bytes(frame->skb, ETH_HLEN + (isIpv6 ? 6 : 9), &protocol, 1);
+    const uint32_t ipLength = isIpv6 ? 40 : (first & 15u) * 4;
     if (protocol == IPPROTO_UDP) return ipLength + 8;
+    if (protocol != IPPROTO_TCP) return USUAL_HEADER_LENGTH;
     bpf_skb_load_bytes(frame->skb, ETH_HLEN + ipLength + 12, &dataOffset, 1);
-    return protocol == IPPROTO_TCP ? ipLength + (dataOffset >> 4) * 4 : 40;
+    return ipLength + (dataOffset >> 4) * 4;
 }
 
 // An offloaded frame is longer than what it becomes on the wire.
@@ -580,7 +588,6 @@ static __always_inline int SendItself(struct Frame *frame, const struct LivePort
 struct ListWalk {
     struct Frame *frame;
     struct LiveSection list;
-    uint32_t flags; // a port gets the frame if it has one of these; 0: every port
 };
 
 // A list is as old as the snapshot; the words of each port are of this moment, and they decide.
@@ -593,8 +600,7 @@ static long SendToListed(uint32_t index, struct ListWalk *walk)
     const uint32_t slot = slots->slots[index & (LIVE_SLOTS - 1)];
     const struct LivePort *port = FindPort(slot);
     if (!port || slot == frame->slot) return 0;
-    const uint32_t flags = READ_WORD(port->flags);
-    if (flags & LIVE_PORT_BLOCKED || (walk->flags && !(flags & walk->flags))) return 0;
+    if (READ_WORD(port->flags) & LIVE_PORT_BLOCKED) return 0;
     const enum Carriage carriage = CarriageAt(frame, port, slot);
     if (carriage == NOT_CARRIED) return 0;
     if (SendCopy(frame, port, slot, carriage))
@@ -614,8 +620,10 @@ static __always_inline void NoteUplink(struct Frame *frame, uint32_t slot, bool 
     if (last) CountAt(slot, isPreferred ? LIVE_FAILBACKS : LIVE_FAILOVERS);
 }
 
-// A port keeps one uplink, which its number chooses, and goes to the next one while that doesn't work. The
-// first round tries uplinks that are known to work, the second one the others: user space may be away.
+// A port keeps one uplink, which its number chooses, and goes to the next one while that doesn't work. An
+// interface whose queue is full may be about to lose its carrier: the frame takes the next uplink, but the
+// port has not changed. The first round tries uplinks that are known to work, the second one the others: user
+// space may be away.
 static long TryUplink(uint32_t index, struct Frame *frame)
 {
     const uint32_t count = frame->header->uplinkCount;
@@ -633,10 +641,10 @@ static long TryUplink(uint32_t index, struct Frame *frame)
     if (carriage == NOT_CARRIED) return 0;
 
     const long result = SendCopy(frame, port, slot, carriage);
-    if (result == 1) return 1; // its queue is full, but it works
+    if (result == QUEUE_FULL) frame->queueWasFull = true;
     if (result) return 0;
-    NoteUplink(frame, slot, uplink == preferred);
-    frame->sentToUplink = 1;
+    if (!frame->queueWasFull) NoteUplink(frame, slot, uplink == preferred);
+    frame->sentToUplink = true;
     return 1;
 }
 
@@ -658,12 +666,9 @@ enum List { NOBODY, ALL_PORTS, PORTS_FOR_UNKNOWN };
 
 static __always_inline void SendToList(struct Frame *frame, enum List list)
 {
-    struct ListWalk walk = {.frame = frame, .list = frame->header->flood};
-    if (list == PORTS_FOR_UNKNOWN) {
-        walk.list = frame->header->unknown;
-        walk.flags = LIVE_PORT_TAKES_UNKNOWN | LIVE_PORT_SINK;
-    }
-    if (list != NOBODY && walk.list.count) bpf_loop(walk.list.count, SendToListed, &walk, 0);
+    if (list == NOBODY) return;
+    struct ListWalk walk = {frame, list == ALL_PORTS ? frame->header->flood : frame->header->unknown};
+    if (walk.list.count) bpf_loop(walk.list.count, SendToListed, &walk, 0);
 }
 
 // To the ports of a list, then, from a local port, to its uplink.
