@@ -8,6 +8,7 @@
 #   ./test.sh --crash ROUNDS   kills a writer so often
 #   ./test.sh --model SEEDS    random walks beside the model, so many of each kind
 #   ./test.sh --threads        the whole suite under the thread sanitizer
+#   ./test.sh --cross          builds for aarch64 in a fresh root and runs the library's tests under qemu (as root)
 #   ./test.sh --packages       Debian packages into a fresh root, twice the same bytes (as root)
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -74,6 +75,10 @@ case "${1-}" in
     install_packages lintian mmdebstrap
     tests/package/packages_test.sh
     ;;
+--cross)
+    install_packages mmdebstrap qemu-user-static
+    tests/cross/cross_test.sh
+    ;;
 --crash)
     build_preset release
     VSWITCHCTL_CRASH_ROUNDS=$2 build/release/tests/crash_test
@@ -86,7 +91,7 @@ case "${1-}" in
     analyse
     ;;
 *)
-    sed -n '2,12s/^# \{0,1\}//p' "$0"
+    sed -n '2,13s/^# \{0,1\}//p' "$0"
     exit 2
     ;;
 esac
