@@ -1,8 +1,9 @@
-// A file in TOML or JSON, whose every part knows the line and column that it stands at.
+// A file in TOML or JSON. Errors name the part by its JSON pointer; in TOML, by line and column too.
 #include "document.h"
 
-#include <algorithm>
 #include <fmt/format.h>
+#include <functional>
+#include <set>
 #include <sstream>
 #include <toml++/toml.h>
 
@@ -12,118 +13,34 @@ namespace {
 
 constexpr size_t MAX_DEPTH = 32; // what these files can hold is far less deep
 
-// Notes where the members of a JSON text end, and that no key comes twice.
-class PositionReader : public nlohmann::json_sax<Json> {
+// Looks at a JSON text while it is parsed. It refuses a key that comes twice, of which the parser would keep
+// the last, and nesting too deep for the parser's own stack.
+class JsonCheck {
 public:
-    PositionReader(const char *text, const char *const &reached) : text(text), reached(reached) {}
-
-    bool null() override { return Value(); }
-    bool boolean(bool) override { return Value(); }
-    bool number_integer(number_integer_t) override { return Value(); }
-    bool number_unsigned(number_unsigned_t) override { return Value(); }
-    bool number_float(number_float_t, const string_t &) override { return Value(); }
-    bool string(string_t &) override { return Value(); }
-    bool binary(binary_t &) override { return Value(); }
-    bool start_object(std::size_t) override { return Open(false); }
-    bool start_array(std::size_t) override { return Open(true); }
-    bool end_object() override { return Close(); }
-    bool end_array() override { return Close(); }
-    bool key(string_t &key) override
+    bool operator()(int depth, Json::parse_event_t event, const Json &parsed)
     {
-        levels.back().step = PointerStep(key);
-        const auto [end, isNew] = ends.insert_or_assign(Pointer(), Offset());
-        if (!isNew) twice = end->first;
-        return isNew;
+        const auto level = static_cast<size_t>(depth);
+        if (level > MAX_DEPTH) throw Error(Exit::BAD_VALUE, "not JSON: nested too deeply");
+        if (event == Json::parse_event_t::object_start) {
+            keys.resize(level + 1);
+            keys[level].clear();
+        }
+        if (event == Json::parse_event_t::key) Add(level, parsed.get<std::string>());
+        return true;
     }
-    bool parse_error(std::size_t position, const std::string &,
-                     const nlohmann::detail::exception &error) override
-    {
-        const std::string what = error.what();
-        fault = what.substr(what.rfind(": ") == std::string::npos ? 0 : what.rfind(": ") + 2);
-        faultOffset = position ? position - 1 : 0;
-        return false;
-    }
-
-    std::map<std::string, size_t> ends; // of the key, or of the value in a list
-    std::string twice;
-    std::string fault;
-    size_t faultOffset = 0;
+    std::string twice; // the pointer of the first key that comes twice
 
 private:
-    struct Level {
-        bool isArray;
-        size_t next = 0;
-        std::string step{};
-    };
-
-    size_t Offset() const { return static_cast<size_t>(reached - text); }
-    std::string Pointer() const
+    void Add(size_t level, const std::string &key)
     {
-        std::string pointer;
-        for (const Level &level : levels)
-            pointer += "/" + level.step;
-        return pointer;
+        path.resize(level);
+        path.back() = "/" + PointerStep(key);
+        const bool isNew = keys[level - 1].insert(key).second;
+        if (!isNew && twice.empty()) twice = fmt::format("{}", fmt::join(path, ""));
     }
-    bool Value()
-    {
-        if (levels.empty() || !levels.back().isArray) return true;
-        levels.back().step = std::to_string(levels.back().next++);
-        ends.emplace(Pointer(), Offset());
-        return true;
-    }
-    bool Open(bool isArray)
-    {
-        Value();
-        levels.push_back({isArray});
-        if (levels.size() <= MAX_DEPTH) return true;
-        fault = "nested too deeply";
-        faultOffset = Offset() - 1;
-        return false;
-    }
-    bool Close()
-    {
-        levels.pop_back();
-        return true;
-    }
-
-    const char *text;
-    const char *const &reached;
-    std::vector<Level> levels;
+    std::vector<std::set<std::string>> keys; // of the open objects, by level
+    std::vector<std::string> path;           // of the last key
 };
-
-// Tells how far the parser has read.
-struct CountingIterator {
-    using iterator_category = std::input_iterator_tag;
-    using value_type = char;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const char *;
-    using reference = const char &;
-
-    reference operator*() const { return *at; }
-    CountingIterator &operator++()
-    {
-        *reached = ++at;
-        return *this;
-    }
-    bool operator==(const CountingIterator &other) const { return at == other.at; }
-
-    const char *at;
-    const char **reached;
-};
-
-// Where the text or number that ends here begins.
-size_t StartOfToken(const std::string &text, size_t end)
-{
-    size_t start = std::min(end, text.size());
-    if (start && text[start - 1] == '"') {
-        for (start--; start && (text[start - 1] != '"' || (start > 1 && text[start - 2] == '\\'));)
-            start--;
-        return start ? start - 1 : 0;
-    }
-    while (start && (isalnum(static_cast<unsigned char>(text[start - 1])) || strchr("+-.", text[start - 1])))
-        start--;
-    return start;
-}
 
 }
 
@@ -139,22 +56,16 @@ Document::Document(const std::string &path) : path(path == "-" ? "standard input
 
 void Document::ReadJson(const std::string &text)
 {
-    std::vector<size_t> lines = {0};
-    for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1))
-        lines.push_back(end + 1);
-    const auto position = [&lines](size_t offset) {
-        const auto next = std::upper_bound(lines.begin(), lines.end(), offset);
-        return Position{static_cast<size_t>(next - lines.begin()), offset - *(next - 1) + 1};
-    };
-    const char *reached = text.data();
-    PositionReader reader(text.data(), reached);
-    const bool valid = Json::sax_parse(CountingIterator{text.data(), &reached},
-                                       CountingIterator{text.data() + text.size(), &reached}, &reader);
-    for (const auto &[pointer, end] : reader.ends)
-        positions[pointer] = position(StartOfToken(text, end));
-    if (!reader.twice.empty()) throw At(reader.twice, "this key is there twice");
-    if (!valid) throw At(position(reader.faultOffset), "not JSON: " + reader.fault, Exit::BAD_VALUE);
-    root = Json::parse(text);
+    JsonCheck check;
+    try {
+        root = Json::parse(text, std::ref(check));
+    } catch (const Json::parse_error &error) {
+        const std::string what = error.what();
+        throw Error(Exit::BAD_VALUE, fmt::format("{}: not JSON: {}", path, what.substr(what.find(']') + 2)));
+    } catch (const Error &error) {
+        throw Error(error.exit, fmt::format("{}: {}", path, error.problem));
+    }
+    if (!check.twice.empty()) throw At(check.twice, "this key is there twice");
 }
 
 namespace {
@@ -226,7 +137,8 @@ Error Document::At(const std::string &pointer, const std::string &problem, Exit 
 {
     const auto found = positions.find(pointer);
     const std::string where = pointer.empty() ? "" : pointer.substr(1) + " ";
-    return At(found == positions.end() ? Position{1, 1} : found->second, where + problem, exit);
+    if (found != positions.end()) return At(found->second, where + problem, exit);
+    return Error(exit, fmt::format("{}: {}{}", path, where, problem));
 }
 
 std::string PointerStep(const std::string &key)

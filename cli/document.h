@@ -1,4 +1,4 @@
-// A file in TOML or JSON, whose every part knows the line and column that it stands at.
+// A file in TOML or JSON. Errors name the part by its JSON pointer; in TOML, by line and column too.
 #ifndef CLI_DOCUMENT_H
 #define CLI_DOCUMENT_H
 
@@ -10,7 +10,7 @@ namespace vsctl {
 
 class Document {
 public:
-    // Throws with file, line and column when the file isn't well-formed.
+    // Throws when the file is not well-formed, with the place of the fault.
     explicit Document(const std::string &path);
     const Json &Root() const { return root; }
     // An error at the part with this JSON pointer.
@@ -27,7 +27,7 @@ private:
 
     std::string path;
     Json root;
-    std::map<std::string, Position> positions;
+    std::map<std::string, Position> positions; // of a TOML file
 };
 
 // One step of a JSON pointer.

@@ -170,19 +170,19 @@ class Values(OnHost):
                 target = target[step]
             target[steps[-1]] = value
             for verb in ("plan", "apply"):
-                self.refused([verb, "-"], 5, "standard input:1:", *reasons, stdin=json.dumps(document))
+                self.refused([verb, "-"], 5, "standard input: switch", *reasons, stdin=json.dumps(document))
         for text, *reasons in (
-                ("", "1:1: a file describes 'switches'"), ("{", "1:2: not JSON"), ('{"switches": {}} x', "not JSON"), ('{"switches": {"a": {}, "a": {}}}', "1:24:", "twice"),
+                ("", "a file describes 'switches'"), ("{", "line 1, column 2", "not JSON"), ('{"switches": {}} x', "not JSON"), ('{"switches": {"a": {}, "a": {}}}', "switches/a ", "twice"),
                 ('{"switches": ' + "[" * 100000, "nested too deeply"), ("a = " + "[" * 100000, "not TOML"), ("[switches.lab]\nmtu = 1500\nmtu = 1500\n", "3:", "not TOML"),
                 ("[switches.lab]\nmtu = 1500.5\n", "2:1", "9000"), ("[switches.lab]\nmtu = 1979-05-27\n", "2:1", "9000"),
-                ("[switches.lab]\nmtu = 0x10000\n", "2:1", "9000"), ('[switches."a\\u0000b"]\n', "1:", "127"), ('{"switches": {"a\x01": {}}}', "1:", "not JSON")):
+                ("[switches.lab]\nmtu = 0x10000\n", "2:1", "9000"), ('[switches."a\\u0000b"]\n', "1:", "127"), ('{"switches": {"a\x01": {}}}', "line 1,", "not JSON")):
             self.refused(["plan", "-"], 5, *reasons, stdin=text)
         names = {"ab": {}, "a/b": {"portset": "x"}, "a~1b": {}, "a~/b": {"portset": "y"}}  # told apart in a fault's place
         self.assertEqual(len(self.rows("plan", "-", stdin=json.dumps({"switches": names}), code=10)), 4)
         broken = self.directory / "broken"
-        for text in (b'[switches."\xff"]', b'{"switches": {"\xff": {}}}'):
+        for text, place in ((b'[switches."\xff"]', f"{broken}:1:"), (b'{"switches": {"\xff": {}}}', f"{broken}: ")):
             broken.write_bytes(text)
-            self.refused(["plan", str(broken)], 5, f"{broken}:1:", "not ")
+            self.refused(["plan", str(broken)], 5, place, "not ")
 
     def test_fields_that_are_not_named_keep_their_value(self):
         """In commands and in files alike. In one VLAN or a trunk: naming one ends the other, naming both sets both."""
