@@ -19,7 +19,7 @@ HOST = ctypes.CDLL(str(BUILD / "platform/libvshost.so"))
 HOST.vshost_error.restype = ctypes.c_char_p
 HOST.vshost_fingerprint.restype = ctypes.c_uint64
 # "$" of JSON Schema matches at the end of a string alone, that of Python before a last line feed too.
-TEXT = (SOURCE / "platform/launcher/scenario.schema.json").read_text()
+TEXT = (SOURCE / "platform/scenario/scenario.schema.json").read_text()
 SCHEMA = json.loads(re.sub(r'(?<="pattern": ")(.*)\$(?=")', r"\1\\\\Z", TEXT))
 VALIDATOR = jsonschema.Draft202012Validator(SCHEMA, format_checker=jsonschema.FormatChecker())
 KINDS = {"store": 1, "shell": 2, "driver": 3, "open": 4, "allocation": 5}

@@ -14,7 +14,7 @@ set(reference_tools docs/reference/families.awk docs/reference/header.py docs/re
                     docs/reference/manpages.py docs/reference/reference.css
                     docs/reference/command_page.py docs/reference/schema_page.py docs/reference/vshost.roff
                     docs/reference/vsctl.roff docs/reference/command_files.sh)
-set(scenario_schema ${PROJECT_SOURCE_DIR}/platform/launcher/scenario.schema.json)
+set(scenario_schema ${PROJECT_SOURCE_DIR}/platform/scenario/scenario.schema.json)
 configure_file(docs/reference/Doxyfile.in ${CMAKE_BINARY_DIR}/Doxyfile @ONLY)
 add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${REFERENCE_DIRECTORY}

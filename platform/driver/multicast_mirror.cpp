@@ -4,8 +4,8 @@
 #include <cerrno>
 #include <set>
 
-#include "platform/driver/group.h"
 #include "platform/driver/request.h"
+#include "platform/host/group.h"
 
 namespace vshost {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/driver/port_policies.h"
-#include "platform/driver/runtime.h"
+#include "platform/host/port_policies.h"
+#include "platform/host/runtime.h"
 
 namespace vshost {
 

@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/host/core_table.h"
+#include "platform/host/locations.h"
 
 namespace vshost {
 namespace {
@@ -31,7 +31,7 @@ constexpr size_t BOOT_SIZE = 40;
 // What is looked at by every call; zero when there is nothing to do.
 constexpr uint32_t HAS_FAULTS = 1;
 constexpr uint32_t RECORDING = 2;
-constexpr uint32_t HAS_ALLOCATIONS = VSHOST_CONTROL_HAS_ALLOCATIONS; // beside HAS_FAULTS
+constexpr uint32_t HAS_ALLOCATIONS = CONTROL_HAS_ALLOCATIONS; // beside HAS_FAULTS
 
 // A rule is in use from the moment `times` and the others stand and `kind` is not 0.
 struct Fault {
@@ -79,7 +79,7 @@ struct ControlBlock {
 namespace {
 
 constexpr size_t BLOCK_SIZE = 16384;
-static_assert(offsetof(ControlBlock, active) == VSHOST_CONTROL_FLAGS);
+static_assert(offsetof(ControlBlock, active) == CONTROL_FLAGS);
 static_assert(sizeof(ControlBlock) <= BLOCK_SIZE && std::atomic<uint64_t>::is_always_lock_free);
 
 constexpr off_t ANSWERS_START = BLOCK_SIZE;
@@ -217,7 +217,7 @@ Control::~Control()
 
 VsStatus Control::Open(const std::string &directory, std::unique_ptr<Control> &control, std::string &message)
 {
-    const std::string path = directory + VSHOST_CONTROL_FILE;
+    const std::string path = directory + "/" + CONTROL_FILE;
     const int fd = OpenKeptFile(path, O_RDWR | O_CREAT);
     if (fd < 0) return Refuse(path, errno, message);
     int error = Prepare(fd);

@@ -15,8 +15,8 @@
 #include <deque>
 #include <filesystem>
 
-#include "platform/driver/runtime.h"
 #include "platform/host/guard.h"
+#include "platform/host/runtime.h"
 #include "platform/host/tables.h"
 
 namespace vshost {

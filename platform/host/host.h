@@ -9,13 +9,9 @@
 #include "platform/host/control.h"
 #include "platform/host/engine.h"
 #include "platform/host/host_lock.h"
+#include "platform/host/locations.h"
 
 namespace vshost {
-
-inline constexpr const char *ENVIRONMENT_DIRECTORY = "VSHOST_DIR";
-inline constexpr const char *ENVIRONMENT_DURABILITY = "VSHOST_DURABILITY"; // "disk" (default) or "process"
-inline constexpr const char *DEVICE_FILE = "dev/vswitch";                  // in the host's directory
-inline constexpr const char *RTM_FILE = "dev/rtm";
 
 class Host {
 public:

@@ -15,8 +15,8 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/driver/runtime.h"
 #include "platform/host/bundle.h"
+#include "platform/host/runtime.h"
 
 namespace vshost {
 namespace {

@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/driver/port_policies.h"
 #include "platform/host/engine.h"
+#include "platform/host/port_policies.h"
 
 namespace vshost {
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/driver/runtime.h"
 #include "platform/host/host.h"
+#include "platform/host/runtime.h"
 
 namespace vshost {
 

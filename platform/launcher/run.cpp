@@ -8,8 +8,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "platform/driver/scenario.h"
 #include "platform/launcher/launcher.h"
+#include "platform/scenario/scenario.h"
 
 namespace vshost {
 

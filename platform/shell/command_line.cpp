@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "platform/host/host.h"
+#include "platform/shell/command_line.h"
 #include "platform/shell/shell.h"
 
 namespace vshost {
@@ -115,7 +116,7 @@ void WriteAll(int descriptor, std::string_view bytes)
 }
 
 // False when memory is short.
-bool Capture(const std::string &out, VshostShellResult &result)
+bool Capture(const std::string &out, CommandResult &result)
 {
     result.output = static_cast<char *>(malloc(out.size() + 1));
     if (!result.output) return false;
@@ -145,23 +146,23 @@ bool SplitCommandLine(const char *line, std::vector<std::string> &words, bool &d
     return Splitter(line).Split(words, discardErrors);
 }
 
-VshostShellVerdict RunCommandLine(const char *line, bool inProcess, bool capture, VshostShellResult *result)
+Verdict RunCommandLine(const char *line, bool inProcess, bool capture, CommandResult *result)
 {
     std::vector<std::string> words;
     bool discardErrors;
-    if (!SplitCommandLine(line, words, discardErrors)) return VSHOST_SHELL_PASS;
-    if (words[0] != "tybel" && words[0] != "/bin/tybel") return VSHOST_SHELL_PASS;
+    if (!SplitCommandLine(line, words, discardErrors)) return Verdict::PASS;
+    if (words[0] != "tybel" && words[0] != "/bin/tybel") return Verdict::PASS;
     words.erase(words.begin());
-    if (!inProcess) return RefusedToStart(words) ? VSHOST_SHELL_REFUSED : VSHOST_SHELL_PASS;
+    if (!inProcess) return RefusedToStart(words) ? Verdict::REFUSED : Verdict::PASS;
 
     std::string out, err;
     const unsigned code = RunShell(words, out, err);
-    if (code == VSHOST_SHELL_NOT_STARTED) return VSHOST_SHELL_REFUSED;
+    if (code == VSHOST_SHELL_NOT_STARTED) return Verdict::REFUSED;
     if (!discardErrors) WriteAll(STDERR_FILENO, err);
     if (!capture) WriteAll(STDOUT_FILENO, out);
-    if (capture && !Capture(out, *result)) return VSHOST_SHELL_REFUSED;
+    if (capture && !Capture(out, *result)) return Verdict::REFUSED;
     result->status = code == VSHOST_SHELL_KILLED ? KILLED_STATUS : static_cast<int>(code << 8);
-    return VSHOST_SHELL_RAN;
+    return Verdict::RAN;
 }
 
 }

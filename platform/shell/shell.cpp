@@ -6,9 +6,9 @@
 #include <charconv>
 #include <utility>
 
-#include "platform/driver/runtime.h"
 #include "platform/host/guard.h"
 #include "platform/host/host.h"
+#include "platform/host/runtime.h"
 
 namespace vshost {
 

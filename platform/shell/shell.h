@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/driver/driver_table.h"
-
 namespace vshost {
 
 // Runs one command, "-e VERB NODE [VALUE…]", on this process's host. Returns its exit code, or one of
@@ -17,9 +15,6 @@ std::string JoinWords(const std::vector<std::string> &words);
 
 // The command as faults and the recording name it.
 std::string ShellOperation(const std::vector<std::string> &arguments);
-
-// Answers system() and popen() in their stead, see driver_table.h.
-VshostShellVerdict RunCommandLine(const char *line, bool inProcess, bool capture, VshostShellResult *result);
 
 // Splits a command line as sh does, when it consists of plain and quoted words and "2>/dev/null" alone.
 bool SplitCommandLine(const char *line, std::vector<std::string> &words, bool &discardErrors);

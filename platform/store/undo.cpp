@@ -6,9 +6,9 @@
 #include <set>
 #include <vector>
 
-#include "platform/driver/runtime.h"
 #include "platform/host/guard.h"
 #include "platform/host/host.h"
+#include "platform/host/runtime.h"
 #include "platform/host/tables.h"
 
 namespace vshost {

@@ -1,6 +1,6 @@
 #!/bin/sh
-# picture_test.sh SOURCE: the picture of the architecture is what its text draws, and the library's folders include
-# from each other what the text says.
+# picture_test.sh SOURCE: the picture of the architecture is what its text draws, the library's folders include from
+# each other what the text says, and those of the platform only from folders further down.
 set -eu
 cd "$1"
 dot -Tsvg docs/architecture.dot | diff -q - docs/architecture.svg
@@ -12,3 +12,18 @@ for folder in core lifecycle policy kernel; do
         }
     done
 done
+
+DOWNWARDS="preload launcher live scenario shell driver store testing host include"
+for folder in platform/*/; do
+    folder=$(basename "$folder")
+    below=${DOWNWARDS#*"$folder"}
+    [ "$below" != "$DOWNWARDS" ] || { echo "platform/$folder has no place in the order" >&2; exit 1; }
+    grep -ho '^#include "platform/[a-z]*' platform/"$folder"/*.[ch]* | sed 's|.*/||' | sort -u | while read -r other; do
+        case " $folder $below " in
+        *" $other "*) ;;
+        *) echo "platform/$folder includes from platform/$other, which stands above it" >&2; exit 1 ;;
+        esac
+    done
+done
+! grep -l '#include "\(core\|lifecycle\|policy\|kernel\|cli\)/' -r platform >&2
+! grep -l '#include "platform/' -r core lifecycle policy kernel >&2

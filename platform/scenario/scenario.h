@@ -1,5 +1,5 @@
 // A scenario: what is plugged in around a host and what happens on it, as JSON. Its format is documented in
-// platform/launcher/scenario.schema.json.
+// platform/scenario/scenario.schema.json.
 #ifndef PLATFORM_DRIVER_SCENARIO_H
 #define PLATFORM_DRIVER_SCENARIO_H
 

@@ -7,13 +7,13 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include "platform/driver/shim.h"
 #include "platform/include/vswitch_driver.h"
+#include "platform/preload/preload.h"
 
 namespace {
 
 constexpr const char *DEVICE_PATHS[] = {VSWITCH_DRIVER_DEVICE, VSWITCH_DRIVER_RTM_DEVICE};
-constexpr const char *DEVICE_FILES[] = {"/dev/vswitch", "/dev/rtm"}; // in the host's directory
+constexpr const char *DEVICE_FILES[] = {vshost::DEVICE_FILE, vshost::RTM_FILE}; // in the host's directory
 constexpr int NO_DEVICE = -1;
 
 int DeviceOfPath(const char *path)
@@ -26,8 +26,8 @@ int DeviceOfPath(const char *path)
 
 int OpenDevice(int device, int flags, mode_t mode)
 {
-    const VshostDriver *driver = Driver();
-    if (driver) return driver->openDevice(device, flags, mode);
+    const VshostCore *core = Core();
+    if (core) return core->openDevice(vshost::Device{device}, flags, mode);
     errno = ENOENT;
     return -1;
 }
@@ -35,7 +35,7 @@ int OpenDevice(int device, int flags, mode_t mode)
 bool Identify(const ShimHost &host, int device, struct stat &file)
 {
     char path[4096];
-    const int length = snprintf(path, sizeof path, "%s%s", host.directory, DEVICE_FILES[device]);
+    const int length = snprintf(path, sizeof path, "%s/%s", host.directory, DEVICE_FILES[device]);
     return length < static_cast<int>(sizeof path) && stat(path, &file) == 0;
 }
 
@@ -135,8 +135,9 @@ SHIM_EXPORT int ioctl(int descriptor, unsigned long request, ...)
 
     const int device = DeviceOfDescriptor(descriptor);
     if (device == NO_DEVICE) return Real().ioctl(descriptor, request, argument);
-    const VshostDriver *driver = Driver();
-    const int error = driver ? driver->command(device, static_cast<uint32_t>(request), argument) : ENODEV;
+    const VshostCore *core = Core();
+    const int error =
+        core ? core->command(vshost::Device{device}, static_cast<uint32_t>(request), argument) : ENODEV;
     if (error) errno = error;
     return error ? -1 : 0;
 }

@@ -1,7 +1,6 @@
 // What the files of the preloaded library share. It is in every process of a host, the shells included:
 // it links no C++ runtime, and loads the host's core only when a process first needs it.
-#ifndef PLATFORM_DRIVER_SHIM_H
-#define PLATFORM_DRIVER_SHIM_H
+#pragma once
 
 #include <spawn.h>
 #include <stdint.h>
@@ -10,8 +9,8 @@
 
 #include <atomic>
 
-#include "platform/driver/driver_table.h"
-#include "platform/host/core_table.h"
+#include "platform/host/locations.h"
+#include "platform/preload/bridge.h"
 
 #define SHIM_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -46,12 +45,9 @@ void LeaveHost();         // before the core comes to a host or leaves it: it op
 void FollowHost();        // after the core has come to a host or left it
 const VshostCore *Core(); // loads the core; null when that fails
 const VshostCore *LoadedCore(); // null as long as this process didn't need it
-const VshostDriver *Driver();   // of the core, likewise loaded
 const char *TybelPath();        // the shell that stands beside this library
 void ShellInProcess(bool on);
 void HoldStreamsAcrossForks();
 bool AllocationsMayFail(); // by the rules of this process's host
 void PatchAllocations();   // from now on, those of the control library are counted and may fail
 uint64_t TakeAllocationCount();
-
-#endif

@@ -1,21 +1,14 @@
-// The bridge from the preload, which links no C++ runtime, to libvshostcore.so, which it opens when it
-// first needs it.
-#ifndef PLATFORM_HOST_CORE_TABLE_H
-#define PLATFORM_HOST_CORE_TABLE_H
+// The bridge from the preload, which links no C++ runtime, to libvshostcore.so, which the preload opens when
+// its process first needs it.
+#pragma once
 
 #include <vshost.h>
 
 #include <stddef.h>
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
-/* What of the control file the preload reads itself, before it needs the core: a word of flags. */
-#define VSHOST_CONTROL_FILE "/control"
-#define VSHOST_CONTROL_FLAGS 16           /* where the word is */
-#define VSHOST_CONTROL_HAS_ALLOCATIONS 4u /* rules make allocations fail */
+#include "platform/driver/driver.h"
+#include "platform/shell/command_line.h"
 
 struct VshostCore {
     // The functions of vshost.h, but for those that the preload does itself.
@@ -43,13 +36,12 @@ struct VshostCore {
     int (*gate)(enum vshost_kind kind, const char *operation, const char *text, uint32_t length,
                 uint32_t *outcome);
 
-    // The rest belongs to the driver: see platform/driver/.
+    // The devices: a descriptor or -1 with errno, and 0 or an errno value.
+    int (*openDevice)(vshost::Device device, int flags, unsigned mode);
+    int (*command)(vshost::Device device, uint32_t number, void *header);
+
+    // system() and popen().
+    vshost::Verdict (*shell)(const char *line, bool inProcess, bool capture, vshost::CommandResult *result);
 };
 
-__attribute__((visibility("default"))) const struct VshostCore *vshost_core(void);
-
-#ifdef __cplusplus
-}
-#endif
-
-#endif
+extern "C" __attribute__((visibility("default"))) const VshostCore *vshost_core(void);

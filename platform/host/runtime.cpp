@@ -1,4 +1,4 @@
-#include "platform/driver/runtime.h"
+#include "platform/host/runtime.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,16 +1,16 @@
-// The functions of vshost.h, and the table that leads the preload to them.
-#include "platform/host/core_table.h"
+// What the preload reaches: the functions of vshost.h, the devices and the shell, each behind a guard.
+#include "platform/preload/bridge.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include "platform/driver/runtime.h"
-#include "platform/driver/scenario.h"
 #include "platform/host/call_names.h"
 #include "platform/host/guard.h"
 #include "platform/host/host.h"
+#include "platform/host/runtime.h"
 #include "platform/host/tables.h"
+#include "platform/scenario/scenario.h"
 #include "platform/store/store.h"
 
 namespace vshost {
@@ -195,6 +195,18 @@ const struct VshostCore *vshost_core(void)
         .property = Guarded<PropertyEntry>,
         .fingerprint = Guarded<Fingerprint>,
         .gate = Guarded<Gate>,
+        .openDevice = Guarded<OpenDevice>,
+        .command = Guarded<RunCommand>,
+        .shell =
+            [](const char *line, bool inProcess, bool capture, CommandResult *result) {
+                try {
+                    return RunCommandLine(line, inProcess, capture, result);
+                } catch (const abi::__forced_unwind &) {
+                    throw;
+                } catch (...) {
+                    return Verdict::REFUSED;
+                }
+            },
     };
     return &CORE;
 }

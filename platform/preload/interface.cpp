@@ -1,12 +1,23 @@
 // The functions of vshost.h: each belongs to the core, but for what only the preload can do.
 #include <errno.h>
+#include <type_traits>
 #include <vshost.h>
 
-#include "platform/driver/shim.h"
+#include "platform/preload/preload.h"
 
 namespace {
 // What the functions that return an errno value say without a core.
 constexpr int NO_CORE = ENOENT;
+
+// Calls a function of the core; without a core, answers `missing`.
+template<class Result, class... Parameters, class... Arguments>
+Result Call(Result (*VshostCore::*function)(Parameters...), std::type_identity_t<Result> missing,
+            Arguments... arguments)
+{
+    const VshostCore *core = Core();
+    return core ? (core->*function)(arguments...) : missing;
+}
+
 }
 
 int vshost_start(const char *directory, int durable)
@@ -25,16 +36,11 @@ void vshost_stop(void)
     if (const VshostCore *core = Core()) core->stop();
 }
 
-const char *vshost_directory(void)
-{
-    const VshostCore *core = Core();
-    return core ? core->directory() : nullptr;
-}
+const char *vshost_directory(void) { return Call(&VshostCore::directory, nullptr); }
 
 const char *vshost_error(void)
 {
-    const VshostCore *core = Core();
-    return core ? core->error() : "libvshostcore.so could not be loaded from the folder of libvshost.so";
+    return Call(&VshostCore::error, "libvshostcore.so could not be loaded from the folder of libvshost.so");
 }
 
 int vshost_scenario(const char *json)
@@ -46,11 +52,7 @@ int vshost_scenario(const char *json)
     return error;
 }
 
-int vshost_reset(void)
-{
-    const VshostCore *core = Core();
-    return core ? core->reset() : NO_CORE;
-}
+int vshost_reset(void) { return Call(&VshostCore::reset, NO_CORE); }
 
 int vshost_fail(enum vshost_kind kind, const char *operation, unsigned nth, unsigned times, uint32_t outcome)
 {
@@ -61,22 +63,16 @@ int vshost_fail(enum vshost_kind kind, const char *operation, unsigned nth, unsi
     return error;
 }
 
-unsigned vshost_failed(void)
-{
-    const VshostCore *core = Core();
-    return core ? core->failed() : 0;
-}
+unsigned vshost_failed(void) { return Call(&VshostCore::failed, 0); }
 
 int vshost_answer(uint32_t command, unsigned times, const void *bytes, uint32_t length)
 {
-    const VshostCore *core = Core();
-    return core ? core->answer(command, times, bytes, length) : NO_CORE;
+    return Call(&VshostCore::answer, NO_CORE, command, times, bytes, length);
 }
 
 int vshost_shell_output(const char *verb, const void *bytes, uint32_t length)
 {
-    const VshostCore *core = Core();
-    return core ? core->shellOutput(verb, bytes, length) : NO_CORE;
+    return Call(&VshostCore::shellOutput, NO_CORE, verb, bytes, length);
 }
 
 void vshost_shell_in_process(int on) { ShellInProcess(on != 0); }
@@ -91,16 +87,11 @@ void vshost_record(int on)
     if (const VshostCore *core = Core()) core->record(on);
 }
 
-size_t vshost_call_count(void)
-{
-    const VshostCore *core = Core();
-    return core ? core->callCount() : 0;
-}
+size_t vshost_call_count(void) { return Call(&VshostCore::callCount, 0); }
 
 int vshost_call(size_t index, struct vshost_call *call)
 {
-    const VshostCore *core = Core();
-    return core ? core->call(index, call) : NO_CORE;
+    return Call(&VshostCore::call, NO_CORE, index, call);
 }
 
 uint64_t vshost_allocations(void)
@@ -109,21 +100,12 @@ uint64_t vshost_allocations(void)
     return TakeAllocationCount();
 }
 
-int64_t vshost_values_lent(void)
-{
-    const VshostCore *core = Core();
-    return core ? core->valuesLent() : 0;
-}
+int64_t vshost_values_lent(void) { return Call(&VshostCore::valuesLent, 0); }
 
 int vshost_property(enum vshost_level level, const char *switchId, const char *portId, const char *key,
                     void *value, uint32_t capacity, uint32_t *length, uint32_t *flags)
 {
-    const VshostCore *core = Core();
-    return core ? core->property(level, switchId, portId, key, value, capacity, length, flags) : NO_CORE;
+    return Call(&VshostCore::property, NO_CORE, level, switchId, portId, key, value, capacity, length, flags);
 }
 
-uint64_t vshost_fingerprint(void)
-{
-    const VshostCore *core = Core();
-    return core ? core->fingerprint() : 0;
-}
+uint64_t vshost_fingerprint(void) { return Call(&VshostCore::fingerprint, 0); }

@@ -1,4 +1,4 @@
-#include "platform/driver/scenario.h"
+#include "platform/scenario/scenario.h"
 
 #include <arpa/inet.h>
 #include <vshost.h>
@@ -10,10 +10,10 @@
 #include <optional>
 #include <utility>
 
-#include "platform/driver/group.h"
-#include "platform/driver/json_schema.h"
-#include "platform/driver/runtime.h"
+#include "platform/host/group.h"
+#include "platform/host/runtime.h"
 #include "platform/host/status_names.h"
+#include "platform/scenario/json_schema.h"
 #include "scenario_schema.h"
 
 namespace vshost {

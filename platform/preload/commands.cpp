@@ -2,12 +2,14 @@
 // to run it, and system() and popen() can run it without a child, or refuse to.
 #include <errno.h>
 #include <pthread.h>
-#include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
-#include "platform/driver/shim.h"
+#include "platform/preload/preload.h"
+
+using vshost::CommandResult;
+using vshost::Verdict;
 
 namespace {
 
@@ -18,22 +20,6 @@ std::atomic<bool> inProcess;
 const char *Program(const char *path)
 {
     return path && CurrentHost() && strcmp(path, SHELL_PATH) == 0 ? TybelPath() : path;
-}
-
-// How many pointers the arguments of execl and its kin take as an array, the ending null included.
-size_t CountArguments(va_list list)
-{
-    size_t count = 2;
-    while (va_arg(list, const char *))
-        ++count;
-    return count;
-}
-
-void TakeArguments(char **arguments, const char *first, va_list list)
-{
-    arguments[0] = const_cast<char *>(first);
-    for (size_t i = 1; arguments[i - 1]; ++i)
-        arguments[i] = va_arg(list, char *);
 }
 
 // What popen() returned for a command that ran in process.
@@ -47,14 +33,14 @@ pthread_mutex_t streamsMutex = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<ShellStream *> streams;
 
 // Asks the core about a command line; only one that may be the shell's is worth it.
-VshostShellVerdict Ask(const char *command, int capture, VshostShellResult *result)
+Verdict Ask(const char *command, bool capture, CommandResult *result)
 {
-    if (!command || !CurrentHost() || !strstr(command, "tybel")) return VSHOST_SHELL_PASS;
-    const VshostDriver *driver = Driver();
-    return driver ? driver->shell(command, inProcess, capture, result) : VSHOST_SHELL_PASS;
+    if (!command || !CurrentHost() || !strstr(command, "tybel")) return Verdict::PASS;
+    const VshostCore *core = Core();
+    return core ? core->shell(command, inProcess, capture, result) : Verdict::PASS;
 }
 
-FILE *OpenStream(const VshostShellResult &result)
+FILE *OpenStream(const CommandResult &result)
 {
     auto *entry = static_cast<ShellStream *>(malloc(sizeof(ShellStream)));
     FILE *stream = entry ? fmemopen(result.output, result.length, "r") : nullptr;
@@ -114,43 +100,6 @@ SHIM_EXPORT int execvpe(const char *file, char *const argv[], char *const envp[]
     return Real().execvpe(Program(file), argv, envp);
 }
 
-SHIM_EXPORT int execl(const char *path, const char *first, ...)
-{
-    va_list list;
-    va_start(list, first);
-    auto **arguments = static_cast<char **>(alloca(CountArguments(list) * sizeof(char *)));
-    va_end(list);
-    va_start(list, first);
-    TakeArguments(arguments, first, list);
-    va_end(list);
-    return Real().execve(Program(path), arguments, environ);
-}
-
-SHIM_EXPORT int execlp(const char *file, const char *first, ...)
-{
-    va_list list;
-    va_start(list, first);
-    auto **arguments = static_cast<char **>(alloca(CountArguments(list) * sizeof(char *)));
-    va_end(list);
-    va_start(list, first);
-    TakeArguments(arguments, first, list);
-    va_end(list);
-    return Real().execvpe(Program(file), arguments, environ);
-}
-
-SHIM_EXPORT int execle(const char *path, const char *first, ...)
-{
-    va_list list;
-    va_start(list, first);
-    auto **arguments = static_cast<char **>(alloca(CountArguments(list) * sizeof(char *)));
-    va_end(list);
-    va_start(list, first);
-    TakeArguments(arguments, first, list);
-    char *const *environment = va_arg(list, char *const *);
-    va_end(list);
-    return Real().execve(Program(path), arguments, environment);
-}
-
 SHIM_EXPORT int posix_spawn(pid_t *pid, const char *path, const posix_spawn_file_actions_t *actions,
                             const posix_spawnattr_t *attributes, char *const argv[], char *const envp[])
 {
@@ -165,14 +114,14 @@ SHIM_EXPORT int posix_spawnp(pid_t *pid, const char *file, const posix_spawn_fil
 
 SHIM_EXPORT int system(const char *command)
 {
-    VshostShellResult result = {};
-    switch (Ask(command, 0, &result)) {
-    case VSHOST_SHELL_PASS:
+    CommandResult result = {};
+    switch (Ask(command, false, &result)) {
+    case Verdict::PASS:
         return Real().system(command);
-    case VSHOST_SHELL_REFUSED:
+    case Verdict::REFUSED:
         errno = EAGAIN;
         return -1;
-    case VSHOST_SHELL_RAN:
+    case Verdict::RAN:
         break;
     }
     return result.status;
@@ -180,15 +129,15 @@ SHIM_EXPORT int system(const char *command)
 
 SHIM_EXPORT FILE *popen(const char *command, const char *type)
 {
-    VshostShellResult result = {};
+    CommandResult result = {};
     if (type[0] != 'r') return Real().popen(command, type);
-    switch (Ask(command, 1, &result)) {
-    case VSHOST_SHELL_PASS:
+    switch (Ask(command, true, &result)) {
+    case Verdict::PASS:
         return Real().popen(command, type);
-    case VSHOST_SHELL_REFUSED:
+    case Verdict::REFUSED:
         errno = EAGAIN;
         return nullptr;
-    case VSHOST_SHELL_RAN:
+    case Verdict::RAN:
         break;
     }
     return OpenStream(result);

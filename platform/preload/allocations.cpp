@@ -10,7 +10,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "platform/driver/shim.h"
+#include "platform/preload/preload.h"
 
 namespace {
 

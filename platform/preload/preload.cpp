@@ -1,5 +1,5 @@
 // Start of the preloaded library: the real functions, the host that the environment names, and the core.
-#include "platform/driver/shim.h"
+#include "platform/preload/preload.h"
 
 #include <dlfcn.h>
 #include <errno.h>
@@ -14,7 +14,6 @@ namespace {
 constexpr size_t PATH_SIZE = 4096;
 constexpr char CORE_FILE[] = "libvshostcore.so";
 constexpr char SHELL_FILE[] = "tybel";
-constexpr char DIRECTORY_VARIABLE[] = "VSHOST_DIR";
 
 RealFunctions real;
 char tybelPath[PATH_SIZE];
@@ -22,7 +21,6 @@ char corePath[PATH_SIZE];
 std::atomic<ShimHost *> currentHost;
 std::atomic<ShimHost *> newestHost; // heads the list that keeps them reachable
 std::atomic<const VshostCore *> loadedCore;
-std::atomic<const VshostDriver *> loadedDriver;
 pthread_once_t resolveOnce = PTHREAD_ONCE_INIT;
 pthread_once_t loadOnce = PTHREAD_ONCE_INIT;
 
@@ -64,10 +62,7 @@ void LoadCore()
         return;
     }
     const auto core = reinterpret_cast<decltype(&vshost_core)>(dlsym(library, "vshost_core"));
-    const auto driver = reinterpret_cast<decltype(&vshost_driver)>(dlsym(library, "vshost_driver"));
-    if (!core || !driver) return;
-    loadedDriver = driver();
-    loadedCore = core();
+    if (core) loadedCore = core();
 }
 
 void EnterHost(const char *directory)
@@ -87,13 +82,13 @@ void EnterHost(const char *directory)
 // process too. Null when it is on no host.
 const char *StartDirectory()
 {
-    const char *directory = getenv(DIRECTORY_VARIABLE);
+    const char *directory = getenv(vshost::ENVIRONMENT_DIRECTORY);
     if (!directory || !*directory) return nullptr;
     char current[PATH_SIZE], absolute[PATH_SIZE];
     if (*directory == '/' || !getcwd(current, sizeof(current))) return directory;
     const int length = snprintf(absolute, sizeof(absolute), "%s/%s", current, directory);
-    if (length < static_cast<int>(sizeof(absolute))) setenv(DIRECTORY_VARIABLE, absolute, 1);
-    return getenv(DIRECTORY_VARIABLE);
+    if (length < static_cast<int>(sizeof(absolute))) setenv(vshost::ENVIRONMENT_DIRECTORY, absolute, 1);
+    return getenv(vshost::ENVIRONMENT_DIRECTORY);
 }
 
 __attribute__((constructor)) void Load()
@@ -125,13 +120,14 @@ bool AllocationsMayFail()
     const ShimHost *host = CurrentHost();
     char path[PATH_SIZE];
     uint32_t flags = 0;
-    if (!host || snprintf(path, sizeof(path), "%s%s", host->directory, VSHOST_CONTROL_FILE) >= int{PATH_SIZE})
+    if (!host ||
+        snprintf(path, sizeof(path), "%s/%s", host->directory, vshost::CONTROL_FILE) >= int{PATH_SIZE})
         return false;
     const int file = Real().open(path, O_RDONLY | O_CLOEXEC);
     if (file < 0) return false;
-    const bool known = pread(file, &flags, sizeof(flags), VSHOST_CONTROL_FLAGS) == sizeof(flags);
+    const bool known = pread(file, &flags, sizeof(flags), vshost::CONTROL_FLAGS) == sizeof(flags);
     Real().close(file);
-    return known && flags & VSHOST_CONTROL_HAS_ALLOCATIONS;
+    return known && flags & vshost::CONTROL_HAS_ALLOCATIONS;
 }
 
 ShimHost *CurrentHost() { return currentHost.load(std::memory_order_acquire); }
@@ -154,11 +150,5 @@ const VshostCore *Core()
 }
 
 const VshostCore *LoadedCore() { return loadedCore.load(std::memory_order_acquire); }
-
-const VshostDriver *Driver()
-{
-    Core();
-    return loadedDriver.load(std::memory_order_acquire);
-}
 
 const char *TybelPath() { return tybelPath; }

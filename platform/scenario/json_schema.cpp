@@ -1,4 +1,4 @@
-#include "platform/driver/json_schema.h"
+#include "platform/scenario/json_schema.h"
 
 #include <arpa/inet.h>
 

@@ -1,0 +1,19 @@
+// Where a process finds its host: environment variables, files of the directory, and the one word of the
+// control file that the preload reads by itself. The preload, which links no C++ runtime, includes this too.
+#pragma once
+
+#include <stdint.h>
+
+namespace vshost {
+
+inline constexpr char ENVIRONMENT_DIRECTORY[] = "VSHOST_DIR";
+inline constexpr char ENVIRONMENT_DURABILITY[] = "VSHOST_DURABILITY"; // "disk" (default) or "process"
+
+inline constexpr char DEVICE_FILE[] = "dev/vswitch";
+inline constexpr char RTM_FILE[] = "dev/rtm";
+
+inline constexpr char CONTROL_FILE[] = "control";
+inline constexpr int CONTROL_FLAGS = 16;               // where the word stands
+inline constexpr uint32_t CONTROL_HAS_ALLOCATIONS = 4; // rules make allocations fail
+
+}
