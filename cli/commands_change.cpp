@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include "change.h"
+#include "limit.h"
 #include "plan.h"
 
 namespace vsctl {
@@ -108,6 +109,7 @@ Result Batch(const Verb &, const Arguments &arguments)
     size_t number = 0;
     for (const std::string &line : Words(ReadFile(path), '\n')) {
         number++;
+        RestartTimeLimit(); // to read many lines is not to wait
         try {
             for (Step &step : LineSteps(line, parsers))
                 result.steps.push_back(std::move(step));

@@ -6,6 +6,7 @@
 
 #include "change.h"
 #include "completion.h"
+#include "forward.h"
 #include "output.h"
 #include "plan.h"
 #include "watch.h"
@@ -19,8 +20,19 @@ Json Part(const char *part, bool works, const std::string &state, const std::str
     return {{"part", part}, {"works", works}, {"state", state}, {"advice", works ? Json() : Json(advice)}};
 }
 
+Json LibraryPart()
+{
+    const std::string fault = LibraryFault();
+    return Part(
+        "library", fault.empty(), fault.empty() ? VSWITCHCTL_LIBRARY : fault,
+        "install what is missing where the loader finds it, or start vsctl with 'vshost run --state DIR -- "
+        "vsctl …'");
+}
+
 Json StorePart()
 {
+    if (!LibraryFault().empty())
+        return Part("configuration store", false, "cannot be asked without the library", "see the library");
     int32_t length = 0;
     const Property nowhere{Level::GLOBAL, {"vsctl-doctor", ""}, "com.talpex.common.alias", true};
     const VsStatus status = nowhere.Length(length);
@@ -56,16 +68,24 @@ Json StatePart()
     }
 }
 
+Json HostPart()
+{
+    const char *const directory = getenv("VSHOST_DIR");
+    const bool isNamed = directory && *directory;
+    if (!IsEmbedded()) return Part("host", true, "a hypervisor", "");
+    return Part("host", isNamed,
+                isNamed ? fmt::format("embedded, in {}", directory) : "embedded, but none is named",
+                "start vsctl with 'vshost run --state DIR -- vsctl …'");
+}
+
 Result Doctor(const Verb &, const Arguments &)
 {
     const char *onHost = "load the switch driver, or start vsctl with 'vshost run --state DIR -- vsctl …'";
     Result result;
-    result.rows = Json::array({StorePart(), DevicePart("switch driver", ZOR_DEVICE, onHost),
+    result.rows = Json::array({LibraryPart(), StorePart(), DevicePart("switch driver", ZOR_DEVICE, onHost),
                                DevicePart("RTM device", ZOR_RTM_DEVICE, onHost), ShellPart()});
     result.rows.insert(result.rows.begin(), StatePart());
-    result.rows.push_back(
-        Part("host", true,
-             IsEmbedded() ? fmt::format("embedded, in {}", getenv("VSHOST_DIR")) : "a hypervisor", ""));
+    if (LibraryFault().empty()) result.rows.push_back(HostPart());
     for (const Json &part : result.rows) {
         if (!part["works"]) result.exit = part["part"] == "changes" ? Exit::PENDING : Exit::UNREACHABLE;
     }
@@ -91,21 +111,27 @@ std::string Overview()
                   "'vsctl help operations'\nwhere each operation of the library is used.\n";
 }
 
-constexpr const char *EXIT_CODES = "Exit codes:\n"
-                                   "   0  done\n"
-                                   "   1  failed\n"
-                                   "   2  wrong usage\n"
-                                   "   3  not found\n"
-                                   "   4  exists already\n"
-                                   "   5  a value that is not allowed\n"
-                                   "   6  the platform, or a part of it, cannot be reached\n"
-                                   "   7  no permission\n"
-                                   "   8  timed out\n"
-                                   "   9  failed, and undone in part only\n"
-                                   "  10  changes are pending (plan, --dry-run)\n";
+Json ExitCodes()
+{
+    constexpr const char *MEANINGS[] = {"done",
+                                        "failed",
+                                        "wrong usage",
+                                        "not found",
+                                        "exists already",
+                                        "a value that is not allowed",
+                                        "the platform, or a part of it, cannot be reached",
+                                        "no permission",
+                                        "timed out",
+                                        "failed, and undone in part only",
+                                        "changes are pending (plan, --dry-run)"};
+    Json rows = Json::array();
+    for (const char *meaning : MEANINGS)
+        rows.push_back({{"code", rows.size()}, {"meaning", meaning}});
+    return rows;
+}
 
-// One line for each operation, with the verbs that use it.
-std::string OperationTable()
+// One row for each operation, with the verbs that use it.
+Json OperationRows()
 {
     std::map<std::string, std::string> users;
     for (const Verb &verb : Verbs()) {
@@ -118,7 +144,7 @@ std::string OperationTable()
     Json rows = Json::array();
     for (const auto &[operation, verbs] : users)
         rows.push_back({{"operation", operation}, {"verbs", verbs}});
-    return TableText(rows);
+    return rows;
 }
 
 // The verbs of a noun; nothing when the noun is all.
@@ -132,19 +158,32 @@ std::string NounHelp(const std::string &noun)
     return TableText(rows);
 }
 
-std::string HelpOn(const std::string &noun, const std::string &name)
+// The rows with --json, and the text without.
+Result HelpOf(Json rows, std::string text)
 {
-    if (noun.empty()) return Overview();
-    if (noun == "exit") return EXIT_CODES;
-    if (noun == "operations") return OperationTable();
-    if (const std::string verbs = NounHelp(noun); name.empty() && !verbs.empty()) return verbs;
+    Result result = Rows(std::move(rows));
+    result.text = std::move(text);
+    return result;
+}
+
+Result HelpOn(const std::string &noun, const std::string &name)
+{
+    if (noun == "exit") return HelpOf(ExitCodes(), TableText(ExitCodes()));
+    if (noun == "operations") return HelpOf(OperationRows(), TableText(OperationRows()));
+    Json rows = Json::array();
+    for (const Verb &verb : Verbs()) {
+        if (noun.empty() || (verb.noun == noun && (name.empty() || verb.name == name)))
+            rows.push_back(VerbRow(verb));
+    }
+    if (noun.empty()) return HelpOf(rows, Overview());
+    if (const std::string verbs = NounHelp(noun); name.empty() && !verbs.empty()) return HelpOf(rows, verbs);
     size_t used = 0;
-    return Parser(FindVerb({noun, name}, used)).Help();
+    return HelpOf(rows, Parser(FindVerb({noun, name}, used)).Help());
 }
 
 Result Help(const Verb &, const Arguments &arguments)
 {
-    return Text(HelpOn(arguments.Text("NOUN"), arguments.Text("VERB")));
+    return HelpOn(arguments.Text("NOUN"), arguments.Text("VERB"));
 }
 
 Result CompleteWords(const Verb &, const Arguments &arguments)

@@ -65,10 +65,10 @@ void SyncDirectory()
 
 std::string StateDirectory()
 {
-    for (const char *name : {"VSCTL_STATE", "VSHOST_DIR"}) {
-        const char *value = getenv(name);
-        if (value && *value) return std::string(value) + (strcmp(name, "VSHOST_DIR") == 0 ? "/vsctl" : "");
-    }
+    const char *const asked = getenv("VSCTL_STATE");
+    if (asked && *asked) return asked;
+    const char *const host = getenv("VSHOST_DIR");
+    if (host && *host && IsEmbedded()) return std::string(host) + "/vsctl";
     return "/var/lib/vsctl";
 }
 

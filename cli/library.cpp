@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <malloc.h>
@@ -12,6 +11,7 @@
 #include <unistd.h>
 #include <vswitch_driver.h>
 
+#include "forward.h"
 #include "limit.h"
 
 namespace vsctl {
@@ -147,9 +147,8 @@ std::string AliasOfId(const std::string &id)
 std::vector<std::string> StoredSwitchIds()
 {
     using Visit = int (*)(void *handle, void *context);
-    static auto *const forEach =
-        reinterpret_cast<void (*)(Visit, void *)>(dlsym(RTLD_DEFAULT, "DVSState_SwitchForEach"));
-    static auto *const idOf = reinterpret_cast<const char *(*)(void *)>(dlsym(RTLD_DEFAULT, "DVS_SwitchId"));
+    static auto *const forEach = PlatformFunction<void(Visit, void *)>("DVSState_SwitchForEach");
+    static auto *const idOf = PlatformFunction<const char *(void *)>("DVS_SwitchId");
     std::vector<std::string> ids;
     if (!forEach || !idOf) return ids;
     const Visit addId = [](void *handle, void *context) {

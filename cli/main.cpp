@@ -15,7 +15,7 @@ using namespace vsctl;
 
 Exit Finish(const Verb &verb, const Result &result, const Options &options)
 {
-    if (!result.text.empty()) {
+    if (!result.text.empty() && !(options.json && !result.rows.empty())) {
         Print(result.text);
         return result.exit;
     }
@@ -41,6 +41,10 @@ Exit Show(const Verb &verb, const Result &result, const Options &options)
 
 Exit Run(const std::vector<std::string> &words, Options &options)
 {
+    if (words[0] == VERSION) {
+        Print("vsctl " VSWITCHCTL_VERSION "\n");
+        return Exit::DONE;
+    }
     size_t used = 0;
     const Verb &verb = FindVerb(words, used);
     Parser parser(verb);
@@ -54,7 +58,10 @@ Exit Run(const std::vector<std::string> &words, Options &options)
         EndTimeLimit();
         return Show(verb, result, options);
     } catch (const HelpWanted &) {
-        Print(parser.Help());
+        if (options.json)
+            PrintRows("help", Json::array({VerbRow(verb)}), true);
+        else
+            Print(parser.Help());
         return Exit::DONE;
     }
 }

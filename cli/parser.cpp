@@ -106,6 +106,23 @@ const Arguments &Parser::Parse(const std::vector<std::string> &words, Options &o
 
 std::string Parser::Help() const { return app->help(); }
 
+namespace {
+
+bool IsHelp(const std::string &word) { return word == "-h" || word == "--help"; }
+
+// `vsctl switch --help`, in any order: --help of a noun that needs a verb.
+bool AsksForNoun(const std::vector<std::string> &words, const std::vector<std::string> &leading)
+{
+    if (words.size() > 1 && !words[1].starts_with("-")) return false;
+    if (std::none_of(words.begin(), words.end(), IsHelp) &&
+        std::none_of(leading.begin(), leading.end(), IsHelp))
+        return false;
+    return std::any_of(Verbs().begin(), Verbs().end(),
+                       [&words](const Verb &verb) { return verb.noun == words[0] && !verb.name.empty(); });
+}
+
+}
+
 std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words)
 {
     auto noun = words.begin();
@@ -117,7 +134,14 @@ std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words)
     words.erase(words.begin(), noun);
     if (words.empty()) {
         words = {"help"};
-        std::erase_if(leading, [](const std::string &word) { return word == "-h" || word == "--help"; });
+        std::erase_if(leading, IsHelp);
+    }
+    if (std::find(leading.begin(), leading.end(), VERSION) != leading.end()) return {VERSION};
+    if (AsksForNoun(words, leading)) {
+        words.insert(words.end(), leading.begin(), leading.end());
+        std::erase_if(words, IsHelp);
+        words.insert(words.begin(), "help");
+        return words;
     }
     if (leading.empty()) return words;
     size_t used = 0;

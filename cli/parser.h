@@ -36,6 +36,8 @@ private:
 // Thrown for --help.
 struct HelpWanted {};
 
+inline constexpr const char *VERSION = "--version"; // the only option that goes without a verb
+
 // Options may stand before the noun too: the same words with all of them behind the verb.
 std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words);
 // The words of a line, with quotes as in a shell.

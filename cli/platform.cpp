@@ -3,20 +3,14 @@
 
 #include <cerrno>
 #include <cstring>
-#include <dlfcn.h>
 #include <fmt/format.h>
 
 #include "error.h"
+#include "forward.h"
 
 namespace vsctl {
 
 namespace {
-
-// Null on other platforms.
-template<class Function> Function *Find(const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_DEFAULT, name));
-}
 
 // Calls a function of the platform that copies a list out, until the list has held still.
 template<class Entry, class List>
@@ -41,13 +35,13 @@ std::optional<std::vector<Entry>> Listed(const std::string &switchId, const char
 
 bool IsEmbedded()
 {
-    static const bool found = dlsym(RTLD_DEFAULT, "vshost_platform") != nullptr;
+    static const bool found = LibraryFault().empty() && FindPlatformFunction("vshost_platform");
     return found;
 }
 
 std::optional<std::vector<vshost_port>> ListPorts(const std::string &switchId)
 {
-    static auto *const list = Find<decltype(vshost_list_ports)>("vshost_list_ports");
+    static auto *const list = PlatformFunction<decltype(vshost_list_ports)>("vshost_list_ports");
     return Listed<vshost_port>(switchId, "ports", [&](vshost_port *ports, size_t capacity, size_t *count) {
         return list(switchId.c_str(), ports, capacity, count);
     });

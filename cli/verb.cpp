@@ -140,6 +140,27 @@ const std::vector<Verb> &Verbs()
     return VERBS;
 }
 
+Json VerbRow(const Verb &verb)
+{
+    Json arguments = Json::array();
+    for (const Argument &argument : verb.arguments) {
+        const Shape shape = argument.shape;
+        arguments.push_back({{"argument", argument.name},
+                             {"purpose", argument.help},
+                             {"required", shape == Shape::REQUIRED || shape == Shape::MANY},
+                             {"repeats", shape == Shape::MANY || shape == Shape::ANY},
+                             {"takes-value", shape != Shape::FLAG}});
+    }
+    Json examples = Json::array();
+    for (const std::string &example : Words(verb.example, '\n'))
+        examples.push_back("vsctl " + verb.Title() + (example.empty() ? "" : " ") + example);
+    return {{"verb", verb.Title()},
+            {"purpose", verb.help},
+            {"changes", verb.effect != Effect::READS},
+            {"arguments", arguments},
+            {"examples", examples}};
+}
+
 std::vector<std::string> Nouns()
 {
     std::vector<std::string> nouns;

@@ -55,7 +55,7 @@ struct Result {
     bool needsJournal = false; // even for a single step
     double confirmWithin = 0;  // seconds
     std::string note;          // a line for people, after the rows
-    std::string text;          // printed as it is, instead of rows
+    std::string text;          // printed as it is, instead of rows; with --json, where there are no rows
     Exit exit = Exit::DONE;
 };
 
@@ -89,6 +89,8 @@ Result Text(std::string text);
 // All verbs, by noun. Those of the policies are made from their rows.
 const std::vector<Verb> &Verbs();
 std::vector<std::string> Nouns();
+// What help --json tells of a verb.
+Json VerbRow(const Verb &verb);
 // The verb that the words begin with; `used` receives how many of them name it. Throws with the nearest.
 const Verb &FindVerb(const std::vector<std::string> &words, size_t &used);
 

@@ -253,6 +253,49 @@ class Verbs(OnHost):
         self.rows("property", "set", "bb", "com.talpex.common.host.portset", "--level", "host", "--text", "elsewhere")
         self.assertEqual({row["portset"]: row["switch"] for row in self.rows("switch", "list")}, {"vs": "aa", "vs1": None, "elsewhere": "bb"})
 
+    def test_what_needs_no_platform_works_without_one(self):
+        """The platform's library cannot be loaded: all else works, and what needs it says so in one line."""
+        (self.directory / "liborkPublic.so").write_text("not a library")
+        away = ["env", "-i", f"LD_LIBRARY_PATH={self.directory}", f"VSHOST_DIR={self.directory}", f"VSCTL_STATE={self.directory}"]
+
+        def run(line):
+            return subprocess.run([*away, VSCTL, *line.split()], capture_output=True, text=True)
+        parts = {part["part"]: part for part in json.loads(run("doctor --json").stdout)["result"]}
+        self.assertEqual({name for name, part in parts.items() if part["works"]}, {"changes"})
+        self.assertIn("liborkPublic.so", parts["library"]["state"])
+        self.assertIn("vshost run", parts["library"]["advice"])
+        for line, code, text in (("doctor", 6, "liborkPublic.so"), ("--version", 0, "vsctl 1"), ("help", 0, "vsctl NOUN VERB"),
+                                 ("switch --help", 0, "switch create"), ("port vlan --help", 0, "--priority"), ("schema", 0, "json-schema"),
+                                 ("completion bash", 0, "_vsctl"), ("complete -- switch sh", 0, "show"), ("complete -- switch show x", 0, "")):
+            done = run(line)
+            self.assertEqual((done.returncode, done.stderr), (code, ""), line)
+            self.assertIn(text, done.stdout, line)
+        for line, code, text in (("switch list", 6, "liborkPublic.so"), ("port vlan lab port0 5", 6, "liborkPublic.so"), ("switch create lab", 6, "doctor"),
+                                 ("export lab", 6, "liborkPublic.so"), ("port vlan lab port0 5000", 5, "4095"), ("apply --undo", 3, "cut short")):
+            done = run(line)
+            self.assertEqual((done.returncode, done.stdout), (code, ""), line)
+            self.assertRegex(done.stderr, r"\Avsctl: [^\n]*" + text + r"[^\n]*\n\Z")
+
+    def test_help_and_version_in_every_form(self):
+        nouns = set(re.findall(r"^  (?!vsctl)(\w+) ", self.run_vsctl("help"), re.M))
+        verbs = self.rows("help")
+        self.assertEqual({verb["verb"].split()[0] for verb in verbs}, nouns)
+        for order in (["switch", "--help"], ["--help", "switch"], ["switch", "-h"]):
+            self.assertEqual(self.run_vsctl(*order), self.run_vsctl("help", "switch"))
+            for json_order in (["--json", *order], [*order, "--json"]):
+                self.assertEqual(json.loads(self.run_vsctl(*json_order))["result"], [verb for verb in verbs if verb["verb"].startswith("switch ")])
+        for order in (["port", "vlan", "--help"], ["--help", "port", "vlan"]):
+            self.assertEqual(self.run_vsctl(*order), self.run_vsctl("help", "port", "vlan"))
+            (row,) = json.loads(self.run_vsctl(*order, "--json"))["result"]
+            self.assertEqual(row, self.rows("help", "port", "vlan")[0])
+        self.assertEqual([row["argument"] for row in verbs if row["verb"] == "uplink add" for row in row["arguments"]], ["SWITCH", "UPLINK"])
+        self.assertEqual([row["code"] for row in self.rows("help", "exit")], list(range(11)))
+        self.assertIn({"operation": "VSDVS_SetMTU", "verbs": "switch mtu"}, self.rows("help", "operations"))
+        self.assertIn("switch list", self.run_vsctl("doctor", "--help") + self.run_vsctl("--help", "switch"))
+        self.run_vsctl("swich", "--help", code=2)
+        version = re.search(r"project\(vswitchctl VERSION (\S+)", (SOURCE / "CMakeLists.txt").read_text())[1]
+        self.assertEqual(self.run_vsctl("--version"), f"vsctl {version}\n")
+
     def test_help_has_examples_for_every_verb(self):
         for noun in re.findall(r"^  (?!vsctl)(\w+) ", self.run_vsctl("help"), re.M):
             verbs = re.findall(rf"^{noun} (\S+)", self.run_vsctl("help", noun), re.M)

@@ -13,6 +13,14 @@ export PKG_CONFIG_PATH=$lib/pkgconfig LD_LIBRARY_PATH=$lib
 # The installed command finds the library beside itself, whatever the environment says.
 env -u LD_LIBRARY_PATH "$stage/bin/vshost" run -- "$stage/bin/vsctl" switch list >/dev/null
 
+# Without a platform it starts all the same, and says what is missing.
+"$stage/bin/vsctl" --version | grep -q '^vsctl '
+for words in doctor "switch list"; do
+    code=0
+    "$stage/bin/vsctl" $words >"$work/doctor" 2>&1 || code=$?
+    [ "$code" = 6 ] && grep -q 'liborkPublic.so: cannot open shared object' "$work/doctor"
+done
+
 read -ra flags <<<"$(pkg-config --cflags --libs vswitchctl)"
 read -ra strict <<<"-Wall -Wextra -pedantic -Werror"
 
