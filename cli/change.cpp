@@ -56,7 +56,7 @@ Error UndoneError(const Error &cause, size_t done, const std::vector<std::string
     return error;
 }
 
-void PerformAll(const std::vector<Step> &steps, bool hasJournal)
+void PerformAll(const std::vector<Step> &steps)
 {
     size_t done = 0;
     try {
@@ -69,7 +69,7 @@ void PerformAll(const std::vector<Step> &steps, bool hasJournal)
         // The one that failed may have got half-way.
         const size_t begun = std::min(done + 1, steps.size());
         const auto failures = Undo(std::span(steps).first(begun));
-        if (hasJournal && failures.empty()) Journal::Remove();
+        if (failures.empty()) Journal::Remove();
         throw UndoneError(error, done, failures);
     }
 }
@@ -143,11 +143,12 @@ void AwaitConfirmation(Journal &journal, double seconds)
     StartGuard(journal.id, seconds);
 }
 
-void ReadAllBefore(std::vector<Step> &steps)
+Preview ReadAllBefore(std::vector<Step> &steps)
 {
     CheckSteps(steps);
     for (Step &step : steps)
         ReadBefore(step);
+    return PreviewOf(steps);
 }
 
 // What a plan has read was read before this change had the host for itself.
@@ -164,26 +165,26 @@ void RequireUnchanged(const std::vector<Step> &steps)
     }
 }
 
-void CarryOut(const std::string &command, Result &result)
+Preview CarryOut(const std::string &command, Result &result)
 {
-    if (result.steps.empty()) return;
+    if (result.steps.empty()) return {};
     const HostLock lock;
-    const bool needsJournal = result.steps.size() > 1 || result.needsJournal;
     ThrowIfUnfinished(); // to undo or resume it would overwrite this change
     RequireUnchanged(result.steps);
-    ReadAllBefore(result.steps);
+    Preview preview = ReadAllBefore(result.steps);
     Journal journal{NewJournalId(), command, std::move(result.steps)};
     const ChangeScope changing; // from the journal's first byte to its removal
-    if (needsJournal) journal.Write();
-    PerformAll(journal.steps, needsJournal);
+    journal.Write();
+    PerformAll(journal.steps);
     if (result.confirmWithin > 0) {
         AwaitConfirmation(journal, result.confirmWithin);
         result.note = fmt::format("all of this is undone in {} s unless 'vsctl confirm' comes first",
                                   result.confirmWithin);
-    } else if (needsJournal) {
+    } else {
         Journal::Remove();
     }
     result.steps = std::move(journal.steps);
+    return preview;
 }
 
 }
@@ -191,14 +192,14 @@ void CarryOut(const std::string &command, Result &result)
 void Change(const std::string &command, Result &result, const Options &options)
 {
     const bool onlyShows = options.dryRun || result.planOnly;
+    Preview preview;
     if (onlyShows) {
         if (!result.planOnly) ThrowIfUnfinished();
-        ReadAllBefore(result.steps);
+        preview = ReadAllBefore(result.steps);
     } else {
         ThrowIfRemovalsForbidden(result);
-        CarryOut(command, result);
+        preview = CarryOut(command, result);
     }
-    Preview preview = PreviewOf(result.steps);
     if (onlyShows && preview.changes) result.exit = Exit::PENDING;
     if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
 }

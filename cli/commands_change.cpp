@@ -38,7 +38,6 @@ Result Apply(const Verb &, const Arguments &arguments)
     }
     Result result;
     result.steps = PlanSteps(Document(arguments.Text("FILE")));
-    result.needsJournal = true;
     result.allowRemovals = arguments.Has("--allow-removals");
     if (arguments.Has("--confirm-within"))
         result.confirmWithin = ParseSeconds("--confirm-within", arguments.Text("--confirm-within"));
@@ -120,7 +119,6 @@ Result Batch(const Verb &, const Arguments &arguments)
                 error.advice);
         }
     }
-    result.needsJournal = true;
     result.allowRemovals = arguments.Has("--allow-removals");
     return result;
 }

@@ -11,14 +11,19 @@ uint8_t Selector(const Arguments &arguments)
     return static_cast<uint8_t>(arguments.Number("--selector", 0, UINT8_MAX));
 }
 
+Json Entries(const Target &port, uint8_t selector)
+{
+    DriverBuffer<> table;
+    CheckDriver(VSZOR_GetPortMACTable(port.Alias(), port.Port(), selector, table.Out()),
+                "reading the MAC table of", port);
+    return DecodeList(Record::MAC_ENTRY, table.Get(), sizeof(ZorMacTableEntry));
+}
+
 Result List(const Verb &, const Arguments &arguments)
 {
     const Target port = arguments.Target();
     SwitchId(port.alias);
-    DriverBuffer<> table;
-    CheckDriver(VSZOR_GetPortMACTable(port.Alias(), port.Port(), Selector(arguments), table.Out()),
-                "reading the MAC table of", port);
-    return Rows(DecodeList(Record::MAC_ENTRY, table.Get(), sizeof(ZorMacTableEntry)));
+    return Rows(Entries(port, Selector(arguments)));
 }
 
 Result Team(const Verb &, const Arguments &arguments)
@@ -57,17 +62,31 @@ ZorMacTableEntry GivenEntry(const Arguments &arguments)
     return entry;
 }
 
+// Whether a change of the entry would do anything; throws when it would fail. Nobody can tell where the
+// layout of entries isn't known.
+bool WouldChange(const Target &port, const Json &entry, bool adds)
+{
+    if (!IsEmbedded()) return true;
+    for (const Json &row : Entries(port, 0)) {
+        if (row["address"] != entry["address"] || row["vlan"] != entry["vlan"]) continue;
+        return !adds || row["type"] != entry["type"] || row["age"] != entry["age"];
+    }
+    if (!adds) Check(STATUS_NOT_FOUND, "removing a MAC address from", port);
+    return true;
+}
+
 template<auto CHANGE> Result ChangeEntry(const Verb &verb, const Arguments &arguments)
 {
     const Target port = arguments.Target();
     SwitchId(port.alias);
+    const bool adds = verb.name == "set";
     const ZorMacTableEntry entry = GivenEntry(arguments);
-    if (!arguments.IsDryRun()) {
-        CheckDriver(CHANGE(port.Alias(), port.Port(), &entry),
-                    verb.name == "set" ? "adding a MAC address to" : "removing a MAC address from", port);
-    }
+    const Json fields = Decode(Record::MAC_ENTRY, &entry, sizeof entry);
     Json row = {{"switch", port.alias}, {"port", port.port}};
-    row.update(Decode(Record::MAC_ENTRY, &entry, sizeof entry));
+    row.update(fields);
+    if (arguments.IsDryRun()) return Changed(arguments, row, WouldChange(port, fields, adds));
+    CheckDriver(CHANGE(port.Alias(), port.Port(), &entry),
+                adds ? "adding a MAC address to" : "removing a MAC address from", port);
     return Rows(row);
 }
 
@@ -122,13 +141,15 @@ Result Props(const Verb &, const Arguments &arguments)
 {
     ZorMacLearningProps props{};
     CheckDriver(VSZOR_GetGlobalMACLearningProps(&props), "reading the MAC learning properties of", {});
+    const ZorMacLearningProps before = props;
     if (HasFields(arguments) || arguments.Has("--hex") || arguments.Has("--file")) {
         props = GivenProps(arguments, props);
         if (!arguments.IsDryRun())
             CheckDriver(VSZOR_SetGlobalMACLearningProps(&props), "setting the MAC learning properties of",
                         {});
     }
-    return Rows(Decode(Record::LEARNING_PROPS, &props, sizeof props));
+    return Changed(arguments, Decode(Record::LEARNING_PROPS, &props, sizeof props),
+                   memcmp(&props, &before, sizeof props) != 0);
 }
 
 }

@@ -1,4 +1,5 @@
 // vsctl stats, option and rtm: counters of the running switch and options of the driver.
+#include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
 
@@ -41,16 +42,21 @@ uint32_t ParseNumber(std::string_view text, uint32_t max)
     return number;
 }
 
+// All of them when there are no ids.
+Json Options(const std::vector<uint16_t> &ids)
+{
+    DriverBuffer<> options;
+    CheckDriver(VSZOR_GetRuntimeOptions(ids.data(), static_cast<uint16_t>(ids.size()), options.Out()),
+                "reading the options of", {});
+    return Decode(Record::OPTIONS, options.Get(), RUNTIME_OPTIONS_SIZE);
+}
+
 Result GetOptions(const Verb &, const Arguments &arguments)
 {
     std::vector<uint16_t> ids;
     for (const std::string &word : arguments.List("OPTION"))
         ids.push_back(static_cast<uint16_t>(ParseNumber(word, UINT16_MAX)));
-    DriverBuffer<> options;
-    CheckDriver(VSZOR_GetRuntimeOptions(ids.data(), static_cast<uint16_t>(ids.size()), options.Out()),
-                "reading the options of", {});
-    const Json rows = Decode(Record::OPTIONS, options.Get(), RUNTIME_OPTIONS_SIZE);
-    return Rows(rows);
+    return Rows(Options(ids));
 }
 
 Bytes GivenOptions(const Arguments &arguments)
@@ -72,6 +78,16 @@ Bytes GivenOptions(const Arguments &arguments)
     return OptionsRecord(options);
 }
 
+// Whether an option has another value; nobody can tell where their layout isn't known.
+bool Differ(const Json &wanted)
+{
+    if (!IsEmbedded()) return true;
+    const Json present = Options({});
+    return !std::all_of(wanted.begin(), wanted.end(), [&present](const Json &option) {
+        return std::find(present.begin(), present.end(), option) != present.end();
+    });
+}
+
 Result SetOptions(const Verb &, const Arguments &arguments)
 {
     const Bytes record = GivenOptions(arguments);
@@ -84,7 +100,7 @@ Result SetOptions(const Verb &, const Arguments &arguments)
     if (!arguments.IsDryRun())
         CheckDriver(VSZOR_SetRuntimeOptions(record.data()), "setting the options of", {});
     const Json rows = Decode(Record::OPTIONS, record.data(), record.size());
-    return Rows(rows);
+    return Changed(arguments, rows, !arguments.IsDryRun() || Differ(rows));
 }
 
 // The record says how many entries follow; the driver is told its length by that count.
@@ -107,7 +123,7 @@ Result Rtm(const Verb &, const Arguments &arguments)
                         "'vsctl doctor' shows what of the platform is reachable");
         Check(status, fmt::format("sending RTM command {} to", command), {});
     }
-    return Rows({{"command", command}, {"entries", count}, {"sent", !arguments.IsDryRun()}});
+    return Changed(arguments, {{"command", command}, {"entries", count}, {"sent", !arguments.IsDryRun()}});
 }
 
 }

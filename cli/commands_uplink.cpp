@@ -133,13 +133,11 @@ Result Port(const Verb &, const Arguments &arguments)
 
 Result Numa(const Verb &, const Arguments &arguments)
 {
-    Result result;
-    if (!arguments.IsDryRun()) {
-        CheckDriver(VSZOR_RefreshDevNUMAInfo(PortsetOf(arguments.Text("SWITCH")).c_str()),
-                    "refreshing the NUMA nodes of", arguments.Target());
-    }
-    result.rows.push_back({{"switch", arguments.Text("SWITCH")}, {"refreshed", !arguments.IsDryRun()}});
-    return result;
+    const std::string portset = PortsetOf(arguments.Text("SWITCH"));
+    if (!arguments.IsDryRun())
+        CheckDriver(VSZOR_RefreshDevNUMAInfo(portset.c_str()), "refreshing the NUMA nodes of",
+                    arguments.Target());
+    return Changed(arguments, {{"switch", arguments.Text("SWITCH")}, {"refreshed", !arguments.IsDryRun()}});
 }
 
 Result Lags(const Verb &, const Arguments &arguments)

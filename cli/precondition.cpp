@@ -53,6 +53,7 @@ private:
     void CheckSwitch(const Step &step);
     void CheckPort(const Step &step);
     void CheckUplinks(const Step &step);
+    void CheckById(const Target &target);
     void CheckProperty(const Step &step);
     void CheckCreation(const std::string &alias, const Json &value);
     void CheckId(const std::string &id) const;
@@ -214,12 +215,19 @@ void Walk::CheckUplinks(const Step &step)
     }
 }
 
+// What steps before this one make has a name by then.
+void Walk::CheckById(const Target &target)
+{
+    if (ids.contains(target.alias)) return;
+    if (!SwitchIdExists(target.alias)) vsctl::Check(STATUS_NOT_FOUND, "finding", target);
+    const std::string alias = AliasOfId(target.alias);
+    if (!alias.empty() && !target.port.empty()) FindPort({alias, target.port});
+}
+
 void Walk::CheckProperty(const Step &step)
 {
     const bool byId = step.value.contains("by-id");
-    if (byId && !ids.contains(step.target.alias) && !SwitchIdExists(step.target.alias))
-        vsctl::Check(STATUS_NOT_FOUND, "finding", step.target);
-    if (byId) return;
+    if (byId) return CheckById(step.target);
     step.target.port.empty() ? Find(step.target.alias) : FindPort(step.target);
 }
 

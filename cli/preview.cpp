@@ -39,11 +39,15 @@ public:
     {
         const auto found = left.find({step.target.alias, step.target.port, step.item});
         if (found != left.end()) return found->second;
-        const bool replaced = replacedSwitches.contains(step.target.alias) ||
-                              replacedPorts.contains({step.target.alias, step.target.port});
-        const Json before = replaced && !IsObject(step) ? Json() : step.before;
+        const Json before = IsReplaced(step.target) && !IsObject(step) ? Json() : step.before;
         if (before.is_null() && step.item == "vlan" && IsNewUplink(step.target)) return UPLINK_VLAN;
         return before;
+    }
+
+    // Whether a step has made the switch or port, with properties that nobody has read.
+    bool IsReplaced(const Target &target) const
+    {
+        return replacedSwitches.contains(target.alias) || replacedPorts.contains({target.alias, target.port});
     }
 
     void Note(const Step &step, const Json &after)
@@ -81,6 +85,22 @@ private:
     std::vector<Step> uplinkSteps;
 };
 
+// Throws when there is no such property, or no such mirror session, to remove.
+void RequirePresent(const Step &step)
+{
+    const bool clears = step.item == "property" && step.value["bytes"].is_null();
+    if (clears && step.before.is_null())
+        Check(STATUS_NOT_FOUND, fmt::format("clearing {} of", step.value["key"].get<std::string>()),
+              step.target);
+    if (step.item != "mirror-sessions" || !step.value.contains("remove")) return;
+    const Json &id = step.value["remove"];
+    const bool isThere = std::any_of(step.before.begin(), step.before.end(),
+                                     [&id](const Json &session) { return session["id"] == id; });
+    if (!isThere)
+        Check(STATUS_NOT_FOUND, fmt::format("removing mirror session {} from", id.get<std::string>()),
+              step.target);
+}
+
 // A list that stays as it is gives back the ports that are gone.
 bool AddsPorts(const Step &step)
 {
@@ -99,6 +119,7 @@ Preview PreviewOf(const std::vector<Step> &steps)
     Walk walk;
     for (Step step : steps) {
         step.before = walk.Before(step);
+        if (!walk.IsReplaced(step.target)) RequirePresent(step);
         const Json after = After(step);
         preview.rows.push_back(StepRow(step));
         preview.changes = preview.changes || IsObject(step) || after != step.before || AddsPorts(step);

@@ -10,7 +10,8 @@ struct Preview {
     bool changes = false;      // some step leaves something else than it finds
 };
 
-// `before` of each step holds what was there before the first of them.
+// `before` of each step holds what was there before the first of them. Throws when a step would remove what
+// is not there then.
 Preview PreviewOf(const std::vector<Step> &steps);
 
 }

@@ -112,6 +112,15 @@ Result Rows(Json rows)
     return result;
 }
 
+Result Changed(const Arguments &arguments, Json rows, bool changes)
+{
+    if (!arguments.IsDryRun()) return Rows(std::move(rows));
+    if (!changes) return {};
+    Result result = Rows(std::move(rows));
+    result.exit = Exit::PENDING;
+    return result;
+}
+
 Result Steps(std::vector<Step> steps)
 {
     Result result;

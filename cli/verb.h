@@ -52,10 +52,9 @@ struct Result {
     std::vector<Step> steps; // a change that is still to be made
     bool allowRemovals = true;
     bool planOnly = false;
-    bool needsJournal = false; // even for a single step
-    double confirmWithin = 0;  // seconds
-    std::string note;          // a line for people, after the rows
-    std::string text;          // printed as it is, instead of rows; with --json, where there are no rows
+    double confirmWithin = 0; // seconds
+    std::string note;         // a line for people, after the rows
+    std::string text;         // printed as it is, instead of rows; with --json, where there are no rows
     Exit exit = Exit::DONE;
 };
 
@@ -84,6 +83,8 @@ Verb ChangesNow(std::string noun, std::string name, std::string help, std::vecto
 // Results of one kind. An object is one row.
 Result Rows(Json rows);
 Result Steps(std::vector<Step> steps);
+// Of a verb that changes what is running at once. A dry run shows no rows where nothing would change.
+Result Changed(const Arguments &arguments, Json rows, bool changes = true);
 Result Text(std::string text);
 
 // All verbs, by noun. Those of the policies are made from their rows.

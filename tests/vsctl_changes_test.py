@@ -152,6 +152,8 @@ class Changes(OnHost):
                  "uplink remove lab uplink0", "uplink clear lab", "uplink set lab port9 e2", "uplink down lab nic1"]
         prepare = ["switch create lab --id lab --uplinks 2 --ports 4", "port add-opaque lab o \udcff"]
         for prepared, words, stdin in (([], ["apply", "-"], LAB), (prepare, ["batch", "--allow-removals"], "\n".join(lines)),
+                                       ([], "switch create lab --id lab --uplinks 1 --ports 2".split(), None),
+                                       (["switch create lab --id lab --ports 1"], "port vlan lab port0 --priority 5".split(), None),
                                        (["switch create lab --id lab --uplinks 1 --version 7"], ["batch", "--allow-removals"],
                                         "switch destroy lab\nswitch create other --id other --ports 2 --uplinks 2")):
             def restart():
@@ -178,7 +180,7 @@ class Changes(OnHost):
                     self.assertEqual(self.state(), wanted, f"{finish} after a cut at write {nth}")
                     if finish == "--resume":
                         restart()
-                self.assertGreater(cut, 20 / STRIDE)
+                self.assertGreater(cut, 20 / STRIDE if stdin else 0)
                 self.assertTrue(bare or prepared or STRIDE > 2)
                 restart()
 

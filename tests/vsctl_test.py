@@ -244,7 +244,7 @@ class Verbs(OnHost):
         self.create()
         before = HOST.vshost_fingerprint()
         self.assertEqual(self.rows("port", "vlan", "lab", "port0", "5", "--dry-run", code=10)[0]["before"]["id"], 0)
-        self.rows("mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01", "--dry-run")
+        self.rows("mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01", "--dry-run", code=10)
         self.assertEqual(HOST.vshost_fingerprint(), before)
 
     def test_a_found_alias_is_checked_back(self):

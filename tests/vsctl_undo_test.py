@@ -31,7 +31,9 @@ class Undo(OnHost):
                 (1, "port remove lab uplink0", "vsctl uplink remove lab uplink0"), (1, "port remove lab port0..port2,uplink1", "vsctl uplink remove lab uplink1"),
                 (3, "uplink remove lab uplink0 nope", "no uplink nope"), (3, "uplink remove lab uplink0 uplink0", "no uplink uplink0"),
                 (3, "port remove lab port0,nope", "nope"), (4, "port add lab x,port0", "port0"), (3, "port vlan lab port0,nope 5", "nope"),
-                (3, "property set lab k --level port --port nope --text a", "nope"), (3, "property set nope k --by-id --text a", "nope")):
+                (3, "property set lab k --level port --port nope --text a", "nope"), (3, "property set nope k --by-id --text a", "nope"),
+                (3, "property set lab-id k --by-id --level port --port nope --text a", "nope"), (3, "property clear lab k", "clearing k"),
+                (3, "mirror remove lab s1 port0", "session s1"), (3, "port vlan lab nope --clear", "nope")):
             self.unchanged(words.split(), code, reason)
             self.unchanged(["batch", "--allow-removals"], code, reason, stdin=f"port vlan lab port0 7\n{words}\n")
 
@@ -47,10 +49,22 @@ class Undo(OnHost):
             self.unchanged(["apply", "-", "--allow-removals"], code, reason, stdin=text)
             self.refused(["plan", "-"], code, reason, stdin=text)
 
+    def test_a_dry_run_of_what_changes_the_driver_at_once(self):
+        address = "--address 02:00:00:00:00:01"
+        for words, again in ((f"mac set lab port0 {address}", 0), (f"mac clear lab port0 {address}", 3), ("mac props --aging 7", 0), ("option set 3=9", 0),
+                             ("uplink numa lab", 10)):
+            self.rows(*words.split(), "--dry-run", code=10)
+            self.rows(*words.split())
+            dry = self.process(*words.split(), "--dry-run")
+            self.assertEqual(dry.returncode, again, words)
+            self.assertIn("nothing to change\n" if again == 0 else "", dry.stdout)
+        self.run_vsctl("mac", "set", "lab", "nope", *address.split(), "--dry-run", code=3)
+
     def test_steps_are_checked_in_their_order(self):
         for code, lines in ((0, "switch create new --ports 1\nport add new x\nuplink add new u\nuplink remove new u\nport add new u\nport remove new x"),
                             (4, "switch create new2 --id n\nswitch create new3 --id n"), (3, "switch destroy lab\nport vlan lab port0 5"),
                             (4, "uplink add lab a\nport add lab a"), (3, "port remove lab port0\nport vlan lab port0 5"),
+                            (0, "property set lab k --text a\nproperty clear lab k\nport add lab y"), (3, "property clear lab k\nproperty set lab k --text a"),
                             (2, "switch destroy lab\nswitch create lab"), (2, "switch destroy prod\nswitch create x --id zz"),
                             (2, "switch destroy prod\nswitch create x --portset vs-prod")):
             with self.subTest(lines):
