@@ -1,0 +1,432 @@
+// The data path at interfaces: the tables of frames once more, and what happens when interfaces, programs and
+// the process that loaded them go.
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "tests/live_scenario.h"
+#include "tests/live_wires.h"
+
+namespace live_test {
+namespace {
+
+using namespace vshost;
+
+// ---- The tables ----
+
+class LiveWires : public LiveTest, public testing::WithParamInterface<Table> {};
+
+TEST_P(LiveWires, PassFramesAsTheTableSays)
+{
+    WireSet set = MakeWires({2, 5});
+    for (const Row &row : GetParam().rows) {
+        if (NeedsTestRun(row)) continue;
+        Wires wires(Options(), set);
+        Play(wires, row);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Tables, LiveWires, testing::ValuesIn(FrameTables()),
+                         [](const auto &info) { return info.param.name; });
+
+// ---- Streams of numbered frames ----
+
+constexpr uint32_t SENDER = 1;
+constexpr uint8_t SOURCE = 0x11; // the last byte of an address
+constexpr uint8_t EVERYBODY = 0xff;
+
+Bytes NumberedFrame(uint32_t number, uint8_t destination)
+{
+    Bytes frame = {2, 0, 0, 0, 0, destination, 2, 0, 0, 0, 0, SOURCE, 0x12, 0x34};
+    for (int shift = 24; shift >= 0; shift -= 8)
+        frame.push_back(static_cast<uint8_t>(number >> shift));
+    if (destination == EVERYBODY) std::fill_n(frame.begin(), 6, destination);
+    frame.resize(64);
+    return frame;
+}
+
+// A frame by which an address is learned.
+Bytes Hello(uint8_t source)
+{
+    Bytes frame = NumberedFrame(0, EVERYBODY);
+    frame[11] = source;
+    return frame;
+}
+
+uint32_t NumberOf(const Bytes &frame)
+{
+    const uint8_t *number = frame.data() + (frame[12] == 0x81 ? 18 : 14); // behind the tag
+    return static_cast<uint32_t>(number[0] << 24 | number[1] << 16 | number[2] << 8 | number[3]);
+}
+
+SwitchConfig Switch(uint32_t ports, const std::vector<uint32_t> &uplinks)
+{
+    SwitchConfig config;
+    config.id = "switch";
+    for (uint32_t number = 1; number <= ports; number++) {
+        PortConfig port;
+        port.number = number;
+        port.ifindex = ANY_INTERFACE;
+        port.uplink = port.trunk = std::count(uplinks.begin(), uplinks.end(), number) != 0;
+        config.ports.push_back(port);
+    }
+    return config;
+}
+
+// Sends numbered frames until it is stopped.
+class Stream {
+public:
+    Stream(Wire &wire, uint8_t destination)
+        : thread([this, &wire, destination] {
+              StayOnProcessor(1);
+              while (!stop) {
+                  before = number;
+                  wire.Send(NumberedFrame(number, destination));
+                  after = ++number;
+                  // The receiver's buffer holds what nobody has taken yet; leave it some time.
+                  if (number % 64 == 0) usleep(1000);
+              }
+          })
+    {}
+    ~Stream() { Stop(); }
+
+    // How many it has sent.
+    uint32_t Stop()
+    {
+        stop = true;
+        if (thread.joinable()) thread.join();
+        return after;
+    }
+
+    // Waits until `count` further frames were sent whole, and answers the number of the next one.
+    uint32_t Pass(uint32_t count)
+    {
+        const uint32_t goal = after + count + 1;
+        while (after < goal)
+            usleep(100);
+        return after;
+    }
+
+    std::atomic<uint32_t> before{0}; // begun
+    std::atomic<uint32_t> after{0};  // done
+
+private:
+    uint32_t number = 0;
+    std::atomic<bool> stop{false};
+    std::thread thread;
+};
+
+// How often each numbered frame has arrived at a port.
+std::vector<uint32_t> Arrivals(const std::vector<Sent> &sent, uint32_t count)
+{
+    std::vector<uint32_t> arrivals(count);
+    for (const Sent &one : sent)
+        if (one.head[11] == SOURCE && NumberOf(one.head) < count) arrivals[NumberOf(one.head)]++;
+    return arrivals;
+}
+
+void ExpectAllOnce(const std::vector<uint32_t> &arrivals)
+{
+    for (uint32_t i = 0; i < arrivals.size(); i++)
+        ASSERT_EQ(arrivals[i], 1u) << "frame " << i << " of " << arrivals.size();
+}
+
+// ---- Uplinks ----
+
+class LiveInterfaces : public LiveTest {};
+
+TEST_F(LiveInterfaces, LoseNoFrameWhenAnUplinkGoes)
+{
+    constexpr uint32_t FRAMES = 500;
+    const struct {
+        const char *name;
+        const char *lose;
+    } cases[] = {
+        {"its carrier is lost", "ip link set far-port8 down"},
+        {"it is down", "ip link set port8 down"},
+        {"it is deleted", "ip link del port8"},
+    };
+    for (const auto &row : cases) {
+        SCOPED_TRACE(row.name);
+        WireSet set = MakeWires();
+        Wires wires(Options(), set);
+        SwitchConfig config = Switch(9, {8, 9});
+        config.ports[0].number = 10; // an even one: its uplink is the first
+        config.ports[0].ifindex = wires.InterfaceOf(SENDER);
+        wires.Publish(config);
+        for (uint32_t i = 0; i < FRAMES; i++)
+            wires.At(SENDER).Send(NumberedFrame(i, 0x99));
+        std::vector<Sent> sent = wires.Settle();
+        EXPECT_TRUE(std::all_of(sent.begin(), sent.end(), [](const Sent &one) { return one.port == 8; }));
+        ExpectAllOnce(Arrivals(sent, FRAMES));
+
+        // Nobody tells the data path; the kernel itself knows it only after some time.
+        Shell(row.lose);
+        for (uint32_t i = 0; i < FRAMES; i++)
+            wires.At(SENDER).Send(NumberedFrame(i, 0x99));
+        ExpectAllOnce(Arrivals(Take(wires.At(9), 9, FRAMES), FRAMES));
+        LiveCounters counters;
+        ASSERT_EQ(wires.path.ReadCounters(9, counters), STATUS_OK);
+        EXPECT_EQ(counters.values[LIVE_FAILOVERS], 1u);
+        uint32_t uplink = 0;
+        EXPECT_EQ(wires.path.ReadUplink(10, uplink), STATUS_OK);
+        EXPECT_EQ(uplink, 9u);
+    }
+}
+
+// ---- Programs and processes ----
+
+TEST_F(LiveInterfaces, LoseNoFrameWhenTheProgramIsReplaced)
+{
+    WireSet set = MakeWires();
+    Wires wires(Options(), set);
+    wires.Publish(Switch(3, {}));
+    wires.Run(2, Hello(0x22));
+
+    Stream stream(wires.At(SENDER), 0x22);
+    for (int i = 0; i < 20; i++) {
+        DataPath next;
+        ASSERT_EQ(next.Open(Options()), STATUS_OK) << next.Message();
+        for (uint32_t port = 1; port <= 9; port++)
+            ASSERT_EQ(next.Attach(wires.InterfaceOf(port)), STATUS_OK) << next.Message();
+        next.ForgetPredecessors();
+        stream.Pass(20);
+    }
+    const uint32_t count = stream.Stop();
+    ExpectAllOnce(Arrivals(wires.Settle(), count));
+
+    // The first data path doesn't know the programs of its successors.
+    DataPath last;
+    ASSERT_EQ(last.Open(Options()), STATUS_OK);
+    for (uint32_t port = 1; port <= 9; port++) {
+        EXPECT_EQ(last.Attach(wires.InterfaceOf(port)), STATUS_OK) << last.Message();
+        EXPECT_EQ(wires.path.Detach(wires.InterfaceOf(port)), STATUS_NOT_FOUND);
+        EXPECT_EQ(last.Detach(wires.InterfaceOf(port)), STATUS_OK) << last.Message();
+    }
+}
+
+// A process that opens the data path, plugs and waits to be killed.
+pid_t StartLoader(const LoadOptions &options, const SwitchConfig &config)
+{
+    int ready[2];
+    EXPECT_EQ(pipe(ready), 0);
+    const pid_t loader = fork();
+    if (loader == 0) {
+        DataPath path;
+        Change change;
+        bool works = path.Open(options) == STATUS_OK && path.PrepareSwitch(config, change) == STATUS_OK;
+        if (works) {
+            path.SetHost({});
+            path.Publish(change);
+            for (const PortConfig &port : config.ports)
+                works &= path.Attach(port.ifindex) == STATUS_OK;
+        }
+        path.ForgetPredecessors();
+        const char answer = works;
+        if (write(ready[1], &answer, 1) != 1) _exit(1);
+        for (;;)
+            pause();
+    }
+    close(ready[1]);
+    char answer = 0;
+    EXPECT_EQ(read(ready[0], &answer, 1), 1);
+    EXPECT_EQ(answer, 1) << "the loader failed";
+    close(ready[0]);
+    return loader;
+}
+
+void Kill(pid_t process)
+{
+    kill(process, SIGKILL);
+    waitpid(process, nullptr, 0);
+}
+
+TEST_F(LiveInterfaces, ForwardWhenTheirLoaderIsKilledAndAnotherTakesOver)
+{
+    LoadOptions options = Options();
+    std::vector<std::unique_ptr<Wire>> wires;
+    SwitchConfig config = Switch(2, {});
+    for (PortConfig &port : config.ports) {
+        wires.push_back(MakeVeth("port" + std::to_string(port.number)));
+        port.ifindex = wires.back()->Interface();
+    }
+    pid_t loader = StartLoader(options, config);
+    wires[1]->Send(Hello(0x22));
+
+    Stream stream(*wires[0], 0x22);
+    for (int i = 0; i < 10; i++) {
+        stream.Pass(10);
+        Kill(loader);
+        stream.Pass(10);
+        loader = StartLoader(options, config);
+    }
+    Kill(loader);
+    const uint32_t count = stream.Stop();
+    ExpectAllOnce(Arrivals(Take(*wires[1], 2, count), count));
+
+    // What the dead left: counters, addresses, filters; and nothing once it is removed.
+    DataPath path;
+    ASSERT_EQ(path.Open(options), STATUS_OK) << path.Message();
+    LiveCounters counters;
+    ASSERT_EQ(path.ReadCounters(1, counters), STATUS_OK);
+    EXPECT_EQ(counters.values[LIVE_FROM_PACKETS], count);
+    EXPECT_EQ(counters.values[LIVE_TO_PACKETS], 1u);
+    for (const auto &wire : wires)
+        EXPECT_EQ(path.Detach(wire->Interface()), STATUS_OK) << path.Message();
+    path.RemovePins();
+    EXPECT_TRUE(std::filesystem::is_empty(options.bpffs) ||
+                !std::filesystem::exists(options.bpffs + "/" + options.identity + "-v1"));
+    Shell("! tc qdisc show | grep clsact");
+}
+
+TEST_F(LiveInterfaces, KeepOthersFiltersAsTheyAre)
+{
+    WireSet set = MakeWires();
+    Wires wires(Options(), set);
+    LoadOptions other = Options();
+    other.identity = "other";
+    DataPath path;
+    ASSERT_EQ(path.Open(other), STATUS_OK);
+    EXPECT_EQ(path.Attach(wires.InterfaceOf(1)), STATUS_EXISTS);
+    EXPECT_NE(path.Message().find("filter"), std::string::npos);
+    EXPECT_EQ(path.Detach(wires.InterfaceOf(1)), STATUS_NOT_FOUND);
+    EXPECT_EQ(path.Attach(999999), STATUS_NOT_FOUND);
+    path.RemovePins();
+
+    // Of an interface that has a queueing discipline of somebody else, only the filter goes.
+    ASSERT_EQ(wires.path.Detach(wires.InterfaceOf(1)), STATUS_OK);
+    Shell("tc qdisc replace dev port1 clsact");
+    wires.Publish(Switch(2, {}));
+    ASSERT_EQ(wires.path.Attach(wires.InterfaceOf(1)), STATUS_OK) << wires.path.Message();
+    ASSERT_EQ(wires.path.Detach(wires.InterfaceOf(1)), STATUS_OK) << wires.path.Message();
+    Shell("tc qdisc show dev port1 | grep -q clsact");
+}
+
+// ---- What is published is true ----
+
+// A frame that is sent need not be forwarded yet; it is when the next one is.
+void WaitUntilForwarded(Wires &wires, uint32_t frames)
+{
+    LiveCounters counters = {};
+    while (counters.values[LIVE_FROM_PACKETS] <= frames && !testing::Test::HasFailure())
+        ASSERT_EQ(wires.path.ReadCounters(SENDER, counters), STATUS_OK);
+}
+
+// Frames sent after Publish() has returned, and before the next change begins, obey it.
+TEST_F(LiveInterfaces, ObeyAChangeFromTheNextFrameOn)
+{
+    constexpr uint32_t FLIPS = 500;
+    WireSet set = MakeWires();
+    Wires wires(Options(), set);
+    SwitchConfig config = Switch(2, {});
+    config.ports[0].vlanId = config.ports[1].vlanId = 7;
+    wires.Publish(config);
+    struct Span {
+        uint32_t first, last; // frames that were sent whole while nothing changed
+        bool passes;
+    };
+    std::vector<Span> spans;
+    Stream stream(wires.At(SENDER), EVERYBODY);
+    std::vector<Sent> arrived;
+    for (uint32_t i = 0; i < FLIPS; i++) {
+        PortConfig &port = config.ports[i / 2 % 2];
+        const bool passes = i % 2;
+        const uint16_t vlan = passes ? 7 : 8;
+        switch (i / 4 % 3) {
+        case 0:
+            port.blocked = !passes;
+            break;
+        case 1:
+            port.vlanId = vlan;
+            break;
+        default: // this one takes a snapshot; the sender has no use for it
+            config.ports[1].trunk = i % 4 != 3;
+            config.ports[1].ranges = {{vlan, vlan}};
+            wires.Publish(config.ports[1]);
+        }
+        wires.Publish(port);
+        const uint32_t first = stream.before + 1;
+        const uint32_t last = stream.Pass(2);
+        spans.push_back({first, last, passes});
+        WaitUntilForwarded(wires, last);
+        while (const std::optional<Bytes> frame = wires.At(2).Receive())
+            arrived.push_back(MakeSent(2, *frame));
+    }
+    const uint32_t count = stream.Stop();
+    for (const Sent &one : wires.Settle())
+        arrived.push_back(one);
+    const std::vector<uint32_t> arrivals = Arrivals(arrived, count);
+    uint32_t judged = 0;
+    for (const Span &span : spans)
+        for (uint32_t i = span.first; i < span.last; i++, judged++)
+            ASSERT_EQ(arrivals[i], span.passes ? 1u : 0u) << "frame " << i;
+    EXPECT_GE(judged, FLIPS);
+}
+
+// ---- Several processors ----
+
+TEST_F(LiveInterfaces, CountAddressesRightWhateverHappensAtOnce)
+{
+    constexpr uint32_t SENDERS = 4;
+    constexpr uint32_t FRAMES = 5000; // at least, of each sender
+    WireSet set = MakeWires();
+    Wires wires(Options(), set);
+    SwitchConfig config = Switch(9, {9});
+    for (PortConfig &port : config.ports) {
+        port.learning = port.number != 1; // that one replaces its address all the time
+        port.addressLimit = 20;
+    }
+    config.addressLimit = 50;
+    wires.Publish(config);
+
+    std::atomic<bool> stop{false};
+    std::atomic<uint32_t> sent[SENDERS] = {};
+    std::vector<std::thread> senders;
+    for (uint32_t i = 0; i < SENDERS; i++)
+        senders.emplace_back([&, i] {
+            StayOnProcessor(i);
+            const uint32_t port = i == 0 ? 9 : i; // addresses wander between the network and the ports
+            for (uint32_t number = i; !stop; number = number * 1103515245 + 12345) {
+                Bytes frame = NumberedFrame(number, 0x77);
+                const uint32_t address = number >> 16;
+                frame[11] = static_cast<uint8_t>(address % 4 == 0 ? address % 32
+                                                                  : address % 2); // two are fought over
+                wires.At(port).Send(frame);
+                sent[i]++;
+            }
+        });
+    for (uint32_t i = 0; *std::min_element(sent, sent + SENDERS) < FRAMES; i++) {
+        const uint8_t mac[6] = {2, 0, 0, 0, 0, static_cast<uint8_t>(i % 32)};
+        EXPECT_EQ(wires.path.ForgetLearned(1 + i % 3), STATUS_OK);
+        wires.path.AddStaticAddress(2, 0, mac);
+        wires.path.RemoveAddress(2, 0, mac);
+    }
+    stop = true;
+    for (std::thread &sender : senders)
+        sender.join();
+    wires.Settle();
+
+    ASSERT_EQ(wires.path.Sweep(), STATUS_OK);
+    std::vector<AddressEntry> entries;
+    ASSERT_EQ(wires.path.ReadAddresses("switch", entries), STATUS_OK);
+    EXPECT_EQ(wires.path.Kernel().host[0].learned, entries.size());
+    EXPECT_EQ(wires.path.Kernel().switches[0].learned, entries.size());
+    for (uint32_t number = 1; number <= 9; number++) {
+        uint32_t slot = 0;
+        ASSERT_EQ(wires.path.SlotOfPort(number, slot), STATUS_OK);
+        EXPECT_EQ(wires.path.Kernel().ports[slot].learned,
+                  std::count_if(entries.begin(), entries.end(),
+                                [&](const AddressEntry &entry) { return entry.portNumber == number; }))
+            << "port " << number;
+    }
+    LiveCounters counters;
+    ASSERT_EQ(wires.path.ReadCounters(1, counters), STATUS_OK);
+    EXPECT_GT(counters.values[LIVE_MOVED], 0u);
+}
+
+}
+}
