@@ -19,53 +19,72 @@ constexpr uint32_t MAX_INPUT_LENGTH = 1u << 20; // of one command
 constexpr uint32_t RTM_HEADER = sizeof(VSwitchRtmRecord);
 constexpr uint32_t RTM_ENTRY = 128;
 
-// Copies between this process's own memory and itself by the kernel, which refuses a bad address where a
-// plain copy would end the process. Where that is not allowed, a plain copy has to do.
 using Copy = ssize_t (*)(pid_t, const iovec *, unsigned long, const iovec *, unsigned long, unsigned long);
 
-bool CopyThrough(Copy copy, void *ours, uint64_t theirs, size_t length, bool reading)
-{
-    if (length == 0) return true;
-    if (theirs == 0) return false;
-    auto *address = reinterpret_cast<void *>(theirs);
-    const iovec local{ours, length}, remote{address, length};
-    const ssize_t copied = copy(getpid(), &local, 1, &remote, 1, 0);
-    if (copied < 0 && (errno == EPERM || errno == ENOSYS)) {
-        memcpy(reading ? ours : address, reading ? address : ours, length);
-        return true;
+// The memory of the process that runs the command. The kernel copies, since it refuses a bad address where a
+// plain copy would end this process. Where it may not copy within this process, a plain copy has to do.
+class CallerMemory {
+public:
+    explicit CallerMemory(pid_t caller) : caller(caller) {}
+
+    bool Read(void *ours, uint64_t theirs, size_t length) const
+    {
+        return CopyThrough(process_vm_readv, ours, theirs, length, true);
     }
-    return copied == static_cast<ssize_t>(length);
-}
 
-bool ReadMemory(void *ours, uint64_t theirs, size_t length)
-{
-    return CopyThrough(process_vm_readv, ours, theirs, length, true);
-}
+    bool Write(uint64_t theirs, std::string_view bytes) const
+    {
+        return CopyThrough(process_vm_writev, const_cast<char *>(bytes.data()), theirs, bytes.size(), false);
+    }
 
-bool WriteMemory(uint64_t theirs, std::string_view bytes)
-{
-    return CopyThrough(process_vm_writev, const_cast<char *>(bytes.data()), theirs, bytes.size(), false);
-}
+private:
+    bool CopyThrough(Copy copy, void *ours, uint64_t theirs, size_t length, bool reading) const
+    {
+        if (length == 0) return true;
+        if (theirs == 0) return false;
+        auto *address = reinterpret_cast<void *>(theirs);
+        const iovec local{ours, length}, remote{address, length};
+        const ssize_t copied = copy(caller, &local, 1, &remote, 1, 0);
+        if (copied < 0 && (errno == EPERM || errno == ENOSYS) && caller == getpid()) {
+            memcpy(reading ? ours : address, reading ? address : ours, length);
+            return true;
+        }
+        return copied == static_cast<ssize_t>(length);
+    }
+
+    const pid_t caller;
+};
+
+// What a command is about.
+struct Call {
+    Device device;
+    uint32_t number;
+    CallerMemory memory;
+    VSwitchRequest header = {};
+    std::string input = {};
+};
 
 const char *DevicePath(Device device)
 {
     return device == Device::RTM ? VSWITCH_DRIVER_RTM_DEVICE : VSWITCH_DRIVER_DEVICE;
 }
 
-int ReadInput(const VSwitchRequest &header, std::string &input)
+int ReadInput(Call &call, uint64_t header)
 {
-    if (header.inLength > MAX_INPUT_LENGTH) return EINVAL;
-    input.resize(header.inLength);
-    return ReadMemory(input.data(), header.input, input.size()) ? 0 : EFAULT;
+    if (!call.memory.Read(&call.header, header, sizeof call.header)) return EFAULT;
+    if (call.header.inLength > MAX_INPUT_LENGTH) return EINVAL;
+    call.input.resize(call.header.inLength);
+    return call.memory.Read(call.input.data(), call.header.input, call.input.size()) ? 0 : EFAULT;
 }
 
-int Query(const Command &command, Engine &engine, std::string_view input, const VSwitchRequest &header)
+int Query(const Command &command, Engine &engine, const Call &call)
 {
-    Request request(engine, input);
+    Request request(engine, call.input);
     if (int error = request.Resolve(command.fields)) return error;
     if (int error = command.handler(request)) return error;
-    const size_t length = request.Fitting(header.outLength);
-    return WriteMemory(header.output, std::string_view(request.answer).substr(0, length)) ? 0 : EFAULT;
+    const size_t length = request.Fitting(call.header.outLength);
+    const std::string_view answer = std::string_view(request.answer).substr(0, length);
+    return call.memory.Write(call.header.output, answer) ? 0 : EFAULT;
 }
 
 int Change(const Command &command, Engine &engine, std::string_view input)
@@ -80,12 +99,12 @@ int Change(const Command &command, Engine &engine, std::string_view input)
     return error ? error : ErrnoOf(status, EIO);
 }
 
-int RunSwitchCommand(uint32_t number, Engine &engine, std::string_view input, const VSwitchRequest &header)
+int RunSwitchCommand(Engine &engine, const Call &call)
 {
-    const Command *command = FindCommand(number);
+    const Command *command = FindCommand(call.number);
     if (!command) return ENOTTY;
-    if (command->inLength && input.size() != command->inLength) return EINVAL;
-    return command->Changes() ? Change(*command, engine, input) : Query(*command, engine, input, header);
+    if (command->inLength && call.input.size() != command->inLength) return EINVAL;
+    return command->Changes() ? Change(*command, engine, call.input) : Query(*command, engine, call);
 }
 
 int RunRtmCommand(uint32_t number, Engine &engine, std::string_view input)
@@ -100,36 +119,34 @@ int RunRtmCommand(uint32_t number, Engine &engine, std::string_view input)
                    EIO);
 }
 
-int RunChecked(Device device, uint32_t number, HostUse &host, const VSwitchRequest &header,
-               std::string_view input)
+int RunChecked(HostUse &host, const Call &call)
 {
     std::string answer;
-    if (host.GetControl()->TakeAnswer(number, answer))
-        return WriteMemory(header.output, std::string_view(answer).substr(0, header.outLength)) ? 0 : EFAULT;
-    if (device == Device::RTM) return RunRtmCommand(number, host->GetEngine(), input);
-    return RunSwitchCommand(number, host->GetEngine(), input, header);
+    if (host.GetControl()->TakeAnswer(call.number, answer)) {
+        const std::string_view fitting = std::string_view(answer).substr(0, call.header.outLength);
+        return call.memory.Write(call.header.output, fitting) ? 0 : EFAULT;
+    }
+    if (call.device == Device::RTM) return RunRtmCommand(call.number, host->GetEngine(), call.input);
+    return RunSwitchCommand(host->GetEngine(), call);
 }
 
-int Run(Device device, uint32_t number, void *address)
+int Run(Call call, uint64_t header)
 {
     HostUse host;
     if (!host) return ENODEV;
-    VSwitchRequest header = {};
-    std::string input;
-    int error = ReadMemory(&header, reinterpret_cast<uint64_t>(address), sizeof header) ? 0 : EFAULT;
-    if (!error) error = ReadInput(header, input);
+    int error = ReadInput(call, header);
 
-    const std::string operation = std::to_string(number);
+    const std::string operation = std::to_string(call.number);
     CallDetails details;
-    details.text[0] = DevicePath(device);
+    details.text[0] = DevicePath(call.device);
     details.textCount = 1;
-    details.length = header.inLength;
-    details.flags = header.outLength;
-    details.input = input.data();
-    details.inputLength = input.size();
+    details.length = call.header.inLength;
+    details.flags = call.header.outLength;
+    details.input = call.input.data();
+    details.inputLength = call.input.size();
     CallGate gate(host.GetControl(), VSHOST_DRIVER, operation.c_str(), details);
     if (gate.Refused()) return static_cast<int>(gate.Outcome());
-    if (!error) error = GuardErrno([&] { return RunChecked(device, number, host, header, input); });
+    if (!error) error = GuardErrno([&] { return RunChecked(host, call); });
     gate.Return(static_cast<uint32_t>(error));
     return error;
 }
@@ -166,8 +183,13 @@ int OpenDevice(Device device, int flags, unsigned mode)
 
 int RunCommand(Device device, uint32_t number, void *header)
 {
+    return RunCommandOf(getpid(), device, number, reinterpret_cast<uint64_t>(header));
+}
+
+int RunCommandOf(pid_t caller, Device device, uint32_t number, uint64_t header)
+{
     const int before = errno;
-    const int result = GuardErrno([&] { return Run(device, number, header); });
+    const int result = GuardErrno([&] { return Run({device, number, CallerMemory(caller)}, header); });
     errno = before;
     return result;
 }

@@ -1,6 +1,8 @@
-// The switch driver, as the preload calls it.
+// The switch driver, as the preload and the live host's devices call it.
 #ifndef PLATFORM_DRIVER_DRIVER_H
 #define PLATFORM_DRIVER_DRIVER_H
+
+#include <sys/types.h>
 
 #include <cstdint>
 
@@ -13,6 +15,8 @@ int OpenDevice(Device device, int flags, unsigned mode);
 
 // Runs the command whose VSwitchRequest is at `header`; 0 or an errno value.
 int RunCommand(Device device, uint32_t number, void *header);
+// The same for another process, which has the header and what it points to in its own memory.
+int RunCommandOf(pid_t caller, Device device, uint32_t number, uint64_t header);
 
 }
 

@@ -12,6 +12,9 @@ inline constexpr char ENVIRONMENT_DURABILITY[] = "VSHOST_DURABILITY"; // "disk" 
 inline constexpr char DEVICE_FILE[] = "dev/vswitch";
 inline constexpr char RTM_FILE[] = "dev/rtm";
 
+// Of a live host: the process id of vshostd, which holds the file locked.
+inline constexpr char PROCESS_FILE[] = "vshostd.pid";
+
 inline constexpr char CONTROL_FILE[] = "control";
 inline constexpr int CONTROL_FLAGS = 16;               // where the word stands
 inline constexpr uint32_t CONTROL_HAS_ALLOCATIONS = 4; // rules make allocations fail

@@ -36,6 +36,7 @@ struct NicOptions {
 int RunOnHost(const RunOptions &options);
 int ShowHost(const std::string &state, bool json);
 int ResetHost(const std::string &state);
+int StopLiveHost(const std::string &state);
 int BindNicOnHost(const std::string &state, const std::string &nic, const std::string &switchName,
                   const std::string &portId);
 int ChangeNic(const std::string &state, const NicOptions &options);

@@ -67,6 +67,9 @@ int Main(int count, char **arguments)
     remove->add_option("--state", state, "Directory of the host");
     remove->add_option("name", bound, "Name of the NIC")->required();
 
+    CLI::App *stop = app.add_subcommand("stop", "End vshostd and take away what it has in the kernel");
+    stop->add_option("--state", state, "Directory of the host")->required();
+
     try {
         app.parse(count, arguments);
     } catch (const CLI::ParseError &error) {
@@ -76,6 +79,7 @@ int Main(int count, char **arguments)
     if (app.got_subcommand("run")) return RunOnHost(run);
     if (app.got_subcommand(show)) return ShowHost(state, json);
     if (app.got_subcommand(reset)) return ResetHost(state);
+    if (app.got_subcommand(stop)) return StopLiveHost(state);
     if (app.got_subcommand(bind)) return BindNicOnHost(state, bound, switchName, portId);
     if (app.got_subcommand(remove)) return RemoveNic(state, bound);
     return ChangeNic(state, nic);

@@ -1,0 +1,25 @@
+// The daemon of a live host, which the supervisor starts, and starts anew when it dies.
+#pragma once
+
+#include <string>
+
+#include "platform/live/device.h"
+
+namespace live {
+
+struct DaemonOptions {
+    std::string directory; // of the host
+    DeviceConnection devices;
+    int ready = -1; // a pipe: one byte says that the daemon works
+};
+
+// Exit codes besides 0.
+inline constexpr int DAEMON_CANNOT_WORK = 1;
+
+// Runs until SIGTERM, which is blocked; returns the exit code. The switches go on forwarding.
+int RunDaemon(const DaemonOptions &options);
+
+// A line of the log.
+[[gnu::format(printf, 1, 2)]] void Say(const char *format, ...);
+
+}

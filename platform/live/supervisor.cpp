@@ -1,0 +1,272 @@
+#include "platform/live/supervisor.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <memory>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "platform/host/host.h"
+#include "platform/live/daemon.h"
+#include "platform/live/device_mount.h"
+#include "platform/live/snapshot.h"
+
+namespace live {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr char INITIAL_PROCESS_NAMESPACE[] = "pid:[4026531836]"; // a constant of the kernel's interface
+constexpr auto SHORT_LIFE = 1s;
+
+// Tells the service manager that started this process, if it wants to know.
+void Notify(std::string_view state)
+{
+    const char *path = getenv("NOTIFY_SOCKET");
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const size_t length = path ? strlen(path) : 0;
+    if (length < 2 || length >= sizeof(address.sun_path)) return;
+    memcpy(address.sun_path, path, length);
+    if (path[0] == '@') address.sun_path[0] = '\0';
+    const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sendto(socket.Get(), state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr *>(&address),
+           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
+}
+
+// Why this machine can't run a live host; empty: it can.
+std::string FindObstacle()
+{
+    if (geteuid() != 0) return "a live host needs root; start vshostd with sudo or as a system service";
+    std::error_code error;
+    const std::string space = std::filesystem::read_symlink("/proc/self/ns/pid", error);
+    if (space == INITIAL_PROCESS_NAMESPACE) return {};
+    return "vshostd can't read the memory of processes outside of its process namespace; start it on the "
+           "machine itself, or in a container that shares the machine's process namespace";
+}
+
+// The one vshostd of a host holds its file locked.
+class ProcessFile {
+public:
+    explicit ProcessFile(const std::string &directory)
+        : directory(directory), path(directory + "/" + vshost::PROCESS_FILE)
+    {}
+
+    bool Take(std::string &message)
+    {
+        file = Descriptor(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+        if (!file) {
+            message = path + ": can't be made: " + strerror(errno);
+            return false;
+        }
+        if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+            message =
+                directory + ": vshostd runs already; end it with `vshost stop --state " + directory + "`";
+            return false;
+        }
+        const std::string line = std::to_string(getpid()) + "\n";
+        return ftruncate(file.Get(), 0) == 0 && pwrite(file.Get(), line.data(), line.size(), 0) > 0;
+    }
+
+    void Remove() { unlink(path.c_str()); }
+
+private:
+    const std::string directory;
+    const std::string path;
+    Descriptor file;
+};
+
+class Supervisor {
+public:
+    explicit Supervisor(const std::string &directory)
+        : directory(directory), process(directory), devices(directory + "/dev")
+    {}
+
+    bool Start(std::string &message);
+    int Run();
+
+private:
+    bool StartDaemon();
+    bool AwaitEvent();
+    void Reap();
+    bool Restart();
+    void End();
+    [[noreturn]] void BecomeDaemon(int readyEnd);
+
+    const std::string directory;
+    ProcessFile process;
+    DeviceMount devices;
+    Descriptor signals;
+    Descriptor ready; // readable when the daemon works; closed once it was
+    pid_t daemon = 0;
+    Clock::time_point started;
+    bool worked = false; // a daemon has
+    bool ends = false;
+    int exitCode = 0;
+};
+
+bool Supervisor::Start(std::string &message)
+{
+    // The host is opened where its plain files are seen, and closed before the daemon is forked.
+    if (!process.Take(message)) return false;
+    RemoveDeviceMounts(directory + "/dev");
+    std::unique_ptr<vshost::Host> host;
+    if (vshost::Host::Open(directory, vshost::Durability::DISK, true, host, message)) return false;
+    host.reset();
+
+    sigset_t handled;
+    sigemptyset(&handled);
+    for (int signal : {SIGTERM, SIGINT, SIGCHLD})
+        sigaddset(&handled, signal);
+    sigprocmask(SIG_BLOCK, &handled, nullptr);
+    signals = Descriptor(signalfd(-1, &handled, SFD_CLOEXEC));
+    return devices.Make(message);
+}
+
+void Supervisor::BecomeDaemon(int readyEnd)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    signal(SIGINT, SIG_IGN); // a terminal sends it to the whole group; the supervisor decides
+    _exit(RunDaemon({directory, devices.Connection(), readyEnd}));
+}
+
+bool Supervisor::StartDaemon()
+{
+    int pipe[2];
+    if (pipe2(pipe, O_CLOEXEC) != 0) return false;
+    ready = Descriptor(pipe[0]);
+    const Descriptor writeEnd(pipe[1]);
+    started = Clock::now();
+    daemon = fork();
+    if (daemon == 0) BecomeDaemon(writeEnd.Get());
+    return daemon > 0;
+}
+
+// False when the host is to end.
+bool Supervisor::AwaitEvent()
+{
+    pollfd events[] = {{signals.Get(), POLLIN, 0}, {ready.Get(), POLLIN, 0}};
+    if (poll(events, 2, -1) < 0) return errno == EINTR;
+    if (events[1].revents) {
+        char byte;
+        if (read(ready.Get(), &byte, 1) == 1) {
+            if (!worked) Notify("READY=1");
+            worked = true;
+        }
+        ready = Descriptor();
+    }
+    if (!events[0].revents) return true;
+    signalfd_siginfo info;
+    if (read(signals.Get(), &info, sizeof(info)) != sizeof(info)) return true;
+    if (info.ssi_signo != SIGCHLD) ends = true;
+    return !ends;
+}
+
+void Supervisor::Reap()
+{
+    int status = 0;
+    if (daemon <= 0 || waitpid(daemon, &status, WNOHANG) != daemon) return;
+    daemon = 0;
+    if (WIFEXITED(status) && !worked) {
+        ends = true; // it has said why
+        exitCode = DAEMON_CANNOT_WORK;
+    } else if (WIFSIGNALED(status)) {
+        Say("the daemon was ended by signal %d (%s) and is started again", WTERMSIG(status),
+            strsignal(WTERMSIG(status)));
+    } else {
+        Say("the daemon ended with exit code %d and is started again", WEXITSTATUS(status));
+    }
+}
+
+bool Supervisor::Restart()
+{
+    std::string message;
+    if (!devices.RecoverRequests(message)) {
+        Say("%s", message.c_str());
+        return false;
+    }
+    if (Clock::now() - started < SHORT_LIFE) std::this_thread::sleep_for(SHORT_LIFE / 5);
+    return StartDaemon();
+}
+
+void Supervisor::End()
+{
+    Notify("STOPPING=1");
+    if (daemon > 0) {
+        kill(daemon, SIGTERM);
+        waitpid(daemon, nullptr, 0);
+    }
+    devices.Remove();
+    process.Remove();
+}
+
+int Supervisor::Run()
+{
+    bool works = StartDaemon();
+    while (works && AwaitEvent()) {
+        Reap();
+        if (ends) break;
+        if (daemon == 0) works = Restart();
+    }
+    if (!works) exitCode = 1;
+    End();
+    return exitCode;
+}
+
+int Fail(const std::string &message)
+{
+    Say("%s", message.c_str());
+    return 1;
+}
+
+// Empty: `message` says why.
+std::string MakeDirectory(const std::string &directory, std::string &message)
+{
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    std::string whole;
+    if (!error) whole = std::filesystem::canonical(directory, error);
+    if (error) message = directory + ": can't make the host's directory: " + error.message();
+    return whole;
+}
+
+}
+
+int Supervise(const std::string &directory)
+{
+    std::string message = FindObstacle();
+    if (!message.empty()) return Fail(message);
+    const std::string whole = MakeDirectory(directory, message);
+    if (whole.empty()) return Fail(message);
+    Supervisor supervisor(whole);
+    if (!supervisor.Start(message)) return Fail(message);
+    return supervisor.Run();
+}
+
+int RemoveLiveHost(const std::string &directory)
+{
+    std::string message = FindObstacle();
+    if (!message.empty()) return Fail(message);
+    std::error_code error;
+    const std::string whole = std::filesystem::canonical(directory, error);
+    if (error) return Fail(directory + ": " + error.message());
+    ProcessFile process(whole);
+    if (!process.Take(message)) return Fail(message);
+    RemoveDeviceMounts(whole + "/dev");
+    process.Remove();
+    return 0;
+}
+
+}

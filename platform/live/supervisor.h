@@ -1,0 +1,14 @@
+// Mounts the devices, starts the daemon that answers them, and starts it anew when it dies.
+#pragma once
+
+#include <string>
+
+namespace live {
+
+// Runs until SIGTERM or SIGINT; returns the exit code. The switches go on forwarding afterwards.
+int Supervise(const std::string &directory);
+
+// Takes away what stays when no process of the host runs; returns the exit code.
+int RemoveLiveHost(const std::string &directory);
+
+}

@@ -1,0 +1,20 @@
+// vshostd: runs a live host, whose switches forward packets.
+#include <CLI/CLI.hpp>
+
+#include "platform/live/supervisor.h"
+
+int main(int count, char **arguments)
+{
+    CLI::App app("Live host: virtual switches that forward packets");
+    app.set_version_flag("--version", "vshostd " VSHOST_VERSION);
+    std::string state;
+    bool removes = false;
+    app.add_option("--state", state, "Directory of the host, made when missing")->required();
+    app.add_flag("--remove", removes, "Take away what a host that is not running has left in the kernel");
+    try {
+        app.parse(count, arguments);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    return removes ? live::RemoveLiveHost(state) : live::Supervise(state);
+}

@@ -1,0 +1,164 @@
+"""What the tests of the live host share: namespaces of the process's own, vshostd, and driver requests.
+
+The tests need root, bpf and FUSE. Elsewhere they are skipped, unless VSWITCHCTL_REQUIRE_LIVE says that the machine
+is able.
+Usage of a test: live_..._test.py BUILD_DIRECTORY SOURCE_DIRECTORY [unittest arguments]
+"""
+import ctypes
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+BUILD, SOURCE = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
+PLATFORM = BUILD / "platform"
+VSHOST, VSHOSTD, VSCTL = str(PLATFORM / "vshost"), str(PLATFORM / "vshostd"), str(BUILD / "vsctl")
+LIBC = ctypes.CDLL(None, use_errno=True)
+CLONE_NEWNS, CLONE_NEWNET, MS_REC, MS_PRIVATE = 0x20000, 0x40000000, 0x4000, 1 << 18
+LONGEST_WAIT = 30
+GET_SWITCHES, GET_INFO, GET_UPLINKS, GET_LEARNING_PROPS, SET_LEARNING_PROPS = 4126, 4111, 4106, 4120, 8197
+INPUT_SIZE = 212
+
+
+def find_obstacle():
+    """Why this machine can't run the tests; empty when it can."""
+    if os.geteuid() != 0:
+        return "no root"
+    if LIBC.unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 or LIBC.mount(None, b"/", None, MS_REC | MS_PRIVATE, None) != 0:
+        return "namespaces: " + os.strerror(ctypes.get_errno())
+    try:
+        os.close(os.open("/dev/fuse", os.O_RDWR))
+    except OSError as error:
+        return f"FUSE: {error.strerror}"
+    if os.readlink("/proc/self/ns/pid") != "pid:[4026531836]":
+        return "an inner process namespace"
+    return ""
+
+
+OBSTACLE = find_obstacle()
+
+
+def wait_until(holds, what, seconds=LONGEST_WAIT):
+    end = time.monotonic() + seconds
+    while not holds():
+        if time.monotonic() > end:
+            raise AssertionError(f"in {seconds} s not seen: {what}")
+        time.sleep(0.01)
+
+
+def run(*command, check=True, **options):
+    done = subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=60, **options)
+    if check and done.returncode != 0:
+        raise AssertionError(f"{command} ended with {done.returncode}: {done.stdout}{done.stderr}")
+    return done
+
+
+def mounts_under(directory):
+    lines = pathlib.Path("/proc/self/mounts").read_text().splitlines()
+    return [line for line in lines if line.split()[1].startswith(str(directory))]
+
+
+def request(path, number, data=b"", room=4096):
+    """What the driver answers to a command: bytes, or an errno value. The device is opened as any file."""
+    given, answer = ctypes.create_string_buffer(data, max(len(data), 1)), ctypes.create_string_buffer(room)
+    header = struct.pack("=IIQQ", len(data), room, ctypes.addressof(given), ctypes.addressof(answer))
+    buffer = ctypes.create_string_buffer(header, len(header))
+    device = os.open(path, os.O_RDWR)
+    try:
+        if LIBC.ioctl(device, ctypes.c_ulong(number), buffer) != 0:
+            return ctypes.get_errno()
+    finally:
+        os.close(device)
+    return answer.raw
+
+
+def portset_input(name):
+    return name.encode().ljust(INPUT_SIZE, b"\0")
+
+
+class LiveHost(unittest.TestCase):
+    """A directory and, once it is started, a vshostd of each test's own."""
+
+    def setUp(self):
+        if OBSTACLE and os.environ.get("VSWITCHCTL_REQUIRE_LIVE"):
+            self.fail(f"the machine can't run live tests: {OBSTACLE}")
+        if OBSTACLE:
+            self.skipTest(f"needs root, bpf and FUSE ({OBSTACLE})")
+        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="live-host-"))
+        self.device = str(self.directory / "dev/vswitch")
+        self.log = open(self.directory.with_suffix(".log"), "w+")
+        self.daemon = None
+
+    def tearDown(self):
+        if self.daemon and self.daemon.poll() is None:
+            run(VSHOST, "stop", "--state", self.directory, check=False)
+            self.daemon.wait(LONGEST_WAIT)
+        self.log.close()
+        os.unlink(self.log.name)
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+    def start(self):
+        """Starts vshostd, and waits until it says that it works."""
+        name = f"{self.directory}.notify"
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as ready:
+            ready.bind(name)
+            ready.settimeout(LONGEST_WAIT)
+            self.daemon = subprocess.Popen([VSHOSTD, "--state", self.directory], stderr=self.log,
+                                           env={**os.environ, "NOTIFY_SOCKET": name})
+            try:
+                self.assertEqual(ready.recv(100), b"READY=1")
+            except socket.timeout:
+                self.fail("vshostd doesn't work: " + self.read_log())
+            finally:
+                os.unlink(name)
+
+    def stop(self):
+        run(VSHOST, "stop", "--state", self.directory)
+        self.assertEqual(self.daemon.wait(LONGEST_WAIT), 0, self.read_log())
+
+    def read_log(self):
+        return pathlib.Path(self.log.name).read_text()
+
+    def worker(self):
+        """The process that answers; 0 while there is none."""
+        children = pathlib.Path(f"/proc/{self.daemon.pid}/task/{self.daemon.pid}/children").read_text().split()
+        return int(children[0]) if children else 0
+
+    def kill_worker(self):
+        """Kills the answering process at whatever it does, and waits for the next one."""
+        wait_until(self.worker, "a daemon")
+        killed = self.worker()
+        os.kill(killed, signal.SIGKILL)
+        wait_until(lambda: self.worker() not in (0, killed), "the next daemon")
+
+    def on_host(self, *command, **options):
+        return run(VSHOST, "run", "--state", self.directory, "--", *command, **options)
+
+    def vsctl(self, *arguments):
+        return self.on_host(VSCTL, *arguments).stdout
+
+
+class Caller(threading.Thread):
+    """Sends one request after another until it is told to end, and keeps what was refused."""
+
+    def __init__(self, device, number, data, room=4096):
+        super().__init__(daemon=True)
+        self.device, self.number, self.data, self.room = device, number, data, room
+        self.ends = threading.Event()
+        self.answered, self.refused = 0, []
+
+    def run(self):
+        while not self.ends.is_set():
+            answer = request(self.device, self.number, self.data, self.room)
+            if isinstance(answer, int):
+                self.refused.append(os.strerror(answer))
+            else:
+                self.answered += 1
