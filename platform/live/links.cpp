@@ -1,0 +1,219 @@
+#include "platform/live/links.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <netlink/msg.h>
+#include <netlink/netlink.h>
+#include <netlink/route/link.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+
+namespace live {
+namespace {
+
+constexpr int EVENT_BUFFER = 4 << 20; // bytes; events that don't fit cost a look at all interfaces
+
+struct ReleaseLink {
+    void operator()(rtnl_link *link) const { rtnl_link_put(link); }
+};
+using OwnedLink = std::unique_ptr<rtnl_link, ReleaseLink>;
+
+Link Describe(rtnl_link *link)
+{
+    const unsigned flags = rtnl_link_get_flags(link);
+    const char *name = rtnl_link_get_name(link);
+    Link found;
+    found.name = name ? name : "";
+    found.ifindex = static_cast<uint32_t>(rtnl_link_get_ifindex(link));
+    found.adminUp = flags & IFF_UP;
+    found.carrier = rtnl_link_get_carrier(link) != 0;
+    found.promiscuous = flags & IFF_PROMISC;
+    found.mtu = rtnl_link_get_mtu(link);
+    return found;
+}
+
+// Asks the interface's driver; false when it doesn't know.
+template<typename Question> bool Ask(int control, const std::string &name, Question &question)
+{
+    ifreq request = {};
+    name.copy(request.ifr_name, sizeof(request.ifr_name) - 1);
+    request.ifr_data = reinterpret_cast<char *>(&question);
+    return ioctl(control, SIOCETHTOOL, &request) == 0;
+}
+
+int32_t ReadNumaNode(const std::string &name)
+{
+    int32_t node = -1;
+    std::ifstream("/sys/class/net/" + name + "/device/numa_node") >> node;
+    return node;
+}
+
+int ErrnoOfNetlink(int error)
+{
+    switch (-error) {
+    case 0:
+        return 0;
+    case NLE_PERM:
+    case NLE_NOACCESS:
+        return EPERM;
+    case NLE_NODEV:
+    case NLE_OBJ_NOTFOUND:
+        return ENODEV;
+    case NLE_BUSY:
+        return EBUSY;
+    case NLE_NOMEM:
+        return ENOMEM;
+    case NLE_OPNOTSUPP:
+        return EOPNOTSUPP;
+    default:
+        return EINVAL;
+    }
+}
+
+}
+
+// What is to be changed of an interface.
+struct Links::Change {
+    unsigned flags = 0;    // IFF_… that are changed
+    unsigned flagsSet = 0; // of them, those that are set
+    uint32_t mtu = 0;      // 0: stays
+};
+
+void Links::Release::operator()(nl_sock *socket) const { nl_socket_free(socket); }
+
+Links::Links() = default;
+
+Links::~Links()
+{
+    if (control >= 0) close(control);
+}
+
+bool Links::Open(std::string &message)
+{
+    events.reset(nl_socket_alloc());
+    requests.reset(nl_socket_alloc());
+    control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    nl_socket_disable_seq_check(events.get());
+    nl_socket_modify_cb(events.get(), NL_CB_VALID, NL_CB_CUSTOM, TakeMessage, this);
+    int error = nl_connect(requests.get(), NETLINK_ROUTE);
+    if (!error) error = nl_connect(events.get(), NETLINK_ROUTE);
+    if (!error) error = nl_socket_set_buffer_size(events.get(), EVENT_BUFFER, 0);
+    if (!error) error = nl_socket_set_nonblocking(events.get());
+    if (!error) error = nl_socket_add_memberships(events.get(), RTNLGRP_LINK, 0);
+    if (!error && ReadAll()) return true;
+    message = std::string("can't follow the network interfaces: ") + nl_geterror(error);
+    return false;
+}
+
+int Links::EventDescriptor() const { return nl_socket_get_fd(events.get()); }
+
+void Links::AddDetails(Link &link) const
+{
+    ethtool_cmd settings = {};
+    settings.cmd = ETHTOOL_GSET;
+    if (Ask(control, link.name, settings)) {
+        const uint32_t speed = ethtool_cmd_speed(&settings);
+        link.speed = speed == static_cast<uint32_t>(SPEED_UNKNOWN) ? 0 : speed;
+        link.fullDuplex = settings.duplex != DUPLEX_HALF;
+    }
+    link.numaNode = ReadNumaNode(link.name);
+}
+
+bool Links::Follow(Link link)
+{
+    AddDetails(link);
+    Link &known = links[link.ifindex];
+    if (known == link) return false;
+    known = std::move(link);
+    return hasChanged = true;
+}
+
+int Links::TakeMessage(nl_msg *message, void *self)
+{
+    nl_msg_parse(message, TakeObject, self);
+    return NL_OK;
+}
+
+void Links::TakeObject(nl_object *object, void *self)
+{
+    auto *links = static_cast<Links *>(self);
+    auto *link = reinterpret_cast<rtnl_link *>(object);
+    // A bridge tells of its ports by the same messages: one that leaves it is not gone.
+    if (rtnl_link_get_family(link) != AF_UNSPEC) return;
+    if (nl_object_get_msgtype(object) == RTM_NEWLINK)
+        links->Follow(Describe(link));
+    else if (links->links.erase(static_cast<uint32_t>(rtnl_link_get_ifindex(link))))
+        links->hasChanged = true;
+}
+
+bool Links::ReadAll()
+{
+    nl_cache *cache = nullptr;
+    if (rtnl_link_alloc_cache(requests.get(), AF_UNSPEC, &cache) != 0) return false;
+    std::map<uint32_t, Link> before = std::exchange(links, {});
+    for (nl_object *object = nl_cache_get_first(cache); object; object = nl_cache_get_next(object)) {
+        Link link = Describe(reinterpret_cast<rtnl_link *>(object));
+        AddDetails(link);
+        links[link.ifindex] = std::move(link);
+    }
+    nl_cache_free(cache);
+    if (before != links) hasChanged = true;
+    return true;
+}
+
+bool Links::Update()
+{
+    int error = 0;
+    while (error == 0)
+        error = nl_recvmsgs_default(events.get());
+    if (error != -NLE_AGAIN) ReadAll(); // events were lost
+    return std::exchange(hasChanged, false);
+}
+
+bool Links::PollCarrier(uint32_t ifindex)
+{
+    const auto found = links.find(ifindex);
+    ethtool_value answer = {.cmd = ETHTOOL_GLINK, .data = 0};
+    if (found == links.end() || !found->second.adminUp || !Ask(control, found->second.name, answer))
+        return false;
+    const bool carrier = answer.data != 0;
+    return std::exchange(found->second.carrier, carrier) != carrier;
+}
+
+const Link *Links::Find(const std::string &name) const
+{
+    for (const auto &[ifindex, link] : links)
+        if (link.name == name) return &link;
+    return nullptr;
+}
+
+int Links::Apply(uint32_t ifindex, const Change &change)
+{
+    const OwnedLink present(rtnl_link_alloc()), wanted(rtnl_link_alloc());
+    if (!present || !wanted) return ENOMEM;
+    rtnl_link_set_ifindex(present.get(), static_cast<int>(ifindex));
+    rtnl_link_set_flags(wanted.get(), change.flags & change.flagsSet);
+    rtnl_link_unset_flags(wanted.get(), change.flags & ~change.flagsSet);
+    if (change.mtu) rtnl_link_set_mtu(wanted.get(), change.mtu);
+    return ErrnoOfNetlink(rtnl_link_change(requests.get(), present.get(), wanted.get(), 0));
+}
+
+int Links::SetAdminUp(uint32_t ifindex, bool up)
+{
+    return Apply(ifindex, {.flags = IFF_UP, .flagsSet = up ? unsigned{IFF_UP} : 0u});
+}
+
+int Links::SetMtu(uint32_t ifindex, uint32_t mtu) { return Apply(ifindex, {.mtu = mtu}); }
+
+int Links::SetPromiscuous(uint32_t ifindex, bool promiscuous)
+{
+    return Apply(ifindex, {.flags = IFF_PROMISC, .flagsSet = promiscuous ? unsigned{IFF_PROMISC} : 0u});
+}
+
+}

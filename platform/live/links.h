@@ -1,0 +1,73 @@
+// The network interfaces of this process's network namespace, as the kernel has them.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+struct nl_msg;
+struct nl_object;
+struct nl_sock;
+
+namespace live {
+
+struct Link {
+    std::string name;
+    uint32_t ifindex = 0;
+    bool adminUp = false;
+    bool carrier = false; // whatever the administrative state
+    bool promiscuous = false;
+    bool fullDuplex = true;
+    uint32_t speed = 0; // Mb/s; 0: the interface doesn't say
+    uint32_t mtu = 0;
+    int32_t numaNode = -1; // -1: none
+
+    bool operator==(const Link &) const = default;
+};
+
+class Links {
+public:
+    Links();
+    ~Links();
+
+    // False: `message` says why, in one line.
+    bool Open(std::string &message);
+
+    int EventDescriptor() const; // readable when Update() has something to do
+
+    // Follows what has happened since. False: nothing has changed.
+    bool Update();
+
+    // The kernel tells of a changed carrier up to a second late; this asks it now. False: it is as it was.
+    bool PollCarrier(uint32_t ifindex);
+
+    // Null: there is none.
+    const Link *Find(const std::string &name) const;
+    const std::map<uint32_t, Link> &All() const { return links; } // by ifindex
+
+    // 0 or an errno value. Update() sees the change.
+    int SetAdminUp(uint32_t ifindex, bool up);
+    int SetMtu(uint32_t ifindex, uint32_t mtu);
+    int SetPromiscuous(uint32_t ifindex, bool promiscuous);
+
+private:
+    struct Release {
+        void operator()(nl_sock *socket) const;
+    };
+    struct Change;
+
+    static int TakeMessage(nl_msg *message, void *self);
+    static void TakeObject(nl_object *object, void *self);
+    bool Follow(Link link);
+    bool ReadAll();
+    void AddDetails(Link &link) const;
+    int Apply(uint32_t ifindex, const Change &change);
+
+    std::unique_ptr<nl_sock, Release> events, requests;
+    int control = -1; // for ioctl
+    std::map<uint32_t, Link> links;
+    bool hasChanged = false;
+};
+
+}
