@@ -1,5 +1,6 @@
-// Preloaded by a test: kills vsctl (and none of its children) before its nth change of a file, which is where
-// a database is written, or a file gets or loses its name.
+// Preloaded by a test: sends vsctl (but not its children) a signal before its nth change of a file: a write
+// to a database, or the making or removal of a file's name. The signal is SIGKILL unless the test names
+// another.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -11,8 +12,10 @@
 static void Step(void)
 {
     static int steps;
-    const char *last = getenv("VSCTL_TEST_KILL_AT");
-    if (strcmp(program_invocation_short_name, "vsctl") == 0 && last && ++steps == atoi(last)) raise(SIGKILL);
+    const char *last = getenv("VSCTL_TEST_KILL_AT"), *number = getenv("VSCTL_TEST_SIGNAL");
+    if (!last || strcmp(program_invocation_short_name, "vsctl") != 0) return;
+    steps++;
+    if (steps == atoi(last)) raise(number ? atoi(number) : SIGKILL);
 }
 
 ssize_t pwrite64(int file, const void *bytes, size_t length, off64_t offset)

@@ -318,7 +318,8 @@ TEST_F(Launcher, StopsItsCommandWhenItIsStopped)
     const std::string file = folder + "/directory";
     const Ended ended = Execute(VSHOST + " run -- sh -c 'echo $VSHOST_DIR >" + file +
                                     "; exec sleep 60' & while ! grep -q . " + file +
-                                    " 2>/dev/null; do sleep 0.1; done; kill $!; wait $!; echo $?",
+                                    " 2>/dev/null; do kill -0 $! || exit 1; sleep 0.1; done; "
+                                    "kill $!; wait $!; echo $?",
                                 false);
     EXPECT_EQ(ended.out, "143\n");
     const std::string directory = ReadFile(file);

@@ -118,11 +118,15 @@ class Changes(OnHost):
                 self.run_vsctl("switch", "destroy", "lab")
                 self.run_vsctl("apply", "-", stdin=LAB)
 
+    def signalled_at(self, nth, number, *words, stdin=None):
+        """Runs vsctl, which gets a signal before its nth change of a file."""
+        start = 'export LD_PRELOAD="$0:$LD_PRELOAD" VSCTL_TEST_KILL_AT="$1" VSCTL_TEST_SIGNAL="$2"; shift 2; exec "$@"'
+        command = ["sh", "-c", start, BUILD / "tests/libkill_at.so", str(nth), str(int(number)), VSCTL, *words]
+        return subprocess.run(command, input=stdin, capture_output=True, text=True, timeout=60)
+
     def killed_at(self, nth, *words, stdin=None):
-        """Kills vsctl at its nth change of a file; true when there was one."""
-        start = 'export LD_PRELOAD="$0:$LD_PRELOAD" VSCTL_TEST_KILL_AT="$1"; shift; exec "$@"'
-        command = ["sh", "-c", start, BUILD / "tests/libkill_at.so", str(nth), VSCTL, *words]
-        return subprocess.run(command, input=stdin, capture_output=True, text=True, timeout=60).returncode != 0
+        """Kills vsctl before its nth change of a file; false when it makes fewer changes."""
+        return self.signalled_at(nth, signal.SIGKILL, *words, stdin=stdin).returncode != 0
 
     def journal(self):
         return self.directory / "host/vsctl/journal.cbor"
@@ -212,13 +216,10 @@ class Changes(OnHost):
             os.killpg(terminal.pid, signal.SIGHUP)  # the terminal is gone
         except ProcessLookupError:
             pass
-        self.assertIn("waits", self.run_vsctl("port", "vlan", "lab", "port0..port1", "7", code=1))
-        for _ in range(100):
-            if not self.journal().exists():
-                break
-            time.sleep(0.1)
+        self.wait_until(lambda: not self.journal().exists())
         self.assertEqual(self.exported(), before)
-        self.run_vsctl("apply", file, "--confirm-within", "60s")
+        self.run_vsctl("apply", file, "--confirm-within", "600s")
+        self.assertIn("waits", self.run_vsctl("port", "vlan", "lab", "port0..port1", "7", code=1))
         self.rows("doctor", code=10)
         self.rows("confirm")
         self.assertEqual(self.rows("plan", file), [])
@@ -283,8 +284,8 @@ class Changes(OnHost):
         with open(path, "w") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
             late = subprocess.Popen([VSCTL, "apply", self.write("late", "[switches.lab]\nmtu = 4000\n")], stderr=subprocess.PIPE, text=True)
-            while str(path) not in [os.path.realpath(file) for file in pathlib.Path(f"/proc/{late.pid}/fd").iterdir()]:
-                time.sleep(0.01)  # it has made its plan when it has come to the lock
+            descriptors = pathlib.Path(f"/proc/{late.pid}/fd")  # when it opens the lock, it has made its plan
+            self.wait_until(lambda: str(path) in map(os.path.realpath, descriptors.iterdir()), late)
             HOST.vshost_scenario(b"{}")
             subprocess.run([BUILD / "platform/tybel", "-e", "set", "/net/portsets/lab/mtu", "3000"], check=True)
         self.assertIn("changed by somebody else", late.communicate()[1])
@@ -294,13 +295,9 @@ class Changes(OnHost):
         self.create()
         before = self.exported()
         for stop in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            change = subprocess.Popen([VSCTL, "port", "add", "lab", "p0..p60000"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-            while not self.journal().exists():
-                time.sleep(0.001)
-            change.send_signal(stop)
-            out, error = change.communicate()
-            self.assertEqual((change.returncode, out), (1, ""))
-            self.assertIn(signal.strsignal(stop), error)
+            change = self.signalled_at(20, stop, "port", "add", "lab", "p0..p99")
+            self.assertEqual((change.returncode, change.stdout), (1, ""), change.stderr)
+            self.assertIn(signal.strsignal(stop), change.stderr)
             self.assertFalse(self.journal().exists())
             self.assertEqual(self.exported(), before)
             self.run_vsctl("port", "show", "lab", "p0", code=3)
@@ -340,9 +337,8 @@ class Changes(OnHost):
         self.run_vsctl("port", "show", "lab", "p0..p29999", *limit)
         self.run_vsctl("batch", *limit, stdin="".join(f"port security lab p{port} 5\n" for port in range(29999)) + "switch mtu lab 4000\n")
         slow = subprocess.Popen([VSCTL, "port", "remove", "lab", "p0..p29999", *limit], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        while not select.select([slow.stdout], [], [], 0.1)[0]:
-            pass
-        time.sleep(1)  # the pipe is full, and its reader slow
+        select.select([slow.stdout], [], [])
+        time.sleep(1)  # longer than the limit: the pipe is full and nobody reads it
         self.assertEqual((len(slow.communicate()[0].splitlines()), slow.returncode), (30001, 0))
 
 

@@ -10,6 +10,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 import jsonschema
@@ -73,6 +74,14 @@ class OnHost(unittest.TestCase):
 
     def process(self, *words, stdin=None, **options):
         return subprocess.run([VSCTL, *words], input=stdin, capture_output=True, text=True, timeout=120, **options)
+
+    def wait_until(self, condition, process=None):
+        """Waits for a condition that must come true, while the process runs if one is given."""
+        end = time.monotonic() + 300
+        while not condition():
+            self.assertTrue(process is None or process.poll() is None, "the process ended early")
+            self.assertLess(time.monotonic(), end, "waited in vain")
+            time.sleep(0.01)
 
     def run_vsctl(self, *words, code=0, stdin=None):
         """Standard output; on failure there is none, and the error is one line."""
