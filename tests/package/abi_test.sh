@@ -3,13 +3,13 @@
 # present one, but not one that would break programs under the same SONAME.
 set -euo pipefail
 source=$1 build=$2
-kept=$source/cmake/packaging/vswitchctl.abi
+kept=$source/packaging/vswitchctl.abi
 library=$build/libvswitchctl.so
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 soname=$(readelf -d "$library" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
-python3 "$source/docs/reference/interface.py" "$build/reference/xml" "$source/include/vswitchctl.h" >"$work/interface.c"
+python3 "$source/tools/interface.py" "$build/reference/xml" "$source/include/vswitchctl.h" >"$work/interface.c"
 gcc -std=c99 -g -shared -fPIC -I"$source/include" "$work/interface.c" -o "$work/interface.so" \
     -Wl,-soname,"$soname" -Wl,--version-script="$source/cmake/vswitchctl.map"
 abidw --load-all-types --no-corpus-path --no-comp-dir-path --no-show-locs "$work/interface.so" >"$work/now.abi"

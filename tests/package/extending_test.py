@@ -43,15 +43,15 @@ def check(tree, build):
     reference, module = "build/release/reference", "build/release/module"
     for test in TESTS:
         run(f"build/release/tests/{test}", "--gtest_brief=1", tree=tree)
-    run(sys.executable, "cmake/check_header.py", "include/vswitchctl.h", "cmake/vswitchctl.map",
+    run(sys.executable, "tools/check_header.py", "include/vswitchctl.h", "cmake/vswitchctl.map",
         "build/release/libvswitchctl.so", tree=tree)
 
     run("doxygen", "build/release/Doxyfile", tree=tree)
     header = (f"{reference}/xml", "include/vswitchctl.h")
-    run(sys.executable, "docs/reference/manpages.py", *header, f"{reference}/man", "1", tree=tree)
-    run(sys.executable, "docs/reference/check_manpages.py", "cmake/vswitchctl.map", f"{reference}/man", tree=tree)
+    run(sys.executable, "tools/manpages.py", *header, f"{reference}/man", "1", tree=tree)
+    run(sys.executable, "tools/check_manpages.py", "cmake/vswitchctl.map", f"{reference}/man", tree=tree)
     shutil.copytree(tree / "bindings/python", tree / module)
-    run(sys.executable, "bindings/python/generate.py", *header, f"{module}/vswitchctl", tree=tree)
+    run(sys.executable, "tools/python_module.py", *header, f"{module}/vswitchctl", tree=tree)
     run(*ON_HOST, "env", "LD_LIBRARY_PATH=build/release:build/release/platform", f"PYTHONPATH={module}", sys.executable,
         "tests/package/python_test.py", "cmake/vswitchctl.map", tree=tree)
     # The command's own files are not changed by the page.

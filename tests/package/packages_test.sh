@@ -12,7 +12,7 @@ say "The same commit, built twice in two folders"
 git clone -q "$root" "$work/one"
 git clone -q "$work/one" "$work/another/folder"
 for folder in one another/folder; do
-    CCACHE_DISABLE=1 "$work/$folder/cmake/packaging/build_packages.sh" >/dev/null 2>"$work/log" || { cat "$work/log" >&2; exit 1; }
+    CCACHE_DISABLE=1 "$work/$folder/packaging/build_packages.sh" >/dev/null 2>"$work/log" || { cat "$work/log" >&2; exit 1; }
 done
 packages=$work/one/build/package/packages
 for package in "$packages"/*.deb; do

@@ -16,7 +16,7 @@ function(install_configured template destination component)
         set(host_dir \"${host_dir}\")
         set(version \"${PROJECT_VERSION}\")
         set(soversion \"${PROJECT_VERSION_MAJOR}\")
-        configure_file(\"${PROJECT_SOURCE_DIR}/cmake/packaging/${template}\"
+        configure_file(\"${PROJECT_SOURCE_DIR}/packaging/${template}\"
                        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${destination}\" @ONLY)"
         COMPONENT ${component})
 endfunction()
@@ -34,8 +34,8 @@ install_configured(vswitchctl.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig/vswitchctl
 # where there is no platform. The folder is on no run path, so that the stub is never loaded.
 set(stub ${CMAKE_BINARY_DIR}/stubs/liborkPublic.so)
 add_custom_command(OUTPUT ${stub}
-    COMMAND ${PROJECT_SOURCE_DIR}/cmake/packaging/link_stub.sh ${CMAKE_C_COMPILER} $<TARGET_FILE:vswitchctl> ${stub}
-    DEPENDS vswitchctl cmake/packaging/link_stub.sh VERBATIM)
+    COMMAND ${PROJECT_SOURCE_DIR}/packaging/link_stub.sh ${CMAKE_C_COMPILER} $<TARGET_FILE:vswitchctl> ${stub}
+    DEPENDS vswitchctl packaging/link_stub.sh VERBATIM)
 add_custom_target(link_stub ALL DEPENDS ${stub})
 install(FILES ${stub} DESTINATION ${stub_dir} COMPONENT dev)
 

@@ -10,7 +10,7 @@ function(package_test name)
     set_tests_properties(package.${name} PROPERTIES LABELS package TIMEOUT 120)
 endfunction()
 
-package_test(manual_pages ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/check_manpages.py
+package_test(manual_pages ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tools/check_manpages.py
              ${PROJECT_SOURCE_DIR}/cmake/vswitchctl.map ${REFERENCE_DIRECTORY}/man)
 package_test(examples_compile ${PROJECT_SOURCE_DIR}/tests/package/examples_test.sh
              ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})

@@ -2,7 +2,7 @@
 # command_files.sh SOURCE PYTHON VERSION VSHOST VSCTL OUTPUT: what goes with the commands, made by the commands
 # themselves: manual pages, shell completions, the schema of a plan.
 set -eu
-tools=$1/docs/reference python=$2 version=$3 vshost=$4 vsctl=$5 output=$6
+tools=$1/tools python=$2 version=$3 vshost=$4 vsctl=$5 output=$6
 completions=$output/vsctl/share
 mkdir -p "$output/host/man/man1" "$output/host/man/man5" "$output/vsctl/man/man1" "$output/vsctl/man/man5" \
     "$completions/vswitchctl" "$completions/bash-completion/completions" "$completions/zsh/vendor-completions" \

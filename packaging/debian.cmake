@@ -1,4 +1,4 @@
-# Debian packages, one a component: `cmake/packaging/build_packages.sh` makes them.
+# Debian packages, one a component: `packaging/build_packages.sh` makes them.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vswitchctl)
 set(CPACK_PACKAGE_VENDOR "vswitchctl maintainers")
@@ -9,7 +9,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 set(CPACK_COMPONENTS_ALL runtime dev vsctl host python)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/packaging/finish.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/finish.cmake)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)

@@ -10,19 +10,19 @@ if(NOT DOXYGEN OR NOT Python3_FOUND)
 endif()
 
 set(REFERENCE_DIRECTORY ${CMAKE_BINARY_DIR}/reference)
-set(reference_tools docs/reference/families.awk docs/reference/header.py docs/reference/example.py
-                    docs/reference/manpages.py docs/reference/reference.css
-                    docs/reference/command_page.py docs/reference/schema_page.py docs/reference/vshost.roff
-                    docs/reference/vsctl.roff docs/reference/command_files.sh)
+set(reference_tools tools/families.awk tools/header.py tools/example.py
+                    tools/manpages.py tools/reference.css
+                    tools/command_page.py tools/schema_page.py tools/vshost.roff
+                    tools/vsctl.roff tools/command_files.sh)
 set(scenario_schema ${PROJECT_SOURCE_DIR}/platform/scenario/scenario.schema.json)
-configure_file(docs/reference/Doxyfile.in ${CMAKE_BINARY_DIR}/Doxyfile @ONLY)
+configure_file(tools/Doxyfile.in ${CMAKE_BINARY_DIR}/Doxyfile @ONLY)
 add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${REFERENCE_DIRECTORY}
     COMMAND ${CMAKE_COMMAND} -E make_directory ${REFERENCE_DIRECTORY}
     COMMAND ${DOXYGEN} ${CMAKE_BINARY_DIR}/Doxyfile
-    COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/reference/manpages.py ${REFERENCE_DIRECTORY}/xml
+    COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tools/manpages.py ${REFERENCE_DIRECTORY}/xml
             ${PROJECT_SOURCE_DIR}/include/vswitchctl.h ${REFERENCE_DIRECTORY}/man ${PROJECT_VERSION}
-    COMMAND ${PROJECT_SOURCE_DIR}/docs/reference/command_files.sh ${PROJECT_SOURCE_DIR} ${Python3_EXECUTABLE}
+    COMMAND ${PROJECT_SOURCE_DIR}/tools/command_files.sh ${PROJECT_SOURCE_DIR} ${Python3_EXECUTABLE}
             ${PROJECT_VERSION} $<TARGET_FILE:vshost_launcher> $<TARGET_FILE:vsctl> ${REFERENCE_DIRECTORY}
     COMMAND ${CMAKE_COMMAND} -E touch ${REFERENCE_DIRECTORY}/made
     DEPENDS vshost_launcher vsctl ${scenario_schema} include/vswitchctl.h ${CMAKE_BINARY_DIR}/Doxyfile ${reference_tools}
@@ -34,10 +34,10 @@ file(GLOB written CONFIGURE_DEPENDS bindings/python/vswitchctl/*)
 add_custom_command(OUTPUT ${PYTHON_MODULE}/made
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${PYTHON_MODULE}
     COMMAND ${CMAKE_COMMAND} -E copy_directory ${PROJECT_SOURCE_DIR}/bindings/python/vswitchctl ${PYTHON_MODULE}/vswitchctl
-    COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/bindings/python/generate.py ${REFERENCE_DIRECTORY}/xml
+    COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tools/python_module.py ${REFERENCE_DIRECTORY}/xml
             ${PROJECT_SOURCE_DIR}/include/vswitchctl.h ${PYTHON_MODULE}/vswitchctl
     COMMAND ${CMAKE_COMMAND} -E touch ${PYTHON_MODULE}/made
-    DEPENDS ${REFERENCE_DIRECTORY}/made bindings/python/generate.py ${written}
+    DEPENDS ${REFERENCE_DIRECTORY}/made tools/python_module.py ${written}
     COMMENT "Python module" VERBATIM)
 add_custom_target(python_module ALL DEPENDS ${PYTHON_MODULE}/made)
 add_custom_target(installed DEPENDS vswitchctl link_stub ${host_parts} vsctl reference python_module)

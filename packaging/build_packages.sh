@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # build_packages.sh [BUILD_DIRECTORY]: the Debian packages, in BUILD_DIRECTORY/packages.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/../.." && pwd)
+root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build/package}
 export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$root" log -1 --format=%ct)}
 umask 022

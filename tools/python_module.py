@@ -1,18 +1,16 @@
 #!/usr/bin/env python3
 """Writes _status.py and _operations.py from the header's documentation.
 
-usage: generate.py XML_DIRECTORY HEADER OUTPUT_DIRECTORY
+usage: python_module.py XML_DIRECTORY HEADER OUTPUT_DIRECTORY
 """
 
 import re
 import sys
 from pathlib import Path
 
-HERE = Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parents[1] / "docs/reference"))
-import header  # noqa: E402
+import header
 
-NOTICE = '"""{} Made from include/vswitchctl.h by bindings/python/generate.py."""\n\n'
+NOTICE = '"""{} Made from include/vswitchctl.h by tools/python_module.py."""\n\n'
 SIZES = {"char": 1, "uint8_t": 1, "uint16_t": 2, "uint32_t": 4, "int32_t": 4, "uint64_t": 8, "void *": 8}
 DEFAULTS = {"dvsId": " = None", "useAlias": " = True"}
 # Lists that are nothing but a count and entries, and records with entries behind them.
