@@ -43,6 +43,19 @@ bool MustForget(const PortConfig &a, const PortConfig &b)
            (a.trunk ? a.ranges != b.ranges : a.vlanId != b.vlanId);
 }
 
+// Who has an address, read from its entry.
+struct Owner {
+    explicit Owner(const LiveAddress &address)
+        : slot(static_cast<uint32_t>(address.owner)), epoch(static_cast<uint32_t>(address.owner >> 32)),
+          isStatic(epoch == LIVE_EPOCH_STATIC)
+    {}
+    bool IsCurrent(LivePort &port) const { return epoch == (ReadWord(port.epoch) & LIVE_EPOCH_MASK); }
+
+    uint32_t slot;
+    uint32_t epoch;
+    bool isStatic;
+};
+
 std::string IdOf(const LiveSwitch &vswitch)
 {
     return std::string(vswitch.id, strnlen(vswitch.id, sizeof(vswitch.id)));
@@ -73,9 +86,7 @@ VsStatus DataPath::MeasureTick()
 {
     LiveHost &host = kernel.host[0];
     if (ReadWord(host.nsPerTick) != 0) return STATUS_OK;
-    const auto readClocks = [&] {
-        return Command({.kind = LIVE_COMMAND_READ_CLOCKS, .slot = 0, .key = {}, .reserved = 0});
-    };
+    const auto readClocks = [&] { return Command(LIVE_COMMAND_READ_CLOCKS, 0, {}); };
     if (VsStatus status = readClocks()) return status;
     const uint64_t ticks = host.ticks, ns = host.clockNs;
     while (host.ticks < ticks + 4) {
@@ -208,6 +219,7 @@ VsStatus DataPath::PlacePorts(const SwitchConfig &config, Change &change)
             }
         }
         if (VsStatus status = TakeSlot(change, port.slot)) return status;
+        port.isNew = true;
         while (usedPositions.contains(position))
             position++;
         port.position = position++;
@@ -292,15 +304,16 @@ void DataPath::Publish(const std::vector<Change *> &changes)
     for (Change *change : changes)
         SilencePorts(*change);
     for (Change *change : changes)
-        for (const PlacedPort &port : change->ports)
-            if (std::count(change->takenSlots.begin(), change->takenSlots.end(), port.slot)) {
-                StartSlot(port.slot);
-                WritePort(port, change->switchIndex);
-            }
+        for (const PlacedPort &port : change->ports) {
+            if (!port.isNew) continue;
+            StartSlot(port.slot);
+            WritePort(port, change->switchIndex);
+        }
     ExchangeSnapshots(changes);
     for (Change *change : changes)
         Settle(*change);
     if (std::exchange(mustSweep, false)) Sweep();
+    FreeSlots(changes);
 }
 
 void DataPath::SilencePorts(const Change &change)
@@ -377,14 +390,27 @@ void DataPath::Settle(Change &change)
     if (change.isWhole && !change.removesSwitch) WriteSwitch(change);
     for (const PlacedPort &port : change.ports)
         SettlePort(port, change.switchIndex);
-    for (uint32_t slot : change.releasedSlots)
-        ReleaseSlot(slot);
+    for (uint32_t slot : change.releasedSlots) {
+        WriteWord(kernel.ports[slot].inUse, 0);
+        mustSweep = true;
+    }
     if (change.removesSwitch) {
         WriteWord(kernel.switches[change.switchIndex].inUse, 0);
         switches.erase(change.switchIndex);
-        return;
+    } else if (change.isWhole || change.ports[0].config.uplink) {
+        WriteActiveUplinks(change.switchIndex);
     }
-    WriteActiveUplinks(change.switchIndex);
+}
+
+// A slot is free when no address names it any more.
+void DataPath::FreeSlots(const std::vector<Change *> &changes)
+{
+    for (const Change *change : changes)
+        for (uint32_t slot : change->releasedSlots) {
+            std::atomic_ref<uint32_t>(kernel.ports[slot].epoch).fetch_add(1);
+            WriteWord(kernel.ports[slot].ifindex, 0);
+            freeSlots.push_back(slot);
+        }
 }
 
 void DataPath::WriteSwitch(const Change &change)
@@ -393,9 +419,8 @@ void DataPath::WriteSwitch(const Change &change)
     LiveSwitch &vswitch = kernel.switches[change.switchIndex];
     known.config = change.config;
     known.isKnown = true;
-    std::erase_if(known.ports, [&](const auto &port) {
-        return std::count(change.releasedSlots.begin(), change.releasedSlots.end(), port.second.slot) != 0;
-    });
+    const std::set<uint32_t> released(change.releasedSlots.begin(), change.releasedSlots.end());
+    std::erase_if(known.ports, [&](const auto &port) { return released.contains(port.second.slot); });
     std::memset(vswitch.id, 0, sizeof(vswitch.id));
     std::memcpy(vswitch.id, change.config.id.data(), change.config.id.size());
     WriteWord(vswitch.mtu, change.config.mtu);
@@ -424,11 +449,18 @@ void DataPath::SettlePort(const PlacedPort &placed, uint32_t switchIndex)
     portSwitches[placed.config.number] = switchIndex;
 }
 
-// The port has forgotten its addresses when the epoch has passed. They count until they are swept.
+// The port has forgotten its addresses when the epoch has passed. They count until they are swept. A port
+// that doesn't learn has one most of the time, and that one is found without a walk over the table.
 void DataPath::PassEpoch(uint32_t slot)
 {
     LivePort &port = kernel.ports[slot];
     std::atomic_ref<uint32_t>(port.epoch).fetch_add(1);
+    if (ReadWord(port.learned) == 1) {
+        LiveAddressKey key = {};
+        key.switchIndex = port.switchIndex;
+        LiveReadAddressWord(std::atomic_ref<uint64_t>(port.address).load(), &key);
+        Command(LIVE_COMMAND_SWEEP, 0, {key});
+    }
     if (ReadWord(port.learned) != 0) mustSweep = true;
 }
 
@@ -438,16 +470,6 @@ void DataPath::WriteActiveUplinks(uint32_t switchIndex)
     for (const auto &[number, port] : switches[switchIndex].ports)
         if (port.config.uplink) active |= (port.config.uplinkActive ? 1u : 0u) << uplink++;
     WriteWord(kernel.switches[switchIndex].activeUplinks, active);
-}
-
-void DataPath::ReleaseSlot(uint32_t slot)
-{
-    LivePort &port = kernel.ports[slot];
-    std::atomic_ref<uint32_t>(port.epoch).fetch_add(1);
-    Command({.kind = LIVE_COMMAND_FORGET_PORT, .slot = slot, .key = {}, .reserved = 0});
-    WriteWord(port.ifindex, 0);
-    WriteWord(port.inUse, 0);
-    freeSlots.push_back(slot);
 }
 
 // ---- Filters ----
@@ -490,14 +512,22 @@ VsStatus DataPath::Detach(uint32_t ifindex)
 
 // ---- Addresses and counters ----
 
-VsStatus DataPath::Command(const LiveCommand &command)
+VsStatus DataPath::Command(LiveCommandKind kind, uint32_t slot, const std::vector<LiveAddressKey> &keys)
 {
-    uint8_t packet[LIVE_COMMAND_OFFSET + sizeof(command)] = {};
-    std::memcpy(packet + LIVE_COMMAND_OFFSET, &command, sizeof(command));
+    const LiveCommand command = {
+        .kind = static_cast<uint32_t>(kind),
+        .slot = slot,
+        .count = static_cast<uint32_t>(keys.size()),
+        .reserved = 0,
+    };
+    std::vector<uint8_t> packet(LIVE_COMMAND_KEYS_OFFSET + keys.size() * sizeof(LiveAddressKey));
+    std::memcpy(&packet[LIVE_COMMAND_OFFSET], &command, sizeof(command));
+    if (!keys.empty())
+        std::memcpy(&packet[LIVE_COMMAND_KEYS_OFFSET], keys.data(), keys.size() * sizeof(LiveAddressKey));
     bpf_test_run_opts run = {};
     run.sz = sizeof(run);
-    run.data_in = packet;
-    run.data_size_in = sizeof(packet);
+    run.data_in = packet.data();
+    run.data_size_in = static_cast<uint32_t>(packet.size());
     run.repeat = 1;
     if (bpf_prog_test_run_opts(kernel.CommandProgram(), &run) != 0)
         return Fail(StatusOfErrno(errno), std::string("cannot change the address table: ") + strerror(errno));
@@ -524,12 +554,11 @@ VsStatus DataPath::SlotOfPort(uint32_t portNumber, uint32_t &slot) const
 VsStatus DataPath::AddressCommand(LiveCommandKind kind, uint32_t portNumber, uint16_t vlan,
                                   const uint8_t mac[6])
 {
-    LiveCommand command = {.kind = static_cast<uint32_t>(kind), .slot = 0, .key = {}, .reserved = 0};
-    if (VsStatus status = SlotOfPort(portNumber, command.slot)) return Fail(status, "no such port");
-    command.key.switchIndex = portSwitches.at(portNumber);
-    command.key.vlan = vlan;
-    std::memcpy(command.key.mac, mac, sizeof(command.key.mac));
-    return Command(command);
+    uint32_t slot = 0;
+    if (VsStatus status = SlotOfPort(portNumber, slot)) return Fail(status, "no such port");
+    LiveAddressKey key = {.switchIndex = portSwitches.at(portNumber), .vlan = vlan, .mac = {}};
+    std::memcpy(key.mac, mac, sizeof(key.mac));
+    return Command(kind, slot, {key});
 }
 
 VsStatus DataPath::AddStaticAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6])
@@ -550,9 +579,52 @@ VsStatus DataPath::ForgetLearned(uint32_t portNumber)
     return std::exchange(mustSweep, false) ? Sweep() : STATUS_OK;
 }
 
+// In batches, so that no packet waits for the whole table.
+VsStatus DataPath::WalkAddresses(const VisitAddress &visit)
+{
+    if (VsStatus status = Command(LIVE_COMMAND_READ_CLOCKS, 0, {})) return status;
+    std::vector<LiveAddressKey> keys(ADDRESS_BATCH);
+    std::vector<LiveAddress> values(ADDRESS_BATCH);
+    uint32_t position = 0;
+    for (bool isFirst = true;; isFirst = false) {
+        uint32_t count = ADDRESS_BATCH;
+        const int result =
+            bpf_map_lookup_batch(kernel.MapDescriptor("addresses"), isFirst ? nullptr : &position, &position,
+                                 keys.data(), values.data(), &count, nullptr);
+        if (result != 0 && errno != ENOENT)
+            return Fail(STATUS_FAILURE, std::string("cannot read the address table: ") + strerror(errno));
+        for (uint32_t i = 0; i < count; i++)
+            visit(keys[i], values[i]);
+        if (result != 0) return STATUS_OK; // ENOENT: that was the rest
+    }
+}
+
+// What the data path will want to remove, as far as can be seen from here.
+bool DataPath::MustSweep(const LiveAddressKey &key, const LiveAddress &address)
+{
+    const Owner owner(address);
+    if (owner.slot >= kernel.ports.Size()) return true;
+    LivePort &port = kernel.ports[owner.slot];
+    if (!ReadWord(port.inUse)) return true;
+    if (owner.isStatic) return false;
+    const uint64_t ageing = ReadWord(kernel.switches[key.switchIndex].ageingSeconds) * uint64_t{1000000000};
+    return !owner.IsCurrent(port) || (ageing && address.lastSeen + ageing <= kernel.host[0].now);
+}
+
 VsStatus DataPath::Sweep()
 {
-    return Command({.kind = LIVE_COMMAND_SWEEP, .slot = 0, .key = {}, .reserved = 0});
+    std::vector<LiveAddressKey> keys;
+    const VsStatus status = WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
+        if (MustSweep(key, address)) keys.push_back(key);
+    });
+    if (status != STATUS_OK) return status;
+    for (size_t first = 0; first < keys.size(); first += LIVE_COMMAND_KEYS) {
+        const size_t count = std::min<size_t>(LIVE_COMMAND_KEYS, keys.size() - first);
+        const auto begin = keys.begin() + static_cast<ptrdiff_t>(first);
+        const std::vector<LiveAddressKey> batch(begin, begin + static_cast<ptrdiff_t>(count));
+        if (VsStatus failure = Command(LIVE_COMMAND_SWEEP, 0, batch)) return failure;
+    }
+    return STATUS_OK;
 }
 
 VsStatus DataPath::ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries)
@@ -560,40 +632,21 @@ VsStatus DataPath::ReadAddresses(const std::string &switchId, std::vector<Addres
     const auto vswitch = std::find_if(switches.begin(), switches.end(),
                                       [&](const auto &entry) { return entry.second.config.id == switchId; });
     if (vswitch == switches.end()) return Fail(STATUS_NOT_FOUND, "the data path has no switch " + switchId);
-    const int map = kernel.MapDescriptor("addresses");
-    std::vector<LiveAddressKey> keys(ADDRESS_BATCH);
-    std::vector<LiveAddress> values(ADDRESS_BATCH);
-    if (VsStatus status = Command({.kind = LIVE_COMMAND_READ_CLOCKS, .slot = 0, .key = {}, .reserved = 0}))
-        return status;
-    const uint64_t now = kernel.host[0].now;
-    uint32_t position = 0;
-    bool isFirst = true;
-    for (;;) {
-        uint32_t count = ADDRESS_BATCH;
-        const int result = bpf_map_lookup_batch(map, isFirst ? nullptr : &position, &position, keys.data(),
-                                                values.data(), &count, nullptr);
-        if (result != 0 && errno != ENOENT)
-            return Fail(STATUS_FAILURE, std::string("cannot read the address table: ") + strerror(errno));
-        isFirst = false;
-        for (uint32_t i = 0; i < count; i++) {
-            if (keys[i].switchIndex != vswitch->first) continue;
-            const uint32_t slot = static_cast<uint32_t>(values[i].owner);
-            const uint32_t epoch = static_cast<uint32_t>(values[i].owner >> 32);
-            if (slot >= kernel.ports.Size()) continue;
-            LivePort &port = kernel.ports[slot];
-            const bool isStatic = epoch == LIVE_EPOCH_STATIC;
-            if (!isStatic && epoch != (ReadWord(port.epoch) & LIVE_EPOCH_MASK)) continue;
-            AddressEntry entry = {};
-            entry.portNumber = port.number;
-            entry.vlan = keys[i].vlan;
-            std::memcpy(entry.mac, keys[i].mac, sizeof(entry.mac));
-            entry.isStatic = isStatic;
-            entry.isOnUplink = port.flags & LIVE_PORT_UPLINK;
-            entry.ageNs = values[i].lastSeen && now > values[i].lastSeen ? now - values[i].lastSeen : 0;
-            entries.push_back(entry);
-        }
-        if (result != 0) return STATUS_OK; // ENOENT: that was the rest
-    }
+    return WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
+        const Owner owner(address);
+        if (key.switchIndex != vswitch->first || owner.slot >= kernel.ports.Size()) return;
+        LivePort &port = kernel.ports[owner.slot];
+        if (!owner.isStatic && !owner.IsCurrent(port)) return;
+        const uint64_t now = kernel.host[0].now;
+        AddressEntry entry = {};
+        entry.portNumber = port.number;
+        entry.vlan = key.vlan;
+        std::memcpy(entry.mac, key.mac, sizeof(entry.mac));
+        entry.isStatic = owner.isStatic;
+        entry.isOnUplink = port.flags & LIVE_PORT_UPLINK;
+        entry.ageNs = address.lastSeen && now > address.lastSeen ? now - address.lastSeen : 0;
+        entries.push_back(entry);
+    });
 }
 
 VsStatus DataPath::ReadCounters(uint32_t portNumber, LiveCounters &counters)

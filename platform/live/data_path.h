@@ -6,6 +6,7 @@
 // One thread at a time uses a data path.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <unordered_map>
 
@@ -125,10 +126,13 @@ private:
     void ExchangeSnapshots(const std::vector<Change *> &changes);
     void Settle(Change &change);
     void SettlePort(const PlacedPort &port, uint32_t switchIndex);
-    void ReleaseSlot(uint32_t slot);
+    void FreeSlots(const std::vector<Change *> &changes);
     void MapInterface(uint32_t ifindex, uint32_t slot);
     void PassEpoch(uint32_t slot);
-    VsStatus Command(const LiveCommand &command);
+    VsStatus Command(LiveCommandKind kind, uint32_t slot, const std::vector<LiveAddressKey> &keys);
+    using VisitAddress = std::function<void(const LiveAddressKey &, const LiveAddress &)>;
+    VsStatus WalkAddresses(const VisitAddress &visit);
+    bool MustSweep(const LiveAddressKey &key, const LiveAddress &address);
     VsStatus AddressCommand(LiveCommandKind kind, uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]);
 
     KernelPart kernel;

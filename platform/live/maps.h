@@ -138,6 +138,14 @@ static inline uint64_t LiveAddressWord(const struct LiveAddressKey *key)
            (uint64_t)key->vlan << 48;
 }
 
+/** The same back again; the switch is not in it. */
+static inline void LiveReadAddressWord(uint64_t word, struct LiveAddressKey *key)
+{
+    for (int i = 0; i < 6; i++)
+        key->mac[i] = (uint8_t)(word >> (40 - 8 * i));
+    key->vlan = (uint16_t)(word >> 48);
+}
+
 /* A port without learning may have its one address in each of its VLANs. */
 #define LIVE_SINGLE_ADDRESS_LIMIT LIVE_VLANS
 
@@ -227,22 +235,23 @@ LIVE_ASSERT(sizeof(struct LiveSlots) == LIVE_ELEMENT_SIZE);
 
 /** What the second program does with the address table; it answers a LiveResult. */
 enum LiveCommandKind {
-    LIVE_COMMAND_SWEEP,          /* removes entries that are too old or of an earlier epoch */
-    LIVE_COMMAND_FORGET_PORT,    /* removes all entries of `slot`, static ones too */
-    LIVE_COMMAND_ADD_STATIC,     /* makes `key` a static address of `slot` */
-    LIVE_COMMAND_REMOVE_ADDRESS, /* removes `key` if it belongs to `slot` */
-    LIVE_COMMAND_READ_CLOCKS     /* nothing but what each command does */
+    LIVE_COMMAND_SWEEP, /* removes those of the keys that are too old, or that their port has forgotten */
+    LIVE_COMMAND_ADD_STATIC,     /* makes the key a static address of `slot` */
+    LIVE_COMMAND_REMOVE_ADDRESS, /* removes the key if it belongs to `slot` */
+    LIVE_COMMAND_READ_CLOCKS     /* nothing but what each command does: it writes LiveHost.now */
 };
 
-/** The program gets it as a packet, behind an Ethernet header of zeros. */
+/** The program gets it as a packet, behind an Ethernet header of zeros; `count` LiveAddressKey follow. */
 struct LiveCommand {
     uint32_t kind;
     uint32_t slot;
-    struct LiveAddressKey key;
+    uint32_t count;
     uint32_t reserved;
 };
-LIVE_ASSERT(sizeof(struct LiveCommand) == 24);
+LIVE_ASSERT(sizeof(struct LiveCommand) == 16);
 
-#define LIVE_COMMAND_OFFSET 14
+#define LIVE_COMMAND_OFFSET 14u
+#define LIVE_COMMAND_KEYS_OFFSET (LIVE_COMMAND_OFFSET + 16u)
+#define LIVE_COMMAND_KEYS 128u /* at most, so that packets don't wait for a command */
 
 enum LiveResult { LIVE_DONE, LIVE_NOT_FOUND, LIVE_FULL, LIVE_BAD_COMMAND };

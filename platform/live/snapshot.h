@@ -32,6 +32,7 @@ struct PlacedPort {
     PortConfig config;
     uint32_t slot = 0;
     uint32_t position = 0;
+    bool isNew = false; // of a change: the port comes with it
 };
 
 // Whether the two differ in what a snapshot holds; everything else is in the port's words.

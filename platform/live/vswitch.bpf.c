@@ -486,9 +486,8 @@ static __always_inline void ReplaceSingleAddress(struct Frame *frame)
     if (old == 0) return;
     __sync_fetch_and_add(&frame->sender->epoch, 1);
 
-    struct LiveAddressKey key = {.switchIndex = frame->source.switchIndex, .vlan = (uint16_t)(old >> 48)};
-    for (int i = 0; i < 6; i++)
-        key.mac[i] = (uint8_t)(old >> (40 - 8 * i));
+    struct LiveAddressKey key = {.switchIndex = frame->source.switchIndex};
+    LiveReadAddressWord(old, &key);
     struct LiveAddress *address = bpf_map_lookup_elem(&addresses, &key);
     if (!address) return;
     const uint64_t owner = READ_WORD(address->owner);
@@ -757,13 +756,10 @@ SEC("tc") int vswitch(struct __sk_buff *skb)
 
 // ---- Commands: what user space has done to the address table ----
 
-struct Sweep {
-    uint64_t now;
-    uint32_t slot; // the port to forget; LIVE_NO_SLOT: none
-    uint32_t removed;
-};
-
-#define LIVE_NO_SLOT 0xffffffffu
+static __always_inline bool ReadKey(struct __sk_buff *skb, uint32_t index, struct LiveAddressKey *key)
+{
+    return !bpf_skb_load_bytes(skb, LIVE_COMMAND_KEYS_OFFSET + index * sizeof(*key), key, sizeof(*key));
+}
 
 static __always_inline bool IsOld(const struct LiveAddressKey *key, const struct LiveAddress *address,
                                   uint64_t now)
@@ -781,27 +777,33 @@ static __always_inline bool IsLeftOver(uint64_t owner, const struct LiveAddress 
     return owner == LIVE_OWNER_NONE && (int64_t)(now - READ_WORD(address->lastSeen)) > 10000000000ll;
 }
 
-static long SweepAddress(void *map, const struct LiveAddressKey *key, struct LiveAddress *address,
-                         struct Sweep *sweep)
+struct Sweep {
+    struct __sk_buff *skb;
+    uint64_t now;
+};
+
+// User space has chosen the keys, but they may have changed since.
+static long SweepKey(uint32_t index, struct Sweep *sweep)
 {
+    struct LiveAddressKey key;
+    if (!ReadKey(sweep->skb, index, &key)) return 1;
+    struct LiveAddress *address = bpf_map_lookup_elem(&addresses, &key);
+    if (!address) return 0;
     const uint64_t owner = READ_WORD(address->owner);
     const uint32_t slot = SlotOf(owner);
-    struct LiveAddressKey copy = *key;
-    if (IsLeftOver(owner, address, sweep->now)) bpf_map_delete_elem(&addresses, &copy);
+    if (IsLeftOver(owner, address, sweep->now)) bpf_map_delete_elem(&addresses, &key);
     const struct LivePort *port = FindPort(slot);
     if (!port) return 0;
-    const bool forget = slot == sweep->slot || !IsCurrent(owner, slot, port);
-    const bool aged = !forget && !IsStatic(owner) && IsOld(&copy, address, sweep->now);
-    if ((!forget && !aged) || !RemoveAddress(&copy, address, owner)) return 0;
-    if (aged) CountAt(slot, LIVE_AGED);
-    sweep->removed++;
+    const bool isForgotten = !READ_WORD(port->inUse) || !IsCurrent(owner, slot, port);
+    const bool isAged = !isForgotten && !IsStatic(owner) && IsOld(&key, address, sweep->now);
+    if ((isForgotten || isAged) && RemoveAddress(&key, address, owner) && isAged) CountAt(slot, LIVE_AGED);
     return 0;
 }
 
-static __always_inline int SweepAddresses(uint32_t slot, uint64_t now)
+static __always_inline int SweepKeys(struct __sk_buff *skb, uint32_t count, uint64_t now)
 {
-    struct Sweep sweep = {.now = now, .slot = slot};
-    bpf_for_each_map_elem(&addresses, SweepAddress, &sweep, 0);
+    struct Sweep sweep = {skb, now};
+    bpf_loop(count < LIVE_COMMAND_KEYS ? count : LIVE_COMMAND_KEYS, SweepKey, &sweep, 0);
     return LIVE_DONE;
 }
 
@@ -838,19 +840,19 @@ static __always_inline void ReadClocks(struct LiveHost *state)
 SEC("tc") int change_addresses(struct __sk_buff *skb)
 {
     struct LiveCommand command;
-    if (bpf_skb_load_bytes(skb, LIVE_COMMAND_OFFSET, &command, sizeof(command))) return LIVE_BAD_COMMAND;
+    struct LiveAddressKey key = {};
     struct LiveHost *state = FindHost();
-    if (!state) return LIVE_BAD_COMMAND;
+    if (!state || bpf_skb_load_bytes(skb, LIVE_COMMAND_OFFSET, &command, sizeof(command)))
+        return LIVE_BAD_COMMAND;
+    if (command.count && !ReadKey(skb, 0, &key)) return LIVE_BAD_COMMAND;
     ReadClocks(state);
     switch (command.kind) {
     case LIVE_COMMAND_SWEEP:
-        return SweepAddresses(LIVE_NO_SLOT, state->now);
-    case LIVE_COMMAND_FORGET_PORT:
-        return SweepAddresses(command.slot, state->now);
+        return SweepKeys(skb, command.count, state->now);
     case LIVE_COMMAND_ADD_STATIC:
-        return AddStatic(&command.key, command.slot);
+        return AddStatic(&key, command.slot);
     case LIVE_COMMAND_REMOVE_ADDRESS:
-        return RemoveOne(&command.key, command.slot);
+        return RemoveOne(&key, command.slot);
     case LIVE_COMMAND_READ_CLOCKS:
         return LIVE_DONE;
     default:
