@@ -20,6 +20,7 @@ FUZZ_TARGETS=(records answers shell_output bundles requests scenarios names)
 check_format() {
     echo "== Format"
     git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format --dry-run -Werror
+    ! git ls-files '*.py' | xargs grep -nH '.\{121\}' || { echo "Python lines end at 120 characters" >&2; return 1; }
 }
 
 run_tests() { # preset, further arguments of ctest

@@ -11,7 +11,8 @@ ROWS = [
     ("write_disk/library", "write_disk/ovsdb", "< 1", "VLAN policy, on disk, beside OVSDB durable"),
     ("write_disk/library8", "write_disk/library", "<= 0.33", "the same by 8 threads, a call, beside 1 thread"),
     ("processes/library/8", "processes/library/1", "<= 1", "240 writes on disk by 8 processes, beside 1"),
-    ("write_process/library", "write_process/sqlite", "<= 1.3", "VLAN policy, survives its process, beside SQLite NORMAL"),
+    ("write_process/library", "write_process/sqlite", "<= 1.3",
+     "VLAN policy, survives its process, beside SQLite NORMAL"),
     ("write_process/library", "write_process/ovsdb", "<= 0.2", "VLAN policy, survives its process, beside OVSDB"),
     ("read/library_one", "read/sqlite", "<= 1.2", "one property, beside a prepared SELECT"),
     ("read/library", "read/sqlite", "", "VLAN policy (two properties), beside a prepared SELECT"),
@@ -28,7 +29,8 @@ ROWS = [
     ("create/library/1024", "create/ovs_vsctl/1024", "< 1", "create a switch with 1,024 ports, beside one ovs-vsctl"),
     ("create/library_disk/64", "write_disk/sqlite", "", "64 ports with each on disk, in SQLite FULL commits"),
     ("create/library_disk/1024", "write_disk/sqlite", "", "1,024 ports with each on disk, in SQLite FULL commits"),
-    ("create/library_synced/1024", "create/library_disk/1024", "", "1,024 ports on disk by one sync, beside a sync each"),
+    ("create/library_synced/1024", "create/library_disk/1024", "",
+     "1,024 ports on disk by one sync, beside a sync each"),
     ("change_all/library", "change_all/ovsdb", "< 1", "VLAN of 1,000 ports, beside OVSDB"),
     ("change_all/library", "change_all/ovsdb_at_once", "", "VLAN of 1,000 ports, beside one OVSDB transaction"),
     ("read_all/library", "read_all/ovsdb", "< 1", "read 1,000 VLAN policies, beside OVSDB"),
@@ -88,7 +90,8 @@ def main():
         other = statistics.median(times[peer]) if peer else 0
         if peer:
             ratio = median / other
-            line += f"{text(min(times[peer])):>10}{text(other):>10}{f'{ratio:,.0f}' if ratio >= 1000 else f'{ratio:.3g}':>8}"
+            shown = f"{ratio:,.0f}" if ratio >= 1000 else f"{ratio:.3g}"
+            line += f"{text(min(times[peer])):>10}{text(other):>10}{shown:>8}"
         else:
             line += " " * 28
         print(f"{line}  {goal:10}{met(goal, median, other)}")

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 static void Step(void)
@@ -16,6 +17,22 @@ static void Step(void)
     if (!last || strcmp(program_invocation_short_name, "vsctl") != 0) return;
     steps++;
     if (steps == atoi(last)) raise(number ? atoi(number) : SIGKILL);
+}
+
+static void Alarm(int number)
+{
+    (void)number;
+    raise(SIGALRM);
+}
+
+// With VSCTL_TEST_CPU_TIME, timers count the processor time of vsctl, which other load does not change.
+int setitimer(enum __itimer_which which, const struct itimerval *value, struct itimerval *old)
+{
+    int (*next)(enum __itimer_which, const struct itimerval *, struct itimerval *) =
+        dlsym(RTLD_NEXT, "setitimer");
+    if (!getenv("VSCTL_TEST_CPU_TIME")) return next(which, value, old);
+    signal(SIGPROF, Alarm);
+    return next(ITIMER_PROF, value, old);
 }
 
 ssize_t pwrite64(int file, const void *bytes, size_t length, off64_t offset)

@@ -29,7 +29,8 @@ class Devices(LiveHost):
 
     def in_process(self, number, data):
         """The answer that a preloaded program gets."""
-        text = self.on_host(sys.executable, "-c", IN_PROCESS, BUILD, SOURCE, SOURCE / "tests", number, data.hex()).stdout
+        text = self.on_host(sys.executable, "-c", IN_PROCESS, BUILD, SOURCE, SOURCE / "tests", number,
+                            data.hex()).stdout
         return int(text) if text.strip().isdigit() and len(text) < 8 else bytes.fromhex(text)
 
     def test_a_program_without_the_preload_gets_the_same_answers(self):
@@ -105,7 +106,8 @@ class Supervisor(LiveHost):
         self.stop()
         self.assertEqual(mounts_under(self.directory), [])
         left = {path.name for path in self.directory.iterdir()}
-        self.assertLessEqual(left, {"control", "dev", "host.db", "host.db-shm", "host.db-wal", "use.lock", "write.lock"})
+        self.assertLessEqual(left, {"control", "dev", "host.db", "host.db-shm", "host.db-wal", "use.lock",
+                                    "write.lock"})
         self.vsctl("switch", "create", "one")  # an emulated host again
 
     def test_stop_cleans_up_after_a_killed_supervisor_too(self):

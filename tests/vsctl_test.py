@@ -29,7 +29,8 @@ class Verbs(OnHost):
 
     def test_policies(self):
         self.create()
-        sessions = [{"id": "s1", "settings": "ab" * 184, "entries-a": ["01" * 52], "entries-b": [], "entries-c": ["02" * 52]}]
+        sessions = [{"id": "s1", "settings": "ab" * 184, "entries-a": ["01" * 52], "entries-b": [],
+                     "entries-c": ["02" * 52]}]
         file = self.write("sessions", json.dumps(sessions))
         team = self.directory / "team"
         team.write_bytes(bytes(range(109)) * 24)
@@ -41,7 +42,8 @@ class Verbs(OnHost):
                 ("switch mac-learning", ["--value-a", "1000000", "--byte", "7"], None,
                  {"value-a": 1000000, "byte": 7, "value-b": 65536}),
                 ("switch learn-static", ["on"], "learn-static", True),
-                ("switch pvlan", ["0102030405060708,1112131415161718"], "pvlan", ["0102030405060708", "1112131415161718"]),
+                ("switch pvlan", ["0102030405060708,1112131415161718"], "pvlan",
+                 ["0102030405060708", "1112131415161718"]),
                 ("switch ls-teaming", [",".join(table)], "ls-teaming", table),
                 ("switch uplink-mirror", ["--file", file], "uplink-mirror", sessions),
                 ("port vlan", ["7", "--trunk", "1-5,9", "--priority", "0", "--option", "on"], None,
@@ -101,7 +103,10 @@ class Verbs(OnHost):
             self.assertEqual((some - few) / 180, (many - some) / 1800, operation)
 
     def test_a_switch_that_does_not_run(self):
-        """It is listed, shown, exported, configured where that takes no portset, and destroyed; its records are not called damaged."""
+        """It is listed, shown, exported, configured where that takes no portset, and destroyed.
+
+        None of its records is reported as damaged.
+        """
         self.create()
         self.rows("switch", "create", "two", "--portset", "vs2")
         wanted = self.exported()["lab"]
@@ -118,10 +123,14 @@ class Verbs(OnHost):
         self.rows("port", "show", "lab", "port0..port3")
         self.assertIn("lab", self.run_vsctl("complete", "--", "switch", "show", "").split())
         self.assertIn("did you mean 'lab'?", self.run_vsctl("switch", "show", "lba", code=3))
-        for line in ("switch mtu lab 4000", "uplink live lab", "uplink down lab nic0", "uplink link lab nic0", "uplink numa lab", "lag list lab",
-                     "mac list lab port0", "mac team lab", "mac set lab port0 --address 02:00:00:00:00:01", "mac info lab", "mac stats lab port0",
-                     "mirror live lab", "mirror stats lab s", "mirror destinations lab", "multicast filters lab", "stats rarp lab",
-                     "stats teaming lab", "port hint lab port0", "switch multicast lab --live", "switch ls-teaming lab --live"):
+        for line in ("switch mtu lab 4000", "uplink live lab", "uplink down lab nic0", "uplink link lab nic0",
+                     "uplink numa lab", "lag list lab",
+                     "mac list lab port0", "mac team lab", "mac set lab port0 --address 02:00:00:00:00:01",
+                     "mac info lab", "mac stats lab port0",
+                     "mirror live lab", "mirror stats lab s", "mirror destinations lab", "multicast filters lab",
+                     "stats rarp lab",
+                     "stats teaming lab", "port hint lab port0", "switch multicast lab --live",
+                     "switch ls-teaming lab --live"):
             self.assertIn("is not running", self.run_vsctl(*line.split(), code=1), line)
         self.run_vsctl("switch", "create", "lab", code=4)
         self.rows("switch", "destroy", "lab")
@@ -212,8 +221,10 @@ class Verbs(OnHost):
                 (3, ["switch", "show", "lba"], "lab"), (3, ["port", "show", "lab", "nope"], "NOT_FOUND"),
                 (3, ["uplink", "remove", "lab", "uplink9"], "uplink0"), (3, ["confirm"], ""),
                 (4, port, "STATUS_EXISTS"), (4, ["switch", "create", "lab"], "STATUS_EXISTS"),
-                (5, ["switch", "create", "a/b"], "--portset"), (5, ["port", "vlan", "lab", "port0", "--trunk", "9-1"], "--trunk"),
-                (5, ["port", "vlan", "lab", "port0", "4096"], "4095"), (5, ["port", "security", "lab", "port0", "8"], "7"),
+                (5, ["switch", "create", "a/b"], "--portset"),
+                (5, ["port", "vlan", "lab", "port0", "--trunk", "9-1"], "--trunk"),
+                (5, ["port", "vlan", "lab", "port0", "4096"], "4095"),
+                (5, ["port", "security", "lab", "port0", "8"], "7"),
                 (5, ["port", "vlan", "lab", "port7..port1"], "range"), (5, ["switch", "mtu", "lab", "1279"], "1280")):
             with self.subTest(words):
                 self.assertIn(reason, self.run_vsctl(*words, code=code))
@@ -221,7 +232,8 @@ class Verbs(OnHost):
             HOST.vshost_fail(STORE, b"DVSZOR_PortDataSet", 1, 1, outcome)
             self.run_vsctl("port", "vlan", "lab", "port0", "6", code=code)
             HOST.vshost_clear()
-        away = subprocess.run(["env", "-u", "VSHOST_DIR", f"VSCTL_STATE={self.directory}", VSCTL, "switch", "create", "x"],
+        away = subprocess.run(["env", "-u", "VSHOST_DIR", f"VSCTL_STATE={self.directory}", VSCTL, "switch", "create",
+                               "x"],
                               capture_output=True, text=True)
         self.assertEqual((away.returncode, away.stdout), (6, ""), away.stderr)
         done = self.process(*port, "--json")
@@ -231,13 +243,17 @@ class Verbs(OnHost):
         self.create()
         with open(self.directory / "host/vsctl/lock", "w") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
-            for words, code in ((["swich", "list"], 2), (["port", "vlan"], 2), (["port", "vlan", "lab", "port0", "--bogus"], 2), (["plan", "/none"], 3),
-                                (["switch", "show", "none"], 3), (["port", "vlan", "lab", "port0", "4096"], 5), (["watch", "switch", "show", "none"], 3),
-                                (["watch", "export", "lab"], 2), (["port", "vlan", "lab", "port0", "5", "--timeout", "50ms"], 8)):
+            for words, code in ((["swich", "list"], 2), (["port", "vlan"], 2),
+                                (["port", "vlan", "lab", "port0", "--bogus"], 2), (["plan", "/none"], 3),
+                                (["switch", "show", "none"], 3), (["port", "vlan", "lab", "port0", "4096"], 5),
+                                (["watch", "switch", "show", "none"], 3),
+                                (["watch", "export", "lab"], 2),
+                                (["port", "vlan", "lab", "port0", "5", "--timeout", "50ms"], 8)):
                 for order in (["--json", *words], [*words, "--json"]):
                     done = self.process(*order)
                     error = json.loads(done.stderr)["error"]
-                    self.assertEqual((done.returncode, done.stdout, error["exit"], done.stderr.count("\n")), (code, "", code, 1), order)
+                    self.assertEqual((done.returncode, done.stdout, error["exit"], done.stderr.count("\n")),
+                                     (code, "", code, 1), order)
                     self.assertGreater(len(error["problem"]), 10, order)
                 self.assertRegex(self.process(*words).stderr, r"\Avsctl: [^\n]+\n\Z")
 
@@ -252,12 +268,14 @@ class Verbs(OnHost):
         self.rows("switch", "create", "aa", "--portset", "vs")
         self.rows("switch", "create", "bb", "--portset", "vs1")
         self.rows("property", "set", "bb", "com.talpex.common.host.portset", "--level", "host", "--text", "elsewhere")
-        self.assertEqual({row["portset"]: row["switch"] for row in self.rows("switch", "list")}, {"vs": "aa", "vs1": None, "elsewhere": "bb"})
+        self.assertEqual({row["portset"]: row["switch"] for row in self.rows("switch", "list")},
+                         {"vs": "aa", "vs1": None, "elsewhere": "bb"})
 
     def test_what_needs_no_platform_works_without_one(self):
         """The platform's library cannot be loaded: all else works, and what needs it says so in one line."""
         (self.directory / "liborkPublic.so").write_text("not a library")
-        away = ["env", "-i", f"LD_LIBRARY_PATH={self.directory}", f"VSHOST_DIR={self.directory}", f"VSCTL_STATE={self.directory}"]
+        away = ["env", "-i", f"LD_LIBRARY_PATH={self.directory}", f"VSHOST_DIR={self.directory}",
+                f"VSCTL_STATE={self.directory}"]
 
         def run(line):
             return subprocess.run([*away, VSCTL, *line.split()], capture_output=True, text=True)
@@ -265,14 +283,19 @@ class Verbs(OnHost):
         self.assertEqual({name for name, part in parts.items() if part["works"]}, {"changes"})
         self.assertIn("liborkPublic.so", parts["library"]["state"])
         self.assertIn("vshost run", parts["library"]["advice"])
-        for line, code, text in (("doctor", 6, "liborkPublic.so"), ("--version", 0, "vsctl 1"), ("help", 0, "vsctl NOUN VERB"),
-                                 ("switch --help", 0, "switch create"), ("port vlan --help", 0, "--priority"), ("schema", 0, "json-schema"),
-                                 ("completion bash", 0, "_vsctl"), ("complete -- switch sh", 0, "show"), ("complete -- switch show x", 0, "")):
+        for line, code, text in (("doctor", 6, "liborkPublic.so"), ("--version", 0, "vsctl 1"),
+                                 ("help", 0, "vsctl NOUN VERB"),
+                                 ("switch --help", 0, "switch create"), ("port vlan --help", 0, "--priority"),
+                                 ("schema", 0, "json-schema"),
+                                 ("completion bash", 0, "_vsctl"), ("complete -- switch sh", 0, "show"),
+                                 ("complete -- switch show x", 0, "")):
             done = run(line)
             self.assertEqual((done.returncode, done.stderr), (code, ""), line)
             self.assertIn(text, done.stdout, line)
-        for line, code, text in (("switch list", 6, "liborkPublic.so"), ("port vlan lab port0 5", 6, "liborkPublic.so"), ("switch create lab", 6, "doctor"),
-                                 ("export lab", 6, "liborkPublic.so"), ("port vlan lab port0 5000", 5, "4095"), ("apply --undo", 3, "cut short")):
+        for line, code, text in (("switch list", 6, "liborkPublic.so"), ("port vlan lab port0 5", 6, "liborkPublic.so"),
+                                 ("switch create lab", 6, "doctor"),
+                                 ("export lab", 6, "liborkPublic.so"), ("port vlan lab port0 5000", 5, "4095"),
+                                 ("apply --undo", 3, "cut short")):
             done = run(line)
             self.assertEqual((done.returncode, done.stdout), (code, ""), line)
             self.assertRegex(done.stderr, r"\Avsctl: [^\n]*" + text + r"[^\n]*\n\Z")
@@ -284,12 +307,14 @@ class Verbs(OnHost):
         for order in (["switch", "--help"], ["--help", "switch"], ["switch", "-h"]):
             self.assertEqual(self.run_vsctl(*order), self.run_vsctl("help", "switch"))
             for json_order in (["--json", *order], [*order, "--json"]):
-                self.assertEqual(json.loads(self.run_vsctl(*json_order))["result"], [verb for verb in verbs if verb["verb"].startswith("switch ")])
+                self.assertEqual(json.loads(self.run_vsctl(*json_order))["result"],
+                                 [verb for verb in verbs if verb["verb"].startswith("switch ")])
         for order in (["port", "vlan", "--help"], ["--help", "port", "vlan"]):
             self.assertEqual(self.run_vsctl(*order), self.run_vsctl("help", "port", "vlan"))
             (row,) = json.loads(self.run_vsctl(*order, "--json"))["result"]
             self.assertEqual(row, self.rows("help", "port", "vlan")[0])
-        self.assertEqual([row["argument"] for row in verbs if row["verb"] == "uplink add" for row in row["arguments"]], ["SWITCH", "UPLINK"])
+        self.assertEqual([row["argument"] for row in verbs if row["verb"] == "uplink add" for row in row["arguments"]],
+                         ["SWITCH", "UPLINK"])
         self.assertEqual([row["code"] for row in self.rows("help", "exit")], list(range(11)))
         self.assertIn({"operation": "VSDVS_SetMTU", "verbs": "switch mtu"}, self.rows("help", "operations"))
         self.assertIn("switch list", self.run_vsctl("doctor", "--help") + self.run_vsctl("--help", "switch"))

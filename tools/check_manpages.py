@@ -38,7 +38,8 @@ def main():
     found = []
     for name in names:
         page = directory / "man3" / f"{name}.3"
-        found += [f"{name}: {fault}" for fault in (faults(name, page.read_text().replace("\\%", "")) if page.exists() else ["no page"])]
+        found += [f"{name}: {fault}"
+                  for fault in (faults(name, page.read_text().replace("\\%", "")) if page.exists() else ["no page"])]
     found += [f"{page.stem}: not an operation" for page in (directory / "man3").iterdir() if page.stem not in names]
     pages = sorted([*directory.glob("man?/*"), *directory.parent.glob("**/*.[15]")])
     roff = subprocess.run(["groff", "-Kutf8", "-man", "-Tutf8", "-ww", "-z", *pages], capture_output=True, text=True)

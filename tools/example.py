@@ -55,7 +55,8 @@ def main():
     texts = ", ".join(f"const char *{name}" for name in names)
     print("#include <stdio.h>\n#include <stdlib.h>\n#include <string.h>\n#include <vswitchctl.h>\n")
     for operation in reference.operations:
-        print(f"void Example{operation.name}({texts});\nvoid Example{operation.name}({texts})\n{{{{\n{of(operation)}\n}}}}\n")
+        function = f"void Example{operation.name}({texts})"
+        print(f"{function};\n{function}\n{{{{\n{of(operation)}\n}}}}\n")
 
 
 if __name__ == "__main__":

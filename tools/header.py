@@ -64,7 +64,8 @@ def code_text(node):
 
 
 def read_operation(member):
-    operation = Operation(member.find("name").text, plain(member.find("type")), [], plain(member.find("briefdescription")))
+    operation = Operation(member.find("name").text, plain(member.find("type")), [],
+                          plain(member.find("briefdescription")))
     for param in member.findall("param"):
         kind = plain(param.find("type"))
         if kind != "void":
@@ -117,5 +118,6 @@ def read(xml_directory, header_path):
                 family.append(read_operation(member))
                 family[-1].family = title
             elif member.get("kind") == "define":
-                header.constants[member.findtext("name")] = (plain(member.find("initializer")), plain(member.find("briefdescription")))
+                header.constants[member.findtext("name")] = (plain(member.find("initializer")),
+                                                             plain(member.find("briefdescription")))
     return header

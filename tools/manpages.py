@@ -101,8 +101,9 @@ def operation_page(operation, reference, version):
                 *(".PP\n" + block(rich(para)) for para in operation.details)),
         section("ARGUMENTS", *(f".TP\n\\fI{p.name}\\fP ({DIRECTIONS[p.direction]})\n{block(rich(p.text))}"
                                for p in operation.parameters if p.text is not None)),
-        section("RETURN VALUE", *(f".TP\n\\fB{escape(name or 'Otherwise')}\\fP{value(name, reference)}\n{block(rich(text))}"
-                                  for name, text in operation.statuses)),
+        section("RETURN VALUE",
+                *(f".TP\n\\fB{escape(name or 'Otherwise')}\\fP{value(name, reference)}\n{block(rich(text))}"
+                  for name, text in operation.statuses)),
         section("RECORDS", *(line for record in used for line in record_lines(record))) if used else [],
         section("EXAMPLE", verbatim(example.of(operation))),
         section("SEE ALSO", related(operation, reference.families[operation.family])))

@@ -14,7 +14,8 @@ NOTICE = '"""{} Made from include/vswitchctl.h by tools/python_module.py."""\n\n
 SIZES = {"char": 1, "uint8_t": 1, "uint16_t": 2, "uint32_t": 4, "int32_t": 4, "uint64_t": 8, "void *": 8}
 DEFAULTS = {"dvsId": " = None", "useAlias": " = True"}
 # Lists that are nothing but a count and entries, and records with entries behind them.
-COUNTED = {"UplinkNameList": "UplinkName", "UplinkPortIdList": "UplinkPortId", "LSTeamingPolicyTable": "LSTeamingPolicyEntry"}
+COUNTED = {"UplinkNameList": "UplinkName", "UplinkPortIdList": "UplinkPortId",
+           "LSTeamingPolicyTable": "LSTeamingPolicyEntry"}
 HEADED = {"MirrorSessionList": {"sessionCount": "MirrorSessionRecord", "portEntryCount": "MirrorPortEntry"},
           "PortVLANRecord": {"rangeCount": "VLANRange"}}
 # Bytes of an entry of a driver's list.
@@ -68,9 +69,11 @@ class Generator:
 
     def record_classes(self):
         for record in self.reference.records.values():
-            if self.python_type(record.name) != record.name or record.name in COUNTED or record.name == "PropValueBuffer":
+            if self.python_type(
+                    record.name) != record.name or record.name in COUNTED or record.name == "PropValueBuffer":
                 continue
-            fields = ", ".join(f'("{name}", {ctype(kind)}{f" * {count}" if count else ""})' for kind, name, count, _ in record.fields)
+            fields = ", ".join(f'("{name}", {ctype(kind)}{f" * {count}" if count else ""})' for kind, name, count,
+                               _ in record.fields)
             yield f'class {record.name}(lib.Record):\n    """{record.brief}"""\n\n    _fields_ = [{fields}]\n'
             yield from (f"    {name}: {'Any' if count else 'int'}\n" for kind, name, count, _ in record.fields)
             yield "\n\n"
@@ -141,7 +144,8 @@ class Generator:
         if operation.name in ENTRIES:
             return "lib.DriverList", f"lib.driver_list(a, {ENTRIES[operation.name]})"
         if operation.name == "VSZOR_GetMcastFilterStats":
-            return "tuple[ZorMcastStatsHeader, list[bytes]]", 'lib.headed(a, ZorMcastStatsHeader, {"count": lib.ADDRESS_SIZES[kind]})'
+            return ("tuple[ZorMcastStatsHeader, list[bytes]]",
+                    'lib.headed(a, ZorMcastStatsHeader, {"count": lib.ADDRESS_SIZES[kind]})')
         return "bytes", f"string_at(a, {self.documented_size(parameter)})"
 
     def operation(self, operation):
@@ -180,12 +184,15 @@ class Generator:
                 annotation, expression = self.value_in(parameter, operation)
             arguments.append(f"{parameter.name}: {annotation}{DEFAULTS.get(parameter.name, '')}")
             expressions.append(expression)
-        call = "lib.read_value" if "None" in expressions else "lib.call" if operation.returns == "VsStatus" else "lib.call_plain"
+        call = "lib.call" if operation.returns == "VsStatus" else "lib.call_plain"
+        if "None" in expressions:
+            call = "lib.read_value"
         result = "None" if not results else results[0] if len(results) == 1 else f"tuple[{', '.join(results)}]"
         return ", ".join(arguments), result, f"{call}({', '.join([chr(34) + operation.name + chr(34), *expressions])})"
 
     def write(self, directory):
-        statuses = {n.removeprefix("STATUS_"): v for n, v in self.reference.constants.items() if n.startswith("STATUS_")}
+        statuses = {n.removeprefix("STATUS_"): v for n,
+                    v in self.reference.constants.items() if n.startswith("STATUS_")}
         (directory / "_status.py").write_text(
             NOTICE.format("Status codes.") + "from enum import IntEnum\n\n\nclass Status(IntEnum):\n"
             + '    """What an operation returned."""\n\n'
@@ -196,7 +203,8 @@ class Generator:
             NOTICE.format("The library's constants, records and operations.")
             + "from ctypes import byref, c_char, c_int32, c_uint8, c_uint16, c_uint32, c_uint64, c_void_p, string_at\n"
             + "from typing import Any, Sequence\n\nfrom . import _library as lib\n\n" + "".join(constants) + "\n\n"
-            + "".join(self.record_classes()) + "".join(self.operation(o) for o in self.reference.operations).rstrip() + "\n")
+            + "".join(self.record_classes()) +
+            "".join(self.operation(o) for o in self.reference.operations).rstrip() + "\n")
 
 
 if __name__ == "__main__":

@@ -15,7 +15,8 @@ def kind(schema):
     if "title" in schema:
         return schema["title"]
     bounds = [f"{word} {schema[key]}" for word, key in (("at least", "minimum"), ("at most", "maximum"),
-                                                         ("at most", "maxLength"), ("matching", "pattern")) if key in schema]
+                                                         ("at most", "maxLength"), ("matching", "pattern"))
+    if key in schema]
     words = " or ".join(map(json.dumps, schema.get("enum", [])))
     types = schema.get("type", "")
     base = words or (" or ".join(types) if isinstance(types, list) else types)

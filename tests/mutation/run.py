@@ -63,8 +63,9 @@ class Mutator:
             return self.wake(place, f"{match[0]} -> {other}", match[0], f"(mutation::Awake(@) ? {other} : {match[0]})")
         if line.lstrip().startswith("for ") or "template" in line or "operator" in line:
             return line
-        return re.sub(r"(?<![\w*&!.>\[\]-])(?<![%+*/-] )([\w.>\[\]-]+(?:\([\w, .>-]*\))?) (<=|>=|==|!=|<|>) ([\w'\\]+(?:->\w+|\.\w+)*(?:\([\w*]*\))?)(?=[;)]| \|\|| &&)",
-                      change, line)
+        left = r"(?<![\w*&!.>\[\]-])(?<![%+*/-] )([\w.>\[\]-]+(?:\([\w, .>-]*\))?)"
+        right = r"([\w'\\]+(?:->\w+|\.\w+)*(?:\([\w*]*\))?)(?=[;)]| \|\|| &&)"
+        return re.sub(f"{left} (<=|>=|==|!=|<|>) {right}", change, line)
 
     def ignored_failures(self, place, line):
         def change(match):
@@ -144,7 +145,8 @@ def survives(build, number, place=""):
     for test in TESTS + ((SHELL_TEST,) if place.startswith("core/shell") else ()):
         program = build / "out" / "tests" / test
         try:
-            result = subprocess.run([program, "--gtest_brief=1", "--gtest_fail_fast"], env=environment, timeout=TIME_LIMIT,
+            result = subprocess.run([program, "--gtest_brief=1", "--gtest_fail_fast"], env=environment,
+                                    timeout=TIME_LIMIT,
                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, cwd=build / "out")
         except subprocess.TimeoutExpired:
             return False
@@ -170,7 +172,8 @@ def main():
     first, last = map(int, options.only.split("-")) if options.only else (1, len(mutants))
     numbers = range(first, min(last, len(mutants)) + 1)
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        survivors = [n for n, alive in zip(numbers, pool.map(lambda n: survives(build, n, mutants[n - 1][0]), numbers)) if alive]
+        survivors = [n for n,
+                     alive in zip(numbers, pool.map(lambda n: survives(build, n, mutants[n - 1][0]), numbers)) if alive]
     for n in survivors:
         print(f"survived: {n}: {mutants[n - 1][0]}: {mutants[n - 1][1]}")
     killed = len(numbers) - len(survivors)

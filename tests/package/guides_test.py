@@ -14,7 +14,8 @@ import sys
 import tempfile
 from pathlib import Path
 
-FENCE = re.compile(r"(?P<skip><!-- not run: .*? -->\n)?```(?P<kind>\w+)\n(?P<body>.*?)^```$(?P<next>\n```text\n(?P<output>.*?)^```$)?",
+FENCE = re.compile(
+    r"(?P<skip><!-- not run: .*? -->\n)?```(?P<kind>\w+)\n(?P<body>.*?)^```$(?P<next>\n```text\n(?P<output>.*?)^```$)?",
                    re.M | re.S)
 
 
@@ -38,7 +39,8 @@ def dead_links(page):
 
 
 def matches(expected, output):
-    lines = ["(?:.*\n)*" if line == "…" else re.escape(line).replace("…", ".*") + "\n" for line in expected.splitlines()]
+    lines = ["(?:.*\n)*" if line == "…" else re.escape(line).replace("…", ".*") + "\n"
+             for line in expected.splitlines()]
     return re.fullmatch("".join(lines), output)
 
 
@@ -65,7 +67,8 @@ def run_session(page, view, home):
     script = "".join(f"{{ {command}\n}} >{home}/out{i} 2>&1\n" for i, (command, _) in enumerate(steps))
     build = view / "build/release"
     path = f"{build}:{build}/platform:{os.environ['PATH']}"
-    subprocess.run(["vshost", "run", "--", "bash", "-c", script], cwd=home, env={**os.environ, "PATH": path}, timeout=60)
+    subprocess.run(["vshost", "run", "--", "bash", "-c", script], cwd=home, env={**os.environ, "PATH": path},
+                   timeout=60)
     for index, (command, expected) in enumerate(steps):
         output = (home / f"out{index}").read_text()
         if not matches(expected, output):

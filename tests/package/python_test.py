@@ -49,7 +49,8 @@ class OperationTest(unittest.TestCase):
             ("PortMACLearning", PORT, v.PortMACLearningConfig(1, 1, 20, 30)), ("PortNestedVLANTagging", PORT, True),
             ("PortTeamingPolicy", PORT, TEAMING), ("PortTeamingOverride", PORT, "überholt"),
             ("TxUplinkAlways", PORT, True), ("MACLearning", PORT[:1], v.SwitchMACLearningRecord((1, 2, 3), 4, 5)),
-            ("LearnStatic", PORT[:1], True), ("TeamingPolicy", PORT[:1], TEAMING), ("PrivateVLANMap", PORT[:1], vlan_map),
+            ("LearnStatic", PORT[:1], True), ("TeamingPolicy", PORT[:1], TEAMING),
+            ("PrivateVLANMap", PORT[:1], vlan_map),
             ("McastFilterMode", PORT[:1], v.MCAST_FILTER_SNOOPING), ("MTU", PORT[:1], 9000),
         ]
         for name, where, value in cases:

@@ -54,7 +54,8 @@ class Record(ctypes.Structure):
 
     def __repr__(self) -> str:
         values = ((name, getattr(self, name)) for name, *_ in self._fields_)
-        return f"{type(self).__name__}({', '.join(f'{n}={bytes(v) if isinstance(v, ctypes.Array) else v!r}' for n, v in values)})"
+        texts = (f"{name}={bytes(v) if isinstance(v, ctypes.Array) else v!r}" for name, v in values)
+        return f"{type(self).__name__}({', '.join(texts)})"
 
 
 class DriverList(list[bytes]):
