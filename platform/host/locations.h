@@ -14,6 +14,8 @@ inline constexpr char RTM_FILE[] = "dev/rtm";
 
 // Of a live host: the process id of vshostd, which holds the file locked.
 inline constexpr char PROCESS_FILE[] = "vshostd.pid";
+// Its socket: a request is a packet of texts with a NUL behind each, the answer a text, empty for success.
+inline constexpr char SOCKET_FILE[] = "vshostd.socket";
 
 inline constexpr char CONTROL_FILE[] = "control";
 inline constexpr int CONTROL_FLAGS = 16;               // where the word stands

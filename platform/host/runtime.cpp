@@ -4,6 +4,8 @@
 #include <charconv>
 #include <map>
 
+#include "platform/host/plugs.h"
+
 namespace vshost {
 
 namespace {
@@ -564,7 +566,8 @@ VsStatus StartSwitches(Transaction &transaction)
 
 VsStatus ResetRuntime(Transaction &transaction)
 {
-    const VsStatus status = RemoveAll(transaction, Key({RUN, ""}));
+    VsStatus status = RemoveAll(transaction, Key({RUN, ""}));
+    if (!status) status = RemoveTransientPlugs(transaction);
     return status ? status : StartSwitches(transaction);
 }
 

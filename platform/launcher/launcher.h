@@ -36,6 +36,8 @@ struct NicOptions {
 int RunOnHost(const RunOptions &options);
 int ShowHost(const std::string &state, bool json);
 int ResetHost(const std::string &state);
+// Has vshostd carry out a request.
+int AskLiveHost(const std::string &state, const std::vector<std::string> &request);
 int StopLiveHost(const std::string &state);
 int BindNicOnHost(const std::string &state, const std::string &nic, const std::string &switchName,
                   const std::string &portId);

@@ -1,7 +1,9 @@
-// vshost stop: ends a live host.
+// vshost plug, unplug, nic add, nic remove and stop: what vshostd is asked, and its end.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,7 +48,8 @@ void EndSupervisor(const std::string &directory)
     }
     pid_t process = 0;
     std::ifstream(path) >> process;
-    if (process <= 0 || kill(process, SIGTERM) != 0) {
+    // Without the process, its daemon holds the file, and is about to end.
+    if (process <= 0 || (kill(process, SIGTERM) != 0 && errno != ESRCH)) {
         const std::string reason = process <= 0 ? path + " names no process" : strerror(errno);
         throw LauncherError{directory + ": can't end vshostd: " + reason + "; run vshost stop as root"};
     }
@@ -71,6 +74,44 @@ int RemoveFromKernel(const std::string &directory)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
 
+// Sends a request; false when the daemon died at it.
+bool Exchange(const sockaddr_un &address, const std::string &request, std::string &answer)
+{
+    const int connection = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    char packet[4096];
+    ssize_t length = -1;
+    const bool isThere =
+        connect(connection, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    const int error = errno;
+    if (isThere && send(connection, request.data(), request.size(), MSG_NOSIGNAL) > 0)
+        length = recv(connection, packet, sizeof packet, 0);
+    close(connection);
+    if (!isThere && (error == EACCES || error == EPERM))
+        throw LauncherError{"vshostd answers root alone; run this as root"};
+    if (!isThere)
+        throw LauncherError{"vshostd doesn't run on this host; start it with `vshostd --state DIR` as root"};
+    if (length > 0) answer.assign(packet, strnlen(packet, static_cast<size_t>(length)));
+    return length > 0;
+}
+
+}
+
+int AskLiveHost(const std::string &state, const std::vector<std::string> &request)
+{
+    const std::string directory = OpenHost(state)->Directory(),
+                      path = WholePath(directory) + "/" + SOCKET_FILE;
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    std::string packet, answer;
+    for (const std::string &word : request)
+        packet.append(word.c_str(), word.size() + 1);
+    // A request that a killed daemon has carried out is refused by the next one, or carried out again.
+    unsigned tries = 0;
+    while (!Exchange(address, packet, answer))
+        if (++tries == 3) throw LauncherError{"vshostd dies at this request; see its log"};
+    if (!answer.empty()) throw LauncherError{answer};
+    return 0;
 }
 
 int StopLiveHost(const std::string &state)

@@ -25,10 +25,20 @@ void AddRun(CLI::App &app, RunOptions &options, std::string &durability)
     run->add_option("command", options.command, "The program and its arguments, behind \"--\"")->required();
 }
 
-void AddNic(CLI::App &app, std::string &state, NicOptions &options)
+template<typename AddOthers>
+void AddInterface(CLI::App &command, std::string &state, std::string &interface, bool *keeps,
+                  AddOthers addOthers)
+{
+    command.add_option("--state", state, "Directory of the host");
+    addOthers();
+    command.add_option("interface", interface, "Name of the network interface")->required();
+    if (keeps) command.add_flag("--keep", *keeps, "Beyond the next start of the machine");
+}
+
+CLI::App *AddNic(CLI::App &app, std::string &state, NicOptions &options)
 {
     CLI::App *nic = app.add_subcommand("nic", "Add a physical NIC or change it");
-    nic->add_option("name", options.name, "Name of the NIC")->required();
+    nic->add_option("name", options.name, "Name of the NIC");
     nic->add_option("--state", state, "Directory of the host");
     nic->add_option("--link", options.link, "Carrier")->check(CLI::IsMember({"up", "down"}));
     nic->add_option("--admin", options.admin, "Administrative state")->check(CLI::IsMember({"up", "down"}));
@@ -38,6 +48,7 @@ void AddNic(CLI::App &app, std::string &state, NicOptions &options)
     nic->add_option("--max-mtu", options.maxMtu, "Largest MTU that it takes")
         ->check(CLI::Range(MIN_MTU, MAX_MTU));
     nic->add_option("--numa-node", options.numaNode, "NUMA node of the device")->check(CLI::Range(0, 1023));
+    return nic;
 }
 
 int Main(int count, char **arguments)
@@ -50,7 +61,7 @@ int Main(int count, char **arguments)
     std::string durability = "disk", state, bound, switchName, portId;
     bool json = false;
     AddRun(app, run, durability);
-    AddNic(app, state, nic);
+    CLI::App *nicApp = AddNic(app, state, nic);
 
     CLI::App *show = app.add_subcommand("show", "Show switches, portsets, ports and NICs of a host");
     show->add_option("--state", state, "Directory of the host; without it, the host that this process is on");
@@ -67,6 +78,21 @@ int Main(int count, char **arguments)
     remove->add_option("--state", state, "Directory of the host");
     remove->add_option("name", bound, "Name of the NIC")->required();
 
+    std::string interface;
+    bool keeps = false;
+    CLI::App *plug =
+        app.add_subcommand("plug", "Plug a network interface of the machine to a port of a live host");
+    AddInterface(*plug, state, interface, &keeps, [&] {
+        plug->add_option("switch", switchName, "Alias, id or portset name of the switch")->required();
+        plug->add_option("port", portId, "Id of the port")->required();
+    });
+    CLI::App *unplug = app.add_subcommand("unplug", "Unplug a network interface from its port");
+    AddInterface(*unplug, state, interface, nullptr, [] {});
+    CLI::App *addNic =
+        nicApp->add_subcommand("add", "Make a network interface of the machine a NIC of a live host");
+    AddInterface(*addNic, state, interface, &keeps, [] {});
+    CLI::App *releaseNic = nicApp->add_subcommand("remove", "Give a network interface back to the machine");
+    AddInterface(*releaseNic, state, interface, nullptr, [] {});
     CLI::App *stop = app.add_subcommand("stop", "End vshostd and take away what it has in the kernel");
     stop->add_option("--state", state, "Directory of the host")->required();
 
@@ -79,6 +105,11 @@ int Main(int count, char **arguments)
     if (app.got_subcommand("run")) return RunOnHost(run);
     if (app.got_subcommand(show)) return ShowHost(state, json);
     if (app.got_subcommand(reset)) return ResetHost(state);
+    const std::string kept = keeps ? "keep" : "";
+    if (app.got_subcommand(plug)) return AskLiveHost(state, {"plug", switchName, portId, interface, kept});
+    if (app.got_subcommand(unplug)) return AskLiveHost(state, {"unplug", interface});
+    if (nicApp->got_subcommand(addNic)) return AskLiveHost(state, {"add-nic", interface, kept});
+    if (nicApp->got_subcommand(releaseNic)) return AskLiveHost(state, {"remove-nic", interface});
     if (app.got_subcommand(stop)) return StopLiveHost(state);
     if (app.got_subcommand(bind)) return BindNicOnHost(state, bound, switchName, portId);
     if (app.got_subcommand(remove)) return RemoveNic(state, bound);

@@ -5,13 +5,17 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 #include "platform/host/host.h"
+#include "platform/live/forwarder.h"
 
 namespace live {
 namespace {
@@ -23,17 +27,131 @@ bool LeaveDevices(const std::string &directory)
            umount2((directory + "/dev").c_str(), MNT_DETACH) == 0;
 }
 
-bool Start(const DaemonOptions &options, std::string &message)
+// Where the pins of the data path are.
+std::string PinDirectory(const std::string &directory) { return directory + "/bpf"; }
+
+constexpr int TURN_MS = 10; // a commit of another process is seen so soon
+constexpr uint32_t TURNS_PER_SWEEP = 100;
+constexpr size_t LONGEST_REQUEST = 4096;
+
+class Daemon {
+public:
+    Daemon(const DaemonOptions &options, vshost::Host &host)
+        : options(options), host(host), forwarder(host.GetEngine())
+    {}
+
+    bool Start(std::string &message);
+    void Run();
+
+private:
+    void Turn();
+    void FollowCommits();
+    void Accept();
+    bool Answer(int client); // false: the client has gone
+    std::string Obey(const std::vector<std::string> &request);
+
+    const DaemonOptions &options;
+    vshost::Host &host;
+    Forwarder forwarder;
+    Descriptor signals;
+    std::vector<Descriptor> clients;
+    uint64_t commits = UINT64_MAX;
+    uint32_t turns = 0;
+};
+
+bool Daemon::Start(std::string &message)
 {
-    if (!LeaveDevices(options.directory)) {
-        message = std::string("can't leave the mount of the devices: ") + strerror(errno);
-        return false;
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    signals = Descriptor(signalfd(-1, &ends, SFD_CLOEXEC));
+    commits = host.GetControl().Counters().commits;
+    return forwarder.Start(PinDirectory(options.directory), message);
+}
+
+// An odd number says that a write is under way; its end is another number.
+void Daemon::FollowCommits()
+{
+    const uint64_t now = host.GetControl().Counters().commits;
+    if (now == commits) return;
+    commits = now;
+    forwarder.FollowStore();
+}
+
+void Daemon::Turn()
+{
+    forwarder.PollCarriers();
+    if (++turns % TURNS_PER_SWEEP == 0) forwarder.Sweep();
+}
+
+void Daemon::Accept()
+{
+    Descriptor client(accept4(options.requests, nullptr, nullptr, SOCK_CLOEXEC));
+    if (client) clients.push_back(std::move(client));
+}
+
+std::string Daemon::Obey(const std::vector<std::string> &request)
+{
+    const std::string &verb = request.empty() ? std::string() : request[0];
+    if (verb == "follow" && request.size() == 1) return {};
+    if (verb == "plug" && request.size() == 5)
+        return forwarder.PlugPort(request[1], request[2], request[3], request[4] == "keep");
+    if (verb == "unplug" && request.size() == 2) return forwarder.Unplug(request[1], false);
+    if (verb == "add-nic" && request.size() == 3) return forwarder.AddNic(request[1], request[2] == "keep");
+    if (verb == "remove-nic" && request.size() == 2) return forwarder.Unplug(request[1], true);
+    return "vshostd is of another version than this program";
+}
+
+bool Daemon::Answer(int client)
+{
+    char packet[LONGEST_REQUEST];
+    const ssize_t length = recv(client, packet, sizeof(packet), 0);
+    if (length <= 0) return false;
+    std::vector<std::string> request;
+    for (const char *at = packet; at < packet + length; at += request.back().size() + 1)
+        request.emplace_back(at, strnlen(at, static_cast<size_t>(packet + length - at)));
+    FollowCommits();
+    const std::string answer = Obey(request);
+    commits = host.GetControl().Counters().commits;
+    return send(client, answer.c_str(), answer.size() + 1, MSG_NOSIGNAL) > 0;
+}
+
+void Daemon::Run()
+{
+    for (;;) {
+        std::vector<pollfd> events = {{signals.Get(), POLLIN, 0},
+                                      {forwarder.LinkDescriptor(), POLLIN, 0},
+                                      {options.requests, POLLIN, 0}};
+        for (const Descriptor &client : clients)
+            events.push_back({client.Get(), POLLIN, 0});
+        if (poll(events.data(), events.size(), TURN_MS) == 0) Turn();
+        if (events[0].revents) return;
+        if (events[1].revents) forwarder.FollowLinks();
+        FollowCommits();
+        for (size_t i = clients.size(); i-- > 0;)
+            if (events[3 + i].revents && !Answer(clients[i].Get()))
+                clients.erase(clients.begin() + static_cast<ptrdiff_t>(i));
+        if (events[2].revents) Accept();
     }
-    if (vshost::StartHost(options.directory.c_str(), true) != 0) {
-        message = vshost::LastError();
-        return false;
-    }
-    return ServeDevices(options.devices, options.directory, message);
+}
+
+int Run(const DaemonOptions &options)
+{
+    std::string message;
+    const auto fail = [&](const std::string &why) {
+        Say("%s", why.c_str());
+        return DAEMON_CANNOT_WORK;
+    };
+    if (!LeaveDevices(options.directory))
+        return fail(std::string("can't leave the mount of the devices: ") + strerror(errno));
+    if (vshost::StartHost(options.directory.c_str(), true) != 0) return fail(vshost::LastError());
+    vshost::HostUse use;
+    Daemon daemon(options, *use.operator->());
+    if (!daemon.Start(message) || !ServeDevices(options.devices, options.directory, message))
+        return fail(message);
+    if (write(options.ready, "", 1) != 1) return DAEMON_CANNOT_WORK;
+    daemon.Run();
+    return 0;
 }
 
 }
@@ -48,20 +166,16 @@ void Say(const char *format, ...)
     fprintf(stderr, "vshostd: %s\n", text);
 }
 
-int RunDaemon(const DaemonOptions &options)
+int RunDaemon(const DaemonOptions &options) { return Run(options); }
+
+bool RemoveForwarding(const std::string &directory, std::string &message)
 {
-    std::string message;
-    if (!Start(options, message)) {
-        Say("%s", message.c_str());
-        return DAEMON_CANNOT_WORK;
-    }
-    if (write(options.ready, "", 1) != 1) return DAEMON_CANNOT_WORK;
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGTERM);
-    int signal;
-    sigwait(&ends, &signal);
-    return 0;
+    std::unique_ptr<vshost::Host> host;
+    if (vshost::Host::Open(directory, vshost::Durability::DISK, false, host, message)) return false;
+    Forwarder forwarder(host->GetEngine());
+    if (!forwarder.Start(PinDirectory(directory), message)) return false;
+    forwarder.RemoveAll();
+    return true;
 }
 
 }

@@ -10,7 +10,8 @@ namespace live {
 struct DaemonOptions {
     std::string directory; // of the host
     DeviceConnection devices;
-    int ready = -1; // a pipe: one byte says that the daemon works
+    int requests = -1; // a socket that listens
+    int ready = -1;    // a pipe: one byte says that the daemon works
 };
 
 // Exit codes besides 0.
@@ -18,6 +19,9 @@ inline constexpr int DAEMON_CANNOT_WORK = 1;
 
 // Runs until SIGTERM, which is blocked; returns the exit code. The switches go on forwarding.
 int RunDaemon(const DaemonOptions &options);
+
+// Takes what the daemons have left in the kernel away. False: `message` says why it stays.
+bool RemoveForwarding(const std::string &directory, std::string &message);
 
 // A line of the log.
 [[gnu::format(printf, 1, 2)]] void Say(const char *format, ...);

@@ -6,12 +6,16 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <linux/magic.h>
 #include <memory>
 #include <poll.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
@@ -88,6 +92,51 @@ private:
     Descriptor file;
 };
 
+// The pins of the data path are in a bpf file system of the host's own, so that hosts don't meet and no other
+// program's mounts hide them. It stays while no vshostd runs.
+std::string PinDirectory(const std::string &directory) { return directory + "/bpf"; }
+
+bool IsPinDirectory(const std::string &path)
+{
+    struct statfs system;
+    return statfs(path.c_str(), &system) == 0 && system.f_type == BPF_FS_MAGIC;
+}
+
+bool MountPinDirectory(const std::string &path, std::string &message)
+{
+    if (IsPinDirectory(path)) return true;
+    const bool isThere = mkdir(path.c_str(), 0700) == 0 || errno == EEXIST;
+    if (isThere && mount("bpf", path.c_str(), "bpf", MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0700") == 0)
+        return true;
+    message = "can't mount a bpf file system on " + path + ": " + strerror(errno) +
+              "; a live host needs a kernel that permits bpf";
+    return false;
+}
+
+void RemovePinDirectory(const std::string &path)
+{
+    while (IsPinDirectory(path) && umount2(path.c_str(), MNT_DETACH) == 0) {
+    }
+    rmdir(path.c_str());
+}
+
+// Requests wait at the socket while the daemon is started anew.
+Descriptor Listen(const std::string &path, std::string &message)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    message = path + " is too long for the name of a socket; choose a shorter directory";
+    if (path.size() >= sizeof(address.sun_path)) return {};
+    path.copy(address.sun_path, path.size());
+    unlink(path.c_str());
+    Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (bind(socket.Get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0 &&
+        listen(socket.Get(), SOMAXCONN) == 0)
+        return socket;
+    message = path + ": can't listen there: " + strerror(errno);
+    return {};
+}
+
 class Supervisor {
 public:
     explicit Supervisor(const std::string &directory)
@@ -109,6 +158,7 @@ private:
     ProcessFile process;
     DeviceMount devices;
     Descriptor signals;
+    Descriptor requests;
     Descriptor ready; // readable when the daemon works; closed once it was
     pid_t daemon = 0;
     Clock::time_point started;
@@ -132,14 +182,15 @@ bool Supervisor::Start(std::string &message)
         sigaddset(&handled, signal);
     sigprocmask(SIG_BLOCK, &handled, nullptr);
     signals = Descriptor(signalfd(-1, &handled, SFD_CLOEXEC));
-    return devices.Make(message);
+    requests = Listen(directory + "/" + vshost::SOCKET_FILE, message);
+    return requests && MountPinDirectory(PinDirectory(directory), message) && devices.Make(message);
 }
 
 void Supervisor::BecomeDaemon(int readyEnd)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGINT, SIG_IGN); // a terminal sends it to the whole group; the supervisor decides
-    _exit(RunDaemon({directory, devices.Connection(), readyEnd}));
+    _exit(RunDaemon({directory, devices.Connection(), requests.Get(), readyEnd}));
 }
 
 bool Supervisor::StartDaemon()
@@ -209,6 +260,7 @@ void Supervisor::End()
         waitpid(daemon, nullptr, 0);
     }
     devices.Remove();
+    unlink((directory + "/" + vshost::SOCKET_FILE).c_str());
     process.Remove();
 }
 
@@ -265,8 +317,11 @@ int RemoveLiveHost(const std::string &directory)
     ProcessFile process(whole);
     if (!process.Take(message)) return Fail(message);
     RemoveDeviceMounts(whole + "/dev");
+    const bool isGone = !IsPinDirectory(PinDirectory(whole)) || RemoveForwarding(whole, message);
+    if (isGone) RemovePinDirectory(PinDirectory(whole));
+    unlink((whole + "/" + vshost::SOCKET_FILE).c_str());
     process.Remove();
-    return 0;
+    return isGone ? 0 : Fail(message);
 }
 
 }

@@ -1,0 +1,54 @@
+#include "platform/host/plugs.h"
+
+#include <fstream>
+
+#include "platform/host/runtime.h"
+
+namespace vshost {
+
+namespace {
+
+std::string PlugKey(std::string_view interface) { return Key({"plug", interface}); }
+
+}
+
+VsStatus ListPlugs(Reader &reader, std::vector<NamedPlug> &plugs)
+{
+    return ScanRows(reader, PlugKey(""), [&](std::string_view interface, std::string_view row) {
+        NamedPlug &entry = plugs.emplace_back();
+        entry.interface = interface;
+        return TakeRecord(row, entry.plug);
+    });
+}
+
+VsStatus GetPlug(Reader &reader, std::string_view interface, Plug &plug)
+{
+    return GetRecord(reader, PlugKey(interface), plug);
+}
+
+VsStatus PutPlug(Transaction &transaction, std::string_view interface, const Plug &plug)
+{
+    return PutRecord(transaction, PlugKey(interface), plug);
+}
+
+VsStatus RemovePlug(Transaction &transaction, std::string_view interface)
+{
+    return transaction.Remove(PlugKey(interface));
+}
+
+VsStatus RemoveTransientPlugs(Transaction &transaction)
+{
+    return RemoveAll(transaction, PlugKey(""), [](std::string_view row) {
+        Plug plug;
+        return TakeRecord(row, plug) && !plug.IsKept();
+    });
+}
+
+std::string BootId()
+{
+    std::string id;
+    std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
+    return id;
+}
+
+}

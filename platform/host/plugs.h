@@ -1,0 +1,39 @@
+// The machine's network interfaces that a live host uses: plugged to ports, or as physical NICs.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/host/tables.h"
+
+namespace vshost {
+
+struct Plug {
+    char switchId[64] = {}; // the port; empty for a NIC, whose uplink port is the NIC's
+    char portId[48] = {};
+    char boot[40] = {};  // the start of the machine that it ends with; empty: it is kept
+    uint32_t oldMtu = 0; // of the interface before it was plugged; 0: not changed
+    uint8_t madePromiscuous = 0;
+    uint8_t reserved[3] = {};
+
+    bool IsNic() const { return portId[0] == 0; }
+    bool IsKept() const { return boot[0] == 0; }
+};
+
+struct NamedPlug {
+    std::string interface;
+    Plug plug;
+};
+
+VsStatus ListPlugs(Reader &reader, std::vector<NamedPlug> &plugs);
+VsStatus GetPlug(Reader &reader, std::string_view interface, Plug &plug);
+VsStatus PutPlug(Transaction &transaction, std::string_view interface, const Plug &plug);
+VsStatus RemovePlug(Transaction &transaction, std::string_view interface);
+
+// Ends those that are not kept.
+VsStatus RemoveTransientPlugs(Transaction &transaction);
+
+// What the machine's present start is called.
+std::string BootId();
+
+}

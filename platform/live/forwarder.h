@@ -1,0 +1,75 @@
+// Keeps the data path, the store and the network interfaces together: what one says the others follow.
+//
+// The daemon's main thread alone uses it.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/host/engine.h"
+#include "platform/host/plugs.h"
+#include "platform/host/runtime.h"
+#include "platform/live/data_path.h"
+#include "platform/live/links.h"
+#include "platform/live/store_config.h"
+
+namespace live {
+
+class Forwarder {
+public:
+    explicit Forwarder(vshost::Engine &engine) : engine(engine) {}
+
+    // Loads the data path, with its pins in `bpffs`. What a daemon before has left goes on. False: `message`
+    // says why.
+    bool Start(const std::string &bpffs, std::string &message);
+
+    int LinkDescriptor() const { return links.EventDescriptor(); }
+
+    void FollowStore(); // after a commit
+    void FollowLinks(); // after an event
+    void PollCarriers();
+    void Sweep();
+
+    // Takes every filter, pin and changed setting away.
+    void RemoveAll();
+
+    // Requests of `vshost`: empty, or why they are refused.
+    std::string PlugPort(const std::string &switchName, const std::string &portId,
+                         const std::string &interface, bool keeps);
+    std::string AddNic(const std::string &interface, bool keeps);
+    std::string Unplug(const std::string &interface, bool isNic);
+
+private:
+    using Wanted = std::map<std::string, Plugged>; // by switch
+
+    void Apply();
+    void ReadPlugs();
+    void SyncNic(const std::string &name);
+    void PutNic(const std::string &name, const vshost::Nic &nic);
+    Wanted ReadWanted();
+    void PublishAll(const Wanted &wanted);
+    bool PublishSwitch(const SwitchConfig &config);
+    void RemoveSwitch(const std::string &switchId);
+    void DetachUnwanted(const Wanted &wanted);
+    void AttachAll(const Wanted &wanted);
+    void SetUp(const SwitchConfig &config);
+    void PutBack(const std::string &interface, const vshost::Plug &plug);
+    void ForgetLostLinks();
+    std::string CheckInterface(const std::string &interface, bool keeps, vshost::Plug &plug);
+    std::string Write(const std::string &interface, const vshost::Work &work);
+    void Complain(const std::string &subject, const std::string &text);
+
+    vshost::Engine &engine;
+    DataPath path;
+    Links links;
+    std::map<std::string, vshost::Plug> plugs; // by interface
+    std::map<std::string, vshost::Nic> nics;   // of the plugs, as this process last saw or wrote them
+    std::map<std::string, SwitchConfig> published;
+    std::set<uint32_t> attached; // interfaces with our filter
+    std::set<uint32_t> withCarrier;
+    std::map<std::string, std::string> complaints; // what was logged last, by subject
+};
+
+}

@@ -1,0 +1,159 @@
+#include "platform/live/store_config.h"
+
+#include <algorithm>
+
+#include "platform/host/port_policies.h"
+#include "platform/host/runtime.h"
+
+namespace live {
+namespace {
+
+using namespace vshost;
+
+constexpr std::string_view KEY_BLOCK = "com.talpex.common.port.block";
+constexpr std::string_view KEY_VLAN = "com.talpex.vswitch.port.vlan";
+constexpr std::string_view KEY_PRIORITY = "com.talpex.vswitch.port.priority";
+constexpr std::string_view KEY_SWITCH_LEARNING = "com.talpex.vswitch.macLearning";
+
+constexpr uint16_t VLAN_TRUNK = 1;
+constexpr uint16_t NO_VLAN = 0xffff; // carries nothing
+
+struct [[gnu::packed]] VlanRecord {
+    uint16_t flags;
+    uint16_t vlanId;
+    uint16_t reserved;
+    uint16_t rangeCount;
+};
+static_assert(sizeof(VlanRecord) == 8 && sizeof(VlanRange) == 4);
+
+struct [[gnu::packed]] LearningRecord {
+    uint8_t securityDerived;
+    uint8_t learning;
+    uint8_t takesUnknown;
+    uint32_t limit;
+    uint32_t forwardsOverLimit;
+};
+static_assert(sizeof(LearningRecord) == 11);
+
+// Empty when it is absent.
+VsStatus ReadValue(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value)
+{
+    Property property;
+    const VsStatus status = GetProperty(reader, owner, key, property);
+    value = std::move(property.value);
+    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+}
+
+// A record that is not whole lets nothing pass.
+void TakeVlans(std::string_view value, PortConfig &port)
+{
+    if (value.empty()) return;
+    VlanRecord record;
+    port.vlanId = NO_VLAN;
+    if (value.size() < sizeof(record)) return;
+    memcpy(&record, value.data(), sizeof(record));
+    if (value.size() != sizeof(record) + record.rangeCount * sizeof(VlanRange)) return;
+    port.trunk = record.flags & VLAN_TRUNK;
+    port.vlanId = port.trunk ? uint16_t{0} : record.vlanId;
+    if (!port.trunk) return;
+    port.ranges.resize(record.rangeCount);
+    if (record.rangeCount)
+        memcpy(port.ranges.data(), value.data() + sizeof(record), value.size() - sizeof(record));
+}
+
+void TakePriority(std::string_view value, PortConfig &port)
+{
+    uint32_t priority;
+    if (TakeRecord(value, priority) && priority < LIVE_PORT_NO_PRIORITY) port.priority = priority;
+}
+
+void TakeLearning(std::string_view value, PortConfig &port)
+{
+    LearningRecord record;
+    if (!TakeRecord(value, record)) return;
+    port.learning = record.learning;
+    port.takesUnknown = record.takesUnknown;
+    port.addressLimit = record.limit;
+    port.forwardsOverLimit = record.forwardsOverLimit == 1;
+}
+
+VsStatus ReadPort(Reader &reader, const PropertyOwner &owner, PortConfig &port)
+{
+    std::string block, vlan, priority, learning, filter;
+    VsStatus status = ReadValue(reader, owner, KEY_BLOCK, block);
+    if (!status) status = ReadValue(reader, owner, KEY_VLAN, vlan);
+    if (!status) status = ReadValue(reader, owner, KEY_PRIORITY, priority);
+    if (!status) status = ReadValue(reader, owner, KEY_PORT_MAC_MANAGEMENT, learning);
+    if (!status) status = ReadValue(reader, owner, KEY_ETH_FILTER, filter);
+    port.blocked = Text(block) == "true";
+    port.sink = IsSinkPort(filter);
+    TakeVlans(vlan, port);
+    TakePriority(priority, port);
+    TakeLearning(learning, port);
+    return status;
+}
+
+// 0 stands for no ageing.
+uint32_t ShorterAge(uint32_t a, uint32_t b) { return a == 0 || b == 0 ? std::max(a, b) : std::min(a, b); }
+
+VsStatus ReadProps(Reader &reader, VSwitchLearningProps &props)
+{
+    const VsStatus status = GetRecord(reader, runtime::LearningPropsKey(), props);
+    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+}
+
+VsStatus ReadLimits(Reader &reader, const std::string &switchId, SwitchConfig &config)
+{
+    std::string record;
+    VSwitchLearningProps props = DEFAULT_LEARNING_PROPS;
+    VsStatus status = ReadValue(reader, {Level::HOST, switchId}, KEY_SWITCH_LEARNING, record);
+    if (!status) status = ReadProps(reader, props);
+    if (record.size() == 8) {
+        config.ageingSeconds = 0;
+        memcpy(&config.ageingSeconds, record.data(), 3);
+        memcpy(&config.addressLimit, record.data() + 4, sizeof(config.addressLimit));
+    }
+    config.ageingSeconds = ShorterAge(config.ageingSeconds, props.agingSeconds);
+    return status;
+}
+
+}
+
+VsStatus ReadSwitchConfig(Reader &reader, const std::string &switchId, const Plugged &plugged,
+                          SwitchConfig &config)
+{
+    std::string portset;
+    Portset running;
+    std::vector<std::string> uplinks;
+    config.id = switchId;
+    VsStatus status = PortsetOfSwitch(reader, switchId, portset);
+    if (!status) status = GetRecord(reader, runtime::PortsetKey(portset), running);
+    if (!status) status = ListUplinkPorts(reader, switchId, uplinks);
+    if (!status) status = ReadLimits(reader, switchId, config);
+    config.mtu = running.mtu;
+    for (const auto &[portId, ifindex] : plugged) {
+        if (status) return status;
+        PortConfig port;
+        status = GetPortNumber(reader, switchId, portId, port.number);
+        if (status == STATUS_NOT_FOUND) {
+            status = STATUS_OK;
+            continue;
+        }
+        port.ifindex = ifindex;
+        port.uplink = std::find(uplinks.begin(), uplinks.end(), portId) != uplinks.end();
+        if (!status) status = ReadPort(reader, {Level::PORT, switchId, portId}, port);
+        if (!status) config.ports.push_back(std::move(port));
+    }
+    return status;
+}
+
+VsStatus ReadHostConfig(Reader &reader, HostConfig &config)
+{
+    VSwitchLearningProps props = DEFAULT_LEARNING_PROPS;
+    const VsStatus status = ReadProps(reader, props);
+    config.learningEnabled = props.enabled;
+    config.addressLimit = props.limit;
+    return status;
+}
+
+}

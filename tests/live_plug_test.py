@@ -1,0 +1,256 @@
+"""Plugged interfaces: frames between network namespaces by the policies in the store, and what plugging changes."""
+import json
+import os
+import pathlib
+import sys
+import unittest
+
+from live_host import *
+
+
+# Answers every packet, in a network namespace.
+ECHO = """
+import socket
+server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+server.bind(("", 7))
+while True:
+    server.sendto(*server.recvfrom(2048))
+"""
+# Sends numbered packets; prints how many of them were answered.
+SEND = """
+import socket, sys, time
+address, count, pause, patience = sys.argv[1], int(sys.argv[2]), float(sys.argv[3]), float(sys.argv[4])
+client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+client.setblocking(False)
+answered = set()
+def receive():
+    try:
+        while True:
+            answered.add(client.recv(2048))
+    except OSError:
+        pass
+for number in range(count):
+    try:
+        client.sendto(str(number).encode(), (address, 7))
+    except OSError:
+        pass
+    time.sleep(pause)
+    receive()
+end = time.monotonic() + patience
+while len(answered) < count and time.monotonic() < end:
+    time.sleep(0.01)
+    receive()
+print(len(answered))
+"""
+
+
+class Namespace:
+    """A network namespace with one end of a veth pair; the other end is in the test's own."""
+
+    def __init__(self, name, address):
+        self.name, self.address = name, address
+        # Of the interface outside; the one inside is eth0.
+        self.interface = f"v{name}"
+        self.holder = subprocess.Popen(["unshare", "--net", sys.executable, "-c", ECHO])
+        own = os.readlink("/proc/self/ns/net")
+        wait_until(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/net") != own, "a network namespace")
+        self.connect()
+
+    def connect(self):
+        run("ip", "link", "add", self.interface, "type", "veth", "peer", "name", "eth0", "netns", self.holder.pid)
+        run("sysctl", "-qw", f"net.ipv6.conf.{self.interface}.disable_ipv6=1", check=False)
+        run("ip", "link", "set", self.interface, "up")
+        self.run("ip", "address", "add", f"{self.address}/24", "dev", "eth0")
+        self.run("ip", "link", "set", "eth0", "up")
+
+    def run(self, *command, **options):
+        return run("nsenter", f"--net=/proc/{self.holder.pid}/ns/net", *command, **options)
+
+    def reaches(self, other):
+        return int(self.run(sys.executable, "-c", SEND, other.address, 5, 0.05, 0.5).stdout) > 0
+
+    def remove(self):
+        self.holder.kill()
+        self.holder.wait()
+        run("ip", "link", "del", self.interface, check=False)
+
+
+class PluggedHost(LiveHost):
+    def setUp(self):
+        super().setUp()
+        run("ip", "link", "set", "lo", "up")
+        self.start()
+        self.vsctl("switch", "create", "one", "--ports", "16")
+        for port in ("1", "2", "3"):
+            self.vsctl("port", "add", "one", port)
+        self.namespaces = []
+
+    def tearDown(self):
+        for namespace in self.namespaces:
+            namespace.remove()
+        super().tearDown()
+
+    def namespace(self, name, address):
+        self.namespaces.append(Namespace(name, address))
+        return self.namespaces[-1]
+
+    def plug(self, port, namespace, *options):
+        run(VSHOST, "plug", "--state", self.directory, "one", port, namespace.interface, *options)
+
+    def two(self):
+        a, b = self.namespace("a", "10.9.0.1"), self.namespace("b", "10.9.0.2")
+        self.plug("1", a)
+        self.plug("2", b)
+        return a, b
+
+    def filters(self, interface):
+        return run("tc", "filter", "show", "dev", interface, "ingress", check=False).stdout
+
+    def refusal(self, *arguments):
+        done = run(VSHOST, *arguments[:1], "--state", self.directory, *arguments[1:], check=False)
+        self.assertNotEqual(done.returncode, 0)
+        self.assertEqual(len(done.stderr.splitlines()), 1, done.stderr)
+        return done.stderr
+
+
+class Plugging(PluggedHost):
+    def test_ports_of_one_vlan_reach_each_other(self):
+        a, b = self.two()
+        self.assertTrue(a.reaches(b))
+        for vlan_a, vlan_b, reaches in ((100, 100, True), (100, 200, False), (200, 200, True), (0, 200, False)):
+            with self.subTest(a=vlan_a, b=vlan_b):
+                self.vsctl("port", "vlan", "one", "1", str(vlan_a))
+                self.vsctl("port", "vlan", "one", "2", str(vlan_b))
+                if reaches:
+                    wait_until(lambda: a.reaches(b), "an answer")
+                else:
+                    wait_until(lambda: not a.reaches(b), "no answer")
+                    self.assertFalse(b.reaches(a))
+
+    def test_a_blocked_port_reaches_nobody(self):
+        a, b = self.two()
+        self.assertTrue(a.reaches(b))
+        self.vsctl("property", "set", "one", "com.talpex.common.port.block", "--port", "2", "--text", "true")
+        wait_until(lambda: not a.reaches(b), "no answer")
+        self.vsctl("property", "set", "one", "com.talpex.common.port.block", "--port", "2", "--text", "false")
+        wait_until(lambda: a.reaches(b), "an answer")
+
+    def test_forwarding_goes_on_while_the_daemon_is_dead_and_after_its_restart(self):
+        a, b = self.two()
+        self.assertTrue(a.reaches(b))
+        stream = subprocess.Popen(["nsenter", f"--net=/proc/{a.holder.pid}/ns/net", sys.executable, "-c", SEND,
+                                   b.address, "300", "0.01", "10"], stdout=subprocess.PIPE, text=True)
+        for _ in range(5):
+            self.kill_worker()
+            self.vsctl("port", "vlan", "one", "3", "7")
+        self.assertEqual(stream.communicate(timeout=60)[0], "300\n")
+        self.vsctl("port", "vlan", "one", "2", "300")
+        wait_until(lambda: not a.reaches(b), "no answer")
+
+    def test_the_whole_supervisor_may_end_and_come_back(self):
+        a, b = self.two()
+        self.daemon.terminate()
+        self.assertEqual(self.daemon.wait(LONGEST_WAIT), 0)
+        self.assertTrue(a.reaches(b))
+        self.start()
+        self.assertTrue(a.reaches(b))
+        self.vsctl("port", "vlan", "one", "2", "300")
+        wait_until(lambda: not a.reaches(b), "no answer")
+
+    def test_an_interface_that_comes_back_is_plugged_again(self):
+        a, b = self.two()
+        run("ip", "link", "del", a.interface)
+        a.connect()
+        wait_until(lambda: a.reaches(b), "an answer")
+
+    def test_unplugging_puts_everything_back(self):
+        a, b = self.two()
+        self.vsctl("switch", "mtu", "one", "4000")
+        mtu = lambda: json.loads(run("ip", "-j", "link", "show", a.interface).stdout)[0]["mtu"]
+        wait_until(lambda: mtu() == 4000, "the switch's MTU")
+        self.assertIn("bpf", self.filters(a.interface))
+        run(VSHOST, "unplug", "--state", self.directory, a.interface)
+        self.assertEqual((self.filters(a.interface), mtu()), ("", 1500))
+        self.assertFalse(b.reaches(a))
+        self.plug("3", a)
+        wait_until(lambda: b.reaches(a), "an answer")
+
+    def test_stop_leaves_no_filter_pin_or_mount(self):
+        a, b = self.two()
+        before = run("bpftool", "prog", "show").stdout.count(" vswitch ")
+        self.assertGreater(before, 0)
+        for kill in (False, True):
+            if kill:
+                self.start()
+                self.plug("1", a)
+                self.plug("2", b)
+                self.daemon.kill()
+                self.daemon.wait()
+                run(VSHOST, "stop", "--state", self.directory)
+            else:
+                self.stop()
+            for namespace in (a, b):
+                self.assertEqual(self.filters(namespace.interface), "")
+                self.assertNotIn("clsact", run("tc", "qdisc", "show", "dev", namespace.interface).stdout)
+            self.assertEqual(mounts_under(self.directory), [])
+            self.assertFalse((self.directory / "bpf").exists())
+        self.assertFalse(a.reaches(b))
+
+    def test_each_refusal_is_a_line_that_says_what_to_do(self):
+        a, b = self.two()
+        for expected, *arguments in (
+                ("list them with `ip link`", "plug", "one", "3", "nosuch"),
+                ("is plugged to port 1 of switch", "plug", "one", "3", a.interface),
+                ("no switch two", "plug", "two", "1", "lo"),
+                ("has no port 9", "plug", "one", "9", "lo"),
+                ("unplug it first", "plug", "one", "1", "lo"),
+                ("is not plugged to a port", "unplug", "lo")):
+            self.assertIn(expected, self.refusal(*arguments))
+        self.stop()
+        self.assertIn("start it with `vshostd", self.refusal("plug", "one", "3", a.interface))
+
+    def test_a_queueing_discipline_of_others_stays(self):
+        a = self.namespace("a", "10.9.0.1")
+        run("tc", "qdisc", "add", "dev", a.interface, "clsact")
+        self.plug("1", a)
+        run(VSHOST, "unplug", "--state", self.directory, a.interface)
+        self.assertIn("clsact", run("tc", "qdisc", "show", "dev", a.interface).stdout)
+
+
+class Nics(PluggedHost):
+    def nic(self):
+        host = json.loads(run(VSHOST, "show", "--state", self.directory, "--json").stdout)
+        return next((nic for nic in host["nics"] if nic["name"] == "vnet"), None)
+
+    def test_a_nic_is_the_uplink_of_a_switch(self):
+        a = self.namespace("a", "10.9.0.1")
+        network = self.namespace("net", "10.9.0.9")
+        run(VSHOST, "nic", "add", "--state", self.directory, network.interface)
+        self.assertEqual(self.nic()["link"], "up")
+        self.vsctl("uplink", "add", "one", "up1")
+        self.assertEqual(self.nic()["port"], "up1", run(VSHOST, "show", "--state", self.directory).stdout)
+        self.plug("1", a)
+        wait_until(lambda: a.reaches(network), "an answer by the uplink")
+        self.vsctl("port", "vlan", "one", "1", "100")
+        wait_until(lambda: not a.reaches(network), "no answer: the network sends untagged frames")
+        self.vsctl("port", "vlan", "one", "1", "0")
+        wait_until(lambda: a.reaches(network), "an answer by the uplink")
+
+        network.run("ip", "link", "set", "eth0", "down")
+        wait_until(lambda: self.nic()["link"] == "down", "a lost link")
+        network.run("ip", "link", "set", "eth0", "up")
+        wait_until(lambda: self.nic()["link"] == "up", "a link")
+        self.vsctl("uplink", "down", "one", "vnet")
+        state = lambda: json.loads(run("ip", "-j", "link", "show", network.interface).stdout)[0]["flags"]
+        wait_until(lambda: "UP" not in state(), "an interface that is down")
+        self.vsctl("uplink", "up", "one", "vnet")
+        wait_until(lambda: a.reaches(network), "an answer by the uplink")
+        self.assertIn("PROMISC", state())
+        run(VSHOST, "nic", "remove", "--state", self.directory, network.interface)
+        self.assertIsNone(self.nic())
+        self.assertNotIn("PROMISC", state())
+        self.assertEqual(self.filters(network.interface), "")
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0]] + sys.argv[3:])
