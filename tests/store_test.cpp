@@ -26,6 +26,11 @@ constexpr char ALIAS[] = "com.talpex.common.alias";
 constexpr char PORTSET[] = "com.talpex.common.host.portset";
 constexpr VsStatus NO_SPACE = 0x0BAD001A, READ_ONLY = 0x0BAD0022;
 constexpr uint32_t FLAGS = 0x10;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true;
+#else
+constexpr bool SANITIZED = false;
+#endif
 
 void LoadCache()
 {
@@ -504,6 +509,7 @@ TEST_F(StoreTest, ForksWhileThreadsWrite)
 TEST_F(StoreTest, ForksWhileThreadsLookUp)
 {
     constexpr unsigned HANGS = 20; // seconds
+    if (SANITIZED) GTEST_SKIP() << "the sanitizer's own allocator takes a lock that fork doesn't wait for";
     ASSERT_EQ(SetGlobal(ID, ALIAS, Text("lab")), STATUS_OK);
     ASSERT_EQ(DVSZOR_HostPropSet(ID, PORTSET, "ps", 3, FLAGS), STATUS_OK);
     ASSERT_EQ(system("tybel -e set /net/create ps 8 vswitch"), 0);
@@ -645,7 +651,7 @@ TEST_F(StoreTest, ARelativeDirectoryIsThatOfTheStart)
         "cd " + path.parent_path().string() + " && export VSHOST_DIR=" + path.filename().string() + " && ";
     EXPECT_EQ(system((start + "exec sh -c 'cd / && tybel -e get /net/portsets/kept/mtu >/dev/null'").c_str()),
               0);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    if (SANITIZED) return; // Python itself is not built with the sanitizer
     // A program without the preload, which goes away before it first writes.
     Dl_info library = {};
     ASSERT_NE(dladdr(reinterpret_cast<void *>(&DVSAliasToSwitchId), &library), 0);
@@ -653,7 +659,6 @@ TEST_F(StoreTest, ARelativeDirectoryIsThatOfTheStart)
         "import ctypes, os; library = ctypes.CDLL(\"" + std::string(library.dli_fname) +
         "\"); os.chdir(\"/\"); exit(library.VSDVS_AddDVPort(b\"lab\", b\"added\", 0) != 0)";
     EXPECT_EQ(system((start + "unset LD_PRELOAD; exec python3 -c '" + program + "'").c_str()), 0);
-#endif
     ASSERT_EQ(Start(), 0);
 }
 
