@@ -10,7 +10,7 @@ namespace {
 
 constexpr uint32_t COMMON = sizeof(VSwitchInput);
 
-constexpr Command COMMANDS[] = {
+constexpr DriverCommand COMMANDS[] = {
     {VSWITCH_GET_RARP_STATS, COMMON, PORTSET, GetRarpStats},
     {VSWITCH_GET_SERVICE_TEAMING_STATS, COMMON, PORTSET, GetServiceTeamingStats},
     {VSWITCH_GET_OPTIONS, 0, 0, GetOptions},
@@ -45,10 +45,11 @@ constexpr Command COMMANDS[] = {
 
 }
 
-const Command *FindCommand(uint32_t number)
+const DriverCommand *FindCommand(uint32_t number)
 {
-    const auto found = std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
-                                    [number](const Command &command) { return command.number == number; });
+    const auto found =
+        std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
+                     [number](const DriverCommand &command) { return command.number == number; });
     return found == std::end(COMMANDS) ? nullptr : found;
 }
 

@@ -21,24 +21,24 @@ constexpr uint32_t RTM_ENTRY = 128;
 
 using Copy = ssize_t (*)(pid_t, const iovec *, unsigned long, const iovec *, unsigned long, unsigned long);
 
-// The memory of the process that runs the command. The kernel copies, since it refuses a bad address where a
-// plain copy would end this process. Where it may not copy within this process, a plain copy has to do.
+// The memory of the process that runs the command. The kernel copies: it refuses a bad address, where a plain
+// copy would end this process. If this process is not allowed to use that for itself, it makes a plain copy.
 class CallerMemory {
 public:
     explicit CallerMemory(pid_t caller) : caller(caller) {}
 
     bool Read(void *ours, uint64_t theirs, size_t length) const
     {
-        return CopyThrough(process_vm_readv, ours, theirs, length, true);
+        return CopyThrough(process_vm_readv, ours, theirs, length);
     }
 
     bool Write(uint64_t theirs, std::string_view bytes) const
     {
-        return CopyThrough(process_vm_writev, const_cast<char *>(bytes.data()), theirs, bytes.size(), false);
+        return CopyThrough(process_vm_writev, const_cast<char *>(bytes.data()), theirs, bytes.size());
     }
 
 private:
-    bool CopyThrough(Copy copy, void *ours, uint64_t theirs, size_t length, bool reading) const
+    bool CopyThrough(Copy copy, void *ours, uint64_t theirs, size_t length) const
     {
         if (length == 0) return true;
         if (theirs == 0) return false;
@@ -46,6 +46,7 @@ private:
         const iovec local{ours, length}, remote{address, length};
         const ssize_t copied = copy(caller, &local, 1, &remote, 1, 0);
         if (copied < 0 && (errno == EPERM || errno == ENOSYS) && caller == getpid()) {
+            const bool reading = copy == process_vm_readv;
             memcpy(reading ? ours : address, reading ? address : ours, length);
             return true;
         }
@@ -55,8 +56,8 @@ private:
     const pid_t caller;
 };
 
-// What a command is about.
-struct Call {
+// A command as the device received it: `input` holds the bytes that the header points to.
+struct DeviceCall {
     Device device;
     uint32_t number;
     CallerMemory memory;
@@ -69,17 +70,17 @@ const char *DevicePath(Device device)
     return device == Device::RTM ? VSWITCH_DRIVER_RTM_DEVICE : VSWITCH_DRIVER_DEVICE;
 }
 
-int ReadInput(Call &call, uint64_t header)
+int ReadInput(DeviceCall &call, uint64_t header)
 {
-    if (!call.memory.Read(&call.header, header, sizeof call.header)) return EFAULT;
+    if (!call.memory.Read(&call.header, header, sizeof(call.header))) return EFAULT;
     if (call.header.inLength > MAX_INPUT_LENGTH) return EINVAL;
     call.input.resize(call.header.inLength);
     return call.memory.Read(call.input.data(), call.header.input, call.input.size()) ? 0 : EFAULT;
 }
 
-int Query(const Command &command, Engine &engine, const Call &call)
+int Query(const DriverCommand &command, Engine &engine, const DeviceCall &call)
 {
-    Request request(engine, call.input);
+    DriverRequest request(engine, call.input);
     if (int error = request.Resolve(command.fields)) return error;
     if (int error = command.handler(request)) return error;
     const size_t length = request.Fitting(call.header.outLength);
@@ -87,21 +88,21 @@ int Query(const Command &command, Engine &engine, const Call &call)
     return call.memory.Write(call.header.output, answer) ? 0 : EFAULT;
 }
 
-int Change(const Command &command, Engine &engine, std::string_view input)
+int Change(const DriverCommand &command, Engine &engine, std::string_view input)
 {
     int error = 0;
     const VsStatus status = engine.Write([&](Transaction &transaction) {
-        Request request(transaction, input, &transaction);
-        error = request.Resolve(command.fields);
-        if (!error) error = command.handler(request);
+        DriverRequest request(transaction, input, &transaction);
+        const int unresolved = request.Resolve(command.fields);
+        error = unresolved ? unresolved : command.handler(request);
         return error ? STATUS_FAILURE : STATUS_OK;
     });
     return error ? error : ErrnoOf(status, EIO);
 }
 
-int RunSwitchCommand(Engine &engine, const Call &call)
+int RunSwitchCommand(Engine &engine, const DeviceCall &call)
 {
-    const Command *command = FindCommand(call.number);
+    const DriverCommand *command = FindCommand(call.number);
     if (!command) return ENOTTY;
     if (command->inLength && call.input.size() != command->inLength) return EINVAL;
     return command->Changes() ? Change(*command, engine, call.input) : Query(*command, engine, call);
@@ -111,7 +112,7 @@ int RunRtmCommand(uint32_t number, Engine &engine, std::string_view input)
 {
     uint32_t count;
     if (input.size() < RTM_HEADER) return EINVAL;
-    memcpy(&count, input.data(), sizeof count);
+    memcpy(&count, input.data(), sizeof(count));
     if (input.size() != RTM_HEADER + uint64_t{RTM_ENTRY} * count) return EINVAL;
     return ErrnoOf(engine.Write([&](Transaction &transaction) {
         return transaction.Put(runtime::RtmKey(number), input);
@@ -119,10 +120,10 @@ int RunRtmCommand(uint32_t number, Engine &engine, std::string_view input)
                    EIO);
 }
 
-int RunChecked(HostUse &host, const Call &call)
+int RunReadable(HostUse &host, const DeviceCall &call)
 {
     std::string answer;
-    if (host.GetControl()->TakeAnswer(call.number, answer)) {
+    if (host.GetFaults()->NextAnswer(call.number, answer)) {
         const std::string_view fitting = std::string_view(answer).substr(0, call.header.outLength);
         return call.memory.Write(call.header.output, fitting) ? 0 : EFAULT;
     }
@@ -130,24 +131,22 @@ int RunChecked(HostUse &host, const Call &call)
     return RunSwitchCommand(host->GetEngine(), call);
 }
 
-int Run(Call call, uint64_t header)
+int Run(DeviceCall call, uint64_t header)
 {
     HostUse host;
     if (!host) return ENODEV;
-    int error = ReadInput(call, header);
-
+    const int unreadable = ReadInput(call, header);
     const std::string operation = std::to_string(call.number);
-    CallDetails details;
-    details.text[0] = DevicePath(call.device);
-    details.textCount = 1;
-    details.length = call.header.inLength;
-    details.flags = call.header.outLength;
-    details.input = call.input.data();
-    details.inputLength = call.input.size();
-    CallGate gate(host.GetControl(), VSHOST_DRIVER, operation.c_str(), details);
-    if (gate.Refused()) return static_cast<int>(gate.Outcome());
-    if (!error) error = GuardErrno([&] { return RunChecked(host, call); });
-    gate.Return(static_cast<uint32_t>(error));
+    const CallDetails details{.text = {DevicePath(call.device)},
+                              .textCount = 1,
+                              .length = call.header.inLength,
+                              .flags = call.header.outLength,
+                              .input = call.input.data(),
+                              .inputLength = call.input.size()};
+    InterceptedCall intercepted(host.GetFaults(), VSHOST_DRIVER, operation.c_str(), details);
+    if (intercepted.Fails()) return static_cast<int>(intercepted.Outcome());
+    const int error = unreadable ? unreadable : GuardErrno([&] { return RunReadable(host, call); });
+    intercepted.Return(static_cast<uint32_t>(error));
     return error;
 }
 
@@ -156,14 +155,12 @@ int Open(Device device, int flags, unsigned mode)
     HostUse host;
     if (!host) return -ENOENT;
     const char *path = DevicePath(device);
-    CallDetails details;
-    details.text[0] = path;
-    details.textCount = 1;
-    CallGate gate(host.GetControl(), VSHOST_OPEN, path, details);
-    if (gate.Refused()) return -static_cast<int>(gate.Outcome());
+    const CallDetails details{.text = {path}, .textCount = 1};
+    InterceptedCall call(host.GetFaults(), VSHOST_OPEN, path, details);
+    if (call.Fails()) return -static_cast<int>(call.Outcome());
     const char *file = device == Device::RTM ? RTM_FILE : DEVICE_FILE;
     const int descriptor = open((host->Directory() + "/" + file).c_str(), flags, mode);
-    gate.Return(static_cast<uint32_t>(descriptor < 0 ? errno : 0));
+    call.Return(static_cast<uint32_t>(descriptor < 0 ? errno : 0));
     return descriptor < 0 ? -errno : descriptor;
 }
 

@@ -27,36 +27,39 @@ static_assert(sizeof(MacManagement) == 11);
 
 bool ReadManagement(std::string_view value, MacManagement &management)
 {
-    if (value.size() != sizeof management) return false;
-    memcpy(&management, value.data(), sizeof management);
+    if (value.size() != sizeof(management)) return false;
+    memcpy(&management, value.data(), sizeof(management));
     return true;
 }
 
-// One port's table, with `portId` filled.
-int ReadMacs(Reader &reader, std::string_view portset, std::string_view portId, uint32_t number,
-             std::vector<VSwitchMacEntry> &entries)
+struct PortOfTable {
+    std::string_view portId;
+    uint32_t number = 0; // of the port, which its entries show
+};
+
+int ReadMacs(const DriverRequest &request, const PortOfTable &port, std::vector<VSwitchMacEntry> &entries)
 {
     struct Place {
         uint16_t vlanId;
         uint8_t address[6];
     };
-    const auto take = [&](std::string_view rest, std::string_view row) {
+    const auto decode = [&](std::string_view rest, std::string_view row) {
         Place place;
         MacRecord record;
-        if (!TakeRecord(rest, place) || !TakeRecord(row, record)) return false;
+        if (!DecodeRecord(rest, place) || !DecodeRecord(row, record)) return false;
         VSwitchMacEntry &entry = entries.emplace_back();
-        memcpy(entry.address, place.address, sizeof entry.address);
+        memcpy(entry.address, place.address, sizeof(entry.address));
         entry.type = record.type;
         entry.flags = record.flags;
         entry.vlanId = __builtin_bswap16(place.vlanId);
         entry.age = record.age;
-        entry.portId = number;
+        entry.portId = port.number;
         return true;
     };
-    return ErrnoOf(ScanRows(reader, runtime::MacPrefix(portset, portId), take));
+    return ErrnoOf(ScanRows(request.reader, runtime::MacPrefix(request.portset, port.portId), decode));
 }
 
-void ListMacs(Request &request, const std::vector<VSwitchMacEntry> &entries)
+void ListMacs(DriverRequest &request, const std::vector<VSwitchMacEntry> &entries)
 {
     const uint8_t wanted = request.input.args.mac.type;
     request.StartList(VSwitchListHeader{}, sizeof(VSwitchMacEntry));
@@ -68,7 +71,8 @@ int ReadPortLimit(Reader &reader, std::string_view switchId, std::string_view po
 {
     std::string value;
     MacManagement management;
-    const int error = ReadProperty(reader, {Level::PORT, switchId, portId}, KEY_PORT_MAC_MANAGEMENT, value);
+    const int error =
+        ReadProperty(reader, {StoredLevel::PORT, switchId, portId}, KEY_PORT_MAC_MANAGEMENT, value);
     limit = ReadManagement(value, management) ? management.limit : DEFAULT_PORT_LIMIT;
     return error;
 }
@@ -85,49 +89,50 @@ int ReadSwitchPolicy(Reader &reader, std::string_view switchId, VSwitchLearningI
     std::string policy, learnStatic;
     info.agingSeconds = DEFAULT_AGING_SECONDS;
     info.limit = DEFAULT_SWITCH_LIMIT;
-    int error = ReadProperty(reader, {Level::HOST, switchId}, KEY_SWITCH_LEARNING, policy);
-    if (!error) error = ReadProperty(reader, {Level::HOST, switchId}, KEY_LEARN_STATIC, learnStatic);
+    const PropertyOwner host{StoredLevel::HOST, switchId};
+    if (int error = ReadProperty(reader, host, KEY_SWITCH_LEARNING, policy)) return error;
+    if (int error = ReadProperty(reader, host, KEY_LEARN_STATIC, learnStatic)) return error;
     if (policy.size() == 8) {
         info.agingSeconds = 0;
         memcpy(&info.agingSeconds, policy.data(), 3);
         info.policyByte = static_cast<uint8_t>(policy[3]);
-        memcpy(&info.limit, policy.data() + 4, sizeof info.limit);
+        memcpy(&info.limit, policy.data() + 4, sizeof(info.limit));
     }
     info.learnStatic = learnStatic.starts_with("true");
-    return error;
+    return 0;
 }
 
 // Adds one port to the sums of its switch.
-int AddPort(Request &request, std::string_view portId, bool isUplink, VSwitchLearningInfo &info)
+int AddPort(DriverRequest &request, std::string_view portId, bool isUplink, VSwitchLearningInfo &info)
 {
     VSwitchPortLearningStats stats = {};
     std::vector<VSwitchMacEntry> entries;
     std::string policy;
-    int error = ReadPortStats(request.reader, request.portset, portId, stats);
-    if (!error) error = ReadMacs(request.reader, request.portset, portId, 0, entries);
-    const PropertyOwner port{Level::PORT, request.switchId, portId};
-    if (!error) error = ReadProperty(request.reader, port, KEY_PORT_MAC_MANAGEMENT, policy);
+    const PropertyOwner port{StoredLevel::PORT, request.switchId, portId};
+    if (int error = ReadPortStats(request.reader, request.portset, portId, stats)) return error;
+    if (int error = ReadMacs(request, {portId}, entries)) return error;
+    if (int error = ReadProperty(request.reader, port, KEY_PORT_MAC_MANAGEMENT, policy)) return error;
     const auto count = static_cast<uint32_t>(entries.size());
     for (const VSwitchMacEntry &entry : entries)
         ++(entry.type == VSWITCH_MAC_LEARNED ? info.learnedEntries : info.staticEntries);
     info.entries += count;
     if (isUplink) info.teamEntries += count;
-    if (PortLearns(policy)) ++info.learningPorts;
+    if (PortLearns(policy)) info.learningPorts++;
     info.learned += stats.learned;
     info.moved += stats.moved;
     info.aged += stats.aged;
     info.refused += stats.refused;
     info.dropped += stats.dropped;
-    return error;
+    return 0;
 }
 
 bool IsStation(const VSwitchMacEntry &entry)
 {
-    constexpr uint8_t NONE[sizeof entry.address] = {};
-    return !(entry.address[0] & 1) && memcmp(entry.address, NONE, sizeof NONE) != 0;
+    constexpr uint8_t NONE[sizeof(entry.address)] = {};
+    return !(entry.address[0] & 1) && memcmp(entry.address, NONE, sizeof(NONE)) != 0;
 }
 
-std::string KeyOfEntry(const Request &request)
+std::string KeyOfEntry(const DriverRequest &request)
 {
     const VSwitchMacEntry &entry = request.input.args.mac;
     return runtime::MacKey(request.portset, request.portId, entry.vlanId, entry.address);
@@ -141,65 +146,65 @@ bool PortLearns(std::string_view macManagement)
     return ReadManagement(macManagement, management) && management.learning;
 }
 
-int GetPortMacs(Request &request)
+int GetPortMacs(DriverRequest &request)
 {
     std::vector<VSwitchMacEntry> entries;
-    const int error = ReadMacs(request.reader, request.portset, request.portId, request.portNumber, entries);
+    if (int error = ReadMacs(request, {request.portId, request.portNumber}, entries)) return error;
     ListMacs(request, entries);
-    return error;
+    return 0;
 }
 
 // What was seen behind the uplinks.
-int GetTeamMacs(Request &request)
+int GetTeamMacs(DriverRequest &request)
 {
     std::vector<std::string> portIds;
     std::vector<VSwitchMacEntry> entries;
-    int error = ErrnoOf(ListUplinkPorts(request.reader, request.switchId, portIds), 0);
-    for (size_t i = 0; i < portIds.size() && !error; ++i) {
+    if (int error = ErrnoOf(ListUplinkPorts(request.reader, request.switchId, portIds), 0)) return error;
+    for (const std::string &portId : portIds) {
         uint32_t number = 0;
-        const VsStatus status = GetPortNumber(request.reader, request.switchId, portIds[i], number);
+        const VsStatus status = GetPortNumber(request.reader, request.switchId, portId, number);
         if (status == STATUS_NOT_FOUND) continue;
-        error = ErrnoOf(status, 0);
-        if (!error) error = ReadMacs(request.reader, request.portset, portIds[i], number, entries);
+        if (status) return ErrnoOf(status);
+        if (int error = ReadMacs(request, {portId, number}, entries)) return error;
     }
     ListMacs(request, entries);
-    return error;
+    return 0;
 }
 
-int GetPortLearningStats(Request &request)
+int GetPortLearningStats(DriverRequest &request)
 {
     VSwitchPortLearningStats stats = {};
     std::vector<VSwitchMacEntry> entries;
     uint32_t limit = 0;
     if (int error = ReadPortStats(request.reader, request.portset, request.portId, stats)) return error;
-    if (int error = ReadMacs(request.reader, request.portset, request.portId, 0, entries)) return error;
+    if (int error = ReadMacs(request, {request.portId}, entries)) return error;
     if (int error = ReadPortLimit(request.reader, request.switchId, request.portId, limit)) return error;
     stats.entries = static_cast<uint32_t>(entries.size());
     stats.limit = limit;
     return request.Answer(stats);
 }
 
-int GetLearningProps(Request &request)
+int GetLearningProps(DriverRequest &request)
 {
     VSwitchLearningProps props = DEFAULT_LEARNING_PROPS;
     if (int error = ErrnoOf(GetRecord(request.reader, runtime::LearningPropsKey(), props), 0)) return error;
     return request.Answer(props);
 }
 
-int GetLearningInfo(Request &request)
+int GetLearningInfo(DriverRequest &request)
 {
     VSwitchLearningInfo info = {};
     std::vector<std::string> portIds, uplinkPorts;
-    int error = ReadSwitchPolicy(request.reader, request.switchId, info);
-    if (!error) error = ListPortIds(request.reader, request.switchId, portIds);
-    if (!error) error = ErrnoOf(ListUplinkPorts(request.reader, request.switchId, uplinkPorts), 0);
+    if (int error = ReadSwitchPolicy(request.reader, request.switchId, info)) return error;
+    if (int error = ListPortIds(request.reader, request.switchId, portIds)) return error;
+    if (int error = ErrnoOf(ListUplinkPorts(request.reader, request.switchId, uplinkPorts), 0)) return error;
     const std::set<std::string> uplinks(uplinkPorts.begin(), uplinkPorts.end());
-    for (size_t i = 0; i < portIds.size() && !error; ++i)
-        error = AddPort(request, portIds[i], uplinks.contains(portIds[i]), info);
-    return error ? error : request.Answer(info);
+    for (const std::string &portId : portIds)
+        if (int error = AddPort(request, portId, uplinks.contains(portId), info)) return error;
+    return request.Answer(info);
 }
 
-int SetPortMac(Request &request)
+int SetPortMac(DriverRequest &request)
 {
     const VSwitchMacEntry &entry = request.input.args.mac;
     if (entry.vlanId > MAX_VLAN_ID || entry.type > VSWITCH_MAC_LEARNED || !IsStation(entry)) return EINVAL;
@@ -212,7 +217,7 @@ int SetPortMac(Request &request)
     return ErrnoOf(PutRecord(*request.transaction, KeyOfEntry(request), record), EIO);
 }
 
-int ClearPortMac(Request &request)
+int ClearPortMac(DriverRequest &request)
 {
     MacRecord record;
     const std::string key = KeyOfEntry(request);
@@ -220,7 +225,7 @@ int ClearPortMac(Request &request)
     return ErrnoOf(request.transaction->Remove(key), EIO);
 }
 
-int SetLearningProps(Request &request)
+int SetLearningProps(DriverRequest &request)
 {
     const VSwitchLearningProps &props = request.input.args.learning;
     if (props.enabled > 1) return EINVAL;

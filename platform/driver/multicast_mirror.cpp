@@ -20,9 +20,9 @@ constexpr size_t SINK_PORT_BYTE = 2; // of the filter; its lowest bit
 void AddSessions(std::string_view list, std::vector<std::string> &sessionIds)
 {
     uint32_t count = 0;
-    if (list.size() >= MIRROR_HEADER) memcpy(&count, list.data() + MIRROR_COUNT_AT, sizeof count);
+    if (list.size() >= MIRROR_HEADER) memcpy(&count, list.data() + MIRROR_COUNT_AT, sizeof(count));
     for (size_t at = MIRROR_HEADER; count > 0 && at + MIRROR_RECORD <= list.size();
-         at += MIRROR_RECORD, --count) {
+         at += MIRROR_RECORD, count--) {
         const std::string id(list.data() + at, strnlen(list.data() + at, SESSION_ID));
         if (std::find(sessionIds.begin(), sessionIds.end(), id) == sessionIds.end()) sessionIds.push_back(id);
     }
@@ -37,25 +37,25 @@ struct Group {
 };
 
 // False when the row is not whole, or has other sources than it says.
-bool TakeGroup(std::string_view rest, std::string_view row, size_t width, Group &group)
+bool DecodeGroup(std::string_view rest, std::string_view row, size_t width, Group &group)
 {
-    if (rest.size() != sizeof group.vlanId + width || row.size() < sizeof group.stats) return false;
+    if (rest.size() != sizeof(group.vlanId) + width || row.size() < sizeof(group.stats)) return false;
     group.vlanId = FromBigEndian(rest);
-    group.address = rest.substr(sizeof group.vlanId);
-    memcpy(&group.stats, row.data(), sizeof group.stats);
-    group.sources = row.substr(sizeof group.stats);
+    group.address = rest.substr(sizeof(group.vlanId));
+    memcpy(&group.stats, row.data(), sizeof(group.stats));
+    group.sources = row.substr(sizeof(group.stats));
     return group.sources.size() == uint64_t{group.stats.count} * width;
 }
 
 // Groups of the request's portset, address kind and VLAN, in the order of VLAN and address.
-int ReadGroups(Request &request, const std::function<void(const Group &group)> &visit)
+int ReadGroups(DriverRequest &request, const std::function<void(const Group &group)> &visit)
 {
     const VSwitchMcastSelector &wanted = request.input.args.mcast;
     const size_t width = AddressWidth(wanted.addressKind);
     if (width == 0) return 0;
     const auto take = [&](std::string_view rest, std::string_view row) {
         Group group;
-        if (!TakeGroup(rest, row, width, group)) return false;
+        if (!DecodeGroup(rest, row, width, group)) return false;
         if (wanted.vlanId == 0 || wanted.vlanId == group.vlanId) visit(group);
         return true;
     };
@@ -93,7 +93,7 @@ size_t AddressWidth(uint32_t kind)
 int IsSnooping(Reader &reader, std::string_view switchId, bool &snooping)
 {
     std::string mode;
-    const int error = ReadProperty(reader, {Level::GLOBAL, switchId}, KEY_MCAST_FILTER, mode);
+    const int error = ReadProperty(reader, {StoredLevel::GLOBAL, switchId}, KEY_MCAST_FILTER, mode);
     snooping = Text(mode) == "snooping";
     return error;
 }
@@ -102,25 +102,27 @@ int ListMirrorSessions(Reader &reader, std::string_view switchId, std::vector<st
 {
     std::vector<std::string> portIds;
     std::string list;
-    int error = ReadProperty(reader, {Level::HOST, switchId}, KEY_UPLINK_MIRROR, list);
+    if (int error = ReadProperty(reader, {StoredLevel::HOST, switchId}, KEY_UPLINK_MIRROR, list))
+        return error;
     AddSessions(list, sessionIds);
-    if (!error) error = ErrnoOf(ListPortsWith(reader, MIRRORED, switchId, portIds), 0);
-    for (size_t i = 0; i < portIds.size() && !error; ++i) {
-        error = ReadProperty(reader, {Level::PORT, switchId, portIds[i]}, KEY_PORT_MIRROR, list);
+    if (int error = ErrnoOf(ListPortsWith(reader, MIRRORED, switchId, portIds), 0)) return error;
+    for (const std::string &portId : portIds) {
+        const PropertyOwner port{StoredLevel::PORT, switchId, portId};
+        if (int error = ReadProperty(reader, port, KEY_PORT_MIRROR, list)) return error;
         AddSessions(list, sessionIds);
     }
-    return error;
+    return 0;
 }
 
 int IsMirroring(Reader &reader, std::string_view switchId, bool &mirroring)
 {
     std::string list;
-    const int error = ReadProperty(reader, {Level::HOST, switchId}, KEY_UPLINK_MIRROR, list);
+    const int error = ReadProperty(reader, {StoredLevel::HOST, switchId}, KEY_UPLINK_MIRROR, list);
     mirroring = HasMirrorSessions(list);
     return error || mirroring ? error : ErrnoOf(AnyPortWith(reader, MIRRORED, switchId, mirroring), 0);
 }
 
-int GetMcastMode(Request &request)
+int GetMcastMode(DriverRequest &request)
 {
     bool snooping = false;
     if (int error = IsSnooping(request.reader, request.switchId, snooping)) return error;
@@ -128,7 +130,7 @@ int GetMcastMode(Request &request)
 }
 
 // An address that several VLANs have is listed once.
-int GetMcastGroups(Request &request)
+int GetMcastGroups(DriverRequest &request)
 {
     const uint32_t kind = request.input.args.mcast.addressKind;
     std::set<std::string> addresses;
@@ -140,7 +142,7 @@ int GetMcastGroups(Request &request)
     return 0;
 }
 
-int GetMcastStats(Request &request)
+int GetMcastStats(DriverRequest &request)
 {
     const VSwitchMcastSelector &wanted = request.input.args.mcast;
     const size_t width = AddressWidth(wanted.addressKind);
@@ -159,7 +161,7 @@ int GetMcastStats(Request &request)
     return found ? 0 : ENOENT;
 }
 
-int GetMirrorSessions(Request &request)
+int GetMirrorSessions(DriverRequest &request)
 {
     std::vector<std::string> sessionIds;
     const int error = ListMirrorSessions(request.reader, request.switchId, sessionIds);
@@ -169,7 +171,7 @@ int GetMirrorSessions(Request &request)
     return error;
 }
 
-int GetMirrorStats(Request &request)
+int GetMirrorStats(DriverRequest &request)
 {
     const std::string_view wanted = FieldText(request.input.args.sessionId);
     std::vector<std::string> sessionIds;
@@ -184,7 +186,7 @@ int GetMirrorStats(Request &request)
 }
 
 // The ports that the scenario names, and the switch's sink ports.
-int GetPromiscuousPorts(Request &request)
+int GetPromiscuousPorts(DriverRequest &request)
 {
     std::string named;
     std::vector<std::string> portIds;

@@ -13,7 +13,7 @@ constexpr size_t LS_ENTRY = 2748;
 constexpr size_t LS_NAME = 136;
 
 // A record of the portset's statistics, zero when there is none.
-template<class Stats> int AnswerStats(Request &request, const std::string &key)
+template<class Stats> int AnswerStats(DriverRequest &request, const std::string &key)
 {
     Stats stats = {};
     if (int error = ErrnoOf(GetRecord(request.reader, key, stats), 0)) return error;
@@ -26,7 +26,7 @@ int ReadAllOptions(Reader &reader, std::vector<VSwitchOption> &options)
         VSwitchOption &option = options.emplace_back();
         uint16_t id = 0;
         uint32_t value = 0;
-        const bool whole = TakeRecord(rest, id) && TakeRecord(row, value);
+        const bool whole = DecodeRecord(rest, id) && DecodeRecord(row, value);
         option.id = __builtin_bswap16(id);
         option.value = value;
         return whole;
@@ -35,11 +35,11 @@ int ReadAllOptions(Reader &reader, std::vector<VSwitchOption> &options)
 }
 
 // The options that the request names; every one of them must be set.
-int ReadNamedOptions(Request &request, std::vector<VSwitchOption> &options)
+int ReadNamedOptions(DriverRequest &request, std::vector<VSwitchOption> &options)
 {
     for (size_t at = 0; at < request.raw.size(); at += sizeof(uint16_t)) {
         VSwitchOption option = {};
-        memcpy(&option.id, request.raw.data() + at, sizeof option.id);
+        memcpy(&option.id, request.raw.data() + at, sizeof(option.id));
         uint32_t value = 0;
         if (int error = ErrnoOf(GetRecord(request.reader, runtime::OptionKey(option.id), value), ENOENT))
             return error;
@@ -53,54 +53,55 @@ int ReadNamedOptions(Request &request, std::vector<VSwitchOption> &options)
 bool ParseOptions(std::string_view raw, std::vector<VSwitchOption> &options)
 {
     VSwitchOptions header;
-    if (raw.size() < sizeof header) return false;
-    memcpy(&header, raw.data(), sizeof header);
-    raw.remove_prefix(sizeof header);
+    if (raw.size() < sizeof(header)) return false;
+    memcpy(&header, raw.data(), sizeof(header));
+    raw.remove_prefix(sizeof(header));
     if (header.count > VSWITCH_OPTIONS_MAX || raw.size() != header.count * sizeof(VSwitchOption))
         return false;
     options.resize(header.count);
     if (!options.empty()) memcpy(options.data(), raw.data(), raw.size());
     for (const VSwitchOption &option : options)
         if (option.id == 0 || option.reserved != 0) return false;
-    return header.length == sizeof header + raw.size();
+    return header.length == sizeof(header) + raw.size();
 }
 
 }
 
-int GetRarpStats(Request &request)
+int GetRarpStats(DriverRequest &request)
 {
     return AnswerStats<VSwitchRarpStats>(request, runtime::RarpKey(request.portset));
 }
 
-int GetServiceTeamingStats(Request &request)
+int GetServiceTeamingStats(DriverRequest &request)
 {
     return AnswerStats<VSwitchTeamingStats>(request, runtime::TeamingKey(request.portset));
 }
 
-int GetPortLsPolicy(Request &request)
+int GetPortLsPolicy(DriverRequest &request)
 {
     std::string stored;
     char name[LS_NAME] = {};
-    const PropertyOwner port{Level::PORT, request.switchId, request.portId};
+    const PropertyOwner port{StoredLevel::PORT, request.switchId, request.portId};
     if (int error = ReadProperty(request.reader, port, KEY_PORT_LS_POLICY, stored)) return error;
     SetField(name, Text(stored));
     return request.Answer(name);
 }
 
-int GetLsPolicies(Request &request)
+int GetLsPolicies(DriverRequest &request)
 {
     std::string table;
-    if (int error = ReadProperty(request.reader, {Level::GLOBAL, request.switchId}, KEY_LS_TABLE, table))
+    if (int error =
+            ReadProperty(request.reader, {StoredLevel::GLOBAL, request.switchId}, KEY_LS_TABLE, table))
         return error;
     uint32_t count = 0;
-    if (table.size() >= sizeof count) memcpy(&count, table.data(), sizeof count);
+    if (table.size() >= sizeof(count)) memcpy(&count, table.data(), sizeof(count));
     request.StartList(uint32_t{0}, LS_ENTRY);
-    for (size_t at = sizeof count; count > 0 && at + LS_ENTRY <= table.size(); at += LS_ENTRY, --count)
+    for (size_t at = sizeof(count); count > 0 && at + LS_ENTRY <= table.size(); at += LS_ENTRY, count--)
         request.Add(std::string_view(table).substr(at, LS_ENTRY));
     return 0;
 }
 
-int GetOptions(Request &request)
+int GetOptions(DriverRequest &request)
 {
     std::vector<VSwitchOption> options;
     if (request.raw.size() % sizeof(uint16_t) || request.raw.size() > VSWITCH_OPTIONS_MAX * sizeof(uint16_t))
@@ -116,17 +117,17 @@ int GetOptions(Request &request)
     return 0;
 }
 
-int SetOptions(Request &request)
+int SetOptions(DriverRequest &request)
 {
-    std::vector<VSwitchOption> options, standing;
+    std::vector<VSwitchOption> options, stored;
     if (!ParseOptions(request.raw, options)) return EINVAL;
-    int error = 0;
-    for (size_t i = 0; i < options.size() && !error; ++i) {
-        const uint32_t value = options[i].value;
-        error = ErrnoOf(PutRecord(*request.transaction, runtime::OptionKey(options[i].id), value), EIO);
+    for (const VSwitchOption &option : options) {
+        const uint32_t value = option.value;
+        if (VsStatus status = PutRecord(*request.transaction, runtime::OptionKey(option.id), value))
+            return ErrnoOf(status, EIO);
     }
-    if (!error) error = ReadAllOptions(request.reader, standing);
-    return !error && standing.size() > VSWITCH_OPTIONS_MAX ? ENOSPC : error;
+    if (int error = ReadAllOptions(request.reader, stored)) return error;
+    return stored.size() > VSWITCH_OPTIONS_MAX ? ENOSPC : 0;
 }
 
 }

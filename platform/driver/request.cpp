@@ -17,16 +17,16 @@ template<size_t size> bool ReadName(const char (&field)[size], std::string &name
 
 int ReadProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value)
 {
-    Property property;
+    StoredProperty property;
     const VsStatus status = GetProperty(reader, owner, key, property);
     value = std::move(property.value);
     return status == STATUS_NOT_FOUND ? 0 : ErrnoOf(status, 0);
 }
 
-Request::Request(Reader &reader, std::string_view raw, Transaction *transaction)
+DriverRequest::DriverRequest(Reader &reader, std::string_view raw, Transaction *transaction)
     : reader(reader), raw(raw), transaction(transaction)
 {
-    if (raw.size() == sizeof input) memcpy(&input, raw.data(), sizeof input);
+    if (raw.size() == sizeof(input)) memcpy(&input, raw.data(), sizeof(input));
 }
 
 int ListPortIds(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds)
@@ -38,32 +38,32 @@ int ListPortIds(Reader &reader, std::string_view switchId, std::vector<std::stri
     return ErrnoOf(status, 0);
 }
 
-int Request::RequireRunning(int otherwise)
+int DriverRequest::RequireRunning(int otherwise)
 {
     if (int error = ErrnoOf(PortsetOfSwitch(reader, switchId, portset), otherwise)) return error;
     return ErrnoOf(GetRecord(reader, runtime::PortsetKey(portset), running), otherwise);
 }
 
-int Request::ResolvePortset()
+int DriverRequest::ResolvePortset(unsigned)
 {
     if (!ReadName(input.name.portset, portset)) return EINVAL;
     if (int error = ErrnoOf(GetRecord(reader, runtime::PortsetKey(portset), running), ENOENT)) return error;
     return ErrnoOf(SwitchOfPortset(reader, portset, switchId), 0);
 }
 
-int Request::ResolveSwitch()
+int DriverRequest::ResolveSwitch(unsigned)
 {
     if (!ReadName(input.name.switchId, switchId)) return EINVAL;
     return RequireRunning(ENOENT);
 }
 
-int Request::ResolvePort()
+int DriverRequest::ResolvePort(unsigned)
 {
     if (!ReadName(input.port.dvPortId, portId)) return EINVAL;
     return ErrnoOf(GetPortNumber(reader, switchId, portId, portNumber), ENODEV);
 }
 
-int Request::ResolvePortNumber()
+int DriverRequest::ResolvePortNumber(unsigned)
 {
     PortName port;
     portNumber = input.port.portId;
@@ -73,40 +73,47 @@ int Request::ResolvePortNumber()
     return RequireRunning(ENODEV);
 }
 
-int Request::ResolveUplink(bool ofPortset)
+int DriverRequest::ResolveUplink(unsigned fields)
 {
     if (!ReadName(input.args.uplink.name, uplink)) return EINVAL;
     if (uplink.empty()) return ENODEV;
     if (int error = ErrnoOf(GetRecord(reader, runtime::NicKey(uplink), nic), ENODEV)) return error;
     const bool bound = !switchId.empty() && FieldText(nic.switchId) == switchId;
-    return ofPortset && !bound ? ENODEV : 0;
+    return fields & PORTSET && !bound ? ENODEV : 0;
 }
 
-int Request::Resolve(unsigned fields)
+int DriverRequest::CheckMirrorSession(unsigned)
 {
-    int error = 0;
-    if (fields & PORTSET) error = ResolvePortset();
-    if (!error && fields & SWITCH) error = ResolveSwitch();
-    if (!error && fields & PORT) error = ResolvePort();
-    if (!error && fields & PORT_NUMBER) error = ResolvePortNumber();
-    if (!error && fields & UPLINK) error = ResolveUplink(fields & PORTSET);
-    if (!error && fields & MIRROR_SESSION &&
-        FieldText(input.args.sessionId).size() == sizeof input.args.sessionId)
-        error = EINVAL;
-    return error;
+    std::string sessionId;
+    return ReadName(input.args.sessionId, sessionId) ? 0 : EINVAL;
 }
 
-void Request::Add(std::string_view bytes)
+int DriverRequest::Resolve(unsigned fields)
+{
+    using Resolver = int (DriverRequest::*)(unsigned fields);
+    static constexpr std::pair<InputField, Resolver> RESOLVERS[] = {
+        {PORTSET, &DriverRequest::ResolvePortset}, {SWITCH, &DriverRequest::ResolveSwitch},
+        {PORT, &DriverRequest::ResolvePort},       {PORT_NUMBER, &DriverRequest::ResolvePortNumber},
+        {UPLINK, &DriverRequest::ResolveUplink},   {MIRROR_SESSION, &DriverRequest::CheckMirrorSession},
+    };
+    for (const auto &[field, resolve] : RESOLVERS) {
+        if (!(fields & field)) continue;
+        if (int error = (this->*resolve)(fields)) return error;
+    }
+    return 0;
+}
+
+void DriverRequest::Add(std::string_view bytes)
 {
     uint32_t count;
-    memcpy(&count, answer.data() + countOffset, sizeof count);
-    ++count;
-    memcpy(answer.data() + countOffset, &count, sizeof count);
+    memcpy(&count, answer.data() + countOffset, sizeof(count));
+    count++;
+    memcpy(answer.data() + countOffset, &count, sizeof(count));
     answer.append(bytes.substr(0, entrySize));
     answer.resize(headerSize + count * entrySize);
 }
 
-size_t Request::Fitting(size_t room) const
+size_t DriverRequest::Fitting(size_t room) const
 {
     if (room >= answer.size()) return answer.size();
     if (!entrySize || room < headerSize) return room;

@@ -1,6 +1,5 @@
 // One driver command under way: its input, what the names in it mean, and the answer.
-#ifndef PLATFORM_DRIVER_REQUEST_H
-#define PLATFORM_DRIVER_REQUEST_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -20,9 +19,9 @@ enum InputField : unsigned {
     MIRROR_SESSION = 32,
 };
 
-struct Request {
+struct DriverRequest {
     // `input` is the start of `raw`, if that is long enough for the common input.
-    Request(Reader &reader, std::string_view raw, Transaction *transaction = nullptr);
+    DriverRequest(Reader &reader, std::string_view raw, Transaction *transaction = nullptr);
 
     Reader &reader;
     const std::string_view raw;     // the whole input
@@ -46,7 +45,7 @@ struct Request {
 
     template<class Record> int Answer(const Record &record)
     {
-        answer.assign(reinterpret_cast<const char *>(&record), sizeof record);
+        answer.assign(reinterpret_cast<const char *>(&record), sizeof(record));
         return 0;
     }
 
@@ -54,7 +53,7 @@ struct Request {
     template<class Header> void StartList(const Header &header, size_t entry, size_t countAt = 0)
     {
         Answer(header);
-        headerSize = sizeof header;
+        headerSize = sizeof(header);
         entrySize = entry;
         countOffset = countAt;
     }
@@ -64,27 +63,28 @@ struct Request {
 
     template<class Record> void AddRecord(const Record &record)
     {
-        Add({reinterpret_cast<const char *>(&record), sizeof record});
+        Add({reinterpret_cast<const char *>(&record), sizeof(record)});
     }
 
     // How much of the answer fits into `room` bytes.
     size_t Fitting(size_t room) const;
 
 private:
-    int ResolvePortset();
-    int ResolveSwitch();
-    int ResolvePort();
-    int ResolvePortNumber();
-    int ResolveUplink(bool ofPortset);
+    int ResolvePortset(unsigned fields);
+    int ResolveSwitch(unsigned fields);
+    int ResolvePort(unsigned fields);
+    int ResolvePortNumber(unsigned fields);
+    int ResolveUplink(unsigned fields); // of the portset, when `fields` names it
+    int CheckMirrorSession(unsigned fields);
     int RequireRunning(int otherwise);
 
     size_t countOffset = 0;
 };
 
-using Handler = int (*)(Request &); // 0 or an errno value
+using Handler = int (*)(DriverRequest &); // 0 or an errno value
 
 // A row of the table of commands. An inLength of 0 is checked by the handler.
-struct Command {
+struct DriverCommand {
     uint32_t number;
     uint32_t inLength;
     unsigned fields;
@@ -94,42 +94,42 @@ struct Command {
 };
 
 // Null when there is no such command.
-const Command *FindCommand(uint32_t number);
+const DriverCommand *FindCommand(uint32_t number);
 
 // Handlers, by family.
-int GetSwitches(Request &request);
-int GetInfo(Request &request);
-int GetUplinks(Request &request);
-int GetUplinkLink(Request &request);
-int GetUplinkLacp(Request &request);
-int GetLags(Request &request);
-int GetUplinkHint(Request &request);
-int GetUplinkPort(Request &request);
-int SetUplinkAdmin(Request &request);
-int RefreshNuma(Request &request);
+int GetSwitches(DriverRequest &request);
+int GetInfo(DriverRequest &request);
+int GetUplinks(DriverRequest &request);
+int GetUplinkLink(DriverRequest &request);
+int GetUplinkLacp(DriverRequest &request);
+int GetLags(DriverRequest &request);
+int GetUplinkHint(DriverRequest &request);
+int GetUplinkPort(DriverRequest &request);
+int SetUplinkAdmin(DriverRequest &request);
+int RefreshNuma(DriverRequest &request);
 
-int GetPortMacs(Request &request);
-int GetTeamMacs(Request &request);
-int GetPortLearningStats(Request &request);
-int GetLearningProps(Request &request);
-int GetLearningInfo(Request &request);
-int SetPortMac(Request &request);
-int ClearPortMac(Request &request);
-int SetLearningProps(Request &request);
+int GetPortMacs(DriverRequest &request);
+int GetTeamMacs(DriverRequest &request);
+int GetPortLearningStats(DriverRequest &request);
+int GetLearningProps(DriverRequest &request);
+int GetLearningInfo(DriverRequest &request);
+int SetPortMac(DriverRequest &request);
+int ClearPortMac(DriverRequest &request);
+int SetLearningProps(DriverRequest &request);
 
-int GetMcastMode(Request &request);
-int GetMcastGroups(Request &request);
-int GetMcastStats(Request &request);
-int GetMirrorSessions(Request &request);
-int GetMirrorStats(Request &request);
-int GetPromiscuousPorts(Request &request);
+int GetMcastMode(DriverRequest &request);
+int GetMcastGroups(DriverRequest &request);
+int GetMcastStats(DriverRequest &request);
+int GetMirrorSessions(DriverRequest &request);
+int GetMirrorStats(DriverRequest &request);
+int GetPromiscuousPorts(DriverRequest &request);
 
-int GetRarpStats(Request &request);
-int GetServiceTeamingStats(Request &request);
-int GetPortLsPolicy(Request &request);
-int GetLsPolicies(Request &request);
-int GetOptions(Request &request);
-int SetOptions(Request &request);
+int GetRarpStats(DriverRequest &request);
+int GetServiceTeamingStats(DriverRequest &request);
+int GetPortLsPolicy(DriverRequest &request);
+int GetLsPolicies(DriverRequest &request);
+int GetOptions(DriverRequest &request);
+int SetOptions(DriverRequest &request);
 
 // What several families ask of the store.
 // The value of a property, empty when it is absent; 0 or an errno value.
@@ -140,5 +140,3 @@ int IsMirroring(Reader &reader, std::string_view switchId, bool &mirroring);
 int ListMirrorSessions(Reader &reader, std::string_view switchId, std::vector<std::string> &sessionIds);
 
 }
-
-#endif

@@ -18,7 +18,7 @@ int ReadLags(Reader &reader, std::string_view portset, std::vector<VSwitchLag> &
     return ErrnoOf(
         ScanRows(reader, runtime::LagKey(portset, ""), [&](std::string_view, std::string_view row) {
             VSwitchLag &lag = lags.emplace_back();
-            return lags.size() <= MAX_LAGS && TakeRecord(row, lag) &&
+            return lags.size() <= MAX_LAGS && DecodeRecord(row, lag) &&
                    lag.memberCount <= std::size(lag.members);
         }));
 }
@@ -38,7 +38,7 @@ bool IsInLag(const std::vector<VSwitchLag> &lags, std::string_view nic)
 void FillLinks(VSwitchLag &lag, const std::vector<NamedNic> &uplinks)
 {
     lag.linkMask = 0;
-    for (uint32_t i = 0; i < lag.memberCount; ++i)
+    for (uint32_t i = 0; i < lag.memberCount; i++)
         for (const NamedNic &uplink : uplinks)
             if (uplink.nic.LinkUp() && uplink.name == FieldText(lag.members[i])) lag.linkMask |= 1u << i;
     lag.linkUp = lag.linkMask != 0;
@@ -48,7 +48,7 @@ std::string AliasOfPortset(Reader &reader, const std::string &portset)
 {
     std::string switchId, alias;
     if (SwitchOfPortset(reader, portset, switchId)) return portset;
-    ReadProperty(reader, {Level::GLOBAL, switchId}, KEY_ALIAS, alias);
+    ReadProperty(reader, {StoredLevel::GLOBAL, switchId}, KEY_ALIAS, alias);
     return alias.empty() ? portset : std::string(Text(alias));
 }
 
@@ -62,9 +62,9 @@ uint32_t UplinkFlags(const NamedNic &uplink, const std::vector<VSwitchLag> &lags
     return flags;
 }
 
-int DescribeSwitch(Request &request, VSwitchInfo &info)
+int DescribeSwitch(DriverRequest &request, VSwitchInfo &info)
 {
-    Switch stored;
+    StoredSwitch stored;
     std::vector<NamedNic> uplinks;
     bool snooping = false, mirroring = false, learning = false;
     SetField(info.switchId, request.switchId);
@@ -87,20 +87,20 @@ int DescribeSwitch(Request &request, VSwitchInfo &info)
 
 }
 
-int GetSwitches(Request &request)
+int GetSwitches(DriverRequest &request)
 {
     uint32_t kind;
     std::vector<std::string> names;
-    memcpy(&kind, request.raw.data(), sizeof kind);
+    memcpy(&kind, request.raw.data(), sizeof(kind));
     if (int error = ErrnoOf(ListPortsets(request.reader, names), 0)) return error;
     const bool byPortset = kind == VSWITCH_LIST_PORTSETS;
-    request.StartList(VSwitchListHeader{0, kind}, byPortset ? sizeof VSwitchInfo::portset : ALIAS_ENTRY);
+    request.StartList(VSwitchListHeader{0, kind}, byPortset ? sizeof(VSwitchInfo::portset) : ALIAS_ENTRY);
     for (const std::string &name : names)
         request.Add(byPortset ? name : AliasOfPortset(request.reader, name).substr(0, ALIAS_ENTRY - 1));
     return 0;
 }
 
-int GetInfo(Request &request)
+int GetInfo(DriverRequest &request)
 {
     VSwitchInfo info = {};
     SetField(info.portset, request.portset);
@@ -111,7 +111,7 @@ int GetInfo(Request &request)
     return request.Answer(info);
 }
 
-int GetUplinks(Request &request)
+int GetUplinks(DriverRequest &request)
 {
     std::vector<NamedNic> uplinks;
     std::vector<VSwitchLag> lags;
@@ -127,16 +127,16 @@ int GetUplinks(Request &request)
     return 0;
 }
 
-int GetUplinkLink(Request &request) { return request.Answer(uint32_t{request.nic.LinkUp()}); }
+int GetUplinkLink(DriverRequest &request) { return request.Answer(uint32_t{request.nic.LinkUp()}); }
 
-int GetUplinkLacp(Request &request)
+int GetUplinkLacp(DriverRequest &request)
 {
     std::vector<VSwitchLag> lags;
     if (int error = ReadLags(request.reader, request.portset, lags)) return error;
     return request.Answer(uint32_t{request.nic.LinkUp() && IsInLag(lags, request.uplink)});
 }
 
-int GetLags(Request &request)
+int GetLags(DriverRequest &request)
 {
     std::vector<NamedNic> uplinks;
     std::vector<VSwitchLag> lags;
@@ -144,7 +144,7 @@ int GetLags(Request &request)
     if (int error = ReadLags(request.reader, request.portset, lags)) return error;
     VSwitchLagTable table = {};
     table.count = static_cast<uint32_t>(lags.size());
-    for (size_t i = 0; i < lags.size(); ++i) {
+    for (size_t i = 0; i < lags.size(); i++) {
         table.lags[i] = lags[i];
         FillLinks(table.lags[i], uplinks);
     }
@@ -153,7 +153,7 @@ int GetLags(Request &request)
 
 // An uplink port sends on its own NIC; another port on the one that its number falls on among those with a
 // link, which is how traffic is spread by originating port.
-int GetUplinkHint(Request &request)
+int GetUplinkHint(DriverRequest &request)
 {
     std::vector<NamedNic> uplinks;
     if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0)) return error;
@@ -169,30 +169,30 @@ int GetUplinkHint(Request &request)
     return request.Answer(hint);
 }
 
-int GetUplinkPort(Request &request)
+int GetUplinkPort(DriverRequest &request)
 {
     char portId[PORT_ID_SIZE] = {};
     SetField(portId, FieldText(request.nic.portId));
     return request.Answer(portId);
 }
 
-int SetUplinkAdmin(Request &request)
+int SetUplinkAdmin(DriverRequest &request)
 {
     if (request.input.args.uplink.adminUp > 1) return EINVAL;
     request.nic.adminUp = request.input.args.uplink.adminUp != 0;
     return ErrnoOf(PutRecord(*request.transaction, runtime::NicKey(request.uplink), request.nic), EIO);
 }
 
-int RefreshNuma(Request &request)
+int RefreshNuma(DriverRequest &request)
 {
     std::vector<NamedNic> uplinks;
-    int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0);
-    for (size_t i = 0; i < uplinks.size() && !error; ++i) {
-        uplinks[i].nic.driverNumaNode = uplinks[i].nic.numaNode;
-        error =
-            ErrnoOf(PutRecord(*request.transaction, runtime::NicKey(uplinks[i].name), uplinks[i].nic), EIO);
+    if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0)) return error;
+    for (NamedNic &uplink : uplinks) {
+        uplink.nic.driverNumaNode = uplink.nic.numaNode;
+        if (VsStatus status = PutRecord(*request.transaction, runtime::NicKey(uplink.name), uplink.nic))
+            return ErrnoOf(status, EIO);
     }
-    return error;
+    return 0;
 }
 
 }

@@ -150,7 +150,7 @@ bool CheckBundle(std::string_view bundle)
     BundleEntry entry;
     uint32_t count = 0;
     while (walk.Next(entry))
-        ++count;
+        count++;
     return walk.AtEnd() && count == EntryCount(bundle);
 }
 

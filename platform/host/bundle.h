@@ -5,8 +5,7 @@
 //     CRC-32 of all that precedes                         u32
 // A key is one byte: its place in known_keys.h, or 0 with the length and the text behind it. A value has its
 // length before it. Flags and lengths take 7 bits a byte.
-#ifndef PLATFORM_HOST_BUNDLE_H
-#define PLATFORM_HOST_BUNDLE_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -41,6 +40,4 @@ size_t EntrySize(const BundleEntry &entry);
 char *WriteEntry(char *at, const BundleEntry &entry);
 void SealBundle(char *bundle, size_t length, uint32_t count);
 
-} // namespace vshost
-
-#endif
+}

@@ -1,7 +1,6 @@
 // A multicast group's record in the runtime tables is a VSwitchMcastStats with the addresses of its
 // sources behind it, just as the driver answers it.
-#ifndef PLATFORM_DRIVER_GROUP_H
-#define PLATFORM_DRIVER_GROUP_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -12,5 +11,3 @@ namespace vshost {
 size_t AddressWidth(uint32_t kind);
 
 }
-
-#endif

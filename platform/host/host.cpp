@@ -39,7 +39,7 @@ struct Attachment {
     std::unique_ptr<Host> host;
     std::atomic<uint64_t> serial = 0;
     std::string throwAway; // directory to be removed by process `owner`
-    HostLock throwAwayLock;
+    UseLock throwAwayLock;
     pid_t owner = 0;
 };
 
@@ -101,19 +101,19 @@ Attachment::Attachment()
     atexit(RemoveThrowAway);
 }
 
-void Leave()
+void Detach()
 {
     Current().host.reset();
     Current().state = State::NONE;
     Current().status = STATUS_OK;
-    ++Current().serial;
+    Current().serial++;
 }
 
-VsStatus Come(const std::string &directory, Durability durability, bool create, std::string &message)
+VsStatus Attach(const HostOptions &options, std::string &message)
 {
     Attachment &current = Current();
-    ++current.serial;
-    current.status = Host::Open(directory, durability, create, current.host, message);
+    current.serial++;
+    current.status = Host::Open(options, current.host, message);
     current.state = current.status == STATUS_OK ? State::ATTACHED : State::FAILED;
     return current.status;
 }
@@ -144,10 +144,10 @@ void AttachFromEnvironment()
     const char *directory = getenv(ENVIRONMENT_DIRECTORY);
     if (directory && directory == AtStart().named) directory = AtStart().absolute.c_str();
     const char *durability = getenv(ENVIRONMENT_DURABILITY);
-    if (!directory || !*directory) return Leave();
-    const bool settles = durability && strcmp(durability, "process") == 0;
+    if (!directory || !*directory) return Detach();
+    const bool forProcess = durability && strcmp(durability, "process") == 0;
     std::string message;
-    if (Come(directory, settles ? Durability::PROCESS : Durability::DISK, false, message) != STATUS_OK)
+    if (Attach({directory, forProcess ? Durability::PROCESS : Durability::DISK}, message))
         fprintf(stderr, "vshost: %s\n", message.c_str());
 }
 
@@ -170,17 +170,18 @@ VsStatus Fail(const std::string &path, const char *what, int error, std::string 
     return StatusOfErrno(error);
 }
 
-VsStatus PrepareDirectory(const std::string &directory, bool create, HostLock &lock, std::string &message)
+VsStatus PrepareDirectory(const HostOptions &options, UseLock &lock, std::string &message)
 {
+    const std::string &directory = options.directory;
     std::error_code error;
-    if (create) std::filesystem::create_directories(directory, error);
+    if (options.create) std::filesystem::create_directories(directory, error);
     if (error) return Fail(directory, "make the host's directory", error.value(), message);
     if (!std::filesystem::is_directory(directory, error)) {
         message = directory + " is no directory; make it, or set " + ENVIRONMENT_DIRECTORY +
                   " to a host's directory";
         return STATUS_IO_ERROR;
     }
-    if (!lock.Take(directory, false)) return Fail(directory, "lock the host", errno, message);
+    if (!lock.Share(directory, false)) return Fail(directory, "lock the host", errno, message);
     const std::string devices = directory + "/dev";
     if (mkdir(devices.c_str(), 0755) != 0 && errno != EEXIST)
         return Fail(devices, "make the folder", errno, message);
@@ -217,7 +218,7 @@ int Start(const char *directory, bool durable)
         return SetError(gone.value(), wanted + ": the current directory cannot be found; name a whole path");
     const Durability durability = durable ? Durability::DISK : Durability::PROCESS;
     std::string message;
-    if (VsStatus status = Come(absolute, durability, true, message))
+    if (VsStatus status = Attach({absolute, durability, true}, message))
         return SetError(ErrnoOf(status), message);
     SetChildEnvironment(absolute, durability);
     return 0;
@@ -225,15 +226,13 @@ int Start(const char *directory, bool durable)
 
 }
 
-VsStatus Host::Open(const std::string &directory, Durability durability, bool create,
-                    std::unique_ptr<Host> &host, std::string &message)
+VsStatus Host::Open(const HostOptions &options, std::unique_ptr<Host> &host, std::string &message)
 {
-    std::unique_ptr<Host> opened(new Host(directory, durability));
-    if (VsStatus status = PrepareDirectory(directory, create, opened->lock, message)) return status;
-    if (VsStatus status = Control::Open(directory, opened->control, message)) return status;
-    if (VsStatus status =
-            Engine::Open(directory, durability, opened->control->Counters(), opened->engine, message))
-        return status;
+    std::unique_ptr<Host> opened(new Host(options));
+    if (VsStatus status = PrepareDirectory(options, opened->lock, message)) return status;
+    if (VsStatus status = Control::Open(options.directory, opened->control, message)) return status;
+    const EngineOptions engine{options.directory, options.durability, opened->control->Counters()};
+    if (VsStatus status = Engine::Open(engine, opened->engine, message)) return status;
     opened->StartOnce();
     host = std::move(opened);
     return STATUS_OK;
@@ -292,11 +291,11 @@ void SayNoHost()
 int StartHost(const char *directory, bool durable)
 {
     Exclusive alone;
-    Leave();
+    Detach();
     RemoveThrowAway();
     const int error = GuardErrno([&] { return Start(directory, durable); });
     if (!error) return 0;
-    Leave();
+    Detach();
     RemoveThrowAway();
     return error;
 }
@@ -304,7 +303,7 @@ int StartHost(const char *directory, bool durable)
 void StopHost()
 {
     Exclusive alone;
-    Leave();
+    Detach();
     RemoveThrowAway();
     unsetenv(ENVIRONMENT_DIRECTORY);
     unsetenv(ENVIRONMENT_DURABILITY);

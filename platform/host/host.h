@@ -1,23 +1,26 @@
 // The host that this process is on: a directory, named by the environment or by vshost_start, attached
 // at the first call that needs it.
-#ifndef PLATFORM_HOST_HOST_H
-#define PLATFORM_HOST_HOST_H
+#pragma once
 
 #include <memory>
 #include <string>
 
 #include "platform/host/control.h"
 #include "platform/host/engine.h"
-#include "platform/host/host_lock.h"
 #include "platform/host/locations.h"
+#include "platform/host/use_lock.h"
 
 namespace vshost {
 
+struct HostOptions {
+    std::string directory;
+    Durability durability = Durability::DISK;
+    bool create = false; // makes the directory when it is missing
+};
+
 class Host {
 public:
-    // Opens the host in `directory`, with `create` making the directory when it is missing.
-    static VsStatus Open(const std::string &directory, Durability durability, bool create,
-                         std::unique_ptr<Host> &host, std::string &message);
+    static VsStatus Open(const HostOptions &options, std::unique_ptr<Host> &host, std::string &message);
 
     const std::string &Directory() const { return directory; }
     Durability Durable() const { return durability; }
@@ -26,14 +29,13 @@ public:
     void AbandonAfterFork();
 
 private:
-    Host(std::string directory, Durability durability)
-        : directory(std::move(directory)), durability(durability)
+    explicit Host(const HostOptions &options) : directory(options.directory), durability(options.durability)
     {}
     void StartOnce();
 
     const std::string directory;
     const Durability durability;
-    HostLock lock;
+    UseLock lock;
     std::unique_ptr<Control> control;
     std::unique_ptr<Engine> engine;
 };
@@ -51,6 +53,7 @@ public:
     Host *operator->() const { return host; }
     explicit operator bool() const { return host != nullptr; }
     Control *GetControl() const { return host ? &host->GetControl() : nullptr; }
+    Faults *GetFaults() const { return host ? &host->GetControl().GetFaults() : nullptr; }
 
     // Why there is no host: STATUS_OK when none was named.
     VsStatus Status() const;
@@ -77,6 +80,4 @@ void SetChildEnvironment(const std::string &directory, Durability durability);
 // The folder of this library, tybel and the preload.
 std::string PlatformDirectory();
 
-} // namespace vshost
-
-#endif
+}

@@ -17,7 +17,7 @@ VsStatus ListPlugs(Reader &reader, std::vector<NamedPlug> &plugs)
     return ScanRows(reader, PlugKey(""), [&](std::string_view interface, std::string_view row) {
         NamedPlug &entry = plugs.emplace_back();
         entry.interface = interface;
-        return TakeRecord(row, entry.plug);
+        return DecodeRecord(row, entry.plug);
     });
 }
 
@@ -40,7 +40,7 @@ VsStatus RemoveTransientPlugs(Transaction &transaction)
 {
     return RemoveAll(transaction, PlugKey(""), [](std::string_view row) {
         Plug plug;
-        return TakeRecord(row, plug) && !plug.IsKept();
+        return DecodeRecord(row, plug) && !plug.IsKept();
     });
 }
 

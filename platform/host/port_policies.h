@@ -1,6 +1,5 @@
 // Port policies by which the driver lists ports. The store keeps, for each of them, which ports they are on.
-#ifndef PLATFORM_DRIVER_PORT_POLICIES_H
-#define PLATFORM_DRIVER_PORT_POLICIES_H
+#pragma once
 
 #include <array>
 #include <string_view>
@@ -28,5 +27,3 @@ inline constexpr PortPolicy SINK{"sink", KEY_ETH_FILTER, IsSinkPort};
 inline constexpr std::array PORT_POLICIES{LEARNING, MIRRORED, SINK};
 
 }
-
-#endif

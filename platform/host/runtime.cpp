@@ -53,8 +53,10 @@ std::string BigEndian16(uint16_t number) { return BigEndian(number).substr(2); }
 // The part of a key behind the prefix.
 std::string_view Rest(std::string_view key, std::string_view prefix) { return key.substr(prefix.size()); }
 
+VsStatus AbsentIsOk(VsStatus status) { return status == STATUS_NOT_FOUND ? STATUS_OK : status; }
+
 // A NIC's name as it stands in keys, behind its length; false when it is not whole.
-bool TakeName(std::string_view rest, std::string &name)
+bool DecodeName(std::string_view rest, std::string &name)
 {
     if (rest.empty() || rest.size() - 1 != static_cast<unsigned char>(rest[0])) return false;
     name = rest.substr(1);
@@ -78,22 +80,22 @@ VsStatus Store(Transaction &transaction, std::string_view name, const Nic &nic)
 }
 
 // The first free NIC.
-VsStatus TakeFreeNic(Transaction &transaction, std::string &name, Nic &nic)
+VsStatus PickFreeNic(Transaction &transaction, NamedNic &named)
 {
     bool any = false, whole = true;
     const std::string prefix = Key({RUN, "free", ""});
     VsStatus status = transaction.Scan(prefix, [&](std::string_view key, std::string_view) {
         any = true;
-        whole = TakeName(Rest(key, prefix), name);
+        whole = DecodeName(Rest(key, prefix), named.name);
         return false;
     });
     if (!whole) return STATUS_IO_ERROR;
     if (status || !any) return status ? status : STATUS_NOT_FOUND;
-    status = GetRecord(transaction, runtime::NicKey(name), nic);
+    status = GetRecord(transaction, runtime::NicKey(named.name), named.nic);
     return status == STATUS_NOT_FOUND ? STATUS_IO_ERROR : status;
 }
 
-VsStatus MakeNic(Transaction &transaction, std::string &name, Nic &nic)
+VsStatus MakeNic(Transaction &transaction, NamedNic &made)
 {
     const std::string prefix = Key({RUN, "demand", ""});
     uint32_t number = 0;
@@ -101,35 +103,34 @@ VsStatus MakeNic(Transaction &transaction, std::string &name, Nic &nic)
     VsStatus status = transaction.Scan(
         prefix,
         [&](std::string_view key, std::string_view) {
-            whole = Rest(key, prefix).size() == sizeof number;
+            whole = Rest(key, prefix).size() == sizeof(number);
             if (whole) number = FromBigEndian(Rest(key, prefix)) + 1;
             return false;
         },
         Order::BACKWARD);
     if (!whole) return STATUS_IO_ERROR;
     while (!status) {
-        name = "nic" + std::to_string(number);
-        status = GetRecord(transaction, runtime::NicKey(name), nic);
-        if (status == STATUS_OK) ++number;
+        made.name = "nic" + std::to_string(number);
+        status = GetRecord(transaction, runtime::NicKey(made.name), made.nic);
+        if (status == STATUS_OK) number++;
     }
     if (status != STATUS_NOT_FOUND) return status;
-    nic = Nic{};
-    nic.madeOnDemand = 1;
-    return transaction.Put(OnDemandKey(number), name);
+    made.nic = Nic{};
+    made.nic.madeOnDemand = 1;
+    return transaction.Put(OnDemandKey(number), made.name);
 }
 
-VsStatus Bind(Transaction &transaction, std::string_view name, Nic nic, std::string_view switchId,
-              std::string_view portId)
+VsStatus Bind(Transaction &transaction, NamedNic named, std::string_view switchId, std::string_view portId)
 {
-    SetField(nic.switchId, switchId);
-    SetField(nic.portId, portId);
-    const VsStatus status = transaction.Put(BoundKey(switchId, portId), name);
-    return status ? status : Store(transaction, name, nic);
+    SetField(named.nic.switchId, switchId);
+    SetField(named.nic.portId, portId);
+    const VsStatus status = transaction.Put(BoundKey(switchId, portId), named.name);
+    return status ? status : Store(transaction, named.name, named.nic);
 }
 
 // The NIC that is kept for an uplink port under any name of its switch.
-VsStatus TakeClaimedNic(Transaction &transaction, std::string_view switchId, std::string_view portId,
-                        std::string &name, Nic &nic)
+VsStatus PickClaimedNic(Transaction &transaction, std::string_view switchId, std::string_view portId,
+                        NamedNic &named)
 {
     bool any = false;
     VsStatus status = transaction.Scan(Key({RUN, "claim", ""}), [&](std::string_view, std::string_view) {
@@ -137,25 +138,27 @@ VsStatus TakeClaimedNic(Transaction &transaction, std::string_view switchId, std
         return false;
     });
     if (status || !any) return status ? status : STATUS_NOT_FOUND;
-    Property alias;
+    StoredProperty alias;
     std::string portset;
-    status = GetProperty(transaction, {Level::GLOBAL, switchId}, KEY_ALIAS, alias);
-    if (!status || status == STATUS_NOT_FOUND) status = PortsetOfSwitch(transaction, switchId, portset);
-    if (status && status != STATUS_NOT_FOUND) return status;
-    status = STATUS_NOT_FOUND;
-    for (std::string_view switchName : {Text(alias.value), switchId, std::string_view(portset)})
-        if (status == STATUS_NOT_FOUND) status = transaction.Get(ClaimKey(switchName, portId), name);
-    return status ? status : GetRecord(transaction, runtime::NicKey(name), nic);
+    status = GetProperty(transaction, {StoredLevel::GLOBAL, switchId}, KEY_ALIAS, alias);
+    if (AbsentIsOk(status)) return status;
+    status = PortsetOfSwitch(transaction, switchId, portset);
+    if (AbsentIsOk(status)) return status;
+    for (std::string_view switchName : {Text(alias.value), switchId, std::string_view(portset)}) {
+        status = transaction.Get(ClaimKey(switchName, portId), named.name);
+        if (status == STATUS_NOT_FOUND) continue;
+        return status ? status : GetRecord(transaction, runtime::NicKey(named.name), named.nic);
+    }
+    return STATUS_NOT_FOUND;
 }
 
 VsStatus BindAnyNic(Transaction &transaction, std::string_view switchId, std::string_view portId)
 {
-    std::string name;
-    Nic nic;
-    VsStatus status = TakeClaimedNic(transaction, switchId, portId, name, nic);
-    if (status == STATUS_NOT_FOUND) status = TakeFreeNic(transaction, name, nic);
-    if (status == STATUS_NOT_FOUND) status = MakeNic(transaction, name, nic);
-    return status ? status : Bind(transaction, name, nic, switchId, portId);
+    NamedNic named;
+    VsStatus status = PickClaimedNic(transaction, switchId, portId, named);
+    if (status == STATUS_NOT_FOUND) status = PickFreeNic(transaction, named);
+    if (status == STATUS_NOT_FOUND) status = MakeNic(transaction, named);
+    return status ? status : Bind(transaction, named, switchId, portId);
 }
 
 // Takes a NIC off its port, and away when it was made for it.
@@ -188,27 +191,34 @@ VsStatus UnclaimHolder(Transaction &transaction, std::string_view switchName, st
 {
     std::string name;
     Nic nic;
-    VsStatus status = transaction.Get(ClaimKey(switchName, portId), name);
-    if (!status) status = GetRecord(transaction, runtime::NicKey(name), nic);
-    if (!status) status = Unclaim(transaction, name, nic);
-    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    if (VsStatus status = transaction.Get(ClaimKey(switchName, portId), name)) return AbsentIsOk(status);
+    if (VsStatus status = GetRecord(transaction, runtime::NicKey(name), nic)) return AbsentIsOk(status);
+    return Unclaim(transaction, name, nic);
+}
+
+// Releases the NIC that is bound to a port, if there is one.
+VsStatus ReleasePort(Transaction &transaction, std::string_view switchId, std::string_view portId)
+{
+    std::string name;
+    if (VsStatus status = transaction.Get(BoundKey(switchId, portId), name)) return AbsentIsOk(status);
+    return AbsentIsOk(ReleaseNic(transaction, name));
 }
 
 // The MTU that was last set for a switch, if it is one.
 VsStatus ReadMtu(Reader &reader, std::string_view switchId, uint32_t &mtu)
 {
-    Property property;
+    StoredProperty property;
     uint32_t stored = 0;
-    const VsStatus status = GetProperty(reader, {Level::GLOBAL, switchId}, KEY_MTU, property);
-    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
-    if (TakeRecord(property.value, stored) && stored >= MIN_MTU && stored <= MAX_MTU) mtu = stored;
+    const VsStatus status = GetProperty(reader, {StoredLevel::GLOBAL, switchId}, KEY_MTU, property);
+    if (status) return AbsentIsOk(status);
+    if (DecodeRecord(property.value, stored) && stored >= MIN_MTU && stored <= MAX_MTU) mtu = stored;
     return STATUS_OK;
 }
 
 // The portset that a switch is to run with; false when none can be started for it.
 bool ReadPortset(Reader &reader, std::string_view switchId, std::string &name, Portset &portset)
 {
-    Switch stored;
+    StoredSwitch stored;
     std::string owner;
     std::vector<std::string> uplinks;
     if (GetSwitch(reader, switchId, stored) || !stored.associated) return false;
@@ -228,14 +238,13 @@ VsStatus StartSwitch(Transaction &transaction, std::string_view switchId)
     if (!ReadPortset(transaction, switchId, name, portset)) return STATUS_OK;
     VsStatus status = AddPortset(transaction, name, portset);
     if (status) return status == STATUS_EXISTS ? STATUS_OK : status;
-    status = ListUplinks(transaction, switchId, uplinks);
-    for (size_t i = 0; i < uplinks.size() && !status; ++i) {
-        NamedNic &uplink = uplinks[i];
-        if (!uplink.nic.TakesMtu(portset.mtu)) continue;
+    if ((status = ListUplinks(transaction, switchId, uplinks))) return status;
+    for (NamedNic &uplink : uplinks) {
+        if (!uplink.nic.AcceptsMtu(portset.mtu)) continue;
         uplink.nic.mtu = portset.mtu;
-        status = PutRecord(transaction, runtime::NicKey(uplink.name), uplink.nic);
+        if ((status = PutRecord(transaction, runtime::NicKey(uplink.name), uplink.nic))) return status;
     }
-    return status;
+    return STATUS_OK;
 }
 
 // The NICs bound to a switch, by port.
@@ -312,7 +321,7 @@ std::string RtmKey(uint32_t command) { return Key({RUN, "rtm", ""}) + BigEndian(
 
 }
 
-bool Nic::TakesMtu(uint32_t wanted) const
+bool Nic::AcceptsMtu(uint32_t wanted) const
 {
     return wanted >= MIN_MTU && wanted <= maxMtu &&
            std::find(std::begin(refusedMtus), std::end(refusedMtus), wanted) == std::end(refusedMtus);
@@ -331,29 +340,30 @@ VsStatus ScanRows(Reader &reader, std::string_view prefix,
 
 VsStatus PortsetOfSwitch(Reader &reader, std::string_view switchId, std::string &portset)
 {
-    Property property;
-    VsStatus status = GetProperty(reader, {Level::HOST, switchId}, KEY_PORTSET, property);
+    StoredProperty property;
+    VsStatus status = GetProperty(reader, {StoredLevel::HOST, switchId}, KEY_PORTSET, property);
     if (status == STATUS_NOT_FOUND)
-        status = GetProperty(reader, {Level::GLOBAL, switchId}, KEY_ALIAS, property);
-    if (!status) portset = Text(property.value);
-    return status;
+        status = GetProperty(reader, {StoredLevel::GLOBAL, switchId}, KEY_ALIAS, property);
+    if (status) return status;
+    portset = Text(property.value);
+    return STATUS_OK;
 }
 
 VsStatus SwitchOfPortset(Reader &reader, std::string_view portset, std::string &switchId)
 {
     VsStatus status = FindSwitchByPortset(reader, portset, switchId);
     if (status != STATUS_NOT_FOUND) return status;
-    std::string named;
-    status = FindSwitchByAlias(reader, portset, switchId);
-    if (!status) status = PortsetOfSwitch(reader, switchId, named);
-    if (!status && named != portset) status = STATUS_NOT_FOUND;
-    if (status) switchId.clear(); // that of a switch with this alias and another portset
-    return status;
+    std::string named, aliased;
+    if ((status = FindSwitchByAlias(reader, portset, aliased))) return status;
+    if ((status = PortsetOfSwitch(reader, aliased, named))) return status;
+    if (named != portset) return STATUS_NOT_FOUND; // this switch has the alias, and another portset
+    switchId = aliased;
+    return STATUS_OK;
 }
 
 VsStatus FindSwitch(Reader &reader, std::string_view name, std::string &switchId)
 {
-    Switch found;
+    StoredSwitch found;
     VsStatus status = FindSwitchByAlias(reader, name, switchId);
     if (status != STATUS_NOT_FOUND) return status;
     switchId = name;
@@ -369,16 +379,15 @@ VsStatus AddPortset(Transaction &transaction, std::string_view name, const Ports
     if ((status = PutRecord(transaction, runtime::PortsetKey(name), portset))) return status;
     std::string switchId;
     status = SwitchOfPortset(transaction, name, switchId);
-    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    if (status) return AbsentIsOk(status);
     return UplinksChanged(transaction, switchId);
 }
 
 VsStatus RemovePortset(Transaction &transaction, std::string_view name)
 {
     Portset portset;
-    VsStatus status = GetRecord(transaction, runtime::PortsetKey(name), portset);
-    if (!status) status = transaction.Remove(runtime::PortsetKey(name));
-    if (status) return status;
+    if (VsStatus status = GetRecord(transaction, runtime::PortsetKey(name), portset)) return status;
+    if (VsStatus status = transaction.Remove(runtime::PortsetKey(name))) return status;
     return ForgetMacs(transaction, runtime::MacPrefix(name, {}));
 }
 
@@ -395,29 +404,28 @@ VsStatus ListNics(Reader &reader, std::vector<NamedNic> &nics)
 {
     return ScanRows(reader, Key({RUN, "nic", ""}), [&](std::string_view rest, std::string_view row) {
         NamedNic &entry = nics.emplace_back();
-        return TakeName(rest, entry.name) && TakeRecord(row, entry.nic);
+        return DecodeName(rest, entry.name) && DecodeRecord(row, entry.nic);
     });
 }
 
 VsStatus PutNic(Transaction &transaction, std::string_view name, Nic nic)
 {
-    VsStatus status = STATUS_OK;
     if (nic.madeOnDemand) {
         nic.madeOnDemand = 0;
-        status = ForgetOnDemand(transaction, name);
+        if (VsStatus status = ForgetOnDemand(transaction, name)) return status;
     }
-    return status ? status : Store(transaction, name, nic);
+    return Store(transaction, name, nic);
 }
 
 VsStatus ListUplinkPorts(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds)
 {
-    Property property;
-    const VsStatus status = GetProperty(reader, {Level::HOST, switchId}, KEY_HOST_UPLINKS, property);
-    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    StoredProperty property;
+    const VsStatus status = GetProperty(reader, {StoredLevel::HOST, switchId}, KEY_HOST_UPLINKS, property);
+    if (status) return AbsentIsOk(status);
     uint32_t count = 0;
-    if (property.value.size() >= sizeof count) memcpy(&count, property.value.data(), sizeof count);
-    for (size_t i = 0, at = sizeof count; i < count && at + UPLINK_ENTRY <= property.value.size();
-         ++i, at += UPLINK_ENTRY) {
+    if (property.value.size() >= sizeof(count)) memcpy(&count, property.value.data(), sizeof(count));
+    for (size_t i = 0, at = sizeof(count); i < count && at + UPLINK_ENTRY <= property.value.size();
+         i++, at += UPLINK_ENTRY) {
         // A field without NUL names no port, nor does an empty one.
         const std::string_view portId = Text(std::string_view(property.value).substr(at, UPLINK_ENTRY));
         if (!portId.empty() && portId.size() < UPLINK_ENTRY) portIds.emplace_back(portId);
@@ -429,18 +437,18 @@ VsStatus ListUplinks(Reader &reader, std::string_view switchId, std::vector<Name
 {
     std::vector<std::string> portIds;
     std::map<std::string, std::string> bound;
-    VsStatus status = ListUplinkPorts(reader, switchId, portIds);
-    if (!status) status = BoundNics(reader, switchId, bound);
-    for (size_t i = 0; i < portIds.size() && !status; ++i) {
-        const auto found = bound.find(portIds[i]);
+    if (VsStatus status = ListUplinkPorts(reader, switchId, portIds)) return status;
+    if (VsStatus status = BoundNics(reader, switchId, bound)) return status;
+    for (const std::string &portId : portIds) {
+        const auto found = bound.find(portId);
         if (found == bound.end()) continue;
         NamedNic &entry = nics.emplace_back();
         entry.name = found->second;
         bound.erase(found);
-        status = GetRecord(reader, runtime::NicKey(entry.name), entry.nic);
-        if (status == STATUS_NOT_FOUND) status = STATUS_IO_ERROR; // what is bound is there
+        const VsStatus status = GetRecord(reader, runtime::NicKey(entry.name), entry.nic);
+        if (status) return status == STATUS_NOT_FOUND ? STATUS_IO_ERROR : status; // a bound NIC has a record
     }
-    return status;
+    return STATUS_OK;
 }
 
 VsStatus BindNic(Transaction &transaction, std::string_view name, std::string_view switchId,
@@ -454,13 +462,11 @@ VsStatus BindNic(Transaction &transaction, std::string_view name, std::string_vi
 
     const std::string oldSwitch(FieldText(nic.switchId)), oldPort(FieldText(nic.portId));
     if (oldSwitch == switchId && oldPort == portId) return STATUS_OK;
-    std::string displaced;
-    VsStatus status = transaction.Get(BoundKey(switchId, portId), displaced);
-    if (!status) status = ReleaseNic(transaction, displaced);
-    if (status && status != STATUS_NOT_FOUND) return status;
-    if (!oldPort.empty() && (status = transaction.Remove(BoundKey(oldSwitch, oldPort)))) return status;
-    if ((status = Bind(transaction, name, nic, switchId, portId))) return status;
-    return oldPort.empty() ? STATUS_OK : UplinksChanged(transaction, oldSwitch);
+    if (VsStatus status = ReleasePort(transaction, switchId, portId)) return status;
+    if (oldPort.empty()) return Bind(transaction, {std::string(name), nic}, switchId, portId);
+    if (VsStatus status = transaction.Remove(BoundKey(oldSwitch, oldPort))) return status;
+    if (VsStatus status = Bind(transaction, {std::string(name), nic}, switchId, portId)) return status;
+    return UplinksChanged(transaction, oldSwitch);
 }
 
 VsStatus RestoreNic(Transaction &transaction, const NamedNic &had, std::string_view switchId,
@@ -471,8 +477,8 @@ VsStatus RestoreNic(Transaction &transaction, const NamedNic &had, std::string_v
     VsStatus status = GetRecord(transaction, runtime::NicKey(had.name), nic);
     const bool isGone = status == STATUS_NOT_FOUND;
     if (isGone && had.nic.madeOnDemand) {
-        status = OnDemandNumber(had.name, number);
-        if (!status) status = transaction.Put(OnDemandKey(number), had.name);
+        if ((status = OnDemandNumber(had.name, number))) return status;
+        status = transaction.Put(OnDemandKey(number), had.name);
         nic.madeOnDemand = 1;
     }
     if (status) return status;
@@ -489,30 +495,28 @@ VsStatus ClaimNic(Transaction &transaction, std::string_view name, std::string_v
                   std::string_view portId)
 {
     Nic nic;
-    VsStatus status = UnclaimHolder(transaction, switchName, portId);
-    if (!status) status = GetRecord(transaction, runtime::NicKey(name), nic);
-    if (!status) status = Unclaim(transaction, name, nic);
+    std::string switchId;
+    if (VsStatus status = UnclaimHolder(transaction, switchName, portId)) return status;
+    if (VsStatus status = GetRecord(transaction, runtime::NicKey(name), nic)) return status;
+    if (VsStatus status = Unclaim(transaction, name, nic)) return status;
     SetField(nic.claimedSwitch, switchName);
     SetField(nic.claimedPort, portId);
-    if (!status) status = transaction.Put(ClaimKey(switchName, portId), name);
-    if (!status) status = PutNic(transaction, name, nic);
-    if (status) return status;
-    std::string switchId;
-    status = FindSwitch(transaction, switchName, switchId);
-    if (!status) status = BindNic(transaction, name, switchId, portId);
-    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    if (VsStatus status = transaction.Put(ClaimKey(switchName, portId), name)) return status;
+    if (VsStatus status = PutNic(transaction, name, nic)) return status;
+    if (VsStatus status = FindSwitch(transaction, switchName, switchId)) return AbsentIsOk(status);
+    return AbsentIsOk(BindNic(transaction, name, switchId, portId));
 }
 
 VsStatus RemoveNic(Transaction &transaction, std::string_view name)
 {
     Nic nic;
-    VsStatus status = GetRecord(transaction, runtime::NicKey(name), nic);
+    if (VsStatus status = GetRecord(transaction, runtime::NicKey(name), nic)) return status;
     const std::string switchId(FieldText(nic.switchId));
-    if (!status) status = Unclaim(transaction, name, nic);
-    if (!status) status = ReleaseNic(transaction, name);
-    if (!status) status = transaction.Remove(FreeNicKey(name));
-    if (!status) status = transaction.Remove(runtime::NicKey(name));
-    return status || switchId.empty() ? status : UplinksChanged(transaction, switchId);
+    if (VsStatus status = Unclaim(transaction, name, nic)) return status;
+    if (VsStatus status = ReleaseNic(transaction, name)) return status;
+    if (VsStatus status = transaction.Remove(FreeNicKey(name))) return status;
+    if (VsStatus status = transaction.Remove(runtime::NicKey(name))) return status;
+    return switchId.empty() ? STATUS_OK : UplinksChanged(transaction, switchId);
 }
 
 VsStatus ReleaseNic(Transaction &transaction, std::string_view name)
@@ -526,23 +530,24 @@ VsStatus UplinksChanged(Transaction &transaction, std::string_view switchId)
 {
     std::vector<std::string> portIds;
     std::map<std::string, std::string> bound;
-    VsStatus status = ListUplinkPorts(transaction, switchId, portIds);
-    if (!status) status = BoundNics(transaction, switchId, bound);
-    for (const auto &[portId, nic] : bound)
-        if (!status && std::find(portIds.begin(), portIds.end(), portId) == portIds.end())
-            status = ReleaseNic(transaction, nic);
-    for (const std::string &portId : portIds) {
-        if (status) break;
-        if (bound.emplace(portId, std::string()).second) status = BindAnyNic(transaction, switchId, portId);
+    if (VsStatus status = ListUplinkPorts(transaction, switchId, portIds)) return status;
+    if (VsStatus status = BoundNics(transaction, switchId, bound)) return status;
+    for (const auto &[portId, nic] : bound) {
+        if (std::find(portIds.begin(), portIds.end(), portId) != portIds.end()) continue;
+        if (VsStatus status = ReleaseNic(transaction, nic)) return status;
     }
-    return status;
+    for (const std::string &portId : portIds) {
+        if (!bound.emplace(portId, std::string()).second) continue;
+        if (VsStatus status = BindAnyNic(transaction, switchId, portId)) return status;
+    }
+    return STATUS_OK;
 }
 
 VsStatus PortRemoved(Transaction &transaction, std::string_view switchId, std::string_view portId)
 {
     std::string portset;
     const VsStatus status = PortsetOfSwitch(transaction, switchId, portset);
-    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    if (status) return AbsentIsOk(status);
     return ForgetMacs(transaction, runtime::MacPrefix(portset, portId));
 }
 
@@ -555,13 +560,14 @@ bool IsNodeName(std::string_view name, size_t longest)
 VsStatus StartSwitches(Transaction &transaction)
 {
     std::vector<std::string> switchIds;
-    VsStatus status = ForEachSwitch(transaction, [&](std::string_view switchId, std::string_view) {
+    const auto collect = [&](std::string_view switchId, std::string_view) {
         switchIds.emplace_back(switchId);
         return true;
-    });
-    for (size_t i = 0; i < switchIds.size() && !status; ++i)
-        status = StartSwitch(transaction, switchIds[i]);
-    return status;
+    };
+    if (VsStatus status = ForEachSwitch(transaction, collect)) return status;
+    for (const std::string &switchId : switchIds)
+        if (VsStatus status = StartSwitch(transaction, switchId)) return status;
+    return STATUS_OK;
 }
 
 VsStatus ResetRuntime(Transaction &transaction)

@@ -1,7 +1,6 @@
 // The host's runtime tables: what runs, and what is plugged in. They live beside the stored tables, in
 // records of fixed size, and end when the host is reset.
-#ifndef PLATFORM_DRIVER_RUNTIME_H
-#define PLATFORM_DRIVER_RUNTIME_H
+#pragma once
 
 #include <cstring>
 #include <string>
@@ -52,7 +51,7 @@ struct Nic {
     bool IsBound() const { return portId[0] != 0; }
     bool IsClaimed() const { return claimedPort[0] != 0; }
     bool LinkUp() const { return link && adminUp; }
-    bool TakesMtu(uint32_t mtu) const;
+    bool AcceptsMtu(uint32_t mtu) const;
 };
 
 struct NamedNic {
@@ -92,10 +91,10 @@ std::string RtmKey(uint32_t command);
 }
 
 // Takes a record from the bytes of a row; false when they are not exactly one.
-template<class Record> bool TakeRecord(std::string_view row, Record &record)
+template<class Record> bool DecodeRecord(std::string_view row, Record &record)
 {
-    if (row.size() != sizeof record) return false;
-    memcpy(static_cast<void *>(&record), row.data(), sizeof record);
+    if (row.size() != sizeof(record)) return false;
+    memcpy(static_cast<void *>(&record), row.data(), sizeof(record));
     return true;
 }
 
@@ -109,14 +108,14 @@ template<class Record> VsStatus GetRecord(Reader &reader, std::string_view key, 
 {
     std::string value;
     if (VsStatus status = reader.Get(key, value)) return status;
-    return TakeRecord(value, record) ? STATUS_OK : STATUS_IO_ERROR;
+    return DecodeRecord(value, record) ? STATUS_OK : STATUS_IO_ERROR;
 }
 
 template<class Record>
 VsStatus PutRecord(Transaction &transaction, std::string_view key, const Record &record)
 {
     static_assert(std::has_unique_object_representations_v<Record>, "padding would be stored");
-    return transaction.Put(key, {reinterpret_cast<const char *>(&record), sizeof record});
+    return transaction.Put(key, {reinterpret_cast<const char *>(&record), sizeof(record)});
 }
 
 // The text of a field that is NUL-terminated unless it is full.
@@ -183,5 +182,3 @@ VsStatus StartSwitches(Transaction &transaction);
 VsStatus ResetRuntime(Transaction &transaction);
 
 }
-
-#endif

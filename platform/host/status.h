@@ -1,6 +1,5 @@
 // Status codes of the platform: one code space for the store, its cache and its bundles.
-#ifndef PLATFORM_HOST_STATUS_H
-#define PLATFORM_HOST_STATUS_H
+#pragma once
 
 #include <cerrno>
 #include <cstdint>
@@ -60,6 +59,4 @@ constexpr int ErrnoOf(VsStatus status, int absent = ENOENT)
     }
 }
 
-} // namespace vshost
-
-#endif
+}

@@ -13,9 +13,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <vector>
 
-#include "platform/host/bundle.h"
 #include "platform/host/runtime.h"
 
 namespace vshost {
@@ -44,8 +44,8 @@ std::string ListedKey(std::string_view switchId, const PortPolicy &policy, std::
 
 std::string BundleKey(const PropertyOwner &owner)
 {
-    if (owner.level == Level::PORT) return PortKey(owner.switchId, owner.portId);
-    return Key({owner.level == Level::GLOBAL ? "global" : "host", owner.switchId});
+    if (owner.level == StoredLevel::PORT) return PortKey(owner.switchId, owner.portId);
+    return Key({owner.level == StoredLevel::GLOBAL ? "global" : "host", owner.switchId});
 }
 
 std::string_view LastField(std::string_view key) { return key.substr(key.rfind('\0') + 1); }
@@ -62,7 +62,7 @@ uint32_t WordAt(std::string_view bytes, size_t offset)
     return word;
 }
 
-std::string EncodeSwitch(const Switch &source)
+std::string EncodeSwitch(const StoredSwitch &source)
 {
     std::string row;
     for (uint32_t word : {source.ports, source.version, uint32_t{source.associated}})
@@ -77,14 +77,14 @@ std::string WalkPrefix(std::string_view portset)
         {"walk", BigEndian(WITHOUT_PORTSET - 1 - static_cast<uint32_t>(portset.size())) += portset, ""});
 }
 
-std::string WalkKey(const Property *portset, std::string_view switchId)
+std::string WalkKey(const StoredProperty *portset, std::string_view switchId)
 {
     if (portset) return WalkPrefix(Text(portset->value)).append(switchId);
     return Key({"walk", BigEndian(WITHOUT_PORTSET), switchId});
 }
 
 // A row that holds a bundle: a port's begins with its number.
-size_t BundleOffset(Level level) { return level == Level::PORT ? WORD : 0; }
+size_t BundleOffset(StoredLevel level) { return level == StoredLevel::PORT ? WORD : 0; }
 
 // The row of an owner's properties, checked. A switch without properties of a level has no row.
 VsStatus GetRow(Reader &reader, const PropertyOwner &owner, std::string &row)
@@ -98,14 +98,14 @@ VsStatus GetRow(Reader &reader, const PropertyOwner &owner, std::string &row)
 VsStatus GetRowToChange(Transaction &transaction, const PropertyOwner &owner, std::string &row)
 {
     const VsStatus status = GetRow(transaction, owner, row);
-    if (status != STATUS_NOT_FOUND || owner.level == Level::PORT) return status;
+    if (status != STATUS_NOT_FOUND || owner.level == StoredLevel::PORT) return status;
     row = EmptyBundle();
     std::string switchRow;
     return transaction.Get(SwitchKey(owner.switchId), switchRow);
 }
 
 // Applies `change` to the bundle within a row; what it refuses leaves the row of no use.
-template<typename Change> bool ChangeBundle(std::string &row, Level level, Change change)
+template<typename Change> bool ChangeBundle(std::string &row, StoredLevel level, Change change)
 {
     const size_t offset = BundleOffset(level);
     const std::string number = row.substr(0, offset);
@@ -115,26 +115,34 @@ template<typename Change> bool ChangeBundle(std::string &row, Level level, Chang
     return true;
 }
 
-VsStatus MoveAlias(Transaction &transaction, std::string_view switchId, const Property *before,
-                   const Property *after)
+// A property before and after a change; null where it is absent.
+struct PropertyChange {
+    const PropertyOwner &owner;
+    std::string_view key;
+    const StoredProperty *before;
+    const StoredProperty *after;
+};
+
+VsStatus MoveAlias(Transaction &transaction, const PropertyChange &change)
 {
-    std::string owner;
-    if (after) {
-        const VsStatus status = transaction.Get(AliasKey(Text(after->value)), owner);
-        if (status == STATUS_OK) return owner == switchId ? STATUS_OK : STATUS_EXISTS;
+    std::string holder;
+    if (change.after) {
+        const std::string key = AliasKey(Text(change.after->value));
+        const VsStatus status = transaction.Get(key, holder);
+        if (status == STATUS_OK) return holder == change.owner.switchId ? STATUS_OK : STATUS_EXISTS;
         if (status != STATUS_NOT_FOUND) return status;
-        if (VsStatus put = transaction.Put(AliasKey(Text(after->value)), switchId)) return put;
+        if (VsStatus put = transaction.Put(key, change.owner.switchId)) return put;
     }
-    return before ? transaction.Remove(AliasKey(Text(before->value))) : STATUS_OK;
+    return change.before ? transaction.Remove(AliasKey(Text(change.before->value))) : STATUS_OK;
 }
 
-VsStatus MoveInWalk(Transaction &transaction, std::string_view switchId, const Property *before,
-                    const Property *after)
+VsStatus MoveInWalk(Transaction &transaction, const PropertyChange &change)
 {
-    Switch found;
+    StoredSwitch found;
+    const std::string_view switchId = change.owner.switchId;
     if (VsStatus status = GetSwitch(transaction, switchId, found)) return status;
-    if (VsStatus status = transaction.Remove(WalkKey(before, switchId))) return status;
-    return transaction.Put(WalkKey(after, switchId), found.className);
+    if (VsStatus status = transaction.Remove(WalkKey(change.before, switchId))) return status;
+    return transaction.Put(WalkKey(change.after, switchId), found.className);
 }
 
 VsStatus PutCount(Transaction &transaction, std::string_view switchId, uint32_t ports)
@@ -142,13 +150,13 @@ VsStatus PutCount(Transaction &transaction, std::string_view switchId, uint32_t 
     return transaction.Put(CountKey(switchId), {reinterpret_cast<const char *>(&ports), WORD});
 }
 
-VsStatus ListByPolicy(Transaction &transaction, const PropertyOwner &port, std::string_view key,
-                      const Property *before, const Property *after)
+VsStatus ListByPolicy(Transaction &transaction, const PropertyChange &change)
 {
     for (const PortPolicy &policy : PORT_POLICIES) {
-        if (policy.key != key) continue;
-        const bool was = before && policy.isOn(before->value), is = after && policy.isOn(after->value);
-        const std::string entry = ListedKey(port.switchId, policy, port.portId);
+        if (policy.key != change.key) continue;
+        const bool was = change.before && policy.isOn(change.before->value);
+        const bool is = change.after && policy.isOn(change.after->value);
+        const std::string entry = ListedKey(change.owner.switchId, policy, change.owner.portId);
         if (was != is) return is ? transaction.Put(entry, {}) : transaction.Remove(entry);
     }
     return STATUS_OK;
@@ -186,30 +194,27 @@ VsStatus PutAll(Transaction &transaction, const std::vector<std::string> &keys)
     return STATUS_OK;
 }
 
-// Keeps what is derived from a property in step with it; `before` and `after` are null when it is absent.
-VsStatus PropertyChanged(Transaction &transaction, const PropertyOwner &owner, std::string_view key,
-                         const Property *before, const Property *after)
+// Keeps what is derived from a property in step with it.
+VsStatus PropertyChanged(Transaction &transaction, const PropertyChange &change)
 {
-    if (owner.level == Level::GLOBAL && key == KEY_ALIAS)
-        return MoveAlias(transaction, owner.switchId, before, after);
-    if (owner.level == Level::HOST && key == KEY_PORTSET)
-        return MoveInWalk(transaction, owner.switchId, before, after);
-    if (owner.level == Level::HOST && key == KEY_HOST_UPLINKS)
+    const PropertyOwner &owner = change.owner;
+    if (owner.level == StoredLevel::GLOBAL && change.key == KEY_ALIAS) return MoveAlias(transaction, change);
+    if (owner.level == StoredLevel::HOST && change.key == KEY_PORTSET) return MoveInWalk(transaction, change);
+    if (owner.level == StoredLevel::HOST && change.key == KEY_HOST_UPLINKS)
         return UplinksChanged(transaction, owner.switchId);
-    if (owner.level == Level::PORT) return ListByPolicy(transaction, owner, key, before, after);
+    if (owner.level == StoredLevel::PORT) return ListByPolicy(transaction, change);
     return STATUS_OK;
 }
 
-// Stores a changed row and follows the change.
-VsStatus PutRow(Transaction &transaction, const PropertyOwner &owner, std::string_view row,
-                std::string_view key, const Property *before, const Property *after)
+// Stores the row of a changed property, and what is derived from the property.
+VsStatus PutRow(Transaction &transaction, std::string_view row, const PropertyChange &change)
 {
-    if (owner.level != Level::PORT) transaction.InvalidateCaches();
-    if (VsStatus status = transaction.Put(BundleKey(owner), row)) return status;
-    return PropertyChanged(transaction, owner, key, before, after);
+    if (change.owner.level != StoredLevel::PORT) transaction.InvalidateCaches();
+    if (VsStatus status = transaction.Put(BundleKey(change.owner), row)) return status;
+    return PropertyChanged(transaction, change);
 }
 
-bool FindInRow(std::string_view row, Level level, std::string_view key, Property &found)
+bool FindInRow(std::string_view row, StoredLevel level, std::string_view key, StoredProperty &found)
 {
     BundleEntry entry;
     if (!FindEntry(row.substr(BundleOffset(level)), key, entry)) return false;
@@ -220,7 +225,7 @@ bool FindInRow(std::string_view row, Level level, std::string_view key, Property
 
 // The lowest number that is free. When none of those ever used is, they are 1 to the highest in use. Either
 // stands last.
-VsStatus TakeNumber(Transaction &transaction, uint32_t &number)
+VsStatus AllocateNumber(Transaction &transaction, uint32_t &number)
 {
     bool wasFree = false, whole = true;
     number = 0;
@@ -259,7 +264,7 @@ std::string PortRow(uint32_t number, std::string_view bundle)
     return row + withStatus;
 }
 
-// Takes a free number, and frees another one in its place.
+// Uses a free number, and frees another number in its place.
 VsStatus SwapFreeNumber(Transaction &transaction, uint32_t taken, uint32_t freed)
 {
     std::string entry;
@@ -275,7 +280,7 @@ VsStatus PutPortNumber(Transaction &transaction, const PortName &port, uint32_t 
 {
     std::string row;
     BundleEntry entry;
-    const PropertyOwner owner{Level::PORT, port.switchId, port.portId};
+    const PropertyOwner owner{StoredLevel::PORT, port.switchId, port.portId};
     if (VsStatus status = GetRow(transaction, owner, row)) return status;
     std::string bundle = row.substr(WORD);
     if (FindEntry(bundle, KEY_PORT_STATUS, entry) && entry.value.size() >= STATUS_NUMBER + WORD) {
@@ -290,27 +295,27 @@ VsStatus PutPortNumber(Transaction &transaction, const PortName &port, uint32_t 
     return transaction.Put(BundleKey(owner), row + bundle);
 }
 
-// Absent rows are STATUS_OK here: a level without properties.
-VsStatus FindAny(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &property,
-                 bool &found)
+// A property that may be absent: STATUS_OK then too.
+VsStatus FindProperty(Reader &reader, const PropertyOwner &owner, std::string_view key,
+                      std::optional<StoredProperty> &found)
 {
+    StoredProperty property;
     const VsStatus status = GetProperty(reader, owner, key, property);
-    found = status == STATUS_OK;
+    if (status == STATUS_OK) found = std::move(property);
     return status == STATUS_NOT_FOUND ? STATUS_OK : status;
 }
 
 VsStatus RemoveIndexes(Transaction &transaction, std::string_view switchId)
 {
-    Property property;
-    bool found;
-    if (VsStatus status = FindAny(transaction, {Level::GLOBAL, switchId}, KEY_ALIAS, property, found))
+    std::optional<StoredProperty> alias, portset;
+    if (VsStatus status = FindProperty(transaction, {StoredLevel::GLOBAL, switchId}, KEY_ALIAS, alias))
         return status;
-    if (found) {
-        if (VsStatus status = transaction.Remove(AliasKey(Text(property.value)))) return status;
+    if (alias) {
+        if (VsStatus status = transaction.Remove(AliasKey(Text(alias->value)))) return status;
     }
-    if (VsStatus status = FindAny(transaction, {Level::HOST, switchId}, KEY_PORTSET, property, found))
+    if (VsStatus status = FindProperty(transaction, {StoredLevel::HOST, switchId}, KEY_PORTSET, portset))
         return status;
-    return transaction.Remove(WalkKey(found ? &property : nullptr, switchId));
+    return transaction.Remove(WalkKey(portset ? &*portset : nullptr, switchId));
 }
 
 VsStatus RemovePorts(Transaction &transaction, std::string_view switchId)
@@ -323,7 +328,7 @@ VsStatus RemovePorts(Transaction &transaction, std::string_view switchId)
         return true;
     };
     if (VsStatus status = transaction.Scan(PortKey(switchId, ""), collect)) return status;
-    for (size_t i = 0; i < keys.size(); ++i) {
+    for (size_t i = 0; i < keys.size(); i++) {
         if (VsStatus status = ReleaseNumber(transaction, numbers[i])) return status;
         if (VsStatus status = transaction.Remove(keys[i])) return status;
     }
@@ -358,16 +363,17 @@ std::string_view Text(std::string_view value) { return value.substr(0, value.fin
 VsStatus RemoveAll(Transaction &transaction, std::string_view prefix, bool (*matches)(std::string_view))
 {
     std::vector<std::string> keys;
-    VsStatus status = transaction.Scan(prefix, [&](std::string_view key, std::string_view value) {
+    const auto collect = [&](std::string_view key, std::string_view value) {
         if (!matches || matches(value)) keys.emplace_back(key);
         return true;
-    });
-    for (size_t i = 0; i < keys.size() && !status; ++i)
-        status = transaction.Remove(keys[i]);
-    return status;
+    };
+    if (VsStatus status = transaction.Scan(prefix, collect)) return status;
+    for (const std::string &key : keys)
+        if (VsStatus status = transaction.Remove(key)) return status;
+    return STATUS_OK;
 }
 
-VsStatus GetSwitch(Reader &reader, std::string_view switchId, Switch &found)
+VsStatus GetSwitch(Reader &reader, std::string_view switchId, StoredSwitch &found)
 {
     std::string row;
     if (VsStatus status = reader.Get(SwitchKey(switchId), row)) return status;
@@ -376,10 +382,10 @@ VsStatus GetSwitch(Reader &reader, std::string_view switchId, Switch &found)
     return STATUS_OK;
 }
 
-VsStatus AddSwitch(Transaction &transaction, std::string_view switchId, const Switch &added)
+VsStatus AddSwitch(Transaction &transaction, std::string_view switchId, const StoredSwitch &added)
 {
     if (switchId.empty() || switchId.size() > MAX_SWITCH_ID) return STATUS_BAD_PARAM;
-    Switch existing;
+    StoredSwitch existing;
     const VsStatus status = GetSwitch(transaction, switchId, existing);
     if (status != STATUS_NOT_FOUND) return status == STATUS_OK ? STATUS_EXISTS : status;
     transaction.InvalidateCaches();
@@ -390,7 +396,7 @@ VsStatus AddSwitch(Transaction &transaction, std::string_view switchId, const Sw
 
 VsStatus RemoveSwitch(Transaction &transaction, std::string_view switchId)
 {
-    Switch existing;
+    StoredSwitch existing;
     if (VsStatus status = GetSwitch(transaction, switchId, existing)) return status;
     transaction.InvalidateCaches();
     if (VsStatus status = RemovePorts(transaction, switchId)) return status;
@@ -404,7 +410,7 @@ VsStatus RemoveSwitch(Transaction &transaction, std::string_view switchId)
 
 VsStatus AssociateSwitch(Transaction &transaction, std::string_view switchId, bool associated)
 {
-    Switch existing;
+    StoredSwitch existing;
     if (VsStatus status = GetSwitch(transaction, switchId, existing)) return status;
     existing.associated = associated;
     transaction.InvalidateCaches();
@@ -501,7 +507,7 @@ VsStatus AddPort(Transaction &transaction, std::string_view switchId, std::strin
     std::vector<std::string> listed;
     AddListedKeys(switchId, portId, bundle, listed);
     if (VsStatus status = CountPorts(transaction, switchId, ports)) return status;
-    if (VsStatus status = TakeNumber(transaction, number)) return status;
+    if (VsStatus status = AllocateNumber(transaction, number)) return status;
     if (VsStatus status = transaction.Put(NumberKey(number), Key({switchId, portId}))) return status;
     if (VsStatus status = PutCount(transaction, switchId, ports + 1)) return status;
     if (VsStatus status = PutAll(transaction, listed)) return status;
@@ -540,7 +546,7 @@ VsStatus RestorePortNumber(Transaction &transaction, const PortName &port, uint3
     return PutPortNumber(transaction, port, number);
 }
 
-VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &found)
+VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, StoredProperty &found)
 {
     std::string row;
     if (VsStatus status = GetRow(reader, owner, row)) return status;
@@ -557,28 +563,27 @@ VsStatus ListProperties(Reader &reader, const PropertyOwner &owner, std::vector<
     return STATUS_OK;
 }
 
-VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key,
-                     uint32_t flags, std::string_view value)
+VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, const BundleEntry &property)
 {
     std::string row;
     if (VsStatus status = GetRowToChange(transaction, owner, row)) return status;
-    Property before;
-    const bool existed = FindInRow(row, owner.level, key, before);
-    const auto put = [&](std::string &bundle) { return PutEntry(bundle, {key, flags, value}); };
+    StoredProperty before;
+    const bool existed = FindInRow(row, owner.level, property.key, before);
+    const auto put = [&](std::string &bundle) { return PutEntry(bundle, property); };
     if (!ChangeBundle(row, owner.level, put)) return STATUS_TOO_LARGE;
-    const Property after{flags, std::string(value)};
-    return PutRow(transaction, owner, row, key, existed ? &before : nullptr, &after);
+    const StoredProperty after{property.flags, std::string(property.value)};
+    return PutRow(transaction, row, {owner, property.key, existed ? &before : nullptr, &after});
 }
 
 VsStatus ClearProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key)
 {
     std::string row;
     if (VsStatus status = GetRow(transaction, owner, row)) return status;
-    Property before;
+    StoredProperty before;
     if (!FindInRow(row, owner.level, key, before)) return STATUS_NOT_FOUND;
     const auto remove = [&](std::string &bundle) { return RemoveEntry(bundle, key); };
     ChangeBundle(row, owner.level, remove);
-    return PutRow(transaction, owner, row, key, &before, nullptr);
+    return PutRow(transaction, row, {owner, key, &before, nullptr});
 }
 
 }

@@ -1,8 +1,7 @@
 // The host's stored tables, typed: switches, ports with their kernel numbers, and properties.
 // All of them take a Reader (the engine or a transaction) or, to change something, a Transaction.
 // An unknown switch, port or property is STATUS_NOT_FOUND; a damaged row is STATUS_IO_ERROR.
-#ifndef PLATFORM_HOST_TABLES_H
-#define PLATFORM_HOST_TABLES_H
+#pragma once
 
 #include <cstddef>
 #include <functional>
@@ -10,8 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/host/engine.h"
+#include "platform/host/bundle.h"
 #include "platform/host/port_policies.h"
+#include "platform/host/transaction.h"
 
 namespace vshost {
 
@@ -23,21 +23,21 @@ inline constexpr std::string_view KEY_PORTSET = "com.talpex.common.host.portset"
 inline constexpr std::string_view KEY_HOST_UPLINKS = "com.talpex.common.host.uplinkPorts";
 inline constexpr std::string_view KEY_PORT_STATUS = "com.talpex.common.port.volatile.status";
 
-enum class Level : uint32_t { GLOBAL, HOST, PORT };
+enum class StoredLevel : uint32_t { GLOBAL, HOST, PORT };
 
 // Where properties hang: a switch, this host's view of it, or one of its ports.
 struct PropertyOwner {
-    Level level;
+    StoredLevel level;
     std::string_view switchId;
     std::string_view portId = {};
 };
 
-struct Property {
+struct StoredProperty {
     uint32_t flags = 0;
     std::string value;
 };
 
-struct Switch {
+struct StoredSwitch {
     std::string className;
     uint32_t ports = 0;
     uint32_t version = 0;
@@ -63,8 +63,8 @@ std::string_view Text(std::string_view value);
 VsStatus RemoveAll(Transaction &transaction, std::string_view prefix,
                    bool (*matches)(std::string_view value) = nullptr);
 
-VsStatus GetSwitch(Reader &reader, std::string_view switchId, Switch &found);
-VsStatus AddSwitch(Transaction &transaction, std::string_view switchId, const Switch &added);
+VsStatus GetSwitch(Reader &reader, std::string_view switchId, StoredSwitch &found);
+VsStatus AddSwitch(Transaction &transaction, std::string_view switchId, const StoredSwitch &added);
 VsStatus RemoveSwitch(Transaction &transaction, std::string_view switchId);
 VsStatus AssociateSwitch(Transaction &transaction, std::string_view switchId, bool associated);
 VsStatus FindSwitchByAlias(Reader &reader, std::string_view alias, std::string &switchId);
@@ -93,7 +93,7 @@ VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::st
 // has the number takes the port's own instead; that of another switch keeps it: STATUS_EXISTS.
 VsStatus RestorePortNumber(Transaction &transaction, const PortName &port, uint32_t number);
 
-VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, Property &found);
+VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, StoredProperty &found);
 // What a property is called, and how long it is.
 struct PropertyName {
     std::string key;
@@ -102,10 +102,7 @@ struct PropertyName {
 };
 // Adds the properties of an owner; none when it has no row.
 VsStatus ListProperties(Reader &reader, const PropertyOwner &owner, std::vector<PropertyName> &names);
-VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key,
-                     uint32_t flags, std::string_view value);
+VsStatus SetProperty(Transaction &transaction, const PropertyOwner &owner, const BundleEntry &property);
 VsStatus ClearProperty(Transaction &transaction, const PropertyOwner &owner, std::string_view key);
 
-} // namespace vshost
-
-#endif
+}

@@ -20,7 +20,7 @@ std::unique_ptr<Host> OpenHost(const std::string &state)
                             " -- COMMAND`"};
     std::unique_ptr<Host> host;
     std::string message;
-    if (Host::Open(directory, disk ? Durability::DISK : Durability::PROCESS, false, host, message))
+    if (Host::Open({directory, disk ? Durability::DISK : Durability::PROCESS}, host, message))
         throw LauncherError{message};
     return host;
 }

@@ -1,6 +1,5 @@
 // The commands of vshost. Each returns the program's exit code, or throws LauncherError.
-#ifndef PLATFORM_LAUNCHER_LAUNCHER_H
-#define PLATFORM_LAUNCHER_LAUNCHER_H
+#pragma once
 
 #include <memory>
 #include <optional>
@@ -50,5 +49,3 @@ std::unique_ptr<Host> OpenHost(const std::string &state);
 void CheckStatus(const Host &host, VsStatus status);
 
 }
-
-#endif

@@ -34,7 +34,7 @@ void PrepareHost(const std::string &directory, const RunOptions &options)
     std::unique_ptr<Host> host;
     std::string message;
     const Durability durability = options.durable ? Durability::DISK : Durability::PROCESS;
-    if (Host::Open(directory, durability, true, host, message)) throw LauncherError{message};
+    if (Host::Open({directory, durability, true}, host, message)) throw LauncherError{message};
     if (options.scenario.empty()) return;
     if (!ApplyScenario(host->GetEngine(), host->GetControl(), ReadFile(options.scenario), message))
         throw LauncherError{options.scenario + ": " + message};
@@ -103,7 +103,7 @@ int EndLike(int status)
 
 int RunThrowAway(const RunOptions &options)
 {
-    HostLock lock; // the command and what it starts inherit it
+    UseLock lock; // the command and what it starts inherit it
     const std::string directory = MakeThrowAwayDirectory(lock);
     if (directory.empty())
         throw LauncherError{std::string("can't make a throw-away host: ") + strerror(errno)};

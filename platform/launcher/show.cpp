@@ -12,7 +12,7 @@ using Json = nlohmann::ordered_json;
 
 std::string TextOf(Reader &reader, const PropertyOwner &owner, std::string_view key)
 {
-    Property property;
+    StoredProperty property;
     return GetProperty(reader, owner, key, property) ? std::string() : std::string(Text(property.value));
 }
 
@@ -28,14 +28,14 @@ Json DescribePorts(const Host &host, Reader &reader, const std::string &switchId
 
 Json DescribeSwitch(const Host &host, Reader &reader, const std::string &switchId)
 {
-    Switch stored;
+    StoredSwitch stored;
     Portset running;
     std::string portset;
     CheckStatus(host, GetSwitch(reader, switchId, stored));
     const VsStatus named = PortsetOfSwitch(reader, switchId, portset);
     if (named != STATUS_NOT_FOUND) CheckStatus(host, named);
     Json found{{"id", switchId},
-               {"alias", TextOf(reader, {Level::GLOBAL, switchId}, KEY_ALIAS)},
+               {"alias", TextOf(reader, {StoredLevel::GLOBAL, switchId}, KEY_ALIAS)},
                {"class", stored.className},
                {"version", stored.version},
                {"associated", stored.associated},

@@ -171,7 +171,7 @@ int RunDaemon(const DaemonOptions &options) { return Run(options); }
 bool RemoveForwarding(const std::string &directory, std::string &message)
 {
     std::unique_ptr<vshost::Host> host;
-    if (vshost::Host::Open(directory, vshost::Durability::DISK, false, host, message)) return false;
+    if (vshost::Host::Open({directory, vshost::Durability::DISK}, host, message)) return false;
     Forwarder forwarder(host->GetEngine());
     if (!forwarder.Start(PinDirectory(directory), message)) return false;
     forwarder.RemoveAll();

@@ -38,7 +38,7 @@ static_assert(sizeof(LearningRecord) == 11);
 // Empty when it is absent.
 VsStatus ReadValue(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value)
 {
-    Property property;
+    StoredProperty property;
     const VsStatus status = GetProperty(reader, owner, key, property);
     value = std::move(property.value);
     return status == STATUS_NOT_FOUND ? STATUS_OK : status;
@@ -64,13 +64,13 @@ void TakeVlans(std::string_view value, PortConfig &port)
 void TakePriority(std::string_view value, PortConfig &port)
 {
     uint32_t priority;
-    if (TakeRecord(value, priority) && priority < LIVE_PORT_NO_PRIORITY) port.priority = priority;
+    if (DecodeRecord(value, priority) && priority < LIVE_PORT_NO_PRIORITY) port.priority = priority;
 }
 
 void TakeLearning(std::string_view value, PortConfig &port)
 {
     LearningRecord record;
-    if (!TakeRecord(value, record)) return;
+    if (!DecodeRecord(value, record)) return;
     port.learning = record.learning;
     port.takesUnknown = record.takesUnknown;
     port.addressLimit = record.limit;
@@ -106,7 +106,7 @@ VsStatus ReadLimits(Reader &reader, const std::string &switchId, SwitchConfig &c
 {
     std::string record;
     VSwitchLearningProps props = DEFAULT_LEARNING_PROPS;
-    VsStatus status = ReadValue(reader, {Level::HOST, switchId}, KEY_SWITCH_LEARNING, record);
+    VsStatus status = ReadValue(reader, {StoredLevel::HOST, switchId}, KEY_SWITCH_LEARNING, record);
     if (!status) status = ReadProps(reader, props);
     if (record.size() == 8) {
         config.ageingSeconds = 0;
@@ -141,7 +141,7 @@ VsStatus ReadSwitchConfig(Reader &reader, const std::string &switchId, const Plu
         }
         port.ifindex = ifindex;
         port.uplink = std::find(uplinks.begin(), uplinks.end(), portId) != uplinks.end();
-        if (!status) status = ReadPort(reader, {Level::PORT, switchId, portId}, port);
+        if (!status) status = ReadPort(reader, {StoredLevel::PORT, switchId, portId}, port);
         if (!status) config.ports.push_back(std::move(port));
     }
     return status;

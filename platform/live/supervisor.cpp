@@ -173,7 +173,7 @@ bool Supervisor::Start(std::string &message)
     if (!process.Take(message)) return false;
     RemoveDeviceMounts(directory + "/dev");
     std::unique_ptr<vshost::Host> host;
-    if (vshost::Host::Open(directory, vshost::Durability::DISK, true, host, message)) return false;
+    if (vshost::Host::Open({directory, vshost::Durability::DISK, true}, host, message)) return false;
     host.reset();
 
     sigset_t handled;

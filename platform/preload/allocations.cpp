@@ -20,14 +20,13 @@ std::atomic<uint64_t> allocations;
 // Counts one allocation; true when it must fail.
 bool MustFail(const char *operation, size_t size)
 {
-    ++allocations;
+    allocations++;
     const VshostCore *core = LoadedCore();
     const int error = errno;
-    uint32_t outcome = 0;
-    const auto length = static_cast<uint32_t>(size);
-    const bool refused = core && core->gate(VSHOST_ALLOCATION, operation, LIBRARY, length, &outcome);
-    errno = refused ? ENOMEM : error;
-    return refused;
+    const PreloadCall call{VSHOST_ALLOCATION, operation, LIBRARY, static_cast<uint32_t>(size)};
+    const bool fails = core && core->intercept(&call);
+    errno = fails ? ENOMEM : error;
+    return fails;
 }
 
 void *Malloc(size_t size) { return MustFail("malloc", size) ? nullptr : malloc(size); }
@@ -51,7 +50,7 @@ void *Replacement(const char *name)
 struct Object {
     explicit Object(const dl_phdr_info &info) : base(info.dlpi_addr)
     {
-        for (size_t i = 0; i < info.dlpi_phnum; ++i)
+        for (size_t i = 0; i < info.dlpi_phnum; i++)
             if (info.dlpi_phdr[i].p_type == PT_DYNAMIC)
                 Read(reinterpret_cast<const Elf64_Dyn *>(base + info.dlpi_phdr[i].p_vaddr));
             else if (info.dlpi_phdr[i].p_type == PT_GNU_RELRO)
@@ -66,7 +65,7 @@ struct Object {
 
     void Read(const Elf64_Dyn *entry)
     {
-        for (; entry->d_tag != DT_NULL; ++entry)
+        for (; entry->d_tag != DT_NULL; entry++)
             switch (entry->d_tag) {
             case DT_STRTAB:
                 strings = reinterpret_cast<const char *>(Address(*entry));
@@ -111,7 +110,7 @@ struct Object {
 
     void Patch(const Elf64_Rela *relocations, size_t count) const
     {
-        for (size_t i = 0; i < count; ++i) {
+        for (size_t i = 0; i < count; i++) {
             const auto type = ELF64_R_TYPE(relocations[i].r_info);
             if (type != R_X86_64_JUMP_SLOT && type != R_X86_64_GLOB_DAT) continue;
             const Elf64_Sym &symbol = symbols[ELF64_R_SYM(relocations[i].r_info)];
@@ -142,4 +141,4 @@ int PatchObject(dl_phdr_info *info, size_t, void *)
 
 void PatchAllocations() { dl_iterate_phdr(PatchObject, nullptr); }
 
-uint64_t TakeAllocationCount() { return allocations.exchange(0); }
+uint64_t ResetAllocationCount() { return allocations.exchange(0); }

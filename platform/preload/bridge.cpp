@@ -5,24 +5,25 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/host/call_names.h"
 #include "platform/host/guard.h"
 #include "platform/host/host.h"
 #include "platform/host/runtime.h"
 #include "platform/host/tables.h"
 #include "platform/scenario/scenario.h"
 #include "platform/store/store.h"
+#include "platform/testing/call_names.h"
+#include "platform/testing/test_faults.h"
 
 namespace vshost {
 namespace {
 
 int NoHost() { return SetError(EINVAL, "this process is on no host: call vshost_start first"); }
 
-// Runs `use` on the control block; 0 or an errno value.
-template<typename Use> int OnControl(Use use)
+// Runs `use` on the host's faults; 0 or an errno value.
+template<typename Use> int OnFaults(Use use)
 {
     HostUse host;
-    return host ? use(*host.GetControl()) : NoHost();
+    return host ? use(TestFaults::Of(*host.GetControl())) : NoHost();
 }
 
 int StartEntry(const char *directory, int durable) { return StartHost(directory, durable != 0); }
@@ -55,66 +56,65 @@ int Explained(int error)
 
 int Fail(vshost_kind kind, const char *operation, unsigned nth, unsigned times, uint32_t outcome)
 {
-    return OnControl([&](Control &control) {
+    return OnFaults([&](TestFaults &faults) {
         if (operation && !IsCallName(kind, operation))
             return SetError(EINVAL, ExplainCallName(kind, operation));
-        return Explained(control.Fail(kind, operation, nth, times, outcome));
+        return Explained(faults.Fail({kind, operation ? operation : "", nth, times, outcome}));
     });
 }
 
 size_t Failed()
 {
     HostUse host;
-    return host ? host.GetControl()->Failed() : 0;
+    return host ? TestFaults::Of(*host.GetControl()).Failed() : 0;
 }
 
 int Answer(uint32_t command, unsigned times, const void *bytes, uint32_t length)
 {
-    return OnControl(
-        [&](Control &control) { return Explained(control.Answer(command, times, bytes, length)); });
+    return OnFaults(
+        [&](TestFaults &faults) { return Explained(faults.Answer(command, times, bytes, length)); });
 }
 
 int ShellOutput(const char *verb, const void *bytes, uint32_t length)
 {
-    return OnControl([&](Control &control) { return Explained(control.ShellOutput(verb, bytes, length)); });
+    return OnFaults([&](TestFaults &faults) { return Explained(faults.ShellOutput(verb, bytes, length)); });
 }
 
 void Clear()
 {
-    if (HostUse host; host) host.GetControl()->Clear();
+    if (HostUse host; host) TestFaults::Of(*host.GetControl()).Clear();
 }
 
 void Record(int on)
 {
-    if (HostUse host; host) host.GetControl()->Record(on != 0);
+    if (HostUse host; host) TestFaults::Of(*host.GetControl()).SetRecording(on != 0);
 }
 
 size_t CallCount()
 {
     HostUse host;
-    return host ? host.GetControl()->CallCount() : 0;
+    return host ? TestFaults::Of(*host.GetControl()).CallCount() : 0;
 }
 
 int Call(size_t index, struct vshost_call *call)
 {
     HostUse host;
-    return host ? host.GetControl()->Call(index, *call) : ENOENT;
+    return host ? TestFaults::Of(*host.GetControl()).Call(index, *call) : ENOENT;
 }
 
-int ReadProperty(vshost_level level, const char *switchId, const char *portId, const char *key,
-                 Property &property)
+int ReadProperty(const PropertyOwner &owner, const char *key, StoredProperty &property)
 {
     HostUse host;
     if (!host) return ErrnoOf(host.Status() ? host.Status() : STATUS_NOT_FOUND);
-    const PropertyOwner owner{static_cast<Level>(level), switchId, level == VSHOST_PORT ? portId : ""};
     return ErrnoOf(GetProperty(host->GetEngine(), owner, key, property));
 }
 
 int PropertyEntry(vshost_level level, const char *switchId, const char *portId, const char *key, void *value,
                   uint32_t capacity, uint32_t *length, uint32_t *flags)
 {
-    Property property;
-    if (int error = ReadProperty(level, switchId, portId, key, property)) return error;
+    StoredProperty property;
+    const PropertyOwner owner{static_cast<StoredLevel>(level), switchId, level == VSHOST_PORT ? portId : ""};
+    if (int error = ReadProperty(owner, key, property)) return error;
     if (value) memcpy(value, property.value.data(), std::min<size_t>(capacity, property.value.size()));
     if (length) *length = static_cast<uint32_t>(property.value.size());
     if (flags) *flags = property.flags;
@@ -127,7 +127,7 @@ public:
     void Add(std::string_view bytes)
     {
         const uint64_t length = bytes.size();
-        AddBytes({reinterpret_cast<const char *>(&length), sizeof length});
+        AddBytes({reinterpret_cast<const char *>(&length), sizeof(length)});
         AddBytes(bytes);
     }
     uint64_t Value() const { return value; }
@@ -157,16 +157,14 @@ uint64_t Fingerprint()
     return hash.Value();
 }
 
-int Gate(vshost_kind kind, const char *operation, const char *text, uint32_t length, uint32_t *outcome)
+int Intercept(const PreloadCall *call)
 {
     HostUse host;
-    const CallDetails details{.text = {text}, .textCount = 1, .length = length};
-    CallGate gate(host.GetControl(), kind, operation, details, kind != VSHOST_CLOSE);
-    if (gate.Refused()) {
-        *outcome = gate.Outcome();
-        return 1;
-    }
-    gate.Return(*outcome);
+    const CallDetails details{
+        .text = {call->text}, .textCount = 1, .length = call->length, .canFail = call->kind != VSHOST_CLOSE};
+    InterceptedCall intercepted(host.GetFaults(), call->kind, call->operation, details);
+    if (intercepted.Fails()) return 1;
+    intercepted.Return(0);
     return 0;
 }
 
@@ -194,7 +192,7 @@ const struct VshostCore *vshost_core(void)
         .valuesLent = Guarded<ValuesLent>,
         .property = Guarded<PropertyEntry>,
         .fingerprint = Guarded<Fingerprint>,
-        .gate = Guarded<Gate>,
+        .intercept = Guarded<Intercept>,
         .openDevice = Guarded<OpenDevice>,
         .command = Guarded<RunCommand>,
         .shell =

@@ -10,6 +10,15 @@
 #include "platform/driver/driver.h"
 #include "platform/shell/command_line.h"
 
+// A call that the preload answers itself: the allocations of the control library, and the closing of a
+// device.
+struct PreloadCall {
+    enum vshost_kind kind;
+    const char *operation;
+    const char *text;
+    uint32_t length;
+};
+
 struct VshostCore {
     // The functions of vshost.h, but for those that the preload does itself.
     int (*start)(const char *directory, int durable);
@@ -31,10 +40,8 @@ struct VshostCore {
                     void *value, uint32_t capacity, uint32_t *length, uint32_t *flags);
     uint64_t (*fingerprint)(void);
 
-    // For calls that the preload answers itself: 1 and the outcome when a fault refuses the call, which
-    // is recorded too; 0 otherwise, and then `outcome`, given in, is what is recorded.
-    int (*gate)(enum vshost_kind kind, const char *operation, const char *text, uint32_t length,
-                uint32_t *outcome);
+    // 1 when a rule fails the call, 0 otherwise; it is recorded in either case.
+    int (*intercept)(const PreloadCall *call);
 
     // The devices: a descriptor or -1 with errno, and 0 or an errno value.
     int (*openDevice)(vshost::Device device, int flags, unsigned mode);

@@ -56,7 +56,7 @@ FILE *OpenStream(const CommandResult &result)
     return stream;
 }
 
-ShellStream *TakeStream(const FILE *stream)
+ShellStream *RemoveStream(const FILE *stream)
 {
     if (!streams) return nullptr;
     pthread_mutex_lock(&streamsMutex);
@@ -145,7 +145,7 @@ SHIM_EXPORT FILE *popen(const char *command, const char *type)
 
 SHIM_EXPORT int pclose(FILE *stream)
 {
-    ShellStream *entry = TakeStream(stream);
+    ShellStream *entry = RemoveStream(stream);
     if (!entry) return Real().pclose(stream);
     const int status = entry->status;
     fclose(stream);

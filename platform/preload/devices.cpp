@@ -19,7 +19,7 @@ constexpr int NO_DEVICE = -1;
 int DeviceOfPath(const char *path)
 {
     if (!path || path[0] != '/' || !CurrentHost()) return NO_DEVICE;
-    for (int device = 0; device < 2; ++device)
+    for (int device = 0; device < 2; device++)
         if (strcmp(path, DEVICE_PATHS[device]) == 0) return device;
     return NO_DEVICE;
 }
@@ -35,8 +35,8 @@ int OpenDevice(int device, int flags, mode_t mode)
 bool Identify(const ShimHost &host, int device, struct stat &file)
 {
     char path[4096];
-    const int length = snprintf(path, sizeof path, "%s/%s", host.directory, DEVICE_FILES[device]);
-    return length < static_cast<int>(sizeof path) && stat(path, &file) == 0;
+    const int length = snprintf(path, sizeof(path), "%s/%s", host.directory, DEVICE_FILES[device]);
+    return length < static_cast<int>(sizeof(path)) && stat(path, &file) == 0;
 }
 
 // Looks at the host's files once. Threads that do so at the same time find the same.
@@ -44,7 +44,7 @@ bool Know(ShimHost &host)
 {
     struct stat files[2];
     if (host.known.load(std::memory_order_acquire)) return true;
-    for (int device = 0; device < 2; ++device) {
+    for (int device = 0; device < 2; device++) {
         if (!Identify(host, device, files[device])) return false;
         host.files[device] = files[device].st_ino;
     }
@@ -61,17 +61,17 @@ int DeviceOfDescriptor(int descriptor)
     int found = NO_DEVICE;
     struct stat opened;
     if (fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) && Know(*host))
-        for (int device = 0; device < 2; ++device)
+        for (int device = 0; device < 2; device++)
             if (opened.st_ino == host->files[device] && opened.st_dev == host->filesystem) found = device;
     errno = error;
     return found;
 }
 
-bool TakesMode(int flags) { return (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE; }
+bool HasMode(int flags) { return (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE; }
 
 mode_t ModeOf(int flags, va_list arguments)
 {
-    return TakesMode(flags) ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
+    return HasMode(flags) ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
 }
 
 int Open(const char *path, int flags, mode_t mode)
@@ -89,8 +89,8 @@ int OpenAt(int folder, const char *path, int flags, mode_t mode)
 void RecordClose(int device)
 {
     const int error = errno;
-    uint32_t outcome = 0;
-    LoadedCore()->gate(VSHOST_CLOSE, DEVICE_PATHS[device], DEVICE_PATHS[device], 0, &outcome);
+    const PreloadCall call{VSHOST_CLOSE, DEVICE_PATHS[device], DEVICE_PATHS[device], 0};
+    LoadedCore()->intercept(&call);
     errno = error;
 }
 

@@ -97,7 +97,7 @@ int vshost_call(size_t index, struct vshost_call *call)
 uint64_t vshost_allocations(void)
 {
     PatchAllocations();
-    return TakeAllocationCount();
+    return ResetAllocationCount();
 }
 
 int64_t vshost_values_lent(void) { return Call(&VshostCore::valuesLent, 0); }

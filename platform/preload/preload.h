@@ -50,4 +50,4 @@ void ShellInProcess(bool on);
 void HoldStreamsAcrossForks();
 bool AllocationsMayFail(); // by the rules of this process's host
 void PatchAllocations();   // from now on, those of the control library are counted and may fail
-uint64_t TakeAllocationCount();
+uint64_t ResetAllocationCount();

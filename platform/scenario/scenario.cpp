@@ -14,6 +14,7 @@
 #include "platform/host/runtime.h"
 #include "platform/host/status_names.h"
 #include "platform/scenario/json_schema.h"
+#include "platform/testing/test_faults.h"
 #include "scenario_schema.h"
 
 namespace vshost {
@@ -23,14 +24,6 @@ namespace {
 using Json = nlohmann::json;
 
 constexpr size_t MAX_LAGS = 64;
-
-struct Fault {
-    vshost_kind kind = VSHOST_STORE;
-    std::string operation;
-    unsigned nth = 1;
-    unsigned times = 1;
-    uint32_t outcome = 0;
-};
 
 struct StorageError {
     VsStatus status;
@@ -312,7 +305,7 @@ uint32_t ParseOutcome(const Json &outcome)
     return text.starts_with("0x") ? static_cast<uint32_t>(std::stoul(text, nullptr, 16)) : StatusOfName(text);
 }
 
-Fault ParseFault(const Json &object)
+CallRule ParseFault(const Json &object)
 {
     static const std::pair<const char *, vshost_kind> kinds[] = {{"store", VSHOST_STORE},
                                                                  {"shell", VSHOST_SHELL},
@@ -320,14 +313,14 @@ Fault ParseFault(const Json &object)
                                                                  {"open", VSHOST_OPEN},
                                                                  {"allocation", VSHOST_ALLOCATION}};
     const std::string word = Text(object, "kind");
-    Fault fault;
+    CallRule rule;
     for (const auto &[name, kind] : kinds)
-        if (word == name) fault.kind = kind;
-    fault.operation = Text(object, "operation");
-    ReadNumber(object, "nth", fault.nth);
-    ReadNumber(object, "times", fault.times);
-    fault.outcome = ParseOutcome(Member(object, "outcome"));
-    return fault;
+        if (word == name) rule.kind = kind;
+    rule.operation = Text(object, "operation");
+    ReadNumber(object, "nth", rule.nth);
+    ReadNumber(object, "times", rule.times);
+    rule.outcome = ParseOutcome(Member(object, "outcome"));
+    return rule;
 }
 
 void ApplyHost(Transaction &transaction, const Json &root)
@@ -350,24 +343,17 @@ try {
     throw SchemaViolation{"", std::string("must be JSON: ") + error.what()};
 }
 
-void MakeFaults(Control &control, const std::vector<Fault> &faults)
-{
-    for (const Fault &fault : faults) {
-        const char *operation = fault.operation.empty() ? nullptr : fault.operation.c_str();
-        control.Fail(fault.kind, operation, fault.nth, fault.times, fault.outcome);
-    }
-}
-
 }
 
 bool ApplyScenario(Engine &engine, Control &control, std::string_view json, std::string &message)
 try {
     std::optional<SchemaViolation> violation;
-    std::vector<Fault> faults;
+    std::vector<CallRule> rules;
+    TestFaults &faults = TestFaults::Of(control);
     const Json root = Parse(json);
     for (const Json &fault : Member(root, "faults"))
-        faults.push_back(ParseFault(fault));
-    if (faults.size() > control.FreeFaults())
+        rules.push_back(ParseFault(fault));
+    if (rules.size() > faults.FreeRules())
         throw SchemaViolation{"/faults", "too many stand already; vshost_clear() removes them"};
     const VsStatus status = engine.Write([&](Transaction &transaction) -> VsStatus {
         try {
@@ -382,8 +368,10 @@ try {
     });
     if (violation) throw *violation;
     message = status ? "the host's database can't be written" : "";
-    if (!status) MakeFaults(control, faults);
-    return !status;
+    if (status) return false;
+    for (const CallRule &rule : rules)
+        faults.Fail(rule);
+    return true;
 } catch (const SchemaViolation &violation) {
     message = (violation.path.empty() ? "the scenario" : violation.path) + ": " + violation.what;
     return false;

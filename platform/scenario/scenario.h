@@ -1,7 +1,6 @@
 // A scenario: what is plugged in around a host and what happens on it, as JSON. Its format is documented in
 // platform/scenario/scenario.schema.json.
-#ifndef PLATFORM_DRIVER_SCENARIO_H
-#define PLATFORM_DRIVER_SCENARIO_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -16,5 +15,3 @@ namespace vshost {
 bool ApplyScenario(Engine &engine, Control &control, std::string_view json, std::string &message);
 
 }
-
-#endif

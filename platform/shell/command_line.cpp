@@ -131,12 +131,10 @@ bool RefusedToStart(const std::vector<std::string> &arguments)
     HostUse host;
     uint32_t outcome = 0;
     const std::string operation = ShellOperation(arguments), text = JoinWords(arguments);
-    if (!host || !host.GetControl()->NextFails(VSHOST_SHELL, operation.c_str(), outcome)) return false;
+    if (!host || !host.GetFaults()->NextFails(VSHOST_SHELL, operation.c_str(), outcome)) return false;
     if (outcome != VSHOST_SHELL_NOT_STARTED) return false;
-    CallDetails details;
-    details.text[0] = text.c_str();
-    details.textCount = 1;
-    return CallGate(host.GetControl(), VSHOST_SHELL, operation.c_str(), details).Refused();
+    const CallDetails details{.text = {text.c_str()}, .textCount = 1};
+    return InterceptedCall(host.GetFaults(), VSHOST_SHELL, operation.c_str(), details).Fails();
 }
 
 }

@@ -25,7 +25,7 @@ struct Folder {
 };
 
 // One command: its words, and what it says.
-struct Command {
+struct ShellCommand {
     std::string verb;
     std::string node;
     Path path;
@@ -100,11 +100,12 @@ VsStatus DescribeUplinks(Reader &reader, const std::string &name, Folder &folder
     std::string switchId;
     std::vector<NamedNic> uplinks;
     if (VsStatus status = GetRecord(reader, runtime::PortsetKey(name), portset)) return status;
-    VsStatus status = SwitchOfPortset(reader, name, switchId);
-    if (!status) status = ListUplinks(reader, switchId, uplinks);
+    const VsStatus found = SwitchOfPortset(reader, name, switchId);
+    if (found) return found == STATUS_NOT_FOUND ? STATUS_OK : found;
+    if (VsStatus status = ListUplinks(reader, switchId, uplinks)) return status;
     for (const NamedNic &uplink : uplinks)
         folder.folders.push_back(uplink.name);
-    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    return STATUS_OK;
 }
 
 VsStatus DescribeNic(Reader &reader, const std::string &name, Folder &folder)
@@ -153,7 +154,7 @@ VsStatus Describe(Reader &reader, const Path &path, Folder &folder)
     return STATUS_NOT_FOUND;
 }
 
-unsigned List(Reader &reader, Command &command)
+unsigned List(Reader &reader, ShellCommand &command)
 {
     Folder folder;
     if (!command.values.empty()) return command.Fail("ls takes no value");
@@ -165,7 +166,7 @@ unsigned List(Reader &reader, Command &command)
     return command.Finish(status);
 }
 
-unsigned GetLeaf(Reader &reader, Command &command)
+unsigned GetLeaf(Reader &reader, ShellCommand &command)
 {
     Folder parent;
     if (command.path.empty()) return command.Finish(STATUS_NOT_FOUND);
@@ -181,7 +182,7 @@ unsigned GetLeaf(Reader &reader, Command &command)
 }
 
 // A leaf's value, or those of all leaves of a folder, each behind its name.
-unsigned Get(Reader &reader, Command &command)
+unsigned Get(Reader &reader, ShellCommand &command)
 {
     Folder folder;
     if (!command.values.empty()) return command.Fail("get takes no value");
@@ -192,7 +193,7 @@ unsigned Get(Reader &reader, Command &command)
     return command.Finish(status);
 }
 
-unsigned CreatePortset(Engine &engine, Command &command)
+unsigned CreatePortset(Engine &engine, ShellCommand &command)
 {
     Portset portset;
     if (command.values.size() != 3) return command.Fail("takes a name, a number of ports and a class");
@@ -202,7 +203,7 @@ unsigned CreatePortset(Engine &engine, Command &command)
     if (!ParseNumber(command.values[1], portset.ports) || portset.ports == 0 ||
         portset.ports > MAX_PORTSET_PORTS)
         return command.Fail("the number of ports must be 1 to " + std::to_string(MAX_PORTSET_PORTS));
-    if (!IsNodeName(className, sizeof portset.className - 1))
+    if (!IsNodeName(className, sizeof(portset.className) - 1))
         return command.Fail("\"" + className + "\" can't be a class");
     SetField(portset.className, className);
     const VsStatus status =
@@ -211,7 +212,7 @@ unsigned CreatePortset(Engine &engine, Command &command)
                                    : command.Finish(status);
 }
 
-unsigned DestroyPortset(Engine &engine, Command &command)
+unsigned DestroyPortset(Engine &engine, ShellCommand &command)
 {
     if (command.values != std::vector<std::string>{"destroy"})
         return command.Fail("takes the value \"destroy\"");
@@ -219,7 +220,7 @@ unsigned DestroyPortset(Engine &engine, Command &command)
         engine.Write([&](Transaction &transaction) { return RemovePortset(transaction, command.path[2]); }));
 }
 
-unsigned SetPortsetMtu(Engine &engine, Command &command)
+unsigned SetPortsetMtu(Engine &engine, ShellCommand &command)
 {
     uint32_t mtu = 0;
     const bool number = command.values.size() == 1 && ParseNumber(command.values[0], mtu);
@@ -234,7 +235,7 @@ unsigned SetPortsetMtu(Engine &engine, Command &command)
     }));
 }
 
-unsigned SetNicMtu(Engine &engine, Command &command)
+unsigned SetNicMtu(Engine &engine, ShellCommand &command)
 {
     uint32_t mtu = 0;
     const bool number = command.values.size() == 1 && ParseNumber(command.values[0], mtu);
@@ -242,7 +243,7 @@ unsigned SetNicMtu(Engine &engine, Command &command)
     const VsStatus status = engine.Write([&](Transaction &transaction) -> VsStatus {
         Nic nic;
         if (VsStatus missing = GetRecord(transaction, key, nic)) return missing;
-        if (!number || !nic.TakesMtu(mtu)) return STATUS_BAD_PARAM;
+        if (!number || !nic.AcceptsMtu(mtu)) return STATUS_BAD_PARAM;
         nic.mtu = mtu;
         return PutRecord(transaction, key, nic);
     });
@@ -250,7 +251,7 @@ unsigned SetNicMtu(Engine &engine, Command &command)
                                       : command.Finish(status);
 }
 
-unsigned Set(Engine &engine, Command &command)
+unsigned Set(Engine &engine, ShellCommand &command)
 {
     const Path &path = command.path;
     if (path == Path{"net", "create"}) return CreatePortset(engine, command);
@@ -260,7 +261,7 @@ unsigned Set(Engine &engine, Command &command)
     return command.Fail("no such node that can be set");
 }
 
-unsigned Run(Engine &engine, Control &control, const std::vector<std::string> &arguments, Command &command)
+unsigned Run(Engine &engine, Faults &faults, const std::vector<std::string> &arguments, ShellCommand &command)
 {
     if (arguments.size() < 3 || arguments[0] != "-e") {
         command.err = "usage: tybel -e get|set|ls NODE [VALUE...]\n";
@@ -270,7 +271,7 @@ unsigned Run(Engine &engine, Control &control, const std::vector<std::string> &a
     command.node = arguments[2];
     command.path = SplitPath(command.node);
     command.values.assign(arguments.begin() + 3, arguments.end());
-    if (control.TakeShellOutput(command.verb, command.out)) return 0;
+    if (faults.NextShellOutput(command.verb, command.out)) return 0;
     if (command.node.empty() || command.node[0] != '/') return command.Fail("a node begins with \"/\"");
     if (command.verb == "ls") return List(engine, command);
     if (command.verb == "get") return Get(engine, command);
@@ -278,9 +279,9 @@ unsigned Run(Engine &engine, Control &control, const std::vector<std::string> &a
     return command.Fail("no such verb; there are get, set and ls");
 }
 
-unsigned RunGuarded(HostUse &host, const std::vector<std::string> &arguments, Command &command)
+unsigned RunGuarded(HostUse &host, const std::vector<std::string> &arguments, ShellCommand &command)
 try {
-    return Run(host->GetEngine(), host->GetControl(), arguments, command);
+    return Run(host->GetEngine(), *host.GetFaults(), arguments, command);
 } catch (...) {
     return command.Finish(StatusOfException());
 }
@@ -312,13 +313,11 @@ unsigned RunShell(const std::vector<std::string> &arguments, std::string &out, s
         return FAILED;
     }
     const std::string operation = ShellOperation(arguments), text = JoinWords(arguments);
-    CallDetails details;
-    details.text[0] = text.c_str();
-    details.textCount = 1;
-    CallGate gate(host.GetControl(), VSHOST_SHELL, operation.c_str(), details);
-    if (gate.Refused()) return gate.Outcome();
-    Command command;
-    const unsigned code = gate.Return(RunGuarded(host, arguments, command));
+    const CallDetails details{.text = {text.c_str()}, .textCount = 1};
+    InterceptedCall call(host.GetFaults(), VSHOST_SHELL, operation.c_str(), details);
+    if (call.Fails()) return call.Outcome();
+    ShellCommand command;
+    const unsigned code = call.Return(RunGuarded(host, arguments, command));
     out = std::move(command.out);
     err = std::move(command.err);
     return code;

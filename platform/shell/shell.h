@@ -1,6 +1,5 @@
 // The system-information shell: a tree of nodes over the host's runtime tables.
-#ifndef PLATFORM_SHELL_SHELL_H
-#define PLATFORM_SHELL_SHELL_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -20,5 +19,3 @@ std::string ShellOperation(const std::vector<std::string> &arguments);
 bool SplitCommandLine(const char *line, std::vector<std::string> &words, bool &discardErrors);
 
 }
-
-#endif

@@ -48,7 +48,7 @@ void BundleBuilder::Add(const BundleEntry &entry)
     if (!Reserve(grown)) return Fail(STATUS_NO_MEMORY);
     WriteEntry(entries + size, entry);
     size = grown;
-    ++count;
+    count++;
 }
 
 VsStatus BundleBuilder::Serialize(void **buffer, uint32_t *length) const

@@ -1,6 +1,5 @@
 // A property bundle under construction, in memory of its owner's own kind.
-#ifndef PLATFORM_STORE_BUNDLE_BUILDER_H
-#define PLATFORM_STORE_BUNDLE_BUILDER_H
+#pragma once
 
 #include "platform/host/bundle.h"
 #include "platform/host/status.h"
@@ -34,5 +33,3 @@ private:
 };
 
 }
-
-#endif

@@ -45,7 +45,7 @@ struct PropHandle {
     std::array<std::unique_ptr<std::string>, KEPT_VALUES> older;
     size_t next = 0;
 
-    void Take(const Stamp &newStamp, std::string &&newValue)
+    void Update(const Stamp &newStamp, std::string &&newValue)
     {
         stamp = newStamp;
         if (value && *value == newValue) return;
@@ -63,7 +63,7 @@ struct AliasMemory {
     SwitchHandle *handle = nullptr;
 };
 
-using Walk = std::vector<SwitchHandle *>;
+using SwitchWalk = std::vector<SwitchHandle *>;
 
 // All of it under `mutex`, but for what handles point to: that stays as it is until a reset. The mutex is
 // only taken while a HostUse lives, since fork waits for those alone.
@@ -74,7 +74,7 @@ struct Cache {
     TextMap<std::unique_ptr<SwitchHandle>> switches; // by id and class
     TextMap<std::unique_ptr<PropHandle>> properties; // by level, id and key
     TextMap<std::unique_ptr<PortHandle>> ports;      // by switch and port id
-    std::shared_ptr<const Walk> walk;
+    std::shared_ptr<const SwitchWalk> walk;
     Stamp walkStamp;
 };
 
@@ -126,7 +126,7 @@ SwitchHandle *FindByAlias(Cache &cache, const HostUse &host, std::string_view al
     const auto memory = cache.aliases.find(alias);
     if (memory != cache.aliases.end() && IsFresh(memory->second.stamp, host)) return memory->second.handle;
     std::string id;
-    Switch found;
+    StoredSwitch found;
     Stamp stamp;
     const VsStatus status = ReadStamped(host, stamp, [&](Engine &engine) {
         const VsStatus search = FindSwitchByAlias(engine, alias, id);
@@ -142,32 +142,33 @@ SwitchHandle *FindByAlias(Cache &cache, const HostUse &host, std::string_view al
 }
 
 // What is absent is not remembered: names nobody has could be without end.
-VsStatus Lookup(Cache &cache, const HostUse &host, const StoreCall &call, Level level, PropHandle **handle)
+VsStatus Lookup(Cache &cache, const HostUse &host, const StoreCall &call, PropHandle **handle)
 {
-    const std::string key = Key({level == Level::HOST ? "host" : "global", call.switchId, call.key});
+    const std::string key =
+        Key({call.level == StoredLevel::HOST ? "host" : "global", call.switchId, call.key});
     const auto memory = cache.properties.find(key);
     if (memory != cache.properties.end() && IsFresh(memory->second->stamp, host)) {
         *handle = memory->second.get();
         return STATUS_OK;
     }
-    Property found;
+    StoredProperty found;
     Stamp stamp;
     const VsStatus status = ReadStamped(host, stamp, [&](Engine &engine) {
-        return GetProperty(engine, {level, call.switchId}, call.key, found);
+        return GetProperty(engine, {call.level, call.switchId}, call.key, found);
     });
     if (status != STATUS_OK) {
         if (memory != cache.properties.end()) memory->second->stamp = {};
         return status;
     }
     *handle = Intern(cache.properties, key);
-    (*handle)->Take(stamp, std::move(found.value));
+    (*handle)->Update(stamp, std::move(found.value));
     return STATUS_OK;
 }
 
-std::shared_ptr<const Walk> CurrentWalk(Cache &cache, const HostUse &host)
+std::shared_ptr<const SwitchWalk> CurrentWalk(Cache &cache, const HostUse &host)
 {
     if (cache.walk && IsFresh(cache.walkStamp, host)) return cache.walk;
-    auto walk = std::make_shared<Walk>();
+    auto walk = std::make_shared<SwitchWalk>();
     ReadStamped(host, cache.walkStamp, [&](Engine &engine) {
         return ForEachSwitch(engine, [&](std::string_view id, std::string_view className) {
             walk->push_back(InternSwitch(cache, id, className));
@@ -184,26 +185,26 @@ bool IsToken(std::string_view buffer)
     return CheckBundle(buffer) && FindEntry(buffer, TOKEN_KEY, entry);
 }
 
-// The status of an operation that passes the gate as `call`.
-template<typename Body> VsStatus Gated(const HostUse &host, const StoreCall &call, Body body)
+// The status of an operation that tests can fail and record as `call`.
+template<typename Body> VsStatus Intercept(const HostUse &host, const StoreCall &call, Body body)
 {
     const CallDetails details = call.Details();
-    CallGate gate(host.GetControl(), VSHOST_STORE, call.operation, details);
-    return gate.Refused() ? gate.Outcome() : gate.Return(Guard(body));
+    InterceptedCall intercepted(host.GetFaults(), VSHOST_STORE, call.operation, details);
+    return intercepted.Fails() ? intercepted.Outcome() : intercepted.Return(Guard(body));
 }
 
 // A call that needs no host and cannot fail. It holds the host all the same: a fork must not come while it
 // holds the cache.
-class NotedCall {
+class RecordedCall {
 public:
-    explicit NotedCall(const StoreCall &call)
-        : details(call.Details()), gate(host.GetControl(), VSHOST_STORE, call.operation, details, false)
+    explicit RecordedCall(const StoreCall &call)
+        : details(call.Details(false)), intercepted(host.GetFaults(), VSHOST_STORE, call.operation, details)
     {}
 
 private:
     HostUse host;
     const CallDetails details;
-    CallGate gate;
+    InterceptedCall intercepted;
 };
 
 }
@@ -211,7 +212,7 @@ private:
 VsStatus CacheToken(const StoreCall &call, void **buffer, uint32_t *length)
 {
     HostUse host;
-    return Gated(host, call, [&] {
+    return Intercept(host, call, [&] {
         if (!buffer || !length) return STATUS_BAD_PARAM;
         if (host.Status() != STATUS_OK) return host.Status();
         std::string token = EmptyBundle();
@@ -227,7 +228,7 @@ VsStatus CacheToken(const StoreCall &call, void **buffer, uint32_t *length)
 VsStatus CacheReset(const StoreCall &call)
 {
     HostUse host;
-    return Gated(host, call, [] {
+    return Intercept(host, call, [] {
         Cache &cache = TheCache();
         std::lock_guard lock(cache.mutex);
         cache.loaded = false;
@@ -243,7 +244,7 @@ VsStatus CacheReset(const StoreCall &call)
 VsStatus CacheLoad(const StoreCall &call, const void *buffer, uint32_t length)
 {
     HostUse host;
-    return Gated(host, call, [&] {
+    return Intercept(host, call, [&] {
         if (!buffer || !IsToken({static_cast<const char *>(buffer), length})) return STATUS_BAD_PARAM;
         Cache &cache = TheCache();
         std::lock_guard lock(cache.mutex);
@@ -256,7 +257,7 @@ SwitchHandle *CacheFindByAlias(const StoreCall &call)
 {
     HostUse host;
     SwitchHandle *handle = nullptr;
-    Gated(host, call, [&] {
+    Intercept(host, call, [&] {
         if (!call.key) return STATUS_BAD_PARAM;
         handle = OnCache<SwitchHandle *>(host, nullptr,
                                          [&](Cache &cache) { return FindByAlias(cache, host, call.key); });
@@ -267,9 +268,9 @@ SwitchHandle *CacheFindByAlias(const StoreCall &call)
 
 VsStatus CacheForEach(const StoreCall &call, SwitchCallback callback, void *context)
 {
-    std::shared_ptr<const Walk> walk;
+    std::shared_ptr<const SwitchWalk> walk;
     const auto take = [&](const HostUse &host) {
-        return Gated(host, call, [&] {
+        return Intercept(host, call, [&] {
             walk = OnCache(host, walk, [&](Cache &cache) { return CurrentWalk(cache, host); });
             return callback ? STATUS_OK : STATUS_BAD_PARAM;
         });
@@ -286,7 +287,7 @@ PortHandle *CacheFindPort(const StoreCall &call)
 {
     HostUse host;
     PortHandle *handle = nullptr;
-    Gated(host, call, [&] {
+    Intercept(host, call, [&] {
         if (!call.switchId || !call.portId) return STATUS_BAD_PARAM;
         return OnCache(host, STATUS_NOT_FOUND, [&](Cache &cache) {
             uint32_t number;
@@ -299,31 +300,31 @@ PortHandle *CacheFindPort(const StoreCall &call)
     return handle;
 }
 
-VsStatus CacheLookup(const StoreCall &call, Level level, PropHandle **handle)
+VsStatus CacheLookup(const StoreCall &call, PropHandle **handle)
 {
     HostUse host;
-    return Gated(host, call, [&] {
+    return Intercept(host, call, [&] {
         if (!call.switchId || !call.key || !handle) return STATUS_BAD_PARAM;
         return OnCache(host, STATUS_NOT_FOUND,
-                       [&](Cache &cache) { return Lookup(cache, host, call, level, handle); });
+                       [&](Cache &cache) { return Lookup(cache, host, call, handle); });
     });
 }
 
 const char *CacheClassName(const StoreCall &call, const SwitchHandle *handle)
 {
-    NotedCall noted(call);
+    RecordedCall recorded(call);
     return handle ? handle->className.c_str() : nullptr;
 }
 
 const char *CacheSwitchId(const StoreCall &call, const SwitchHandle *handle)
 {
-    NotedCall noted(call);
+    RecordedCall recorded(call);
     return handle ? handle->id : nullptr;
 }
 
 void CacheData(const StoreCall &call, PropHandle *handle, void **data)
 {
-    NotedCall noted(call);
+    RecordedCall recorded(call);
     if (!handle || !data) return;
     std::lock_guard lock(TheCache().mutex);
     *data = handle->value->data();

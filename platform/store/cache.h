@@ -1,7 +1,6 @@
 // The in-process cache of the configuration, behind the DVSState_ entry points. Nothing is read when it
 // is loaded: what is looked up is read then, and trusted until the change counter moves.
-#ifndef PLATFORM_STORE_CACHE_H
-#define PLATFORM_STORE_CACHE_H
+#pragma once
 
 #include "platform/store/store.h"
 
@@ -24,11 +23,9 @@ VsStatus CacheLoad(const StoreCall &call, const void *buffer, uint32_t length);
 SwitchHandle *CacheFindByAlias(const StoreCall &call);
 VsStatus CacheForEach(const StoreCall &call, SwitchCallback callback, void *context);
 PortHandle *CacheFindPort(const StoreCall &call);
-VsStatus CacheLookup(const StoreCall &call, Level level, PropHandle **handle);
+VsStatus CacheLookup(const StoreCall &call, PropHandle **handle);
 const char *CacheClassName(const StoreCall &call, const SwitchHandle *handle);
 const char *CacheSwitchId(const StoreCall &call, const SwitchHandle *handle);
 void CacheData(const StoreCall &call, PropHandle *handle, void **data);
 
 }
-
-#endif

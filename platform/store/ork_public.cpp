@@ -8,14 +8,13 @@ using namespace vshost;
 
 namespace {
 
-// A bundle operation, which needs no host, on its way through the gate.
-template<typename Body>
-VsStatus BundleCall(const char *operation, const CallDetails &details, bool canFail, Body body)
+// Runs a bundle operation, which needs no host, unless a test fails it.
+template<typename Body> VsStatus BundleCall(const char *operation, const CallDetails &details, Body body)
 {
     return Guard([&] {
         HostUse host;
-        CallGate gate(host.GetControl(), VSHOST_STORE, operation, details, canFail);
-        return gate.Refused() ? gate.Outcome() : gate.Return(Guard(body));
+        InterceptedCall call(host.GetFaults(), VSHOST_STORE, operation, details);
+        return call.Fails() ? call.Outcome() : call.Return(Guard(body));
     });
 }
 
@@ -25,51 +24,52 @@ extern "C" {
 
 VsStatus DVSZOR_GlobalPropGet(const char *switchId, const char *key, void **value, uint32_t *length)
 {
-    return Guarded<PropertyGet>({__func__, switchId, nullptr, key}, Level::GLOBAL, value, length);
+    return Guarded<PropertyGet>({__func__, switchId, nullptr, key, StoredLevel::GLOBAL}, value, length);
 }
 
 VsStatus DVSZOR_GlobalPropSet(const char *switchId, const char *key, const void *value, uint32_t length,
                               uint32_t flags)
 {
-    return Guarded<PropertySet>({__func__, switchId, nullptr, key}, Level::GLOBAL, value, length, flags);
+    return Guarded<PropertySet>({__func__, switchId, nullptr, key, StoredLevel::GLOBAL}, value, length,
+                                flags);
 }
 
 VsStatus DVSZOR_GlobalPropClear(const char *switchId, const char *key)
 {
-    return Guarded<PropertyClear>({__func__, switchId, nullptr, key}, Level::GLOBAL);
+    return Guarded<PropertyClear>({__func__, switchId, nullptr, key, StoredLevel::GLOBAL});
 }
 
 VsStatus DVSZOR_HostPropGet(const char *switchId, const char *key, void **value, uint32_t *length)
 {
-    return Guarded<PropertyGet>({__func__, switchId, nullptr, key}, Level::HOST, value, length);
+    return Guarded<PropertyGet>({__func__, switchId, nullptr, key, StoredLevel::HOST}, value, length);
 }
 
 VsStatus DVSZOR_HostPropSet(const char *switchId, const char *key, const void *value, uint32_t length,
                             uint32_t flags)
 {
-    return Guarded<PropertySet>({__func__, switchId, nullptr, key}, Level::HOST, value, length, flags);
+    return Guarded<PropertySet>({__func__, switchId, nullptr, key, StoredLevel::HOST}, value, length, flags);
 }
 
 VsStatus DVSZOR_HostPropClear(const char *switchId, const char *key)
 {
-    return Guarded<PropertyClear>({__func__, switchId, nullptr, key}, Level::HOST);
+    return Guarded<PropertyClear>({__func__, switchId, nullptr, key, StoredLevel::HOST});
 }
 
 VsStatus DVSZOR_PortDataGet(const char *switchId, const char *portId, const char *key, void **value,
                             uint32_t *length)
 {
-    return Guarded<PropertyGet>({__func__, switchId, portId, key}, Level::PORT, value, length);
+    return Guarded<PropertyGet>({__func__, switchId, portId, key, StoredLevel::PORT}, value, length);
 }
 
 VsStatus DVSZOR_PortDataSet(const char *switchId, const char *portId, const char *key, const void *value,
                             uint32_t length, uint32_t flags)
 {
-    return Guarded<PropertySet>({__func__, switchId, portId, key}, Level::PORT, value, length, flags);
+    return Guarded<PropertySet>({__func__, switchId, portId, key, StoredLevel::PORT}, value, length, flags);
 }
 
 VsStatus DVSZOR_PortDataClear(const char *switchId, const char *portId, const char *key)
 {
-    return Guarded<PropertyClear>({__func__, switchId, portId, key}, Level::PORT);
+    return Guarded<PropertyClear>({__func__, switchId, portId, key, StoredLevel::PORT});
 }
 
 VsStatus DVSZOR_PortAdd(const char *switchId, const char *portId, const void *bundle, uint32_t length)
@@ -130,12 +130,12 @@ PortHandle *DVSState_PortFind(const char *switchId, const char *portId)
 
 VsStatus DVSState_GlobalPropLookup(const char *switchId, const char *key, PropHandle **handle)
 {
-    return Guarded<CacheLookup>({__func__, switchId, nullptr, key}, Level::GLOBAL, handle);
+    return Guarded<CacheLookup>({__func__, switchId, nullptr, key, StoredLevel::GLOBAL}, handle);
 }
 
 VsStatus DVSState_HostPropLookup(const char *switchId, const char *key, PropHandle **handle)
 {
-    return Guarded<CacheLookup>({__func__, switchId, nullptr, key}, Level::HOST, handle);
+    return Guarded<CacheLookup>({__func__, switchId, nullptr, key, StoredLevel::HOST}, handle);
 }
 
 const char *DVS_ClassName(const SwitchHandle *handle) { return Guarded<CacheClassName>({__func__}, handle); }
@@ -146,7 +146,7 @@ void DVSData_Data(PropHandle *handle, void **data) { Guarded<CacheData>({__func_
 
 VsStatus DVSData_Alloc(BundleBuilder **bundle, Allocate allocate, Release release)
 {
-    return BundleCall(__func__, CallDetails(), true, [&] {
+    return BundleCall(__func__, CallDetails(), [&] {
         return bundle && allocate && release ? BundleBuilder::Make(allocate, release, bundle)
                                              : STATUS_BAD_PARAM;
     });
@@ -159,8 +159,9 @@ void DVSData_Update(BundleBuilder *bundle, const char *key, const void *value, u
                               .length = length,
                               .flags = flags,
                               .input = value,
-                              .inputLength = length};
-    BundleCall(__func__, details, false, [&] {
+                              .inputLength = length,
+                              .canFail = false};
+    BundleCall(__func__, details, [&] {
         if (!bundle) return STATUS_BAD_PARAM;
         if (!key || (!value && length > 0))
             bundle->Fail(STATUS_BAD_PARAM);
@@ -173,14 +174,14 @@ void DVSData_Update(BundleBuilder *bundle, const char *key, const void *value, u
 VsStatus DVSData_Serialize(BundleBuilder *bundle, void **buffer, uint32_t *length, uint32_t kind)
 {
     const CallDetails details{.flags = kind};
-    return BundleCall(__func__, details, true, [&] {
+    return BundleCall(__func__, details, [&] {
         return bundle && buffer && length ? bundle->Serialize(buffer, length) : STATUS_BAD_PARAM;
     });
 }
 
 void DVSData_Free(BundleBuilder *bundle)
 {
-    BundleCall(__func__, CallDetails(), false, [&] {
+    BundleCall(__func__, CallDetails{.canFail = false}, [&] {
         if (bundle) bundle->Destroy();
         return STATUS_OK;
     });

@@ -1,4 +1,5 @@
-// The store's operations: each passes the gate, then reads the engine or writes it in one transaction.
+// The store's operations: each reads the engine or writes it in one transaction,
+// unless a test fails it.
 #include "platform/store/store.h"
 
 #include <atomic>
@@ -17,15 +18,15 @@ VsStatus WithoutHost(VsStatus failure, VsStatus withoutHost)
     return withoutHost;
 }
 
-// Passes the gate and runs `body` on the host; without one, `withoutHost` is the status.
+// Runs `body` on the host unless a test fails the operation; without a host, `withoutHost` is the status.
 template<typename Body>
 VsStatus OnHost(const char *operation, const CallDetails &details, VsStatus withoutHost, Body body)
 {
     HostUse host;
-    CallGate gate(host.GetControl(), VSHOST_STORE, operation, details);
-    if (gate.Refused()) return gate.Outcome();
-    if (!host) return gate.Return(WithoutHost(host.Status(), withoutHost));
-    return gate.Return(Guard([&] { return body(host->GetEngine()); }));
+    InterceptedCall call(host.GetFaults(), VSHOST_STORE, operation, details);
+    if (call.Fails()) return call.Outcome();
+    if (!host) return call.Return(WithoutHost(host.Status(), withoutHost));
+    return call.Return(Guard([&] { return body(host->GetEngine()); }));
 }
 
 VsStatus Change(const char *operation, const CallDetails &details, bool valid, const Work &work)
@@ -34,14 +35,14 @@ VsStatus Change(const char *operation, const CallDetails &details, bool valid, c
     return OnHost(operation, details, STATUS_IO_ERROR, write);
 }
 
-bool IsComplete(const StoreCall &call, Level level)
+bool IsComplete(const StoreCall &call)
 {
-    return call.switchId && call.key && (level != Level::PORT || call.portId);
+    return call.switchId && call.key && (call.level != StoredLevel::PORT || call.portId);
 }
 
-PropertyOwner OwnerOf(const StoreCall &call, Level level)
+PropertyOwner OwnerOf(const StoreCall &call)
 {
-    return {level, call.switchId, level == Level::PORT ? call.portId : ""};
+    return {call.level, call.switchId, call.level == StoredLevel::PORT ? call.portId : ""};
 }
 
 // A copy that DVSZOR_DataFree takes back.
@@ -50,7 +51,7 @@ VsStatus Lend(std::string_view bytes, void **value, uint32_t *length)
     void *copy = malloc(bytes.empty() ? 1 : bytes.size());
     if (!copy) return STATUS_NO_MEMORY;
     memcpy(copy, bytes.data(), bytes.size());
-    ++valuesLent;
+    valuesLent++;
     *value = copy;
     *length = static_cast<uint32_t>(bytes.size());
     return STATUS_OK;
@@ -58,36 +59,36 @@ VsStatus Lend(std::string_view bytes, void **value, uint32_t *length)
 
 }
 
-VsStatus PropertyGet(const StoreCall &call, Level level, void **value, uint32_t *length)
+VsStatus PropertyGet(const StoreCall &call, void **value, uint32_t *length)
 {
     CallDetails details = call.Details();
     return OnHost(call.operation, details, STATUS_NOT_FOUND, [&](Engine &engine) {
-        if (!IsComplete(call, level) || !value || !length) return STATUS_BAD_PARAM;
-        Property found;
-        if (VsStatus status = GetProperty(engine, OwnerOf(call, level), call.key, found)) return status;
+        if (!IsComplete(call) || !value || !length) return STATUS_BAD_PARAM;
+        StoredProperty found;
+        if (VsStatus status = GetProperty(engine, OwnerOf(call), call.key, found)) return status;
         details.length = static_cast<uint32_t>(found.value.size());
         return Lend(found.value, value, length);
     });
 }
 
-VsStatus PropertySet(const StoreCall &call, Level level, const void *value, uint32_t length, uint32_t flags)
+VsStatus PropertySet(const StoreCall &call, const void *value, uint32_t length, uint32_t flags)
 {
     CallDetails details = call.Details();
     details.length = length;
     details.flags = flags;
     details.input = value;
     details.inputLength = length;
-    const bool valid = IsComplete(call, level) && (value || length == 0);
+    const bool valid = IsComplete(call) && (value || length == 0);
     const std::string_view bytes(static_cast<const char *>(value), value ? length : 0);
     return Change(call.operation, details, valid, [&](Transaction &transaction) {
-        return SetProperty(transaction, OwnerOf(call, level), call.key, flags, bytes);
+        return SetProperty(transaction, OwnerOf(call), {call.key, flags, bytes});
     });
 }
 
-VsStatus PropertyClear(const StoreCall &call, Level level)
+VsStatus PropertyClear(const StoreCall &call)
 {
-    return Change(call.operation, call.Details(), IsComplete(call, level), [&](Transaction &transaction) {
-        return ClearProperty(transaction, OwnerOf(call, level), call.key);
+    return Change(call.operation, call.Details(), IsComplete(call), [&](Transaction &transaction) {
+        return ClearProperty(transaction, OwnerOf(call), call.key);
     });
 }
 
@@ -140,9 +141,9 @@ int64_t ValuesLent() { return valuesLent; }
 void DataFree(const StoreCall &call, void *value)
 {
     HostUse host;
-    const CallDetails details = call.Details();
-    CallGate gate(host.GetControl(), VSHOST_STORE, call.operation, details, false);
-    if (value) --valuesLent;
+    const CallDetails details = call.Details(false);
+    InterceptedCall intercepted(host.GetFaults(), VSHOST_STORE, call.operation, details);
+    if (value) valuesLent--;
     free(value);
 }
 

@@ -1,6 +1,5 @@
 // The store's operations, behind the C entry points of liborkPublic.so.
-#ifndef PLATFORM_STORE_STORE_H
-#define PLATFORM_STORE_STORE_H
+#pragma once
 
 #include "platform/host/guard.h"
 #include "platform/host/host.h"
@@ -8,19 +7,24 @@
 
 namespace vshost {
 
-// Who is called, and what about: null for what the operation has not.
+// A call of the store: the operation, and its arguments that name something. Null: the operation does not
+// take that argument.
 struct StoreCall {
     const char *operation;
     const char *switchId = nullptr;
     const char *portId = nullptr;
     const char *key = nullptr;
+    StoredLevel level = StoredLevel::GLOBAL; // of an operation on a property
 
-    CallDetails Details() const { return {.text = {switchId, portId, key}}; }
+    CallDetails Details(bool canFail = true) const
+    {
+        return {.text = {switchId, portId, key}, .canFail = canFail};
+    }
 };
 
-VsStatus PropertyGet(const StoreCall &call, Level level, void **value, uint32_t *length);
-VsStatus PropertySet(const StoreCall &call, Level level, const void *value, uint32_t length, uint32_t flags);
-VsStatus PropertyClear(const StoreCall &call, Level level);
+VsStatus PropertyGet(const StoreCall &call, void **value, uint32_t *length);
+VsStatus PropertySet(const StoreCall &call, const void *value, uint32_t length, uint32_t flags);
+VsStatus PropertyClear(const StoreCall &call);
 VsStatus PortAdd(const StoreCall &call, const void *bundle, uint32_t length);
 VsStatus PortRemove(const StoreCall &call);
 VsStatus SwitchAdd(const StoreCall &call, const char *className, uint32_t ports, uint32_t version);
@@ -32,5 +36,3 @@ int64_t ValuesLent();
 void DataFree(const StoreCall &call, void *value);
 
 }
-
-#endif

@@ -45,7 +45,7 @@ void Describe(const NamedNic &nic, Port &port)
 int ReadPorts(Engine &engine, const char *switchId, std::vector<Port> &ports)
 {
     bool fits = true;
-    Switch found;
+    StoredSwitch found;
     if (VsStatus status = GetSwitch(engine, switchId, found)) return ErrnoOf(status);
     const VsStatus status = ForEachPort(engine, switchId, [&](std::string_view portId, uint32_t number) {
         Port &port = ports.emplace_back();
@@ -117,15 +117,15 @@ int AddNames(Engine &engine, const PropertyOwner &owner, std::vector<Name> &name
 
 int ReadNames(Engine &engine, const char *switchId, const char *portId, std::vector<Name> &names)
 {
-    Switch found;
+    StoredSwitch found;
     uint32_t number;
     if (VsStatus status = GetSwitch(engine, switchId, found)) return ErrnoOf(status);
     if (portId) {
         if (VsStatus status = GetPortNumber(engine, switchId, portId, number)) return ErrnoOf(status);
-        return AddNames(engine, {Level::PORT, switchId, portId}, names);
+        return AddNames(engine, {StoredLevel::PORT, switchId, portId}, names);
     }
-    if (int error = AddNames(engine, {Level::GLOBAL, switchId}, names)) return error;
-    return AddNames(engine, {Level::HOST, switchId}, names);
+    if (int error = AddNames(engine, {StoredLevel::GLOBAL, switchId}, names)) return error;
+    return AddNames(engine, {StoredLevel::HOST, switchId}, names);
 }
 
 }

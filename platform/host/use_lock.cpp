@@ -1,4 +1,4 @@
-#include "platform/host/host_lock.h"
+#include "platform/host/use_lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "platform/host/engine.h"
+#include "platform/host/files.h"
 
 namespace vshost {
 namespace {
@@ -20,15 +20,6 @@ constexpr const char *LOCK_FILE = "/use.lock";
 constexpr const char *THROW_AWAY = "/vshost-";
 constexpr const char *GONE = ".gone"; // renamed, so that nobody comes to a host that is being removed
 
-bool Flock(int fd, int operation)
-{
-    int result;
-    do
-        result = flock(fd, operation);
-    while (result != 0 && errno == EINTR);
-    return result == 0;
-}
-
 bool IsOwnDirectory(const fs::path &path)
 {
     struct stat status = {};
@@ -38,8 +29,8 @@ bool IsOwnDirectory(const fs::path &path)
 // One without a lock goes if it is empty: otherwise nobody knows whether it is in use.
 void RemoveIfLeft(const std::string &directory)
 {
-    HostLock lock;
-    if (!lock.TakeAlone(directory)) {
+    UseLock lock;
+    if (!lock.LockAlone(directory)) {
         rmdir(directory.c_str());
         return;
     }
@@ -49,12 +40,12 @@ void RemoveIfLeft(const std::string &directory)
 }
 
 // Others that look for what is left over may take a directory as long as it has no lock.
-bool MakeLocked(const std::string &parent, std::string &directory, HostLock &lock)
+bool MakeLocked(const std::string &parent, std::string &directory, UseLock &lock)
 {
     do {
         directory = parent + THROW_AWAY + "XXXXXX";
         if (!mkdtemp(directory.data())) return false;
-        if (lock.Take(directory, true)) return true;
+        if (lock.Share(directory, true)) return true;
     } while (errno == ENOENT);
     const int error = errno;
     rmdir(directory.c_str());
@@ -72,32 +63,32 @@ void RemoveLeftOver(const std::string &parent)
 
 }
 
-bool HostLock::Take(const std::string &directory, bool inherited)
+bool UseLock::Share(const std::string &directory, bool inherited)
 {
     struct stat status = {};
     Release();
     fd = OpenKeptFile(directory + LOCK_FILE, O_RDWR | O_CREAT);
     if (fd < 0 || (inherited && fcntl(fd, F_SETFD, 0) != 0)) return false;
-    if (!Flock(fd, LOCK_SH) || fstat(fd, &status) != 0) return false;
+    if (!LockFile(fd, LOCK_SH) || fstat(fd, &status) != 0) return false;
     if (status.st_nlink > 0) return true;
     errno = ENOENT;
     return false;
 }
 
-bool HostLock::TakeAlone(const std::string &directory)
+bool UseLock::LockAlone(const std::string &directory)
 {
     Release();
     fd = open((directory + LOCK_FILE).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
-    return fd >= 0 && Flock(fd, LOCK_EX | LOCK_NB);
+    return fd >= 0 && LockFile(fd, LOCK_EX | LOCK_NB);
 }
 
-void HostLock::Release()
+void UseLock::Release()
 {
     if (fd >= 0) close(fd);
     fd = -1;
 }
 
-std::string MakeThrowAwayDirectory(HostLock &lock)
+std::string MakeThrowAwayDirectory(UseLock &lock)
 {
     for (const char *parent : {"/dev/shm", "/tmp"}) {
         std::string directory;

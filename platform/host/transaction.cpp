@@ -1,0 +1,50 @@
+#include "platform/host/transaction.h"
+
+#include "platform/host/connection.h"
+
+namespace vshost {
+
+Transaction::Transaction(Connection &connection, std::atomic<uint64_t> &changes)
+    : connection(connection), changes(changes)
+{}
+
+VsStatus Transaction::KeepFailure(VsStatus status)
+{
+    if (status != STATUS_OK && status != STATUS_NOT_FOUND) failure = status;
+    return status;
+}
+
+VsStatus Transaction::Get(std::string_view key, std::string &value)
+{
+    return KeepFailure(connection.Get(key, value));
+}
+
+VsStatus Transaction::Scan(std::string_view prefix, const Visit &visit, Order order)
+{
+    return KeepFailure(connection.Scan(prefix, visit, order));
+}
+
+VsStatus Transaction::Put(std::string_view key, std::string_view value)
+{
+    lastPut = {std::string(key), std::string(value)};
+    return KeepFailure(connection.Put(key, value));
+}
+
+VsStatus Transaction::Add(std::string_view key, std::string_view value)
+{
+    lastPut = {std::string(key), std::string(value)};
+    return KeepFailure(connection.Put(key, value, Connection::ADD));
+}
+
+VsStatus Transaction::Remove(std::string_view key)
+{
+    lastPut.key.clear();
+    return KeepFailure(connection.Run(Connection::REMOVE, key));
+}
+
+void Transaction::InvalidateCaches()
+{
+    if (changes % 2 == 0) changes++;
+}
+
+}
