@@ -127,7 +127,7 @@ class Supervisor(LiveHost):
         self.assertIn("runs already; end it with", self.fails(VSHOSTD, "--state", self.directory))
         nobody = ["setpriv", "--reuid=65534", "--inh-caps=+dac_read_search", "--ambient-caps=+dac_read_search"]
         self.assertIn("needs root", self.fails(*nobody, VSHOSTD, "--state", self.directory))
-        self.assertIn("is no host", self.fails(VSHOST, "stop", "--state", "/nowhere"))
+        self.assertIn("is not a host", self.fails(VSHOST, "stop", "--state", "/nowhere"))
         inner = ["unshare", "--pid", "--fork", VSHOSTD, "--state", self.directory]
         self.assertIn("process namespace", self.fails(*inner))
         hidden = f"mount -t tmpfs none /dev && exec {VSHOSTD} --state {self.directory}-2"

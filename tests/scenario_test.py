@@ -214,7 +214,7 @@ class Scenario(unittest.TestCase):
                          "/portsets/lab/lags: a portset has at most 64 LAGs")
         self.assertEqual(HOST.vshost_fail(KINDS["store"], None, 1000, 1, 1), 0)
         self.assertEqual(self.apply({"faults": [{"kind": "store"}] * 64}),
-                         "/faults: too many stand already; vshost_clear() removes them")
+                         "/faults: the host holds too many rules already; vshost_clear() removes them")
 
     def test_calls_that_can_fail(self):
         exported = set(re.findall(r"\bDVS\w+", (SOURCE / "platform/store/ork_public.map").read_text()))

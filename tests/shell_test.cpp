@@ -112,8 +112,8 @@ TEST_F(Shell, SetsNodesOrSaysWhyNot)
         {"/net/portsets/lab-portset/mtu 9001", "the MTU must be 1280 to 9000"},
         {"/net/portsets/lab-portset/mtu", "the MTU must be 1280 to 9000"},
         {"/net/portsets/lab-portset/class x", "no such node that can be set"},
-        {"/net/pNics/nic0/mtu 4001", "doesn't take this MTU"},
-        {"/net/pNics/nic0/mtu 1500", "doesn't take this MTU"},
+        {"/net/pNics/nic0/mtu 4001", "doesn't accept this MTU"},
+        {"/net/pNics/nic0/mtu 1500", "doesn't accept this MTU"},
         {"/net/pNics/nic7/mtu 1500", "no such node"},
     };
     const uint64_t before = vshost_fingerprint();
@@ -364,7 +364,7 @@ TEST_F(Launcher, BindsNics)
     } cases[] = {
         {"fast lab uplink1", "no NIC fast; add it with `vshost nic fast`"},
         {"nic0 other uplink1", "no switch other; list them with `vshost show`"},
-        {"nic0 lab port0", "port0 is no uplink port of switch lab"},
+        {"nic0 lab port0", "port0 is not an uplink port of switch lab"},
     };
     for (const auto &row : cases)
         EXPECT_EQ(Vshost(std::string("bind ") + row.arguments),
@@ -400,10 +400,10 @@ TEST_F(Launcher, NamesWhatIsWrongAndLeavesItAlone)
             EXPECT_EQ(ReadFile(database), row.bytes) << row.name;
         }
     }
-    EXPECT_EQ(Vshost("show --state " + folder).out.find("vshost: " + folder + " is no host"), 0u);
+    EXPECT_EQ(Vshost("show --state " + folder).out.find("vshost: " + folder + " is not a host"), 0u);
     EXPECT_TRUE(std::filesystem::exists(state) && !std::filesystem::exists(folder + "/control"));
     EXPECT_EQ(Vshost("show"),
-              (Ended{FAILED, "vshost: this process is on no host; name one with --state DIR\n"}));
+              (Ended{FAILED, "vshost: this process is not on a host; name a host with --state DIR\n"}));
 }
 
 namespace fs = std::filesystem;

@@ -15,7 +15,7 @@ constexpr uint32_t DEFAULT_AGING_SECONDS = 600;
 constexpr uint32_t DEFAULT_SWITCH_LIMIT = 65536;
 constexpr uint16_t MAX_VLAN_ID = 4094;
 
-// A port's MAC management record, as it is stored.
+// The stored record of a port's MAC management.
 struct [[gnu::packed]] MacManagement {
     uint8_t securityDerived;
     uint8_t learning;
@@ -83,7 +83,7 @@ int ReadPortStats(Reader &reader, std::string_view portset, std::string_view por
     return ErrnoOf(GetRecord(reader, runtime::PortStatsKey(portset, portId), stats), 0);
 }
 
-// The switch's own policy; what is not stored has its default.
+// The switch's own policy; a value that is not stored has its default.
 int ReadSwitchPolicy(Reader &reader, std::string_view switchId, VSwitchLearningInfo &info)
 {
     std::string policy, learnStatic;
@@ -154,7 +154,7 @@ int GetPortMacs(DriverRequest &request)
     return 0;
 }
 
-// What was seen behind the uplinks.
+// The addresses seen behind the uplinks.
 int GetTeamMacs(DriverRequest &request)
 {
     std::vector<std::string> portIds;

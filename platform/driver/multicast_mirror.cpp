@@ -1,5 +1,5 @@
-// Multicast groups, mirror sessions and promiscuous sessions of the driver. Modes and sessions follow what
-// the store holds; groups, counters and further destinations come from the scenario.
+// Multicast groups, mirror sessions and promiscuous sessions of the driver. Modes and sessions come from the
+// store; groups, counters and further destinations come from the scenario.
 #include <algorithm>
 #include <cerrno>
 #include <set>
@@ -14,9 +14,9 @@ namespace {
 constexpr std::string_view KEY_MCAST_FILTER = "com.talpex.vswitch.multicastFilter";
 constexpr std::string_view KEY_UPLINK_MIRROR = "com.talpex.vswitch.uplinkMirrorSessions";
 constexpr size_t MIRROR_HEADER = 20, MIRROR_COUNT_AT = 8, MIRROR_RECORD = 232, SESSION_ID = 32;
-constexpr size_t SINK_PORT_BYTE = 2; // of the filter; its lowest bit
+constexpr size_t SINK_PORT_BYTE = 2; // of the filter; the lowest bit of this byte
 
-// Adds the session ids of one stored list that aren't there yet.
+// Adds the session ids of a stored list that `sessionIds` doesn't have yet.
 void AddSessions(std::string_view list, std::vector<std::string> &sessionIds)
 {
     uint32_t count = 0;
@@ -36,7 +36,7 @@ struct Group {
     std::string_view sources;
 };
 
-// False when the row is not whole, or has other sources than it says.
+// False when the row is not whole, or doesn't hold as many sources as it says.
 bool DecodeGroup(std::string_view rest, std::string_view row, size_t width, Group &group)
 {
     if (rest.size() != sizeof(group.vlanId) + width || row.size() < sizeof(group.stats)) return false;
@@ -129,7 +129,7 @@ int GetMcastMode(DriverRequest &request)
     return request.Answer(uint32_t{snooping});
 }
 
-// An address that several VLANs have is listed once.
+// An address that is in several VLANs is listed once.
 int GetMcastGroups(DriverRequest &request)
 {
     const uint32_t kind = request.input.args.mcast.addressKind;

@@ -12,7 +12,7 @@ constexpr std::string_view KEY_PORT_LS_POLICY = "com.talpex.vswitch.port.logical
 constexpr size_t LS_ENTRY = 2748;
 constexpr size_t LS_NAME = 136;
 
-// A record of the portset's statistics, zero when there is none.
+// Answers a record of the portset's statistics; all zero when there is none.
 template<class Stats> int AnswerStats(DriverRequest &request, const std::string &key)
 {
     Stats stats = {};

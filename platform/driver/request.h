@@ -1,4 +1,4 @@
-// One driver command under way: its input, what the names in it mean, and the answer.
+// A driver command that is being run: its input, what the names in it refer to, and its answer.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@
 
 namespace vshost {
 
-// What of the common input a command reads. Names that it reads are checked and looked up first.
+// The fields of the common input that a command reads. Their names are checked and looked up first.
 enum InputField : unsigned {
-    PORTSET = 1,     // a running one
+    PORTSET = 1,     // of a switch that runs
     SWITCH = 2,      // by its id; its portset must run
     PORT = 4,        // dvPortId, a port of SWITCH
     PORT_NUMBER = 8, // of a port whose portset runs
@@ -20,7 +20,7 @@ enum InputField : unsigned {
 };
 
 struct DriverRequest {
-    // `input` is the start of `raw`, if that is long enough for the common input.
+    // `input` is filled from `raw` when `raw` has the size of the common input.
     DriverRequest(Reader &reader, std::string_view raw, Transaction *transaction = nullptr);
 
     Reader &reader;
@@ -37,10 +37,10 @@ struct DriverRequest {
     Nic nic;
 
     std::string answer;
-    size_t headerSize = 0; // of a list, and the size of its entries: they are cut whole
+    size_t headerSize = 0; // of a list, and the size of its entries: only whole entries are answered
     size_t entrySize = 0;
 
-    // Checks and looks up what the command reads; 0 or an errno value.
+    // Checks and looks up the fields that the command reads; 0 or an errno value.
     int Resolve(unsigned fields);
 
     template<class Record> int Answer(const Record &record)
@@ -49,7 +49,7 @@ struct DriverRequest {
         return 0;
     }
 
-    // Starts a list; its count is the u32 at `countAt`.
+    // Starts a list whose header holds the count as a u32 at `countAt`.
     template<class Header> void StartList(const Header &header, size_t entry, size_t countAt = 0)
     {
         Answer(header);
@@ -58,7 +58,7 @@ struct DriverRequest {
         countOffset = countAt;
     }
 
-    // Adds a list entry: `bytes`, cut or filled with zeros.
+    // Adds a list entry: `bytes`, cut or padded with zeros to the size of an entry.
     void Add(std::string_view bytes);
 
     template<class Record> void AddRecord(const Record &record)
@@ -66,7 +66,7 @@ struct DriverRequest {
         Add({reinterpret_cast<const char *>(&record), sizeof(record)});
     }
 
-    // How much of the answer fits into `room` bytes.
+    // How many bytes of the answer fit into `room` bytes.
     size_t Fitting(size_t room) const;
 
 private:
@@ -83,7 +83,7 @@ private:
 
 using Handler = int (*)(DriverRequest &); // 0 or an errno value
 
-// A row of the table of commands. An inLength of 0 is checked by the handler.
+// A row of the table of commands. If inLength is 0, the handler checks the length.
 struct DriverCommand {
     uint32_t number;
     uint32_t inLength;
@@ -131,7 +131,7 @@ int GetLsPolicies(DriverRequest &request);
 int GetOptions(DriverRequest &request);
 int SetOptions(DriverRequest &request);
 
-// What several families ask of the store.
+// Reads of the store that several families need.
 // The value of a property, empty when it is absent; 0 or an errno value.
 int ReadProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value);
 int ListPortIds(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds);

@@ -34,7 +34,7 @@ bool IsInLag(const std::vector<VSwitchLag> &lags, std::string_view nic)
     return std::any_of(lags.begin(), lags.end(), [nic](const VSwitchLag &lag) { return IsMember(lag, nic); });
 }
 
-// The links of a LAG's members, as its switch has them now.
+// Fills in the current links of a LAG's members.
 void FillLinks(VSwitchLag &lag, const std::vector<NamedNic> &uplinks)
 {
     lag.linkMask = 0;
@@ -151,8 +151,8 @@ int GetLags(DriverRequest &request)
     return request.Answer(table);
 }
 
-// An uplink port sends on its own NIC; another port on the one that its number falls on among those with a
-// link, which is how traffic is spread by originating port.
+// An uplink port sends on its own NIC. Another port sends on one of the NICs with a link, which its number
+// selects: this is how traffic is spread by originating port.
 int GetUplinkHint(DriverRequest &request)
 {
     std::vector<NamedNic> uplinks;

@@ -29,7 +29,7 @@ uint32_t Checksum(std::string_view bytes)
     return static_cast<uint32_t>(crc32_z(0, reinterpret_cast<const Bytef *>(bytes.data()), bytes.size()));
 }
 
-// ---- Numbers of an entry: 7 bits a byte, the lowest first; the top bit says that more follow ----
+// ---- Numbers of an entry: 7 bits a byte, the lowest first; a set top bit means that more follow ----
 
 constexpr size_t MAX_NUMBER = 5;
 
@@ -49,7 +49,7 @@ char *WriteNumber(char *at, uint32_t number)
     return at;
 }
 
-// False when the number leaves the bytes or exceeds 32 bits.
+// False when the bytes end within the number, or it exceeds 32 bits.
 bool ReadNumber(std::string_view &bytes, uint32_t &number)
 {
     uint64_t read = 0;
@@ -105,7 +105,8 @@ bool ReadKey(std::string_view &bytes, std::string_view &key)
 
 uint32_t EntryCount(std::string_view bundle) { return ReadWord(bundle.data() + 12); }
 
-// Walks the entries. Next() is false at the end and at an entry that is damaged or leaves the bundle.
+// Walks the entries. Next() is false at the end, and at an entry that is damaged or reaches beyond the
+// bundle.
 class EntryWalk {
 public:
     explicit EntryWalk(std::string_view bundle)

@@ -1,10 +1,10 @@
-// A property bundle: keyed values in one byte string, with a length and a checksum. The same format
-// stands in stored rows and is what DVSData_Serialize hands out:
+// A property bundle: keyed values in one byte string, with a length and a checksum. Stored rows and
+// DVSData_Serialize use the same format:
 //     magic, version, total length, entry count          u32 each
 //     entries: key, flags, value
-//     CRC-32 of all that precedes                         u32
-// A key is one byte: its place in known_keys.h, or 0 with the length and the text behind it. A value has its
-// length before it. Flags and lengths take 7 bits a byte.
+//     CRC-32 of everything before it                      u32
+// A key is one byte: its place in known_keys.h, or 0 followed by the length and the text of the key. A value
+// follows its length. Flags and lengths use 7 bits of each byte.
 #pragma once
 
 #include <cstddef>
@@ -35,7 +35,7 @@ std::string EmptyBundle();
 bool PutEntry(std::string &bundle, const BundleEntry &entry);
 bool RemoveEntry(std::string &bundle, std::string_view key);
 
-// To build a bundle in memory of any kind: header, entries, seal.
+// For a bundle in memory of any kind: leave room for the header, write the entries, seal.
 size_t EntrySize(const BundleEntry &entry);
 char *WriteEntry(char *at, const BundleEntry &entry);
 void SealBundle(char *bundle, size_t length, uint32_t count);

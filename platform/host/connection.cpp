@@ -22,14 +22,14 @@ int StatOfGeneration(int fd, struct stat *status)
     return result;
 }
 
-// Another process checkpoints or recovers: that ends soon, so that busy never reaches a caller.
+// Another process checkpoints or recovers. Both end soon, so that a caller never sees SQLITE_BUSY.
 int WaitWhileBusy(void *, int)
 {
     usleep(500);
     return 1;
 }
 
-// `error` is errno as SQLite left it: sqlite3_system_errno knows it only after the statement is reset.
+// `error` is errno as SQLite left it: sqlite3_system_errno returns it only after the statement is reset.
 VsStatus StatusOf(int result, int error)
 {
     switch (result & 0xFF) {
@@ -44,7 +44,7 @@ VsStatus StatusOf(int result, int error)
         return STATUS_READ_ONLY;
     case SQLITE_NOMEM:
         return STATUS_NO_MEMORY;
-    case SQLITE_CONSTRAINT: // the only one is the key
+    case SQLITE_CONSTRAINT: // the primary key is the only constraint
         return STATUS_EXISTS;
     case SQLITE_TOOBIG:
         return STATUS_TOO_LARGE;
@@ -61,7 +61,7 @@ VsStatus StatusOf(int result, int error)
 
 bool IsDamage(int result) { return (result & 0xFF) == SQLITE_CORRUPT || (result & 0xFF) == SQLITE_NOTADB; }
 
-// The first key after all those that begin with `prefix`. Prefixes end in a byte below 0xFF.
+// The first key after all keys that begin with `prefix`.
 std::string Successor(std::string_view prefix)
 {
     std::string key(prefix);
@@ -99,7 +99,7 @@ public:
     Use &operator=(const Use &) = delete;
     ~Use() { sqlite3_reset(statement); }
 
-    // A bound value lives as long as the use: nothing is copied.
+    // Does not copy the bytes: they must stay valid until the statement is reset.
     VsStatus Bind(int index, std::string_view bytes)
     {
         if (prepared != SQLITE_OK) return connection.Failed(prepared);

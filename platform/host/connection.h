@@ -64,10 +64,10 @@ private:
     bool damaged = false;
 };
 
-// In a forked child: its connections take no file of the database for one that its parent has open.
+// For a forked child: SQLite no longer recognises the files that the parent has open.
 void ForgetParentsFiles();
 
-// A forked child keeps its parent's connections without ever using or closing them.
+// For a forked child: keeps a connection of the parent without ever using or closing it.
 void Abandon(std::unique_ptr<Connection> &connection);
 
 }

@@ -22,7 +22,7 @@ constexpr const char *NEW_DATABASE_FILE = "/host.db.new";
 constexpr uint32_t APPLICATION_ID = 0x76737764; // "vswd"
 constexpr const char *CREATE_TABLE =
     "CREATE TABLE kv(key BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;";
-constexpr int64_t FORMAT = 1; // of the tables; a host of another one is refused
+constexpr int64_t FORMAT = 1; // of the tables; a database of another format is refused
 constexpr size_t FILE_HEADER = 100;
 constexpr char FILE_MAGIC[] = "SQLite format 3";
 
@@ -31,7 +31,7 @@ uint32_t HeaderWord(const unsigned char *at)
     return uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | uint32_t{at[2]} << 8 | at[3];
 }
 
-// What is wrong with a database file, by its header alone; empty when nothing is.
+// What is wrong with a database file, judged by its header alone; empty when it is sound.
 std::string FaultOfHeader(const unsigned char *header, size_t length)
 {
     if (length < FILE_HEADER || memcmp(header, FILE_MAGIC, sizeof(FILE_MAGIC)) != 0)
@@ -45,7 +45,7 @@ std::string FaultOfHeader(const unsigned char *header, size_t length)
     return {};
 }
 
-// The identity goes into the file before write-ahead logging starts, so that the header alone tells it.
+// The identity is written before write-ahead logging starts, so that it is in the file's header.
 VsStatus Build(const std::string &path, std::string &message)
 {
     Connection connection(path);
@@ -122,8 +122,8 @@ VsStatus CheckHeader(const std::string &path, std::string &message)
     return STATUS_IO_ERROR;
 }
 
-// The version counts as the log has it: the file's header may lag behind. The first read of the table shows
-// damage at its root.
+// The log may hold a newer version than the file's header. The first read of the table shows damage at its
+// root.
 VsStatus CheckTable(Connection &connection, const std::string &path, std::string &message)
 {
     const auto read = [&](const char *sql, int64_t &number) {

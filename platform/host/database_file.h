@@ -14,7 +14,7 @@ inline constexpr const char *WRITE_LOCK_FILE = "/write.lock";
 VsStatus CreateIfMissing(const std::string &directory, int lockFd, std::string &message);
 // Refuses a file that is damaged, of another program or of a newer format, by its header.
 VsStatus CheckHeader(const std::string &path, std::string &message);
-// The same by what the database says, and by the root of its table.
+// Refuses a database whose format version, read through the log, or whose table is damaged.
 VsStatus CheckTable(Connection &connection, const std::string &path, std::string &message);
 
 }

@@ -60,7 +60,7 @@ VsStatus Engine::Connect(std::unique_ptr<Connection> &connection)
     return STATUS_OK;
 }
 
-// Damage ends the use of the file, so that nothing more is written to it.
+// After damage is found the file is not used any more, so that nothing more is written to it.
 VsStatus Engine::Checked(const Connection &connection, VsStatus status)
 {
     if (connection.IsDamaged() && !damaged.exchange(true))
@@ -84,17 +84,17 @@ VsStatus Engine::Get(std::string_view key, std::string &value)
     return STATUS_OK;
 }
 
-// `commits` is from before the read, under whose mutex this runs.
+// `commits` is the counter from before the read. The caller holds `readMutex`.
 void Engine::RememberRead(std::string_view key, std::string_view value, uint64_t commits)
 {
     recentCommits = NEVER;
-    if (commits % 2 != 0) return; // what was read may change yet
+    if (commits % 2 != 0) return; // a commit is in flight: the entry may change
     recent.key = key;
     recent.value = value;
     recentCommits = commits;
 }
 
-// After a commit, while the file's lock keeps all others from the next one.
+// Called after a commit, while the file's lock still keeps other processes from committing.
 void Engine::RememberPut()
 {
     std::lock_guard lock(readMutex);
@@ -125,7 +125,7 @@ VsStatus Engine::Write(const Work &work)
     return write.status;
 }
 
-// Commits all that is queued when the file's lock is ours.
+// Waits for the file's lock, then commits all writes that are queued by then.
 void Engine::Lead(std::unique_lock<std::mutex> &lock)
 {
     leading = true;
@@ -156,7 +156,7 @@ void Engine::Commit(const Batch &batch)
         for (QueuedWrite *write : batch)
             if (write->status == STATUS_OK) write->status = status;
     }
-    // Ours, or those of a process that died in a commit.
+    // This process made them odd, or a process that died during a commit.
     if (counters.changes % 2 != 0) counters.changes++;
     if (counters.commits % 2 != 0) counters.commits++;
     if (status == STATUS_OK) RememberPut();
@@ -178,7 +178,7 @@ VsStatus Engine::CommitLocked(const Batch &batch)
     return Checked(*writer, writer->Run(Connection::COMMIT));
 }
 
-// A work among others has a savepoint, so that its failure undoes no other's changes.
+// If several writes share the commit, each has a savepoint: a failed write then undoes only its own changes.
 void Engine::RunOne(QueuedWrite &write, bool alone)
 {
     if (!alone && (write.status = writer->Run(Connection::SAVE))) return;

@@ -70,8 +70,8 @@ private:
 
     std::mutex readMutex;
     std::unique_ptr<Connection> reader;
-    // The entry that was read or put last, while `commits` stands where it stood then: a policy is several
-    // properties of one row, read one after another.
+    // The entry that was read or put last; valid while the commit counter is unchanged. A policy is several
+    // properties of one row, which are read one after another.
     Entry recent;
     uint64_t recentCommits = NEVER;
 
@@ -80,7 +80,7 @@ private:
     Batch queue;
     bool leading = false;
     std::unique_ptr<Connection> writer; // the leader's
-    Entry put;                          // the leader's: what the only work of a batch put last
+    Entry put;                          // the leader's: the last put of a batch that is a single write
     int lockFd = -1;                    // the leader's
 };
 

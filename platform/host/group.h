@@ -1,5 +1,5 @@
-// A multicast group's record in the runtime tables is a VSwitchMcastStats with the addresses of its
-// sources behind it, just as the driver answers it.
+// A multicast group's record in the runtime tables is a VSwitchMcastStats followed by the addresses of its
+// sources, which is also the driver's answer.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,5 @@
-// The edge of the platform: what other programs call runs its body in a guard, so that no exception leaves.
+// The edge of the platform: each function that other programs call runs in a guard, so that no exception
+// leaves the platform.
 #pragma once
 
 #include <cxxabi.h>
@@ -10,7 +11,7 @@
 
 namespace vshost {
 
-// The status for the exception under way. That of a cancelled thread isn't one, and goes on.
+// The status for the current exception. The exception that unwinds a cancelled thread is thrown on.
 inline VsStatus StatusOfException()
 try {
     throw;
@@ -37,7 +38,7 @@ try {
     return ErrnoOf(StatusOfException());
 }
 
-// What a function that failed so returns: its status or errno value, otherwise nothing.
+// A status as the result of a function: a status, an errno value or, for other types, the default value.
 template<typename Result> Result OutcomeOf(VsStatus status)
 {
     if constexpr (std::is_same_v<Result, VsStatus>)

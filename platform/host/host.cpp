@@ -24,12 +24,13 @@ namespace {
 
 enum class State { UNKNOWN, NONE, ATTACHED, FAILED };
 
-// Calls hold `lock` shared. Coming to a host, leaving it and forking hold it alone, so that nothing
-// of the platform is in use meanwhile. Waiting writers go first: a busy process can still fork.
+// Calls hold `lock` shared. Attaching, detaching and forking hold it exclusively, so that no call of the
+// platform is running meanwhile. Waiting writers go first: a busy process can still fork.
 struct Attachment {
     Attachment();
 
-    // A forked child makes its own: the parent's knows its holder by a thread id that is the parent's.
+    // A forked child makes a lock of its own: the parent's lock names its holder by a thread id of the
+    // parent.
     void MakeLock();
 
     std::deque<pthread_rwlock_t> locks;
@@ -38,19 +39,19 @@ struct Attachment {
     VsStatus status = STATUS_OK;
     std::unique_ptr<Host> host;
     std::atomic<uint64_t> serial = 0;
-    std::string throwAway; // directory to be removed by process `owner`
+    std::string throwAway; // directory that process `owner` removes
     UseLock throwAwayLock;
     pid_t owner = 0;
 };
 
-// Never destroyed: other threads may still be calling while the process exits.
+// Never destroyed: other threads may still call the platform while the process exits.
 Attachment &Current()
 {
     static auto *const attachment = new Attachment;
     return *attachment;
 }
 
-// How many HostUse this thread has. Initial-exec: this library is small and the look-up is on each call.
+// How many HostUse this thread has. Initial-exec, because every call looks it up and this library is small.
 [[gnu::tls_model("initial-exec")]] thread_local int uses = 0;
 
 std::string &ErrorText()
@@ -118,8 +119,8 @@ VsStatus Attach(const HostOptions &options, std::string &message)
     return current.status;
 }
 
-// The environment's directory at the start of the process: a relative one is looked up from where the process
-// was then.
+// The directory that the environment named when the process started. A relative one is relative to the
+// current directory of that moment.
 struct StartDirectory {
     std::string named, absolute;
 };
@@ -177,7 +178,7 @@ VsStatus PrepareDirectory(const HostOptions &options, UseLock &lock, std::string
     if (options.create) std::filesystem::create_directories(directory, error);
     if (error) return Fail(directory, "make the host's directory", error.value(), message);
     if (!std::filesystem::is_directory(directory, error)) {
-        message = directory + " is no directory; make it, or set " + ENVIRONMENT_DIRECTORY +
+        message = directory + " is not a directory; make it, or set " + ENVIRONMENT_DIRECTORY +
                   " to a host's directory";
         return STATUS_IO_ERROR;
     }
@@ -194,7 +195,7 @@ VsStatus PrepareDirectory(const HostOptions &options, UseLock &lock, std::string
     return STATUS_OK;
 }
 
-// Puts `item` first in a list of paths in the environment, unless it stands there already.
+// Puts `item` first in a list of paths in the environment, unless the list has it already.
 void PrependToEnvironment(const char *variable, const std::string &item)
 {
     const char *old = getenv(variable);
@@ -207,7 +208,7 @@ int Start(const char *directory, bool durable)
 {
     const std::string wanted = directory ? directory : MakeThrowAwayDirectory(Current().throwAwayLock);
     if (wanted.empty())
-        return SetError(errno, "cannot make a directory for a throw-away host in /dev/shm or /tmp");
+        return SetError(errno, "cannot make the directory of a throw-away host in /dev/shm or /tmp");
     if (!directory) {
         Current().throwAway = wanted;
         Current().owner = getpid();
@@ -215,7 +216,8 @@ int Start(const char *directory, bool durable)
     std::error_code gone;
     const std::string absolute = std::filesystem::absolute(wanted, gone).lexically_normal();
     if (gone)
-        return SetError(gone.value(), wanted + ": the current directory cannot be found; name a whole path");
+        return SetError(gone.value(),
+                        wanted + ": the current directory cannot be found; give an absolute path");
     const Durability durability = durable ? Durability::DISK : Durability::PROCESS;
     std::string message;
     if (VsStatus status = Attach({absolute, durability, true}, message))
@@ -238,7 +240,7 @@ VsStatus Host::Open(const HostOptions &options, std::unique_ptr<Host> &host, std
     return STATUS_OK;
 }
 
-// What cannot be started, on a full disk for one, is tried again by the next process.
+// If the switches cannot be started, on a full disk for example, the next process tries again.
 void Host::StartOnce()
 {
     bool anySwitch = false;
@@ -283,7 +285,7 @@ void SayNoHost()
 {
     static std::atomic_flag said;
     if (said.test_and_set()) return;
-    fputs("vshost: this process is on no host, so nothing can be stored; "
+    fputs("vshost: this process is not on a host, so nothing can be stored; "
           "run it with `vshost run -- COMMAND`, or set VSHOST_DIR to a host's directory\n",
           stderr);
 }

@@ -1,5 +1,5 @@
-// The host that this process is on: a directory, named by the environment or by vshost_start, attached
-// at the first call that needs it.
+// The host that this process is on: a directory that the environment or vshost_start names. The first call
+// that needs the host attaches to it.
 #pragma once
 
 #include <memory>
@@ -40,8 +40,8 @@ private:
     std::unique_ptr<Engine> engine;
 };
 
-// Holds the host for one call of the platform: until it is destroyed the host is neither dropped nor
-// forked away from. May be nested. A call must not fork while it holds one.
+// Holds the host for one call of the platform: the process neither detaches nor forks until it is destroyed.
+// May be nested. A call must not fork while it holds one.
 class HostUse {
 public:
     HostUse();
@@ -49,25 +49,25 @@ public:
     HostUse(const HostUse &) = delete;
     HostUse &operator=(const HostUse &) = delete;
 
-    // Null when this process is on no host, or its host could not be opened.
+    // Null when this process is not on a host, or its host could not be opened.
     Host *operator->() const { return host; }
     explicit operator bool() const { return host != nullptr; }
     Control *GetControl() const { return host ? &host->GetControl() : nullptr; }
     Faults *GetFaults() const { return host ? &host->GetControl().GetFaults() : nullptr; }
 
-    // Why there is no host: STATUS_OK when none was named.
+    // Why there is no host: STATUS_OK when the environment names none.
     VsStatus Status() const;
-    // Changes whenever the process comes to another host.
+    // Changes whenever the process attaches to another host.
     uint64_t Serial() const;
 
 private:
     Host *host;
 };
 
-// Says once on standard error how to start a host; for writes that have none.
+// Says once on standard error how to start a host; for writes without a host.
 void SayNoHost();
 
-// The functions of vshost.h; `remove` in the end is automatic for throw-away hosts.
+// The functions of vshost.h. A throw-away host is removed when the process stops it or exits.
 int StartHost(const char *directory, bool durable);
 void StopHost();
 const char *HostDirectory();

@@ -1,5 +1,5 @@
 // Property keys that a bundle stores as one byte: the position in this list, counted from 1. The list is a
-// part of the host's format: a key is only ever added at its end.
+// part of the host's format: new keys are added at its end, and no key is removed.
 #pragma once
 
 #include <string_view>

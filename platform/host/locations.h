@@ -1,5 +1,5 @@
-// Where a process finds its host: environment variables, files of the directory, and the one word of the
-// control file that the preload reads by itself. The preload, which links no C++ runtime, includes this too.
+// Where a process finds its host: environment variables, files of the host's directory, and the word of the
+// control file that the preload reads. The preload links no C++ runtime and includes this file too.
 #pragma once
 
 #include <stdint.h>
@@ -12,13 +12,14 @@ inline constexpr char ENVIRONMENT_DURABILITY[] = "VSHOST_DURABILITY"; // "disk" 
 inline constexpr char DEVICE_FILE[] = "dev/vswitch";
 inline constexpr char RTM_FILE[] = "dev/rtm";
 
-// Of a live host: the process id of vshostd, which holds the file locked.
+// Of a live host: holds the process id of vshostd, which keeps the file locked.
 inline constexpr char PROCESS_FILE[] = "vshostd.pid";
-// Its socket: a request is a packet of texts with a NUL behind each, the answer a text, empty for success.
+// Its socket: a request is a packet of texts, each followed by a NUL; the answer is a text, empty for
+// success.
 inline constexpr char SOCKET_FILE[] = "vshostd.socket";
 
 inline constexpr char CONTROL_FILE[] = "control";
-inline constexpr int CONTROL_FLAGS = 16;               // where the word stands
+inline constexpr int CONTROL_FLAGS = 16;               // offset of the word
 inline constexpr uint32_t CONTROL_HAS_ALLOCATIONS = 4; // rules make allocations fail
 
 }

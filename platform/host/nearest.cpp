@@ -7,7 +7,7 @@ namespace vshost {
 
 namespace {
 
-// How many characters must be inserted, removed or replaced to make one of the other.
+// How many characters must be inserted, removed or replaced to turn one word into the other.
 size_t Distance(std::string_view from, std::string_view to)
 {
     std::vector<size_t> row(to.size() + 1);

@@ -1,4 +1,4 @@
-// What somebody meant who mistyped a name.
+// Suggestions for mistyped names.
 #pragma once
 
 #include <string_view>
@@ -6,7 +6,7 @@
 
 namespace vshost {
 
-// The name that differs least from `word`; empty when none is much like it.
+// The name that differs least from `word`; empty when no name is similar.
 std::string_view NearestName(std::string_view word, const std::vector<std::string_view> &names);
 
 }

@@ -9,9 +9,9 @@
 namespace vshost {
 
 struct Plug {
-    char switchId[64] = {}; // the port; empty for a NIC, whose uplink port is the NIC's
+    char switchId[64] = {}; // the port; empty for a NIC, which is bound to its own uplink port
     char portId[48] = {};
-    char boot[40] = {};  // the start of the machine that it ends with; empty: it is kept
+    char boot[40] = {};  // the start of the machine with which the plug ends; empty when it is kept
     uint32_t oldMtu = 0; // of the interface before it was plugged; 0: not changed
     uint8_t madePromiscuous = 0;
     uint8_t reserved[3] = {};
@@ -30,10 +30,10 @@ VsStatus GetPlug(Reader &reader, std::string_view interface, Plug &plug);
 VsStatus PutPlug(Transaction &transaction, std::string_view interface, const Plug &plug);
 VsStatus RemovePlug(Transaction &transaction, std::string_view interface);
 
-// Ends those that are not kept.
+// Removes the plugs that are not kept.
 VsStatus RemoveTransientPlugs(Transaction &transaction);
 
-// What the machine's present start is called.
+// The kernel's id of the machine's current start.
 std::string BootId();
 
 }

@@ -1,4 +1,5 @@
-// Port policies by which the driver lists ports. The store keeps, for each of them, which ports they are on.
+// Port policies by which the driver lists ports. For each policy the store keeps a list of the ports that
+// have it on.
 #pragma once
 
 #include <array>
@@ -10,7 +11,7 @@ inline constexpr std::string_view KEY_PORT_MAC_MANAGEMENT = "com.talpex.vswitch.
 inline constexpr std::string_view KEY_PORT_MIRROR = "com.talpex.vswitch.port.mirrorSessions";
 inline constexpr std::string_view KEY_ETH_FILTER = "com.talpex.vswitch.port.extraEthFRP";
 
-// Each takes the stored value.
+// Each is given the stored value of the policy's property.
 bool PortLearns(std::string_view macManagement);
 bool HasMirrorSessions(std::string_view list);
 bool IsSinkPort(std::string_view filter);

@@ -31,7 +31,8 @@ std::string ClaimKey(std::string_view switchName, std::string_view portId)
 
 std::string OnDemandKey(uint32_t number) { return Key({RUN, "demand", ""}) + BigEndian(number); }
 
-// The number in the name of a NIC that was made on demand; STATUS_NOT_FOUND when it is none of those names.
+// The number in the name of a NIC that was made on demand; STATUS_NOT_FOUND when the name is not of that
+// form.
 VsStatus OnDemandNumber(std::string_view name, uint32_t &number)
 {
     constexpr std::string_view PREFIX = "nic";
@@ -50,12 +51,12 @@ VsStatus ForgetOnDemand(Transaction &transaction, std::string_view name)
 
 std::string BigEndian16(uint16_t number) { return BigEndian(number).substr(2); }
 
-// The part of a key behind the prefix.
+// The part of a key after the prefix.
 std::string_view Rest(std::string_view key, std::string_view prefix) { return key.substr(prefix.size()); }
 
 VsStatus AbsentIsOk(VsStatus status) { return status == STATUS_NOT_FOUND ? STATUS_OK : status; }
 
-// A NIC's name as it stands in keys, behind its length; false when it is not whole.
+// Reads a NIC's name from a key, where it follows its length; false when it is not whole.
 bool DecodeName(std::string_view rest, std::string &name)
 {
     if (rest.empty() || rest.size() - 1 != static_cast<unsigned char>(rest[0])) return false;
@@ -70,7 +71,7 @@ VsStatus ForgetMacs(Transaction &transaction, std::string_view prefix)
     });
 }
 
-// Writes a NIC, and whether it is free.
+// Writes a NIC, and its entry among the free NICs.
 VsStatus Store(Transaction &transaction, std::string_view name, const Nic &nic)
 {
     const bool isFree = !nic.IsBound() && !nic.IsClaimed();
@@ -161,7 +162,7 @@ VsStatus BindAnyNic(Transaction &transaction, std::string_view switchId, std::st
     return status ? status : Bind(transaction, named, switchId, portId);
 }
 
-// Takes a NIC off its port, and away when it was made for it.
+// Releases a NIC from its port, and removes it if it was made for that port.
 VsStatus Unbind(Transaction &transaction, std::string_view name, Nic nic)
 {
     VsStatus status = transaction.Remove(BoundKey(FieldText(nic.switchId), FieldText(nic.portId)));
@@ -204,7 +205,7 @@ VsStatus ReleasePort(Transaction &transaction, std::string_view switchId, std::s
     return AbsentIsOk(ReleaseNic(transaction, name));
 }
 
-// The MTU that was last set for a switch, if it is one.
+// The stored MTU of a switch, if there is one and it is valid.
 VsStatus ReadMtu(Reader &reader, std::string_view switchId, uint32_t &mtu)
 {
     StoredProperty property;
@@ -215,7 +216,7 @@ VsStatus ReadMtu(Reader &reader, std::string_view switchId, uint32_t &mtu)
     return STATUS_OK;
 }
 
-// The portset that a switch is to run with; false when none can be started for it.
+// The portset to start for a switch; false when no portset can be started for it.
 bool ReadPortset(Reader &reader, std::string_view switchId, std::string &name, Portset &portset)
 {
     StoredSwitch stored;
@@ -572,9 +573,9 @@ VsStatus StartSwitches(Transaction &transaction)
 
 VsStatus ResetRuntime(Transaction &transaction)
 {
-    VsStatus status = RemoveAll(transaction, Key({RUN, ""}));
-    if (!status) status = RemoveTransientPlugs(transaction);
-    return status ? status : StartSwitches(transaction);
+    if (VsStatus status = RemoveAll(transaction, Key({RUN, ""}))) return status;
+    if (VsStatus status = RemoveTransientPlugs(transaction)) return status;
+    return StartSwitches(transaction);
 }
 
 }

@@ -1,5 +1,5 @@
-// The host's runtime tables: what runs, and what is plugged in. They live beside the stored tables, in
-// records of fixed size, and end when the host is reset.
+// The host's runtime tables: the portsets that run and the NICs that are plugged in, with their state.
+// Records of fixed size, kept beside the stored tables until the host is reset.
 #pragma once
 
 #include <cstring>
@@ -15,7 +15,7 @@ namespace vshost {
 
 inline constexpr size_t MAX_PORTSET_NAME = 127;
 inline constexpr uint32_t MAX_PORTSET_PORTS = 0x7FFFFFFF;
-// With the "/" behind it a name is one entry of an uplink listing, which has 31 characters.
+// An entry of an uplink listing, the name followed by "/", has room for 31 characters.
 inline constexpr size_t MAX_NIC_NAME = 30;
 inline constexpr uint32_t MIN_MTU = 1280;
 inline constexpr uint32_t MAX_MTU = 9000;
@@ -30,22 +30,22 @@ struct Portset {
     uint32_t mtu = DEFAULT_MTU;
 };
 
-// A physical NIC. One that was made because an uplink port needed it goes when that port releases it,
-// unless somebody configured it since.
+// A physical NIC. A NIC that the host made for an uplink port is removed when the port releases it, unless it
+// was configured since.
 struct Nic {
     uint32_t speed = 10000; // Mb/s
     uint8_t fullDuplex = 1;
-    uint8_t link = 1; // there is a carrier
+    uint8_t link = 1; // carrier
     uint8_t adminUp = 1;
     uint8_t madeOnDemand = 0;
     int32_t numaNode = 0;       // of the device
-    int32_t driverNumaNode = 0; // what the driver last read of it
+    int32_t driverNumaNode = 0; // as the driver last read it
     uint32_t mtu = DEFAULT_MTU;
     uint32_t maxMtu = MAX_MTU;
     uint32_t refusedMtus[MAX_REFUSED_MTUS] = {};
-    char switchId[64] = {}; // the uplink port that it is bound to; empty when it is free
+    char switchId[64] = {}; // the uplink port that the NIC is bound to; empty when the NIC is free
     char portId[48] = {};
-    char claimedSwitch[128] = {}; // the one that it is kept for: alias, id or portset name
+    char claimedSwitch[128] = {}; // the switch that the NIC is kept for: alias, id or portset name
     char claimedPort[48] = {};
 
     bool IsBound() const { return portId[0] != 0; }
@@ -59,7 +59,7 @@ struct NamedNic {
     Nic nic;
 };
 
-// An entry of a port's MAC table. Those of the scenario outlive the portset.
+// An entry of a port's MAC table. Entries of the scenario stay when the portset is removed.
 struct MacRecord {
     uint32_t age = 0;
     uint8_t type = VSWITCH_MAC_STATIC;
@@ -68,7 +68,7 @@ struct MacRecord {
     uint8_t reserved = 0;
 };
 
-// Keys of the tables. State of a portset is kept under its name, whether it runs yet or not.
+// Keys of the tables. The state of a portset is kept under its name, whether or not it runs.
 namespace runtime {
 std::string PortsetKey(std::string_view name);
 std::string NicKey(std::string_view name); // sorts nic2 before nic10
@@ -85,12 +85,12 @@ std::string PortStatsKey(std::string_view portset, std::string_view portId);
 std::string MirrorStatsKey(std::string_view portset, std::string_view sessionId);
 std::string RarpKey(std::string_view portset);
 std::string TeamingKey(std::string_view portset);
-std::string PromiscuousKey(std::string_view portset); // port ids, each with its NUL
+std::string PromiscuousKey(std::string_view portset); // port ids, each followed by a NUL
 std::string LearningPropsKey();
 std::string RtmKey(uint32_t command);
 }
 
-// Takes a record from the bytes of a row; false when they are not exactly one.
+// Reads a record from the bytes of a row; false when they are not exactly one record.
 template<class Record> bool DecodeRecord(std::string_view row, Record &record)
 {
     if (row.size() != sizeof(record)) return false;
@@ -98,8 +98,8 @@ template<class Record> bool DecodeRecord(std::string_view row, Record &record)
     return true;
 }
 
-// Visits the rows under a prefix, each with the rest of its key. A row that `visit` refuses is damaged:
-// STATUS_IO_ERROR, and no further row is visited.
+// Visits the rows under a prefix, each with the rest of its key. If `visit` returns false, the row is
+// damaged: the scan ends with STATUS_IO_ERROR.
 VsStatus ScanRows(Reader &reader, std::string_view prefix,
                   const std::function<bool(std::string_view rest, std::string_view row)> &visit);
 
@@ -140,31 +140,31 @@ VsStatus RemovePortset(Transaction &transaction, std::string_view name);
 VsStatus ListPortsets(Reader &reader, std::vector<std::string> &names);
 
 VsStatus ListNics(Reader &reader, std::vector<NamedNic> &nics);
-// Changes a NIC that is there; what is configured is no longer made on demand.
+// Configures a NIC, which from then on counts as plugged in, not as made on demand.
 VsStatus PutNic(Transaction &transaction, std::string_view name, Nic nic);
 // The uplink ports that this host's view of the switch lists.
 VsStatus ListUplinkPorts(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds);
 // The NICs bound to a switch, in the order of its uplink ports.
 VsStatus ListUplinks(Reader &reader, std::string_view switchId, std::vector<NamedNic> &nics);
-// Binds a NIC to an uplink port, which releases the port's own NIC; STATUS_NOT_FOUND when the port is no
+// Binds a NIC to an uplink port, which releases the NIC that it had; STATUS_NOT_FOUND when the port is not an
 // uplink port of the switch.
 VsStatus BindNic(Transaction &transaction, std::string_view name, std::string_view switchId,
                  std::string_view portId);
-// Binds the NIC that an uplink port had, to undo the removal of the port: STATUS_NOT_FOUND when it is gone
-// and isn't one made on demand, STATUS_EXISTS when a port of another switch has it.
+// Binds the NIC that an uplink port had, to undo the removal of the port: STATUS_NOT_FOUND when the NIC is
+// gone and was not made on demand, STATUS_EXISTS when a port of another switch has it.
 VsStatus RestoreNic(Transaction &transaction, const NamedNic &had, std::string_view switchId,
                     std::string_view portId);
-// Keeps a NIC for one uplink port: bound at once when the port is there, otherwise when it appears.
+// Keeps a NIC for one uplink port. It is bound at once if the port exists, otherwise as soon as it does.
 VsStatus ClaimNic(Transaction &transaction, std::string_view name, std::string_view switchName,
                   std::string_view portId);
-// Takes a NIC out of the host; its uplink port gets another one.
+// Removes a NIC from the host; its uplink port gets another NIC.
 VsStatus RemoveNic(Transaction &transaction, std::string_view name);
 VsStatus ReleaseNic(Transaction &transaction, std::string_view name);
 
-// To be called in the transaction that changes the uplink ports of a switch, or removes a port or the
-// switch: each uplink port has a NIC afterwards, and NICs of ports that went are released.
+// Must be called in the transaction that changes the uplink ports of a switch, or removes a port or the
+// switch: gives each uplink port a NIC, and releases the NICs of ports that are uplink ports no longer.
 VsStatus UplinksChanged(Transaction &transaction, std::string_view switchId);
-// To be called in the transaction that removes a port: forgets its MAC addresses.
+// Must be called in the transaction that removes a port: removes its MAC addresses.
 VsStatus PortRemoved(Transaction &transaction, std::string_view switchId, std::string_view portId);
 
 // A switch by its alias, its id or the name of its portset.
@@ -173,12 +173,12 @@ VsStatus FindSwitch(Reader &reader, std::string_view name, std::string &switchId
 // Whether a node of the shell's tree can have this name.
 bool IsNodeName(std::string_view name, size_t longest);
 
-// Starts the portset of each switch that is associated with this host and doesn't run: with the switch's
-// class, ports and MTU, its uplinks included. One whose rows are damaged, or that no portset can have, stays
-// down, as does the second of two switches with the same portset.
+// Starts the portset of each switch that is associated with this host and doesn't run, with the switch's
+// class, ports and MTU; its uplinks get the MTU too. A switch stays down when its rows are damaged, when a
+// portset cannot have its name, class or number of ports, and when another switch has the same portset.
 VsStatus StartSwitches(Transaction &transaction);
 
-// Ends everything that runs, and starts the switches, as a reboot does.
+// Removes all runtime state and starts the switches, as a reboot does.
 VsStatus ResetRuntime(Transaction &transaction);
 
 }

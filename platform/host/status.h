@@ -19,7 +19,7 @@ inline constexpr VsStatus STATUS_NO_MEMORY = 0x0BAD0014;
 inline constexpr VsStatus STATUS_NO_SPACE = 0x0BAD001A;
 inline constexpr VsStatus STATUS_READ_ONLY = 0x0BAD0022;
 
-// What a failed system call on one of the host's files means to a caller of the store.
+// The status of the store for a failed system call on one of the host's files.
 constexpr VsStatus StatusOfErrno(int error)
 {
     switch (error) {
@@ -38,7 +38,7 @@ constexpr VsStatus StatusOfErrno(int error)
     }
 }
 
-// And back, for those whom the platform answers with an errno value; `absent` for STATUS_NOT_FOUND.
+// The errno value for a status, which is `absent` for STATUS_NOT_FOUND.
 constexpr int ErrnoOf(VsStatus status, int absent = ENOENT)
 {
     switch (status) {

@@ -1,4 +1,4 @@
-// The statuses by their names.
+// Statuses by their names.
 #pragma once
 
 #include <string_view>
@@ -7,7 +7,7 @@
 
 namespace vshost {
 
-// The status of this name, as "STATUS_NO_SPACE"; STATUS_OK when there is none of it.
+// The status with this name, such as "STATUS_NO_SPACE"; STATUS_OK when no status has it.
 VsStatus StatusOfName(std::string_view name);
 
 }

@@ -70,7 +70,7 @@ std::string EncodeSwitch(const StoredSwitch &source)
     return row + source.className;
 }
 
-// The longest portset name sorts first, a switch without one last.
+// The longest portset name sorts first, a switch without a portset last.
 std::string WalkPrefix(std::string_view portset)
 {
     return Key(
@@ -83,10 +83,10 @@ std::string WalkKey(const StoredProperty *portset, std::string_view switchId)
     return Key({"walk", BigEndian(WITHOUT_PORTSET), switchId});
 }
 
-// A row that holds a bundle: a port's begins with its number.
+// Where the bundle begins in a row. The row of a port begins with the port's number.
 size_t BundleOffset(StoredLevel level) { return level == StoredLevel::PORT ? WORD : 0; }
 
-// The row of an owner's properties, checked. A switch without properties of a level has no row.
+// Reads and checks the row of an owner's properties. A level of a switch without properties has no row.
 VsStatus GetRow(Reader &reader, const PropertyOwner &owner, std::string &row)
 {
     if (VsStatus status = reader.Get(BundleKey(owner), row)) return status;
@@ -104,7 +104,7 @@ VsStatus GetRowToChange(Transaction &transaction, const PropertyOwner &owner, st
     return transaction.Get(SwitchKey(owner.switchId), switchRow);
 }
 
-// Applies `change` to the bundle within a row; what it refuses leaves the row of no use.
+// Applies `change` to the bundle within a row. If it returns false, the row is left unusable.
 template<typename Change> bool ChangeBundle(std::string &row, StoredLevel level, Change change)
 {
     const size_t offset = BundleOffset(level);
@@ -162,7 +162,7 @@ VsStatus ListByPolicy(Transaction &transaction, const PropertyChange &change)
     return STATUS_OK;
 }
 
-// Adds the entries of a port whose bundle is sound.
+// Adds the keys under which the port with this sound bundle is listed.
 void AddListedKeys(std::string_view switchId, std::string_view portId, std::string_view bundle,
                    std::vector<std::string> &keys)
 {
@@ -172,7 +172,7 @@ void AddListedKeys(std::string_view switchId, std::string_view portId, std::stri
             keys.push_back(ListedKey(switchId, policy, portId));
 }
 
-// What a damaged bundle was listed by is not known.
+// A damaged bundle doesn't tell which policies the port was listed by, so all of them are removed.
 VsStatus RemoveListedKeys(Transaction &transaction, std::string_view switchId, std::string_view portId,
                           std::string_view bundle)
 {
@@ -223,8 +223,8 @@ bool FindInRow(std::string_view row, StoredLevel level, std::string_view key, St
     return true;
 }
 
-// The lowest number that is free. When none of those ever used is, they are 1 to the highest in use. Either
-// stands last.
+// The lowest number that is free. If no number that was ever used is free, it is the one after the highest in
+// use. The last key under the prefix tells which: the lowest free number, or the highest in use.
 VsStatus AllocateNumber(Transaction &transaction, uint32_t &number)
 {
     bool wasFree = false, whole = true;
@@ -275,7 +275,7 @@ VsStatus SwapFreeNumber(Transaction &transaction, uint32_t taken, uint32_t freed
     return transaction.Put(FreeKey(freed), {});
 }
 
-// Stores a port's number wherever it stands, its status record included.
+// Stores a port's number in all places, its status record included.
 VsStatus PutPortNumber(Transaction &transaction, const PortName &port, uint32_t number)
 {
     std::string row;

@@ -1,5 +1,5 @@
 // The host's stored tables, typed: switches, ports with their kernel numbers, and properties.
-// All of them take a Reader (the engine or a transaction) or, to change something, a Transaction.
+// Functions that read take a Reader (the engine or a transaction), functions that write a Transaction.
 // An unknown switch, port or property is STATUS_NOT_FOUND; a damaged row is STATUS_IO_ERROR.
 #pragma once
 
@@ -25,7 +25,7 @@ inline constexpr std::string_view KEY_PORT_STATUS = "com.talpex.common.port.vola
 
 enum class StoredLevel : uint32_t { GLOBAL, HOST, PORT };
 
-// Where properties hang: a switch, this host's view of it, or one of its ports.
+// What properties belong to: a switch, this host's view of it, or one of its ports.
 struct PropertyOwner {
     StoredLevel level;
     std::string_view switchId;
@@ -49,11 +49,11 @@ struct PortName {
     std::string portId;
 };
 
-// Joins the fields of a key by NUL bytes. Prefixes of scans are made with an empty last field.
+// Joins the fields of a key by NUL bytes. The prefix of a scan has an empty last field.
 std::string Key(std::initializer_list<std::string_view> fields);
-// Begins the keys of the free port numbers.
+// The prefix of the keys of free port numbers.
 std::string FreeNumbers();
-// A number as four bytes that sort like it, and back.
+// A number as four bytes that sort in its order, and back.
 std::string BigEndian(uint32_t number);
 uint32_t FromBigEndian(std::string_view bytes);
 // The text of a property: its bytes before the first NUL.
@@ -70,7 +70,7 @@ VsStatus AssociateSwitch(Transaction &transaction, std::string_view switchId, bo
 VsStatus FindSwitchByAlias(Reader &reader, std::string_view alias, std::string &switchId);
 // The switch whose portset has exactly this name.
 VsStatus FindSwitchByPortset(Reader &reader, std::string_view portset, std::string &switchId);
-// All switches, the longest portset name first, those without one last. False ends the walk.
+// All switches, the longest portset name first, switches without a portset last. False ends the walk.
 VsStatus
 ForEachSwitch(Reader &reader,
               const std::function<bool(std::string_view switchId, std::string_view className)> &visit);
@@ -80,7 +80,7 @@ VsStatus GetPortByNumber(Reader &reader, uint32_t number, PortName &port);
 VsStatus ForEachPort(Reader &reader, std::string_view switchId,
                      const std::function<bool(std::string_view portId, uint32_t number)> &visit);
 VsStatus CountPorts(Reader &reader, std::string_view switchId, uint32_t &ports);
-// The ports that a policy is on for, in the order of their ids.
+// The ports that have a policy on, in the order of their ids.
 VsStatus ListPortsWith(Reader &reader, const PortPolicy &policy, std::string_view switchId,
                        std::vector<std::string> &portIds);
 VsStatus AnyPortWith(Reader &reader, const PortPolicy &policy, std::string_view switchId, bool &any);
@@ -89,12 +89,12 @@ VsStatus AddPort(Transaction &transaction, std::string_view switchId, std::strin
                  std::string_view bundle);
 VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::string_view portId);
 
-// Gives a port a number that this host gave out before, to undo its removal. A port of the same switch that
-// has the number takes the port's own instead; that of another switch keeps it: STATUS_EXISTS.
+// Gives a port a number that this host has given out before, to undo the port's removal. If a port of the
+// same switch has the number, the two swap numbers; if a port of another switch has it: STATUS_EXISTS.
 VsStatus RestorePortNumber(Transaction &transaction, const PortName &port, uint32_t number);
 
 VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, StoredProperty &found);
-// What a property is called, and how long it is.
+// A property without its value.
 struct PropertyName {
     std::string key;
     uint32_t flags;

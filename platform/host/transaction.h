@@ -15,10 +15,10 @@ class Connection;
 
 enum class Order { FORWARD, BACKWARD };
 
-// Looks at one entry; false ends the scan. It must not use the engine or the transaction.
+// Called with one entry of a scan; false ends the scan. It must not use the engine or the transaction.
 using Visit = std::function<bool(std::string_view key, std::string_view value)>;
 
-// What reads and transactions have in common, so that a table look-up is written once.
+// What the engine and a transaction have in common, so that each table look-up is written once.
 class Reader {
 public:
     virtual ~Reader() = default;
@@ -30,20 +30,20 @@ public:
     virtual VsStatus Scan(std::string_view prefix, const Visit &visit, Order order = Order::FORWARD) = 0;
 };
 
-// Shared by all processes of a host, and odd while a write is in flight that moves them.
+// Counters that all processes of a host share. A counter is odd while a write is in flight that changes it.
 struct StoreCounters {
-    std::atomic<uint64_t> &changes; // of what the caches of processes hold
-    std::atomic<uint64_t> &commits; // of anything
+    std::atomic<uint64_t> &changes; // writes to what processes cache
+    std::atomic<uint64_t> &commits; // all writes
 };
 
-// An entry of the map; none when the key is empty.
+// An entry of the map. An empty key means that there is no entry.
 struct Entry {
     std::string key;
     std::string value;
 };
 
-// The inside of one Engine::Write: sees its own changes. A failed operation of the engine undoes the
-// whole work, whatever the work returns.
+// The transaction of one Engine::Write: it sees its own changes. After a failed operation the whole
+// transaction is undone, whatever the work returns.
 class Transaction : public Reader {
 public:
     Transaction(Connection &connection, std::atomic<uint64_t> &changes);
@@ -51,16 +51,16 @@ public:
     VsStatus Get(std::string_view key, std::string &value) override;
     VsStatus Scan(std::string_view prefix, const Visit &visit, Order order = Order::FORWARD) override;
     VsStatus Put(std::string_view key, std::string_view value);
-    VsStatus Add(std::string_view key, std::string_view value); // STATUS_EXISTS when the key is there
+    VsStatus Add(std::string_view key, std::string_view value); // STATUS_EXISTS when the key is present
     VsStatus Remove(std::string_view key);                      // STATUS_OK when the key is absent
 
-    // To be called before a change of what the caches of processes hold: switches, aliases and the
-    // properties of the global and host level.
+    // Must be called before a change to what processes cache: switches, aliases, and properties of the global
+    // and host level.
     void InvalidateCaches();
 
     VsStatus Failure() const { return failure; }
 
-    // The entry put last, if nothing was removed after it.
+    // The entry put last, unless an entry was removed after it.
     Entry &LastPut() { return lastPut; }
 
 private:

@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 
 constexpr const char *LOCK_FILE = "/use.lock";
 constexpr const char *THROW_AWAY = "/vshost-";
-constexpr const char *GONE = ".gone"; // renamed, so that nobody comes to a host that is being removed
+constexpr const char *GONE = ".gone"; // renamed, so that no process attaches to a host that is being removed
 
 bool IsOwnDirectory(const fs::path &path)
 {
@@ -26,7 +26,7 @@ bool IsOwnDirectory(const fs::path &path)
     return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid();
 }
 
-// One without a lock goes if it is empty: otherwise nobody knows whether it is in use.
+// A directory without a lock file is removed only if it is empty: otherwise it may be in use.
 void RemoveIfLeft(const std::string &directory)
 {
     UseLock lock;
@@ -39,7 +39,7 @@ void RemoveIfLeft(const std::string &directory)
     RemoveHostDirectory(gone);
 }
 
-// Others that look for what is left over may take a directory as long as it has no lock.
+// While the directory has no lock, another process may take it for a left-over one and remove it.
 bool MakeLocked(const std::string &parent, std::string &directory, UseLock &lock)
 {
     do {

@@ -1,6 +1,6 @@
-// Who is on a host. Each process on it holds a lock on one of its files, shared with the others; the maker
-// of a throw-away host holds one that its children inherit. A throw-away host whose lock nobody holds was
-// left by processes that were killed.
+// The lock that shows whether a host is in use. Each process on the host holds it, shared with the others.
+// The process that makes a throw-away host lets its children inherit it. A throw-away host whose lock no
+// process holds was left behind by processes that were killed.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ public:
 
     // Shares the lock. False with errno, which is ENOENT when the directory is gone.
     bool Share(const std::string &directory, bool inherited);
-    // Takes it if it is there and nobody has it.
+    // Locks it exclusively; false when the lock file is absent or a process holds the lock.
     bool LockAlone(const std::string &directory);
     void Release();
 
@@ -24,8 +24,8 @@ private:
     int fd = -1;
 };
 
-// Makes a throw-away directory in memory-backed files, and removes those that are left over there. Empty
-// when that fails (errno).
+// Makes a throw-away directory in memory-backed files, and removes the ones that killed processes left there.
+// Empty when that fails (errno).
 std::string MakeThrowAwayDirectory(UseLock &lock);
 void RemoveHostDirectory(const std::string &directory);
 

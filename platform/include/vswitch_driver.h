@@ -1,17 +1,17 @@
 /*
  * The records of the embedded host's switch driver: what its commands take and what they answer.
  *
- * Each record is packed, in the host's byte order, and its size is asserted at the end of this file. Names
- * are NUL-terminated unless they fill their field (session ids only). Reserved bytes are zero.
+ * Each record is packed, in the host's byte order, and its size is asserted at the end of this file. A name
+ * ends in a NUL; only a session id may fill its whole field without one. Reserved bytes are zero.
  *
- * A command is one ioctl on the driver's device: the command's number and the address of a VSwitchRequest.
- * The driver reads `inLength` bytes at `input` and writes at most `outLength` bytes at `output`; an answer
- * that is longer is cut there. A list begins with a header that holds the number of entries there are,
- * whatever room was given, and as many whole entries follow as fit.
+ * A command is one ioctl on the driver's device, with the command's number and the address of a
+ * VSwitchRequest. The driver reads `inLength` bytes at `input` and writes at most `outLength` bytes at
+ * `output`; it cuts a longer answer there. A list begins with a header that holds the number of all its
+ * entries, however many fit. As many whole entries follow as fit.
  *
- * Refused requests change and write nothing. The errno says why:
- *   EFAULT   an address is not readable, or not writable
- *   EINVAL   an inLength that the command doesn't take, a name without terminator, a value out of range
+ * A request that is refused changes and writes nothing. The errno says why:
+ *   EFAULT   an address cannot be read or written
+ *   EINVAL   an inLength that the command doesn't accept, a name without a NUL, a value out of range
  *   ENOENT   no such portset or switch, multicast group, mirror session, MAC entry or option
  *   ENODEV   no such uplink on that portset (or on the host), or no such port
  *   ENOSPC   a table is full
@@ -29,13 +29,14 @@ extern "C" {
 
 #define VSWITCH_DRIVER_PACKED __attribute__((packed))
 
-/** The driver's devices. The second takes any command number, see VSwitchRtmRecord. */
+/** The driver's devices. The second accepts any command number, see VSwitchRtmRecord. */
 #define VSWITCH_DRIVER_DEVICE "/dev/vswitch"
 #define VSWITCH_DRIVER_RTM_DEVICE "/krem/devices/char/zordriver/rtm"
 
 /**
- * Command numbers. All but four take a VSwitchInput; which of its fields they read stands behind them.
- * The comments name the answer; commands from 8193 on answer nothing.
+ * Command numbers. Each comment lists the fields of VSwitchInput that the command reads and, after the arrow,
+ * its answer. Four commands take another input, which the comment names. Commands from 8193 on have no
+ * answer.
  */
 enum VSwitchCommand {
     VSWITCH_GET_RARP_STATS = 4097,            /**< portset -> VSwitchRarpStats */
@@ -49,7 +50,7 @@ enum VSwitchCommand {
     VSWITCH_GET_MCAST_STATS = 4105,           /**< portset, mcast -> VSwitchMcastStats, source addresses */
     VSWITCH_GET_UPLINKS = 4106,               /**< portset -> list of VSwitchUplink */
     VSWITCH_GET_UPLINK_LINK = 4107,           /**< portset, uplink -> u32: 1 when the link is up */
-    VSWITCH_GET_UPLINK_LACP = 4108,           /**< portset, uplink -> u32: 1 in an active LAG with link */
+    VSWITCH_GET_UPLINK_LACP = 4108,           /**< portset, uplink -> u32: 1 in a LAG, with its link up */
     VSWITCH_GET_LAGS = 4109,                  /**< portset -> VSwitchLagTable */
     VSWITCH_GET_INFO = 4111,                  /**< portset -> VSwitchInfo */
     VSWITCH_GET_PORT_MACS = 4117,             /**< switchId, dvPortId, mac.type -> list of VSwitchMacEntry */
@@ -64,10 +65,10 @@ enum VSwitchCommand {
     VSWITCH_GET_SWITCHES = 4126,              /**< u32 kind -> list, see VSWITCH_LIST_PORTSETS */
     VSWITCH_SET_OPTIONS = 8193,               /**< VSwitchOptions; inLength is its length */
     VSWITCH_SET_UPLINK_ADMIN = 8194,          /**< portset, uplink with adminUp */
-    VSWITCH_SET_PORT_MAC = 8195,              /**< switchId, dvPortId, mac: added, or replaced */
-    VSWITCH_CLEAR_PORT_MAC = 8196,            /**< switchId, dvPortId, mac: its address and VLAN count */
+    VSWITCH_SET_PORT_MAC = 8195,              /**< switchId, dvPortId, mac: adds or replaces it */
+    VSWITCH_CLEAR_PORT_MAC = 8196,            /**< switchId, dvPortId, mac: address and vlanId only */
     VSWITCH_SET_LEARNING_PROPS = 8197,        /**< learning */
-    VSWITCH_REFRESH_NUMA = 8198               /**< portset: its uplinks' NUMA nodes are read anew */
+    VSWITCH_REFRESH_NUMA = 8198               /**< portset: reads its uplinks' NUMA nodes again */
 };
 
 /** Header of a request. */
@@ -81,29 +82,29 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchRequest {
 /** One entry of a MAC table. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchMacEntry {
     uint8_t address[6];
-    uint8_t type;    /**< VSWITCH_MAC_…; in a table's request it selects the entries */
-    uint8_t flags;   /**< reserved, kept as it is set */
+    uint8_t type;    /**< VSWITCH_MAC_…; in a request for a table it selects the entries */
+    uint8_t flags;   /**< reserved; the driver keeps what is set */
     uint16_t vlanId; /**< 0: untagged; at most 4094 */
     uint32_t age;    /**< seconds since the address was last seen; 0 for a static one */
     uint32_t portId; /**< kernel number of the port; filled by the driver */
 } VSwitchMacEntry;
 
-#define VSWITCH_MAC_ANY 0     /**< request: entries of every type; an entry set with it becomes static */
+#define VSWITCH_MAC_ANY 0     /**< in a request: entries of every type; to set an entry: static */
 #define VSWITCH_MAC_STATIC 1  /**< set by a command */
 #define VSWITCH_MAC_LEARNED 2 /**< seen on the port */
 
-/** Properties of MAC learning that hold for every switch of the host. */
+/** Properties of MAC learning, of all switches of the host together. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchLearningProps {
     uint8_t enabled;
     uint32_t agingSeconds;
-    uint32_t limit; /**< addresses over all ports */
+    uint32_t limit; /**< addresses of all ports together */
 } VSwitchLearningProps;
 
-/** Which multicast groups: those of one VLAN or, with 0, of all; of one kind of address. */
+/** Selects multicast groups: by their VLAN and by their kind of address. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchMcastSelector {
-    uint32_t vlanId;
+    uint32_t vlanId;      /**< 0: every VLAN */
     uint32_t addressKind; /**< VSWITCH_ADDRESS_…; another kind has no groups */
-    uint8_t group[16];    /**< VSWITCH_GET_MCAST_STATS only: the first 4 or all 16 bytes */
+    uint8_t group[16];    /**< VSWITCH_GET_MCAST_STATS only: the address, in its first 4, 6 or 16 bytes */
 } VSwitchMcastSelector;
 
 #define VSWITCH_ADDRESS_ETHERNET 0 /**< 6 bytes */
@@ -116,7 +117,7 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchUplinkArgument {
     uint32_t adminUp; /**< VSWITCH_SET_UPLINK_ADMIN only: 1 up, 0 down */
 } VSwitchUplinkArgument;
 
-/** Input of every command that doesn't name another one. */
+/** Input of every command whose comment names no other input. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchInput {
     union {
         char portset[128];
@@ -138,13 +139,13 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchInput {
 /** Header of a list; the entries follow. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchListHeader {
     uint32_t count;
-    uint32_t aux; /**< the kind, in the answer of VSWITCH_GET_SWITCHES; the address kind, in that of
-                       VSWITCH_GET_MCAST_GROUPS; else 0 */
+    uint32_t aux; /**< of VSWITCH_GET_SWITCHES the kind, of VSWITCH_GET_MCAST_GROUPS the kind of address,
+                       of all others 0 */
 } VSwitchListHeader;
 
 #define VSWITCH_LIST_PORTSETS                                                                                \
-    1u /**< kind 1: names of the portsets, char[128]. Any other kind: the aliases of                         \
-            their switches, char[81], the portset's name where it has no switch */
+    1u /**< kind 1: names of the portsets, char[128]. Any other kind: aliases of their switches,             \
+            char[81]; the portset's name when no switch of the store names it */
 
 /** VSWITCH_GET_INFO. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchInfo {
@@ -159,8 +160,8 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchInfo {
 
 #define VSWITCH_INFO_ASSOCIATED 1u   /**< the switch is associated with this host */
 #define VSWITCH_INFO_SNOOPING 2u     /**< multicast mode is snooping */
-#define VSWITCH_INFO_MIRRORING 4u    /**< there are mirror sessions */
-#define VSWITCH_INFO_MAC_LEARNING 8u /**< some port learns addresses */
+#define VSWITCH_INFO_MIRRORING 4u    /**< the switch has mirror sessions */
+#define VSWITCH_INFO_MAC_LEARNING 8u /**< at least one port learns addresses */
 
 /** Entry of VSWITCH_GET_UPLINKS. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchUplink {
@@ -168,9 +169,9 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchUplink {
     uint32_t flags; /**< VSWITCH_UPLINK_… */
 } VSwitchUplink;
 
-#define VSWITCH_UPLINK_LINK_UP 1u     /**< it has a link and is administratively up */
+#define VSWITCH_UPLINK_LINK_UP 1u     /**< has a carrier and is administratively up */
 #define VSWITCH_UPLINK_ADMIN_UP 2u    /**< administratively up */
-#define VSWITCH_UPLINK_FULL_DUPLEX 4u /**< */
+#define VSWITCH_UPLINK_FULL_DUPLEX 4u /**< full duplex */
 #define VSWITCH_UPLINK_IN_LAG 8u      /**< member of a LAG */
 
 /** One link aggregation group. */
@@ -178,47 +179,48 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchLag {
     char name[32];
     uint8_t mode;         /**< LACP: 0 passive, 1 active */
     uint8_t fastTimeout;  /**< LACP: 1 short, 0 long */
-    uint8_t loadBalance;  /**< number of the hash algorithm, as the scenario gives it */
+    uint8_t loadBalance;  /**< number of the hash algorithm, from the scenario */
     uint8_t linkUp;       /**< 1 when at least one member has a link */
     uint32_t memberCount; /**< 0 to 16 */
     uint32_t linkMask;    /**< bit i: member i has a link */
     char members[16][32]; /**< names of physical NICs */
 } VSwitchLag;
 
-/** VSWITCH_GET_LAGS: always whole; entries from `count` on are zero. */
+/** VSWITCH_GET_LAGS: always 64 entries; those from `count` on are zero. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchLagTable {
     uint32_t count;
     VSwitchLag lags[64];
 } VSwitchLagTable;
 
-/** VSWITCH_GET_PORT_LEARNING_STATS. The entries and the limit are live; the rest comes from a scenario. */
+/** VSWITCH_GET_PORT_LEARNING_STATS. Entries and limit are the port's own; the counters come from a scenario.
+ */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchPortLearningStats {
     uint32_t entries; /**< addresses in the port's table, static ones included */
     uint32_t limit;   /**< from the port's MAC learning policy, 4096 by default */
-    uint32_t learned; /**< addresses learned, ever */
-    uint32_t moved;   /**< addresses that came from another port */
-    uint32_t aged;    /**< addresses forgotten by age */
-    uint32_t refused; /**< addresses refused for the limit */
-    uint32_t dropped; /**< packets dropped with them */
+    uint32_t learned; /**< addresses learned in total */
+    uint32_t moved;   /**< addresses that moved here from another port */
+    uint32_t aged;    /**< addresses removed because of their age */
+    uint32_t refused; /**< addresses refused because of the limit */
+    uint32_t dropped; /**< packets dropped with refused addresses */
 } VSwitchPortLearningStats;
 
 /** VSWITCH_GET_LEARNING_INFO. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchLearningInfo {
     uint32_t agingSeconds;   /**< from the switch's MAC learning policy, 600 by default */
-    uint32_t limit;          /**< from the same, 65536 by default */
-    uint8_t policyByte;      /**< from the same */
+    uint32_t limit;          /**< from that policy, 65536 by default */
+    uint8_t policyByte;      /**< from that policy */
     uint8_t learnStatic;     /**< 1 when static addresses are learned too */
-    uint8_t reserved[2];     /**< */
+    uint8_t reserved[2];     /**< 0 */
     uint32_t learningPorts;  /**< ports whose policy lets them learn */
     uint32_t entries;        /**< addresses in all tables of the switch */
-    uint32_t staticEntries;  /**< of them, static */
-    uint32_t learnedEntries; /**< of them, learned */
-    uint32_t teamEntries;    /**< of them, behind the uplinks */
-    uint32_t learned;        /**< sums over the ports, see VSwitchPortLearningStats */
-    uint32_t moved;          /**< */
-    uint32_t aged;           /**< */
-    uint32_t refused;        /**< */
-    uint32_t dropped;        /**< */
+    uint32_t staticEntries;  /**< static ones of these */
+    uint32_t learnedEntries; /**< learned ones of these */
+    uint32_t teamEntries;    /**< ones of these behind the uplinks */
+    uint32_t learned;        /**< sum over the ports, like the following; see VSwitchPortLearningStats */
+    uint32_t moved;          /**< sum over the ports */
+    uint32_t aged;           /**< sum over the ports */
+    uint32_t refused;        /**< sum over the ports */
+    uint32_t dropped;        /**< sum over the ports */
 } VSwitchLearningInfo;
 
 /** VSWITCH_GET_RARP_STATS: announcements of a moved port's address to the physical network. */
@@ -233,11 +235,11 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchTeamingStats {
     uint64_t txBytes;
     uint64_t rxPackets;
     uint64_t rxBytes;
-    uint64_t failovers; /**< changes from an uplink that lost its link */
-    uint64_t failbacks; /**< and back */
+    uint64_t failovers; /**< changes away from an uplink that lost its link */
+    uint64_t failbacks; /**< changes back to an uplink that has its link again */
 } VSwitchTeamingStats;
 
-/** VSWITCH_GET_MIRROR_STATS. The state is live; the counters come from a scenario. */
+/** VSWITCH_GET_MIRROR_STATS. The state is the host's own; the counters come from a scenario. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchMirrorStats {
     char sessionId[32];
     uint8_t active; /**< 1: the portset runs the session */
@@ -251,7 +253,7 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchMirrorStats {
     uint64_t rxBytes;
     uint64_t truncated;
     uint64_t encapsulationErrors;
-    uint64_t unreachable; /**< packets whose destination is no longer there */
+    uint64_t unreachable; /**< packets whose destination is gone */
 } VSwitchMirrorStats;
 
 /** VSWITCH_GET_MCAST_STATS; `count` source addresses of the group's kind follow. */
@@ -262,7 +264,7 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchMcastStats {
     uint32_t ports;  /**< ports that are members */
     uint32_t vlanId; /**< VLAN of the group */
     uint32_t count;  /**< sources */
-    uint32_t filter; /**< 0: packets of the sources only; 1: all but those */
+    uint32_t filter; /**< 0: packets of the sources only; 1: all packets except those of the sources */
 } VSwitchMcastStats;
 
 /** One runtime option. */
@@ -273,8 +275,8 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchOption {
 } VSwitchOption;
 
 /**
- * Runtime options, the same in both directions, in order of their ids: what VSWITCH_GET_OPTIONS answers
- * can be given to VSWITCH_SET_OPTIONS. A host holds at most VSWITCH_OPTIONS_MAX of them.
+ * Runtime options, in the order of their ids. VSWITCH_SET_OPTIONS accepts what VSWITCH_GET_OPTIONS answers. A
+ * host holds at most VSWITCH_OPTIONS_MAX options.
  */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchOptions {
     uint32_t length; /**< 8 + 8 * count */
@@ -285,8 +287,8 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchOptions {
 #define VSWITCH_OPTIONS_MAX 511
 
 /**
- * Input of every command of the RTM device, 9 + 128 * count bytes; another inLength is EINVAL. The driver
- * keeps the last one of each command number.
+ * Input of every command of the RTM device: 9 + 128 * count bytes; another inLength is EINVAL. The driver
+ * keeps the last input of each command number.
  */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchRtmRecord {
     uint32_t count;

@@ -12,11 +12,11 @@ std::unique_ptr<Host> OpenHost(const std::string &state)
 {
     const char *own = getenv(ENVIRONMENT_DIRECTORY);
     const std::string directory = !state.empty() ? state : own ? own : "";
-    if (directory.empty()) throw LauncherError{"this process is on no host; name one with --state DIR"};
+    if (directory.empty()) throw LauncherError{"this process is not on a host; name a host with --state DIR"};
     const char *durability = getenv(ENVIRONMENT_DURABILITY);
     const bool disk = !durability || std::string_view(durability) != "process";
     if (access((directory + "/host.db").c_str(), F_OK) != 0)
-        throw LauncherError{directory + " is no host; make one with `vshost run --state " + directory +
+        throw LauncherError{directory + " is not a host; make one with `vshost run --state " + directory +
                             " -- COMMAND`"};
     std::unique_ptr<Host> host;
     std::string message;
@@ -29,9 +29,8 @@ void CheckStatus(const Host &host, VsStatus status)
 {
     if (!status) return;
     if (status == STATUS_NO_SPACE) throw LauncherError{host.Directory() + ": the disk is full; make room"};
-    if (status == STATUS_READ_ONLY)
-        throw LauncherError{host.Directory() + ": may not be written by this user"};
-    throw LauncherError{host.Directory() + "/host.db: is damaged; put a copy of it in its place"};
+    if (status == STATUS_READ_ONLY) throw LauncherError{host.Directory() + ": this user may not write to it"};
+    throw LauncherError{host.Directory() + "/host.db is damaged; put a backup of it in its place"};
 }
 
 int ResetHost(const std::string &state)
@@ -56,7 +55,7 @@ int BindNicOnHost(const std::string &state, const std::string &nic, const std::s
         if (VsStatus missing = GetRecord(transaction, runtime::NicKey(nic), found)) return missing;
         wrong = "no switch " + switchName + "; list them with `vshost show`";
         if (VsStatus missing = FindSwitch(transaction, switchName, switchId)) return missing;
-        wrong = portId + " is no uplink port of switch " + switchName;
+        wrong = portId + " is not an uplink port of switch " + switchName;
         if (VsStatus failed = ListUplinkPorts(transaction, switchId, portIds)) return failed;
         if (std::find(portIds.begin(), portIds.end(), portId) == portIds.end()) return STATUS_NOT_FOUND;
         return ClaimNic(transaction, nic, switchName, portId);
@@ -97,7 +96,7 @@ int ChangeNic(const std::string &state, const NicOptions &options)
         return nic.mtu > nic.maxMtu ? STATUS_BAD_PARAM : PutNic(transaction, options.name, nic);
     });
     if (status == STATUS_BAD_PARAM)
-        throw LauncherError{"the MTU of " + options.name + " would be above its largest one"};
+        throw LauncherError{"the MTU of " + options.name + " must not be above its --max-mtu"};
     CheckStatus(*host, status);
     return 0;
 }

@@ -11,7 +11,7 @@
 
 namespace vshost {
 
-// What failed, on what, and what to do; for one line on standard error.
+// One line on standard error: what failed, on what, and what to do.
 struct LauncherError {
     std::string message;
     int exitCode = 1;
@@ -24,7 +24,7 @@ struct RunOptions {
     std::vector<std::string> command;
 };
 
-// What of a NIC is to be changed.
+// The changes to a NIC.
 struct NicOptions {
     std::string name;
     std::optional<std::string> link, admin, duplex; // "up" or "down", "full" or "half"
@@ -35,7 +35,7 @@ struct NicOptions {
 int RunOnHost(const RunOptions &options);
 int ShowHost(const std::string &state, bool json);
 int ResetHost(const std::string &state);
-// Has vshostd carry out a request.
+// Asks vshostd to carry out a request.
 int AskLiveHost(const std::string &state, const std::vector<std::string> &request);
 int StopLiveHost(const std::string &state);
 int BindNicOnHost(const std::string &state, const std::string &nic, const std::string &switchName,
@@ -43,9 +43,9 @@ int BindNicOnHost(const std::string &state, const std::string &nic, const std::s
 int ChangeNic(const std::string &state, const NicOptions &options);
 int RemoveNic(const std::string &state, const std::string &name);
 
-// An existing host: in `state` or, when that is empty, the one that this process is on.
+// Opens an existing host: in `state` or, when that is empty, the host that this process is on.
 std::unique_ptr<Host> OpenHost(const std::string &state);
-// Throws what is wrong with the host's database.
+// Throws a LauncherError for a status of the host's database.
 void CheckStatus(const Host &host, VsStatus status);
 
 }

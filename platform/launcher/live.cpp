@@ -1,4 +1,4 @@
-// vshost plug, unplug, nic add, nic remove and stop: what vshostd is asked, and its end.
+// vshost plug, unplug, nic add, nic remove and stop: requests to vshostd, and its end.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -23,7 +23,7 @@ constexpr unsigned LONGEST_END = 30; // seconds
 std::string WholePath(const std::string &state)
 {
     const std::unique_ptr<char, decltype(&free)> whole(realpath(state.c_str(), nullptr), free);
-    if (!whole) throw LauncherError{state + " is no host: " + strerror(errno)};
+    if (!whole) throw LauncherError{state + " is not a host: " + strerror(errno)};
     return whole.get();
 }
 
@@ -37,7 +37,7 @@ void WaitForEnd(int file, const std::string &directory)
     throw LauncherError{directory + ": vshostd doesn't end; see its log"};
 }
 
-// The process that holds the file locked has written its id there.
+// The process that holds the file's lock has written its id to the file.
 void EndSupervisor(const std::string &directory)
 {
     const std::string path = directory + "/" + PROCESS_FILE;
@@ -48,16 +48,16 @@ void EndSupervisor(const std::string &directory)
     }
     pid_t process = 0;
     std::ifstream(path) >> process;
-    // Without the process, its daemon holds the file, and is about to end.
+    // If the process is gone, its daemon holds the lock and is about to end.
     if (process <= 0 || (kill(process, SIGTERM) != 0 && errno != ESRCH)) {
-        const std::string reason = process <= 0 ? path + " names no process" : strerror(errno);
+        const std::string reason = process <= 0 ? path + " holds no process id" : strerror(errno);
         throw LauncherError{directory + ": can't end vshostd: " + reason + "; run vshost stop as root"};
     }
     WaitForEnd(file, directory);
     close(file);
 }
 
-// What a live host has in the kernel is known to vshostd.
+// vshostd knows what a live host has in the kernel.
 int RemoveFromKernel(const std::string &directory)
 {
     const std::string program = PlatformDirectory() + "/vshostd";
@@ -74,20 +74,20 @@ int RemoveFromKernel(const std::string &directory)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
 
-// Sends a request; false when the daemon died at it.
+// Sends a request; false when the daemon died while it carried it out.
 bool Exchange(const sockaddr_un &address, const std::string &request, std::string &answer)
 {
     const int connection = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     char packet[4096];
     ssize_t length = -1;
     const bool isThere =
-        connect(connection, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+        connect(connection, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
     const int error = errno;
     if (isThere && send(connection, request.data(), request.size(), MSG_NOSIGNAL) > 0)
-        length = recv(connection, packet, sizeof packet, 0);
+        length = recv(connection, packet, sizeof(packet), 0);
     close(connection);
     if (!isThere && (error == EACCES || error == EPERM))
-        throw LauncherError{"vshostd answers root alone; run this as root"};
+        throw LauncherError{"vshostd answers only root; run this as root"};
     if (!isThere)
         throw LauncherError{"vshostd doesn't run on this host; start it with `vshostd --state DIR` as root"};
     if (length > 0) answer.assign(packet, strnlen(packet, static_cast<size_t>(length)));
@@ -102,14 +102,15 @@ int AskLiveHost(const std::string &state, const std::vector<std::string> &reques
                       path = WholePath(directory) + "/" + SOCKET_FILE;
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     std::string packet, answer;
     for (const std::string &word : request)
         packet.append(word.c_str(), word.size() + 1);
     // A request that a killed daemon has carried out is refused by the next one, or carried out again.
     unsigned tries = 0;
     while (!Exchange(address, packet, answer))
-        if (++tries == 3) throw LauncherError{"vshostd dies at this request; see its log"};
+        if (++tries == 3)
+            throw LauncherError{"vshostd died three times while it carried out this request; see its log"};
     if (!answer.empty()) throw LauncherError{answer};
     return 0;
 }
@@ -117,9 +118,9 @@ int AskLiveHost(const std::string &state, const std::vector<std::string> &reques
 int StopLiveHost(const std::string &state)
 {
     const std::string directory = WholePath(state);
-    // The host is not opened: the devices of a killed vshostd answer nobody.
+    // The host is not opened: the devices of a killed vshostd do not answer.
     if (access((directory + "/host.db").c_str(), F_OK) != 0)
-        throw LauncherError{directory + " is no host; name the directory of one"};
+        throw LauncherError{directory + " is not a host; name the directory of a host"};
     EndSupervisor(directory);
     return RemoveFromKernel(directory);
 }

@@ -10,19 +10,19 @@ using namespace vshost;
 
 void AddRun(CLI::App &app, RunOptions &options, std::string &durability)
 {
-    CLI::App *run = app.add_subcommand("run", "Run a program, and what it starts, on a host");
+    CLI::App *run = app.add_subcommand("run", "Run a program and its child processes on a host");
     run->add_option("--state", options.state,
-                    "Directory of the host, made when missing; without it the host is a "
-                    "throw-away one");
+                    "Directory of the host, created if it is missing; without it the host is a "
+                    "throw-away host");
     run->add_option("--durability", durability,
-                    "disk: what is acknowledged is on disk; process: it survives the "
+                    "disk: a write that succeeds is on disk; process: it survives the "
                     "death of any process")
         ->check(CLI::IsMember({"disk", "process"}))
         ->capture_default_str();
     run->add_option("--scenario", options.scenario,
                     "JSON file with NICs, links, MAC tables, statistics, faults")
         ->check(CLI::ExistingFile);
-    run->add_option("command", options.command, "The program and its arguments, behind \"--\"")->required();
+    run->add_option("command", options.command, "The program and its arguments, after \"--\"")->required();
 }
 
 template<typename AddOthers>
@@ -32,7 +32,7 @@ void AddInterface(CLI::App &command, std::string &state, std::string &interface,
     command.add_option("--state", state, "Directory of the host");
     addOthers();
     command.add_option("interface", interface, "Name of the network interface")->required();
-    if (keeps) command.add_flag("--keep", *keeps, "Beyond the next start of the machine");
+    if (keeps) command.add_flag("--keep", *keeps, "Keep it after the next start of the machine");
 }
 
 CLI::App *AddNic(CLI::App &app, std::string &state, NicOptions &options)
@@ -45,7 +45,7 @@ CLI::App *AddNic(CLI::App &app, std::string &state, NicOptions &options)
     nic->add_option("--duplex", options.duplex, "Duplex")->check(CLI::IsMember({"full", "half"}));
     nic->add_option("--speed", options.speed, "Speed in Mb/s")->check(CLI::Range(1, 10000000));
     nic->add_option("--mtu", options.mtu, "MTU in bytes")->check(CLI::Range(MIN_MTU, MAX_MTU));
-    nic->add_option("--max-mtu", options.maxMtu, "Largest MTU that it takes")
+    nic->add_option("--max-mtu", options.maxMtu, "Largest MTU that the NIC accepts")
         ->check(CLI::Range(MIN_MTU, MAX_MTU));
     nic->add_option("--numa-node", options.numaNode, "NUMA node of the device")->check(CLI::Range(0, 1023));
     return nic;
@@ -74,7 +74,7 @@ int Main(int count, char **arguments)
     bind->add_option("nic", bound, "Name of the NIC")->required();
     bind->add_option("switch", switchName, "Alias, id or portset name of the switch")->required();
     bind->add_option("port", portId, "Id of the uplink port")->required();
-    CLI::App *remove = app.add_subcommand("remove-nic", "Take a NIC out of the host");
+    CLI::App *remove = app.add_subcommand("remove-nic", "Remove a NIC from the host");
     remove->add_option("--state", state, "Directory of the host");
     remove->add_option("name", bound, "Name of the NIC")->required();
 
@@ -93,7 +93,7 @@ int Main(int count, char **arguments)
     AddInterface(*addNic, state, interface, &keeps, [] {});
     CLI::App *releaseNic = nicApp->add_subcommand("remove", "Give a network interface back to the machine");
     AddInterface(*releaseNic, state, interface, nullptr, [] {});
-    CLI::App *stop = app.add_subcommand("stop", "End vshostd and take away what it has in the kernel");
+    CLI::App *stop = app.add_subcommand("stop", "End vshostd and remove what it has in the kernel");
     stop->add_option("--state", state, "Directory of the host")->required();
 
     try {

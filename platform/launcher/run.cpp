@@ -28,7 +28,7 @@ std::string ReadFile(const std::string &path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Makes the host when it is missing, and applies the scenario to it.
+// Makes the host if it is missing, and applies the scenario.
 void PrepareHost(const std::string &directory, const RunOptions &options)
 {
     std::unique_ptr<Host> host;
@@ -51,7 +51,7 @@ void PrepareHost(const std::string &directory, const RunOptions &options)
     _exit(errno == ENOENT ? NOT_FOUND : CANNOT_RUN);
 }
 
-// What a terminal sends reaches the command without us.
+// The terminal signals the command itself (it is in the foreground process group).
 void Forward(int signal, siginfo_t *info, void *)
 {
     const int error = errno;
@@ -59,7 +59,7 @@ void Forward(int signal, siginfo_t *info, void *)
     errno = error;
 }
 
-// Runs the command as a child and passes signals on to it, so that its host can be removed afterwards.
+// Runs the command as a child and forwards signals to it, so that the host can be removed afterwards.
 int RunAsChild(const std::vector<std::string> &command)
 {
     sigset_t signals, before;
@@ -67,7 +67,7 @@ int RunAsChild(const std::vector<std::string> &command)
     for (int signal : FORWARDED)
         sigaddset(&signals, signal);
     sigprocmask(SIG_BLOCK, &signals, &before);
-    // While SIGCHLD is ignored, a child leaves no exit status behind. The command keeps what it inherited.
+    // While SIGCHLD is ignored, a child leaves no exit status. The command gets the inherited action back.
     struct sigaction reported = {}, inherited;
     reported.sa_handler = SIG_DFL;
     sigaction(SIGCHLD, &reported, &inherited);
@@ -92,7 +92,7 @@ int RunAsChild(const std::vector<std::string> &command)
     return status;
 }
 
-// Ends as the command ended, by its signal too.
+// Ends as the command ended: with its exit code or by its signal.
 int EndLike(int status)
 {
     if (WIFEXITED(status)) return WEXITSTATUS(status);

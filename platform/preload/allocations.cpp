@@ -1,6 +1,6 @@
-// Counts the allocations that the control library itself makes, and fails those that a test wants to fail:
-// its own table of imported functions is changed, so that nobody else's allocations are touched, and the
-// allocator behind it may be any.
+// Counts the allocations that the control library itself makes, and fails the ones that a test wants to fail.
+// It changes the library's own table of imported functions, so that no other allocation is affected and any
+// allocator can be behind it.
 #include <dlfcn.h>
 #include <elf.h>
 #include <errno.h>
@@ -46,7 +46,7 @@ void *Replacement(const char *name)
     return nullptr;
 }
 
-// The parts of a loaded object's dynamic section that are needed here.
+// The parts of a loaded object's dynamic section that patching needs.
 struct Object {
     explicit Object(const dl_phdr_info &info) : base(info.dlpi_addr)
     {
@@ -57,7 +57,7 @@ struct Object {
                 relro = &info.dlpi_phdr[i];
     }
 
-    // The loader has made the addresses absolute, but for the kernel's own object, which it cannot change.
+    // The loader has made the addresses absolute, except in the kernel's own object, which it cannot change.
     Elf64_Addr Address(const Elf64_Dyn &entry) const
     {
         return entry.d_un.d_ptr < base ? base + entry.d_un.d_ptr : entry.d_un.d_ptr;
@@ -95,7 +95,7 @@ struct Object {
 
     bool IsNamed(const char *name) const { return strings && soname && strcmp(strings + soname, name) == 0; }
 
-    // After start-up, pages of the relocated read-only part must be made writable for the change.
+    // After start-up the relocated part is read-only: its page must be made writable for the change.
     void Write(void **slot, void *value) const
     {
         const auto address = reinterpret_cast<uintptr_t>(slot);

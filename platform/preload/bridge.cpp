@@ -1,4 +1,4 @@
-// What the preload reaches: the functions of vshost.h, the devices and the shell, each behind a guard.
+// The core's side of the bridge: the functions of vshost.h, the devices and the shell, each in a guard.
 #include "platform/preload/bridge.h"
 
 #include <algorithm>
@@ -17,7 +17,7 @@
 namespace vshost {
 namespace {
 
-int NoHost() { return SetError(EINVAL, "this process is on no host: call vshost_start first"); }
+int NoHost() { return SetError(EINVAL, "this process is not on a host: call vshost_start first"); }
 
 // Runs `use` on the host's faults; 0 or an errno value.
 template<typename Use> int OnFaults(Use use)
@@ -50,7 +50,7 @@ int Explained(int error)
 {
     if (error == EINVAL) return SetError(error, "an argument is out of range: see vshost.h");
     if (error == ENOSPC)
-        return SetError(error, "as many as can stand at a time stand already, or the disk is full");
+        return SetError(error, "the host holds as many as vshost.h allows, or the disk is full");
     return error;
 }
 
@@ -121,7 +121,7 @@ int PropertyEntry(vshost_level level, const char *switchId, const char *portId, 
     return 0;
 }
 
-// FNV-1a, over lengths too, so that no two tables read alike.
+// FNV-1a. Lengths are hashed too, so that two tables cannot give the same bytes.
 class Hash {
 public:
     void Add(std::string_view bytes)
@@ -141,7 +141,7 @@ private:
     uint64_t value = 0xCBF29CE484222325;
 };
 
-// Which of the numbers never given out are kept as free ones is no difference between two hosts.
+// Free port numbers don't count: two hosts that differ only in these are equal.
 uint64_t Fingerprint()
 {
     HostUse host;

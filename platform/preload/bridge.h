@@ -1,5 +1,5 @@
-// The bridge from the preload, which links no C++ runtime, to libvshostcore.so, which the preload opens when
-// its process first needs it.
+// The bridge from the preload, which links no C++ runtime, to libvshostcore.so. The preload opens that
+// library when its process first needs it.
 #pragma once
 
 #include <vshost.h>
@@ -20,7 +20,7 @@ struct PreloadCall {
 };
 
 struct VshostCore {
-    // The functions of vshost.h, but for those that the preload does itself.
+    // The functions of vshost.h, except the ones that the preload implements itself.
     int (*start)(const char *directory, int durable);
     void (*stop)(void);
     const char *(*directory)(void);

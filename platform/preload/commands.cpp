@@ -1,5 +1,5 @@
-// Starting programs: "/bin/tybel" is the shell beside this library, in whatever way a child process comes
-// to run it, and system() and popen() can run it without a child, or refuse to.
+// Starting programs: "/bin/tybel" is the shell beside this library, however a child process starts it.
+// system() and popen() can run it without a child, or fail.
 #include <errno.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -16,7 +16,7 @@ namespace {
 constexpr char SHELL_PATH[] = "/bin/tybel";
 std::atomic<bool> inProcess;
 
-// Also between vfork and exec: allocates nothing, locks nothing.
+// Runs between vfork and exec too: must not allocate or lock.
 const char *Program(const char *path)
 {
     return path && CurrentHost() && strcmp(path, SHELL_PATH) == 0 ? TybelPath() : path;
@@ -32,8 +32,8 @@ struct ShellStream {
 pthread_mutex_t streamsMutex = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<ShellStream *> streams;
 
-// Asks the core about a command line; only one that may be the shell's is worth it.
-Verdict Ask(const char *command, bool capture, CommandResult *result)
+// Passes a command line to the core if it may be one of the shell.
+Verdict RunInCore(const char *command, bool capture, CommandResult *result)
 {
     if (!command || !CurrentHost() || !strstr(command, "tybel")) return Verdict::PASS;
     const VshostCore *core = Core();
@@ -73,7 +73,7 @@ ShellStream *RemoveStream(const FILE *stream)
 
 void ShellInProcess(bool on) { inProcess = on; }
 
-// A child must not find the streams as another thread left them in the middle of a change.
+// A forked child must not inherit the list of streams in the middle of another thread's change.
 void HoldStreamsAcrossForks()
 {
     pthread_atfork([] { pthread_mutex_lock(&streamsMutex); }, [] { pthread_mutex_unlock(&streamsMutex); },
@@ -115,7 +115,7 @@ SHIM_EXPORT int posix_spawnp(pid_t *pid, const char *file, const posix_spawn_fil
 SHIM_EXPORT int system(const char *command)
 {
     CommandResult result = {};
-    switch (Ask(command, false, &result)) {
+    switch (RunInCore(command, false, &result)) {
     case Verdict::PASS:
         return Real().system(command);
     case Verdict::REFUSED:
@@ -131,7 +131,7 @@ SHIM_EXPORT FILE *popen(const char *command, const char *type)
 {
     CommandResult result = {};
     if (type[0] != 'r') return Real().popen(command, type);
-    switch (Ask(command, true, &result)) {
+    switch (RunInCore(command, true, &result)) {
     case Verdict::PASS:
         return Real().popen(command, type);
     case Verdict::REFUSED:

@@ -1,6 +1,6 @@
-// open, ioctl and close of the driver's two devices. In a host, each is an empty file of the host's
-// directory: a descriptor is a device's when it refers to that file, however it came into this process,
-// so that dup, fork, exec and descriptors passed over a socket need no care.
+// open, ioctl and close of the driver's two devices. On a host each device is an empty file of the host's
+// directory. A descriptor belongs to a device when it refers to that file, however the process got it: dup,
+// fork, exec and descriptors passed over a socket need no extra code.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
@@ -39,8 +39,8 @@ bool Identify(const ShimHost &host, int device, struct stat &file)
     return length < static_cast<int>(sizeof(path)) && stat(path, &file) == 0;
 }
 
-// Looks at the host's files once. Threads that do so at the same time find the same.
-bool Know(ShimHost &host)
+// Looks up the host's device files once. Threads that do so at the same time find the same files.
+bool LookUpFiles(ShimHost &host)
 {
     struct stat files[2];
     if (host.known.load(std::memory_order_acquire)) return true;
@@ -60,7 +60,7 @@ int DeviceOfDescriptor(int descriptor)
     const int error = errno;
     int found = NO_DEVICE;
     struct stat opened;
-    if (fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) && Know(*host))
+    if (fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) && LookUpFiles(*host))
         for (int device = 0; device < 2; device++)
             if (opened.st_ino == host->files[device] && opened.st_dev == host->filesystem) found = device;
     errno = error;
@@ -114,8 +114,8 @@ SHIM_EXPORT int openat(int folder, const char *path, int flags, ...)
     return OpenAt(folder, path, flags, mode);
 }
 
-// On a machine of 64 bits the variants for large files are the same functions, and those of fortified
-// programs differ in what the compiler checks.
+// On a 64-bit machine the variants for large files are the same functions. The variants of fortified programs
+// differ only in what the compiler checks.
 SHIM_EXPORT int open64(const char *path, int flags, ...) __attribute__((alias("open")));
 SHIM_EXPORT int openat64(int folder, const char *path, int flags, ...) __attribute__((alias("openat")));
 SHIM_EXPORT int __open_2(const char *path, int flags) { return Open(path, flags, 0); }

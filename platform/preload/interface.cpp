@@ -1,4 +1,4 @@
-// The functions of vshost.h: each belongs to the core, but for what only the preload can do.
+// The functions of vshost.h: each calls the core and does what only the preload can do.
 #include <errno.h>
 #include <type_traits>
 #include <vshost.h>
@@ -6,10 +6,10 @@
 #include "platform/preload/preload.h"
 
 namespace {
-// What the functions that return an errno value say without a core.
+// Result of the functions that return an errno value when the core cannot be loaded.
 constexpr int NO_CORE = ENOENT;
 
-// Calls a function of the core; without a core, answers `missing`.
+// Calls a function of the core; the result is `missing` when the core cannot be loaded.
 template<class Result, class... Parameters, class... Arguments>
 Result Call(Result (*VshostCore::*function)(Parameters...), std::type_identity_t<Result> missing,
             Arguments... arguments)
@@ -24,15 +24,15 @@ int vshost_start(const char *directory, int durable)
 {
     const VshostCore *core = Core();
     if (!core) return NO_CORE;
-    LeaveHost();
+    ForgetHost();
     const int error = core->start(directory, durable);
-    FollowHost();
+    AdoptHost();
     return error;
 }
 
 void vshost_stop(void)
 {
-    LeaveHost();
+    ForgetHost();
     if (const VshostCore *core = Core()) core->stop();
 }
 

@@ -1,4 +1,4 @@
-// Start of the preloaded library: the real functions, the host that the environment names, and the core.
+// Start-up of the preloaded library: the real functions, the host that the environment names, and the core.
 #include "platform/preload/preload.h"
 
 #include <dlfcn.h>
@@ -19,7 +19,7 @@ RealFunctions real;
 char tybelPath[PATH_SIZE];
 char corePath[PATH_SIZE];
 std::atomic<ShimHost *> currentHost;
-std::atomic<ShimHost *> newestHost; // heads the list that keeps them reachable
+std::atomic<ShimHost *> newestHost; // head of the list that keeps all of them reachable
 std::atomic<const VshostCore *> loadedCore;
 pthread_once_t resolveOnce = PTHREAD_ONCE_INIT;
 pthread_once_t loadOnce = PTHREAD_ONCE_INIT;
@@ -44,7 +44,7 @@ void ResolveAll()
     Resolve(real.pclose, "pclose");
 }
 
-// `path` becomes the file `name` in the folder of this library; empty when that is too long.
+// Sets `path` to the file `name` in the folder of this library; leaves it empty when that is too long.
 void PlaceBeside(char *path, const char *library, const char *name)
 {
     const char *slash = strrchr(library, '/');
@@ -78,8 +78,8 @@ void EnterHost(const char *directory)
     currentHost = host;
 }
 
-// Makes the host's directory absolute before anybody changes the current one, for the children of this
-// process too. Null when it is on no host.
+// Makes the host's directory absolute before the program changes its current directory, also in the
+// environment of its children. Null when the process is not on a host.
 const char *StartDirectory()
 {
     const char *directory = getenv(vshost::ENVIRONMENT_DIRECTORY);
@@ -132,9 +132,9 @@ bool AllocationsMayFail()
 
 ShimHost *CurrentHost() { return currentHost.load(std::memory_order_acquire); }
 
-void LeaveHost() { currentHost = nullptr; }
+void ForgetHost() { currentHost = nullptr; }
 
-void FollowHost()
+void AdoptHost()
 {
     const VshostCore *core = LoadedCore();
     const char *directory = core ? core->directory() : nullptr;

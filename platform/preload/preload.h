@@ -1,5 +1,5 @@
-// What the files of the preloaded library share. It is in every process of a host, the shells included:
-// it links no C++ runtime, and loads the host's core only when a process first needs it.
+// What the files of the preloaded library share. The library is in every process of a host, shells included.
+// It links no C++ runtime, and loads the host's core only when the process first needs it.
 #pragma once
 
 #include <spawn.h>
@@ -14,7 +14,7 @@
 
 #define SHIM_EXPORT extern "C" __attribute__((visibility("default")))
 
-// The C library's own functions, behind the interposed ones; the next library's, strictly.
+// The functions behind the interposed ones: the C library's or, strictly, the next library's.
 struct RealFunctions {
     int (*open)(const char *, int, ...);
     int (*openat)(int, const char *, int, ...);
@@ -29,25 +29,25 @@ struct RealFunctions {
     int (*pclose)(FILE *);
 };
 
-// The host that this process is on. One is made for each that it was ever on, and stays, since another
-// thread may be looking at it.
+// The host that this process is on. The record of an earlier host is never freed: another thread may still be
+// reading it.
 struct ShimHost {
     ShimHost *previous;
-    std::atomic<bool> known; // the files that stand for the devices are
+    std::atomic<bool> known; // whether the files of the devices have been looked up
     std::atomic<dev_t> filesystem;
     std::atomic<ino_t> files[2];
     char directory[];
 };
 
 const RealFunctions &Real();
-ShimHost *CurrentHost();  // null: this process is on none
-void LeaveHost();         // before the core comes to a host or leaves it: it opens and closes device files
-void FollowHost();        // after the core has come to a host or left it
+ShimHost *CurrentHost();  // null when this process is not on a host
+void ForgetHost();        // before the core attaches or detaches, as it then opens and closes device files
+void AdoptHost();         // after the core has attached
 const VshostCore *Core(); // loads the core; null when that fails
-const VshostCore *LoadedCore(); // null as long as this process didn't need it
-const char *TybelPath();        // the shell that stands beside this library
+const VshostCore *LoadedCore(); // null as long as this process has not needed it
+const char *TybelPath();        // the shell beside this library
 void ShellInProcess(bool on);
 void HoldStreamsAcrossForks();
 bool AllocationsMayFail(); // by the rules of this process's host
-void PatchAllocations();   // from now on, those of the control library are counted and may fail
+void PatchAllocations();   // from now on the control library's allocations are counted and may fail
 uint64_t ResetAllocationCount();

@@ -16,7 +16,7 @@ namespace {
 using Json = nlohmann::json;
 using Schema = nlohmann::ordered_json;
 
-// 5.0 is as whole as 5.
+// 5.0 is a whole number too.
 bool IsWhole(const Json &value)
 {
     return value.is_number_integer() || (value.is_number_float() && value == std::floor(value.get<double>()));
@@ -59,7 +59,7 @@ bool HasFormat(const Schema &format, const Json &value)
     return text.find('\0') == text.npos && inet_pton(family, text.c_str(), address) == 1;
 }
 
-// The keywords that look at a value alone: whether it is as `argument` says.
+// The keywords that judge a value by their argument alone.
 const std::map<std::string, bool (*)(const Schema &argument, const Json &value)> PREDICATES = {
     {"type", HasType},
     {"enum", IsAmong},
@@ -90,7 +90,7 @@ std::string List(const std::vector<std::string_view> &words)
     return list;
 }
 
-// " of 1 to 30 bytes", as far as the schema has limits.
+// " of 1 to 30 bytes"; empty when the schema sets no limits.
 std::string Limits(const Schema &schema, const char *least, const char *most, const char *unit)
 {
     if (!schema.contains(most)) return "";
@@ -160,7 +160,7 @@ void JsonSchema::CheckValue(const Schema &schema, const Subject &subject) const
     }
 }
 
-// The schema itself, or the one that it refers to.
+// The schema itself, or the schema that it refers to.
 const JsonSchema::Schema &JsonSchema::Resolve(const Schema &schema) const
 {
     const auto reference = schema.find("$ref");
@@ -247,7 +247,7 @@ void JsonSchema::Items(const Schema &schema, const Subject &subject) const
         CheckValue(schema["items"], {subject.value[i], subject.path + "/" + std::to_string(i)});
 }
 
-// What stands behind "must be".
+// The text after "must be".
 std::string JsonSchema::Expected(const Schema &schema) const
 {
     const Schema &resolved = Resolve(schema);
@@ -274,7 +274,7 @@ std::string JsonSchema::Complaint(const Schema &schema, const Json &value) const
     return value.dump() + " is unknown; did you mean " + std::string(nearest) + "?";
 }
 
-// The words that a value may be, those of alternatives too.
+// The words that a value may be, including those of alternatives.
 void JsonSchema::CollectWords(const Schema &schema, std::vector<std::string_view> &words) const
 {
     const Schema &resolved = Resolve(schema);

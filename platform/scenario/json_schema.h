@@ -1,4 +1,4 @@
-// The check of JSON values by a schema: the keywords of JSON Schema (2020-12) that our schemas use.
+// Checks JSON values against a schema, with the keywords of JSON Schema (2020-12) that the schemas here use.
 #pragma once
 
 #include <map>
@@ -10,7 +10,7 @@
 
 namespace vshost {
 
-// Where a value is wrong, and what must be there.
+// Where a value is wrong, and what is expected there.
 struct SchemaViolation {
     std::string path; // "/nics/nic0/mtu"; empty: the whole value
     std::string what;
@@ -18,7 +18,7 @@ struct SchemaViolation {
 
 class JsonSchema {
 public:
-    // Throws std::invalid_argument at a keyword that Check doesn't know.
+    // Throws std::invalid_argument for a keyword that Check doesn't know.
     explicit JsonSchema(const char *text);
     // Throws SchemaViolation. The length of a string counts bytes of UTF-8, as the host's fields do.
     void Check(const nlohmann::json &value) const;
@@ -42,7 +42,7 @@ private:
     std::string Complaint(const Schema &schema, const Json &value) const;
     void CollectWords(const Schema &schema, std::vector<std::string_view> &words) const;
 
-    // Keywords that hold other schemas, or need what is prepared.
+    // Keywords that hold other schemas or use prepared patterns.
     void Reference(const Schema &schema, const Subject &subject) const;
     void Pattern(const Schema &schema, const Subject &subject) const;
     void AnyOf(const Schema &schema, const Subject &subject) const;

@@ -34,7 +34,7 @@ void Check(VsStatus status)
     if (status) throw StorageError{status};
 }
 
-// The record that stands, or a new one.
+// Reads a record if there is one; otherwise leaves `record` as it is.
 template<class Record> bool ReadRecord(Reader &reader, std::string_view key, Record &record)
 {
     const VsStatus status = GetRecord(reader, key, record);
@@ -44,7 +44,7 @@ template<class Record> bool ReadRecord(Reader &reader, std::string_view key, Rec
 
 // ---- Values, which the schema has checked ----
 
-// An absent member is an empty one.
+// The member, or null when it is absent.
 const Json &Member(const Json &object, const char *name)
 {
     static const Json absent;
@@ -54,7 +54,7 @@ const Json &Member(const Json &object, const char *name)
 
 std::string Text(const Json &object, const char *name) { return object.value(name, std::string()); }
 
-// Each of these leaves what the object doesn't name as it is.
+// Each of these leaves the value unchanged when the object doesn't have the member.
 template<class Integer> void ReadNumber(const Json &object, const char *name, Integer &number)
 {
     number = object.value(name, number);
@@ -65,7 +65,7 @@ void ReadWord(const Json &object, const char *name, const char *set, uint8_t &fl
     if (object.contains(name)) flag = object[name] == set;
 }
 
-// Fields of a packed record, which may lie at any address.
+// Fields of a packed record, which may be at any address.
 template<class Record, class Integer> using Fields = std::vector<std::pair<const char *, Integer Record::*>>;
 
 template<class Record, class Integer>
@@ -354,7 +354,8 @@ try {
     for (const Json &fault : Member(root, "faults"))
         rules.push_back(ParseFault(fault));
     if (rules.size() > faults.FreeRules())
-        throw SchemaViolation{"/faults", "too many stand already; vshost_clear() removes them"};
+        throw SchemaViolation{"/faults",
+                              "the host holds too many rules already; vshost_clear() removes them"};
     const VsStatus status = engine.Write([&](Transaction &transaction) -> VsStatus {
         try {
             ApplyHost(transaction, root);

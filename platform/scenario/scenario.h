@@ -1,5 +1,5 @@
-// A scenario: what is plugged in around a host and what happens on it, as JSON. Its format is documented in
-// platform/scenario/scenario.schema.json.
+// A scenario: the NICs, state and faults of a host, as JSON. platform/scenario/scenario.schema.json documents
+// its format.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@
 
 namespace vshost {
 
-// Applies all of it or nothing. False with a message that names the place in the text, what is wrong
-// there and what to do about it.
+// Applies all of it or nothing. False with a message that names the place in the text, says what is wrong
+// there and what to do.
 bool ApplyScenario(Engine &engine, Control &control, std::string_view json, std::string &message);
 
 }

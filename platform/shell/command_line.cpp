@@ -1,4 +1,5 @@
-// What system() and popen() do with a command line of the shell's, instead of starting a child.
+#include "platform/shell/command_line.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -6,7 +7,6 @@
 #include <cstring>
 
 #include "platform/host/host.h"
-#include "platform/shell/command_line.h"
 #include "platform/shell/shell.h"
 
 namespace vshost {
@@ -125,7 +125,7 @@ bool Capture(const std::string &out, CommandResult &result)
     return true;
 }
 
-// Whether a fault keeps sh from starting. A command that does start meets the other faults itself.
+// Whether a fault keeps the shell from starting. A shell that starts applies the other faults itself.
 bool RefusedToStart(const std::vector<std::string> &arguments)
 {
     HostUse host;

@@ -1,5 +1,5 @@
-// What becomes of a command line that system() or popen() was given. The preload, which links no C++ runtime,
-// includes this too.
+// Running a command line in place of system() and popen(). The preload links no C++ runtime and includes this
+// file too.
 #pragma once
 
 #include <stddef.h>
@@ -7,18 +7,18 @@
 namespace vshost {
 
 enum class Verdict {
-    PASS,    // it is for the real functions
+    PASS,    // the real function must run it
     REFUSED, // it cannot be started
     RAN      // it ran in this process: the result holds how it ended
 };
 
 struct CommandResult {
     int status;   // as system() returns it
-    char *output; // what it wrote, when that was to be captured; the caller frees it
+    char *output; // its standard output, if captured; the caller frees it
     size_t length;
 };
 
-// Answers system() and popen() in their stead; popen() captures.
+// Runs a command line of the shell; `capture` is for popen().
 Verdict RunCommandLine(const char *line, bool inProcess, bool capture, CommandResult *result);
 
 }

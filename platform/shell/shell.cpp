@@ -18,13 +18,14 @@ using Path = std::vector<std::string>;
 
 constexpr unsigned FAILED = 1;
 
-// What a node that is a folder holds.
+// The content of a node that is a folder.
 struct Folder {
     std::vector<std::string> folders;
-    std::vector<std::pair<std::string, std::string>> leaves; // with their values; one to set only has none
+    std::vector<std::pair<std::string, std::string>>
+        leaves; // with their values; empty for a leaf that can only be set
 };
 
-// One command: its words, and what it says.
+// One command: its words and its output.
 struct ShellCommand {
     std::string verb;
     std::string node;
@@ -59,7 +60,7 @@ Path SplitPath(std::string_view node)
     return path;
 }
 
-// A decimal number, with or without the line end that some callers send along.
+// A decimal number, with or without the line end that some callers append.
 bool ParseNumber(std::string_view text, uint32_t &number)
 {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
@@ -134,7 +135,7 @@ VsStatus DescribeNics(Reader &reader, Folder &folder)
     return status;
 }
 
-// STATUS_NOT_FOUND when the path is no folder.
+// STATUS_NOT_FOUND when the path is not a folder.
 VsStatus Describe(Reader &reader, const Path &path, Folder &folder)
 {
     if (path.empty()) {
@@ -181,7 +182,7 @@ unsigned GetLeaf(Reader &reader, ShellCommand &command)
     return command.Finish(STATUS_NOT_FOUND);
 }
 
-// A leaf's value, or those of all leaves of a folder, each behind its name.
+// The value of a leaf, or the values of all leaves of a folder, each after its name.
 unsigned Get(Reader &reader, ShellCommand &command)
 {
     Folder folder;
@@ -247,7 +248,7 @@ unsigned SetNicMtu(Engine &engine, ShellCommand &command)
         nic.mtu = mtu;
         return PutRecord(transaction, key, nic);
     });
-    return status == STATUS_BAD_PARAM ? command.Fail("the NIC doesn't take this MTU; see its maxMtu node")
+    return status == STATUS_BAD_PARAM ? command.Fail("the NIC doesn't accept this MTU; see its maxMtu node")
                                       : command.Finish(status);
 }
 
@@ -276,7 +277,7 @@ unsigned Run(Engine &engine, Faults &faults, const std::vector<std::string> &arg
     if (command.verb == "ls") return List(engine, command);
     if (command.verb == "get") return Get(engine, command);
     if (command.verb == "set") return Set(engine, command);
-    return command.Fail("no such verb; there are get, set and ls");
+    return command.Fail("no such verb; use get, set or ls");
 }
 
 unsigned RunGuarded(HostUse &host, const std::vector<std::string> &arguments, ShellCommand &command)
@@ -309,7 +310,7 @@ unsigned RunShell(const std::vector<std::string> &arguments, std::string &out, s
 {
     HostUse host;
     if (!host) {
-        err = "tybel: this process is on no host; start it with `vshost run -- COMMAND`\n";
+        err = "tybel: this process is not on a host; start it with `vshost run -- COMMAND`\n";
         return FAILED;
     }
     const std::string operation = ShellOperation(arguments), text = JoinWords(arguments);

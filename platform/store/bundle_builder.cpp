@@ -1,4 +1,3 @@
-// Building a property bundle with the allocation functions that its owner gave.
 #include "platform/store/bundle_builder.h"
 
 #include <algorithm>
@@ -7,7 +6,7 @@
 
 namespace vshost {
 namespace {
-constexpr size_t FIRST_CAPACITY = 1024; // the initial properties of a port fit
+constexpr size_t FIRST_CAPACITY = 1024; // enough for the initial properties of a port
 }
 
 VsStatus BundleBuilder::Make(Allocate allocate, Release release, BundleBuilder **made)

@@ -1,4 +1,4 @@
-// A property bundle under construction, in memory of its owner's own kind.
+// A property bundle under construction, in memory from its owner's allocation functions.
 #pragma once
 
 #include "platform/host/bundle.h"
@@ -14,7 +14,7 @@ public:
     static VsStatus Make(Allocate allocate, Release release, BundleBuilder **made);
     void Destroy();
 
-    // A failure shows when the bundle is serialized.
+    // Serialize() returns the first failure of Add().
     void Add(const BundleEntry &entry);
     void Fail(VsStatus status) { failure = status; }
     VsStatus Serialize(void **buffer, uint32_t *length) const;

@@ -1,4 +1,4 @@
-// The cache: handles interned by name, and memories of what the engine said, each with a stamp.
+// The cache: handles interned by name, and results of the engine, each with a stamp.
 #include "platform/store/cache.h"
 
 #include <algorithm>
@@ -17,8 +17,8 @@ namespace {
 constexpr size_t KEPT_VALUES = 16;
 constexpr std::string_view TOKEN_KEY = "configuration";
 
-// When a memory was made: on which host, and at which change of it. While a change is in flight the
-// count is odd, and nothing read then is remembered.
+// When a result was read: from which host, and at which value of its change counter. The counter is odd while
+// a change is in flight; nothing that is read then is kept.
 struct Stamp {
     uint64_t serial = 0;
     uint64_t change = 1;
@@ -29,7 +29,7 @@ struct Stamp {
 
 Stamp Now(const HostUse &host) { return {host.Serial(), host.GetControl()->Changes().load()}; }
 
-// Hashing of keys without making strings of them.
+// Hashes keys without making strings of them.
 struct TextHash {
     using is_transparent = void;
     size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
@@ -38,7 +38,7 @@ template<typename Value> using TextMap = std::unordered_map<std::string, Value, 
 
 }
 
-// A property in the cache. Values that it had lately stay readable: another thread may have got one.
+// A property in the cache. Its recent values stay readable, because another thread may be reading one.
 struct PropHandle {
     Stamp stamp;
     std::unique_ptr<std::string> value;
@@ -65,8 +65,8 @@ struct AliasMemory {
 
 using SwitchWalk = std::vector<SwitchHandle *>;
 
-// All of it under `mutex`, but for what handles point to: that stays as it is until a reset. The mutex is
-// only taken while a HostUse lives, since fork waits for those alone.
+// `mutex` guards all of it, except what handles point to, which doesn't change until a reset. A thread locks
+// the mutex only while it has a HostUse: fork waits for every HostUse, not for the mutex.
 struct Cache {
     std::mutex mutex;
     bool loaded = false;
@@ -78,14 +78,14 @@ struct Cache {
     Stamp walkStamp;
 };
 
-// Never destroyed: other threads may still look things up while the process exits.
+// Never destroyed: other threads may still use it while the process exits.
 Cache &TheCache()
 {
     static auto *const cache = new Cache;
     return *cache;
 }
 
-// Reads with `read` and says how long the result may be trusted.
+// Reads with `read`, and sets the stamp with which the result may be kept.
 template<typename Read> VsStatus ReadStamped(const HostUse &host, Stamp &stamp, Read read)
 {
     const Stamp before = Now(host);
@@ -96,7 +96,7 @@ template<typename Read> VsStatus ReadStamped(const HostUse &host, Stamp &stamp, 
 
 bool IsFresh(const Stamp &stamp, const HostUse &host) { return stamp.IsStable() && stamp == Now(host); }
 
-// The interned object of a key, made at first.
+// The interned object of a key, made if it is missing.
 template<typename Object> Object *Intern(TextMap<std::unique_ptr<Object>> &map, std::string_view key)
 {
     const auto found = map.find(key);
@@ -113,7 +113,7 @@ SwitchHandle *InternSwitch(Cache &cache, std::string_view id, std::string_view c
     return handle;
 }
 
-// Runs `body` on the cache; `nothing` results when it is not loaded or there is no host.
+// Runs `body` on the cache; the result is `nothing` when the cache is not loaded or there is no host.
 template<typename Result, typename Body> Result OnCache(const HostUse &host, Result nothing, Body body)
 {
     Cache &cache = TheCache();
@@ -141,7 +141,7 @@ SwitchHandle *FindByAlias(Cache &cache, const HostUse &host, std::string_view al
     return handle;
 }
 
-// What is absent is not remembered: names nobody has could be without end.
+// Absent properties are not kept: the number of names that do not exist has no limit.
 VsStatus Lookup(Cache &cache, const HostUse &host, const StoreCall &call, PropHandle **handle)
 {
     const std::string key =
@@ -185,7 +185,7 @@ bool IsToken(std::string_view buffer)
     return CheckBundle(buffer) && FindEntry(buffer, TOKEN_KEY, entry);
 }
 
-// The status of an operation that tests can fail and record as `call`.
+// Runs an operation that tests can fail and record as `call`.
 template<typename Body> VsStatus Intercept(const HostUse &host, const StoreCall &call, Body body)
 {
     const CallDetails details = call.Details();
@@ -193,8 +193,8 @@ template<typename Body> VsStatus Intercept(const HostUse &host, const StoreCall 
     return intercepted.Fails() ? intercepted.Outcome() : intercepted.Return(Guard(body));
 }
 
-// A call that needs no host and cannot fail. It holds the host all the same: a fork must not come while it
-// holds the cache.
+// A call that needs no host and cannot fail. It holds the host all the same, so that no fork happens while it
+// uses the cache.
 class RecordedCall {
 public:
     explicit RecordedCall(const StoreCall &call)

@@ -1,5 +1,5 @@
-// The in-process cache of the configuration, behind the DVSState_ entry points. Nothing is read when it
-// is loaded: what is looked up is read then, and trusted until the change counter moves.
+// The in-process cache of the configuration, behind the DVSState_ entry points. Loading it reads nothing:
+// each look-up reads what it needs, and the cache keeps it until the change counter moves.
 #pragma once
 
 #include "platform/store/store.h"

@@ -1,4 +1,4 @@
-// The C entry points of liborkPublic.so: each names itself and its arguments, and goes to the core.
+// The C entry points of liborkPublic.so: each passes its own name and its arguments to the core.
 #include "platform/store/bundle_builder.h"
 #include "platform/store/cache.h"
 #include "platform/store/store.h"

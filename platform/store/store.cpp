@@ -45,7 +45,7 @@ PropertyOwner OwnerOf(const StoreCall &call)
     return {call.level, call.switchId, call.level == StoredLevel::PORT ? call.portId : ""};
 }
 
-// A copy that DVSZOR_DataFree takes back.
+// Hands out a copy that DVSZOR_DataFree releases.
 VsStatus Lend(std::string_view bytes, void **value, uint32_t *length)
 {
     void *copy = malloc(bytes.empty() ? 1 : bytes.size());

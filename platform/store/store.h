@@ -31,7 +31,7 @@ VsStatus SwitchAdd(const StoreCall &call, const char *className, uint32_t ports,
 VsStatus SwitchRemove(const StoreCall &call);
 VsStatus SwitchAssociate(const StoreCall &call, bool associated);
 
-// Values that getters handed out and DataFree has not got back.
+// How many values getters have handed out and DataFree has not yet released.
 int64_t ValuesLent();
 void DataFree(const StoreCall &call, void *value);
 

@@ -41,7 +41,7 @@ void Describe(const NamedNic &nic, Port &port)
     port.nicAdminUp = nic.nic.adminUp;
 }
 
-// The ports with their numbers alone.
+// The ports with their ids and numbers only.
 int ReadPorts(Engine &engine, const char *switchId, std::vector<Port> &ports)
 {
     bool fits = true;
@@ -57,7 +57,7 @@ int ReadPorts(Engine &engine, const char *switchId, std::vector<Port> &ports)
     return fits ? ErrnoOf(status) : EOVERFLOW;
 }
 
-// What a switch's uplink ports are, and what they are bound to.
+// Marks the uplink ports of a switch, and fills in the NICs bound to them.
 int MarkUplinks(Engine &engine, const char *switchId, std::vector<Port> &ports)
 {
     std::vector<std::string> portIds;
@@ -82,7 +82,7 @@ bool IsValid(const Port &port)
            (!hasNic || !port.nicMade || (port.nicMtu >= MIN_MTU && port.nicMtu <= MAX_MTU));
 }
 
-// In one transaction. A port that has gone is ENOENT, a NIC that has gone is ENODEV.
+// ENOENT when the port is gone, ENODEV when the NIC is gone.
 int Restore(Transaction &transaction, const char *switchId, const Port &wanted)
 {
     const VsStatus status = RestorePortNumber(transaction, {switchId, wanted.id}, wanted.number);

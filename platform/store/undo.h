@@ -1,4 +1,4 @@
-// What undoing a change takes: the functions of vshost.h that liborkPublic.so exports, see there.
+// Undoing a change: the functions of vshost.h that liborkPublic.so exports, which are documented there.
 #pragma once
 
 #include <vshost.h>

@@ -12,7 +12,7 @@ namespace {
 
 using CallNames = std::vector<std::string_view>;
 
-// They are recorded, but return no status.
+// Operations that are recorded but return no status.
 const CallNames NEVER_FAIL = {"DVSZOR_DataFree", "DVS_ClassName",  "DVS_SwitchId",
                               "DVSData_Data",    "DVSData_Update", "DVSData_Free"};
 

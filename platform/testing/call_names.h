@@ -1,4 +1,4 @@
-// The names of the calls that a test can make fail.
+// The names of the calls that a test can fail.
 #pragma once
 
 #include <vshost.h>
@@ -9,7 +9,7 @@
 namespace vshost {
 
 bool IsCallName(vshost_kind kind, std::string_view name);
-// What is wrong with a name that is not one, and which name is meant.
+// What is wrong with a name that is not a call's, with the name that was probably meant.
 std::string ExplainCallName(vshost_kind kind, std::string_view name);
 
 }
