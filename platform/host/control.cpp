@@ -35,16 +35,6 @@ static_assert(sizeof(ControlBlock) == Control::MAPPED_SIZE && std::atomic<uint64
 
 namespace {
 
-// The kernel's name for this run of the machine, from its start on.
-std::string ReadBootId()
-{
-    char id[BOOT_SIZE] = {};
-    const int file = open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC);
-    const ssize_t length = read(file, id, sizeof(id) - 1);
-    if (file >= 0) close(file);
-    return length > 0 ? id : "";
-}
-
 // Blocks are allocated now: a full disk must show here, not as SIGBUS in a process that maps the file.
 int Initialize(int fd, const std::string &boot)
 {
@@ -62,7 +52,7 @@ int Initialize(int fd, const std::string &boot)
 // ends with the machine's: whatever a disk has kept of it from before the machine's start is cleared.
 int PrepareLocked(int fd)
 {
-    const std::string boot = ReadBootId();
+    const std::string boot = BootId();
     std::string block(sizeof(ControlBlock), '\0');
     uint64_t magic = 0;
     const ssize_t length = pread(fd, block.data(), block.size(), 0);

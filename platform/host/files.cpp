@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 
 namespace vshost {
 
@@ -15,6 +16,13 @@ int OpenKeptFile(const std::string &path, int flags)
     const int kept = fcntl(file, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     close(file);
     return kept;
+}
+
+std::string BootId()
+{
+    std::string id;
+    std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
+    return id;
 }
 
 bool LockFile(int fd, int operation)

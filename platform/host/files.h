@@ -1,4 +1,4 @@
-// Files of a host: opened so that they can stay open, and locked.
+// Files of a host: opened so that they can stay open, and locked. The machine's id that some of them hold.
 #pragma once
 
 #include <unistd.h>
@@ -23,6 +23,9 @@ struct FileDescriptor {
 // Opens a file that stays open, with close-on-exec. Its number is never that of a standard stream, which the
 // program may have closed: the program's output would go into the file.
 int OpenKeptFile(const std::string &path, int flags);
+
+// The kernel's id of the machine's current start; empty when it cannot be read.
+std::string BootId();
 
 // flock(), again after a signal.
 bool LockFile(int fd, int operation);

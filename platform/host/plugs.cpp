@@ -1,7 +1,5 @@
 #include "platform/host/plugs.h"
 
-#include <fstream>
-
 #include "platform/host/runtime.h"
 
 namespace vshost {
@@ -42,13 +40,6 @@ VsStatus RemoveTransientPlugs(Transaction &transaction)
         Plug plug;
         return DecodeRecord(row, plug) && !plug.IsKept();
     });
-}
-
-std::string BootId()
-{
-    std::string id;
-    std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
-    return id;
 }
 
 }

@@ -33,7 +33,4 @@ VsStatus RemovePlug(Transaction &transaction, std::string_view interface);
 // Removes the plugs that are not kept.
 VsStatus RemoveTransientPlugs(Transaction &transaction);
 
-// The kernel's id of the machine's current start.
-std::string BootId();
-
 }

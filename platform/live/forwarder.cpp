@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/host/files.h"
 #include "platform/live/daemon.h"
 #include "platform/live/filter.h"
 
