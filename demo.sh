@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the release and shows the main job on an embedded host: everything below really happens,
-# on a host in a directory of its own, each step in a process of its own.
+# Builds the release and shows the main operations on an embedded host. Every step really runs, in its own
+# process, on a host in a temporary directory.
 set -euo pipefail
 cd "$(dirname "$0")"
 . cmake/install_packages.sh

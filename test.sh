@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test. Needs a Debian 12 machine and nothing else.
+# Installs missing packages, builds, and runs every test. Needs only a Debian 12 machine.
 #
 #   ./test.sh                  the ordinary run: release and sanitizer builds, fuzz targets for a minute
 #   ./test.sh --coverage       lines and branches of the library that the tests run
-#   ./test.sh --mutation       wakes each mutant of the library (a quarter of an hour)
-#   ./test.sh --fuzz SECONDS   each fuzz target for so long
-#   ./test.sh --crash ROUNDS   kills a writer so often
-#   ./test.sh --model SEEDS    random walks beside the model, so many of each kind
+#   ./test.sh --mutation       activates each mutant of the library (a quarter of an hour)
+#   ./test.sh --fuzz SECONDS   each fuzz target for this long
+#   ./test.sh --crash ROUNDS   kills a writer this many times
+#   ./test.sh --model SEEDS    random walks beside the model, this many of each kind
 #   ./test.sh --threads        the whole suite under the thread sanitizer
 #   ./test.sh --cross          builds for aarch64 in a fresh root and runs the library's tests under qemu (as root)
-#   ./test.sh --packages       Debian packages into a fresh root, twice the same bytes (as root)
+#   ./test.sh --packages       Debian packages into a fresh root, identical bytes from two builds (as root)
 set -euo pipefail
 cd "$(dirname "$0")"
 . cmake/install_packages.sh

@@ -1,14 +1,14 @@
 #define _GNU_SOURCE /* strnlen */
 #include "by_hand.h"
 
-#include "core/store.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+#include "core/store.h"
 
 static VsStatus Resolve(const char *alias, char *switchId)
 {

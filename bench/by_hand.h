@@ -1,7 +1,6 @@
-/* What a C programmer would write without the library: the same null tests, the same zeroed record, the same
- * platform calls. The names and arguments are the library's own, behind "Hand_". */
-#ifndef BENCH_BY_HAND_H
-#define BENCH_BY_HAND_H
+/* The calls as a C programmer would write them without the library: the same null tests, the same zeroed
+ * record, the same platform calls. Names and arguments are the library's, with the prefix "Hand_". */
+#pragma once
 
 #include "vswitchctl.h"
 
@@ -24,5 +23,4 @@ VsStatus Hand_VSZOR_GetUplinks(const char *portsetName, void **uplinks);
 
 #ifdef __cplusplus
 }
-#endif
 #endif

@@ -5,7 +5,7 @@ usage: cost.py OPERATIONS            prints every operation, and the ratios to w
        cost.py --update OPERATIONS   writes the counts to instructions.txt
        cost.py --check OPERATIONS    fails when an operation costs more than instructions.txt allows
 
-OPERATIONS is the program that calls them. Its null platform's own instructions don't count."""
+OPERATIONS is the program that calls them. The instructions of its null platform do not count."""
 import os
 import re
 import subprocess
@@ -16,10 +16,10 @@ from collections import defaultdict
 FOLDER = os.path.dirname(os.path.abspath(__file__))
 COUNTS = os.path.join(FOLDER, "instructions.txt")
 HEADER = os.path.join(FOLDER, "..", "include", "vswitchctl.h")
-GROWTH = 1.05  # of the counts that are checked in
+GROWTH = 1.05  # of the recorded counts
 RATIO = 1.10   # to the same call written by hand
 
-# The string functions of every x86-64 machine, so that each one counts the same.
+# The string functions that every x86-64 machine has, so that the counts agree.
 BASELINE = "glibc.cpu.hwcaps=" + ",".join(
     f"-{feature}" for feature in ("AVX2", "AVX512F", "AVX512VL", "AVX512BW", "ERMS", "FSRM", "BMI1", "BMI2",
                                   "LZCNT", "MOVBE", "RTM", "SSE4_1", "SSE4_2", "SSSE3", "AVX_Fast_Unaligned_Load"))
@@ -140,9 +140,9 @@ def main():
              for name in rows if "Hand_" + name in costs}
     if mode == "--check":
         found = list(complaints(rows, pairs))
-        print("\n".join(found) or f"{len(rows)} calls cost what they may")
+        print("\n".join(found) or f"{len(rows)} calls cost no more than allowed")
         if found:
-            print(f"Where that is meant: {os.path.relpath(__file__)} --update {os.path.relpath(sys.argv[-1])}")
+            print(f"To accept the new counts: {os.path.relpath(__file__)} --update {os.path.relpath(sys.argv[-1])}")
         return 1 if found else 0
     if mode == "--update":
         with open(COUNTS, "w", encoding="utf-8") as file:

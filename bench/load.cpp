@@ -1,5 +1,5 @@
-// How long the dynamic linker takes to bring the library in, beside a shared object with nothing in it.
-// What the library needs is there already: libc, and a platform whose calls do nothing.
+// The time that the dynamic linker takes to load the library, beside an empty shared object. The library's
+// dependencies are loaded already: libc, and a platform whose calls do nothing.
 #include <benchmark/benchmark.h>
 #include <cstdio>
 #include <cstdlib>

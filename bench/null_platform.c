@@ -1,14 +1,14 @@
 #define _GNU_SOURCE /* fmemopen */
 #include "null_platform.h"
 
-#include "core/store.h"
-
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/types.h>
 #include <valgrind/callgrind.h>
+
+#include "core/store.h"
 
 enum { MAX_ANSWERS = 64, VALUE_SIZE = 4 * 1024 * 1024, LARGEST_HEADER = 28, COUNT_OFFSET_OF_LARGEST = 20 };
 
@@ -26,7 +26,7 @@ static char shellOutput[256];
 static uint64_t trace;
 static char handle;
 
-/* What the platform does is not the library's cost, nor is what libc does for the platform. */
+/* The platform's work does not count as the library's cost, nor does libc's work for the platform. */
 #define BEGIN_UNCOUNTED CALLGRIND_TOGGLE_COLLECT
 #define END_UNCOUNTED CALLGRIND_TOGGLE_COLLECT
 

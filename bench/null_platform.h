@@ -1,8 +1,7 @@
-/* A platform whose calls do nothing: the store knows the answers that it was given, the driver says how many
- * entries a list has, the shell prints one text. It folds what it is asked to do into one number, so that two
- * ways to make the same calls can be told to be the same. */
-#ifndef BENCH_NULL_PLATFORM_H
-#define BENCH_NULL_PLATFORM_H
+/* A platform whose calls do nothing: the store gives prepared answers, the driver gives the count of a list,
+ * the shell prints one text. A trace number, made from all calls and their arguments, tells whether two
+ * programs make the same calls. */
+#pragma once
 
 #include <stdint.h>
 
@@ -18,13 +17,12 @@ void NullPlatform_Answer(const char *key, const void *data, uint32_t length);
 void NullPlatform_SetListCount(uint32_t count);
 void NullPlatform_SetShellOutput(const char *text);
 
-/* Undoes what callers did to the answers, and begins a new trace. */
+/* Restores the answers that callers changed, and begins a new trace. */
 void NullPlatform_Reset(void);
 
-/* What was asked since the reset. */
+/* The trace since the reset. */
 uint64_t NullPlatform_Trace(void);
 
 #ifdef __cplusplus
 }
-#endif
 #endif

@@ -1,4 +1,4 @@
-/* The least that a program does with a host: it starts, reads one value and ends. */
+/* The smallest program on a host: it starts, reads one value and ends. */
 #include "vswitchctl.h"
 
 int main(int count, char **arguments)

@@ -1,10 +1,5 @@
-// Calls every operation once over the null platform, and beside it what was written by hand, so that
+// Calls every operation once over the null platform, and its peer written by hand, so that
 // callgrind can count the instructions of each call: one dump a call, named after the operation.
-#include "by_hand.h"
-#include "core/property.h"
-#include "null_platform.h"
-#include "vswitchctl.h"
-
 #include <alloca.h>
 #include <cstdio>
 #include <cstdlib>
@@ -14,9 +9,14 @@
 #include <valgrind/callgrind.h>
 #include <vector>
 
+#include "by_hand.h"
+#include "core/property.h"
+#include "null_platform.h"
+#include "vswitchctl.h"
+
 namespace {
 
-// libc takes another way through texts that lie at the end of a page.
+// libc handles texts at the end of a page in another way.
 alignas(64) constexpr char ALIAS[] = "lab";
 alignas(64) constexpr char ID[] = "73 77 69 74 63 68 2d 30-30 30 30 30 30 30 30 00";
 alignas(64) constexpr char PORT[] = "port0";
@@ -258,7 +258,7 @@ void AnswerStore()
     NullPlatform_SetShellOutput("1500\n");
 }
 
-// The same before each call, whatever the last one left behind.
+// Restores the same state before each call.
 void Prepare(uint32_t size)
 {
     storedMirrors = MirrorList("session", size);
@@ -279,7 +279,7 @@ void Prepare(uint32_t size)
     NullPlatform_Reset();
 }
 
-// The first call is to warm up, the second one counts. Gives what the platform was asked to do.
+// The first call warms up, the second one counts. Returns the platform's trace.
 uint64_t Measure(const char *dump, uint32_t size, void (*call)())
 {
     for (int round = 0; round < 2; round++) {
@@ -304,7 +304,7 @@ int main()
     constexpr size_t PAGE = 4096;
     *static_cast<volatile char *>(
         alloca(reinterpret_cast<uintptr_t>(__builtin_frame_address(0)) % PAGE + 1)) = 0;
-    // Every large list is mapped anew, so that none costs more for what was freed before it.
+    // Every large list is mapped anew, so that memory freed earlier does not change its cost.
     mallopt(M_MMAP_THRESHOLD, 128 * 1024);
     AnswerStore();
     bool failed = false;
@@ -316,7 +316,7 @@ int main()
         if (!row.byHand) continue;
         const std::string handName = std::string("Hand_").append(name);
         if (Measure(handName.c_str(), row.size, row.byHand) != trace) {
-            fprintf(stderr, "%s: written by hand, it asks other things of the platform\n", name.c_str());
+            fprintf(stderr, "%s: the peer written by hand makes other calls to the platform\n", name.c_str());
             failed = true;
         }
     }

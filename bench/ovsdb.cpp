@@ -15,7 +15,7 @@ namespace {
     exit(1);
 }
 
-// The ids that the server gave to inserted rows, in the order of the inserts.
+// The ids of inserted rows, in the order of the inserts.
 std::vector<std::string> InsertedIds(const std::string &answer)
 {
     constexpr char MARK[] = "\"uuid\":[\"uuid\",\"";
@@ -43,7 +43,7 @@ const std::string &Ovsdb::Transact(const std::string &operations)
     Send("{\"id\":0,\"method\":\"transact\",\"params\":[\"Open_vSwitch\"," + operations + "]}");
     do
         Receive();
-    while (answer.find("\"method\":\"echo\"") != std::string::npos); // the server asks whether we live
+    while (answer.find("\"method\":\"echo\"") != std::string::npos); // the server checks the connection
     if (answer.find("\"error\":\"") != std::string::npos) Give("refused", answer);
     return answer;
 }

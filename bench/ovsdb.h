@@ -12,8 +12,7 @@ public:
     Ovsdb &operator=(const Ovsdb &) = delete;
     ~Ovsdb();
 
-    // Runs the operations (JSON objects, joined by commas) as one transaction; ends the program when one
-    // fails.
+    // Runs the operations (JSON objects, joined by commas) as one transaction. A failure ends the program.
     const std::string &Transact(const std::string &operations);
 
 private:

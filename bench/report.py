@@ -4,8 +4,8 @@ import json
 import statistics
 import sys
 
-# What is measured, its peer, what the ratio is to be, and how the row is called. The ratio is the measured side's
-# time divided by the peer's, of the medians.
+# The measured side, its peer, the goal of the ratio, and the name of the row. The ratio divides the median of the
+# measured side by the median of the peer.
 ROWS = [
     ("write_disk/library", "write_disk/sqlite", "<= 1.1", "VLAN policy, on disk, beside SQLite FULL"),
     ("write_disk/library", "write_disk/ovsdb", "< 1", "VLAN policy, on disk, beside OVSDB durable"),

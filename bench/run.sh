@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 . cmake/install_packages.sh
 install_packages
 if [ ! -x /usr/sbin/ovsdb-server ]; then
-    # The peer. Its service stays off: the server that is measured is started below.
+    # The peer. Its service stays off; the measured server is started below.
     as_root=()
     [ "$(id -u)" -eq 0 ] || as_root=(sudo)
     echo "Installing openvswitch-switch"

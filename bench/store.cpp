@@ -1,14 +1,9 @@
-// The embedded store through the library, beside raw SQLite and an OVSDB server that do the like.
+// The embedded store through the library, beside raw SQLite and an OVSDB server with the same work.
 //
 //   VSWITCHCTL_BENCH_DIR   a directory on the disk to measure; the hosts and databases are made in it
 //   OVSDB_SOCKET           where an OVSDB server listens whose database lies on the same disk
 //
 // A benchmark is named row/side: the report divides one side of a row by the other.
-#include "core/store.h"
-#include "bench/ovsdb.h"
-#include "vshost.h"
-#include "vswitchctl.h"
-
 #include <algorithm>
 #include <benchmark/benchmark.h>
 #include <cstdio>
@@ -23,6 +18,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
+
+#include "bench/ovsdb.h"
+#include "core/store.h"
+#include "vshost.h"
+#include "vswitchctl.h"
 
 namespace {
 
@@ -121,7 +121,7 @@ public:
         while (sqlite3_step(all) == SQLITE_ROW)
             rows.push_back({Column(all, 0), Column(all, 1)});
         sqlite3_finalize(all);
-        Require(rows.size() == PORTS, "the raw table has not the rows of the host");
+        Require(rows.size() == PORTS, "the raw table does not have the rows of the host");
     }
     RawTable(const RawTable &) = delete;
     RawTable &operator=(const RawTable &) = delete;

@@ -1,4 +1,4 @@
-# Sourced by the scripts: installs what of the list, and of the arguments, is missing.
+# Sourced by the scripts: installs the packages of the list and of the arguments that are missing.
 install_packages() {
     local missing=() package
     for package in $(cat cmake/packages.txt) "$@"; do

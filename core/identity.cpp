@@ -2,11 +2,11 @@
 // All are read from the store's cache.
 #include "core/identity.h"
 
-#include "core/property.h"
-#include "core/text.h"
-
 #include <cstring>
 #include <string_view>
+
+#include "core/property.h"
+#include "core/text.h"
 
 namespace {
 

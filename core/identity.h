@@ -10,12 +10,12 @@ struct AliasSearchContext {
 
 int DVSFindAliasForPortsetNameCB(SwitchHandle *handle, void *context);
 
-// What DVSAliasToSwitchId does once its arguments are tested.
+// DVSAliasToSwitchId without the tests of its arguments.
 VsStatus ResolveSwitchId(const char *alias, char *switchId);
 // The same for a switch that is named by its id.
 VsStatus CopySwitchId(const char *dvsId, char *switchId);
 
-// Takes the alias when useAlias is nonzero, else the id as it stands; the store is not asked for it.
+// Takes the alias when useAlias is nonzero, else the id unchanged, without asking the store.
 inline VsStatus VSDVSResolveDVSId(const char *alias, const char *dvsId, char *switchId, uint8_t useAlias)
 {
     if (useAlias) return alias ? ResolveSwitchId(alias, switchId) : STATUS_BAD_PARAM;

@@ -1,7 +1,7 @@
-// Start-up, the two ways to give memory back, and the hooks.
-#include "core/store.h"
-
+// Start-up, the two ways to release memory, and the hooks.
 #include <cstdlib>
+
+#include "core/store.h"
 
 [[gnu::constructor]] void LibraryInit(void)
 {

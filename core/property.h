@@ -1,4 +1,4 @@
-// Every stored property, a row each, and the one way to read, write and clear them.
+// Every stored property as a row of one table, and the only way to read, write and clear them.
 #pragma once
 
 #include "core/identity.h"
@@ -57,7 +57,7 @@ inline constexpr Property
 // clang-format on
 
 // A value in the store's own memory, until it is handed to the caller.
-// Empty again after a failed read: a getter that fails hands out nothing to release.
+// Empty after a failed read, because a getter that fails hands out nothing to release.
 struct StoreValue {
     StoreValue() = default;
     StoreValue(const StoreValue &) = delete;
@@ -75,14 +75,14 @@ struct StoreValue {
         return static_cast<Record *>(std::exchange(data, nullptr));
     }
 
-    // The caller has compared the length with the buffer's.
+    // The caller has compared both lengths.
     void CopyTo(void *buffer) const
     {
-        // An empty value may come without an address.
+        // An empty value may have no address.
         if (length > 0) memcpy(buffer, data, length);
     }
 
-    // Whether the value begins with the text; `size` says how much of the text counts.
+    // Whether the value begins with the first `size` bytes of the text.
     bool StartsWith(const char *text, uint32_t size) const
     {
         return length >= size && memcmp(data, text, size) == 0;
@@ -127,7 +127,7 @@ public:
         memcpy(record, value.data, sizeof(Record));
         return STATUS_OK;
     }
-    // A text that is no longer than the buffer, which is written on success only.
+    // A text that fits the buffer, which is written on success only.
     VsStatus GetAtMost(const Property &property, void *buffer, uint32_t capacity) const
     {
         StoreValue value;
@@ -167,7 +167,7 @@ private:
     const char *dvPortId = nullptr;
 };
 
-// Inline: where the property is a constant, nothing is left of these but one call of the store.
+// Inline: with a constant property, the compiler reduces these to one call of the store.
 inline VsStatus PropertyScope::Read(StoreLevel level, const char *key, StoreValue *value) const
 {
     VsStatus status = STATUS_FAILURE;
@@ -216,7 +216,7 @@ inline VsStatus PropertyScope::Remove(StoreLevel level, const char *key) const
     return DVSZOR_PortDataClear(switchId, dvPortId, key);
 }
 
-// An absent property is nothing left to clear.
+// Clearing an absent property succeeds.
 inline VsStatus OkIfAbsent(VsStatus status) { return status == STATUS_NOT_FOUND ? STATUS_OK : status; }
 
 // An absent property reads as its default.

@@ -1,9 +1,9 @@
 #include "core/shell.h"
 
-#include "core/text.h"
-
 #include <cstdlib>
 #include <cstring>
+
+#include "core/text.h"
 
 namespace {
 
@@ -11,13 +11,13 @@ constexpr char PLAIN[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz01
 
 bool IsPlain(const char *name) { return name[strspn(name, PLAIN)] == '\0'; }
 
-// Whether the name can be one step of a node's path and no option.
+// Whether the name can be one step of a node's path and is not an option.
 bool IsNodeName(const char *name)
 {
     return *name && *name != '-' && !strchr(name, '/') && strcmp(name, ".") != 0 && strcmp(name, "..") != 0;
 }
 
-// Single quotes keep every character but themselves from the shell; false when the word does not fit.
+// Single quotes protect every character but themselves from the shell. False when the word does not fit.
 bool Quote(const char *name, char *word, size_t size)
 {
     size_t length = 0;
@@ -42,7 +42,7 @@ ShellCommand::ShellCommand(const char *format, const char *name, int32_t number)
     const bool plain = IsPlain(name);
     if (!plain && !Quote(name, quoted, sizeof(quoted))) return;
     const int length = snprintf(text, sizeof(text), format, plain ? name : quoted, number);
-    // A plain command that is too long is cut; a cut quoted one would not be one word any more.
+    // A plain command that is too long is cut. A quoted command is not, because its word would lose its end.
     formed = length >= 0 && (plain || static_cast<size_t>(length) < sizeof(text));
 }
 

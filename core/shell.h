@@ -5,15 +5,15 @@
 
 #include <cstdio>
 
-// A command that names one object, ready to run, or not formed: then nothing may run.
+// A command that names one object. It is ready to run, or unformed and must not run.
 class ShellCommand {
 public:
-    // The format takes the name first, then the number if it has one. The shell sees the name as one plain
-    // word, whatever it holds; a name that could not stand in a node's path leaves the command unformed.
+    // The format takes the name first, then the number if it has one. The shell sees any name as one plain
+    // word; a name that cannot be a step of a node's path leaves the command unformed.
     ShellCommand(const char *format, const char *name, int32_t number = 0);
 
     bool Formed() const { return formed; }
-    // STATUS_FAILURE unless the command was run and exited with 0.
+    // STATUS_FAILURE unless the command ran and exited with 0.
     VsStatus Run() const;
 
 private:

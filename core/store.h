@@ -1,5 +1,5 @@
-// The platform's configuration store, as liborkPublic.so exports it. C as well as C++: what measures the
-// library against C takes it too.
+// The platform's configuration store, as liborkPublic.so exports it. Valid C as well as C++, because the
+// measurements include it from C.
 #pragma once
 
 #include "vswitchctl.h"
@@ -12,7 +12,7 @@ typedef struct DataBundle DataBundle;
 extern "C" {
 #endif
 
-// Getters hand out a buffer that goes back with DVSZOR_DataFree, and nothing when they fail.
+// Getters hand out a buffer to release with DVSZOR_DataFree, or nothing when they fail.
 VsStatus DVSZOR_GlobalPropGet(const char *switchId, const char *key, void **value, uint32_t *length);
 VsStatus DVSZOR_GlobalPropSet(const char *switchId, const char *key, const void *value, uint32_t length,
                               uint32_t flags);
@@ -35,10 +35,10 @@ VsStatus DVSZOR_SwitchRemove(const char *switchId);
 VsStatus DVSZOR_SwitchAssociate(const char *switchId);
 VsStatus DVSZOR_SwitchDissociate(const char *switchId);
 
-// The buffer of StateGet goes back with free.
+// Release the buffer of StateGet with free.
 VsStatus DVSZOR_StateGet(void **configuration, uint32_t *length);
 
-// The in-process cache. What it lends is never released and stays valid until a reset.
+// The in-process cache. Its values are never released and stay valid until a reset.
 VsStatus DVSState_ConfigReset(void);
 VsStatus DVSState_ConfigDeserialize(const void *configuration, uint32_t length);
 SwitchHandle *DVSState_SwitchFindByAlias(const char *alias);
@@ -50,7 +50,7 @@ const char *DVS_ClassName(SwitchHandle *handle);
 const char *DVS_SwitchId(SwitchHandle *handle);
 void DVSData_Data(PropHandle *property, void **data);
 
-// Property bundles; a serialized one comes from the bundle's allocation function.
+// Property bundles. The bundle's allocation function provides the serialized buffer.
 VsStatus DVSData_Alloc(DataBundle **bundle, void *(*allocate)(size_t), void (*release)(void *));
 void DVSData_Update(DataBundle *bundle, const char *key, const void *value, uint32_t length, uint32_t flags);
 VsStatus DVSData_Serialize(DataBundle *bundle, void **buffer, uint32_t *length, uint32_t kind);

@@ -5,11 +5,11 @@
 
 namespace text {
 
-// Copies at most size - 1 characters and always terminates; gives the source's whole length.
-// Ours, because the platform's libc has none.
+// Copies at most size - 1 characters, always terminates, and returns the source's whole length.
+// The platform's libc lacks this function.
 size_t strlcpy(char *destination, const char *source, size_t size);
 
-// Cuts as strlcpy does. The field is zero before, so that whatever is copied ends there.
+// Cuts as strlcpy does. The field must be zero before, so that the copied text is terminated.
 inline void CopyIntoZeros(char *field, const char *source, size_t size)
 {
     const size_t length = strlen(source);

@@ -1,7 +1,7 @@
 /*
- * One tour through the library, a verb at a time, so that each step can run in a process of its own:
+ * A tour through the library, one verb per run, so that each step can run in its own process:
  *   tour create | show | live | write LOG | check LOG | policies | link UPLINK up|down | destroy
- * On a real host only `live` would look different: it decodes the records of the embedded host's driver.
+ * On a real host, only `live` differs: it decodes the records of the embedded host's driver.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -136,7 +136,7 @@ static void Policies(void)
     MacTable();
 }
 
-/* Writes VLAN after VLAN to the ports in turn; a line in the log says that the library has said OK. */
+/* Writes VLAN after VLAN to the ports in turn; a line in the log stands for each STATUS_OK. */
 static void Write(const char *path)
 {
     FILE *log = fopen(path, "w");
@@ -151,7 +151,7 @@ static void Write(const char *path)
     }
 }
 
-/* Every acknowledged write must be there; one more may be, when death came between the two. */
+/* Every acknowledged write must be stored; one more may be, if the process died before it wrote the log. */
 static void Check(const char *path)
 {
     FILE *log = fopen(path, "r");

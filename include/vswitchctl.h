@@ -9,19 +9,19 @@
  * 1. **Status.** An operation returns a VsStatus, unless it has nothing to report: STATUS_OK, which is 0, or
  *    0x0BAD0000 plus a small number. The first step that fails decides. A code comes from the library itself,
  *    from the store, unchanged, or from the errno of a failed driver request, translated as the list of codes
- *    shows. A row `(store)` stands for each code that the store may answer. It may be one that the entry
- *    lists for another cause; where the store is the cause, the row `(store)` tells what has changed. A row
+ *    shows. A row `(store)` stands for each code that the store may answer. It may be a code that the entry
+ *    lists for another cause; if the store is the cause, the row `(store)` says what has changed. A row
  *    `(errno)` stands for the translation of the errno with which the device could not be opened or refused
  *    the request: a missing device is STATUS_NOT_FOUND; EINVAL and every errno that has no code of its own
  *    are STATUS_FAILURE; a request that fails with errno 0 counts as STATUS_OK.
  * 2. **Null pointers.** A pointer is required unless its entry says "may be null". A required pointer that is
- *    null gives STATUS_BAD_PARAM before anything is resolved, read, sent or written. Not tested, since they
- *    are passed on as they are: the arguments of DVPortExist(), VSDVS_FreeMemory() and VSZOR_FreeMemory(),
- *    the header of ZORIoctl(), and the data of the three generic setters (VSDVS_SetPortProp()). The `data` of
- *    a PropValueBuffer is tested last, where bytes would be copied to it.
+ *    null gives STATUS_BAD_PARAM before anything is resolved, read, sent or written. These are passed on
+ *    untested: the arguments of DVPortExist(), VSDVS_FreeMemory() and VSZOR_FreeMemory(), the header of
+ *    ZORIoctl(), and the data of the three generic setters (VSDVS_SetPortProp()). The `data` of a
+ *    PropValueBuffer is tested last, where bytes would be copied to it.
  * 3. **Outputs.** Outputs are written last and on STATUS_OK only, unless an entry says otherwise: "untouched"
  *    means as the caller left it, "null" that the pointer is set to null, "cleared" that all bytes are zero.
- *    A driver that fails a request may have written before to a buffer of the caller's that it fills.
+ *    A driver that fails a request may already have written to the caller's buffer.
  * 4. **Ownership.** What a caller passes in stays the caller's, and is copied before the call returns. A
  *    buffer handed out through a pointer belongs to the caller: release one from a VSDVS_ operation with
  *    VSDVS_FreeMemory() and one from a VSZOR_ operation with VSZOR_FreeMemory(). The two are not
@@ -42,13 +42,13 @@
  * 8. **Counts and sizes.** Lengths have 32 bits. Three are computed modulo 2^32: the private VLAN map (8 *
  *    count), the logical-switch teaming table (4 + 2748 * count) and the driver's lists. The library reads
  *    and writes nothing beyond the length that results, but a caller must keep its own counts low enough that
- *    the size fits, and must not read by a `count` whose size does not. Any other size that does not fit is
- *    STATUS_NO_MEMORY. A list that a caller passes in must hold as many entries as its counts say: the
+ *    the size fits, and must not rely on a `count` whose size does not fit. Any other size that does not fit
+ *    is STATUS_NO_MEMORY. A list that a caller passes in must hold as many entries as its counts say: the
  *    library can't see where the caller's memory ends.
  * 9. **Driver lists.** A list of the driver takes two requests: one for its header, one for header and
  *    entries. An empty list takes one, and still yields a buffer to release. The second answer is handed on
- *    as it is and its count not compared with the first: when a list grows in between, the driver writes no
- *    more than the buffer holds, and is relied on to report no more entries than it wrote.
+ *    as it is and its count not compared with the first: when a list grows in between, the driver must write
+ *    no more than the buffer holds, and report no more entries than it wrote.
  * 10. **Absent properties.** Each entry says what an absent property means: a default and STATUS_OK, or
  *     STATUS_NOT_FOUND. Clearing an absent property is STATUS_OK for mirror lists, the VLAN policy, the extra
  *     Ethernet filter, the teaming policies, the teaming override, logical-switch teaming and the uplink
@@ -57,20 +57,20 @@
  * 11. **Names in shell commands.** Switches are created and destroyed, and MTUs read and set, by commands of
  *     the system shell. A name made only of ASCII letters, digits and `. _ - : @ + = , %` goes into a command
  *     as it is; any other is put in single quotes, inner quotes escaped, so that the shell sees one plain
- *     word. STATUS_FAILURE, with nothing run, answers a name that is empty, "." or "..", that begins with "-"
- *     or holds "/", and a quoted command longer than 255 characters. A plain command is cut to 255
+ *     word. A name that is empty, "." or "..", that begins with "-" or contains "/", and a quoted command
+ *     longer than 255 characters give STATUS_FAILURE, and no command runs. A plain command is cut to 255
  *     characters.
  * 12. **Threads.** Every operation may be called from any thread at any time: the library starts none, takes
- *     no lock and shares nothing between calls; how far the store bears several threads is the store's
- *     affair. Operations that read, change and write back, or that take several steps, are not atomic:
- *     callers serialize changes to one switch, and to one port. They are creation and destruction, the uplink
- *     operations, VSDVS_AppendDVMirrorSessions(), VSDVS_RemoveDVMirrorSession(), VSDVS_SetPortVLANPolicy(),
- *     VSDVS_ClearPortVLANPolicy(), VSDVS_ConfigureSinkPort(), VSDVS_SetPortMACLearning() and VSDVS_SetMTU().
- *     LibraryInit() is for a moment when nothing else runs.
+ *     no lock and shares nothing between calls; the store decides how far it supports several threads.
+ *     Operations that read, change and write back, or that take several steps, are not atomic: callers
+ *     serialize changes to one switch, and to one port. These operations are creation and destruction, the
+ *     uplink operations, VSDVS_AppendDVMirrorSessions(), VSDVS_RemoveDVMirrorSession(),
+ *     VSDVS_SetPortVLANPolicy(), VSDVS_ClearPortVLANPolicy(), VSDVS_ConfigureSinkPort(),
+ *     VSDVS_SetPortMACLearning() and VSDVS_SetMTU(). Call LibraryInit() only while no other operation runs.
  * 13. **State.** The library keeps nothing between calls: no descriptor, no buffer, no setting. It reads no
- *     file and no environment, and prints nothing. A driver request is one open, one ioctl, one close. What
- *     it knows of aliases and portset names is the store's cache in the process, which LibraryInit() fills
- *     when the library is loaded; whether the cache follows later changes is the store's affair.
+ *     file and no environment, and prints nothing. A driver request is one open, one ioctl, one close.
+ *     Aliases and portset names come from the store's cache in the process, which LibraryInit() fills when
+ *     the library is loaded; the store decides whether the cache follows later changes.
  */
 #ifndef VSWITCHCTL_H
 #define VSWITCHCTL_H
@@ -168,7 +168,7 @@ typedef uint32_t VsStatus;
  *
  * Reports nothing. When the store can't empty the cache, the cache stays as the store left it, with what it
  * held before; when the store can't yield the configuration, the cache stays empty and every alias is
- * STATUS_NOT_FOUND. Reloading ends the life of what other threads may be reading from the cache: call it
+ * STATUS_NOT_FOUND. Reloading invalidates data that other threads may be reading from the cache: call it only
  * while no other operation runs.
  */
 VSWITCHCTL_API void LibraryInit(void);
@@ -191,8 +191,8 @@ VSWITCHCTL_API void VSZOR_FreeMemory(void *buffer);
 
 #ifndef VSWITCHCTL_NO_HOOKS
 /**
- * Does nothing with any arguments; exported for the programs that expect it. A program that has a function of
- * this name itself defines VSWITCHCTL_NO_HOOKS before it includes this header.
+ * Does nothing with any arguments; exported for the programs that expect it. A program with its own function
+ * of this name defines VSWITCHCTL_NO_HOOKS before it includes this header.
  *
  * @param[in]  format  not read; may be null. No further argument is read either.
  */
@@ -277,7 +277,7 @@ VSWITCHCTL_API VsStatus VSDVS_GetAliasFromPortset(const char *portsetName, char 
  * @param[in]  switchId  id of the switch, at most 63 characters
  * @param[in]  dvPortId  id of the port
  * @retval 1  the switch has the port
- * @retval 0  it has not, or there is no such switch
+ * @retval 0  the switch does not have the port, or does not exist
  */
 VSWITCHCTL_API uint8_t DVPortExist(const char *switchId, const char *dvPortId);
 
@@ -306,7 +306,8 @@ typedef struct VSWITCHCTL_PACKED PropValueBuffer {
  * @retval STATUS_OK         the size is in `value->length`, or the value in `value->data`
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the port or the property is absent
  * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, the switch named
- * by alias is not of class "vswitch", or `data` is null and the value, which is not empty, was to be copied
+ *                           by alias is not of class "vswitch", or `data` is null and the value, which is not
+ *                           empty, was to be copied
  * @retval STATUS_NO_MEMORY  `length` is negative, or smaller than the value
  * @retval (store)           any other status of the store (convention 1)
  *
@@ -334,7 +335,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetPortProp(const char *alias, const char *dvPortI
  * @retval STATUS_OK         the size is in `value->length`, or the value in `value->data`
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch or the property is absent
  * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, the switch named
- * by alias is not of class "vswitch", or `data` is null and the value, which is not empty, was to be copied
+ *                           by alias is not of class "vswitch", or `data` is null and the value, which is not
+ *                           empty, was to be copied
  * @retval STATUS_NO_MEMORY  `length` is negative, or smaller than the value
  * @retval (store)           any other status of the store (convention 1)
  */
@@ -353,7 +355,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetHostProp(const char *alias, const char *key, Pr
  * @retval STATUS_OK         the size is in `value->length`, or the value in `value->data`
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch or the property is absent
  * @retval STATUS_BAD_PARAM  a required pointer is null, dvsId has more than 63 characters, the switch named
- * by alias is not of class "vswitch", or `data` is null and the value, which is not empty, was to be copied
+ *                           by alias is not of class "vswitch", or `data` is null and the value, which is not
+ *                           empty, was to be copied
  * @retval STATUS_NO_MEMORY  `length` is negative, or smaller than the value
  * @retval (store)           any other status of the store (convention 1)
  */
@@ -474,11 +477,11 @@ VSWITCHCTL_API VsStatus VSDVS_ClearGlobProp(const char *alias, const char *key, 
 /**
  * Creates a switch: its portset in the kernel, its record and identity in the store, its association with
  * this host, then its uplink ports (as SetNumSwitchUplinkPortsByUUID() does) and its ordinary ports "port0",
- * "port1" and so on. When a step fails, the earlier ones are undone, last first, and the undoing's own
- * results are ignored.
+ * "port1" and so on. When a step fails, the earlier steps are undone, last first, and the results of the undo
+ * are ignored.
  *
- * The portset is made, and unmade, with these commands (convention 11), in which `PORTSET` is its kernel name
- * and `PORTS` its number of ports, followed by a line feed inside the double quotes:
+ * These commands create and destroy the portset (convention 11). `PORTSET` is its kernel name, and `PORTS`
+ * its number of ports, followed by a line feed inside the double quotes:
  *
  *     /bin/tybel -e set /net/create PORTSET "PORTS\n" vswitch 2>/dev/null
  *     /bin/tybel -e set /net/portsets/PORTSET/destroy destroy 2> /dev/null
@@ -492,7 +495,7 @@ VSWITCHCTL_API VsStatus VSDVS_ClearGlobProp(const char *alias, const char *key, 
  * @param[in]  switchId     id for the new switch, at most 63 characters, not checked; may be null: the id is
  *                          then the first 15 characters of the alias and zero bytes, 16 in all, written as
  *                          hexadecimal pairs ("6c 61 62 00 00 00 00 00-00 00 00 00 00 00 00 00" for "lab"),
- *                          so that aliases which agree in 15 characters get the same id
+ *                          so that aliases with the same first 15 characters get the same id
  * @param[in]  portsetName  kernel name for the new switch; may be null: the alias is taken
  * @param[in]  version      version of the switch, as the store keeps it
  * @param[in]  opaque       Boolean: whether the switch is opaque
@@ -501,8 +504,8 @@ VSWITCHCTL_API VsStatus VSDVS_ClearGlobProp(const char *alias, const char *key, 
  * @param[in]  numPorts     number of ordinary ports; 0 creates none
  * @retval STATUS_OK         the switch runs and is stored
  * @retval STATUS_BAD_PARAM  a required pointer is null
- * @retval STATUS_FAILURE    the create command failed, or the portset name can't stand in the create or the
- *                           destroy command; nothing was stored
+ * @retval STATUS_FAILURE    the create command failed, or the portset name cannot be used in the create or
+ *                           the destroy command; nothing was stored
  * @retval STATUS_NO_MEMORY  the uplink lists could not be allocated or are too large (convention 8); all
  *                           steps are undone
  * @retval (store)           any status of the store (convention 1); all steps are undone
@@ -520,7 +523,7 @@ VSWITCHCTL_API VsStatus VSDVS_CreateVSwitch(const char *alias, const char *switc
 /**
  * Destroys a switch: ends its association with this host, removes its record and all its ports from the
  * store, then destroys its portset. Stops at the first failure and undoes nothing. A switch whose portset
- * name can't stand in the command is left whole. The command is (convention 11)
+ * name cannot be used in the command is not changed. The command is (convention 11)
  *
  *     /bin/tybel -e set /net/portsets/PORTSET/destroy destroy 2> /dev/null
  *
@@ -528,9 +531,9 @@ VSWITCHCTL_API VsStatus VSDVS_CreateVSwitch(const char *alias, const char *switc
  * @retval STATUS_OK         the switch is gone
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
- * @retval STATUS_FAILURE    the portset name can't stand in the destroy command: nothing has changed. Or the
- *                           command failed: the store no longer has the switch. Or the store answered so:
- *                           see (store).
+ * @retval STATUS_FAILURE    the portset name cannot be used in the destroy command: nothing has changed. Or
+ *                           the command failed: the store no longer has the switch. Or the store returned
+ *                           this status: see (store).
  * @retval (store)           any other status of the store (convention 1): when the association could not be
  *                           ended, nothing has changed; when the record could not be removed, the switch is
  *                           stored without its association, and its portset keeps running
@@ -554,8 +557,8 @@ VSWITCHCTL_API VsStatus VSDVS_DestroyVSwitch(const char *alias);
  * @retval STATUS_OK         the port exists
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
- * @retval (store)           any other status of the store (convention 1), for a port id that exists too; no
- *                           port was added
+ * @retval (store)           any other status of the store (convention 1), which includes its status for a
+ *                           port id that exists already; no port was added
  */
 VSWITCHCTL_API VsStatus VSDVS_AddDVPort(const char *alias, const char *dvPortId, uint32_t connectId);
 
@@ -669,13 +672,13 @@ VSWITCHCTL_API VsStatus SetNumSwitchUplinkPortsByUUID(const char *switchId, uint
 /**
  * Creates the uplink ports of a switch and stores its uplink lists: the names for the whole switch
  * (`com.talpex.common.uplinkPorts`) and the port ids for this host (`com.talpex.common.host.uplinkPorts`),
- * both with flags 0x10. Ports that the switch has already are left alone, and lists that it has are replaced.
+ * both with flags 0x10. Existing ports are not changed; existing lists are replaced.
  *
  * Each port gets connect id 1, its id as its alias, and a trunk of VLANs 1 to 4094; for the rest see
  * VSDVS_AddDVPort(). The lists are stored as they are: equal counts, a NUL in each field, and names equal to
- * the port ids are the caller's duty, or VSDVS_GetSwitchUplinkPorts() will fail. When a step fails, the ports
- * created by this call are removed, last first; when the second list can't be stored, the first one is
- * cleared.
+ * the port ids are the caller's responsibility; without them, VSDVS_GetSwitchUplinkPorts() fails. When a step
+ * fails, the ports created by this call are removed, last first; when the second list can't be stored, the
+ * first one is cleared.
  *
  * @param[in]  alias  name of the switch
  * @param[in]  names  4 + 81 * `names->count` bytes (convention 8)
@@ -727,9 +730,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetSwitchUplinkPorts(const char *alias, UplinkName
 
 /**
  * Adds one uplink to a switch: creates the port and appends it to both uplink lists. On a switch without
- * lists, both begin with this uplink. Uplink lists that can't be read because something is absent, be it a
- * list or a listed port, count as empty and are replaced: repair them first with VSDVS_SetSwitchUplinkPorts()
- * if they are to be kept.
+ * lists, both begin with this uplink. Uplink lists that can't be read because a list or a listed port is
+ * absent count as empty and are replaced: to keep them, repair them first with VSDVS_SetSwitchUplinkPorts().
  *
  * When a list can't be stored, the port is removed again, and the names are written back as they were (as an
  * empty list when they counted as empty).
@@ -759,8 +761,8 @@ VSWITCHCTL_API VsStatus VSDVS_AddSwitchUplinkPort(const char *alias, const char 
  * @param[in]  dvPortId  id of the uplink's port
  * @retval STATUS_OK         the uplink is removed, or it was not listed and nothing has changed
  * @retval STATUS_NOT_FOUND  no switch has this alias, a list is absent, or a listed port, this port or its
- *                           alias is: nothing has changed. Or another program cleared a list meanwhile that
- *                           this call was to clear: the port is removed already; see (store).
+ *                           alias is: nothing has changed. Or another program has cleared a list that this
+ *                           call was to clear: the port is removed already; see (store).
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
  * @retval STATUS_FAILURE    the stored lists are malformed (see VSDVS_GetSwitchUplinkPorts()); nothing has
  *                           changed
@@ -772,11 +774,11 @@ VSWITCHCTL_API VsStatus VSDVS_AddSwitchUplinkPort(const char *alias, const char 
 VSWITCHCTL_API VsStatus VSDVS_RemoveSwitchUplinkPort(const char *alias, const char *dvPortId);
 
 /**
- * Forgets both uplink lists of a switch. The uplink ports themselves stay on the switch. What the store says
- * to the two removals is ignored.
+ * Removes both uplink lists of a switch. The uplink ports themselves stay on the switch. The store's status
+ * for each of the two removals is ignored.
  *
  * @param[in]  alias  name of the switch
- * @retval STATUS_OK         the lists are forgotten, as far as the store allows it
+ * @retval STATUS_OK         the lists are removed, as far as the store allows it
  * @retval STATUS_NOT_FOUND  no switch has this alias
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
  */
@@ -813,8 +815,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetMcastFilterMode(const char *alias, uint32_t *mo
  * @param[in]  mode   MCAST_FILTER_LEGACY (0) or MCAST_FILTER_SNOOPING (1)
  * @retval STATUS_OK         the mode is stored
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such switch
- * @retval STATUS_BAD_PARAM  alias is null, the mode is another (tested before the alias is looked up), or the
- *                           switch is not of class "vswitch"
+ * @retval STATUS_BAD_PARAM  alias is null, the mode is neither 0 nor 1 (tested before the alias is looked
+ *                           up), or the switch is not of class "vswitch"
  * @retval (store)           any other status of the store (convention 1)
  */
 VSWITCHCTL_API VsStatus VSDVS_SetMcastFilterMode(const char *alias, int32_t mode);
@@ -915,8 +917,8 @@ VSWITCHCTL_API VsStatus VSDVS_AppendDVMirrorSessions(const char *alias, const ch
 
 /**
  * Removes the first mirror session with an id, and its port entries, from the list of a port or of this
- * host's uplinks. `firstPortEntry` of each session behind it is lowered by as many entries, to 0 at the
- * lowest. With the last session the property itself is removed.
+ * host's uplinks. `firstPortEntry` of each session behind it is lowered by as many entries, but not below 0.
+ * With the last session the property itself is removed.
  *
  * The sessions' port entries must follow the order of the sessions. Port entries that no session owns stay,
  * and a session without port entries may point anywhere.
@@ -925,7 +927,7 @@ VSWITCHCTL_API VsStatus VSDVS_AppendDVMirrorSessions(const char *alias, const ch
  * @param[in]  dvPortId   id of the port; may be null or empty, for the list of this host's uplinks
  * @param[in]  sessionId  id of the session, compared over at most 32 bytes
  * @retval STATUS_OK         the session is removed
- * @retval STATUS_NOT_FOUND  no switch has this alias, the place has no list, or the list no such session
+ * @retval STATUS_NOT_FOUND  no switch has this alias, the place has no list, or the list has no such session
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
  * @retval STATUS_FAILURE    the stored list is shorter than its header or its counts require, or, where other
  *                           sessions remain, sessions' port entries leave the list, overlap or are out of
@@ -1035,14 +1037,14 @@ VSWITCHCTL_API VsStatus VSDVS_GetPortVLANPolicy(const char *alias, const char *d
  * @param[in]  priority    priority, 0 included; VLAN_PRIORITY_NONE for none
  * @param[in]  trunk       Boolean: sets VLAN_FLAG_TRUNK. A trunk without ranges gets the range 0 to 4094.
  * @param[in]  optionFlag  Boolean: sets VLAN_FLAG_OPTION
- * @param[in]  ranges      `rangeCount` VLANRange of 4 bytes, stored in this order, also for a port that is no
- *                         trunk; may be null when rangeCount is 0
+ * @param[in]  ranges      `rangeCount` VLANRange of 4 bytes, stored in this order, also for a port that is
+ *                         not a trunk; may be null when rangeCount is 0
  * @param[in]  rangeCount  number of ranges
  * @retval STATUS_OK         policy and priority are stored
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the store has no such port
  * @retval STATUS_BAD_PARAM  a required pointer is null, or the switch is not of class "vswitch"
- * @retval STATUS_NO_MEMORY  the record could not be allocated: nothing has changed. Or the store answered so:
- *                           see (store).
+ * @retval STATUS_NO_MEMORY  the record could not be allocated: nothing has changed. Or the store returned
+ *                           this status: see (store).
  * @retval (store)           any other status of the store (convention 1). When the policy could not be
  *                           written, nothing has changed; when the priority could not, the new policy is
  *                           stored, and its flags and the stored priority may disagree.
@@ -1125,8 +1127,8 @@ typedef struct VSWITCHCTL_PACKED ExtraEthFilterRecord {
 VSWITCHCTL_API VsStatus VSDVS_GetPortSecurity(const char *alias, const char *dvPortId, uint32_t *flags);
 
 /**
- * Stores the security flags of a port (`com.talpex.vswitch.port.security`, 4 bytes, flags 0x10). Bit 1 is
- * looked at by the next VSDVS_SetPortMACLearning(). VSDVS_ClearPortProp() removes them.
+ * Stores the security flags of a port (`com.talpex.vswitch.port.security`, 4 bytes, flags 0x10). The next
+ * VSDVS_SetPortMACLearning() reads bit 1. VSDVS_ClearPortProp() removes them.
  *
  * @param[in]  alias     name of the switch
  * @param[in]  dvPortId  id of the port
@@ -1197,9 +1199,9 @@ VSWITCHCTL_API VsStatus VSDVS_ClearExtraEthFilter(const char *alias, const char 
 VSWITCHCTL_API VsStatus VSDVS_IsSinkPortEnabled(const char *alias, const char *dvPortId, uint8_t *enabled);
 
 /**
- * Makes a port a sink port or an ordinary one, by SINK_PORT_BIT in its extra Ethernet filter; the rest of the
- * filter stays. A port without a filter gets one of zeros, also when it is disabled; a bit that is right
- * already is not written again.
+ * Makes a port a sink port or an ordinary one, by setting or clearing SINK_PORT_BIT in its extra Ethernet
+ * filter; the rest of the filter stays the same. A port without a filter gets a filter of zeros, even when
+ * `enable` is 0. A bit that already has the wanted value is not written again.
  *
  * @param[in]  alias     name of the switch
  * @param[in]  dvPortId  id of the port
@@ -1536,8 +1538,8 @@ typedef struct VSWITCHCTL_PACKED LSTeamingPolicyTable {
  *
  * @param[in]  switchId  id of the switch, at most 63 characters
  * @param[out] table     the stored value, the caller's: release with VSDVS_FreeMemory(). Its length is not
- *                       compared with its count: what others than VSDVS_SetLSTeamingPolicy() wrote may hold
- *                       fewer entries. Untouched on failure.
+ *                       compared with its count: a value that VSDVS_SetLSTeamingPolicy() did not write may
+ *                       hold fewer entries. Untouched on failure.
  * @retval STATUS_OK         the table is handed out
  * @retval STATUS_NOT_FOUND  the store has no such switch, or the switch has no table
  * @retval STATUS_BAD_PARAM  a required pointer is null
@@ -1552,7 +1554,7 @@ VSWITCHCTL_API VsStatus VSDVS_GetLSTeamingPolicyTableFromDVSID(const char *switc
  *
  * @param[in]  alias  name of the switch
  * @param[out] table  the stored value, the caller's: release with VSDVS_FreeMemory(). Its length is not
- *                    compared with its count: what others than VSDVS_SetLSTeamingPolicy() wrote may hold
+ *                    compared with its count: a value that VSDVS_SetLSTeamingPolicy() did not write may hold
  *                    fewer entries. Untouched on failure.
  * @retval STATUS_OK         the table is handed out
  * @retval STATUS_NOT_FOUND  no switch has this alias, or the switch has no table
@@ -1666,8 +1668,8 @@ VSWITCHCTL_API VsStatus VSDVS_GetMTU(const char *alias, int32_t *mtu);
  * slashes at the end of an entry. Blank lines are skipped.
  *
  * When a step fails, the uplinks set before it are set back, last first, and the portset too if it was set;
- * all to the MTU that the portset had, whatever an uplink had of its own. What these commands say is ignored,
- * and so is a failure to store `com.talpex.etherswitch.mtu`.
+ * all to the MTU that the portset had, even if an uplink had a different MTU. The results of these commands
+ * are ignored, and so is a failure to store `com.talpex.etherswitch.mtu`.
  *
  * @param[in]  alias  name of the switch
  * @param[in]  mtu    MTU in bytes, MTU_MIN (1280) to MTU_MAX (9000)
@@ -1676,10 +1678,10 @@ VSWITCHCTL_API VsStatus VSDVS_GetMTU(const char *alias, int32_t *mtu);
  * @retval STATUS_BAD_PARAM  alias is null, the MTU is out of range (tested before the alias is looked up), or
  *                           the switch is not of class "vswitch"
  * @retval STATUS_FAILURE    the old MTU could not be read, the uplinks not listed, an entry of the listing
- *                           has more than 31 characters, or a command failed or could not be formed; what was
- *                           set is set back, but for the uplink whose command failed
+ *                           has more than 31 characters, or a command failed or could not be formed; the
+ *                           changes are undone, except at the uplink whose command failed
  * @retval (store)           any status of the store when it writes `com.talpex.vswitch.mtu` (convention 1);
- *                           what was set is set back
+ *                           the changes are undone
  */
 VSWITCHCTL_API VsStatus VSDVS_SetMTU(const char *alias, int32_t mtu);
 
@@ -1704,7 +1706,7 @@ typedef struct VSWITCHCTL_PACKED ZorListHeader {
 
 /**
  * Sends one request to a device: opens it for reading and writing, issues one ioctl, closes it again. The
- * VSZOR_ operations are made of it; call it for commands that have none.
+ * VSZOR_ operations use it; call it for commands that have no operation.
  *
  * @param[in]  path     path of the device, such as ZOR_DEVICE
  * @param[in]  request  command number, sign-extended to the width of the request argument of ioctl
@@ -1736,7 +1738,7 @@ VSWITCHCTL_API VsStatus ZORIoctl(const char *path, int32_t request, ZorRequestHe
  * @retval STATUS_OK         the list is complete; `count` may be 0
  * @retval STATUS_BAD_PARAM  `switches` is null; nothing was sent
  * @retval STATUS_FAILURE    no count came back from the first request: the device is missing or the driver
- *                           refused, with whatever errno. Or see (errno).
+ *                           refused, with any errno. Or see (errno).
  * @retval STATUS_NO_MEMORY  the list could not be allocated, or the driver answered ENOMEM
  * @retval (errno)           the second request failed (convention 1)
  *
@@ -1970,8 +1972,8 @@ VSWITCHCTL_API VsStatus VSZOR_ClearPortMACTable(const char *alias, const char *d
 VSWITCHCTL_API VsStatus VSZOR_GetTeamMACTable(const char *alias, int32_t selector, void **table);
 
 /**
- * Reads the MAC learning statistics of a port. Takes the port id first and the alias second, unlike all
- * others. Driver command 4119 (0x1017).
+ * Reads the MAC learning statistics of a port. Takes the port id first and the alias second, unlike all other
+ * operations. Driver command 4119 (0x1017).
  *
  * @param[in]  dvPortId  id of the port; cut to 47 characters
  * @param[in]  alias     name of the switch
@@ -2059,8 +2061,8 @@ VSWITCHCTL_API VsStatus VSZOR_GetMcastFilterMode(const char *portsetName, uint32
  *                          or 3. The caller's: release with VSZOR_FreeMemory(). Untouched when a test, the
  *                          first request or the kind fails, null after any later failure.
  * @retval STATUS_OK         the list is complete; `count` may be 0
- * @retval STATUS_BAD_PARAM  a required pointer is null, nothing was sent; or the kind is another, which is
- *                           found after the first request succeeded
+ * @retval STATUS_BAD_PARAM  a required pointer is null, and nothing was sent; or the kind is not 0, 2 or 3,
+ *                           which is tested after the first request succeeded
  * @retval STATUS_NO_MEMORY  the list could not be allocated, or the driver answered ENOMEM
  * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
  * @retval (errno)           the driver could not be reached or refused (convention 1)
@@ -2080,7 +2082,7 @@ VSWITCHCTL_API VsStatus VSZOR_GetMcastFilters(const char *portsetName, uint32_t 
  *                          caller's: release with VSZOR_FreeMemory(). Untouched when a test or the first
  *                          request fails, null after any later failure.
  * @retval STATUS_OK         statistics and sources are complete; `count` may be 0
- * @retval STATUS_BAD_PARAM  a required pointer is null, or the kind is another; nothing was sent
+ * @retval STATUS_BAD_PARAM  a required pointer is null, or the kind is neither 2 nor 3; nothing was sent
  * @retval STATUS_NO_MEMORY  the buffer could not be allocated, or the driver answered ENOMEM
  * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own
  * @retval (errno)           the driver could not be reached or refused (convention 1)
@@ -2184,8 +2186,8 @@ VSWITCHCTL_API VsStatus VSZOR_GetServicePortTeamingStats(const char *portsetName
 /**
  * Reads run-time options of the driver. Driver command 4099 (0x1003).
  *
- * @param[in]  ids      idCount option ids of 16 bits; may be null, which asks for no particular options, as
- *                      an idCount of 0 does
+ * @param[in]  ids      idCount option ids of 16 bits; may be null, which asks for no particular options, like
+ *                      an idCount of 0
  * @param[in]  idCount  number of ids
  * @param[out] options  RUNTIME_OPTIONS_SIZE (4096) bytes. The caller's: release with VSZOR_FreeMemory().
  *                      Untouched when it is null, null after any later failure.
@@ -2209,7 +2211,7 @@ VSWITCHCTL_API VsStatus VSZOR_GetRuntimeOptions(const uint16_t *ids, uint16_t id
  * Sets run-time options of the driver. Driver command 8193 (0x2001).
  *
  * @param[in]  record  its first 32 bits are its total length in bytes, which the driver reads: it must be
- *                     true (convention 8). The rest is the driver's.
+ *                     correct (convention 8). The rest is the driver's.
  * @retval STATUS_OK         the driver took the options
  * @retval STATUS_BAD_PARAM  `record` is null; nothing was sent
  * @retval STATUS_FAILURE    the driver answered EINVAL, or an errno that has no code of its own

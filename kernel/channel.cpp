@@ -1,7 +1,5 @@
 #include "kernel/channel.h"
 
-#include "core/status.h"
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -9,12 +7,14 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "core/status.h"
+
 VsStatus ZORIoctl(const char *path, int32_t request, ZorRequestHeader *header)
 {
     if (!path) return STATUS_BAD_PARAM;
     const int device = open(path, O_RDWR);
     if (device < 0) return ErrnoToStatus(errno);
-    // The number goes on sign-extended, as the kernel's drivers see it.
+    // The number is passed on sign-extended, as the kernel's drivers see it.
     const int result = ioctl(device, static_cast<unsigned long>(request), header);
     close(device);
     return result < 0 ? ErrnoToStatus(errno) : STATUS_OK;
@@ -26,7 +26,7 @@ VsStatus Request::ResolvePort(const char *alias, const char *dvPortId)
 {
     static_assert(SWITCH_ID_SIZE <= sizeof(input.name));
     if (VsStatus status = DVSAliasToSwitchId(alias, input.name)) return status;
-    // What follows the id's end is not part of it.
+    // The bytes after the id's NUL are not part of it.
     const size_t length = strlen(input.name);
     memset(input.name + length, 0, SWITCH_ID_SIZE - length);
     text::CopyIntoZeros(input.dvPortId, dvPortId, sizeof(input.dvPortId));
@@ -65,7 +65,7 @@ VsStatus Request::FetchList(int32_t command, const ListShape &shape, const void 
     uint32_t count = 0;
     memcpy(&count, static_cast<const uint8_t *>(firstHeader) + shape.countOffset, sizeof(count));
     *list = nullptr;
-    // The length wraps as the driver's own does; no more than it is read or written.
+    // The length wraps as the driver's own does; the library reads and writes no more than that.
     const uint32_t size = count * shape.entrySize + shape.headerSize;
     void *buffer = calloc(1, size);
     if (!buffer) return STATUS_NO_MEMORY;

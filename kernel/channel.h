@@ -1,4 +1,4 @@
-// Requests to the kernel's switch driver: one record, and the four ways in which they are made.
+// Requests to the kernel's switch driver: one record, and four ways to send it.
 #pragma once
 
 #include "core/text.h"
@@ -6,7 +6,7 @@
 
 #include <cstddef>
 
-// How the entries of a list command lie behind its header.
+// The layout of a list command's entries behind its header.
 struct ListShape {
     uint32_t headerSize;
     uint32_t entrySize;
@@ -66,11 +66,11 @@ static_assert(sizeof(ZorRequestInput) == 212 && offsetof(ZorRequestInput, dvPort
 static_assert(sizeof(UplinkArgs) == 36 && sizeof(MirrorArgs) == 36 && sizeof(MulticastArgs) == 36 &&
               sizeof(MacEntryArgs) == 36 && sizeof(MacLearningArgs) == 36);
 
-// A request to the switch driver. Its input is the common record, zero but for what a command sets.
+// A request to the switch driver. Its input is the common record, zero except for the fields of the command.
 class Request {
 public:
     Request() : Request(&input, sizeof(input)) {}
-    // A command whose input is not the common record.
+    // For a command whose input is not the common record.
     Request(const void *ownInput, uint32_t length)
         : header{length, 0, reinterpret_cast<uint64_t>(ownInput), 0}
     {}
@@ -93,13 +93,13 @@ public:
 
     // Asks for a record of a fixed size.
     VsStatus Query(int32_t command, void *output, uint32_t length);
-    // Asks for a record of a fixed size in a buffer of the library's, which is the caller's on success.
+    // Asks for a record of a fixed size in a new buffer, which belongs to the caller on success.
     VsStatus QueryBuffer(int32_t command, uint32_t length, void **output);
-    // Asks for nothing: changes the driver's state.
+    // Changes the driver's state, without an answer.
     VsStatus Change(int32_t command) { return Query(command, nullptr, 0); }
-    // Asks for a list, first for its length. Null after any failure but that of the first request.
+    // Asks for a list, first for its length. Null after any failure except that of the first request.
     VsStatus QueryList(int32_t command, const ListShape &shape, void **list);
-    // The second half of QueryList, for the header that the first request has brought.
+    // The second half of QueryList, with the header from the first request.
     VsStatus FetchList(int32_t command, const ListShape &shape, const void *firstHeader, void **list);
 
     ZorRequestInput input = {};

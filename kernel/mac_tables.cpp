@@ -1,7 +1,7 @@
 // MAC tables of ports and teams, and MAC learning as the driver runs it.
-#include "kernel/channel.h"
-
 #include <cstring>
+
+#include "kernel/channel.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ constexpr int32_t SET_GLOBAL_MAC_LEARNING_PROPS = 8197;
 
 static_assert(sizeof(ZorMacTableEntry) == 18 && sizeof(ZorMacLearningProps) == 9);
 constexpr ListShape MAC_TABLE = {LIST_HEADER_SIZE, sizeof(ZorMacTableEntry)};
-// A read selects by the byte that stands here in an entry.
+// A read selects by the byte at this place of an entry.
 constexpr size_t SELECTOR_OFFSET = 6;
 
 VsStatus ChangeMACTable(int32_t command, const char *alias, const char *dvPortId,

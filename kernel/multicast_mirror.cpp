@@ -1,7 +1,7 @@
 // Multicast filtering and mirroring as the driver runs them.
-#include "kernel/channel.h"
-
 #include <cstring>
+
+#include "kernel/channel.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ static_assert(sizeof(ZorMcastStatsHeader) == 28 && offsetof(ZorMcastStatsHeader,
 constexpr ListShape SESSION_ID_LIST = {LIST_HEADER_SIZE, sizeof(MirrorArgs::sessionId)};
 constexpr ListShape DESTINATION_LIST = {LIST_HEADER_SIZE, sizeof(uint32_t)};
 
-// Bytes of an address; 0 for a kind that there is not.
+// Bytes of an address; 0 for an unknown kind.
 uint32_t AddressSize(int32_t kind)
 {
     switch (kind) {
@@ -56,7 +56,7 @@ VsStatus VSZOR_GetMcastFilterMode(const char *portsetName, uint32_t *mode)
     return request.Query(GET_MCAST_FILTER_MODE, mode, sizeof(*mode));
 }
 
-// The driver judges the kind first: the library looks at it only once the first request has succeeded.
+// The driver sees the kind first: the library tests it only after the first request has succeeded.
 VsStatus VSZOR_GetMcastFilters(const char *portsetName, uint32_t selector, int32_t kind, void **filters)
 {
     if (!portsetName || !filters) return STATUS_BAD_PARAM;

@@ -1,8 +1,8 @@
 // Running switches and their uplinks, LAGs and links.
-#include "kernel/channel.h"
-
 #include <cstdlib>
 #include <cstring>
+
+#include "kernel/channel.h"
 
 namespace {
 
@@ -37,7 +37,7 @@ VsStatus GetLinkState(int32_t command, const char *portsetName, const char *upli
 
 }
 
-// The driver answers even when its first status says otherwise: only a count left as it was is a failure.
+// The driver may answer although its first status is a failure: only an unchanged count is a failure.
 VsStatus VSZOR_GetSwitches(uint32_t kind, void **switches)
 {
     if (!switches) return STATUS_BAD_PARAM;

@@ -1,7 +1,7 @@
 // Teaming statistics, the driver's runtime options, and the pass-through to the RTM device.
-#include "kernel/channel.h"
-
 #include <cstring>
+
+#include "kernel/channel.h"
 
 namespace {
 
@@ -44,7 +44,7 @@ VsStatus VSZOR_GetServicePortTeamingStats(const char *portsetName, void *stats)
     return GetStatistics(GET_SERVICE_PORT_TEAMING_STATS, portsetName, stats, SERVICE_PORT_TEAMING_STATS_SIZE);
 }
 
-// Without ids there is no input at all, and the driver gives every option.
+// Without ids there is no input, and the driver answers with every option.
 VsStatus VSZOR_GetRuntimeOptions(const uint16_t *ids, uint16_t idCount, void **options)
 {
     if (!options) return STATUS_BAD_PARAM;

@@ -1,11 +1,11 @@
-// Distributed ports: known to the store by an id text, to the kernel's driver by a number.
+// Distributed ports: the store knows them by an id, the kernel's driver by a number.
 #include "lifecycle/port.h"
-
-#include "core/property.h"
-#include "core/vlan_record.h"
 
 #include <cstdlib>
 #include <cstring>
+
+#include "core/property.h"
+#include "core/vlan_record.h"
 
 namespace {
 

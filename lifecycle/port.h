@@ -4,5 +4,5 @@
 
 inline constexpr uint32_t DEFAULT_CONNECT_ID = 1;
 
-// The one place where ports come into being: with all their first properties at once.
+// The only place that creates ports: with all their initial properties at once.
 VsStatus AddDVPortByUUID(const char *switchId, const char *dvPortId, uint32_t connectId, bool uplink);

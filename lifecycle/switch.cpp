@@ -1,10 +1,10 @@
-// Switches: a portset that runs in the kernel and a record in the store, made and taken apart together.
+// Switches: a portset in the kernel and a record in the store, created and destroyed together.
+#include <cstdio>
+#include <cstring>
+
 #include "core/property.h"
 #include "core/shell.h"
 #include "lifecycle/port.h"
-
-#include <cstdio>
-#include <cstring>
 
 namespace {
 
@@ -28,7 +28,7 @@ void GenerateSwitchId(const char *alias, char *switchId)
     switchId[3 * BYTES - 1] = '\0';
 }
 
-// A switch on its way into the store, after its portset was made.
+// A switch that is being stored, after its portset was created.
 struct NewSwitch {
     const char *alias;
     const char *switchId;
@@ -59,7 +59,7 @@ struct NewSwitch {
         return STATUS_OK;
     }
 
-    // Ports and uplink lists go with the switch's record.
+    // Removing the switch's record also removes its ports and uplink lists.
     VsStatus Fill(uint32_t numUplinks, uint32_t numPorts) const
     {
         if (VsStatus status = Identify()) return status;

@@ -1,18 +1,18 @@
-// Uplinks: ports that also stand in two lists, the switch's list of names and this host's list of port ids.
-#include "core/property.h"
-#include "core/text.h"
-#include "lifecycle/port.h"
-
+// Uplinks: ports that are also in two lists, the switch's list of names and this host's list of port ids.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "core/property.h"
+#include "core/text.h"
+#include "lifecycle/port.h"
 
 namespace {
 
 static_assert(sizeof(UplinkName) == 81 && sizeof(UplinkNameList) == 4);
 static_assert(sizeof(UplinkPortId) == 48 && sizeof(UplinkPortIdList) == 4);
 
-// Both lists are a count and that many fields of one width, text up to a NUL or to the field's end.
+// Both lists hold a count and that many fields of one width, each a text that ends at a NUL or fills it.
 template<typename List, typename Field> struct UplinkList {
     static constexpr uint32_t MAX_COUNT = (UINT32_MAX - sizeof(List)) / sizeof(Field);
 
@@ -26,7 +26,7 @@ template<typename List, typename Field> struct UplinkList {
         return value.length >= sizeof(List) && value.length == Size(value.As<List>()->count);
     }
 
-    // Null when memory is short or the list would not fit the store's 32-bit lengths.
+    // Null when memory is short or the list does not fit the store's 32-bit lengths.
     static List *Allocate(uint32_t count)
     {
         if (count > MAX_COUNT) return nullptr;
@@ -74,7 +74,7 @@ template<typename List, typename Field> struct UplinkList {
 using NameList = UplinkList<UplinkNameList, UplinkName>;
 using IdList = UplinkList<UplinkPortIdList, UplinkPortId>;
 
-// A list in memory of the library's own.
+// A list in the library's own memory.
 template<typename List> struct OwnedList {
     explicit OwnedList(List *list) : list(list) {}
     OwnedList(const OwnedList &) = delete;
@@ -115,7 +115,7 @@ const UplinkPortId *FindId(const UplinkPortIdList *ids, const char *dvPortId)
     return nullptr;
 }
 
-// A port id that is safe to pass on, although the list's field may lack its NUL.
+// A port id that is safe to pass on even if the list's field lacks its NUL.
 struct PortIdText {
     explicit PortIdText(const UplinkPortId &field)
     {
@@ -184,7 +184,7 @@ VsStatus AlignNames(const PropertyScope &scope, UplinkNameList *names, const Upl
     return STATUS_OK;
 }
 
-// The two lists as they are stored, then with each name at its port's place.
+// Both lists as they are stored, then with each name in the place of its port.
 struct StoredLists {
     VsStatus ReadNames(const PropertyScope &scope) { return scope.Get(SWITCH_UPLINK_NAMES, &names); }
 
@@ -235,7 +235,7 @@ VsStatus StoreShorterLists(const PropertyScope &scope, const UplinkNameList *nam
     return IdList::StoreOrClear(scope, HOST_UPLINK_IDS, ids);
 }
 
-// A port whose alias or id is in no list is left alone.
+// A port whose alias or id is not in the lists stays unchanged.
 VsStatus RemoveUplink(const PropertyScope &scope, const char *dvPortId, const StoredLists &lists)
 {
     StoreValue alias;
@@ -293,7 +293,7 @@ VsStatus VSDVS_AddSwitchUplinkPort(const char *alias, const char *name)
     if (!alias || !name) return STATUS_BAD_PARAM;
     PropertyScope scope;
     if (VsStatus status = scope.Resolve(alias)) return status;
-    // A longer name would stand cut in the lists, where its port could not be found again.
+    // The lists would cut a longer name, and its port could not be found again.
     if (strlen(name) >= DV_PORT_ID_SIZE) return STATUS_BAD_PARAM;
     StoredLists lists;
     const VsStatus status = lists.Read(scope);

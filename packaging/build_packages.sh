@@ -5,7 +5,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build/package}
 export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$root" log -1 --format=%ct)}
 umask 022
-# No path of this machine gets into a file: the same commit gives the same bytes in any folder.
+# Files contain no path of the build machine: the same commit gives the same bytes in any folder.
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON \
     -DCMAKE_BUILD_RPATH_USE_ORIGIN=ON -DCMAKE_C_FLAGS="-ffile-prefix-map=$root=." \

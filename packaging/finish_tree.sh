@@ -1,6 +1,6 @@
 #!/bin/sh
-# finish_tree.sh TREE PACKAGE VERSION: what Debian wants of a staged tree: copyright, changelog, compressed
-# manual pages; and one date on every file, so that the same commit gives the same bytes.
+# finish_tree.sh TREE PACKAGE VERSION: adds Debian's files to a staged tree: copyright, changelog, compressed
+# manual pages. It sets one date on every file, so that the same commit gives the same bytes.
 set -eu
 here=$(dirname "$0")
 doc=$1/usr/share/doc/$2

@@ -31,7 +31,7 @@ install_configured(vswitchctl-config.cmake.in ${package_dir}/vswitchctl-config.c
 install_configured(vswitchctl.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig/vswitchctl.pc dev)
 
 # The names that the library takes from the platform's store, and nothing behind them: a program links
-# where there is no platform. The folder is on no run path, so that the stub is never loaded.
+# where there is no platform. The folder is not on any run path, so that the stub is never loaded.
 set(stub ${CMAKE_BINARY_DIR}/stubs/liborkPublic.so)
 add_custom_command(OUTPUT ${stub}
     COMMAND ${PROJECT_SOURCE_DIR}/packaging/link_stub.sh ${CMAKE_C_COMPILER} $<TARGET_FILE:vswitchctl> ${stub}

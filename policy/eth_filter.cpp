@@ -1,7 +1,7 @@
 // The extra Ethernet filter of a port, and the sink port setting, which is one bit of it.
-#include "core/property.h"
-
 #include <cstddef>
+
+#include "core/property.h"
 
 static_assert(sizeof(ExtraEthFilterRecord) == 200 && offsetof(ExtraEthFilterRecord, rest) == 4);
 

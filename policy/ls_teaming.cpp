@@ -1,7 +1,7 @@
-// Logical-switch teaming: a table of policies for the switch, and the name of the one that a port follows.
-#include "core/property.h"
-
+// Logical-switch teaming: a switch's table of policies, and the name of the policy that a port follows.
 #include <cstring>
+
+#include "core/property.h"
 
 namespace {
 

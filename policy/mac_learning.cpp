@@ -1,8 +1,8 @@
 // MAC learning: a record for each port, and this host's record and learn-static setting for the switch.
-#include "core/property.h"
-
 #include <cstddef>
 #include <cstring>
+
+#include "core/property.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ uint32_t SwitchValueA(const SwitchMACLearningRecord &record)
     return bytes[0] | static_cast<uint32_t>(bytes[1]) << 8 | static_cast<uint32_t>(bytes[2]) << 16;
 }
 
-// A port without readable flags counts as one that does not have the bit clear.
+// Flags that cannot be read count as flags with the bit set.
 uint8_t SecurityDerived(const PropertyScope &port)
 {
     uint32_t flags = SECURITY_MAC_CHANGE_BIT;
@@ -65,7 +65,7 @@ VsStatus VSDVS_GetMACLearning(const char *alias, SwitchMACLearningRecord *record
     if (VsStatus status = scope.Resolve(alias)) return status;
     const VsStatus status = scope.Get(HOST_MAC_LEARNING, record);
     if (status != STATUS_NOT_FOUND) return status;
-    // The default says nothing about switchByte, which stays the caller's.
+    // switchByte has no default and keeps the caller's value.
     memcpy(record->switchValueA, DEFAULT_SWITCH_VALUE_A, sizeof(DEFAULT_SWITCH_VALUE_A));
     record->switchValueB = DEFAULT_SWITCH_VALUE_B;
     return STATUS_OK;

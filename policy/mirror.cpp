@@ -1,9 +1,9 @@
-// Mirror sessions: lists that stand at a port, or at this host's view of the switch for its uplinks.
-#include "core/property.h"
-
+// Mirror sessions: lists of a port, or of this host's view of the switch for its uplinks.
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+
+#include "core/property.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ uint64_t Size(uint64_t sessions, uint64_t portEntries)
            portEntries * sizeof(MirrorPortEntry);
 }
 
-// A stored list may be longer than its counts say, never shorter.
+// A stored list may be longer than its counts say, but not shorter.
 bool FitsLength(const StoreValue &value)
 {
     if (!value.data || value.length < sizeof(MirrorSessionList)) return false;
@@ -56,7 +56,7 @@ bool FitsLength(const StoreValue &value)
     return Size(list->sessionCount, list->portEntryCount) <= value.length;
 }
 
-// A caller's list: each block inside the port entries, and all blocks together as many as there are.
+// A caller's list: each block lies inside the port entries, and the blocks together hold as many entries.
 bool SumsAddUp(const MirrorSessionList *list)
 {
     uint64_t sum = 0;
@@ -68,8 +68,8 @@ bool SumsAddUp(const MirrorSessionList *list)
     return sum == list->portEntryCount;
 }
 
-// Whether the sessions' blocks stay in the list and follow one another without overlap. A session without
-// entries has no block, wherever it points.
+// Whether the sessions' blocks lie in the list and follow one another without overlap. A session without
+// entries does not have a block and may point anywhere.
 bool BlocksAreInOrder(const MirrorSessionList *list)
 {
     uint64_t next = 0;
@@ -152,7 +152,7 @@ void CutSession(MirrorSessionList *list, uint32_t index)
     list->portEntryCount -= count;
 }
 
-// Where a list stands. No port id means the host's list for its uplinks.
+// The place of a list. Without a port id it is the host's list for its uplinks.
 struct MirrorPlace {
     explicit MirrorPlace(const char *dvPortId) : dvPortId(dvPortId && *dvPortId ? dvPortId : nullptr) {}
 

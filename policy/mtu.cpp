@@ -1,10 +1,10 @@
-// The MTU in force: a node of the portset and of each of its physical uplinks, set together and then
-// recorded.
-#include "core/property.h"
-#include "core/shell.h"
-
+// The MTU in force: a node of the portset and a node of each of its physical uplinks. They are set together,
+// then stored.
 #include <cstdio>
 #include <cstring>
+
+#include "core/property.h"
+#include "core/shell.h"
 
 namespace {
 
@@ -14,7 +14,7 @@ constexpr char SET_PORTSET_MTU[] = "tybel -e set /net/portsets/%s/mtu %d";
 constexpr char SET_UPLINK_MTU[] = "tybel -e set /net/pNics/%s/mtu %d";
 constexpr size_t QUERY_SIZE = 128;
 
-// The last number of the text wins.
+// The last number of the text counts.
 bool ParseMTU(char *text, int32_t *mtu)
 {
     bool found = false;

@@ -1,4 +1,4 @@
-// Multicast filter mode: a word in the store, or the driver's own mode while the store holds none.
+// Multicast filter mode: a text in the store, or the driver's own mode while the store has none.
 #include "core/property.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // Teaming of one port: its own policy, an override text, and whether it always has a transmit uplink.
-#include "core/property.h"
-
 #include <cstring>
+
+#include "core/property.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// The teaming policy of a switch, a record that the library does not look into.
+// The teaming policy of a switch, a record whose content the library does not interpret.
 #include "core/property.h"
 
 static_assert(sizeof(TeamingPolicy) == 2616);

@@ -1,9 +1,9 @@
 // VLAN policies: the switch's private VLAN map, and each port's VLAN record, priority and nested tagging.
-#include "core/property.h"
-#include "core/vlan_record.h"
-
 #include <cstdlib>
 #include <cstring>
+
+#include "core/property.h"
+#include "core/vlan_record.h"
 
 namespace {
 
@@ -12,7 +12,7 @@ static_assert(sizeof(PVLANMapEntry) == 8);
 // A trunk without ranges carries every VLAN.
 constexpr VLANRange ALL_VLANS = {0, 4094};
 
-// A VLAN record with ranges, in memory of the library's own.
+// A VLAN record with ranges, in the library's own memory.
 struct OwnedVLANRecord {
     OwnedVLANRecord(const VLANRange *ranges, uint16_t rangeCount)
         : length(static_cast<uint32_t>(sizeof(PortVLANRecord) + rangeCount * sizeof(VLANRange))),

@@ -1,4 +1,4 @@
-// The command lines that the library hands to the shell, to the byte, on their way there.
+// The exact command lines that the library passes to the shell.
 #pragma once
 
 #include <cstdio>

@@ -1,13 +1,10 @@
-// A writer is killed at a random moment, again and again: what it was told is written is there, and nothing
-// is half there. VSWITCHCTL_CRASH_ROUNDS sets the number of rounds.
-#include "vswitchctl.h"
-
-#include <gtest/gtest.h>
-
+// A writer is killed at a random moment, many times: every acknowledged write is stored, and no write is
+// half done. VSWITCHCTL_CRASH_ROUNDS sets the number of rounds.
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <random>
 #include <sqlite3.h>
 #include <string>
@@ -16,11 +13,13 @@
 #include <unistd.h>
 #include <vshost.h>
 
+#include "vswitchctl.h"
+
 namespace {
 
 constexpr char SWITCH[] = "lab";
 constexpr uint32_t KEPT = 8;
-constexpr uint32_t FIRST_PROPERTIES = 6; // those of a new port, with its status record
+constexpr uint32_t FIRST_PROPERTIES = 6; // of a new port, its status record included
 
 std::string PortName(uint32_t number) { return "p" + std::to_string(number); }
 
@@ -71,7 +70,7 @@ void ExpectIntact(const std::string &directory)
     sqlite3_close(database);
 }
 
-// What the state must be when `last` was acknowledged and the next number was on its way.
+// The state after `last` was acknowledged, while the next number may have been written.
 void ExpectState(uint32_t last)
 {
     for (uint32_t number = std::max(KEPT + 1, last - KEPT + 2); number <= last; number++)
@@ -86,7 +85,7 @@ void ExpectState(uint32_t last)
     VSDVS_FreeMemory(record);
 }
 
-// Runs a writer, kills it after `delay`, and gives the last number that it acknowledged.
+// Runs a writer, kills it after `delay`, and returns the last number that it acknowledged.
 uint32_t KillAWriter(const std::string &directory, uint32_t first, std::chrono::microseconds delay)
 {
     int pipeEnds[2];

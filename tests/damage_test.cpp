@@ -1,8 +1,5 @@
-// Rows of the embedded host's database that are damaged: whatever reads or changes them answers with a
-// status, and the host goes on working. Rows are written past the platform, as a fault of the disk would.
-#include "core/store.h"
-#include "tests/fixture.h"
-
+// Damaged rows of the embedded host's database: each call that reads or changes them returns a status, and
+// the host continues to work. The test writes the rows past the platform, as a faulty disk would.
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -12,6 +9,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <vswitch_driver.h>
+
+#include "core/store.h"
+#include "tests/fixture.h"
 
 namespace {
 
@@ -32,7 +32,7 @@ struct Row {
     std::string key, value;
 };
 
-// What a call answered: an errno value or a status, and its bytes.
+// The answer of a call: an errno value or a status, and its bytes.
 struct Answer {
     bool operator==(const Answer &) const = default;
     std::string call;
@@ -116,7 +116,7 @@ std::vector<Answer> ReadEverything()
     return answers;
 }
 
-// Changes of every kind of row; what becomes of them doesn't matter here.
+// Changes every kind of row; the results do not matter here.
 void ChangeEverything()
 {
     Ask(VSWITCH_SET_PORT_MAC, Bytes(PortInput()));
@@ -194,7 +194,7 @@ protected:
         sqlite3_close(database);
         return read;
     }
-    // While nobody is on the host: all rows as they were, but for one.
+    // Writes all rows as they were, except for one. No process may be on the host.
     void WriteRows(size_t damaged, const Row &instead) const
     {
         sqlite3 *database = Open();
@@ -240,7 +240,8 @@ std::string Readable(std::string key)
     return key;
 }
 
-// Rows that are one record, or a record and what it counts, whose length says whether they are whole.
+// Rows of one record, or of a record and the entries that it counts: their length tells whether they are
+// whole.
 bool HasLength(const std::string &key)
 {
     for (const char *table : {"portset", "nic", "mac", "lag", "group", "option", "learned", "mirror", "rarp",
@@ -249,7 +250,7 @@ bool HasLength(const std::string &key)
     return key.starts_with("port\0"s) || key.starts_with("numbers\0"s);
 }
 
-// A row that is too short or too long is not read: what needs it fails, all else answers as before.
+// A row that is too short or too long is not read: calls that need it fail, all others answer as before.
 TEST_F(Damage, EveryRowMayBeCutOrPadded)
 {
     const std::pair<const char *, std::function<void(std::string &)>> damages[] = {
@@ -273,7 +274,7 @@ TEST_F(Damage, EveryRowMayBeCutOrPadded)
             ChangeEverything();
         }
     Restart(0, rows[0]);
-    EXPECT_EQ(ReadEverything(), sound) << "nothing but the rows was damaged";
+    EXPECT_EQ(ReadEverything(), sound) << "only the rows were damaged";
 }
 
 TEST_F(Damage, EveryByteOfAValueOrKeyMayBeWrong)

@@ -1,8 +1,5 @@
-// The embedded host's driver and the preload in front of it: what a driver owes its callers, whatever
-// library they use. Requests are made by hand here.
-#include "core/store.h"
-#include "tests/fixture.h"
-
+// The embedded host's driver and the preload in front of it, with requests made by hand: their behaviour
+// towards any caller.
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -17,6 +14,9 @@
 #include <unistd.h>
 #include <vswitch_driver.h>
 
+#include "core/store.h"
+#include "tests/fixture.h"
+
 namespace {
 
 constexpr char GUARD = '\x5A';
@@ -30,7 +30,7 @@ int Ioctl(int descriptor, uint32_t number, const void *input, uint32_t inLength,
     return ioctl(descriptor, number, &request) < 0 ? errno : 0;
 }
 
-// Opens, asks, closes; 0 or the errno value.
+// Opens the device, sends a request and closes it. Returns 0 or the errno value.
 int Ask(uint32_t number, const void *input, uint32_t inLength, void *output, uint32_t outLength,
         const char *device = VSWITCH_DRIVER_DEVICE)
 {
@@ -72,23 +72,23 @@ VSwitchInput MacInput(const VSwitchMacEntry &entry, const char *portId = PORT)
 template<typename Record> Record Query(uint32_t number, const VSwitchInput &input)
 {
     Record record = {};
-    EXPECT_EQ(Ask(number, &input, sizeof input, &record, sizeof record), 0) << number;
+    EXPECT_EQ(Ask(number, &input, sizeof(input), &record, sizeof(record)), 0) << number;
     return record;
 }
 
 int Change(uint32_t number, const VSwitchInput &input)
 {
-    return Ask(number, &input, sizeof input, nullptr, 0);
+    return Ask(number, &input, sizeof(input), nullptr, 0);
 }
 
-// The entries of a list, each as its bytes.
+// The bytes of each entry of a list.
 Words List(uint32_t number, const VSwitchInput &input, size_t entry)
 {
     std::vector<char> answer(65536);
     const auto room = static_cast<uint32_t>(answer.size());
-    EXPECT_EQ(Ask(number, &input, sizeof input, answer.data(), room), 0) << number;
+    EXPECT_EQ(Ask(number, &input, sizeof(input), answer.data(), room), 0) << number;
     uint32_t count;
-    memcpy(&count, answer.data(), sizeof count);
+    memcpy(&count, answer.data(), sizeof(count));
     Words entries;
     for (size_t i = 0; i < count; i++)
         entries.emplace_back(&answer[sizeof(VSwitchListHeader) + i * entry], entry);
@@ -198,7 +198,7 @@ TEST_F(Driver, BadAddressesAreFaultsOfTheRequest)
         {"output is read-only", &input, memory + 2 * page},
     };
     for (const auto &row : cases)
-        EXPECT_EQ(Ask(VSWITCH_GET_INFO, row.input, sizeof input, row.output, sizeof output), EFAULT)
+        EXPECT_EQ(Ask(VSWITCH_GET_INFO, row.input, sizeof(input), row.output, sizeof(output)), EFAULT)
             << row.name;
     const int descriptor = open(VSWITCH_DRIVER_DEVICE, O_RDWR);
     for (void *header : {static_cast<void *>(nullptr), static_cast<void *>(memory + page)})
@@ -220,7 +220,7 @@ TEST_F(Driver, WritesNoMoreThanThereIsRoomFor)
     };
     for (const auto &row : cases) {
         std::string output(400, GUARD);
-        EXPECT_EQ(Ask(row.number, &input, sizeof input, output.data(), row.room), 0);
+        EXPECT_EQ(Ask(row.number, &input, sizeof(input), output.data(), row.room), 0);
         EXPECT_EQ(output.find_last_not_of(GUARD) + 1, row.written) << row.number << " in " << row.room;
         if (row.number == VSWITCH_GET_UPLINKS && row.room >= 8) {
             EXPECT_EQ(output[0], 2);
@@ -234,7 +234,7 @@ TEST_F(Driver, DescriptorsMayTravel)
     const int device = open(VSWITCH_DRIVER_DEVICE, O_RDWR);
     const auto works = [&](int descriptor) {
         uint32_t mode;
-        return Ioctl(descriptor, VSWITCH_GET_MCAST_MODE, &input, sizeof input, &mode, sizeof mode) == 0;
+        return Ioctl(descriptor, VSWITCH_GET_MCAST_MODE, &input, sizeof(input), &mode, sizeof(mode)) == 0;
     };
     const int copy = dup(device), over = open("/dev/null", O_RDONLY);
     ASSERT_EQ(dup2(device, over), over);
@@ -266,18 +266,18 @@ TEST_F(Driver, DescriptorsMayTravel)
         close(descriptor);
 }
 
-// Run by DescriptorsMayTravel in a process of its own.
+// DescriptorsMayTravel runs this in another process.
 TEST(Program, DISABLED_InheritedDevice)
 {
     const char *inherited = getenv("INHERITED_DEVICE");
     if (!inherited) GTEST_SKIP();
     const VSwitchInput input = Input();
     uint32_t mode;
-    EXPECT_EQ(Ioctl(atoi(inherited), VSWITCH_GET_MCAST_MODE, &input, sizeof input, &mode, sizeof mode), 0);
+    EXPECT_EQ(Ioctl(atoi(inherited), VSWITCH_GET_MCAST_MODE, &input, sizeof(input), &mode, sizeof(mode)), 0);
 }
 
-// Another thread may read the environment at any time, so nothing but a start and a stop changes it. Programs
-// that start learn from the host itself that their allocations are to fail.
+// Another thread may read the environment at any time, so only a start and a stop of the host change it. A
+// program that starts learns from the host itself that its allocations must fail.
 TEST_F(Driver, FaultsReachProgramsWithoutTheEnvironment)
 {
     const auto environment = [] {
@@ -304,7 +304,7 @@ TEST_F(Driver, FaultsReachProgramsWithoutTheEnvironment)
     EXPECT_EQ(environment(), before);
 }
 
-// Run by FaultsReachProgramsWithoutTheEnvironment in a process of its own.
+// FaultsReachProgramsWithoutTheEnvironment runs this in another process.
 TEST(Program, DISABLED_AllocationThatFails)
 {
     void *uplinks = nullptr;
@@ -365,7 +365,7 @@ TEST_F(Driver, FaultsAnswersAndRecording)
 {
     const VSwitchInput input = Input();
     uint32_t mode = 7;
-    const auto ask = [&] { return Ask(VSWITCH_GET_MCAST_MODE, &input, sizeof input, &mode, sizeof mode); };
+    const auto ask = [&] { return Ask(VSWITCH_GET_MCAST_MODE, &input, sizeof(input), &mode, sizeof(mode)); };
     vshost_fail(VSHOST_DRIVER, "4103", 2, 1, EBUSY);
     vshost_fail(VSHOST_OPEN, VSWITCH_DRIVER_RTM_DEVICE, 1, 0, ENXIO);
     EXPECT_EQ(ask(), 0);
@@ -376,7 +376,7 @@ TEST_F(Driver, FaultsAnswersAndRecording)
     vshost_clear();
 
     const uint32_t answer[] = {5, 6};
-    vshost_answer(VSWITCH_GET_MCAST_MODE, 1, answer, sizeof answer);
+    vshost_answer(VSWITCH_GET_MCAST_MODE, 1, answer, sizeof(answer));
     vshost_record(1);
     EXPECT_EQ(ask(), 0);
     EXPECT_EQ(mode, 5u);
@@ -391,9 +391,9 @@ TEST_F(Driver, FaultsAnswersAndRecording)
         EXPECT_STREQ(calls[i].text, VSWITCH_DRIVER_DEVICE);
     }
     EXPECT_STREQ(calls[1].operation, "4103");
-    EXPECT_EQ(calls[1].length, sizeof input);
-    EXPECT_EQ(calls[1].flags, sizeof mode);
-    EXPECT_EQ(memcmp(calls[1].input, &input, sizeof input), 0);
+    EXPECT_EQ(calls[1].length, sizeof(input));
+    EXPECT_EQ(calls[1].flags, sizeof(mode));
+    EXPECT_EQ(memcmp(calls[1].input, &input, sizeof(input)), 0);
 }
 
 TEST_F(Driver, WhatTestsAskForHasLimits)
@@ -426,7 +426,7 @@ TEST_F(Driver, WhatTestsAskForHasLimits)
             EXPECT_EQ(vshost_shell_output("ls", bytes.data(), 1048576), i < 4 ? 0 : ENOSPC) << i;
         vshost_clear();
     }
-    // Of more calls than are kept, the newest ones are there.
+    // When there are more calls than the host keeps, it keeps the newest.
     constexpr size_t KEPT = 65536;
     vshost_record(1);
     for (size_t i = 0; i < KEPT / 2; i++)
@@ -475,7 +475,7 @@ TEST_F(Driver, UplinksFollowTheStore)
     EXPECT_EQ(Uplinks("second").back(), "nic14") << "in the order of the uplink ports";
     EXPECT_EQ(Change(VSWITCH_GET_UPLINK_LINK, UplinkInput("nic1", "second")), ENODEV);
     EXPECT_EQ(VSDVS_DestroyVSwitch("second"), STATUS_OK);
-    EXPECT_EQ(vshost_fingerprint(), before) << "NICs made for it went with it";
+    EXPECT_EQ(vshost_fingerprint(), before) << "the NICs made for it are removed with it";
 
     EXPECT_EQ(vshost_scenario(R"({"nics": {"eth7": {},
         "kept": {"bind": {"switch": "third", "port": "uplink1"}}}})"),
@@ -484,7 +484,7 @@ TEST_F(Driver, UplinksFollowTheStore)
     EXPECT_EQ(VSDVS_CreateVSwitch("third", nullptr, nullptr, 1, 0, 8, 3, 0), STATUS_OK);
     EXPECT_EQ(Uplinks("third"), (Words{"eth7", "kept", "nic3"})) << "free ones first, claimed ones in place";
     EXPECT_EQ(VSDVS_DestroyVSwitch("third"), STATUS_OK);
-    EXPECT_EQ(UplinkPort("eth7"), "") << "what was plugged in stays";
+    EXPECT_EQ(UplinkPort("eth7"), "") << "a plugged-in NIC stays";
 }
 
 TEST_F(Driver, APortsetUnderTheAliasOfAnotherSwitchHasNone)
@@ -545,7 +545,7 @@ TEST_F(Driver, PoliciesShowInTheAnswers)
         MirrorSessionList header;
         MirrorSessionRecord session;
     } list = {{0, 0, 1, 0, 0}, {}};
-    memset(list.session.sessionId, 's', sizeof list.session.sessionId);
+    memset(list.session.sessionId, 's', sizeof(list.session.sessionId));
     EXPECT_EQ(VSDVS_SetMcastFilterMode(LAB, 1), STATUS_OK);
     EXPECT_EQ(VSDVS_SetPortMACLearning(LAB, PORT, &learning), STATUS_OK);
     for (const char *port : {PORT, "port1", ""})
@@ -567,14 +567,14 @@ TEST_F(Driver, PoliciesShowInTheAnswers)
     EXPECT_STREQ(Query<Name>(VSWITCH_GET_PORT_LS_POLICY, port).text, "gold");
 }
 
-// The host keeps count of ports, and lists of those that have a policy: however a policy comes or goes.
+// The host counts ports and lists the ports with a policy, however a policy is set or removed.
 TEST_F(Driver, CountsAndListsFollowThePorts)
 {
     struct [[gnu::packed]] {
         MirrorSessionList header;
         MirrorSessionRecord session;
     } list = {{0, 0, 1, 0, 0}, {}};
-    memset(list.session.sessionId, 's', sizeof list.session.sessionId);
+    memset(list.session.sessionId, 's', sizeof(list.session.sessionId));
     const PortMACLearningConfig on = {1, 0, 17, 0}, off = {0, 0, 17, 0};
     const auto learning = [](const PortMACLearningConfig &config) {
         return VSDVS_SetPortMACLearning(LAB, PORT, &config);
@@ -585,7 +585,7 @@ TEST_F(Driver, CountsAndListsFollowThePorts)
         void *buffer = nullptr;
         uint32_t length = 0;
         DVSData_Alloc(&bundle, malloc, free);
-        DVSData_Update(bundle, "com.talpex.vswitch.port.macManagement", management, sizeof management, 0x10);
+        DVSData_Update(bundle, "com.talpex.vswitch.port.macManagement", management, sizeof(management), 0x10);
         DVSData_Serialize(bundle, &buffer, &length, 5);
         DVSData_Free(bundle);
         const VsStatus status = DVSZOR_PortAdd(LAB_ID, "made", buffer, length);
@@ -653,7 +653,7 @@ TEST_F(Driver, MacEntriesLiveWithTheirPort)
     uint32_t number = 0;
     EXPECT_EQ(VSDVS_DvPortIDToPortID(LAB, PORT, &number), STATUS_OK);
     expected.portId = number;
-    EXPECT_EQ(List(VSWITCH_GET_PORT_MACS, PortInput(PORT), sizeof expected), Words{Bytes(expected)});
+    EXPECT_EQ(List(VSWITCH_GET_PORT_MACS, PortInput(PORT), sizeof(expected)), Words{Bytes(expected)});
     EXPECT_EQ(macs(PortInput(PORT), VSWITCH_MAC_LEARNED), 0u);
     EXPECT_EQ(macs(PortInput("port1"), VSWITCH_MAC_STATIC), 1u);
     EXPECT_EQ(macs(Input(), VSWITCH_MAC_ANY, VSWITCH_GET_TEAM_MACS), 1u) << "what is behind the uplinks";
@@ -685,10 +685,10 @@ TEST_F(Driver, OptionsAreReadBackAsTheyWereSet)
         all.options[i] = {static_cast<uint16_t>(i + 1), 0, 1000 + i};
     EXPECT_EQ(set(2), 0);
     const uint16_t ids[] = {2, 1}, unknown[] = {1, 3};
-    EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, ids, sizeof ids, &answer, 4096), 0);
+    EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, ids, sizeof(ids), &answer, 4096), 0);
     EXPECT_EQ(+answer.header.count, 2u);
     EXPECT_EQ(+answer.options[0].value, 1001u) << "in the order asked for";
-    EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, unknown, sizeof unknown, &answer, 4096), ENOENT);
+    EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, unknown, sizeof(unknown), &answer, 4096), ENOENT);
     EXPECT_EQ(set(VSWITCH_OPTIONS_MAX + 1), EINVAL);
     EXPECT_EQ(set(VSWITCH_OPTIONS_MAX), 0);
     EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, nullptr, 0, &answer, 4096), 0);
@@ -704,15 +704,15 @@ Words Portsets()
     Words names;
     const uint32_t kind = VSWITCH_LIST_PORTSETS;
     std::vector<char> answer(4096);
-    EXPECT_EQ(Ask(VSWITCH_GET_SWITCHES, &kind, sizeof kind, answer.data(), 4096), 0);
+    EXPECT_EQ(Ask(VSWITCH_GET_SWITCHES, &kind, sizeof(kind), answer.data(), 4096), 0);
     uint32_t count;
-    memcpy(&count, answer.data(), sizeof count);
+    memcpy(&count, answer.data(), sizeof(count));
     for (size_t i = 0; i < count; i++)
         names.emplace_back(&answer[sizeof(VSwitchListHeader) + i * 128]);
     return names;
 }
 
-// A reboot: what runs ends, and each switch of this host that can run is started as it is stored.
+// A reboot ends all running switches, and starts each switch of this host as it is stored.
 TEST_F(Driver, AResetStartsTheSwitchesOfThisHost)
 {
     const uint32_t wrongMtu = 70000, mtu = 4000;
@@ -747,7 +747,7 @@ TEST_F(Driver, AResetStartsTheSwitchesOfThisHost)
     EXPECT_EQ(+info.mtu, mtu);
     EXPECT_EQ(+info.ports, 128u);
     EXPECT_EQ(+info.usedPorts, 4u);
-    EXPECT_EQ(Uplinks(), (Words{"nic0", "nic1"})) << "eth0 went with the rest";
+    EXPECT_EQ(Uplinks(), (Words{"nic0", "nic1"})) << "eth0 is gone as well";
     for (const auto &port : {"uplink0", "uplink1"})
         EXPECT_TRUE(UplinkPort("nic0") == port || UplinkPort("nic1") == port) << port;
     size_t count = 0;
@@ -756,13 +756,13 @@ TEST_F(Driver, AResetStartsTheSwitchesOfThisHost)
     EXPECT_EQ(+ports[0].nicMtu, mtu);
     EXPECT_EQ(+ports[1].nicMtu, mtu);
     uint16_t none = 7;
-    EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, &none, sizeof none, nullptr, 0), ENOENT);
+    EXPECT_EQ(Ask(VSWITCH_GET_OPTIONS, &none, sizeof(none), nullptr, 0), ENOENT);
     const uint64_t once = vshost_fingerprint();
     ASSERT_EQ(vshost_reset(), 0);
     EXPECT_EQ(vshost_fingerprint(), once) << "it comes back the same each time";
 }
 
-// A switch of the store whose portset doesn't run: what is stored answers, what would run is not found.
+// A stored switch whose portset does not run: stored properties can be read, running state is not found.
 TEST_F(Driver, ASwitchThatDoesNotRunCanBeReadAndDestroyed)
 {
     ASSERT_EQ(system("/bin/tybel -e set /net/portsets/lab-portset/destroy destroy"), 0);
@@ -791,7 +791,7 @@ TEST_F(Driver, ASwitchThatDoesNotRunCanBeReadAndDestroyed)
     VSwitchInput number = {};
     number.port.portId = 3;
     EXPECT_EQ(Change(VSWITCH_GET_UPLINK_HINT, number), ENODEV);
-    // The switch goes; that its portset had gone is what the shell complains of.
+    // The switch is removed; the shell fails because the portset is gone already.
     EXPECT_EQ(VSDVS_DestroyVSwitch(LAB), STATUS_FAILURE);
     EXPECT_EQ(DVSAliasToPortsetName(LAB, text), STATUS_NOT_FOUND);
 }
@@ -829,7 +829,7 @@ TEST_F(Driver, GroupsByVlanAndKind)
     EXPECT_EQ(vshost_scenario(R"({"macLearning": {"enabled": false}})"), 0) << vshost_error();
     const auto learning = Query<VSwitchLearningProps>(VSWITCH_GET_LEARNING_PROPS, Input());
     EXPECT_EQ(+learning.enabled, 0u);
-    EXPECT_EQ(+learning.agingSeconds, 5u) << "what a scenario doesn't name stays";
+    EXPECT_EQ(+learning.agingSeconds, 5u) << "a setting that the scenario does not name stays";
 }
 
 TEST_F(Driver, AScenarioMakesCallsFail)

@@ -1,14 +1,13 @@
-// The storage engine from inside: works that throw.
-#include "platform/host/engine.h"
-
-#include "platform/host/guard.h"
-#include "platform/host/host.h"
-
+// The storage engine from inside: work that throws.
 #include <atomic>
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <thread>
+
+#include "platform/host/engine.h"
+#include "platform/host/guard.h"
+#include "platform/host/host.h"
 
 namespace {
 
@@ -22,7 +21,7 @@ protected:
 
 VsStatus Put(Transaction &transaction) { return transaction.Put("key", "value"); }
 
-// Among the works of other threads: each keeps its own status and changes, and none waits for ever.
+// Beside the work of other threads: each call keeps its own status and changes, and none waits for ever.
 TEST_F(EngineTest, AWorkThatThrowsIsUndoneAndTheNextOneRuns)
 {
     const struct {

@@ -1,5 +1,5 @@
-// What the tests of the families share: records written as bytes, the steps of an operation, the undo of each
-// of them, and how a stored value is read.
+// Helpers of the families' tests: records written as bytes, the steps of an operation, their undo, and the
+// reading of stored values.
 #pragma once
 
 #include "tests/fixture.h"
@@ -46,7 +46,7 @@ inline void Store(const Property &property, const std::optional<std::string> &by
 using Steps = std::vector<std::string>;
 
 // The store operations and commands of a call, in their order: "PortAdd lab-id port0 -", "-e ls /net".
-// Look-ups in the cache, bundles and releases are no steps.
+// Look-ups in the cache, bundles and releases do not count as steps.
 template<typename Operation> Steps StepsOf(Operation operation)
 {
     constexpr std::string_view STORE = "DVSZOR_";
@@ -64,8 +64,8 @@ template<typename Operation> Steps StepsOf(Operation operation)
     return steps;
 }
 
-// Fails the 1st, 2nd, 3rd… call of each of these store operations until a run meets no fault, which is
-// reverted: the status comes back, and nothing has changed. All together so many faults are met.
+// Fails the 1st, 2nd, 3rd… call of each of these store operations until a run meets no fault, and reverts
+// that run. Each fault's status comes back, and nothing has changed. Expects this many faults in all.
 template<typename Operation, typename Revert>
 void ExpectUndone(std::initializer_list<const char *> storeOperations, unsigned faults, Operation operation,
                   Revert revert)
@@ -87,8 +87,8 @@ void ExpectUndone(std::initializer_list<const char *> storeOperations, unsigned 
     EXPECT_EQ(faults, 0u);
 }
 
-// What an operation makes of a stored value: its status, and the bytes that it writes; those behind them keep
-// what they held.
+// An operation's result for a stored value: its status and the bytes that it writes. Later bytes stay
+// unchanged.
 struct Reading {
     struct Case {
         std::optional<std::string> stored;

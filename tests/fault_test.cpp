@@ -1,10 +1,10 @@
-// Each call that an operation makes fails once, in every way there is: the documented status comes back, what
-// was done is undone, outputs hold what they should, and nothing leaks.
-#include "tests/operations.h"
-
+// Each call that an operation makes fails once, in every possible way: the documented status comes back, the
+// steps before it are undone, outputs are as documented, and nothing leaks.
 #include <algorithm>
 #include <cerrno>
 #include <map>
+
+#include "tests/operations.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ bool NeverFails(std::string_view call)
            call == "DVSData_Data" || call == "DVS_ClassName" || call == "DVS_SwitchId";
 }
 
-// One operation, invoked again and again on a host that is as it was before.
+// One operation, invoked repeatedly on a host in the same state.
 class Victim {
 public:
     explicit Victim(const Operation &operation) : operation(operation)
@@ -56,7 +56,7 @@ public:
         ExpectNothingLeft();
         const bool changed = vshost_fingerprint() != before;
         if (status != STATUS_OK) {
-            EXPECT_EQ(changed, expected.remains) << "what stays behind is not as documented";
+            EXPECT_EQ(changed, expected.remains) << "the remainder is not as documented";
         }
         if (operation.name == "LibraryInit") LibraryInit();
         if (changed) Restart();
@@ -109,8 +109,8 @@ TEST_F(Faults, OfStartUpLeaveNoAliasKnown)
         vshost_fail(VSHOST_STORE, call, 1, 1, STATUS_IO_ERROR);
         char switchId[SWITCH_ID_SIZE];
         EXPECT_EQ(Invoke(start), STATUS_OK);
-        EXPECT_STREQ(Calls(VSHOST_STORE).back().operation, call) << "went on";
-        // A cache that was not emptied is as it was.
+        EXPECT_STREQ(Calls(VSHOST_STORE).back().operation, call) << "continued after the failure";
+        // A cache that was not emptied is unchanged.
         const bool emptied = std::string_view(call) != "DVSState_ConfigReset";
         EXPECT_EQ(DVSAliasToSwitchId(LAB, switchId), emptied ? STATUS_NOT_FOUND : STATUS_OK) << call;
         LibraryInit();
@@ -147,7 +147,7 @@ TEST_F(Faults, OfCommands)
     }
 }
 
-// The status of each errno, less 0x0BAD0000; of any other it is STATUS_FAILURE.
+// The status of each errno, less 0x0BAD0000; every other errno gives STATUS_FAILURE.
 constexpr struct {
     int error;
     uint32_t code;
@@ -208,7 +208,7 @@ std::vector<std::string> operator+(std::vector<std::string> first, const std::ve
     return first;
 }
 
-// The calls after the one that failed: of the store those that change something, of the shell all.
+// The calls after the failed call: those of the store that change something, and all of the shell.
 std::vector<std::string> CallsAfterFailure(const std::vector<Call> &calls)
 {
     std::vector<std::string> texts;

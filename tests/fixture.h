@@ -1,4 +1,4 @@
-// A throw-away host for each test, and what tests look at on it.
+// A throw-away host for each test, and functions to inspect it.
 #pragma once
 
 #include "core/property.h"
@@ -19,8 +19,8 @@ inline constexpr char LAB_ID[] = "lab-id";
 inline constexpr char LAB_PORTSET[] = "lab-portset";
 inline constexpr char PORT[] = "port0";
 
-// Starts an empty host, with shell commands run in process. Afterwards nothing may be left over: no value
-// of the store's, no open device, no child process.
+// Starts an empty host that runs shell commands in the process. Afterwards no value of the store, open device
+// or child process may be left.
 class HostTest : public testing::Test {
 protected:
     void SetUp() override;
@@ -32,7 +32,7 @@ protected:
     void SetUp() override;
 };
 
-// Drops the host that the process is on and starts an empty one.
+// Leaves the present host and starts an empty one.
 void StartHost();
 VsStatus CreateLab();
 void ExpectNothingLeft();
@@ -43,7 +43,7 @@ template<typename Record> std::string Bytes(const Record &record)
     static_assert(std::is_trivially_copyable_v<Record>);
     return {reinterpret_cast<const char *>(&record), sizeof(record)};
 }
-// A text as the store keeps it, with its NUL.
+// A text with its NUL, as the store keeps it.
 inline std::string Text(std::string_view text) { return std::string(text) + '\0'; }
 
 struct Stored {
@@ -51,7 +51,7 @@ struct Stored {
     std::string bytes;
     uint32_t flags;
 };
-// A property as it is stored; nothing when it is absent.
+// A property as it is stored, or nothing when it is absent.
 std::optional<Stored> Read(const Property &property, const char *portId = PORT,
                            const char *switchId = LAB_ID);
 std::optional<Stored> Read(StoreLevel level, const char *key, const char *portId = PORT,

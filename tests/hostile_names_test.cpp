@@ -1,11 +1,11 @@
-// Names made to make a shell run something else, through every operation that runs commands, with the real
-// shell. The working directory is the canary: whatever else runs leaves a file there.
-#include "tests/fixture.h"
-
+// Names that try to make a shell run another command, in every operation that runs commands, with the real
+// shell. Any other command would leave a file in the working directory.
 #include <algorithm>
 #include <filesystem>
 #include <set>
 #include <unistd.h>
+
+#include "tests/fixture.h"
 
 namespace {
 
@@ -46,7 +46,7 @@ constexpr const char *PIECES[] = {
     "`touch\nx`",
 };
 
-// Programs start so slowly under a sanitizer that each of its runs takes only some of the names.
+// Under a sanitizer, programs start so slowly that each run takes only some of the names.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t EACH = 5, ENOUGH = 60;
 #else
@@ -84,14 +84,14 @@ bool IsPlain(const std::string &name)
            std::string::npos;
 }
 
-// Whether a command with this much around the name is run: a plain name is cut, another one must fit.
+// Whether a command with this much text around the name runs: a plain name is cut, a quoted name must fit.
 bool IsRun(const std::string &name, size_t around)
 {
     const auto quotes = static_cast<size_t>(std::count(name.begin(), name.end(), '\''));
     return IsNodeName(name) && (IsPlain(name) || around + name.size() + 2 + 3 * quotes <= 255);
 }
 
-// Of the destroy command, the longest that names a portset.
+// Of the destroy command, the longest command with a portset's name.
 constexpr size_t AROUND =
     std::string_view("/bin/tybel -e set /net/portsets//destroy destroy 2> /dev/null").size();
 
@@ -115,7 +115,7 @@ protected:
         LabTest::TearDown();
     }
 
-    // The commands that an operation ran were these, and nothing else has happened.
+    // The operation ran these commands and no others.
     template<typename Operate>
     static void Expect(VsStatus status, const std::vector<std::string> &commands, Operate operate)
     {
@@ -126,7 +126,7 @@ protected:
             words.push_back(call.text);
         EXPECT_EQ(words, commands);
         vshost_record(0);
-        EXPECT_TRUE(std::filesystem::is_empty(".")) << "something else ran";
+        EXPECT_TRUE(std::filesystem::is_empty(".")) << "another command ran";
     }
 
     std::filesystem::path directory, before;
@@ -145,7 +145,7 @@ TEST_F(HostileNames, OfPortsets)
             return VSDVS_CreateVSwitch("made", "made-id", name.c_str(), 1, 0, 64, 0, 0);
         };
         if (!made) {
-            // Refused here or by the shell; the switch then stands in the store alone.
+            // The library or the shell refuses the name; the switch is then only in the store.
             const uint64_t unchanged = vshost_fingerprint();
             EXPECT_EQ(create(), STATUS_FAILURE);
             EXPECT_EQ(vshost_fingerprint(), unchanged);
@@ -156,7 +156,7 @@ TEST_F(HostileNames, OfPortsets)
             EXPECT_EQ(VSDVS_GetMTU("made", &mtu), STATUS_FAILURE);
             EXPECT_EQ(mtu, 7);
             EXPECT_EQ(VSDVS_SetMTU("made", 9000), STATUS_FAILURE);
-            // A name that no command can hold leaves the switch whole; else the store loses it.
+            // A name that does not fit a command leaves the switch unchanged; otherwise the store loses it.
             const bool formed = IsRun(name.substr(0, 127), AROUND);
             ASSERT_EQ(DVSZOR_SwitchAssociate("made-id"), STATUS_OK);
             const uint64_t stored = vshost_fingerprint();
@@ -164,7 +164,7 @@ TEST_F(HostileNames, OfPortsets)
             EXPECT_EQ(vshost_fingerprint(), formed ? unchanged : stored);
             EXPECT_NE(stored, unchanged);
             EXPECT_EQ(DVSZOR_SwitchRemove("made-id"), formed ? STATUS_NOT_FOUND : STATUS_OK);
-            EXPECT_TRUE(std::filesystem::is_empty(".")) << "something else ran";
+            EXPECT_TRUE(std::filesystem::is_empty(".")) << "another command ran";
             continue;
         }
         Expect(STATUS_OK, command(createdWords), create);
@@ -196,7 +196,7 @@ TEST_F(HostileNames, OfUplinks)
         std::vector<std::string> commands = {"-e get /net/portsets/lab-portset/mtu",
                                              "-e ls /net/portsets/lab-portset/uplinks"};
         if (IsRun(uplink, 60)) commands.push_back("-e set /net/pNics/" + uplink + "/mtu 1600");
-        // A blank line names no uplink: the MTU of the portset is set.
+        // A blank line does not name an uplink: only the MTU of the portset is set.
         if (name.empty()) commands.push_back("-e set /net/portsets/lab-portset/mtu 1600");
         Expect(name.empty() ? STATUS_OK : STATUS_FAILURE, commands, [] { return VSDVS_SetMTU(LAB, 1600); });
         vshost_clear();

@@ -1,13 +1,13 @@
 // The three names of a switch, and the start-up that makes them known.
-#include "tests/family.h"
-
 #include <dlfcn.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "tests/family.h"
+
 namespace {
 
-// What a store of another maker may do: lend an id that fills its field, and walk on after a match.
+// Another store may lend an id that fills its field, or continue a walk after a match.
 const char *fullId = nullptr;
 bool walksOn = false;
 
@@ -29,7 +29,7 @@ template<typename Function> Function *Next(const char *name)
 
 }
 
-// The library finds these before those of the host.
+// The library finds these functions before the host's.
 extern "C" {
 
 const char *DVS_SwitchId(SwitchHandle *handle)
@@ -88,7 +88,7 @@ using OptionalText = std::optional<std::string>;
 
 class Identity : public HostTest {
 protected:
-    // In the store alone; an absent name is not stored.
+    // Only in the store; an absent name is not stored.
     void AddSwitch(const OptionalText &alias, const OptionalText &portset, const char *className = "vswitch")
     {
         const std::string id = std::to_string(next++);
@@ -190,7 +190,7 @@ TEST_F(Identity, StartUpLoadsTheCacheOrLeavesItEmpty)
         LibraryInit();
         EXPECT_EQ(CallTexts(VSHOST_STORE).size(), steps[i]);
         vshost_clear();
-        // After a failed reset the cache is as the store left it: here as it was before.
+        // After a failed reset the cache is as the store left it, which here is unchanged.
         const bool empty = steps[i] == 2;
         EXPECT_EQ(SwitchId("one").first, empty ? STATUS_NOT_FOUND : STATUS_OK);
         EXPECT_EQ(Alias("lab"), Found(empty ? "" : "one"));

@@ -1,7 +1,5 @@
-// Requests to the driver: each to the byte as the driver sees it, lists under every answer, and what the
-// driver of a running host says.
-#include "tests/operations.h"
-
+// Requests to the driver: every byte as the driver sees it, lists with every possible answer, and the answers
+// of a running host.
 #include <cerrno>
 #include <cstring>
 #include <malloc.h>
@@ -9,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vswitch_driver.h>
+
+#include "tests/operations.h"
 
 namespace {
 
@@ -20,8 +20,8 @@ struct Field {
     std::string bytes;
 };
 
-// What a row of the operations' table sends: its input, zero but for the fields, and the room that it gives
-// for each answer.
+// The request of a row of the operations' table: its input, zero except for the fields, and the room for each
+// answer.
 struct RequestRow {
     const char *operation;
     uint32_t number;
@@ -74,7 +74,7 @@ const RequestRow REQUESTS[] = {
     {"VSZOR_RTMOp", 0x80000001, {{0, Bytes(RTM_RECORD)}}, {0}, 9 + 128, ZOR_RTM_DEVICE},
 };
 
-// The row of the operations' table that a request belongs to: rows of both tables stand in the same order.
+// The row of the operations' table for a request: both tables have the same order.
 class RequestRows {
 public:
     const Operation &Next(const RequestRow &row)
@@ -187,10 +187,10 @@ protected:
     void SetUp() override
     {
         LabTest::SetUp();
-        mallopt(M_PERTURB, 0x5A); // memory that nobody cleared shows
+        mallopt(M_PERTURB, 0x5A); // makes uncleared memory visible
     }
 
-    // What the driver answers: a header with this count, and as many entries.
+    // The driver's answer: a header with this count, and as many entries.
     static std::string Answer(const ListCommand &command, uint32_t count, uint32_t entries)
     {
         std::string answer(command.headerSize, 'h');
@@ -230,7 +230,7 @@ TEST_F(Lists, HoldWhatTheDriverAnswers)
         const auto room = [&](uint32_t count) { return command.headerSize + count * command.entrySize; };
         const std::string three = Answer(command, 3, 3), one = Answer(command, 1, 1),
                           none = Answer(command, 0, 0);
-        // The kind stands in an empty list of switches, whatever the driver said.
+        // An empty list of switches holds the kind, whatever the driver answered.
         std::string empty = none;
         if (command.number == 4126) empty = Word(0) + Word(command.entrySize == 128);
         Expect(command, {three, three}, three, {command.headerSize, room(3)});
@@ -240,7 +240,7 @@ TEST_F(Lists, HoldWhatTheDriverAnswers)
         Expect(command, {three, one}, one + std::string(2 * command.entrySize, '\0'),
                {command.headerSize, room(3)});
         Expect(command, {three, ""}, std::string(room(3), '\0'), {command.headerSize, room(3)});
-        // A count whose length does not fit 32 bits: no more than what is left of it.
+        // A count whose length does not fit 32 bits: only the remainder is used.
         const auto wrapping = static_cast<uint32_t>((uint64_t{1} << 32) / command.entrySize + 1);
         Expect(command, {Answer(command, wrapping, 0), three}, three.substr(0, room(wrapping)),
                {command.headerSize, room(wrapping)});

@@ -1,9 +1,9 @@
-// Switches and ports, made and taken apart: what is stored, in which order, and what a failure leaves.
-#include "tests/command_lines.h"
-#include "tests/family.h"
-
+// Switches and ports, created and destroyed: what is stored, in which order, and what a failure leaves.
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "tests/command_lines.h"
+#include "tests/family.h"
 
 namespace {
 
@@ -85,7 +85,7 @@ TEST_F(Lifecycle, EveryStepOfACreationIsUndone)
     ExpectUndone({"DVSZOR_SwitchAdd", "DVSZOR_GlobalPropSet", "DVSZOR_HostPropSet", "DVSZOR_SwitchAssociate",
                   "DVSZOR_PortAdd", "DVSData_Alloc", "DVSData_Serialize"},
                  17, CreateSmall, [] { ASSERT_EQ(VSDVS_DestroyVSwitch(LAB), STATUS_OK); });
-    // What the undo itself meets changes nothing about the status, and doesn't end it.
+    // Failures of the undo do not change the status and do not end the undo.
     vshost_fail(VSHOST_STORE, "DVSZOR_PortAdd", 3, 1, STATUS_BUSY);
     vshost_fail(VSHOST_STORE, "DVSZOR_SwitchDissociate", 1, 1, STATUS_IO_ERROR);
     vshost_fail(VSHOST_STORE, "DVSZOR_SwitchRemove", 1, 1, STATUS_IO_ERROR);
@@ -133,7 +133,7 @@ TEST_F(Lifecycle, ADestructionStopsAtItsFirstFailure)
     EXPECT_EQ(StepsOf([] { EXPECT_EQ(VSDVS_DestroyVSwitch(LAB), STATUS_NOT_FOUND); }), Steps{});
 }
 
-// What has changed depends on who gave the status, the library or the store.
+// The changes depend on the source of the status, the library or the store.
 TEST_F(LabTest, TheStoreMayAnswerWithAStatusThatTheLibraryHasToo)
 {
     const auto destroy = [] { return VSDVS_DestroyVSwitch(LAB); };
@@ -225,7 +225,7 @@ TEST_F(LabTest, APortNumberStandsInTheStatusRecord)
     Reading{PORT_STATUS, byId, cases}.Check();
 }
 
-// Runs one of this program's disabled tests as a process of its own on the same host.
+// Runs one of this program's disabled tests in another process on the same host.
 int RunInAnotherProcess(const char *test)
 {
     const std::string filter = "--gtest_filter="s + test;

@@ -1,5 +1,4 @@
-// The data path's configuration: what it refuses, what it takes over from the process before, what it
-// removes.
+// The data path's configuration: what it refuses, takes over from an earlier process, and removes.
 #include <filesystem>
 
 #include "tests/live_fixture.h"
@@ -96,7 +95,7 @@ TEST_F(LiveDataPath, RefusesWhatItCannotCarryOutAndStaysAsItIs)
         EXPECT_EQ(Ports(run.Run(1, BroadcastOf(1))), (Numbers{2, 3, 4}));
         EXPECT_EQ(Ports(run.Run(5, BroadcastOf(2))), (Numbers{6, 7}));
     }
-    // Nothing was lost on the way: the last place is free.
+    // No place was lost: the last one is free.
     SwitchConfig fifth = ManyPorts("one", 1, 4);
     fifth.ports.push_back(Port(8, 8));
     run.Publish(fifth);
@@ -146,7 +145,8 @@ TEST_F(LiveDataPath, TakesOverWhatAnotherProcessLeft)
         options.capacity.ports = 2; // counts for new maps alone
         TestRun run(options);
         EXPECT_EQ(run.path.SwitchIds(), (std::vector<std::string>{"one", "two"}));
-        EXPECT_EQ(Ports(run.Run(2, FrameOf(3, 1))), Numbers{1}) << "before anything was published";
+        EXPECT_EQ(Ports(run.Run(2, FrameOf(3, 1))), Numbers{1})
+            << "before the first configuration was published";
         EXPECT_EQ(Ports(run.Run(2, BroadcastOf(3))), (Numbers{1, 3}));
         LiveCounters counters;
         ASSERT_EQ(run.path.ReadCounters(1, counters), STATUS_OK);
@@ -187,7 +187,7 @@ TEST_F(LiveDataPath, PublishesManySwitchesAtOnce)
         ASSERT_EQ(run.path.PrepareSwitch(ManyPorts("s" + std::to_string(i), 10 * i + 1, 3), changes[i]),
                   STATUS_OK);
         all.push_back(&changes[i]);
-        // As long as it is not published, nothing is there.
+        // Before it is published, it has no effect.
         EXPECT_EQ(Ports(run.Run(10 * i + 1, BroadcastOf(1))), Numbers{});
     }
     run.path.Publish(all);
@@ -201,18 +201,19 @@ TEST_F(LiveDataPath, HasPortsWithoutInterfaceAndWithLargeOnes)
     run.Publish(Switch("one", {Port(1, 3000000), Port(2, 0), Port(3, 3)}));
     EXPECT_EQ(Ports(run.Run(3000000, BroadcastOf(1))), Numbers{3});
     EXPECT_EQ(Ports(run.Run(3, FrameOf(2, 1))), Numbers{3000000});
-    // The interface comes back as another one; then two ports exchange theirs.
+    // The interface returns with another index; then two ports exchange their interfaces.
     run.Publish(Switch("one", {Port(1, 3000001), Port(2, 9), Port(3, 3)}));
     EXPECT_EQ(Ports(run.Run(3000000, BroadcastOf(1))), Numbers{});
     EXPECT_EQ(Ports(run.Run(3, FrameOf(2, 1))), Numbers{})
-        << "what was learned by the old interface is forgotten";
+        << "addresses learned by the old interface are forgotten";
     EXPECT_EQ(Ports(run.Run(3000001, BroadcastOf(1))), (Numbers{3, 9}));
     run.Publish(Switch("one", {Port(1, 9), Port(2, 3000001), Port(3, 3)}));
     EXPECT_EQ(Ports(run.Run(9, BroadcastOf(1))), (Numbers{3, 3000001}));
     EXPECT_EQ(Ports(run.Run(3, FrameOf(2, 1))), Numbers{9});
     LiveCounters counters;
     ASSERT_EQ(run.path.ReadCounters(1, counters), STATUS_OK);
-    EXPECT_EQ(counters.values[LIVE_FROM_PACKETS], 3u) << "counters are the port's, whatever its interface";
+    EXPECT_EQ(counters.values[LIVE_FROM_PACKETS], 3u)
+        << "counters belong to the port, whatever its interface";
 }
 
 }

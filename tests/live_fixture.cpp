@@ -160,7 +160,7 @@ std::vector<Sent> TestRun::Run(uint32_t port, const Bytes &frame, uint32_t segme
     options.ctx_size_in = sizeof(context);
     options.repeat = 1;
     EXPECT_EQ(bpf_prog_test_run_opts(path.Kernel().Program(), &options), 0) << strerror(errno);
-    EXPECT_EQ(options.retval, 2u) << "a frame reached the machine's own stack";
+    EXPECT_EQ(options.retval, 2u) << "a frame reached the machine's network stack";
 
     std::vector<Sent> sent;
     for (uint32_t i = 0; i < std::min(run->count, LIVE_TEST_COPIES); i++)

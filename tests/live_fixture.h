@@ -1,5 +1,5 @@
-// Tests of the data path in the kernel. They need root and a kernel that permits bpf; elsewhere they are
-// skipped, unless VSWITCHCTL_REQUIRE_LIVE says that the machine is able.
+// Tests of the data path in the kernel. They need root and a kernel that permits bpf. Without these they are
+// skipped, unless VSWITCHCTL_REQUIRE_LIVE is set.
 #pragma once
 
 #include <cstring>
@@ -15,7 +15,7 @@ namespace live_test {
 
 using namespace live;
 
-// A network namespace and a bpf file system of the process's own, for as long as it runs.
+// A private network namespace and bpf file system, for as long as the process runs.
 class Sandbox {
 public:
     static Sandbox &Get();
@@ -61,7 +61,7 @@ public:
     explicit Medium(const LoadOptions &options);
     virtual ~Medium() = default;
 
-    // What leaves when a frame comes in by a port, in the order of the ports.
+    // The frames that leave when a frame enters by a port, in the order of the ports.
     virtual std::vector<Sent> Run(uint32_t port, const Bytes &frame, uint32_t segmentSize = 0) = 0;
     virtual uint32_t InterfaceOf(uint32_t port) const { return port; }
     virtual void SetTime(uint64_t) {}
@@ -74,7 +74,7 @@ public:
     DataPath path;
 };
 
-// Ports have interfaces of their own number, unless they say otherwise.
+// Ports have interfaces with their own number, unless the configuration names another.
 class TestRun : public Medium {
 public:
     explicit TestRun(const LoadOptions &options);

@@ -1,5 +1,5 @@
-// What a switch does with a frame, written as plainly as it can be said: no maps of a kernel, no epochs, no
-// counts kept beside the table. Tests compare it with the data path.
+// A plain model of what a switch does with a frame, without a kernel's maps, epochs or counts beside the
+// table. Tests compare it with the data path.
 #pragma once
 
 #include <algorithm>
@@ -28,11 +28,11 @@ public:
     HostConfig host;
     std::map<uint32_t, PortConfig> ports;
     std::map<std::pair<uint16_t, Mac>, Entry> table;
-    std::map<uint32_t, int> links; // what sending by a port answers
+    std::map<uint32_t, int> links; // the result of sending by a port
     std::map<uint32_t, std::array<uint64_t, LIVE_COUNTERS>> counters;
     uint64_t now = 0;
 
-    // What leaves when a frame comes in, in the order of the ports.
+    // The frames that leave when a frame enters, in the order of the ports.
     std::vector<Sent> Receive(uint32_t from, const Bytes &bytes, uint32_t segmentSize)
     {
         sent.clear();
@@ -237,7 +237,7 @@ private:
         return {};
     }
 
-    // A port without learning has one address; a new one makes it forget the one before.
+    // A port without learning has one address; a new address replaces it.
     void ForgetOtherAddress()
     {
         std::optional<std::pair<uint16_t, Mac>> &last = lastAddress[sender];
@@ -315,7 +315,7 @@ private:
         return port.number != sender && port.ifindex != 0 && !port.blocked && Carries(port, vlan);
     }
 
-    // Copies to the local ports that want one. How many went.
+    // Sends copies to the local ports that want one. Returns their number.
     uint32_t SendToPorts(const std::function<bool(const PortConfig &)> &wants)
     {
         uint32_t copies = 0;
@@ -345,7 +345,7 @@ private:
 
     bool SendToUplink()
     {
-        bool queueWasFull = false; // the frame goes round it, and the port stays where it is
+        bool queueWasFull = false; // the frame avoids the port, whose place stays the same
         for (const PortConfig *uplink : UplinksInOrder()) {
             if (!Reaches(*uplink)) continue;
             const int result = Send(*uplink);
@@ -396,7 +396,7 @@ private:
             if (Carries(port, vlan) && port.ifindex != 0) {
                 if (port.blocked)
                     counters[port.number][LIVE_DROP_BLOCKED]++;
-                else if (Send(port) != 0) // nobody learns that it failed
+                else if (Send(port) != 0) // the failure is not reported
                     Count(port.number, LIVE_TO_PACKETS, LIVE_TO_BYTES, LengthAt(port), LIVE_TO_MULTICAST);
                 return {};
             }

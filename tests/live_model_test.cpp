@@ -62,7 +62,7 @@ public:
         EXPECT_EQ(run.path.Kernel().host[0].learned, model.LearnedBy({}));
     }
 
-    // Whether the walk met everything that is counted.
+    // Whether the walk has reached every counter.
     void ExpectAllCountersMoved() const
     {
         for (uint32_t i = 0; i < LIVE_COUNTERS; i++) {
@@ -211,7 +211,7 @@ private:
         default:
             return Forget(port.number);
         }
-        Sweep(); // so that the sweep that a change may bring finds nothing
+        Sweep(); // so that a sweep during a change finds nothing
         PublishPort(port);
     }
 
@@ -251,7 +251,7 @@ private:
         model.Forget(port);
     }
 
-    // What needs a snapshot, and so takes longer.
+    // Changes that need a snapshot and so take longer.
     void ChangePorts()
     {
         Sweep();

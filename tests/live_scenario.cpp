@@ -139,7 +139,7 @@ struct TestFrame {
         return bytes;
     }
 
-    // With this outer tag; empty: none.
+    // With this outer tag, or without one if it is empty.
     Bytes With(const std::string &outer) const
     {
         Bytes bytes = Inner(), tag;
@@ -149,7 +149,7 @@ struct TestFrame {
     }
 };
 
-// "a>b 10/3,7 len=1000 seg=500 tcp": source, destination, tags, and what else is to be said.
+// "a>b 10/3,7 len=1000 seg=500 tcp": source, destination, tags, and further words.
 TestFrame Frame(const std::vector<std::string> &words)
 {
     TestFrame frame;
@@ -223,7 +223,7 @@ private:
         return drops;
     }
 
-    // What was sent, as a row would say it.
+    // The frames that were sent, in the form of a row.
     static std::string Describe(const std::vector<Sent> &sent)
     {
         std::string text;
@@ -299,7 +299,7 @@ private:
         run.SetLink(Number(words[1]), std::stoi(words[2]));
     }
 
-    // "set 1 vlan=10": the port has these policies and no others.
+    // "set 1 vlan=10": replaces the port's policies.
     void SetPort(const std::vector<std::string> &words)
     {
         const PortConfig port = Config(words[1]).ports[0];
@@ -307,7 +307,7 @@ private:
         AddTo(words);
     }
 
-    // "add 1 block": these policies besides.
+    // "add 1 block": adds these policies.
     void AddTo(const std::vector<std::string> &words)
     {
         PortConfig &port = Port(Number(words[1]));
@@ -322,13 +322,13 @@ private:
         run.Publish(config = Config(std::string(row.ports) + "; " + Join(words)));
     }
 
-    // "ports 1; 9 up": these ports instead.
+    // "ports 1; 9 up": replaces the ports.
     void Replug(const std::vector<std::string> &words)
     {
         run.Publish(config = Config(Join({words.begin() + 1, words.end()})));
     }
 
-    // "host off limit=5 flood=2": what holds for all switches.
+    // "host off limit=5 flood=2": settings of all switches.
     void SetHost(const std::vector<std::string> &words)
     {
         HostConfig host;

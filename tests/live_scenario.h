@@ -1,11 +1,11 @@
-// Tables of frames: what a switch is, what happens on it, and which frames leave.
+// Tables of frames: a switch, events on it, and the frames that leave.
 #pragma once
 
 #include "tests/live_fixture.h"
 
 namespace live_test {
 
-// A switch, and what happens on it, line by line.
+// A switch and the events on it, line by line.
 //
 // A switch is "1 vlan=10; 2 trunk=0,5-7; 9 up; switch mtu=1000": ports by their numbers, with their policies.
 // A line is "1 a>b 10 => 2 9:10/3 !VLAN": a frame from address a to b with tag 10 into port 1; it leaves by
@@ -22,7 +22,7 @@ struct Table {
     std::vector<Row> rows;
 };
 
-// What the data path must do with frames.
+// The data path's expected treatment of frames.
 const std::vector<Table> &FrameTables();
 
 void Play(Medium &medium, const Row &row);

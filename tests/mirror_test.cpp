@@ -1,8 +1,8 @@
 // Mirror lists against a model: sessions with their own entries, written out as one list.
-#include "tests/family.h"
-
 #include <algorithm>
 #include <random>
+
+#include "tests/family.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ std::string List(const Model &model, const Header &header = {})
            Word(static_cast<uint32_t>(entries.size() / 52)) + Word(header.reserved) + sessions + entries;
 }
 
-// A session of so many entries, each with bytes of its own.
+// A session of this many entries, each with different bytes.
 Session Made(const std::string &id, uint32_t a, uint32_t b = 0, uint32_t c = 0)
 {
     Session session = {id, std::string(184, id[0]), {a, b, c}, {}};
@@ -122,7 +122,7 @@ TEST_F(LabTest, ACallersListMustAddUp)
         VsStatus status;
     } cases[] = {
         {list(1, 0, 0, 2, 3), STATUS_OK},
-        {list(0, 0, 1, 0, 3), STATUS_OK}, // order, gaps and overlaps are not looked at
+        {list(0, 0, 1, 0, 3), STATUS_OK}, // order, gaps and overlaps are not checked
         {list(1, 0, 0, 3, 3), STATUS_BAD_PARAM},
         {list(1, 1, 0, 1, 3), STATUS_BAD_PARAM},
         {list(0, 0, 0, 0, 3), STATUS_BAD_PARAM},
@@ -174,7 +174,7 @@ TEST_F(LabTest, AStoredListMustHoldWhatItCounts)
         EXPECT_EQ(AT_PORT.RemoveSession("a"), STATUS_FAILURE);
         EXPECT_EQ(AT_PORT.Stored(), row.stored);
     }
-    // Edits keep the header of whoever made the list, and nothing beyond its counts.
+    // Edits keep the list's header, and no bytes beyond its counts.
     AT_PORT.Store(list + "extra");
     ASSERT_EQ(AT_PORT.Append(List({Made("c", 1)}, {7, 7, 7})), STATUS_OK);
     EXPECT_EQ(AT_PORT.Stored(), List({two[0], two[1], Made("c", 1)}, others));
@@ -212,7 +212,7 @@ TEST_F(LabTest, OnlyARemovalLooksAtTheBlocks)
         EXPECT_EQ(AT_PORT.Append(List({Made("d", 1)})), STATUS_OK);
         EXPECT_EQ(AT_PORT.Stored()->substr(20, 3 * 232), list.substr(20, 3 * 232));
     }
-    // Entries that no session owns stay, between the blocks and behind them.
+    // Entries that do not belong to a session stay, between the blocks and after them.
     for (const char unowned : {'\0', '\1'}) {
         std::string list = whole + std::string(52, 'e'), expected = List({Made("a", 1), Made("c", 1)});
         list[12] = 5;
@@ -227,7 +227,7 @@ TEST_F(LabTest, OnlyARemovalLooksAtTheBlocks)
         EXPECT_EQ(AT_PORT.Stored(), expected.substr(0, 20 + 2 * 232) + entries.substr(0, before) +
                                         entries.substr(before + 2 * 52));
     }
-    // A list's only session takes the list with it.
+    // Removing the only session removes the list.
     std::string only = List({Made("a", 1)});
     only[20 + 228] = 9;
     AT_PORT.Store(only);

@@ -1,6 +1,5 @@
-// Every operation as it is documented, on the host of model_host.h. The steps are those that the
-// documentation lists, in their order: the first that fails ends the operation, which then leaves what is
-// documented.
+// Every operation as it is documented, on the host of model_host.h. It takes the documented steps in their
+// order: the first failing step ends the operation, which leaves the documented remainder.
 #pragma once
 
 #include "tests/model_host.h"
@@ -487,7 +486,7 @@ public:
         Require(listing != VSHOST_SHELL_NOT_STARTED, STATUS_FAILURE);
         std::vector<std::string> changed;
         const auto change = [&] {
-            // A listing that fails is an empty one.
+            // A failed listing counts as empty.
             for (const std::string &nic : listing ? std::vector<std::string>() : Uplinks(SwitchOf(portset))) {
                 SetNicMtu(nic, wanted);
                 changed.push_back(nic);

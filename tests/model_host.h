@@ -1,4 +1,4 @@
-// What an embedded host holds, in plain maps, and what its store, its shell and its driver answer from them.
+// The content of an embedded host in plain maps, and the answers of its store, shell and driver.
 // Written from the documentation of the host, not from its code; model.h puts the operations on top.
 #pragma once
 
@@ -50,7 +50,7 @@ enum Key {
     ANY_PORT,
 };
 
-// As documented, and as other programs know them.
+// As documented.
 inline const Property KEYS[] = {
     {"com.talpex.common.alias", StoreLevel::GLOBAL, 0x10},
     {"com.talpex.common.version", StoreLevel::GLOBAL, 0x10},
@@ -107,7 +107,7 @@ template<size_t size> void SetField(char (&field)[size], std::string_view text)
     field[text.copy(field, size - 1)] = '\0';
 }
 
-// What is plugged in, for the host and for the model.
+// The plugged-in NICs, for the host and for the model.
 inline constexpr char LAG_PORTSET[] = "alpha";
 inline constexpr char SCENARIO[] = R"({
     "nics": {"nic0": {"refusedMtus": [8000]}, "nic1": {"link": "down"}},
@@ -125,7 +125,7 @@ inline void Require(bool condition, VsStatus otherwise)
     if (!condition) Fail(otherwise);
 }
 
-// Runs a step; when it fails, what came before is undone, whatever the undoing itself says.
+// Runs a step. When it fails, the steps before it are undone, whatever the results of the undo.
 template<typename Step> bool Succeeds(Step step)
 {
     try {
@@ -144,7 +144,7 @@ template<typename Step, typename Undo> void OrUndo(Step step, Undo undo)
         throw;
     }
 }
-// What a step yields, or `otherwise` when what it needs is absent.
+// The result of a step, or `otherwise` when something that it needs is absent.
 template<typename Step> std::string IfThere(Step step, const std::string &otherwise)
 {
     try {
@@ -437,7 +437,7 @@ public:
         macs.erase(name);
     }
 
-    // Of a switch that runs, or would; nothing when it has neither portset name nor alias.
+    // The portset of a switch, running or not; nothing when it has neither a portset name nor an alias.
     std::optional<std::string> PortsetOf(const std::string &id)
     {
         for (const Key key : {PORTSET, ALIAS})
@@ -519,7 +519,7 @@ public:
         Command("set", [&] { Running(name).mtu = mtu; });
     }
 
-    // The tree of running state: commands, and what they print.
+    // The tree of running state: commands and their output.
     std::map<std::string, std::string> Tree()
     {
         std::map<std::string, std::string> tree;
@@ -816,7 +816,7 @@ private:
         return "";
     }
 
-    // The first NIC that is free, or one that is made for whoever asks.
+    // The first free NIC, or a new one.
     std::string FreeNic() const
     {
         int number = 0;

@@ -3,8 +3,6 @@
 //
 // A walk is a function of its seed. When one fails, it prints its steps, and the command that takes them
 // again.
-#include "tests/model.h"
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +11,8 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "tests/model.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The MTU: read from the running switch, set on each uplink and the portset, then recorded; undone whole.
+#include <algorithm>
+
 #include "tests/command_lines.h"
 #include "tests/family.h"
-
-#include <algorithm>
 
 namespace {
 
@@ -46,7 +46,7 @@ TEST_P(MTUOf, IsSetEverywhereOrNowhere)
 {
     const size_t uplinks = std::min(GetParam(), 32u);
     const uint64_t before = vshost_fingerprint();
-    // The nth "set" fails: those of the uplinks before it are restored, the last one first.
+    // The nth "set" fails: the uplinks set before it are restored, last first.
     for (size_t failing = 0; failing <= uplinks; failing++) {
         vshost_fail(VSHOST_SHELL, "set", static_cast<unsigned>(failing + 1), 1,
                     failing % 2 ? 1 : VSHOST_SHELL_KILLED);
@@ -135,7 +135,7 @@ TEST_F(LabTest, TheLastNumberOfTheOutputIsTheMTU)
 
 TEST_F(LabTest, AListingIsReadLineByLine)
 {
-    const std::string longest(30, 'n'); // with its "/" all that an entry holds
+    const std::string longest(30, 'n'); // with its "/" the longest possible entry
     ASSERT_EQ(vshost_scenario(("{\"nics\": {\"" + longest + "\": {}}}").c_str()), 0) << vshost_error();
     const struct {
         std::string listing;

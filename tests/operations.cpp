@@ -378,7 +378,7 @@ public:
         if (!IsOutput()) return;
         EXPECT_NE(memory, before) << "an output is not written";
         EXPECT_TRUE(std::equal(memory.end() - GUARD, memory.end(), before.end() - GUARD))
-            << "written too far";
+            << "written beyond its end";
         if (argument.kind == Kind::LIST) release(*reinterpret_cast<void *const *>(memory.data()));
     }
 

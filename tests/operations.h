@@ -1,15 +1,15 @@
-// All exported operations, in one table: arguments that make each succeed on the prepared host, the calls
-// that it then makes, and what is documented about its failures.
+// A table of all exported operations: arguments that make each succeed on the prepared host, the calls that
+// it then makes, and the documented behaviour of its failures.
 #pragma once
 
 #include "tests/fixture.h"
 
 #include <functional>
 
-// What an output holds after a failure.
+// The content of an output after a failure.
 enum class Failed {
     UNTOUCHED,
-    CLEARED,            // zero, whatever failed
+    CLEARED,            // zero after any failure
     CLEARED_BY_REQUEST, // zero once a request is on its way
     NULLED,             // null once the arguments were tested
     NULLED_LATER,       // null once a first read or request has succeeded
@@ -38,7 +38,7 @@ struct Argument {
 inline constexpr VsStatus ANY_STATUS = STATUS_OK;
 inline constexpr VsStatus SAME_STATUS = UINT32_MAX;
 
-// A failing call that doesn't simply end the operation with the call's own status and nothing changed.
+// A failing call that does not end the operation with its own status and without changes.
 struct Exception {
     const char *call;              // as vshost.h names it; "request" for one to the driver
     unsigned nth = 0;              // 0: each
@@ -63,7 +63,7 @@ struct Operation {
         exceptions.push_back(exception);
         return *this;
     }
-    // An absent property is no failure.
+    // An absent property is not a failure.
     Operation &Absent(const char *call) { return Except({call, 0, STATUS_NOT_FOUND, STATUS_OK}); }
     Operation &Remains(const char *call, unsigned nth = 0)
     {
@@ -74,8 +74,8 @@ struct Operation {
         return Except({call, nth, ANY_STATUS, STATUS_OK});
     }
 
-    // What the operation must return, and whether it leaves something changed, when the nth such call fails;
-    // `usual` is the status of a row without exception.
+    // The operation's status when the nth such call fails, and whether something stays changed. `usual` is
+    // the status of a row without an exception.
     Exception Expect(const std::string &call, unsigned nth, uint32_t failing, VsStatus usual) const;
 
     std::string name;
@@ -109,15 +109,15 @@ struct [[gnu::packed]] OptionRecord {
 };
 inline constexpr OptionRecord OPTIONS = {.value = 2};
 
-// Starts a host on which every row can succeed, and prepares it for this one.
+// Starts a host on which every row can succeed, and prepares it for this row.
 void StartPreparedHost(const Operation &operation);
 
-// Calls the operation and looks at its outputs. Recorded meanwhile: Calls().
+// Calls the operation and checks its outputs. Calls() gives the calls that it made.
 struct Invocation {
     static constexpr size_t NONE = SIZE_MAX;
     const char *alias = nullptr;    // instead of the row's
     size_t null = NONE;             // this argument is null
-    const void *replaced = nullptr; // this argument gives way to `text`
+    const void *replaced = nullptr; // `text` replaces this argument
     const char *text = nullptr;
 };
 VsStatus Invoke(const Operation &operation, const Invocation &invocation = {});

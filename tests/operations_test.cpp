@@ -1,9 +1,9 @@
-// What holds for every operation: it is exported, does the calls it should, refuses null pointers and unknown
-// aliases, leaves its outputs as documented when it fails, and nothing behind.
-#include "tests/operations.h"
-
+// Every operation is exported, makes the documented calls, refuses null pointers and unknown aliases, leaves
+// its outputs as documented when it fails, and leaks nothing.
 #include <dlfcn.h>
 #include <set>
+
+#include "tests/operations.h"
 
 namespace {
 

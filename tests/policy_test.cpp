@@ -1,5 +1,4 @@
-// Policies of one property each: what is written, how what anybody wrote is read, and what a clear makes of
-// nothing.
+// Policies of one property: what is written, how any stored value is read, and clearing an absent property.
 #include "tests/family.h"
 
 namespace {
@@ -16,7 +15,7 @@ template<typename Record> const Record *As(const std::string &bytes)
     return reinterpret_cast<const Record *>(bytes.data());
 }
 
-// Writes the count of the table that was handed out, which says that it is the stored one.
+// Writes the count of the returned table, which identifies the stored table.
 VsStatus GetTable(VsStatus (*get)(const char *, LSTeamingPolicyTable **), const char *name, char *out)
 {
     auto *const untouched = reinterpret_cast<LSTeamingPolicyTable *>(8);
@@ -236,7 +235,7 @@ TEST_F(LabTest, AClearOfNothing)
     const struct {
         std::function<VsStatus()> clear;
         Property property;
-        VsStatus status; // when nothing is there
+        VsStatus status; // when nothing is stored
     } cases[] = {
         {[] { return VSDVS_ClearExtraEthFilter(LAB, PORT); }, PORT_ETH_FILTER, STATUS_OK},
         {[] { return VSDVS_ClearMACLearning(LAB); }, HOST_MAC_LEARNING, STATUS_NOT_FOUND},
@@ -314,7 +313,7 @@ TEST_F(LabTest, AMACRecordNotesTheSecurityOfItsMoment)
     vshost_fail(VSHOST_STORE, "DVSZOR_PortDataGet", 1, 1, STATUS_IO_ERROR);
     expectSet(false);
     expectSet(true);
-    Write(PORT_SECURITY, Word(2)); // a later change doesn't reach the record
+    Write(PORT_SECURITY, Word(2)); // a later change does not change the record
     EXPECT_EQ(Read(PORT_MAC_MANAGEMENT)->bytes, '\1' + bytes);
 }
 

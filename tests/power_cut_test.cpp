@@ -1,10 +1,7 @@
-// A power cut: the disk then holds what was synced, and any part of what was written since. All that a host
-// does to its directory is recorded; the directory is put together again as a disk could hold it after a cut
-// between any two steps, and opened: what was confirmed is there, a write in flight is whole or absent.
-// VSWITCHCTL_RANDOM_FATES sets how many random disks each cut gets.
-#include "core/store.h"
-#include "tests/fixture.h"
-
+// A power cut leaves on the disk all that was synced, and any part of the later writes. The test records what
+// a host does to its directory. For a cut between any two steps, it rebuilds the directory as a disk could
+// hold it and opens it: every confirmed write is stored, and a write in flight is whole or absent.
+// VSWITCHCTL_RANDOM_FATES sets the number of random disks for each cut.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -27,13 +24,16 @@
 #include <thread>
 #include <unistd.h>
 
+#include "core/store.h"
+#include "tests/fixture.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 
 constexpr size_t SECTOR = 512;
 
-// Of each cut.
+// Random disks for each cut.
 unsigned RandomFates()
 {
     const char *text = getenv("VSWITCHCTL_RANDOM_FATES");
@@ -50,13 +50,13 @@ struct Event {
     Listing listing = {}; // of the directory `file`, from now on
 };
 
-// What was committed, and after how many events.
+// A committed state, and the number of events before it.
 struct State {
     size_t events;
     uint64_t fingerprint;
 };
 
-// STATUS_OK of the write of a number to a port, after how many events.
+// A number whose write to a port returned STATUS_OK, and the number of events before that.
 struct Confirmation {
     size_t events;
     size_t port;
@@ -65,7 +65,7 @@ struct Confirmation {
 
 struct Trace {
     ino_t root = 0;
-    size_t first = 0; // event of those that are recorded; those before it make what was there
+    size_t first = 0; // recorded event; the events before it build the state at the start
     std::vector<Event> events;
     std::vector<State> states;
     std::vector<Confirmation> confirmed;
@@ -83,7 +83,7 @@ std::string ReadFile(const std::string &path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Records what happens below a directory, in order.
+// Records the changes below a directory, in order.
 class Recorder {
 public:
     void Start(const std::string &directory)
@@ -114,7 +114,7 @@ public:
         streams.clear();
         return std::move(trace);
     }
-    // From now on the state after each commit is noted, now for the first time.
+    // Notes the present state, and from now on the state after each commit.
     void NoteStates()
     {
         Note();
@@ -153,7 +153,7 @@ public:
         Look(root);
         return result;
     }
-    // The lock of writers is released when a commit is over, before any caller hears of it.
+    // The writers' lock is released after a commit, before any caller gets its status.
     void Unlocked(int fd)
     {
         struct stat status = {};
@@ -275,12 +275,12 @@ namespace {
 
 // ---- The disk ----
 
-// What became of all that was not synced.
+// The fate of everything that was not synced.
 struct Fate {
     enum Rest { NONE, ALL, RANDOM };
     Rest writes, names;
-    const Event *lost = nullptr; // this write alone is left out
-    const Event *torn = nullptr; // of this one, only the sectors of one half are there
+    const Event *lost = nullptr; // only this write is left out
+    const Event *torn = nullptr; // only half the sectors of this write are on the disk
     bool firstHalf = false;
     unsigned seed = 0;
 };
@@ -387,11 +387,10 @@ std::vector<Fate> Fates(const Disk &disk, size_t cut)
 
 // ---- The host ----
 
-// What processes share in memory is in these, and on the disk in no order.
+// These files hold memory that processes share; the disk holds them in any order.
 bool IsMemory(const std::string &path) { return path.ends_with("-shm") || path.ends_with("/control"); }
 
-// The control file tells by itself that it is of an earlier start of the machine: see
-// MemoryEndsWithTheMachine.
+// The control file itself says that it is from an earlier start of the machine: see MemoryEndsWithTheMachine.
 std::string Garbage(const std::string &path) { return path.ends_with("-shm") ? std::string(32768, 'x') : ""; }
 
 void WriteFile(const std::string &path, const std::string &content)
@@ -403,7 +402,7 @@ constexpr size_t PORTS = 4;
 
 std::string PortName(size_t port) { return "port" + std::to_string(port); }
 
-// What a disk comes up as.
+// The state of a disk after a cut.
 struct Found {
     uint64_t state;
     std::array<uint32_t, PORTS> numbers;
@@ -435,7 +434,7 @@ protected:
         ASSERT_EQ(Start(), 0) << vshost_error();
         TheRecorder().NoteStates();
     }
-    // A call that changes something: when it returns, its commit is over.
+    // A call that changes something has committed when it returns.
     void Step(VsStatus status)
     {
         ASSERT_EQ(status, STATUS_OK);
@@ -466,7 +465,7 @@ protected:
         }
     }
 
-    // It must be sound and take writes.
+    // Opens the disk as a host, which must be sound and take writes.
     Found Open(const Image &image)
     {
         const std::string host = folder + "/cut/hosts/host";
@@ -528,7 +527,7 @@ protected:
                trace.states.size(), fates, opened.size());
     }
 
-    // Nothing went past the recorder: its disk with everything on it is the one that is there.
+    // The recorder missed nothing: its disk with all writes equals the real directory.
     void ExpectWhole(const Trace &trace)
     {
         Disk disk(trace.root);
@@ -594,10 +593,10 @@ TEST_F(PowerCut, KeepsWhatThreadsWereConfirmedTogether)
     const auto write = [&ids](size_t port, uint32_t number) {
         ids[port] = gettid();
         const std::string name = PortName(port);
-        EXPECT_EQ(DVSZOR_PortDataSet("lab-id", name.c_str(), "number", &number, sizeof number, 0x10),
+        EXPECT_EQ(DVSZOR_PortDataSet("lab-id", name.c_str(), "number", &number, sizeof(number), 0x10),
                   STATUS_OK);
         TheRecorder().Confirm(port, number);
-        EXPECT_EQ(DVSZOR_PortDataSet("lab-id", "none", "number", &number, sizeof number, 0x10),
+        EXPECT_EQ(DVSZOR_PortDataSet("lab-id", "none", "number", &number, sizeof(number), 0x10),
                   STATUS_NOT_FOUND);
     };
     for (uint32_t number = 1; number <= 6; number++) {
@@ -619,14 +618,14 @@ TEST_F(PowerCut, KeepsWhatThreadsWereConfirmedTogether)
 
 TEST_F(PowerCut, KeepsWhatWasConfirmed) { Run(); }
 
-// Without the promise, what is found is still a state that once was.
+// Without the promise, the disk still holds a state that the host once had.
 TEST_F(PowerCut, FallsBackToAnEarlierStateWhereThatIsAllowed)
 {
     durable = 0;
     Run();
 }
 
-// Faults and the other memory of a host end with the machine, whatever a disk kept of them.
+// Faults and the other memory of a host end with the machine, whatever parts of them a disk kept.
 TEST_F(PowerCut, MemoryEndsWithTheMachine)
 {
     const std::string control = Host() + "/control";

@@ -64,7 +64,7 @@ TEST_F(LabTest, APropertyIsReadInTwoCalls)
 TEST_F(LabTest, APropertyIsWrittenAndClearedInOneCall)
 {
     for (const Level &level : LEVELS) {
-        // Typed operations store the second one with other flags.
+        // Typed operations store the second property with other flags.
         for (const std::string key : {KEY, "com.talpex.vswitch.port.vlan"}) {
             const std::string where =
                 " "s + LAB_ID + (level.level == StoreLevel::PORT ? " port0 " : " - ") + key;
@@ -78,7 +78,7 @@ TEST_F(LabTest, APropertyIsWrittenAndClearedInOneCall)
                       Steps{level.step + "Clear" + where});
             EXPECT_EQ(level.clear(LAB, key.c_str(), nullptr, 1), STATUS_NOT_FOUND);
         }
-        // An id that fits is taken as it is; a longer one is not asked for.
+        // An id that fits is used as it is; the store is not asked for a longer id.
         for (const size_t length : {63u, 64u}) {
             const std::string id(length, 'i');
             const VsStatus status = length == 63 ? STATUS_NOT_FOUND : STATUS_BAD_PARAM;

@@ -27,7 +27,7 @@ FAULTS = {part["if"]["properties"]["kind"]["const"]: part["then"]["properties"]
           for part in SCHEMA["$defs"]["fault"]["allOf"]}
 STATUSES = SCHEMA["$defs"]["status"]["anyOf"][1]["enum"]
 
-# What a schema can't say, and the host does.
+# Rules that the host checks and a schema cannot express.
 BEYOND = ("mtu must not be above maxMtu", "a portset has at most", "a host has at most")
 
 U32, U64 = 2**32 - 1, 2**64 - 1
@@ -132,7 +132,7 @@ def at(value, path):
 
 
 def replaced(path, value):
-    """The whole scenario with one value in another's place."""
+    """The whole scenario with one value replaced."""
     scenario = copy.deepcopy(WHOLE)
     if not path:
         return value
@@ -175,7 +175,7 @@ class Scenario(unittest.TestCase):
         self.addCleanup(HOST.vshost_stop)
 
     def apply(self, scenario):
-        """What is wrong with it, empty when nothing is."""
+        """The fault of the scenario, or an empty text."""
         text = scenario if isinstance(scenario, bytes) else json.dumps(scenario).encode()
         error = HOST.vshost_scenario(text)
         said = HOST.vshost_error().decode("utf-8", "replace") if error else ""

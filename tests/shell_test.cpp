@@ -1,7 +1,4 @@
 // The embedded host's shell, as a child process and in process, and the launcher.
-#include "core/store.h"
-#include "tests/fixture.h"
-
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -11,6 +8,9 @@
 #include <iterator>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "core/store.h"
+#include "tests/fixture.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ std::ostream &operator<<(std::ostream &stream, const Ended &ended)
     return stream << std::hex << ended.status << " \"" << ended.out << '"';
 }
 
-// What the command wrote, errors too unless it discards them, and how it ended.
+// The command's output, its errors included unless it discards them, and how it ended.
 Ended Execute(const std::string &command, bool inProcess)
 {
     vshost_shell_in_process(inProcess);
@@ -37,7 +37,7 @@ Ended Execute(const std::string &command, bool inProcess)
     return {pclose(stream), out};
 }
 
-// The same, which must be alike in a child process and in this one.
+// The same in a child process and in this process, with the same result.
 Ended ExecuteBoth(const std::string &command)
 {
     const Ended child = Execute(command, false), own = Execute(command, true);
@@ -174,7 +174,7 @@ TEST_F(Shell, FaultsAreTheSameInProcessAndOut)
             vshost_fail(VSHOST_SHELL, "get", 2, 1, row.outcome);
             vshost_record(1);
             EXPECT_EQ(Execute(get, inProcess).out, "1500\n");
-            EXPECT_EQ(Execute("tybel -e ls /net", inProcess).status, 0) << "another verb doesn't count";
+            EXPECT_EQ(Execute("tybel -e ls /net", inProcess).status, 0) << "another verb does not count";
             EXPECT_EQ(Execute(get, inProcess), row.expected);
             EXPECT_EQ(Execute(get, inProcess).out, "1500\n");
             EXPECT_EQ(vshost_failed(), 1u);
@@ -222,7 +222,7 @@ TEST_F(Shell, IsFoundInEveryWayOfStartingPrograms)
             _exit(127);
         }
         ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(read(ends[0], out, sizeof out - 1), 5) << &start - starts;
+        EXPECT_EQ(read(ends[0], out, sizeof(out) - 1), 5) << &start - starts;
         EXPECT_STREQ(out, "1500\n");
         close(ends[0]);
         close(ends[1]);
@@ -310,7 +310,7 @@ TEST_F(Launcher, SetsTheEnvironmentAndCleansUp)
     EXPECT_EQ(ended.status, 0);
     EXPECT_NE(ended.out.find(":/kept"), std::string::npos) << ended.out;
     const std::string directory = ended.out.substr(0, ended.out.find(' '));
-    EXPECT_FALSE(std::filesystem::exists(directory)) << "a throw-away host goes";
+    EXPECT_FALSE(std::filesystem::exists(directory)) << "the throw-away host is removed";
 }
 
 TEST_F(Launcher, StopsItsCommandWhenItIsStopped)
@@ -376,7 +376,7 @@ TEST_F(Launcher, BindsNics)
     EXPECT_EQ(Vshost("bind nic0 lab uplink1").status, 0);
     EXPECT_EQ(uplinks(), "fast/\nnic0/\n") << "the freed port takes the free NIC";
     EXPECT_EQ(Vshost("remove-nic nic0").status, 0);
-    EXPECT_EQ(uplinks(), "fast/\nnic0/\n") << "one is made for the port that lost its own";
+    EXPECT_EQ(uplinks(), "fast/\nnic0/\n") << "a NIC is made for the port that lost its own";
     vshost_stop();
 }
 
@@ -408,7 +408,7 @@ TEST_F(Launcher, NamesWhatIsWrongAndLeavesItAlone)
 
 namespace fs = std::filesystem;
 
-// A shell line that starts these launchers at once and fails when one of them does.
+// A shell line that starts these launchers at once, and fails when one of them fails.
 std::string AtOnce(const std::vector<std::string> &commands)
 {
     std::string line = "pids=;";
@@ -450,7 +450,7 @@ TEST_F(Launcher, OthersMayResetOrChangeAHostInUse)
     EXPECT_EQ(DVSZOR_SwitchAdd("id", "vswitch", 8, 1), STATUS_OK);
     const std::string reset = VSHOST + " reset --state " + state;
     ASSERT_EQ(Execute(AtOnce({creating("c"), creating("d"), loop(reset)}), false), (Ended{0, ""}));
-    EXPECT_EQ(DVSZOR_SwitchAdd("id", "vswitch", 8, 1), STATUS_EXISTS) << "the store stays";
+    EXPECT_EQ(DVSZOR_SwitchAdd("id", "vswitch", 8, 1), STATUS_EXISTS) << "the store is kept";
     EXPECT_EQ(Vshost("reset --state " + state).status, 0);
     EXPECT_EQ(OnHost("tybel -e ls /net/portsets").out, "");
     EXPECT_EQ(OnHost("tybel -e ls /net/pNics").out, "");

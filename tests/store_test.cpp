@@ -1,7 +1,4 @@
 // The embedded host's store: what it keeps across processes, threads, forks and damage.
-#include "core/store.h"
-#include "tests/fixture.h"
-
 #include <cerrno>
 #include <csignal>
 #include <dlfcn.h>
@@ -15,6 +12,9 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+
+#include "core/store.h"
+#include "tests/fixture.h"
 
 namespace {
 
@@ -85,7 +85,7 @@ uint32_t NumberOf(const char *portId)
 {
     const auto status = Read(StoreLevel::PORT, "com.talpex.common.port.volatile.status", portId, ID);
     uint32_t number = 0;
-    if (status && status->bytes.size() >= 20) memcpy(&number, status->bytes.data() + 16, sizeof number);
+    if (status && status->bytes.size() >= 20) memcpy(&number, status->bytes.data() + 16, sizeof(number));
     return number;
 }
 
@@ -198,7 +198,7 @@ TEST_F(StoreTest, RefusesFilesThatAreNotItsOwn)
     }
 }
 
-// The version in the log counts when another program keeps it out of the file's header.
+// The version in the log counts when another program keeps it from the file's header.
 TEST_F(StoreTest, RefusesAnotherFormatByName)
 {
     int told[2], end[2];
@@ -332,7 +332,7 @@ TEST_F(StoreTest, GivesOutTheLowestFreeNumberUpToTheLimit)
     EXPECT_EQ(NumberOf("a"), 3u);
     EXPECT_EQ(NumberOf("b"), 6u);
     EXPECT_EQ(NumberOf("c"), 9u);
-    // The highest number of all in use, and none free.
+    // The highest number is in use, and none is free.
     using namespace std::string_view_literals;
     Sql("INSERT INTO kv VALUES(" + Literal("number\0\0\x10\0\0"sv) + "," + Literal("far\0away"sv) + ")");
     const uint64_t before = vshost_fingerprint();
@@ -360,7 +360,7 @@ TEST_F(StoreTest, ForgetsARemovedSwitchWhole)
     }
 }
 
-// What each difference between two hosts must show in.
+// The places that must show a difference between two hosts.
 TEST_F(StoreTest, FingerprintsTellNamesValuesAndFlagsApart)
 {
     const std::function<VsStatus()> changes[] = {
@@ -384,7 +384,7 @@ TEST_F(StoreTest, FingerprintsTellNamesValuesAndFlagsApart)
         EXPECT_EQ(seen.insert(vshost_fingerprint()).second, i + 1 < std::size(changes)) << i;
     }
     EXPECT_EQ(vshost_fingerprint(), before);
-    // The same rows but for one name.
+    // The same rows, except for one name.
     ASSERT_EQ(DVSZOR_SwitchAdd("a", "vswitch", 8, 1), STATUS_OK);
     const uint64_t named = vshost_fingerprint();
     ASSERT_EQ(DVSZOR_SwitchRemove("a"), STATUS_OK);
@@ -458,8 +458,8 @@ TEST_F(StoreTest, FollowsOtherProcesses)
     EXPECT_EQ(DVSState_SwitchFindByAlias("lab18"), nullptr);
 }
 
-// SQLite takes the locks of a forking process for the child's own; then the last other process would
-// take the database from under the child.
+// SQLite takes the locks of a forking process for the child's own. The last other process would then delete
+// the child's log.
 TEST_F(StoreTest, AForkedChildIsAProcessOfItsOwn)
 {
     int go[2], done[2];
@@ -473,11 +473,11 @@ TEST_F(StoreTest, AForkedChildIsAProcessOfItsOwn)
     });
     char byte = 0;
     ASSERT_EQ(read(done[0], &byte, 1), 1);
-    vshost_stop(); // the parent is gone
+    vshost_stop(); // the parent leaves the host
     EXPECT_EQ(Wait(Fork([&] { return Start() == 0 && SetPort("p3", "another") == STATUS_OK; })), 0);
     ASSERT_EQ(Start(), 0);
     vshost_stop();
-    EXPECT_TRUE(fs::exists(Database() + "-wal")) << "the log was taken from under the child";
+    EXPECT_TRUE(fs::exists(Database() + "-wal")) << "the log of the child was deleted";
     ASSERT_EQ(write(go[1], &byte, 1), 1);
     EXPECT_EQ(Wait(child), 0);
     ASSERT_EQ(Start(), 0);
@@ -504,8 +504,8 @@ TEST_F(StoreTest, ForksWhileThreadsWrite)
         thread.join();
 }
 
-// A lock that another thread holds at the moment of a fork stays taken in the child for ever: no call may
-// hold one that fork doesn't wait for. A child that hangs is ended by its alarm.
+// A lock that another thread holds during a fork is never released in the child, so a fork must wait for
+// every lock of a call. An alarm ends a child that hangs.
 TEST_F(StoreTest, ForksWhileThreadsLookUp)
 {
     constexpr unsigned HANGS = 20; // seconds
@@ -620,7 +620,7 @@ TEST_F(StoreTest, AReadOnlyDirectorySaysSo)
     ASSERT_EQ(Wait(Fork([&] { return chmod((directory + "/dev").c_str(), 0755) == 0; })), 0);
 }
 
-// The control file ends with the machine's memory: without it, the host has just started.
+// The control file ends with the machine's memory: a host without it has just started.
 TEST_F(StoreTest, AHostThatStartsRunsItsSwitches)
 {
     const auto runs = [] { return system("tybel -e get /net/portsets/ps/numPorts >/dev/null 2>&1") == 0; };
@@ -628,7 +628,7 @@ TEST_F(StoreTest, AHostThatStartsRunsItsSwitches)
     ASSERT_EQ(DVSZOR_SwitchAssociate(ID), STATUS_OK);
     vshost_stop();
     ASSERT_EQ(Start(), 0);
-    EXPECT_FALSE(runs()) << "nobody starts it while the host is up";
+    EXPECT_FALSE(runs()) << "it is not started while the host is up";
     vshost_stop();
     ASSERT_TRUE(fs::remove(directory + "/control"));
     std::vector<pid_t> together;
@@ -640,7 +640,7 @@ TEST_F(StoreTest, AHostThatStartsRunsItsSwitches)
     EXPECT_TRUE(runs());
 }
 
-// Where a program was started, not where it has gone since; its children too.
+// The directory in which a program was started, not its present one; its children's too.
 TEST_F(StoreTest, ARelativeDirectoryIsThatOfTheStart)
 {
     ASSERT_EQ(SetGlobal(ID, ALIAS, Text("lab")), STATUS_OK);
@@ -652,7 +652,7 @@ TEST_F(StoreTest, ARelativeDirectoryIsThatOfTheStart)
     EXPECT_EQ(system((start + "exec sh -c 'cd / && tybel -e get /net/portsets/kept/mtu >/dev/null'").c_str()),
               0);
     if (SANITIZED) return; // Python itself is not built with the sanitizer
-    // A program without the preload, which goes away before it first writes.
+    // A program without the preload, which ends before its first write.
     Dl_info library = {};
     ASSERT_NE(dladdr(reinterpret_cast<void *>(&DVSAliasToSwitchId), &library), 0);
     const std::string program =

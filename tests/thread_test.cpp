@@ -1,9 +1,9 @@
-// Eight threads in one process: each with a switch of its own, all reading one that they share, while a
-// further switch comes and goes. Callers serialize changes to one switch; nothing else.
-#include "tests/fixture.h"
-
+// Eight threads in one process: each has its own switch, and all read a shared switch while another one is
+// created and destroyed. Callers serialize only the changes to one switch.
 #include <atomic>
 #include <thread>
+
+#include "tests/fixture.h"
 
 namespace {
 
@@ -59,7 +59,7 @@ TEST_F(Threads, SwitchesOfTheirOwn)
     EXPECT_EQ(failures, 0);
 }
 
-// Every port is one thread's: all changes arrive, whatever the others write next to them.
+// Every port belongs to one thread: no change is lost, whatever other threads write to other ports.
 TEST_F(Threads, PortsOfASharedSwitchLoseNoUpdate)
 {
     ASSERT_EQ(VSDVS_CreateVSwitch(LAB, LAB_ID, nullptr, 1, 0, 0, 0, THREADS), STATUS_OK);
@@ -79,7 +79,7 @@ TEST_F(Threads, PortsOfASharedSwitchLoseNoUpdate)
     EXPECT_EQ(failures, 0);
 }
 
-// A reader sees the switch whole, or not at all.
+// A reader sees the whole switch or none of it.
 TEST_F(Threads, ReadersWhileASwitchComesAndGoes)
 {
     ASSERT_EQ(VSDVS_CreateVSwitch(LAB, LAB_ID, LAB_PORTSET, 1, 0, 0, 0, 1), STATUS_OK);

@@ -1,7 +1,4 @@
-// Throw-away hosts whose owners were killed, and what removes them.
-#include "core/store.h"
-#include "tests/fixture.h"
-
+// Throw-away hosts whose owners were killed, and their removal.
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -14,13 +11,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "core/store.h"
+#include "tests/fixture.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 
 const std::string VSHOST = fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "platform/vshost";
 
-// What others do at the worst moment: once, before the next call of these.
+// Actions of other processes at the worst moment: each runs once, at the next such call.
 std::function<void()> afterDirectory, beforeLock;
 
 void RunOnce(std::function<void()> &hook)
@@ -28,7 +28,7 @@ void RunOnce(std::function<void()> &hook)
     if (const auto once = std::exchange(hook, nullptr)) once();
 }
 
-// Another program makes a throw-away host, and so looks for what is left over.
+// Another program makes a throw-away host, and so removes hosts without an owner.
 void StartAnother() { EXPECT_EQ(system((VSHOST + " run -- true").c_str()), 0); }
 
 }
@@ -67,7 +67,7 @@ pid_t Start(std::string &line, const std::function<void()> &body)
     close(ends[1]);
     FILE *told = fdopen(ends[0], "r");
     char text[256] = {};
-    EXPECT_NE(fgets(text, sizeof text, told), nullptr);
+    EXPECT_NE(fgets(text, sizeof(text), told), nullptr);
     fclose(told);
     line.assign(text, strcspn(text, "\n"));
     return child;
@@ -113,9 +113,9 @@ TEST(ThrowAway, AHostGoesWhenItsLastUserWasKilled)
     inherited.erase(inherited.find(' '));
 
     StartAnother();
-    EXPECT_TRUE(IsLeft(attached)) << "another process is on it";
-    EXPECT_TRUE(IsLeft(inherited)) << "the command runs and may come to it";
-    EXPECT_TRUE(IsLeft(idle)) << "its owner lives";
+    EXPECT_TRUE(IsLeft(attached)) << "another process uses it";
+    EXPECT_TRUE(IsLeft(inherited)) << "the command runs and may attach to it";
+    EXPECT_TRUE(IsLeft(idle)) << "its owner runs";
     EXPECT_EQ(DVSZOR_SwitchAdd("id", "vswitch", 8, 1), STATUS_OK);
     vshost_stop();
     Kill(second);
@@ -207,7 +207,7 @@ TEST(ThrowAway, WhatIsNoLeftOverStays)
     }
 }
 
-// Locks that this process has on files that are gone, so that they say nothing to anybody.
+// Locks of this process on deleted files, which other processes cannot see.
 int VainLocks()
 {
     int found = 0;
@@ -226,7 +226,7 @@ TEST(ThrowAway, ALookAtTheWorstMomentTakesNoHostAway)
          {std::function<void()>(StartAnother), std::function<void()>([] { beforeLock = StartAnother; })}) {
         afterDirectory = worst;
         ASSERT_EQ(vshost_start(nullptr, 0), 0) << vshost_error();
-        EXPECT_TRUE(!afterDirectory && !beforeLock) << "it was not that moment";
+        EXPECT_TRUE(!afterDirectory && !beforeLock) << "the moment did not occur";
         EXPECT_EQ(fs::path(vshost_directory()).parent_path(), parent);
         EXPECT_EQ(DVSZOR_SwitchAdd("id", "vswitch", 8, 1), STATUS_OK);
         StartAnother();
@@ -239,7 +239,7 @@ TEST(ThrowAway, ALookAtTheWorstMomentTakesNoHostAway)
     std::string dead;
     waitpid(StartOwner(dead, true), nullptr, 0);
     beforeLock = StartAnother;
-    EXPECT_EQ(vshost_start(dead.c_str(), 0), EIO) << "it went while it was opened";
+    EXPECT_EQ(vshost_start(dead.c_str(), 0), EIO) << "it was removed while it was opened";
     EXPECT_NE(std::string(vshost_error()).find(dead), std::string::npos);
     EXPECT_FALSE(IsLeft(dead));
 }

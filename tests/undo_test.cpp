@@ -1,13 +1,13 @@
-// What the embedded host offers for undoing a change: ports with their numbers and NICs, and the names of
+// The embedded host's functions for undoing a change: ports with their numbers and NICs, and the names of
 // properties.
-#include "core/store.h"
-#include "tests/fixture.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
 #include <functional>
+
+#include "core/store.h"
+#include "tests/fixture.h"
 
 namespace {
 
@@ -32,7 +32,7 @@ std::vector<Name> Names(const char *portId, const char *switchId = LAB_ID)
     return names;
 }
 
-// A property with its value, and where it hangs.
+// A property with its value and its place.
 struct Saved {
     Name name;
     std::string portId, value;
@@ -53,8 +53,8 @@ void PutBack(const Saved &saved)
     Write(property, saved.value, saved.portId.c_str());
 }
 
-// Numbers 1 to 4 are free, those of the lab's ports are higher; uplink0 has a NIC of its own, uplink1 one
-// that the host made.
+// Numbers 1 to 4 are free; the lab's ports have higher ones. uplink0 has a plugged-in NIC, uplink1 a NIC that
+// the host made.
 class Undo : public HostTest {
 protected:
     void SetUp() override
@@ -175,7 +175,7 @@ TEST_F(Undo, RefusalsChangeNothing)
     const uint64_t before = vshost_fingerprint();
     for (const auto &row : cases) {
         HostPort wanted = row.base;
-        wanted.number = 2; // free: taken, if the refusal left a half behind
+        wanted.number = 2; // free; it would be taken if the refusal had left a half-made port
         row.change(wanted);
         EXPECT_EQ(vshost_restore_port(row.switchId, &wanted), row.error) << row.what;
         EXPECT_EQ(vshost_fingerprint(), before) << row.what;
@@ -193,7 +193,7 @@ TEST_F(Undo, RefusalsChangeNothing)
     EXPECT_EQ(vshost_list_ports(LAB_ID, nullptr, 0, nullptr), EINVAL);
 }
 
-// As a program does that must also start on other platforms. The store's library has them, which is there
+// As in a program that must also start on other platforms: the store's library has these functions, even
 // without the preload.
 TEST(NoHost, ThePlatformCanBeRecognised)
 {

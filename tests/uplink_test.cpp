@@ -1,4 +1,4 @@
-// Uplinks: ports that also stand in two lists, whoever wrote those.
+// Uplinks: ports that are also in two lists, which any program may have written.
 #include "tests/family.h"
 
 namespace {
@@ -41,7 +41,7 @@ VsStatus Set(const Texts &names, const Texts &ids)
 VsStatus Add(const std::string &name) { return VSDVS_AddSwitchUplinkPort(LAB, name.c_str()); }
 VsStatus RemoveUplink(const std::string &id) { return VSDVS_RemoveSwitchUplinkPort(LAB, id.c_str()); }
 
-// The fields of a list up to their NULs; the list is given back.
+// The fields of a list up to their NULs; releases the list.
 template<typename Field, typename List> Texts Take(List *list)
 {
     Texts texts;
@@ -80,7 +80,7 @@ TEST_F(Uplinks, AreNumberedFromZero)
     ASSERT_EQ(SetNumSwitchUplinkPortsByUUID(LAB_ID, 0), STATUS_OK);
     ExpectStored(Names({}), Ids({}));
     ExpectRead({});
-    // More than a list's 32-bit length holds.
+    // Too many for a list's 32-bit length.
     const UplinkNameList names = {0xFFFFFFFF};
     const UplinkPortIdList ids = {0};
     EXPECT_EQ(StepsOf([&] {
@@ -176,7 +176,7 @@ TEST_F(Uplinks, ListsThatAreNotWholeAreNotRead)
         }
         EXPECT_EQ(vshost_fingerprint(), before);
     }
-    // An id without NUL equals no text: its port is no uplink to be removed, or to collide with.
+    // An id without a NUL does not equal any text: its port is not an uplink to remove or to collide with.
     Store(SWITCH_UPLINK_NAMES, Names({id}));
     Store(HOST_UPLINK_IDS, Ids({id}));
     EXPECT_EQ(RemoveUplink(id), STATUS_OK);
@@ -195,14 +195,14 @@ TEST_F(Uplinks, AreAddedOneByOne)
     ExpectRead({longest, "u"});
     const uint64_t before = vshost_fingerprint();
     EXPECT_EQ(Add("u"), STATUS_EXISTS);
-    EXPECT_EQ(Add(PORT), STATUS_EXISTS) << "said by the store";
+    EXPECT_EQ(Add(PORT), STATUS_EXISTS) << "from the store";
     EXPECT_EQ(StepsOf([&] { EXPECT_EQ(Add(longest + 'u'), STATUS_BAD_PARAM); }), Steps{});
     EXPECT_EQ(vshost_fingerprint(), before);
     ExpectUndone(
         {"DVSZOR_PortAdd", "DVSZOR_GlobalPropSet", "DVSZOR_HostPropSet", "DVSData_Alloc", "DVSData_Serialize",
          "DVSZOR_GlobalPropGet", "DVSZOR_HostPropGet", "DVSZOR_PortDataGet"},
         9, [] { return Add("v"); }, [] { EXPECT_EQ(RemoveUplink("v"), STATUS_OK); });
-    // Without an id list an addition starts anew.
+    // Without an id list, an addition starts new lists.
     Remove(HOST_UPLINK_IDS);
     EXPECT_EQ(Add("b"), STATUS_OK);
     ExpectStored(Names({"b"}), Ids({"b"}));
@@ -211,7 +211,7 @@ TEST_F(Uplinks, AreAddedOneByOne)
     EXPECT_EQ(
         StepsOf([] { EXPECT_EQ(Add("c"), STATUS_BUSY); }),
         (Steps{getNames, "PortAdd lab-id c -", SET_NAMES, SET_IDS, SET_NAMES, "PortRemove lab-id c -"}));
-    ExpectStored(Names({}), {}); // the names record from before, of a switch without lists
+    ExpectStored(Names({}), {}); // the names as before: the switch had no lists
 }
 
 TEST_F(Uplinks, AreRemovedFromBothLists)
@@ -221,7 +221,7 @@ TEST_F(Uplinks, AreRemovedFromBothLists)
     ExpectStored(Names({"a", "c"}), Ids({"a", "c"}));
     EXPECT_EQ(RemoveUplink("b"), STATUS_NOT_FOUND);
     const uint64_t before = vshost_fingerprint();
-    for (const char *alias : {"a", PORT}) { // a port that only the names know, and one in neither list
+    for (const char *alias : {"a", PORT}) { // a port that only the names have, and a port in neither list
         Write(PORT_ALIAS, Text(alias));
         EXPECT_EQ(RemoveUplink(PORT), STATUS_OK);
     }
@@ -245,7 +245,7 @@ TEST_F(LabTest, ClearedUplinkListsLeaveThePorts)
 {
     vshost_fail(VSHOST_STORE, "DVSZOR_HostPropClear", 1, 1, STATUS_BUSY);
     vshost_fail(VSHOST_STORE, "DVSZOR_GlobalPropClear", 1, 1, STATUS_BUSY);
-    for (int round = 0; round < 3; round++) // nothing that it meets is a failure
+    for (int round = 0; round < 3; round++) // it ignores all failures
         EXPECT_EQ(StepsOf([] { EXPECT_EQ(VSDVS_ClearSwitchUplinkPorts(LAB), STATUS_OK); }),
                   (Steps{CLEAR_IDS, CLEAR_NAMES}));
     ExpectStored({}, {});

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Changes of many steps: planned without a trace, made whole or not at all, finished or undone after a cut."""
+"""Changes of many steps: plans write nothing, a change is made as a whole or not at all, also after a cut."""
 import fcntl
 import json
 import os
@@ -90,7 +90,7 @@ class Changes(OnHost):
                                    stdin="[switches.lab]\nabsent = true\n")[0]["after"], None)
 
     def sweep(self, kind, operation, outcome, words, stdin=None):
-        """Fails the 1st, 2nd, 3rd … call until the change goes through; all else must leave things as they were."""
+        """Fails the 1st, 2nd, 3rd … call until the change succeeds; a change that fails must leave no trace."""
         before = self.exported()
         for nth in range(1, 200):
             HOST.vshost_fail(kind, operation, nth, 1, outcome)
@@ -105,7 +105,7 @@ class Changes(OnHost):
                 self.assertEqual(self.exported(), before, f"{operation} {nth}: {done.stderr}")
                 self.assertFalse(self.journal().exists())
             else:
-                return nth  # the library does without that call
+                return nth  # the library ignores the failure of that call
         self.fail("never goes through")
 
     def test_undo_at_each_step(self):
@@ -152,7 +152,7 @@ class Changes(OnHost):
         self.fail(done.stderr)
 
     def state(self):
-        """What an undo must bring back, and a resumed change must come to: all but the numbers of ports."""
+        """The state that an undo restores and a resumed change reaches: all except the numbers of ports."""
         opaque = self.process("property", "get", "lab", "com.talpex.port.extraConfig.vnic.external.id", "--port", "o")
         return self.exported(), opaque.stdout
 
@@ -217,7 +217,7 @@ class Changes(OnHost):
                          f"mirror append lab {sessions} port0", f"apply {other}"):
                 for words in (line.split(), ["--dry-run", *line.split()]):
                     self.refused(words, 1, reason, "vsctl apply --undo")
-            self.process("plan", file)  # reads, and shows what there is
+            self.process("plan", file)  # reads only
             self.run_vsctl("port", "show", "lab", "port0")
             self.run_vsctl("apply", "--undo")
             self.run_vsctl("port", "vlan", "lab", "port0", "7")

@@ -1,4 +1,4 @@
-"""What the tests of vsctl share: an embedded host for each test, and the command run on it.
+"""Shared by the tests of vsctl: an embedded host for each test, and the command on it.
 
 Usage of a test: vsctl_..._test.py BUILD_DIRECTORY SOURCE_DIRECTORY [unittest arguments]
 """
@@ -59,7 +59,7 @@ def writes():
 
 
 class OnHost(unittest.TestCase):
-    """Each test has a host of its own, in its directory."""
+    """Each test has its own host, in its own directory."""
 
     def setUp(self):
         self.directory = pathlib.Path(tempfile.mkdtemp())
@@ -68,7 +68,7 @@ class OnHost(unittest.TestCase):
         self.addCleanup(HOST.vshost_stop)
 
     def environment(self, **more):
-        """That of the host, which this process's own copy doesn't know, with more."""
+        """The environment of the host, which os.environ does not have, and more variables."""
         host = subprocess.run(["env", "-0"], capture_output=True, text=True).stdout
         return dict(line.split("=", 1) for line in host.split("\0") if line) | more
 
@@ -84,7 +84,7 @@ class OnHost(unittest.TestCase):
             time.sleep(0.01)
 
     def run_vsctl(self, *words, code=0, stdin=None):
-        """Standard output; on failure there is none, and the error is one line."""
+        """Standard output, or the error: a failure prints one line and no output."""
         done = self.process(*words, stdin=stdin)
         self.assertEqual(done.returncode, code, f"{words}: {done.stdout}{done.stderr}")
         if code not in (0, 10):
@@ -95,7 +95,7 @@ class OnHost(unittest.TestCase):
         return done.stdout
 
     def refused(self, words, code, *reasons, stdin=None):
-        """The error holds the reasons, and nothing was written on the way to it."""
+        """The error contains the reasons, and nothing was written."""
         with self.subTest(words=[str(word)[:80] for word in words], stdin=(stdin or "")[:200]):
             HOST.vshost_record(1)
             error = self.run_vsctl(*words, code=code, stdin=stdin)
@@ -118,7 +118,7 @@ class OnHost(unittest.TestCase):
         self.rows("switch", "create", "lab", "--uplinks", "2", "--ports", "4")
 
     def exported(self):
-        """The whole configuration, but for ids made at random."""
+        """The whole configuration, except for random ids."""
         switches = {}
         for row in self.rows("switch", "list"):
             name = row["switch"]

@@ -35,7 +35,7 @@ class Terminal(OnHost):
             added = {}
 
             def follow(until):
-                while not until():  # it may look while the change is half made
+                while not until():  # it may read while the change is half made
                     answer = json.loads(watch.stdout.readline())
                     OUTPUT.validate(answer)
                     for change in answer["changes"]:
@@ -88,7 +88,7 @@ class Terminal(OnHost):
             done = shell("$VSCTL " + words.format(number))
             self.assertEqual(done.returncode, code, words)
             self.assertIn(wanted, done.stderr)
-            if "port0" in words:  # the host is whole, whatever was printed into the air
+            if "port0" in words:  # the host is sound, although the output was lost
                 self.assertEqual(self.rows("port", "vlan", "lab", "port0")[0]["id"], number)
 
     def test_what_is_shown_is_one_line_and_harmless(self):

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Every verb of vsctl for its effect, its output and its exit codes."""
+"""Every verb of vsctl: its effect, its output and its exit codes."""
 import fcntl
 import json
 import re
@@ -14,7 +14,7 @@ every_verb = set()
 
 class Verbs(OnHost):
     def check_value(self, verb, words, key, expected):
-        """Sets, reads back, and clears where that is possible."""
+        """Sets a value, reads it back, and clears it where that is possible."""
         noun, name = verb.split()
         target = ["lab", "port1"] if noun == "port" else ["lab"]
         before = self.rows(noun, name, *target)[0]
@@ -114,7 +114,7 @@ class Verbs(OnHost):
         self.assertEqual({row["switch"]: (row["portset"], row["state"]) for row in self.rows("switch", "list")},
                          {"lab": ("lab", "not running"), "two": ("vs2", "running")})
         self.assertEqual(self.rows("switch", "show", "lab")[0]["live"], "not running")
-        for key in ("mtu", "max-ports"):  # what runs has them
+        for key in ("mtu", "max-ports"):  # they exist only while it runs
             del wanted[key]
         self.assertEqual(self.exported()["lab"], wanted)
         self.assertIsNone(self.rows("switch", "mtu", "lab")[0]["mtu"])
@@ -272,7 +272,7 @@ class Verbs(OnHost):
                          {"vs": "aa", "vs1": None, "elsewhere": "bb"})
 
     def test_what_needs_no_platform_works_without_one(self):
-        """The platform's library cannot be loaded: all else works, and what needs it says so in one line."""
+        """Without the platform's library, only the verbs that need it fail, each with one line."""
         (self.directory / "liborkPublic.so").write_text("not a library")
         away = ["env", "-i", f"LD_LIBRARY_PATH={self.directory}", f"VSHOST_DIR={self.directory}",
                 f"VSCTL_STATE={self.directory}"]

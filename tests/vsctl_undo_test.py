@@ -16,7 +16,7 @@ class Undo(OnHost):
         self.run_vsctl("switch", "create", "lab", "--id", "lab-id", "--uplinks", "2", "--ports", "3")
 
     def unchanged(self, words, code, *reasons, stdin=None):
-        """The error holds the reasons, and the host is as it was; a dry run says the same."""
+        """The error contains the reasons, and the host is unchanged; a dry run fails in the same way."""
         for order in ([*words], ["--dry-run", *words]):
             before = HOST.vshost_fingerprint()
             self.refused(order, code, *reasons, stdin=stdin)

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Values that vsctl takes and refuses: words of the command line, files, and what it finds on the host."""
+"""Values that vsctl accepts and refuses: words of the command line, files, and stored values."""
 import json
 import random
 import re
@@ -10,7 +10,7 @@ import jsonschema
 from vsctl_host import HOST, PLAN_SCHEMA, OnHost, main
 
 U32 = 2**32 - 1
-# Each verb with an option that takes a number, from its least to its greatest; those of policies are read back.
+# Each verb with a numeric option and its range. The values of policies are read back.
 NUMBERS = [(("port", "vlan", "lab", "port0"), "--id", 0, 4095), (("port", "vlan", "lab", "port0"), "--priority", 0, 7),
            (("port", "mac-learning", "lab", "port0"), "--flag-a", 0, 255),
            (("port", "mac-learning", "lab", "port0"), "--flag-b", 0, 255),
@@ -230,7 +230,7 @@ class Values(OnHost):
                 ('{"switches": {"a\x01": {}}}', "line 1,", "not JSON")):
             self.refused(["plan", "-"], 5, *reasons, stdin=text)
         names = {"ab": {}, "a/b": {"portset": "x"}, "a~1b": {},
-                 "a~/b": {"portset": "y"}}  # told apart in a fault's place
+                 "a~/b": {"portset": "y"}}  # each has its own JSON pointer
         self.assertEqual(len(self.rows("plan", "-", stdin=json.dumps({"switches": names}), code=10)), 4)
         broken = self.directory / "broken"
         for text, place in ((b'[switches."\xff"]', f"{broken}:1:"), (b'{"switches": {"\xff": {}}}', f"{broken}: ")):
@@ -238,7 +238,7 @@ class Values(OnHost):
             self.refused(["plan", str(broken)], 5, place, "not ")
 
     def test_fields_that_are_not_named_keep_their_value(self):
-        """In commands and in files alike. In one VLAN or a trunk: naming one ends the other, naming both sets both."""
+        """In commands and in files: an id ends a trunk and a trunk ends an id; naming both sets both."""
         uplink, port, switch = ["port", "vlan", "lab",
                                 "uplink0"], ["port", "vlan", "lab", "port0"], ["switch", "mac-learning", "lab"]
         learning = ["port", "mac-learning", "lab", "port0"]
@@ -299,7 +299,7 @@ class Values(OnHost):
             self.assertEqual({key: row[key] for key in plain}, plain)
 
     def test_damaged_records_are_named_with_the_way_out(self):
-        """Whatever others have stored: it is shown, or its removal is offered; never a crash, and files stay whole."""
+        """Values that other programs stored: vsctl shows them or offers their removal, and never crashes."""
         stem = "com.talpex.vswitch."
         for noun, level, policies in (
                 ("port", ["--port", "port0"], {
@@ -341,7 +341,7 @@ class Values(OnHost):
                 self.create()
 
     def test_answers_that_a_driver_should_not_give(self):
-        """Lists that grow between their two requests or count more than there is, and records of nothing but ones."""
+        """Lists that grow between their two requests or count too many entries, and records whose bits are all 1."""
         lists = ((4126, 128, ["switch", "list"]), (4106, 36, ["uplink", "live", "lab"]),
                  (4117, 18, ["mac", "list", "lab", "port0"]),
                  (4118, 18, ["mac", "team", "lab"]), (4104, 4, ["multicast", "filters", "lab", "--kind", "ipv4"]),

@@ -44,7 +44,7 @@ def main():
     pages = sorted([*directory.glob("man?/*"), *directory.parent.glob("**/*.[15]")])
     roff = subprocess.run(["groff", "-Kutf8", "-man", "-Tutf8", "-ww", "-z", *pages], capture_output=True, text=True)
     found += roff.stderr.splitlines()
-    print("\n".join(found) or f"{len(names)} operations, {len(pages)} pages: all sections are there")
+    print("\n".join(found) or f"{len(names)} operations, {len(pages)} pages: all sections are present")
     return bool(found)
 
 

@@ -1,6 +1,6 @@
 #!/bin/sh
-# command_files.sh SOURCE PYTHON VERSION VSHOST VSCTL OUTPUT: what goes with the commands, made by the commands
-# themselves: manual pages, shell completions, the schema of a plan.
+# command_files.sh SOURCE PYTHON VERSION VSHOST VSCTL OUTPUT: files that the commands themselves write: manual
+# pages, shell completions, the schema of a plan.
 set -eu
 tools=$1/tools python=$2 version=$3 vshost=$4 vsctl=$5 output=$6
 completions=$output/vsctl/share

@@ -1,4 +1,4 @@
-# Makes the header's conventions the main page and its sections groups, a line for a line.
+# Turns the header's conventions into the main page and its sections into groups, line for line.
 sub(/@file vswitchctl\.h/, "@mainpage Conventions") { print; next }
 /^\/\* ==== .* =+ \*\/$/ {
     title = $0

@@ -13,7 +13,7 @@ import header
 NOTICE = '"""{} Made from include/vswitchctl.h by tools/python_module.py."""\n\n'
 SIZES = {"char": 1, "uint8_t": 1, "uint16_t": 2, "uint32_t": 4, "int32_t": 4, "uint64_t": 8, "void *": 8}
 DEFAULTS = {"dvsId": " = None", "useAlias": " = True"}
-# Lists that are nothing but a count and entries, and records with entries behind them.
+# Lists of a count and entries, and records with entries behind them.
 COUNTED = {"UplinkNameList": "UplinkName", "UplinkPortIdList": "UplinkPortId",
            "LSTeamingPolicyTable": "LSTeamingPolicyEntry"}
 HEADED = {"MirrorSessionList": {"sessionCount": "MirrorSessionRecord", "portEntryCount": "MirrorPortEntry"},
@@ -26,7 +26,7 @@ ENTRIES = {"VSZOR_GetSwitches": "128 if kind == 1 else 81", "VSZOR_GetUplinks": 
 READ = {"VSZOR_SetRuntimeOptions": 'lib.leading("record", record)',
         "VSZOR_RTMOp": '9 + 128 * lib.leading("record", record)',
         "VSZOR_GetMcastFilterStats": "lib.ADDRESS_SIZES.get(kind, 0)"}
-# What a rule would not make: (arguments, result, call).
+# Exceptions from the rules: (arguments, result, call).
 WRITTEN = {
     "VSDVS_GetPrivateVLANMap": ("alias: str", "list[bytes]",
                                 'lib.read_counted("VSDVS_GetPrivateVLANMap", lib.text("alias", alias), size=8)'),
@@ -51,14 +51,14 @@ class Generator:
         return sum(SIZES[kind] * int(count or 1) for kind, _, count, _ in self.reference.records[name].fields)
 
     def python_type(self, name):
-        """How a record looks in Python: text, bytes, or a class of its own."""
+        """The Python type of a record: text, bytes, or a class."""
         fields = self.reference.records[name].fields
         if len(fields) == 1 and fields[0][2]:
             return "str" if fields[0][0] == "char" else "bytes"
         return name
 
     def entry(self, name):
-        """An entry of a list, as the runtime wants it: a class, or a size."""
+        """An entry of a list for the runtime: a class or a size."""
         return name if self.python_type(name) == name else str(self.size(name))
 
     def documented_size(self, parameter):

@@ -1,5 +1,5 @@
-/* manage SWITCH: creates a switch with VLANs and a large MTU and prints what the host then has; what can't be
- * finished is undone. The same program in C, C++ and Python: manage.c, manage.cpp, manage.py. */
+/* manage SWITCH: creates a switch with VLANs and a large MTU, and prints what the host then has. When a step
+ * fails, the switch is destroyed. The same program in C, C++ and Python: manage.c, manage.cpp, manage.py. */
 #include <stdio.h>
 #include <vswitchctl.h>
 

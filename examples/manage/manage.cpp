@@ -17,7 +17,7 @@ struct Release {
 };
 template<class Record> using Buffer = std::unique_ptr<Record, Release>;
 
-// A switch that is destroyed again unless it is kept.
+// A switch that its destructor destroys, unless the program keeps it.
 class NewSwitch {
 public:
     explicit NewSwitch(const char *alias) : alias(alias)

@@ -26,7 +26,7 @@ class Host:
         assert self.library.vshost_fail(STORE, operation.encode(), nth, 1, ctypes.c_uint32(status)) == 0
 
     def failed(self):
-        """Whether a call has failed since the last one that was asked for; forgets what was asked for."""
+        """Whether a call has failed as asked for; forgets what was asked for."""
         count = self.library.vshost_failed()
         self.library.vshost_clear()
         return count > 0

@@ -1,10 +1,10 @@
-"""What tenant.cpp does, in Python."""
+"""tenant.cpp in Python."""
 
 import vswitchctl as v
 
 
 def add_tenant(alias, tenant, count, vlan_id):
-    """Puts ports of a tenant on a VLAN; all of them, or none."""
+    """Puts ports of a tenant on a VLAN: all of them or none."""
     added = []
     try:
         for index in range(count):

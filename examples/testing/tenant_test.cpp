@@ -32,7 +32,7 @@ TEST_F(Tenant, LeavesNothingWhicheverWriteFails)
         const VsStatus status = AddTenant("lab", "blue", 3, 100);
         const bool failed = vshost_failed() > 0;
         vshost_clear();
-        if (!failed) break; // there is no nth write any more
+        if (!failed) break; // fewer than n writes
         EXPECT_EQ(status, STATUS_IO_ERROR);
         EXPECT_EQ(vshost_fingerprint(), before) << "after write " << nth;
     }

@@ -20,7 +20,7 @@ def test_leaves_nothing_whichever_write_fails(host):
             assert host.failed() and error.status == v.Status.IO_ERROR
             assert host.fingerprint() == before, f"after write {nth}"
         else:
-            assert not host.failed()  # there is no nth write any more
+            assert not host.failed()  # fewer than n writes
             return
 
 

@@ -20,7 +20,7 @@ git clone -q "$root" "$fresh/source"
 mkdir -p "$fresh/dev/shm"
 cp "$(command -v qemu-aarch64-static)" "$fresh/usr/bin/"
 
-# Runs a command in the root, with a /proc and a binfmt_misc that are gone with it.
+# Runs a command in the root, with a /proc and a binfmt_misc that end with it.
 inside() {
     unshare --user --map-root-user --mount --pid --fork sh -c '
         mount -t proc proc "$0/proc" && mount -t tmpfs tmpfs "$0/dev/shm" &&

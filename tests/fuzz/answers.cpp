@@ -1,7 +1,7 @@
-// What the driver answers to each query: any count, any length, changed between the two requests of a list.
-#include "tests/fuzz/host.h"
-
+// The driver's answers to each query: any count, any length, changed between the two requests of a list.
 #include <algorithm>
+
+#include "tests/fuzz/host.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// Serialized bundles and configurations: taken whole or refused, whatever their bytes.
+// Serialized bundles and configurations with any bytes: accepted as a whole or refused.
 #include "tests/fuzz/host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

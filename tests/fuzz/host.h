@@ -1,4 +1,4 @@
-// What every fuzz target stands on: a throw-away host with one small switch, made once.
+// The base of every fuzz target: a throw-away host with one small switch, made once.
 #pragma once
 
 #include "core/store.h"

@@ -1,7 +1,7 @@
-// Names in shell commands: what the shell would run is one command with exactly the words intended.
-#include "tests/fuzz/host.h"
-
+// Names in shell commands: the shell would run one command with exactly the intended words.
 #include <vector>
+
+#include "tests/fuzz/host.h"
 
 namespace {
 

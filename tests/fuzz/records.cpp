@@ -1,4 +1,5 @@
-// Stored records that somebody else wrote: uplink lists, mirror lists, VLAN records, tables, status records.
+// Stored records that another program wrote: uplink lists, mirror lists, VLAN records, tables, status
+// records.
 #include "tests/fuzz/host.h"
 
 namespace {
@@ -22,7 +23,7 @@ template<typename T> void Release(T *buffer)
     if (buffer) VSDVS_FreeMemory(buffer);
 }
 
-// Each byte that the record's own counts promise is read.
+// Reads each byte that the record's own counts promise.
 template<typename T> void Touch(const T *data, size_t count)
 {
     volatile uint8_t sum = 0;

@@ -1,7 +1,7 @@
 // Requests to the emulated driver: any command, any lengths, any record, bad addresses.
-#include "tests/fuzz/host.h"
-
 #include <algorithm>
+
+#include "tests/fuzz/host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -1,4 +1,4 @@
-// Scenario files: applied whole, or refused with a message and without a trace.
+// Scenario files: applied as a whole, or refused with a message and without a change.
 #include "tests/fuzz/host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -1,4 +1,4 @@
-// What the system-information shell prints for the MTU query and the uplink listing.
+// The output of the system-information shell for the MTU query and the uplink listing.
 #include "tests/fuzz/host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Mutation run over the library: is every change of the code seen by a test?
+"""Mutation run over the library: does a test see every change of the code?
 
 All mutants are compiled in together and woken one at a time by the environment (see mutant.h), so that one
 build serves the whole run. A mutant is killed when a test fails, crashes or hangs while it is awake.
@@ -21,13 +21,13 @@ COMPARISONS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==
 # The tests that kill most come first.
 TESTS = ("operations_test", "kernel_test", "policy_test", "vlan_test", "uplink_test", "lifecycle_test", "mirror_test",
          "mtu_test", "identity_test", "property_test", "fault_test", "model_test")
-# Minutes long, and about nothing but the words of commands.
+# Takes minutes, and tests only the words of commands.
 SHELL_TEST = "hostile_names_test"
 TIME_LIMIT = 60  # seconds for one test program; a mutant that loops is killed by it
 
 
 class Mutator:
-    """Rewrites a source line so that it can behave in another way; counts the ways."""
+    """Rewrites a source line so that it can behave in other ways; counts the ways."""
 
     def __init__(self, rejected):
         self.mutants = []
@@ -111,7 +111,7 @@ def mutate(build, rejected):
 
 
 def compile_all(build):
-    """Builds, leaving out the changes that the compiler refuses, until it refuses none."""
+    """Builds without the changes that the compiler refuses, until it refuses none."""
     rejected = set()
     while True:
         mutants = mutate(build, rejected)
@@ -168,7 +168,7 @@ def main():
         print("\n".join(f"{n}: {place}: {change}" for n, (place, change) in enumerate(mutants, 1)))
         return
     if not survives(build, 0):
-        sys.exit("the tests fail without any mutant awake")
+        sys.exit("the tests fail without an active mutant")
     first, last = map(int, options.only.split("-")) if options.only else (1, len(mutants))
     numbers = range(first, min(last, len(mutants)) + 1)
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# abi_test.sh SOURCE BUILD [--write]: compares the binary interface with the one that is kept. --write keeps the
-# present one, but not one that would break programs under the same SONAME.
+# abi_test.sh SOURCE BUILD [--write]: compares the binary interface with the recorded one. --write records
+# the present interface, unless it would break programs under the same SONAME.
 set -euo pipefail
 source=$1 build=$2
 kept=$source/packaging/vswitchctl.abi
@@ -14,7 +14,7 @@ gcc -std=c99 -g -shared -fPIC -I"$source/include" "$work/interface.c" -o "$work/
     -Wl,-soname,"$soname" -Wl,--version-script="$source/cmake/vswitchctl.map"
 abidw --load-all-types --no-corpus-path --no-comp-dir-path --no-show-locs "$work/interface.so" >"$work/now.abi"
 
-# What the library exports is what the header declares, version nodes included.
+# The library exports what the header declares, version nodes included.
 exported() { nm -D --defined-only --with-symbol-versions "$1" | awk '$3 !~ /^VSWITCHCTL_/ {print $3}' | sort; }
 diff <(exported "$library") <(exported "$work/interface.so")
 

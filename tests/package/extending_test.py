@@ -39,7 +39,7 @@ def run(*command, tree, **options):
 
 
 def check(tree, build):
-    """What every build checks, as far as the page's additions reach."""
+    """The checks of every build that the page's additions affect."""
     reference, module = "build/release/reference", "build/release/module"
     for test in TESTS:
         run(f"build/release/tests/{test}", "--gtest_brief=1", tree=tree)
@@ -54,7 +54,7 @@ def check(tree, build):
     run(sys.executable, "tools/python_module.py", *header, f"{module}/vswitchctl", tree=tree)
     run(*ON_HOST, "env", "LD_LIBRARY_PATH=build/release:build/release/platform", f"PYTHONPATH={module}", sys.executable,
         "tests/package/python_test.py", "cmake/vswitchctl.map", tree=tree)
-    # The command's own files are not changed by the page.
+    # The page does not change the command's own files.
     verbs = "Verbs.test_every_operation_has_a_verb_or_a_reason"
     run(sys.executable, "tests/vsctl_test.py", build, tree, verbs, tree=tree)
 
@@ -80,7 +80,7 @@ def main():
             apply(fragment, tree)
         run("cmake", "-S", ".", "-B", "build/release", "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
             *(f"-DCMAKE_{language}_FLAGS_RELEASE=-O2" for language in ("C", "CXX")), tree=tree)
-        # As the README's first program and the demonstration do it: the launcher brings the rest of the host along.
+        # As for the README's first program: the launcher's target builds the rest of the host.
         run(*BUILD, "first", "vshost_launcher", tree=tree)
         run(*ON_HOST, "build/release/examples/first", tree=tree)
         run(*BUILD, "operations", *TESTS, tree=tree)

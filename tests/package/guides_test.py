@@ -19,7 +19,7 @@ FENCE = re.compile(
                    re.M | re.S)
 
 
-NOT_RUN = ("performance.md", "reliability.md", "vsctl.md")  # they measure for minutes, or show a session
+NOT_RUN = ("performance.md", "reliability.md", "vsctl.md")  # they measure for minutes, or show a terminal session
 
 
 def anchors(page):
@@ -61,7 +61,7 @@ def run_page(page, view, home):
 
 
 def run_session(page, view, home):
-    """The session of README.md: what comes behind `vshost run -- bash` is typed there."""
+    """The terminal session of README.md: the commands after `vshost run -- bash` run in its shell."""
     session = re.search(r"^```console\n.*? -- bash\n(.*?)^```$", page.read_text(), re.M | re.S)[1]
     steps = [step.split("\n", 1) for step in re.split(r"^\$ ", session, flags=re.M)[1:]]
     script = "".join(f"{{ {command}\n}} >{home}/out{i} 2>&1\n" for i, (command, _) in enumerate(steps))

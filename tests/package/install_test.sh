@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# install_test.sh SOURCE BUILD: installs into a folder of its own, compiles the first program against it in C99
+# install_test.sh SOURCE BUILD: installs into a new folder, compiles the first program against it in C99
 # and C++ with pkg-config and with CMake, and runs each on the installed embedded host.
 set -euo pipefail
 source=$1 build=$2
@@ -10,10 +10,10 @@ cmake --install "$build" --prefix "$stage" >/dev/null
 lib=$(dirname "$(find "$stage" -name libvswitchctl.so)")
 export PKG_CONFIG_PATH=$lib/pkgconfig LD_LIBRARY_PATH=$lib
 
-# The installed command finds the library beside itself, whatever the environment says.
+# The installed command finds the library beside itself, whatever the environment.
 env -u LD_LIBRARY_PATH "$stage/bin/vshost" run -- "$stage/bin/vsctl" switch list >/dev/null
 
-# Without a platform it starts all the same, and says what is missing.
+# Without a platform it starts too, and says what is missing.
 "$stage/bin/vsctl" --version | grep -q '^vsctl '
 for words in doctor "switch list"; do
     code=0
@@ -32,19 +32,19 @@ cmake --build "$work/cmake" >/dev/null
 
 for program in "$work/c99" "$work/cxx" "$work/cmake/c99" "$work/cmake/cxx" "$work/cmake/in_test"; do
     "$stage/bin/vshost" run -- "$program" | grep -q 'status 0x00000000'
-    # Neither the link stub nor the embedded host's store is found by itself.
+    # The loader finds neither the link stub nor the embedded host's store.
     if [ "$(basename "$program")" != in_test ] && "$program" 2>"$work/error"; then
         echo "$program runs without a platform" >&2
         exit 1
     fi
 done
 grep -q 'liborkPublic.so: cannot open shared object' "$work/error"
-# It finds the store, but no host; and on a host that stays, the switch of its last run.
+# It finds the store but no host; on a host that stays, it finds the switch of its last run.
 { "$work/cmake/in_test" 2>&1 || true; } | grep -q 'no switch driver answers; start this program with vshost run'
 "$stage/bin/vshost" run --state "$work/host" -- "$work/c99" >/dev/null
 { "$stage/bin/vshost" run --state "$work/host" -- "$work/c99" 2>&1 || true; } | grep -q 'switch lab exists already, with id'
 
-# The example of testing one's own program, against the installed host.
+# The example of testing a program, against the installed host.
 cmake -S "$source/examples/testing" -B "$work/testing" -DCMAKE_PREFIX_PATH="$stage" >/dev/null
 cmake --build "$work/testing" >/dev/null
 "$work/testing/tenant_test" --gtest_brief=1

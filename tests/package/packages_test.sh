@@ -27,7 +27,7 @@ say "A fresh root"
 fresh=$work/fresh
 mmdebstrap --variant=minbase --include=gcc,g++,cmake,make,pkg-config,python3,libsqlite3-0,libfmt9 bookworm "$fresh" 2>"$work/log" ||
     { cat "$work/log" >&2; exit 1; }
-inside() { # with a /proc, which is gone with the process
+inside() { # with a /proc, which ends with the process
     unshare --mount --fork sh -c 'mount -t proc proc "$0/proc" && exec chroot "$0" env -i \
         PATH=/usr/bin:/bin:/usr/sbin:/sbin HOME=/root "$@"' "$fresh" "$@"
 }

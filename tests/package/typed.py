@@ -1,4 +1,4 @@
-"""What `mypy --strict` must accept of the Python module, and what it must find: an unused "ignore" is a fault."""
+"""Code that `mypy --strict` must accept, and faults that it must find: an unused "ignore" is an error."""
 
 from vswitchctl import (BadParam, DriverList, Exists, NoMemory, NotFound, Record, Status, StatusError, VLANRange,
                         VSDVS_GetMTU, VSDVS_GetPortVLANPolicy, VSDVS_SetPortVLANPolicy, VSZOR_GetUplinks, as_text)

@@ -10,7 +10,7 @@ from ._status import Status
 
 
 class StatusError(Exception):
-    """An operation failed; `status` is its code, `operation` its name, `arguments` the names that it was given."""
+    """An operation failed: `status` is its code, `operation` its name, `arguments` the names that the caller gave."""
 
     def __init__(self, status: int, operation: str, arguments: dict[str, str] | None = None):
         self.operation = operation
@@ -45,7 +45,7 @@ _ERRORS = {Status.NOT_FOUND: NotFound, Status.EXISTS: Exists, Status.BAD_PARAM: 
 
 
 class Record(ctypes.Structure):
-    """A packed record of the library's, compared and printed by its bytes and fields."""
+    """A packed record of the library, compared by its bytes and printed by its fields."""
 
     _pack_ = 1
 
@@ -71,14 +71,14 @@ def library() -> ctypes.CDLL:
 
 @dataclass
 class Output:
-    """An argument that the library writes, and how its value is made from it."""
+    """An argument that the library writes, and the function that makes its value."""
 
     holder: Any
     value: Callable[[Any], Any]
 
 
 def call(operation: str, *arguments: Any) -> Any:
-    """Calls an operation; its outputs' values come back, alone or in a tuple."""
+    """Calls an operation and returns the values of its outputs, alone or in a tuple."""
     function = getattr(library(), operation)
     function.restype = ctypes.c_uint32
     result = function(*(ctypes.byref(a.holder) if isinstance(a, Output) else a for a in arguments))
@@ -96,11 +96,11 @@ def call_plain(operation: str, *arguments: Any, returns: Any = None) -> Any:
     return function(*arguments)
 
 
-# Arguments in. Each names itself when its value is wrong.
+# Input arguments. Each error names its argument.
 
 
 class Text(ctypes.c_char_p):
-    """A text that knows which argument it is."""
+    """A text with the name of its argument."""
 
     name: str
 
@@ -170,7 +170,7 @@ def sequence(name: str, values: Sequence[Any]) -> Sequence[Any]:
 
 
 def joined(name: str, entries: Sequence[Any], size: int) -> bytes:
-    """The entries of a list; texts are filled up to their field, and end within it."""
+    """The entries of a list; a text is padded to its field and ends within it."""
     parts = []
     for entry in sequence(name, entries):
         part = encoded(name, entry) + b"\0" if isinstance(entry, str) else contents(f"an entry of {name}", entry)
@@ -181,12 +181,12 @@ def joined(name: str, entries: Sequence[Any], size: int) -> bytes:
 
 
 def leading(name: str, record: bytes) -> int:
-    """The 32 bits at the beginning of a record, which say how long it is."""
+    """The first 32 bits of a record, which give its length."""
     return int.from_bytes(contents(name, record)[:4], "little")
 
 
 def behind(name: str, value: tuple[Any, ...], counts: Sequence[str]) -> Any:
-    """A record and the lists behind it, whose lengths it must give rightly."""
+    """A record and the lists behind it, whose lengths the record must give correctly."""
     if not isinstance(value, tuple) or len(value) != 1 + len(counts):
         raise TypeError(f"{name} must be a tuple of a record and {len(counts)} lists")
     record, *lists = value
@@ -272,7 +272,7 @@ def read_value(operation: str, *arguments: Any) -> bytes:
     class Buffer(ctypes.Structure):
         _pack_ = 1
         _fields_ = [("length", ctypes.c_int32), ("data", ctypes.c_void_p)]
-    for _ in range(8):  # a value that grows between the two calls is asked for again
+    for _ in range(8):  # asks again when the value grows between the two calls
         buffer = Buffer()
         filled = [ctypes.byref(buffer) if argument is None else argument for argument in arguments]
         call(operation, *filled)
@@ -288,7 +288,7 @@ def read_value(operation: str, *arguments: Any) -> bytes:
 
 
 def read_counted(operation: str, *arguments: Any, size: int) -> list[bytes]:
-    """A list whose count is an output of its own."""
+    """A list whose count is a separate output."""
     count = ctypes.c_uint32()
     read = buffer_out("VSDVS_FreeMemory", lambda address: entries(address, count.value, size))
     found: list[bytes] = call(operation, *arguments, read, ctypes.byref(count))
