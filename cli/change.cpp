@@ -194,7 +194,10 @@ void Change(const std::string &command, Result &result, const Options &options)
     const bool onlyShows = options.dryRun || result.planOnly;
     Preview preview;
     if (onlyShows) {
-        if (!result.planOnly) ThrowIfUnfinished();
+        if (!result.planOnly) {
+            ThrowIfRemovalsForbidden(result);
+            ThrowIfUnfinished();
+        }
         preview = ReadAllBefore(result.steps);
     } else {
         ThrowIfRemovalsForbidden(result);

@@ -1,4 +1,6 @@
 // vsctl mac: MAC tables and MAC learning of the running switch.
+#include <fmt/format.h>
+
 #include "decode.h"
 #include "verb.h"
 
@@ -62,8 +64,7 @@ ZorMacTableEntry GivenEntry(const Arguments &arguments)
     return entry;
 }
 
-// Whether a change of the entry would do anything; throws when it would fail. Nobody can tell where the
-// layout of entries isn't known.
+// Whether a change of the entry would do anything. Nobody can tell where the layout of entries isn't known.
 bool WouldChange(const Target &port, const Json &entry, bool adds)
 {
     if (!IsEmbedded()) return true;
@@ -71,23 +72,29 @@ bool WouldChange(const Target &port, const Json &entry, bool adds)
         if (row["address"] != entry["address"] || row["vlan"] != entry["vlan"]) continue;
         return !adds || row["type"] != entry["type"] || row["age"] != entry["age"];
     }
-    if (!adds) Check(STATUS_NOT_FOUND, "removing a MAC address from", port);
-    return true;
+    return adds;
 }
 
 template<auto CHANGE> Result ChangeEntry(const Verb &verb, const Arguments &arguments)
 {
     const Target port = arguments.Target();
-    SwitchId(port.alias);
     const bool adds = verb.name == "set";
+    const char *const action = adds ? "adding a MAC address to" : "removing a MAC address from";
+    SwitchId(port.alias);
     const ZorMacTableEntry entry = GivenEntry(arguments);
+    RequireRunning(action, port);
+    if (!PortExists(port)) Check(STATUS_NOT_FOUND, "finding", port);
+    if (adds) RequireStation(entry);
     const Json fields = Decode(Record::MAC_ENTRY, &entry, sizeof entry);
+    const bool changes = !arguments.IsDryRun() || WouldChange(port, fields, adds);
+    const VsStatus status = !arguments.IsDryRun() ? CHANGE(port.Alias(), port.Port(), &entry)
+                            : adds || changes     ? STATUS_OK
+                                                  : STATUS_NOT_FOUND;
+    CheckDriver(status, action, port,
+                fmt::format("'vsctl mac list {} {}' shows those that it has", port.alias, port.port));
     Json row = {{"switch", port.alias}, {"port", port.port}};
     row.update(fields);
-    if (arguments.IsDryRun()) return Changed(arguments, row, WouldChange(port, fields, adds));
-    CheckDriver(CHANGE(port.Alias(), port.Port(), &entry),
-                adds ? "adding a MAC address to" : "removing a MAC address from", port);
-    return Rows(row);
+    return Changed(arguments, row, changes);
 }
 
 Result Stats(const Verb &, const Arguments &arguments)
@@ -186,5 +193,4 @@ std::vector<Verb> MacVerbs()
                    "\n--aging 300", "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps", Props),
     };
 }
-
 }

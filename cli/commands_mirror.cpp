@@ -1,4 +1,6 @@
 // vsctl mirror: mirror sessions of ports and of the host's uplinks.
+#include <fmt/format.h>
+
 #include "decode.h"
 #include "verb.h"
 
@@ -26,6 +28,9 @@ Result Append(const Verb &, const Arguments &arguments)
 {
     const Target target = arguments.Target();
     const Json sessions = ParseWord(PolicyOf(target).fields[0], ReadFile(arguments.Text("FILE")));
+    if (sessions.empty())
+        throw Error(Exit::BAD_VALUE, arguments.Text("FILE") + " has no mirror session to append",
+                    "it holds a list like [{\"id\": \"session1\"}]");
     return Steps({{"mirror-sessions", target, {{"append", sessions}}}});
 }
 
@@ -61,7 +66,8 @@ Result Stats(const Verb &, const Arguments &arguments)
     const std::string &session = arguments.Text("SESSION");
     uint8_t stats[MIRROR_SESSION_STATS_SIZE] = {};
     CheckDriver(VSZOR_GetDVMirrorSessionStats(target.Alias(), session.c_str(), stats),
-                "reading the statistics of mirror session " + session + " of", target);
+                "reading the statistics of mirror session " + session + " of", target,
+                fmt::format("'vsctl mirror live {}' lists the sessions that run", target.alias));
     Json row = {{"switch", target.alias}, {"session", session}};
     row.update(Decode(Record::MIRROR_STATS, stats, sizeof stats));
     return Rows(row);

@@ -54,7 +54,8 @@ Result Groups(const Verb &, const Arguments &arguments)
         DriverBuffer<ZorMcastStatsHeader> stats;
         CheckDriver(VSZOR_GetMcastFilterStats(portset.c_str(), arguments.Number("--selector", 0), kind,
                                               group.data(), reinterpret_cast<void **>(stats.Out())),
-                    "reading the statistics of group " + text + " of", arguments.Target());
+                    "reading the statistics of group " + text + " of", arguments.Target(),
+                    "'vsctl multicast filters " + arguments.Text("SWITCH") + "' lists the groups");
         RequireEntries(stats.Get(), sizeof *stats.Get(), stats->count, group.size());
         Json row = {{"group", text}};
         row.update(

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include "decode.h"
+#include "platform.h"
 #include "verb.h"
 
 namespace vsctl {
@@ -60,6 +61,26 @@ Result Show(const Verb &, const Arguments &arguments)
     Result result;
     for (const Target &port : arguments.Ports())
         result.rows.push_back(ShowRow(port));
+    return result;
+}
+
+Result List(const Verb &, const Arguments &arguments)
+{
+    const std::string &alias = arguments.Text("SWITCH");
+    const std::string id = SwitchId(alias);
+    if (!IsEmbedded())
+        throw Error(Exit::FAILURE, "this platform does not list ports",
+                    "'vsctl port show' shows ports by their names");
+    const auto ports = ListPorts(id);
+    if (!ports) Check(STATUS_NOT_FOUND, "finding", {alias, ""});
+    Result result;
+    for (const vshost_port &port : *ports) {
+        result.rows.push_back({{"switch", alias},
+                               {"port", port.id},
+                               {"number", port.number},
+                               {"uplink", port.isUplink != 0},
+                               {"nic", *port.nic ? Json(port.nic) : Json()}});
+    }
     return result;
 }
 
@@ -232,6 +253,7 @@ std::vector<Verb> PortVerbs()
                 "VSDVS_AddOpaqueDVPort", AddOpaque),
         Changes("port", "remove", "removes ports", {SWITCH, PORTS}, "lab port8..port15", "VSDVS_RemoveDVPort",
                 Remove),
+        Reads("port", "list", "lists the ports of a switch", {SWITCH}, "lab", "", List),
         Reads("port", "show", "shows ports with their policies", {SWITCH, PORTS},
               "lab port0\nlab port0..port7 --json", "VSDVS_DvPortIDToPortID VSDVS_GetPortProp DVPortExist",
               Show),

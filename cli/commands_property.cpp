@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 
+#include "platform.h"
 #include "verb.h"
 
 namespace vsctl {
@@ -36,7 +37,10 @@ Result Get(const Verb &, const Arguments &arguments)
     const Property property = PropertyOf(arguments);
     if (!property.byId) SwitchId(property.target.alias);
     Bytes bytes;
-    Check(property.Get(bytes), "reading " + property.key + " of", property.target);
+    if (!property.byId && property.level == Level::PORT && !PortExists(property.target))
+        Check(STATUS_NOT_FOUND, "finding", property.target);
+    Check(property.Get(bytes), "reading " + property.key + " of", property.target,
+          PropertyAdvice(property.target, property.byId));
     Json row = {{"switch", property.target.alias}};
     if (property.level == Level::PORT) row["port"] = property.target.port;
     row["level"] = LevelName(property);
@@ -45,6 +49,27 @@ Result Get(const Verb &, const Arguments &arguments)
     row["bytes"] = Hex(bytes.data(), bytes.size());
     if (IsText(bytes)) row["text"] = Name(reinterpret_cast<const char *>(bytes.data()), bytes.size());
     return Rows(row);
+}
+
+Result List(const Verb &, const Arguments &arguments)
+{
+    const Target target{arguments.Text("SWITCH"), arguments.Text("--port")};
+    const bool byId = arguments.Has("--by-id");
+    const std::string id = byId ? target.alias : SwitchId(target.alias);
+    if (!IsEmbedded())
+        throw Error(Exit::FAILURE, "this platform does not list properties",
+                    "'vsctl property get' reads one by its key");
+    const auto properties = ListProperties(id, target.port);
+    if (!properties) Check(STATUS_NOT_FOUND, "finding", target);
+    Result result;
+    for (const vshost_property_name &property : *properties) {
+        Json row = {{"switch", target.alias}};
+        if (!target.port.empty()) row["port"] = target.port;
+        row.update(
+            {{"level", LEVEL_NAMES[property.level]}, {"key", property.key}, {"length", property.length}});
+        result.rows.push_back(row);
+    }
+    return result;
 }
 
 Result ChangeTo(const Arguments &arguments, const Json &bytes)
@@ -86,6 +111,9 @@ std::vector<Verb> PropertyVerbs()
     given.push_back(HEX);
     given.push_back(FROM_FILE);
     return {
+        Reads("property", "list", "lists the properties of a switch or port",
+              {SWITCH, {"--port", Shape::OPTION, "the port whose properties they are", Names::PORT}, BY_ID},
+              "lab\nlab --port port0", "", List),
         Reads("property", "get", "shows a property by its key", which,
               "lab com.talpex.common.alias\nlab com.talpex.common.port.alias --port port0",
               "VSDVS_GetGlobProp VSDVS_GetHostProp VSDVS_GetPortProp", Get),

@@ -47,7 +47,7 @@ Json Options(const std::vector<uint16_t> &ids)
 {
     DriverBuffer<> options;
     CheckDriver(VSZOR_GetRuntimeOptions(ids.data(), static_cast<uint16_t>(ids.size()), options.Out()),
-                "reading the options of", {});
+                "reading the options of", {}, "'vsctl option get' lists those that are set");
     return Decode(Record::OPTIONS, options.Get(), RUNTIME_OPTIONS_SIZE);
 }
 
@@ -97,10 +97,12 @@ Result SetOptions(const Verb &, const Arguments &arguments)
         throw Error(Exit::BAD_VALUE,
                     "a record of options begins with its own length in bytes, as a 32-bit number");
     }
+    const Json rows = Decode(Record::OPTIONS, record.data(), record.size());
+    if (rows.empty()) throw Error(Exit::BAD_VALUE, "the record has no option", "give one as NUMBER=VALUE");
+    const bool changes = !arguments.IsDryRun() || Differ(rows);
     if (!arguments.IsDryRun())
         CheckDriver(VSZOR_SetRuntimeOptions(record.data()), "setting the options of", {});
-    const Json rows = Decode(Record::OPTIONS, record.data(), record.size());
-    return Changed(arguments, rows, !arguments.IsDryRun() || Differ(rows));
+    return Changed(arguments, rows, changes);
 }
 
 // The record says how many entries follow; the driver is told its length by that count.
@@ -116,13 +118,11 @@ Result Rtm(const Verb &, const Arguments &arguments)
         throw Error(Exit::BAD_VALUE, fmt::format("a record with {} entries has {} bytes, not {}", count,
                                                  HEADER + ENTRY * count, record.size()));
     }
-    if (!arguments.IsDryRun()) {
-        const VsStatus status = VSZOR_RTMOp(record.data(), command);
-        if (status && DeviceError(ZOR_RTM_DEVICE))
-            throw Error(Exit::UNREACHABLE, fmt::format("the RTM device {} cannot be opened", ZOR_RTM_DEVICE),
-                        "'vsctl doctor' shows what of the platform is reachable");
-        Check(status, fmt::format("sending RTM command {} to", command), {});
-    }
+    if (DeviceError(ZOR_RTM_DEVICE))
+        throw Error(Exit::UNREACHABLE, fmt::format("the RTM device {} cannot be opened", ZOR_RTM_DEVICE),
+                    "'vsctl doctor' shows what of the platform is reachable");
+    if (!arguments.IsDryRun())
+        Check(VSZOR_RTMOp(record.data(), command), fmt::format("sending RTM command {} to", command), {});
     return Changed(arguments, {{"command", command}, {"entries", count}, {"sent", !arguments.IsDryRun()}});
 }
 

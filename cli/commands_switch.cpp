@@ -77,9 +77,9 @@ Result Create(const Verb &, const Arguments &arguments)
                   {"portset", portset},
                   {"version", arguments.Number("--version", 1)},
                   {"opaque", arguments.Has("--opaque")},
-                  {"max-ports", arguments.Number("--max-ports", 0)},
-                  {"uplink-count", arguments.Number("--uplinks", 0)},
-                  {"port-count", arguments.Number("--ports", 0)}};
+                  {"max-ports", arguments.Number("--max-ports", 0, MAX_PORTS)},
+                  {"uplink-count", arguments.Number("--uplinks", 0, MAX_NEW_UPLINKS)},
+                  {"port-count", arguments.Number("--ports", 0, MAX_NEW_PORTS)}};
     return Steps({{"switch", {alias, ""}, value}});
 }
 

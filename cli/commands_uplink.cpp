@@ -19,7 +19,8 @@ Json RunningUplinks(const std::string &alias)
 std::string PortOfRunning(const std::string &uplink)
 {
     char port[DV_PORT_ID_SIZE];
-    CheckDriver(VSZOR_GetUplinkDVPortID(uplink.c_str(), port), "finding the port of uplink", {"", uplink});
+    CheckDriver(VSZOR_GetUplinkDVPortID(uplink.c_str(), port), "finding the port of uplink", {"", uplink},
+                RunningUplinksAdvice("SWITCH"));
     return Name(port, sizeof port);
 }
 
@@ -96,7 +97,8 @@ Result Set(const Verb &, const Arguments &arguments)
         throw Error(Exit::USAGE, "the uplinks are given by their names or by --count");
     Result result;
     if (arguments.Has("--count")) {
-        result.steps.push_back(UplinkStep(arguments, {{"count", arguments.Number("--count", 0, 4096)}}));
+        result.steps.push_back(
+            UplinkStep(arguments, {{"count", arguments.Number("--count", 0, MAX_NEW_UPLINKS)}}));
         return result;
     }
     const auto &names = NewNames(arguments);
@@ -114,7 +116,8 @@ template<auto GET> Result LinkState(const Verb &verb, const Arguments &arguments
     const std::string &uplink = arguments.Text("UPLINK");
     uint32_t up = 0;
     CheckDriver(GET(PortsetOf(arguments.Text("SWITCH")).c_str(), uplink.c_str(), &up),
-                fmt::format("reading the {} state of uplink {} of", verb.name, uplink), arguments.Target());
+                fmt::format("reading the {} state of uplink {} of", verb.name, uplink), arguments.Target(),
+                RunningUplinksAdvice(arguments.Text("SWITCH")));
     return Rows({{"switch", arguments.Text("SWITCH")}, {"uplink", uplink}, {verb.name, up != 0}});
 }
 
@@ -133,11 +136,12 @@ Result Port(const Verb &, const Arguments &arguments)
 
 Result Numa(const Verb &, const Arguments &arguments)
 {
-    const std::string portset = PortsetOf(arguments.Text("SWITCH"));
-    if (!arguments.IsDryRun())
-        CheckDriver(VSZOR_RefreshDevNUMAInfo(portset.c_str()), "refreshing the NUMA nodes of",
-                    arguments.Target());
-    return Changed(arguments, {{"switch", arguments.Text("SWITCH")}, {"refreshed", !arguments.IsDryRun()}});
+    constexpr const char *ACTION = "refreshing the NUMA nodes of";
+    const Target target = arguments.Target();
+    const std::string portset = PortsetOf(target.alias);
+    RequireRunning(ACTION, target);
+    if (!arguments.IsDryRun()) CheckDriver(VSZOR_RefreshDevNUMAInfo(portset.c_str()), ACTION, target);
+    return Changed(arguments, {{"switch", target.alias}, {"refreshed", !arguments.IsDryRun()}});
 }
 
 Result Lags(const Verb &, const Arguments &arguments)

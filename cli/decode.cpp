@@ -238,6 +238,8 @@ template<class T> Bytes Pack(const T &record)
     return bytes;
 }
 
+constexpr uint16_t MAX_ENTRY_VLAN = 4094;
+
 }
 
 Bytes MacEntry(const std::string &address, uint16_t vlan)
@@ -246,6 +248,22 @@ Bytes MacEntry(const std::string &address, uint16_t vlan)
     memcpy(entry.address, ParseAddress(address, sizeof entry.address).data(), sizeof entry.address);
     entry.vlanId = vlan;
     return Pack(entry);
+}
+
+void RequireStation(const ZorMacTableEntry &bytes)
+{
+    if (!IsEmbedded()) return;
+    const auto entry = Load<VSwitchMacEntry>(&bytes);
+    const uint8_t nothing[sizeof entry.address] = {};
+    const bool isGroup = entry.address[0] & 1;
+    if (isGroup || memcmp(entry.address, nothing, sizeof nothing) == 0) {
+        throw Error(Exit::BAD_VALUE,
+                    fmt::format("{} is not the address of a station",
+                                AddressText(entry.address, sizeof entry.address)),
+                    "a port has addresses of one station, whose first byte is even");
+    }
+    if (entry.vlanId > MAX_ENTRY_VLAN || entry.type > VSWITCH_MAC_LEARNED)
+        throw Error(Exit::BAD_VALUE, "the entry's VLAN or type is not one that there is");
 }
 
 Bytes LearningProps(bool enabled, uint32_t aging, uint32_t limit)
@@ -266,6 +284,11 @@ Bytes OptionsRecord(const std::vector<std::pair<uint16_t, uint32_t>> &options)
     return record;
 }
 
+std::string RunningUplinksAdvice(const std::string &alias)
+{
+    return fmt::format("'vsctl uplink live {}' lists the running uplinks", alias);
+}
+
 bool UplinkIsUp(const std::string &portset, const std::string &uplink, const Target &target)
 {
     if (IsEmbedded()) {
@@ -277,7 +300,7 @@ bool UplinkIsUp(const std::string &portset, const std::string &uplink, const Tar
     }
     uint32_t up = 0;
     CheckDriver(VSZOR_GetUplinkLinkState(portset.c_str(), uplink.c_str(), &up),
-                "reading the link of uplink " + uplink + " of", target);
+                "reading the link of uplink " + uplink + " of", target, RunningUplinksAdvice(target.alias));
     return up != 0;
 }
 

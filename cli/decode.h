@@ -38,9 +38,13 @@ Bytes ParseAddress(const std::string &text, size_t size);
 
 // A MAC entry of an embedded host's driver.
 Bytes MacEntry(const std::string &address, uint16_t vlan);
+// Throws unless the entry can be set on a port. Where the driver keeps its layout to itself, it has to tell.
+void RequireStation(const ZorMacTableEntry &entry);
 Bytes LearningProps(bool enabled, uint32_t aging, uint32_t limit);
 Bytes OptionsRecord(const std::vector<std::pair<uint16_t, uint32_t>> &options);
 
+// What to try when a switch runs no such uplink.
+std::string RunningUplinksAdvice(const std::string &alias);
 // Whether the uplink is administratively up; where that isn't known, whether it has a link.
 bool UplinkIsUp(const std::string &portset, const std::string &uplink, const Target &target);
 Json MaxPorts(const std::string &portset);     // null where it isn't known

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "library.h"
 #include "limit.h"
 
 namespace vsctl {
@@ -94,12 +95,22 @@ constexpr StatusInfo STATUSES[] = {
 };
 #undef ROW
 
-Error StatusError(VsStatus status, std::string_view action, const Target &target)
+std::string MissingAdvice(const Target &target)
+{
+    if (target.alias.empty() || !SwitchExists(target.alias)) return "'vsctl switch list' shows the switches";
+    if (!target.port.empty() && !PortExists(target)) return PortAdvice(target);
+    return fmt::format("'vsctl switch show {0}' and 'vsctl uplink live {0}' show what there is",
+                       target.alias);
+}
+
+Error StatusError(VsStatus status, std::string_view action, const Target &target, const std::string &listed)
 {
     const StatusInfo info = Describe(status);
     const std::string name = *info.name ? info.name : fmt::format("0x{:08X}", status);
     Error error(info.exit, fmt::format("{} {} failed: {} ({})", action, target.Text(), info.meaning, name),
-                AdviceFor(info.exit));
+                info.exit != Exit::NOT_FOUND ? AdviceFor(info.exit)
+                : listed.empty()             ? MissingAdvice(target)
+                                             : listed);
     error.status = status;
     return error;
 }
@@ -110,7 +121,7 @@ const char *AdviceFor(Exit exit)
 {
     switch (exit) {
     case Exit::NOT_FOUND:
-        return "'vsctl switch list' and 'vsctl uplink list' show what there is";
+        return "'vsctl switch list' shows the switches";
     case Exit::EXISTS:
         return "take another name, or remove the present one first";
     case Exit::BAD_VALUE:
@@ -148,10 +159,10 @@ std::string Target::Text() const
     return port.empty() ? "switch " + alias : port + " of switch " + alias;
 }
 
-void Check(VsStatus status, std::string_view action, const Target &target)
+void Check(VsStatus status, std::string_view action, const Target &target, const std::string &listed)
 {
     RestartTimeLimit(); // the platform has answered
-    if (status != STATUS_OK) throw StatusError(status, action, target);
+    if (status != STATUS_OK) throw StatusError(status, action, target, listed);
 }
 
 int DeviceError(const char *device)

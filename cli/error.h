@@ -56,7 +56,8 @@ struct Target {
 };
 
 // Throws unless `status` is STATUS_OK. `action` reads like "reading the VLAN policy of".
-void Check(VsStatus status, std::string_view action, const Target &target);
+// `listed` says where there are those that there are, when what is missing is not the target.
+void Check(VsStatus status, std::string_view action, const Target &target, const std::string &listed = "");
 const char *AdviceFor(Exit exit);
 
 // 0, or the errno with which the device cannot be opened.

@@ -69,14 +69,14 @@ void RequireEntries(const void *list, size_t headerSize, size_t count, size_t en
                 "it may have grown meanwhile: try again");
 }
 
-void CheckDriver(VsStatus status, std::string_view action, const Target &target)
+void CheckDriver(VsStatus status, std::string_view action, const Target &target, const std::string &listed)
 {
     RestartTimeLimit();
     if (status == STATUS_OK) return;
     const int error = DeviceError(ZOR_DEVICE);
     if (error == 0) {
         if (!target.alias.empty()) RequireRunning(action, target);
-        Check(status, action, target);
+        Check(status, action, target, listed);
     }
     const Exit exit = error == EACCES || error == EPERM ? Exit::PERMISSION : Exit::UNREACHABLE;
     Error missing(exit,
@@ -282,6 +282,24 @@ void AddRange(std::string_view first, std::string_view last, std::vector<std::st
         names.push_back(fmt::format("{}{}", from.stem, number));
 }
 
+}
+
+std::string PortAdvice(const Target &port)
+{
+    if (!IsEmbedded()) return "check its name: this platform does not list ports";
+    std::vector<std::string> names;
+    for (const vshost_port &listed : ListPorts(SwitchId(port.alias)).value_or(std::vector<vshost_port>()))
+        names.emplace_back(listed.id);
+    const std::string suggestion = Suggest(port.port, names);
+    return suggestion.empty() ? fmt::format("'vsctl port list {}' shows those that there are", port.alias)
+                              : suggestion;
+}
+
+std::string PropertyAdvice(const Target &target, bool byId)
+{
+    if (!IsEmbedded()) return "check its key and level: this platform does not list properties";
+    return fmt::format("'vsctl property list {}{}{}' shows those that there are", target.alias,
+                       target.port.empty() ? "" : " --port " + target.port, byId ? " --by-id" : "");
 }
 
 std::vector<std::string> PortNames(const std::string &list)

@@ -65,7 +65,9 @@ std::string ReadFile(const std::string &path); // "-" is standard input
 
 // Throws unless a request to the driver went well: tells a missing driver and a switch that doesn't run from
 // a missing object.
-void CheckDriver(VsStatus status, std::string_view action, const Target &target);
+// `listed` says where there are those that there are.
+void CheckDriver(VsStatus status, std::string_view action, const Target &target,
+                 const std::string &listed = "");
 
 // Names of the running portsets.
 std::vector<std::string> Portsets();
@@ -92,6 +94,9 @@ void RequireNoBarePortset(const std::string &portset);
 std::string SwitchId(const std::string &alias);
 
 bool PortExists(const Target &port);
+// What to try when there is no such port, or no such property.
+std::string PortAdvice(const Target &port);
+std::string PropertyAdvice(const Target &target, bool byId);
 // "port0..port7,uplink0" → their names.
 std::vector<std::string> PortNames(const std::string &list);
 

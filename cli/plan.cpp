@@ -18,7 +18,7 @@ constexpr Field SWITCH_FIELDS[] = {
     {"portset", Form::TEXT, "kernel name; the alias unless given", 1, PORTSET_NAME_SIZE - 1},
     {"version", Form::NUMBER, "version number", 0, UINT32_MAX},
     {"opaque", Form::BOOLEAN, "an opaque switch"},
-    {"max-ports", Form::NUMBER, "ports that there may be", 1, UINT32_MAX},
+    {"max-ports", Form::NUMBER, "ports that there may be", 1, MAX_PORTS},
     {"uplinks", Form::NAMES, "all uplinks of the switch", 0, DV_PORT_ID_SIZE - 1},
     {"clear", Form::NAMES, "policies that shall not be set", 0, 64},
     {"absent", Form::BOOLEAN, "the switch shall not exist"},

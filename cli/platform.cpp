@@ -47,4 +47,15 @@ std::optional<std::vector<vshost_port>> ListPorts(const std::string &switchId)
     });
 }
 
+std::optional<std::vector<vshost_property_name>> ListProperties(const std::string &switchId,
+                                                                const std::string &port)
+{
+    static auto *const list = PlatformFunction<decltype(vshost_list_properties)>("vshost_list_properties");
+    const char *portId = port.empty() ? nullptr : port.c_str();
+    return Listed<vshost_property_name>(switchId, "properties",
+                                        [&](vshost_property_name *names, size_t capacity, size_t *count) {
+                                            return list(switchId.c_str(), portId, names, capacity, count);
+                                        });
+}
+
 }

@@ -16,4 +16,9 @@ bool IsEmbedded();
 // switch. Only on a platform of ours.
 std::optional<std::vector<vshost_port>> ListPorts(const std::string &switchId);
 
+// The properties of the stored switch with this id, or of one of its ports; nothing when there is no such
+// switch or port. Only on a platform of ours.
+std::optional<std::vector<vshost_property_name>> ListProperties(const std::string &switchId,
+                                                                const std::string &port);
+
 }

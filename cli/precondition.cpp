@@ -45,6 +45,8 @@ private:
     std::optional<Uplinks> listed;
 };
 
+constexpr const char *ANY_PORT = "*";
+
 class Walk {
 public:
     void Check(const Step &step);
@@ -55,6 +57,9 @@ private:
     void CheckUplinks(const Step &step);
     void CheckById(const Target &target);
     void CheckProperty(const Step &step);
+    void CheckClearing(const Step &step);
+    void CheckMirror(const Step &step);
+    void CheckPolicy(const Step &step);
     void CheckCreation(const std::string &alias, const Json &value);
     void CheckId(const std::string &id) const;
     void CheckPortset(const std::string &portset) const;
@@ -65,6 +70,11 @@ private:
     std::map<std::string, SwitchState> switches;
     std::set<std::string> destroyed, freedIds, freedPortsets; // of switches that steps destroy
     std::set<std::string> ids, portsets;                      // what steps have taken
+    using Place = std::pair<std::string, std::string>;        // a switch, and its port or nothing
+    std::map<Place, std::set<std::string>> sessions; // ids of mirror sessions, where steps change them
+    std::map<std::string, bool> properties;          // whether they are there, where steps change them
+    std::set<Place>
+        configured; // what steps give properties that they don't name; with ANY_PORT, a whole switch
 };
 
 // Throws with the nearest name when there is no such switch.
@@ -120,6 +130,7 @@ void Walk::CheckCreation(const std::string &alias, const Json &value)
     CheckPortset(portset);
     ids.insert(id);
     portsets.insert(portset);
+    configured.insert({{alias, ANY_PORT}, {id, ANY_PORT}});
     SwitchState &made = switches.try_emplace(alias, alias, true).first->second;
     for (uint32_t i = 0; i < value.value("uplink-count", 0u); i++) {
         const std::string name = fmt::format("uplink{}", i);
@@ -156,6 +167,8 @@ void Walk::CheckPort(const Step &step)
                     fmt::format("'vsctl uplink remove {} {}' removes it", step.target.alias, port));
     }
     found.SetPort(port, adds);
+    sessions[{step.target.alias, port}] = {};
+    configured.insert({step.target.alias, port});
 }
 
 // The library forgets lists that name a port which is gone.
@@ -194,8 +207,11 @@ void Walk::CheckUplinks(const Step &step)
         auto &[names, ids] = found.Listed();
         const auto place = std::find(ids.begin(), ids.end(), id);
         if (place == ids.end()) {
+            const std::string suggestion = Suggest(id, ids);
             throw Error(Exit::NOT_FOUND, fmt::format("switch {} has no uplink {}", alias, id),
-                        Suggest(id, ids));
+                        suggestion.empty()
+                            ? fmt::format("'vsctl uplink list {}' shows those that it has", alias)
+                            : suggestion);
         }
         RequireListedPorts(found, alias);
         if (names.size() == ids.size()) names.erase(names.begin() + (place - ids.begin()));
@@ -212,6 +228,7 @@ void Walk::CheckUplinks(const Step &step)
         found.Listed().names.push_back(name);
         found.Listed().ids.push_back(name);
         found.SetPort(name, true);
+        configured.insert({alias, name});
     }
 }
 
@@ -227,8 +244,73 @@ void Walk::CheckById(const Target &target)
 void Walk::CheckProperty(const Step &step)
 {
     const bool byId = step.value.contains("by-id");
-    if (byId) return CheckById(step.target);
-    step.target.port.empty() ? Find(step.target.alias) : FindPort(step.target);
+    if (byId)
+        CheckById(step.target);
+    else
+        step.target.port.empty() ? Find(step.target.alias) : FindPort(step.target);
+    CheckClearing(step);
+}
+
+void Walk::CheckClearing(const Step &step)
+{
+    const auto &[alias, port] = step.target;
+    const std::string key = step.value["key"], level = step.value["level"];
+    const std::string name =
+        Json({alias, port, level, key}).dump(-1, ' ', false, Json::error_handler_t::replace);
+    const bool clears = step.value["bytes"].is_null();
+    const auto known = properties.find(name);
+    bool exists = true;
+    if (known != properties.end()) {
+        exists = known->second;
+    } else if (clears && !configured.contains({alias, port}) && !configured.contains({alias, ANY_PORT})) {
+        Step present = step;
+        ReadBefore(present);
+        exists = !present.before.is_null();
+    }
+    properties[name] = !clears;
+    if (!clears || exists) return;
+    throw Error(Exit::NOT_FOUND, fmt::format("{} has no property {}", step.target.Text(), key),
+                PropertyAdvice(step.target, step.value.contains("by-id")));
+}
+
+void Walk::CheckMirror(const Step &step)
+{
+    const auto &[alias, port] = step.target;
+    port.empty() ? Find(alias) : FindPort(step.target);
+    const auto [known, isFirst] = sessions.try_emplace({alias, port});
+    Step present = step;
+    if (isFirst && !Find(alias).IsNew()) ReadBefore(present);
+    if (isFirst && present.before.is_array()) {
+        for (const Json &session : present.before)
+            known->second.insert(session["id"]);
+    }
+    const std::string where = port.empty() ? alias : alias + " " + port;
+    if (step.value.contains("remove")) {
+        const std::string id = step.value["remove"];
+        if (known->second.erase(id)) return;
+        throw Error(Exit::NOT_FOUND, fmt::format("{} has no mirror session {}", step.target.Text(), id),
+                    fmt::format("'vsctl mirror list {}' shows those that it has", where));
+    }
+    for (const Json &session : step.value["append"]) {
+        const std::string id = session["id"];
+        if (!known->second.contains(id)) continue;
+        throw Error(Exit::EXISTS, fmt::format("{} has a mirror session {} already", step.target.Text(), id),
+                    fmt::format("'vsctl mirror list {}' shows it", where));
+    }
+    for (const Json &session : step.value["append"])
+        known->second.insert(session["id"].get<std::string>());
+}
+
+void Walk::CheckPolicy(const Step &step)
+{
+    const auto &[alias, port] = step.target;
+    const SwitchState &found = port.empty() ? Find(alias) : FindPort(step.target);
+    configured.insert({alias, port});
+    if (step.item == "mtu" && !found.IsNew()) RequireRunning("setting mtu of", step.target);
+    if (step.item != "mirror" && step.item != "uplink-mirror") return;
+    auto &ids = sessions[{alias, port}] = {};
+    for (const Json &session : step.value.is_null() ? Json::array() : step.value)
+        ids.insert(session["id"].get<std::string>());
 }
 
 void Walk::Check(const Step &step)
@@ -237,7 +319,9 @@ void Walk::Check(const Step &step)
     if (step.item == "port") return CheckPort(step);
     if (step.item == "uplinks") return CheckUplinks(step);
     if (step.item == "property") return CheckProperty(step);
-    step.target.port.empty() ? Find(step.target.alias) : FindPort(step.target);
+    if (step.item == "mirror-sessions") return CheckMirror(step);
+    if (step.item == "uplink-admin") return void(Find(step.target.alias));
+    CheckPolicy(step);
 }
 
 }

@@ -85,30 +85,12 @@ private:
     std::vector<Step> uplinkSteps;
 };
 
-// Throws when there is no such property, or no such mirror session, to remove.
-void RequirePresent(const Step &step)
+// Empty lists that there were not before.
+bool MakesLists(const Step &step)
 {
-    const bool clears = step.item == "property" && step.value["bytes"].is_null();
-    if (clears && step.before.is_null())
-        Check(STATUS_NOT_FOUND, fmt::format("clearing {} of", step.value["key"].get<std::string>()),
-              step.target);
-    if (step.item != "mirror-sessions" || !step.value.contains("remove")) return;
-    const Json &id = step.value["remove"];
-    const bool isThere = std::any_of(step.before.begin(), step.before.end(),
-                                     [&id](const Json &session) { return session["id"] == id; });
-    if (!isThere)
-        Check(STATUS_NOT_FOUND, fmt::format("removing mirror session {} from", id.get<std::string>()),
-              step.target);
-}
-
-// A list that stays as it is gives back the ports that are gone.
-bool AddsPorts(const Step &step)
-{
-    if (!step.value.contains("set") && !step.value.contains("count")) return false;
-    const Json ids = After(step)["ids"];
-    return !std::all_of(ids.begin(), ids.end(), [&step](const Json &id) {
-        return PortExists({step.target.alias, id});
-    });
+    int32_t length = 0;
+    return step.item == "uplinks" && (step.value.contains("set") || step.value.contains("count")) &&
+           Property{Level::GLOBAL, step.target, "com.talpex.common.uplinkPorts"}.Length(length) != STATUS_OK;
 }
 
 }
@@ -119,10 +101,9 @@ Preview PreviewOf(const std::vector<Step> &steps)
     Walk walk;
     for (Step step : steps) {
         step.before = walk.Before(step);
-        if (!walk.IsReplaced(step.target)) RequirePresent(step);
         const Json after = After(step);
         preview.rows.push_back(StepRow(step));
-        preview.changes = preview.changes || IsObject(step) || after != step.before || AddsPorts(step);
+        preview.changes = preview.changes || IsObject(step) || after != step.before || MakesLists(step);
         walk.Note(step, after);
     }
     return preview;

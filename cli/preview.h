@@ -10,8 +10,7 @@ struct Preview {
     bool changes = false;      // some step leaves something else than it finds
 };
 
-// `before` of each step holds what was there before the first of them. Throws when a step would remove what
-// is not there then.
+// `before` of each step holds what was there before the first of them.
 Preview PreviewOf(const std::vector<Step> &steps);
 
 }

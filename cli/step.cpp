@@ -437,7 +437,8 @@ void SetAdmin(const Step &step, bool up)
 {
     const std::string uplink = step.value["uplink"];
     CheckDriver(VSZOR_SetUplinkAdminLinkState(PortsetOf(step.target.alias).c_str(), uplink.c_str(), up),
-                fmt::format("taking uplink {} {} at", uplink, up ? "up" : "down"), step.target);
+                fmt::format("taking uplink {} {} at", uplink, up ? "up" : "down"), step.target,
+                RunningUplinksAdvice(step.target.alias));
 }
 
 void PerformAdmin(const Step &step) { SetAdmin(step, step.value["up"]); }

@@ -33,6 +33,10 @@ bool IsRemoval(const Step &step);
 inline constexpr Field SWITCH_ALIAS{"", Form::TEXT, "the name of a switch", 1, SWITCH_ALIAS_SIZE - 1};
 inline constexpr Field SWITCH_ID{"", Form::TEXT, "the id of a switch", 1, SWITCH_ID_SIZE - 1};
 inline constexpr Field PORT_ID{"", Form::TEXT, "the name of a port", 1, DV_PORT_ID_SIZE - 1};
+// How many ports there may be, and how many one creation makes.
+inline constexpr uint32_t MAX_PORTS = INT32_MAX;
+inline constexpr uint32_t MAX_NEW_PORTS = 100000;
+inline constexpr uint32_t MAX_NEW_UPLINKS = 4096;
 // Throws when a portset cannot have this name; the library answers it like any other failure of the shell.
 void RequirePortsetName(const std::string &name);
 

@@ -289,7 +289,7 @@ class Changes(OnHost):
         file = self.write("lab.toml", "[switches.lab]\nmtu = 4000\n")
         for words in (["mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01"],
                       ["mac", "props", "--aging", "7"], ["option", "set", "3=9"],
-                      ["option", "set", "--hex", "04000000"], ["rtm", "send", "7", "--hex", "00" * 9],
+                      ["option", "set", "4=0"], ["rtm", "send", "7", "--hex", "00" * 9],
                       ["uplink", "numa", "lab"],
                       ["uplink", "down", "lab", "nic0"], ["port", "vlan", "lab", "port0", "9"], ["apply", file],
                       ["switch", "destroy", "lab"]):

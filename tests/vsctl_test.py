@@ -239,6 +239,44 @@ class Verbs(OnHost):
         done = self.process(*port, "--json")
         self.assertEqual(json.loads(done.stderr)["error"]["name"], "STATUS_EXISTS")
 
+    def test_what_is_missing_comes_with_a_command_that_shows_what_there_is(self):
+        self.create()
+        self.rows("property", "set", "lab", "com.example.x", "--port", "port1", "--text", "v")
+        self.rows("mirror", "append", "lab", self.write("sessions", '[{"id": "s1"}]'), "port0")
+        group = {"portsets": {"lab": {"groups": [{"address": "224.1.1.1", "sources": []}]}}}
+        self.assertEqual(HOST.vshost_scenario(json.dumps(group).encode()), 0, HOST.vshost_error())
+        self.rows("option", "set", "3=9")
+        missing_port = ("port show lab none", "port vlan lab none 5", "port remove lab none", "port number lab none",
+                        "port hint lab none", "mac list lab none", "mirror list lab none", "export lab/none",
+                        "mac set lab none --address 02:00:00:00:00:01", "property get lab none --port none",
+                        "property list lab --port none")
+        for line, shown in (
+                *((line, "port3") for line in missing_port), ("switch show none", "lab"),
+                ("property get lab com.example.x", "com.talpex.common.alias"),
+                ("property clear lab none", "com.talpex.common.alias"),
+                ("property get lab none --port port1", "com.example.x"),
+                ("property clear lab none --port port1", "com.example.x"),
+                ("mirror remove lab none port0", "s1"), ("mirror stats lab none", "s1"),
+                ("uplink remove lab none", "uplink1"), ("uplink link lab none", "nic1"),
+                ("uplink down lab none", "nic1"), ("option get 99", "9"),
+                ("multicast groups lab 224.9.9.9", "224.1.1.1"),
+                ("mac clear lab port0 --address 02:00:00:00:00:01", "")):
+            with self.subTest(line):
+                advice = re.search(r"; .*'vsctl ([^']*)' (?:shows|lists)", self.run_vsctl(*line.split(), code=3))
+                self.assertIn(shown, self.run_vsctl(*advice[1].split()))
+        for line, name in (("switch show lba", "lab"), ("port show lab prot3", "port3"),
+                           ("uplink remove lab uplink7", "uplink0")):
+            self.assertIn(f"did you mean '{name}'?", self.run_vsctl(*line.split(), code=3))
+        self.assertEqual([(row["port"], row["uplink"], row["nic"]) for row in self.rows("port", "list", "lab")],
+                         [("uplink0", True, "nic0"), ("uplink1", True, "nic1"),
+                          *((f"port{i}", False, None) for i in range(4))])
+        rows = self.rows("property", "list", "lab", "--port", "port1")
+        self.assertIn({"switch": "lab", "port": "port1", "level": "port", "key": "com.example.x", "length": 2}, rows)
+        self.assertEqual({row["level"] for row in self.rows("property", "list", "lab")}, {"global", "host"})
+        switch_id = self.rows("switch", "show", "lab")[0]["id"]
+        self.assertEqual(len(self.rows("property", "list", switch_id, "--by-id")),
+                         len(self.rows("property", "list", "lab")))
+
     def test_errors_are_objects_with_json(self):
         self.create()
         with open(self.directory / "host/vsctl/lock", "w") as lock:

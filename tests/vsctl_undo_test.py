@@ -42,7 +42,7 @@ class Undo(OnHost):
                 (3, "property set lab k --level port --port nope --text a", "nope"),
                 (3, "property set nope k --by-id --text a", "nope"),
                 (3, "property set lab-id k --by-id --level port --port nope --text a", "nope"),
-                (3, "property clear lab k", "clearing k"),
+                (3, "property clear lab k", "no property k"),
                 (3, "mirror remove lab s1 port0", "session s1"), (3, "port vlan lab nope --clear", "nope")):
             self.unchanged(words.split(), code, reason)
             self.unchanged(["batch", "--allow-removals"], code, reason, stdin=f"port vlan lab port0 7\n{words}\n")

@@ -20,8 +20,9 @@ NUMBERS = [(("port", "vlan", "lab", "port0"), "--id", 0, 4095), (("port", "vlan"
            (("switch", "mac-learning", "lab"), "--byte", 0, 255),
            (("switch", "mac-learning", "lab"), "--value-b", 0, U32),
            (("mac", "props"), "--aging", 0, U32), (("mac", "props"), "--limit", 0, U32)]
-OTHER_NUMBERS = [(("switch", "create", "new"), "--ports", U32), (("switch", "create", "new"), "--uplinks", U32),
-                 (("switch", "create", "new"), "--max-ports", U32), (("switch", "create", "new"), "--version", U32),
+OTHER_NUMBERS = [(("switch", "create", "new"), "--ports", 100000), (("switch", "create", "new"), "--uplinks", 4096),
+                 (("switch", "create", "new"), "--max-ports", 2**31 - 1),
+                 (("switch", "create", "new"), "--version", U32),
                  (("port", "add", "lab", "new"), "--connect-id", U32), (("uplink", "set", "lab"), "--count", 4096),
                  (("mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01"), "--vlan", 4094),
                  (("mac", "list", "lab", "port0"), "--selector", 255),
