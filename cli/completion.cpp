@@ -3,6 +3,7 @@
 
 #include "decode.h"
 #include "parser.h"
+#include "platform.h"
 
 namespace vsctl {
 
@@ -27,12 +28,23 @@ std::vector<std::string> RunningUplinks(const std::string &alias)
     return names;
 }
 
-// Live names; a platform that doesn't answer has none to offer. Ports can't be listed, but uplinks are ports.
+// Where ports can't be listed, uplinks still can, which are ports too.
+std::vector<std::string> PortIds(const std::string &alias)
+{
+    if (!IsEmbedded()) return ReadUplinks(alias).ids;
+    std::vector<std::string> ids;
+    for (const vshost_port &port : ListPorts(SwitchId(alias)).value_or(std::vector<vshost_port>()))
+        ids.emplace_back(port.id);
+    return ids;
+}
+
+// Live names; a platform that doesn't answer has none to offer.
 std::vector<std::string> LiveNames(Names names, const std::string &alias)
 {
     try {
         if (names == Names::SWITCH) return SwitchNames();
-        if (names == Names::UPLINK || names == Names::PORT) return ReadUplinks(alias).ids;
+        if (names == Names::UPLINK) return ReadUplinks(alias).ids;
+        if (names == Names::PORT) return PortIds(alias);
         if (names == Names::RUNNING_UPLINK) return RunningUplinks(alias);
     } catch (const Error &) {
     }

@@ -110,6 +110,7 @@ class Terminal(OnHost):
         for line, wanted in (("vsctl sw", ["switch"]), ("vsctl switch cr", ["create"]), ("vsctl port vlan l", ["lab"]),
                              ("vsctl port vlan a", ["a longer name"]),
                              ("vsctl port vlan lab up", ["uplink0", "uplink1"]),
+                             ("vsctl port vlan lab po", ["port0", "port1", "port2", "port3"]),
                              ("vsctl port vlan lab --pr", ["--priority"]), ("vsctl mac info lab --t", ["--timeout"]),
                              ("vsctl uplink link lab ", ["nic0", "nic1"]), ("vsctl plan sw", ["swfile"]),
                              ("vsctl help port vl", ["vlan"]), ("vsctl watch uplink li", ["link", "list", "live"])):
