@@ -18,18 +18,33 @@ namespace vsctl {
 
 namespace {
 
-// Restores the steps in reverse order; returns what could not be restored.
-std::vector<std::string> Undo(std::span<const Step> steps)
-{
+// What an undo could not do.
+struct Undone {
     std::vector<std::string> failures;
+    std::vector<std::string> losses; // what nobody can bring back
+};
+
+// Restores the steps in reverse order.
+Undone Undo(std::span<const Step> steps)
+{
+    Undone undone;
+    Places places;
     for (size_t i = steps.size(); i-- > 0;) {
+        const Step &step = steps[i];
+        places.Add(step.target, step.saved);
         try {
-            Restore(steps[i]);
+            if (Restore(step)) undone.losses.push_back(LossText(step));
         } catch (const Error &error) {
-            failures.push_back(fmt::format("{} stays changed ({})", StepText(steps[i]), error.message));
+            undone.failures.push_back(fmt::format("{} stays changed ({})", StepText(step), error.message));
         }
     }
-    return failures;
+    try {
+        for (std::string &failure : places.Restore())
+            undone.failures.push_back(std::move(failure));
+    } catch (const Error &error) {
+        undone.failures.push_back(error.message);
+    }
+    return undone;
 }
 
 std::string Count(size_t number, const char *what)
@@ -37,21 +52,34 @@ std::string Count(size_t number, const char *what)
     return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
 }
 
-// The error of the step that failed, with what became of the steps before it.
-Error UndoneError(const Error &cause, size_t done, const std::vector<std::string> &failures)
+// The first of many.
+std::string Listed(std::vector<std::string> texts)
 {
-    if (!failures.empty()) {
+    constexpr size_t MOST = 3;
+    if (texts.size() <= MOST) return fmt::format("{}", fmt::join(texts, "; "));
+    const size_t more = texts.size() - MOST;
+    texts.resize(MOST);
+    return fmt::format("{}; and {} more", fmt::join(texts, "; "), more);
+}
+
+// The error of the step that failed, with what became of the steps before it.
+Error UndoneError(const Error &cause, size_t done, const Undone &undone)
+{
+    if (!undone.failures.empty()) {
         Error error(Exit::PARTLY_UNDONE,
-                    fmt::format("{}; undoing failed in part: {}", cause.problem, fmt::join(failures, ", ")),
+                    fmt::format("{}; undoing failed in part: {}", cause.problem, Listed(undone.failures)),
                     "when the cause is gone, 'vsctl apply --undo' tries again");
         error.status = cause.status;
         return error;
     }
-    const std::string undone =
-        done ? fmt::format("; what was done before it ({}) is undone, and all is as it was",
-                           Count(done, "step"))
-             : "; nothing was changed";
-    Error error(cause.exit, cause.problem + undone, cause.advice);
+    std::string outcome =
+        done ? fmt::format("; what was done before it ({}) is undone", Count(done, "step")) : "";
+    if (!undone.losses.empty())
+        outcome +=
+            fmt::format("; all is as it was but for what can't be brought back: {}", Listed(undone.losses));
+    else
+        outcome += done ? ", and all is as it was" : "; nothing was changed";
+    Error error(cause.exit, cause.problem + outcome, cause.advice);
     error.status = cause.status;
     return error;
 }
@@ -68,9 +96,9 @@ void PerformAll(const std::vector<Step> &steps)
     } catch (const Error &error) {
         // The one that failed may have got half-way.
         const size_t begun = std::min(done + 1, steps.size());
-        const auto failures = Undo(std::span(steps).first(begun));
-        if (failures.empty()) Journal::Remove();
-        throw UndoneError(error, done, failures);
+        const Undone undone = Undo(std::span(steps).first(begun));
+        if (undone.failures.empty()) Journal::Remove();
+        throw UndoneError(error, done, undone);
     }
 }
 
@@ -91,12 +119,10 @@ void ThrowIfRemovalsForbidden(const Result &result)
     if (result.allowRemovals) return;
     for (const Step &step : result.steps) {
         if (!IsRemoval(step)) continue;
-        throw Error(
-            Exit::FAILURE,
-            fmt::format("this removes {}, and a removal cannot be undone entirely (numbers and statistics "
-                        "of ports are lost)",
-                        StepText(step)),
-            "--allow-removals agrees to it");
+        throw Error(Exit::FAILURE,
+                    fmt::format("this removes {}, and undoing it would not bring back: {}", StepText(step),
+                                LossText(step)),
+                    "--allow-removals agrees to it");
     }
 }
 
@@ -151,6 +177,13 @@ Preview ReadAllBefore(std::vector<Step> &steps)
     return PreviewOf(steps);
 }
 
+void SaveAll(std::vector<Step> &steps)
+{
+    Saver saver;
+    for (Step &step : steps)
+        Save(step, saver);
+}
+
 // What a plan has read was read before this change had the host for itself.
 void RequireUnchanged(const std::vector<Step> &steps)
 {
@@ -172,6 +205,7 @@ Preview CarryOut(const std::string &command, Result &result)
     ThrowIfUnfinished(); // to undo or resume it would overwrite this change
     RequireUnchanged(result.steps);
     Preview preview = ReadAllBefore(result.steps);
+    SaveAll(result.steps);
     Journal journal{NewJournalId(), command, std::move(result.steps)};
     const ChangeScope changing; // from the journal's first byte to its removal
     journal.Write();
@@ -216,24 +250,27 @@ Journal RequireJournal()
     return *journal;
 }
 
+void ThrowUnlessUndone(const Journal &journal, const Undone &undone)
+{
+    if (undone.failures.empty()) return;
+    throw Error(Exit::PARTLY_UNDONE,
+                fmt::format("undoing '{}' failed in part: {}", journal.command, Listed(undone.failures)),
+                "when the cause is gone, 'vsctl apply --undo' tries again");
+}
+
 // Undoes the journal's steps and forgets it; keeps it while something could not be undone.
-void UndoAll(const Journal &journal)
+Undone UndoAll(const Journal &journal)
 {
     const ChangeScope changing;
-    const auto failures = Undo(journal.steps);
-    if (failures.empty()) {
-        Journal::Remove();
-        return;
-    }
-    throw Error(Exit::PARTLY_UNDONE,
-                fmt::format("undoing '{}' failed in part: {}", journal.command, fmt::join(failures, ", ")),
-                "when the cause is gone, 'vsctl apply --undo' tries again");
+    Undone undone = Undo(journal.steps);
+    ThrowUnlessUndone(journal, undone);
+    Journal::Remove();
+    return undone;
 }
 
 Json JournalRow(const Journal &journal, const char *outcome)
 {
-    return Json::array(
-        {{{"change", journal.command}, {"steps", journal.steps.size()}, {"outcome", outcome}}});
+    return {{"change", journal.command}, {"steps", journal.steps.size()}, {"outcome", outcome}};
 }
 
 }
@@ -242,19 +279,23 @@ Json UndoJournal()
 {
     const HostLock lock;
     const Journal journal = RequireJournal();
-    UndoAll(journal);
-    return JournalRow(journal, "undone");
+    const Undone undone = UndoAll(journal);
+    Json row = JournalRow(journal, "undone");
+    if (!undone.losses.empty()) row["lost"] = undone.losses;
+    return Json::array({row});
 }
 
+// Undoes what was done, then performs all of it.
 Json ResumeJournal()
 {
     const HostLock lock;
-    Journal journal = RequireJournal();
+    const Journal journal = RequireJournal();
     if (journal.awaitsConfirmation) ThrowIfUnfinished();
     const ChangeScope changing;
-    Repeat(journal.steps);
+    ThrowUnlessUndone(journal, Undo(journal.steps));
+    PerformAll(journal.steps);
     Journal::Remove();
-    return JournalRow(journal, "finished");
+    return Json::array({JournalRow(journal, "finished")});
 }
 
 Json ConfirmJournal()
@@ -267,7 +308,7 @@ Json ConfirmJournal()
                     "'vsctl apply --undo' undoes it, if that has not happened yet");
     }
     Journal::Remove();
-    return JournalRow(journal, "confirmed");
+    return Json::array({JournalRow(journal, "confirmed")});
 }
 
 void GuardJournal(const std::string &id, double seconds)

@@ -194,6 +194,7 @@ private:
     void AddUplinks(const Target &target, const Json &entry);
     void AddPort(const Target &port, const Json &entry, const std::string &pointer, const Json &uplinks);
     void AddPolicies(const Target &target, const Json &entry);
+    bool IsLeaving(const Target &port) const;
     void RequireSameAttributes(const Target &target, const Json &entry, const Json &present,
                                const std::string &pointer) const;
 
@@ -244,11 +245,22 @@ void Planner::AddUplinks(const Target &target, const Json &entry)
     addMissing(present, wanted, "remove", uplinkRemovals);
 }
 
+// Whether the port goes with an uplink that the file lists no longer.
+bool Planner::IsLeaving(const Target &port) const
+{
+    return std::any_of(uplinkRemovals.begin(), uplinkRemovals.end(), [&port](const Step &step) {
+        return step.target.alias == port.alias && step.value["remove"] == port.port;
+    });
+}
+
 void Planner::AddPort(const Target &port, const Json &entry, const std::string &pointer,
                       const Json &uplinkNames)
 {
     const Json present = ReadPort(port);
-    if (entry.value("absent", false)) {
+    const bool isAbsent = entry.value("absent", false), isLeaving = IsLeaving(port);
+    if (isLeaving && !isAbsent) throw document.At(pointer, "is an uplink that 'uplinks' does not list");
+    if (isLeaving) return;
+    if (isAbsent) {
         if (!present.is_null()) portRemovals.push_back({"port", port, nullptr});
         return;
     }

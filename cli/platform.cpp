@@ -1,9 +1,13 @@
-// What only a platform of ours offers.
+// What the platform offers beside the library.
 #include "platform.h"
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "error.h"
 #include "forward.h"
@@ -56,6 +60,28 @@ std::optional<std::vector<vshost_property_name>> ListProperties(const std::strin
                                         [&](vshost_property_name *names, size_t capacity, size_t *count) {
                                             return list(switchId.c_str(), portId, names, capacity, count);
                                         });
+}
+
+int RestorePlace(const std::string &switchId, const vshost_port &port)
+{
+    static auto *const restore = PlatformFunction<decltype(vshost_restore_port)>("vshost_restore_port");
+    return restore(switchId.c_str(), &port);
+}
+
+bool SetNode(const std::string &node, const std::string &value)
+{
+    const char *arguments[] = {"tybel", "-e", "set", node.c_str(), value.c_str(), nullptr};
+    posix_spawn_file_actions_t silent;
+    posix_spawn_file_actions_init(&silent);
+    posix_spawn_file_actions_addopen(&silent, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t child = 0;
+    int result = -1;
+    const bool started = posix_spawn(&child, "/bin/tybel", &silent, nullptr,
+                                     const_cast<char *const *>(arguments), environ) == 0;
+    posix_spawn_file_actions_destroy(&silent);
+    while (started && waitpid(child, &result, 0) < 0 && errno == EINTR) {
+    }
+    return started && result == 0;
 }
 
 }

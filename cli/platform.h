@@ -1,4 +1,5 @@
-// What only a platform of ours offers: its functions are looked up at run time, never linked.
+// What the platform offers beside the library. The functions that only a platform of ours has are looked up
+// at run time, never linked.
 #pragma once
 
 #include <vshost.h>
@@ -20,5 +21,11 @@ std::optional<std::vector<vshost_port>> ListPorts(const std::string &switchId);
 // switch or port. Only on a platform of ours.
 std::optional<std::vector<vshost_property_name>> ListProperties(const std::string &switchId,
                                                                 const std::string &port);
+
+// Gives a port its number and NIC; 0, or an errno value. Only on a platform of ours.
+int RestorePlace(const std::string &switchId, const vshost_port &port);
+
+// Sets a node of the platform's shell, as the library does it; whether that went well.
+bool SetNode(const std::string &node, const std::string &value);
 
 }

@@ -3,86 +3,16 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <map>
-#include <sys/random.h>
 
 #include "decode.h"
-#include "limit.h"
 
 namespace vsctl {
 
 namespace {
 
-constexpr const char *UPLINK_NAMES = "com.talpex.common.uplinkPorts";
-constexpr const char *UPLINK_IDS = "com.talpex.common.host.uplinkPorts";
-
-// ---- Attributes of switches and ports that only their creation sets ----
-
-template<class Number> Json NumberProperty(const Property &property)
-{
-    Bytes bytes;
-    Number number = 0;
-    if (property.Get(bytes) != STATUS_OK || bytes.size() != sizeof number) return nullptr;
-    memcpy(&number, bytes.data(), sizeof number);
-    return number;
-}
-
-Json TextProperty(const Property &property)
-{
-    Bytes bytes;
-    if (property.Get(bytes) != STATUS_OK) return nullptr;
-    return Name(reinterpret_cast<const char *>(bytes.data()), bytes.size());
-}
-
-void SetIfPresent(Json &entry, const char *key, const Json &value)
-{
-    if (!value.is_null()) entry[key] = value;
-}
-
-bool IsDerived(const Policy &policy) { return policy.read == FindPolicy("sink", true)->read; }
-
-void AddPolicies(Json &entry, const Target &target)
-{
-    for (const Policy *policy : PoliciesOf(!target.port.empty())) {
-        if (!IsDerived(*policy)) SetIfPresent(entry, policy->name, ReadStored(*policy, target));
-    }
-}
-
-void RestorePolicies(const Json &entry, const Target &target)
-{
-    for (const Policy *policy : PoliciesOf(!target.port.empty())) {
-        const Json wanted = entry.value(policy->name, Json());
-        if (!IsDerived(*policy) && ReadStored(*policy, target) != wanted)
-            WritePolicy(*policy, target, wanted);
-    }
-}
-
 // ---- Switches ----
 
 Json ReadSwitchItem(const Step &step) { return ReadSwitch(step.target.alias); }
-
-void CreateSwitch(const std::string &alias, const Json &value)
-{
-    const std::string id = value.value("id", "");
-    const std::string portset = value.value("portset", alias);
-    if (SwitchExists(alias)) Check(STATUS_EXISTS, "creating", {alias, ""});
-    const VsStatus status = VSDVS_CreateVSwitch(
-        alias.c_str(), id.empty() ? nullptr : id.c_str(), portset.c_str(), value.value("version", 1u),
-        value.value("opaque", false), value.value("max-ports", 0u), value.value("uplink-count", 0u),
-        value.value("port-count", 0u));
-    LibraryInit(); // the cache need not follow what this process creates
-    CheckDriver(status, "creating", {alias, ""});
-}
-
-void DestroySwitch(const std::string &alias)
-{
-    const bool isRunning = IsRunning(alias);
-    const VsStatus status = VSDVS_DestroyVSwitch(alias.c_str());
-    LibraryInit();
-    // The portset comes last, and of a switch that doesn't run there is none to destroy.
-    if (status == STATUS_FAILURE && !isRunning && !SwitchExists(alias)) return;
-    Check(status, "destroying", {alias, ""});
-}
 
 void PerformSwitch(const Step &step)
 {
@@ -92,95 +22,35 @@ void PerformSwitch(const Step &step)
         CreateSwitch(step.target.alias, step.value);
 }
 
-bool IsNamed(const std::string &alias, const std::string &portset)
+// At once, because steps before this one may have changed the NICs that were there.
+void RestoreNics(const Step &step)
 {
-    char found[PORTSET_NAME_SIZE];
-    return DVSAliasToPortsetName(alias.c_str(), found) == STATUS_OK && portset == found;
+    Places places;
+    places.Add(step.target, step.saved);
+    places.RestoreNics();
 }
 
-// A creation makes the switch, its names, its association, uplinks and ports, in this order.
-bool IsWhole(const std::string &alias, const Json &value)
-{
-    if (!SwitchExists(alias) || !IsNamed(alias, value["portset"])) return false;
-    const uint32_t uplinks = value.value("uplink-count", 0u);
-    const uint32_t ports = value.value("port-count", 0u);
-    return IsAssociated(value["portset"]) && ReadUplinks(alias).ids.size() >= uplinks &&
-           (ports == 0 || PortExists({alias, fmt::format("port{}", ports - 1)}));
-}
-
-bool SwitchIsDone(const Step &step)
-{
-    if (!step.value.is_null()) return IsWhole(step.target.alias, step.value);
-    if (SwitchExists(step.target.alias)) return false;
-    if (!step.before.is_null()) RequireNoBarePortset(step.before["portset"]);
-    return true;
-}
-
-// A creation that was cut short has left a switch without a name: it is given one, and goes by it.
-void DestroyHalfMade(const Step &step)
-{
-    const std::string id = step.value.value("id", "");
-    const std::string &alias = step.target.alias;
-    const std::string portset = step.value.value("portset", alias);
-    const auto text = [](const std::string &name) {
-        return Bytes(name.c_str(), name.c_str() + name.size() + 1);
-    };
-    const Target byId{id, ""};
-    if (Property{Level::GLOBAL, byId, "com.talpex.common.alias", true}.Set(text(alias)) == STATUS_OK) {
-        Check(Property{Level::HOST, byId, "com.talpex.common.host.portset", true}.Set(text(portset)),
-              "removing the half-made", step.target);
-        LibraryInit();
-        DestroySwitch(alias);
-    }
-    RequireNoBarePortset(portset);
-}
-
-void AddUplinks(const std::string &alias, const std::vector<std::string> &names)
-{
-    for (const std::string &name : names) {
-        Check(VSDVS_AddSwitchUplinkPort(alias.c_str(), name.c_str()), "adding uplink " + name + " to",
-              {alias, ""});
-    }
-}
-
-void RestorePorts(const std::string &alias, const Json &before);
-
-void RestoreSwitch(const Step &step)
+Json SaveSwitch(const Step &step, Saver &saver)
 {
     const std::string &alias = step.target.alias;
-    const bool exists = SwitchExists(alias);
-    if (step.before.is_null()) {
-        if (exists && IsNamed(alias, step.value.value("portset", alias)))
-            DestroySwitch(alias);
-        else if (!step.value.is_null())
-            DestroyHalfMade(step);
-        return;
+    if (!step.before.is_null()) return saver.Switch(alias);
+    return step.value.is_null() ? Json() : SaveFreeNames(alias, step.value);
+}
+
+bool RestoreSwitchItem(const Step &step)
+{
+    if (!step.before.is_null()) {
+        const bool madeAgain = RestoreSwitch(step.target.alias, step.saved);
+        RestoreNics(step);
+        return madeAgain;
     }
-    if (exists) return;
-    RequireNoBarePortset(step.before["portset"]);
-    CreateSwitch(alias, step.before);
-    AddUplinks(alias, step.before.value("uplinks", std::vector<std::string>()));
-    RestorePolicies(step.before, step.target);
-    RestorePorts(alias, step.before);
+    if (!step.saved.is_null()) RemoveNewSwitch(step.target.alias, step.saved);
+    return false;
 }
 
 // ---- Ports ----
 
 Json ReadPortItem(const Step &step) { return ReadPort(step.target); }
-
-void AddPort(const Target &port, const Json &value)
-{
-    const VsStatus status = value.contains("external-id")
-                                ? VSDVS_AddOpaqueDVPort(port.Alias(), port.Port(),
-                                                        value["external-id"].get<std::string>().c_str())
-                                : VSDVS_AddDVPort(port.Alias(), port.Port(), value.value("connect-id", 1u));
-    Check(status, "adding", port);
-}
-
-void RemovePort(const Target &port)
-{
-    Check(VSDVS_RemoveDVPort(port.Alias(), port.Port()), "removing", port);
-}
 
 void PerformPort(const Step &step)
 {
@@ -190,41 +60,13 @@ void PerformPort(const Step &step)
         AddPort(step.target, step.value);
 }
 
-// A port that was cut short may lack the external id.
-bool PortIsDone(const Step &step)
-{
-    const Json now = ReadPort(step.target);
-    if (step.value.is_null() || now.is_null()) return step.value.is_null() == now.is_null();
-    return now.value("external-id", Json()) == step.value.value("external-id", Json());
-}
+Json SavePort(const Step &step, Saver &saver) { return saver.Port(step.target); }
 
-// What only the creation of a port sets.
-bool HaveSameIds(const Json &port, const Json &other)
+// Ports go and come back with their switch.
+bool RestorePortItem(const Step &step)
 {
-    return port.value("connect-id", Json()) == other.value("connect-id", Json()) &&
-           port.value("external-id", Json()) == other.value("external-id", Json());
+    return SwitchExists(step.target.alias) && RestorePort(step.target, step.saved);
 }
-
-void RestorePort(const Target &target, const Json &before)
-{
-    Json now = ReadPort(target);
-    if (!now.is_null() && (before.is_null() || !HaveSameIds(now, before))) {
-        RemovePort(target);
-        now = nullptr;
-    }
-    if (before.is_null()) return;
-    if (now.is_null()) AddPort(target, before);
-    RestorePolicies(before, target);
-}
-
-void RestorePorts(const std::string &alias, const Json &before)
-{
-    if (!before.contains("ports")) return;
-    for (const auto &[port, entry] : before["ports"].items())
-        RestorePort({alias, port}, entry);
-}
-
-void RestorePortItem(const Step &step) { RestorePort(step.target, step.before); }
 
 // ---- Uplinks: what a step does is {"add": NAME}, {"remove": ID}, {"set": …}, {"count": N} or {"clear":
 // true} ----
@@ -279,6 +121,37 @@ void PerformUplinks(const Step &step)
     const auto change = step.value.items().begin();
     Check(ChangeUplinks(step.target.Alias(), change.key(), change.value()), "changing the uplinks of",
           step.target);
+    // The library says nothing of lists that stay.
+    if (change.key() == "clear" && !ReadUplinks(step.target.alias).ids.empty())
+        Check(STATUS_IO_ERROR, "forgetting the uplinks of", step.target);
+}
+
+Json SaveUplinks(const Step &step, Saver &saver)
+{
+    const Target &target = step.target;
+    if (!SwitchExists(target.alias)) return nullptr;
+    Json saved = {{"lists", SaveProperties({{Level::GLOBAL, target, UPLINK_NAMES_KEY},
+                                            {Level::HOST, target, UPLINK_IDS_KEY}})}};
+    std::vector<std::string> changed = PortsMade(step);
+    const bool removes = step.value.contains("remove"), adds = step.value.contains("add");
+    if (removes) changed.push_back(step.value["remove"]);
+    for (const std::string &id : changed)
+        saved["ports"].push_back({{"id", id}, {"port", saver.Port({target.alias, id})}});
+    // What is listed no longer loses its NIC.
+    if (!adds && !removes) saved["places"] = saver.UplinkPlaces(target.alias);
+    return saved;
+}
+
+bool RestoreUplinks(const Step &step)
+{
+    const std::string &alias = step.target.alias;
+    if (!SwitchExists(alias) || step.saved.is_null()) return false; // they went with it
+    bool madeAgain = false;
+    for (const Json &entry : step.saved.value("ports", Json::array()))
+        madeAgain = RestorePort({alias, entry["id"]}, entry["port"]) || madeAgain;
+    RestoreProperties(step.target, step.saved["lists"]);
+    RestoreNics(step);
+    return madeAgain || (!IsEmbedded() && step.saved.contains("places"));
 }
 
 // The lists and ports that the step leaves.
@@ -299,48 +172,6 @@ Json UplinksAfter(const Step &step)
         after.ids.erase(removed);
     }
     return ToJson(after);
-}
-
-bool UplinksAreDone(const Step &step)
-{
-    if (!SwitchExists(step.target.alias)) return false;
-    try {
-        return ToJson(ReadUplinks(step.target.alias)) == UplinksAfter(step);
-    } catch (const Error &) {
-        return false; // the lists don't fit together halfway
-    }
-}
-
-// Writes both lists as they were. The generic setters keep them with the flags that they have anyway.
-void WriteUplinkLists(const std::string &alias, const Uplinks &uplinks)
-{
-    const Target target{alias, ""};
-    constexpr const char *ACTION = "restoring the uplinks of";
-    if (uplinks.ids.empty()) {
-        Check(VSDVS_ClearSwitchUplinkPorts(alias.c_str()), ACTION, target);
-        return;
-    }
-    Check(Property{Level::GLOBAL, target, UPLINK_NAMES}.Set(PackNames(uplinks)), ACTION, target);
-    Check(Property{Level::HOST, target, UPLINK_IDS}.Set(PackIds(uplinks)), ACTION, target);
-}
-
-void RestoreUplinks(const Step &step)
-{
-    const std::string &alias = step.target.alias;
-    if (!SwitchExists(alias)) return; // they went with it
-    const Uplinks before = step.before.is_null() ? Uplinks() : FromJson(step.before);
-    for (const std::string &id : PortsMade(step)) {
-        if (PortExists({alias, id}))
-            Check(VSDVS_RemoveDVPort(alias.c_str(), id.c_str()), "removing", Target{alias, id});
-    }
-    RestorePorts(alias, step.before);
-    Uplinks now;
-    try {
-        now = ReadUplinks(alias);
-    } catch (const Error &) {
-        now.ids.emplace_back(); // lists and ports don't fit together halfway: they are written anew
-    }
-    if (now != before) WriteUplinkLists(alias, before);
 }
 
 // ---- Properties: {"level", "key", "bytes", "by-id"} ----
@@ -374,13 +205,22 @@ Json ReadProperty(const Step &step)
 
 void PerformProperty(const Step &step) { WriteProperty(step, step.value["bytes"]); }
 
-bool PropertyIsDone(const Step &step) { return ReadProperty(step) == step.value["bytes"]; }
-
 Json PropertyAfter(const Step &step) { return step.value["bytes"]; }
 
-void RestoreProperty(const Step &step)
+Json SaveNothing(const Step &, Saver &) { return nullptr; }
+
+// Whether what has gone meanwhile comes back by a step of its own, with all that belongs to it.
+bool IsGone(const Target &target)
 {
+    return !SwitchExists(target.alias) || (!target.port.empty() && !PortExists(target));
+}
+
+bool RestoreProperty(const Step &step)
+{
+    const bool byId = step.value.contains("by-id");
+    if (byId ? !SwitchIdExists(step.target.alias) : IsGone(step.target)) return false;
     if (ReadProperty(step) != step.before) WriteProperty(step, step.before);
+    return false;
 }
 
 // ---- Mirror sessions: {"append": […]} or {"remove": ID} ----
@@ -418,12 +258,43 @@ Json MirrorAfter(const Step &step)
     return after.empty() ? Json() : Canonical(MirrorPolicy(step.target), after);
 }
 
-bool MirrorIsDone(const Step &step) { return ReadSessions(step) == MirrorAfter(step); }
-
-void RestoreMirror(const Step &step)
+// The keys of what the policy stores.
+Json SavePolicyKeys(const Policy &policy, const Target &target)
 {
-    if (ReadSessions(step) != step.before) WritePolicy(MirrorPolicy(step.target), step.target, step.before);
+    if (std::string_view(policy.name) == "mtu") {
+        return SaveProperties({{Level::GLOBAL, target, "com.talpex.vswitch.mtu"},
+                               {Level::GLOBAL, target, "com.talpex.etherswitch.mtu"}});
+    }
+    std::vector<Property> properties = {{policy.level, target, policy.key}};
+    if (std::string_view(policy.name) == "vlan")
+        properties.push_back({Level::PORT, target, "com.talpex.vswitch.port.priority"});
+    return SaveProperties(properties);
 }
+
+Json SavePolicyOf(const Policy &policy, const Target &target, Saver &saver)
+{
+    if (IsGone(target)) return nullptr;
+    Json saved = {{"properties", SavePolicyKeys(policy, target)}};
+    if (std::string_view(policy.name) == "mtu") saved["mtus"] = saver.Mtus(target.alias);
+    return saved;
+}
+
+// Stores what a policy was as the library does, then what it can't say, byte for byte.
+bool RestorePolicyOf(const Policy &policy, const Step &step)
+{
+    const Target &target = step.target;
+    if (step.saved.is_null() || IsGone(target)) return false;
+    if (ReadStored(policy, target) != step.before) WritePolicy(policy, target, step.before);
+    RestoreProperties(target, step.saved["properties"]);
+    return false;
+}
+
+Json SaveMirror(const Step &step, Saver &saver)
+{
+    return SavePolicyOf(MirrorPolicy(step.target), step.target, saver);
+}
+
+bool RestoreMirror(const Step &step) { return RestorePolicyOf(MirrorPolicy(step.target), step); }
 
 // ---- Whether an uplink is up: {"uplink", "up"} ----
 
@@ -442,16 +313,17 @@ void SetAdmin(const Step &step, bool up)
 }
 
 void PerformAdmin(const Step &step) { SetAdmin(step, step.value["up"]); }
-bool AdminIsDone(const Step &step) { return ReadAdmin(step) == step.value["up"]; }
 Json AdminAfter(const Step &step) { return step.value["up"]; }
 
-void RestoreAdmin(const Step &step)
+bool RestoreAdmin(const Step &step)
 {
+    if (IsGone(step.target)) return false;
     try {
         if (ReadAdmin(step) != step.before) SetAdmin(step, step.before);
     } catch (const Error &error) {
         if (error.exit != Exit::NOT_FOUND) throw; // its state went with the uplink
     }
+    return false;
 }
 
 // ---- The table ----
@@ -462,18 +334,18 @@ struct Item {
     const char *name;
     Json (*read)(const Step &);
     void (*perform)(const Step &);
-    bool (*isDone)(const Step &);
-    void (*restore)(const Step &);
+    Json (*save)(const Step &, Saver &);
+    bool (*restore)(const Step &);
     Json (*after)(const Step &); // what a later step about the same object finds before it
 };
 
 constexpr Item ITEMS[] = {
-    {"switch", ReadSwitchItem, PerformSwitch, SwitchIsDone, RestoreSwitch, ValueOf},
-    {"port", ReadPortItem, PerformPort, PortIsDone, RestorePortItem, ValueOf},
-    {"uplinks", ReadUplinksItem, PerformUplinks, UplinksAreDone, RestoreUplinks, UplinksAfter},
-    {"property", ReadProperty, PerformProperty, PropertyIsDone, RestoreProperty, PropertyAfter},
-    {"mirror-sessions", ReadSessions, PerformMirror, MirrorIsDone, RestoreMirror, MirrorAfter},
-    {"uplink-admin", ReadAdmin, PerformAdmin, AdminIsDone, RestoreAdmin, AdminAfter},
+    {"switch", ReadSwitchItem, PerformSwitch, SaveSwitch, RestoreSwitchItem, ValueOf},
+    {"port", ReadPortItem, PerformPort, SavePort, RestorePortItem, ValueOf},
+    {"uplinks", ReadUplinksItem, PerformUplinks, SaveUplinks, RestoreUplinks, UplinksAfter},
+    {"property", ReadProperty, PerformProperty, SaveNothing, RestoreProperty, PropertyAfter},
+    {"mirror-sessions", ReadSessions, PerformMirror, SaveMirror, RestoreMirror, MirrorAfter},
+    {"uplink-admin", ReadAdmin, PerformAdmin, SaveNothing, RestoreAdmin, AdminAfter},
 };
 
 const Policy &PolicyOf(const Step &step) { return *FindPolicy(step.item, !step.target.port.empty()); }
@@ -491,20 +363,12 @@ void PerformPolicy(const Step &step)
     WritePolicy(policy, step.target, Merged(policy, stored, step.value));
 }
 
-bool PolicyIsDone(const Step &step)
-{
-    const Json stored = ReadPolicyItem(step);
-    return stored == Merged(PolicyOf(step), stored, step.value);
-}
+Json SavePolicy(const Step &step, Saver &saver) { return SavePolicyOf(PolicyOf(step), step.target, saver); }
 
-void RestorePolicy(const Step &step)
-{
-    if (!SwitchExists(step.target.alias)) return;
-    if (ReadPolicyItem(step) != step.before) WritePolicy(PolicyOf(step), step.target, step.before);
-}
+bool RestorePolicy(const Step &step) { return RestorePolicyOf(PolicyOf(step), step); }
 
 // What every policy has in common.
-constexpr Item POLICY_ITEM = {"", ReadPolicyItem, PerformPolicy, PolicyIsDone, RestorePolicy, PolicyAfter};
+constexpr Item POLICY_ITEM = {"", ReadPolicyItem, PerformPolicy, SavePolicy, RestorePolicy, PolicyAfter};
 
 const Item &ItemOf(const Step &step)
 {
@@ -526,15 +390,6 @@ std::vector<std::string> PortsMade(const Step &step)
     return made;
 }
 
-void RequirePortsetName(const std::string &name)
-{
-    constexpr Field RULE{"", Form::TEXT, "the name of a portset", 1, PORTSET_NAME_SIZE - 1};
-    RequireName(RULE, name);
-    if (name != "." && name != ".." && name[0] != '-' && name.find('/') == std::string::npos) return;
-    throw Error(Exit::BAD_VALUE, fmt::format("'{}' cannot be the name of a portset", name),
-                "take one without '/' that does not begin with '-', or give one with --portset");
-}
-
 void ReadBefore(Step &step)
 {
     if (step.isRead) return;
@@ -543,27 +398,9 @@ void ReadBefore(Step &step)
 }
 
 void Perform(const Step &step) { ItemOf(step).perform(step); }
-void Restore(const Step &step) { ItemOf(step).restore(step); }
+bool Restore(const Step &step) { return ItemOf(step).restore(step); }
 Json After(const Step &step) { return ItemOf(step).after(step); }
-
-// Steps in the journal all hold what was there before the first of them. Where what a step leaves depends on
-// that, it is carried on from each step to the next.
-void Repeat(std::span<Step> steps)
-{
-    std::map<std::pair<std::string, std::string>, Json> objects;
-    for (Step &step : steps) {
-        ThrowIfStopped();
-        const Item &item = ItemOf(step);
-        const auto known = objects.try_emplace({step.item, step.target.Text()}, step.before).first;
-        if (step.before.is_object() && step.before.contains("ports"))
-            known->second["ports"] = step.before["ports"]; // of uplinks
-        step.before = known->second;
-        known->second = item.after(step);
-        if (item.isDone(step)) continue;
-        if (&item != &POLICY_ITEM) item.restore(step); // it may have got half-way
-        item.perform(step);
-    }
-}
+void Save(Step &step, Saver &saver) { step.saved = ItemOf(step).save(step, saver); }
 
 bool IsRemoval(const Step &step)
 {
@@ -587,6 +424,18 @@ Json StepRow(const Step &step)
     return row;
 }
 
+std::string LossText(const Step &step)
+{
+    const std::string &port = step.item == "uplinks" ? step.value.value("remove", "") : step.target.port;
+    const std::string object = Target{step.target.alias, port}.Text();
+    if (IsEmbedded()) return fmt::format("statistics and learned addresses of {}", object);
+    if (step.item == "uplinks" && port.empty())
+        return fmt::format("which NICs are behind the uplinks of {}", object);
+    if (!port.empty())
+        return fmt::format("number, NIC, statistics and properties unknown to vsctl of {}", object);
+    return fmt::format("all ports of {} but its uplinks, and properties unknown to vsctl", object);
+}
+
 std::string StepText(const Step &step)
 {
     if (step.item == "switch" || step.item == "port") return step.target.Text();
@@ -601,81 +450,16 @@ Json ToJson(const Step &step)
     json["port"] = step.target.port;
     json["value"] = step.value;
     json["before"] = step.before;
+    json["saved"] = step.saved;
     return json;
 }
 
 Step StepFromJson(const Json &json)
 {
-    return {json.at("item"), {json.at("switch"), json.at("port")}, json.at("value"), json.at("before"), true};
-}
-
-Json ReadPort(const Target &port)
-{
-    if (!SwitchExists(port.alias) || !PortExists(port)) return nullptr;
-    Json entry = Json::object();
-    SetIfPresent(entry, "connect-id",
-                 NumberProperty<uint32_t>({Level::PORT, port, "com.talpex.common.port.connectid"}));
-    SetIfPresent(entry, "external-id",
-                 TextProperty({Level::PORT, port, "com.talpex.port.extraConfig.vnic.external.id"}));
-    AddPolicies(entry, port);
-    return entry;
-}
-
-Json ReadSwitch(const std::string &alias)
-{
-    if (!SwitchExists(alias)) return nullptr;
-    const Target target{alias, ""};
-    Json entry = {{"id", SwitchId(alias)}, {"portset", PortsetOf(alias)}};
-    SetIfPresent(entry, "version",
-                 NumberProperty<uint32_t>({Level::GLOBAL, target, "com.talpex.common.version"}));
-    entry["opaque"] = TextProperty({Level::GLOBAL, target, "com.talpex.common.opaqueDvs"}) == "true";
-    SetIfPresent(entry, "max-ports", MaxPorts(entry["portset"]));
-    entry["uplinks"] = ReadUplinks(alias).ids;
-    AddPolicies(entry, target);
-    return entry;
-}
-
-namespace {
-
-template<class Entry> std::vector<std::string> StoredList(const Property &property)
-{
-    Bytes bytes;
-    std::vector<std::string> names;
-    if (property.Get(bytes) != STATUS_OK) return names;
-    for (size_t start = sizeof(uint32_t); start + sizeof(Entry) <= bytes.size(); start += sizeof(Entry))
-        names.push_back(Name(reinterpret_cast<const char *>(bytes.data() + start), sizeof(Entry)));
-    return names;
-}
-
-}
-
-Uplinks ReadUplinks(const std::string &alias)
-{
-    StoreBuffer<UplinkNameList> names;
-    StoreBuffer<UplinkPortIdList> ids;
-    const VsStatus status = VSDVS_GetSwitchUplinkPorts(alias.c_str(), names.Out(), ids.Out());
-    if (status == STATUS_NOT_FOUND) {
-        // There are no lists, or a port is gone that they name.
-        return {StoredList<UplinkName>({Level::GLOBAL, {alias, ""}, UPLINK_NAMES}),
-                StoredList<UplinkPortId>({Level::HOST, {alias, ""}, UPLINK_IDS})};
-    }
-    Check(status, "reading the uplinks of", {alias, ""});
-    Uplinks uplinks;
-    for (const UplinkName &name : Entries<UplinkName>(names.Get(), names->count))
-        uplinks.names.push_back(Name(name.text, sizeof name.text));
-    for (const UplinkPortId &id : Entries<UplinkPortId>(ids.Get(), ids->count))
-        uplinks.ids.push_back(Name(id.text, sizeof id.text));
-    return uplinks;
-}
-
-// In the form of the ids that the library derives from aliases, but never the same for two switches.
-std::string NewSwitchId()
-{
-    uint8_t bytes[16];
-    if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes)
-        throw Error(Exit::FAILURE, "the kernel gives no random bytes for a switch id", "give one with --id");
-    return fmt::format("{:02x}-{:02x}", fmt::join(bytes, bytes + 8, " "),
-                       fmt::join(bytes + 8, bytes + 16, " "));
+    Step step{
+        json.at("item"), {json.at("switch"), json.at("port")}, json.at("value"), json.at("before"), true};
+    step.saved = json.at("saved");
+    return step;
 }
 
 }

@@ -7,6 +7,7 @@ import json
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -30,6 +31,7 @@ OUTPUT = jsonschema.Draft202012Validator(OUTPUT_SCHEMA, resolver=jsonschema.RefR
 WRITES = {"DVSZOR_GlobalPropSet", "DVSZOR_GlobalPropClear", "DVSZOR_HostPropSet", "DVSZOR_HostPropClear",
           "DVSZOR_PortDataSet", "DVSZOR_PortDataClear", "DVSZOR_PortAdd", "DVSZOR_PortRemove", "DVSZOR_SwitchAdd",
           "DVSZOR_SwitchRemove", "DVSZOR_SwitchAssociate", "DVSZOR_SwitchDissociate", "create", "destroy", "set"}
+SANITIZED = b"__asan_init" in pathlib.Path(VSCTL).read_bytes()
 ran = set()
 
 
@@ -56,6 +58,18 @@ def recorded():
 def writes():
     """The recorded calls that change something."""
     return [call for call in recorded() if call in WRITES or call.isdigit() and int(call) > 8192]
+
+
+def signalled_at(nth, number, *words, stdin=None):
+    """Runs vsctl, which gets a signal before its nth change of a file."""
+    start = 'export LD_PRELOAD="$0:$LD_PRELOAD" VSCTL_TEST_KILL_AT="$1" VSCTL_TEST_SIGNAL="$2"; shift 2; exec "$@"'
+    command = ["sh", "-c", start, BUILD / "tests/libkill_at.so", str(nth), str(int(number)), VSCTL, *words]
+    return subprocess.run(command, input=stdin, capture_output=True, text=True, timeout=60)
+
+
+def killed_at(nth, *words, stdin=None):
+    """Kills vsctl before its nth change of a file; false when it makes fewer changes."""
+    return signalled_at(nth, signal.SIGKILL, *words, stdin=stdin).returncode == -signal.SIGKILL
 
 
 class OnHost(unittest.TestCase):

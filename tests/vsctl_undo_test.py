@@ -2,9 +2,13 @@
 """A change that fails leaves everything as it was: conflicts are found before the first write, steps are undone."""
 import ctypes
 import json
+import shutil
+import subprocess
+import time
 
-from vsctl_host import BUILD, HOST, OnHost, main
+from vsctl_host import BUILD, DRIVER, HOST, IO_ERROR, SANITIZED, SHELL, STORE, VSCTL, WRITES, OnHost, killed_at, main
 
+STRIDE = 17 if SANITIZED else 5
 PLATFORM = ctypes.CDLL(str(BUILD / "platform/liborkPublic.so"))
 
 
@@ -55,7 +59,9 @@ class Undo(OnHost):
                 (4, {"lab": {"uplinks": ["uplink0", "uplink1", "port0"]}}, "port0 of switch lab is a port"),
                 (4, {"a": {"id": "same"}, "b": {"id": "same"}}, "'same' is in use"),
                 (4, {"a": {"portset": "s"}, "b": {"portset": "s"}}, "portset s is in use"),
-                (1, {"lab": {"ports": {"uplink0": {"absent": True}}}}, "vsctl uplink remove")):
+                (1, {"lab": {"ports": {"uplink0": {"absent": True}}}}, "vsctl uplink remove"),
+                (5, {"lab": {"uplinks": ["uplink1"], "ports": {"uplink0": {"security": 5}}}},
+                 "an uplink that 'uplinks' does not list")):
             text = json.dumps({"switches": entries})
             self.unchanged(["apply", "-", "--allow-removals"], code, reason, stdin=text)
             self.refused(["plan", "-"], code, reason, stdin=text)
@@ -97,6 +103,149 @@ class Undo(OnHost):
         self.run_vsctl("port", "add", "lab", "uplink0")
         self.run_vsctl("uplink", "remove", "lab", "uplink0", "uplink1")
         self.assertEqual(self.rows("uplink", "list", "lab"), [])
+
+    def full_host(self):
+        """Switches whose ports, uplinks and policies are as no new ones are."""
+        self.assertEqual(HOST.vshost_scenario(b'{"nics": {"nic5": {}, "nic6": {}}}'), 0, HOST.vshost_error())
+        sessions = self.write("sessions", '[{"id": "s1"}, {"id": "s2"}]')
+        lines = ["port remove prod port0", "port add-opaque lab o text", "port add lab q --connect-id 9",
+                 "port remove lab port1", "port add prod z", "port vlan lab uplink0 7 --priority 3",
+                 "port vlan lab port0 --trunk 5-9", "port vlan lab port2 --clear", "port security lab uplink1 5",
+                 f"port eth-filter lab q {'ab' * 200}", "property set lab com.example.x --text a",
+                 "property set lab com.example.y --level host --hex 00",
+                 "property set lab com.example.z --port q --level port --text b", f"mirror append lab {sessions} q",
+                 f"mirror append lab {sessions}", "switch pvlan lab 6400650001000000",
+                 "switch mac-learning lab --value-a 300", "switch mtu lab 4000", "uplink add lab u9 u8",
+                 "uplink remove lab uplink1", "switch create third --id third --uplinks 1",
+                 "switch create free --id free --uplinks 1", "switch destroy free", "port remove prod port1",
+                 "property clear lab com.talpex.common.opaqueDvs", "port add lab f0..f9"]
+        self.run_vsctl("batch", "--allow-removals", stdin="\n".join(lines))
+
+    CHANGES = ["switch destroy lab", "port remove lab q", "uplink remove lab uplink0", "uplink set lab e1 e2",
+               "uplink clear lab", "switch mtu lab 9000", "switch mtu third 9000\nport add third x",
+               "uplink clear lab\nuplink add lab e1\nuplink add third e2\nuplink add prod e3\nport add prod y1\n"
+               "port add third y2",
+               "port remove lab port0,o\nport add lab o\nport vlan lab o 6\nport add third a,b",
+               "switch create new --id n --uplinks 2 --ports 2",
+               "port vlan lab port0 --clear\nport vlan lab q 5 --priority 2\nswitch pvlan lab --clear\n"
+               "mirror remove lab s1 q\nmirror clear lab\nswitch mac-learning lab --clear",
+               "uplink remove lab u9\nuplink add third t2\nport remove lab q\nport add prod y\nswitch destroy lab\n"
+               "port add third a\nswitch create new --id n --uplinks 2",
+               "switch destroy prod\nswitch destroy third\nuplink add lab e1\nport add lab x,y,z",
+               "property set lab com.example.x --text b\nproperty clear lab com.example.y --level host"]
+
+    def faults(self):
+        """The calls that are made to fail: each kind of write by itself, and any call here and there."""
+        for operation in sorted(WRITES - {"create", "destroy", "set"}):
+            yield from ((STORE, operation.encode(), nth, IO_ERROR) for nth in range(1, 100))
+        for operation, outcome in ((b"create", 1), (b"destroy", 1), (b"set", 256)):
+            yield from ((SHELL, operation, nth, outcome) for nth in range(1, 100))
+        yield from ((STORE, None, nth, IO_ERROR) for nth in range(1, 2000, 29))
+        yield from ((DRIVER, None, nth, 5) for nth in range(1, 50))
+
+    def test_a_change_that_fails_at_any_call_is_undone_whole(self):
+        self.full_host()
+        for change in self.CHANGES:
+            start = self.copied()
+            before, passed = HOST.vshost_fingerprint(), None
+            for kind, operation, nth, outcome in self.faults():
+                if passed == (kind, operation):
+                    continue
+                HOST.vshost_fail(kind, operation, nth, 1, outcome)
+                done = self.process("batch", "--allow-removals", stdin=change)
+                failed = HOST.vshost_failed()
+                HOST.vshost_clear()
+                place = f"{change}: {operation} {nth}: {done.stderr}"
+                if done.returncode == 0:
+                    passed = None if failed else (kind, operation)
+                    self.restart(start)
+                    continue
+                self.assertIn(done.returncode, (1, 3, 4, 6), place)
+                self.assertEqual(HOST.vshost_fingerprint(), before, place)
+            self.restart(start)
+
+    def test_a_change_that_is_killed_at_any_write_is_undone_whole(self):
+        self.full_host()
+        for change in self.CHANGES:
+            start, cut = self.copied(), 0
+            before = HOST.vshost_fingerprint()
+            for nth in range(1, 2000, STRIDE):
+                if not killed_at(nth, "batch", "--allow-removals", stdin=change):
+                    break
+                if (self.directory / "host/vsctl/journal.cbor").exists():
+                    cut += 1
+                    self.run_vsctl("apply", "--undo")
+                self.assertEqual(HOST.vshost_fingerprint(), before, f"{change}: cut at write {nth}")
+            self.assertGreater(cut, 0, change)
+            self.restart(start)
+
+    def test_a_file_that_is_not_confirmed_is_undone_whole(self):
+        self.full_host()
+        before = HOST.vshost_fingerprint()
+        ports = {"uplink0": {"absent": True}, "q": {"absent": True}, "port0": {"vlan": {"id": 5}}}
+        file = {"lab": {"uplinks": ["e1", "u9"], "mtu": 9000, "ports": ports},
+                "prod": {"absent": True}, "third": {"uplinks": []}, "new": {"uplinks": ["n1"], "ports": {"p0..p3": {}}}}
+        text = json.dumps({"switches": file})
+        self.assertIn("statistics and learned addresses of", self.run_vsctl("apply", "-", stdin=text, code=1))
+        for finish in (["apply", "--undo"], None):
+            within = "60s" if finish else "100ms"
+            rows = self.rows("apply", "-", "--allow-removals", "--confirm-within", within, stdin=text)
+            removed = [(row["switch"], row["port"] or row["after"]) for row in rows
+                       if row["after"] is None or row["item"] == "uplinks" and "remove" in row["after"]]
+            self.assertEqual(removed, [("lab", "q"), ("lab", {"remove": "uplink0"}), ("lab", {"remove": "u8"}),
+                                       ("third", {"remove": "uplink0"}), ("prod", None)])
+            self.assertNotEqual(HOST.vshost_fingerprint(), before)
+            if finish:
+                lost = self.rows(*finish)[0]["lost"]
+                self.assertEqual(len(lost), 5)
+                self.assertIn("statistics and learned addresses of q of switch lab", lost)
+            while (self.directory / "host/vsctl/journal.cbor").exists():
+                time.sleep(0.02)
+            self.assertEqual(HOST.vshost_fingerprint(), before)
+
+    def test_where_ports_cannot_be_listed_it_is_said_what_is_lost(self):
+        """On a platform without our functions."""
+        def elsewhere(line, code, *reasons):
+            done = subprocess.run([VSCTL, "batch", "--allow-removals"], input=line, capture_output=True, text=True,
+                                  env=environment)
+            self.assertEqual(done.returncode, code, done.stderr)
+            for reason in reasons:
+                self.assertIn(reason, done.stderr)
+
+        environment = self.environment(VSCTL_STATE=str(self.directory / "state"))
+        environment["LD_PRELOAD"] += f":{BUILD / 'tests/libother_platform.so'}"
+        self.run_vsctl("port", "security", "lab", "uplink0..uplink1", "5")
+        self.run_vsctl("port", "vlan", "lab", "port0", "9")
+        before = self.exported()
+        elsewhere("switch create other --id zz", 4, "in use by switch prod")
+        elsewhere("switch create other --portset lab", 4, "in use by switch lab")
+        unknown = "number, NIC, statistics and properties unknown to vsctl of"
+        for line, lost in (("port remove lab port0", f"{unknown} port0 of switch lab"),
+                           ("uplink remove lab uplink0", f"{unknown} uplink0 of switch lab"),
+                           ("uplink clear lab", "which NICs are behind the uplinks of switch lab")):
+            HOST.vshost_fail(STORE, b"DVSZOR_PortAdd", 1, 1, IO_ERROR)
+            elsewhere(f"{line}\nport add lab x", 6, "can't be brought back: " + lost)
+            HOST.vshost_clear()
+            self.assertEqual(self.exported(), before)
+        HOST.vshost_fail(SHELL, b"destroy", 1, 1, 1)
+        elsewhere("switch destroy lab", 1, "all ports of switch lab but its uplinks, and properties unknown to vsctl")
+        HOST.vshost_clear()
+        del before["lab"]["ports"]["port0"], before["lab"]["ports"]["port1"], before["lab"]["ports"]["port2"]
+        self.assertEqual(self.exported(), before)
+
+    def copied(self):
+        """A copy of the host. Another process makes it: to close a file of a database ends all locks on it."""
+        copy = self.directory / "copy"
+        shutil.rmtree(copy, ignore_errors=True)
+        subprocess.run(["cp", "-r", self.directory / "host", copy], check=True)
+        return copy
+
+    def restart(self, copy):
+        """The host is what it was when it was copied."""
+        HOST.vshost_stop()
+        shutil.rmtree(self.directory / "host")
+        shutil.copytree(copy, self.directory / "host")
+        self.assertEqual(HOST.vshost_start(str(self.directory / "host").encode(), 0), 0)
 
 
 if __name__ == "__main__":

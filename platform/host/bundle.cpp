@@ -135,6 +135,28 @@ size_t EntryOffset(std::string_view bundle, std::string_view key, BundleEntry &e
     }
 }
 
+// Known keys come in the order of their codes, then the others in that of their texts.
+bool ComesBefore(unsigned char code, std::string_view key, std::string_view other)
+{
+    const unsigned char otherCode = KeyCode(other);
+    if (code == 0 || otherCode == 0) return code != 0 || (otherCode == 0 && key < other);
+    return code < otherCode;
+}
+
+// Where a new entry belongs, so that bundles with the same entries are the same bytes however they came
+// about.
+size_t NewOffset(std::string_view bundle, std::string_view key)
+{
+    const unsigned char code = KeyCode(key);
+    EntryWalk walk(bundle);
+    BundleEntry entry;
+    for (;;) {
+        const char *start = walk.Position();
+        if (!walk.Next(entry) || ComesBefore(code, key, entry.key))
+            return static_cast<size_t>(start - bundle.data());
+    }
+}
+
 void Seal(std::string &bundle, uint32_t count) { SealBundle(bundle.data(), bundle.size(), count); }
 
 }
@@ -181,7 +203,7 @@ bool PutEntry(std::string &bundle, const BundleEntry &entry)
     BundleEntry old;
     const size_t found = EntryOffset(bundle, entry.key, old);
     const bool isNew = found == std::string_view::npos;
-    const size_t offset = isNew ? bundle.size() - BUNDLE_TRAILER : found;
+    const size_t offset = isNew ? NewOffset(bundle, entry.key) : found;
     const size_t oldSize = isNew ? 0 : EntrySize(old);
     if (bundle.size() - oldSize + EntrySize(entry) > MAX_BUNDLE) return false;
     bundle.replace(offset, oldSize, EntrySize(entry), '\0');
