@@ -7,6 +7,7 @@
 #   ./test.sh --fuzz SECONDS   each fuzz target for this long
 #   ./test.sh --crash ROUNDS   kills a writer this many times
 #   ./test.sh --model SEEDS    random walks beside the model, this many of each kind
+#   ./test.sh --walk WALKS     random walks over vsctl, this many of 125 commands
 #   ./test.sh --threads        the whole suite under the thread sanitizer
 #   ./test.sh --cross          builds for aarch64 in a fresh root and runs the library's tests under qemu (as root)
 #   ./test.sh --packages       Debian packages into a fresh root, identical bytes from two builds (as root)
@@ -71,6 +72,10 @@ case "${1-}" in
 --model)
     build_preset release
     VSWITCHCTL_MODEL_SEEDS=$2 build/release/tests/model_test
+    ;;
+--walk)
+    build_preset release vsctl tybel vshost_launcher kill_at
+    VSCTL_WALK_SEEDS=1000-$((999 + $2)) python3 -W ignore::DeprecationWarning tests/vsctl_walk_test.py build/release .
     ;;
 --packages)
     install_packages lintian mmdebstrap

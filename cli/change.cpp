@@ -1,6 +1,7 @@
 // Carrying out steps: all of them, or none.
 #include "change.h"
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <ctime>
@@ -84,12 +85,27 @@ Error UndoneError(const Error &cause, size_t done, const Undone &undone)
     return error;
 }
 
-void PerformAll(const std::vector<Step> &steps)
+// The NICs behind new uplinks, and so their MTUs, are known only once the uplinks are there.
+bool IsSavedLate(const std::vector<Step> &steps, const Step &step)
 {
+    return step.item == "mtu" && std::any_of(steps.data(), &step, [&step](const Step &earlier) {
+               return earlier.target.alias == step.target.alias &&
+                      (earlier.item == "switch" || earlier.item == "uplinks");
+           });
+}
+
+void PerformAll(Journal &journal)
+{
+    std::vector<Step> &steps = journal.steps;
     size_t done = 0;
     try {
-        for (const Step &step : steps) {
+        for (Step &step : steps) {
             ThrowIfStopped();
+            if (IsSavedLate(steps, step)) {
+                Saver saver;
+                Save(step, saver);
+                journal.Write();
+            }
             Perform(step);
             done++;
         }
@@ -209,7 +225,7 @@ Preview CarryOut(const std::string &command, Result &result)
     Journal journal{NewJournalId(), command, std::move(result.steps)};
     const ChangeScope changing; // from the journal's first byte to its removal
     journal.Write();
-    PerformAll(journal.steps);
+    PerformAll(journal);
     if (result.confirmWithin > 0) {
         AwaitConfirmation(journal, result.confirmWithin);
         result.note = fmt::format("all of this is undone in {} s unless 'vsctl confirm' comes first",
@@ -289,11 +305,11 @@ Json UndoJournal()
 Json ResumeJournal()
 {
     const HostLock lock;
-    const Journal journal = RequireJournal();
+    Journal journal = RequireJournal();
     if (journal.awaitsConfirmation) ThrowIfUnfinished();
     const ChangeScope changing;
     ThrowUnlessUndone(journal, Undo(journal.steps));
-    PerformAll(journal.steps);
+    PerformAll(journal);
     Journal::Remove();
     return Json::array({JournalRow(journal, "finished")});
 }

@@ -76,6 +76,16 @@ Json RangesToJson(const PortVLANRecord *record)
     return ranges;
 }
 
+// A priority that cannot be read is handed out as 0: reads a 0 again.
+VsStatus ConfirmPriority(const Target &port, uint32_t &priority)
+{
+    if (priority) return STATUS_OK;
+    Bytes bytes;
+    const VsStatus status = Property{Level::PORT, port, "com.talpex.vswitch.port.priority"}.Get(bytes);
+    if (bytes.size() == sizeof priority) memcpy(&priority, bytes.data(), sizeof priority);
+    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+}
+
 VsStatus ReadVlan(const Target &target, Json &value)
 {
     StoreBuffer<PortVLANRecord> record;
@@ -85,7 +95,10 @@ VsStatus ReadVlan(const Target &target, Json &value)
     const bool trunk = record->flags & VLAN_FLAG_TRUNK;
     const uint16_t id = record->vlanId;
     value = {{"id", id}};
-    if (record->flags & VLAN_FLAG_PRIORITY) value["priority"] = priority;
+    if (record->flags & VLAN_FLAG_PRIORITY) {
+        if (VsStatus status = ConfirmPriority(target, priority)) return status;
+        value["priority"] = priority;
+    }
     if (trunk || record->rangeCount) value[trunk ? "trunk" : "ranges"] = RangesToJson(record.Get());
     value["option"] = (record->flags & VLAN_FLAG_OPTION) != 0;
     return STATUS_OK;

@@ -85,6 +85,23 @@ private:
     std::vector<Step> uplinkSteps;
 };
 
+// An MTU that a switch has by default is not stored, and uplinks that came later may have others.
+bool SpreadsMtu(const Step &step)
+{
+    if (step.item != "mtu" || !SwitchExists(step.target.alias)) return false;
+    const auto mtu = step.value.get<uint32_t>();
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&mtu);
+    for (const char *key : {"com.talpex.vswitch.mtu", "com.talpex.etherswitch.mtu"}) {
+        Bytes stored;
+        const VsStatus status = Property{Level::GLOBAL, step.target, key}.Get(stored);
+        if (status != STATUS_OK || stored != Bytes(bytes, bytes + sizeof mtu)) return true;
+    }
+    if (!IsEmbedded()) return false;
+    const auto ports = ListPorts(SwitchId(step.target.alias)).value_or(std::vector<vshost_port>());
+    return std::any_of(ports.begin(), ports.end(),
+                       [mtu](const vshost_port &port) { return *port.nic && port.nicMtu != mtu; });
+}
+
 // Empty lists that there were not before.
 bool MakesLists(const Step &step)
 {
@@ -103,7 +120,8 @@ Preview PreviewOf(const std::vector<Step> &steps)
         step.before = walk.Before(step);
         const Json after = After(step);
         preview.rows.push_back(StepRow(step));
-        preview.changes = preview.changes || IsObject(step) || after != step.before || MakesLists(step);
+        preview.changes =
+            preview.changes || IsObject(step) || after != step.before || MakesLists(step) || SpreadsMtu(step);
         walk.Note(step, after);
     }
     return preview;

@@ -74,6 +74,31 @@ void WriteBytes(const Property &property, const Json &bytes)
     Check(status, "restoring " + property.key + " of", property.target);
 }
 
+// The entries of a port's MAC table that a command has set.
+Json StaticMacs(const Target &port)
+{
+    DriverBuffer<> table;
+    CheckDriver(VSZOR_GetPortMACTable(port.Alias(), port.Port(), 0, table.Out()), "reading the MAC table of",
+                port);
+    Json macs = Json::array();
+    for (const auto &entry :
+         DriverEntries<ZorMacTableEntry>(static_cast<const ZorListHeader *>(table.Get()))) {
+        if (Decode(Record::MAC_ENTRY, &entry, sizeof entry)["type"] == "static")
+            macs.push_back(Hex(&entry, sizeof entry));
+    }
+    return macs;
+}
+
+void RestoreMacs(const Target &port, const Json &saved)
+{
+    for (const Json &bytes : saved) {
+        ZorMacTableEntry entry;
+        memcpy(&entry, FromHex(bytes.get<std::string>()).data(), sizeof entry);
+        CheckDriver(VSZOR_SetPortMACTable(port.Alias(), port.Port(), &entry), "adding a MAC address to",
+                    port);
+    }
+}
+
 Property PropertyOf(const Target &target, const Json &saved)
 {
     return {static_cast<Level>(saved["level"].get<int>()), target, saved["key"]};
@@ -183,7 +208,20 @@ Json Saver::PortAt(const Target &port, const Json &place)
 {
     Json saved = {{"entry", ReadPort(port)}, {"properties", SaveProperties(PropertiesOf(port))}};
     if (!place.is_null()) saved["place"] = place;
+    if (HasStaticMacs(port.alias)) saved["macs"] = StaticMacs(port);
     return saved;
+}
+
+bool Saver::HasStaticMacs(const std::string &alias)
+{
+    const auto [entry, isNew] = staticMacs.try_emplace(alias);
+    if (isNew && IsEmbedded() && IsRunning(alias)) {
+        uint8_t info[SWITCH_MAC_LEARNING_INFO_SIZE];
+        CheckDriver(VSZOR_GetSwitchMACLearningInfo(PortsetOf(alias).c_str(), info),
+                    "reading the MAC learning state of", {alias, ""});
+        entry->second = Decode(Record::LEARNING_INFO, info, sizeof info)["static"] != 0;
+    }
+    return entry->second;
 }
 
 Json Saver::Port(const Target &port)
@@ -210,6 +248,7 @@ bool RestorePort(const Target &port, const Json &saved)
     RestorePolicies(saved["entry"], port);
     RestoreProperties(port, saved["properties"]);
     ClearOthers(port, saved["properties"]);
+    RestoreMacs(port, saved.value("macs", Json::array()));
     return !exists;
 }
 
@@ -294,19 +333,6 @@ Json Saver::Mtus(const std::string &alias)
     return mtus;
 }
 
-namespace {
-
-void RestoreMtus(const std::string &alias, const Json &saved)
-{
-    for (const vshost_port &port : PortsOf(alias)) {
-        const auto mtu = saved.find(port.nic);
-        if (mtu == saved.end() || *mtu == port.nicMtu) continue;
-        SetNode(fmt::format("/net/pNics/{}/mtu", port.nic), mtu->dump());
-    }
-}
-
-}
-
 void Places::Add(const Target &target, const Json &saved)
 {
     if (!saved.is_object()) return;
@@ -317,7 +343,11 @@ void Places::Add(const Target &target, const Json &saved)
         wanted[alias][id] = place;
     for (const Json &entry : saved.value("ports", Json::array()))
         Add({alias, entry["id"]}, entry["port"]);
-    if (saved.contains("mtus")) mtus[alias] = saved["mtus"];
+    const Json savedMtus = saved.value("mtus", Json::object());
+    for (const auto &[nic, mtu] : savedMtus.items()) {
+        mtus[nic] = mtu;
+        wanted[alias]; // whose NICs have them now
+    }
 }
 
 void Places::RestoreNics() const
@@ -332,6 +362,7 @@ void Places::RestoreNics() const
 std::vector<std::string> Places::Restore() const
 {
     std::vector<std::string> failures;
+    std::map<std::string, Json> present; // MTUs by NIC
     bool restored = true;
     for (int round = 0; restored && round < MAX_ROUNDS; round++) {
         restored = false;
@@ -340,6 +371,7 @@ std::vector<std::string> Places::Restore() const
             if (!SwitchExists(alias)) continue; // that it could not be made again is told elsewhere
             const std::string id = SwitchId(alias);
             for (const vshost_port &port : PortsOf(alias)) {
+                present[port.nic] = port.nicMtu;
                 const auto place = places.find(port.id);
                 if (place == places.end() || IsAt(port, place->second)) continue;
                 const int error = RestorePlace(id, PortAt(port.id, place->second));
@@ -350,8 +382,8 @@ std::vector<std::string> Places::Restore() const
             }
         }
     }
-    for (const auto &[alias, saved] : mtus) {
-        if (SwitchExists(alias)) RestoreMtus(alias, saved);
+    for (const auto &[nic, mtu] : mtus) {
+        if (present[nic] != mtu) SetNode(fmt::format("/net/pNics/{}/mtu", nic), mtu.dump());
     }
     return failures;
 }

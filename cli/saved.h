@@ -28,9 +28,11 @@ public:
 private:
     const std::vector<vshost_port> &PortsOf(const std::string &alias);
     Json PortAt(const Target &port, const Json &place);
+    bool HasStaticMacs(const std::string &alias);
 
     std::map<std::string, std::vector<vshost_port>> ports; // of switches
     std::map<std::string, std::map<std::string, Json>> places;
+    std::map<std::string, bool> staticMacs; // whether a switch has any
 };
 
 // Makes the port that was saved out of what there is now; true when it had to be made again.
@@ -57,7 +59,7 @@ public:
 
 private:
     std::map<std::string, std::map<std::string, Json>> wanted; // by switch and port
-    std::map<std::string, Json> mtus;                          // by switch
+    std::map<std::string, Json> mtus;                          // by NIC
 };
 
 }

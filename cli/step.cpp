@@ -359,7 +359,9 @@ void PerformPolicy(const Step &step)
 {
     const Policy &policy = PolicyOf(step);
     const bool keepsFields = !policy.IsScalar() && !step.value.is_null();
-    const Json stored = keepsFields ? ReadStored(policy, step.target) : Json();
+    Json stored = keepsFields ? ReadStored(policy, step.target) : Json();
+    // A look-up that fails reads like an absent policy, so only the second such answer counts.
+    if (keepsFields && stored.is_null()) stored = ReadStored(policy, step.target);
     WritePolicy(policy, step.target, Merged(policy, stored, step.value));
 }
 

@@ -24,7 +24,7 @@ switch create new --version 4294967295 --uplinks 2 --ports 100 | switch create n
 switch create new --max-ports 3 --ports 4
 switch destroy lab | switch destroy nope
 switch mtu lab 1500 | switch mtu lab 9000 | switch mtu nope 1500 | switch mtu stopped 1500
-switch mtu low 9000
+switch mtu low 9000 | switch mtu plain 1500
 switch multicast lab legacy | switch multicast lab snooping | switch multicast nope snooping
 switch multicast lab --clear
 switch teaming lab --clear | switch teaming lab {TEAM} | switch teaming nope --clear
@@ -86,6 +86,7 @@ rtm send 7 --hex 000000000000000000
 property set lab k --text v | property set lab k --text w | property set nope k --text w
 property set lab k --port nope --text w | property set lab n --port port0 --text w
 property set lab --by-id k --text v | property set nope --by-id k --text v
+property set lab --by-id k --port nope --text v
 property clear lab k | property clear lab nope | property clear nope k | property clear lab k --port nope
 property clear lab k --port port0
 property clear lab nope --by-id | property clear nope k --by-id

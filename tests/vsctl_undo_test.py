@@ -106,7 +106,7 @@ class Undo(OnHost):
 
     def full_host(self):
         """Switches whose ports, uplinks and policies are as no new ones are."""
-        self.assertEqual(HOST.vshost_scenario(b'{"nics": {"nic5": {}, "nic6": {}}}'), 0, HOST.vshost_error())
+        self.assertEqual(HOST.vshost_scenario(b'{"nics": {"nic5": {}, "nic6": {}, "nic7": {"mtu": 3000}}}'), 0, HOST.vshost_error())
         sessions = self.write("sessions", '[{"id": "s1"}, {"id": "s2"}]')
         lines = ["port remove prod port0", "port add-opaque lab o text", "port add lab q --connect-id 9",
                  "port remove lab port1", "port add prod z", "port vlan lab uplink0 7 --priority 3",
@@ -120,13 +120,15 @@ class Undo(OnHost):
                  "switch create free --id free --uplinks 1", "switch destroy free", "port remove prod port1",
                  "property clear lab com.talpex.common.opaqueDvs", "port add lab f0..f9"]
         self.run_vsctl("batch", "--allow-removals", stdin="\n".join(lines))
+        self.run_vsctl("mac", "set", "lab", "q", "--address", "02:00:00:00:00:01", "--vlan", "7")
 
     CHANGES = ["switch destroy lab", "port remove lab q", "uplink remove lab uplink0", "uplink set lab e1 e2",
                "uplink clear lab", "switch mtu lab 9000", "switch mtu third 9000\nport add third x",
                "uplink clear lab\nuplink add lab e1\nuplink add third e2\nuplink add prod e3\nport add prod y1\n"
                "port add third y2",
                "port remove lab port0,o\nport add lab o\nport vlan lab o 6\nport add third a,b",
-               "switch create new --id n --uplinks 2 --ports 2",
+               "switch create new --id n --uplinks 2 --ports 2", "uplink add third e1 e2\nswitch mtu third 9000",
+               "switch create new --id n --uplinks 2\nswitch mtu new 4000",
                "port vlan lab port0 --clear\nport vlan lab q 5 --priority 2\nswitch pvlan lab --clear\n"
                "mirror remove lab s1 q\nmirror clear lab\nswitch mac-learning lab --clear",
                "uplink remove lab u9\nuplink add third t2\nport remove lab q\nport add prod y\nswitch destroy lab\n"
