@@ -11,7 +11,6 @@ import os
 import pathlib
 import random
 import re
-import shutil
 import subprocess
 import tempfile
 
@@ -185,7 +184,7 @@ class Walk(OnHost):
 
     def copied(self, host):
         copy = pathlib.Path(tempfile.mkdtemp(dir=self.directory)) / "host"
-        shutil.copytree(host, copy)
+        subprocess.run(["cp", "-r", host, copy], check=True)  # in this process it would end the locks of SQLite
         return copy
 
     def unconfirmed(self, command, chance):
