@@ -312,7 +312,7 @@ void DataPath::Publish(const std::vector<Change *> &changes)
     ExchangeSnapshots(changes);
     for (Change *change : changes)
         Settle(*change);
-    if (std::exchange(mustSweep, false)) Sweep();
+    SweepForgotten();
     FreeSlots(changes);
 }
 
@@ -392,7 +392,7 @@ void DataPath::Settle(Change &change)
         SettlePort(port, change.switchIndex);
     for (uint32_t slot : change.releasedSlots) {
         WriteWord(kernel.ports[slot].inUse, 0);
-        mustSweep = true;
+        PassEpoch(slot);
     }
     if (change.removesSwitch) {
         WriteWord(kernel.switches[change.switchIndex].inUse, 0);
@@ -407,7 +407,6 @@ void DataPath::FreeSlots(const std::vector<Change *> &changes)
 {
     for (const Change *change : changes)
         for (uint32_t slot : change->releasedSlots) {
-            std::atomic_ref<uint32_t>(kernel.ports[slot].epoch).fetch_add(1);
             WriteWord(kernel.ports[slot].ifindex, 0);
             freeSlots.push_back(slot);
         }
@@ -449,19 +448,30 @@ void DataPath::SettlePort(const PlacedPort &placed, uint32_t switchIndex)
     portSwitches[placed.config.number] = switchIndex;
 }
 
-// The port has forgotten its addresses when the epoch has passed. They count until they are swept. A port
-// that doesn't learn has one most of the time, and that one is found without a walk over the table.
+// The port has forgotten its addresses when the epoch has passed. They count until they are swept.
 void DataPath::PassEpoch(uint32_t slot)
 {
-    LivePort &port = kernel.ports[slot];
-    std::atomic_ref<uint32_t>(port.epoch).fetch_add(1);
-    if (ReadWord(port.learned) == 1) {
-        LiveAddressKey key = {};
-        key.switchIndex = port.switchIndex;
-        LiveReadAddressWord(std::atomic_ref<uint64_t>(port.address).load(), &key);
-        Command(LIVE_COMMAND_SWEEP, 0, {key});
+    std::atomic_ref<uint32_t>(kernel.ports[slot].epoch).fetch_add(1);
+    forgetful.push_back(slot);
+}
+
+// A port that doesn't learn has one address most of the time, and that one is found without a walk over the
+// table.
+VsStatus DataPath::SweepForgotten()
+{
+    const std::vector<uint32_t> slots = std::exchange(forgetful, {});
+    std::vector<LiveAddressKey> keys;
+    for (uint32_t slot : slots) {
+        LivePort &port = kernel.ports[slot];
+        if (ReadWord(port.learned) != 1) continue;
+        keys.push_back({.switchIndex = port.switchIndex, .vlan = 0, .mac = {}});
+        LiveReadAddressWord(std::atomic_ref<uint64_t>(port.address).load(), &keys.back());
     }
-    if (ReadWord(port.learned) != 0) mustSweep = true;
+    if (VsStatus status = SweepKeys(keys)) return status;
+    const bool isClean = std::all_of(slots.begin(), slots.end(), [&](uint32_t slot) {
+        return ReadWord(kernel.ports[slot].inUse) && ReadWord(kernel.ports[slot].learned) == 0;
+    });
+    return isClean ? STATUS_OK : Sweep();
 }
 
 void DataPath::WriteActiveUplinks(uint32_t switchIndex)
@@ -576,7 +586,7 @@ VsStatus DataPath::ForgetLearned(uint32_t portNumber)
     uint32_t slot;
     if (VsStatus status = SlotOfPort(portNumber, slot)) return Fail(status, "no such port");
     PassEpoch(slot);
-    return std::exchange(mustSweep, false) ? Sweep() : STATUS_OK;
+    return SweepForgotten();
 }
 
 // In batches, so that no packet waits for the whole table.
@@ -617,12 +627,16 @@ VsStatus DataPath::Sweep()
     const VsStatus status = WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
         if (MustSweep(key, address)) keys.push_back(key);
     });
-    if (status != STATUS_OK) return status;
+    return status == STATUS_OK ? SweepKeys(keys) : status;
+}
+
+VsStatus DataPath::SweepKeys(const std::vector<LiveAddressKey> &keys)
+{
     for (size_t first = 0; first < keys.size(); first += LIVE_COMMAND_KEYS) {
         const size_t count = std::min<size_t>(LIVE_COMMAND_KEYS, keys.size() - first);
         const auto begin = keys.begin() + static_cast<ptrdiff_t>(first);
         const std::vector<LiveAddressKey> batch(begin, begin + static_cast<ptrdiff_t>(count));
-        if (VsStatus failure = Command(LIVE_COMMAND_SWEEP, 0, batch)) return failure;
+        if (VsStatus status = Command(LIVE_COMMAND_SWEEP, 0, batch)) return status;
     }
     return STATUS_OK;
 }

@@ -129,6 +129,8 @@ private:
     void FreeSlots(const std::vector<Change *> &changes);
     void MapInterface(uint32_t ifindex, uint32_t slot);
     void PassEpoch(uint32_t slot);
+    VsStatus SweepForgotten();
+    VsStatus SweepKeys(const std::vector<LiveAddressKey> &keys);
     VsStatus Command(LiveCommandKind kind, uint32_t slot, const std::vector<LiveAddressKey> &keys);
     using VisitAddress = std::function<void(const LiveAddressKey &, const LiveAddress &)>;
     VsStatus WalkAddresses(const VisitAddress &visit);
@@ -142,7 +144,7 @@ private:
     std::unordered_map<uint32_t, uint32_t> interfaces;   // ifindex -> number of its port
     std::vector<uint32_t> freeSlots;
     std::set<uint32_t> takenIndexes; // of switches, by changes that are not published
-    bool mustSweep = false;
+    std::vector<uint32_t> forgetful; // slots of ports that have forgotten addresses still in the table
 };
 
 }
