@@ -43,6 +43,41 @@ while len(answered) < count and time.monotonic() < end:
 print(len(answered))
 """
 
+# Flips the VLAN of port 2; right after each return port 1 sends a packet, which only half of the VLANs let pass.
+# Prints the packets that came, of those that must, and of those that must not.
+FLIP = """
+import ctypes, os, socket, sys
+library, sender, receiver, address = sys.argv[1:5]
+flips = int(sys.argv[5])
+vswitch, libc = ctypes.CDLL(library), ctypes.CDLL(None)
+def socket_of(process):
+    with open(f"/proc/{process}/ns/net") as space:
+        assert libc.setns(space.fileno(), 0) == 0
+    return socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+own = open("/proc/self/ns/net")
+source, target = socket_of(sender), socket_of(receiver)
+assert libc.setns(own.fileno(), 0) == 0
+source.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)  # a port's address is forgotten with its VLAN
+target.bind(("", 9))
+target.settimeout(20)
+def vlan(number):
+    none = ctypes.c_uint32(0xFFFFFFFF)
+    vlan, count = ctypes.c_uint16(number), ctypes.c_uint16(0)
+    status = vswitch.VSDVS_SetPortVLANPolicy(b"one", b"2", vlan, none, 0, 0, None, count)
+    assert status == 0, hex(status)
+right, wrong = 0, 0
+for flip in range(flips):
+    vlan(100)
+    source.sendto(b"right", (address, 9))
+    if target.recv(100) == b"right":
+        right += 1
+    else:
+        wrong += 1
+    vlan(200)
+    source.sendto(b"wrong", (address, 9))
+print(right, wrong)
+"""
+
 
 class Namespace:
     """A network namespace with one end of a veth pair; the other end is in the test's own."""
@@ -126,6 +161,16 @@ class Plugging(PluggedHost):
                 else:
                     wait_until(lambda: not a.reaches(b), "no answer")
                     self.assertFalse(b.reaches(a))
+
+    def test_the_next_packet_obeys_a_write_that_has_returned(self):
+        a, b = self.two()
+        self.vsctl("port", "vlan", "one", "1", "100")
+        self.vsctl("port", "vlan", "one", "2", "100")
+        wait_until(lambda: a.reaches(b), "an answer")
+        flips = 5000 if os.environ.get("VSWITCHCTL_LONG") else 250
+        done = self.on_host(sys.executable, "-c", FLIP, BUILD / "libvswitchctl.so", a.holder.pid, b.holder.pid,
+                            "10.9.0.255", flips)
+        self.assertEqual(done.stdout.split(), [str(flips), "0"])
 
     def test_a_blocked_port_reaches_nobody(self):
         a, b = self.two()

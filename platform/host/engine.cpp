@@ -10,6 +10,7 @@
 #include "platform/host/database_file.h"
 #include "platform/host/files.h"
 #include "platform/host/guard.h"
+#include "platform/host/live_link.h"
 
 namespace vshost {
 
@@ -122,6 +123,8 @@ VsStatus Engine::Write(const Work &work)
         else
             Lead(lock);
     }
+    lock.unlock();
+    if (write.status == STATUS_OK) AwaitFollower(directory);
     return write.status;
 }
 

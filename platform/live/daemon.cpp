@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/host/host.h"
+#include "platform/host/live_link.h"
 #include "platform/live/forwarder.h"
 
 namespace live {
@@ -33,6 +34,13 @@ std::string PinDirectory(const std::string &directory) { return directory + "/bp
 constexpr int TURN_MS = 10; // a commit of another process is seen so soon
 constexpr uint32_t TURNS_PER_SWEEP = 100;
 constexpr size_t LONGEST_REQUEST = 4096;
+
+bool IsRoot(int client)
+{
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    return getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == 0;
+}
 
 class Daemon {
 public:
@@ -87,12 +95,12 @@ void Daemon::Turn()
 void Daemon::Accept()
 {
     Descriptor client(accept4(options.requests, nullptr, nullptr, SOCK_CLOEXEC));
-    if (client) clients.push_back(std::move(client));
+    if (client && Answer(client.Get())) clients.push_back(std::move(client));
 }
 
 std::string Daemon::Obey(const std::vector<std::string> &request)
 {
-    const std::string &verb = request.empty() ? std::string() : request[0];
+    const std::string &verb = request.front();
     if (verb == "follow" && request.size() == 1) return {};
     if (verb == "plug" && request.size() == 5)
         return forwarder.PlugPort(request[1], request[2], request[3], request[4] == "keep");
@@ -105,14 +113,14 @@ std::string Daemon::Obey(const std::vector<std::string> &request)
 bool Daemon::Answer(int client)
 {
     char packet[LONGEST_REQUEST];
-    const ssize_t length = recv(client, packet, sizeof(packet), 0);
-    if (length <= 0) return false;
+    const ssize_t length = recv(client, packet, sizeof(packet), MSG_DONTWAIT);
+    if (length <= 0) return length < 0 && errno == EAGAIN;
     std::vector<std::string> request;
     for (const char *at = packet; at < packet + length; at += request.back().size() + 1)
         request.emplace_back(at, strnlen(at, static_cast<size_t>(packet + length - at)));
     FollowCommits();
-    const std::string answer = Obey(request);
-    commits = host.GetControl().Counters().commits;
+    const bool isAllowed = request.front() == "follow" || IsRoot(client);
+    const std::string answer = isAllowed ? Obey(request) : "vshostd does this for root alone";
     return send(client, answer.c_str(), answer.size() + 1, MSG_NOSIGNAL) > 0;
 }
 
@@ -137,6 +145,7 @@ void Daemon::Run()
 
 int Run(const DaemonOptions &options)
 {
+    vshost::ThisThreadFollows();
     std::string message;
     const auto fail = [&](const std::string &why) {
         Say("%s", why.c_str());

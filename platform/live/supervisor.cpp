@@ -130,8 +130,9 @@ Descriptor Listen(const std::string &path, std::string &message)
     path.copy(address.sun_path, path.size());
     unlink(path.c_str());
     Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    // Every writer of the store asks vshostd to follow; it does the rest for root alone.
     if (bind(socket.Get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0 &&
-        listen(socket.Get(), SOMAXCONN) == 0)
+        chmod(path.c_str(), 0666) == 0 && listen(socket.Get(), SOMAXCONN) == 0)
         return socket;
     message = path + ": can't listen there: " + strerror(errno);
     return {};
