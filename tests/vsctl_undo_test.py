@@ -106,7 +106,8 @@ class Undo(OnHost):
 
     def full_host(self):
         """Switches whose ports, uplinks and policies are as no new ones are."""
-        self.assertEqual(HOST.vshost_scenario(b'{"nics": {"nic5": {}, "nic6": {}, "nic7": {"mtu": 3000}}}'), 0, HOST.vshost_error())
+        nics = b'{"nics": {"nic5": {}, "nic6": {}, "nic7": {"mtu": 3000}}}'
+        self.assertEqual(HOST.vshost_scenario(nics), 0, HOST.vshost_error())
         sessions = self.write("sessions", '[{"id": "s1"}, {"id": "s2"}]')
         lines = ["port remove prod port0", "port add-opaque lab o text", "port add lab q --connect-id 9",
                  "port remove lab port1", "port add prod z", "port vlan lab uplink0 7 --priority 3",
