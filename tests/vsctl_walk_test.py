@@ -27,7 +27,8 @@ BEFORE = ["switch create lab --id=l --uplinks=2 --ports=3", "switch create prod 
           "port mac-learning lab port1 --value-b=9"]
 CHANGE = ["port vlan lab port0,uplink0 --trunk=7", "port mac-learning lab port1 --flag-a=1",
           "uplink remove lab uplink0", "uplink add lab u0", "switch mtu lab 4000", "port remove lab port2",
-          "property set lab com.example.x --text=a", "switch create new --id=n --uplinks=1 --ports=1", "switch mtu new 9000", "switch destroy prod"]
+          "property set lab com.example.x --text=a", "switch create new --id=n --uplinks=1 --ports=1",
+          "switch mtu new 9000", "switch destroy prod"]
 if os.access("/dev/shm", os.W_OK):
     tempfile.tempdir = "/dev/shm"  # each command writes: hosts lie in memory
 
