@@ -160,7 +160,7 @@ class Changes(OnHost):
             restart()
             for finish, wanted in (("--undo", before), ("--resume", after)):
                 cut = 0
-                for nth in range(1 + (finish == "--resume"), 400, STRIDE):
+                for nth in range(1 + (finish == "--resume"), 400, STRIDE if stdin else 1):
                     if not killed_at(nth, *words, stdin=stdin):
                         break
                     if not self.journal().exists():
