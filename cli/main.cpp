@@ -5,9 +5,10 @@
 #include <new>
 #include <unistd.h>
 
-#include "change.h"
-#include "limit.h"
-#include "output.h"
+#include "cli/base/limit.h"
+#include "cli/base/output.h"
+#include "cli/change/change.h"
+#include "cli/verbs/parser.h"
 
 namespace {
 

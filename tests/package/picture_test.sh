@@ -13,17 +13,23 @@ for folder in core lifecycle policy kernel; do
     done
 done
 
-DOWNWARDS="preload launcher live scenario shell driver store testing host include"
-for folder in platform/*/; do
-    folder=$(basename "$folder")
-    below=${DOWNWARDS#*"$folder"}
-    [ "$below" != "$DOWNWARDS" ] || { echo "platform/$folder has no place in the order" >&2; exit 1; }
-    grep -ho '^#include "platform/[a-z]*' platform/"$folder"/*.[ch]* | sed 's|.*/||' | sort -u | while read -r other; do
-        case " $folder $below " in
-        *" $other "*) ;;
-        *) echo "platform/$folder includes from platform/$other, which stands above it" >&2; exit 1 ;;
-        esac
+# The folders of a part include downwards only, in the order in which they are given.
+check_downwards() { # part, folders
+    part=$1 order=$2
+    for folder in "$part"/*/; do
+        folder=$(basename "$folder")
+        ls "$part/$folder"/*.[ch]* >/dev/null 2>&1 || continue
+        below=${order#*"$folder"}
+        [ "$below" != "$order" ] || { echo "$part/$folder has no place in the order" >&2; exit 1; }
+        grep -ho "^#include \"$part/[a-z]*" "$part/$folder"/*.[ch]* | sed 's|.*/||' | sort -u | while read -r other; do
+            case " $folder $below " in
+            *" $other "*) ;;
+            *) echo "$part/$folder includes from $part/$other, which stands above it" >&2; exit 1 ;;
+            esac
+        done
     done
-done
+}
+check_downwards platform "preload launcher live scenario shell driver store testing host include"
+check_downwards cli "verbs change base"
 ! grep -l '#include "\(core\|lifecycle\|policy\|kernel\|cli\)/' -r platform >&2
 ! grep -l '#include "platform/' -r core lifecycle policy kernel >&2

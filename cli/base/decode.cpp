@@ -1,0 +1,321 @@
+// The driver's records, as fields where they are documented.
+#include "cli/base/decode.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <netinet/ether.h>
+#include <vswitch_driver.h>
+
+namespace vsctl {
+
+namespace {
+
+// A packed field can't be bound to a reference: its value is taken.
+template<class Value> Value Take(Value value) { return value; }
+
+template<class T> T Load(const void *bytes, size_t size = sizeof(T))
+{
+    T record{};
+    memcpy(&record, bytes, std::min(size, sizeof record));
+    return record;
+}
+
+Json DecodeInfo(const void *bytes, size_t)
+{
+    const auto info = Load<VSwitchInfo>(bytes);
+    return {{"portset", Name(info.portset, sizeof info.portset)},
+            {"switch-id", Name(info.switchId, sizeof info.switchId)},
+            {"max-ports", Take(info.ports)},
+            {"used-ports", Take(info.usedPorts)},
+            {"mtu", Take(info.mtu)},
+            {"uplinks", Take(info.uplinks)},
+            {"associated", (info.flags & VSWITCH_INFO_ASSOCIATED) != 0},
+            {"snooping", (info.flags & VSWITCH_INFO_SNOOPING) != 0},
+            {"mirroring", (info.flags & VSWITCH_INFO_MIRRORING) != 0},
+            {"mac-learning", (info.flags & VSWITCH_INFO_MAC_LEARNING) != 0}};
+}
+
+Json DecodeUplink(const void *bytes, size_t)
+{
+    const auto uplink = Load<VSwitchUplink>(bytes);
+    return {{"uplink", Name(uplink.name, sizeof uplink.name)},
+            {"link", (uplink.flags & VSWITCH_UPLINK_LINK_UP) != 0},
+            {"admin", (uplink.flags & VSWITCH_UPLINK_ADMIN_UP) != 0},
+            {"full-duplex", (uplink.flags & VSWITCH_UPLINK_FULL_DUPLEX) != 0},
+            {"in-lag", (uplink.flags & VSWITCH_UPLINK_IN_LAG) != 0}};
+}
+
+Json DecodeLag(const VSwitchLag &lag)
+{
+    Json members = Json::array();
+    for (size_t i = 0; i < std::min<size_t>(lag.memberCount, std::size(lag.members)); i++)
+        members.push_back(Name(lag.members[i], sizeof lag.members[i]));
+    return {{"lag", Name(lag.name, sizeof lag.name)},
+            {"mode", lag.mode ? "active" : "passive"},
+            {"timeout", lag.fastTimeout ? "short" : "long"},
+            {"load-balance", lag.loadBalance},
+            {"link", lag.linkUp != 0},
+            {"members", members}};
+}
+
+Json DecodeLags(const void *bytes, size_t)
+{
+    const auto table = Load<VSwitchLagTable>(bytes);
+    Json lags = Json::array();
+    for (size_t i = 0; i < std::min<size_t>(table.count, std::size(table.lags)); i++)
+        lags.push_back(DecodeLag(table.lags[i]));
+    return lags;
+}
+
+Json DecodeMacEntry(const void *bytes, size_t)
+{
+    const auto entry = Load<VSwitchMacEntry>(bytes);
+    return {{"address", AddressText(entry.address, sizeof entry.address)},
+            {"vlan", Take(entry.vlanId)},
+            {"type", entry.type == VSWITCH_MAC_LEARNED ? "learned" : "static"},
+            {"age", Take(entry.age)},
+            {"port-number", Take(entry.portId)}};
+}
+
+Json DecodeLearningProps(const void *bytes, size_t)
+{
+    const auto props = Load<VSwitchLearningProps>(bytes);
+    return {
+        {"enabled", props.enabled != 0}, {"aging", Take(props.agingSeconds)}, {"limit", Take(props.limit)}};
+}
+
+Json DecodePortLearning(const void *bytes, size_t)
+{
+    const auto stats = Load<VSwitchPortLearningStats>(bytes);
+    return {{"entries", Take(stats.entries)}, {"limit", Take(stats.limit)}, {"learned", Take(stats.learned)},
+            {"moved", Take(stats.moved)},     {"aged", Take(stats.aged)},   {"refused", Take(stats.refused)},
+            {"dropped", Take(stats.dropped)}};
+}
+
+Json DecodeLearningInfo(const void *bytes, size_t)
+{
+    const auto info = Load<VSwitchLearningInfo>(bytes);
+    return {{"aging", Take(info.agingSeconds)},
+            {"limit", Take(info.limit)},
+            {"policy-byte", info.policyByte},
+            {"learn-static", info.learnStatic != 0},
+            {"learning-ports", Take(info.learningPorts)},
+            {"entries", Take(info.entries)},
+            {"static", Take(info.staticEntries)},
+            {"learned", Take(info.learnedEntries)},
+            {"team", Take(info.teamEntries)},
+            {"ever-learned", Take(info.learned)},
+            {"moved", Take(info.moved)},
+            {"aged", Take(info.aged)},
+            {"refused", Take(info.refused)},
+            {"dropped", Take(info.dropped)}};
+}
+
+Json DecodeRarp(const void *bytes, size_t)
+{
+    const auto stats = Load<VSwitchRarpStats>(bytes);
+    return {{"sent", Take(stats.sent)}, {"failed", Take(stats.failed)}};
+}
+
+Json DecodeTeaming(const void *bytes, size_t)
+{
+    const auto stats = Load<VSwitchTeamingStats>(bytes);
+    return {{"tx-packets", Take(stats.txPackets)}, {"tx-bytes", Take(stats.txBytes)},
+            {"rx-packets", Take(stats.rxPackets)}, {"rx-bytes", Take(stats.rxBytes)},
+            {"failovers", Take(stats.failovers)},  {"failbacks", Take(stats.failbacks)}};
+}
+
+Json DecodeMirror(const void *bytes, size_t)
+{
+    const auto stats = Load<VSwitchMirrorStats>(bytes);
+    return {{"session", Name(stats.sessionId, sizeof stats.sessionId)},
+            {"active", stats.active != 0},
+            {"mirrored-packets", Take(stats.mirroredPackets)},
+            {"mirrored-bytes", Take(stats.mirroredBytes)},
+            {"dropped-packets", Take(stats.droppedPackets)},
+            {"dropped-bytes", Take(stats.droppedBytes)},
+            {"tx-packets", Take(stats.txPackets)},
+            {"tx-bytes", Take(stats.txBytes)},
+            {"rx-packets", Take(stats.rxPackets)},
+            {"rx-bytes", Take(stats.rxBytes)},
+            {"truncated", Take(stats.truncated)},
+            {"encapsulation-errors", Take(stats.encapsulationErrors)},
+            {"unreachable", Take(stats.unreachable)}};
+}
+
+Json DecodeMcast(const void *bytes, size_t size)
+{
+    const auto stats = Load<VSwitchMcastStats>(bytes);
+    Json sources = Json::array();
+    const size_t width = stats.count ? (size - sizeof stats) / stats.count : 0;
+    for (uint32_t i = 0; i < stats.count; i++)
+        sources.push_back(AddressText(static_cast<const uint8_t *>(bytes) + sizeof stats + i * width, width));
+    return {{"vlan", Take(stats.vlanId)},
+            {"joins", Take(stats.joins)},
+            {"leaves", Take(stats.leaves)},
+            {"queries", Take(stats.queries)},
+            {"ports", Take(stats.ports)},
+            {"filter", stats.filter ? "exclude" : "include"},
+            {"sources", sources}};
+}
+
+Json DecodeOptions(const void *bytes, size_t size)
+{
+    const auto header = Load<VSwitchOptions>(bytes, size);
+    Json options = Json::array();
+    const size_t room = size > sizeof header ? (size - sizeof header) / sizeof(VSwitchOption) : 0;
+    for (size_t i = 0; i < std::min<size_t>(header.count, room); i++) {
+        const auto option = Load<VSwitchOption>(static_cast<const uint8_t *>(bytes) + sizeof header +
+                                                i * sizeof(VSwitchOption));
+        options.push_back({{"option", Take(option.id)}, {"value", Take(option.value)}});
+    }
+    return options;
+}
+
+Json DecodeDestination(const void *bytes, size_t) { return {{"port-number", Load<uint32_t>(bytes)}}; }
+
+Json DecodeHint(const void *bytes, size_t size)
+{
+    return {{"uplink", Name(static_cast<const char *>(bytes), size)}};
+}
+
+using Decoder = Json (*)(const void *, size_t);
+constexpr Decoder DECODERS[] = {DecodeInfo,          DecodeUplink,       DecodeLags,         DecodeMacEntry,
+                                DecodeLearningProps, DecodePortLearning, DecodeLearningInfo, DecodeRarp,
+                                DecodeTeaming,       DecodeMirror,       DecodeMcast,        DecodeOptions,
+                                DecodeDestination,   DecodeHint};
+
+}
+
+Json Decode(Record record, const void *bytes, size_t size)
+{
+    if (IsEmbedded()) return DECODERS[static_cast<size_t>(record)](bytes, size);
+    return {{"bytes", Hex(bytes, size)}};
+}
+
+Json DecodeList(Record record, const void *list, size_t entrySize)
+{
+    const auto header = Load<ZorListHeader>(list);
+    RequireEntries(list, sizeof header, header.count, entrySize);
+    const auto *entries = static_cast<const uint8_t *>(list) + sizeof header;
+    Json rows = Json::array();
+    for (uint32_t i = 0; i < header.count; i++)
+        rows.push_back(Decode(record, entries + i * entrySize, entrySize));
+    return rows;
+}
+
+std::string AddressText(const uint8_t *bytes, size_t size)
+{
+    if (size == sizeof(ether_addr)) return fmt::format("{:02x}", fmt::join(bytes, bytes + size, ":"));
+    char text[INET6_ADDRSTRLEN] = "";
+    inet_ntop(size == sizeof(in_addr) ? AF_INET : AF_INET6, bytes, text, sizeof text);
+    return text;
+}
+
+Bytes ParseAddress(const std::string &text, size_t size)
+{
+    Bytes bytes(sizeof(in6_addr));
+    if (const ether_addr *ethernet = ether_aton(text.c_str())) {
+        bytes.assign(ethernet->ether_addr_octet, ethernet->ether_addr_octet + sizeof *ethernet);
+    } else if (inet_pton(AF_INET, text.c_str(), bytes.data()) == 1) {
+        bytes.resize(sizeof(in_addr));
+    } else if (inet_pton(AF_INET6, text.c_str(), bytes.data()) != 1) {
+        bytes.clear();
+    }
+    if (bytes.empty() || (size && bytes.size() != size)) {
+        throw Error(Exit::BAD_VALUE, fmt::format("'{}' is no {} address", text, size == 6 ? "MAC" : "group"),
+                    "write one like 02:00:00:00:00:01, 224.1.1.1 or ff02::1");
+    }
+    return bytes;
+}
+
+namespace {
+
+template<class T> Bytes Pack(const T &record)
+{
+    Bytes bytes(sizeof record);
+    memcpy(bytes.data(), &record, sizeof record);
+    return bytes;
+}
+
+constexpr uint16_t MAX_ENTRY_VLAN = 4094;
+
+}
+
+Bytes MacEntry(const std::string &address, uint16_t vlan)
+{
+    VSwitchMacEntry entry{};
+    memcpy(entry.address, ParseAddress(address, sizeof entry.address).data(), sizeof entry.address);
+    entry.vlanId = vlan;
+    return Pack(entry);
+}
+
+void RequireStation(const ZorMacTableEntry &bytes)
+{
+    if (!IsEmbedded()) return;
+    const auto entry = Load<VSwitchMacEntry>(&bytes);
+    const uint8_t nothing[sizeof entry.address] = {};
+    const bool isGroup = entry.address[0] & 1;
+    if (isGroup || memcmp(entry.address, nothing, sizeof nothing) == 0) {
+        throw Error(Exit::BAD_VALUE,
+                    fmt::format("{} is not the address of a station",
+                                AddressText(entry.address, sizeof entry.address)),
+                    "a port has addresses of one station, whose first byte is even");
+    }
+    if (entry.vlanId > MAX_ENTRY_VLAN || entry.type > VSWITCH_MAC_LEARNED)
+        throw Error(Exit::BAD_VALUE, "the entry's VLAN or type is not one that there is");
+}
+
+Bytes LearningProps(bool enabled, uint32_t aging, uint32_t limit)
+{
+    return Pack(VSwitchLearningProps{enabled, aging, limit});
+}
+
+Bytes OptionsRecord(const std::vector<std::pair<uint16_t, uint32_t>> &options)
+{
+    VSwitchOptions header{};
+    header.count = static_cast<uint32_t>(options.size());
+    header.length = static_cast<uint32_t>(sizeof header + options.size() * sizeof(VSwitchOption));
+    Bytes record = Pack(header);
+    for (const auto &[id, value] : options) {
+        const Bytes option = Pack(VSwitchOption{id, 0, value});
+        record.insert(record.end(), option.begin(), option.end());
+    }
+    return record;
+}
+
+std::string RunningUplinksAdvice(const std::string &alias)
+{
+    return fmt::format("'vsctl uplink live {}' lists the running uplinks", alias);
+}
+
+bool UplinkIsUp(const std::string &portset, const std::string &uplink, const Target &target)
+{
+    if (IsEmbedded()) {
+        DriverBuffer<> list;
+        CheckDriver(VSZOR_GetUplinks(portset.c_str(), list.Out()), "listing the running uplinks of", target);
+        for (const Json &row : DecodeList(Record::UPLINK, list.Get(), UPLINK_ENTRY_SIZE)) {
+            if (row["uplink"] == uplink) return row["admin"];
+        }
+    }
+    uint32_t up = 0;
+    CheckDriver(VSZOR_GetUplinkLinkState(portset.c_str(), uplink.c_str(), &up),
+                "reading the link of uplink " + uplink + " of", target, RunningUplinksAdvice(target.alias));
+    return up != 0;
+}
+
+bool IsAssociated(const std::string &portset)
+{
+    VSwitchInfo info{};
+    return !IsEmbedded() || VSZOR_GetVSInfo(portset.c_str(), &info) != STATUS_OK ||
+           (info.flags & VSWITCH_INFO_ASSOCIATED);
+}
+
+Json MaxPorts(const std::string &portset)
+{
+    VSwitchInfo info{};
+    if (!IsEmbedded() || VSZOR_GetVSInfo(portset.c_str(), &info) != STATUS_OK) return nullptr;
+    return Take(info.ports);
+}
+
+}

@@ -1,0 +1,27 @@
+# Writes a function for each operation of the library, which loads the library and calls it there. So vsctl starts
+# without a platform, which the library needs. Usage: cmake -D HEADER=… -D OUTPUT=… -P forward_calls.cmake
+file(READ ${HEADER} header)
+string(REGEX MATCHALL "\nVSWITCHCTL_API [^;]+" declarations "${header}")
+set(text "// Made from vswitchctl.h.\n#include \"cli/base/forward.h\"\n")
+foreach(declaration IN LISTS declarations)
+    string(REGEX REPLACE "^\nVSWITCHCTL_API " "" declaration "${declaration}")
+    string(REGEX REPLACE "[ \n]+" " " declaration "${declaration}")
+    if(NOT declaration MATCHES "^[^(]*[ *]([A-Za-z0-9_]+)\\((.*)\\)$")
+        message(FATAL_ERROR "${HEADER}: cannot read '${declaration}'")
+    endif()
+    set(name ${CMAKE_MATCH_1})
+    set(parameters "${CMAKE_MATCH_2}")
+    if(parameters MATCHES "\\.\\.\\.") # Log and its like, which vsctl doesn't call
+        continue()
+    endif()
+    set(arguments "")
+    if(NOT parameters STREQUAL "void")
+        # The last name of each parameter.
+        string(REGEX REPLACE "(^|,)[^,]*[ *]([A-Za-z0-9_]+)(\\[[^]]*\\])?" "\\1\\2" arguments "${parameters}")
+        string(REPLACE "," ", " arguments "${arguments}")
+    endif()
+    string(APPEND text "\n${declaration}\n{\n"
+           "    static auto *const call = vsctl::Operation<decltype(${name})>(\"${name}\");\n"
+           "    return call(${arguments});\n}\n")
+endforeach()
+file(WRITE ${OUTPUT} "${text}")

@@ -1,0 +1,118 @@
+// The library for C++: buffers that release themselves, names, and bytes as text.
+#pragma once
+
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+#include <vswitchctl.h>
+
+#include "cli/base/error.h"
+#include "cli/base/platform.h"
+
+namespace vsctl {
+
+using Json = nlohmann::ordered_json;
+using Bytes = std::vector<uint8_t>;
+
+// A buffer that the library made for its caller.
+template<class T, void (*RELEASE)(void *)> class Buffer {
+public:
+    Buffer() = default;
+    Buffer(const Buffer &) = delete;
+    Buffer &operator=(const Buffer &) = delete;
+    ~Buffer()
+    {
+        if (data) RELEASE(data);
+    }
+    T **Out() { return &data; }
+    T *operator->() const { return data; }
+    T *Get() const { return data; }
+    const uint8_t *Raw() const { return reinterpret_cast<const uint8_t *>(data); }
+
+private:
+    T *data = nullptr;
+};
+template<class T> using StoreBuffer = Buffer<T, VSDVS_FreeMemory>;
+template<class T = void> using DriverBuffer = Buffer<T, VSZOR_FreeMemory>;
+
+// Throws unless the buffer, which the library got by malloc, has room for the entries that a driver's list
+// counts: of a list that grew between the two requests for it, not all were read.
+void RequireEntries(const void *list, size_t headerSize, size_t count, size_t entrySize);
+
+// The `count` entries behind a list's header.
+template<class Entry, class List> std::span<const Entry> Entries(const List *list, size_t count)
+{
+    return {reinterpret_cast<const Entry *>(list + 1), count};
+}
+
+// The same of a driver's list.
+template<class Entry, class List> std::span<const Entry> DriverEntries(const List *list)
+{
+    RequireEntries(list, sizeof *list, list->count, sizeof(Entry));
+    return Entries<Entry>(list, list->count);
+}
+
+std::string Hex(const void *bytes, size_t length);
+// The bytes of an even number of hexadecimal digits (spaces and colons are skipped). Throws on others.
+Bytes FromHex(std::string_view text);
+// A name that fills its field, or ends at a NUL.
+std::string Name(const char *field, size_t size);
+std::string ReadFile(const std::string &path); // "-" is standard input
+
+// Throws unless a request to the driver went well: tells a missing driver and a switch that doesn't run from
+// a missing object.
+// `listed` says where there are those that there are.
+void CheckDriver(VsStatus status, std::string_view action, const Target &target,
+                 const std::string &listed = "");
+
+// Names of the running portsets.
+std::vector<std::string> Portsets();
+// Whether the driver runs the switch's portset; true where there is no driver to ask.
+bool IsRunning(const std::string &alias);
+// Throws when it doesn't.
+void RequireRunning(std::string_view action, const Target &target);
+// The alias of the switch with exactly this portset, or nothing. The library finds a portset by a prefix
+// of its name too, so what it finds is checked back.
+std::string AliasOf(const std::string &portset);
+std::vector<std::string> SwitchNames(); // aliases of the running switches and of those that don't run
+// Ids of the stored switches; none where the platform's store can't list them.
+std::vector<std::string> StoredSwitchIds();
+std::string AliasOfId(const std::string &id); // empty when it has none
+std::string PortsetOf(const std::string &alias);
+bool SwitchExists(const std::string &alias);
+// Whether a switch with this id is stored, running or not.
+bool SwitchIdExists(const std::string &id);
+// What uses the portset, like "switch lab", running or not; empty when no switch does.
+std::string PortsetUser(const std::string &portset);
+// Throws when the portset runs without a switch: it outlives one whose creation or destruction was cut short.
+void RequireNoBarePortset(const std::string &portset);
+// Throws, with the nearest name, when there is no such switch.
+std::string SwitchId(const std::string &alias);
+
+bool PortExists(const Target &port);
+// What to try when there is no such port, or no such property.
+std::string PortAdvice(const Target &port);
+std::string PropertyAdvice(const Target &target, bool byId);
+// "port0..port7,uplink0" → their names.
+std::vector<std::string> PortNames(const std::string &list);
+
+enum class PropertyLevel { GLOBAL, HOST, PORT };
+extern const char *const LEVEL_NAMES[3];
+
+// A property by its key, of a switch named by alias or (byId) by its id.
+struct NamedProperty {
+    PropertyLevel level = PropertyLevel::GLOBAL;
+    Target target;
+    std::string key;
+    bool byId = false;
+
+    VsStatus Length(int32_t &length) const;
+    VsStatus Get(Bytes &value) const;
+    VsStatus Set(const Bytes &value) const;
+    VsStatus Clear() const;
+};
+
+}

@@ -1,0 +1,204 @@
+// What the command prints: rows, as an aligned table or as JSON.
+#include "cli/base/output.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <fmt/color.h>
+#include <unistd.h>
+
+namespace vsctl {
+
+namespace {
+
+constexpr size_t MAX_TABLE_COLUMNS = 9;
+constexpr size_t MAX_CELL = 48;
+constexpr size_t SHOWN_OF_LONG_CELL = 32;
+
+bool IsHexText(const std::string &text)
+{
+    return text.size() % 2 == 0 && text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+std::string Shortened(const std::string &text)
+{
+    if (text.size() <= MAX_CELL) return text;
+    const std::string start = text.substr(0, SHOWN_OF_LONG_CELL);
+    return IsHexText(text) ? fmt::format("{}… ({} bytes)", start, text.size() / 2) : text;
+}
+
+// Control characters of a name must not reach a terminal, nor break a line.
+std::string Printable(const std::string &bytes)
+{
+    // What is no UTF-8 is shown as JSON shows it.
+    const bool isAscii =
+        std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<uint8_t>(c) < 0x80; });
+    const std::string text = isAscii ? bytes : Json::parse(Dump(bytes)).get<std::string>();
+    std::string printable;
+    for (size_t i = 0; i < text.size(); i++) {
+        auto byte = static_cast<uint8_t>(text[i]);
+        const auto next = static_cast<uint8_t>(i + 1 < text.size() ? text[i + 1] : 0);
+        const bool isHigh = byte == 0xc2 && next >= 0x80 && next <= 0x9f; // in UTF-8
+        if (isHigh) byte = static_cast<uint8_t>(text[++i]);
+        if (byte < ' ' || byte == 0x7f || isHigh)
+            printable += fmt::format("\\x{:02x}", byte);
+        else
+            printable += text[i];
+    }
+    return printable;
+}
+
+size_t Width(std::string_view text)
+{
+    return static_cast<size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+std::string Header(const std::string &key)
+{
+    std::string header = key;
+    std::transform(header.begin(), header.end(), header.begin(),
+                   [](unsigned char c) { return c == '-' ? ' ' : static_cast<char>(toupper(c)); });
+    return header;
+}
+
+std::vector<std::string> Columns(const Json &rows)
+{
+    std::vector<std::string> columns;
+    for (const Json &row : rows) {
+        for (const auto &[key, value] : row.items()) {
+            if (std::find(columns.begin(), columns.end(), key) == columns.end()) columns.push_back(key);
+        }
+    }
+    return columns;
+}
+
+std::string Pad(const std::string &text, size_t width)
+{
+    return text + std::string(width - Width(text), ' ');
+}
+
+std::string Title(const std::string &text)
+{
+    return HasColor(STDOUT_FILENO) ? fmt::format(fmt::emphasis::bold, "{}", text) : text;
+}
+
+std::string Upright(const Json &row)
+{
+    size_t width = 0;
+    for (const auto &[key, value] : row.items())
+        width = std::max(width, Width(key));
+    std::string text;
+    for (const auto &[key, value] : row.items())
+        text += fmt::format("{}  {}\n", Title(Pad(key, width)), CellText(value));
+    return text;
+}
+
+std::string AllUpright(const Json &rows)
+{
+    std::string text;
+    for (const Json &row : rows)
+        text += (text.empty() ? "" : "\n") + Upright(row);
+    return text;
+}
+
+std::string JoinLine(const std::vector<std::string> &cells, const std::vector<size_t> &widths)
+{
+    std::string line;
+    for (size_t i = 0; i < cells.size(); i++)
+        line += i + 1 < cells.size() ? Pad(cells[i], widths[i]) + "  " : cells[i];
+    return line;
+}
+
+}
+
+bool HasColor(int descriptor)
+{
+    const char *noColor = getenv("NO_COLOR");
+    const char *terminal = getenv("TERM");
+    return isatty(descriptor) && !(noColor && *noColor) && terminal && strcmp(terminal, "dumb") != 0;
+}
+
+void Print(const std::string &text)
+{
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t written = write(STDOUT_FILENO, text.data() + done, text.size() - done);
+        if (written < 0 && errno == EPIPE) _exit(static_cast<int>(Exit::DONE));
+        if (written < 0 && errno != EINTR)
+            throw Error(Exit::FAILURE, fmt::format("standard output cannot be written: {}", strerror(errno)));
+        done += static_cast<size_t>(std::max<ssize_t>(written, 0));
+    }
+}
+
+std::string Dump(const Json &value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+std::string CellText(const Json &value)
+{
+    if (value.is_null()) return "-";
+    if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
+    if (value.is_string()) return Printable(Shortened(value.get_ref<const std::string &>()));
+    if (!value.is_structured()) return Dump(value);
+    std::vector<std::string> parts;
+    for (const auto &[key, member] : value.items()) {
+        const std::string text = member.is_object() ? "{" + CellText(member) + "}" : CellText(member);
+        parts.push_back(value.is_array() ? text : fmt::format("{}={}", key, text));
+    }
+    if (parts.empty()) return "none";
+    return fmt::format("{}", fmt::join(parts, value.is_array() ? "," : " "));
+}
+
+std::string TableText(const Json &rows)
+{
+    if (rows.empty()) return "";
+    const auto columns = Columns(rows);
+    if (columns.size() > MAX_TABLE_COLUMNS) return AllUpright(rows);
+    std::vector<std::vector<std::string>> lines(1);
+    for (const std::string &column : columns)
+        lines[0].push_back(Header(column));
+    for (const Json &row : rows) {
+        auto &line = lines.emplace_back();
+        for (const std::string &column : columns)
+            line.push_back(row.contains(column) ? CellText(row[column]) : "-");
+    }
+    std::vector<size_t> widths(columns.size());
+    for (const auto &line : lines) {
+        for (size_t i = 0; i < widths.size(); i++)
+            widths[i] = std::max(widths[i], Width(line[i]));
+    }
+    std::string text = Title(JoinLine(lines[0], widths)) + "\n";
+    for (size_t i = 1; i < lines.size(); i++)
+        text += JoinLine(lines[i], widths) + "\n";
+    return text;
+}
+
+void PrintRows(const std::string &title, const Json &rows, bool json)
+{
+    if (json)
+        Print(Dump({{"command", title}, {"result", rows}}) + "\n");
+    else
+        Print(TableText(rows));
+}
+
+std::string ErrorText(const Error &error, bool json)
+{
+    if (json) {
+        Json details = {
+            {"problem", error.problem}, {"advice", error.advice}, {"exit", static_cast<int>(error.exit)}};
+        if (error.status) {
+            details["status"] = fmt::format("0x{:08X}", error.status);
+            details["name"] = Describe(error.status).name;
+        }
+        return Dump({{"error", details}}) + "\n";
+    }
+    const std::string start =
+        HasColor(STDERR_FILENO) ? fmt::format(fmt::fg(fmt::terminal_color::red), "{}", "vsctl:") : "vsctl:";
+    return fmt::format("{} {}\n", start, Printable(error.message));
+}
+
+void PrintError(const Error &error, bool json)
+{
+    const std::string text = ErrorText(error, json);
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+}
+
+}

@@ -1,0 +1,87 @@
+// What the platform offers beside the library.
+#include "cli/base/platform.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "cli/base/error.h"
+#include "cli/base/forward.h"
+
+namespace vsctl {
+
+namespace {
+
+// Calls a function of the platform that copies a list out, until the list has held still.
+template<class Entry, class List>
+std::optional<std::vector<Entry>> Listed(const std::string &switchId, const char *what, List list)
+{
+    std::vector<Entry> entries;
+    size_t count = 0;
+    int error = list(entries.data(), size_t{0}, &count);
+    while (error == 0 && count != entries.size()) {
+        entries.resize(count);
+        error = list(entries.data(), entries.size(), &count);
+    }
+    if (error == ENOENT) return {};
+    if (error == 0) return entries;
+    throw Error(Exit::UNREACHABLE,
+                fmt::format("listing the {} of the switch with the id '{}' failed: {}", what, switchId,
+                            strerror(error)),
+                "'vsctl doctor' shows what of the platform is reachable");
+}
+
+}
+
+bool IsEmbedded()
+{
+    static const bool found = LibraryFault().empty() && FindPlatformFunction("vshost_platform");
+    return found;
+}
+
+std::optional<std::vector<vshost_port>> ListPorts(const std::string &switchId)
+{
+    static auto *const list = PlatformFunction<decltype(vshost_list_ports)>("vshost_list_ports");
+    return Listed<vshost_port>(switchId, "ports", [&](vshost_port *ports, size_t capacity, size_t *count) {
+        return list(switchId.c_str(), ports, capacity, count);
+    });
+}
+
+std::optional<std::vector<vshost_property_name>> ListProperties(const std::string &switchId,
+                                                                const std::string &port)
+{
+    static auto *const list = PlatformFunction<decltype(vshost_list_properties)>("vshost_list_properties");
+    const char *portId = port.empty() ? nullptr : port.c_str();
+    return Listed<vshost_property_name>(switchId, "properties",
+                                        [&](vshost_property_name *names, size_t capacity, size_t *count) {
+                                            return list(switchId.c_str(), portId, names, capacity, count);
+                                        });
+}
+
+int RestorePlace(const std::string &switchId, const vshost_port &port)
+{
+    static auto *const restore = PlatformFunction<decltype(vshost_restore_port)>("vshost_restore_port");
+    return restore(switchId.c_str(), &port);
+}
+
+bool SetNode(const std::string &node, const std::string &value)
+{
+    const char *arguments[] = {"tybel", "-e", "set", node.c_str(), value.c_str(), nullptr};
+    posix_spawn_file_actions_t silent;
+    posix_spawn_file_actions_init(&silent);
+    posix_spawn_file_actions_addopen(&silent, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t child = 0;
+    int result = -1;
+    const bool started = posix_spawn(&child, "/bin/tybel", &silent, nullptr,
+                                     const_cast<char *const *>(arguments), environ) == 0;
+    posix_spawn_file_actions_destroy(&silent);
+    while (started && waitpid(child, &result, 0) < 0 && errno == EINTR) {
+    }
+    return started && result == 0;
+}
+
+}

@@ -1,0 +1,632 @@
+// The typed policies of switches and ports, a row each.
+#include "cli/base/policy.h"
+
+#include <fmt/format.h>
+
+#include "cli/base/records.h"
+
+namespace vsctl {
+
+namespace {
+
+const std::string &Text(const Json &value) { return value.get_ref<const std::string &>(); }
+
+// ---- Operations of one form ----
+
+template<auto GET> VsStatus ReadPortFlag(const Target &target, Json &value)
+{
+    uint8_t enabled = 0;
+    if (VsStatus status = GET(target.Alias(), target.Port(), &enabled)) return status;
+    value = enabled != 0;
+    return STATUS_OK;
+}
+
+template<auto SET> VsStatus WritePortFlag(const Target &target, const Json &value)
+{
+    return SET(target.Alias(), target.Port(), value.get<bool>());
+}
+
+template<class Record, auto GET> VsStatus ReadPortRecord(const Target &target, Json &value)
+{
+    Record record{};
+    if (VsStatus status = GET(target.Alias(), target.Port(), &record)) return status;
+    value = ToText(record);
+    return STATUS_OK;
+}
+
+template<class Record, auto SET> VsStatus WritePortRecord(const Target &target, const Json &value)
+{
+    const auto record = FromText<Record>(value);
+    return SET(target.Alias(), target.Port(), &record);
+}
+
+template<size_t SIZE, auto GET> VsStatus ReadPortText(const Target &target, Json &value)
+{
+    char text[SIZE];
+    if (VsStatus status = GET(target.Alias(), target.Port(), text)) return status;
+    value = Name(text, sizeof text);
+    return STATUS_OK;
+}
+
+template<auto SET> VsStatus WritePortText(const Target &target, const Json &value)
+{
+    return SET(target.Alias(), target.Port(), Text(value).c_str());
+}
+
+template<auto CLEAR> VsStatus ClearPort(const Target &target) { return CLEAR(target.Alias(), target.Port()); }
+
+template<auto CLEAR> VsStatus ClearSwitch(const Target &target) { return CLEAR(target.Alias()); }
+
+// ---- VLAN ----
+
+constexpr Field VLAN_FIELDS[] = {
+    {"id", Form::NUMBER, "VLAN id", 0, 4095, "", "0"},
+    {"priority", Form::NUMBER, "802.1p priority", 0, 7, "", nullptr, true},
+    {"trunk", Form::RANGES, "makes the port a trunk of these VLANs, like 100-199,300", 0, 0, "", nullptr,
+     true},
+    {"ranges", Form::RANGES, "VLAN ranges kept with a port that is not a trunk", 0, 0, "", nullptr, true},
+    {"option", Form::BOOLEAN, "the policy's option flag", 0, 0, "", "false"},
+};
+
+Json RangesToJson(const PortVLANRecord *record)
+{
+    Json ranges = Json::array();
+    for (const VLANRange &range : Entries<VLANRange>(record, record->rangeCount))
+        ranges.push_back(VlanRangeText(range));
+    return ranges;
+}
+
+// A priority that cannot be read is handed out as 0: reads a 0 again.
+VsStatus ConfirmPriority(const Target &port, uint32_t &priority)
+{
+    if (priority) return STATUS_OK;
+    Bytes bytes;
+    const VsStatus status =
+        NamedProperty{PropertyLevel::PORT, port, "com.talpex.vswitch.port.priority"}.Get(bytes);
+    if (bytes.size() == sizeof priority) memcpy(&priority, bytes.data(), sizeof priority);
+    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+}
+
+VsStatus ReadVlan(const Target &target, Json &value)
+{
+    StoreBuffer<PortVLANRecord> record;
+    uint32_t priority = 0;
+    if (VsStatus status = VSDVS_GetPortVLANPolicy(target.Alias(), target.Port(), record.Out(), &priority))
+        return status;
+    const bool trunk = record->flags & VLAN_FLAG_TRUNK;
+    const uint16_t id = record->vlanId;
+    value = {{"id", id}};
+    if (record->flags & VLAN_FLAG_PRIORITY) {
+        if (VsStatus status = ConfirmPriority(target, priority)) return status;
+        value["priority"] = priority;
+    }
+    if (trunk || record->rangeCount) value[trunk ? "trunk" : "ranges"] = RangesToJson(record.Get());
+    value["option"] = (record->flags & VLAN_FLAG_OPTION) != 0;
+    return STATUS_OK;
+}
+
+VsStatus WriteVlan(const Target &target, const Json &value)
+{
+    const bool trunk = value.contains("trunk");
+    std::vector<VLANRange> ranges;
+    for (const Json &range : value.value(trunk ? "trunk" : "ranges", Json::array()))
+        ranges.push_back(ParseVlanRange(Text(range)).value_or(VLANRange{}));
+    return VSDVS_SetPortVLANPolicy(target.Alias(), target.Port(), value.value("id", uint16_t{0}),
+                                   value.value("priority", VLAN_PRIORITY_NONE), trunk,
+                                   value.value("option", false), ranges.data(),
+                                   static_cast<uint16_t>(ranges.size()));
+}
+
+constexpr Field PVLAN_FIELDS[] = {{"", Form::BYTES_LIST, "entries of 8 bytes", 0, sizeof(PVLANMapEntry)}};
+
+VsStatus ReadPrivateVlans(const Target &target, Json &value)
+{
+    StoreBuffer<PVLANMapEntry> entries;
+    uint32_t count = 0;
+    if (VsStatus status = VSDVS_GetPrivateVLANMap(target.Alias(), entries.Out(), &count)) return status;
+    value = ListToJson(std::span<const PVLANMapEntry>(entries.Get(), count));
+    return STATUS_OK;
+}
+
+VsStatus WritePrivateVlans(const Target &target, const Json &value)
+{
+    const auto entries = ListFromJson<PVLANMapEntry>(value);
+    return VSDVS_SetPrivateVLANMap(target.Alias(), entries.data(), static_cast<uint32_t>(entries.size()));
+}
+
+VsStatus ClearPrivateVlans(const Target &target)
+{
+    return VSDVS_SetPrivateVLANMap(target.Alias(), nullptr, 0);
+}
+
+constexpr Field SWITCH_VALUE[] = {{"", Form::BOOLEAN, "on or off"}};
+
+// ---- Security, extra Ethernet filter, sink port ----
+
+constexpr Field SECURITY_FIELDS[] = {{"", Form::NUMBER, "the three security flags as a number", 0, 7}};
+
+VsStatus ReadSecurity(const Target &target, Json &value)
+{
+    uint32_t flags = 0;
+    if (VsStatus status = VSDVS_GetPortSecurity(target.Alias(), target.Port(), &flags)) return status;
+    value = flags;
+    return STATUS_OK;
+}
+
+VsStatus WriteSecurity(const Target &target, const Json &value)
+{
+    const auto flags = value.get<uint32_t>();
+    return VSDVS_SetPortSecurity(target.Alias(), target.Port(), &flags);
+}
+
+constexpr Field FILTER_FIELDS[] = {
+    {"", Form::BYTES, "the filter record, 200 bytes", 0, sizeof(ExtraEthFilterRecord)}};
+
+// ---- MAC learning ----
+
+constexpr Field PORT_LEARNING_FIELDS[] = {
+    {"flag-a", Form::NUMBER, "the record's first byte", 0, 255, "", "0"},
+    {"flag-b", Form::NUMBER, "the record's second byte", 0, 255, "", "0"},
+    {"value-a", Form::NUMBER, "its first number", 0, UINT32_MAX, "", "4096"},
+    {"value-b", Form::NUMBER, "its second number", 0, UINT32_MAX, "", "0"},
+};
+
+VsStatus ReadPortLearning(const Target &target, Json &value)
+{
+    PortMACLearningConfig config{};
+    if (VsStatus status = VSDVS_GetPortMACLearning(target.Alias(), target.Port(), &config)) return status;
+    const uint32_t first = config.portValueA;
+    const uint32_t second = config.portValueB;
+    value = {
+        {"flag-a", config.portFlagA}, {"flag-b", config.portFlagB}, {"value-a", first}, {"value-b", second}};
+    return STATUS_OK;
+}
+
+VsStatus WritePortLearning(const Target &target, const Json &value)
+{
+    const PortMACLearningConfig config{value["flag-a"], value["flag-b"], value["value-a"], value["value-b"]};
+    return VSDVS_SetPortMACLearning(target.Alias(), target.Port(), &config);
+}
+
+constexpr Field LEARNING_FIELDS[] = {
+    {"value-a", Form::NUMBER, "the record's first number", 0, 1000000, "", "600"},
+    {"byte", Form::NUMBER, "its byte", 0, 255, "", "0"},
+    {"value-b", Form::NUMBER, "its second number", 0, UINT32_MAX, "", "65536"},
+};
+
+VsStatus ReadLearning(const Target &target, Json &value)
+{
+    SwitchMACLearningRecord record{};
+    if (VsStatus status = VSDVS_GetMACLearning(target.Alias(), &record)) return status;
+    uint32_t first = 0;
+    memcpy(&first, record.switchValueA, sizeof record.switchValueA);
+    const uint32_t second = record.switchValueB;
+    value = {{"value-a", first}, {"byte", record.switchByte}, {"value-b", second}};
+    return STATUS_OK;
+}
+
+VsStatus WriteLearning(const Target &target, const Json &value)
+{
+    SwitchMACLearningRecord record{{}, value["byte"], value["value-b"]};
+    const uint32_t first = value["value-a"];
+    memcpy(record.switchValueA, &first, sizeof record.switchValueA);
+    return VSDVS_SetMACLearning(target.Alias(), &record);
+}
+
+VsStatus ReadLearnStatic(const Target &target, Json &value)
+{
+    uint8_t enabled = 0;
+    if (VsStatus status = VSDVS_GetLearnStatic(target.Alias(), &enabled)) return status;
+    value = enabled != 0;
+    return STATUS_OK;
+}
+
+VsStatus WriteLearnStatic(const Target &target, const Json &value)
+{
+    return VSDVS_SetLearnStatic(target.Alias(), value.get<bool>());
+}
+
+// ---- Teaming ----
+
+constexpr Field TEAMING_FIELDS[] = {
+    {"", Form::BYTES, "the teaming policy, 2616 bytes", 0, sizeof(TeamingPolicy)}};
+
+template<auto GET> VsStatus ReadTeaming(const Target &target, Json &value)
+{
+    TeamingPolicy policy{};
+    if (VsStatus status = GET(target.Alias(), &policy)) return status;
+    value = ToText(policy);
+    return STATUS_OK;
+}
+
+VsStatus WriteTeaming(const Target &target, const Json &value)
+{
+    const auto policy = FromText<TeamingPolicy>(value);
+    return VSDVS_SetTeamingPolicy(target.Alias(), &policy);
+}
+
+constexpr Field OVERRIDE_FIELDS[] = {
+    {"", Form::TEXT, "the override text, at most 80 bytes", 0, TEAMING_OVERRIDE_SIZE - 1}};
+
+constexpr Field TX_UPLINK_FIELDS[] = {
+    {"", Form::CHOICE, "whether the port always sends on its uplink", 0, 0, "normal|always"}};
+
+VsStatus ReadTxUplink(const Target &target, Json &value)
+{
+    uint8_t always = 0;
+    if (VsStatus status = VSDVS_GetTxUplinkAlways(target.Alias(), target.Port(), &always)) return status;
+    value = always ? "always" : "normal";
+    return STATUS_OK;
+}
+
+VsStatus WriteTxUplink(const Target &target, const Json &value)
+{
+    return VSDVS_SetTxUplinkAlways(target.Alias(), target.Port(), value == "always");
+}
+
+// ---- Logical-switch teaming ----
+
+constexpr Field LS_TABLE_FIELDS[] = {
+    {"", Form::BYTES_LIST, "policies of 2748 bytes", 0, sizeof(LSTeamingPolicyEntry)}};
+
+// The library hands a stored table on without a look at its length: the count is believed only after
+// the property's length was compared with it.
+VsStatus ReadStoredTable(const Target &target, bool byId, Json &value)
+{
+    StoreBuffer<LSTeamingPolicyTable> table;
+    const VsStatus status = byId ? VSDVS_GetLSTeamingPolicyTableFromDVSID(target.Alias(), table.Out())
+                                 : VSDVS_GetLSTeamingPolicyTable(target.Alias(), table.Out());
+    if (status != STATUS_OK) return status;
+    int32_t length = 0;
+    const NamedProperty property{PropertyLevel::GLOBAL, target, "com.talpex.vswitch.logicalswitch.teaming",
+                                 byId};
+    if (auto failed = property.Length(length)) return failed;
+    const uint64_t needed = sizeof *table.Get() + uint64_t{table->count} * sizeof(LSTeamingPolicyEntry);
+    if (needed > static_cast<uint64_t>(length)) return STATUS_FAILURE;
+    value = ListToJson(Entries<LSTeamingPolicyEntry>(table.Get(), table->count));
+    return STATUS_OK;
+}
+
+VsStatus ReadLsTable(const Target &target, Json &value) { return ReadStoredTable(target, false, value); }
+
+VsStatus ReadLsTableById(const Target &target, Json &value) { return ReadStoredTable(target, true, value); }
+
+VsStatus ReadLiveLsTable(const Target &target, Json &value)
+{
+    DriverBuffer<LSTeamingPolicyTable> table;
+    if (VsStatus status = VSZOR_GetLSTeamingPolicyTable(target.Alias(), table.Out())) return status;
+    value = ListToJson(DriverEntries<LSTeamingPolicyEntry>(table.Get()));
+    return STATUS_OK;
+}
+
+VsStatus WriteLsTable(const Target &target, const Json &value)
+{
+    const auto count = static_cast<uint32_t>(value.size());
+    Bytes table(sizeof count + count * sizeof(LSTeamingPolicyEntry));
+    memcpy(table.data(), &count, sizeof count);
+    const auto entries = ListFromJson<LSTeamingPolicyEntry>(value);
+    if (count) memcpy(table.data() + sizeof count, entries.data(), count * sizeof(LSTeamingPolicyEntry));
+    return VSDVS_SetLSTeamingPolicy(target.Alias(), reinterpret_cast<LSTeamingPolicyTable *>(table.data()));
+}
+
+constexpr Field LS_NAME_FIELDS[] = {
+    {"", Form::TEXT, "name of the policy that the port follows", 0, LS_TEAMING_POLICY_NAME_SIZE - 1}};
+
+VsStatus ReadLiveLsName(const Target &target, Json &value)
+{
+    uint32_t number = 0;
+    char name[LS_TEAMING_POLICY_NAME_SIZE];
+    if (VsStatus status = VSDVS_DvPortIDToPortID(target.Alias(), target.Port(), &number)) return status;
+    if (VsStatus status = VSZOR_GetPortLSTeamingPolicyName(number, name)) return status;
+    value = Name(name, sizeof name);
+    return STATUS_OK;
+}
+
+// ---- Multicast, MTU, mirror sessions ----
+
+constexpr Field MULTICAST_FIELDS[] = {
+    {"", Form::CHOICE, "how multicast is filtered", 0, 0, "legacy|snooping"}};
+
+VsStatus NameMode(VsStatus status, uint32_t mode, Json &value)
+{
+    if (status != STATUS_OK) return status;
+    value = mode == MCAST_FILTER_SNOOPING ? "snooping" : "legacy";
+    return STATUS_OK;
+}
+
+VsStatus ReadMulticast(const Target &target, Json &value)
+{
+    uint32_t mode = 0;
+    const VsStatus status = VSDVS_GetMcastFilterMode(target.Alias(), &mode);
+    return NameMode(status, mode, value);
+}
+
+VsStatus ReadLiveMulticast(const Target &target, Json &value)
+{
+    uint32_t mode = 0;
+    const VsStatus status = VSZOR_GetMcastFilterMode(PortsetOf(target.alias).c_str(), &mode);
+    return NameMode(status, mode, value);
+}
+
+VsStatus WriteMulticast(const Target &target, const Json &value)
+{
+    const auto mode = static_cast<int32_t>(ChoiceIndex(MULTICAST_FIELDS[0], Text(value)));
+    return VSDVS_SetMcastFilterMode(target.Alias(), mode);
+}
+
+constexpr Field MTU_FIELDS[] = {{"", Form::NUMBER, "bytes", MTU_MIN, MTU_MAX}};
+
+VsStatus ReadMtu(const Target &target, Json &value)
+{
+    int32_t mtu = 0;
+    if (!IsRunning(target.alias)) return STATUS_NOT_FOUND;
+    if (VsStatus status = VSDVS_GetMTU(target.Alias(), &mtu)) return status;
+    value = mtu;
+    return STATUS_OK;
+}
+
+VsStatus WriteMtu(const Target &target, const Json &value)
+{
+    RequireRunning("setting mtu of", target);
+    return VSDVS_SetMTU(target.Alias(), value.get<int32_t>());
+}
+
+constexpr Field MIRROR_FIELDS[] = {{"", Form::SESSIONS, "mirror sessions"}};
+
+VsStatus ReadMirror(const Target &target, Json &value)
+{
+    StoreBuffer<MirrorSessionList> list;
+    if (VsStatus status = VSDVS_GetDVMirrorSessions(target.Alias(), target.Port(), list.Out())) return status;
+    value = SessionsToJson(list.Get());
+    return STATUS_OK;
+}
+
+VsStatus ClearMirror(const Target &target)
+{
+    return VSDVS_ClearDVMirrorSessions(target.Alias(), target.Port());
+}
+
+VsStatus WriteMirror(const Target &target, const Json &value)
+{
+    if (VsStatus status = ClearMirror(target)) return status;
+    const Bytes list = SessionsFromJson(value);
+    return VSDVS_AppendDVMirrorSessions(target.Alias(), target.Port(),
+                                        reinterpret_cast<const MirrorSessionList *>(list.data()));
+}
+
+constexpr const char *MIRROR_OPERATIONS =
+    "VSDVS_GetDVMirrorSessions VSDVS_AppendDVMirrorSessions VSDVS_ClearDVMirrorSessions";
+
+const Policy POLICIES[] = {
+    {"mtu", PropertyLevel::GLOBAL, "", false, "MTU of a switch and its uplinks", MTU_FIELDS, ReadMtu,
+     WriteMtu, nullptr, "9000", "VSDVS_GetMTU VSDVS_SetMTU"},
+    {"multicast", PropertyLevel::GLOBAL, "com.talpex.vswitch.multicastFilter", true,
+     "multicast filter mode of a switch", MULTICAST_FIELDS, ReadMulticast, WriteMulticast, nullptr,
+     "snooping", "VSDVS_GetMcastFilterMode VSDVS_SetMcastFilterMode VSZOR_GetMcastFilterMode",
+     ReadLiveMulticast},
+    {"teaming", PropertyLevel::GLOBAL, "com.talpex.vswitch.teaming", false, "teaming policy of a switch",
+     TEAMING_FIELDS, ReadTeaming<VSDVS_GetTeamingPolicy>, WriteTeaming, ClearSwitch<VSDVS_ClearTeamingPolicy>,
+     "--file team.bin",
+     "VSDVS_GetTeamingPolicy VSDVS_GetTeamingPolicyFromDVSID VSDVS_SetTeamingPolicy VSDVS_ClearTeamingPolicy",
+     nullptr, ReadTeaming<VSDVS_GetTeamingPolicyFromDVSID>},
+    {"mac-learning", PropertyLevel::HOST, "com.talpex.vswitch.macLearning", true,
+     "MAC learning of a switch on this host", LEARNING_FIELDS, ReadLearning, WriteLearning,
+     ClearSwitch<VSDVS_ClearMACLearning>, "--value-a 300 --value-b 1024",
+     "VSDVS_GetMACLearning VSDVS_SetMACLearning VSDVS_ClearMACLearning"},
+    {"learn-static", PropertyLevel::HOST, "com.talpex.vswitch.macLearning.learnStatic", true,
+     "learning of static MAC addresses too", SWITCH_VALUE, ReadLearnStatic, WriteLearnStatic,
+     ClearSwitch<VSDVS_ClearLearnStatic>, "on",
+     "VSDVS_GetLearnStatic VSDVS_SetLearnStatic VSDVS_ClearLearnStatic"},
+    {"pvlan", PropertyLevel::GLOBAL, "com.talpex.vswitch.pvlanMap", false, "private VLAN map of a switch",
+     PVLAN_FIELDS, ReadPrivateVlans, WritePrivateVlans, ClearPrivateVlans,
+     "6400650001000000,6400660002000000", "VSDVS_GetPrivateVLANMap VSDVS_SetPrivateVLANMap"},
+    {"ls-teaming", PropertyLevel::GLOBAL, "com.talpex.vswitch.logicalswitch.teaming", false,
+     "logical-switch teaming policies of a switch", LS_TABLE_FIELDS, ReadLsTable, WriteLsTable,
+     ClearSwitch<VSDVS_ClearLSTeamingPolicy>, "--live",
+     "VSDVS_GetLSTeamingPolicyTable VSDVS_GetLSTeamingPolicyTableFromDVSID VSDVS_SetLSTeamingPolicy "
+     "VSDVS_ClearLSTeamingPolicy VSZOR_GetLSTeamingPolicyTable",
+     ReadLiveLsTable, ReadLsTableById},
+    {"uplink-mirror", PropertyLevel::HOST, "com.talpex.vswitch.uplinkMirrorSessions", true,
+     "mirror sessions of a switch's uplinks on this host", MIRROR_FIELDS, ReadMirror, WriteMirror,
+     ClearMirror, "--file sessions.json", MIRROR_OPERATIONS},
+    {"vlan", PropertyLevel::PORT, "com.talpex.vswitch.port.vlan", false, "VLAN policy of ports", VLAN_FIELDS,
+     ReadVlan, WriteVlan, ClearPort<VSDVS_ClearPortVLANPolicy>, "--id 100 --priority 3",
+     "VSDVS_GetPortVLANPolicy VSDVS_SetPortVLANPolicy VSDVS_ClearPortVLANPolicy"},
+    {"nested-vlan", PropertyLevel::PORT, "com.talpex.vswitch.port.vlanNestedTag", true,
+     "nested VLAN tagging of ports", SWITCH_VALUE, ReadPortFlag<VSDVS_GetPortNestedVLANTagging>,
+     WritePortFlag<VSDVS_SetPortNestedVLANTagging>, nullptr, "on",
+     "VSDVS_GetPortNestedVLANTagging VSDVS_SetPortNestedVLANTagging"},
+    {"security", PropertyLevel::PORT, "com.talpex.vswitch.port.security", true, "security flags of ports",
+     SECURITY_FIELDS, ReadSecurity, WriteSecurity, nullptr, "5",
+     "VSDVS_GetPortSecurity VSDVS_SetPortSecurity"},
+    {"eth-filter", PropertyLevel::PORT, "com.talpex.vswitch.port.extraEthFRP", true,
+     "extra Ethernet filter of ports", FILTER_FIELDS,
+     ReadPortRecord<ExtraEthFilterRecord, VSDVS_GetExtraEthFilter>,
+     WritePortRecord<ExtraEthFilterRecord, VSDVS_SetExtraEthFilter>, ClearPort<VSDVS_ClearExtraEthFilter>,
+     "--file filter.bin", "VSDVS_GetExtraEthFilter VSDVS_SetExtraEthFilter VSDVS_ClearExtraEthFilter"},
+    {"sink", PropertyLevel::PORT, "com.talpex.vswitch.port.extraEthFRP", true,
+     "sink bit of ports, which is part of their extra Ethernet filter", SWITCH_VALUE,
+     ReadPortFlag<VSDVS_IsSinkPortEnabled>, WritePortFlag<VSDVS_ConfigureSinkPort>, nullptr, "on",
+     "VSDVS_IsSinkPortEnabled VSDVS_ConfigureSinkPort"},
+    {"mac-learning", PropertyLevel::PORT, "com.talpex.vswitch.port.macManagement", true,
+     "MAC learning of ports", PORT_LEARNING_FIELDS, ReadPortLearning, WritePortLearning, nullptr,
+     "--flag-a 1 --value-a 100", "VSDVS_GetPortMACLearning VSDVS_SetPortMACLearning"},
+    {"teaming", PropertyLevel::PORT, "com.talpex.vswitch.port.teaming.policy", false,
+     "teaming policy of ports", TEAMING_FIELDS, ReadPortRecord<TeamingPolicy, VSDVS_GetPortTeamingPolicy>,
+     WritePortRecord<TeamingPolicy, VSDVS_SetPortTeamingPolicy>, ClearPort<VSDVS_ClearPortTeamingPolicy>,
+     "--file team.bin", "VSDVS_GetPortTeamingPolicy VSDVS_SetPortTeamingPolicy VSDVS_ClearPortTeamingPolicy"},
+    {"override", PropertyLevel::PORT, "com.talpex.vswitch.port.teaming.override", false,
+     "teaming override of ports", OVERRIDE_FIELDS,
+     ReadPortText<TEAMING_OVERRIDE_SIZE, VSDVS_GetPortTeamingOverride>,
+     WritePortText<VSDVS_SetPortTeamingOverride>, ClearPort<VSDVS_ClearPortTeamingOverride>, "uplink0",
+     "VSDVS_GetPortTeamingOverride VSDVS_SetPortTeamingOverride VSDVS_ClearPortTeamingOverride"},
+    {"tx-uplink", PropertyLevel::PORT, "com.talpex.vswitch.port.txUplink", false,
+     "transmit-uplink mode of ports", TX_UPLINK_FIELDS, ReadTxUplink, WriteTxUplink, nullptr, "always",
+     "VSDVS_GetTxUplinkAlways VSDVS_SetTxUplinkAlways"},
+    {"ls-teaming", PropertyLevel::PORT, "com.talpex.vswitch.port.logicalswitch.teaming", false,
+     "logical-switch teaming policy of ports", LS_NAME_FIELDS,
+     ReadPortText<LS_TEAMING_POLICY_NAME_SIZE, VSDVS_GetPortLSTeamingPolicyName>,
+     WritePortText<VSDVS_SetPortLSTeamingPolicy>, ClearPort<VSDVS_ClearPortLSTeamingPolicy>, "gold",
+     "VSDVS_GetPortLSTeamingPolicyName VSDVS_SetPortLSTeamingPolicy VSDVS_ClearPortLSTeamingPolicy "
+     "VSZOR_GetPortLSTeamingPolicyName",
+     ReadLiveLsName},
+    {"mirror", PropertyLevel::PORT, "com.talpex.vswitch.port.mirrorSessions", true,
+     "mirror sessions of ports", MIRROR_FIELDS, ReadMirror, WriteMirror, ClearMirror, "--file sessions.json",
+     MIRROR_OPERATIONS},
+};
+
+}
+
+std::span<const Policy> Policies() { return POLICIES; }
+
+std::vector<const Policy *> PoliciesOf(bool ports)
+{
+    std::vector<const Policy *> found;
+    for (const Policy &policy : POLICIES) {
+        if ((policy.level == PropertyLevel::PORT) == ports) found.push_back(&policy);
+    }
+    return found;
+}
+
+const Policy *FindPolicy(std::string_view name, bool ofPort)
+{
+    for (const Policy &policy : POLICIES) {
+        if (name == policy.name && (policy.level == PropertyLevel::PORT) == ofPort) return &policy;
+    }
+    return nullptr;
+}
+
+namespace {
+
+// A stored record that can't be read can still be removed by its key.
+Error DamagedError(const Error &error, const Policy &policy, const Target &target)
+{
+    const std::string place = policy.level == PropertyLevel::PORT   ? "--port " + target.port
+                              : policy.level == PropertyLevel::HOST ? "--level host"
+                                                                    : "";
+    Error better(error.exit, error.problem,
+                 fmt::format("'vsctl property clear {} {} {}' removes what is stored", target.alias,
+                             policy.key, place));
+    better.status = error.status;
+    return better;
+}
+
+}
+
+Json ReadPolicy(const Policy &policy, const Target &target)
+{
+    Json value;
+    try {
+        const VsStatus status = policy.read(target, value);
+        if (status == STATUS_NOT_FOUND) return nullptr;
+        Check(status, fmt::format("reading {} of", policy.name), target);
+    } catch (const Error &error) {
+        if (error.exit != Exit::FAILURE || !policy.CanClear()) throw;
+        throw DamagedError(error, policy, target);
+    }
+    return Canonical(policy, value);
+}
+
+Json ReadStored(const Policy &policy, const Target &target)
+{
+    if (policy.hidesAbsence) {
+        int32_t length = 0;
+        const VsStatus status = NamedProperty{policy.level, target, policy.key}.Length(length);
+        if (status == STATUS_NOT_FOUND) return nullptr;
+        Check(status, fmt::format("reading {} of", policy.name), target);
+    }
+    return ReadPolicy(policy, target);
+}
+
+namespace {
+
+VsStatus Clear(const Policy &policy, const Target &target)
+{
+    if (!policy.CanClear()) return STATUS_OK; // it lives and dies with the switch
+    return policy.clear ? policy.clear(target) : NamedProperty{policy.level, target, policy.key}.Clear();
+}
+
+}
+
+void WritePolicy(const Policy &policy, const Target &target, const Json &value)
+{
+    if (!value.is_null()) {
+        Check(policy.write(target, value), fmt::format("setting {} of", policy.name), target);
+        return;
+    }
+    const VsStatus status = Clear(policy, target);
+    if (status != STATUS_NOT_FOUND) Check(status, fmt::format("clearing {} of", policy.name), target);
+}
+
+namespace {
+
+bool Sets(const Json &value, const char *field) { return value.contains(field) && value[field] != NONE; }
+
+}
+
+std::optional<Violation> FindViolation(const Policy &policy, const Json &value, const std::string &pointer)
+{
+    if (policy.IsScalar()) return FindViolation(policy.fields[0], value, pointer);
+    if (auto fault = FindViolation(policy.fields, value, pointer)) return fault;
+    if (Sets(value, "trunk") && Sets(value, "ranges"))
+        return Violation{pointer + "/ranges", "a port has 'trunk' or 'ranges', not both"};
+    return {};
+}
+
+Json Canonical(const Policy &policy, const Json &value)
+{
+    if (value.is_null()) return value;
+    return policy.IsScalar() ? Canonical(policy.fields[0], value) : Canonical(policy.fields, value);
+}
+
+Json CanonicalPart(const Policy &policy, const Json &value)
+{
+    if (value.is_null() || policy.IsScalar()) return Canonical(policy, value);
+    return CanonicalPart(policy.fields, value);
+}
+
+namespace {
+
+// A port is in one VLAN or a trunk. An id ends a trunk, and a trunk ends the VLAN that the port was in;
+// what names both has both.
+void DropExcluded(Json &stored, const Json &value)
+{
+    if (Sets(value, "trunk")) {
+        stored.erase("ranges");
+        if (!stored.contains("trunk")) stored.erase("id");
+    } else if (Sets(value, "id") || Sets(value, "ranges")) {
+        stored.erase("trunk");
+    }
+}
+
+}
+
+Json Merged(const Policy &policy, const Json &stored, const Json &value)
+{
+    if (value.is_null() || policy.IsScalar()) return value;
+    Json merged = stored.is_null() ? Json::object() : stored;
+    DropExcluded(merged, value);
+    merged.update(value);
+    for (const Field &field : policy.fields) {
+        if (field.canBeNone && !Sets(merged, field.name)) merged.erase(field.name);
+    }
+    return Canonical(policy, merged);
+}
+
+Json Schema(const Policy &policy)
+{
+    if (policy.IsScalar()) {
+        Json schema = Schema(policy.fields[0]);
+        schema["description"] = policy.help;
+        return schema;
+    }
+    Json properties;
+    for (const Field &field : policy.fields)
+        properties[field.name] = Schema(field);
+    return {{"description", policy.help},
+            {"type", "object"},
+            {"properties", properties},
+            {"additionalProperties", false}};
+}
+
+}

@@ -1,0 +1,352 @@
+// Carrying out steps: all of them, or none.
+#include "cli/change/change.h"
+
+#include <algorithm>
+#include <cmath>
+#include <csignal>
+#include <ctime>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "cli/base/limit.h"
+#include "cli/change/journal.h"
+#include "cli/change/precondition.h"
+#include "cli/change/preview.h"
+
+namespace vsctl {
+
+namespace {
+
+// What an undo could not do.
+struct Undone {
+    std::vector<std::string> failures;
+    std::vector<std::string> losses; // what nobody can bring back
+};
+
+// Restores the steps in reverse order.
+Undone Undo(std::span<const Step> steps)
+{
+    Undone undone;
+    Places places;
+    for (size_t i = steps.size(); i-- > 0;) {
+        const Step &step = steps[i];
+        places.Add(step.target, step.saved);
+        try {
+            if (Restore(step)) undone.losses.push_back(LossText(step));
+        } catch (const Error &error) {
+            undone.failures.push_back(fmt::format("{} stays changed ({})", StepText(step), error.message));
+        }
+    }
+    try {
+        for (std::string &failure : places.Restore())
+            undone.failures.push_back(std::move(failure));
+    } catch (const Error &error) {
+        undone.failures.push_back(error.message);
+    }
+    return undone;
+}
+
+std::string Count(size_t number, const char *what)
+{
+    return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
+}
+
+// The first of many.
+std::string Listed(std::vector<std::string> texts)
+{
+    constexpr size_t MOST = 3;
+    if (texts.size() <= MOST) return fmt::format("{}", fmt::join(texts, "; "));
+    const size_t more = texts.size() - MOST;
+    texts.resize(MOST);
+    return fmt::format("{}; and {} more", fmt::join(texts, "; "), more);
+}
+
+// The error of the step that failed, with what became of the steps before it.
+Error UndoneError(const Error &cause, size_t done, const Undone &undone)
+{
+    if (!undone.failures.empty()) {
+        Error error(Exit::PARTLY_UNDONE,
+                    fmt::format("{}; undoing failed in part: {}", cause.problem, Listed(undone.failures)),
+                    "when the cause is gone, 'vsctl apply --undo' tries again");
+        error.status = cause.status;
+        return error;
+    }
+    std::string outcome =
+        done ? fmt::format("; what was done before it ({}) is undone", Count(done, "step")) : "";
+    if (!undone.losses.empty())
+        outcome +=
+            fmt::format("; all is as it was but for what can't be brought back: {}", Listed(undone.losses));
+    else
+        outcome += done ? ", and all is as it was" : "; nothing was changed";
+    Error error(cause.exit, cause.problem + outcome, cause.advice);
+    error.status = cause.status;
+    return error;
+}
+
+// The NICs behind new uplinks, and so their MTUs, are known only once the uplinks are there.
+bool IsSavedLate(const std::vector<Step> &steps, const Step &step)
+{
+    return step.item == "mtu" && std::any_of(steps.data(), &step, [&step](const Step &earlier) {
+               return earlier.target.alias == step.target.alias &&
+                      (earlier.item == "switch" || earlier.item == "uplinks");
+           });
+}
+
+void PerformAll(Journal &journal)
+{
+    std::vector<Step> &steps = journal.steps;
+    size_t done = 0;
+    try {
+        for (Step &step : steps) {
+            ThrowIfStopped();
+            if (IsSavedLate(steps, step)) {
+                Saver saver;
+                Save(step, saver);
+                journal.Write();
+            }
+            Perform(step);
+            done++;
+        }
+    } catch (const Error &error) {
+        // The one that failed may have got half-way.
+        const size_t begun = std::min(done + 1, steps.size());
+        const Undone undone = Undo(std::span(steps).first(begun));
+        if (undone.failures.empty()) Journal::Remove();
+        throw UndoneError(error, done, undone);
+    }
+}
+
+void ThrowIfUnfinished()
+{
+    const auto journal = Journal::Read();
+    if (!journal) return;
+    if (journal->awaitsConfirmation) {
+        throw Error(Exit::FAILURE, fmt::format("'{}' still waits for confirmation", journal->command),
+                    "'vsctl confirm' keeps it, 'vsctl apply --undo' undoes it");
+    }
+    throw Error(Exit::FAILURE, fmt::format("'{}' was cut short", journal->command),
+                "'vsctl apply --resume' finishes it, 'vsctl apply --undo' undoes it");
+}
+
+void ThrowIfRemovalsForbidden(const Result &result)
+{
+    if (result.allowRemovals) return;
+    for (const Step &step : result.steps) {
+        if (!IsRemoval(step)) continue;
+        throw Error(Exit::FAILURE,
+                    fmt::format("this removes {}, and undoing it would not bring back: {}", StepText(step),
+                                LossText(step)),
+                    "--allow-removals agrees to it");
+    }
+}
+
+std::string NewJournalId() { return fmt::format("{}-{}", time(nullptr), getpid()); }
+
+[[noreturn]] void BecomeGuard(const std::string &id, double seconds)
+{
+    const int nothing = open("/dev/null", O_RDWR);
+    for (int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        dup2(nothing, descriptor);
+    const std::string time = fmt::format("{}ms", std::llround(seconds * 1000));
+    execl("/proc/self/exe", "vsctl", "confirm", "--guard", id.c_str(), "--after", time.c_str(), nullptr);
+    _exit(static_cast<int>(Exit::FAILURE));
+}
+
+// Starts `vsctl confirm --guard` in a session of its own, which no terminal ends. Signals to the terminal's
+// processes wait until it is there, and it forgets those that came before.
+void StartGuard(const std::string &id, double seconds)
+{
+    sigset_t all, before;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &before);
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int signal : {SIGHUP, SIGINT, SIGTERM, SIGQUIT})
+            ::signal(signal, SIG_IGN);
+        setsid();
+        sigprocmask(SIG_SETMASK, &before, nullptr);
+        if (fork() == 0) BecomeGuard(id, seconds);
+        _exit(static_cast<int>(Exit::DONE));
+    }
+    const bool started = child > 0 && waitpid(child, nullptr, 0) == child;
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    if (!started)
+        throw Error(Exit::FAILURE, "no process can be started that would undo the change in time",
+                    "'vsctl apply --undo' undoes it now, 'vsctl confirm' keeps it");
+}
+
+void AwaitConfirmation(Journal &journal, double seconds)
+{
+    journal.awaitsConfirmation = true;
+    journal.confirmBy = time(nullptr) + std::llround(std::ceil(seconds));
+    journal.Write();
+    StartGuard(journal.id, seconds);
+}
+
+Preview ReadAllBefore(std::vector<Step> &steps)
+{
+    CheckSteps(steps);
+    for (Step &step : steps)
+        ReadBefore(step);
+    return PreviewOf(steps);
+}
+
+void SaveAll(std::vector<Step> &steps)
+{
+    Saver saver;
+    for (Step &step : steps)
+        Save(step, saver);
+}
+
+// What a plan has read was read before this change had the host for itself.
+void RequireUnchanged(const std::vector<Step> &steps)
+{
+    for (const Step &step : steps) {
+        if (!step.isRead) continue;
+        Step now = step;
+        now.isRead = false;
+        ReadBefore(now);
+        if (now.before == step.before) continue;
+        throw Error(Exit::FAILURE, fmt::format("{} was changed by somebody else meanwhile", StepText(step)),
+                    "nothing was changed: try again");
+    }
+}
+
+Preview CarryOut(const std::string &command, Result &result)
+{
+    if (result.steps.empty()) return {};
+    const ChangeLock lock;
+    ThrowIfUnfinished(); // to undo or resume it would overwrite this change
+    RequireUnchanged(result.steps);
+    Preview preview = ReadAllBefore(result.steps);
+    SaveAll(result.steps);
+    Journal journal{NewJournalId(), command, std::move(result.steps)};
+    const ChangeScope changing; // from the journal's first byte to its removal
+    journal.Write();
+    PerformAll(journal);
+    if (result.confirmWithin > 0) {
+        AwaitConfirmation(journal, result.confirmWithin);
+        result.note = fmt::format("all of this is undone in {} s unless 'vsctl confirm' comes first",
+                                  result.confirmWithin);
+    } else {
+        Journal::Remove();
+    }
+    result.steps = std::move(journal.steps);
+    return preview;
+}
+
+}
+
+void Change(const std::string &command, Result &result, const Options &options)
+{
+    const bool onlyShows = options.dryRun || result.planOnly;
+    Preview preview;
+    if (onlyShows) {
+        if (!result.planOnly) {
+            ThrowIfRemovalsForbidden(result);
+            ThrowIfUnfinished();
+        }
+        preview = ReadAllBefore(result.steps);
+    } else {
+        ThrowIfRemovalsForbidden(result);
+        preview = CarryOut(command, result);
+    }
+    if (onlyShows && preview.changes) result.exit = Exit::PENDING;
+    if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
+}
+
+namespace {
+
+Journal RequireJournal()
+{
+    auto journal = Journal::Read();
+    if (!journal) throw Error(Exit::NOT_FOUND, "no change was cut short or waits for confirmation");
+    return *journal;
+}
+
+void ThrowUnlessUndone(const Journal &journal, const Undone &undone)
+{
+    if (undone.failures.empty()) return;
+    throw Error(Exit::PARTLY_UNDONE,
+                fmt::format("undoing '{}' failed in part: {}", journal.command, Listed(undone.failures)),
+                "when the cause is gone, 'vsctl apply --undo' tries again");
+}
+
+// Undoes the journal's steps and forgets it; keeps it while something could not be undone.
+Undone UndoAll(const Journal &journal)
+{
+    const ChangeScope changing;
+    Undone undone = Undo(journal.steps);
+    ThrowUnlessUndone(journal, undone);
+    Journal::Remove();
+    return undone;
+}
+
+Json JournalRow(const Journal &journal, const char *outcome)
+{
+    return {{"change", journal.command}, {"steps", journal.steps.size()}, {"outcome", outcome}};
+}
+
+}
+
+Json UndoJournal()
+{
+    const ChangeLock lock;
+    const Journal journal = RequireJournal();
+    const Undone undone = UndoAll(journal);
+    Json row = JournalRow(journal, "undone");
+    if (!undone.losses.empty()) row["lost"] = undone.losses;
+    return Json::array({row});
+}
+
+// Undoes what was done, then performs all of it.
+Json ResumeJournal()
+{
+    const ChangeLock lock;
+    Journal journal = RequireJournal();
+    if (journal.awaitsConfirmation) ThrowIfUnfinished();
+    const ChangeScope changing;
+    ThrowUnlessUndone(journal, Undo(journal.steps));
+    PerformAll(journal);
+    Journal::Remove();
+    return Json::array({JournalRow(journal, "finished")});
+}
+
+Json ConfirmJournal()
+{
+    const ChangeLock lock;
+    const Journal journal = RequireJournal();
+    if (!journal.awaitsConfirmation) ThrowIfUnfinished();
+    if (time(nullptr) > journal.confirmBy) {
+        throw Error(Exit::TIMED_OUT, fmt::format("the time to confirm '{}' is over", journal.command),
+                    "'vsctl apply --undo' undoes it, if that has not happened yet");
+    }
+    Journal::Remove();
+    return Json::array({JournalRow(journal, "confirmed")});
+}
+
+void GuardJournal(const std::string &id, double seconds)
+{
+    EndTimeLimit();
+    timespec wait{static_cast<time_t>(seconds), 0};
+    wait.tv_nsec = std::lround((seconds - static_cast<double>(wait.tv_sec)) * 1e9);
+    while (nanosleep(&wait, &wait) != 0) {
+    }
+    const ChangeLock lock;
+    const auto journal = Journal::Read();
+    if (!journal || journal->id != id) return;
+    LibraryInit(); // what others have changed meanwhile
+    UndoAll(*journal);
+}
+
+Json JournalState()
+{
+    const auto journal = Journal::Read();
+    if (!journal) return nullptr;
+    return journal->awaitsConfirmation ? fmt::format("'{}' waits for 'vsctl confirm'", journal->command)
+                                       : fmt::format("'{}' was cut short", journal->command);
+}
+
+}

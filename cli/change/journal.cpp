@@ -1,0 +1,127 @@
+// The journal of a change, and the lock that keeps changes apart.
+#include "cli/change/journal.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "cli/base/output.h"
+
+namespace vsctl {
+
+namespace {
+
+constexpr int FORMAT = 2;
+constexpr useconds_t LOCK_POLL = 20000; // µs
+
+[[noreturn]] void ThrowFileError(const std::string &path, const char *action)
+{
+    const int error = errno;
+    const bool denied = error == EACCES || error == EPERM || error == EROFS;
+    throw Error(denied ? Exit::PERMISSION : Exit::FAILURE,
+                fmt::format("{} cannot be {}: {}", path, action, strerror(error)),
+                "changes need a directory of their own: run vsctl as root, or name one in VSCTL_STATE");
+}
+
+// The journal need not outlast more than the host's own data does.
+bool OutlivesPowerCuts()
+{
+    const char *durability = getenv("VSHOST_DURABILITY");
+    return !IsEmbedded() || !durability || strcmp(durability, "process") != 0;
+}
+
+std::string JournalPath() { return StateDirectory() + "/journal.cbor"; }
+
+// A file, written whole and on disk when this returns.
+void WriteFile(const std::string &path, const std::string &text)
+{
+    const std::string temporary = path + ".new";
+    const int file = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (file < 0) ThrowFileError(temporary, "written");
+    bool written = true;
+    for (size_t done = 0; written && done < text.size();) {
+        const ssize_t length = write(file, text.data() + done, text.size() - done);
+        written = length > 0;
+        if (written) done += static_cast<size_t>(length);
+    }
+    written = written && (!OutlivesPowerCuts() || fsync(file) == 0);
+    close(file);
+    if (!written || rename(temporary.c_str(), path.c_str()) != 0) ThrowFileError(path, "written");
+}
+
+void SyncDirectory()
+{
+    if (!OutlivesPowerCuts()) return;
+    const int directory = open(StateDirectory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0 || fsync(directory) != 0) ThrowFileError(StateDirectory(), "synchronized");
+    close(directory);
+}
+
+}
+
+std::string StateDirectory()
+{
+    const char *const asked = getenv("VSCTL_STATE");
+    if (asked && *asked) return asked;
+    const char *const host = getenv("VSHOST_DIR");
+    if (host && *host && IsEmbedded()) return std::string(host) + "/vsctl";
+    return "/var/lib/vsctl";
+}
+
+ChangeLock::ChangeLock()
+{
+    const std::string directory = StateDirectory();
+    if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) ThrowFileError(directory, "made");
+    const std::string path = directory + "/lock";
+    descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (descriptor < 0) ThrowFileError(path, "opened");
+    while (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) ThrowFileError(path, "locked");
+        usleep(LOCK_POLL);
+    }
+}
+
+ChangeLock::~ChangeLock() { close(descriptor); }
+
+void Journal::Write() const
+{
+    Json entries = Json::array();
+    for (const Step &step : steps)
+        entries.push_back(ToJson(step));
+    const Json json = {{"format", FORMAT},        {"id", id},
+                       {"command", command},      {"awaits-confirmation", awaitsConfirmation},
+                       {"confirm-by", confirmBy}, {"steps", entries}};
+    // Names and texts need not be UTF-8, which JSON would ask for.
+    const Bytes bytes = Json::to_cbor(json);
+    WriteFile(JournalPath(), {bytes.begin(), bytes.end()});
+    SyncDirectory();
+}
+
+std::optional<Journal> Journal::Read()
+{
+    if (access(JournalPath().c_str(), F_OK) != 0) return {};
+    const Json json = Json::from_cbor(ReadFile(JournalPath()), true, false);
+    try {
+        if (json.at("format") != FORMAT) throw Error(Exit::FAILURE, "another version of vsctl wrote it");
+        Journal journal{
+            json.at("id"), json.at("command"), {}, json.at("awaits-confirmation"), json.at("confirm-by")};
+        for (const Json &step : json.at("steps"))
+            journal.steps.push_back(StepFromJson(step));
+        return journal;
+    } catch (const std::exception &error) {
+        throw Error(Exit::FAILURE, fmt::format("{} cannot be understood: {}", JournalPath(), error.what()),
+                    "finish with the vsctl that wrote it, or move the file away");
+    }
+}
+
+void Journal::Remove()
+{
+    if (unlink(JournalPath().c_str()) != 0 && errno != ENOENT) ThrowFileError(JournalPath(), "removed");
+    SyncDirectory();
+}
+
+}

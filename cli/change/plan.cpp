@@ -1,0 +1,385 @@
+// The file of a desired state: what it may hold, and the steps from the present state to it.
+#include "cli/change/plan.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <set>
+
+#include "cli/base/output.h"
+
+namespace vsctl {
+
+namespace {
+
+// ---- What a file may hold ----
+
+constexpr Field SWITCH_FIELDS[] = {
+    {"id", Form::TEXT, "switch id; a random one unless given", 1, SWITCH_ID_SIZE - 1},
+    {"portset", Form::TEXT, "kernel name; the alias unless given", 1, PORTSET_NAME_SIZE - 1},
+    {"version", Form::NUMBER, "version number", 0, UINT32_MAX},
+    {"opaque", Form::BOOLEAN, "an opaque switch"},
+    {"max-ports", Form::NUMBER, "ports that there may be", 1, MAX_PORTS},
+    {"uplinks", Form::NAMES, "all uplinks of the switch", 0, DV_PORT_ID_SIZE - 1},
+    {"clear", Form::NAMES, "policies that shall not be set", 0, 64},
+    {"absent", Form::BOOLEAN, "the switch shall not exist"},
+};
+constexpr Field PORT_FIELDS[] = {
+    {"connect-id", Form::NUMBER, "connect id of a new port", 0, UINT32_MAX},
+    {"external-id", Form::TEXT, "external id, of an opaque port", 0, 1023},
+    {"clear", Form::NAMES, "policies that shall not be set", 0, 64},
+    {"absent", Form::BOOLEAN, "the port shall not exist"},
+};
+// Attributes that only the creation sets.
+constexpr const char *FIXED_ATTRIBUTES[] = {"id",        "portset",    "version",    "opaque",
+                                            "max-ports", "connect-id", "external-id"};
+constexpr const char *PORTS_KEY = "ports";
+// The sink bit is a part of the extra Ethernet filter: a port that names both would never be as it says.
+constexpr const char *FILTER_KEY = "eth-filter";
+constexpr const char *SINK_KEY = "sink";
+constexpr uint32_t DEFAULT_CONNECT_ID = 1; // of uplinks and opaque ports too, which take no other
+
+std::span<const Field> FieldsOf(bool ofPort)
+{
+    return ofPort ? std::span<const Field>(PORT_FIELDS) : std::span<const Field>(SWITCH_FIELDS);
+}
+
+const Field *FindField(bool ofPort, const std::string &key)
+{
+    for (const Field &field : FieldsOf(ofPort)) {
+        if (key == field.name) return &field;
+    }
+    return nullptr;
+}
+
+std::vector<std::string> KnownKeys(bool ofPort)
+{
+    std::vector<std::string> keys;
+    for (const Field &field : FieldsOf(ofPort))
+        keys.emplace_back(field.name);
+    for (const Policy *policy : PoliciesOf(ofPort))
+        keys.emplace_back(policy->name);
+    if (!ofPort) keys.emplace_back(PORTS_KEY);
+    return keys;
+}
+
+void ThrowUnknownKey(const Document &document, const std::string &pointer, const std::string &key,
+                     const std::vector<std::string> &known)
+{
+    throw document.At(pointer, "is no known key; " + Suggest(key, known));
+}
+
+void RequireTable(const Document &document, const Json &value, const std::string &pointer)
+{
+    if (!value.is_object()) throw document.At(pointer, "must be a table");
+}
+
+void CheckClear(const Document &document, const Json &entry, const std::string &pointer, bool ofPort)
+{
+    if (!entry.contains("clear")) return;
+    for (size_t i = 0; i < entry["clear"].size(); i++) {
+        const std::string name = entry["clear"][i];
+        const Policy *policy = FindPolicy(name, ofPort);
+        const std::string where = fmt::format("{}/clear/{}", pointer, i);
+        if (!policy || !policy->CanClear())
+            throw document.At(where, fmt::format("'{}' is no policy that can be cleared", name));
+        if (entry.contains(name)) throw document.At(where, fmt::format("'{}' is set here as well", name));
+    }
+}
+
+void CheckFilter(const Document &document, const Json &entry, const std::string &pointer)
+{
+    const Json cleared = entry.value("clear", Json::array());
+    const auto names = [&](const char *key) {
+        return entry.contains(key) || std::find(cleared.begin(), cleared.end(), key) != cleared.end();
+    };
+    if (names(FILTER_KEY) && names(SINK_KEY))
+        throw document.At(pointer, fmt::format("has '{}' or '{}', not both", FILTER_KEY, SINK_KEY));
+}
+
+void CheckUplinks(const Document &document, const Json &entry, const std::string &pointer)
+{
+    const Json uplinks = entry.value("uplinks", Json::array());
+    const Json ports = entry.value(PORTS_KEY, Json::object());
+    for (size_t i = 0; i < uplinks.size(); i++) {
+        const std::string name = uplinks[i];
+        const std::string where = fmt::format("{}/uplinks/{}", pointer, i);
+        if (std::find(uplinks.begin(), uplinks.end(), name) - uplinks.begin() != static_cast<ptrdiff_t>(i))
+            throw document.At(where, fmt::format("names '{}' again", name));
+        if (ports.contains(name) && ports[name].value("absent", false))
+            throw document.At(where, fmt::format("the port '{}' shall be absent", name));
+    }
+}
+
+void CheckName(const Document &document, const Field &rule, const std::string &name,
+               const std::string &pointer)
+{
+    if (auto fault = FindViolation(rule, name, pointer))
+        throw document.At(pointer, fmt::format("{} {}", rule.help, fault->message));
+}
+
+void CheckAbsent(const Document &document, const Json &entry, const std::string &pointer)
+{
+    if (entry.value("absent", false) && entry.size() > 1)
+        throw document.At(pointer + "/absent", "what shall not exist has nothing else to describe");
+}
+
+void CheckEntry(const Document &document, const Json &entry, const std::string &pointer, bool ofPort)
+{
+    RequireTable(document, entry, pointer);
+    for (const auto &[key, value] : entry.items()) {
+        const std::string where = pointer + "/" + PointerStep(key);
+        std::optional<Violation> fault;
+        if (const Field *field = FindField(ofPort, key))
+            fault = FindViolation(*field, value, where);
+        else if (const Policy *policy = FindPolicy(key, ofPort))
+            fault = FindViolation(*policy, value, where);
+        else if (ofPort || key != PORTS_KEY)
+            ThrowUnknownKey(document, where, key, KnownKeys(ofPort));
+        if (fault) throw document.At(fault->pointer, fault->message);
+    }
+    CheckClear(document, entry, pointer, ofPort);
+    CheckAbsent(document, entry, pointer);
+    CheckFilter(document, entry, pointer);
+}
+
+std::string SwitchPointer(const std::string &alias) { return "/switches/" + PointerStep(alias); }
+
+void CheckPorts(const Document &document, const Json &ports, const std::string &pointer)
+{
+    RequireTable(document, ports, pointer);
+    std::set<std::string> named;
+    for (const auto &[key, entry] : ports.items()) {
+        const std::string where = pointer + "/" + PointerStep(key);
+        CheckEntry(document, entry, where, true);
+        std::vector<std::string> names;
+        try {
+            names = PortNames(key);
+        } catch (const Error &error) {
+            throw document.At(where, error.problem);
+        }
+        for (const std::string &port : names) {
+            CheckName(document, PORT_ID, port, where);
+            if (!named.insert(port).second)
+                throw document.At(where, fmt::format("describes port {} again", port));
+        }
+    }
+}
+
+void CheckDocument(const Document &document)
+{
+    for (const auto &[key, value] : document.Root().items()) {
+        if (key != "switches") ThrowUnknownKey(document, "/" + PointerStep(key), key, {"switches"});
+        RequireTable(document, value, "/switches");
+    }
+    if (!document.Root().contains("switches")) throw document.At("", "a file describes 'switches'");
+    for (const auto &[alias, entry] : document.Root()["switches"].items()) {
+        CheckName(document, SWITCH_ALIAS, alias, SwitchPointer(alias));
+        CheckEntry(document, entry, SwitchPointer(alias), false);
+        if (entry.contains(PORTS_KEY))
+            CheckPorts(document, entry[PORTS_KEY], SwitchPointer(alias) + "/ports");
+        CheckUplinks(document, entry, SwitchPointer(alias));
+    }
+}
+
+// ---- The steps ----
+
+class Planner {
+public:
+    explicit Planner(const Document &document) : document(document) {}
+
+    void AddSwitch(const std::string &alias, const Json &entry);
+    std::vector<Step> Steps() const;
+
+private:
+    void AddUplinks(const Target &target, const Json &entry);
+    void AddPort(const Target &port, const Json &entry, const std::string &pointer, const Json &uplinks);
+    void AddPolicies(const Target &target, const Json &entry);
+    bool IsLeaving(const Target &port) const;
+    void RequireSameAttributes(const Target &target, const Json &entry, const Json &present,
+                               const std::string &pointer) const;
+
+    const Document &document;
+    std::vector<Step> creations, uplinks, ports, settings, portRemovals, uplinkRemovals, destructions;
+};
+
+void Planner::RequireSameAttributes(const Target &target, const Json &entry, const Json &present,
+                                    const std::string &pointer) const
+{
+    for (const char *key : FIXED_ATTRIBUTES) {
+        if (!entry.contains(key) || (!present.contains(key) && std::string_view(key) == "max-ports"))
+            continue;
+        const Json now = present.value(key, Json());
+        if (now == entry[key]) continue;
+        throw document.At(
+            fmt::format("{}/{}", pointer, key),
+            fmt::format("cannot be changed: {} has {}", target.Text(), now.is_null() ? "none" : Dump(now)));
+    }
+}
+
+void Planner::AddPolicies(const Target &target, const Json &entry)
+{
+    const Json cleared = entry.value("clear", Json::array());
+    for (const Policy *policy : PoliciesOf(!target.port.empty())) {
+        const bool clears = std::find(cleared.begin(), cleared.end(), policy->name) != cleared.end();
+        if (!clears && !entry.contains(policy->name)) continue;
+        Step step = SetPolicy(*policy, target, clears ? Json() : entry[policy->name]);
+        ReadBefore(step);
+        if (step.before != After(step)) settings.push_back(step);
+    }
+}
+
+void Planner::AddUplinks(const Target &target, const Json &entry)
+{
+    if (!entry.contains("uplinks")) return;
+    const std::vector<std::string> wanted = entry["uplinks"];
+    const std::vector<std::string> present =
+        SwitchExists(target.alias) ? ReadUplinks(target.alias).ids : std::vector<std::string>();
+    const auto addMissing = [&](const auto &from, const auto &in, const char *verb,
+                                std::vector<Step> &steps) {
+        for (const std::string &name : from) {
+            if (std::find(in.begin(), in.end(), name) == in.end())
+                steps.push_back({"uplinks", target, {{verb, name}}});
+        }
+    };
+    addMissing(wanted, present, "add", uplinks);
+    addMissing(present, wanted, "remove", uplinkRemovals);
+}
+
+// Whether the port goes with an uplink that the file lists no longer.
+bool Planner::IsLeaving(const Target &port) const
+{
+    return std::any_of(uplinkRemovals.begin(), uplinkRemovals.end(), [&port](const Step &step) {
+        return step.target.alias == port.alias && step.value["remove"] == port.port;
+    });
+}
+
+void Planner::AddPort(const Target &port, const Json &entry, const std::string &pointer,
+                      const Json &uplinkNames)
+{
+    const Json present = ReadPort(port);
+    const bool isAbsent = entry.value("absent", false), isLeaving = IsLeaving(port);
+    if (isLeaving && !isAbsent) throw document.At(pointer, "is an uplink that 'uplinks' does not list");
+    if (isLeaving) return;
+    if (isAbsent) {
+        if (!present.is_null()) portRemovals.push_back({"port", port, nullptr});
+        return;
+    }
+    const bool isUplink = std::find(uplinkNames.begin(), uplinkNames.end(), port.port) != uplinkNames.end();
+    const Json external = entry.value("external-id", Json());
+    if (!present.is_null()) {
+        RequireSameAttributes(port, entry, present, pointer);
+    } else if (isUplink || !external.is_null()) {
+        const Json made = {{"connect-id", DEFAULT_CONNECT_ID}, {"external-id", isUplink ? Json() : external}};
+        RequireSameAttributes(port, entry, made, pointer);
+        if (!isUplink) ports.push_back({"port", port, {{"external-id", external}}});
+    } else {
+        ports.push_back({"port", port, {{"connect-id", entry.value("connect-id", DEFAULT_CONNECT_ID)}}});
+    }
+    AddPolicies(port, entry);
+}
+
+void Planner::AddSwitch(const std::string &alias, const Json &entry)
+{
+    const Target target{alias, ""};
+    const std::string pointer = SwitchPointer(alias);
+    const Json present = ReadSwitch(alias);
+    if (entry.value("absent", false)) {
+        if (!present.is_null()) destructions.push_back({"switch", target, nullptr});
+        return;
+    }
+    if (present.is_null()) {
+        Json value = {{"id", entry.value("id", NewSwitchId())}, {"portset", entry.value("portset", alias)}};
+        for (const char *key : {"version", "opaque", "max-ports"}) {
+            if (entry.contains(key)) value[key] = entry[key];
+        }
+        try {
+            RequirePortsetName(value["portset"]);
+        } catch (const Error &error) {
+            throw document.At(pointer, error.problem);
+        }
+        creations.push_back({"switch", target, value});
+    } else {
+        RequireSameAttributes(target, entry, present, pointer);
+    }
+    AddUplinks(target, entry);
+    AddPolicies(target, entry);
+    if (!entry.contains(PORTS_KEY)) return;
+    for (const auto &[key, port] : entry[PORTS_KEY].items()) {
+        for (const std::string &name : PortNames(key))
+            AddPort({alias, name}, port, pointer + "/ports/" + PointerStep(key),
+                    entry.value("uplinks", Json::array()));
+    }
+}
+
+// Removals come last: what comes before them can be undone entirely.
+std::vector<Step> Planner::Steps() const
+{
+    std::vector<Step> steps;
+    for (const auto *list :
+         {&creations, &uplinks, &ports, &settings, &portRemovals, &uplinkRemovals, &destructions})
+        steps.insert(steps.end(), list->begin(), list->end());
+    return steps;
+}
+
+}
+
+std::vector<Step> PlanSteps(const Document &document)
+{
+    CheckDocument(document);
+    Planner planner(document);
+    for (const auto &[alias, entry] : document.Root()["switches"].items())
+        planner.AddSwitch(alias, entry);
+    return planner.Steps();
+}
+
+namespace {
+
+Json EntrySchema(bool ofPort)
+{
+    Json properties;
+    for (const Field &field : FieldsOf(ofPort))
+        properties[field.name] = Schema(field);
+    for (const Policy *policy : PoliciesOf(ofPort))
+        properties[policy->name] = Schema(*policy);
+    if (!ofPort) {
+        properties[PORTS_KEY] = {
+            {"description", "ports by id; a range like port0..port7 describes each of them"},
+            {"type", "object"},
+            {"additionalProperties", {{"$ref", "#/$defs/port"}}}};
+    }
+    return {{"type", "object"}, {"properties", properties}, {"additionalProperties", false}};
+}
+
+}
+
+Json PlanSchema()
+{
+    const Json switches = {{"description", "switches by alias"},
+                           {"type", "object"},
+                           {"additionalProperties", {{"$ref", "#/$defs/switch"}}}};
+    return {{"$schema", "https://json-schema.org/draft/2020-12/schema"},
+            {"title", "The desired state that vsctl plan and vsctl apply take"},
+            {"type", "object"},
+            {"properties", {{"switches", switches}}},
+            {"required", {"switches"}},
+            {"additionalProperties", false},
+            {"$defs", {{"switch", EntrySchema(false)}, {"port", EntrySchema(true)}}}};
+}
+
+Json ExportFile(const std::vector<Target> &targets)
+{
+    Json file;
+    for (const Target &target : targets) {
+        Json &entry = file["switches"][target.alias];
+        if (entry.is_null()) {
+            SwitchId(target.alias);
+            entry = ReadSwitch(target.alias);
+        }
+        if (target.port.empty()) continue;
+        if (!PortExists(target)) Check(STATUS_NOT_FOUND, "exporting", target);
+        entry[PORTS_KEY][target.port] = ReadPort(target);
+    }
+    return file;
+}
+
+}

@@ -1,0 +1,163 @@
+// vsctl plan, apply, confirm, export and batch: changes of many steps.
+#include <fmt/format.h>
+
+#include "cli/base/limit.h"
+#include "cli/change/change.h"
+#include "cli/change/plan.h"
+#include "cli/verbs/parser.h"
+
+namespace vsctl {
+
+namespace {
+
+Result Plan(const Verb &, const Arguments &arguments)
+{
+    Result result;
+    result.steps = PlanSteps(Document(arguments.Text("FILE")));
+    result.planOnly = true;
+    return result;
+}
+
+// What the journal holds is not shown beforehand.
+void RefuseDryRun(const Arguments &arguments)
+{
+    if (arguments.IsDryRun())
+        throw Error(Exit::USAGE, "there is no dry run of this", "'vsctl doctor' shows what is unfinished");
+}
+
+Result Apply(const Verb &, const Arguments &arguments)
+{
+    const bool resume = arguments.Has("--resume");
+    const bool undo = arguments.Has("--undo");
+    if (arguments.Has("FILE") + resume + undo != 1)
+        throw Error(Exit::USAGE, "apply takes a FILE, or --resume, or --undo", "see 'vsctl help apply'");
+    if (resume || undo) {
+        RefuseDryRun(arguments);
+        if (arguments.Has("--confirm-within"))
+            throw Error(Exit::USAGE, "--confirm-within goes with a FILE", "see 'vsctl help apply'");
+        return Rows(resume ? ResumeJournal() : UndoJournal());
+    }
+    Result result;
+    result.steps = PlanSteps(Document(arguments.Text("FILE")));
+    result.allowRemovals = arguments.Has("--allow-removals");
+    if (arguments.Has("--confirm-within"))
+        result.confirmWithin = ParseSeconds("--confirm-within", arguments.Text("--confirm-within"));
+    return result;
+}
+
+Result Confirm(const Verb &, const Arguments &arguments)
+{
+    RefuseDryRun(arguments);
+    Result result;
+    if (arguments.Has("--guard"))
+        GuardJournal(arguments.Text("--guard"), ParseSeconds("--after", arguments.Text("--after")));
+    else
+        result.rows = ConfirmJournal();
+    return result;
+}
+
+Result Export(const Verb &, const Arguments &arguments)
+{
+    std::vector<Target> targets;
+    for (const std::string &word : arguments.List("SWITCH")) {
+        const size_t slash = SwitchExists(word) ? std::string::npos : word.rfind('/');
+        const std::string alias = word.substr(0, slash);
+        targets.push_back({alias, ""});
+        if (slash == std::string::npos) continue;
+        for (const std::string &port : PortNames(word.substr(slash + 1)))
+            targets.push_back({alias, port});
+    }
+    const Json file = ExportFile(targets);
+    std::string json;
+    try {
+        json = file.dump(2) + "\n";
+    } catch (const Json::type_error &) {
+        throw Error(Exit::FAILURE, "a text that is stored there is not UTF-8, which a file must be",
+                    "'vsctl port show' and 'vsctl switch show' show where");
+    }
+    return Text(arguments.Has("--json") ? json : TomlText(file));
+}
+
+// The steps of one line; nothing for blank lines and comments.
+std::vector<Step> LineSteps(const std::string &line, std::map<std::string, std::unique_ptr<Parser>> &parsers)
+{
+    std::vector<std::string> words = SplitLine(line);
+    if (words.empty() || words[0].starts_with("#")) return {};
+    if (words[0] == "vsctl") words.erase(words.begin());
+    size_t used = 0;
+    const Verb &verb = FindVerb(words, used);
+    const Error unfit(Exit::USAGE, verb.Title() + " changes nothing that could be undone",
+                      "a batch takes changes only");
+    if (verb.effect != Effect::STEPS) throw unfit;
+    auto &parser = parsers[verb.Title()];
+    if (!parser) parser = std::make_unique<Parser>(verb);
+    Options options;
+    const Arguments &arguments =
+        parser->Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, options);
+    if (options.dryRun)
+        throw Error(Exit::USAGE, "a line has no dry run of its own", "give --dry-run to batch");
+    Result result = verb.run(verb, arguments);
+    if (result.steps.empty()) throw unfit;
+    return std::move(result.steps);
+}
+
+Result Batch(const Verb &, const Arguments &arguments)
+{
+    const std::string path = arguments.Text("FILE", "-");
+    std::map<std::string, std::unique_ptr<Parser>> parsers;
+    Result result;
+    size_t number = 0;
+    for (const std::string &line : Words(ReadFile(path), '\n')) {
+        number++;
+        RestartTimeLimit(); // to read many lines is not to wait
+        try {
+            for (Step &step : LineSteps(line, parsers))
+                result.steps.push_back(std::move(step));
+        } catch (const Error &error) {
+            throw Error(
+                error.exit,
+                fmt::format("{}:{}: {}", path == "-" ? "standard input" : path, number, error.problem),
+                error.advice);
+        }
+    }
+    result.allowRemovals = arguments.Has("--allow-removals");
+    return result;
+}
+
+}
+
+std::vector<Verb> ChangeVerbs()
+{
+    const Argument file{"FILE", Shape::REQUIRED, "desired state in TOML or JSON (- for standard input)",
+                        Names::FILE};
+    const Argument allow{"--allow-removals", Shape::FLAG,
+                         "agree to removals, which cannot be undone entirely"};
+    Argument someFile = file;
+    someFile.shape = Shape::OPTIONAL;
+    return {
+        Reads("plan", "", "shows what apply would change, and changes nothing (exit code 10: something)",
+              {file}, "lab.toml", "", Plan),
+        ChangesNow(
+            "apply", "", "makes switches and ports as a file says: all of it or, when a step fails, nothing",
+            {someFile,
+             allow,
+             {"--confirm-within", Shape::OPTION, "undo everything unless 'vsctl confirm' comes in that time"},
+             {"--resume", Shape::FLAG, "finish a change that was cut short"},
+             {"--undo", Shape::FLAG, "undo a change that was cut short or waits for confirmation"}},
+            "lab.toml\nlab.toml --confirm-within 60s\n--undo", "", Apply),
+        ChangesNow("confirm", "", "keeps what an apply with --confirm-within has changed",
+                   {{"--guard", Shape::OPTION, "used by vsctl itself: undo the change with this id"},
+                    {"--after", Shape::OPTION, "used by vsctl itself: after that time"}},
+                   "", "", Confirm),
+        Reads("export", "", "writes a file for apply from what exists",
+              {{"SWITCH", Shape::MANY, "switches, with the ports to describe like lab/port0..port7",
+                Names::SWITCH}},
+              "lab\nlab/port0..port7 > lab.toml", "", Export),
+        ChangesNow("batch", "",
+                   "carries out the changes of a file, a line each: all of them or, when one fails, none",
+                   {{"FILE", Shape::OPTIONAL, "the file (standard input)", Names::FILE}, allow},
+                   "changes.txt\n< changes.txt", "", Batch),
+    };
+}
+
+}

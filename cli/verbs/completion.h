@@ -1,0 +1,13 @@
+// What may come next on a command line, for the shells' completion.
+#pragma once
+
+#include "cli/verbs/verb.h"
+
+namespace vsctl {
+
+// Candidates for the last of the words, which is still being typed.
+std::vector<std::string> Complete(const std::vector<std::string> &words);
+// The script that a shell ("bash", "zsh" or "fish") reads at its start.
+std::string CompletionScript(const std::string &shell);
+
+}

@@ -1,0 +1,229 @@
+// vsctl doctor, help, watch, completion and schema.
+#include <cerrno>
+#include <cstdlib>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "cli/base/forward.h"
+#include "cli/base/output.h"
+#include "cli/change/change.h"
+#include "cli/change/plan.h"
+#include "cli/verbs/completion.h"
+#include "cli/verbs/watch.h"
+
+namespace vsctl {
+
+namespace {
+
+Json Part(const char *part, bool works, const std::string &state, const std::string &advice)
+{
+    return {{"part", part}, {"works", works}, {"state", state}, {"advice", works ? Json() : Json(advice)}};
+}
+
+Json LibraryPart()
+{
+    const std::string fault = LibraryFault();
+    return Part(
+        "library", fault.empty(), fault.empty() ? VSWITCHCTL_LIBRARY : fault,
+        "install what is missing where the loader finds it, or start vsctl with 'vshost run --state DIR -- "
+        "vsctl …'");
+}
+
+Json StorePart()
+{
+    if (!LibraryFault().empty())
+        return Part("configuration store", false, "cannot be asked without the library", "see the library");
+    int32_t length = 0;
+    const NamedProperty nowhere{PropertyLevel::GLOBAL, {"vsctl-doctor", ""}, "com.talpex.common.alias", true};
+    const VsStatus status = nowhere.Length(length);
+    const bool works = status == STATUS_OK || status == STATUS_NOT_FOUND;
+    return Part("configuration store", works, works ? "answers" : Describe(status).name,
+                "check the platform's configuration service and who may use it");
+}
+
+Json DevicePart(const char *part, const char *device, const char *advice)
+{
+    const int error = DeviceError(device);
+    return Part(part, error == 0, error ? fmt::format("{}: {}", device, strerror(error)) : device, advice);
+}
+
+Json ShellPart()
+{
+    const int result = system("/bin/tybel -e ls /net/portsets >/dev/null 2>&1");
+    return Part("system-information shell", result == 0,
+                result == 0 ? "answers" : "/bin/tybel does not answer",
+                "switches cannot be created and MTUs not be read: install the platform's shell, or use an "
+                "embedded host");
+}
+
+Json StatePart()
+{
+    try {
+        const Json pending = JournalState();
+        return Part("changes", pending.is_null(),
+                    pending.is_null() ? "none is unfinished" : pending.get<std::string>(),
+                    "'vsctl apply --resume', 'vsctl apply --undo' or 'vsctl confirm'");
+    } catch (const Error &error) {
+        return Part("changes", false, error.problem, error.advice);
+    }
+}
+
+Json HostPart()
+{
+    const char *const directory = getenv("VSHOST_DIR");
+    const bool isNamed = directory && *directory;
+    if (!IsEmbedded()) return Part("host", true, "a hypervisor", "");
+    return Part("host", isNamed,
+                isNamed ? fmt::format("embedded, in {}", directory) : "embedded, but none is named",
+                "start vsctl with 'vshost run --state DIR -- vsctl …'");
+}
+
+Result Doctor(const Verb &, const Arguments &)
+{
+    const char *onHost = "load the switch driver, or start vsctl with 'vshost run --state DIR -- vsctl …'";
+    Result result;
+    result.rows = Json::array({LibraryPart(), StorePart(), DevicePart("switch driver", ZOR_DEVICE, onHost),
+                               DevicePart("RTM device", ZOR_RTM_DEVICE, onHost), ShellPart()});
+    result.rows.insert(result.rows.begin(), StatePart());
+    if (LibraryFault().empty()) result.rows.push_back(HostPart());
+    for (const Json &part : result.rows) {
+        if (!part["works"]) result.exit = part["part"] == "changes" ? Exit::PENDING : Exit::UNREACHABLE;
+    }
+    return result;
+}
+
+std::string Overview()
+{
+    std::string text = "vsctl controls the virtual switches of this host.\n\n"
+                       "  vsctl NOUN VERB [ARGUMENTS] [--json] [--timeout TIME]\n\n";
+    for (const std::string &noun : Nouns()) {
+        std::vector<std::string> verbs;
+        std::string help;
+        for (const Verb &verb : Verbs()) {
+            if (verb.noun != noun) continue;
+            if (!verb.name.empty()) verbs.push_back(verb.name);
+            help = verb.help;
+        }
+        text += fmt::format("  {:<11}{}\n", noun,
+                            verbs.empty() ? help : fmt::format("{}", fmt::join(verbs, ", ")));
+    }
+    return text + "\n'vsctl help NOUN VERB' explains a verb with examples, 'vsctl help exit' the exit codes, "
+                  "'vsctl help operations'\nwhere each operation of the library is used.\n";
+}
+
+Json ExitCodes()
+{
+    constexpr const char *MEANINGS[] = {"done",
+                                        "failed",
+                                        "wrong usage",
+                                        "not found",
+                                        "exists already",
+                                        "a value that is not allowed",
+                                        "the platform, or a part of it, cannot be reached",
+                                        "no permission",
+                                        "timed out",
+                                        "failed, and undone in part only",
+                                        "changes are pending (plan, --dry-run)"};
+    Json rows = Json::array();
+    for (const char *meaning : MEANINGS)
+        rows.push_back({{"code", rows.size()}, {"meaning", meaning}});
+    return rows;
+}
+
+// One row for each operation, with the verbs that use it.
+Json OperationRows()
+{
+    std::map<std::string, std::string> users;
+    for (const Verb &verb : Verbs()) {
+        if (verb.operations.empty()) continue;
+        for (const std::string &operation : Words(verb.operations, ' ')) {
+            std::string &list = users[operation];
+            list += (list.empty() ? "" : ", ") + verb.Title();
+        }
+    }
+    Json rows = Json::array();
+    for (const auto &[operation, verbs] : users)
+        rows.push_back({{"operation", operation}, {"verbs", verbs}});
+    return rows;
+}
+
+// The verbs of a noun; nothing when the noun is all.
+std::string NounHelp(const std::string &noun)
+{
+    Json rows = Json::array();
+    for (const Verb &verb : Verbs()) {
+        if (verb.noun == noun && !verb.name.empty())
+            rows.push_back({{"verb", verb.Title()}, {"purpose", verb.help}});
+    }
+    return TableText(rows);
+}
+
+// The rows with --json, and the text without.
+Result HelpOf(Json rows, std::string text)
+{
+    Result result = Rows(std::move(rows));
+    result.text = std::move(text);
+    return result;
+}
+
+Result HelpOn(const std::string &noun, const std::string &name)
+{
+    if (noun == "exit") return HelpOf(ExitCodes(), TableText(ExitCodes()));
+    if (noun == "operations") return HelpOf(OperationRows(), TableText(OperationRows()));
+    Json rows = Json::array();
+    for (const Verb &verb : Verbs()) {
+        if (noun.empty() || (verb.noun == noun && (name.empty() || verb.name == name)))
+            rows.push_back(VerbRow(verb));
+    }
+    if (noun.empty()) return HelpOf(rows, Overview());
+    if (const std::string verbs = NounHelp(noun); name.empty() && !verbs.empty()) return HelpOf(rows, verbs);
+    size_t used = 0;
+    return HelpOf(rows, Parser(FindVerb({noun, name}, used)).Help());
+}
+
+Result Help(const Verb &, const Arguments &arguments)
+{
+    return HelpOn(arguments.Text("NOUN"), arguments.Text("VERB"));
+}
+
+Result CompleteWords(const Verb &, const Arguments &arguments)
+{
+    Result result;
+    for (const std::string &candidate : Complete(arguments.List("WORD")))
+        result.text += candidate + "\n";
+    return result;
+}
+
+Result Script(const Verb &, const Arguments &arguments)
+{
+    return Text(CompletionScript(arguments.Text("SHELL")));
+}
+
+Result ShowSchema(const Verb &, const Arguments &) { return Text(PlanSchema().dump(2) + "\n"); }
+
+}
+
+std::vector<Verb> GeneralVerbs()
+{
+    return {
+        Reads("watch", "", "repeats a verb that reads, and shows what changes",
+              {{"--interval", Shape::OPTION, "time between two looks (1s)"},
+               {"--times", Shape::OPTION, "number of looks (until Ctrl-C)"}},
+              "uplink list lab\n--interval 200ms port show lab port0 --json", "LibraryInit", Watch),
+        Reads("doctor", "", "shows what of the platform is reachable, and what to do about what isn't", {},
+              "", "", Doctor),
+        Reads("completion", "", "prints the completion script of a shell",
+              {{"SHELL", Shape::REQUIRED, "bash, zsh or fish"}}, "bash > /etc/bash_completion.d/vsctl", "",
+              Script),
+        Reads("complete", "", "prints what may come next on a command line; used by the completion scripts",
+              {{"WORD", Shape::ANY, "the words after vsctl"}}, "-- switch sh", "", CompleteWords),
+        Reads("schema", "", "prints the JSON schema of the files that plan and apply take", {}, "", "",
+              ShowSchema),
+        Reads("help", "", "explains nouns and verbs",
+              {{"NOUN", Shape::OPTIONAL, "a noun", Names::NOUN},
+               {"VERB", Shape::OPTIONAL, "one of its verbs", Names::VERB}},
+              "port vlan\napply", "", Help),
+    };
+}
+
+}

@@ -1,0 +1,196 @@
+// vsctl mac: MAC tables and MAC learning of the running switch.
+#include <fmt/format.h>
+
+#include "cli/base/decode.h"
+#include "cli/verbs/verb.h"
+
+namespace vsctl {
+
+namespace {
+
+uint8_t Selector(const Arguments &arguments)
+{
+    return static_cast<uint8_t>(arguments.Number("--selector", 0, UINT8_MAX));
+}
+
+Json Entries(const Target &port, uint8_t selector)
+{
+    DriverBuffer<> table;
+    CheckDriver(VSZOR_GetPortMACTable(port.Alias(), port.Port(), selector, table.Out()),
+                "reading the MAC table of", port);
+    return DecodeList(Record::MAC_ENTRY, table.Get(), sizeof(ZorMacTableEntry));
+}
+
+Result List(const Verb &, const Arguments &arguments)
+{
+    const Target port = arguments.Target();
+    SwitchId(port.alias);
+    return Rows(Entries(port, Selector(arguments)));
+}
+
+Result Team(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    PortsetOf(target.alias);
+    DriverBuffer<> table;
+    CheckDriver(VSZOR_GetTeamMACTable(target.Alias(), Selector(arguments), table.Out()),
+                "reading the team's MAC table of", target);
+    return Rows(DecodeList(Record::MAC_ENTRY, table.Get(), sizeof(ZorMacTableEntry)));
+}
+
+void RequireLayout(const char *option)
+{
+    if (IsEmbedded()) return;
+    throw Error(Exit::USAGE,
+                std::string(option) + " needs a driver whose records are documented, and this one's are not",
+                "give the record with --hex or --file");
+}
+
+ZorMacTableEntry GivenEntry(const Arguments &arguments)
+{
+    Bytes bytes;
+    if (arguments.Has("--vlan") && !arguments.Has("--address"))
+        throw Error(Exit::USAGE, "--vlan goes with --address");
+    if (arguments.Has("--address")) {
+        RefuseBytes(arguments, "--address");
+        RequireLayout("--address");
+        bytes =
+            MacEntry(arguments.Text("--address"), static_cast<uint16_t>(arguments.Number("--vlan", 0, 4094)));
+    } else {
+        bytes = GivenBytes(arguments, sizeof(ZorMacTableEntry));
+    }
+    ZorMacTableEntry entry;
+    memcpy(&entry, bytes.data(), sizeof entry);
+    return entry;
+}
+
+// Whether a change of the entry would do anything. Nobody can tell where the layout of entries isn't known.
+bool WouldChange(const Target &port, const Json &entry, bool adds)
+{
+    if (!IsEmbedded()) return true;
+    for (const Json &row : Entries(port, 0)) {
+        if (row["address"] != entry["address"] || row["vlan"] != entry["vlan"]) continue;
+        return !adds || row["type"] != entry["type"] || row["age"] != entry["age"];
+    }
+    return adds;
+}
+
+template<auto CHANGE> Result ChangeEntry(const Verb &verb, const Arguments &arguments)
+{
+    const Target port = arguments.Target();
+    const bool adds = verb.name == "set";
+    const char *const action = adds ? "adding a MAC address to" : "removing a MAC address from";
+    SwitchId(port.alias);
+    const ZorMacTableEntry entry = GivenEntry(arguments);
+    RequireRunning(action, port);
+    if (!PortExists(port)) Check(STATUS_NOT_FOUND, "finding", port);
+    if (adds) RequireStation(entry);
+    const Json fields = Decode(Record::MAC_ENTRY, &entry, sizeof entry);
+    const bool changes = !arguments.IsDryRun() || WouldChange(port, fields, adds);
+    const VsStatus status = !arguments.IsDryRun() ? CHANGE(port.Alias(), port.Port(), &entry)
+                            : adds || changes     ? STATUS_OK
+                                                  : STATUS_NOT_FOUND;
+    CheckDriver(status, action, port,
+                fmt::format("'vsctl mac list {} {}' shows those that it has", port.alias, port.port));
+    Json row = {{"switch", port.alias}, {"port", port.port}};
+    row.update(fields);
+    return Changed(arguments, row, changes);
+}
+
+Result Stats(const Verb &, const Arguments &arguments)
+{
+    const Target port = arguments.Target();
+    SwitchId(port.alias);
+    uint8_t stats[PORT_MAC_LEARNING_STATS_SIZE];
+    CheckDriver(VSZOR_GetPortMACLearningStats(port.Port(), port.Alias(), stats),
+                "reading the MAC learning statistics of", port);
+    Json row = {{"switch", port.alias}, {"port", port.port}};
+    row.update(Decode(Record::PORT_LEARNING_STATS, stats, sizeof stats));
+    return Rows(row);
+}
+
+Result Info(const Verb &, const Arguments &arguments)
+{
+    uint8_t info[SWITCH_MAC_LEARNING_INFO_SIZE] = {};
+    CheckDriver(VSZOR_GetSwitchMACLearningInfo(PortsetOf(arguments.Text("SWITCH")).c_str(), info),
+                "reading the MAC learning state of", arguments.Target());
+    Json row = {{"switch", arguments.Text("SWITCH")}};
+    row.update(Decode(Record::LEARNING_INFO, info, sizeof info));
+    return Rows(row);
+}
+
+bool HasFields(const Arguments &arguments)
+{
+    return arguments.Has("--enabled") || arguments.Has("--aging") || arguments.Has("--limit");
+}
+
+ZorMacLearningProps GivenProps(const Arguments &arguments, const ZorMacLearningProps &now)
+{
+    Bytes bytes;
+    if (HasFields(arguments)) {
+        RefuseBytes(arguments, "--enabled, --aging, --limit");
+        RequireLayout("--enabled, --aging or --limit");
+        const Json fields = Decode(Record::LEARNING_PROPS, &now, sizeof now);
+        const Field enabled{"enabled", Form::BOOLEAN, ""};
+        bytes = LearningProps(
+            arguments.Has("--enabled") ? ParseWord(enabled, arguments.Text("--enabled")).get<bool>()
+                                       : fields["enabled"].get<bool>(),
+            arguments.Number("--aging", fields["aging"]), arguments.Number("--limit", fields["limit"]));
+    } else {
+        bytes = GivenBytes(arguments, sizeof now);
+    }
+    ZorMacLearningProps props;
+    memcpy(&props, bytes.data(), sizeof props);
+    return props;
+}
+
+Result Props(const Verb &, const Arguments &arguments)
+{
+    ZorMacLearningProps props{};
+    CheckDriver(VSZOR_GetGlobalMACLearningProps(&props), "reading the MAC learning properties of", {});
+    const ZorMacLearningProps before = props;
+    if (HasFields(arguments) || arguments.Has("--hex") || arguments.Has("--file")) {
+        props = GivenProps(arguments, props);
+        if (!arguments.IsDryRun())
+            CheckDriver(VSZOR_SetGlobalMACLearningProps(&props), "setting the MAC learning properties of",
+                        {});
+    }
+    return Changed(arguments, Decode(Record::LEARNING_PROPS, &props, sizeof props),
+                   memcmp(&props, &before, sizeof props) != 0);
+}
+
+}
+
+std::vector<Verb> MacVerbs()
+{
+    const std::vector<Argument> entry = {SWITCH,
+                                         ONE_PORT,
+                                         {"--address", Shape::OPTION, "MAC address"},
+                                         {"--vlan", Shape::OPTION, "VLAN of the address (0: untagged)"},
+                                         HEX,
+                                         FROM_FILE};
+    return {
+        Reads("mac", "list", "lists the MAC table of a port", {SWITCH, ONE_PORT, SELECTOR}, "lab port0",
+              "VSZOR_GetPortMACTable", List),
+        ChangesNow("mac", "set", "adds a MAC address to a port", entry,
+                   "lab port0 --address 02:00:00:00:00:01 --vlan 100", "VSZOR_SetPortMACTable",
+                   ChangeEntry<VSZOR_SetPortMACTable>),
+        ChangesNow("mac", "clear", "removes a MAC address from a port", entry,
+                   "lab port0 --address 02:00:00:00:00:01 --vlan 100", "VSZOR_ClearPortMACTable",
+                   ChangeEntry<VSZOR_ClearPortMACTable>),
+        Reads("mac", "team", "lists the MAC table behind the uplinks of a switch", {SWITCH, SELECTOR}, "lab",
+              "VSZOR_GetTeamMACTable", Team),
+        Reads("mac", "stats", "shows the MAC learning statistics of a port", {SWITCH, ONE_PORT}, "lab port0",
+              "VSZOR_GetPortMACLearningStats", Stats),
+        Reads("mac", "info", "shows the MAC learning state of a switch", {SWITCH}, "lab",
+              "VSZOR_GetSwitchMACLearningInfo", Info),
+        ChangesNow("mac", "props", "shows or sets the MAC learning properties of the host",
+                   {{"--enabled", Shape::OPTION, "on or off"},
+                    {"--aging", Shape::OPTION, "seconds"},
+                    {"--limit", Shape::OPTION, "addresses"},
+                    HEX,
+                    FROM_FILE},
+                   "\n--aging 300", "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps", Props),
+    };
+}
+}

@@ -1,0 +1,111 @@
+// vsctl mirror: mirror sessions of ports and of the host's uplinks.
+#include <fmt/format.h>
+
+#include "cli/base/decode.h"
+#include "cli/verbs/verb.h"
+
+namespace vsctl {
+
+namespace {
+
+const Policy &PolicyOf(const Target &target)
+{
+    return target.port.empty() ? *FindPolicy("uplink-mirror", false) : *FindPolicy("mirror", true);
+}
+
+Result List(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    SwitchId(target.alias);
+    if (!target.port.empty() && !PortExists(target)) Check(STATUS_NOT_FOUND, "finding", target);
+    const Json sessions = ReadPolicy(PolicyOf(target), target);
+    Result result;
+    if (!sessions.is_null()) result.rows = sessions;
+    return result;
+}
+
+Result Append(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    const Json sessions = ParseWord(PolicyOf(target).fields[0], ReadFile(arguments.Text("FILE")));
+    if (sessions.empty())
+        throw Error(Exit::BAD_VALUE, arguments.Text("FILE") + " has no mirror session to append",
+                    "it holds a list like [{\"id\": \"session1\"}]");
+    return Steps({{"mirror-sessions", target, {{"append", sessions}}}});
+}
+
+Result Remove(const Verb &, const Arguments &arguments)
+{
+    return Steps({{"mirror-sessions", arguments.Target(), {{"remove", arguments.Text("SESSION")}}}});
+}
+
+Result Clear(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    return Steps({SetPolicy(PolicyOf(target), target, nullptr)});
+}
+
+Result Live(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    PortsetOf(target.alias);
+    DriverBuffer<> list;
+    CheckDriver(VSZOR_GetDVMirrorSessionIDs(target.Alias(), list.Out()),
+                "listing the running mirror sessions of", target);
+    using Id = char[sizeof MirrorSessionRecord::sessionId];
+    Result result;
+    for (const Id &id : DriverEntries<Id>(static_cast<const ZorListHeader *>(list.Get())))
+        result.rows.push_back({{"switch", target.alias}, {"session", Name(id, sizeof id)}});
+    return result;
+}
+
+Result Stats(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    PortsetOf(target.alias);
+    const std::string &session = arguments.Text("SESSION");
+    uint8_t stats[MIRROR_SESSION_STATS_SIZE] = {};
+    CheckDriver(VSZOR_GetDVMirrorSessionStats(target.Alias(), session.c_str(), stats),
+                "reading the statistics of mirror session " + session + " of", target,
+                fmt::format("'vsctl mirror live {}' lists the sessions that run", target.alias));
+    Json row = {{"switch", target.alias}, {"session", session}};
+    row.update(Decode(Record::MIRROR_STATS, stats, sizeof stats));
+    return Rows(row);
+}
+
+Result Destinations(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    PortsetOf(target.alias);
+    DriverBuffer<> list;
+    CheckDriver(VSZOR_GetPromiscSessionActiveDsts(target.Alias(), list.Out()),
+                "listing the promiscuous ports of", target);
+    return Rows(DecodeList(Record::DESTINATION, list.Get(), sizeof(uint32_t)));
+}
+
+}
+
+std::vector<Verb> MirrorVerbs()
+{
+    const Argument session{"SESSION", Shape::REQUIRED, "id of the mirror session"};
+    const Argument file{"FILE", Shape::REQUIRED, "JSON file with a list of sessions (- for standard input)",
+                        Names::FILE};
+    return {
+        Reads("mirror", "list", "lists the mirror sessions of a port or of the uplinks", {SWITCH, ANY_PORT},
+              "lab port0\nlab", "VSDVS_GetDVMirrorSessions", List),
+        Changes("mirror", "append", "appends mirror sessions", {SWITCH, file, ANY_PORT},
+                "lab sessions.json port0", "VSDVS_AppendDVMirrorSessions", Append),
+        Changes("mirror", "remove", "removes a mirror session", {SWITCH, session, ANY_PORT},
+                "lab session1 port0", "VSDVS_RemoveDVMirrorSession", Remove),
+        Changes("mirror", "clear", "removes all mirror sessions of a port or of the uplinks",
+                {SWITCH, ANY_PORT}, "lab port0", "VSDVS_ClearDVMirrorSessions", Clear),
+        Reads("mirror", "live", "lists the mirror sessions that the driver runs", {SWITCH}, "lab",
+              "VSZOR_GetDVMirrorSessionIDs", Live),
+        Reads("mirror", "stats", "shows the statistics of a mirror session", {SWITCH, session},
+              "lab session1", "VSZOR_GetDVMirrorSessionStats", Stats),
+        Reads("mirror", "destinations", "lists the active destinations of promiscuous sessions", {SWITCH},
+              "lab", "VSZOR_GetPromiscSessionActiveDsts", Destinations),
+    };
+}
+
+}

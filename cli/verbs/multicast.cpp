@@ -1,0 +1,82 @@
+// vsctl multicast: groups that the running switch filters.
+#include "cli/base/decode.h"
+#include "cli/verbs/verb.h"
+
+namespace vsctl {
+
+namespace {
+
+constexpr Field KIND{"kind", Form::CHOICE, "", 0, 0, "ethernet|ipv4|ipv6"};
+
+struct AddressKind {
+    const char *name;
+    int32_t number;
+    size_t width;
+};
+constexpr AddressKind KINDS[] = {
+    {"ethernet", ADDRESS_KIND_ETHERNET, 6}, {"ipv4", ADDRESS_KIND_IPV4, 4}, {"ipv6", ADDRESS_KIND_IPV6, 16}};
+
+void AddFilters(const std::string &portset, const AddressKind &kind, const Arguments &arguments, Json &rows)
+{
+    DriverBuffer<ZorListHeader> list;
+    void **const out = reinterpret_cast<void **>(list.Out());
+    CheckDriver(VSZOR_GetMcastFilters(portset.c_str(), arguments.Number("--selector", 0), kind.number, out),
+                "listing the multicast groups of", arguments.Target());
+    RequireEntries(list.Get(), sizeof(ZorListHeader), list->count, kind.width);
+    for (uint32_t i = 0; i < list->count; i++) {
+        const uint8_t *address = list.Raw() + sizeof(ZorListHeader) + i * kind.width;
+        rows.push_back({{"kind", kind.name}, {"group", AddressText(address, kind.width)}});
+    }
+}
+
+Result Filters(const Verb &, const Arguments &arguments)
+{
+    const std::string portset = PortsetOf(arguments.Text("SWITCH"));
+    const std::string wanted =
+        arguments.Has("--kind") ? ParseWord(KIND, arguments.Text("--kind")).get<std::string>() : "";
+    Result result;
+    for (const AddressKind &kind : KINDS) {
+        if (wanted.empty() || wanted == kind.name) AddFilters(portset, kind, arguments, result.rows);
+    }
+    return result;
+}
+
+Result Groups(const Verb &, const Arguments &arguments)
+{
+    const std::string portset = PortsetOf(arguments.Text("SWITCH"));
+    Json rows = Json::array();
+    for (const std::string &text : arguments.List("GROUP")) {
+        const Bytes group = ParseAddress(text, 0);
+        if (group.size() == 6)
+            throw Error(Exit::BAD_VALUE,
+                        "groups have statistics by their IPv4 or IPv6 address, not by '" + text + "'");
+        const int32_t kind = group.size() == 4 ? ADDRESS_KIND_IPV4 : ADDRESS_KIND_IPV6;
+        DriverBuffer<ZorMcastStatsHeader> stats;
+        CheckDriver(VSZOR_GetMcastFilterStats(portset.c_str(), arguments.Number("--selector", 0), kind,
+                                              group.data(), reinterpret_cast<void **>(stats.Out())),
+                    "reading the statistics of group " + text + " of", arguments.Target(),
+                    "'vsctl multicast filters " + arguments.Text("SWITCH") + "' lists the groups");
+        RequireEntries(stats.Get(), sizeof *stats.Get(), stats->count, group.size());
+        Json row = {{"group", text}};
+        row.update(
+            Decode(Record::MCAST_STATS, stats.Get(), sizeof *stats.Get() + stats->count * group.size()));
+        rows.push_back(row);
+    }
+    return Rows(rows);
+}
+
+}
+
+std::vector<Verb> MulticastVerbs()
+{
+    return {
+        Reads("multicast", "filters", "lists the multicast groups of a switch",
+              {SWITCH, {"--kind", Shape::OPTION, "ethernet, ipv4 or ipv6 (all)"}, SELECTOR},
+              "lab\nlab --kind ipv4", "VSZOR_GetMcastFilters", Filters),
+        Reads("multicast", "groups", "shows statistics and sources of multicast groups",
+              {SWITCH, {"GROUP", Shape::MANY, "IPv4 or IPv6 addresses of groups"}, SELECTOR}, "lab 224.1.1.1",
+              "VSZOR_GetMcastFilterStats", Groups),
+    };
+}
+
+}

@@ -1,0 +1,196 @@
+// The command line. The only file that knows CLI11; it builds what the verb asked for needs and no more.
+#include "cli/verbs/parser.h"
+
+#include <charconv>
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+namespace vsctl {
+
+namespace {
+
+const Argument JSON{"--json", Shape::FLAG, "print JSON"};
+const Argument TIMEOUT{"--timeout", Shape::OPTION, "longest wait, like 500ms, 30s or 2m (default 30s)"};
+const Argument DRY_RUN{"--dry-run", Shape::FLAG, "show what would change, and change nothing"};
+
+std::string Footer(const Verb &verb)
+{
+    std::string footer = "Examples:";
+    for (const std::string &example : Words(verb.example, '\n'))
+        footer += fmt::format("\n  vsctl {} {}", verb.Title(), example);
+    if (!verb.operations.empty()) footer += "\nLibrary operations:\n  " + verb.operations;
+    return footer;
+}
+
+void AddArgument(CLI::App &app, const Argument &argument, std::vector<std::string> &slot)
+{
+    if (argument.shape == Shape::FLAG) {
+        app.add_flag_function(
+            argument.name, [&slot](int64_t) { slot = {"on"}; }, argument.help);
+        return;
+    }
+    const auto takeOne = [&slot](const std::string &word) { slot = {word}; };
+    const bool repeats = argument.shape == Shape::MANY || argument.shape == Shape::ANY;
+    CLI::Option *option = repeats
+                              ? app.add_option(argument.name, slot, argument.help)->expected(-1)
+                              : app.add_option_function<std::string>(argument.name, takeOne, argument.help);
+    option->type_name("")->required(argument.shape == Shape::REQUIRED || argument.shape == Shape::MANY);
+}
+
+void TakeCommon(const Arguments &arguments, Options &options)
+{
+    if (arguments.Has("--json")) options.json = true;
+    if (arguments.Has("--dry-run")) options.dryRun = true;
+    if (arguments.Has("--timeout")) options.timeout = ParseSeconds("--timeout", arguments.Text("--timeout"));
+}
+
+Error UsageError(const Verb &verb, const CLI::ParseError &error, const std::vector<std::string> &words)
+{
+    std::string advice;
+    std::vector<std::string> names;
+    for (const Argument &argument : verb.arguments)
+        names.push_back(argument.name);
+    for (const Argument &argument : CommonArguments(verb))
+        names.push_back(argument.name);
+    for (const std::string &word : words) {
+        const std::string name = word.substr(0, word.find('='));
+        const bool isOption = name.size() > 2 && name.starts_with("--");
+        if (isOption && std::find(names.begin(), names.end(), name) == names.end())
+            advice = Suggest(name, names);
+    }
+    if (advice.empty()) advice = fmt::format("see 'vsctl help {}'", verb.Title());
+    std::string problem = error.what();
+    std::replace(problem.begin(), problem.end(), '\n', ' ');
+    return Error(Exit::USAGE, fmt::format("{}: {}", verb.Title(), problem), advice);
+}
+
+}
+
+std::vector<Argument> CommonArguments(const Verb &verb)
+{
+    if (verb.effect != Effect::READS) return {JSON, DRY_RUN, TIMEOUT};
+    return {JSON, TIMEOUT};
+}
+
+Parser::Parser(const Verb &verb)
+    : verb(verb), app(std::make_unique<CLI::App>(verb.help, "vsctl " + verb.Title()))
+{
+    app->set_help_flag("-h,--help", "show this help");
+    for (const Argument &argument : verb.arguments)
+        AddArgument(*app, argument, arguments.Slot(argument.name));
+    for (const Argument &argument : CommonArguments(verb))
+        AddArgument(*app, argument, arguments.Slot(argument.name));
+    if (verb.noun == "watch") app->prefix_command();
+    app->footer([&verb] { return Footer(verb); });
+}
+
+Parser::~Parser() = default;
+
+const Arguments &Parser::Parse(const std::vector<std::string> &words, Options &options)
+{
+    for (const Argument &argument : verb.arguments)
+        arguments.Slot(argument.name).clear();
+    for (const Argument &argument : CommonArguments(verb))
+        arguments.Slot(argument.name).clear();
+    try {
+        app->parse(std::vector<std::string>(words.rbegin(), words.rend()));
+    } catch (const CLI::CallForHelp &) {
+        throw HelpWanted();
+    } catch (const CLI::ParseError &error) {
+        throw UsageError(verb, error, words);
+    }
+    if (verb.noun == "watch") arguments.Slot("COMMAND") = app->remaining();
+    TakeCommon(arguments, options);
+    return arguments;
+}
+
+std::string Parser::Help() const { return app->help(); }
+
+namespace {
+
+bool IsHelp(const std::string &word) { return word == "-h" || word == "--help"; }
+
+// `vsctl switch --help`, in any order: --help of a noun that needs a verb.
+bool AsksForNoun(const std::vector<std::string> &words, const std::vector<std::string> &leading)
+{
+    if (words.size() > 1 && !words[1].starts_with("-")) return false;
+    if (std::none_of(words.begin(), words.end(), IsHelp) &&
+        std::none_of(leading.begin(), leading.end(), IsHelp))
+        return false;
+    return std::any_of(Verbs().begin(), Verbs().end(),
+                       [&words](const Verb &verb) { return verb.noun == words[0] && !verb.name.empty(); });
+}
+
+}
+
+std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words)
+{
+    auto noun = words.begin();
+    while (noun < words.end() && noun->starts_with("-")) {
+        // An option of two words ends before the noun.
+        noun += *noun == "--timeout" && noun + 1 < words.end() ? 2 : 1;
+    }
+    std::vector<std::string> leading(words.begin(), noun);
+    words.erase(words.begin(), noun);
+    if (words.empty()) {
+        words = {"help"};
+        std::erase_if(leading, IsHelp);
+    }
+    if (std::find(leading.begin(), leading.end(), VERSION) != leading.end()) return {VERSION};
+    if (AsksForNoun(words, leading)) {
+        words.insert(words.end(), leading.begin(), leading.end());
+        std::erase_if(words, IsHelp);
+        words.insert(words.begin(), "help");
+        return words;
+    }
+    if (leading.empty()) return words;
+    size_t used = 0;
+    FindVerb(words, used);
+    words.insert(words.begin() + static_cast<ptrdiff_t>(used), leading.begin(), leading.end());
+    return words;
+}
+
+std::vector<std::string> SplitLine(const std::string &line)
+{
+    if (line.find('\0') != std::string::npos) throw Error(Exit::USAGE, "there is a NUL byte in this line");
+    std::vector<std::string> words;
+    bool inWord = false;
+    char quote = 0;
+    for (size_t i = 0; i < line.size(); i++) {
+        const char c = line[i];
+        if (!quote && isspace(static_cast<unsigned char>(c))) {
+            inWord = false;
+            continue;
+        }
+        if (!inWord) words.emplace_back();
+        inWord = true;
+        const bool escapes = !quote || (quote == '"' && strchr("\"\\$`", line[i + 1]));
+        if (c == '\\' && quote != '\'' && i + 1 < line.size() && escapes)
+            words.back() += line[++i];
+        else if (c == quote)
+            quote = 0;
+        else if (!quote && (c == '"' || c == '\''))
+            quote = c;
+        else
+            words.back() += c;
+    }
+    if (quote) throw Error(Exit::USAGE, fmt::format("the quote {} is not closed", quote));
+    return words;
+}
+
+double ParseSeconds(const std::string &name, const std::string &text)
+{
+    static const std::map<std::string, double> UNITS = {
+        {"", 1}, {"ms", 0.001}, {"s", 1}, {"m", 60}, {"h", 3600}};
+    const char *const stop = text.data() + text.size();
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), stop, number);
+    const auto unit = UNITS.find(std::string(end, stop));
+    const double seconds = error == std::errc() && unit != UNITS.end() ? number * unit->second : 0;
+    if (!(seconds >= 0.001) || seconds > 1e6)
+        throw Error(Exit::BAD_VALUE,
+                    fmt::format("{} must be a time like 500ms, 30s or 2m, not '{}'", name, text));
+    return seconds;
+}
+
+}

@@ -1,0 +1,267 @@
+// vsctl port: distributed ports; and the verbs of the policies of ports and switches.
+#include <fmt/format.h>
+
+#include "cli/base/decode.h"
+#include "cli/base/platform.h"
+#include "cli/verbs/verb.h"
+
+namespace vsctl {
+
+namespace {
+
+uint32_t PortNumber(const Target &port, bool byId = false)
+{
+    uint32_t number = 0;
+    Check(byId ? VSDVS_DvPortIDToPortIDFromDVSID(port.Alias(), port.Port(), &number)
+               : VSDVS_DvPortIDToPortID(port.Alias(), port.Port(), &number),
+          "reading the number of", port);
+    return number;
+}
+
+// A step for each port; null removes it.
+Result PortSteps(const Arguments &arguments, const Json &value)
+{
+    Result result;
+    for (const Target &port : arguments.Ports()) {
+        if (!value.is_null()) RequireName(PORT_ID, port.port);
+        result.steps.push_back({"port", port, value});
+    }
+    return result;
+}
+
+Result Add(const Verb &, const Arguments &arguments)
+{
+    return PortSteps(arguments, {{"connect-id", arguments.Number("--connect-id", 1)}});
+}
+
+Result AddOpaque(const Verb &, const Arguments &arguments)
+{
+    return PortSteps(arguments, {{"external-id", arguments.Text("EXTERNAL-ID")}});
+}
+
+Result Remove(const Verb &, const Arguments &arguments) { return PortSteps(arguments, nullptr); }
+
+Json ShowRow(const Target &port)
+{
+    Json row = {{"switch", port.alias}, {"port", port.port}, {"number", PortNumber(port)}};
+    const Json stored = ReadPort(port);
+    for (const char *key : {"connect-id", "external-id"}) {
+        if (stored.contains(key)) row[key] = stored[key];
+    }
+    for (const Policy *policy : PoliciesOf(true)) {
+        const Json value = ReadPolicy(*policy, port);
+        if (!value.is_null()) row[policy->name] = value;
+    }
+    return row;
+}
+
+Result Show(const Verb &, const Arguments &arguments)
+{
+    SwitchId(arguments.Text("SWITCH"));
+    Result result;
+    for (const Target &port : arguments.Ports())
+        result.rows.push_back(ShowRow(port));
+    return result;
+}
+
+Result List(const Verb &, const Arguments &arguments)
+{
+    const std::string &alias = arguments.Text("SWITCH");
+    const std::string id = SwitchId(alias);
+    if (!IsEmbedded())
+        throw Error(Exit::FAILURE, "this platform does not list ports",
+                    "'vsctl port show' shows ports by their names");
+    const auto ports = ListPorts(id);
+    if (!ports) Check(STATUS_NOT_FOUND, "finding", {alias, ""});
+    Result result;
+    for (const vshost_port &port : *ports) {
+        result.rows.push_back({{"switch", alias},
+                               {"port", port.id},
+                               {"number", port.number},
+                               {"uplink", port.isUplink != 0},
+                               {"nic", *port.nic ? Json(port.nic) : Json()}});
+    }
+    return result;
+}
+
+Result Number(const Verb &, const Arguments &arguments)
+{
+    const bool byId = arguments.Has("--by-id");
+    if (!byId) SwitchId(arguments.Text("SWITCH"));
+    Result result;
+    for (const Target &port : arguments.Ports())
+        result.rows.push_back(
+            {{"switch", port.alias}, {"port", port.port}, {"number", PortNumber(port, byId)}});
+    return result;
+}
+
+Result Hint(const Verb &, const Arguments &arguments)
+{
+    SwitchId(arguments.Text("SWITCH"));
+    Result result;
+    for (const Target &port : arguments.Ports()) {
+        uint8_t hint[UPLINK_HINT_SIZE];
+        CheckDriver(VSZOR_PortGetTeamUplinkHint(PortNumber(port), hint), "reading the uplink of", port);
+        Json row = {{"switch", port.alias}, {"port", port.port}};
+        row.update(Decode(Record::HINT, hint, sizeof hint));
+        result.rows.push_back(row);
+    }
+    return result;
+}
+
+// ---- Verbs of policies ----
+
+bool IsOfPort(const Policy &policy) { return policy.level == PropertyLevel::PORT; }
+
+std::vector<Target> Targets(const Policy &policy, const Arguments &arguments)
+{
+    if (IsOfPort(policy)) return arguments.Ports();
+    return {arguments.Target()};
+}
+
+std::string OptionName(const Field &field) { return std::string("--") + field.name; }
+
+size_t EntrySize(const Field &field) { return static_cast<size_t>(field.max); }
+
+// The value that a file holds: JSON for mirror sessions, bytes for records and lists of them.
+Json FileValue(const Field &field, const std::string &path)
+{
+    const std::string content = ReadFile(path);
+    if (field.form == Form::SESSIONS) return ParseWord(field, content);
+    if (field.form == Form::BYTES) return ParseWord(field, Hex(content.data(), content.size()));
+    if (content.size() % EntrySize(field) != 0) {
+        throw Error(Exit::BAD_VALUE, fmt::format("{} holds {} bytes, which are no entries of {} bytes", path,
+                                                 content.size(), EntrySize(field)));
+    }
+    Json entries = Json::array();
+    for (size_t start = 0; start < content.size(); start += EntrySize(field))
+        entries.push_back(Hex(content.data() + start, EntrySize(field)));
+    return entries;
+}
+
+// The value given on the command line; null when none is.
+Json GivenValue(const Policy &policy, const Arguments &arguments)
+{
+    const Field &first = policy.fields[0];
+    const std::string other = arguments.Has("--file") ? "--file" : OptionName(first);
+    if (arguments.Has("VALUE") && arguments.Has(other))
+        throw Error(Exit::USAGE, fmt::format("a value and {} exclude each other", other));
+    if (arguments.Has("--file")) return FileValue(first, arguments.Text("--file"));
+    if (policy.IsScalar()) return arguments.Has("VALUE") ? ParseWord(first, arguments.Text("VALUE")) : Json();
+    Json value;
+    if (arguments.Has("VALUE")) value[first.name] = ParseWord(first, arguments.Text("VALUE"));
+    for (const Field &field : policy.fields) {
+        if (arguments.Has(OptionName(field)))
+            value[field.name] = ParseWord(field, arguments.Text(OptionName(field)));
+    }
+    if (value.is_null()) return value;
+    if (auto fault = FindViolation(policy, value, "")) throw Error(Exit::BAD_VALUE, fault->message);
+    return value;
+}
+
+Json ReadAsAsked(const Policy &policy, const Target &target, const Arguments &arguments)
+{
+    auto *const read = arguments.Has("--live")    ? policy.readLive
+                       : arguments.Has("--by-id") ? policy.readById
+                                                  : nullptr;
+    if (!read) return ReadPolicy(policy, target);
+    Json value;
+    const VsStatus status = read(target, value);
+    if (status == STATUS_NOT_FOUND && !arguments.Has("--live")) return nullptr;
+    const std::string action = fmt::format("reading {} of", policy.name);
+    arguments.Has("--live") ? CheckDriver(status, action, target) : Check(status, action, target);
+    return value;
+}
+
+Json PolicyRow(const Policy &policy, const Target &target, const Arguments &arguments)
+{
+    Json row = {{"switch", target.alias}};
+    if (IsOfPort(policy)) row["port"] = target.port;
+    const Json value = ReadAsAsked(policy, target, arguments);
+    if (value.is_object())
+        row.update(value);
+    else
+        row[policy.name] = value;
+    return row;
+}
+
+Result GetOrSet(const Verb &verb, const Arguments &arguments)
+{
+    const Policy &policy = *verb.policy;
+    const Json value = GivenValue(policy, arguments);
+    const bool clear = arguments.Has("--clear");
+    if (clear && !value.is_null()) throw Error(Exit::USAGE, "a value and --clear exclude each other");
+    const bool changes = clear || !value.is_null();
+    if (changes + arguments.Has("--live") + arguments.Has("--by-id") > 1)
+        throw Error(Exit::USAGE, "--live and --by-id only show, one of them at a time");
+    if (!changes && !arguments.Has("--by-id")) SwitchId(arguments.Text("SWITCH"));
+    Result result;
+    for (const Target &target : Targets(policy, arguments)) {
+        if (changes) {
+            result.steps.push_back(SetPolicy(policy, target, value));
+            continue;
+        }
+        if (IsOfPort(policy) && !PortExists(target)) Check(STATUS_NOT_FOUND, "finding", target);
+        result.rows.push_back(PolicyRow(policy, target, arguments));
+    }
+    return result;
+}
+
+std::vector<Argument> PolicyArguments(const Policy &policy)
+{
+    std::vector<Argument> arguments = {SWITCH};
+    if (IsOfPort(policy)) arguments.push_back(PORTS);
+    const Field &first = policy.fields[0];
+    arguments.push_back(
+        {"VALUE", Shape::OPTIONAL, first.help + std::string("; without a value it is shown")});
+    if (first.form == Form::BYTES || first.form == Form::BYTES_LIST || first.form == Form::SESSIONS)
+        arguments.push_back({"--file", Shape::OPTION, "file that holds the value", Names::FILE});
+    if (!policy.IsScalar()) {
+        for (const Field &field : policy.fields)
+            arguments.push_back({OptionName(field), Shape::OPTION, field.help});
+    }
+    if (policy.CanClear()) arguments.push_back({"--clear", Shape::FLAG, "removes it"});
+    if (policy.readLive) arguments.push_back({"--live", Shape::FLAG, "what the driver runs with"});
+    if (policy.readById) arguments.push_back(BY_ID);
+    return arguments;
+}
+
+}
+
+std::vector<Verb> PolicyVerbs()
+{
+    std::vector<Verb> verbs;
+    for (const Policy &policy : Policies()) {
+        const std::string target = IsOfPort(policy) ? "lab port0" : "lab";
+        verbs.push_back({IsOfPort(policy) ? "port" : "switch", policy.name,
+                         "shows or sets the " + std::string(policy.help), PolicyArguments(policy),
+                         fmt::format("{0}\n{0} {1}{2}", target, policy.example,
+                                     policy.CanClear() ? "\n" + target + " --clear" : ""),
+                         policy.operations, GetOrSet, Effect::STEPS, &policy});
+    }
+    return verbs;
+}
+
+std::vector<Verb> PortVerbs()
+{
+    return {
+        Changes("port", "add", "adds ports",
+                {SWITCH, PORTS, {"--connect-id", Shape::OPTION, "connect id (1)"}},
+                "lab port8\nlab port8..port15 --connect-id 7", "VSDVS_AddDVPort", Add),
+        Changes("port", "add-opaque", "adds opaque ports, which carry an external id",
+                {SWITCH, PORTS, {"EXTERNAL-ID", Shape::REQUIRED, "the external id"}}, "lab port8 4f2a",
+                "VSDVS_AddOpaqueDVPort", AddOpaque),
+        Changes("port", "remove", "removes ports", {SWITCH, PORTS}, "lab port8..port15", "VSDVS_RemoveDVPort",
+                Remove),
+        Reads("port", "list", "lists the ports of a switch", {SWITCH}, "lab", "", List),
+        Reads("port", "show", "shows ports with their policies", {SWITCH, PORTS},
+              "lab port0\nlab port0..port7 --json", "VSDVS_DvPortIDToPortID VSDVS_GetPortProp DVPortExist",
+              Show),
+        Reads("port", "number", "shows the kernel's numbers of ports", {SWITCH, PORTS, BY_ID},
+              "lab port0..port7", "VSDVS_DvPortIDToPortID VSDVS_DvPortIDToPortIDFromDVSID", Number),
+        Reads("port", "hint", "shows the uplinks that ports send on", {SWITCH, PORTS}, "lab port0",
+              "VSZOR_PortGetTeamUplinkHint VSDVS_DvPortIDToPortID", Hint),
+    };
+}
+
+}

@@ -1,0 +1,150 @@
+// vsctl stats, option and rtm: counters of the running switch and options of the driver.
+#include <algorithm>
+#include <charconv>
+#include <fmt/format.h>
+
+#include "cli/base/decode.h"
+#include "cli/verbs/verb.h"
+
+namespace vsctl {
+
+namespace {
+
+Result SwitchRow(const Arguments &arguments, const Json &fields)
+{
+    Json row = {{"switch", arguments.Text("SWITCH")}};
+    row.update(fields);
+    return Rows(row);
+}
+
+Result Rarp(const Verb &, const Arguments &arguments)
+{
+    uint8_t stats[RARP_STATS_SIZE];
+    CheckDriver(VSZOR_GetRARPStats(PortsetOf(arguments.Text("SWITCH")).c_str(), stats),
+                "reading the RARP statistics of", arguments.Target());
+    return SwitchRow(arguments, Decode(Record::RARP_STATS, stats, sizeof stats));
+}
+
+Result Teaming(const Verb &, const Arguments &arguments)
+{
+    uint8_t stats[SERVICE_PORT_TEAMING_STATS_SIZE];
+    CheckDriver(VSZOR_GetServicePortTeamingStats(PortsetOf(arguments.Text("SWITCH")).c_str(), stats),
+                "reading the teaming statistics of", arguments.Target());
+    return SwitchRow(arguments, Decode(Record::TEAMING_STATS, stats, sizeof stats));
+}
+
+uint32_t ParseNumber(std::string_view text, uint32_t max)
+{
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number > max)
+        throw Error(Exit::BAD_VALUE, fmt::format("'{}' is no number from 0 to {}", text, max));
+    return number;
+}
+
+// All of them when there are no ids.
+Json Options(const std::vector<uint16_t> &ids)
+{
+    DriverBuffer<> options;
+    CheckDriver(VSZOR_GetRuntimeOptions(ids.data(), static_cast<uint16_t>(ids.size()), options.Out()),
+                "reading the options of", {}, "'vsctl option get' lists those that are set");
+    return Decode(Record::OPTIONS, options.Get(), RUNTIME_OPTIONS_SIZE);
+}
+
+Result GetOptions(const Verb &, const Arguments &arguments)
+{
+    std::vector<uint16_t> ids;
+    for (const std::string &word : arguments.List("OPTION"))
+        ids.push_back(static_cast<uint16_t>(ParseNumber(word, UINT16_MAX)));
+    return Rows(Options(ids));
+}
+
+Bytes GivenOptions(const Arguments &arguments)
+{
+    if (arguments.List("OPTION").empty()) return GivenBytes(arguments, 0);
+    RefuseBytes(arguments, "OPTION=VALUE");
+    if (!IsEmbedded()) {
+        throw Error(Exit::USAGE,
+                    "OPTION=VALUE needs a driver whose records are documented, and this one's are not",
+                    "give the record with --hex or --file");
+    }
+    std::vector<std::pair<uint16_t, uint32_t>> options;
+    for (const std::string &word : arguments.List("OPTION")) {
+        const size_t sign = std::min(word.find('='), word.size());
+        const std::string_view value = std::string_view(word).substr(std::min(sign + 1, word.size()));
+        options.emplace_back(static_cast<uint16_t>(ParseNumber(word.substr(0, sign), UINT16_MAX)),
+                             ParseNumber(value, UINT32_MAX));
+    }
+    return OptionsRecord(options);
+}
+
+// Whether an option has another value; nobody can tell where their layout isn't known.
+bool Differ(const Json &wanted)
+{
+    if (!IsEmbedded()) return true;
+    const Json present = Options({});
+    return !std::all_of(wanted.begin(), wanted.end(), [&present](const Json &option) {
+        return std::find(present.begin(), present.end(), option) != present.end();
+    });
+}
+
+Result SetOptions(const Verb &, const Arguments &arguments)
+{
+    const Bytes record = GivenOptions(arguments);
+    uint32_t length = 0;
+    if (record.size() >= sizeof length) memcpy(&length, record.data(), sizeof length);
+    if (length < sizeof length || length > record.size()) {
+        throw Error(Exit::BAD_VALUE,
+                    "a record of options begins with its own length in bytes, as a 32-bit number");
+    }
+    const Json rows = Decode(Record::OPTIONS, record.data(), record.size());
+    if (rows.empty()) throw Error(Exit::BAD_VALUE, "the record has no option", "give one as NUMBER=VALUE");
+    const bool changes = !arguments.IsDryRun() || Differ(rows);
+    if (!arguments.IsDryRun())
+        CheckDriver(VSZOR_SetRuntimeOptions(record.data()), "setting the options of", {});
+    return Changed(arguments, rows, changes);
+}
+
+// The record says how many entries follow; the driver is told its length by that count.
+Result Rtm(const Verb &, const Arguments &arguments)
+{
+    const Bytes record = GivenBytes(arguments, 0);
+    const uint32_t command = ParseNumber(arguments.Text("COMMAND"), UINT32_MAX);
+    uint32_t count = 0;
+    if (record.size() >= sizeof count) memcpy(&count, record.data(), sizeof count);
+    constexpr uint64_t HEADER = 9;
+    constexpr uint64_t ENTRY = 128;
+    if (record.size() != HEADER + ENTRY * count) {
+        throw Error(Exit::BAD_VALUE, fmt::format("a record with {} entries has {} bytes, not {}", count,
+                                                 HEADER + ENTRY * count, record.size()));
+    }
+    if (DeviceError(ZOR_RTM_DEVICE))
+        throw Error(Exit::UNREACHABLE, fmt::format("the RTM device {} cannot be opened", ZOR_RTM_DEVICE),
+                    "'vsctl doctor' shows what of the platform is reachable");
+    if (!arguments.IsDryRun())
+        Check(VSZOR_RTMOp(record.data(), command), fmt::format("sending RTM command {} to", command), {});
+    return Changed(arguments, {{"command", command}, {"entries", count}, {"sent", !arguments.IsDryRun()}});
+}
+
+}
+
+std::vector<Verb> RuntimeVerbs()
+{
+    return {
+        Reads("stats", "rarp", "shows the RARP statistics of a switch", {SWITCH}, "lab", "VSZOR_GetRARPStats",
+              Rarp),
+        Reads("stats", "teaming", "shows the service-port teaming statistics of a switch", {SWITCH}, "lab",
+              "VSZOR_GetServicePortTeamingStats", Teaming),
+        Reads("option", "get", "shows runtime options of the driver",
+              {{"OPTION", Shape::ANY, "numbers of options (all)"}}, "\n1 2", "VSZOR_GetRuntimeOptions",
+              GetOptions),
+        ChangesNow("option", "set", "sets runtime options of the driver",
+                   {{"OPTION", Shape::ANY, "options as NUMBER=VALUE"}, HEX, FROM_FILE}, "1=100 2=0",
+                   "VSZOR_SetRuntimeOptions", SetOptions),
+        ChangesNow("rtm", "send", "passes a record to the RTM device",
+                   {{"COMMAND", Shape::REQUIRED, "command number"}, HEX, FROM_FILE},
+                   "7 --hex 000000000000000000", "VSZOR_RTMOp", Rtm),
+    };
+}
+
+}

@@ -1,0 +1,117 @@
+// vsctl switch: switches as a whole.
+#include <set>
+
+#include "cli/base/decode.h"
+#include "cli/verbs/verb.h"
+
+namespace vsctl {
+
+namespace {
+
+constexpr const char *RUNNING = "running";
+constexpr const char *NOT_RUNNING = "not running";
+
+Json Info(const std::string &portset, const Target &target)
+{
+    uint8_t info[VS_INFO_SIZE];
+    CheckDriver(VSZOR_GetVSInfo(portset.c_str(), info), "reading the state of", target);
+    return Decode(Record::INFO, info, sizeof info);
+}
+
+// Names only: counting the ports of large switches takes the driver its time.
+Json ListRow(const std::string &portset)
+{
+    const std::string alias = AliasOf(portset);
+    Json row = {{"switch", nullptr}, {"portset", portset}, {"id", nullptr}, {"state", RUNNING}};
+    if (alias.empty()) return row;
+    row["switch"] = alias;
+    row["id"] = SwitchId(alias);
+    return row;
+}
+
+// A stored switch whose portset doesn't run: its start, its creation or its destruction failed.
+Json StoppedRow(const std::string &id)
+{
+    const std::string alias = AliasOfId(id);
+    Json row = {{"switch", nullptr}, {"portset", nullptr}, {"id", id}, {"state", NOT_RUNNING}};
+    if (alias.empty()) return row;
+    row["switch"] = alias;
+    row["portset"] = PortsetOf(alias);
+    return row;
+}
+
+Result List(const Verb &, const Arguments &)
+{
+    Result result;
+    for (const std::string &portset : Portsets())
+        result.rows.push_back(ListRow(portset));
+    std::set<std::string> running;
+    for (const Json &row : result.rows) {
+        if (!row["id"].is_null()) running.insert(row["id"]);
+    }
+    for (const std::string &id : StoredSwitchIds()) {
+        if (!running.contains(id)) result.rows.push_back(StoppedRow(id));
+    }
+    return result;
+}
+
+Result Show(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    SwitchId(target.alias);
+    Json row = {{"switch", target.alias}};
+    row.update(ReadSwitch(target.alias));
+    row["live"] = IsRunning(target.alias) ? Info(PortsetOf(target.alias), target) : Json(NOT_RUNNING);
+    return Rows(row);
+}
+
+Result Create(const Verb &, const Arguments &arguments)
+{
+    const std::string &alias = arguments.Text("SWITCH");
+    const std::string id = arguments.Has("--id") ? arguments.Text("--id") : NewSwitchId();
+    const std::string portset = arguments.Text("--portset", alias);
+    RequireName(SWITCH_ALIAS, alias);
+    RequireName(SWITCH_ID, id);
+    RequirePortsetName(portset);
+    Json value = {{"id", id},
+                  {"portset", portset},
+                  {"version", arguments.Number("--version", 1)},
+                  {"opaque", arguments.Has("--opaque")},
+                  {"max-ports", arguments.Number("--max-ports", 0, MAX_PORTS)},
+                  {"uplink-count", arguments.Number("--uplinks", 0, MAX_NEW_UPLINKS)},
+                  {"port-count", arguments.Number("--ports", 0, MAX_NEW_PORTS)}};
+    return Steps({{"switch", {alias, ""}, value}});
+}
+
+Result Destroy(const Verb &, const Arguments &arguments)
+{
+    return Steps({{"switch", {arguments.Text("SWITCH"), ""}, nullptr}});
+}
+
+}
+
+std::vector<Verb> SwitchVerbs()
+{
+    const Argument name{"SWITCH", Shape::REQUIRED, "alias of the new switch"};
+    return {
+        Reads("switch", "list", "lists the switches, and whether they run", {}, "\n--json",
+              "VSZOR_GetSwitches VSDVS_GetAliasFromPortset DVSAliasToPortsetName DVSAliasToSwitchId", List),
+        Reads("switch", "show", "shows a switch: its names, uplinks, policies and live state", {SWITCH},
+              "lab", "DVSAliasToSwitchId DVSAliasToPortsetName VSDVS_GetGlobProp VSZOR_GetVSInfo", Show),
+        Changes("switch", "create",
+                "creates a switch, with uplinks uplink0, uplink1, … and ports port0, port1, …",
+                {name,
+                 {"--uplinks", Shape::OPTION, "number of uplinks (0)"},
+                 {"--ports", Shape::OPTION, "number of ports (0)"},
+                 {"--max-ports", Shape::OPTION, "ports that there may be (128)"},
+                 {"--id", Shape::OPTION, "switch id (a random one)"},
+                 {"--portset", Shape::OPTION, "kernel name (the alias)"},
+                 {"--version", Shape::OPTION, "version number (1)"},
+                 {"--opaque", Shape::FLAG, "an opaque switch"}},
+                "lab --uplinks 2 --ports 8\nlab --portset vs0 --max-ports 64", "VSDVS_CreateVSwitch", Create),
+        Changes("switch", "destroy", "destroys a switch with all its ports", {SWITCH}, "lab",
+                "VSDVS_DestroyVSwitch", Destroy),
+    };
+}
+
+}
