@@ -93,10 +93,12 @@ int ReadSwitchPolicy(Reader &reader, std::string_view switchId, VSwitchLearningI
     if (int error = ReadProperty(reader, host, KEY_SWITCH_LEARNING, policy)) return error;
     if (int error = ReadProperty(reader, host, KEY_LEARN_STATIC, learnStatic)) return error;
     if (policy.size() == 8) {
-        info.agingSeconds = 0;
-        memcpy(&info.agingSeconds, policy.data(), 3);
+        uint32_t aging = 0, limit = 0;
+        memcpy(&aging, policy.data(), 3);
+        memcpy(&limit, policy.data() + 4, sizeof(limit));
+        info.agingSeconds = aging;
         info.policyByte = static_cast<uint8_t>(policy[3]);
-        memcpy(&info.limit, policy.data() + 4, sizeof(info.limit));
+        info.limit = limit;
     }
     info.learnStatic = learnStatic.starts_with("true");
     return 0;
