@@ -28,6 +28,42 @@ GET_SWITCHES, GET_INFO, GET_UPLINKS, GET_LEARNING_PROPS, SET_LEARNING_PROPS = 41
 INPUT_SIZE = 212
 
 
+# Answers every packet, in a network namespace.
+ECHO = """
+import socket
+server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+server.bind(("", 7))
+while True:
+    server.sendto(*server.recvfrom(2048))
+"""
+# Sends numbered packets; prints how many of them were answered.
+SEND = """
+import socket, sys, time
+address, count, pause, patience = sys.argv[1], int(sys.argv[2]), float(sys.argv[3]), float(sys.argv[4])
+client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+client.setblocking(False)
+answered = set()
+def receive():
+    try:
+        while True:
+            answered.add(client.recv(2048))
+    except OSError:
+        pass
+for number in range(count):
+    try:
+        client.sendto(str(number).encode(), (address, 7))
+    except OSError:
+        pass
+    time.sleep(pause)
+    receive()
+end = time.monotonic() + patience
+while len(answered) < count and time.monotonic() < end:
+    time.sleep(0.01)
+    receive()
+print(len(answered))
+"""
+
+
 def find_obstacle():
     """Why this machine can't run the tests; empty when it can."""
     if os.geteuid() != 0:
@@ -59,6 +95,18 @@ def run(*command, check=True, **options):
     if check and done.returncode != 0:
         raise AssertionError(f"{command} ended with {done.returncode}: {done.stdout}{done.stderr}")
     return done
+
+
+def as_nobody(*command, **options):
+    """Runs a command as a user without any right, who can read the build wherever it is."""
+    with tempfile.TemporaryDirectory() as place:
+        os.chmod(place, 0o755)
+        run("mount", "--bind", BUILD, place)
+        try:
+            words = [str(word).replace(str(BUILD), place) for word in command]
+            return run("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", *words, **options)
+        finally:
+            run("umount", "--lazy", place)
 
 
 def mounts_under(directory):
@@ -162,3 +210,72 @@ class Caller(threading.Thread):
                 self.refused.append(os.strerror(answer))
             else:
                 self.answered += 1
+
+
+class Namespace:
+    """A network namespace with one end of a veth pair; the other end is in the test's own."""
+
+    def __init__(self, name, address):
+        self.name, self.address = name, address
+        # Of the interface outside; the one inside is eth0.
+        self.interface = f"v{name}"
+        self.holder = subprocess.Popen(["unshare", "--net", sys.executable, "-c", ECHO])
+        own = os.readlink("/proc/self/ns/net")
+        wait_until(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/net") != own, "a network namespace")
+        self.connect()
+
+    def connect(self):
+        run("ip", "link", "add", self.interface, "type", "veth", "peer", "name", "eth0", "netns", self.holder.pid)
+        run("sysctl", "-qw", f"net.ipv6.conf.{self.interface}.disable_ipv6=1", check=False)
+        run("ip", "link", "set", self.interface, "up")
+        self.run("ip", "address", "add", f"{self.address}/24", "dev", "eth0")
+        self.run("ip", "link", "set", "eth0", "up")
+
+    def run(self, *command, **options):
+        return run("nsenter", f"--net=/proc/{self.holder.pid}/ns/net", *command, **options)
+
+    def reaches(self, other):
+        return int(self.run(sys.executable, "-c", SEND, other.address, 5, 0.05, 0.5).stdout) > 0
+
+    def remove(self):
+        self.holder.kill()
+        self.holder.wait()
+        run("ip", "link", "del", self.interface, check=False)
+
+
+class PluggedHost(LiveHost):
+    def setUp(self):
+        super().setUp()
+        run("ip", "link", "set", "lo", "up")
+        self.start()
+        self.vsctl("switch", "create", "one", "--ports", "16")
+        for port in ("1", "2", "3"):
+            self.vsctl("port", "add", "one", port)
+        self.namespaces = []
+
+    def tearDown(self):
+        for namespace in self.namespaces:
+            namespace.remove()
+        super().tearDown()
+
+    def namespace(self, name, address):
+        self.namespaces.append(Namespace(name, address))
+        return self.namespaces[-1]
+
+    def plug(self, port, namespace, *options):
+        run(VSHOST, "plug", "--state", self.directory, "one", port, namespace.interface, *options)
+
+    def two(self):
+        a, b = self.namespace("a", "10.9.0.1"), self.namespace("b", "10.9.0.2")
+        self.plug("1", a)
+        self.plug("2", b)
+        return a, b
+
+    def filters(self, interface):
+        return run("tc", "filter", "show", "dev", interface, "ingress", check=False).stdout
+
+    def refusal(self, *arguments):
+        done = run(VSHOST, *arguments[:1], "--state", self.directory, *arguments[1:], check=False)
+        self.assertNotEqual(done.returncode, 0)
+        self.assertEqual(len(done.stderr.splitlines()), 1, done.stderr)
+        return done.stderr

@@ -1,47 +1,12 @@
 """Plugged interfaces: frames between network namespaces by the policies in the store, and what plugging changes."""
 import json
 import os
-import pathlib
+import subprocess
 import sys
 import unittest
 
 from live_host import *
 
-
-# Answers every packet, in a network namespace.
-ECHO = """
-import socket
-server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-server.bind(("", 7))
-while True:
-    server.sendto(*server.recvfrom(2048))
-"""
-# Sends numbered packets; prints how many of them were answered.
-SEND = """
-import socket, sys, time
-address, count, pause, patience = sys.argv[1], int(sys.argv[2]), float(sys.argv[3]), float(sys.argv[4])
-client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-client.setblocking(False)
-answered = set()
-def receive():
-    try:
-        while True:
-            answered.add(client.recv(2048))
-    except OSError:
-        pass
-for number in range(count):
-    try:
-        client.sendto(str(number).encode(), (address, 7))
-    except OSError:
-        pass
-    time.sleep(pause)
-    receive()
-end = time.monotonic() + patience
-while len(answered) < count and time.monotonic() < end:
-    time.sleep(0.01)
-    receive()
-print(len(answered))
-"""
 
 # Flips the VLAN of port 2; right after each return port 1 sends a packet, which only half of the VLANs let pass.
 # Prints the packets that came, of those that must, and of those that must not.
@@ -77,75 +42,6 @@ for flip in range(flips):
     source.sendto(b"wrong", (address, 9))
 print(right, wrong)
 """
-
-
-class Namespace:
-    """A network namespace with one end of a veth pair; the other end is in the test's own."""
-
-    def __init__(self, name, address):
-        self.name, self.address = name, address
-        # Of the interface outside; the one inside is eth0.
-        self.interface = f"v{name}"
-        self.holder = subprocess.Popen(["unshare", "--net", sys.executable, "-c", ECHO])
-        own = os.readlink("/proc/self/ns/net")
-        wait_until(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/net") != own, "a network namespace")
-        self.connect()
-
-    def connect(self):
-        run("ip", "link", "add", self.interface, "type", "veth", "peer", "name", "eth0", "netns", self.holder.pid)
-        run("sysctl", "-qw", f"net.ipv6.conf.{self.interface}.disable_ipv6=1", check=False)
-        run("ip", "link", "set", self.interface, "up")
-        self.run("ip", "address", "add", f"{self.address}/24", "dev", "eth0")
-        self.run("ip", "link", "set", "eth0", "up")
-
-    def run(self, *command, **options):
-        return run("nsenter", f"--net=/proc/{self.holder.pid}/ns/net", *command, **options)
-
-    def reaches(self, other):
-        return int(self.run(sys.executable, "-c", SEND, other.address, 5, 0.05, 0.5).stdout) > 0
-
-    def remove(self):
-        self.holder.kill()
-        self.holder.wait()
-        run("ip", "link", "del", self.interface, check=False)
-
-
-class PluggedHost(LiveHost):
-    def setUp(self):
-        super().setUp()
-        run("ip", "link", "set", "lo", "up")
-        self.start()
-        self.vsctl("switch", "create", "one", "--ports", "16")
-        for port in ("1", "2", "3"):
-            self.vsctl("port", "add", "one", port)
-        self.namespaces = []
-
-    def tearDown(self):
-        for namespace in self.namespaces:
-            namespace.remove()
-        super().tearDown()
-
-    def namespace(self, name, address):
-        self.namespaces.append(Namespace(name, address))
-        return self.namespaces[-1]
-
-    def plug(self, port, namespace, *options):
-        run(VSHOST, "plug", "--state", self.directory, "one", port, namespace.interface, *options)
-
-    def two(self):
-        a, b = self.namespace("a", "10.9.0.1"), self.namespace("b", "10.9.0.2")
-        self.plug("1", a)
-        self.plug("2", b)
-        return a, b
-
-    def filters(self, interface):
-        return run("tc", "filter", "show", "dev", interface, "ingress", check=False).stdout
-
-    def refusal(self, *arguments):
-        done = run(VSHOST, *arguments[:1], "--state", self.directory, *arguments[1:], check=False)
-        self.assertNotEqual(done.returncode, 0)
-        self.assertEqual(len(done.stderr.splitlines()), 1, done.stderr)
-        return done.stderr
 
 
 class Plugging(PluggedHost):

@@ -14,8 +14,8 @@ inline constexpr char RTM_FILE[] = "dev/rtm";
 
 // Of a live host: holds the process id of vshostd, which keeps the file locked.
 inline constexpr char PROCESS_FILE[] = "vshostd.pid";
-// Its socket: a request is a packet of texts, each followed by a NUL; the answer is a text, empty for
-// success.
+// Its socket: a request is a packet of texts, each followed by a NUL; the answer is two: what the request
+// asks for or why it is refused, and an errno value, 0 for success.
 inline constexpr char SOCKET_FILE[] = "vshostd.socket";
 
 inline constexpr char CONTROL_FILE[] = "control";

@@ -2,8 +2,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +10,7 @@
 #include <fstream>
 #include <memory>
 
+#include "platform/host/live_requests.h"
 #include "platform/launcher/launcher.h"
 
 namespace vshost {
@@ -74,44 +73,12 @@ int RemoveFromKernel(const std::string &directory)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
 
-// Sends a request; false when the daemon died while it carried it out.
-bool Exchange(const sockaddr_un &address, const std::string &request, std::string &answer)
-{
-    const int connection = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    char packet[4096];
-    ssize_t length = -1;
-    const bool isThere =
-        connect(connection, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
-    const int error = errno;
-    if (isThere && send(connection, request.data(), request.size(), MSG_NOSIGNAL) > 0)
-        length = recv(connection, packet, sizeof(packet), 0);
-    close(connection);
-    if (!isThere && (error == EACCES || error == EPERM))
-        throw LauncherError{"vshostd answers only root; run this as root"};
-    if (!isThere)
-        throw LauncherError{"vshostd doesn't run on this host; start it with `vshostd --state DIR` as root"};
-    if (length > 0) answer.assign(packet, strnlen(packet, static_cast<size_t>(length)));
-    return length > 0;
-}
-
 }
 
 int AskLiveHost(const std::string &state, const std::vector<std::string> &request)
 {
-    const std::string directory = OpenHost(state)->Directory(),
-                      path = WholePath(directory) + "/" + SOCKET_FILE;
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    std::string packet, answer;
-    for (const std::string &word : request)
-        packet.append(word.c_str(), word.size() + 1);
-    // A request that a killed daemon has carried out is refused by the next one, or carried out again.
-    unsigned tries = 0;
-    while (!Exchange(address, packet, answer))
-        if (++tries == 3)
-            throw LauncherError{"vshostd died three times while it carried out this request; see its log"};
-    if (!answer.empty()) throw LauncherError{answer};
+    const LiveAnswer answer = AskVshostd(OpenHost(state)->Directory(), request);
+    if (answer.error) throw LauncherError{answer.text};
     return 0;
 }
 

@@ -1,7 +1,10 @@
-// vshost show: a host's switches, portsets, ports and NICs, for people or as JSON.
+// vshost show: a host's switches, portsets, ports, NICs and plugged interfaces, for people or as JSON.
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "platform/host/files.h"
+#include "platform/host/live_requests.h"
+#include "platform/host/plugs.h"
 #include "platform/launcher/launcher.h"
 
 namespace vshost {
@@ -84,6 +87,61 @@ Json DescribeNics(const Host &host, Reader &reader)
     return described;
 }
 
+// "untagged", "VLAN 100", "VLANs 1-10, 20".
+std::string DescribeVlans(std::string_view policy)
+{
+    VlanRecord record = {};
+    if (!policy.empty() && policy.size() < sizeof(record)) return "a damaged VLAN policy";
+    policy.copy(reinterpret_cast<char *>(&record), sizeof(record));
+    const bool isTrunk = record.flags & VLAN_TRUNK;
+    if (!isTrunk) return record.vlanId ? "VLAN " + std::to_string(record.vlanId) : "untagged";
+    std::string ranges;
+    for (size_t at = sizeof(record); at + 4 <= policy.size(); at += 4) {
+        uint16_t range[2];
+        policy.copy(reinterpret_cast<char *>(range), sizeof(range), at);
+        ranges += (ranges.empty() ? "" : ", ") + std::to_string(range[0]);
+        if (range[1] != range[0]) ranges += "-" + std::to_string(range[1]);
+    }
+    return ranges.empty() ? "a trunk without VLANs" : "VLANs " + ranges;
+}
+
+std::string DescribePortVlans(Reader &reader, const std::string &switchId, const std::string &portId)
+{
+    StoredProperty policy;
+    const VsStatus status = GetProperty(reader, {StoredLevel::PORT, switchId, portId}, KEY_VLAN, policy);
+    return status && status != STATUS_NOT_FOUND ? "unknown VLANs" : DescribeVlans(policy.value);
+}
+
+Json DescribeInterface(const Host &host, Reader &reader, const NamedPlug &entry)
+{
+    std::string switchId(FieldText(entry.plug.switchId)), portId(FieldText(entry.plug.portId));
+    Nic nic;
+    if (entry.plug.IsNic() && GetRecord(reader, runtime::NicKey(entry.interface), nic) == STATUS_OK) {
+        switchId = FieldText(nic.switchId);
+        portId = FieldText(nic.portId);
+    }
+    const LiveAnswer link = AskVshostd(host.Directory(), {"link", entry.interface});
+    return {{"name", entry.interface},
+            {"use", entry.plug.IsNic() ? "nic" : "port"},
+            {"switch", switchId},
+            {"alias", TextOf(reader, {StoredLevel::GLOBAL, switchId}, KEY_ALIAS)},
+            {"port", portId},
+            {"vlans", portId.empty() ? std::string() : DescribePortVlans(reader, switchId, portId)},
+            {"link", link.error ? "unknown" : link.text},
+            {"kept", entry.plug.IsKept()}};
+}
+
+Json DescribeInterfaces(const Host &host, Reader &reader)
+{
+    std::vector<NamedPlug> plugs;
+    CheckStatus(host, ListPlugs(reader, plugs));
+    Json interfaces = Json::array();
+    for (const NamedPlug &entry : plugs)
+        if (entry.plug.IsKept() || FieldText(entry.plug.boot) == BootId())
+            interfaces.push_back(DescribeInterface(host, reader, entry));
+    return interfaces;
+}
+
 Json DescribeHost(const Host &host, Reader &reader)
 {
     std::vector<std::string> switchIds;
@@ -97,7 +155,8 @@ Json DescribeHost(const Host &host, Reader &reader)
     return {{"directory", host.Directory()},
             {"switches", switches},
             {"portsets", DescribePortsets(host, reader)},
-            {"nics", DescribeNics(host, reader)}};
+            {"nics", DescribeNics(host, reader)},
+            {"interfaces", DescribeInterfaces(host, reader)}};
 }
 
 std::string Get(const Json &object, const char *key) { return object.at(key).get<std::string>(); }
@@ -106,7 +165,7 @@ uint32_t Number(const Json &object, const char *key) { return object.at(key).get
 
 void PrintSwitch(const Json &found)
 {
-    printf("switch %s\n  id %s, class %s, version %u, %s\n  portset %s, %s\n", Get(found, "alias").c_str(),
+    printf("switch %s\n  id %s\n  class %s, version %u, %s\n  portset %s, %s\n", Get(found, "alias").c_str(),
            Get(found, "id").c_str(), Get(found, "class").c_str(), Number(found, "version"),
            found["associated"] ? "associated" : "not associated", Get(found, "portset").c_str(),
            found["running"] ? "running" : "not running");
@@ -119,10 +178,27 @@ void PrintSwitch(const Json &found)
 void PrintNic(const Json &nic)
 {
     const std::string port = Get(nic, "port");
-    printf("nic %s\n  link %s, admin %s, %u Mb/s, %s duplex, MTU %u, NUMA node %d, %s\n",
+    printf("nic %s\n  link %s, admin %s, %u Mb/s, %s duplex, MTU %u, NUMA node %d\n  %s\n",
            Get(nic, "name").c_str(), Get(nic, "link").c_str(), Get(nic, "admin").c_str(),
            Number(nic, "speed"), Get(nic, "duplex").c_str(), Number(nic, "mtu"), nic["numaNode"].get<int>(),
            port.empty() ? "free" : ("bound to " + port + " of " + Get(nic, "switch")).c_str());
+}
+
+void PrintInterface(const Json &interface)
+{
+    const std::string port = Get(interface, "port"), alias = Get(interface, "alias"),
+                      link = Get(interface, "link"), vlans = Get(interface, "vlans");
+    const std::string place = port + " of " + (alias.empty() ? Get(interface, "switch") : alias);
+    const bool isNic = Get(interface, "use") == "nic";
+    printf("interface %s\n  %s%s\n  %slink %s, %s\n", Get(interface, "name").c_str(),
+           !isNic         ? "plugged to port "
+           : port.empty() ? "a NIC that is free"
+                          : "a NIC on uplink port ",
+           port.empty() ? "" : place.c_str(), vlans.empty() ? "" : (vlans + ", ").c_str(),
+           link == "unknown" ? "unknown (vshostd doesn't answer)"
+           : link == "away"  ? "away (it is plugged again when it comes back)"
+                             : link.c_str(),
+           interface["kept"] ? "kept" : "until the machine's next start");
 }
 
 void Print(const Json &host)
@@ -135,6 +211,8 @@ void Print(const Json &host)
                Get(portset, "class").c_str(), Number(portset, "ports"), Number(portset, "mtu"));
     for (const Json &nic : host["nics"])
         PrintNic(nic);
+    for (const Json &interface : host["interfaces"])
+        PrintInterface(interface);
 }
 
 }

@@ -16,6 +16,7 @@
 
 #include "platform/host/host.h"
 #include "platform/host/live_link.h"
+#include "platform/host/live_requests.h"
 #include "platform/live/forwarder.h"
 
 namespace live {
@@ -56,7 +57,7 @@ private:
     void FollowCommits();
     void Accept();
     bool Answer(int client); // false: the client has gone
-    std::string Obey(const std::vector<std::string> &request);
+    vshost::LiveAnswer Obey(const std::vector<std::string> &request, bool isRoot);
 
     const DaemonOptions &options;
     vshost::Host &host;
@@ -98,16 +99,18 @@ void Daemon::Accept()
     if (client && Answer(client.Get())) clients.push_back(std::move(client));
 }
 
-std::string Daemon::Obey(const std::vector<std::string> &request)
+vshost::LiveAnswer Daemon::Obey(const std::vector<std::string> &request, bool isRoot)
 {
     const std::string &verb = request.front();
     if (verb == "follow" && request.size() == 1) return {};
+    if (verb == "link" && request.size() == 2) return forwarder.DescribeLink(request[1]);
+    if (!isRoot) return {EACCES, "vshostd does this for root alone"};
     if (verb == "plug" && request.size() == 5)
         return forwarder.PlugPort(request[1], request[2], request[3], request[4] == "keep");
     if (verb == "unplug" && request.size() == 2) return forwarder.Unplug(request[1], false);
     if (verb == "add-nic" && request.size() == 3) return forwarder.AddNic(request[1], request[2] == "keep");
     if (verb == "remove-nic" && request.size() == 2) return forwarder.Unplug(request[1], true);
-    return "vshostd is of another version than this program";
+    return {EINVAL, "vshostd is of another version than this program"};
 }
 
 bool Daemon::Answer(int client)
@@ -119,9 +122,9 @@ bool Daemon::Answer(int client)
     for (const char *at = packet; at < packet + length; at += request.back().size() + 1)
         request.emplace_back(at, strnlen(at, static_cast<size_t>(packet + length - at)));
     FollowCommits();
-    const bool isAllowed = request.front() == "follow" || IsRoot(client);
-    const std::string answer = isAllowed ? Obey(request) : "vshostd does this for root alone";
-    return send(client, answer.c_str(), answer.size() + 1, MSG_NOSIGNAL) > 0;
+    const vshost::LiveAnswer answer = Obey(request, IsRoot(client));
+    const std::string text = answer.text + '\0' + std::to_string(answer.error) + '\0';
+    return send(client, text.data(), text.size(), MSG_NOSIGNAL) > 0;
 }
 
 void Daemon::Run()

@@ -1,6 +1,7 @@
 #include "platform/live/forwarder.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "platform/host/files.h"
@@ -272,10 +273,7 @@ void Forwarder::SetUp(const SwitchConfig &config)
         if (changesMtu && plug.oldMtu == 0) plug.oldMtu = link->mtu;
         if (changesMode) plug.madePromiscuous = 1;
         // What is to be put back is stored before it is changed.
-        if (memcmp(&before, &plug, sizeof(plug)) != 0 && !Write(interface, [&](Transaction &transaction) {
-                                                              return PutPlug(transaction, interface, plug);
-                                                          }).empty())
-            continue;
+        if (memcmp(&before, &plug, sizeof(plug)) != 0 && StorePlug(interface, plug).error) continue;
         if (changesMtu && links.SetMtu(link->ifindex, config.mtu) != 0)
             Complain(interface, "the interface refuses an MTU of " + std::to_string(config.mtu));
         if (changesMode && links.SetPromiscuous(link->ifindex, true) != 0)
@@ -325,93 +323,110 @@ void Forwarder::RemoveAll()
 
 // ---- Requests ----
 
-std::string Forwarder::Write(const std::string &interface, const Work &work)
+LiveAnswer Forwarder::Write(const std::string &interface, const Work &work)
 {
     const VsStatus status = engine.Write(work);
     if (!status) return {};
     const std::string why =
         status == STATUS_NO_SPACE ? "the disk is full" : "the host's database can't be written";
     Complain(interface, why);
-    return interface + ": " + why;
+    return {ErrnoOf(status), interface + ": " + why};
 }
 
-std::string Forwarder::CheckInterface(const std::string &interface, bool keeps, Plug &plug)
+LiveAnswer Forwarder::StorePlug(const std::string &interface, const Plug &plug)
+{
+    return Write(interface, [&](Transaction &transaction) { return PutPlug(transaction, interface, plug); });
+}
+
+LiveAnswer Forwarder::CheckInterface(const std::string &interface, bool keeps, Plug &plug)
 {
     links.Update();
     ReadPlugs();
     const auto present = plugs.find(interface);
     if (present != plugs.end())
-        return "interface " + interface + " " + Describe(present->second) + " already";
+        return {EEXIST, "interface " + interface + " " + Describe(present->second) + " already"};
     const Link *link = links.Find(interface);
     if (!link || interface.size() > MAX_INTERFACE_NAME)
-        return "no interface " + interface + " in vshostd's network namespace; list them with `ip link`";
+        return {ENODEV,
+                "no interface " + interface + " in vshostd's network namespace; list them with `ip link`"};
     uint32_t program = 0;
     if (QueryFilter(link->ifindex, program) == 0 && !path.Kernel().IsOurProgram(program))
-        return "interface " + interface +
-               " has a filter of another program at handle 1, priority 1; remove it with "
-               "`tc filter del dev " +
-               interface + " ingress`";
+        return {EBUSY, "interface " + interface +
+                           " has a filter of another program at handle 1, priority 1; remove it with "
+                           "`tc filter del dev " +
+                           interface + " ingress`"};
     if (!keeps) SetField(plug.boot, BootId());
     return {};
 }
 
-std::string Forwarder::PlugPort(const std::string &switchName, const std::string &portId,
-                                const std::string &interface, bool keeps)
+LiveAnswer Forwarder::PlugPort(const std::string &switchName, const std::string &portId,
+                               const std::string &interface, bool keeps)
 {
     Plug plug;
     std::string switchId;
     uint32_t number = 0;
     std::vector<std::string> uplinks;
-    if (std::string refusal = CheckInterface(interface, keeps, plug); !refusal.empty()) return refusal;
+    if (LiveAnswer refusal = CheckInterface(interface, keeps, plug); refusal.error) return refusal;
     if (FindSwitch(engine, switchName, switchId))
-        return "no switch " + switchName + "; list them with `vshost show`";
+        return {ENOENT, "no switch " + switchName + "; list them with `vshost show`"};
     if (GetPortNumber(engine, switchId, portId, number))
-        return "switch " + switchName + " has no port " + portId + "; list them with `vshost show`";
+        return {ENOENT, "switch " + switchName + " has no port " + portId + "; list them with `vshost show`"};
     ListUplinkPorts(engine, switchId, uplinks);
     if (std::find(uplinks.begin(), uplinks.end(), portId) != uplinks.end())
-        return portId + " is an uplink port; use `vshost nic add " + interface + "` and `vshost bind`";
+        return {EINVAL,
+                portId + " is an uplink port; use `vshost nic add " + interface + "` and `vshost bind`"};
     for (const auto &[other, present] : plugs)
         if (FieldText(present.switchId) == switchId && FieldText(present.portId) == portId)
-            return "interface " + other + " is plugged to port " + portId + " already; unplug it first";
+            return {EEXIST,
+                    "interface " + other + " is plugged to port " + portId + " already; unplug it first"};
     SetField(plug.switchId, switchId);
     SetField(plug.portId, portId);
-    const std::string refusal =
-        Write(interface, [&](Transaction &transaction) { return PutPlug(transaction, interface, plug); });
-    if (refusal.empty()) FollowStore();
+    const LiveAnswer refusal = StorePlug(interface, plug);
+    if (!refusal.error) FollowStore();
     return refusal;
 }
 
-std::string Forwarder::AddNic(const std::string &interface, bool keeps)
+LiveAnswer Forwarder::AddNic(const std::string &interface, bool keeps)
 {
     Plug plug;
     Nic nic;
-    if (std::string refusal = CheckInterface(interface, keeps, plug); !refusal.empty()) return refusal;
+    if (LiveAnswer refusal = CheckInterface(interface, keeps, plug); refusal.error) return refusal;
     if (GetRecord(engine, runtime::NicKey(interface), nic) == STATUS_OK)
-        return "the host has a NIC " + interface + " already; remove it with `vshost remove-nic " +
-               interface + "`";
+        return {EEXIST, "the host has a NIC " + interface + " already; remove it with `vshost remove-nic " +
+                            interface + "`"};
     nic = WithLink({}, links.Find(interface));
-    const std::string refusal = Write(interface, [&](Transaction &transaction) {
+    const LiveAnswer refusal = Write(interface, [&](Transaction &transaction) {
         const VsStatus status = vshost::PutNic(transaction, interface, nic);
         return status ? status : PutPlug(transaction, interface, plug);
     });
-    if (refusal.empty()) FollowStore();
+    if (!refusal.error) FollowStore();
     return refusal;
 }
 
-std::string Forwarder::Unplug(const std::string &interface, bool isNic)
+LiveAnswer Forwarder::Unplug(const std::string &interface, bool isNic)
 {
     ReadPlugs();
     const auto present = plugs.find(interface);
     if (present == plugs.end() || present->second.IsNic() != isNic)
-        return "interface " + interface +
-               (isNic ? " is not a NIC of this host" : " is not plugged to a port") + "; see `vshost show`";
-    const std::string refusal = Write(interface, [&](Transaction &transaction) {
+        return {ENOENT, "interface " + interface +
+                            (isNic ? " is not a NIC of this host" : " is not plugged to a port") +
+                            "; see `vshost show`"};
+    const LiveAnswer refusal = Write(interface, [&](Transaction &transaction) {
         const VsStatus status = isNic ? RemoveNic(transaction, interface) : STATUS_OK;
         if (status && status != STATUS_NOT_FOUND) return status;
         return RemovePlug(transaction, interface);
     });
-    if (refusal.empty()) FollowStore();
+    if (!refusal.error) FollowStore();
     return refusal;
+}
+
+LiveAnswer Forwarder::DescribeLink(const std::string &interface)
+{
+    if (!plugs.contains(interface)) return {ENOENT, "interface " + interface + " is not plugged"};
+    const Link *link = links.Find(interface);
+    if (!link) return {0, "away"};
+    if (!link->adminUp) return {0, "down"};
+    return {0, link->carrier ? "up" : "no carrier"};
 }
 
 }

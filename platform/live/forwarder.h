@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/host/engine.h"
+#include "platform/host/live_requests.h"
 #include "platform/host/plugs.h"
 #include "platform/host/runtime.h"
 #include "platform/live/data_path.h"
@@ -35,11 +36,12 @@ public:
     // Takes every filter, pin and changed setting away.
     void RemoveAll();
 
-    // Requests of `vshost`: empty, or why they are refused.
-    std::string PlugPort(const std::string &switchName, const std::string &portId,
-                         const std::string &interface, bool keeps);
-    std::string AddNic(const std::string &interface, bool keeps);
-    std::string Unplug(const std::string &interface, bool isNic);
+    // Requests of `vshost`.
+    vshost::LiveAnswer PlugPort(const std::string &switchName, const std::string &portId,
+                                const std::string &interface, bool keeps);
+    vshost::LiveAnswer AddNic(const std::string &interface, bool keeps);
+    vshost::LiveAnswer Unplug(const std::string &interface, bool isNic);
+    vshost::LiveAnswer DescribeLink(const std::string &interface); // "up", "no carrier", "down" or "away"
 
 private:
     using Wanted = std::map<std::string, Plugged>; // by switch
@@ -57,8 +59,9 @@ private:
     void SetUp(const SwitchConfig &config);
     void PutBack(const std::string &interface, const vshost::Plug &plug);
     void ForgetLostLinks();
-    std::string CheckInterface(const std::string &interface, bool keeps, vshost::Plug &plug);
-    std::string Write(const std::string &interface, const vshost::Work &work);
+    vshost::LiveAnswer CheckInterface(const std::string &interface, bool keeps, vshost::Plug &plug);
+    vshost::LiveAnswer Write(const std::string &interface, const vshost::Work &work);
+    vshost::LiveAnswer StorePlug(const std::string &interface, const vshost::Plug &plug);
     void Complain(const std::string &subject, const std::string &text);
 
     vshost::Engine &engine;

@@ -11,20 +11,12 @@ namespace {
 using namespace vshost;
 
 constexpr std::string_view KEY_BLOCK = "com.talpex.common.port.block";
-constexpr std::string_view KEY_VLAN = "com.talpex.vswitch.port.vlan";
 constexpr std::string_view KEY_PRIORITY = "com.talpex.vswitch.port.priority";
 constexpr std::string_view KEY_SWITCH_LEARNING = "com.talpex.vswitch.macLearning";
 
-constexpr uint16_t VLAN_TRUNK = 1;
 constexpr uint16_t NO_VLAN = 0xffff; // carries nothing
 
-struct [[gnu::packed]] VlanRecord {
-    uint16_t flags;
-    uint16_t vlanId;
-    uint16_t reserved;
-    uint16_t rangeCount;
-};
-static_assert(sizeof(VlanRecord) == 8 && sizeof(VlanRange) == 4);
+static_assert(sizeof(VlanRange) == 4);
 
 struct [[gnu::packed]] LearningRecord {
     uint8_t securityDerived;
