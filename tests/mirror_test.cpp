@@ -1,4 +1,5 @@
-// Mirror lists against a model: sessions with their own entries, written out as one list.
+// Mirror lists beside a model: sessions with their own entries, written out as one list. Random edits of them are among
+// the walks of model_test.
 #include <algorithm>
 #include <random>
 
@@ -298,47 +299,6 @@ TEST_F(LabTest, AFailedWriteLeavesTheList)
     ExpectUndone(
         {"DVSZOR_PortDataGet", "DVSZOR_PortDataSet"}, 2, [] { return AT_PORT.RemoveSession("b"); },
         [&] { EXPECT_EQ(AT_PORT.Append(b), STATUS_OK); });
-}
-
-TEST_F(LabTest, RandomEditsFollowTheModel)
-{
-    for (uint32_t seed = 1; seed <= 20; seed++) {
-        std::mt19937 random(seed);
-        const auto upTo = [&](uint32_t most) { return static_cast<uint32_t>(random() % (most + 1)); };
-        const auto id = [&] { return "session" + std::to_string(upTo(seed <= 10 ? 12 : 2000)); };
-        const Place &place = PLACES[seed % 3];
-        std::optional<Model> model;
-        place.Store(std::nullopt);
-        for (int edit = 0; edit < 60; edit++) {
-            SCOPED_TRACE("seed " + std::to_string(seed) + ", edit " + std::to_string(edit));
-            if (random() % 3 > 0) {
-                Model added(upTo(seed <= 10 ? 3 : 30));
-                for (Session &session : added)
-                    session = Made(id(), upTo(2), upTo(2), upTo(1));
-                const bool known =
-                    model && std::any_of(added.begin(), added.end(), [&](const Session &session) {
-                        return std::any_of(model->begin(), model->end(),
-                                           [&](const Session &other) { return other.id == session.id; });
-                    });
-                EXPECT_EQ(place.Append(List(added)), known ? STATUS_EXISTS : STATUS_OK);
-                if (!model) model.emplace();
-                if (!known) model->insert(model->end(), added.begin(), added.end());
-            } else {
-                const std::string gone =
-                    model && !model->empty() && upTo(3) ? (*model)[upTo(1000) % model->size()].id : id();
-                const auto found = !model ? Model::iterator()
-                                          : std::find_if(model->begin(), model->end(),
-                                                         [&](const Session &s) { return s.id == gone; });
-                const bool known = model && found != model->end();
-                EXPECT_EQ(place.RemoveSession(gone.c_str()), known ? STATUS_OK : STATUS_NOT_FOUND);
-                if (known) model->erase(found);
-                if (known && model->empty()) model.reset();
-            }
-            const auto stored = place.Stored();
-            ASSERT_EQ(stored.has_value(), model.has_value());
-            ASSERT_TRUE(!model || *stored == List(*model));
-        }
-    }
 }
 
 TEST_F(LabTest, FiveHundredSessionsAreCutDownToNone)
