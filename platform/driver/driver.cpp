@@ -110,10 +110,7 @@ int RunSwitchCommand(Engine &engine, const DeviceCall &call)
 
 int RunRtmCommand(uint32_t number, Engine &engine, std::string_view input)
 {
-    uint32_t count;
-    if (input.size() < RTM_HEADER) return EINVAL;
-    memcpy(&count, input.data(), sizeof(count));
-    if (input.size() != RTM_HEADER + uint64_t{RTM_ENTRY} * count) return EINVAL;
+    if (input.size() != RTM_HEADER + uint64_t{RTM_ENTRY} * WordAt(input, 0)) return EINVAL;
     return ErrnoOf(engine.Write([&](Transaction &transaction) {
         return transaction.Put(runtime::RtmKey(number), input);
     }),

@@ -25,13 +25,6 @@ struct [[gnu::packed]] MacManagement {
 };
 static_assert(sizeof(MacManagement) == 11);
 
-bool ReadManagement(std::string_view value, MacManagement &management)
-{
-    if (value.size() != sizeof(management)) return false;
-    memcpy(&management, value.data(), sizeof(management));
-    return true;
-}
-
 struct PortOfTable {
     std::string_view portId;
     uint32_t number = 0; // of the port, which its entries show
@@ -73,7 +66,7 @@ int ReadPortLimit(Reader &reader, std::string_view switchId, std::string_view po
     MacManagement management;
     const int error =
         ReadProperty(reader, {StoredLevel::PORT, switchId, portId}, KEY_PORT_MAC_MANAGEMENT, value);
-    limit = ReadManagement(value, management) ? management.limit : DEFAULT_PORT_LIMIT;
+    limit = DecodeRecord(value, management) ? management.limit : DEFAULT_PORT_LIMIT;
     return error;
 }
 
@@ -93,12 +86,9 @@ int ReadSwitchPolicy(Reader &reader, std::string_view switchId, VSwitchLearningI
     if (int error = ReadProperty(reader, host, KEY_SWITCH_LEARNING, policy)) return error;
     if (int error = ReadProperty(reader, host, KEY_LEARN_STATIC, learnStatic)) return error;
     if (policy.size() == 8) {
-        uint32_t aging = 0, limit = 0;
-        memcpy(&aging, policy.data(), 3);
-        memcpy(&limit, policy.data() + 4, sizeof(limit));
-        info.agingSeconds = aging;
+        info.agingSeconds = WordAt(policy, 0) & 0xFFFFFF;
         info.policyByte = static_cast<uint8_t>(policy[3]);
-        info.limit = limit;
+        info.limit = WordAt(policy, 4);
     }
     info.learnStatic = learnStatic.starts_with("true");
     return 0;
@@ -145,7 +135,7 @@ std::string KeyOfEntry(const DriverRequest &request)
 bool PortLearns(std::string_view macManagement)
 {
     MacManagement management;
-    return ReadManagement(macManagement, management) && management.learning;
+    return DecodeRecord(macManagement, management) && management.learning;
 }
 
 int GetPortMacs(DriverRequest &request)

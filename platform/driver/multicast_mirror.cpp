@@ -19,8 +19,7 @@ constexpr size_t SINK_PORT_BYTE = 2; // of the filter; the lowest bit of this by
 // Adds the session ids of a stored list that `sessionIds` doesn't have yet.
 void AddSessions(std::string_view list, std::vector<std::string> &sessionIds)
 {
-    uint32_t count = 0;
-    if (list.size() >= MIRROR_HEADER) memcpy(&count, list.data() + MIRROR_COUNT_AT, sizeof(count));
+    uint32_t count = WordAt(list, MIRROR_COUNT_AT);
     for (size_t at = MIRROR_HEADER; count > 0 && at + MIRROR_RECORD <= list.size();
          at += MIRROR_RECORD, count--) {
         const std::string id(list.data() + at, strnlen(list.data() + at, SESSION_ID));

@@ -93,8 +93,7 @@ int GetLsPolicies(DriverRequest &request)
     if (int error =
             ReadProperty(request.reader, {StoredLevel::GLOBAL, request.switchId}, KEY_LS_TABLE, table))
         return error;
-    uint32_t count = 0;
-    if (table.size() >= sizeof(count)) memcpy(&count, table.data(), sizeof(count));
+    uint32_t count = WordAt(table, 0);
     request.StartList(uint32_t{0}, LS_ENTRY);
     for (size_t at = sizeof(count); count > 0 && at + LS_ENTRY <= table.size(); at += LS_ENTRY, count--)
         request.Add(std::string_view(table).substr(at, LS_ENTRY));

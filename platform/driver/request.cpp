@@ -26,7 +26,7 @@ int ReadProperty(Reader &reader, const PropertyOwner &owner, std::string_view ke
 DriverRequest::DriverRequest(Reader &reader, std::string_view raw, Transaction *transaction)
     : reader(reader), raw(raw), transaction(transaction)
 {
-    if (raw.size() == sizeof(input)) memcpy(&input, raw.data(), sizeof(input));
+    DecodeRecord(raw, input);
 }
 
 int ListPortIds(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds)
@@ -105,10 +105,8 @@ int DriverRequest::Resolve(unsigned fields)
 
 void DriverRequest::Add(std::string_view bytes)
 {
-    uint32_t count;
-    memcpy(&count, answer.data() + countOffset, sizeof(count));
-    count++;
-    memcpy(answer.data() + countOffset, &count, sizeof(count));
+    const uint32_t count = WordAt(answer, countOffset) + 1;
+    answer.replace(countOffset, sizeof(count), BytesOf(count));
     answer.append(bytes.substr(0, entrySize));
     answer.resize(headerSize + count * entrySize);
 }

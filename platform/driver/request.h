@@ -45,7 +45,7 @@ struct DriverRequest {
 
     template<class Record> int Answer(const Record &record)
     {
-        answer.assign(reinterpret_cast<const char *>(&record), sizeof(record));
+        answer = BytesOf(record);
         return 0;
     }
 
@@ -61,10 +61,7 @@ struct DriverRequest {
     // Adds a list entry: `bytes`, cut or padded with zeros to the size of an entry.
     void Add(std::string_view bytes);
 
-    template<class Record> void AddRecord(const Record &record)
-    {
-        Add({reinterpret_cast<const char *>(&record), sizeof(record)});
-    }
+    template<class Record> void AddRecord(const Record &record) { Add(BytesOf(record)); }
 
     // How many bytes of the answer fit into `room` bytes.
     size_t Fitting(size_t room) const;

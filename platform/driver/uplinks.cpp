@@ -89,9 +89,8 @@ int DescribeSwitch(DriverRequest &request, VSwitchInfo &info)
 
 int GetSwitches(DriverRequest &request)
 {
-    uint32_t kind;
     std::vector<std::string> names;
-    memcpy(&kind, request.raw.data(), sizeof(kind));
+    const uint32_t kind = WordAt(request.raw, 0);
     if (int error = ErrnoOf(ListPortsets(request.reader, names), 0)) return error;
     const bool byPortset = kind == VSWITCH_LIST_PORTSETS;
     request.StartList(VSwitchListHeader{0, kind}, byPortset ? sizeof(VSwitchInfo::portset) : ALIAS_ENTRY);

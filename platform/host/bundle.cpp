@@ -7,6 +7,7 @@
 
 #include <zlib.h>
 
+#include "platform/host/bytes.h"
 #include "platform/host/known_keys.h"
 
 namespace vshost {
@@ -14,13 +15,6 @@ namespace {
 
 constexpr uint32_t MAGIC = 0x42505356; // "VSPB"
 constexpr uint32_t VERSION = 1;
-
-uint32_t ReadWord(const char *at)
-{
-    uint32_t word;
-    memcpy(&word, at, sizeof(word));
-    return word;
-}
 
 void WriteWord(char *at, uint32_t word) { memcpy(at, &word, sizeof(word)); }
 
@@ -103,7 +97,7 @@ bool ReadKey(std::string_view &bytes, std::string_view &key)
     return true;
 }
 
-uint32_t EntryCount(std::string_view bundle) { return ReadWord(bundle.data() + 12); }
+uint32_t EntryCount(std::string_view bundle) { return WordAt(bundle, 12); }
 
 // Walks the entries. Next() is false at the end, and at an entry that is damaged or reaches beyond the
 // bundle.
@@ -165,9 +159,8 @@ bool CheckBundle(std::string_view bundle)
 {
     if (bundle.size() < BUNDLE_HEADER + BUNDLE_TRAILER || bundle.size() > MAX_BUNDLE) return false;
     const size_t checkedLength = bundle.size() - BUNDLE_TRAILER;
-    if (ReadWord(bundle.data()) != MAGIC || ReadWord(bundle.data() + 4) != VERSION ||
-        ReadWord(bundle.data() + 8) != bundle.size() ||
-        ReadWord(bundle.data() + checkedLength) != Checksum(bundle.substr(0, checkedLength)))
+    if (WordAt(bundle, 0) != MAGIC || WordAt(bundle, 4) != VERSION || WordAt(bundle, 8) != bundle.size() ||
+        WordAt(bundle, checkedLength) != Checksum(bundle.substr(0, checkedLength)))
         return false;
     EntryWalk walk(bundle);
     BundleEntry entry;

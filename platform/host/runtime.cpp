@@ -423,8 +423,7 @@ VsStatus ListUplinkPorts(Reader &reader, std::string_view switchId, std::vector<
     StoredProperty property;
     const VsStatus status = GetProperty(reader, {StoredLevel::HOST, switchId}, KEY_HOST_UPLINKS, property);
     if (status) return AbsentIsOk(status);
-    uint32_t count = 0;
-    if (property.value.size() >= sizeof(count)) memcpy(&count, property.value.data(), sizeof(count));
+    const uint32_t count = WordAt(property.value, 0);
     for (size_t i = 0, at = sizeof(count); i < count && at + UPLINK_ENTRY <= property.value.size();
          i++, at += UPLINK_ENTRY) {
         // A field without NUL names no port, nor does an empty one.

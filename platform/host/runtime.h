@@ -8,6 +8,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "platform/host/bytes.h"
 #include "platform/host/tables.h"
 #include "platform/include/vswitch_driver.h"
 
@@ -115,7 +116,7 @@ template<class Record>
 VsStatus PutRecord(Transaction &transaction, std::string_view key, const Record &record)
 {
     static_assert(std::has_unique_object_representations_v<Record>, "padding would be stored");
-    return transaction.Put(key, {reinterpret_cast<const char *>(&record), sizeof(record)});
+    return transaction.Put(key, BytesOf(record));
 }
 
 // The text of a field that is NUL-terminated unless it is full.

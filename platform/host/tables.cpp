@@ -16,6 +16,7 @@
 #include <optional>
 #include <vector>
 
+#include "platform/host/bytes.h"
 #include "platform/host/runtime.h"
 
 namespace vshost {
@@ -50,23 +51,11 @@ std::string BundleKey(const PropertyOwner &owner)
 
 std::string_view LastField(std::string_view key) { return key.substr(key.rfind('\0') + 1); }
 
-void AppendWord(std::string &bytes, uint32_t word)
-{
-    bytes.append(reinterpret_cast<const char *>(&word), WORD);
-}
-
-uint32_t WordAt(std::string_view bytes, size_t offset)
-{
-    uint32_t word;
-    memcpy(&word, bytes.data() + offset, WORD);
-    return word;
-}
-
 std::string EncodeSwitch(const StoredSwitch &source)
 {
     std::string row;
     for (uint32_t word : {source.ports, source.version, uint32_t{source.associated}})
-        AppendWord(row, word);
+        row += BytesOf(word);
     return row + source.className;
 }
 
@@ -147,7 +136,7 @@ VsStatus MoveInWalk(Transaction &transaction, const PropertyChange &change)
 
 VsStatus PutCount(Transaction &transaction, std::string_view switchId, uint32_t ports)
 {
-    return transaction.Put(CountKey(switchId), {reinterpret_cast<const char *>(&ports), WORD});
+    return transaction.Put(CountKey(switchId), BytesOf(ports));
 }
 
 VsStatus ListByPolicy(Transaction &transaction, const PropertyChange &change)
@@ -260,7 +249,7 @@ std::string PortRow(uint32_t number, std::string_view bundle)
         memcpy(record.data() + STATUS_NUMBER, &number, WORD);
         PutEntry(withStatus, {KEY_PORT_STATUS, STATUS_FLAGS, record});
     }
-    AppendWord(row, number);
+    row += BytesOf(number);
     return row + withStatus;
 }
 
@@ -289,7 +278,7 @@ VsStatus PutPortNumber(Transaction &transaction, const PortName &port, uint32_t 
         PutEntry(bundle, {KEY_PORT_STATUS, entry.flags, record});
     }
     row.clear();
-    AppendWord(row, number);
+    row += BytesOf(number);
     if (VsStatus status = transaction.Put(NumberKey(number), Key({port.switchId, port.portId})))
         return status;
     return transaction.Put(BundleKey(owner), row + bundle);
@@ -350,11 +339,7 @@ std::string Key(std::initializer_list<std::string_view> fields)
     return key;
 }
 
-std::string BigEndian(uint32_t number)
-{
-    const uint32_t swapped = __builtin_bswap32(number);
-    return {reinterpret_cast<const char *>(&swapped), WORD};
-}
+std::string BigEndian(uint32_t number) { return std::string(BytesOf(__builtin_bswap32(number))); }
 
 uint32_t FromBigEndian(std::string_view bytes) { return __builtin_bswap32(WordAt(bytes, 0)); }
 

@@ -127,7 +127,7 @@ public:
     void Add(std::string_view bytes)
     {
         const uint64_t length = bytes.size();
-        AddBytes({reinterpret_cast<const char *>(&length), sizeof(length)});
+        AddBytes(BytesOf(length));
         AddBytes(bytes);
     }
     uint64_t Value() const { return value; }

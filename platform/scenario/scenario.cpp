@@ -204,8 +204,8 @@ void ApplyGroup(Transaction &transaction, const std::string &portset, const Json
         count++;
     }
     stats.count = count;
-    const std::string head(reinterpret_cast<const char *>(&stats), sizeof(stats));
-    Check(transaction.Put(runtime::GroupKey(portset, kind, stats.vlanId, address), head + sources));
+    Check(transaction.Put(runtime::GroupKey(portset, kind, stats.vlanId, address),
+                          std::string(BytesOf(stats)) + sources));
 }
 
 void ApplyMirrorStats(Transaction &transaction, const std::string &key, const Json &object)
