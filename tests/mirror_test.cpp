@@ -1,5 +1,5 @@
-// Mirror lists beside a model: sessions with their own entries, written out as one list. Random edits of them are among
-// the walks of model_test.
+// Mirror lists beside a model: sessions with their own entries, written out as one list. Random edits of them
+// are among the walks of model_test.
 #include <algorithm>
 #include <random>
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Applies docs/extending.md to a copy of the tree, builds what it changes, and runs the generic tests over what it adds.
+"""Applies docs/extending.md to a copy of the tree, builds what it changes, and runs the generic tests over that.
 
 usage: extending_test.py SOURCE BUILD
 """
