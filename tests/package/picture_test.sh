@@ -1,13 +1,15 @@
 #!/bin/sh
-# picture_test.sh SOURCE: the picture of the architecture is what its text draws, the library's folders include from
-# each other what the text says, and those of the platform only from folders further down.
+# picture_test.sh SOURCE: the picture of the architecture is what its text draws, the folders include from each other
+# what the text says, and those of the platform and of the command only from folders further down.
 set -eu
 cd "$1"
 dot -Tsvg docs/architecture.dot | diff -q - docs/architecture.svg
-for folder in core lifecycle policy kernel; do
-    sed -n 's/^#include "\([a-z]*\)\/.*/\1/p' $folder/*.cpp $folder/*.h 2>/dev/null | sort -u | while read -r other; do
-        [ "$folder" = "$other" ] || grep -q "$folder -> $other\b" docs/architecture.dot || {
-            echo "$folder includes from $other, which docs/architecture.dot doesn't say" >&2
+for folder in core lifecycle policy kernel platform/*/ cli/*/; do
+    folder=${folder%/} part=${folder%/*}
+    [ "$part" = "$folder" ] && part='' || part=$part/
+    sed -n "s|^#include \"$part\([a-z]*\)/.*|\1|p" "$folder"/*.[ch]* 2>/dev/null | sort -u | while read -r other; do
+        [ "${folder##*/}" = "$other" ] || grep -q "${folder##*/} -> $other\b" docs/architecture.dot || {
+            echo "$folder includes from $part$other, which docs/architecture.dot doesn't say" >&2
             exit 1
         }
     done
