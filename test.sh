@@ -16,7 +16,7 @@ cd "$(dirname "$0")"
 . cmake/install_packages.sh
 install_packages
 
-FUZZ_TARGETS=(records answers shell_output bundles requests scenarios names)
+FUZZ_TARGETS=($(basename -s .cpp tests/fuzz/*.cpp))
 
 check_format() {
     echo "== Format"
