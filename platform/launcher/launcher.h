@@ -37,6 +37,7 @@ int ShowHost(const std::string &state, bool json);
 int ResetHost(const std::string &state);
 // Asks vshostd to carry out a request.
 int AskLiveHost(const std::string &state, const std::vector<std::string> &request);
+int CheckLiveHost(const std::string &state);
 int StopLiveHost(const std::string &state);
 int BindNicOnHost(const std::string &state, const std::string &nic, const std::string &switchName,
                   const std::string &portId);

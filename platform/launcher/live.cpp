@@ -57,12 +57,12 @@ void EndSupervisor(const std::string &directory)
 }
 
 // vshostd knows what a live host has in the kernel.
-int RemoveFromKernel(const std::string &directory)
+int RunVshostd(const std::string &directory, const char *option)
 {
     const std::string program = PlatformDirectory() + "/vshostd";
     const pid_t child = fork();
     if (child == 0) {
-        execl(program.c_str(), "vshostd", "--state", directory.c_str(), "--remove", nullptr);
+        execl(program.c_str(), "vshostd", "--state", directory.c_str(), option, nullptr);
         fprintf(stderr, "vshost: can't run %s: %s\n", program.c_str(), strerror(errno));
         _exit(1);
     }
@@ -82,6 +82,8 @@ int AskLiveHost(const std::string &state, const std::vector<std::string> &reques
     return 0;
 }
 
+int CheckLiveHost(const std::string &state) { return RunVshostd(OpenHost(state)->Directory(), "--check"); }
+
 int StopLiveHost(const std::string &state)
 {
     const std::string directory = WholePath(state);
@@ -89,7 +91,7 @@ int StopLiveHost(const std::string &state)
     if (access((directory + "/host.db").c_str(), F_OK) != 0)
         throw LauncherError{directory + " is not a host; name the directory of a host"};
     EndSupervisor(directory);
-    return RemoveFromKernel(directory);
+    return RunVshostd(directory, "--remove");
 }
 
 }

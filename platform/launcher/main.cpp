@@ -93,6 +93,9 @@ int Main(int count, char **arguments)
     AddInterface(*addNic, state, interface, &keeps, [] {});
     CLI::App *releaseNic = nicApp->add_subcommand("remove", "Give a network interface back to the machine");
     AddInterface(*releaseNic, state, interface, nullptr, [] {});
+    CLI::App *check = app.add_subcommand(
+        "check", "Compare what a live host has in the kernel with its store; a line for each difference");
+    check->add_option("--state", state, "Directory of the host");
     CLI::App *stop = app.add_subcommand("stop", "End vshostd and remove what it has in the kernel");
     stop->add_option("--state", state, "Directory of the host")->required();
 
@@ -110,6 +113,7 @@ int Main(int count, char **arguments)
     if (app.got_subcommand(unplug)) return AskLiveHost(state, {"unplug", interface});
     if (nicApp->got_subcommand(addNic)) return AskLiveHost(state, {"add-nic", interface, kept});
     if (nicApp->got_subcommand(releaseNic)) return AskLiveHost(state, {"remove-nic", interface});
+    if (app.got_subcommand(check)) return CheckLiveHost(state);
     if (app.got_subcommand(stop)) return StopLiveHost(state);
     if (app.got_subcommand(bind)) return BindNicOnHost(state, bound, switchName, portId);
     if (app.got_subcommand(remove)) return RemoveNic(state, bound);

@@ -17,6 +17,7 @@
 #include "platform/host/host.h"
 #include "platform/host/live_link.h"
 #include "platform/host/live_requests.h"
+#include "platform/live/comparison.h"
 #include "platform/live/forwarder.h"
 
 namespace live {
@@ -35,6 +36,8 @@ std::string PinDirectory(const std::string &directory) { return directory + "/bp
 constexpr int TURN_MS = 10; // a commit of another process is seen so soon
 constexpr uint32_t TURNS_PER_SWEEP = 100;
 constexpr size_t LONGEST_REQUEST = 4096;
+constexpr unsigned CHECK_LOOKS = 10;
+constexpr unsigned CHECK_PAUSE = 100000; // microseconds
 
 bool IsRoot(int client)
 {
@@ -188,6 +191,26 @@ bool RemoveForwarding(const std::string &directory, std::string &message)
     if (!forwarder.Start(PinDirectory(directory), message)) return false;
     forwarder.RemoveAll();
     return true;
+}
+
+// A difference counts when it stays: what has just happened is not followed yet.
+int CheckForwarding(const std::string &directory)
+{
+    std::unique_ptr<vshost::Host> host;
+    std::vector<std::string> differences;
+    std::string message;
+    bool isCompared = !vshost::Host::Open({directory, vshost::Durability::DISK}, host, message);
+    for (unsigned looks = 0; isCompared && looks < CHECK_LOOKS; looks++) {
+        if (looks) usleep(CHECK_PAUSE);
+        differences.clear();
+        const bool isFollowed = vshost::AskVshostd(directory, {"follow"}).error == 0;
+        isCompared = CompareWithKernel(PinDirectory(directory), host->GetEngine(), differences, message);
+        if (differences.empty() || !isFollowed) break;
+    }
+    if (!isCompared) Say("%s", message.c_str());
+    for (const std::string &difference : differences)
+        printf("%s\n", difference.c_str());
+    return isCompared && differences.empty() ? 0 : 1;
 }
 
 }

@@ -23,6 +23,10 @@ int RunDaemon(const DaemonOptions &options);
 // Takes what the daemons have left in the kernel away. False: `message` says why it stays.
 bool RemoveForwarding(const std::string &directory, std::string &message);
 
+// Compares kernel and store; a line on standard output for each difference. Returns the exit code: 0 when
+// they agree.
+int CheckForwarding(const std::string &directory);
+
 // A line of the log.
 [[gnu::format(printf, 1, 2)]] void Say(const char *format, ...);
 

@@ -21,21 +21,6 @@ constexpr uint32_t PLUG_MADE_CLSACT = 1;
 
 constexpr uint32_t ADDRESS_BATCH = 4096;
 
-uint32_t FlagIf(bool isSet, LivePortFlag flag) { return isSet ? flag : 0; }
-
-uint32_t FlagsWord(const PortConfig &port)
-{
-    return FlagIf(port.uplink, LIVE_PORT_UPLINK) | FlagIf(port.blocked, LIVE_PORT_BLOCKED) |
-           FlagIf(port.learning, LIVE_PORT_LEARNING) |
-           FlagIf(port.forwardsOverLimit, LIVE_PORT_FORWARDS_OVER_LIMIT);
-}
-
-uint32_t VlanWord(const PortConfig &port)
-{
-    const uint32_t priority = std::min(port.priority, LIVE_PORT_NO_PRIORITY);
-    return port.vlanId | priority << LIVE_PORT_PRIORITY_SHIFT | (port.trunk ? LIVE_PORT_TRUNK : 0u);
-}
-
 // Whether what a port has learned under `a` is not true under `b`.
 bool MustForget(const PortConfig &a, const PortConfig &b)
 {
@@ -116,6 +101,26 @@ void DataPath::TakeOverSwitches()
         owner->second.ports[port.number] = placed;
         portSwitches[port.number] = port.switchIndex;
         if (port.ifindex) interfaces[port.ifindex] = port.number;
+    }
+    TakeOverInterfaces();
+}
+
+// The process before may have ended between the two steps of plugging: the port's word and the map's entry.
+void DataPath::TakeOverInterfaces()
+{
+    const int map = kernel.MapDescriptor("interfaces");
+    std::vector<uint32_t> strange;
+    uint32_t key = 0, next = 0;
+    for (bool isFirst = true; bpf_map_get_next_key(map, isFirst ? nullptr : &key, &next) == 0;
+         isFirst = false) {
+        key = next;
+        if (!interfaces.contains(key)) strange.push_back(key);
+    }
+    for (const uint32_t ifindex : strange)
+        bpf_map_delete_elem(map, &ifindex);
+    for (const auto &[ifindex, number] : interfaces) {
+        uint32_t slot = 0;
+        if (SlotOfPort(number, slot) == STATUS_OK) bpf_map_update_elem(map, &ifindex, &slot, BPF_ANY);
     }
 }
 
@@ -337,15 +342,16 @@ void DataPath::StartSlot(uint32_t slot)
 
 void DataPath::WritePort(const PlacedPort &placed, uint32_t switchIndex)
 {
+    const LivePort words = WordsOf(placed, switchIndex);
     LivePort &port = kernel.ports[placed.slot];
-    WriteWord(port.number, placed.config.number);
-    WriteWord(port.switchIndex, switchIndex);
-    WriteWord(port.position, placed.position);
-    WriteWord(port.addressLimit, placed.config.addressLimit);
-    WriteWord(port.vlan, VlanWord(placed.config));
-    WriteWord(port.flags, FlagsWord(placed.config));
-    WriteWord(port.ifindex, placed.config.ifindex);
-    WriteWord(port.inUse, 1);
+    WriteWord(port.number, words.number);
+    WriteWord(port.switchIndex, words.switchIndex);
+    WriteWord(port.position, words.position);
+    WriteWord(port.addressLimit, words.addressLimit);
+    WriteWord(port.vlan, words.vlan);
+    WriteWord(port.flags, words.flags);
+    WriteWord(port.ifindex, words.ifindex);
+    WriteWord(port.inUse, words.inUse);
 }
 
 // `slot` UINT32_MAX: the interface belongs to no port.

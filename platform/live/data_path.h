@@ -109,6 +109,7 @@ private:
 
     VsStatus Fail(VsStatus status, const std::string &text);
     void TakeOverSwitches();
+    void TakeOverInterfaces();
     VsStatus MeasureTick();
     VsStatus TakeSwitchIndex(const std::string &id, Change &change);
     VsStatus CheckPorts(const SwitchConfig &config, uint32_t switchIndex);

@@ -64,7 +64,7 @@ bool Forwarder::Start(const std::string &bpffs, std::string &message)
     if (!links.Open(message)) return false;
     LoadOptions options;
     options.bpffs = bpffs;
-    options.identity = "host";
+    options.identity = HOST_IDENTITY;
     if (path.Open(options)) {
         message = path.Message() + "; a live host needs a kernel from 5.17 on that permits bpf";
         return false;
@@ -107,16 +107,11 @@ void Forwarder::PollCarriers()
 
 void Forwarder::Sweep() { path.Sweep(); }
 
-// Plugs of the machine's last start have ended with it.
 void Forwarder::ReadPlugs()
 {
-    std::vector<NamedPlug> stored;
-    if (ListPlugs(engine, stored))
+    Plugs present;
+    if (live::ReadPlugs(engine, present))
         return Complain("the host", "the table of plugged interfaces can't be read");
-    std::map<std::string, Plug> present;
-    const std::string boot = BootId();
-    for (const auto &[interface, plug] : stored)
-        if (plug.IsKept() || FieldText(plug.boot) == boot) present[interface] = plug;
     for (const auto &[interface, plug] : plugs)
         if (!present.contains(interface)) PutBack(interface, plug);
     plugs = std::move(present);
@@ -127,7 +122,7 @@ void Forwarder::Apply()
 {
     for (const auto &[interface, plug] : plugs)
         if (plug.IsNic()) SyncNic(interface);
-    PublishAll(ReadWanted());
+    PublishAll(ReadWanted(engine, plugs, links));
     ForgetLostLinks();
 }
 
@@ -164,22 +159,6 @@ void Forwarder::SyncNic(const std::string &name)
         nics[name] = nic;
     else
         PutNic(name, real);
-}
-
-Forwarder::Wanted Forwarder::ReadWanted()
-{
-    Wanted wanted;
-    for (const auto &[interface, plug] : plugs) {
-        const Link *link = links.Find(interface);
-        std::string switchId(FieldText(plug.switchId)), portId(FieldText(plug.portId));
-        Nic nic;
-        if (plug.IsNic() && GetRecord(engine, runtime::NicKey(interface), nic) == STATUS_OK) {
-            switchId = FieldText(nic.switchId);
-            portId = FieldText(nic.portId);
-        }
-        if (!portId.empty()) wanted[switchId][portId] = link ? link->ifindex : 0;
-    }
-    return wanted;
 }
 
 // ---- Publishing ----

@@ -10,11 +10,10 @@
 
 #include "platform/host/engine.h"
 #include "platform/host/live_requests.h"
-#include "platform/host/plugs.h"
 #include "platform/host/runtime.h"
 #include "platform/live/data_path.h"
 #include "platform/live/links.h"
-#include "platform/live/store_config.h"
+#include "platform/live/plugged.h"
 
 namespace live {
 
@@ -44,13 +43,10 @@ public:
     vshost::LiveAnswer DescribeLink(const std::string &interface); // "up", "no carrier", "down" or "away"
 
 private:
-    using Wanted = std::map<std::string, Plugged>; // by switch
-
     void Apply();
     void ReadPlugs();
     void SyncNic(const std::string &name);
     void PutNic(const std::string &name, const vshost::Nic &nic);
-    Wanted ReadWanted();
     void PublishAll(const Wanted &wanted);
     bool PublishSwitch(const SwitchConfig &config);
     void RemoveSwitch(const std::string &switchId);
@@ -67,8 +63,8 @@ private:
     vshost::Engine &engine;
     DataPath path;
     Links links;
-    std::map<std::string, vshost::Plug> plugs; // by interface
-    std::map<std::string, vshost::Nic> nics;   // of the plugs, as this process last saw or wrote them
+    Plugs plugs;
+    std::map<std::string, vshost::Nic> nics; // of the plugs, as this process last saw or wrote them
     std::map<std::string, SwitchConfig> published;
     std::set<uint32_t> attached; // interfaces with our filter
     std::set<uint32_t> withCarrier;

@@ -85,6 +85,19 @@ uint32_t EntriesOf(std::string_view map, const Capacity &capacity)
 
 }
 
+std::string PinsOf(const std::string &bpffs, const std::string &identity)
+{
+    return bpffs + "/" + identity + "-v" + std::to_string(LIVE_LAYOUT_VERSION);
+}
+
+std::set<uint32_t> ProgramsOf(const std::string &pins)
+{
+    std::set<uint32_t> programs;
+    for (const std::string &file : FilesOf(pins))
+        if (const uint32_t id = ProgramOfPin(file)) programs.insert(id);
+    return programs;
+}
+
 template<typename Value> SharedArray<Value>::~SharedArray()
 {
     if (values) munmap(values, size * sizeof(Value));
@@ -174,7 +187,7 @@ VsStatus KernelPart::Load(const LoadOptions &options)
 {
     lastWarning.clear();
     libbpf_set_print(KeepWarning);
-    directory = options.bpffs + "/" + DirectoryPrefix(options) + std::to_string(LIVE_LAYOUT_VERSION);
+    directory = PinsOf(options.bpffs, options.identity);
     FindPredecessors(options);
     if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST)
         return Fail(vshost::StatusOfErrno(errno), "cannot make " + directory, errno);

@@ -33,6 +33,13 @@ struct LoadOptions {
     Capacity capacity;
 };
 
+// What the pins of the only host in its bpf file system are named after.
+inline constexpr char HOST_IDENTITY[] = "host";
+
+// The directory of the host's pins, and the programs among them.
+std::string PinsOf(const std::string &bpffs, const std::string &identity);
+std::set<uint32_t> ProgramsOf(const std::string &pins);
+
 // An array that both sides have in their memory.
 template<typename Value> class SharedArray {
 public:

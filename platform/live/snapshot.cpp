@@ -12,6 +12,21 @@ namespace {
 
 constexpr size_t ELEMENT = LIVE_ELEMENT_SIZE;
 
+uint32_t FlagIf(bool isSet, LivePortFlag flag) { return isSet ? flag : 0; }
+
+uint32_t FlagsWord(const PortConfig &port)
+{
+    return FlagIf(port.uplink, LIVE_PORT_UPLINK) | FlagIf(port.blocked, LIVE_PORT_BLOCKED) |
+           FlagIf(port.learning, LIVE_PORT_LEARNING) |
+           FlagIf(port.forwardsOverLimit, LIVE_PORT_FORWARDS_OVER_LIMIT);
+}
+
+uint32_t VlanWord(const PortConfig &port)
+{
+    const uint32_t priority = std::min(port.priority, LIVE_PORT_NO_PRIORITY);
+    return port.vlanId | priority << LIVE_PORT_PRIORITY_SHIFT | (port.trunk ? LIVE_PORT_TRUNK : 0u);
+}
+
 bool IsListed(const PortConfig &port) { return !port.uplink && port.ifindex != 0; }
 
 bool TakesUnknown(const PortConfig &port) { return IsListed(port) && (port.takesUnknown || port.sink); }
@@ -90,10 +105,32 @@ Descriptor::~Descriptor()
     if (fd >= 0) close(fd);
 }
 
+LivePort WordsOf(const PlacedPort &placed, uint32_t switchIndex)
+{
+    LivePort words = {};
+    words.number = placed.config.number;
+    words.switchIndex = switchIndex;
+    words.position = placed.position;
+    words.addressLimit = placed.config.addressLimit;
+    words.vlan = VlanWord(placed.config);
+    words.flags = FlagsWord(placed.config);
+    words.ifindex = placed.config.ifindex;
+    words.inUse = 1;
+    return words;
+}
+
 bool DifferInSnapshot(const PortConfig &a, const PortConfig &b)
 {
     return a.trunk != b.trunk || (a.trunk && a.ranges != b.ranges) || a.uplink != b.uplink ||
            IsListed(a) != IsListed(b) || TakesUnknown(a) != TakesUnknown(b);
+}
+
+std::vector<uint8_t> SnapshotBytes(const std::vector<PlacedPort> &ports)
+{
+    Layout layout(ports);
+    std::vector<uint8_t> bytes(layout.Elements() * ELEMENT);
+    layout.Fill(bytes.data());
+    return bytes;
 }
 
 Descriptor MakeSnapshot(const std::vector<PlacedPort> &ports)

@@ -35,8 +35,14 @@ struct PlacedPort {
     bool isNew = false; // of a change: the port comes with it
 };
 
+// The port's words as user space writes them; the rest is 0.
+LivePort WordsOf(const PlacedPort &port, uint32_t switchIndex);
+
 // Whether the two differ in what a snapshot holds; everything else is in the port's words.
 bool DifferInSnapshot(const PortConfig &a, const PortConfig &b);
+
+// The elements of a snapshot one after the other.
+std::vector<uint8_t> SnapshotBytes(const std::vector<PlacedPort> &ports);
 
 // Makes and fills a snapshot. No descriptor (errno) when the kernel has no room for it.
 Descriptor MakeSnapshot(const std::vector<PlacedPort> &ports);

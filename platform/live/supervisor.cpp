@@ -6,9 +6,11 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <linux/magic.h>
 #include <memory>
 #include <poll.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -278,6 +280,19 @@ int Supervisor::Run()
     return exitCode;
 }
 
+// Without vshostd there is no other than this process's own.
+void EnterNetworkOfVshostd(const std::string &directory)
+{
+    const std::string path = directory + "/" + vshost::PROCESS_FILE;
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file || flock(file.Get(), LOCK_SH | LOCK_NB) == 0) return;
+    pid_t process = 0;
+    std::ifstream(path) >> process;
+    const std::string network = "/proc/" + std::to_string(process) + "/ns/net";
+    const Descriptor space(open(network.c_str(), O_RDONLY | O_CLOEXEC));
+    if (space) setns(space.Get(), CLONE_NEWNET);
+}
+
 int Fail(const std::string &message)
 {
     Say("%s", message.c_str());
@@ -306,6 +321,17 @@ int Supervise(const std::string &directory)
     Supervisor supervisor(whole);
     if (!supervisor.Start(message)) return Fail(message);
     return supervisor.Run();
+}
+
+int CheckLiveHost(const std::string &directory)
+{
+    std::string message = FindObstacle();
+    if (!message.empty()) return Fail(message);
+    std::error_code error;
+    const std::string whole = std::filesystem::canonical(directory, error);
+    if (error) return Fail(directory + ": " + error.message());
+    EnterNetworkOfVshostd(whole);
+    return CheckForwarding(whole);
 }
 
 int RemoveLiveHost(const std::string &directory)

@@ -8,6 +8,9 @@ namespace live {
 // Runs until SIGTERM or SIGINT; returns the exit code. The switches go on forwarding afterwards.
 int Supervise(const std::string &directory);
 
+// Compares the kernel with the store, in vshostd's network namespace when it runs; returns the exit code.
+int CheckLiveHost(const std::string &directory);
+
 // Takes away what stays when no process of the host runs; returns the exit code.
 int RemoveLiveHost(const std::string &directory);
 
