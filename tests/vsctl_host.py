@@ -24,10 +24,14 @@ HOST.vshost_error.restype = ctypes.c_char_p
 HOST.vshost_call_count.restype = ctypes.c_size_t
 STORE, SHELL, DRIVER = 1, 2, 3
 IO_ERROR = 0x0BAD0008
-OUTPUT_SCHEMA = json.loads((SOURCE / "cli/schema/output.schema.json").read_text())
-PLAN_SCHEMA = json.loads((SOURCE / "cli/schema/plan.schema.json").read_text())
-OUTPUT = jsonschema.Draft202012Validator(OUTPUT_SCHEMA, resolver=jsonschema.RefResolver(
-    "output.schema.json", OUTPUT_SCHEMA, store={"plan.schema.json": PLAN_SCHEMA}))
+
+
+def schema(*words):
+    return json.loads(subprocess.run([VSCTL, "schema", *words], capture_output=True, check=True).stdout)
+
+
+PLAN_SCHEMA, OUTPUT_SCHEMA = schema(), schema("--output")
+OUTPUT = jsonschema.Draft202012Validator(OUTPUT_SCHEMA)
 WRITES = {"DVSZOR_GlobalPropSet", "DVSZOR_GlobalPropClear", "DVSZOR_HostPropSet", "DVSZOR_HostPropClear",
           "DVSZOR_PortDataSet", "DVSZOR_PortDataClear", "DVSZOR_PortAdd", "DVSZOR_PortRemove", "DVSZOR_SwitchAdd",
           "DVSZOR_SwitchRemove", "DVSZOR_SwitchAssociate", "DVSZOR_SwitchDissociate", "create", "destroy", "set"}

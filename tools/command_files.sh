@@ -1,6 +1,6 @@
 #!/bin/sh
 # command_files.sh SOURCE PYTHON VERSION VSHOST VSCTL OUTPUT: files that the commands themselves write: manual
-# pages, shell completions, the schema of a plan.
+# pages, shell completions, the JSON schemas of a plan and of the output.
 set -eu
 tools=$1/tools python=$2 version=$3 vshost=$4 vsctl=$5 output=$6
 completions=$output/vsctl/share
@@ -12,6 +12,7 @@ mkdir -p "$output/host/man/man1" "$output/host/man/man5" "$output/vsctl/man/man1
 "$vsctl" completion zsh >"$completions/zsh/vendor-completions/_vsctl"
 "$vsctl" completion fish >"$completions/fish/vendor_completions.d/vsctl.fish"
 "$vsctl" schema >"$completions/vswitchctl/vsctl-plan.schema.json"
+"$vsctl" schema --output >"$completions/vswitchctl/vsctl-output.schema.json"
 
 "$python" "$tools/command_page.py" "$vshost" "$version" "$tools/vshost.roff" "$output/host/man/man1/vshost.1"
 "$python" "$tools/command_page.py" "$vsctl" "$version" "$tools/vsctl.roff" "$output/vsctl/man/man1/vsctl.1"

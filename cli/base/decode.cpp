@@ -193,6 +193,12 @@ Json Decode(Record record, const void *bytes, size_t size)
     return {{"bytes", Hex(bytes, size)}};
 }
 
+Json DecodeZeros(Record record)
+{
+    static const Bytes zeros(LAG_TABLE_SIZE);
+    return DECODERS[static_cast<size_t>(record)](zeros.data(), zeros.size());
+}
+
 Json DecodeList(Record record, const void *list, size_t entrySize)
 {
     const auto header = Load<ZorListHeader>(list);

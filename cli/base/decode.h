@@ -27,6 +27,8 @@ enum class Record {
 
 // The record's fields, or {"bytes": …}.
 Json Decode(Record record, const void *bytes, size_t size);
+// The fields of an embedded host's record of zeros; of a record that holds a list, the list, which is empty.
+Json DecodeZeros(Record record);
 // One row for each entry of a list that a ZorListHeader begins.
 Json DecodeList(Record record, const void *list, size_t entrySize);
 

@@ -16,7 +16,19 @@
 
 namespace vsctl {
 
-const char *const LEVEL_NAMES[3] = {"global", "host", "port"};
+namespace {
+
+constexpr const char *LEVEL_NAMES[] = {"global", "host", "port"};
+
+}
+
+const char *LevelName(PropertyLevel level) { return LEVEL_NAMES[static_cast<size_t>(level)]; }
+
+PropertyLevel LevelOf(std::string_view name)
+{
+    return static_cast<PropertyLevel>(std::find(std::begin(LEVEL_NAMES), std::end(LEVEL_NAMES), name) -
+                                      std::begin(LEVEL_NAMES));
+}
 
 std::string Hex(const void *bytes, size_t length)
 {

@@ -100,7 +100,8 @@ std::string PropertyAdvice(const Target &target, bool byId);
 std::vector<std::string> PortNames(const std::string &list);
 
 enum class PropertyLevel { GLOBAL, HOST, PORT };
-extern const char *const LEVEL_NAMES[3];
+const char *LevelName(PropertyLevel level);
+PropertyLevel LevelOf(std::string_view name); // of one of these names
 
 // A property by its key, of a switch named by alias or (byId) by its id.
 struct NamedProperty {

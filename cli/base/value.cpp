@@ -94,6 +94,13 @@ std::optional<Violation> FaultInSessions(const Json &value, const std::string &p
     return {};
 }
 
+// "a, b or c"
+std::string Alternatives(const std::vector<std::string> &words)
+{
+    const std::span<const std::string> first(words.begin(), words.end() - 1);
+    return fmt::format("{} or {}", fmt::join(first, ", "), words.back());
+}
+
 std::string Rule(const Field &field)
 {
     switch (field.form) {
@@ -102,7 +109,7 @@ std::string Rule(const Field &field)
     case Form::NUMBER:
         return fmt::format("must be a number from {} to {}", field.min, field.max);
     case Form::CHOICE:
-        return fmt::format("must be {}", fmt::join(Words(field.choices, '|'), " or "));
+        return "must be " + Alternatives(Words(field.choices, '|'));
     case Form::TEXT:
         return fmt::format("must be a text of {} to {} bytes", field.min, field.max);
     case Form::BYTES:
@@ -202,11 +209,13 @@ Json WordToJson(const Field &field, const std::string &word)
 
 }
 
-Json ParseWord(const Field &field, const std::string &word)
+Json ParseWord(const Field &field, const std::string &word, const std::string &name)
 {
     const Json value = field.canBeNone && word == NONE ? Json(word) : WordToJson(field, word);
     if (auto fault = FindViolation(field, value, "")) {
-        const std::string what = *field.name ? "--" + std::string(field.name) : "the value";
+        const std::string what = !name.empty() ? name
+                                 : *field.name ? "--" + std::string(field.name)
+                                               : "the value";
         const std::string rule = field.form == Form::BOOLEAN ? "must be on or off" : fault->message;
         throw Error(Exit::BAD_VALUE, fmt::format("{} {}, not '{}'", what, rule, word.substr(0, 40)));
     }

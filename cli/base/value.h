@@ -52,8 +52,9 @@ Json CanonicalPart(std::span<const Field> fields, const Json &value);
 // Throws unless a new object may have this name. The rule's help says what it is the name of.
 void RequireName(const Field &rule, const std::string &name);
 
-// The value that a word of the command line stands for; throws with what is allowed.
-Json ParseWord(const Field &field, const std::string &word);
+// The value that a word of the command line stands for. Throws with what is allowed; `name` is the
+// argument's, or empty where it is the option that the field has.
+Json ParseWord(const Field &field, const std::string &word, const std::string &name = "");
 
 // JSON schema of the field's values.
 Json Schema(const Field &field);

@@ -178,9 +178,7 @@ Json UplinksAfter(const Step &step)
 
 NamedProperty PropertyOf(const Step &step)
 {
-    const auto level =
-        std::find(std::begin(LEVEL_NAMES), std::end(LEVEL_NAMES), step.value["level"].get<std::string>());
-    return {static_cast<PropertyLevel>(level - std::begin(LEVEL_NAMES)), step.target, step.value["key"],
+    return {LevelOf(step.value["level"].get<std::string>()), step.target, step.value["key"],
             step.value.value("by-id", false)};
 }
 

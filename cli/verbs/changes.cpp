@@ -22,20 +22,16 @@ Result Plan(const Verb &, const Arguments &arguments)
 void RefuseDryRun(const Arguments &arguments)
 {
     if (arguments.IsDryRun())
-        throw Error(Exit::USAGE, "there is no dry run of this", "'vsctl doctor' shows what is unfinished");
+        throw Error(Exit::USAGE, "a journal has no dry run", "'vsctl doctor' shows the unfinished change");
 }
 
 Result Apply(const Verb &, const Arguments &arguments)
 {
-    const bool resume = arguments.Has("--resume");
-    const bool undo = arguments.Has("--undo");
-    if (arguments.Has("FILE") + resume + undo != 1)
-        throw Error(Exit::USAGE, "apply takes a FILE, or --resume, or --undo", "see 'vsctl help apply'");
-    if (resume || undo) {
+    if (!arguments.Has("FILE")) {
+        if (!arguments.Has("--resume") && !arguments.Has("--undo"))
+            throw Error(Exit::USAGE, "there is nothing to apply", "give a FILE, --resume or --undo");
         RefuseDryRun(arguments);
-        if (arguments.Has("--confirm-within"))
-            throw Error(Exit::USAGE, "--confirm-within goes with a FILE", "see 'vsctl help apply'");
-        return Rows(resume ? ResumeJournal() : UndoJournal());
+        return Rows(arguments.Has("--resume") ? ResumeJournal() : UndoJournal());
     }
     Result result;
     result.steps = PlanSteps(Document(arguments.Text("FILE")));
@@ -128,35 +124,38 @@ Result Batch(const Verb &, const Arguments &arguments)
 
 std::vector<Verb> ChangeVerbs()
 {
-    const Argument file{"FILE", Shape::REQUIRED, "desired state in TOML or JSON (- for standard input)",
+    const Argument file{"FILE", Shape::REQUIRED, "desired state, TOML or JSON (- for standard input)",
                         Names::FILE};
     const Argument allow{"--allow-removals", Shape::FLAG,
-                         "agree to removals, which cannot be undone entirely"};
-    Argument someFile = file;
+                         "Allow removals, which an undo brings back in part"};
+    Argument someFile = Excluding(file, {"--resume", "--undo"});
     someFile.shape = Shape::OPTIONAL;
+    Argument within{"--confirm-within", Shape::OPTION,
+                    "Undo all of it after that time without 'vsctl confirm'"};
+    within.needs = {"FILE"};
+    const Argument resume = Excluding({"--resume", Shape::FLAG, "Finish an interrupted change"}, {"--undo"});
     return {
-        Reads("plan", "", "shows what apply would change, and changes nothing (exit code 10: something)",
-              {file}, "lab.toml", "", Plan),
+        Reads("plan", Plan, {file},
+              {"Show what apply would change (exit code 10: something)", "lab.toml", "", "@change"}),
+        ChangesNow("apply", Apply,
+                   {someFile,
+                    allow,
+                    within,
+                    resume,
+                    {"--undo", Shape::FLAG, "Undo an interrupted or unconfirmed change"}},
+                   {"Make switches and ports as a file describes them: all or nothing",
+                    "lab.toml\nlab.toml --confirm-within 60s\n--undo", "", "@change | @outcome"}),
+        ChangesNow("confirm", Confirm,
+                   {{"--guard", Shape::OPTION, "(used by vsctl itself) Undo the change with this id"},
+                    {"--after", Shape::OPTION, "(used by vsctl itself) Wait for this time first"}},
+                   {"Keep the changes of apply --confirm-within", "", "", "@outcome"}),
+        Reads("export", Export,
+              {{"SWITCH", Shape::MANY, "switches, with ports as in lab/port0..port7", Names::SWITCH}},
+              {"Write a file for apply that describes what exists", "lab\nlab/port0..port7 > lab.toml", ""}),
         ChangesNow(
-            "apply", "", "makes switches and ports as a file says: all of it or, when a step fails, nothing",
-            {someFile,
-             allow,
-             {"--confirm-within", Shape::OPTION, "undo everything unless 'vsctl confirm' comes in that time"},
-             {"--resume", Shape::FLAG, "finish a change that was cut short"},
-             {"--undo", Shape::FLAG, "undo a change that was cut short or waits for confirmation"}},
-            "lab.toml\nlab.toml --confirm-within 60s\n--undo", "", Apply),
-        ChangesNow("confirm", "", "keeps what an apply with --confirm-within has changed",
-                   {{"--guard", Shape::OPTION, "used by vsctl itself: undo the change with this id"},
-                    {"--after", Shape::OPTION, "used by vsctl itself: after that time"}},
-                   "", "", Confirm),
-        Reads("export", "", "writes a file for apply from what exists",
-              {{"SWITCH", Shape::MANY, "switches, with the ports to describe like lab/port0..port7",
-                Names::SWITCH}},
-              "lab\nlab/port0..port7 > lab.toml", "", Export),
-        ChangesNow("batch", "",
-                   "carries out the changes of a file, a line each: all of them or, when one fails, none",
-                   {{"FILE", Shape::OPTIONAL, "the file (standard input)", Names::FILE}, allow},
-                   "changes.txt\n< changes.txt", "", Batch),
+            "batch", Batch,
+            {{"FILE", Shape::OPTIONAL, "commands, one a line (default: standard input)", Names::FILE}, allow},
+            {"Run the changes of a file: all or nothing", "changes.txt\n< changes.txt", "", "@change"}),
     };
 }
 

@@ -9,6 +9,7 @@
 #include "cli/change/change.h"
 #include "cli/change/plan.h"
 #include "cli/verbs/completion.h"
+#include "cli/verbs/schema.h"
 #include "cli/verbs/watch.h"
 
 namespace vsctl {
@@ -102,7 +103,7 @@ std::string Overview()
         for (const Verb &verb : Verbs()) {
             if (verb.noun != noun) continue;
             if (!verb.name.empty()) verbs.push_back(verb.name);
-            help = verb.help;
+            help = verb.manual.help;
         }
         text += fmt::format("  {:<11}{}\n", noun,
                             verbs.empty() ? help : fmt::format("{}", fmt::join(verbs, ", ")));
@@ -135,8 +136,8 @@ Json OperationRows()
 {
     std::map<std::string, std::string> users;
     for (const Verb &verb : Verbs()) {
-        if (verb.operations.empty()) continue;
-        for (const std::string &operation : Words(verb.operations, ' ')) {
+        if (verb.manual.operations.empty()) continue;
+        for (const std::string &operation : Words(verb.manual.operations, ' ')) {
             std::string &list = users[operation];
             list += (list.empty() ? "" : ", ") + verb.Title();
         }
@@ -153,7 +154,7 @@ std::string NounHelp(const std::string &noun)
     Json rows = Json::array();
     for (const Verb &verb : Verbs()) {
         if (verb.noun == noun && !verb.name.empty())
-            rows.push_back({{"verb", verb.Title()}, {"purpose", verb.help}});
+            rows.push_back({{"verb", verb.Title()}, {"purpose", verb.manual.help}});
     }
     return TableText(rows);
 }
@@ -199,30 +200,37 @@ Result Script(const Verb &, const Arguments &arguments)
     return Text(CompletionScript(arguments.Text("SHELL")));
 }
 
-Result ShowSchema(const Verb &, const Arguments &) { return Text(PlanSchema().dump(2) + "\n"); }
+Result ShowSchema(const Verb &, const Arguments &arguments)
+{
+    return Text((arguments.Has("--output") ? OutputSchema() : PlanSchema()).dump(2) + "\n");
+}
 
 }
 
 std::vector<Verb> GeneralVerbs()
 {
+    Argument shell{"SHELL", Shape::REQUIRED, "bash, zsh or fish"};
+    shell.rule = Field{"", Form::CHOICE, "", 0, 0, "bash|zsh|fish"};
     return {
-        Reads("watch", "", "repeats a verb that reads, and shows what changes",
-              {{"--interval", Shape::OPTION, "time between two looks (1s)"},
-               {"--times", Shape::OPTION, "number of looks (until Ctrl-C)"}},
-              "uplink list lab\n--interval 200ms port show lab port0 --json", "LibraryInit", Watch),
-        Reads("doctor", "", "shows what of the platform is reachable, and what to do about what isn't", {},
-              "", "", Doctor),
-        Reads("completion", "", "prints the completion script of a shell",
-              {{"SHELL", Shape::REQUIRED, "bash, zsh or fish"}}, "bash > /etc/bash_completion.d/vsctl", "",
-              Script),
-        Reads("complete", "", "prints what may come next on a command line; used by the completion scripts",
-              {{"WORD", Shape::ANY, "the words after vsctl"}}, "-- switch sh", "", CompleteWords),
-        Reads("schema", "", "prints the JSON schema of the files that plan and apply take", {}, "", "",
-              ShowSchema),
-        Reads("help", "", "explains nouns and verbs",
-              {{"NOUN", Shape::OPTIONAL, "a noun", Names::NOUN},
+        Reads("watch", Watch,
+              {{"--interval", Shape::OPTION, "Time between two runs (default 1s)"},
+               NumberOption("--times", "Number of runs (default: until Ctrl-C)", UINT32_MAX)},
+              {"Repeat a verb that reads and show what changes",
+               "uplink list lab\n--interval 200ms port show lab port0 --json", "LibraryInit"}),
+        Reads("doctor", Doctor, {},
+              {"Show which parts of the platform work, and how to fix the others", "", "",
+               "part, works:boolean, state, advice?"}),
+        Reads("completion", Script, {shell},
+              {"Print the completion script of a shell", "bash > /etc/bash_completion.d/vsctl", ""}),
+        Reads("complete", CompleteWords, {{"WORD", Shape::ANY, "the words after vsctl"}},
+              {"Print completions of a command line, for the completion scripts", "-- switch sh", ""}),
+        Reads("schema", ShowSchema, {{"--output", Shape::FLAG, "Print the schema of what --json prints"}},
+              {"Print the JSON schema of the files for plan and apply", "\n--output", ""}),
+        Reads("help", Help,
+              {{"NOUN", Shape::OPTIONAL, "a noun, 'exit' or 'operations'", Names::NOUN},
                {"VERB", Shape::OPTIONAL, "one of its verbs", Names::VERB}},
-              "port vlan\napply", "", Help),
+              {"Explain nouns and verbs", "port vlan\napply", "",
+               "@verb | code:number, meaning | operation, verbs"}),
     };
 }
 

@@ -1,7 +1,6 @@
 // vsctl mac: MAC tables and MAC learning of the running switch.
 #include <fmt/format.h>
 
-#include "cli/base/decode.h"
 #include "cli/verbs/verb.h"
 
 namespace vsctl {
@@ -10,7 +9,7 @@ namespace {
 
 uint8_t Selector(const Arguments &arguments)
 {
-    return static_cast<uint8_t>(arguments.Number("--selector", 0, UINT8_MAX));
+    return static_cast<uint8_t>(arguments.Number("--selector", 0));
 }
 
 Json Entries(const Target &port, uint8_t selector)
@@ -49,13 +48,9 @@ void RequireLayout(const char *option)
 ZorMacTableEntry GivenEntry(const Arguments &arguments)
 {
     Bytes bytes;
-    if (arguments.Has("--vlan") && !arguments.Has("--address"))
-        throw Error(Exit::USAGE, "--vlan goes with --address");
     if (arguments.Has("--address")) {
-        RefuseBytes(arguments, "--address");
         RequireLayout("--address");
-        bytes =
-            MacEntry(arguments.Text("--address"), static_cast<uint16_t>(arguments.Number("--vlan", 0, 4094)));
+        bytes = MacEntry(arguments.Text("--address"), static_cast<uint16_t>(arguments.Number("--vlan", 0)));
     } else {
         bytes = GivenBytes(arguments, sizeof(ZorMacTableEntry));
     }
@@ -128,14 +123,11 @@ ZorMacLearningProps GivenProps(const Arguments &arguments, const ZorMacLearningP
 {
     Bytes bytes;
     if (HasFields(arguments)) {
-        RefuseBytes(arguments, "--enabled, --aging, --limit");
         RequireLayout("--enabled, --aging or --limit");
         const Json fields = Decode(Record::LEARNING_PROPS, &now, sizeof now);
-        const Field enabled{"enabled", Form::BOOLEAN, ""};
-        bytes = LearningProps(
-            arguments.Has("--enabled") ? ParseWord(enabled, arguments.Text("--enabled")).get<bool>()
-                                       : fields["enabled"].get<bool>(),
-            arguments.Number("--aging", fields["aging"]), arguments.Number("--limit", fields["limit"]));
+        const std::string enabled = arguments.Text("--enabled", fields["enabled"] ? "on" : "off");
+        bytes = LearningProps(enabled == "on", arguments.Number("--aging", fields["aging"]),
+                              arguments.Number("--limit", fields["limit"]));
     } else {
         bytes = GivenBytes(arguments, sizeof now);
     }
@@ -163,34 +155,41 @@ Result Props(const Verb &, const Arguments &arguments)
 
 std::vector<Verb> MacVerbs()
 {
-    const std::vector<Argument> entry = {SWITCH,
-                                         ONE_PORT,
-                                         {"--address", Shape::OPTION, "MAC address"},
-                                         {"--vlan", Shape::OPTION, "VLAN of the address (0: untagged)"},
-                                         HEX,
-                                         FROM_FILE};
+    const Argument selector =
+        NumberOption("--selector", "Entries to list, by a number that the driver defines", UINT8_MAX);
+    const std::vector<std::string> bytes = {"--hex", "--file"};
+    Argument vlan = NumberOption("--vlan", "VLAN of the address (0: untagged)", 4094);
+    vlan.needs = {"--address"};
+    const std::vector<Argument> entry = {
+        SWITCH, ONE_PORT, Excluding({"--address", Shape::OPTION, "MAC address"}, bytes),
+        vlan,   HEX,      FROM_FILE};
     return {
-        Reads("mac", "list", "lists the MAC table of a port", {SWITCH, ONE_PORT, SELECTOR}, "lab port0",
-              "VSZOR_GetPortMACTable", List),
-        ChangesNow("mac", "set", "adds a MAC address to a port", entry,
-                   "lab port0 --address 02:00:00:00:00:01 --vlan 100", "VSZOR_SetPortMACTable",
-                   ChangeEntry<VSZOR_SetPortMACTable>),
-        ChangesNow("mac", "clear", "removes a MAC address from a port", entry,
-                   "lab port0 --address 02:00:00:00:00:01 --vlan 100", "VSZOR_ClearPortMACTable",
-                   ChangeEntry<VSZOR_ClearPortMACTable>),
-        Reads("mac", "team", "lists the MAC table behind the uplinks of a switch", {SWITCH, SELECTOR}, "lab",
-              "VSZOR_GetTeamMACTable", Team),
-        Reads("mac", "stats", "shows the MAC learning statistics of a port", {SWITCH, ONE_PORT}, "lab port0",
-              "VSZOR_GetPortMACLearningStats", Stats),
-        Reads("mac", "info", "shows the MAC learning state of a switch", {SWITCH}, "lab",
-              "VSZOR_GetSwitchMACLearningInfo", Info),
-        ChangesNow("mac", "props", "shows or sets the MAC learning properties of the host",
-                   {{"--enabled", Shape::OPTION, "on or off"},
-                    {"--aging", Shape::OPTION, "seconds"},
-                    {"--limit", Shape::OPTION, "addresses"},
-                    HEX,
-                    FROM_FILE},
-                   "\n--aging 300", "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps", Props),
+        Reads("mac list", List, {SWITCH, ONE_PORT, selector},
+              {"List the MAC table of a port", "lab port0", "VSZOR_GetPortMACTable", "", Record::MAC_ENTRY}),
+        ChangesNow("mac set", ChangeEntry<VSZOR_SetPortMACTable>, entry,
+                   {"Add a MAC address to a port", "lab port0 --address 02:00:00:00:00:01 --vlan 100",
+                    "VSZOR_SetPortMACTable", "switch, port", Record::MAC_ENTRY}),
+        ChangesNow("mac clear", ChangeEntry<VSZOR_ClearPortMACTable>, entry,
+                   {"Remove a MAC address from a port", "lab port0 --address 02:00:00:00:00:01 --vlan 100",
+                    "VSZOR_ClearPortMACTable", "switch, port", Record::MAC_ENTRY}),
+        Reads("mac team", Team, {SWITCH, selector},
+              {"List the MAC addresses behind the uplinks of a switch", "lab", "VSZOR_GetTeamMACTable", "",
+               Record::MAC_ENTRY}),
+        Reads("mac stats", Stats, {SWITCH, ONE_PORT},
+              {"Show the MAC learning statistics of a port", "lab port0", "VSZOR_GetPortMACLearningStats",
+               "switch, port", Record::PORT_LEARNING_STATS}),
+        Reads("mac info", Info, {SWITCH},
+              {"Show the MAC learning state of a switch", "lab", "VSZOR_GetSwitchMACLearningInfo", "switch",
+               Record::LEARNING_INFO}),
+        ChangesNow(
+            "mac props", Props,
+            {Excluding(ChoiceOption("--enabled", "Whether ports learn: on or off", "on|off"), bytes),
+             Excluding(NumberOption("--aging", "Seconds until an address is forgotten", UINT32_MAX), bytes),
+             Excluding(NumberOption("--limit", "Addresses that a port learns", UINT32_MAX), bytes), HEX,
+             FROM_FILE},
+            {"Show or set the MAC learning properties of the host", "\n--aging 300",
+             "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps", "", Record::LEARNING_PROPS}),
     };
 }
+
 }

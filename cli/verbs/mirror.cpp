@@ -1,7 +1,6 @@
 // vsctl mirror: mirror sessions of ports and of the host's uplinks.
 #include <fmt/format.h>
 
-#include "cli/base/decode.h"
 #include "cli/verbs/verb.h"
 
 namespace vsctl {
@@ -88,23 +87,28 @@ Result Destinations(const Verb &, const Arguments &arguments)
 std::vector<Verb> MirrorVerbs()
 {
     const Argument session{"SESSION", Shape::REQUIRED, "id of the mirror session"};
-    const Argument file{"FILE", Shape::REQUIRED, "JSON file with a list of sessions (- for standard input)",
-                        Names::FILE};
+    const Argument file{"FILE", Shape::REQUIRED, "JSON list of sessions (- for standard input)", Names::FILE};
     return {
-        Reads("mirror", "list", "lists the mirror sessions of a port or of the uplinks", {SWITCH, ANY_PORT},
-              "lab port0\nlab", "VSDVS_GetDVMirrorSessions", List),
-        Changes("mirror", "append", "appends mirror sessions", {SWITCH, file, ANY_PORT},
-                "lab sessions.json port0", "VSDVS_AppendDVMirrorSessions", Append),
-        Changes("mirror", "remove", "removes a mirror session", {SWITCH, session, ANY_PORT},
-                "lab session1 port0", "VSDVS_RemoveDVMirrorSession", Remove),
-        Changes("mirror", "clear", "removes all mirror sessions of a port or of the uplinks",
-                {SWITCH, ANY_PORT}, "lab port0", "VSDVS_ClearDVMirrorSessions", Clear),
-        Reads("mirror", "live", "lists the mirror sessions that the driver runs", {SWITCH}, "lab",
-              "VSZOR_GetDVMirrorSessionIDs", Live),
-        Reads("mirror", "stats", "shows the statistics of a mirror session", {SWITCH, session},
-              "lab session1", "VSZOR_GetDVMirrorSessionStats", Stats),
-        Reads("mirror", "destinations", "lists the active destinations of promiscuous sessions", {SWITCH},
-              "lab", "VSZOR_GetPromiscSessionActiveDsts", Destinations),
+        Reads("mirror list", List, {SWITCH, ANY_PORT},
+              {"List the mirror sessions of a port or of the uplinks", "lab port0\nlab",
+               "VSDVS_GetDVMirrorSessions", "@session"}),
+        Changes("mirror append", Append, {SWITCH, file, ANY_PORT},
+                {"Add mirror sessions to a port or to the uplinks", "lab sessions.json port0",
+                 "VSDVS_AppendDVMirrorSessions"}),
+        Changes("mirror remove", Remove, {SWITCH, session, ANY_PORT},
+                {"Remove a mirror session", "lab session1 port0", "VSDVS_RemoveDVMirrorSession"}),
+        Changes("mirror clear", Clear, {SWITCH, ANY_PORT},
+                {"Remove all mirror sessions of a port or of the uplinks", "lab port0",
+                 "VSDVS_ClearDVMirrorSessions"}),
+        Reads("mirror live", Live, {SWITCH},
+              {"List the mirror sessions that the driver runs", "lab", "VSZOR_GetDVMirrorSessionIDs",
+               "switch, session"}),
+        Reads("mirror stats", Stats, {SWITCH, session},
+              {"Show the statistics of a running mirror session", "lab session1",
+               "VSZOR_GetDVMirrorSessionStats", "switch", Record::MIRROR_STATS}),
+        Reads("mirror destinations", Destinations, {SWITCH},
+              {"List the promiscuous ports that receive mirrored packets", "lab",
+               "VSZOR_GetPromiscSessionActiveDsts", "", Record::DESTINATION}),
     };
 }
 

@@ -1,12 +1,9 @@
 // vsctl multicast: groups that the running switch filters.
-#include "cli/base/decode.h"
 #include "cli/verbs/verb.h"
 
 namespace vsctl {
 
 namespace {
-
-constexpr Field KIND{"kind", Form::CHOICE, "", 0, 0, "ethernet|ipv4|ipv6"};
 
 struct AddressKind {
     const char *name;
@@ -32,8 +29,7 @@ void AddFilters(const std::string &portset, const AddressKind &kind, const Argum
 Result Filters(const Verb &, const Arguments &arguments)
 {
     const std::string portset = PortsetOf(arguments.Text("SWITCH"));
-    const std::string wanted =
-        arguments.Has("--kind") ? ParseWord(KIND, arguments.Text("--kind")).get<std::string>() : "";
+    const std::string &wanted = arguments.Text("--kind");
     Result result;
     for (const AddressKind &kind : KINDS) {
         if (wanted.empty() || wanted == kind.name) AddFilters(portset, kind, arguments, result.rows);
@@ -69,13 +65,18 @@ Result Groups(const Verb &, const Arguments &arguments)
 
 std::vector<Verb> MulticastVerbs()
 {
+    const Argument selector =
+        NumberOption("--selector", "Groups to list, by a number that the driver defines", UINT32_MAX);
+    const Argument kind =
+        ChoiceOption("--kind", "ethernet, ipv4 or ipv6 (default: all)", "ethernet|ipv4|ipv6");
     return {
-        Reads("multicast", "filters", "lists the multicast groups of a switch",
-              {SWITCH, {"--kind", Shape::OPTION, "ethernet, ipv4 or ipv6 (all)"}, SELECTOR},
-              "lab\nlab --kind ipv4", "VSZOR_GetMcastFilters", Filters),
-        Reads("multicast", "groups", "shows statistics and sources of multicast groups",
-              {SWITCH, {"GROUP", Shape::MANY, "IPv4 or IPv6 addresses of groups"}, SELECTOR}, "lab 224.1.1.1",
-              "VSZOR_GetMcastFilterStats", Groups),
+        Reads("multicast filters", Filters, {SWITCH, kind, selector},
+              {"List the multicast groups of a switch", "lab\nlab --kind ipv4", "VSZOR_GetMcastFilters",
+               "kind, group"}),
+        Reads("multicast groups", Groups,
+              {SWITCH, {"GROUP", Shape::MANY, "IPv4 or IPv6 addresses of groups"}, selector},
+              {"Show the statistics and sources of multicast groups", "lab 224.1.1.1",
+               "VSZOR_GetMcastFilterStats", "group", Record::MCAST_STATS}),
     };
 }
 

@@ -9,17 +9,28 @@ namespace vsctl {
 
 namespace {
 
-const Argument JSON{"--json", Shape::FLAG, "print JSON"};
-const Argument TIMEOUT{"--timeout", Shape::OPTION, "longest wait, like 500ms, 30s or 2m (default 30s)"};
-const Argument DRY_RUN{"--dry-run", Shape::FLAG, "show what would change, and change nothing"};
+const Argument JSON{"--json", Shape::FLAG, "Print JSON"};
+const Argument TIMEOUT{"--timeout", Shape::OPTION, "Longest wait, like 500ms, 30s or 2m (default 30s)"};
+const Argument DRY_RUN{"--dry-run", Shape::FLAG, "Show what would change and change nothing"};
+
+// Words in lines of a terminal's width, indented.
+std::string Indented(const std::vector<std::string> &words)
+{
+    std::string text, line;
+    for (const std::string &word : words) {
+        if (line.size() + word.size() > 76) text += "\n " + std::exchange(line, "");
+        line += " " + word;
+    }
+    return text + "\n " + line;
+}
 
 std::string Footer(const Verb &verb)
 {
     std::string footer = "Examples:";
-    for (const std::string &example : Words(verb.example, '\n'))
+    for (const std::string &example : Words(verb.manual.examples, '\n'))
         footer += fmt::format("\n  vsctl {} {}", verb.Title(), example);
-    if (!verb.operations.empty()) footer += "\nLibrary operations:\n  " + verb.operations;
-    return footer;
+    if (verb.manual.operations.empty()) return footer;
+    return footer + "\nLibrary operations:" + Indented(Words(verb.manual.operations, ' '));
 }
 
 void AddArgument(CLI::App &app, const Argument &argument, std::vector<std::string> &slot)
@@ -29,28 +40,59 @@ void AddArgument(CLI::App &app, const Argument &argument, std::vector<std::strin
             argument.name, [&slot](int64_t) { slot = {"on"}; }, argument.help);
         return;
     }
-    const auto takeOne = [&slot](const std::string &word) { slot = {word}; };
+    const auto setSlot = [&slot](const std::string &word) { slot = {word}; };
     const bool repeats = argument.shape == Shape::MANY || argument.shape == Shape::ANY;
     CLI::Option *option = repeats
                               ? app.add_option(argument.name, slot, argument.help)->expected(-1)
-                              : app.add_option_function<std::string>(argument.name, takeOne, argument.help);
+                              : app.add_option_function<std::string>(argument.name, setSlot, argument.help);
     option->type_name("")->required(argument.shape == Shape::REQUIRED || argument.shape == Shape::MANY);
+    if (!argument.rule) return;
+    option->check([rule = *argument.rule, name = argument.name](const std::string &word) {
+        ParseWord(rule, word, name);
+        return std::string();
+    });
 }
 
-void TakeCommon(const Arguments &arguments, Options &options)
+// What excludes an option is left out of the help: CLI11 lists it in no order.
+class HelpFormat : public CLI::Formatter {
+    std::string make_option_opts(const CLI::Option *option) const override
+    {
+        const std::string repeats = option->get_expected_max() > 1 ? " ..." : "";
+        return repeats + (option->get_required() ? " REQUIRED" : "");
+    }
+};
+
+void AddConditions(CLI::App &app, const Argument &argument)
+{
+    for (const std::string &other : argument.excludes)
+        app.get_option(argument.name)->excludes(app.get_option(other));
+    for (const std::string &other : argument.needs)
+        app.get_option(argument.name)->needs(app.get_option(other));
+}
+
+void ReadCommon(const Arguments &arguments, Options &options)
 {
     if (arguments.Has("--json")) options.json = true;
     if (arguments.Has("--dry-run")) options.dryRun = true;
     if (arguments.Has("--timeout")) options.timeout = ParseSeconds("--timeout", arguments.Text("--timeout"));
 }
 
+// CLI11's words for it, in one line.
+std::string Problem(const CLI::ParseError &error)
+{
+    std::string problem = error.what();
+    std::replace(problem.begin(), problem.end(), '\n', ' ');
+    constexpr std::string_view EXCLUDES = " excludes ";
+    const size_t excludes = problem.find(EXCLUDES);
+    if (error.get_name() != "ExcludesError" || excludes == std::string::npos) return problem;
+    return problem.replace(excludes, EXCLUDES.size(), " and ") + " exclude each other";
+}
+
 Error UsageError(const Verb &verb, const CLI::ParseError &error, const std::vector<std::string> &words)
 {
     std::string advice;
     std::vector<std::string> names;
-    for (const Argument &argument : verb.arguments)
-        names.push_back(argument.name);
-    for (const Argument &argument : CommonArguments(verb))
+    for (const Argument &argument : AllArguments(verb))
         names.push_back(argument.name);
     for (const std::string &word : words) {
         const std::string name = word.substr(0, word.find('='));
@@ -59,27 +101,31 @@ Error UsageError(const Verb &verb, const CLI::ParseError &error, const std::vect
             advice = Suggest(name, names);
     }
     if (advice.empty()) advice = fmt::format("see 'vsctl help {}'", verb.Title());
-    std::string problem = error.what();
-    std::replace(problem.begin(), problem.end(), '\n', ' ');
-    return Error(Exit::USAGE, fmt::format("{}: {}", verb.Title(), problem), advice);
+    return Error(Exit::USAGE, fmt::format("{}: {}", verb.Title(), Problem(error)), advice);
 }
 
 }
 
-std::vector<Argument> CommonArguments(const Verb &verb)
+std::vector<Argument> AllArguments(const Verb &verb)
 {
-    if (verb.effect != Effect::READS) return {JSON, DRY_RUN, TIMEOUT};
-    return {JSON, TIMEOUT};
+    std::vector<Argument> arguments = verb.arguments;
+    arguments.push_back(JSON);
+    if (verb.effect != Effect::READS) arguments.push_back(DRY_RUN);
+    arguments.push_back(TIMEOUT);
+    return arguments;
 }
 
 Parser::Parser(const Verb &verb)
-    : verb(verb), app(std::make_unique<CLI::App>(verb.help, "vsctl " + verb.Title()))
+    : verb(verb), app(std::make_unique<CLI::App>(verb.manual.help, "vsctl " + verb.Title()))
 {
-    app->set_help_flag("-h,--help", "show this help");
+    auto format = std::make_shared<HelpFormat>();
+    format->column_width(24);
+    app->formatter(std::move(format));
+    app->set_help_flag("-h,--help", "Show this help");
+    for (const Argument &argument : AllArguments(verb))
+        AddArgument(*app, argument, arguments.Slot(argument.name));
     for (const Argument &argument : verb.arguments)
-        AddArgument(*app, argument, arguments.Slot(argument.name));
-    for (const Argument &argument : CommonArguments(verb))
-        AddArgument(*app, argument, arguments.Slot(argument.name));
+        AddConditions(*app, argument);
     if (verb.noun == "watch") app->prefix_command();
     app->footer([&verb] { return Footer(verb); });
 }
@@ -88,10 +134,7 @@ Parser::~Parser() = default;
 
 const Arguments &Parser::Parse(const std::vector<std::string> &words, Options &options)
 {
-    for (const Argument &argument : verb.arguments)
-        arguments.Slot(argument.name).clear();
-    for (const Argument &argument : CommonArguments(verb))
-        arguments.Slot(argument.name).clear();
+    arguments.Clear();
     try {
         app->parse(std::vector<std::string>(words.rbegin(), words.rend()));
     } catch (const CLI::CallForHelp &) {
@@ -100,7 +143,7 @@ const Arguments &Parser::Parse(const std::vector<std::string> &words, Options &o
         throw UsageError(verb, error, words);
     }
     if (verb.noun == "watch") arguments.Slot("COMMAND") = app->remaining();
-    TakeCommon(arguments, options);
+    ReadCommon(arguments, options);
     return arguments;
 }
 
@@ -110,13 +153,10 @@ namespace {
 
 bool IsHelp(const std::string &word) { return word == "-h" || word == "--help"; }
 
-// `vsctl switch --help`, in any order: --help of a noun that needs a verb.
-bool AsksForNoun(const std::vector<std::string> &words, const std::vector<std::string> &leading)
+// Whether the words name a noun without the verb that it needs.
+bool LacksVerb(const std::vector<std::string> &words)
 {
     if (words.size() > 1 && !words[1].starts_with("-")) return false;
-    if (std::none_of(words.begin(), words.end(), IsHelp) &&
-        std::none_of(leading.begin(), leading.end(), IsHelp))
-        return false;
     return std::any_of(Verbs().begin(), Verbs().end(),
                        [&words](const Verb &verb) { return verb.noun == words[0] && !verb.name.empty(); });
 }
@@ -126,27 +166,21 @@ bool AsksForNoun(const std::vector<std::string> &words, const std::vector<std::s
 std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words)
 {
     auto noun = words.begin();
-    while (noun < words.end() && noun->starts_with("-")) {
-        // An option of two words ends before the noun.
+    while (noun < words.end() && noun->starts_with("-"))
         noun += *noun == "--timeout" && noun + 1 < words.end() ? 2 : 1;
-    }
-    std::vector<std::string> leading(words.begin(), noun);
+    std::vector<std::string> options(words.begin(), noun);
     words.erase(words.begin(), noun);
+    if (std::find(options.begin(), options.end(), VERSION) != options.end()) return {VERSION};
     if (words.empty()) {
         words = {"help"};
-        std::erase_if(leading, IsHelp);
+        std::erase_if(options, IsHelp);
     }
-    if (std::find(leading.begin(), leading.end(), VERSION) != leading.end()) return {VERSION};
-    if (AsksForNoun(words, leading)) {
-        words.insert(words.end(), leading.begin(), leading.end());
-        std::erase_if(words, IsHelp);
-        words.insert(words.begin(), "help");
-        return words;
-    }
-    if (leading.empty()) return words;
-    size_t used = 0;
-    FindVerb(words, used);
-    words.insert(words.begin() + static_cast<ptrdiff_t>(used), leading.begin(), leading.end());
+    const bool lacksVerb = LacksVerb(words);
+    size_t used = 1;
+    if (!lacksVerb) FindVerb(words, used);
+    words.insert(words.begin() + static_cast<ptrdiff_t>(used), options.begin(), options.end());
+    // `vsctl switch --help` is `vsctl help switch`.
+    if (lacksVerb && std::erase_if(words, IsHelp)) words.insert(words.begin(), "help");
     return words;
 }
 

@@ -37,7 +37,7 @@ std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words);
 std::vector<std::string> SplitLine(const std::string &line);
 double ParseSeconds(const std::string &name, const std::string &text);
 
-// Options that every verb takes.
-std::vector<Argument> CommonArguments(const Verb &verb);
+// The arguments of a verb, and the options that every verb takes.
+std::vector<Argument> AllArguments(const Verb &verb);
 
 }

@@ -1,7 +1,6 @@
 // vsctl port: distributed ports; and the verbs of the policies of ports and switches.
 #include <fmt/format.h>
 
-#include "cli/base/decode.h"
 #include "cli/base/platform.h"
 #include "cli/verbs/verb.h"
 
@@ -143,9 +142,6 @@ Json FileValue(const Field &field, const std::string &path)
 Json GivenValue(const Policy &policy, const Arguments &arguments)
 {
     const Field &first = policy.fields[0];
-    const std::string other = arguments.Has("--file") ? "--file" : OptionName(first);
-    if (arguments.Has("VALUE") && arguments.Has(other))
-        throw Error(Exit::USAGE, fmt::format("a value and {} exclude each other", other));
     if (arguments.Has("--file")) return FileValue(first, arguments.Text("--file"));
     if (policy.IsScalar()) return arguments.Has("VALUE") ? ParseWord(first, arguments.Text("VALUE")) : Json();
     Json value;
@@ -189,11 +185,7 @@ Result GetOrSet(const Verb &verb, const Arguments &arguments)
 {
     const Policy &policy = *verb.policy;
     const Json value = GivenValue(policy, arguments);
-    const bool clear = arguments.Has("--clear");
-    if (clear && !value.is_null()) throw Error(Exit::USAGE, "a value and --clear exclude each other");
-    const bool changes = clear || !value.is_null();
-    if (changes + arguments.Has("--live") + arguments.Has("--by-id") > 1)
-        throw Error(Exit::USAGE, "--live and --by-id only show, one of them at a time");
+    const bool changes = arguments.Has("--clear") || !value.is_null();
     if (!changes && !arguments.Has("--by-id")) SwitchId(arguments.Text("SWITCH"));
     Result result;
     for (const Target &target : Targets(policy, arguments)) {
@@ -209,20 +201,29 @@ Result GetOrSet(const Verb &verb, const Arguments &arguments)
 
 std::vector<Argument> PolicyArguments(const Policy &policy)
 {
+    const Field &first = policy.fields[0];
+    std::vector<Argument> values = {
+        {"VALUE", Shape::OPTIONAL, first.help + std::string("; without a value, the verb shows it")}};
+    if (first.form == Form::BYTES || first.form == Form::BYTES_LIST || first.form == Form::SESSIONS)
+        values.push_back(
+            {"--file", Shape::OPTION, "file that holds the value (- for standard input)", Names::FILE});
+    for (const Field &field : policy.IsScalar() ? std::span<const Field>() : policy.fields)
+        values.push_back({OptionName(field), Shape::OPTION, field.help});
+    std::vector<std::string> others;
+    for (const Argument &value : values)
+        others.push_back(value.name);
+    // VALUE stands for the first field.
+    if (values.size() > 1) values[0].excludes = {values[1].name};
     std::vector<Argument> arguments = {SWITCH};
     if (IsOfPort(policy)) arguments.push_back(PORTS);
-    const Field &first = policy.fields[0];
-    arguments.push_back(
-        {"VALUE", Shape::OPTIONAL, first.help + std::string("; without a value it is shown")});
-    if (first.form == Form::BYTES || first.form == Form::BYTES_LIST || first.form == Form::SESSIONS)
-        arguments.push_back({"--file", Shape::OPTION, "file that holds the value", Names::FILE});
-    if (!policy.IsScalar()) {
-        for (const Field &field : policy.fields)
-            arguments.push_back({OptionName(field), Shape::OPTION, field.help});
-    }
-    if (policy.CanClear()) arguments.push_back({"--clear", Shape::FLAG, "removes it"});
-    if (policy.readLive) arguments.push_back({"--live", Shape::FLAG, "what the driver runs with"});
-    if (policy.readById) arguments.push_back(BY_ID);
+    arguments.insert(arguments.end(), values.begin(), values.end());
+    const auto addAlone = [&](const Argument &argument) {
+        arguments.push_back(Excluding(argument, others));
+        others.push_back(argument.name);
+    };
+    if (policy.CanClear()) addAlone({"--clear", Shape::FLAG, "Remove it"});
+    if (policy.readLive) addAlone({"--live", Shape::FLAG, "Show what the driver runs with"});
+    if (policy.readById) addAlone(BY_ID);
     return arguments;
 }
 
@@ -233,11 +234,13 @@ std::vector<Verb> PolicyVerbs()
     std::vector<Verb> verbs;
     for (const Policy &policy : Policies()) {
         const std::string target = IsOfPort(policy) ? "lab port0" : "lab";
-        verbs.push_back({IsOfPort(policy) ? "port" : "switch", policy.name,
-                         "shows or sets the " + std::string(policy.help), PolicyArguments(policy),
-                         fmt::format("{0}\n{0} {1}{2}", target, policy.example,
-                                     policy.CanClear() ? "\n" + target + " --clear" : ""),
-                         policy.operations, GetOrSet, Effect::STEPS, &policy});
+        const std::string clear = policy.CanClear() ? "\n" + target + " --clear" : "";
+        verbs.push_back(
+            Changes(fmt::format("{} {}", IsOfPort(policy) ? "port" : "switch", policy.name), GetOrSet,
+                    PolicyArguments(policy),
+                    {fmt::format("Show or set the {}", policy.help),
+                     fmt::format("{0}\n{0} {1}{2}", target, policy.example, clear), policy.operations}));
+        verbs.back().policy = &policy;
     }
     return verbs;
 }
@@ -245,22 +248,26 @@ std::vector<Verb> PolicyVerbs()
 std::vector<Verb> PortVerbs()
 {
     return {
-        Changes("port", "add", "adds ports",
-                {SWITCH, PORTS, {"--connect-id", Shape::OPTION, "connect id (1)"}},
-                "lab port8\nlab port8..port15 --connect-id 7", "VSDVS_AddDVPort", Add),
-        Changes("port", "add-opaque", "adds opaque ports, which carry an external id",
-                {SWITCH, PORTS, {"EXTERNAL-ID", Shape::REQUIRED, "the external id"}}, "lab port8 4f2a",
-                "VSDVS_AddOpaqueDVPort", AddOpaque),
-        Changes("port", "remove", "removes ports", {SWITCH, PORTS}, "lab port8..port15", "VSDVS_RemoveDVPort",
-                Remove),
-        Reads("port", "list", "lists the ports of a switch", {SWITCH}, "lab", "", List),
-        Reads("port", "show", "shows ports with their policies", {SWITCH, PORTS},
-              "lab port0\nlab port0..port7 --json", "VSDVS_DvPortIDToPortID VSDVS_GetPortProp DVPortExist",
-              Show),
-        Reads("port", "number", "shows the kernel's numbers of ports", {SWITCH, PORTS, BY_ID},
-              "lab port0..port7", "VSDVS_DvPortIDToPortID VSDVS_DvPortIDToPortIDFromDVSID", Number),
-        Reads("port", "hint", "shows the uplinks that ports send on", {SWITCH, PORTS}, "lab port0",
-              "VSZOR_PortGetTeamUplinkHint VSDVS_DvPortIDToPortID", Hint),
+        Changes("port add", Add,
+                {SWITCH, PORTS, NumberOption("--connect-id", "Connect id (default 1)", UINT32_MAX)},
+                {"Add ports", "lab port8\nlab port8..port15 --connect-id 7", "VSDVS_AddDVPort"}),
+        Changes("port add-opaque", AddOpaque,
+                {SWITCH, PORTS, {"EXTERNAL-ID", Shape::REQUIRED, "external id of the ports"}},
+                {"Add opaque ports, which have an external id", "lab port8 4f2a", "VSDVS_AddOpaqueDVPort"}),
+        Changes("port remove", Remove, {SWITCH, PORTS},
+                {"Remove ports", "lab port8..port15", "VSDVS_RemoveDVPort"}),
+        Reads("port list", List, {SWITCH},
+              {"List the ports of a switch", "lab", "", "switch, port, number:number, uplink:boolean, nic?"}),
+        Reads("port show", Show, {SWITCH, PORTS},
+              {"Show ports with their policies", "lab port0\nlab port0..port7 --json",
+               "VSDVS_DvPortIDToPortID VSDVS_GetPortProp DVPortExist",
+               "switch, port, number:number, [connect-id:number], [external-id], [*port]"}),
+        Reads("port number", Number, {SWITCH, PORTS, BY_ID},
+              {"Show the kernel's numbers of ports", "lab port0..port7",
+               "VSDVS_DvPortIDToPortID VSDVS_DvPortIDToPortIDFromDVSID", "switch, port, number:number"}),
+        Reads("port hint", Hint, {SWITCH, PORTS},
+              {"Show the uplinks that ports send on", "lab port0",
+               "VSZOR_PortGetTeamUplinkHint VSDVS_DvPortIDToPortID", "switch, port", Record::HINT}),
     };
 }
 

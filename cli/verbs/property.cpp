@@ -9,24 +9,17 @@ namespace vsctl {
 
 namespace {
 
-constexpr Field LEVEL{"level", Form::CHOICE, "", 0, 0, "global|host|port"};
-
 NamedProperty PropertyOf(const Arguments &arguments)
 {
-    const std::string level = arguments.Text("--level", arguments.Has("--port") ? "port" : "global");
-    NamedProperty property{
-        static_cast<PropertyLevel>(ChoiceIndex(LEVEL, ParseWord(LEVEL, level).get<std::string>())),
-        {arguments.Text("SWITCH"), arguments.Text("--port")},
-        arguments.Text("KEY"),
-        arguments.Has("--by-id")};
-    if ((property.level == PropertyLevel::PORT) != arguments.Has("--port"))
-        throw Error(Exit::USAGE, "--port goes with --level port, and --level port needs it");
-    return property;
-}
-
-const char *LevelName(const NamedProperty &property)
-{
-    return LEVEL_NAMES[static_cast<size_t>(property.level)];
+    const bool hasPort = arguments.Has("--port");
+    const std::string level = arguments.Text("--level", hasPort ? "port" : "global");
+    if ((level == "port") != hasPort)
+        throw Error(Exit::USAGE,
+                    hasPort ? "--port excludes --level " + level : "--level port requires --port");
+    return {LevelOf(level),
+            {arguments.Text("SWITCH"), arguments.Text("--port")},
+            arguments.Text("KEY"),
+            arguments.Has("--by-id")};
 }
 
 bool IsText(const Bytes &bytes)
@@ -47,7 +40,7 @@ Result Get(const Verb &, const Arguments &arguments)
           PropertyAdvice(property.target, property.byId));
     Json row = {{"switch", property.target.alias}};
     if (property.level == PropertyLevel::PORT) row["port"] = property.target.port;
-    row["level"] = LevelName(property);
+    row["level"] = LevelName(property.level);
     row["key"] = property.key;
     row["length"] = bytes.size();
     row["bytes"] = Hex(bytes.data(), bytes.size());
@@ -69,8 +62,9 @@ Result List(const Verb &, const Arguments &arguments)
     for (const vshost_property_name &property : *properties) {
         Json row = {{"switch", target.alias}};
         if (!target.port.empty()) row["port"] = target.port;
-        row.update(
-            {{"level", LEVEL_NAMES[property.level]}, {"key", property.key}, {"length", property.length}});
+        row.update({{"level", LevelName(static_cast<PropertyLevel>(property.level))},
+                    {"key", property.key},
+                    {"length", property.length}});
         result.rows.push_back(row);
     }
     return result;
@@ -79,7 +73,7 @@ Result List(const Verb &, const Arguments &arguments)
 Result ChangeTo(const Arguments &arguments, const Json &bytes)
 {
     const NamedProperty property = PropertyOf(arguments);
-    Json value = {{"level", LevelName(property)}, {"key", property.key}, {"bytes", bytes}};
+    Json value = {{"level", LevelName(property.level)}, {"key", property.key}, {"bytes", bytes}};
     if (property.byId) value["by-id"] = true;
     return Steps({{"property", property.target, value}});
 }
@@ -88,8 +82,6 @@ Result Set(const Verb &, const Arguments &arguments)
 {
     Bytes bytes;
     if (arguments.Has("--text")) {
-        if (arguments.Has("--hex") || arguments.Has("--file"))
-            throw Error(Exit::USAGE, "--text, --hex and --file exclude each other");
         const std::string &text = arguments.Text("--text");
         bytes.assign(text.c_str(), text.c_str() + text.size() + 1);
     } else {
@@ -104,27 +96,33 @@ Result Clear(const Verb &, const Arguments &arguments) { return ChangeTo(argumen
 
 std::vector<Verb> PropertyVerbs()
 {
+    const Argument port{"--port", Shape::OPTION, "Port that has the property", Names::PORT};
     const std::vector<Argument> which = {
         SWITCH,
         {"KEY", Shape::REQUIRED, "key of the property"},
-        {"--level", Shape::OPTION, "global, host or port (global)"},
-        {"--port", Shape::OPTION, "the port whose property it is", Names::PORT},
+        ChoiceOption("--level", "global, host or port (default: port with --port, else global)",
+                     "global|host|port"),
+        port,
         BY_ID};
     std::vector<Argument> given = which;
-    given.push_back({"--text", Shape::OPTION, "a text, stored with its NUL"});
+    given.push_back(
+        Excluding({"--text", Shape::OPTION, "Text, stored with a NUL at its end"}, {"--hex", "--file"}));
     given.push_back(HEX);
     given.push_back(FROM_FILE);
+    const std::string where = "switch, [port], level=global|host|port, key, length:number";
     return {
-        Reads("property", "list", "lists the properties of a switch or port",
-              {SWITCH, {"--port", Shape::OPTION, "the port whose properties they are", Names::PORT}, BY_ID},
-              "lab\nlab --port port0", "", List),
-        Reads("property", "get", "shows a property by its key", which,
-              "lab com.talpex.common.alias\nlab com.talpex.common.port.alias --port port0",
-              "VSDVS_GetGlobProp VSDVS_GetHostProp VSDVS_GetPortProp", Get),
-        Changes("property", "set", "sets a property by its key", given, "lab com.example.owner --text ops",
-                "VSDVS_SetGlobProp VSDVS_SetHostProp VSDVS_SetPortProp", Set),
-        Changes("property", "clear", "removes a property by its key", which, "lab com.example.owner",
-                "VSDVS_ClearGlobProp VSDVS_ClearHostProp VSDVS_ClearPortProp", Clear),
+        Reads("property list", List, {SWITCH, port, BY_ID},
+              {"List the properties of a switch or port", "lab\nlab --port port0", "", where}),
+        Reads("property get", Get, which,
+              {"Show a property by its key",
+               "lab com.talpex.common.alias\nlab com.talpex.common.port.alias --port port0",
+               "VSDVS_GetGlobProp VSDVS_GetHostProp VSDVS_GetPortProp", where + ", bytes:hex, [text]"}),
+        Changes("property set", Set, given,
+                {"Set a property by its key", "lab com.example.owner --text ops",
+                 "VSDVS_SetGlobProp VSDVS_SetHostProp VSDVS_SetPortProp"}),
+        Changes("property clear", Clear, which,
+                {"Remove a property by its key", "lab com.example.owner",
+                 "VSDVS_ClearGlobProp VSDVS_ClearHostProp VSDVS_ClearPortProp"}),
     };
 }
 

@@ -3,7 +3,6 @@
 #include <charconv>
 #include <fmt/format.h>
 
-#include "cli/base/decode.h"
 #include "cli/verbs/verb.h"
 
 namespace vsctl {
@@ -42,6 +41,8 @@ uint32_t ParseNumber(std::string_view text, uint32_t max)
     return number;
 }
 
+uint16_t ParseOption(std::string_view text) { return static_cast<uint16_t>(ParseNumber(text, UINT16_MAX)); }
+
 // All of them when there are no ids.
 Json Options(const std::vector<uint16_t> &ids)
 {
@@ -55,14 +56,13 @@ Result GetOptions(const Verb &, const Arguments &arguments)
 {
     std::vector<uint16_t> ids;
     for (const std::string &word : arguments.List("OPTION"))
-        ids.push_back(static_cast<uint16_t>(ParseNumber(word, UINT16_MAX)));
+        ids.push_back(ParseOption(word));
     return Rows(Options(ids));
 }
 
 Bytes GivenOptions(const Arguments &arguments)
 {
     if (arguments.List("OPTION").empty()) return GivenBytes(arguments, 0);
-    RefuseBytes(arguments, "OPTION=VALUE");
     if (!IsEmbedded()) {
         throw Error(Exit::USAGE,
                     "OPTION=VALUE needs a driver whose records are documented, and this one's are not",
@@ -72,8 +72,7 @@ Bytes GivenOptions(const Arguments &arguments)
     for (const std::string &word : arguments.List("OPTION")) {
         const size_t sign = std::min(word.find('='), word.size());
         const std::string_view value = std::string_view(word).substr(std::min(sign + 1, word.size()));
-        options.emplace_back(static_cast<uint16_t>(ParseNumber(word.substr(0, sign), UINT16_MAX)),
-                             ParseNumber(value, UINT32_MAX));
+        options.emplace_back(ParseOption(word.substr(0, sign)), ParseNumber(value, UINT32_MAX));
     }
     return OptionsRecord(options);
 }
@@ -131,19 +130,23 @@ Result Rtm(const Verb &, const Arguments &arguments)
 std::vector<Verb> RuntimeVerbs()
 {
     return {
-        Reads("stats", "rarp", "shows the RARP statistics of a switch", {SWITCH}, "lab", "VSZOR_GetRARPStats",
-              Rarp),
-        Reads("stats", "teaming", "shows the service-port teaming statistics of a switch", {SWITCH}, "lab",
-              "VSZOR_GetServicePortTeamingStats", Teaming),
-        Reads("option", "get", "shows runtime options of the driver",
-              {{"OPTION", Shape::ANY, "numbers of options (all)"}}, "\n1 2", "VSZOR_GetRuntimeOptions",
-              GetOptions),
-        ChangesNow("option", "set", "sets runtime options of the driver",
-                   {{"OPTION", Shape::ANY, "options as NUMBER=VALUE"}, HEX, FROM_FILE}, "1=100 2=0",
-                   "VSZOR_SetRuntimeOptions", SetOptions),
-        ChangesNow("rtm", "send", "passes a record to the RTM device",
-                   {{"COMMAND", Shape::REQUIRED, "command number"}, HEX, FROM_FILE},
-                   "7 --hex 000000000000000000", "VSZOR_RTMOp", Rtm),
+        Reads("stats rarp", Rarp, {SWITCH},
+              {"Show the RARP statistics of a switch", "lab", "VSZOR_GetRARPStats", "switch",
+               Record::RARP_STATS}),
+        Reads("stats teaming", Teaming, {SWITCH},
+              {"Show the teaming statistics of a switch's service port", "lab",
+               "VSZOR_GetServicePortTeamingStats", "switch", Record::TEAMING_STATS}),
+        Reads("option get", GetOptions, {{"OPTION", Shape::ANY, "numbers of options (default: all)"}},
+              {"Show runtime options of the driver", "\n1 2", "VSZOR_GetRuntimeOptions",
+               "option:number, value:number", Record::OPTIONS}),
+        ChangesNow("option set", SetOptions,
+                   {Excluding({"OPTION", Shape::ANY, "options as NUMBER=VALUE"}, {"--hex", "--file"}), HEX,
+                    FROM_FILE},
+                   {"Set runtime options of the driver", "1=100 2=0", "VSZOR_SetRuntimeOptions",
+                    "option:number, value:number", Record::OPTIONS}),
+        ChangesNow("rtm send", Rtm, {{"COMMAND", Shape::REQUIRED, "number of the command"}, HEX, FROM_FILE},
+                   {"Send a record to the RTM device", "7 --hex 000000000000000000", "VSZOR_RTMOp",
+                    "command:number, entries:number, sent:boolean"}),
     };
 }
 

@@ -1,7 +1,6 @@
 // vsctl switch: switches as a whole.
 #include <set>
 
-#include "cli/base/decode.h"
 #include "cli/verbs/verb.h"
 
 namespace vsctl {
@@ -77,9 +76,9 @@ Result Create(const Verb &, const Arguments &arguments)
                   {"portset", portset},
                   {"version", arguments.Number("--version", 1)},
                   {"opaque", arguments.Has("--opaque")},
-                  {"max-ports", arguments.Number("--max-ports", 0, MAX_PORTS)},
-                  {"uplink-count", arguments.Number("--uplinks", 0, MAX_NEW_UPLINKS)},
-                  {"port-count", arguments.Number("--ports", 0, MAX_NEW_PORTS)}};
+                  {"max-ports", arguments.Number("--max-ports", 0)},
+                  {"uplink-count", arguments.Number("--uplinks", 0)},
+                  {"port-count", arguments.Number("--ports", 0)}};
     return Steps({{"switch", {alias, ""}, value}});
 }
 
@@ -94,23 +93,29 @@ std::vector<Verb> SwitchVerbs()
 {
     const Argument name{"SWITCH", Shape::REQUIRED, "alias of the new switch"};
     return {
-        Reads("switch", "list", "lists the switches, and whether they run", {}, "\n--json",
-              "VSZOR_GetSwitches VSDVS_GetAliasFromPortset DVSAliasToPortsetName DVSAliasToSwitchId", List),
-        Reads("switch", "show", "shows a switch: its names, uplinks, policies and live state", {SWITCH},
-              "lab", "DVSAliasToSwitchId DVSAliasToPortsetName VSDVS_GetGlobProp VSZOR_GetVSInfo", Show),
-        Changes("switch", "create",
-                "creates a switch, with uplinks uplink0, uplink1, … and ports port0, port1, …",
-                {name,
-                 {"--uplinks", Shape::OPTION, "number of uplinks (0)"},
-                 {"--ports", Shape::OPTION, "number of ports (0)"},
-                 {"--max-ports", Shape::OPTION, "ports that there may be (128)"},
-                 {"--id", Shape::OPTION, "switch id (a random one)"},
-                 {"--portset", Shape::OPTION, "kernel name (the alias)"},
-                 {"--version", Shape::OPTION, "version number (1)"},
-                 {"--opaque", Shape::FLAG, "an opaque switch"}},
-                "lab --uplinks 2 --ports 8\nlab --portset vs0 --max-ports 64", "VSDVS_CreateVSwitch", Create),
-        Changes("switch", "destroy", "destroys a switch with all its ports", {SWITCH}, "lab",
-                "VSDVS_DestroyVSwitch", Destroy),
+        Reads("switch list", List, {},
+              {"List the switches and whether they run", "\n--json",
+               "VSZOR_GetSwitches VSDVS_GetAliasFromPortset DVSAliasToPortsetName DVSAliasToSwitchId",
+               "switch?, portset?, id?, state=running|not running"}),
+        Reads("switch show", Show, {SWITCH},
+              {"Show the names, uplinks, policies and live state of a switch", "lab",
+               "DVSAliasToSwitchId DVSAliasToPortsetName VSDVS_GetGlobProp VSZOR_GetVSInfo",
+               "switch, id, portset, [version:number], opaque:boolean, [max-ports:number], uplinks:texts, "
+               "live:record, [*switch]"}),
+        Changes(
+            "switch create", Create,
+            {name,
+             NumberOption("--uplinks", "Uplinks to make: uplink0, uplink1, … (default 0)", MAX_NEW_UPLINKS),
+             NumberOption("--ports", "Ports to make: port0, port1, … (default 0)", MAX_NEW_PORTS),
+             NumberOption("--max-ports", "Ports that the switch can have (default 128)", MAX_PORTS),
+             {"--id", Shape::OPTION, "Switch id (default: a random one)"},
+             {"--portset", Shape::OPTION, "Kernel name (default: the alias)"},
+             NumberOption("--version", "Version number (default 1)", UINT32_MAX),
+             {"--opaque", Shape::FLAG, "Make an opaque switch"}},
+            {"Create a switch, with uplinks and ports",
+             "lab --uplinks 2 --ports 8\nlab --portset vs0 --max-ports 64", "VSDVS_CreateVSwitch"}),
+        Changes("switch destroy", Destroy, {SWITCH},
+                {"Destroy a switch with all its ports", "lab", "VSDVS_DestroyVSwitch"}),
     };
 }
 

@@ -1,7 +1,6 @@
 // vsctl uplink and lag: uplink ports of a switch, and the links behind them.
 #include <fmt/format.h>
 
-#include "cli/base/decode.h"
 #include "cli/verbs/verb.h"
 
 namespace vsctl {
@@ -93,17 +92,12 @@ Result Remove(const Verb &, const Arguments &arguments)
 
 Result Set(const Verb &, const Arguments &arguments)
 {
-    if (arguments.Has("--count") != arguments.List("UPLINK").empty())
-        throw Error(Exit::USAGE, "the uplinks are given by their names or by --count");
-    Result result;
-    if (arguments.Has("--count")) {
-        result.steps.push_back(
-            UplinkStep(arguments, {{"count", arguments.Number("--count", 0, MAX_NEW_UPLINKS)}}));
-        return result;
-    }
+    if (arguments.Has("--count"))
+        return Steps({UplinkStep(arguments, {{"count", arguments.Number("--count", 0)}})});
     const auto &names = NewNames(arguments);
-    result.steps.push_back(UplinkStep(arguments, {{"set", {{"names", names}, {"ids", names}}}}));
-    return result;
+    if (names.empty())
+        throw Error(Exit::USAGE, "there are no uplinks to set", "give their names, or --count");
+    return Steps({UplinkStep(arguments, {{"set", {{"names", names}, {"ids", names}}}})});
 }
 
 Result Clear(const Verb &, const Arguments &arguments)
@@ -157,39 +151,48 @@ Result Lags(const Verb &, const Arguments &arguments)
 
 std::vector<Verb> UplinkVerbs()
 {
-    const Argument newName{"UPLINK", Shape::MANY, "names of the uplinks, which are also their port ids"};
+    const Argument newNames{"UPLINK", Shape::MANY, "names of the uplinks, which are also their port ids"};
     const Argument listed{"UPLINK", Shape::MANY, "port ids of the uplinks", Names::UPLINK};
     const Argument running{"UPLINK", Shape::REQUIRED, "name of the running uplink", Names::RUNNING_UPLINK};
-    Argument several = newName;
-    several.shape = Shape::ANY;
+    Argument allNames = Excluding(newNames, {"--count"});
+    allNames.shape = Shape::ANY;
     return {
-        Reads("uplink", "list", "lists the uplinks of a switch", {SWITCH}, "lab",
-              "VSDVS_GetSwitchUplinkPorts VSZOR_GetUplinks VSZOR_GetUplinkDVPortID", List),
-        Reads("uplink", "live", "lists the uplinks that the driver runs", {SWITCH}, "lab", "VSZOR_GetUplinks",
-              Live),
-        Changes("uplink", "add", "adds uplinks to a switch", {SWITCH, newName}, "lab uplink2",
-                "VSDVS_AddSwitchUplinkPort", Add),
-        Changes("uplink", "remove", "removes uplinks of a switch", {SWITCH, listed}, "lab uplink2",
-                "VSDVS_RemoveSwitchUplinkPort", Remove),
-        Changes("uplink", "set", "gives a switch its uplinks, by name or by number",
-                {SWITCH, several, {"--count", Shape::OPTION, "that many, named uplink0, uplink1, …"}},
-                "lab east west\nlab --count 2", "VSDVS_SetSwitchUplinkPorts SetNumSwitchUplinkPortsByUUID",
-                Set),
-        Changes("uplink", "clear", "forgets the lists of a switch's uplinks and keeps their ports", {SWITCH},
-                "lab", "VSDVS_ClearSwitchUplinkPorts", Clear),
-        Reads("uplink", "link", "shows whether an uplink has a link", {SWITCH, running}, "lab nic0",
-              "VSZOR_GetUplinkLinkState", LinkState<VSZOR_GetUplinkLinkState>),
-        Reads("uplink", "lacp", "shows whether an uplink has a link in a LAG", {SWITCH, running}, "lab nic0",
-              "VSZOR_GetUplinkLACPLinkState", LinkState<VSZOR_GetUplinkLACPLinkState>),
-        Changes("uplink", "up", "takes an uplink up", {SWITCH, running}, "lab nic0",
-                "VSZOR_SetUplinkAdminLinkState", UpOrDown),
-        Changes("uplink", "down", "takes an uplink down", {SWITCH, running}, "lab nic0",
-                "VSZOR_SetUplinkAdminLinkState", UpOrDown),
-        Reads("uplink", "port", "shows the port id of a running uplink", {running}, "nic0",
-              "VSZOR_GetUplinkDVPortID", Port),
-        ChangesNow("uplink", "numa", "has the driver read the NUMA nodes of a switch's uplinks again",
-                   {SWITCH}, "lab", "VSZOR_RefreshDevNUMAInfo", Numa),
-        Reads("lag", "list", "lists the LAGs of a switch", {SWITCH}, "lab", "VSZOR_GetLAGTable", Lags),
+        Reads("uplink list", List, {SWITCH},
+              {"List the uplinks of a switch", "lab",
+               "VSDVS_GetSwitchUplinkPorts VSZOR_GetUplinks VSZOR_GetUplinkDVPortID",
+               "switch, uplink, port, [nic], [link:boolean]"}),
+        Reads("uplink live", Live, {SWITCH},
+              {"List the uplinks that the driver runs", "lab", "VSZOR_GetUplinks", "", Record::UPLINK}),
+        Changes("uplink add", Add, {SWITCH, newNames},
+                {"Add uplinks to a switch", "lab uplink2", "VSDVS_AddSwitchUplinkPort"}),
+        Changes("uplink remove", Remove, {SWITCH, listed},
+                {"Remove uplinks from a switch", "lab uplink2", "VSDVS_RemoveSwitchUplinkPort"}),
+        Changes("uplink set", Set,
+                {SWITCH, allNames,
+                 NumberOption("--count", "Number of uplinks: uplink0, uplink1, …", MAX_NEW_UPLINKS)},
+                {"Replace the uplinks of a switch", "lab east west\nlab --count 2",
+                 "VSDVS_SetSwitchUplinkPorts SetNumSwitchUplinkPortsByUUID"}),
+        Changes(
+            "uplink clear", Clear, {SWITCH},
+            {"Clear the uplink lists of a switch and keep the ports", "lab", "VSDVS_ClearSwitchUplinkPorts"}),
+        Reads("uplink link", LinkState<VSZOR_GetUplinkLinkState>, {SWITCH, running},
+              {"Show whether an uplink has a link", "lab nic0", "VSZOR_GetUplinkLinkState",
+               "switch, uplink, link:boolean"}),
+        Reads("uplink lacp", LinkState<VSZOR_GetUplinkLACPLinkState>, {SWITCH, running},
+              {"Show whether an uplink has a link in a LAG", "lab nic0", "VSZOR_GetUplinkLACPLinkState",
+               "switch, uplink, lacp:boolean"}),
+        Changes("uplink up", UpOrDown, {SWITCH, running},
+                {"Bring an uplink up", "lab nic0", "VSZOR_SetUplinkAdminLinkState"}),
+        Changes("uplink down", UpOrDown, {SWITCH, running},
+                {"Take an uplink down", "lab nic0", "VSZOR_SetUplinkAdminLinkState"}),
+        Reads("uplink port", Port, {running},
+              {"Show the port id of a running uplink", "nic0", "VSZOR_GetUplinkDVPortID", "uplink, port"}),
+        ChangesNow("uplink numa", Numa, {SWITCH},
+                   {"Refresh the NUMA nodes of a switch's uplinks", "lab", "VSZOR_RefreshDevNUMAInfo",
+                    "switch, refreshed:boolean"}),
+        Reads("lag list", Lags, {SWITCH},
+              {"List the LAGs of a switch", "lab", "VSZOR_GetLAGTable",
+               "lag, mode, timeout, load-balance:number, link:boolean, members:texts", Record::LAG_TABLE}),
     };
 }
 

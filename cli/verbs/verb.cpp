@@ -30,17 +30,12 @@ std::string Arguments::Text(const std::string &name, const std::string &absent) 
     return Has(name) ? Text(name) : absent;
 }
 
-uint32_t Arguments::Number(const std::string &name, uint32_t absent, uint32_t max) const
+uint32_t Arguments::Number(const std::string &name, uint32_t absent) const
 {
-    if (!Has(name)) return absent;
-    const std::string help = name;
-    const Field field{"", Form::NUMBER, help.c_str(), 0, max};
-    try {
-        return ParseWord(field, Text(name)).get<uint32_t>();
-    } catch (const Error &) {
-        throw Error(Exit::BAD_VALUE,
-                    fmt::format("{} must be a number from 0 to {}, not '{}'", name, max, Text(name)));
-    }
+    uint32_t number = absent;
+    const std::string &word = Text(name);
+    std::from_chars(word.data(), word.data() + word.size(), number);
+    return number;
 }
 
 Target Arguments::Target() const { return {Text("SWITCH"), Text("PORT")}; }
@@ -53,16 +48,10 @@ std::vector<Target> Arguments::Ports() const
     return ports;
 }
 
-void RefuseBytes(const Arguments &arguments, const char *fields)
-{
-    if (arguments.Has("--hex") || arguments.Has("--file"))
-        throw Error(Exit::USAGE, fmt::format("{} and --hex or --file exclude each other", fields));
-}
-
 Bytes GivenBytes(const Arguments &arguments, size_t size)
 {
-    if (arguments.Has("--hex") == arguments.Has("--file"))
-        throw Error(Exit::USAGE, "the bytes are given by --hex or by --file");
+    if (!arguments.Has("--hex") && !arguments.Has("--file"))
+        throw Error(Exit::USAGE, "there is nothing to send or store", "give the bytes with --hex or --file");
     Bytes bytes;
     if (arguments.Has("--hex")) {
         bytes = FromHex(arguments.Text("--hex"));
@@ -71,36 +60,44 @@ Bytes GivenBytes(const Arguments &arguments, size_t size)
         bytes.assign(content.begin(), content.end());
     }
     if (size && bytes.size() != size)
-        throw Error(Exit::BAD_VALUE, fmt::format("{} bytes are needed, not {}", size, bytes.size()));
+        throw Error(Exit::BAD_VALUE, fmt::format("the record has {} bytes, not {}", size, bytes.size()));
     return bytes;
 }
 
-Verb Reads(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
-           std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &))
+Argument NumberOption(const char *name, const char *help, int64_t max)
 {
-    return {std::move(noun),
-            std::move(name),
-            std::move(help),
-            std::move(arguments),
-            std::move(example),
-            std::move(operations),
-            run};
+    return {name, Shape::OPTION, help, Names::NONE, Field{"", Form::NUMBER, "", 0, max}};
 }
 
-Verb Changes(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
-             std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &))
+Argument ChoiceOption(const char *name, const char *help, const char *choices)
 {
-    Verb verb = Reads(std::move(noun), std::move(name), std::move(help), std::move(arguments),
-                      std::move(example), std::move(operations), run);
+    return {name, Shape::OPTION, help, Names::NONE, Field{"", Form::CHOICE, "", 0, 0, choices}};
+}
+
+Argument Excluding(Argument argument, std::vector<std::string> excluded)
+{
+    argument.excludes = std::move(excluded);
+    return argument;
+}
+
+Verb Reads(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual)
+{
+    const size_t end = std::min(title.find(' '), title.size());
+    return {title.substr(0, end), title.substr(std::min(end + 1, title.size())),
+            Effect::READS,        run,
+            std::move(arguments), std::move(manual)};
+}
+
+Verb Changes(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual)
+{
+    Verb verb = Reads(title, run, std::move(arguments), std::move(manual));
     verb.effect = Effect::STEPS;
     return verb;
 }
 
-Verb ChangesNow(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
-                std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &))
+Verb ChangesNow(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual)
 {
-    Verb verb = Reads(std::move(noun), std::move(name), std::move(help), std::move(arguments),
-                      std::move(example), std::move(operations), run);
+    Verb verb = Reads(title, run, std::move(arguments), std::move(manual));
     verb.effect = Effect::DIRECT;
     return verb;
 }
@@ -161,10 +158,10 @@ Json VerbRow(const Verb &verb)
                              {"takes-value", shape != Shape::FLAG}});
     }
     Json examples = Json::array();
-    for (const std::string &example : Words(verb.example, '\n'))
+    for (const std::string &example : Words(verb.manual.examples, '\n'))
         examples.push_back("vsctl " + verb.Title() + (example.empty() ? "" : " ") + example);
     return {{"verb", verb.Title()},
-            {"purpose", verb.help},
+            {"purpose", verb.manual.help},
             {"changes", verb.effect != Effect::READS},
             {"arguments", arguments},
             {"examples", examples}};
@@ -204,7 +201,7 @@ namespace {
 const Verb &FindVerb(const std::vector<std::string> &words, size_t &used)
 {
     const std::string noun = words.empty() ? "" : words[0];
-    const std::string name = words.size() < 2 ? "" : words[1];
+    const std::string name = words.size() < 2 || words[1].starts_with("-") ? "" : words[1];
     for (const Verb &verb : Verbs()) {
         if (verb.noun != noun || (!verb.name.empty() && verb.name != name)) continue;
         used = verb.name.empty() ? 1 : 2;

@@ -1,15 +1,16 @@
-// Verbs: a row each, with its arguments, examples, the operations it uses and what does it.
+// The table of verbs: what each takes, does and prints.
 #pragma once
 
 #include <map>
 
+#include "cli/base/decode.h"
 #include "cli/change/result.h"
 
 namespace vsctl {
 
 enum class Shape { REQUIRED, OPTIONAL, MANY, ANY, FLAG, OPTION }; // MANY: one or more; ANY: none or more
 
-// What completes an argument.
+// What shell completion offers for an argument.
 enum class Names { NONE, SWITCH, PORT, UPLINK, RUNNING_UPLINK, FILE, NOUN, VERB };
 
 struct Argument {
@@ -17,22 +18,34 @@ struct Argument {
     Shape shape;
     std::string help;
     Names names = Names::NONE;
+    std::optional<Field> rule = {};         // what a word may be; without one, the verb checks it
+    std::vector<std::string> excludes = {}; // arguments that must not be given as well
+    std::vector<std::string> needs = {};    // arguments that must be given as well
 };
+// An option that takes a number up to `max`, or one of the choices.
+Argument NumberOption(const char *name, const char *help, int64_t max);
+Argument ChoiceOption(const char *name, const char *help, const char *choices);
+Argument Excluding(Argument argument, std::vector<std::string> excluded);
 
 // The words given for a verb's arguments.
 class Arguments {
 public:
-    void Clear() { words.clear(); }
+    void Clear()
+    {
+        for (auto &[name, list] : words)
+            list.clear();
+    }
     std::vector<std::string> &Slot(const std::string &name) { return words[name]; }
 
     bool Has(const std::string &name) const;
     const std::string &Text(const std::string &name) const;
     std::string Text(const std::string &name, const std::string &absent) const;
     const std::vector<std::string> &List(const std::string &name) const;
-    uint32_t Number(const std::string &name, uint32_t absent, uint32_t max = UINT32_MAX) const;
-    // Of SWITCH, and PORT if the verb has it.
+    // Of an argument whose rule is a number.
+    uint32_t Number(const std::string &name, uint32_t absent) const;
+    // SWITCH, and PORT if the verb takes it.
     struct Target Target() const;
-    // One for each port of PORT.
+    // The ports that PORT names.
     std::vector<struct Target> Ports() const;
     bool IsDryRun() const { return Has("--dry-run"); }
 
@@ -40,50 +53,58 @@ private:
     std::map<std::string, std::vector<std::string>> words;
 };
 
+struct Verb;
+
 enum class Effect {
     READS,
     STEPS, // returns steps, which can be shown, undone and put in a batch
-    DIRECT // changes what is running at once, and can't be undone
+    DIRECT // changes the running host at once, and cannot be undone
 };
+
+struct Manual {
+    std::string help;
+    std::string examples;   // what follows the title, one a line
+    std::string operations; // of the library that the verb uses, separated by spaces
+    // What a row of output holds, as schema.cpp reads it; empty where a verb prints text, or steps alone.
+    std::string rows = "";
+    std::optional<Record> record = {}; // the driver's record that each row ends with
+};
+
+using RunFunction = Result (*)(const Verb &, const Arguments &);
 
 struct Verb {
     std::string noun;
-    std::string name; // empty where the noun is all
-    std::string help;
+    std::string name; // empty where the noun is the whole command
+    Effect effect;
+    RunFunction run;
     std::vector<Argument> arguments;
-    std::string example; // what follows noun and verb; several are separated by '\n'
-    std::string operations;
-    Result (*run)(const Verb &, const Arguments &);
-    Effect effect = Effect::READS;
+    Manual manual;
     const Policy *policy = nullptr;
 
     std::string Title() const { return name.empty() ? noun : noun + " " + name; }
 };
 
-// Rows of the table: verbs that read, that return steps, and that change what is running at once.
-Verb Reads(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
-           std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &));
-Verb Changes(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
-             std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &));
-Verb ChangesNow(std::string noun, std::string name, std::string help, std::vector<Argument> arguments,
-                std::string example, std::string operations, Result (*run)(const Verb &, const Arguments &));
+// Rows of the table, one function for each effect. The title is the noun and, after a space, the name.
+Verb Reads(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual);
+Verb Changes(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual);
+Verb ChangesNow(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual);
 
 // Results of one kind. An object is one row.
 Result Rows(Json rows);
 Result Steps(std::vector<Step> steps);
-// Of a verb that changes what is running at once. A dry run shows no rows where nothing would change.
+// Of a verb that changes the running host at once. A dry run that would change nothing shows no rows.
 Result Changed(const Arguments &arguments, Json rows, bool changes = true);
 Result Text(std::string text);
 
-// All verbs, by noun. Those of the policies are made from their rows.
+// All verbs, by noun. The verbs of policies are made from the table of policies.
 const std::vector<Verb> &Verbs();
 std::vector<std::string> Nouns();
-// What help --json tells of a verb.
+// The row that `help --json` prints for a verb.
 Json VerbRow(const Verb &verb);
-// The verb that the words begin with; `used` receives how many of them name it. Throws with the nearest.
+// The verb that the words begin with; `used` receives how many words name it. Throws with the nearest name.
 const Verb &FindVerb(const std::vector<std::string> &words, size_t &used);
 
-// Rows of each file of commands.
+// The verbs of each source file.
 std::vector<Verb> SwitchVerbs();
 std::vector<Verb> PortVerbs();
 std::vector<Verb> PolicyVerbs();
@@ -99,18 +120,14 @@ std::vector<Verb> GeneralVerbs();
 inline const Argument SWITCH{"SWITCH", Shape::REQUIRED, "alias of the switch", Names::SWITCH};
 inline const Argument ONE_PORT{"PORT", Shape::REQUIRED, "port id", Names::PORT};
 inline const Argument PORTS{"PORT", Shape::REQUIRED, "port ids, like port0,port4..port7", Names::PORT};
-inline const Argument ANY_PORT{"PORT", Shape::OPTIONAL, "port id; the host's uplinks without one",
-                               Names::PORT};
+inline const Argument ANY_PORT{"PORT", Shape::OPTIONAL, "port id; without one, the uplinks", Names::PORT};
 inline const Argument BY_ID{"--by-id", Shape::FLAG, "SWITCH is a switch id, not an alias"};
-inline const Argument SELECTOR{"--selector", Shape::OPTION,
-                               "number that selects entries; the driver defines it"};
-inline const Argument HEX{"--hex", Shape::OPTION, "bytes, as hexadecimal digits"};
-inline const Argument FROM_FILE{"--file", Shape::OPTION, "file that holds the bytes (- for standard input)",
-                                Names::FILE};
+inline const Argument HEX{"--hex", Shape::OPTION, "the record, as hexadecimal digits"};
+inline const Argument FROM_FILE = Excluding(
+    {"--file", Shape::OPTION, "file that holds the record (- for standard input)", Names::FILE}, {"--hex"});
 
-// Throws when --hex or --file is given beside `fields`, which say the same.
-void RefuseBytes(const Arguments &arguments, const char *fields);
-// The bytes given by --hex or --file; throws when there are neither, or not `size` of them (0: any).
+// The bytes that --hex or --file gives. Throws when neither is given, or when they are not `size` bytes
+// (0: any number).
 Bytes GivenBytes(const Arguments &arguments, size_t size);
 
 }

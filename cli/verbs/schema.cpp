@@ -1,0 +1,185 @@
+// The JSON schema of what --json prints. A verb tells its rows in a notation of its own:
+//   name         a text                   name?        a text or null
+//   name:type    a value of this type     name=a|b     one of these texts
+//   [field]      a row need not have it   [*switch]    the policies of switches, or [*port] of ports
+//   @name        the row is a definition  a, b | c     alternatives
+#include "cli/verbs/schema.h"
+
+#include <fmt/format.h>
+
+#include "cli/change/plan.h"
+#include "cli/verbs/verb.h"
+
+namespace vsctl {
+
+namespace {
+
+Json Reference(const std::string &definition) { return {{"$ref", "#/$defs/" + definition}}; }
+
+std::string PolicyPath(const Policy &policy)
+{
+    const bool ofPort = policy.level == PropertyLevel::PORT;
+    return fmt::format("{}/properties/{}", ofPort ? "port" : "switch", policy.name);
+}
+
+Json Type(const std::string &type)
+{
+    if (type == "any") return true;
+    if (type == "number") return {{"type", "integer"}, {"minimum", 0}};
+    if (type == "hex") return {{"type", "string"}, {"pattern", "^([0-9a-f]{2})*$"}};
+    if (type == "texts") return {{"type", "array"}, {"items", {{"type", "string"}}}};
+    if (type == "record") return {{"type", {"object", "string"}}}; // a text where there is none
+    return {{"type", type}};
+}
+
+Json FieldSchema(char mark, const std::string &rest)
+{
+    if (mark == '?') return {{"type", {"string", "null"}}};
+    if (mark == '=') return {{"enum", Words(rest, '|')}};
+    return Type(mark == ':' ? rest : "string");
+}
+
+Json EmptyRow()
+{
+    return {{"type", "object"},
+            {"properties", Json::object()},
+            {"required", Json::array()},
+            {"additionalProperties", false}};
+}
+
+void AddField(std::string field, Json &row)
+{
+    const bool isOptional = field.starts_with("[");
+    if (isOptional) field = field.substr(1, field.size() - 2);
+    if (field.starts_with("*")) {
+        for (const Policy *policy : PoliciesOf(field == "*port"))
+            row["properties"][policy->name] = Reference(PolicyPath(*policy));
+        return;
+    }
+    const size_t end = std::min(field.find_first_of("?:="), field.size());
+    const std::string name = field.substr(0, end);
+    row["properties"][name] = FieldSchema(field[end], field.substr(std::min(end + 1, field.size())));
+    if (!isOptional) row["required"].push_back(name);
+}
+
+// What stands between separators, without spaces around it.
+std::vector<std::string> Parts(const std::string &text, const std::string &separator)
+{
+    std::vector<std::string> parts;
+    for (size_t start = 0; start < text.size();) {
+        const size_t end = std::min(text.find(separator, start), text.size());
+        parts.push_back(text.substr(start, end - start));
+        start = end + separator.size();
+    }
+    return parts;
+}
+
+Json RowSchema(const std::string &fields)
+{
+    if (fields.starts_with("@")) return Reference(fields.substr(1));
+    Json row = EmptyRow();
+    for (const std::string &field : Parts(fields, ", "))
+        AddField(field, row);
+    return row;
+}
+
+// Zeros have the types of all values.
+void AddRecord(const Json &zeros, Json &row)
+{
+    for (const auto &[name, zero] : zeros.items()) {
+        row["properties"][name] = Type(zero.type_name());
+        row["required"].push_back(name);
+    }
+}
+
+// The row of a policy's verb that shows: its fields, or its value by the policy's name, null where there is
+// none.
+Json PolicyRow(const Policy &policy)
+{
+    Json row = RowSchema(policy.level == PropertyLevel::PORT ? "switch, port" : "switch");
+    Json &properties = row["properties"];
+    if (policy.IsScalar()) {
+        properties[policy.name] = {{"anyOf", {Reference(PolicyPath(policy)), {{"type", "null"}}}}};
+        row["required"].push_back(policy.name);
+        return row;
+    }
+    for (const Field &field : policy.fields)
+        properties[field.name] = Reference(fmt::format("{}/properties/{}", PolicyPath(policy), field.name));
+    properties[policy.name] = {{"type", "null"}};
+    return row;
+}
+
+// The kinds of rows that a verb prints; empty for one that prints no rows.
+Json RowKinds(const Verb &verb)
+{
+    Json kinds = Json::array();
+    if (verb.effect == Effect::STEPS) kinds.push_back(Reference("change"));
+    if (verb.policy) kinds.push_back(PolicyRow(*verb.policy));
+    for (const std::string &fields : Parts(verb.manual.rows, " | "))
+        kinds.push_back(RowSchema(fields));
+    if (!verb.manual.record) return kinds;
+    if (kinds.empty()) kinds.push_back(EmptyRow());
+    const Json zeros = DecodeZeros(*verb.manual.record);
+    if (zeros.is_object()) AddRecord(zeros, kinds[0]);
+    kinds.push_back(Reference("opaque"));
+    return kinds;
+}
+
+// What the result of a verb holds.
+Json ResultSchema(const Verb &verb, const Json &kinds)
+{
+    const Json rows = kinds.size() == 1 ? kinds[0] : Json{{"anyOf", kinds}};
+    return {{"if", {{"properties", {{"command", {{"const", verb.Title()}}}}}}},
+            {"then", {{"properties", {{"result", {{"items", rows}}}}}}}};
+}
+
+Json Definitions()
+{
+    Json definitions = PlanSchema()["$defs"];
+    definitions["session"] = definitions["port"]["properties"]["mirror"]["items"];
+    definitions["change"] = RowSchema("switch, port?, item, before:any, after:any");
+    definitions["change"]["description"] = "A step of a change: what there is before and after it, or null.";
+    Json &outcome = definitions["outcome"] =
+        RowSchema("change, steps:number, outcome=undone|finished|confirmed, [lost:texts]");
+    outcome["description"] = "How a change of several steps ended, and what an undo could not bring back.";
+    Json &opaque = definitions["opaque"] = RowSchema("[switch], [port], [group], [session], bytes:hex");
+    opaque["description"] = "A record whose layout the platform does not publish.";
+    Json &verb = definitions["verb"] =
+        RowSchema("verb, purpose, changes:boolean, arguments:array, examples:texts");
+    verb["description"] = "A verb and its arguments.";
+    verb["properties"]["arguments"]["items"] =
+        RowSchema("argument, purpose, required:boolean, repeats:boolean, takes-value:boolean");
+    return definitions;
+}
+
+}
+
+Json OutputSchema()
+{
+    Json commands = Json::array(), results = Json::array();
+    for (const Verb &verb : Verbs()) {
+        const Json kinds = RowKinds(verb);
+        if (kinds.empty()) continue;
+        commands.push_back(verb.Title());
+        results.push_back(ResultSchema(verb, kinds));
+    }
+    const Json change = RowSchema("object, field, before:any, after:any");
+    return {{"$schema", "https://json-schema.org/draft/2020-12/schema"},
+            {"title", "What vsctl prints with --json"},
+            {"description",
+             "One object a line. `vsctl watch` prints the first result with the time, then objects with the "
+             "changes. Verbs that print a text or a file print it with --json too."},
+            {"type", "object"},
+            {"properties",
+             {{"command", {{"enum", commands}}},
+              {"time", {{"type", "integer"}, {"description", "seconds since 1970"}}},
+              {"result", {{"type", "array"}, {"items", {{"type", "object"}}}}},
+              {"changes", {{"type", "array"}, {"items", change}}}}},
+            {"required", {"command"}},
+            {"oneOf", {{{"required", {"result"}}}, {{"required", {"changes", "time"}}}}},
+            {"additionalProperties", false},
+            {"allOf", results},
+            {"$defs", Definitions()}};
+}
+
+}
