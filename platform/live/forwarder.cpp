@@ -248,7 +248,7 @@ void Forwarder::SetUp(const SwitchConfig &config)
         if (std::none_of(config.ports.begin(), config.ports.end(), isPort)) continue;
         const Plug before = plug;
         const bool changesMtu = !plug.IsNic() && link->mtu != config.mtu;
-        const bool changesMode = plug.IsNic() && !plug.madePromiscuous && !link->promiscuous;
+        const bool changesMode = plug.IsNic() && !link->promiscuous;
         if (changesMtu && plug.oldMtu == 0) plug.oldMtu = link->mtu;
         if (changesMode) plug.madePromiscuous = 1;
         // What is to be put back is stored before it is changed.
@@ -329,7 +329,11 @@ LiveAnswer Forwarder::CheckInterface(const std::string &interface, bool keeps, P
         return {ENODEV,
                 "no interface " + interface + " in vshostd's network namespace; list them with `ip link`"};
     uint32_t program = 0;
-    if (QueryFilter(link->ifindex, program) == 0 && !path.Kernel().IsOurProgram(program))
+    const bool isTaken = QueryFilter(link->ifindex, program) == 0 && !path.Kernel().IsOurProgram(program);
+    if (isTaken && IsDataPath(program))
+        return {EBUSY, "interface " + interface +
+                           " is plugged on another host of this machine; unplug it there first"};
+    if (isTaken)
         return {EBUSY, "interface " + interface +
                            " has a filter of another program at handle 1, priority 1; remove it with "
                            "`tc filter del dev " +
