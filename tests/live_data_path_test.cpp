@@ -83,7 +83,7 @@ TEST_F(LiveDataPath, RefusesWhatItCannotCarryOutAndStaysAsItIs)
         {"an interface of another switch", Switch("one", {Port(1, 5)}), STATUS_EXISTS},
         {"a port twice", Switch("one", {Port(1, 1), Port(1, 2)}), STATUS_EXISTS},
         {"an interface twice", Switch("one", {Port(1, 1), Port(2, 1)}), STATUS_EXISTS},
-        {"too many uplinks", tooManyUplinks, STATUS_BAD_PARAM},
+        {"too many uplinks", tooManyUplinks, STATUS_NO_SPACE},
         {"no id", Switch("", {}), STATUS_BAD_PARAM},
         {"too long an id", Switch(std::string(65, 'x'), {}), STATUS_BAD_PARAM},
     };
@@ -149,7 +149,7 @@ TEST_F(LiveDataPath, TakesOverWhatAnotherProcessLeft)
             << "before the first configuration was published";
         EXPECT_EQ(Ports(run.Run(2, BroadcastOf(3))), (Numbers{1, 3}));
         LiveCounters counters;
-        ASSERT_EQ(run.path.ReadCounters(1, counters), STATUS_OK);
+        ASSERT_EQ(run.path.Tables().ReadCounters(1, counters), STATUS_OK);
         EXPECT_EQ(counters.values[LIVE_FROM_PACKETS], 1u);
         EXPECT_EQ(counters.values[LIVE_TO_PACKETS], 2u);
 
@@ -211,7 +211,7 @@ TEST_F(LiveDataPath, HasPortsWithoutInterfaceAndWithLargeOnes)
     EXPECT_EQ(Ports(run.Run(9, BroadcastOf(1))), (Numbers{3, 3000001}));
     EXPECT_EQ(Ports(run.Run(3, FrameOf(2, 1))), Numbers{9});
     LiveCounters counters;
-    ASSERT_EQ(run.path.ReadCounters(1, counters), STATUS_OK);
+    ASSERT_EQ(run.path.Tables().ReadCounters(1, counters), STATUS_OK);
     EXPECT_EQ(counters.values[LIVE_FROM_PACKETS], 3u)
         << "counters belong to the port, whatever its interface";
 }

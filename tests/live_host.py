@@ -5,6 +5,7 @@ is able.
 Usage of a test: live_..._test.py BUILD_DIRECTORY SOURCE_DIRECTORY [unittest arguments]
 """
 import ctypes
+import json
 import os
 import pathlib
 import shutil
@@ -193,6 +194,12 @@ class LiveHost(unittest.TestCase):
     def vsctl(self, *arguments):
         return self.on_host(VSCTL, *arguments).stdout
 
+    def rows(self, *arguments):
+        return json.loads(self.vsctl(*arguments, "--json"))["result"]
+
+    def row(self, *arguments):
+        return self.rows(*arguments)[0]
+
 
 class Caller(threading.Thread):
     """Sends one request after another until it is told to end, and keeps what was refused."""
@@ -212,6 +219,21 @@ class Caller(threading.Thread):
                 self.answered += 1
 
 
+ETH_P_TEST = 0x88B5  # for experiments
+BROADCAST = "ff:ff:ff:ff:ff:ff"
+
+
+def frame(destination, source, text):
+    """A frame that the machine's own stacks don't send."""
+    bytes_of = lambda address: bytes.fromhex(address.replace(":", ""))
+    return (bytes_of(destination) + bytes_of(source) + struct.pack("!H", ETH_P_TEST) + text.encode()).ljust(60, b"\0")
+
+
+def text_of(wire):
+    """What the next frame says."""
+    return wire.recv(2000)[14:].rstrip(b"\0").decode()
+
+
 class Namespace:
     """A network namespace with one end of a veth pair; the other end is in the test's own."""
 
@@ -228,11 +250,28 @@ class Namespace:
         run("ip", "link", "add", self.interface, "type", "veth", "peer", "name", "eth0", "netns", self.holder.pid)
         run("sysctl", "-qw", f"net.ipv6.conf.{self.interface}.disable_ipv6=1", check=False)
         run("ip", "link", "set", self.interface, "up")
+        self.run("sysctl", "-qw", "net.ipv6.conf.eth0.disable_ipv6=1", check=False)  # it sends of its own accord
         self.run("ip", "address", "add", f"{self.address}/24", "dev", "eth0")
         self.run("ip", "link", "set", "eth0", "up")
 
     def run(self, *command, **options):
         return run("nsenter", f"--net=/proc/{self.holder.pid}/ns/net", *command, **options)
+
+    def socket(self, *arguments):
+        """A socket in the namespace."""
+        with open("/proc/self/ns/net") as own, open(f"/proc/{self.holder.pid}/ns/net") as inside:
+            assert LIBC.setns(inside.fileno(), CLONE_NEWNET) == 0
+            try:
+                return socket.socket(*arguments)
+            finally:
+                assert LIBC.setns(own.fileno(), CLONE_NEWNET) == 0
+
+    def wire(self):
+        """A socket that sends and receives whole frames."""
+        wire = self.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
+        wire.bind(("eth0", ETH_P_TEST))
+        wire.settimeout(LONGEST_WAIT)
+        return wire
 
     def reaches(self, other):
         return int(self.run(sys.executable, "-c", SEND, other.address, 5, 0.05, 0.5).stdout) > 0

@@ -170,10 +170,10 @@ TEST_F(LiveInterfaces, LoseNoFrameWhenAnUplinkGoes)
             wires.At(SENDER).Send(NumberedFrame(i, 0x99));
         ExpectAllOnce(Arrivals(Take(wires.At(9), 9, FRAMES), FRAMES));
         LiveCounters counters;
-        ASSERT_EQ(wires.path.ReadCounters(9, counters), STATUS_OK);
+        ASSERT_EQ(wires.path.Tables().ReadCounters(9, counters), STATUS_OK);
         EXPECT_EQ(counters.values[LIVE_FAILOVERS], 1u);
         uint32_t uplink = 0;
-        EXPECT_EQ(wires.path.ReadUplink(10, uplink), STATUS_OK);
+        EXPECT_EQ(wires.path.Tables().ReadUplink(10, uplink), STATUS_OK);
         EXPECT_EQ(uplink, 9u);
     }
 }
@@ -272,7 +272,7 @@ TEST_F(LiveInterfaces, ForwardWhenTheirLoaderIsKilledAndAnotherTakesOver)
     DataPath path;
     ASSERT_EQ(path.Open(options), STATUS_OK) << path.Message();
     LiveCounters counters;
-    ASSERT_EQ(path.ReadCounters(1, counters), STATUS_OK);
+    ASSERT_EQ(path.Tables().ReadCounters(1, counters), STATUS_OK);
     EXPECT_EQ(counters.values[LIVE_FROM_PACKETS], count);
     EXPECT_EQ(counters.values[LIVE_TO_PACKETS], 1u);
     for (const auto &wire : wires)
@@ -313,7 +313,7 @@ void WaitUntilForwarded(Wires &wires, uint32_t frames)
 {
     LiveCounters counters = {};
     while (counters.values[LIVE_FROM_PACKETS] <= frames && !testing::Test::HasFailure())
-        ASSERT_EQ(wires.path.ReadCounters(SENDER, counters), STATUS_OK);
+        ASSERT_EQ(wires.path.Tables().ReadCounters(SENDER, counters), STATUS_OK);
 }
 
 // Frames sent after Publish() has returned, and before the next change begins, obey it.
@@ -412,7 +412,7 @@ TEST_F(LiveInterfaces, CountAddressesRightWhateverHappensAtOnce)
 
     ASSERT_EQ(wires.path.Sweep(), STATUS_OK);
     std::vector<AddressEntry> entries;
-    ASSERT_EQ(wires.path.ReadAddresses("switch", entries), STATUS_OK);
+    ASSERT_EQ(wires.path.Tables().ReadAddresses("switch", entries), STATUS_OK);
     EXPECT_EQ(wires.path.Kernel().host[0].learned, entries.size());
     EXPECT_EQ(wires.path.Kernel().switches[0].learned, entries.size());
     for (uint32_t number = 1; number <= 9; number++) {
@@ -424,7 +424,7 @@ TEST_F(LiveInterfaces, CountAddressesRightWhateverHappensAtOnce)
             << "port " << number;
     }
     LiveCounters counters;
-    ASSERT_EQ(wires.path.ReadCounters(1, counters), STATUS_OK);
+    ASSERT_EQ(wires.path.Tables().ReadCounters(1, counters), STATUS_OK);
     EXPECT_GT(counters.values[LIVE_MOVED], 0u);
 }
 

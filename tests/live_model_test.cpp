@@ -54,7 +54,7 @@ public:
             ASSERT_EQ(run.path.SlotOfPort(number, slot), vshost::STATUS_OK);
             EXPECT_EQ(run.path.Kernel().ports[slot].learned, model.LearnedBy(number)) << "port " << number;
             LiveCounters counters;
-            ASSERT_EQ(run.path.ReadCounters(number, counters), vshost::STATUS_OK);
+            ASSERT_EQ(run.path.Tables().ReadCounters(number, counters), vshost::STATUS_OK);
             for (uint32_t i = 0; i < LIVE_COUNTERS; i++)
                 EXPECT_EQ(counters.values[i], model.counters[number][i])
                     << "port " << number << ", counter " << i;
@@ -276,7 +276,7 @@ private:
     {
         Sweep();
         std::vector<AddressEntry> entries;
-        ASSERT_EQ(run.path.ReadAddresses("switch", entries), vshost::STATUS_OK);
+        ASSERT_EQ(run.path.Tables().ReadAddresses("switch", entries), vshost::STATUS_OK);
         std::map<std::pair<uint16_t, Model::Mac>, std::pair<uint32_t, bool>> found, expected;
         for (const AddressEntry &entry : entries) {
             Model::Mac mac;

@@ -216,7 +216,7 @@ private:
         Drops drops;
         for (const PortConfig &port : config.ports) {
             LiveCounters counters;
-            EXPECT_EQ(run.path.ReadCounters(port.number, counters), vshost::STATUS_OK);
+            EXPECT_EQ(run.path.Tables().ReadCounters(port.number, counters), vshost::STATUS_OK);
             for (const auto &[name, counter] : DROPS)
                 drops[{port.number, counter}] = counters.values[counter];
         }
@@ -391,7 +391,7 @@ private:
             {"FAILBACKS", LIVE_FAILBACKS},
         };
         LiveCounters counters;
-        ASSERT_EQ(run.path.ReadCounters(Number(words[1]), counters), vshost::STATUS_OK);
+        ASSERT_EQ(run.path.Tables().ReadCounters(Number(words[1]), counters), vshost::STATUS_OK);
         for (size_t i = 2; i < words.size(); i++) {
             const size_t equals = words[i].find('=');
             EXPECT_EQ(counters.values[NAMES.at(words[i].substr(0, equals))],
@@ -404,7 +404,7 @@ private:
     std::string Table()
     {
         std::vector<AddressEntry> entries;
-        EXPECT_EQ(run.path.ReadAddresses("switch", entries), vshost::STATUS_OK);
+        EXPECT_EQ(run.path.Tables().ReadAddresses("switch", entries), vshost::STATUS_OK);
         std::vector<std::string> words;
         for (const AddressEntry &entry : entries)
             words.push_back(std::to_string(entry.portNumber) + ":" + std::to_string(entry.vlan) + ":" +

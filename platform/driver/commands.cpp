@@ -35,6 +35,7 @@ constexpr DriverCommand COMMANDS[] = {
     {VSWITCH_GET_PORT_LS_POLICY, COMMON, PORT_NUMBER, GetPortLsPolicy},
     {VSWITCH_GET_LS_POLICIES, COMMON, PORTSET, GetLsPolicies},
     {VSWITCH_GET_SWITCHES, sizeof(uint32_t), 0, GetSwitches},
+    {VSWITCH_GET_PORT_STATISTICS, COMMON, SWITCH | PORT, GetPortStatistics},
     {VSWITCH_SET_OPTIONS, 0, 0, SetOptions},
     {VSWITCH_SET_UPLINK_ADMIN, COMMON, PORTSET | UPLINK, SetUplinkAdmin},
     {VSWITCH_SET_PORT_MAC, COMMON, SWITCH | PORT, SetPortMac},

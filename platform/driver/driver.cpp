@@ -78,9 +78,9 @@ int ReadInput(DeviceCall &call, uint64_t header)
     return call.memory.Read(call.input.data(), call.header.input, call.input.size()) ? 0 : EFAULT;
 }
 
-int Query(const DriverCommand &command, Engine &engine, const DeviceCall &call)
+int Query(const DriverCommand &command, Host &host, const DeviceCall &call)
 {
-    DriverRequest request(engine, call.input);
+    DriverRequest request(host.GetEngine(), host.GetLive(), call.input);
     if (int error = request.Resolve(command.fields)) return error;
     if (int error = command.handler(request)) return error;
     const size_t length = request.Fitting(call.header.outLength);
@@ -88,11 +88,11 @@ int Query(const DriverCommand &command, Engine &engine, const DeviceCall &call)
     return call.memory.Write(call.header.output, answer) ? 0 : EFAULT;
 }
 
-int Change(const DriverCommand &command, Engine &engine, std::string_view input)
+int Change(const DriverCommand &command, Host &host, std::string_view input)
 {
     int error = 0;
-    const VsStatus status = engine.Write([&](Transaction &transaction) {
-        DriverRequest request(transaction, input, &transaction);
+    const VsStatus status = host.GetEngine().Write([&](Transaction &transaction) {
+        DriverRequest request(transaction, host.GetLive(), input, &transaction);
         const int unresolved = request.Resolve(command.fields);
         error = unresolved ? unresolved : command.handler(request);
         return error ? STATUS_FAILURE : STATUS_OK;
@@ -100,12 +100,12 @@ int Change(const DriverCommand &command, Engine &engine, std::string_view input)
     return error ? error : ErrnoOf(status, EIO);
 }
 
-int RunSwitchCommand(Engine &engine, const DeviceCall &call)
+int RunSwitchCommand(Host &host, const DeviceCall &call)
 {
     const DriverCommand *command = FindCommand(call.number);
     if (!command) return ENOTTY;
     if (command->inLength && call.input.size() != command->inLength) return EINVAL;
-    return command->Changes() ? Change(*command, engine, call.input) : Query(*command, engine, call);
+    return command->Changes() ? Change(*command, host, call.input) : Query(*command, host, call);
 }
 
 int RunRtmCommand(uint32_t number, Engine &engine, std::string_view input)
@@ -125,7 +125,7 @@ int RunReadable(HostUse &host, const DeviceCall &call)
         return call.memory.Write(call.header.output, fitting) ? 0 : EFAULT;
     }
     if (call.device == Device::RTM) return RunRtmCommand(call.number, host->GetEngine(), call.input);
-    return RunSwitchCommand(host->GetEngine(), call);
+    return RunSwitchCommand(*host.operator->(), call);
 }
 
 int Run(DeviceCall call, uint64_t header)

@@ -25,39 +25,40 @@ struct [[gnu::packed]] MacManagement {
 };
 static_assert(sizeof(MacManagement) == 11);
 
-struct PortOfTable {
-    std::string_view portId;
-    uint32_t number = 0; // of the port, which its entries show
-};
-
-int ReadMacs(const DriverRequest &request, const PortOfTable &port, std::vector<VSwitchMacEntry> &entries)
-{
-    struct Place {
-        uint16_t vlanId;
-        uint8_t address[6];
-    };
-    const auto decode = [&](std::string_view rest, std::string_view row) {
-        Place place;
-        MacRecord record;
-        if (!DecodeRecord(rest, place) || !DecodeRecord(row, record)) return false;
-        VSwitchMacEntry &entry = entries.emplace_back();
-        memcpy(entry.address, place.address, sizeof(entry.address));
-        entry.type = record.type;
-        entry.flags = record.flags;
-        entry.vlanId = __builtin_bswap16(place.vlanId);
-        entry.age = record.age;
-        entry.portId = port.number;
-        return true;
-    };
-    return ErrnoOf(ScanRows(request.reader, runtime::MacPrefix(request.portset, port.portId), decode));
-}
-
 void ListMacs(DriverRequest &request, const std::vector<VSwitchMacEntry> &entries)
 {
     const uint8_t wanted = request.input.args.mac.type;
     request.StartList(VSwitchListHeader{}, sizeof(VSwitchMacEntry));
     for (const VSwitchMacEntry &entry : entries)
         if (wanted == VSWITCH_MAC_ANY || entry.type == wanted) request.AddRecord(entry);
+}
+
+int ReadMacs(DriverRequest &request, const std::vector<RunningPort> &ports,
+             std::vector<VSwitchMacEntry> &entries)
+{
+    return ErrnoOf(request.live.ReadAddresses(request.reader, ports, entries));
+}
+
+int ListPortsOf(DriverRequest &request, std::vector<RunningPort> &ports)
+{
+    const auto add = [&](std::string_view portId, uint32_t number) {
+        ports.push_back({request.portset, request.switchId, std::string(portId), number});
+        return true;
+    };
+    return ErrnoOf(ForEachPort(request.reader, request.switchId, add), 0);
+}
+
+void CountEntries(const std::vector<VSwitchMacEntry> &entries, const std::vector<RunningPort> &uplinks,
+                  VSwitchLearningInfo &info)
+{
+    std::set<uint32_t> numbers;
+    for (const RunningPort &uplink : uplinks)
+        numbers.insert(uplink.number);
+    for (const VSwitchMacEntry &entry : entries) {
+        ++(entry.type == VSWITCH_MAC_LEARNED ? info.learnedEntries : info.staticEntries);
+        info.teamEntries += numbers.contains(entry.portId);
+    }
+    info.entries = static_cast<uint32_t>(entries.size());
 }
 
 int ReadPortLimit(Reader &reader, std::string_view switchId, std::string_view portId, uint32_t &limit)
@@ -68,12 +69,6 @@ int ReadPortLimit(Reader &reader, std::string_view switchId, std::string_view po
         ReadProperty(reader, {StoredLevel::PORT, switchId, portId}, KEY_PORT_MAC_MANAGEMENT, value);
     limit = DecodeRecord(value, management) ? management.limit : DEFAULT_PORT_LIMIT;
     return error;
-}
-
-int ReadPortStats(Reader &reader, std::string_view portset, std::string_view portId,
-                  VSwitchPortLearningStats &stats)
-{
-    return ErrnoOf(GetRecord(reader, runtime::PortStatsKey(portset, portId), stats), 0);
 }
 
 // The switch's own policy; a value that is not stored has its default.
@@ -94,21 +89,14 @@ int ReadSwitchPolicy(Reader &reader, std::string_view switchId, VSwitchLearningI
     return 0;
 }
 
-// Adds one port to the sums of its switch.
-int AddPort(DriverRequest &request, std::string_view portId, bool isUplink, VSwitchLearningInfo &info)
+// Adds the counters and the policy of one port to the sums of its switch.
+int AddPort(DriverRequest &request, const RunningPort &port, VSwitchLearningInfo &info)
 {
     VSwitchPortLearningStats stats = {};
-    std::vector<VSwitchMacEntry> entries;
     std::string policy;
-    const PropertyOwner port{StoredLevel::PORT, request.switchId, portId};
-    if (int error = ReadPortStats(request.reader, request.portset, portId, stats)) return error;
-    if (int error = ReadMacs(request, {portId}, entries)) return error;
-    if (int error = ReadProperty(request.reader, port, KEY_PORT_MAC_MANAGEMENT, policy)) return error;
-    const auto count = static_cast<uint32_t>(entries.size());
-    for (const VSwitchMacEntry &entry : entries)
-        ++(entry.type == VSWITCH_MAC_LEARNED ? info.learnedEntries : info.staticEntries);
-    info.entries += count;
-    if (isUplink) info.teamEntries += count;
+    const PropertyOwner owner{StoredLevel::PORT, port.switchId, port.portId};
+    if (int error = ErrnoOf(request.live.ReadLearning(request.reader, port, stats))) return error;
+    if (int error = ReadProperty(request.reader, owner, KEY_PORT_MAC_MANAGEMENT, policy)) return error;
     if (PortLearns(policy)) info.learningPorts++;
     info.learned += stats.learned;
     info.moved += stats.moved;
@@ -141,7 +129,7 @@ bool PortLearns(std::string_view macManagement)
 int GetPortMacs(DriverRequest &request)
 {
     std::vector<VSwitchMacEntry> entries;
-    if (int error = ReadMacs(request, {request.portId, request.portNumber}, entries)) return error;
+    if (int error = ReadMacs(request, {request.Port()}, entries)) return error;
     ListMacs(request, entries);
     return 0;
 }
@@ -149,16 +137,10 @@ int GetPortMacs(DriverRequest &request)
 // The addresses seen behind the uplinks.
 int GetTeamMacs(DriverRequest &request)
 {
-    std::vector<std::string> portIds;
+    std::vector<RunningPort> uplinks;
     std::vector<VSwitchMacEntry> entries;
-    if (int error = ErrnoOf(ListUplinkPorts(request.reader, request.switchId, portIds), 0)) return error;
-    for (const std::string &portId : portIds) {
-        uint32_t number = 0;
-        const VsStatus status = GetPortNumber(request.reader, request.switchId, portId, number);
-        if (status == STATUS_NOT_FOUND) continue;
-        if (status) return ErrnoOf(status);
-        if (int error = ReadMacs(request, {portId, number}, entries)) return error;
-    }
+    if (int error = ListUplinkPortsOf(request, uplinks)) return error;
+    if (int error = ReadMacs(request, uplinks, entries)) return error;
     ListMacs(request, entries);
     return 0;
 }
@@ -168,11 +150,18 @@ int GetPortLearningStats(DriverRequest &request)
     VSwitchPortLearningStats stats = {};
     std::vector<VSwitchMacEntry> entries;
     uint32_t limit = 0;
-    if (int error = ReadPortStats(request.reader, request.portset, request.portId, stats)) return error;
-    if (int error = ReadMacs(request, {request.portId}, entries)) return error;
+    if (int error = ErrnoOf(request.live.ReadLearning(request.reader, request.Port(), stats))) return error;
+    if (int error = ReadMacs(request, {request.Port()}, entries)) return error;
     if (int error = ReadPortLimit(request.reader, request.switchId, request.portId, limit)) return error;
     stats.entries = static_cast<uint32_t>(entries.size());
     stats.limit = limit;
+    return request.Answer(stats);
+}
+
+int GetPortStatistics(DriverRequest &request)
+{
+    VSwitchPortStatistics stats = {};
+    if (int error = ErrnoOf(request.live.ReadStatistics(request.reader, request.Port(), stats))) return error;
     return request.Answer(stats);
 }
 
@@ -186,13 +175,15 @@ int GetLearningProps(DriverRequest &request)
 int GetLearningInfo(DriverRequest &request)
 {
     VSwitchLearningInfo info = {};
-    std::vector<std::string> portIds, uplinkPorts;
+    std::vector<RunningPort> ports, uplinks;
+    std::vector<VSwitchMacEntry> entries;
     if (int error = ReadSwitchPolicy(request.reader, request.switchId, info)) return error;
-    if (int error = ListPortIds(request.reader, request.switchId, portIds)) return error;
-    if (int error = ErrnoOf(ListUplinkPorts(request.reader, request.switchId, uplinkPorts), 0)) return error;
-    const std::set<std::string> uplinks(uplinkPorts.begin(), uplinkPorts.end());
-    for (const std::string &portId : portIds)
-        if (int error = AddPort(request, portId, uplinks.contains(portId), info)) return error;
+    if (int error = ListPortsOf(request, ports)) return error;
+    if (int error = ListUplinkPortsOf(request, uplinks)) return error;
+    for (const RunningPort &port : ports)
+        if (int error = AddPort(request, port, info)) return error;
+    if (int error = ReadMacs(request, ports, entries)) return error;
+    CountEntries(entries, uplinks, info);
     return request.Answer(info);
 }
 
@@ -200,6 +191,7 @@ int SetPortMac(DriverRequest &request)
 {
     const VSwitchMacEntry &entry = request.input.args.mac;
     if (entry.vlanId > MAX_VLAN_ID || entry.type > VSWITCH_MAC_LEARNED || !IsStation(entry)) return EINVAL;
+    if (entry.type == VSWITCH_MAC_LEARNED && !request.live.TakesLearnedAddresses()) return EINVAL;
     MacRecord record;
     record.flags = entry.flags;
     if (entry.type == VSWITCH_MAC_LEARNED) {

@@ -74,7 +74,12 @@ int GetRarpStats(DriverRequest &request)
 
 int GetServiceTeamingStats(DriverRequest &request)
 {
-    return AnswerStats<VSwitchTeamingStats>(request, runtime::TeamingKey(request.portset));
+    VSwitchTeamingStats stats = {};
+    std::vector<RunningPort> uplinks;
+    if (int error = ListUplinkPortsOf(request, uplinks)) return error;
+    if (int error = ErrnoOf(request.live.ReadTeaming(request.reader, request.portset, uplinks, stats)))
+        return error;
+    return request.Answer(stats);
 }
 
 int GetPortLsPolicy(DriverRequest &request)

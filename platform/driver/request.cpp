@@ -23,10 +23,25 @@ int ReadProperty(Reader &reader, const PropertyOwner &owner, std::string_view ke
     return status == STATUS_NOT_FOUND ? 0 : ErrnoOf(status, 0);
 }
 
-DriverRequest::DriverRequest(Reader &reader, std::string_view raw, Transaction *transaction)
-    : reader(reader), raw(raw), transaction(transaction)
+DriverRequest::DriverRequest(Reader &reader, Live &live, std::string_view raw, Transaction *transaction)
+    : reader(reader), live(live), raw(raw), transaction(transaction)
 {
     DecodeRecord(raw, input);
+}
+
+// Those of them that are ports of the switch.
+int ListUplinkPortsOf(DriverRequest &request, std::vector<RunningPort> &ports)
+{
+    std::vector<std::string> portIds;
+    if (int error = ErrnoOf(ListUplinkPorts(request.reader, request.switchId, portIds), 0)) return error;
+    for (const std::string &portId : portIds) {
+        uint32_t number = 0;
+        const VsStatus status = GetPortNumber(request.reader, request.switchId, portId, number);
+        if (status == STATUS_NOT_FOUND) continue;
+        if (status) return ErrnoOf(status);
+        ports.push_back({request.portset, request.switchId, portId, number});
+    }
+    return 0;
 }
 
 int ListPortIds(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds)

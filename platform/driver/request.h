@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/host/live.h"
 #include "platform/host/port_policies.h"
 #include "platform/host/runtime.h"
 
@@ -21,9 +22,10 @@ enum InputField : unsigned {
 
 struct DriverRequest {
     // `input` is filled from `raw` when `raw` has the size of the common input.
-    DriverRequest(Reader &reader, std::string_view raw, Transaction *transaction = nullptr);
+    DriverRequest(Reader &reader, Live &live, std::string_view raw, Transaction *transaction = nullptr);
 
     Reader &reader;
+    Live &live;
     const std::string_view raw;     // the whole input
     Transaction *const transaction; // of a command that changes something
     VSwitchInput input = {};
@@ -39,6 +41,9 @@ struct DriverRequest {
     std::string answer;
     size_t headerSize = 0; // of a list, and the size of its entries: only whole entries are answered
     size_t entrySize = 0;
+
+    // The port that the request names.
+    RunningPort Port() const { return {portset, switchId, portId, portNumber}; }
 
     // Checks and looks up the fields that the command reads; 0 or an errno value.
     int Resolve(unsigned fields);
@@ -106,6 +111,7 @@ int SetUplinkAdmin(DriverRequest &request);
 int RefreshNuma(DriverRequest &request);
 
 int GetPortMacs(DriverRequest &request);
+int GetPortStatistics(DriverRequest &request);
 int GetTeamMacs(DriverRequest &request);
 int GetPortLearningStats(DriverRequest &request);
 int GetLearningProps(DriverRequest &request);
@@ -131,6 +137,7 @@ int SetOptions(DriverRequest &request);
 // Reads of the store that several families need.
 // The value of a property, empty when it is absent; 0 or an errno value.
 int ReadProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value);
+int ListUplinkPortsOf(DriverRequest &request, std::vector<RunningPort> &ports);
 int ListPortIds(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds);
 int IsSnooping(Reader &reader, std::string_view switchId, bool &snooping);
 int IsMirroring(Reader &reader, std::string_view switchId, bool &mirroring);

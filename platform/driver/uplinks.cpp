@@ -150,16 +150,22 @@ int GetLags(DriverRequest &request)
     return request.Answer(table);
 }
 
-// An uplink port sends on its own NIC. Another port sends on one of the NICs with a link, which its number
-// selects: this is how traffic is spread by originating port.
+// An uplink port sends on its own NIC. Another port goes on sending by the uplink that it sent by last, while
+// that has a link; otherwise it sends on one of the NICs with a link, which its number selects: this is how
+// traffic is spread by originating port.
 int GetUplinkHint(DriverRequest &request)
 {
     std::vector<NamedNic> uplinks;
+    PortName last;
+    uint32_t lastNumber = 0;
     if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0)) return error;
+    if (!request.live.ReadUplink(request.Port(), lastNumber))
+        GetPortByNumber(request.reader, lastNumber, last);
     const std::string *sendsOn = nullptr;
     std::vector<const std::string *> withLink;
     for (const NamedNic &uplink : uplinks) {
-        if (FieldText(uplink.nic.portId) == request.portId) sendsOn = &uplink.name;
+        const bool isLast = uplink.nic.LinkUp() && FieldText(uplink.nic.portId) == last.portId;
+        if (FieldText(uplink.nic.portId) == request.portId || isLast) sendsOn = &uplink.name;
         if (uplink.nic.LinkUp()) withLink.push_back(&uplink.name);
     }
     if (!sendsOn && !withLink.empty()) sendsOn = withLink[request.portNumber % withLink.size()];

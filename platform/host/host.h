@@ -7,6 +7,7 @@
 
 #include "platform/host/control.h"
 #include "platform/host/engine.h"
+#include "platform/host/live.h"
 #include "platform/host/locations.h"
 #include "platform/host/use_lock.h"
 
@@ -26,6 +27,9 @@ public:
     Durability Durable() const { return durability; }
     Control &GetControl() { return *control; }
     Engine &GetEngine() { return *engine; }
+    // What its switches do. The daemon of a live host sets its own, before it answers.
+    Live &GetLive() { return *live; }
+    void SetLive(std::unique_ptr<Live> filled) { live = std::move(filled); }
     void AbandonAfterFork();
 
 private:
@@ -38,6 +42,7 @@ private:
     UseLock lock;
     std::unique_ptr<Control> control;
     std::unique_ptr<Engine> engine;
+    std::unique_ptr<Live> live = std::make_unique<LiveRows>();
 };
 
 // Holds the host for one call of the platform: the process neither detaches nor forks until it is destroyed.

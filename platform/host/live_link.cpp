@@ -45,6 +45,14 @@ Answer Ask(const sockaddr_un &address)
 
 void ThisThreadFollows() { follows = true; }
 
+bool IsLive(const std::string &directory)
+{
+    const int error = errno;
+    const bool isLive = access((directory + "/" + SOCKET_FILE).c_str(), F_OK) == 0;
+    errno = error;
+    return isLive;
+}
+
 void AwaitFollower(const std::string &directory)
 {
     const std::string path = directory + "/" + SOCKET_FILE;

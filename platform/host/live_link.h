@@ -6,6 +6,9 @@
 
 namespace vshost {
 
+// Whether vshostd is to answer for the host.
+bool IsLive(const std::string &directory);
+
 // Returns at once when the host is not a live one. While its daemon is started anew it waits for it, up to
 // 5 seconds; the next daemon follows what it has missed.
 void AwaitFollower(const std::string &directory);

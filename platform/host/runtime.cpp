@@ -339,6 +339,29 @@ VsStatus ScanRows(Reader &reader, std::string_view prefix,
     return whole ? status : STATUS_IO_ERROR;
 }
 
+VsStatus ReadStoredAddresses(Reader &reader, std::string_view portset, std::string_view portId,
+                             std::vector<VSwitchMacEntry> &entries, uint32_t number)
+{
+    struct Place {
+        uint16_t vlanId;
+        uint8_t address[6];
+    };
+    return ScanRows(reader, runtime::MacPrefix(portset, portId),
+                    [&](std::string_view rest, std::string_view row) {
+                        Place place;
+                        MacRecord record;
+                        if (!DecodeRecord(rest, place) || !DecodeRecord(row, record)) return false;
+                        VSwitchMacEntry &entry = entries.emplace_back();
+                        memcpy(entry.address, place.address, sizeof(entry.address));
+                        entry.type = record.type;
+                        entry.flags = record.flags;
+                        entry.vlanId = __builtin_bswap16(place.vlanId);
+                        entry.age = record.age;
+                        entry.portId = number;
+                        return true;
+                    });
+}
+
 VsStatus PortsetOfSwitch(Reader &reader, std::string_view switchId, std::string &portset)
 {
     StoredProperty property;

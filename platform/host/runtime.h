@@ -69,6 +69,10 @@ struct MacRecord {
     uint8_t reserved = 0;
 };
 
+// The entries of a port's MAC table that are in the rows; all show `number` as their port's.
+VsStatus ReadStoredAddresses(Reader &reader, std::string_view portset, std::string_view portId,
+                             std::vector<VSwitchMacEntry> &entries, uint32_t number = 0);
+
 // Keys of the tables. The state of a portset is kept under its name, whether or not it runs.
 namespace runtime {
 std::string PortsetKey(std::string_view name);

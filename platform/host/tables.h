@@ -22,6 +22,7 @@ inline constexpr std::string_view KEY_ALIAS = "com.talpex.common.alias";
 inline constexpr std::string_view KEY_PORTSET = "com.talpex.common.host.portset";
 inline constexpr std::string_view KEY_HOST_UPLINKS = "com.talpex.common.host.uplinkPorts";
 inline constexpr std::string_view KEY_PORT_STATUS = "com.talpex.common.port.volatile.status";
+inline constexpr std::string_view KEY_PORT_STATISTICS = "com.talpex.common.port.statistics";
 
 enum class StoredLevel : uint32_t { GLOBAL, HOST, PORT };
 

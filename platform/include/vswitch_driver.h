@@ -63,6 +63,7 @@ enum VSwitchCommand {
     VSWITCH_GET_PORT_LS_POLICY = 4124,        /**< portId -> char[136]: the policy's name, empty for none */
     VSWITCH_GET_LS_POLICIES = 4125,           /**< portset -> u32 count, entries of 2748 bytes as stored */
     VSWITCH_GET_SWITCHES = 4126,              /**< u32 kind -> list, see VSWITCH_LIST_PORTSETS */
+    VSWITCH_GET_PORT_STATISTICS = 4127,       /**< switchId, dvPortId -> VSwitchPortStatistics */
     VSWITCH_SET_OPTIONS = 8193,               /**< VSwitchOptions; inLength is its length */
     VSWITCH_SET_UPLINK_ADMIN = 8194,          /**< portset, uplink with adminUp */
     VSWITCH_SET_PORT_MAC = 8195,              /**< switchId, dvPortId, mac: adds or replaces it */
@@ -91,7 +92,7 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchMacEntry {
 
 #define VSWITCH_MAC_ANY 0     /**< in a request: entries of every type; to set an entry: static */
 #define VSWITCH_MAC_STATIC 1  /**< set by a command */
-#define VSWITCH_MAC_LEARNED 2 /**< seen on the port */
+#define VSWITCH_MAC_LEARNED 2 /**< seen on the port; on a live host no command sets such an entry */
 
 /** Properties of MAC learning, of all switches of the host together. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchLearningProps {
@@ -192,7 +193,9 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchLagTable {
     VSwitchLag lags[64];
 } VSwitchLagTable;
 
-/** VSWITCH_GET_PORT_LEARNING_STATS. Entries and limit are the port's own; the counters come from a scenario.
+/**
+ * VSWITCH_GET_PORT_LEARNING_STATS. Entries and limit are the port's own; the counters are the data path's on
+ * a live host and come from a scenario on an emulated one.
  */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchPortLearningStats {
     uint32_t entries; /**< addresses in the port's table, static ones included */
@@ -203,6 +206,30 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchPortLearningStats {
     uint32_t refused; /**< addresses refused because of the limit */
     uint32_t dropped; /**< packets dropped with refused addresses */
 } VSwitchPortLearningStats;
+
+/**
+ * VSWITCH_GET_PORT_STATISTICS, and the value of a port's property "com.talpex.common.port.statistics". On a
+ * live host they count the frames of the port's interface since it was plugged; both answers are then the
+ * same. On an emulated host they are the bytes of that property, zero at first.
+ */
+typedef struct VSWITCH_DRIVER_PACKED VSwitchPortStatistics {
+    uint64_t fromPackets; /**< frames that the port sent, the dropped ones included */
+    uint64_t fromBytes;   /**< of these, tags included */
+    uint64_t toPackets;   /**< frames that the port got */
+    uint64_t toBytes;
+    uint64_t fromMulticast;  /**< of `fromPackets` */
+    uint64_t fromBroadcast;  /**< of `fromPackets` */
+    uint64_t toMulticast;    /**< of `toPackets` */
+    uint64_t toBroadcast;    /**< of `toPackets` */
+    uint64_t droppedBlocked; /**< from a blocked port, or to one at which its address is */
+    uint64_t droppedVlan;    /**< of a VLAN that the port doesn't carry */
+    uint64_t droppedSecurity;
+    uint64_t droppedLearningLimit; /**< from an address over the limit */
+    uint64_t droppedFilter;        /**< malformed, from an address that no station has, or come back */
+    uint64_t droppedLength;        /**< longer than the MTU */
+    uint64_t droppedFloodLimit;    /**< multicast and broadcast over VSWITCH_OPTION_FLOOD_LIMIT */
+    uint64_t droppedNotSent;       /**< no uplink took it, or the interface of the port refused it */
+} VSwitchPortStatistics;
 
 /** VSWITCH_GET_LEARNING_INFO. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchLearningInfo {
@@ -287,6 +314,12 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchOptions {
 #define VSWITCH_OPTIONS_MAX 511
 
 /**
+ * The one option with an effect, on a live host: how many multicast and broadcast frames of a port are
+ * forwarded in a second, the rest being dropped. 0 or absent: no limit.
+ */
+#define VSWITCH_OPTION_FLOOD_LIMIT 1
+
+/**
  * Input of every command of the RTM device: 9 + 128 * count bytes; another inLength is EINVAL. The driver
  * keeps the last input of each command number.
  */
@@ -315,6 +348,7 @@ VSWITCH_DRIVER_ASSERT_SIZE(VSwitchLag, 556);
 VSWITCH_DRIVER_ASSERT_SIZE(VSwitchLagTable, 35588);
 VSWITCH_DRIVER_ASSERT_SIZE(VSwitchPortLearningStats, 28);
 VSWITCH_DRIVER_ASSERT_SIZE(VSwitchLearningInfo, 52);
+VSWITCH_DRIVER_ASSERT_SIZE(VSwitchPortStatistics, 128);
 VSWITCH_DRIVER_ASSERT_SIZE(VSwitchRarpStats, 16);
 VSWITCH_DRIVER_ASSERT_SIZE(VSwitchTeamingStats, 48);
 VSWITCH_DRIVER_ASSERT_SIZE(VSwitchMirrorStats, 121);

@@ -1,6 +1,7 @@
 // What the data path is told of switches: plain values that stand for the policies in the store.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -13,6 +14,13 @@ struct VlanRange {
     uint16_t first;
     uint16_t last; // smaller than the first: the range is empty
     bool operator==(const VlanRange &) const = default;
+};
+
+// A MAC address that a command has given to a port, in network order.
+struct StaticAddress {
+    uint16_t vlan; // 0: untagged
+    uint8_t mac[6];
+    auto operator<=>(const StaticAddress &) const = default;
 };
 
 struct PortConfig {
@@ -33,6 +41,8 @@ struct PortConfig {
     bool takesUnknown = false;      // gets unicast to addresses that no port has
     bool sink = false;              // so does a sink port
 
+    std::vector<StaticAddress> addresses; // in order, each once
+
     bool operator==(const PortConfig &) const = default;
 };
 
@@ -46,8 +56,9 @@ struct SwitchConfig {
 
 struct HostConfig {
     bool learningEnabled = true;
-    uint32_t addressLimit = 65536; // of learned addresses over all switches
-    uint32_t floodLimit = 0;       // multicast and broadcast frames from a port in a second; 0: no limit
+    // Of learned addresses over all switches; half of the address table is kept for static ones.
+    uint32_t addressLimit = 65536;
+    uint32_t floodLimit = 0; // multicast and broadcast frames from a port in a second; 0: no limit
 };
 
 }

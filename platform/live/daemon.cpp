@@ -19,6 +19,7 @@
 #include "platform/host/live_requests.h"
 #include "platform/live/comparison.h"
 #include "platform/live/forwarder.h"
+#include "platform/live/live_kernel.h"
 
 namespace live {
 namespace {
@@ -78,7 +79,9 @@ bool Daemon::Start(std::string &message)
     sigaddset(&ends, SIGTERM);
     signals = Descriptor(signalfd(-1, &ends, SFD_CLOEXEC));
     commits = host.GetControl().Counters().commits;
-    return forwarder.Start(PinDirectory(options.directory), message);
+    if (!forwarder.Start(PinDirectory(options.directory), message)) return false;
+    host.SetLive(std::make_unique<LiveKernel>(forwarder.Tables()));
+    return true;
 }
 
 // An odd number says that a write is under way; its end is another number.

@@ -19,27 +19,12 @@ using namespace vshost;
 // LivePort.plugFlags.
 constexpr uint32_t PLUG_MADE_CLSACT = 1;
 
-constexpr uint32_t ADDRESS_BATCH = 4096;
-
 // Whether what a port has learned under `a` is not true under `b`.
 bool MustForget(const PortConfig &a, const PortConfig &b)
 {
     return a.ifindex != b.ifindex || a.uplink != b.uplink || a.learning != b.learning || a.trunk != b.trunk ||
            (a.trunk ? a.ranges != b.ranges : a.vlanId != b.vlanId);
 }
-
-// Who has an address, read from its entry.
-struct Owner {
-    explicit Owner(const LiveAddress &address)
-        : slot(static_cast<uint32_t>(address.owner)), epoch(static_cast<uint32_t>(address.owner >> 32)),
-          isStatic(epoch == LIVE_EPOCH_STATIC)
-    {}
-    bool IsCurrent(LivePort &port) const { return epoch == (ReadWord(port.epoch) & LIVE_EPOCH_MASK); }
-
-    uint32_t slot;
-    uint32_t epoch;
-    bool isStatic;
-};
 
 std::string IdOf(const LiveSwitch &vswitch)
 {
@@ -102,6 +87,7 @@ void DataPath::TakeOverSwitches()
         portSwitches[port.number] = port.switchIndex;
         if (port.ifindex) interfaces[port.ifindex] = port.number;
     }
+    TakeOverStaticAddresses();
     TakeOverInterfaces();
 }
 
@@ -124,6 +110,22 @@ void DataPath::TakeOverInterfaces()
     }
 }
 
+void DataPath::TakeOverStaticAddresses()
+{
+    tables.WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
+        const Owner holder(address);
+        const auto owner = switches.find(key.switchIndex);
+        if (!holder.isStatic || owner == switches.end()) return;
+        for (auto &[number, port] : owner->second.ports) {
+            if (port.slot != holder.slot) continue;
+            StaticAddress &found = port.config.addresses.emplace_back();
+            found.vlan = key.vlan;
+            std::memcpy(found.mac, key.mac, sizeof(found.mac));
+            std::sort(port.config.addresses.begin(), port.config.addresses.end());
+        }
+    });
+}
+
 std::vector<std::string> DataPath::SwitchIds() const
 {
     std::vector<std::string> ids;
@@ -135,7 +137,7 @@ std::vector<std::string> DataPath::SwitchIds() const
 void DataPath::SetHost(const HostConfig &config)
 {
     LiveHost &host = kernel.host[0];
-    WriteWord(host.addressLimit, config.addressLimit);
+    WriteWord(host.addressLimit, std::min(config.addressLimit, kernel.AddressCapacity() / 2));
     WriteWord(host.floodLimit, config.floodLimit);
     WriteWord(host.learningEnabled, config.learningEnabled);
 }
@@ -175,8 +177,26 @@ VsStatus DataPath::CheckPorts(const SwitchConfig &config, uint32_t switchIndex)
         if (!ifindexes.insert(port.ifindex).second || isElsewhere)
             return Fail(STATUS_EXISTS, "interface " + std::to_string(port.ifindex) + " is plugged already");
     }
-    if (uplinks > LIVE_UPLINKS) return Fail(STATUS_BAD_PARAM, "a switch has at most 32 uplinks");
+    if (uplinks > LIVE_UPLINKS) return Fail(STATUS_NO_SPACE, "a switch has at most 32 uplinks");
     return STATUS_OK;
+}
+
+// Learned addresses have the other half of the table, so that these never fail for want of room.
+VsStatus DataPath::CheckStaticAddresses(const Change &change)
+{
+    std::map<uint32_t, size_t> counts; // by port
+    for (const auto &[index, vswitch] : switches)
+        if (index != change.switchIndex || !change.isWhole)
+            for (const auto &[number, port] : vswitch.ports)
+                counts[number] = port.config.addresses.size();
+    for (const PlacedPort &port : change.ports)
+        counts[port.config.number] = port.config.addresses.size();
+    size_t total = 0;
+    for (const auto &[number, count] : counts)
+        total += count;
+    return total <= kernel.AddressCapacity() / 2
+               ? STATUS_OK
+               : Fail(STATUS_NO_SPACE, "the data path has no room for another static address");
 }
 
 VsStatus DataPath::TakeSlot(Change &change, uint32_t &slot)
@@ -261,6 +281,7 @@ VsStatus DataPath::PrepareSwitch(const SwitchConfig &config, Change &change)
     change.config = config;
     change.config.ports.clear();
     if (VsStatus status = PlacePorts(config, change)) return status;
+    if (VsStatus status = CheckStaticAddresses(change)) return status;
     return NeedsSnapshot(change) ? AddSnapshot(change.ports, change) : STATUS_OK;
 }
 
@@ -280,7 +301,7 @@ VsStatus DataPath::PreparePort(const PortConfig &port, Change &change)
     change.owner = this;
     change.switchIndex = place->second;
     change.ports = {{.config = port, .slot = placed.slot, .position = placed.position}};
-    return STATUS_OK;
+    return placed.config.addresses == port.addresses ? STATUS_OK : CheckStaticAddresses(change);
 }
 
 VsStatus DataPath::PrepareRemoval(const std::string &switchId, Change &change)
@@ -328,6 +349,7 @@ void DataPath::SilencePorts(const Change &change)
         WriteWord(port.flags, LIVE_PORT_BLOCKED);
         MapInterface(port.ifindex, UINT32_MAX);
         portSwitches.erase(port.number);
+        std::erase_if(delayed, [&](const auto &entry) { return entry.first == port.number; });
     }
 }
 
@@ -450,8 +472,34 @@ void DataPath::SettlePort(const PlacedPort &placed, uint32_t switchIndex)
         MapInterface(placed.config.ifindex, placed.slot);
     }
     if (forgets) PassEpoch(placed.slot);
+    const PortConfig before = isNew ? PortConfig() : current->second.config;
     vswitch.ports[placed.config.number] = placed;
     portSwitches[placed.config.number] = switchIndex;
+    if (before.addresses != placed.config.addresses) SettleAddresses(switchIndex, before, placed.config);
+}
+
+// An address that two ports have belongs to the port that got it last, and then to the other one again.
+void DataPath::SettleAddresses(uint32_t switchIndex, const PortConfig &before, const PortConfig &after)
+{
+    std::vector<StaticAddress> gone, come;
+    std::set_difference(before.addresses.begin(), before.addresses.end(), after.addresses.begin(),
+                        after.addresses.end(), std::back_inserter(gone));
+    std::set_difference(after.addresses.begin(), after.addresses.end(), before.addresses.begin(),
+                        before.addresses.end(), std::back_inserter(come));
+    for (const StaticAddress &address : gone) {
+        std::erase(delayed, std::pair(after.number, address));
+        if (RemoveAddress(after.number, address.vlan, address.mac)) continue;
+        for (const auto &[number, port] : switches[switchIndex].ports)
+            if (std::binary_search(port.config.addresses.begin(), port.config.addresses.end(), address))
+                AddConfigured(number, address);
+    }
+    for (const StaticAddress &address : come)
+        AddConfigured(after.number, address);
+}
+
+void DataPath::AddConfigured(uint32_t portNumber, const StaticAddress &address)
+{
+    if (AddStaticAddress(portNumber, address.vlan, address.mac)) delayed.emplace_back(portNumber, address);
 }
 
 // The port has forgotten its addresses when the epoch has passed. They count until they are swept.
@@ -530,24 +578,11 @@ VsStatus DataPath::Detach(uint32_t ifindex)
 
 VsStatus DataPath::Command(LiveCommandKind kind, uint32_t slot, const std::vector<LiveAddressKey> &keys)
 {
-    const LiveCommand command = {
-        .kind = static_cast<uint32_t>(kind),
-        .slot = slot,
-        .count = static_cast<uint32_t>(keys.size()),
-        .reserved = 0,
-    };
-    std::vector<uint8_t> packet(LIVE_COMMAND_KEYS_OFFSET + keys.size() * sizeof(LiveAddressKey));
-    std::memcpy(&packet[LIVE_COMMAND_OFFSET], &command, sizeof(command));
-    if (!keys.empty())
-        std::memcpy(&packet[LIVE_COMMAND_KEYS_OFFSET], keys.data(), keys.size() * sizeof(LiveAddressKey));
-    bpf_test_run_opts run = {};
-    run.sz = sizeof(run);
-    run.data_in = packet.data();
-    run.data_size_in = static_cast<uint32_t>(packet.size());
-    run.repeat = 1;
-    if (bpf_prog_test_run_opts(kernel.CommandProgram(), &run) != 0)
-        return Fail(StatusOfErrno(errno), std::string("cannot change the address table: ") + strerror(errno));
-    switch (run.retval) {
+    const int result = kernel.Command(kind, slot, keys);
+    if (result < 0)
+        return Fail(StatusOfErrno(-result),
+                    std::string("cannot change the address table: ") + strerror(-result));
+    switch (result) {
     case LIVE_DONE:
         return STATUS_OK;
     case LIVE_NOT_FOUND:
@@ -595,26 +630,6 @@ VsStatus DataPath::ForgetLearned(uint32_t portNumber)
     return SweepForgotten();
 }
 
-// In batches, so that no packet waits for the whole table.
-VsStatus DataPath::WalkAddresses(const VisitAddress &visit)
-{
-    if (VsStatus status = Command(LIVE_COMMAND_READ_CLOCKS, 0, {})) return status;
-    std::vector<LiveAddressKey> keys(ADDRESS_BATCH);
-    std::vector<LiveAddress> values(ADDRESS_BATCH);
-    uint32_t position = 0;
-    for (bool isFirst = true;; isFirst = false) {
-        uint32_t count = ADDRESS_BATCH;
-        const int result =
-            bpf_map_lookup_batch(kernel.MapDescriptor("addresses"), isFirst ? nullptr : &position, &position,
-                                 keys.data(), values.data(), &count, nullptr);
-        if (result != 0 && errno != ENOENT)
-            return Fail(STATUS_FAILURE, std::string("cannot read the address table: ") + strerror(errno));
-        for (uint32_t i = 0; i < count; i++)
-            visit(keys[i], values[i]);
-        if (result != 0) return STATUS_OK; // ENOENT: that was the rest
-    }
-}
-
 // What the data path will want to remove, as far as can be seen from here.
 bool DataPath::MustSweep(const LiveAddressKey &key, const LiveAddress &address)
 {
@@ -630,10 +645,12 @@ bool DataPath::MustSweep(const LiveAddressKey &key, const LiveAddress &address)
 VsStatus DataPath::Sweep()
 {
     std::vector<LiveAddressKey> keys;
-    const VsStatus status = WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
+    for (const auto &[portNumber, address] : std::exchange(delayed, {}))
+        AddConfigured(portNumber, address);
+    const VsStatus status = tables.WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
         if (MustSweep(key, address)) keys.push_back(key);
     });
-    return status == STATUS_OK ? SweepKeys(keys) : status;
+    return status == STATUS_OK ? SweepKeys(keys) : Fail(status, "cannot read the address table");
 }
 
 VsStatus DataPath::SweepKeys(const std::vector<LiveAddressKey> &keys)
@@ -644,53 +661,6 @@ VsStatus DataPath::SweepKeys(const std::vector<LiveAddressKey> &keys)
         const std::vector<LiveAddressKey> batch(begin, begin + static_cast<ptrdiff_t>(count));
         if (VsStatus status = Command(LIVE_COMMAND_SWEEP, 0, batch)) return status;
     }
-    return STATUS_OK;
-}
-
-VsStatus DataPath::ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries)
-{
-    const auto vswitch = std::find_if(switches.begin(), switches.end(),
-                                      [&](const auto &entry) { return entry.second.config.id == switchId; });
-    if (vswitch == switches.end()) return Fail(STATUS_NOT_FOUND, "the data path has no switch " + switchId);
-    return WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
-        const Owner owner(address);
-        if (key.switchIndex != vswitch->first || owner.slot >= kernel.ports.Size()) return;
-        LivePort &port = kernel.ports[owner.slot];
-        if (!owner.isStatic && !owner.IsCurrent(port)) return;
-        const uint64_t now = kernel.host[0].now;
-        AddressEntry entry = {};
-        entry.portNumber = port.number;
-        entry.vlan = key.vlan;
-        std::memcpy(entry.mac, key.mac, sizeof(entry.mac));
-        entry.isStatic = owner.isStatic;
-        entry.isOnUplink = port.flags & LIVE_PORT_UPLINK;
-        entry.ageNs = address.lastSeen && now > address.lastSeen ? now - address.lastSeen : 0;
-        entries.push_back(entry);
-    });
-}
-
-VsStatus DataPath::ReadCounters(uint32_t portNumber, LiveCounters &counters)
-{
-    uint32_t slot;
-    if (VsStatus status = SlotOfPort(portNumber, slot)) return Fail(status, "no such port");
-    std::vector<LiveCounters> rows(static_cast<size_t>(libbpf_num_possible_cpus()));
-    if (bpf_map_lookup_elem(kernel.MapDescriptor("counters"), &slot, rows.data()) != 0)
-        return Fail(STATUS_FAILURE, std::string("cannot read counters: ") + strerror(errno));
-    counters = {};
-    for (const LiveCounters &row : rows)
-        for (uint32_t i = 0; i < LIVE_COUNTERS; i++)
-            counters.values[i] += row.values[i];
-    return STATUS_OK;
-}
-
-VsStatus DataPath::ReadUplink(uint32_t portNumber, uint32_t &uplinkNumber)
-{
-    uint32_t slot;
-    if (VsStatus status = SlotOfPort(portNumber, slot)) return Fail(status, "no such port");
-    const uint32_t uplink = ReadWord(kernel.ports[slot].uplinkSlot);
-    if (uplink == 0 || uplink > kernel.ports.Size())
-        return Fail(STATUS_NOT_FOUND, "the port has sent by no uplink");
-    uplinkNumber = kernel.ports[uplink - 1].number;
     return STATUS_OK;
 }
 

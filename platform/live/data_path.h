@@ -6,11 +6,10 @@
 // One thread at a time uses a data path.
 #pragma once
 
-#include <functional>
 #include <map>
 #include <unordered_map>
 
-#include "platform/live/kernel_part.h"
+#include "platform/live/kernel_tables.h"
 
 namespace live {
 
@@ -41,15 +40,6 @@ private:
     Descriptor snapshot;
 };
 
-struct AddressEntry {
-    uint32_t portNumber;
-    uint16_t vlan; // 0: untagged
-    uint8_t mac[6];
-    bool isStatic;
-    bool isOnUplink;
-    uint64_t ageNs; // since the port was last seen to have it; a static address never seen: 0
-};
-
 class DataPath {
 public:
     // Loads the programs and takes over what the process before has left: switches, ports, addresses,
@@ -66,8 +56,9 @@ public:
     // Words that hold for all switches.
     void SetHost(const HostConfig &config);
 
-    // STATUS_NO_SPACE: a map is full or the kernel has no memory. STATUS_EXISTS: another port has the
-    // number or the interface. STATUS_BAD_PARAM: the id's length, or more than LIVE_UPLINKS uplinks.
+    // STATUS_NO_SPACE: a map is full, more static addresses than half of their table, more than LIVE_UPLINKS
+    // uplinks, or the kernel has no memory. STATUS_EXISTS: another port has the
+    // number or the interface. STATUS_BAD_PARAM: the id's length.
     // STATUS_NOT_FOUND: no such switch or port. At most one change of a switch is under way.
     VsStatus PrepareSwitch(const SwitchConfig &config, Change &change);
     VsStatus PreparePort(const PortConfig &port, Change &change);
@@ -84,15 +75,13 @@ public:
     void ForgetPredecessors() { kernel.ForgetPredecessors(); }
 
     // The address table.
-    VsStatus ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries);
     VsStatus AddStaticAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]);
     VsStatus RemoveAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]);
     VsStatus ForgetLearned(uint32_t portNumber); // its link is lost
     VsStatus Sweep();                            // removes what is too old; to be called every second or so
 
-    VsStatus ReadCounters(uint32_t portNumber, LiveCounters &counters);
-    // The port of the uplink that a port last sent by. STATUS_NOT_FOUND: it has sent by none.
-    VsStatus ReadUplink(uint32_t portNumber, uint32_t &uplinkNumber);
+    // What the data path has done; other threads may read it too.
+    KernelTables &Tables() { return tables; }
 
     // What tests and statistics look at in the maps.
     KernelPart &Kernel() { return kernel; }
@@ -110,9 +99,11 @@ private:
     VsStatus Fail(VsStatus status, const std::string &text);
     void TakeOverSwitches();
     void TakeOverInterfaces();
+    void TakeOverStaticAddresses();
     VsStatus MeasureTick();
     VsStatus TakeSwitchIndex(const std::string &id, Change &change);
     VsStatus CheckPorts(const SwitchConfig &config, uint32_t switchIndex);
+    VsStatus CheckStaticAddresses(const Change &change);
     VsStatus PlacePorts(const SwitchConfig &config, Change &change);
     VsStatus TakeSlot(Change &change, uint32_t &slot);
     void GiveBack(Change &change);
@@ -128,23 +119,26 @@ private:
     void Settle(Change &change);
     void SettlePort(const PlacedPort &port, uint32_t switchIndex);
     void FreeSlots(const std::vector<Change *> &changes);
+    void SettleAddresses(uint32_t switchIndex, const PortConfig &before, const PortConfig &after);
+    void AddConfigured(uint32_t portNumber, const StaticAddress &address);
     void MapInterface(uint32_t ifindex, uint32_t slot);
     void PassEpoch(uint32_t slot);
     VsStatus SweepForgotten();
     VsStatus SweepKeys(const std::vector<LiveAddressKey> &keys);
     VsStatus Command(LiveCommandKind kind, uint32_t slot, const std::vector<LiveAddressKey> &keys);
-    using VisitAddress = std::function<void(const LiveAddressKey &, const LiveAddress &)>;
-    VsStatus WalkAddresses(const VisitAddress &visit);
     bool MustSweep(const LiveAddressKey &key, const LiveAddress &address);
     VsStatus AddressCommand(LiveCommandKind kind, uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]);
 
     KernelPart kernel;
+    KernelTables tables{kernel};
     std::string message;
     std::map<uint32_t, Switch> switches;                 // by index
     std::unordered_map<uint32_t, uint32_t> portSwitches; // number of a port -> index of its switch
     std::unordered_map<uint32_t, uint32_t> interfaces;   // ifindex -> number of its port
     std::vector<uint32_t> freeSlots;
     std::set<uint32_t> takenIndexes; // of switches, by changes that are not published
+    // Static addresses that met the deletion of an entry: they are added at the next sweep.
+    std::vector<std::pair<uint32_t, StaticAddress>> delayed;
     std::vector<uint32_t> forgetful; // slots of ports that have forgotten addresses still in the table
 };
 

@@ -25,6 +25,7 @@ public:
     // says why.
     bool Start(const std::string &bpffs, std::string &message);
 
+    const KernelTables &Tables() { return path.Tables(); }
     int LinkDescriptor() const { return links.EventDescriptor(); }
 
     void FollowStore(); // after a commit

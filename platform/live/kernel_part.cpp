@@ -236,6 +236,31 @@ int KernelPart::CommandProgram() const
     return bpf_program__fd(bpf_object__find_program_by_name(object.get(), COMMANDS));
 }
 
+uint32_t KernelPart::AddressCapacity() const
+{
+    return bpf_map__max_entries(bpf_object__find_map_by_name(object.get(), "addresses"));
+}
+
+int KernelPart::Command(LiveCommandKind kind, uint32_t slot, std::span<const LiveAddressKey> keys) const
+{
+    const LiveCommand command = {
+        .kind = static_cast<uint32_t>(kind),
+        .slot = slot,
+        .count = static_cast<uint32_t>(keys.size()),
+        .reserved = 0,
+    };
+    std::vector<uint8_t> packet(LIVE_COMMAND_KEYS_OFFSET + keys.size_bytes());
+    std::memcpy(&packet[LIVE_COMMAND_OFFSET], &command, sizeof(command));
+    if (!keys.empty()) std::memcpy(&packet[LIVE_COMMAND_KEYS_OFFSET], keys.data(), keys.size_bytes());
+    bpf_test_run_opts run = {};
+    run.sz = sizeof(run);
+    run.data_in = packet.data();
+    run.data_size_in = static_cast<uint32_t>(packet.size());
+    run.repeat = 1;
+    if (bpf_prog_test_run_opts(CommandProgram(), &run) != 0) return -errno;
+    return static_cast<int>(run.retval);
+}
+
 int KernelPart::MapDescriptor(const char *name) const
 {
     return bpf_object__find_map_fd_by_name(object.get(), name);

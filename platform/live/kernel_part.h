@@ -85,7 +85,14 @@ public:
     int Program() const;
     int CommandProgram() const;
     int MapDescriptor(const char *name) const;
+
+    // Runs a command: a LiveResult, or a negative errno value. Threads may do so at the same time.
+    int Command(LiveCommandKind kind, uint32_t slot, std::span<const LiveAddressKey> keys) const;
+
     const std::string &Message() const { return message; }
+
+    // Room of the address table.
+    uint32_t AddressCapacity() const;
 
     SharedArray<LivePort> ports;
     SharedArray<LiveSwitch> switches;

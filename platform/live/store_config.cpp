@@ -4,6 +4,7 @@
 
 #include "platform/host/port_policies.h"
 #include "platform/host/runtime.h"
+#include "platform/live/kernel_part.h"
 
 namespace live {
 namespace {
@@ -85,6 +86,21 @@ VsStatus ReadPort(Reader &reader, const PropertyOwner &owner, PortConfig &port)
     return status;
 }
 
+VsStatus ReadAddresses(Reader &reader, const std::string &portset, const std::string &portId,
+                       PortConfig &port)
+{
+    std::vector<VSwitchMacEntry> entries;
+    const VsStatus status = ReadStoredAddresses(reader, portset, portId, entries);
+    for (const VSwitchMacEntry &entry : entries) {
+        if (entry.type != VSWITCH_MAC_STATIC) continue;
+        StaticAddress &address = port.addresses.emplace_back();
+        address.vlan = entry.vlanId;
+        memcpy(address.mac, entry.address, sizeof(address.mac));
+    }
+    std::sort(port.addresses.begin(), port.addresses.end());
+    return status;
+}
+
 // 0 stands for no ageing.
 uint32_t ShorterAge(uint32_t a, uint32_t b) { return a == 0 || b == 0 ? std::max(a, b) : std::min(a, b); }
 
@@ -134,6 +150,7 @@ VsStatus ReadSwitchConfig(Reader &reader, const std::string &switchId, const Plu
         port.ifindex = ifindex;
         port.uplink = std::find(uplinks.begin(), uplinks.end(), portId) != uplinks.end();
         if (!status) status = ReadPort(reader, {StoredLevel::PORT, switchId, portId}, port);
+        if (!status) status = ReadAddresses(reader, portset, portId, port);
         if (!status) config.ports.push_back(std::move(port));
     }
     return status;
@@ -144,8 +161,11 @@ VsStatus ReadHostConfig(Reader &reader, HostConfig &config)
     VSwitchLearningProps props = DEFAULT_LEARNING_PROPS;
     const VsStatus status = ReadProps(reader, props);
     config.learningEnabled = props.enabled;
-    config.addressLimit = props.limit;
-    return status;
+    config.addressLimit = std::min<uint32_t>(props.limit, Capacity().addresses / 2);
+    config.floodLimit = 0;
+    const VsStatus option =
+        GetRecord(reader, runtime::OptionKey(VSWITCH_OPTION_FLOOD_LIMIT), config.floodLimit);
+    return status ? status : option == STATUS_NOT_FOUND ? STATUS_OK : option;
 }
 
 }

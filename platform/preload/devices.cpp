@@ -1,11 +1,14 @@
 // open, ioctl and close of the driver's two devices. On a host each device is an empty file of the host's
-// directory. A descriptor belongs to a device when it refers to that file, however the process got it: dup,
-// fork, exec and descriptors passed over a socket need no extra code.
+// directory, or, while vshostd answers, a file of its own. A descriptor belongs to a device when it refers to
+// that file, however the process got it: dup, fork, exec and descriptors passed over a socket need no extra
+// code.
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <stdarg.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 #include "platform/include/vswitch_driver.h"
 #include "platform/preload/preload.h"
@@ -39,8 +42,16 @@ bool Identify(const ShimHost &host, int device, struct stat &file)
     return length < static_cast<int>(sizeof(path)) && stat(path, &file) == 0;
 }
 
-// Looks up the host's device files once. Threads that do so at the same time find the same files.
-bool LookUpFiles(ShimHost &host)
+// Whether vshostd answers at the file.
+bool IsServed(int descriptor)
+{
+    struct statfs filesystem;
+    return fstatfs(descriptor, &filesystem) == 0 && filesystem.f_type == FUSE_SUPER_MAGIC;
+}
+
+// Looks up the host's device files, once for those that stay. Threads that do so at the same time find the
+// same files.
+bool LookUpFiles(ShimHost &host, bool isServed)
 {
     struct stat files[2];
     if (host.known.load(std::memory_order_acquire)) return true;
@@ -49,7 +60,7 @@ bool LookUpFiles(ShimHost &host)
         host.files[device] = files[device].st_ino;
     }
     host.filesystem = files[0].st_dev;
-    host.known.store(true, std::memory_order_release);
+    host.known.store(!isServed, std::memory_order_release);
     return true;
 }
 
@@ -60,7 +71,8 @@ int DeviceOfDescriptor(int descriptor)
     const int error = errno;
     int found = NO_DEVICE;
     struct stat opened;
-    if (fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) && LookUpFiles(*host))
+    if (fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode) &&
+        LookUpFiles(*host, IsServed(descriptor)))
         for (int device = 0; device < 2; device++)
             if (opened.st_ino == host->files[device] && opened.st_dev == host->filesystem) found = device;
     errno = error;
@@ -133,8 +145,10 @@ SHIM_EXPORT int ioctl(int descriptor, unsigned long request, ...)
     void *argument = va_arg(arguments, void *);
     va_end(arguments);
 
+    // The kernel keeps some numbers from vshostd, and the RTM device takes all: its requests run here.
     const int device = DeviceOfDescriptor(descriptor);
-    if (device == NO_DEVICE) return Real().ioctl(descriptor, request, argument);
+    const bool runsHere = device == static_cast<int>(vshost::Device::RTM) || !IsServed(descriptor);
+    if (device == NO_DEVICE || !runsHere) return Real().ioctl(descriptor, request, argument);
     const VshostCore *core = Core();
     const int error =
         core ? core->command(vshost::Device{device}, static_cast<uint32_t>(request), argument) : ENODEV;

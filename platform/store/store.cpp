@@ -2,9 +2,17 @@
 // unless a test fails it.
 #include "platform/store/store.h"
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
+
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+
+#include "platform/host/files.h"
+#include "platform/host/live_link.h"
+#include "platform/host/runtime.h"
 
 namespace vshost {
 namespace {
@@ -45,6 +53,31 @@ PropertyOwner OwnerOf(const StoreCall &call)
     return {call.level, call.switchId, call.level == StoredLevel::PORT ? call.portId : ""};
 }
 
+// The statistics of a port are counted where its switch forwards, so the driver has them. A switch that
+// doesn't run keeps the stored ones.
+VsStatus ReadCounted(Host &host, const StoreCall &call, std::string &value)
+{
+    VSwitchInput input = {};
+    VSwitchPortStatistics stats = {};
+    VSwitchRequest request = {sizeof(input), sizeof(stats), reinterpret_cast<uint64_t>(&input),
+                              reinterpret_cast<uint64_t>(&stats)};
+    strncpy(input.name.switchId, call.switchId, sizeof(input.name.switchId));
+    strncpy(input.port.dvPortId, call.portId, sizeof(input.port.dvPortId));
+    const FileDescriptor device(OpenKeptFile(host.Directory() + "/" + DEVICE_FILE, O_RDWR));
+    if (device.number < 0) return StatusOfErrno(errno);
+    if (ioctl(device.number, VSWITCH_GET_PORT_STATISTICS, &request) != 0) {
+        const bool doesntRun = errno == ENOENT || errno == ENODEV;
+        return doesntRun ? STATUS_OK : StatusOfErrno(errno);
+    }
+    value.assign(reinterpret_cast<const char *>(&stats), sizeof(stats));
+    return STATUS_OK;
+}
+
+bool IsCounted(const StoreCall &call)
+{
+    return call.level == StoredLevel::PORT && call.key == KEY_PORT_STATISTICS;
+}
+
 // Hands out a copy that DVSZOR_DataFree releases.
 VsStatus Lend(std::string_view bytes, void **value, uint32_t *length)
 {
@@ -66,6 +99,9 @@ VsStatus PropertyGet(const StoreCall &call, void **value, uint32_t *length)
         if (!IsComplete(call) || !value || !length) return STATUS_BAD_PARAM;
         StoredProperty found;
         if (VsStatus status = GetProperty(engine, OwnerOf(call), call.key, found)) return status;
+        HostUse host;
+        if (IsCounted(call) && IsLive(host->Directory()))
+            if (VsStatus status = ReadCounted(*host.operator->(), call, found.value)) return status;
         details.length = static_cast<uint32_t>(found.value.size());
         return Lend(found.value, value, length);
     });

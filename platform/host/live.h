@@ -1,0 +1,57 @@
+// What the switches of a host do: their MAC tables, counters and choices of an uplink. On an emulated host no
+// switch does anything, and rows say all. The daemon of a live host fills this from the kernel.
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/host/transaction.h"
+#include "platform/include/vswitch_driver.h"
+
+namespace vshost {
+
+// A port of a switch that runs.
+struct RunningPort {
+    std::string portset;
+    std::string switchId;
+    std::string portId;
+    uint32_t number;
+};
+
+// Threads share it.
+class Live {
+public:
+    virtual ~Live() = default;
+
+    // Adds the entries of the MAC tables of ports of one switch.
+    virtual VsStatus ReadAddresses(Reader &reader, std::span<const RunningPort> ports,
+                                   std::vector<VSwitchMacEntry> &entries) = 0;
+    // Fills in the counters; `entries` and `limit` stay as they are.
+    virtual VsStatus ReadLearning(Reader &reader, const RunningPort &port,
+                                  VSwitchPortLearningStats &stats) = 0;
+    virtual VsStatus ReadStatistics(Reader &reader, const RunningPort &port,
+                                    VSwitchPortStatistics &stats) = 0;
+    // Of the team of a switch, whose uplink ports are `uplinks`.
+    virtual VsStatus ReadTeaming(Reader &reader, std::string_view portset,
+                                 std::span<const RunningPort> uplinks, VSwitchTeamingStats &stats) = 0;
+    // The number of the uplink port that a port sent by last. STATUS_NOT_FOUND: it has sent by none.
+    virtual VsStatus ReadUplink(const RunningPort &port, uint32_t &uplinkNumber) = 0;
+    // Whether a command may put learned addresses into MAC tables.
+    virtual bool TakesLearnedAddresses() const = 0;
+};
+
+// The emulated host's.
+class LiveRows : public Live {
+public:
+    VsStatus ReadAddresses(Reader &reader, std::span<const RunningPort> ports,
+                           std::vector<VSwitchMacEntry> &entries) override;
+    VsStatus ReadLearning(Reader &reader, const RunningPort &port, VSwitchPortLearningStats &stats) override;
+    VsStatus ReadStatistics(Reader &reader, const RunningPort &port, VSwitchPortStatistics &stats) override;
+    VsStatus ReadTeaming(Reader &reader, std::string_view portset, std::span<const RunningPort> uplinks,
+                         VSwitchTeamingStats &stats) override;
+    VsStatus ReadUplink(const RunningPort &, uint32_t &) override { return STATUS_NOT_FOUND; }
+    bool TakesLearnedAddresses() const override { return true; }
+};
+
+}

@@ -1,0 +1,102 @@
+#include "platform/live/kernel_tables.h"
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <cerrno>
+#include <cstring>
+
+namespace live {
+
+using namespace vshost;
+
+namespace {
+
+constexpr uint32_t ADDRESS_BATCH = 4096;
+
+}
+
+VsStatus KernelTables::FindSwitch(const std::string &switchId, uint32_t &index) const
+{
+    char id[sizeof(LiveSwitch::id)] = {};
+    if (switchId.size() > sizeof(id)) return STATUS_NOT_FOUND;
+    switchId.copy(id, sizeof(id));
+    for (index = 0; index < kernel.switches.Size(); index++) {
+        LiveSwitch &vswitch = kernel.switches[index];
+        if (ReadWord(vswitch.inUse) && memcmp(vswitch.id, id, sizeof(id)) == 0) return STATUS_OK;
+    }
+    return STATUS_NOT_FOUND;
+}
+
+VsStatus KernelTables::FindPort(uint32_t portNumber, uint32_t &slot) const
+{
+    for (slot = 0; slot < kernel.ports.Size(); slot++) {
+        LivePort &port = kernel.ports[slot];
+        if (ReadWord(port.number) == portNumber && ReadWord(port.inUse)) return STATUS_OK;
+    }
+    return STATUS_NOT_FOUND;
+}
+
+// In batches, so that no packet waits for the whole table.
+VsStatus KernelTables::WalkAddresses(const VisitAddress &visit) const
+{
+    if (kernel.Command(LIVE_COMMAND_READ_CLOCKS, 0, {}) < 0) return STATUS_FAILURE;
+    std::vector<LiveAddressKey> keys(ADDRESS_BATCH);
+    std::vector<LiveAddress> values(ADDRESS_BATCH);
+    uint32_t position = 0;
+    for (bool isFirst = true;; isFirst = false) {
+        uint32_t count = ADDRESS_BATCH;
+        const int result =
+            bpf_map_lookup_batch(kernel.MapDescriptor("addresses"), isFirst ? nullptr : &position, &position,
+                                 keys.data(), values.data(), &count, nullptr);
+        if (result != 0 && errno != ENOENT) return STATUS_FAILURE;
+        for (uint32_t i = 0; i < count; i++)
+            visit(keys[i], values[i]);
+        if (result != 0) return STATUS_OK; // ENOENT: that was the rest
+    }
+}
+
+VsStatus KernelTables::ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries) const
+{
+    uint32_t index = 0;
+    if (VsStatus status = FindSwitch(switchId, index)) return status;
+    return WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
+        const Owner owner(address);
+        if (key.switchIndex != index || owner.slot >= kernel.ports.Size()) return;
+        LivePort &port = kernel.ports[owner.slot];
+        if (!owner.isStatic && !owner.IsCurrent(port)) return;
+        const uint64_t now = kernel.host[0].now;
+        AddressEntry entry = {};
+        entry.portNumber = ReadWord(port.number);
+        entry.vlan = key.vlan;
+        std::memcpy(entry.mac, key.mac, sizeof(entry.mac));
+        entry.isStatic = owner.isStatic;
+        entry.isOnUplink = ReadWord(port.flags) & LIVE_PORT_UPLINK;
+        entry.ageNs = address.lastSeen && now > address.lastSeen ? now - address.lastSeen : 0;
+        entries.push_back(entry);
+    });
+}
+
+VsStatus KernelTables::ReadCounters(uint32_t portNumber, LiveCounters &counters) const
+{
+    uint32_t slot = 0;
+    if (VsStatus status = FindPort(portNumber, slot)) return status;
+    std::vector<LiveCounters> rows(static_cast<size_t>(libbpf_num_possible_cpus()));
+    if (bpf_map_lookup_elem(kernel.MapDescriptor("counters"), &slot, rows.data()) != 0) return STATUS_FAILURE;
+    counters = {};
+    for (const LiveCounters &row : rows)
+        for (uint32_t i = 0; i < LIVE_COUNTERS; i++)
+            counters.values[i] += row.values[i];
+    return STATUS_OK;
+}
+
+VsStatus KernelTables::ReadUplink(uint32_t portNumber, uint32_t &uplinkNumber) const
+{
+    uint32_t slot = 0;
+    if (VsStatus status = FindPort(portNumber, slot)) return status;
+    const uint32_t uplink = ReadWord(kernel.ports[slot].uplinkSlot);
+    if (uplink == 0 || uplink > kernel.ports.Size()) return STATUS_NOT_FOUND;
+    uplinkNumber = ReadWord(kernel.ports[uplink - 1].number);
+    return STATUS_OK;
+}
+
+}

@@ -1,0 +1,55 @@
+// What the data path has done: addresses, counters and uplinks, as they stand in its maps. Any thread reads
+// them at any time.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/live/kernel_part.h"
+
+namespace live {
+
+struct AddressEntry {
+    uint32_t portNumber;
+    uint16_t vlan; // 0: untagged
+    uint8_t mac[6];
+    bool isStatic;
+    bool isOnUplink;
+    uint64_t ageNs; // since the port was last seen to have it; a static address never seen: 0
+};
+
+// Who has an address, read from its entry.
+struct Owner {
+    explicit Owner(const LiveAddress &address)
+        : slot(static_cast<uint32_t>(address.owner)), epoch(static_cast<uint32_t>(address.owner >> 32)),
+          isStatic(epoch == LIVE_EPOCH_STATIC)
+    {}
+    bool IsCurrent(LivePort &port) const { return epoch == (ReadWord(port.epoch) & LIVE_EPOCH_MASK); }
+
+    uint32_t slot;
+    uint32_t epoch;
+    bool isStatic;
+};
+
+// STATUS_NOT_FOUND: the data path has no such switch or port.
+class KernelTables {
+public:
+    explicit KernelTables(KernelPart &kernel) : kernel(kernel) {}
+
+    using VisitAddress = std::function<void(const LiveAddressKey &, const LiveAddress &)>;
+    VsStatus WalkAddresses(const VisitAddress &visit) const;
+
+    VsStatus ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries) const;
+    VsStatus ReadCounters(uint32_t portNumber, LiveCounters &counters) const;
+    // The port of the uplink that a port last sent by. STATUS_NOT_FOUND: it has sent by none.
+    VsStatus ReadUplink(uint32_t portNumber, uint32_t &uplinkNumber) const;
+
+private:
+    VsStatus FindSwitch(const std::string &switchId, uint32_t &index) const;
+    VsStatus FindPort(uint32_t portNumber, uint32_t &slot) const;
+
+    KernelPart &kernel;
+};
+
+}

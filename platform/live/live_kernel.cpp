@@ -1,0 +1,97 @@
+#include "platform/live/live_kernel.h"
+
+#include <cstring>
+#include <set>
+
+#include "platform/host/runtime.h"
+
+namespace live {
+
+using namespace vshost;
+
+namespace {
+
+constexpr uint64_t NS_PER_SECOND = 1000000000;
+
+// A port without an interface has nothing in the kernel.
+VsStatus AbsentIsOk(VsStatus status) { return status == STATUS_NOT_FOUND ? STATUS_OK : status; }
+
+VSwitchMacEntry LearnedEntry(const AddressEntry &address)
+{
+    VSwitchMacEntry entry = {};
+    memcpy(entry.address, address.mac, sizeof(entry.address));
+    entry.type = VSWITCH_MAC_LEARNED;
+    entry.vlanId = address.vlan;
+    entry.age = static_cast<uint32_t>(address.ageNs / NS_PER_SECOND);
+    entry.portId = address.portNumber;
+    return entry;
+}
+
+}
+
+VsStatus LiveKernel::ReadAddresses(Reader &reader, std::span<const RunningPort> ports,
+                                   std::vector<VSwitchMacEntry> &entries)
+{
+    std::set<uint32_t> numbers;
+    std::vector<VSwitchMacEntry> stored;
+    std::vector<AddressEntry> seen;
+    if (ports.empty()) return STATUS_OK;
+    for (const RunningPort &port : ports) {
+        numbers.insert(port.number);
+        if (VsStatus status = ReadStoredAddresses(reader, port.portset, port.portId, stored, port.number))
+            return status;
+    }
+    for (const VSwitchMacEntry &entry : stored)
+        if (entry.type == VSWITCH_MAC_STATIC) entries.push_back(entry);
+    if (VsStatus status = AbsentIsOk(tables.ReadAddresses(ports[0].switchId, seen))) return status;
+    for (const AddressEntry &address : seen)
+        if (!address.isStatic && numbers.contains(address.portNumber))
+            entries.push_back(LearnedEntry(address));
+    return STATUS_OK;
+}
+
+VsStatus LiveKernel::ReadLearning(Reader &, const RunningPort &port, VSwitchPortLearningStats &stats)
+{
+    LiveCounters counters = {};
+    const VsStatus status = tables.ReadCounters(port.number, counters);
+    const auto count = [&](LiveCounter row) { return static_cast<uint32_t>(counters.values[row]); };
+    stats.learned = count(LIVE_LEARNED);
+    stats.moved = count(LIVE_MOVED);
+    stats.aged = count(LIVE_AGED);
+    stats.refused = count(LIVE_REFUSED);
+    stats.dropped = count(LIVE_DROP_LEARNING_LIMIT);
+    return AbsentIsOk(status);
+}
+
+VsStatus LiveKernel::ReadStatistics(Reader &, const RunningPort &port, VSwitchPortStatistics &stats)
+{
+    LiveCounters counters = {};
+    const VsStatus status = tables.ReadCounters(port.number, counters);
+    static_assert(LIVE_DROP_NOT_SENT + 1 == sizeof(stats) / sizeof(counters.values[0]));
+    memcpy(&stats, counters.values, sizeof(stats));
+    return AbsentIsOk(status);
+}
+
+VsStatus LiveKernel::ReadTeaming(Reader &, std::string_view, std::span<const RunningPort> uplinks,
+                                 VSwitchTeamingStats &stats)
+{
+    stats = {};
+    for (const RunningPort &uplink : uplinks) {
+        LiveCounters counters = {};
+        if (VsStatus status = AbsentIsOk(tables.ReadCounters(uplink.number, counters))) return status;
+        stats.txPackets += counters.values[LIVE_TO_PACKETS];
+        stats.txBytes += counters.values[LIVE_TO_BYTES];
+        stats.rxPackets += counters.values[LIVE_FROM_PACKETS];
+        stats.rxBytes += counters.values[LIVE_FROM_BYTES];
+        stats.failovers += counters.values[LIVE_FAILOVERS];
+        stats.failbacks += counters.values[LIVE_FAILBACKS];
+    }
+    return STATUS_OK;
+}
+
+VsStatus LiveKernel::ReadUplink(const RunningPort &port, uint32_t &uplinkNumber)
+{
+    return tables.ReadUplink(port.number, uplinkNumber);
+}
+
+}

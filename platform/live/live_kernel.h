@@ -1,0 +1,28 @@
+// What the switches of a live host do, read from the kernel. Rows say what was configured: static addresses.
+#pragma once
+
+#include "platform/host/live.h"
+#include "platform/live/kernel_tables.h"
+
+namespace live {
+
+class LiveKernel : public vshost::Live {
+public:
+    explicit LiveKernel(const KernelTables &tables) : tables(tables) {}
+
+    VsStatus ReadAddresses(vshost::Reader &reader, std::span<const vshost::RunningPort> ports,
+                           std::vector<VSwitchMacEntry> &entries) override;
+    VsStatus ReadLearning(vshost::Reader &reader, const vshost::RunningPort &port,
+                          VSwitchPortLearningStats &stats) override;
+    VsStatus ReadStatistics(vshost::Reader &reader, const vshost::RunningPort &port,
+                            VSwitchPortStatistics &stats) override;
+    VsStatus ReadTeaming(vshost::Reader &reader, std::string_view portset,
+                         std::span<const vshost::RunningPort> uplinks, VSwitchTeamingStats &stats) override;
+    VsStatus ReadUplink(const vshost::RunningPort &port, uint32_t &uplinkNumber) override;
+    bool TakesLearnedAddresses() const override { return false; }
+
+private:
+    const KernelTables &tables;
+};
+
+}
