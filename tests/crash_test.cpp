@@ -3,16 +3,13 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <random>
-#include <sqlite3.h>
-#include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vshost.h>
 
+#include "tests/files.h"
 #include "vswitchctl.h"
 
 namespace {
@@ -58,16 +55,7 @@ uint32_t CountProperties(uint32_t number)
 
 void ExpectIntact(const std::string &directory)
 {
-    sqlite3 *database = nullptr;
-    ASSERT_EQ(sqlite3_open((directory + "/host.db").c_str(), &database), SQLITE_OK);
-    std::string answer;
-    const auto take = [](void *text, int, char **values, char **) {
-        *static_cast<std::string *>(text) += values[0];
-        return 0;
-    };
-    EXPECT_EQ(sqlite3_exec(database, "PRAGMA integrity_check", take, &answer, nullptr), SQLITE_OK);
-    EXPECT_EQ(answer, "ok");
-    sqlite3_close(database);
+    EXPECT_EQ(Sql(directory + "/host.db", "PRAGMA integrity_check"), "ok");
 }
 
 // The state after `last` was acknowledged, while the next number may have been written.
@@ -111,9 +99,9 @@ TEST(Crash, AcknowledgedWritesSurviveTheirWriter)
 {
     const char *text = getenv("VSWITCHCTL_CRASH_ROUNDS");
     const int rounds = text ? atoi(text) : 200;
-    char directory[] = "/tmp/vswitchctl-crash-XXXXXX";
-    ASSERT_TRUE(mkdtemp(directory));
-    ASSERT_EQ(vshost_start(directory, 1), 0) << vshost_error();
+    const Folder folder;
+    const std::string &directory = folder.path;
+    ASSERT_EQ(vshost_start(directory.c_str(), 1), 0) << vshost_error();
     ASSERT_EQ(VSDVS_CreateVSwitch(SWITCH, SWITCH, nullptr, 1, 0, 0, 0, 1), STATUS_OK);
 
     std::mt19937 random(20260101);
@@ -125,7 +113,6 @@ TEST(Crash, AcknowledgedWritesSurviveTheirWriter)
     }
     ExpectIntact(directory);
     vshost_stop();
-    std::filesystem::remove_all(directory);
     printf("%d rounds, %u numbers acknowledged\n", rounds, last);
 }
 

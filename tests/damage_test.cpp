@@ -1,17 +1,8 @@
 // Damaged rows of the embedded host's database: each call that reads or changes them returns a status, and
 // the host continues to work. The test writes the rows past the platform, as a faulty disk would.
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <filesystem>
-#include <functional>
-#include <sqlite3.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
-#include <vswitch_driver.h>
-
 #include "core/store.h"
-#include "tests/fixture.h"
+#include "tests/driver_calls.h"
+#include "tests/files.h"
 
 namespace {
 
@@ -40,26 +31,17 @@ struct Answer {
     std::string bytes;
 };
 
-VSwitchInput Input(const char *name)
+VSwitchInput MacInput()
 {
-    VSwitchInput input = {};
-    strcpy(input.name.portset, name);
-    return input;
-}
-
-VSwitchInput PortInput()
-{
-    VSwitchInput input = Input(LAB_ID);
-    strcpy(input.port.dvPortId, PORT);
+    VSwitchInput input = PortInput(PORT);
     memcpy(input.args.mac.address, MAC, sizeof(input.args.mac.address));
     input.args.mac.vlanId = 5;
     return input;
 }
 
-VSwitchInput UplinkInput()
+VSwitchInput AdminInput()
 {
-    VSwitchInput input = Input(LAB_PORTSET);
-    strcpy(input.args.uplink.name, "eth0");
+    VSwitchInput input = UplinkInput("eth0");
     input.args.uplink.adminUp = 1;
     return input;
 }
@@ -67,12 +49,8 @@ VSwitchInput UplinkInput()
 Answer Ask(uint32_t number, const std::string &input)
 {
     std::string bytes(40000, '\0');
-    VSwitchRequest request = {static_cast<uint32_t>(input.size()), static_cast<uint32_t>(bytes.size()),
-                              reinterpret_cast<uint64_t>(input.data()),
-                              reinterpret_cast<uint64_t>(bytes.data())};
-    const int device = open(VSWITCH_DRIVER_DEVICE, O_RDWR);
-    const int error = ioctl(device, number, &request) < 0 ? errno : 0;
-    close(device);
+    const int error = ::Ask(number, input.data(), static_cast<uint32_t>(input.size()), bytes.data(),
+                            static_cast<uint32_t>(bytes.size()));
     return {std::to_string(number), static_cast<uint32_t>(error), bytes};
 }
 
@@ -87,13 +65,11 @@ Answer Tybel(const std::string &command)
 std::vector<Answer> ReadEverything()
 {
     std::vector<Answer> answers;
-    VSwitchInput group = Input(LAB_PORTSET), session = group, number = {};
-    group.args.mcast = {0, VSWITCH_ADDRESS_IPV4, {239, 1, 1, 1}};
+    VSwitchInput group = GroupInput(0, VSWITCH_ADDRESS_IPV4), session = Input(), number = {};
     strcpy(session.args.sessionId, "s");
     number.port.portId = 3;
     for (uint32_t command = VSWITCH_GET_RARP_STATS; command <= VSWITCH_GET_SWITCHES; command++)
-        for (const VSwitchInput &input :
-             {Input(LAB_PORTSET), PortInput(), UplinkInput(), group, session, number})
+        for (const VSwitchInput &input : {Input(), MacInput(), AdminInput(), group, session, number})
             answers.push_back(Ask(command, Bytes(input)));
     answers.push_back(Ask(VSWITCH_GET_OPTIONS, ""));
     answers.push_back(Ask(VSWITCH_GET_OPTIONS, Bytes(uint16_t{7})));
@@ -119,11 +95,11 @@ std::vector<Answer> ReadEverything()
 // Changes every kind of row; the results do not matter here.
 void ChangeEverything()
 {
-    Ask(VSWITCH_SET_PORT_MAC, Bytes(PortInput()));
-    Ask(VSWITCH_CLEAR_PORT_MAC, Bytes(PortInput()));
-    Ask(VSWITCH_SET_UPLINK_ADMIN, Bytes(UplinkInput()));
-    Ask(VSWITCH_REFRESH_NUMA, Bytes(Input(LAB_PORTSET)));
-    Ask(VSWITCH_SET_LEARNING_PROPS, Bytes(Input(LAB_PORTSET)));
+    Ask(VSWITCH_SET_PORT_MAC, Bytes(MacInput()));
+    Ask(VSWITCH_CLEAR_PORT_MAC, Bytes(MacInput()));
+    Ask(VSWITCH_SET_UPLINK_ADMIN, Bytes(AdminInput()));
+    Ask(VSWITCH_REFRESH_NUMA, Bytes(Input()));
+    Ask(VSWITCH_SET_LEARNING_PROPS, Bytes(Input()));
     Ask(VSWITCH_SET_OPTIONS, Bytes(VSwitchOptions{8, 0}));
     Tybel("set /net/create more 8 vswitch");
     Tybel("set /net/portsets/lab-portset/mtu 4000");
@@ -147,18 +123,11 @@ class Damage : public testing::Test {
 protected:
     void SetUp() override
     {
-        char name[] = "/dev/shm/vswitchctl-damage-XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        directory = name;
         vshost_shell_in_process(1);
         ASSERT_EQ(vshost_start(directory.c_str(), 0), 0) << vshost_error();
         ASSERT_EQ(CreateLab(), STATUS_OK);
         ASSERT_EQ(vshost_scenario(SCENARIO), 0) << vshost_error();
-        struct [[gnu::packed]] {
-            MirrorSessionList header;
-            MirrorSessionRecord session;
-        } list = {{0, 0, 1, 0, 0}, {}};
-        strcpy(list.session.sessionId, "s");
+        const MirrorList<1> list("s");
         ASSERT_EQ(VSDVS_AppendDVMirrorSessions(LAB, PORT, &list.header), STATUS_OK);
         sound = ReadEverything();
         vshost_stop();
@@ -168,7 +137,6 @@ protected:
     {
         vshost_stop();
         vshost_shell_in_process(0);
-        std::filesystem::remove_all(directory);
     }
 
     sqlite3 *Open() const
@@ -228,7 +196,8 @@ protected:
         return 0;
     }
 
-    std::string directory;
+    const Folder folder{"/dev/shm"};
+    const std::string directory = folder.path;
     std::vector<Row> rows;
     std::vector<Answer> sound;
 };
@@ -302,9 +271,7 @@ TEST_F(Damage, CountsAndEndsThatAreWrongAreRefused)
     const auto at = [](size_t offset, const std::string &bytes) {
         return [=](Row &row) { row.value.replace(offset, bytes.size(), bytes); };
     };
-    VSwitchInput group = Input(LAB_PORTSET);
-    group.args.mcast = {0, VSWITCH_ADDRESS_IPV4, {239, 1, 1, 1}};
-    const std::string portset = Bytes(Input(LAB_PORTSET));
+    const std::string group = Bytes(GroupInput(0, VSWITCH_ADDRESS_IPV4)), portset = Bytes(Input());
     const struct {
         const char *what;
         std::string prefix;
@@ -313,18 +280,18 @@ TEST_F(Damage, CountsAndEndsThatAreWrongAreRefused)
         std::string input;
     } cases[] = {
         {"a group's sources", "run\0group\0"s, at(offsetof(VSwitchMcastStats, count), "\xFF\xFF\xFF\xFF"),
-         VSWITCH_GET_MCAST_STATS, Bytes(group)},
+         VSWITCH_GET_MCAST_STATS, group},
         {"one source less", "run\0group\0"s, at(offsetof(VSwitchMcastStats, count), "\1"s),
-         VSWITCH_GET_MCAST_STATS, Bytes(group)},
+         VSWITCH_GET_MCAST_STATS, group},
         {"a group's key", "run\0group\0"s, [](Row &row) { row.key.resize(row.key.size() - 6); },
-         VSWITCH_GET_MCAST_GROUPS, Bytes(group)},
+         VSWITCH_GET_MCAST_GROUPS, group},
         {"a LAG's members", "run\0lag\0"s, at(offsetof(VSwitchLag, memberCount), "\x11"s),
          VSWITCH_GET_UPLINKS, portset},
         {"the last promiscuous port", "run\0promiscuous\0"s, [](Row &row) { row.value.pop_back(); },
          VSWITCH_GET_PROMISCUOUS_PORTS, portset},
         {"an option's key", "run\0option\0"s, [](Row &row) { row.key.pop_back(); }, VSWITCH_GET_OPTIONS, ""},
         {"a MAC's key", "run\0mac\0"s, [](Row &row) { row.key.pop_back(); }, VSWITCH_GET_PORT_MACS,
-         Bytes(PortInput())},
+         Bytes(MacInput())},
         {"a bound NIC that is none", "run\0bound\0"s, [](Row &row) { row.value = "none"; },
          VSWITCH_GET_UPLINKS, portset},
     };

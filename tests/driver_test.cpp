@@ -1,66 +1,20 @@
 // The embedded host's driver and the preload in front of it, with requests made by hand: their behaviour
 // towards any caller.
 #include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
 #include <functional>
 #include <spawn.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-#include <vswitch_driver.h>
 
 #include "core/store.h"
-#include "tests/fixture.h"
+#include "tests/driver_calls.h"
 
 namespace {
 
 constexpr char GUARD = '\x5A';
 using Words = std::vector<std::string>;
-
-int Ioctl(int descriptor, uint32_t number, const void *input, uint32_t inLength, void *output,
-          uint32_t outLength)
-{
-    VSwitchRequest request = {inLength, outLength, reinterpret_cast<uint64_t>(input),
-                              reinterpret_cast<uint64_t>(output)};
-    return ioctl(descriptor, number, &request) < 0 ? errno : 0;
-}
-
-// Opens the device, sends a request and closes it. Returns 0 or the errno value.
-int Ask(uint32_t number, const void *input, uint32_t inLength, void *output, uint32_t outLength,
-        const char *device = VSWITCH_DRIVER_DEVICE)
-{
-    const int descriptor = open(device, O_RDWR);
-    if (descriptor < 0) return errno;
-    const int error = Ioctl(descriptor, number, input, inLength, output, outLength);
-    close(descriptor);
-    return error;
-}
-
-VSwitchInput Input(const char *name = LAB_PORTSET)
-{
-    VSwitchInput input = {};
-    strcpy(input.name.portset, name);
-    return input;
-}
-
-VSwitchInput PortInput(const char *portId, const char *switchId = LAB_ID)
-{
-    VSwitchInput input = Input(switchId);
-    strcpy(input.port.dvPortId, portId);
-    return input;
-}
-
-VSwitchInput UplinkInput(const char *uplink, const char *portset = LAB_PORTSET)
-{
-    VSwitchInput input = Input(portset);
-    strcpy(input.args.uplink.name, uplink);
-    return input;
-}
 
 VSwitchInput MacInput(const VSwitchMacEntry &entry, const char *portId = PORT)
 {
@@ -82,7 +36,7 @@ int Change(uint32_t number, const VSwitchInput &input)
 }
 
 // The bytes of each entry of a list.
-Words List(uint32_t number, const VSwitchInput &input, size_t entry)
+template<typename Input> Words List(uint32_t number, const Input &input, size_t entry)
 {
     std::vector<char> answer(65536);
     const auto room = static_cast<uint32_t>(answer.size());
@@ -95,12 +49,18 @@ Words List(uint32_t number, const VSwitchInput &input, size_t entry)
     return entries;
 }
 
-Words Uplinks(const char *portset = LAB_PORTSET)
+// The texts that the entries of a list begin with.
+template<typename Input> Words Names(uint32_t number, const Input &input, size_t entry)
 {
     Words names;
-    for (const std::string &entry : List(VSWITCH_GET_UPLINKS, Input(portset), sizeof(VSwitchUplink)))
-        names.emplace_back(entry.c_str());
+    for (const std::string &bytes : List(number, input, entry))
+        names.emplace_back(bytes.c_str());
     return names;
+}
+
+Words Uplinks(const char *portset = LAB_PORTSET)
+{
+    return Names(VSWITCH_GET_UPLINKS, Input(portset), sizeof(VSwitchUplink));
 }
 
 std::string UplinkPort(const char *uplink)
@@ -243,11 +203,7 @@ TEST_F(Driver, DescriptorsMayTravel)
     for (int descriptor : {copy, over, high})
         EXPECT_TRUE(works(descriptor)) << descriptor;
 
-    int status;
-    const pid_t child = fork();
-    if (child == 0) _exit(works(copy) ? 0 : 1);
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0) << "in a forked child";
+    EXPECT_EQ(Wait(Fork([&] { return works(copy); })), 0) << "in a forked child";
 
     setenv("INHERITED_DEVICE", std::to_string(copy).c_str(), 1);
     const char *arguments[] = {"driver_test", "--gtest_also_run_disabled_tests", "--gtest_brief=1",
@@ -256,8 +212,7 @@ TEST_F(Driver, DescriptorsMayTravel)
     ASSERT_EQ(
         posix_spawn(&started, "/proc/self/exe", nullptr, nullptr, const_cast<char **>(arguments), environ),
         0);
-    ASSERT_EQ(waitpid(started, &status, 0), started);
-    EXPECT_EQ(status, 0) << "in another program";
+    EXPECT_EQ(Wait(started), 0) << "in another program";
 
     const int null = open("/dev/null", O_RDONLY);
     ASSERT_EQ(dup2(null, high), high);
@@ -541,11 +496,7 @@ TEST_F(Driver, PoliciesShowInTheAnswers)
     EXPECT_STREQ(info().switchId, LAB_ID);
 
     const PortMACLearningConfig learning = {1, 0, 17, 0};
-    struct [[gnu::packed]] {
-        MirrorSessionList header;
-        MirrorSessionRecord session;
-    } list = {{0, 0, 1, 0, 0}, {}};
-    memset(list.session.sessionId, 's', sizeof(list.session.sessionId));
+    const MirrorList<1> list(std::string(32, 's'));
     EXPECT_EQ(VSDVS_SetMcastFilterMode(LAB, 1), STATUS_OK);
     EXPECT_EQ(VSDVS_SetPortMACLearning(LAB, PORT, &learning), STATUS_OK);
     for (const char *port : {PORT, "port1", ""})
@@ -570,11 +521,7 @@ TEST_F(Driver, PoliciesShowInTheAnswers)
 // The host counts ports and lists the ports with a policy, however a policy is set or removed.
 TEST_F(Driver, CountsAndListsFollowThePorts)
 {
-    struct [[gnu::packed]] {
-        MirrorSessionList header;
-        MirrorSessionRecord session;
-    } list = {{0, 0, 1, 0, 0}, {}};
-    memset(list.session.sessionId, 's', sizeof(list.session.sessionId));
+    const MirrorList<1> list(std::string(32, 's'));
     const PortMACLearningConfig on = {1, 0, 17, 0}, off = {0, 0, 17, 0};
     const auto learning = [](const PortMACLearningConfig &config) {
         return VSDVS_SetPortMACLearning(LAB, PORT, &config);
@@ -699,18 +646,7 @@ TEST_F(Driver, OptionsAreReadBackAsTheyWereSet)
     EXPECT_EQ(set(1), EINVAL);
 }
 
-Words Portsets()
-{
-    Words names;
-    const uint32_t kind = VSWITCH_LIST_PORTSETS;
-    std::vector<char> answer(4096);
-    EXPECT_EQ(Ask(VSWITCH_GET_SWITCHES, &kind, sizeof(kind), answer.data(), 4096), 0);
-    uint32_t count;
-    memcpy(&count, answer.data(), sizeof(count));
-    for (size_t i = 0; i < count; i++)
-        names.emplace_back(&answer[sizeof(VSwitchListHeader) + i * 128]);
-    return names;
-}
+Words Portsets() { return Names(VSWITCH_GET_SWITCHES, uint32_t{VSWITCH_LIST_PORTSETS}, 128); }
 
 // A reboot ends all running switches, and starts each switch of this host as it is stored.
 TEST_F(Driver, AResetStartsTheSwitchesOfThisHost)
@@ -808,18 +744,14 @@ TEST_F(Driver, GroupsByVlanAndKind)
         uint32_t vlan, kind, width;
         size_t count;
     } cases[] = {{0, 0, 6, 1}, {0, 2, 4, 1}, {5, 2, 4, 1}, {7, 2, 4, 0}, {0, 3, 16, 1}, {0, 1, 0, 0}};
-    VSwitchInput input = Input();
-    for (const auto &row : cases) {
-        input.args.mcast = {row.vlan, row.kind, {}};
-        EXPECT_EQ(List(VSWITCH_GET_MCAST_GROUPS, input, row.width).size(), row.count)
+    for (const auto &row : cases)
+        EXPECT_EQ(List(VSWITCH_GET_MCAST_GROUPS, GroupInput(row.vlan, row.kind), row.width).size(), row.count)
             << row.vlan << ' ' << row.kind;
-    }
-    input.args.mcast = {0, VSWITCH_ADDRESS_IPV4, {239, 1, 1, 1}};
     struct [[gnu::packed]] Stats {
         VSwitchMcastStats header;
         uint8_t sources[2][4];
     };
-    const auto stats = Query<Stats>(VSWITCH_GET_MCAST_STATS, input);
+    const auto stats = Query<Stats>(VSWITCH_GET_MCAST_STATS, GroupInput(0, VSWITCH_ADDRESS_IPV4));
     EXPECT_EQ(+stats.header.joins, 4u);
     EXPECT_EQ(+stats.header.count, 2u);
     EXPECT_EQ(stats.sources[1][3], 2);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <sys/wait.h>
+#include <unistd.h>
 
 void StartHost()
 {
@@ -40,6 +41,20 @@ void LabTest::SetUp()
 {
     HostTest::SetUp();
     ASSERT_EQ(CreateLab(), STATUS_OK);
+}
+
+pid_t Fork(const std::function<bool()> &body)
+{
+    const pid_t child = fork();
+    if (child == 0) _exit(body() ? 0 : 1);
+    return child;
+}
+
+int Wait(pid_t child)
+{
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
 }
 
 std::optional<Stored> Read(StoreLevel level, const char *key, const char *portId, const char *switchId)

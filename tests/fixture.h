@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -45,6 +47,21 @@ template<typename Record> std::string Bytes(const Record &record)
 }
 // A text with its NUL, as the store keeps it.
 inline std::string Text(std::string_view text) { return std::string(text) + '\0'; }
+
+// A list of mirror sessions without entries.
+template<size_t count> struct [[gnu::packed]] MirrorList {
+    template<typename... Ids> explicit MirrorList(const Ids &...ids)
+    {
+        size_t i = 0;
+        (std::string_view(ids).copy(sessions[i++].sessionId, sizeof(sessions[0].sessionId)), ...);
+    }
+    MirrorSessionList header = {MIRROR_LIST_MAGIC, MIRROR_LIST_VERSION, count, 0, 0};
+    MirrorSessionRecord sessions[count] = {};
+};
+
+// A child process that ends with 0 when `body` returns true, and how a child ended.
+pid_t Fork(const std::function<bool()> &body);
+int Wait(pid_t child);
 
 struct Stored {
     bool operator==(const Stored &) const = default;

@@ -5,6 +5,7 @@
 #include <set>
 #include <unistd.h>
 
+#include "tests/files.h"
 #include "tests/fixture.h"
 
 namespace {
@@ -100,18 +101,14 @@ protected:
     void SetUp() override
     {
         LabTest::SetUp();
-        char name[] = "/tmp/vswitchctl-names-XXXXXX";
-        ASSERT_TRUE(mkdtemp(name));
-        directory = name;
         before = std::filesystem::current_path();
-        std::filesystem::current_path(directory);
+        std::filesystem::current_path(folder.path);
         vshost_shell_in_process(0);
     }
 
     void TearDown() override
     {
         std::filesystem::current_path(before);
-        std::filesystem::remove_all(directory);
         LabTest::TearDown();
     }
 
@@ -129,7 +126,8 @@ protected:
         EXPECT_TRUE(std::filesystem::is_empty(".")) << "another command ran";
     }
 
-    std::filesystem::path directory, before;
+    const Folder folder;
+    std::filesystem::path before;
 };
 
 TEST_F(HostileNames, OfPortsets)

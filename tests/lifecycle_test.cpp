@@ -229,14 +229,10 @@ TEST_F(LabTest, APortNumberStandsInTheStatusRecord)
 int RunInAnotherProcess(const char *test)
 {
     const std::string filter = "--gtest_filter="s + test;
-    const pid_t child = fork();
-    if (child == 0) {
-        execl("/proc/self/exe", "other", filter.c_str(), "--gtest_also_run_disabled_tests", nullptr);
-        _exit(127);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status;
+    return Wait(Fork([&] {
+        return execl("/proc/self/exe", "other", filter.c_str(), "--gtest_also_run_disabled_tests", nullptr) ==
+               0;
+    }));
 }
 
 TEST_F(LabTest, WhatOneProcessWritesTheOtherReads)

@@ -53,19 +53,8 @@ constexpr ExtraEthFilterRecord SINK_FILTER = {SINK_PORT_BIT, {}}, FILTER = {1, {
 constexpr PortMACLearningConfig PORT_LEARNING = {1, 1, 2, 3};
 constexpr SwitchMACLearningRecord SWITCH_LEARNING = {{1, 0, 0}, 0, 5};
 
-template<size_t count> struct MirrorList {
-    explicit MirrorList(const char *first)
-    {
-        for (MirrorSessionRecord &session : sessions) {
-            strcpy(session.sessionId, first);
-            first = "second";
-        }
-    }
-    MirrorSessionList header = {MIRROR_LIST_MAGIC, MIRROR_LIST_VERSION, count, 0, 0};
-    MirrorSessionRecord sessions[count] = {};
-};
 const MirrorList<1> ONE_SESSION(SESSION), OTHER_SESSION("other");
-const MirrorList<2> TWO_SESSIONS(SESSION);
+const MirrorList<2> TWO_SESSIONS(SESSION, "second");
 
 struct [[gnu::packed]] {
     UplinkNameList names = {2};

@@ -18,13 +18,13 @@
 #include <mutex>
 #include <random>
 #include <set>
-#include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
 #include "core/store.h"
+#include "tests/files.h"
 #include "tests/fixture.h"
 
 namespace {
@@ -75,12 +75,6 @@ ino_t InodeOf(const std::string &path)
 {
     struct stat status = {};
     return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
-}
-
-std::string ReadFile(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // Records the changes below a directory, in order.
@@ -393,11 +387,6 @@ bool IsMemory(const std::string &path) { return path.ends_with("-shm") || path.e
 // The control file itself says that it is from an earlier start of the machine: see MemoryEndsWithTheMachine.
 std::string Garbage(const std::string &path) { return path.ends_with("-shm") ? std::string(32768, 'x') : ""; }
 
-void WriteFile(const std::string &path, const std::string &content)
-{
-    std::ofstream(path, std::ios::binary) << content;
-}
-
 constexpr size_t PORTS = 4;
 
 std::string PortName(size_t port) { return "port" + std::to_string(port); }
@@ -412,9 +401,6 @@ class PowerCut : public testing::Test {
 protected:
     void SetUp() override
     {
-        char name[] = "/dev/shm/vswitchctl-power-XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        folder = name;
         fs::create_directory(folder + "/live");
         vshost_shell_in_process(1);
     }
@@ -422,7 +408,6 @@ protected:
     {
         vshost_stop();
         vshost_shell_in_process(0);
-        fs::remove_all(folder);
     }
 
     std::string Host() const { return folder + "/live/hosts/host"; }
@@ -440,21 +425,6 @@ protected:
         ASSERT_EQ(status, STATUS_OK);
         ASSERT_EQ(TheRecorder().Last(), vshost_fingerprint());
     }
-    std::string Sql(const std::string &path, const char *text)
-    {
-        sqlite3 *database = nullptr;
-        EXPECT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
-        std::string answer;
-        const auto take = [](void *all, int, char **values, char **) {
-            *static_cast<std::string *>(all) += values[0];
-            return 0;
-        };
-        EXPECT_EQ(sqlite3_exec(database, text, take, &answer, nullptr), SQLITE_OK)
-            << sqlite3_errmsg(database);
-        sqlite3_close(database);
-        return answer;
-    }
-
     void Put(const Image &image)
     {
         fs::remove_all(folder + "/cut");
@@ -542,7 +512,8 @@ protected:
 
     void Run();
 
-    std::string folder;
+    const Folder made{"/dev/shm"};
+    const std::string folder = made.path;
     int durable = 1;
     std::map<Image, Found> opened;
 };

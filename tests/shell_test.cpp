@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "core/store.h"
+#include "tests/files.h"
 #include "tests/fixture.h"
 
 namespace {
@@ -236,15 +237,6 @@ const std::string VSHOST =
 
 class Launcher : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        char name[] = "/tmp/launcher-XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        folder = name;
-        state = folder + "/host";
-    }
-    void TearDown() override { std::filesystem::remove_all(folder); }
-
     // Runs vshost with these arguments, through a shell.
     Ended Vshost(const std::string &arguments) const
     {
@@ -254,19 +246,10 @@ protected:
     {
         return Vshost("run --durability process --state " + state + " -- " + command);
     }
-    void WriteFile(const std::string &path, const std::string &text) const
-    {
-        std::ofstream(path, std::ios::binary) << text;
-    }
 
-    std::string folder, state;
+    const Folder made;
+    const std::string folder = made.path, state = folder + "/host";
 };
-
-std::string ReadFile(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 TEST_F(Launcher, PassesOnHowTheCommandEnds)
 {

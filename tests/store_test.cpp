@@ -2,11 +2,7 @@
 #include <cerrno>
 #include <csignal>
 #include <dlfcn.h>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <set>
-#include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,6 +10,7 @@
 #include <unistd.h>
 
 #include "core/store.h"
+#include "tests/files.h"
 #include "tests/fixture.h"
 
 namespace {
@@ -101,28 +98,11 @@ std::string Literal(std::string_view key)
     return text + "'";
 }
 
-// Exit code of a child that runs `body`: 0 when it returns true.
-pid_t Fork(const std::function<bool()> &body)
-{
-    const pid_t child = fork();
-    if (child == 0) _exit(body() ? 0 : 1);
-    return child;
-}
-int Wait(pid_t child)
-{
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status;
-}
-
 // A host in a directory of its own, with one switch of eight ports.
 class StoreTest : public testing::Test {
 protected:
     void SetUp() override
     {
-        char name[] = "/tmp/vswitchctl-store-XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        directory = name;
         ASSERT_EQ(Start(), 0) << vshost_error();
         LoadCache();
         ASSERT_EQ(DVSZOR_SwitchAdd(ID, "vswitch", 8, 1), STATUS_OK);
@@ -133,31 +113,20 @@ protected:
     {
         EXPECT_EQ(vshost_values_lent(), 0);
         vshost_stop();
-        fs::remove_all(directory);
     }
     int Start() { return vshost_start(directory.c_str(), 1); }
     std::string Database() const { return directory + "/host.db"; }
-    void Sql(const std::string &text)
-    {
-        sqlite3 *database = nullptr;
-        ASSERT_EQ(sqlite3_open(Database().c_str(), &database), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(database, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-            << sqlite3_errmsg(database);
-        sqlite3_close(database);
-    }
+    void Sql(const std::string &text) const { ::Sql(Database(), text); }
     void Overwrite(off_t offset, const std::string &bytes)
     {
         std::fstream file(Database(), std::ios::in | std::ios::out | std::ios::binary);
         file.seekp(offset);
         file << bytes;
     }
-    std::string Content(const char *suffix = "") const
-    {
-        std::ifstream file(Database() + suffix, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string Content(const char *suffix = "") const { return ReadFile(Database() + suffix); }
 
-    std::string directory;
+    const Folder folder;
+    const std::string directory = folder.path;
 };
 
 TEST_F(StoreTest, KeepsEverythingAcrossARestart)
@@ -183,7 +152,7 @@ TEST_F(StoreTest, RefusesFilesThatAreNotItsOwn)
     vshost_stop();
     const std::string sound = Content();
     for (const auto &make : makers) {
-        std::ofstream(Database(), std::ios::binary) << sound;
+        WriteFile(Database(), sound);
         make();
         const std::string before = Content();
         EXPECT_EQ(Start(), EIO);
