@@ -21,7 +21,6 @@ constexpr char ID[] = "id";
 constexpr char KEY[] = "k";
 constexpr char ALIAS[] = "com.talpex.common.alias";
 constexpr char PORTSET[] = "com.talpex.common.host.portset";
-constexpr VsStatus NO_SPACE = 0x0BAD001A, READ_ONLY = 0x0BAD0022;
 constexpr uint32_t FLAGS = 0x10;
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool SANITIZED = true;
@@ -562,7 +561,7 @@ TEST_F(StoreTest, AFullDiskUndoesTheCallAlone)
         int written = 0;
         while (status == STATUS_OK && written < 10000)
             status = SetGlobal(ID, std::to_string(written++).c_str(), value);
-        if (status != NO_SPACE || GetPort("p0") != "first") return false;
+        if (status != STATUS_NO_SPACE || GetPort("p0") != "first") return false;
         setrlimit(RLIMIT_FSIZE, &none);
         const std::string last = std::to_string(written - 2), failed = std::to_string(written - 1);
         return Read(StoreLevel::GLOBAL, last.c_str(), "", ID).has_value() &&
