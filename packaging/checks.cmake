@@ -29,3 +29,8 @@ package_test(extending ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package
 package_test(picture ${PROJECT_SOURCE_DIR}/tests/package/picture_test.sh ${PROJECT_SOURCE_DIR})
 set_tests_properties(package.install package.guides PROPERTIES RESOURCE_LOCK install_manifest)
 set_tests_properties(package.extending PROPERTIES TIMEOUT 600) # builds a copy of the tree
+if(TARGET vshostd)
+    package_test(live_page ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/live_page_test.py
+                 ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
+    set_tests_properties(package.live_page PROPERTIES SKIP_RETURN_CODE 77)
+endif()

@@ -19,7 +19,8 @@ FENCE = re.compile(
                    re.M | re.S)
 
 
-NOT_RUN = ("performance.md", "reliability.md", "vsctl.md")  # they measure for minutes, or show a terminal session
+# They measure for minutes, show a terminal session, or need root: live_page_test.py runs the last one.
+NOT_RUN = ("performance.md", "reliability.md", "vsctl.md", "live.md")
 
 
 def anchors(page):
@@ -44,10 +45,21 @@ def matches(expected, output):
     return re.fullmatch("".join(lines), output)
 
 
+def clone(source, build, folder):
+    """The tree as a reader of the pages has it, with the build in build/release."""
+    view = Path(folder) / "clone"
+    (view / "build").mkdir(parents=True)
+    for entry in source.iterdir():
+        if entry.name != "build":
+            (view / entry.name).symlink_to(entry)
+    (view / "build/release").symlink_to(build)
+    return view
+
+
 def run_page(page, view, home):
     blocks = [m for m in FENCE.finditer(page.read_text()) if m["kind"] == "sh" and not m["skip"]]
     script = "set -eu\n" + "".join(f"{{\n{m['body']}}} >{home}/out{i} 2>&1\n" for i, m in enumerate(blocks))
-    script = script.replace("/tmp/first", f"{home}/first")
+    script = re.sub(r"/tmp/(first|live)\b", rf"{home}/\1", script)
     ended = subprocess.run(["bash", "-c", script], cwd=view, env={**os.environ, "HOME": str(home)}, timeout=300)
     for index, block in enumerate(blocks):
         file = home / f"out{index}"
@@ -86,13 +98,8 @@ def main():
         if page.name in NOT_RUN:
             continue
         with tempfile.TemporaryDirectory() as folder:
-            view, home = Path(folder) / "clone", Path(folder) / "home"
-            for path in (view / "build", home):
-                path.mkdir(parents=True)
-            for entry in source.iterdir():
-                if entry.name != "build":
-                    (view / entry.name).symlink_to(entry)
-            (view / "build/release").symlink_to(build)
+            view, home = clone(source, build, folder), Path(folder) / "home"
+            home.mkdir()
             faults += run_page(page, view, home)
             if page.parent == source:
                 faults += run_session(page, view, home)

@@ -1,0 +1,81 @@
+#!/usr/bin/env python3
+"""Runs the commands of docs/live.md and README.md's live host, and the example, in namespaces of their own.
+
+usage: live_page_test.py SOURCE BUILD
+
+Needs root, bpf and FUSE. Elsewhere it ends with 77, unless VSWITCHCTL_REQUIRE_LIVE says that the machine is able.
+"""
+
+import os
+import re
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+from guides_test import clone, run_page
+
+SKIPPED = 77
+
+
+def find_obstacle():
+    if os.geteuid() != 0:
+        return "no root"
+    if os.readlink("/proc/self/ns/pid") != "pid:[4026531836]":
+        return "an inner process namespace"
+    return "" if os.access("/dev/fuse", os.R_OK | os.W_OK) else "no /dev/fuse"
+
+
+def run(*command):
+    subprocess.run(command, check=True)
+
+
+def prepare():
+    """The names of network namespaces are this process's own, and there is a card with a network behind it."""
+    Path("/run/netns").mkdir(exist_ok=True)
+    run("mount", "-t", "tmpfs", "none", "/run/netns")
+    run("ip", "link", "set", "lo", "up")
+    run("ip", "link", "add", "enp3s0", "type", "veth", "peer", "name", "network")
+    for end in ("enp3s0", "network"):
+        run("ip", "link", "set", end, "up")
+
+
+def live_part(readme, folder):
+    """README.md's section of the live host, as a page of its own whose commands are run."""
+    section = re.search(r"^## A live host\n.*?(?=^## )", readme.read_text(), re.M | re.S)[0]
+    page = Path(folder) / "README.md"
+    page.write_text(re.sub("<!-- not run: .*? -->\n", "", section))
+    return page
+
+
+def main():
+    source, build = (Path(argument).resolve() for argument in sys.argv[1:])
+    obstacle = find_obstacle()
+    if obstacle:
+        print(f"left out: {obstacle}")
+        return 1 if os.environ.get("VSWITCHCTL_REQUIRE_LIVE") else SKIPPED
+    if "IN_NAMESPACES" not in os.environ:
+        os.environ["IN_NAMESPACES"] = "yes"
+        os.execvp("unshare", ["unshare", "--net", "--mount", sys.executable, *sys.argv])
+    prepare()
+    faults = []
+    with tempfile.TemporaryDirectory() as folder:
+        view = clone(source, build, folder)
+        for page in (source / "docs/live.md", live_part(source / "README.md", folder)):
+            home = Path(folder) / page.name
+            home = home.with_suffix(".home")
+            home.mkdir()
+            faults += run_page(page, view, home)
+            for state in home.glob("*/vshostd.pid"):
+                subprocess.run([build / "platform/vshost", "stop", "--state", state.parent], check=False)
+                faults.append(f"{page.name}: leaves a vshostd")
+        example = subprocess.run(["unshare", "--net", "--mount", "examples/live.sh", "build/release", f"{folder}/live"],
+                                 cwd=view, check=False)
+        if example.returncode:
+            faults.append(f"examples/live.sh ends with {example.returncode}")
+    print("\n".join(faults) or "the commands of the live host are right")
+    return bool(faults)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
