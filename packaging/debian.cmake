@@ -6,7 +6,7 @@ set(CPACK_PACKAGE_CONTACT "vswitchctl maintainers <maintainers@vswitchctl.exampl
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-set(CPACK_COMPONENTS_ALL runtime dev vsctl host python)
+set(CPACK_COMPONENTS_ALL runtime dev vsctl host ${live_component} python)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/finish.cmake)
@@ -45,7 +45,12 @@ debian_package(VSCTL "command for a hypervisor host's virtual switches" "This pa
 debian_package(HOST "embedded hypervisor host to run switch control on"
     "This package has an emulated host: configuration store, switch driver and
 shell, so that programs that control switches run and are tested without root."
-    PACKAGE_NAME vswitchctl-host PACKAGE_SECTION net PACKAGE_SHLIBDEPS ON)
+    PACKAGE_NAME vswitchctl-host PACKAGE_SECTION net PACKAGE_SHLIBDEPS ON PACKAGE_SUGGESTS vswitchctl-live)
+debian_package(LIVE "live hypervisor host, whose virtual switches forward packets"
+    "This package has vshostd, which makes the switches of a host of
+vswitchctl-host forward packets in the kernel."
+    PACKAGE_NAME vswitchctl-live PACKAGE_SECTION net PACKAGE_SHLIBDEPS ON
+    PACKAGE_DEPENDS "vswitchctl-host (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})" PACKAGE_RECOMMENDS iproute2)
 debian_package(PYTHON "control of virtual switches - Python module" "This package has the Python module."
     PACKAGE_NAME python3-vswitchctl PACKAGE_SECTION python PACKAGE_ARCHITECTURE all
     PACKAGE_DEPENDS "python3:any, ${same_version}")

@@ -1,4 +1,4 @@
-# What `cmake --install` puts where. Components: runtime, dev, vsctl, host, python.
+# What `cmake --install` puts where. Components: runtime, dev, vsctl, host, live, python.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -46,13 +46,26 @@ install(TARGETS ${host_parts} COMPONENT host
         RUNTIME DESTINATION ${host_dir} LIBRARY DESTINATION ${host_dir})
 install(FILES platform/include/vshost.h platform/include/vswitch_driver.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT host)
-install(CODE "
-    file(MAKE_DIRECTORY \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
-    file(CREATE_LINK ../${host_dir}/vshost
-         \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/vshost\" SYMBOLIC)"
-    COMPONENT host)
+
+# A program of the host's folder, by a link from DIRECTORY.
+function(install_link program directory component)
+    install(CODE "
+        file(MAKE_DIRECTORY \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${directory}\")
+        file(CREATE_LINK ../${host_dir}/${program}
+             \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${directory}/${program}\" SYMBOLIC)"
+        COMPONENT ${component})
+endfunction()
+install_link(vshost ${CMAKE_INSTALL_BINDIR} host)
 install_configured(vshost.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig/vshost.pc host)
 install_configured(vshost-config.cmake.in ${CMAKE_INSTALL_LIBDIR}/cmake/vshost/vshost-config.cmake host)
+
+# What makes it a live host; it needs more libraries than the host itself.
+if(TARGET vshostd)
+    set(live_component live)
+    set_target_properties(vshostd PROPERTIES INSTALL_RPATH $ORIGIN)
+    install(TARGETS vshostd COMPONENT live RUNTIME DESTINATION ${host_dir})
+    install_link(vshostd ${CMAKE_INSTALL_SBINDIR} live)
+endif()
 
 # A prefix such as $HOME is on no search path of the loader's. The system's own libraries need no help.
 if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")

@@ -12,8 +12,12 @@ endif()
 set(REFERENCE_DIRECTORY ${CMAKE_BINARY_DIR}/reference)
 set(reference_tools tools/families.awk tools/header.py tools/example.py
                     tools/manpages.py tools/reference.css
-                    tools/command_page.py tools/schema_page.py tools/vshost.roff
+                    tools/command_page.py tools/schema_page.py tools/vshost.roff tools/vshostd.roff
                     tools/vsctl.roff tools/command_files.sh)
+if(TARGET vshostd)
+    set(live_host vshostd)
+    set(live_program $<TARGET_FILE:vshostd>)
+endif()
 set(scenario_schema ${PROJECT_SOURCE_DIR}/platform/scenario/scenario.schema.json)
 configure_file(tools/Doxyfile.in ${CMAKE_BINARY_DIR}/Doxyfile @ONLY)
 add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
@@ -23,9 +27,9 @@ add_custom_command(OUTPUT ${REFERENCE_DIRECTORY}/made
     COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tools/manpages.py ${REFERENCE_DIRECTORY}/xml
             ${PROJECT_SOURCE_DIR}/include/vswitchctl.h ${REFERENCE_DIRECTORY}/man ${PROJECT_VERSION}
     COMMAND ${PROJECT_SOURCE_DIR}/tools/command_files.sh ${PROJECT_SOURCE_DIR} ${Python3_EXECUTABLE}
-            ${PROJECT_VERSION} $<TARGET_FILE:vshost_launcher> $<TARGET_FILE:vsctl> ${REFERENCE_DIRECTORY}
+            ${PROJECT_VERSION} $<TARGET_FILE:vshost_launcher> $<TARGET_FILE:vsctl> ${REFERENCE_DIRECTORY} ${live_program}
     COMMAND ${CMAKE_COMMAND} -E touch ${REFERENCE_DIRECTORY}/made
-    DEPENDS vshost_launcher vsctl ${scenario_schema} include/vswitchctl.h ${CMAKE_BINARY_DIR}/Doxyfile ${reference_tools}
+    DEPENDS vshost_launcher vsctl ${live_host} ${scenario_schema} include/vswitchctl.h ${CMAKE_BINARY_DIR}/Doxyfile ${reference_tools}
     COMMENT "Reference" VERBATIM)
 add_custom_target(reference ALL DEPENDS ${REFERENCE_DIRECTORY}/made)
 # The Python module: what is written by hand, and a function for each operation of the header.
@@ -40,12 +44,12 @@ add_custom_command(OUTPUT ${PYTHON_MODULE}/made
     DEPENDS ${REFERENCE_DIRECTORY}/made tools/python_module.py ${written}
     COMMENT "Python module" VERBATIM)
 add_custom_target(python_module ALL DEPENDS ${PYTHON_MODULE}/made)
-add_custom_target(installed DEPENDS vswitchctl link_stub ${host_parts} vsctl reference python_module)
+add_custom_target(installed DEPENDS vswitchctl link_stub ${host_parts} ${live_host} vsctl reference python_module)
 
 install(DIRECTORY ${REFERENCE_DIRECTORY}/man/man3 ${REFERENCE_DIRECTORY}/man/man7
         DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT dev)
 install(DIRECTORY ${REFERENCE_DIRECTORY}/html DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libvswitchctl-dev COMPONENT dev)
-foreach(component host vsctl)
+foreach(component host vsctl ${live_component})
     install(DIRECTORY ${REFERENCE_DIRECTORY}/${component}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT ${component})
 endforeach()
 install(DIRECTORY ${REFERENCE_DIRECTORY}/vsctl/share/ DESTINATION ${CMAKE_INSTALL_DATADIR} COMPONENT vsctl)

@@ -21,7 +21,7 @@ def output(program, *words):
 def commands(text):
     """The words of every command: what stands under "Subcommands", or each noun with each of its verbs."""
     _, listed, under = text.partition("Subcommands:\n")
-    for name, rest in re.findall(r"^  ([a-z-]+)  +(\S.*)$", under if listed else text, re.M):
+    for name, rest in re.findall(r"^  ([a-z][a-z-]*)  +(\S.*)$", under if listed else text, re.M):
         yield from ([name, verb] for verb in rest.split(", ")) if not listed and VERBS.fullmatch(rest) else [[name]]
 
 
@@ -43,23 +43,29 @@ def command_lines(program, words):
     yield f".SS {escape(usage)}\n{block(escape(about[:1].upper() + about[1:]))}."
     for option, meaning in rows(parts.get("Positionals", "")) + rows(parts.get("Options", "")):
         if "--help" not in option:
-            yield f".TP\n\\fB{escape(option.removesuffix(' REQUIRED'))}\\fP\n{block(escape(meaning))}"
+            yield f".TP\n\\fB{escape(re.sub(' (REQUIRED|Excludes: .*)$', '', option))}\\fP\n{block(escape(meaning))}"
     if "Examples" in parts:
         yield verbatim(re.sub(r"^  ", "", parts["Examples"].rstrip(), flags=re.M))
     if "Library operations" in parts:
         names = parts["Library operations"].split()
         yield ".PP\nUses " + ", ".join(f"\\fB\\%{name.strip(',')}\\fP(3)" for name in names) + "."
+    for name, _ in rows(parts.get("Subcommands", "")):
+        yield from command_lines(program, [*words, name])
 
 
 def main():
     program, version, more, path = sys.argv[1:]
     name, text = Path(program).name, output(program, "--help")
     about = text.partition("\n")[0].rstrip(".").removeprefix(name + " ")
-    lines = [f'.TH {name.upper()} 1 "" "vswitchctl {version}" "vswitchctl"',
-             f".SH NAME\n{name} \\- {escape(about[0].lower() + about[1:])}",
-             f".SH SYNOPSIS\n.B {name}\n\\fIcommand\\fP \\&...\n.SH COMMANDS\n.ad l"]
-    for words in commands(text):
-        lines += command_lines(program, words)
+    words = list(commands(text))
+    lines = [f'.TH {name.upper()} {Path(path).suffix[1:]} "" "vswitchctl {version}" "vswitchctl"',
+             f".SH NAME\n{name} \\- {escape(about[0].lower() + about[1:])}"]
+    if words:
+        lines.append(f".SH SYNOPSIS\n.B {name}\n\\fIcommand\\fP \\&...\n.SH COMMANDS\n.ad l")
+    else:
+        lines.append(".SH SYNOPSIS AND OPTIONS\n.ad l")
+    for command in words or [[]]:
+        lines += command_lines(program, command)
     if "help exit" in text:
         lines.append(".SH EXIT STATUS")
         lines += [f".TP\n{code}\n{block(escape(meaning))}" for code, meaning in rows(output(program, "help", "exit"))]

@@ -13,6 +13,15 @@ export PKG_CONFIG_PATH=$lib/pkgconfig LD_LIBRARY_PATH=$lib
 # The installed command finds the library beside itself, whatever the environment.
 env -u LD_LIBRARY_PATH "$stage/bin/vshost" run -- "$stage/bin/vsctl" switch list >/dev/null
 
+# So does vshostd, which is beside vshost for `vshost stop`.
+if [ -e "$build/platform/vshostd" ]; then
+    env -u LD_LIBRARY_PATH "$stage/sbin/vshostd" --version | grep -q '^vshostd '
+    [ "$(dirname "$(realpath "$stage/sbin/vshostd")")" = "$(dirname "$(realpath "$stage/bin/vshost")")" ]
+    grep -q '^.SS vshost nic add' "$stage/share/man/man1/vshost.1"
+    man --warnings -l "$stage/share/man/man8/vshostd.8" 2>"$work/warnings" | grep -q -- '--state'
+    [ ! -s "$work/warnings" ]
+fi
+
 # Without a platform it starts too, and says what is missing.
 "$stage/bin/vsctl" --version | grep -q '^vsctl '
 for words in doctor "switch list"; do
