@@ -63,6 +63,15 @@ template<size_t count> struct [[gnu::packed]] MirrorList {
 pid_t Fork(const std::function<bool()> &body);
 int Wait(pid_t child);
 
+// An argument from the 64 bits that tables of operations keep for it.
+template<typename Parameter> Parameter To(uint64_t value)
+{
+    if constexpr (std::is_pointer_v<Parameter>)
+        return reinterpret_cast<Parameter>(value);
+    else
+        return static_cast<Parameter>(value);
+}
+
 struct Stored {
     bool operator==(const Stored &) const = default;
     std::string bytes;

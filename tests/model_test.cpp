@@ -54,14 +54,6 @@ struct Row {
     bool Has(const char *part) const { return name.find(part) != std::string::npos; }
 };
 
-template<typename Parameter> Parameter To(uint64_t value)
-{
-    if constexpr (std::is_pointer_v<Parameter>)
-        return reinterpret_cast<Parameter>(value);
-    else
-        return static_cast<Parameter>(value);
-}
-
 template<typename... P, size_t... I>
 Row MakeRow(const char *name, VsStatus (*real)(P...), void (Model::*model)(P...), std::vector<Kind> kinds,
             std::index_sequence<I...>)

@@ -10,14 +10,6 @@ using Kind = Argument::Kind;
 constexpr uint8_t FILL = 0xA5;
 constexpr size_t GUARD = 16;
 
-template<typename Parameter> Parameter To(uint64_t value)
-{
-    if constexpr (std::is_pointer_v<Parameter>)
-        return reinterpret_cast<Parameter>(value);
-    else
-        return static_cast<Parameter>(value);
-}
-
 template<typename... Parameters, size_t... I>
 VsStatus Apply(VsStatus (*function)(Parameters...), const uint64_t *values, std::index_sequence<I...>)
 {
