@@ -650,7 +650,8 @@ public:
         std::string list;
         for (const std::string &name : Uplinks(SwitchRunning(portset))) {
             const Nic &nic = nics[name];
-            list += Field(name, 32) + Word(nic.LinkUp() | nic.adminUp << 1 | 4u | InLag(portset, name) << 3);
+            list += Field(name, 32) + Word(4u | uint32_t{nic.LinkUp()} | uint32_t{nic.adminUp} << 1 |
+                                           uint32_t{InLag(portset, name)} << 3);
         }
         return List(list, 36);
     }
