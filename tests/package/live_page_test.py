@@ -40,6 +40,19 @@ def prepare():
         run("ip", "link", "set", end, "up")
 
 
+def unknown_messages(source):
+    """Messages of docs/live.md that no source has: what stands between one "…" and the next."""
+    text = "".join(path.read_text() for part in ("host", "live", "launcher")
+                   for path in (source / "platform" / part).glob("*.cpp"))
+    text = re.sub(r'"\s*\n\s*"', "", text).replace("`", "")
+    table = (source / "docs/live.md").read_text().partition("| message | do |")[2].partition("\n\n")[0]
+    for cell in re.findall(r"^\| (.*?) \|", table, re.M):
+        for message in re.findall(r"`(.+?)`", cell):
+            for piece in message.split("…"):
+                if piece.strip() not in text:
+                    yield f"live.md: no message says: {piece}"
+
+
 def live_part(readme, folder):
     """README.md's section of the live host, as a page of its own whose commands are run."""
     section = re.search(r"^## A live host\n.*?(?=^## )", readme.read_text(), re.M | re.S)[0]
@@ -50,15 +63,15 @@ def live_part(readme, folder):
 
 def main():
     source, build = (Path(argument).resolve() for argument in sys.argv[1:])
+    faults = list(unknown_messages(source))
     obstacle = find_obstacle()
     if obstacle:
-        print(f"left out: {obstacle}")
-        return 1 if os.environ.get("VSWITCHCTL_REQUIRE_LIVE") else SKIPPED
+        print("\n".join([f"left out: {obstacle}", *faults]))
+        return 1 if faults or os.environ.get("VSWITCHCTL_REQUIRE_LIVE") else SKIPPED
     if "IN_NAMESPACES" not in os.environ:
         os.environ["IN_NAMESPACES"] = "yes"
         os.execvp("unshare", ["unshare", "--net", "--mount", sys.executable, *sys.argv])
     prepare()
-    faults = []
     with tempfile.TemporaryDirectory() as folder:
         view = clone(source, build, folder)
         for page in (source / "docs/live.md", live_part(source / "README.md", folder)):
