@@ -16,6 +16,7 @@ class Check(PluggedHost):
         run(VSHOST, "nic", "add", "--state", self.directory, self.namespace("net", "10.9.0.9").interface)
         self.vsctl("uplink", "add", "one", "up1")
         self.vsctl("port", "vlan", "one", "1", "100")
+        self.vsctl("mac", "set", "one", "1", "--address", "02:00:00:00:00:05")
         self.vsctl("port", "vlan", "one", "2", "--trunk", "5-9,20")
 
     def check(self):
@@ -62,6 +63,7 @@ class Check(PluggedHost):
 
     def test_each_difference_is_a_line(self):
         index_a, slot_a = self.slot("va")
+        static = struct.pack("=IH", 0, 0) + bytes((2, 0, 0, 0, 0, 5))
         spoilt = {  # what is done while vshostd doesn't look, and what the line says
             "a filter": (lambda: run("tc", "filter", "del", "dev", "va", "ingress"), "interface va: it has no filter"),
             "an MTU": (lambda: run("ip", "link", "set", "va", "mtu", "1300"),
@@ -78,6 +80,13 @@ class Check(PluggedHost):
                                          *struct.pack("=I", index_a)), "interface va: the kernel doesn't know its"),
             "a strange interface": (lambda: self.write("interfaces", 77777, struct.pack("=I", slot_a)),
                                     "interface 77777, which is gone: the kernel has it at a port, the store at none"),
+            "no static address": (
+                lambda: run("bpftool", "map", "delete", *self.map("addresses"), "key", *static),
+                "address 02:00:00:00:00:05 of VLAN 0: the kernel doesn't have this static address"),
+            "a strange static address": (
+                lambda: run("bpftool", "map", "update", *self.map("addresses"), "key", *static[:-1], 6, "value",
+                            *struct.pack("=IIQ", slot_a, 0xFFFFFFFF, 0)),
+                "address 02:00:00:00:00:06 of VLAN 0: the kernel has it as a static one, the store doesn't"),
             "a strange filter": (
                 lambda: run("bash", "-c", "ip link add stray type veth; tc qdisc add dev stray clsact;"
                             f"tc filter add dev stray ingress handle 1 prio 1 bpf da pinned {program}"),

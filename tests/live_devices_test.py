@@ -112,13 +112,19 @@ class Supervisor(LiveHost):
 
     def test_stop_cleans_up_after_a_killed_supervisor_too(self):
         self.start()
+        self.vsctl("switch", "create", "one")
         self.kill_supervisor()
+        with self.assertRaisesRegex(OSError, "not connected"):
+            os.listdir(self.directory / "dev")
         run(VSHOST, "stop", "--state", self.directory)
         self.assertEqual(mounts_under(self.directory), [])
+        self.vsctl("switch", "destroy", "one")
 
     def test_the_next_one_follows_a_killed_supervisor(self):
         self.start()
         self.kill_supervisor()
+        with self.assertRaisesRegex(OSError, "not connected"):
+            os.listdir(self.directory / "dev")
         self.start()
         self.assertIsInstance(request(self.device, GET_SWITCHES, struct.pack("=I", 1)), bytes)
 

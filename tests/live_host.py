@@ -246,8 +246,10 @@ class Namespace:
         wait_until(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/net") != own, "a network namespace")
         self.connect()
 
-    def connect(self):
-        run("ip", "link", "add", self.interface, "type", "veth", "peer", "name", "eth0", "netns", self.holder.pid)
+    def connect(self, index=None):
+        number = ("index", index) if index else ()
+        run("ip", "link", "add", self.interface, *number, "type", "veth", "peer", "name", "eth0", "netns",
+            self.holder.pid)
         run("sysctl", "-qw", f"net.ipv6.conf.{self.interface}.disable_ipv6=1", check=False)
         run("ip", "link", "set", self.interface, "up")
         self.run("sysctl", "-qw", "net.ipv6.conf.eth0.disable_ipv6=1", check=False)  # it sends of its own accord

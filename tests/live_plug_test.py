@@ -1,6 +1,7 @@
 """Plugged interfaces: frames between network namespaces by the policies in the store, and what plugging changes."""
 import json
 import os
+import signal
 import subprocess
 import sys
 import unittest
@@ -103,6 +104,36 @@ class Plugging(PluggedHost):
         run("ip", "link", "del", a.interface)
         a.connect()
         wait_until(lambda: a.reaches(b), "an answer")
+
+    def test_one_made_anew_with_the_same_number_is_plugged_again(self):
+        a, b = self.two()
+        self.assertTrue(a.reaches(b))
+        index = json.loads(run("ip", "-j", "link", "show", a.interface).stdout)[0]["ifindex"]
+        os.kill(self.worker(), signal.SIGSTOP)  # it sees both events at once
+        run("ip", "link", "del", a.interface)
+        a.connect(index)
+        os.kill(self.worker(), signal.SIGCONT)
+        wait_until(lambda: a.reaches(b), "an answer")
+
+    def test_a_filter_that_somebody_removes_is_put_back(self):
+        a, b = self.two()
+        run("tc", "filter", "del", "dev", a.interface, "ingress")
+        wait_until(lambda: a.reaches(b), "an answer")
+        self.assertIn("another program has removed the filter", self.read_log())
+
+    def test_nothing_stays_of_a_switch_that_is_destroyed_first(self):
+        a, _ = self.two()
+        self.vsctl("switch", "destroy", "one")
+        self.assertIn("bpf", self.filters(a.interface))  # its frames are not for the machine
+        run(VSHOST, "unplug", "--state", self.directory, a.interface)
+        self.assertNotIn("clsact", run("tc", "qdisc", "show", "dev", a.interface).stdout)
+
+    def test_the_log_has_a_line_for_each_change_of_a_link(self):
+        a, _ = self.two()
+        for command, state in (("ip link set va down", "down"), ("ip link set va up", "up"),
+                               (f"ip link set va netns {a.holder.pid}", "away")):
+            run(*command.split())
+            wait_until(lambda: self.read_log().splitlines()[-1:] == [f"vshostd: va: link {state}"], state)
 
     def test_unplugging_puts_everything_back(self):
         a, b = self.two()

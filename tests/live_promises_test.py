@@ -171,6 +171,9 @@ class Uplinks(PluggedHost):
                     wait_until(lambda: len(arrived()) == FRAMES, f"all frames; missing: "
                                f"{sorted(set(range(FRAMES)) - arrived())}", 5)
                     self.assertGreater(len(self.arrived()[other]), FRAMES // 2)
+                    if daemon_lives:
+                        new_owner = "vnet" if other == "eth0" else "vnet1"
+                        wait_until(lambda: f"{new_owner}: failover, ports that came" in self.read_log(), "a log line")
                     self.mend(used, vnet, daemon_lives)
 
     def mend(self, eth, vnet, daemon_lives):
@@ -213,11 +216,7 @@ class TwoHosts(PluggedHost):
         a = self.namespace("a", "10.9.0.1")
         b = self.namespace("b", "10.9.0.2")
         run("ip", "link", "del", b.interface)
-        run("ip", "link", "add", b.interface, "index", "3000000", "type", "veth", "peer", "name", "eth0", "netns",
-            b.holder.pid)
-        run("ip", "link", "set", b.interface, "up")
-        b.run("ip", "address", "add", "10.9.0.2/24", "dev", "eth0")
-        b.run("ip", "link", "set", "eth0", "up")
+        b.connect(3000000)
         self.plug("1", a)
         self.plug("2", b)
         self.assertTrue(a.reaches(b))

@@ -8,13 +8,17 @@
 
 namespace vshost {
 
+enum PlugChange : uint32_t {
+    PLUG_MADE_PROMISCUOUS = 1,
+    PLUG_MADE_CLSACT = 2,
+};
+
 struct Plug {
     char switchId[64] = {}; // the port; empty for a NIC, which is bound to its own uplink port
     char portId[48] = {};
-    char boot[40] = {};  // the start of the machine with which the plug ends; empty when it is kept
-    uint32_t oldMtu = 0; // of the interface before it was plugged; 0: not changed
-    uint8_t madePromiscuous = 0;
-    uint8_t reserved[3] = {};
+    char boot[40] = {};   // the start of the machine with which the plug ends; empty when it is kept
+    uint32_t oldMtu = 0;  // of the interface before it was plugged; 0: not changed
+    uint32_t changes = 0; // PLUG_…: what plugging changed and unplugging puts back
 
     bool IsNic() const { return portId[0] == 0; }
     bool IsKept() const { return boot[0] == 0; }

@@ -9,7 +9,7 @@
 
 #include "platform/host/runtime.h"
 #include "platform/live/filter.h"
-#include "platform/live/kernel_part.h"
+#include "platform/live/kernel_tables.h"
 #include "platform/live/plugged.h"
 
 namespace live {
@@ -34,15 +34,16 @@ struct Maps {
     bool Open(const std::string &pins)
     {
         interfaces = OpenPin(pins, "interfaces");
+        addresses = OpenPin(pins, "addresses");
         snapshots = OpenPin(pins, "snapshots");
         const Descriptor portMap = OpenPin(pins, "ports"), switchMap = OpenPin(pins, "switches"),
                          hostMap = OpenPin(pins, "host");
-        return interfaces && snapshots && portMap && switchMap && hostMap &&
+        return interfaces && addresses && snapshots && portMap && switchMap && hostMap &&
                ports.Map(portMap.Get(), EntriesOf(portMap.Get())) &&
                switches.Map(switchMap.Get(), EntriesOf(switchMap.Get())) && host.Map(hostMap.Get(), 1);
     }
 
-    Descriptor interfaces, snapshots;
+    Descriptor interfaces, addresses, snapshots;
     SharedArray<LivePort> ports;
     SharedArray<LiveSwitch> switches;
     SharedArray<LiveHost> host;
@@ -77,6 +78,7 @@ private:
     void CompareSnapshot(const std::string &subject, const std::vector<PlacedPort> &ports,
                          uint32_t switchIndex);
     void CompareInterfaces();
+    void CompareStaticAddresses();
     std::string NameOfInterface(uint32_t ifindex) const;
 
     Engine &engine;
@@ -89,6 +91,7 @@ private:
     std::vector<SwitchConfig> configs;           // of the switches that run
     std::set<uint32_t> slots;                    // that the switches have
     std::map<uint32_t, uint32_t> interfaceSlots; // ifindex -> slot
+    std::map<std::pair<uint32_t, StaticAddress>, std::set<uint32_t>> staticAddresses; // -> slots that want it
 };
 
 void Comparison::Compare(const std::string &subject, const std::string &what, uint32_t kernel, uint32_t store)
@@ -132,6 +135,7 @@ bool Comparison::Run(const std::string &bpffs, std::string &message)
     CompareHost();
     CompareSwitches();
     CompareInterfaces();
+    CompareStaticAddresses();
     return true;
 }
 
@@ -201,6 +205,36 @@ void Comparison::CompareInterfaces()
         Differ("interface " + NameOfInterface(ifindex), "the kernel doesn't know its port");
 }
 
+// ---- Static addresses ----
+
+std::string NameOf(const StaticAddress &address)
+{
+    char text[64];
+    const uint8_t *mac = address.mac;
+    snprintf(text, sizeof(text), "address %02x:%02x:%02x:%02x:%02x:%02x of VLAN %u", mac[0], mac[1], mac[2],
+             mac[3], mac[4], mac[5], address.vlan);
+    return text;
+}
+
+// An address that several ports want is at one of them.
+void Comparison::CompareStaticAddresses()
+{
+    VisitAddresses(maps.addresses.Get(), [&](const LiveAddressKey &key, const LiveAddress &value) {
+        const Owner owner(value);
+        StaticAddress address = {.vlan = key.vlan, .mac = {}};
+        std::copy(std::begin(key.mac), std::end(key.mac), address.mac);
+        const auto wanted = staticAddresses.find({key.switchIndex, address});
+        if (!owner.isStatic) return;
+        if (wanted == staticAddresses.end())
+            return Differ(NameOf(address), "the kernel has it as a static one, the store doesn't");
+        if (!wanted->second.contains(owner.slot))
+            Differ(NameOf(address), "the kernel has it at another port than the store");
+        staticAddresses.erase(wanted);
+    });
+    for (const auto &[missing, ports] : staticAddresses)
+        Differ(NameOf(missing.second), "the kernel doesn't have this static address");
+}
+
 // ---- Words and snapshots ----
 
 void Comparison::CompareHost()
@@ -208,7 +242,8 @@ void Comparison::CompareHost()
     LiveHost &host = maps.host[0];
     const std::string subject = "the host";
     Compare(subject, "whether ports learn", ReadWord(host.learningEnabled), hostConfig.learningEnabled);
-    Compare(subject, "the limit of addresses", ReadWord(host.addressLimit), hostConfig.addressLimit);
+    Compare(subject, "the limit of addresses", ReadWord(host.addressLimit),
+            std::min(hostConfig.addressLimit, EntriesOf(maps.addresses.Get()) / 2));
     Compare(subject, "the limit of flooded frames", ReadWord(host.floodLimit), hostConfig.floodLimit);
 }
 
@@ -270,6 +305,8 @@ void Comparison::ComparePort(const std::string &subject, const PlacedPort &place
     const LivePort wanted = WordsOf(placed, switchIndex);
     LivePort &found = maps.ports[placed.slot];
     slots.insert(placed.slot);
+    for (const StaticAddress &address : placed.config.addresses)
+        staticAddresses[{switchIndex, address}].insert(placed.slot);
     if (wanted.ifindex) interfaceSlots[wanted.ifindex] = placed.slot;
     Compare(subject, "the interface", ReadWord(found.ifindex), wanted.ifindex);
     Compare(subject, "the word of flags", ReadWord(found.flags), wanted.flags);

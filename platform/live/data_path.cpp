@@ -16,9 +16,6 @@ namespace {
 
 using namespace vshost;
 
-// LivePort.plugFlags.
-constexpr uint32_t PLUG_MADE_CLSACT = 1;
-
 // Whether what a port has learned under `a` is not true under `b`.
 bool MustForget(const PortConfig &a, const PortConfig &b)
 {
@@ -357,7 +354,7 @@ void DataPath::StartSlot(uint32_t slot)
 {
     LivePort &port = kernel.ports[slot];
     port.address = 0;
-    port.uplinkSlot = port.floodSecond = port.floodCount = port.plugFlags = 0;
+    port.uplinkSlot = port.floodSecond = port.floodCount = 0;
     const std::vector<LiveCounters> zeros(static_cast<size_t>(libbpf_num_possible_cpus()));
     bpf_map_update_elem(kernel.MapDescriptor("counters"), &slot, zeros.data(), BPF_ANY);
 }
@@ -545,13 +542,8 @@ VsStatus DataPath::Attach(uint32_t ifindex)
     const int found = QueryFilter(ifindex, programId);
     if (found == 0 && !kernel.IsOurProgram(programId))
         return Fail(STATUS_EXISTS, name + " has a filter of another program at handle 1, priority 1");
-    bool madeClsact = false;
-    const int result = found == 0 ? ReplaceFilter(ifindex, kernel.Program())
-                                  : AddFilter(ifindex, kernel.Program(), madeClsact);
-    uint32_t slot;
-    const auto user = interfaces.find(ifindex);
-    if (madeClsact && user != interfaces.end() && SlotOfPort(user->second, slot) == STATUS_OK)
-        kernel.ports[slot].plugFlags |= PLUG_MADE_CLSACT;
+    const int result =
+        found == 0 ? ReplaceFilter(ifindex, kernel.Program()) : AddFilter(ifindex, kernel.Program());
     if (result == -ENODEV) return Fail(STATUS_NOT_FOUND, name + " is gone");
     return result == 0 ? STATUS_OK
                        : Fail(StatusOfErrno(-result), "cannot attach to " + name + ": " + strerror(-result));
@@ -560,18 +552,13 @@ VsStatus DataPath::Attach(uint32_t ifindex)
 VsStatus DataPath::Detach(uint32_t ifindex)
 {
     const std::string name = "interface " + std::to_string(ifindex);
-    uint32_t programId = 0, slot = 0;
+    uint32_t programId = 0;
     if (QueryFilter(ifindex, programId) != 0 || !kernel.IsOurProgram(programId))
         return Fail(STATUS_NOT_FOUND, name + " has no filter of this host");
     const int result = RemoveFilter(ifindex);
-    if (result != 0)
-        return Fail(StatusOfErrno(-result), "cannot detach from " + name + ": " + strerror(-result));
-    const auto user = interfaces.find(ifindex);
-    if (user == interfaces.end() || SlotOfPort(user->second, slot) != STATUS_OK) return STATUS_OK;
-    LivePort &port = kernel.ports[slot];
-    if (port.plugFlags & PLUG_MADE_CLSACT) RemoveClsact(ifindex);
-    port.plugFlags &= ~PLUG_MADE_CLSACT;
-    return STATUS_OK;
+    return result == 0
+               ? STATUS_OK
+               : Fail(StatusOfErrno(-result), "cannot detach from " + name + ": " + strerror(-result));
 }
 
 // ---- Addresses and counters ----

@@ -67,8 +67,9 @@ public:
     void Publish(Change &change);
     void Publish(const std::vector<Change *> &changes);
 
-    // Filters. A filter at our place that is not ours is left alone: STATUS_EXISTS. Attaching an interface
-    // that has a filter of ours replaces its program without losing a packet.
+    // Filters. The queueing discipline under them stays. A filter at our place that is not ours is left
+    // alone: STATUS_EXISTS. Attaching an interface that has a filter of ours replaces its program without
+    // losing a packet.
     VsStatus Attach(uint32_t ifindex);
     VsStatus Detach(uint32_t ifindex);
     // Once every interface is attached: pins of earlier processes and layouts go.

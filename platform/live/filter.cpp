@@ -58,15 +58,11 @@ bool IsDataPath(uint32_t programId)
            std::string_view(info.name) == DATA_PATH_PROGRAM;
 }
 
-int AddFilter(uint32_t ifindex, int program, bool &madeClsact)
+int AddFilter(uint32_t ifindex, int program)
 {
     bpf_tc_hook hook = Hook(ifindex);
     const int made = bpf_tc_hook_create(&hook);
-    if (made != 0 && made != -EEXIST) return made;
-    madeClsact = made == 0;
-    const int result = Attach(ifindex, program, 0);
-    if (result != 0 && madeClsact) RemoveClsact(ifindex);
-    return result;
+    return made == 0 || made == -EEXIST ? Attach(ifindex, program, 0) : made;
 }
 
 int ReplaceFilter(uint32_t ifindex, int program) { return Attach(ifindex, program, BPF_TC_F_REPLACE); }

@@ -20,8 +20,8 @@ int QueryFilter(uint32_t ifindex, uint32_t &programId);
 // Whether a program is the data path of a live host, this one or another.
 bool IsDataPath(uint32_t programId);
 
-// -EEXIST when there is a filter already. `madeClsact` tells whether the queueing discipline is new.
-int AddFilter(uint32_t ifindex, int program, bool &madeClsact);
+// Makes the queueing discipline when it is missing. -EEXIST when there is a filter already.
+int AddFilter(uint32_t ifindex, int program);
 
 // No packet passes between the old program and the new one.
 int ReplaceFilter(uint32_t ifindex, int program);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstring>
 
 #include "platform/host/files.h"
@@ -14,6 +15,7 @@ namespace {
 using namespace vshost;
 
 constexpr size_t MAX_INTERFACE_NAME = 15;
+constexpr unsigned VERIFIED_AT_ONCE = 64; // filters, each second
 
 bool IsSame(const SwitchConfig &a, const SwitchConfig &b)
 {
@@ -77,6 +79,8 @@ bool Forwarder::Start(const std::string &bpffs, std::string &message)
     }
     ReadPlugs();
     Apply();
+    LogLinks();
+    LogFailovers(true);
     for (const uint32_t ifindex : attached)
         path.Attach(ifindex); // replaces the program of the daemon before
     path.ForgetPredecessors();
@@ -93,7 +97,74 @@ void Forwarder::FollowStore()
 
 void Forwarder::FollowLinks()
 {
-    if (links.Update()) Apply();
+    if (!links.Update()) return;
+    for (const uint32_t ifindex : links.TakeDeleted())
+        VerifyFilter(ifindex);
+    Apply();
+    LogLinks();
+}
+
+// An interface that was deleted and made anew may have the same number.
+bool Forwarder::VerifyFilter(uint32_t ifindex)
+{
+    uint32_t program = 0;
+    if (!attached.contains(ifindex) ||
+        (QueryFilter(ifindex, program) == 0 && path.Kernel().IsOurProgram(program)))
+        return true;
+    attached.erase(ifindex);
+    for (const auto &[switchId, config] : published)
+        for (const PortConfig &port : config.ports)
+            if (port.ifindex == ifindex) path.ForgetLearned(port.number);
+    return false;
+}
+
+// Some of them each time.
+bool Forwarder::VerifyFilters()
+{
+    bool areThere = true;
+    auto next = attached.upper_bound(lastVerified);
+    for (unsigned i = 0; i < VERIFIED_AT_ONCE && next != attached.end(); i++) {
+        lastVerified = *next++;
+        if (VerifyFilter(lastVerified)) continue;
+        Say("interface %u: another program has removed the filter; it is put back", lastVerified);
+        areThere = false;
+    }
+    if (next == attached.end()) lastVerified = 0;
+    return areThere;
+}
+
+void Forwarder::LogLinks()
+{
+    for (const auto &[interface, plug] : plugs) {
+        const std::string now = DescribeLink(interface).text;
+        std::string &known = linkStates[interface];
+        if (!known.empty() && known != now) Say("%s: link %s", interface.c_str(), now.c_str());
+        known = now;
+    }
+    std::erase_if(linkStates, [&](const auto &entry) { return !plugs.contains(entry.first); });
+}
+
+// The data path counts them at the uplink that the ports came to, also while no daemon runs.
+void Forwarder::LogFailovers(bool isFirst)
+{
+    for (const auto &[switchId, config] : published)
+        for (const PortConfig &port : config.ports) {
+            LiveCounters now = {};
+            const auto link = links.All().find(port.ifindex);
+            if (!port.uplink || link == links.All().end() || path.Tables().ReadCounters(port.number, now))
+                continue;
+            const LiveCounters known = std::exchange(uplinkCounters[port.number], now);
+            // The counters of a port that is made anew start again.
+            const auto came = [&](LiveCounter counter) {
+                const uint64_t before = known.values[counter], after = now.values[counter];
+                return after < before ? after : after - before;
+            };
+            const char *name = link->second.name.c_str();
+            const uint64_t over = came(LIVE_FAILOVERS), back = came(LIVE_FAILBACKS);
+            if (over && !isFirst)
+                Say("%s: failover, ports that came from a lost uplink: %" PRIu64, name, over);
+            if (back && !isFirst) Say("%s: failback, ports that came back: %" PRIu64, name, back);
+        }
 }
 
 void Forwarder::PollCarriers()
@@ -102,10 +173,17 @@ void Forwarder::PollCarriers()
     for (const auto &[name, plug] : plugs)
         if (const Link *link = plug.IsNic() ? links.Find(name) : nullptr)
             hasChanged |= links.PollCarrier(link->ifindex);
-    if (hasChanged) Apply();
+    if (!hasChanged) return;
+    Apply();
+    LogLinks();
 }
 
-void Forwarder::Sweep() { path.Sweep(); }
+void Forwarder::Sweep()
+{
+    path.Sweep();
+    LogFailovers(false);
+    if (!VerifyFilters()) Apply();
+}
 
 void Forwarder::ReadPlugs()
 {
@@ -113,7 +191,7 @@ void Forwarder::ReadPlugs()
     if (live::ReadPlugs(engine, present))
         return Complain("the host", "the table of plugged interfaces can't be read");
     for (const auto &[interface, plug] : plugs)
-        if (!present.contains(interface)) PutBack(interface, plug);
+        if (!present.contains(interface)) released[interface] = plug;
     plugs = std::move(present);
     std::erase_if(nics, [&](const auto &nic) { return !plugs.contains(nic.first); });
 }
@@ -124,6 +202,8 @@ void Forwarder::Apply()
         if (plug.IsNic()) SyncNic(interface);
     PublishAll(ReadWanted(engine, plugs, links));
     ForgetLostLinks();
+    for (const auto &[interface, plug] : std::exchange(released, {}))
+        if (!plugs.contains(interface)) PutBack(interface, plug);
 }
 
 void Forwarder::PutNic(const std::string &name, const Nic &nic)
@@ -153,8 +233,6 @@ void Forwarder::SyncNic(const std::string &name)
         link = links.Find(name);
     }
     const Nic real = WithLink(nic, link);
-    if (seen != nics.end() && last.LinkUp() != real.LinkUp())
-        Say("%s: link %s", name.c_str(), real.LinkUp() ? "up" : "down");
     if (IsSameLink(real, nic))
         nics[name] = nic;
     else
@@ -232,11 +310,20 @@ void Forwarder::AttachAll(const Wanted &wanted)
     for (const auto &[switchId, ports] : wanted)
         for (const auto &[portId, ifindex] : ports) {
             if (ifindex == 0 || attached.contains(ifindex)) continue;
-            if (path.Attach(ifindex) == STATUS_OK)
+            if (NoteClsact(links.All().at(ifindex).name) && path.Attach(ifindex) == STATUS_OK)
                 attached.insert(ifindex);
             else
                 Complain("port " + portId, path.Message());
         }
+}
+
+// What is to be put back is stored before it is changed.
+bool Forwarder::NoteClsact(const std::string &interface)
+{
+    Plug &plug = plugs.at(interface);
+    if (plug.changes & PLUG_MADE_CLSACT || links.HasClsact(links.Find(interface)->ifindex)) return true;
+    plug.changes |= PLUG_MADE_CLSACT;
+    return !StorePlug(interface, plug).error;
 }
 
 // What plugging changes at an interface: its MTU, and that a NIC takes frames to any address.
@@ -250,7 +337,7 @@ void Forwarder::SetUp(const SwitchConfig &config)
         const bool changesMtu = !plug.IsNic() && link->mtu != config.mtu;
         const bool changesMode = plug.IsNic() && !link->promiscuous;
         if (changesMtu && plug.oldMtu == 0) plug.oldMtu = link->mtu;
-        if (changesMode) plug.madePromiscuous = 1;
+        if (changesMode) plug.changes |= PLUG_MADE_PROMISCUOUS;
         // What is to be put back is stored before it is changed.
         if (memcmp(&before, &plug, sizeof(plug)) != 0 && StorePlug(interface, plug).error) continue;
         if (changesMtu && links.SetMtu(link->ifindex, config.mtu) != 0)
@@ -264,7 +351,8 @@ void Forwarder::PutBack(const std::string &interface, const Plug &plug)
 {
     const Link *link = links.Find(interface);
     if (link && plug.oldMtu) links.SetMtu(link->ifindex, plug.oldMtu);
-    if (link && plug.madePromiscuous) links.SetPromiscuous(link->ifindex, false);
+    if (link && plug.changes & PLUG_MADE_PROMISCUOUS) links.SetPromiscuous(link->ifindex, false);
+    if (link && plug.changes & PLUG_MADE_CLSACT) RemoveClsact(link->ifindex);
     complaints.erase(interface);
 }
 
@@ -338,6 +426,7 @@ LiveAnswer Forwarder::CheckInterface(const std::string &interface, bool keeps, P
                            " has a filter of another program at handle 1, priority 1; remove it with "
                            "`tc filter del dev " +
                            interface + " ingress`"};
+    if (!links.HasClsact(link->ifindex)) plug.changes |= PLUG_MADE_CLSACT;
     if (!keeps) SetField(plug.boot, BootId());
     return {};
 }
@@ -365,8 +454,10 @@ LiveAnswer Forwarder::PlugPort(const std::string &switchName, const std::string 
     SetField(plug.switchId, switchId);
     SetField(plug.portId, portId);
     const LiveAnswer refusal = StorePlug(interface, plug);
-    if (!refusal.error) FollowStore();
-    return refusal;
+    if (refusal.error) return refusal;
+    FollowStore();
+    LogLinks();
+    return {};
 }
 
 LiveAnswer Forwarder::AddNic(const std::string &interface, bool keeps)
@@ -382,8 +473,10 @@ LiveAnswer Forwarder::AddNic(const std::string &interface, bool keeps)
         const VsStatus status = vshost::PutNic(transaction, interface, nic);
         return status ? status : PutPlug(transaction, interface, plug);
     });
-    if (!refusal.error) FollowStore();
-    return refusal;
+    if (refusal.error) return refusal;
+    FollowStore();
+    LogLinks();
+    return {};
 }
 
 LiveAnswer Forwarder::Unplug(const std::string &interface, bool isNic)

@@ -56,6 +56,11 @@ private:
     void SetUp(const SwitchConfig &config);
     void PutBack(const std::string &interface, const vshost::Plug &plug);
     void ForgetLostLinks();
+    bool VerifyFilter(uint32_t ifindex); // false: it was gone
+    bool VerifyFilters();
+    bool NoteClsact(const std::string &interface);
+    void LogLinks();
+    void LogFailovers(bool isFirst);
     vshost::LiveAnswer CheckInterface(const std::string &interface, bool keeps, vshost::Plug &plug);
     vshost::LiveAnswer Write(const std::string &interface, const vshost::Work &work);
     vshost::LiveAnswer StorePlug(const std::string &interface, const vshost::Plug &plug);
@@ -68,8 +73,12 @@ private:
     std::map<std::string, vshost::Nic> nics; // of the plugs, as this process last saw or wrote them
     std::map<std::string, SwitchConfig> published;
     std::set<uint32_t> attached; // interfaces with our filter
+    Plugs released;              // their settings are to be put back
     std::set<uint32_t> withCarrier;
-    std::map<std::string, std::string> complaints; // what was logged last, by subject
+    uint32_t lastVerified = 0;
+    std::map<std::string, std::string> linkStates;   // by interface, as logged
+    std::map<uint32_t, LiveCounters> uplinkCounters; // by port number, as logged
+    std::map<std::string, std::string> complaints;   // what was logged last, by subject
 };
 
 }

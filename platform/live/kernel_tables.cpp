@@ -36,23 +36,26 @@ VsStatus KernelTables::FindPort(uint32_t portNumber, uint32_t &slot) const
     return STATUS_NOT_FOUND;
 }
 
-// In batches, so that no packet waits for the whole table.
-VsStatus KernelTables::WalkAddresses(const VisitAddress &visit) const
+VsStatus VisitAddresses(int map, const VisitAddress &visit)
 {
-    if (kernel.Command(LIVE_COMMAND_READ_CLOCKS, 0, {}) < 0) return STATUS_FAILURE;
     std::vector<LiveAddressKey> keys(ADDRESS_BATCH);
     std::vector<LiveAddress> values(ADDRESS_BATCH);
     uint32_t position = 0;
     for (bool isFirst = true;; isFirst = false) {
         uint32_t count = ADDRESS_BATCH;
-        const int result =
-            bpf_map_lookup_batch(kernel.MapDescriptor("addresses"), isFirst ? nullptr : &position, &position,
-                                 keys.data(), values.data(), &count, nullptr);
+        const int result = bpf_map_lookup_batch(map, isFirst ? nullptr : &position, &position, keys.data(),
+                                                values.data(), &count, nullptr);
         if (result != 0 && errno != ENOENT) return STATUS_FAILURE;
         for (uint32_t i = 0; i < count; i++)
             visit(keys[i], values[i]);
         if (result != 0) return STATUS_OK; // ENOENT: that was the rest
     }
+}
+
+VsStatus KernelTables::WalkAddresses(const VisitAddress &visit) const
+{
+    if (kernel.Command(LIVE_COMMAND_READ_CLOCKS, 0, {}) < 0) return STATUS_FAILURE;
+    return VisitAddresses(kernel.MapDescriptor("addresses"), visit);
 }
 
 VsStatus KernelTables::ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries) const

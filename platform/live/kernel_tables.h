@@ -32,12 +32,16 @@ struct Owner {
     bool isStatic;
 };
 
+using VisitAddress = std::function<void(const LiveAddressKey &, const LiveAddress &)>;
+
+// Every entry of the map of addresses, in batches, so that no packet waits for the whole table.
+VsStatus VisitAddresses(int map, const VisitAddress &visit);
+
 // STATUS_NOT_FOUND: the data path has no such switch or port.
 class KernelTables {
 public:
     explicit KernelTables(KernelPart &kernel) : kernel(kernel) {}
 
-    using VisitAddress = std::function<void(const LiveAddressKey &, const LiveAddress &)>;
     VsStatus WalkAddresses(const VisitAddress &visit) const;
 
     VsStatus ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries) const;

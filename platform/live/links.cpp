@@ -4,11 +4,13 @@
 #include <cstring>
 #include <fstream>
 #include <linux/ethtool.h>
+#include <linux/pkt_sched.h>
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <netlink/msg.h>
 #include <netlink/netlink.h>
 #include <netlink/route/link.h>
+#include <netlink/route/qdisc.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -130,6 +132,8 @@ bool Links::Follow(Link link)
     AddDetails(link);
     Link &known = links[link.ifindex];
     if (known == link) return false;
+    if (known.name != link.name) ForgetName(known);
+    ifindexes[link.name] = link.ifindex;
     known = std::move(link);
     return hasChanged = true;
 }
@@ -148,8 +152,24 @@ void Links::TakeObject(nl_object *object, void *self)
     if (rtnl_link_get_family(link) != AF_UNSPEC) return;
     if (nl_object_get_msgtype(object) == RTM_NEWLINK)
         links->Follow(Describe(link));
-    else if (links->links.erase(static_cast<uint32_t>(rtnl_link_get_ifindex(link))))
-        links->hasChanged = true;
+    else
+        links->Forget(static_cast<uint32_t>(rtnl_link_get_ifindex(link)));
+}
+
+void Links::ForgetName(const Link &link)
+{
+    const auto known = ifindexes.find(link.name);
+    if (known != ifindexes.end() && known->second == link.ifindex) ifindexes.erase(known);
+}
+
+void Links::Forget(uint32_t ifindex)
+{
+    const auto known = links.find(ifindex);
+    if (known == links.end()) return;
+    ForgetName(known->second);
+    links.erase(known);
+    deleted.insert(ifindex);
+    hasChanged = true;
 }
 
 bool Links::ReadAll()
@@ -157,12 +177,16 @@ bool Links::ReadAll()
     nl_cache *cache = nullptr;
     if (rtnl_link_alloc_cache(requests.get(), AF_UNSPEC, &cache) != 0) return false;
     std::map<uint32_t, Link> before = std::exchange(links, {});
+    ifindexes.clear();
     for (nl_object *object = nl_cache_get_first(cache); object; object = nl_cache_get_next(object)) {
         Link link = Describe(reinterpret_cast<rtnl_link *>(object));
         AddDetails(link);
+        ifindexes[link.name] = link.ifindex;
         links[link.ifindex] = std::move(link);
     }
     nl_cache_free(cache);
+    for (const auto &[ifindex, link] : before)
+        deleted.insert(ifindex); // each may be another one
     if (before != links) hasChanged = true;
     return true;
 }
@@ -188,9 +212,18 @@ bool Links::PollCarrier(uint32_t ifindex)
 
 const Link *Links::Find(const std::string &name) const
 {
-    for (const auto &[ifindex, link] : links)
-        if (link.name == name) return &link;
-    return nullptr;
+    const auto known = ifindexes.find(name);
+    return known == ifindexes.end() ? nullptr : &links.at(known->second);
+}
+
+bool Links::HasClsact(uint32_t ifindex) const
+{
+    nl_cache *cache = nullptr;
+    if (rtnl_qdisc_alloc_cache(requests.get(), &cache) != 0) return false;
+    rtnl_qdisc *found = rtnl_qdisc_get_by_parent(cache, static_cast<int>(ifindex), TC_H_CLSACT);
+    if (found) rtnl_qdisc_put(found);
+    nl_cache_free(cache);
+    return found != nullptr;
 }
 
 int Links::Apply(uint32_t ifindex, const Change &change)

@@ -4,7 +4,10 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <unordered_map>
+#include <utility>
 
 struct nl_msg;
 struct nl_object;
@@ -39,12 +42,19 @@ public:
     // Follows what has happened since. False: nothing has changed.
     bool Update();
 
+    // Interfaces that have been deleted since the last call, as far as is known: by now there may be another
+    // one of the same number and name.
+    std::set<uint32_t> TakeDeleted() { return std::exchange(deleted, {}); }
+
     // The kernel tells of a changed carrier up to a second late; this asks it now. False: it is as it was.
     bool PollCarrier(uint32_t ifindex);
 
     // Null: there is none.
     const Link *Find(const std::string &name) const;
     const std::map<uint32_t, Link> &All() const { return links; } // by ifindex
+
+    // Whether the interface has the queueing discipline that filters need.
+    bool HasClsact(uint32_t ifindex) const;
 
     // 0 or an errno value. Update() sees the change.
     int SetAdminUp(uint32_t ifindex, bool up);
@@ -60,6 +70,8 @@ private:
     static int TakeMessage(nl_msg *message, void *self);
     static void TakeObject(nl_object *object, void *self);
     bool Follow(Link link);
+    void Forget(uint32_t ifindex);
+    void ForgetName(const Link &link);
     bool ReadAll();
     void AddDetails(Link &link) const;
     int Apply(uint32_t ifindex, const Change &change);
@@ -67,6 +79,8 @@ private:
     std::unique_ptr<nl_sock, Release> events, requests;
     int control = -1; // for ioctl
     std::map<uint32_t, Link> links;
+    std::unordered_map<std::string, uint32_t> ifindexes; // by name
+    std::set<uint32_t> deleted;
     bool hasChanged = false;
 };
 

@@ -74,9 +74,7 @@ struct LivePort {
     uint32_t floodCount;
     uint32_t stateReserved[8];
 
-    /* Of user space alone. */
-    uint32_t plugFlags; /* what plugging changed and unplugging puts back */
-    uint32_t userReserved;
+    uint32_t userReserved[2]; /* of user space alone */
 };
 LIVE_ASSERT(sizeof(struct LivePort) == 128 && __builtin_offsetof(struct LivePort, address) == 64);
 
