@@ -1,7 +1,4 @@
 // Switches and ports, created and destroyed: what is stored, in which order, and what a failure leaves.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "tests/command_lines.h"
 #include "tests/family.h"
 
@@ -223,51 +220,6 @@ TEST_F(LabTest, APortNumberStandsInTheStatusRecord)
         return VSDVS_DvPortIDToPortIDFromDVSID(LAB_ID, PORT, reinterpret_cast<uint32_t *>(out));
     };
     Reading{PORT_STATUS, byId, cases}.Check();
-}
-
-// Runs one of this program's disabled tests in another process on the same host.
-int RunInAnotherProcess(const char *test)
-{
-    const std::string filter = "--gtest_filter="s + test;
-    return Wait(Fork([&] {
-        return execl("/proc/self/exe", "other", filter.c_str(), "--gtest_also_run_disabled_tests", nullptr) ==
-               0;
-    }));
-}
-
-TEST_F(LabTest, WhatOneProcessWritesTheOtherReads)
-{
-    EXPECT_EQ(VSDVS_SetPortVLANPolicy(LAB, PORT, 5, 3, 0, 0, nullptr, 0), STATUS_OK);
-    EXPECT_EQ(Id(LAB), LAB_ID);
-    EXPECT_EQ(RunInAnotherProcess("OtherProcess.DISABLED_RenamesAndChanges"), 0);
-    EXPECT_EQ(VSDVS_RemoveDVPort(LAB, "port1"), STATUS_NOT_FOUND) << "the old alias";
-    EXPECT_EQ(Id("renamed"), LAB_ID);
-    char alias[SWITCH_ALIAS_SIZE];
-    EXPECT_EQ(DVSPortsetNameToAlias("second", alias), STATUS_OK);
-    EXPECT_STREQ(alias, "second");
-    EXPECT_EQ(Read(PORT_VLAN)->bytes, Hex("00 00 06 00 00 00 00 00"));
-    EXPECT_EQ(VSDVS_DestroyVSwitch("second"), STATUS_OK);
-    EXPECT_EQ(RunInAnotherProcess("OtherProcess.DISABLED_MissesTheDestroyed"), 0);
-}
-
-TEST(OtherProcess, DISABLED_RenamesAndChanges)
-{
-    PortVLANRecord *record = nullptr;
-    uint32_t priority = 0;
-    ASSERT_EQ(VSDVS_GetPortVLANPolicy(LAB, PORT, &record, &priority), STATUS_OK);
-    EXPECT_EQ(record->vlanId, 5);
-    EXPECT_EQ(priority, 3u);
-    VSDVS_FreeMemory(record);
-    EXPECT_EQ(VSDVS_SetPortVLANPolicy(LAB, PORT, 6, VLAN_PRIORITY_NONE, 0, 0, nullptr, 0), STATUS_OK);
-    EXPECT_EQ(VSDVS_SetGlobProp(LAB, "com.talpex.common.alias", "renamed", 8, nullptr, 1), STATUS_OK);
-    EXPECT_EQ(VSDVS_CreateVSwitch("second", nullptr, nullptr, 1, 0, 0, 1, 1), STATUS_OK);
-}
-
-TEST(OtherProcess, DISABLED_MissesTheDestroyed)
-{
-    EXPECT_EQ(Id("renamed"), LAB_ID);
-    EXPECT_EQ(VSDVS_DestroyVSwitch("second"), STATUS_NOT_FOUND);
-    EXPECT_EQ(DVPortExist(LAB_ID, PORT), 1);
 }
 
 }
