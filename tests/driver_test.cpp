@@ -482,6 +482,17 @@ TEST_F(Driver, LinksAndTheUplinkOfAPort)
     EXPECT_EQ(Bytes(table.lags[1]), std::string(sizeof(VSwitchLag), '\0'));
 }
 
+TEST_F(Driver, ARefreshReadsTheNumaNodesOfTheDevices)
+{
+    const auto isOnNode = [](const std::string &node) {
+        return system(("test $(tybel -e get /net/pNics/nic0/numaNode) = " + node).c_str()) == 0;
+    };
+    ASSERT_EQ(vshost_scenario(R"({"nics": {"nic0": {"numaNode": 1}}})"), 0) << vshost_error();
+    EXPECT_TRUE(isOnNode("0"));
+    EXPECT_EQ(Change(VSWITCH_REFRESH_NUMA, Input()), 0);
+    EXPECT_TRUE(isOnNode("1"));
+}
+
 TEST_F(Driver, PoliciesShowInTheAnswers)
 {
     const auto info = [] { return Query<VSwitchInfo>(VSWITCH_GET_INFO, Input()); };
