@@ -210,7 +210,7 @@ class Values(OnHost):
                 (port + "override", "n" * 81, "80"),
                 (port + "ls-teaming", "n" * 136, "135"), (port + "tx-uplink", "", "normal or always"),
                 (port + "sink", True, "eth-filter"),
-                (port + "clear", ["sink"], "eth-filter"), (port + "mirror", {}, "list of mirror sessions")):
+                (port + "clear", ["sink"], "eth-filter"), (port + "mirror", {}, "list; each entry must be a mirror session")):
             document = {"switches": {"lab": {"multicast": "snooping", "ports": {"port0": {"eth-filter": FILTER}}}}}
             if value == ["port0"]:
                 document["switches"]["lab"]["ports"]["port0"] = {"absent": True}

@@ -10,29 +10,31 @@ namespace vsctl {
 namespace {
 
 constexpr uint16_t MAX_VLAN = 4095;
-constexpr size_t MAX_RANGES = UINT16_MAX;
 constexpr size_t SESSION_ID_SIZE = sizeof MirrorSessionRecord::sessionId;
 constexpr size_t SESSION_SETTINGS_SIZE = sizeof MirrorSessionRecord::settings;
 
-bool IsHex(const Json &value, int64_t bytes)
+// What a mirror session consists of.
+constexpr Field SESSION_FIELDS[] = {
+    {"id", Form::TEXT, "Id of the session", 1, SESSION_ID_SIZE},
+    {"settings", Form::BYTES, "Its other settings", 0, SESSION_SETTINGS_SIZE},
+    {"entries-a", Form::BYTES_LIST, "Port entries of the first kind", 0, sizeof(MirrorPortEntry), "", "[]"},
+    {"entries-b", Form::BYTES_LIST, "Port entries of the second kind", 0, sizeof(MirrorPortEntry), "", "[]"},
+    {"entries-c", Form::BYTES_LIST, "Port entries of the third kind", 0, sizeof(MirrorPortEntry), "", "[]"},
+};
+
+// ---- What a value, or an entry of a list, may be ----
+
+bool IsNumber(const Field &field, const Json &value)
 {
-    if (!value.is_string()) return false;
-    const auto &text = value.get_ref<const std::string &>();
-    return text.size() == 2 * static_cast<size_t>(bytes) &&
-           text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+    return value.is_number_integer() && value.get<int64_t>() >= field.min &&
+           value.get<int64_t>() <= field.max;
 }
 
-std::string BytesRule(int64_t bytes) { return fmt::format("must be {} bytes in hexadecimal digits", bytes); }
-
-std::optional<Violation> FaultInEach(const Json &list, const std::string &pointer,
-                                     bool (*valid)(const Json &, int64_t), int64_t bytes,
-                                     const std::string &rule)
+bool IsChoice(const Field &field, const Json &value)
 {
-    if (!list.is_array()) return Violation{pointer, "must be a list; each entry " + rule};
-    for (size_t i = 0; i < list.size(); i++) {
-        if (!valid(list[i], bytes)) return Violation{fmt::format("{}/{}", pointer, i), rule};
-    }
-    return {};
+    const auto words = Words(field.choices, '|');
+    return value.is_string() &&
+           std::find(words.begin(), words.end(), value.get<std::string>()) != words.end();
 }
 
 bool IsText(const Json &value, int64_t min, int64_t max)
@@ -43,55 +45,19 @@ bool IsText(const Json &value, int64_t min, int64_t max)
     return size >= min && size <= max && text.find('\0') == std::string::npos;
 }
 
-bool IsName(const Json &value, int64_t bytes) { return IsText(value, 1, bytes); }
+bool IsHex(const Field &field, const Json &value)
+{
+    if (!value.is_string()) return false;
+    const auto &text = value.get_ref<const std::string &>();
+    return text.size() == 2 * static_cast<size_t>(field.max) &&
+           text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
 
-bool IsRange(const Json &value, int64_t)
+bool IsRange(const Field &, const Json &value)
 {
     if (!value.is_string()) return false;
     const auto range = ParseVlanRange(value.get_ref<const std::string &>());
     return range && range->first <= range->last && range->last <= MAX_VLAN;
-}
-
-// What a mirror session consists of.
-constexpr Field SESSION_FIELDS[] = {
-    {"id", Form::TEXT, "the session's id", 1, SESSION_ID_SIZE},
-    {"settings", Form::BYTES, "its other settings", 0, SESSION_SETTINGS_SIZE},
-    {"entries-a", Form::BYTES_LIST, "port entries of its first kind", 0, sizeof(MirrorPortEntry), "", "[]"},
-    {"entries-b", Form::BYTES_LIST, "port entries of its second kind", 0, sizeof(MirrorPortEntry), "", "[]"},
-    {"entries-c", Form::BYTES_LIST, "port entries of its third kind", 0, sizeof(MirrorPortEntry), "", "[]"},
-};
-
-}
-
-std::optional<Violation> FindViolation(std::span<const Field> fields, const Json &value,
-                                       const std::string &pointer)
-{
-    if (!value.is_object()) return Violation{pointer, "must be a table"};
-    for (const auto &[key, member] : value.items()) {
-        const auto field = std::find_if(fields.begin(), fields.end(),
-                                        [&key = key](const Field &f) { return key == f.name; });
-        if (field == fields.end()) {
-            std::vector<std::string_view> names;
-            for (const Field &known : fields)
-                names.emplace_back(known.name);
-            return Violation{pointer + "/" + key, "is no known key; " + Suggest(key, names)};
-        }
-        if (auto fault = FindViolation(*field, member, pointer + "/" + key)) return fault;
-    }
-    return {};
-}
-
-namespace {
-
-std::optional<Violation> FaultInSessions(const Json &value, const std::string &pointer)
-{
-    if (!value.is_array()) return Violation{pointer, "must be a list of mirror sessions"};
-    for (size_t i = 0; i < value.size(); i++) {
-        const std::string session = fmt::format("{}/{}", pointer, i);
-        if (auto fault = FindViolation(SESSION_FIELDS, value[i], session)) return fault;
-        if (!value[i].contains("id")) return Violation{session, "a mirror session needs an 'id'"};
-    }
-    return {};
 }
 
 // "a, b or c"
@@ -101,201 +67,74 @@ std::string Alternatives(const std::vector<std::string> &words)
     return fmt::format("{} or {}", fmt::join(first, ", "), words.back());
 }
 
-std::string Rule(const Field &field)
+std::string BytesRule(const Field &field)
 {
-    switch (field.form) {
-    case Form::BOOLEAN:
-        return "must be true or false";
-    case Form::NUMBER:
-        return fmt::format("must be a number from {} to {}", field.min, field.max);
-    case Form::CHOICE:
-        return "must be " + Alternatives(Words(field.choices, '|'));
-    case Form::TEXT:
-        return fmt::format("must be a text of {} to {} bytes", field.min, field.max);
-    case Form::BYTES:
-        return BytesRule(field.max);
-    case Form::RANGES:
-        return "must be a VLAN or a range of VLANs from 0 to 4095, like \"100-199\"";
-    case Form::BYTES_LIST:
-        return BytesRule(field.max);
-    case Form::NAMES:
-        return fmt::format("must be a name of 1 to {} bytes", field.max);
-    case Form::SESSIONS:
-        return "";
-    }
-    return "";
+    return fmt::format("must be {} bytes in hexadecimal digits", field.max);
 }
 
-bool IsValid(const Field &field, const Json &value)
+// ---- JSON schemas ----
+
+Json TextSchema(int64_t min, int64_t max)
 {
-    switch (field.form) {
-    case Form::BOOLEAN:
-        return value.is_boolean();
-    case Form::NUMBER:
-        return value.is_number_integer() && value.get<int64_t>() >= field.min &&
-               value.get<int64_t>() <= field.max;
-    case Form::CHOICE: {
-        const auto words = Words(field.choices, '|');
-        return value.is_string() &&
-               std::find(words.begin(), words.end(), value.get<std::string>()) != words.end();
-    }
-    case Form::TEXT:
-        return IsText(value, field.min, field.max);
-    default:
-        return IsHex(value, field.max);
-    }
+    return {{"type", "string"}, {"minLength", min}, {"maxLength", max}};
 }
 
-}
-
-std::optional<Violation> FindViolation(const Field &field, const Json &value, const std::string &pointer)
+Json BytesSchema(const Field &field)
 {
-    if (field.canBeNone && value == NONE) return {};
-    switch (field.form) {
-    case Form::RANGES:
-        if (value.is_array() && (value.empty() || value.size() > MAX_RANGES))
-            return Violation{pointer, fmt::format("must name 1 to {} VLANs or ranges", MAX_RANGES)};
-        return FaultInEach(value, pointer, IsRange, 0, Rule(field));
-    case Form::BYTES_LIST:
-        return FaultInEach(value, pointer, IsHex, field.max, Rule(field));
-    case Form::NAMES:
-        return FaultInEach(value, pointer, IsName, field.max, Rule(field));
-    case Form::SESSIONS:
-        return FaultInSessions(value, pointer);
-    default:
-        break;
-    }
-    if (IsValid(field, value)) return {};
-    return Violation{pointer, Rule(field) + (field.canBeNone ? ", or none" : "")};
+    return {{"type", "string"}, {"pattern", fmt::format("^[0-9a-fA-F]{{{}}}$", 2 * field.max)}};
 }
 
-void RequireName(const Field &rule, const std::string &name)
-{
-    if (auto fault = FindViolation(rule, name, ""))
-        throw Error(Exit::BAD_VALUE,
-                    fmt::format("{} {}, not '{}'", rule.help, fault->message, name.substr(0, 40)));
-}
-
-namespace {
-
-Json WordToJson(const Field &field, const std::string &word)
-{
-    switch (field.form) {
-    case Form::BOOLEAN:
-        if (word == "on" || word == "true" || word == "yes") return true;
-        if (word == "off" || word == "false" || word == "no") return false;
-        return word;
-    case Form::NUMBER: {
-        int64_t number = 0;
-        const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
-        if (error != std::errc() || end != word.data() + word.size()) return word;
-        return number;
-    }
-    case Form::RANGES:
-    case Form::NAMES:
-        return Words(word, ',');
-    case Form::BYTES_LIST:
-        return word.empty() ? Json::array() : Json(Words(word, ','));
-    case Form::BYTES:
-        return Hex(FromHex(word).data(), FromHex(word).size());
-    case Form::SESSIONS: {
-        const Json list = Json::parse(word, nullptr, false);
-        return list.is_discarded() ? Json(word) : list;
-    }
-    default:
-        return word;
-    }
-}
-
-}
-
-Json ParseWord(const Field &field, const std::string &word, const std::string &name)
-{
-    const Json value = field.canBeNone && word == NONE ? Json(word) : WordToJson(field, word);
-    if (auto fault = FindViolation(field, value, "")) {
-        const std::string what = !name.empty() ? name
-                                 : *field.name ? "--" + std::string(field.name)
-                                               : "the value";
-        const std::string rule = field.form == Form::BOOLEAN ? "must be on or off" : fault->message;
-        throw Error(Exit::BAD_VALUE, fmt::format("{} {}, not '{}'", what, rule, word.substr(0, 40)));
-    }
-    return value;
-}
-
-namespace {
-
-Json BytesSchema(int64_t bytes)
-{
-    return {{"type", "string"}, {"pattern", fmt::format("^[0-9a-fA-F]{{{}}}$", 2 * bytes)}};
-}
-
-Json SessionsSchema()
+Json SessionSchema(const Field &)
 {
     Json properties;
     for (const Field &field : SESSION_FIELDS)
         properties[field.name] = Schema(field);
-    const Json session = {{"type", "object"},
-                          {"properties", properties},
-                          {"required", {"id"}},
-                          {"additionalProperties", false}};
-    return {{"type", "array"}, {"items", session}};
+    return {{"type", "object"},
+            {"properties", properties},
+            {"required", {"id"}},
+            {"additionalProperties", false}};
 }
 
-Json ValueSchema(const Field &field)
+// ---- Words of the command line; a word that is not a value stays a text, which is refused ----
+
+Json SameText(const std::string &word) { return word; }
+
+Json FlagOf(const std::string &word)
 {
-    switch (field.form) {
-    case Form::BOOLEAN:
-        return {{"type", "boolean"}};
-    case Form::NUMBER:
-        return {{"type", "integer"}, {"minimum", field.min}, {"maximum", field.max}};
-    case Form::CHOICE:
-        return {{"enum", Words(field.choices, '|')}};
-    case Form::TEXT:
-        return {{"type", "string"}, {"minLength", field.min}, {"maxLength", field.max}};
-    case Form::BYTES:
-        return BytesSchema(field.max);
-    case Form::RANGES:
-        return {{"type", "array"},
-                {"minItems", 1},
-                {"maxItems", MAX_RANGES},
-                {"items", {{"type", "string"}, {"pattern", "^[0-9]{1,4}(-[0-9]{1,4})?$"}}}};
-    case Form::BYTES_LIST:
-        return {{"type", "array"}, {"items", BytesSchema(field.max)}};
-    case Form::NAMES:
-        return {{"type", "array"},
-                {"items", {{"type", "string"}, {"minLength", 1}, {"maxLength", field.max}}}};
-    case Form::SESSIONS:
-        return SessionsSchema();
-    }
-    return {};
+    if (word == "on" || word == "true" || word == "yes") return true;
+    if (word == "off" || word == "false" || word == "no") return false;
+    return word;
 }
 
-}
-
-Json Schema(const Field &field)
+Json NumberOf(const std::string &word)
 {
-    Json schema = ValueSchema(field);
-    if (field.canBeNone) schema = {{"anyOf", {schema, {{"const", NONE}}}}};
-    schema["description"] = field.help;
-    if (field.defaultText) schema["default"] = Json::parse(field.defaultText);
-    return schema;
+    int64_t number = 0;
+    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
+    if (error != std::errc() || end != word.data() + word.size()) return word;
+    return number;
 }
 
-namespace {
-
-template<class Change> Json ForEach(const Json &list, Change change)
+Json BytesOf(const std::string &word)
 {
-    Json changed = Json::array();
-    for (const Json &entry : list)
-        changed.push_back(change(entry));
-    return changed;
-}
-
-Json CanonicalBytes(const Json &value)
-{
-    const Bytes bytes = FromHex(value.get_ref<const std::string &>());
+    const Bytes bytes = FromHex(word);
     return Hex(bytes.data(), bytes.size());
 }
+
+Json ListOf(const std::string &word) { return word.empty() ? Json::array() : Json(Words(word, ',')); }
+
+Json RangesOf(const std::string &word) { return Words(word, ','); }
+
+Json SessionsOf(const std::string &word)
+{
+    const Json list = Json::parse(word, nullptr, false);
+    return list.is_discarded() ? Json(word) : list;
+}
+
+// ---- The one form in which a value is read back ----
+
+Json Same(const Json &value) { return value; }
+
+Json CanonicalBytes(const Json &value) { return BytesOf(value.get_ref<const std::string &>()); }
 
 Json CanonicalRange(const Json &value)
 {
@@ -309,23 +148,165 @@ Json CanonicalSession(const Json &value)
     return Canonical(SESSION_FIELDS, session);
 }
 
+// ---- The table ----
+
+// A form of values; of a list, what its entries are.
+struct FormRow {
+    bool (*isValid)(const Field &, const Json &); // null where fields of an entry are checked
+    std::string (*rule)(const Field &);
+    Json (*schema)(const Field &);
+    Json (*fromWord)(const std::string &);
+    Json (*canonical)(const Json &);
+    bool isList = false;
+    size_t least = 0; // entries
+    size_t most = SIZE_MAX;
+};
+
+// By Form.
+constexpr FormRow FORMS[] = {
+    {[](const Field &, const Json &value) { return value.is_boolean(); },
+     [](const Field &) -> std::string { return "must be true or false"; },
+     [](const Field &) -> Json {
+         return {{"type", "boolean"}};
+     },
+     FlagOf, Same},
+    {IsNumber,
+     [](const Field &field) { return fmt::format("must be a number from {} to {}", field.min, field.max); },
+     [](const Field &field) -> Json {
+         return {{"type", "integer"}, {"minimum", field.min}, {"maximum", field.max}};
+     },
+     NumberOf, Same},
+    {IsChoice, [](const Field &field) { return "must be " + Alternatives(Words(field.choices, '|')); },
+     [](const Field &field) -> Json {
+         return {{"enum", Words(field.choices, '|')}};
+     },
+     SameText, Same},
+    {[](const Field &field, const Json &value) { return IsText(value, field.min, field.max); },
+     [](const Field &field) { return fmt::format("must be a text of {} to {} bytes", field.min, field.max); },
+     [](const Field &field) { return TextSchema(field.min, field.max); }, SameText, Same},
+    {IsHex, BytesRule, BytesSchema, BytesOf, CanonicalBytes},
+    {IsRange,
+     [](const Field &) -> std::string {
+         return "must be a VLAN or a range of VLANs from 0 to 4095, like \"100-199\"";
+     },
+     [](const Field &) -> Json {
+         return {{"type", "string"}, {"pattern", "^[0-9]{1,4}(-[0-9]{1,4})?$"}};
+     },
+     RangesOf, CanonicalRange, true, 1, UINT16_MAX},
+    {IsHex, BytesRule, BytesSchema, ListOf, CanonicalBytes, true},
+    {[](const Field &field, const Json &value) { return IsText(value, 1, field.max); },
+     [](const Field &field) { return fmt::format("must be a name of 1 to {} bytes", field.max); },
+     [](const Field &field) { return TextSchema(1, field.max); }, ListOf, Same, true},
+    {nullptr, [](const Field &) -> std::string { return "must be a mirror session"; }, SessionSchema,
+     SessionsOf, CanonicalSession, true},
+};
+static_assert(std::size(FORMS) == static_cast<size_t>(Form::SESSIONS) + 1);
+
+const FormRow &RowOf(const Field &field) { return FORMS[static_cast<size_t>(field.form)]; }
+
+}
+
+std::optional<Violation> FindViolation(std::span<const Field> fields, const Json &value,
+                                       const std::string &pointer)
+{
+    if (!value.is_object()) return Violation{pointer, "must be a table"};
+    for (const auto &[key, member] : value.items()) {
+        const auto field = std::find_if(fields.begin(), fields.end(),
+                                        [&key = key](const Field &f) { return key == f.name; });
+        if (field == fields.end()) {
+            std::vector<std::string> names;
+            for (const Field &known : fields)
+                names.emplace_back(known.name);
+            return Violation{pointer + "/" + key, UnknownKey(key, names)};
+        }
+        if (auto violation = FindViolation(*field, member, pointer + "/" + key)) return violation;
+    }
+    return {};
+}
+
+namespace {
+
+std::optional<Violation> FindInSession(const Json &session, const std::string &pointer)
+{
+    if (auto violation = FindViolation(SESSION_FIELDS, session, pointer)) return violation;
+    if (!session.contains("id")) return Violation{pointer, "a mirror session needs an 'id'"};
+    return {};
+}
+
+std::optional<Violation> FindInEntry(const Field &field, const Json &entry, const std::string &pointer)
+{
+    const FormRow &form = RowOf(field);
+    if (!form.isValid) return FindInSession(entry, pointer);
+    if (form.isValid(field, entry)) return {};
+    return Violation{pointer, form.rule(field)};
+}
+
+std::optional<Violation> FindInList(const Field &field, const Json &list, const std::string &pointer)
+{
+    const FormRow &form = RowOf(field);
+    if (!list.is_array()) return Violation{pointer, "must be a list; each entry " + form.rule(field)};
+    if (list.size() < form.least || list.size() > form.most)
+        return Violation{pointer, fmt::format("must have {} to {} entries", form.least, form.most)};
+    for (size_t i = 0; i < list.size(); i++) {
+        if (auto violation = FindInEntry(field, list[i], fmt::format("{}/{}", pointer, i))) return violation;
+    }
+    return {};
+}
+
+}
+
+std::optional<Violation> FindViolation(const Field &field, const Json &value, const std::string &pointer)
+{
+    if (field.canBeNone && value == NONE) return {};
+    const FormRow &form = RowOf(field);
+    if (form.isList) return FindInList(field, value, pointer);
+    if (form.isValid(field, value)) return {};
+    return Violation{pointer, form.rule(field) + (field.canBeNone ? ", or none" : "")};
+}
+
+void RequireName(const Field &rule, const std::string &name)
+{
+    if (auto violation = FindViolation(rule, name, ""))
+        throw Error(Exit::BAD_VALUE,
+                    fmt::format("{} {}, not '{}'", rule.help, violation->message, name.substr(0, 40)));
+}
+
+Json ParseWord(const Field &field, const std::string &word, const std::string &name)
+{
+    const Json value = field.canBeNone && word == NONE ? Json(word) : RowOf(field).fromWord(word);
+    const auto violation = FindViolation(field, value, "");
+    if (!violation) return value;
+    const std::string own = *field.name ? "--" + std::string(field.name) : "the value";
+    const std::string rule = field.form == Form::BOOLEAN ? "must be on or off" : violation->message;
+    throw Error(Exit::BAD_VALUE,
+                fmt::format("{} {}, not '{}'", name.empty() ? own : name, rule, word.substr(0, 40)));
+}
+
+Json Schema(const Field &field)
+{
+    const FormRow &form = RowOf(field);
+    Json schema = form.schema(field);
+    if (form.isList) {
+        Json list = {{"type", "array"}};
+        if (form.least) list.update({{"minItems", form.least}, {"maxItems", form.most}});
+        list["items"] = schema;
+        schema = list;
+    }
+    if (field.canBeNone) schema = {{"anyOf", {schema, {{"const", NONE}}}}};
+    schema["description"] = field.help;
+    if (field.defaultText) schema["default"] = Json::parse(field.defaultText);
+    return schema;
 }
 
 Json Canonical(const Field &field, const Json &value)
 {
     if (field.canBeNone && value == NONE) return value;
-    switch (field.form) {
-    case Form::BYTES:
-        return CanonicalBytes(value);
-    case Form::BYTES_LIST:
-        return ForEach(value, CanonicalBytes);
-    case Form::RANGES:
-        return ForEach(value, CanonicalRange);
-    case Form::SESSIONS:
-        return ForEach(value, CanonicalSession);
-    default:
-        return value;
-    }
+    const FormRow &form = RowOf(field);
+    if (!form.isList) return form.canonical(value);
+    Json list = Json::array();
+    for (const Json &entry : value)
+        list.push_back(form.canonical(entry));
+    return list;
 }
 
 Json CanonicalPart(std::span<const Field> fields, const Json &value)
@@ -347,6 +328,13 @@ Json Canonical(std::span<const Field> fields, const Json &value)
             complete[field.name] = Json::parse(field.defaultText);
     }
     return complete;
+}
+
+std::string UnknownKey(const std::string &key, const std::vector<std::string> &names)
+{
+    const std::string suggestion = Suggest(key, names);
+    if (!suggestion.empty()) return "is not a known key; " + suggestion;
+    return fmt::format("is not a known key; the keys are {}", fmt::join(names, ", "));
 }
 
 std::vector<std::string> Words(std::string_view text, char separator)

@@ -59,6 +59,9 @@ Json ParseWord(const Field &field, const std::string &word, const std::string &n
 // JSON schema of the field's values.
 Json Schema(const Field &field);
 
+// The message for a key that is not among these names.
+std::string UnknownKey(const std::string &key, const std::vector<std::string> &names);
+
 std::vector<std::string> Words(std::string_view text, char separator);
 
 // "100-199" or "300", whatever the numbers; nothing for other texts.

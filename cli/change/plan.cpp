@@ -62,12 +62,6 @@ std::vector<std::string> KnownKeys(bool ofPort)
     return keys;
 }
 
-void ThrowUnknownKey(const Document &document, const std::string &pointer, const std::string &key,
-                     const std::vector<std::string> &known)
-{
-    throw document.At(pointer, "is no known key; " + Suggest(key, known));
-}
-
 void RequireTable(const Document &document, const Json &value, const std::string &pointer)
 {
     if (!value.is_object()) throw document.At(pointer, "must be a table");
@@ -134,7 +128,7 @@ void CheckEntry(const Document &document, const Json &entry, const std::string &
         else if (const Policy *policy = FindPolicy(key, ofPort))
             fault = FindViolation(*policy, value, where);
         else if (ofPort || key != PORTS_KEY)
-            ThrowUnknownKey(document, where, key, KnownKeys(ofPort));
+            throw document.At(where, UnknownKey(key, KnownKeys(ofPort)));
         if (fault) throw document.At(fault->pointer, fault->message);
     }
     CheckClear(document, entry, pointer, ofPort);
@@ -168,7 +162,7 @@ void CheckPorts(const Document &document, const Json &ports, const std::string &
 void CheckDocument(const Document &document)
 {
     for (const auto &[key, value] : document.Root().items()) {
-        if (key != "switches") ThrowUnknownKey(document, "/" + PointerStep(key), key, {"switches"});
+        if (key != "switches") throw document.At("/" + PointerStep(key), UnknownKey(key, {"switches"}));
         RequireTable(document, value, "/switches");
     }
     if (!document.Root().contains("switches")) throw document.At("", "a file describes 'switches'");
