@@ -29,14 +29,14 @@ Exit Finish(const Verb &verb, const Result &result, const Options &options)
     return result.exit;
 }
 
-// Shows the result; when that fails, a change is made all the same, and who asked for it must know.
+// Shows the result. When that fails, the change is already made, and the error says so.
 Exit Show(const Verb &verb, const Result &result, const Options &options)
 {
     try {
         return Finish(verb, result, options);
     } catch (const Error &error) {
         if (verb.effect == Effect::READS || options.dryRun) throw;
-        throw Error(error.exit, error.problem, "the change is made, only its result cannot be shown");
+        throw Error(error.exit, error.problem, "the change is made, but its result cannot be shown");
     }
 }
 
@@ -67,11 +67,11 @@ Exit Run(const std::vector<std::string> &words, Options &options)
     }
 }
 
-// A file that is opened must not become a standard stream that the caller has closed.
+// Keeps a file that vsctl opens from becoming a standard stream that the caller has closed.
 void HoldStandardStreams()
 {
     for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        // What it is used for fails, as on a closed one.
+        // Opened for the wrong direction, so that using it fails as on a closed stream.
         if (fcntl(stream, F_GETFD) < 0) open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
     }
 }
@@ -83,7 +83,7 @@ int main(int count, char **given)
     HoldStandardStreams();
     const std::vector<std::string> words(given + 1, given + count);
     Options options;
-    // Known before all else, for errors in the words themselves.
+    // Errors in the words themselves are printed in this form too.
     options.json = std::count(words.begin(), std::find(words.begin(), words.end(), "--"), "--json") > 0;
     try {
         return static_cast<int>(Run(OptionsBehindVerb(words), options));
@@ -93,7 +93,7 @@ int main(int count, char **given)
     } catch (const std::bad_alloc &) {
         PrintError(Error(Exit::FAILURE, "not enough memory"), options.json);
     } catch (const std::exception &error) {
-        PrintError(Error(Exit::FAILURE, error.what(), "this is a fault of vsctl itself: please report it"),
+        PrintError(Error(Exit::FAILURE, error.what(), "this is a bug in vsctl: please report it"),
                    options.json);
     }
     return static_cast<int>(Exit::FAILURE);

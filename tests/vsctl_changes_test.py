@@ -288,7 +288,7 @@ class Changes(OnHost):
             self.wait_until(lambda: str(path) in map(os.path.realpath, descriptors.iterdir()), late)
             HOST.vshost_scenario(b"{}")
             subprocess.run([BUILD / "platform/tybel", "-e", "set", "/net/portsets/lab/mtu", "3000"], check=True)
-        self.assertIn("changed by somebody else", late.communicate()[1])
+        self.assertIn("changed by another process", late.communicate()[1])
         self.assertEqual(self.rows("switch", "mtu", "lab")[0]["mtu"], 3000)
 
     def test_a_signal_during_a_change_undoes_it(self):

@@ -136,7 +136,7 @@ class DryRuns(OnHost):
             self.assertEqual([run.stdout == "nothing to change\n" for run in dry[:2]], [code == 0] * 2)
         else:
             self.assertEqual([run.stderr for run in dry[:2]], [done.stderr] * 2)
-            self.assertNotIn("this is a fault", done.stderr)
+            self.assertNotIn("this is a bug", done.stderr)
             if code != 5:
                 self.assertRegex(done.stderr, "; .* ")  # with some advice
         return not done.returncode

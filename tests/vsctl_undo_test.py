@@ -33,9 +33,9 @@ class Undo(OnHost):
                 (4, "switch create prod", "EXISTS"),
                 (4, "switch create other --portset lab", gone),
                 (4, "switch create other --portset vs-prod", "in use by switch prod"),
-                (4, "uplink add lab port0", "port0 of switch lab is a port"),
-                (4, "uplink add lab u9 uplink1", "uplink1 of switch lab is an uplink"),
-                (4, "uplink set lab port1 port2", "port1 of switch lab is a port"),
+                (4, "uplink add lab port0", "port0 of switch lab is already a port"),
+                (4, "uplink add lab u9 uplink1", "uplink1 of switch lab is already an uplink"),
+                (4, "uplink set lab port1 port2", "port1 of switch lab is already a port"),
                 (4, "uplink set lab --count 1", "uplink0"),
                 (1, "port remove lab uplink0", "vsctl uplink remove lab uplink0"),
                 (1, "port remove lab port0..port2,uplink1", "vsctl uplink remove lab uplink1"),
@@ -56,7 +56,7 @@ class Undo(OnHost):
         file["switches"]["other"] = file["switches"].pop("prod")
         for code, entries, reason in (
                 (4, file["switches"], "'zz' is in use"), (4, {"other": {"portset": "lab"}}, "in use by switch lab"),
-                (4, {"lab": {"uplinks": ["uplink0", "uplink1", "port0"]}}, "port0 of switch lab is a port"),
+                (4, {"lab": {"uplinks": ["uplink0", "uplink1", "port0"]}}, "port0 of switch lab is already a port"),
                 (4, {"a": {"id": "same"}, "b": {"id": "same"}}, "'same' is in use"),
                 (4, {"a": {"portset": "s"}, "b": {"portset": "s"}}, "portset s is in use"),
                 (1, {"lab": {"ports": {"uplink0": {"absent": True}}}}, "vsctl uplink remove"),
@@ -222,16 +222,16 @@ class Undo(OnHost):
         before = self.exported()
         elsewhere("switch create other --id zz", 4, "in use by switch prod")
         elsewhere("switch create other --portset lab", 4, "in use by switch lab")
-        unknown = "number, NIC, statistics and properties unknown to vsctl of"
+        unknown = "number, NIC, statistics and unknown properties of"
         for line, lost in (("port remove lab port0", f"{unknown} port0 of switch lab"),
                            ("uplink remove lab uplink0", f"{unknown} uplink0 of switch lab"),
                            ("uplink clear lab", "which NICs are behind the uplinks of switch lab")):
             HOST.vshost_fail(STORE, b"DVSZOR_PortAdd", 1, 1, IO_ERROR)
-            elsewhere(f"{line}\nport add lab x", 6, "can't be brought back: " + lost)
+            elsewhere(f"{line}\nport add lab x", 6, "restored except " + lost)
             HOST.vshost_clear()
             self.assertEqual(self.exported(), before)
         HOST.vshost_fail(SHELL, b"destroy", 1, 1, 1)
-        elsewhere("switch destroy lab", 1, "all ports of switch lab but its uplinks, and properties unknown to vsctl")
+        elsewhere("switch destroy lab", 1, "all ports of switch lab except its uplinks, and unknown properties")
         HOST.vshost_clear()
         del before["lab"]["ports"]["port0"], before["lab"]["ports"]["port1"], before["lab"]["ports"]["port2"]
         self.assertEqual(self.exported(), before)

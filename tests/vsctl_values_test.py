@@ -56,9 +56,9 @@ class Values(OnHost):
             for value in ("", str(least - 1), str(greatest + 1), *NO_NUMBERS):
                 self.refused([*verb, "--", value], 5, f"{least} to {greatest}")
         for words in (["option", "get", "65536"], ["option", "set", "65536=1"], ["option", "set", "1=4294967296"],
-                      ["option", "set", "1"], ["option", "set", "=1"], ["option", "set", "1=1=1"],
+                      ["option", "set", "=1"], ["option", "set", "1=1=1"],
                       ["rtm", "send", "4294967296", "--hex", "00" * 9]):
-            self.refused(words, 5, "is no number from 0 to")
+            self.refused(words, 5, "is not a number from 0 to")
 
     def test_words_that_are_no_values(self):
         port = ["port", "vlan", "lab"]
@@ -83,8 +83,8 @@ class Values(OnHost):
                 ([*port, "port0", "--trunk", "1-"], "--trunk"), ([*port, "port0", "--trunk", "1-2-3"], "--trunk"),
                 ([*port, "port0", "--trunk=-1"], "--trunk"), ([*port, "port0", "--trunk", "65537"], "--trunk"),
                 ([*port, "port0", "--trunk", "1", "--ranges", "2"], "not both"),
-                ([*port, "", "1"], "without a name"), ([*port, "a,", "1"], "without a name"),
-                ([*port, ",a", "1"], "without a name"),
+                ([*port, "", "1"], "is empty"), ([*port, "a,", "1"], "is empty"),
+                ([*port, ",a", "1"], "is empty"),
                 ([*port, "..", "1"], "range"), ([*port, "a..b", "1"], "range"), ([*port, "a1..b2", "1"], "'a1..b2'"),
                 ([*port, "p2..p1", "1"], "'p2..p1'"), ([*port, "p01..p03", "1"], "'p01'"),
                 ([*port, "p0..p65536", "1"], "range"),
@@ -113,6 +113,7 @@ class Values(OnHost):
                 (["rtm", "send", "7", "--hex", "01" + "00" * 8], "has 137 bytes, not 9"),
                 (["option", "set", "--hex", "ff000000"], "its own length"),
                 (["option", "set", "--hex", "010000"], "its own length"),
+                (["option", "set", "1"], "'1'", "NUMBER=VALUE"),
                 (["completion", "tcsh"], "bash, zsh or fish")):
             self.refused(words, 5, *reasons)
         for value in ("", "5x", "-1s", "0s", "0.4ms", "nan", "inf", "1e9s", "s", "1 s", "+1s", "0x1s"):
@@ -148,7 +149,8 @@ class Values(OnHost):
                 (["apply", "--undo", "--dry-run"], "dry run"), (["confirm", "--dry-run"], "dry run"),
                 (["switch", "list", "--dry-run"], "--dry-run"),
                 (["switch"], "create"), (["switch", "list", "lab"], "lab"), (["help", "port", "vlna"], "vlan"),
-                (["--bogus"], "--bogus")):
+                (["--bogus"], "unexpected argument --bogus"),
+                (["switch", "list", "--timeout"], "--timeout requires a value")):
             self.refused(words, 2, *reasons)
 
     def test_files_that_cannot_be_read(self):
@@ -174,7 +176,7 @@ class Values(OnHost):
                 (switch + "version", 2**32, "4294967295"),
                 (switch + "version", 7, "has 1"), (switch + "uplinks", "a", "list"), (switch + "uplinks", [1], "47"),
                 (switch + "uplinks", ["a", "n" * 48], "47"), (switch + "uplinks", ["a\0b"], "47"),
-                (switch + "uplinks", ["a", "a"], "'a' again"),
+                (switch + "uplinks", ["a", "a"], "'a' twice"),
                 (switch + "uplinks", ["port0"], "absent"), (switch + "mtu", 1279, "1280"),
                 (switch + "mtu", 9001, "9000"),
                 (switch + "mtu", 1500.0, "9000"), (switch + "mtu", "1500", "9000"), (switch + "mtu", 2**64, "9000"),
@@ -188,13 +190,14 @@ class Values(OnHost):
                 (switch + "mac-learning", 5, "table"), (switch + "uplink-mirror", [session, {}], "'id'"),
                 (switch + "uplink-mirror", [dict(session, settings="0")], "184 bytes"),
                 (switch + "uplink-mirror", [dict(session, x=1)], "known key"),
-                (switch + "clear", ["mtu"], "no policy that can be cleared"), (switch + "clear", ["vlan"], "no policy"),
+                (switch + "clear", ["mtu"], "not a policy that can be cleared"),
+                (switch + "clear", ["vlan"], "not a policy"),
                 (switch + "clear", "pvlan", "list"),
-                (switch + "clear", ["multicast"], "set here as well"), (switch + "vlan", {}, "known key"),
+                (switch + "clear", ["multicast"], "also set"), (switch + "vlan", {}, "known key"),
                 (switch + "ports", [], "table"),
                 (switch + "ports/" + "n" * 48, {}, "47"), (switch + "ports/a\0b", {}, "47"),
-                (switch + "ports/a,,b", {}, "without a name"),
-                (switch + "ports/a..b", {}, "range"), (switch + "ports/port0..port1", {}, "port0 again"),
+                (switch + "ports/a,,b", {}, "is empty"),
+                (switch + "ports/a..b", {}, "range"), (switch + "ports/port0..port1", {}, "port0 twice"),
                 (switch + "ports/port0", 5, "table"),
                 (port + "mtu", 1500, "known key"), (port + "connect-id", -1, "4294967295"),
                 (port + "connect-id", 7, "has 1"),
@@ -210,7 +213,8 @@ class Values(OnHost):
                 (port + "override", "n" * 81, "80"),
                 (port + "ls-teaming", "n" * 136, "135"), (port + "tx-uplink", "", "normal or always"),
                 (port + "sink", True, "eth-filter"),
-                (port + "clear", ["sink"], "eth-filter"), (port + "mirror", {}, "list; each entry must be a mirror session")):
+                (port + "clear", ["sink"], "eth-filter"),
+                (port + "mirror", {}, "list; each entry must be a mirror session")):
             document = {"switches": {"lab": {"multicast": "snooping", "ports": {"port0": {"eth-filter": FILTER}}}}}
             if value == ["port0"]:
                 document["switches"]["lab"]["ports"]["port0"] = {"absent": True}
@@ -222,7 +226,7 @@ class Values(OnHost):
             for verb in ("plan", "apply"):
                 self.refused([verb, "-"], 5, "standard input: switch", *reasons, stdin=json.dumps(document))
         for text, *reasons in (
-                ("", "a file describes 'switches'"), ("{", "line 1, column 2", "not JSON"),
+                ("", "the file has no 'switches'"), ("{", "line 1, column 2", "not JSON"),
                 ('{"switches": {}} x', "not JSON"), ('{"switches": {"a": {}, "a": {}}}', "switches/a ", "twice"),
                 ('{"switches": ' + "[" * 100000, "nested too deeply"), ("a = " + "[" * 100000, "not TOML"),
                 ("[switches.lab]\nmtu = 1500\nmtu = 1500\n", "3:", "not TOML"),

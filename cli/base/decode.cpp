@@ -10,8 +10,8 @@ namespace vsctl {
 
 namespace {
 
-// A packed field can't be bound to a reference: its value is taken.
-template<class Value> Value Take(Value value) { return value; }
+// A packed field cannot be bound to a reference, so its value is copied.
+template<class Value> Value Copy(Value value) { return value; }
 
 template<class T> T Load(const void *bytes, size_t size = sizeof(T))
 {
@@ -25,10 +25,10 @@ Json DecodeInfo(const void *bytes, size_t)
     const auto info = Load<VSwitchInfo>(bytes);
     return {{"portset", Name(info.portset, sizeof info.portset)},
             {"switch-id", Name(info.switchId, sizeof info.switchId)},
-            {"max-ports", Take(info.ports)},
-            {"used-ports", Take(info.usedPorts)},
-            {"mtu", Take(info.mtu)},
-            {"uplinks", Take(info.uplinks)},
+            {"max-ports", Copy(info.ports)},
+            {"used-ports", Copy(info.usedPorts)},
+            {"mtu", Copy(info.mtu)},
+            {"uplinks", Copy(info.uplinks)},
             {"associated", (info.flags & VSWITCH_INFO_ASSOCIATED) != 0},
             {"snooping", (info.flags & VSWITCH_INFO_SNOOPING) != 0},
             {"mirroring", (info.flags & VSWITCH_INFO_MIRRORING) != 0},
@@ -71,58 +71,58 @@ Json DecodeMacEntry(const void *bytes, size_t)
 {
     const auto entry = Load<VSwitchMacEntry>(bytes);
     return {{"address", AddressText(entry.address, sizeof entry.address)},
-            {"vlan", Take(entry.vlanId)},
+            {"vlan", Copy(entry.vlanId)},
             {"type", entry.type == VSWITCH_MAC_LEARNED ? "learned" : "static"},
-            {"age", Take(entry.age)},
-            {"port-number", Take(entry.portId)}};
+            {"age", Copy(entry.age)},
+            {"port-number", Copy(entry.portId)}};
 }
 
 Json DecodeLearningProps(const void *bytes, size_t)
 {
     const auto props = Load<VSwitchLearningProps>(bytes);
     return {
-        {"enabled", props.enabled != 0}, {"aging", Take(props.agingSeconds)}, {"limit", Take(props.limit)}};
+        {"enabled", props.enabled != 0}, {"aging", Copy(props.agingSeconds)}, {"limit", Copy(props.limit)}};
 }
 
 Json DecodePortLearning(const void *bytes, size_t)
 {
     const auto stats = Load<VSwitchPortLearningStats>(bytes);
-    return {{"entries", Take(stats.entries)}, {"limit", Take(stats.limit)}, {"learned", Take(stats.learned)},
-            {"moved", Take(stats.moved)},     {"aged", Take(stats.aged)},   {"refused", Take(stats.refused)},
-            {"dropped", Take(stats.dropped)}};
+    return {{"entries", Copy(stats.entries)}, {"limit", Copy(stats.limit)}, {"learned", Copy(stats.learned)},
+            {"moved", Copy(stats.moved)},     {"aged", Copy(stats.aged)},   {"refused", Copy(stats.refused)},
+            {"dropped", Copy(stats.dropped)}};
 }
 
 Json DecodeLearningInfo(const void *bytes, size_t)
 {
     const auto info = Load<VSwitchLearningInfo>(bytes);
-    return {{"aging", Take(info.agingSeconds)},
-            {"limit", Take(info.limit)},
+    return {{"aging", Copy(info.agingSeconds)},
+            {"limit", Copy(info.limit)},
             {"policy-byte", info.policyByte},
             {"learn-static", info.learnStatic != 0},
-            {"learning-ports", Take(info.learningPorts)},
-            {"entries", Take(info.entries)},
-            {"static", Take(info.staticEntries)},
-            {"learned", Take(info.learnedEntries)},
-            {"team", Take(info.teamEntries)},
-            {"ever-learned", Take(info.learned)},
-            {"moved", Take(info.moved)},
-            {"aged", Take(info.aged)},
-            {"refused", Take(info.refused)},
-            {"dropped", Take(info.dropped)}};
+            {"learning-ports", Copy(info.learningPorts)},
+            {"entries", Copy(info.entries)},
+            {"static", Copy(info.staticEntries)},
+            {"learned", Copy(info.learnedEntries)},
+            {"team", Copy(info.teamEntries)},
+            {"ever-learned", Copy(info.learned)},
+            {"moved", Copy(info.moved)},
+            {"aged", Copy(info.aged)},
+            {"refused", Copy(info.refused)},
+            {"dropped", Copy(info.dropped)}};
 }
 
 Json DecodeRarp(const void *bytes, size_t)
 {
     const auto stats = Load<VSwitchRarpStats>(bytes);
-    return {{"sent", Take(stats.sent)}, {"failed", Take(stats.failed)}};
+    return {{"sent", Copy(stats.sent)}, {"failed", Copy(stats.failed)}};
 }
 
 Json DecodeTeaming(const void *bytes, size_t)
 {
     const auto stats = Load<VSwitchTeamingStats>(bytes);
-    return {{"tx-packets", Take(stats.txPackets)}, {"tx-bytes", Take(stats.txBytes)},
-            {"rx-packets", Take(stats.rxPackets)}, {"rx-bytes", Take(stats.rxBytes)},
-            {"failovers", Take(stats.failovers)},  {"failbacks", Take(stats.failbacks)}};
+    return {{"tx-packets", Copy(stats.txPackets)}, {"tx-bytes", Copy(stats.txBytes)},
+            {"rx-packets", Copy(stats.rxPackets)}, {"rx-bytes", Copy(stats.rxBytes)},
+            {"failovers", Copy(stats.failovers)},  {"failbacks", Copy(stats.failbacks)}};
 }
 
 Json DecodeMirror(const void *bytes, size_t)
@@ -130,17 +130,17 @@ Json DecodeMirror(const void *bytes, size_t)
     const auto stats = Load<VSwitchMirrorStats>(bytes);
     return {{"session", Name(stats.sessionId, sizeof stats.sessionId)},
             {"active", stats.active != 0},
-            {"mirrored-packets", Take(stats.mirroredPackets)},
-            {"mirrored-bytes", Take(stats.mirroredBytes)},
-            {"dropped-packets", Take(stats.droppedPackets)},
-            {"dropped-bytes", Take(stats.droppedBytes)},
-            {"tx-packets", Take(stats.txPackets)},
-            {"tx-bytes", Take(stats.txBytes)},
-            {"rx-packets", Take(stats.rxPackets)},
-            {"rx-bytes", Take(stats.rxBytes)},
-            {"truncated", Take(stats.truncated)},
-            {"encapsulation-errors", Take(stats.encapsulationErrors)},
-            {"unreachable", Take(stats.unreachable)}};
+            {"mirrored-packets", Copy(stats.mirroredPackets)},
+            {"mirrored-bytes", Copy(stats.mirroredBytes)},
+            {"dropped-packets", Copy(stats.droppedPackets)},
+            {"dropped-bytes", Copy(stats.droppedBytes)},
+            {"tx-packets", Copy(stats.txPackets)},
+            {"tx-bytes", Copy(stats.txBytes)},
+            {"rx-packets", Copy(stats.rxPackets)},
+            {"rx-bytes", Copy(stats.rxBytes)},
+            {"truncated", Copy(stats.truncated)},
+            {"encapsulation-errors", Copy(stats.encapsulationErrors)},
+            {"unreachable", Copy(stats.unreachable)}};
 }
 
 Json DecodeMcast(const void *bytes, size_t size)
@@ -150,11 +150,11 @@ Json DecodeMcast(const void *bytes, size_t size)
     const size_t width = stats.count ? (size - sizeof stats) / stats.count : 0;
     for (uint32_t i = 0; i < stats.count; i++)
         sources.push_back(AddressText(static_cast<const uint8_t *>(bytes) + sizeof stats + i * width, width));
-    return {{"vlan", Take(stats.vlanId)},
-            {"joins", Take(stats.joins)},
-            {"leaves", Take(stats.leaves)},
-            {"queries", Take(stats.queries)},
-            {"ports", Take(stats.ports)},
+    return {{"vlan", Copy(stats.vlanId)},
+            {"joins", Copy(stats.joins)},
+            {"leaves", Copy(stats.leaves)},
+            {"queries", Copy(stats.queries)},
+            {"ports", Copy(stats.ports)},
             {"filter", stats.filter ? "exclude" : "include"},
             {"sources", sources}};
 }
@@ -167,7 +167,7 @@ Json DecodeOptions(const void *bytes, size_t size)
     for (size_t i = 0; i < std::min<size_t>(header.count, room); i++) {
         const auto option = Load<VSwitchOption>(static_cast<const uint8_t *>(bytes) + sizeof header +
                                                 i * sizeof(VSwitchOption));
-        options.push_back({{"option", Take(option.id)}, {"value", Take(option.value)}});
+        options.push_back({{"option", Copy(option.id)}, {"value", Copy(option.value)}});
     }
     return options;
 }
@@ -229,8 +229,9 @@ Bytes ParseAddress(const std::string &text, size_t size)
         bytes.clear();
     }
     if (bytes.empty() || (size && bytes.size() != size)) {
-        throw Error(Exit::BAD_VALUE, fmt::format("'{}' is no {} address", text, size == 6 ? "MAC" : "group"),
-                    "write one like 02:00:00:00:00:01, 224.1.1.1 or ff02::1");
+        throw Error(Exit::BAD_VALUE,
+                    fmt::format("'{}' is not a {} address", text, size == 6 ? "MAC" : "group"),
+                    size == 6 ? "write it like 02:00:00:00:00:01" : "write it like 224.1.1.1 or ff02::1");
     }
     return bytes;
 }
@@ -263,13 +264,13 @@ void RequireStation(const ZorMacTableEntry &bytes)
     const uint8_t nothing[sizeof entry.address] = {};
     const bool isGroup = entry.address[0] & 1;
     if (isGroup || memcmp(entry.address, nothing, sizeof nothing) == 0) {
-        throw Error(Exit::BAD_VALUE,
-                    fmt::format("{} is not the address of a station",
-                                AddressText(entry.address, sizeof entry.address)),
-                    "a port has addresses of one station, whose first byte is even");
+        throw Error(
+            Exit::BAD_VALUE,
+            fmt::format("{} is not a unicast address", AddressText(entry.address, sizeof entry.address)),
+            "its first byte must be even, and one of its bytes not zero");
     }
     if (entry.vlanId > MAX_ENTRY_VLAN || entry.type > VSWITCH_MAC_LEARNED)
-        throw Error(Exit::BAD_VALUE, "the entry's VLAN or type is not one that there is");
+        throw Error(Exit::BAD_VALUE, "the VLAN or type of the entry is out of range");
 }
 
 Bytes LearningProps(bool enabled, uint32_t aging, uint32_t limit)
@@ -321,7 +322,7 @@ Json MaxPorts(const std::string &portset)
 {
     VSwitchInfo info{};
     if (!IsEmbedded() || VSZOR_GetVSInfo(portset.c_str(), &info) != STATUS_OK) return nullptr;
-    return Take(info.ports);
+    return Copy(info.ports);
 }
 
 }

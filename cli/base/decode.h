@@ -1,5 +1,4 @@
-// The driver's records. Their fields are known only where the platform says that it is an embedded host;
-// anywhere else they are shown as bytes.
+// The driver's records. Only an embedded host publishes their layout; on other platforms they are bytes.
 #pragma once
 
 #include <optional>
@@ -34,21 +33,21 @@ Json DecodeList(Record record, const void *list, size_t entrySize);
 
 // "00:50:56:01:02:03", "224.0.0.1" or an IPv6 address, by the address's length.
 std::string AddressText(const uint8_t *bytes, size_t size);
-// The bytes of such a text; throws when it is none of `size` bytes (0: any).
+// The bytes of such a text. Throws unless it is an address of `size` bytes (0: any kind).
 Bytes ParseAddress(const std::string &text, size_t size);
 
-// A MAC entry of an embedded host's driver.
+// Records of an embedded host's driver.
 Bytes MacEntry(const std::string &address, uint16_t vlan);
-// Throws unless the entry can be set on a port. Where the driver keeps its layout to itself, it has to tell.
+// Throws unless a port can have the entry. Where the layout is not published, the driver checks it.
 void RequireStation(const ZorMacTableEntry &entry);
 Bytes LearningProps(bool enabled, uint32_t aging, uint32_t limit);
 Bytes OptionsRecord(const std::vector<std::pair<uint16_t, uint32_t>> &options);
 
-// What to try when a switch runs no such uplink.
+// Advice for an uplink that the switch does not run.
 std::string RunningUplinksAdvice(const std::string &alias);
-// Whether the uplink is administratively up; where that isn't known, whether it has a link.
+// Whether the uplink is administratively up; where that is unknown, whether it has a link.
 bool UplinkIsUp(const std::string &portset, const std::string &uplink, const Target &target);
-Json MaxPorts(const std::string &portset);     // null where it isn't known
-bool IsAssociated(const std::string &portset); // true where it isn't known
+Json MaxPorts(const std::string &portset);     // null where it is unknown
+bool IsAssociated(const std::string &portset); // true where it is unknown
 
 }

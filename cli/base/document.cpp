@@ -11,10 +11,10 @@ namespace vsctl {
 
 namespace {
 
-constexpr size_t MAX_DEPTH = 32; // what these files can hold is far less deep
+constexpr size_t MAX_DEPTH = 32; // far more than these files need
 
-// Looks at a JSON text while it is parsed. It refuses a key that comes twice, of which the parser would keep
-// the last, and nesting too deep for the parser's own stack.
+// Checks a JSON text while it is parsed. Refuses a key that appears twice, of which the parser would keep the
+// last, and nesting that is too deep for the parser's stack.
 class JsonCheck {
 public:
     bool operator()(int depth, Json::parse_event_t event, const Json &parsed)
@@ -28,7 +28,7 @@ public:
         if (event == Json::parse_event_t::key) Add(level, parsed.get<std::string>());
         return true;
     }
-    std::string twice; // the pointer of the first key that comes twice
+    std::string twice; // the pointer of the first key that appears twice
 
 private:
     void Add(size_t level, const std::string &key)
@@ -65,7 +65,7 @@ void Document::ReadJson(const std::string &text)
     } catch (const Error &error) {
         throw Error(error.exit, fmt::format("{}: {}", path, error.problem));
     }
-    if (!check.twice.empty()) throw At(check.twice, "this key is there twice");
+    if (!check.twice.empty()) throw At(check.twice, "appears twice");
 }
 
 namespace {
@@ -100,7 +100,7 @@ Json ArrayFromToml(const toml::array &array, const std::string &pointer, std::ve
     return list;
 }
 
-// Numbers with a point, dates and times have no place in these files: they become texts that no rule takes.
+// These files hold no fractions, dates or times: they become values that every rule refuses.
 Json FromToml(const toml::node &node, const std::string &pointer, std::vector<Location> &locations)
 {
     if (const auto *table = node.as_table()) return TableFromToml(*table, pointer, locations);

@@ -9,7 +9,7 @@ namespace vsctl {
 
 class Document {
 public:
-    // Throws when the file is not well-formed, with the place of the fault.
+    // Throws when the file is not well-formed. The error says where.
     explicit Document(const std::string &path);
     const Json &Root() const { return root; }
     // An error at the part with this JSON pointer.

@@ -1,4 +1,4 @@
-// Statuses and their meanings, and the errors made of them.
+// Statuses, their meanings, and the errors made from them.
 #include "cli/base/error.h"
 
 #include <algorithm>
@@ -25,18 +25,18 @@ namespace {
 
 constexpr StatusInfo STATUSES[] = {
     ROW(STATUS_OK, "done", DONE),
-    ROW(STATUS_FAILURE, "refused by the platform, or a stored record is damaged", FAILURE),
+    ROW(STATUS_FAILURE, "the platform refused it, or a stored record is damaged", FAILURE),
     ROW(STATUS_WOULD_BLOCK, "not available right now", FAILURE),
-    ROW(STATUS_NOT_FOUND, "there is no such thing", NOT_FOUND),
-    ROW(STATUS_BUSY, "in use", FAILURE),
-    ROW(STATUS_EXISTS, "it is already there", EXISTS),
+    ROW(STATUS_NOT_FOUND, "it does not exist", NOT_FOUND),
+    ROW(STATUS_BUSY, "it is in use", FAILURE),
+    ROW(STATUS_EXISTS, "it already exists", EXISTS),
     ROW(STATUS_TOO_LARGE, "too large", BAD_VALUE),
-    ROW(STATUS_BAD_PARAM, "a value or name that is not allowed", BAD_VALUE),
+    ROW(STATUS_BAD_PARAM, "a value or name is not allowed", BAD_VALUE),
     ROW(STATUS_IO_ERROR, "the platform cannot read or write its data", UNREACHABLE),
     ROW(STATUS_NAME_TOO_LONG, "a name is too long", BAD_VALUE),
     ROW(STATUS_BAD_DESCRIPTOR, "the driver refused the descriptor", FAILURE),
     ROW(STATUS_NO_DEVICE, "there is no such uplink or port", NOT_FOUND),
-    ROW(STATUS_NO_DEVICE_OR_ADDRESS, "no device behind that name", UNREACHABLE),
+    ROW(STATUS_NO_DEVICE_OR_ADDRESS, "no device has that name", UNREACHABLE),
     ROW(STATUS_BAD_ADDRESS, "the driver refused an address", FAILURE),
     ROW(STATUS_NO_MEMORY, "not enough memory", FAILURE),
     ROW(STATUS_TOO_MANY_OPEN_FILES, "too many open files in this process", FAILURE),
@@ -61,7 +61,7 @@ constexpr StatusInfo STATUSES[] = {
     ROW(STATUS_HOST_DOWN, "the host is down", UNREACHABLE),
     ROW(STATUS_HOST_UNREACHABLE, "the host is unreachable", UNREACHABLE),
     ROW(STATUS_BROKEN_PIPE, "a pipe is broken", FAILURE),
-    ROW(STATUS_NOT_A_DIRECTORY, "a part of a path is no directory", UNREACHABLE),
+    ROW(STATUS_NOT_A_DIRECTORY, "a part of a path is not a directory", UNREACHABLE),
     ROW(STATUS_IS_A_DIRECTORY, "the device's path is a directory", UNREACHABLE),
     ROW(STATUS_NOT_EMPTY, "not empty", FAILURE),
     ROW(STATUS_PERMISSION_DENIED, "permission denied", PERMISSION),
@@ -77,7 +77,7 @@ constexpr StatusInfo STATUSES[] = {
     ROW(STATUS_ALREADY_CONNECTED, "already connected", EXISTS),
     ROW(STATUS_BAD_DEVICE_COMMAND, "the driver does not know the command", FAILURE),
     ROW(STATUS_IN_PROGRESS, "in progress", FAILURE),
-    ROW(STATUS_BAD_EXECUTABLE, "no executable", FAILURE),
+    ROW(STATUS_BAD_EXECUTABLE, "not an executable", FAILURE),
     ROW(STATUS_TOO_MANY_USERS, "too many users", FAILURE),
     ROW(STATUS_DEADLOCK, "a deadlock", FAILURE),
     ROW(STATUS_ARGUMENTS_TOO_LONG, "too long", BAD_VALUE),
@@ -97,10 +97,9 @@ constexpr StatusInfo STATUSES[] = {
 
 std::string MissingAdvice(const Target &target)
 {
-    if (target.alias.empty() || !SwitchExists(target.alias)) return "'vsctl switch list' shows the switches";
+    if (target.alias.empty() || !SwitchExists(target.alias)) return "'vsctl switch list' lists the switches";
     if (!target.port.empty() && !PortExists(target)) return PortAdvice(target);
-    return fmt::format("'vsctl switch show {0}' and 'vsctl uplink live {0}' show what there is",
-                       target.alias);
+    return fmt::format("'vsctl switch show {0}' and 'vsctl uplink live {0}' show what it has", target.alias);
 }
 
 Error StatusError(VsStatus status, std::string_view action, const Target &target, const std::string &listed)
@@ -121,19 +120,19 @@ const char *AdviceFor(Exit exit)
 {
     switch (exit) {
     case Exit::NOT_FOUND:
-        return "'vsctl switch list' shows the switches";
+        return "'vsctl switch list' lists the switches";
     case Exit::EXISTS:
-        return "take another name, or remove the present one first";
+        return "choose another name, or remove the existing one first";
     case Exit::BAD_VALUE:
-        return "'vsctl help NOUN VERB' shows the values that are allowed";
+        return "'vsctl help NOUN VERB' shows the allowed values";
     case Exit::UNREACHABLE:
-        return "'vsctl doctor' shows what of the platform is reachable";
+        return "'vsctl doctor' shows which parts of the platform work";
     case Exit::PERMISSION:
         return "run vsctl as a user who may configure the host";
     case Exit::TIMED_OUT:
-        return "give it more time with --timeout";
+        return "allow more time with --timeout";
     case Exit::FAILURE:
-        return "'vsctl doctor' shows what of the platform is reachable";
+        return "'vsctl doctor' shows which parts of the platform work";
     default:
         return "";
     }
@@ -144,7 +143,7 @@ StatusInfo Describe(VsStatus status)
     for (const StatusInfo &row : STATUSES) {
         if (row.status == status) return row;
     }
-    return {status, "", "a status without a name", Exit::FAILURE};
+    return {status, "", "an unknown status", Exit::FAILURE};
 }
 
 Error::Error(Exit exit, std::string problem, std::string advice)

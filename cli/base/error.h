@@ -1,4 +1,4 @@
-// What can go wrong, told to people in one line and to scripts by the exit code.
+// Errors: one line for people, an exit code for scripts.
 #pragma once
 
 #include <exception>
@@ -29,7 +29,7 @@ struct StatusInfo {
     Exit exit;
 };
 
-// Name, meaning and exit code of a status; one that has no name is a failure.
+// Name, meaning and exit code of a status. An unknown status is a failure.
 StatusInfo Describe(VsStatus status);
 
 struct Error : std::exception {
@@ -43,7 +43,7 @@ struct Error : std::exception {
     VsStatus status = STATUS_OK; // of the library call that failed, if one did
 };
 
-// What is worked on: a switch, or one of its ports, or (both empty) the host.
+// The object of an action: a switch, a port of a switch or (both empty) the host.
 struct Target {
     std::string alias;
     std::string port;
@@ -55,14 +55,14 @@ struct Target {
 };
 
 // Throws unless `status` is STATUS_OK. `action` reads like "reading the VLAN policy of".
-// `listed` says where there are those that there are, when what is missing is not the target.
+// `listed` is the advice for something missing other than the target.
 void Check(VsStatus status, std::string_view action, const Target &target, const std::string &listed = "");
 const char *AdviceFor(Exit exit);
 
-// 0, or the errno with which the device cannot be opened.
+// 0, or the errno of opening the device.
 int DeviceError(const char *device);
 
-// " (did you mean \"uplink\"?)", or nothing when no candidate is near.
+// "did you mean 'uplink'?", or an empty text when no name is near.
 template<class Names> std::string Suggest(std::string_view given, const Names &names);
 size_t EditDistance(std::string_view a, std::string_view b);
 

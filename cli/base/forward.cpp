@@ -1,4 +1,4 @@
-// The library, loaded with the first call of it: what needs no platform works without one.
+// Loads the library at the first call, so that verbs that need no platform work without one.
 #include "cli/base/forward.h"
 
 #include <dlfcn.h>
@@ -28,8 +28,8 @@ const Library &Loaded()
 void *LibraryHandle()
 {
     if (!Loaded().handle) {
-        throw Error(Exit::UNREACHABLE, "the platform cannot be loaded: " + Loaded().fault,
-                    "'vsctl doctor' shows what of the platform is reachable");
+        throw Error(Exit::UNREACHABLE, "cannot load the library: " + Loaded().fault,
+                    AdviceFor(Exit::UNREACHABLE));
     }
     return Loaded().handle;
 }
@@ -43,7 +43,7 @@ void *FindOperation(const char *name)
     void *const operation = dlsym(LibraryHandle(), name);
     if (operation) return operation;
     throw Error(Exit::UNREACHABLE, fmt::format("the installed {} has no {}", VSWITCHCTL_LIBRARY, name),
-                "install the library and vsctl in one version");
+                "install the same version of vsctl and the library");
 }
 
 void *FindPlatformFunction(const char *name)

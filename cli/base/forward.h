@@ -1,4 +1,4 @@
-// The library, loaded with the first call of it: what needs no platform works without one.
+// Loads the library at the first call, so that verbs that need no platform work without one.
 #pragma once
 
 #include <string>
@@ -17,7 +17,8 @@ template<class Call> Call *Operation(const char *name)
     return reinterpret_cast<Call *>(FindOperation(name));
 }
 
-// A function that the platform need not have; null when it doesn't. Throws when the library cannot be loaded.
+// A function that only some platforms have; null where it is missing. Throws when the library cannot be
+// loaded.
 void *FindPlatformFunction(const char *name);
 
 template<class Call> Call *PlatformFunction(const char *name)

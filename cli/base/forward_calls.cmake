@@ -1,5 +1,5 @@
-# Writes a function for each operation of the library, which loads the library and calls it there. So vsctl starts
-# without a platform, which the library needs. Usage: cmake -D HEADER=… -D OUTPUT=… -P forward_calls.cmake
+# Writes a function for each operation of the library, which loads the library and calls the operation. So vsctl
+# starts without a platform, which the library needs. Usage: cmake -D HEADER=… -D OUTPUT=… -P forward_calls.cmake
 file(READ ${HEADER} header)
 string(REGEX MATCHALL "\nVSWITCHCTL_API [^;]+" declarations "${header}")
 set(text "// Made from vswitchctl.h.\n#include \"cli/base/forward.h\"\n")
@@ -11,7 +11,7 @@ foreach(declaration IN LISTS declarations)
     endif()
     set(name ${CMAKE_MATCH_1})
     set(parameters "${CMAKE_MATCH_2}")
-    if(parameters MATCHES "\\.\\.\\.") # Log and its like, which vsctl doesn't call
+    if(parameters MATCHES "\\.\\.\\.") # Log and its like, which vsctl does not call
         continue()
     endif()
     set(arguments "")

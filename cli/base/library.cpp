@@ -48,7 +48,8 @@ Bytes FromHex(std::string_view text)
         const char *end = digits.data() + 2 * i + 2;
         valid = std::from_chars(end - 2, end, bytes[i], 16).ptr == end;
     }
-    if (!valid) throw Error(Exit::BAD_VALUE, "bytes are given as pairs of hexadecimal digits");
+    if (!valid)
+        throw Error(Exit::BAD_VALUE, "bytes must be pairs of hexadecimal digits", "write them like 0a1b2c");
     return bytes;
 }
 
@@ -77,8 +78,8 @@ std::string ReadFile(const std::string &path)
 void RequireEntries(const void *list, size_t headerSize, size_t count, size_t entrySize)
 {
     if (headerSize + count * entrySize <= malloc_usable_size(const_cast<void *>(list))) return;
-    throw Error(Exit::FAILURE, fmt::format("the driver's list counts {} entries and holds fewer", count),
-                "it may have grown meanwhile: try again");
+    throw Error(Exit::FAILURE, fmt::format("the driver's list counts {} entries but holds fewer", count),
+                "the list may have grown meanwhile: try again");
 }
 
 void CheckDriver(VsStatus status, std::string_view action, const Target &target, const std::string &listed)
@@ -112,7 +113,7 @@ void RequireRunning(std::string_view action, const Target &target)
     if (IsRunning(target.alias)) return;
     throw Error(
         Exit::FAILURE, fmt::format("{} {} failed: the switch is not running", action, target.Text()),
-        "a restart of the host runs it; 'vsctl switch show' and 'vsctl export' show what is stored of it");
+        "restart the host to run it; 'vsctl switch show' and 'vsctl export' show its stored configuration");
 }
 
 std::vector<std::string> Portsets()
@@ -175,7 +176,7 @@ std::vector<std::string> StoredSwitchIds()
 
 namespace {
 
-// Throws the status with the nearest name; the driver need not be reachable for that.
+// Throws the status, with the nearest name where the driver can list the switches.
 [[noreturn]] void ThrowUnknownSwitch(VsStatus status, const std::string &alias)
 {
     try {
@@ -243,7 +244,7 @@ void RequireNoBarePortset(const std::string &portset)
     if (std::find(running.begin(), running.end(), portset) == running.end()) return;
     if (!PortsetUser(portset).empty()) return;
     throw Error(Exit::FAILURE,
-                fmt::format("portset {} runs without a switch, which the library cannot remove", portset),
+                fmt::format("portset {} runs without a switch, and the library cannot remove it", portset),
                 fmt::format("remove it with /bin/tybel -e set /net/portsets/{}/destroy destroy", portset));
 }
 
@@ -259,7 +260,7 @@ bool PortExists(const Target &port)
     const bool isKnown = DVPortExist(SwitchId(port.alias).c_str(), port.Port());
     RestartTimeLimit();
     if (isKnown) return true;
-    // The cache need not follow what this process has added since it was loaded.
+    // The cache may miss ports that this process has added since it was loaded.
     int32_t length = 0;
     return NamedProperty{PropertyLevel::PORT, port, "com.talpex.common.port.alias"}.Length(length) ==
            STATUS_OK;
@@ -280,7 +281,7 @@ NumberedName SplitNumber(std::string_view name)
     NumberedName parts{std::string(name.substr(0, digits)), 0};
     const auto [end, error] = std::from_chars(name.data() + digits, name.data() + name.size(), parts.number);
     if (error != std::errc() || (name[digits] == '0' && name.size() > digits + 1)) {
-        throw Error(Exit::BAD_VALUE, fmt::format("'{}' is not the end of a range of ports", name),
+        throw Error(Exit::BAD_VALUE, fmt::format("'{}' cannot begin or end a range of ports", name),
                     "write a range like port0..port7");
     }
     return parts;
@@ -291,7 +292,7 @@ void AddRange(std::string_view first, std::string_view last, std::vector<std::st
     const NumberedName from = SplitNumber(first);
     const NumberedName to = SplitNumber(last);
     if (from.stem != to.stem || from.number > to.number || to.number - from.number >= MAX_RANGE) {
-        throw Error(Exit::BAD_VALUE, fmt::format("'{}..{}' is no range of ports", first, last),
+        throw Error(Exit::BAD_VALUE, fmt::format("'{}..{}' is not a range of ports", first, last),
                     "write a range like port0..port7");
     }
     for (uint64_t number = from.number; number <= to.number; number++)
@@ -302,19 +303,18 @@ void AddRange(std::string_view first, std::string_view last, std::vector<std::st
 
 std::string PortAdvice(const Target &port)
 {
-    if (!IsEmbedded()) return "check its name: this platform does not list ports";
+    if (!IsEmbedded()) return "check the name of the port: this platform does not list ports";
     std::vector<std::string> names;
     for (const vshost_port &listed : ListPorts(SwitchId(port.alias)).value_or(std::vector<vshost_port>()))
         names.emplace_back(listed.id);
     const std::string suggestion = Suggest(port.port, names);
-    return suggestion.empty() ? fmt::format("'vsctl port list {}' shows those that there are", port.alias)
-                              : suggestion;
+    return suggestion.empty() ? fmt::format("'vsctl port list {}' lists its ports", port.alias) : suggestion;
 }
 
 std::string PropertyAdvice(const Target &target, bool byId)
 {
-    if (!IsEmbedded()) return "check its key and level: this platform does not list properties";
-    return fmt::format("'vsctl property list {}{}{}' shows those that there are", target.alias,
+    if (!IsEmbedded()) return "check the key and level: this platform does not list properties";
+    return fmt::format("'vsctl property list {}{}{}' lists its properties", target.alias,
                        target.port.empty() ? "" : " --port " + target.port, byId ? " --by-id" : "");
 }
 
@@ -326,7 +326,7 @@ std::vector<std::string> PortNames(const std::string &list)
         const std::string_view word = std::string_view(list).substr(start, end - start);
         const size_t dots = word.find("..");
         if (word.empty())
-            throw Error(Exit::BAD_VALUE, "a port without a name", "write names like port0,port1");
+            throw Error(Exit::BAD_VALUE, "the name of a port is empty", "write names like port0,port1");
         if (dots == std::string_view::npos)
             names.emplace_back(word);
         else
@@ -367,7 +367,7 @@ VsStatus NamedProperty::Length(int32_t &length) const
 VsStatus NamedProperty::Get(Bytes &value) const
 {
     int32_t length = 0;
-    VsStatus status = STATUS_NO_MEMORY; // another writer made it longer in between: ask again
+    VsStatus status = STATUS_NO_MEMORY; // another process made the value longer meanwhile: ask again
     while (status == STATUS_NO_MEMORY) {
         if ((status = Length(length)) != STATUS_OK) return status;
         value.resize(static_cast<size_t>(length));

@@ -38,8 +38,8 @@ private:
 template<class T> using StoreBuffer = Buffer<T, VSDVS_FreeMemory>;
 template<class T = void> using DriverBuffer = Buffer<T, VSZOR_FreeMemory>;
 
-// Throws unless the buffer, which the library got by malloc, has room for the entries that a driver's list
-// counts: of a list that grew between the two requests for it, not all were read.
+// Throws when a driver's list counts more entries than its buffer, which comes from malloc, has room for. A
+// list that grows between the two requests for it is read in part.
 void RequireEntries(const void *list, size_t headerSize, size_t count, size_t entrySize);
 
 // The `count` entries behind a list's header.
@@ -48,7 +48,7 @@ template<class Entry, class List> std::span<const Entry> Entries(const List *lis
     return {reinterpret_cast<const Entry *>(list + 1), count};
 }
 
-// The same of a driver's list.
+// The entries of a driver's list, after that check.
 template<class Entry, class List> std::span<const Entry> DriverEntries(const List *list)
 {
     RequireEntries(list, sizeof *list, list->count, sizeof(Entry));
@@ -56,44 +56,43 @@ template<class Entry, class List> std::span<const Entry> DriverEntries(const Lis
 }
 
 std::string Hex(const void *bytes, size_t length);
-// The bytes of an even number of hexadecimal digits (spaces and colons are skipped). Throws on others.
+// The bytes of an even number of hexadecimal digits (spaces and colons are skipped). Throws on anything else.
 Bytes FromHex(std::string_view text);
 // A name that fills its field, or ends at a NUL.
 std::string Name(const char *field, size_t size);
 std::string ReadFile(const std::string &path); // "-" is standard input
 
-// Throws unless a request to the driver went well: tells a missing driver and a switch that doesn't run from
-// a missing object.
-// `listed` says where there are those that there are.
+// Throws unless a request to the driver succeeded. The error tells a missing driver and a switch that does
+// not run from a missing object. `listed` is the advice for something missing other than the target.
 void CheckDriver(VsStatus status, std::string_view action, const Target &target,
                  const std::string &listed = "");
 
 // Names of the running portsets.
 std::vector<std::string> Portsets();
-// Whether the driver runs the switch's portset; true where there is no driver to ask.
+// Whether the driver runs the switch's portset; true where no driver can be asked.
 bool IsRunning(const std::string &alias);
-// Throws when it doesn't.
+// Throws when it does not.
 void RequireRunning(std::string_view action, const Target &target);
-// The alias of the switch with exactly this portset, or nothing. The library finds a portset by a prefix
-// of its name too, so what it finds is checked back.
+// The alias of the switch with exactly this portset; empty when there is none. The library also finds a
+// portset by a prefix of its name, so the result is checked.
 std::string AliasOf(const std::string &portset);
-std::vector<std::string> SwitchNames(); // aliases of the running switches and of those that don't run
-// Ids of the stored switches; none where the platform's store can't list them.
+std::vector<std::string> SwitchNames(); // of running switches, then of stored switches that do not run
+// Ids of the stored switches; none where the platform's store cannot list them.
 std::vector<std::string> StoredSwitchIds();
 std::string AliasOfId(const std::string &id); // empty when it has none
 std::string PortsetOf(const std::string &alias);
 bool SwitchExists(const std::string &alias);
 // Whether a switch with this id is stored, running or not.
 bool SwitchIdExists(const std::string &id);
-// What uses the portset, like "switch lab", running or not; empty when no switch does.
+// The switch that uses the portset, like "switch lab", running or not; empty when none does.
 std::string PortsetUser(const std::string &portset);
-// Throws when the portset runs without a switch: it outlives one whose creation or destruction was cut short.
+// Throws when the portset runs without a switch. A creation or destruction that is cut short leaves one.
 void RequireNoBarePortset(const std::string &portset);
 // Throws, with the nearest name, when there is no such switch.
 std::string SwitchId(const std::string &alias);
 
 bool PortExists(const Target &port);
-// What to try when there is no such port, or no such property.
+// Advice for a port, or a property, that does not exist.
 std::string PortAdvice(const Target &port);
 std::string PropertyAdvice(const Target &target, bool byId);
 // "port0..port7,uplink0" → their names.

@@ -19,7 +19,7 @@ constexpr int SIGNAL_EXIT = 128; // as shells report a command that a signal end
 volatile sig_atomic_t changing = 0;
 volatile sig_atomic_t stopSignal = 0;
 double limit = 0;
-std::string struckWhileWaiting;
+std::string timeoutError;
 
 void Stop(int signal)
 {
@@ -28,8 +28,7 @@ void Stop(int signal)
         return;
     }
     if (signal != SIGALRM) _exit(SIGNAL_EXIT + signal);
-    [[maybe_unused]] const ssize_t written =
-        write(STDERR_FILENO, struckWhileWaiting.data(), struckWhileWaiting.size());
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, timeoutError.data(), timeoutError.size());
     _exit(static_cast<int>(Exit::TIMED_OUT));
 }
 
@@ -47,10 +46,9 @@ void SetTimer(double seconds)
 void StartTimeLimit(double seconds, bool json)
 {
     limit = seconds;
-    struckWhileWaiting =
-        ErrorText(Error(Exit::TIMED_OUT, "the time limit struck while waiting, and nothing was changed",
-                        "give it more time with --timeout"),
-                  json);
+    timeoutError = ErrorText(Error(Exit::TIMED_OUT, "timed out while waiting, and nothing was changed",
+                                   AdviceFor(Exit::TIMED_OUT)),
+                             json);
     struct sigaction action {};
     action.sa_handler = Stop;
     action.sa_flags = SA_RESTART;
@@ -88,7 +86,7 @@ void ThrowIfStopped()
     const int signal = stopSignal;
     if (!signal) return;
     stopSignal = 0;
-    throw Error(Exit::FAILURE, fmt::format("stopped by the signal {}", strsignal(signal)));
+    throw Error(Exit::FAILURE, fmt::format("stopped by a signal ({})", strsignal(signal)));
 }
 
 }

@@ -1,15 +1,15 @@
-// The time limit of waiting, and the signals that ask the command to stop. Signals end the command at once;
-// during a change they are only noted, so that the running call ends and what was done is undone.
+// The time limit of waiting, and the signals that stop the command. A signal ends the command at once. During
+// a change it is remembered instead: the running call finishes, and the change is undone.
 #pragma once
 
 namespace vsctl {
 
 void StartTimeLimit(double seconds, bool json);
-// Something that the command waited for has come: the limit counts anew.
+// Starts the limit again, after an answer that the command waited for.
 void RestartTimeLimit();
-// From here on the command waits for nobody but its user.
+// From here on, the command waits only for its user.
 void EndTimeLimit();
-// While one lives, the command is changing something, and there is no time limit.
+// While an object of this class exists, a change is being made and has no time limit.
 class ChangeScope {
 public:
     ChangeScope();

@@ -1,4 +1,4 @@
-// Mirror sessions: JSON to the library's lists, and back.
+// Mirror sessions: from JSON to the lists of the library, and back.
 #include "cli/base/policy.h"
 
 #include <fmt/format.h>
@@ -28,8 +28,9 @@ Json SessionToJson(const MirrorSessionRecord &session, std::span<const MirrorPor
     for (const EntryKind &kind : ENTRY_KINDS) {
         const uint64_t count = kind.count(session);
         if (next + count > entries.size()) {
-            throw Error(Exit::FAILURE, fmt::format("mirror session {} counts port entries that are not there",
-                                                   Name(session.sessionId, sizeof session.sessionId)));
+            throw Error(Exit::FAILURE,
+                        fmt::format("mirror session {} counts more port entries than the list holds",
+                                    Name(session.sessionId, sizeof session.sessionId)));
         }
         value[kind.name] = ListToJson(entries.subspan(next, count));
         next += count;

@@ -11,6 +11,7 @@ namespace vsctl {
 
 namespace {
 
+constexpr size_t TERMINAL_WIDTH = 80;
 constexpr size_t MAX_TABLE_COLUMNS = 9;
 constexpr size_t MAX_CELL = 48;
 constexpr size_t SHOWN_OF_LONG_CELL = 32;
@@ -27,10 +28,10 @@ std::string Shortened(const std::string &text)
     return IsHexText(text) ? fmt::format("{}… ({} bytes)", start, text.size() / 2) : text;
 }
 
-// Control characters of a name must not reach a terminal, nor break a line.
+// Control characters in a name must not reach a terminal or break a line.
 std::string Printable(const std::string &bytes)
 {
-    // What is no UTF-8 is shown as JSON shows it.
+    // Bytes that are not UTF-8 are shown as in JSON.
     const bool isAscii =
         std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<uint8_t>(c) < 0x80; });
     const std::string text = isAscii ? bytes : Json::parse(Dump(bytes)).get<std::string>();
@@ -125,7 +126,7 @@ void Print(const std::string &text)
         const ssize_t written = write(STDOUT_FILENO, text.data() + done, text.size() - done);
         if (written < 0 && errno == EPIPE) _exit(static_cast<int>(Exit::DONE));
         if (written < 0 && errno != EINTR)
-            throw Error(Exit::FAILURE, fmt::format("standard output cannot be written: {}", strerror(errno)));
+            throw Error(Exit::FAILURE, fmt::format("cannot write standard output: {}", strerror(errno)));
         done += static_cast<size_t>(std::max<ssize_t>(written, 0));
     }
 }
@@ -169,6 +170,21 @@ std::string TableText(const Json &rows)
     for (size_t i = 1; i < lines.size(); i++)
         text += JoinLine(lines[i], widths) + "\n";
     return text;
+}
+
+std::vector<std::string> InLines(const std::vector<std::string> &words, std::string_view separator,
+                                 size_t margin)
+{
+    std::vector<std::string> lines;
+    for (const std::string &word : words) {
+        const bool fits = !lines.empty() &&
+                          margin + lines.back().size() + 2 * separator.size() + word.size() < TERMINAL_WIDTH;
+        if (fits)
+            (lines.back() += separator) += word;
+        else
+            lines.push_back(word);
+    }
+    return lines;
 }
 
 void PrintRows(const std::string &title, const Json &rows, bool json)

@@ -1,4 +1,4 @@
-// What the platform offers beside the library.
+// What vsctl asks the platform for without the library.
 #include "cli/base/platform.h"
 
 #include <cerrno>
@@ -16,7 +16,7 @@ namespace vsctl {
 
 namespace {
 
-// Calls a function of the platform that copies a list out, until the list has held still.
+// Copies a list out of the platform, again while its length changes.
 template<class Entry, class List>
 std::optional<std::vector<Entry>> Listed(const std::string &switchId, const char *what, List list)
 {
@@ -32,7 +32,7 @@ std::optional<std::vector<Entry>> Listed(const std::string &switchId, const char
     throw Error(Exit::UNREACHABLE,
                 fmt::format("listing the {} of the switch with the id '{}' failed: {}", what, switchId,
                             strerror(error)),
-                "'vsctl doctor' shows what of the platform is reachable");
+                AdviceFor(Exit::UNREACHABLE));
 }
 
 }

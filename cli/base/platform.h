@@ -1,5 +1,5 @@
-// What the platform offers beside the library. The functions that only a platform of ours has are looked up
-// at run time, never linked.
+// What vsctl asks the platform for without the library. Functions that only an embedded host has are looked
+// up at run time, never linked.
 #pragma once
 
 #include <vshost.h>
@@ -10,22 +10,22 @@
 
 namespace vsctl {
 
-// Whether this is a platform of ours, whose records are documented and whose ports can be listed.
+// Whether the platform is an embedded host, which publishes its records and lists its ports.
 bool IsEmbedded();
 
-// The ports of the stored switch with this id, in the order of their numbers; nothing when there is no such
-// switch. Only on a platform of ours.
+// The ports of the stored switch with this id, in the order of their numbers; nothing when the switch does
+// not exist. Only on an embedded host.
 std::optional<std::vector<vshost_port>> ListPorts(const std::string &switchId);
 
-// The properties of the stored switch with this id, or of one of its ports; nothing when there is no such
-// switch or port. Only on a platform of ours.
+// The properties of the stored switch with this id, or of one of its ports; nothing when the switch or port
+// does not exist. Only on an embedded host.
 std::optional<std::vector<vshost_property_name>> ListProperties(const std::string &switchId,
                                                                 const std::string &port);
 
-// Gives a port its number and NIC; 0, or an errno value. Only on a platform of ours.
+// Gives a port its number and NIC. Returns 0 or an errno value. Only on an embedded host.
 int RestorePlace(const std::string &switchId, const vshost_port &port);
 
-// Sets a node of the platform's shell, as the library does it; whether that went well.
+// Sets a node in the platform's shell, as the library does. Returns whether that succeeded.
 bool SetNode(const std::string &node, const std::string &value);
 
 }

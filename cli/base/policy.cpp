@@ -1,4 +1,4 @@
-// The typed policies of switches and ports, a row each.
+// The table of the policies of switches and ports.
 #include "cli/base/policy.h"
 
 #include <fmt/format.h>
@@ -11,7 +11,7 @@ namespace {
 
 const std::string &Text(const Json &value) { return value.get_ref<const std::string &>(); }
 
-// ---- Operations of one form ----
+// ---- Policies of a common shape ----
 
 template<auto GET> VsStatus ReadPortFlag(const Target &target, Json &value)
 {
@@ -61,11 +61,11 @@ template<auto CLEAR> VsStatus ClearSwitch(const Target &target) { return CLEAR(t
 
 constexpr Field VLAN_FIELDS[] = {
     {"id", Form::NUMBER, "VLAN id", 0, 4095, "", "0"},
-    {"priority", Form::NUMBER, "802.1p priority", 0, 7, "", nullptr, true},
-    {"trunk", Form::RANGES, "makes the port a trunk of these VLANs, like 100-199,300", 0, 0, "", nullptr,
+    {"priority", Form::NUMBER, "802.1p priority, 0 to 7", 0, 7, "", nullptr, true},
+    {"trunk", Form::RANGES, "Make the port a trunk of these VLANs, like 100-199,300", 0, 0, "", nullptr,
      true},
-    {"ranges", Form::RANGES, "VLAN ranges kept with a port that is not a trunk", 0, 0, "", nullptr, true},
-    {"option", Form::BOOLEAN, "the policy's option flag", 0, 0, "", "false"},
+    {"ranges", Form::RANGES, "VLAN ranges to keep with a port that is not a trunk", 0, 0, "", nullptr, true},
+    {"option", Form::BOOLEAN, "Option flag of the policy: on or off", 0, 0, "", "false"},
 };
 
 Json RangesToJson(const PortVLANRecord *record)
@@ -76,7 +76,7 @@ Json RangesToJson(const PortVLANRecord *record)
     return ranges;
 }
 
-// A priority that cannot be read is handed out as 0: reads a 0 again.
+// The library returns 0 for a priority that it cannot read, so a 0 is read again.
 VsStatus ConfirmPriority(const Target &port, uint32_t &priority)
 {
     if (priority) return STATUS_OK;
@@ -117,7 +117,8 @@ VsStatus WriteVlan(const Target &target, const Json &value)
                                    static_cast<uint16_t>(ranges.size()));
 }
 
-constexpr Field PVLAN_FIELDS[] = {{"", Form::BYTES_LIST, "entries of 8 bytes", 0, sizeof(PVLANMapEntry)}};
+constexpr Field PVLAN_FIELDS[] = {
+    {"", Form::BYTES_LIST, "Entries of 8 bytes in hexadecimal, like A,B", 0, sizeof(PVLANMapEntry)}};
 
 VsStatus ReadPrivateVlans(const Target &target, Json &value)
 {
@@ -143,7 +144,8 @@ constexpr Field SWITCH_VALUE[] = {{"", Form::BOOLEAN, "on or off"}};
 
 // ---- Security, extra Ethernet filter, sink port ----
 
-constexpr Field SECURITY_FIELDS[] = {{"", Form::NUMBER, "the three security flags as a number", 0, 7}};
+constexpr Field SECURITY_FIELDS[] = {
+    {"", Form::NUMBER, "The three security flags as a number, 0 to 7", 0, 7}};
 
 VsStatus ReadSecurity(const Target &target, Json &value)
 {
@@ -160,15 +162,15 @@ VsStatus WriteSecurity(const Target &target, const Json &value)
 }
 
 constexpr Field FILTER_FIELDS[] = {
-    {"", Form::BYTES, "the filter record, 200 bytes", 0, sizeof(ExtraEthFilterRecord)}};
+    {"", Form::BYTES, "The filter record, 200 bytes in hexadecimal", 0, sizeof(ExtraEthFilterRecord)}};
 
 // ---- MAC learning ----
 
 constexpr Field PORT_LEARNING_FIELDS[] = {
-    {"flag-a", Form::NUMBER, "the record's first byte", 0, 255, "", "0"},
-    {"flag-b", Form::NUMBER, "the record's second byte", 0, 255, "", "0"},
-    {"value-a", Form::NUMBER, "its first number", 0, UINT32_MAX, "", "4096"},
-    {"value-b", Form::NUMBER, "its second number", 0, UINT32_MAX, "", "0"},
+    {"flag-a", Form::NUMBER, "First byte of the record", 0, 255, "", "0"},
+    {"flag-b", Form::NUMBER, "Second byte of the record", 0, 255, "", "0"},
+    {"value-a", Form::NUMBER, "First number of the record", 0, UINT32_MAX, "", "4096"},
+    {"value-b", Form::NUMBER, "Second number of the record", 0, UINT32_MAX, "", "0"},
 };
 
 VsStatus ReadPortLearning(const Target &target, Json &value)
@@ -189,9 +191,9 @@ VsStatus WritePortLearning(const Target &target, const Json &value)
 }
 
 constexpr Field LEARNING_FIELDS[] = {
-    {"value-a", Form::NUMBER, "the record's first number", 0, 1000000, "", "600"},
-    {"byte", Form::NUMBER, "its byte", 0, 255, "", "0"},
-    {"value-b", Form::NUMBER, "its second number", 0, UINT32_MAX, "", "65536"},
+    {"value-a", Form::NUMBER, "First number of the record", 0, 1000000, "", "600"},
+    {"byte", Form::NUMBER, "Byte of the record", 0, 255, "", "0"},
+    {"value-b", Form::NUMBER, "Second number of the record", 0, UINT32_MAX, "", "65536"},
 };
 
 VsStatus ReadLearning(const Target &target, Json &value)
@@ -229,7 +231,7 @@ VsStatus WriteLearnStatic(const Target &target, const Json &value)
 // ---- Teaming ----
 
 constexpr Field TEAMING_FIELDS[] = {
-    {"", Form::BYTES, "the teaming policy, 2616 bytes", 0, sizeof(TeamingPolicy)}};
+    {"", Form::BYTES, "The teaming policy, 2616 bytes in hexadecimal", 0, sizeof(TeamingPolicy)}};
 
 template<auto GET> VsStatus ReadTeaming(const Target &target, Json &value)
 {
@@ -246,10 +248,9 @@ VsStatus WriteTeaming(const Target &target, const Json &value)
 }
 
 constexpr Field OVERRIDE_FIELDS[] = {
-    {"", Form::TEXT, "the override text, at most 80 bytes", 0, TEAMING_OVERRIDE_SIZE - 1}};
+    {"", Form::TEXT, "The override, a text of at most 80 bytes", 0, TEAMING_OVERRIDE_SIZE - 1}};
 
-constexpr Field TX_UPLINK_FIELDS[] = {
-    {"", Form::CHOICE, "whether the port always sends on its uplink", 0, 0, "normal|always"}};
+constexpr Field TX_UPLINK_FIELDS[] = {{"", Form::CHOICE, "normal or always", 0, 0, "normal|always"}};
 
 VsStatus ReadTxUplink(const Target &target, Json &value)
 {
@@ -266,11 +267,11 @@ VsStatus WriteTxUplink(const Target &target, const Json &value)
 
 // ---- Logical-switch teaming ----
 
-constexpr Field LS_TABLE_FIELDS[] = {
-    {"", Form::BYTES_LIST, "policies of 2748 bytes", 0, sizeof(LSTeamingPolicyEntry)}};
+constexpr Field LS_TABLE_FIELDS[] = {{"", Form::BYTES_LIST, "Policies of 2748 bytes in hexadecimal, like A,B",
+                                      0, sizeof(LSTeamingPolicyEntry)}};
 
-// The library hands a stored table on without a look at its length: the count is believed only after
-// the property's length was compared with it.
+// The library returns a stored table without checking its length, so its count is compared with the length
+// of the property.
 VsStatus ReadStoredTable(const Target &target, bool byId, Json &value)
 {
     StoreBuffer<LSTeamingPolicyTable> table;
@@ -310,7 +311,7 @@ VsStatus WriteLsTable(const Target &target, const Json &value)
 }
 
 constexpr Field LS_NAME_FIELDS[] = {
-    {"", Form::TEXT, "name of the policy that the port follows", 0, LS_TEAMING_POLICY_NAME_SIZE - 1}};
+    {"", Form::TEXT, "Name of the policy that the port follows", 0, LS_TEAMING_POLICY_NAME_SIZE - 1}};
 
 VsStatus ReadLiveLsName(const Target &target, Json &value)
 {
@@ -324,8 +325,7 @@ VsStatus ReadLiveLsName(const Target &target, Json &value)
 
 // ---- Multicast, MTU, mirror sessions ----
 
-constexpr Field MULTICAST_FIELDS[] = {
-    {"", Form::CHOICE, "how multicast is filtered", 0, 0, "legacy|snooping"}};
+constexpr Field MULTICAST_FIELDS[] = {{"", Form::CHOICE, "legacy or snooping", 0, 0, "legacy|snooping"}};
 
 VsStatus NameMode(VsStatus status, uint32_t mode, Json &value)
 {
@@ -354,7 +354,7 @@ VsStatus WriteMulticast(const Target &target, const Json &value)
     return VSDVS_SetMcastFilterMode(target.Alias(), mode);
 }
 
-constexpr Field MTU_FIELDS[] = {{"", Form::NUMBER, "bytes", MTU_MIN, MTU_MAX}};
+constexpr Field MTU_FIELDS[] = {{"", Form::NUMBER, "Bytes, 1280 to 9000", MTU_MIN, MTU_MAX}};
 
 VsStatus ReadMtu(const Target &target, Json &value)
 {
@@ -371,7 +371,7 @@ VsStatus WriteMtu(const Target &target, const Json &value)
     return VSDVS_SetMTU(target.Alias(), value.get<int32_t>());
 }
 
-constexpr Field MIRROR_FIELDS[] = {{"", Form::SESSIONS, "mirror sessions"}};
+constexpr Field MIRROR_FIELDS[] = {{"", Form::SESSIONS, "Mirror sessions in JSON"}};
 
 VsStatus ReadMirror(const Target &target, Json &value)
 {
@@ -414,7 +414,7 @@ const Policy POLICIES[] = {
      ClearSwitch<VSDVS_ClearMACLearning>, "--value-a 300 --value-b 1024",
      "VSDVS_GetMACLearning VSDVS_SetMACLearning VSDVS_ClearMACLearning"},
     {"learn-static", PropertyLevel::HOST, "com.talpex.vswitch.macLearning.learnStatic", true,
-     "learning of static MAC addresses too", SWITCH_VALUE, ReadLearnStatic, WriteLearnStatic,
+     "learning of static MAC addresses", SWITCH_VALUE, ReadLearnStatic, WriteLearnStatic,
      ClearSwitch<VSDVS_ClearLearnStatic>, "on",
      "VSDVS_GetLearnStatic VSDVS_SetLearnStatic VSDVS_ClearLearnStatic"},
     {"pvlan", PropertyLevel::GLOBAL, "com.talpex.vswitch.pvlanMap", false, "private VLAN map of a switch",
@@ -445,8 +445,8 @@ const Policy POLICIES[] = {
      WritePortRecord<ExtraEthFilterRecord, VSDVS_SetExtraEthFilter>, ClearPort<VSDVS_ClearExtraEthFilter>,
      "--file filter.bin", "VSDVS_GetExtraEthFilter VSDVS_SetExtraEthFilter VSDVS_ClearExtraEthFilter"},
     {"sink", PropertyLevel::PORT, "com.talpex.vswitch.port.extraEthFRP", true,
-     "sink bit of ports, which is part of their extra Ethernet filter", SWITCH_VALUE,
-     ReadPortFlag<VSDVS_IsSinkPortEnabled>, WritePortFlag<VSDVS_ConfigureSinkPort>, nullptr, "on",
+     "sink bit in the extra Ethernet filter of ports", SWITCH_VALUE, ReadPortFlag<VSDVS_IsSinkPortEnabled>,
+     WritePortFlag<VSDVS_ConfigureSinkPort>, nullptr, "on",
      "VSDVS_IsSinkPortEnabled VSDVS_ConfigureSinkPort"},
     {"mac-learning", PropertyLevel::PORT, "com.talpex.vswitch.port.macManagement", true,
      "MAC learning of ports", PORT_LEARNING_FIELDS, ReadPortLearning, WritePortLearning, nullptr,
@@ -498,7 +498,7 @@ const Policy *FindPolicy(std::string_view name, bool ofPort)
 
 namespace {
 
-// A stored record that can't be read can still be removed by its key.
+// A stored record that cannot be read can still be removed by its key.
 Error DamagedError(const Error &error, const Policy &policy, const Target &target)
 {
     const std::string place = policy.level == PropertyLevel::PORT   ? "--port " + target.port
@@ -542,7 +542,7 @@ namespace {
 
 VsStatus Clear(const Policy &policy, const Target &target)
 {
-    if (!policy.CanClear()) return STATUS_OK; // it lives and dies with the switch
+    if (!policy.CanClear()) return STATUS_OK; // it exists as long as the switch
     return policy.clear ? policy.clear(target) : NamedProperty{policy.level, target, policy.key}.Clear();
 }
 
@@ -569,7 +569,7 @@ std::optional<Violation> FindViolation(const Policy &policy, const Json &value, 
     if (policy.IsScalar()) return FindViolation(policy.fields[0], value, pointer);
     if (auto fault = FindViolation(policy.fields, value, pointer)) return fault;
     if (Sets(value, "trunk") && Sets(value, "ranges"))
-        return Violation{pointer + "/ranges", "a port has 'trunk' or 'ranges', not both"};
+        return Violation{pointer, "can have 'trunk' or 'ranges', not both"};
     return {};
 }
 
@@ -587,8 +587,8 @@ Json CanonicalPart(const Policy &policy, const Json &value)
 
 namespace {
 
-// A port is in one VLAN or a trunk. An id ends a trunk, and a trunk ends the VLAN that the port was in;
-// what names both has both.
+// A port is in one VLAN or is a trunk. An id ends a trunk, and a trunk ends the VLAN that the port was in. A
+// value that names both sets both.
 void DropExcluded(Json &stored, const Json &value)
 {
     if (Sets(value, "trunk")) {

@@ -1,5 +1,5 @@
-// The typed policies of switches and ports, a row each. What shows, sets, plans, applies, exports or
-// undoes a policy goes by its row.
+// The table of the policies of switches and ports. Whatever shows, sets, plans, applies, exports or undoes a
+// policy uses its row.
 #pragma once
 
 #include "cli/base/value.h"
@@ -9,30 +9,30 @@ namespace vsctl {
 struct Policy {
     const char *name;    // the verb, and the key in files
     PropertyLevel level; // PORT, or where the switch keeps it
-    const char *key;     // of its property; empty when it has none that can be cleared
-    bool hidesAbsence;   // its reader has a default, or another status, for what is not there
+    const char *key;     // of its property; empty when it cannot be cleared
+    bool hidesAbsence;   // its reader returns a default, or another status, where nothing is stored
     const char *help;
     std::span<const Field> fields;
     VsStatus (*read)(const Target &, Json &);
     VsStatus (*write)(const Target &, const Json &);
-    VsStatus (*clear)(const Target &); // null: the property is cleared by its key
+    VsStatus (*clear)(const Target &); // null: the property is removed by its key
     const char *example;               // what follows SWITCH [PORT]
     const char *operations;
     VsStatus (*readLive)(const Target &, Json &) = nullptr; // what the driver runs with
-    VsStatus (*readById)(const Target &, Json &) = nullptr; // the switch named by its id
+    VsStatus (*readById)(const Target &, Json &) = nullptr; // of the switch with this id
 
     bool IsScalar() const { return fields.size() == 1 && !*fields[0].name; }
     bool CanClear() const { return *key; }
 };
 
 std::span<const Policy> Policies();
-// Those of ports, or those of switches.
+// The policies of ports, or of switches.
 std::vector<const Policy *> PoliciesOf(bool ports);
 const Policy *FindPolicy(std::string_view name, bool ofPort);
 
 // The value in force, defaults included; null when there is none.
 Json ReadPolicy(const Policy &policy, const Target &target);
-// The value that is stored; null when none is.
+// The stored value; null when none is stored.
 Json ReadStored(const Policy &policy, const Target &target);
 // Stores the value; null clears the policy.
 void WritePolicy(const Policy &policy, const Target &target, const Json &value);
@@ -40,9 +40,10 @@ void WritePolicy(const Policy &policy, const Target &target, const Json &value);
 std::optional<Violation> FindViolation(const Policy &policy, const Json &value, const std::string &pointer);
 // The value in the one form in which it is read back.
 Json Canonical(const Policy &policy, const Json &value);
-// The same of a value that need not name all fields.
+// The same for a value that names only some fields.
 Json CanonicalPart(const Policy &policy, const Json &value);
-// What is stored after the value was: fields that it doesn't name keep theirs, or have their defaults.
+// The stored value after writing `value`. Fields that it does not name keep their values, or get their
+// defaults.
 Json Merged(const Policy &policy, const Json &stored, const Json &value);
 Json Schema(const Policy &policy);
 

@@ -1,4 +1,4 @@
-// Values of policies: what a value may be, how it reads on the command line and in a file.
+// Values of policies: which are valid, and how the command line and files write them.
 #include "cli/base/value.h"
 
 #include <algorithm>
@@ -13,7 +13,7 @@ constexpr uint16_t MAX_VLAN = 4095;
 constexpr size_t SESSION_ID_SIZE = sizeof MirrorSessionRecord::sessionId;
 constexpr size_t SESSION_SETTINGS_SIZE = sizeof MirrorSessionRecord::settings;
 
-// What a mirror session consists of.
+// The fields of a mirror session.
 constexpr Field SESSION_FIELDS[] = {
     {"id", Form::TEXT, "Id of the session", 1, SESSION_ID_SIZE},
     {"settings", Form::BYTES, "Its other settings", 0, SESSION_SETTINGS_SIZE},
@@ -22,7 +22,7 @@ constexpr Field SESSION_FIELDS[] = {
     {"entries-c", Form::BYTES_LIST, "Port entries of the third kind", 0, sizeof(MirrorPortEntry), "", "[]"},
 };
 
-// ---- What a value, or an entry of a list, may be ----
+// ---- Which values, or entries of a list, are valid ----
 
 bool IsNumber(const Field &field, const Json &value)
 {
@@ -95,7 +95,7 @@ Json SessionSchema(const Field &)
             {"additionalProperties", false}};
 }
 
-// ---- Words of the command line; a word that is not a value stays a text, which is refused ----
+// ---- Words of the command line: a word that is not a value stays a text, which is then refused ----
 
 Json SameText(const std::string &word) { return word; }
 
@@ -130,7 +130,7 @@ Json SessionsOf(const std::string &word)
     return list.is_discarded() ? Json(word) : list;
 }
 
-// ---- The one form in which a value is read back ----
+// ---- The form in which a value is read back ----
 
 Json Same(const Json &value) { return value; }
 
@@ -150,7 +150,7 @@ Json CanonicalSession(const Json &value)
 
 // ---- The table ----
 
-// A form of values; of a list, what its entries are.
+// How values of a form are handled; for a list, its entries.
 struct FormRow {
     bool (*isValid)(const Field &, const Json &); // null where fields of an entry are checked
     std::string (*rule)(const Field &);
@@ -229,7 +229,7 @@ namespace {
 std::optional<Violation> FindInSession(const Json &session, const std::string &pointer)
 {
     if (auto violation = FindViolation(SESSION_FIELDS, session, pointer)) return violation;
-    if (!session.contains("id")) return Violation{pointer, "a mirror session needs an 'id'"};
+    if (!session.contains("id")) return Violation{pointer, "must have an 'id'"};
     return {};
 }
 

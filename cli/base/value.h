@@ -1,4 +1,4 @@
-// Values of policies: what a value may be, how it reads on the command line and in a file.
+// Values of policies: which are valid, and how the command line and files write them.
 #pragma once
 
 #include <optional>
@@ -27,8 +27,8 @@ struct Field {
     int64_t min = 0;
     int64_t max = 0;
     const char *choices = "";          // separated by '|'
-    const char *defaultText = nullptr; // JSON; without one a field that isn't given stays absent
-    bool canBeNone = false;            // "none" removes it
+    const char *defaultText = nullptr; // JSON; without it, a field that is not given stays absent
+    bool canBeNone = false;            // the word "none" removes it
 };
 
 inline constexpr const char *NONE = "none";
@@ -42,18 +42,18 @@ std::optional<Violation> FindViolation(const Field &field, const Json &value, co
 std::optional<Violation> FindViolation(std::span<const Field> fields, const Json &value,
                                        const std::string &pointer);
 
-// A value without fault in the one form in which it is read back, so that equal values compare equal:
-// all fields in their order, those not given with their defaults.
+// A valid value in the form in which it is read back, so that equal values compare equal: all fields in their
+// order, with defaults for those that are not given.
 Json Canonical(const Field &field, const Json &value);
 Json Canonical(std::span<const Field> fields, const Json &value);
-// The same without the defaults: the fields that are given.
+// The same without the defaults.
 Json CanonicalPart(std::span<const Field> fields, const Json &value);
 
-// Throws unless a new object may have this name. The rule's help says what it is the name of.
+// Throws unless a new object may have this name. The help of the rule says which name it is.
 void RequireName(const Field &rule, const std::string &name);
 
-// The value that a word of the command line stands for. Throws with what is allowed; `name` is the
-// argument's, or empty where it is the option that the field has.
+// The value that a word of the command line stands for. Throws an error that says what is allowed. `name` is
+// the argument; without it, the error names the option of the field.
 Json ParseWord(const Field &field, const std::string &word, const std::string &name = "");
 
 // JSON schema of the field's values.
@@ -64,11 +64,11 @@ std::string UnknownKey(const std::string &key, const std::vector<std::string> &n
 
 std::vector<std::string> Words(std::string_view text, char separator);
 
-// "100-199" or "300", whatever the numbers; nothing for other texts.
+// "100-199" or "300", whether or not the numbers are VLANs; nothing for other texts.
 std::optional<VLANRange> ParseVlanRange(std::string_view text);
 std::string VlanRangeText(const VLANRange &range);
 
-// The number of the word among the choices, as the library counts them.
+// The position of the word among the choices, which is its number in the library.
 uint32_t ChoiceIndex(const Field &field, const std::string &word);
 
 }

@@ -1,4 +1,4 @@
-// Carrying out steps: all of them, or none.
+// Makes a change: all of its steps or none.
 #include "cli/change/change.h"
 
 #include <algorithm>
@@ -19,16 +19,16 @@ namespace vsctl {
 
 namespace {
 
-// What an undo could not do.
-struct Undone {
+// What an undo could not restore.
+struct UndoReport {
     std::vector<std::string> failures;
-    std::vector<std::string> losses; // what nobody can bring back
+    std::vector<std::string> losses; // what cannot be restored at all
 };
 
 // Restores the steps in reverse order.
-Undone Undo(std::span<const Step> steps)
+UndoReport Undo(std::span<const Step> steps)
 {
-    Undone undone;
+    UndoReport undone;
     Places places;
     for (size_t i = steps.size(); i-- > 0;) {
         const Step &step = steps[i];
@@ -48,12 +48,7 @@ Undone Undo(std::span<const Step> steps)
     return undone;
 }
 
-std::string Count(size_t number, const char *what)
-{
-    return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
-}
-
-// The first of many.
+// The first texts of a list, and how many more there are.
 std::string Listed(std::vector<std::string> texts)
 {
     constexpr size_t MOST = 3;
@@ -63,29 +58,28 @@ std::string Listed(std::vector<std::string> texts)
     return fmt::format("{}; and {} more", fmt::join(texts, "; "), more);
 }
 
-// The error of the step that failed, with what became of the steps before it.
-Error UndoneError(const Error &cause, size_t done, const Undone &undone)
+// The error of the failed step, with the outcome of the undo.
+Error UndoneError(const Error &cause, size_t done, const UndoReport &undone)
 {
     if (!undone.failures.empty()) {
         Error error(Exit::PARTLY_UNDONE,
-                    fmt::format("{}; undoing failed in part: {}", cause.problem, Listed(undone.failures)),
-                    "when the cause is gone, 'vsctl apply --undo' tries again");
+                    fmt::format("{}; the undo failed in part: {}", cause.problem, Listed(undone.failures)),
+                    "remove the cause, then run 'vsctl apply --undo' again");
         error.status = cause.status;
         return error;
     }
-    std::string outcome =
-        done ? fmt::format("; what was done before it ({}) is undone", Count(done, "step")) : "";
+    std::string outcome = "; nothing was changed";
+    if (done)
+        outcome = fmt::format("; {} undone", done == 1 ? "the step before it is"
+                                                       : fmt::format("the {} steps before it are", done));
     if (!undone.losses.empty())
-        outcome +=
-            fmt::format("; all is as it was but for what can't be brought back: {}", Listed(undone.losses));
-    else
-        outcome += done ? ", and all is as it was" : "; nothing was changed";
+        outcome += fmt::format("; everything is restored except {}", Listed(undone.losses));
     Error error(cause.exit, cause.problem + outcome, cause.advice);
     error.status = cause.status;
     return error;
 }
 
-// The NICs behind new uplinks, and so their MTUs, are known only once the uplinks are there.
+// The NICs behind new uplinks, and so their MTUs, are known only when the uplinks exist.
 bool IsSavedLate(const std::vector<Step> &steps, const Step &step)
 {
     return step.item == "mtu" && std::any_of(steps.data(), &step, [&step](const Step &earlier) {
@@ -110,9 +104,9 @@ void PerformAll(Journal &journal)
             done++;
         }
     } catch (const Error &error) {
-        // The one that failed may have got half-way.
+        // The failed step may be half done.
         const size_t begun = std::min(done + 1, steps.size());
-        const Undone undone = Undo(std::span(steps).first(begun));
+        const UndoReport undone = Undo(std::span(steps).first(begun));
         if (undone.failures.empty()) Journal::Remove();
         throw UndoneError(error, done, undone);
     }
@@ -136,9 +130,8 @@ void ThrowIfRemovalsForbidden(const Result &result)
     for (const Step &step : result.steps) {
         if (!IsRemoval(step)) continue;
         throw Error(Exit::FAILURE,
-                    fmt::format("this removes {}, and undoing it would not bring back: {}", StepText(step),
-                                LossText(step)),
-                    "--allow-removals agrees to it");
+                    fmt::format("this removes {}, and an undo would lose {}", StepText(step), LossText(step)),
+                    "--allow-removals allows it");
     }
 }
 
@@ -154,8 +147,8 @@ std::string NewJournalId() { return fmt::format("{}-{}", time(nullptr), getpid()
     _exit(static_cast<int>(Exit::FAILURE));
 }
 
-// Starts `vsctl confirm --guard` in a session of its own, which no terminal ends. Signals to the terminal's
-// processes wait until it is there, and it forgets those that came before.
+// Starts `vsctl confirm --guard` in its own session, which outlives the terminal. The terminal's signals are
+// blocked until then, and the guard ignores those that are pending.
 void StartGuard(const std::string &id, double seconds)
 {
     sigset_t all, before;
@@ -173,7 +166,7 @@ void StartGuard(const std::string &id, double seconds)
     const bool started = child > 0 && waitpid(child, nullptr, 0) == child;
     sigprocmask(SIG_SETMASK, &before, nullptr);
     if (!started)
-        throw Error(Exit::FAILURE, "no process can be started that would undo the change in time",
+        throw Error(Exit::FAILURE, "cannot start the process that undoes the change in time",
                     "'vsctl apply --undo' undoes it now, 'vsctl confirm' keeps it");
 }
 
@@ -200,7 +193,7 @@ void SaveAll(std::vector<Step> &steps)
         Save(step, saver);
 }
 
-// What a plan has read was read before this change had the host for itself.
+// A plan reads the host before the change holds its lock.
 void RequireUnchanged(const std::vector<Step> &steps)
 {
     for (const Step &step : steps) {
@@ -209,8 +202,8 @@ void RequireUnchanged(const std::vector<Step> &steps)
         now.isRead = false;
         ReadBefore(now);
         if (now.before == step.before) continue;
-        throw Error(Exit::FAILURE, fmt::format("{} was changed by somebody else meanwhile", StepText(step)),
-                    "nothing was changed: try again");
+        throw Error(Exit::FAILURE, fmt::format("{} was changed by another process meanwhile", StepText(step)),
+                    "vsctl changed nothing: try again");
     }
 }
 
@@ -218,7 +211,7 @@ Preview CarryOut(const std::string &command, Result &result)
 {
     if (result.steps.empty()) return {};
     const ChangeLock lock;
-    ThrowIfUnfinished(); // to undo or resume it would overwrite this change
+    ThrowIfUnfinished(); // undoing or resuming it would overwrite this change
     RequireUnchanged(result.steps);
     Preview preview = ReadAllBefore(result.steps);
     SaveAll(result.steps);
@@ -228,7 +221,7 @@ Preview CarryOut(const std::string &command, Result &result)
     PerformAll(journal);
     if (result.confirmWithin > 0) {
         AwaitConfirmation(journal, result.confirmWithin);
-        result.note = fmt::format("all of this is undone in {} s unless 'vsctl confirm' comes first",
+        result.note = fmt::format("vsctl undoes this in {} s unless you run 'vsctl confirm' first",
                                   result.confirmWithin);
     } else {
         Journal::Remove();
@@ -266,19 +259,19 @@ Journal RequireJournal()
     return *journal;
 }
 
-void ThrowUnlessUndone(const Journal &journal, const Undone &undone)
+void ThrowUnlessUndone(const Journal &journal, const UndoReport &undone)
 {
     if (undone.failures.empty()) return;
     throw Error(Exit::PARTLY_UNDONE,
                 fmt::format("undoing '{}' failed in part: {}", journal.command, Listed(undone.failures)),
-                "when the cause is gone, 'vsctl apply --undo' tries again");
+                "remove the cause, then run 'vsctl apply --undo' again");
 }
 
 // Undoes the journal's steps and forgets it; keeps it while something could not be undone.
-Undone UndoAll(const Journal &journal)
+UndoReport UndoAll(const Journal &journal)
 {
     const ChangeScope changing;
-    Undone undone = Undo(journal.steps);
+    UndoReport undone = Undo(journal.steps);
     ThrowUnlessUndone(journal, undone);
     Journal::Remove();
     return undone;
@@ -295,13 +288,13 @@ Json UndoJournal()
 {
     const ChangeLock lock;
     const Journal journal = RequireJournal();
-    const Undone undone = UndoAll(journal);
+    const UndoReport undone = UndoAll(journal);
     Json row = JournalRow(journal, "undone");
     if (!undone.losses.empty()) row["lost"] = undone.losses;
     return Json::array({row});
 }
 
-// Undoes what was done, then performs all of it.
+// Undoes what is done, then performs all steps.
 Json ResumeJournal()
 {
     const ChangeLock lock;
@@ -320,8 +313,8 @@ Json ConfirmJournal()
     const Journal journal = RequireJournal();
     if (!journal.awaitsConfirmation) ThrowIfUnfinished();
     if (time(nullptr) > journal.confirmBy) {
-        throw Error(Exit::TIMED_OUT, fmt::format("the time to confirm '{}' is over", journal.command),
-                    "'vsctl apply --undo' undoes it, if that has not happened yet");
+        throw Error(Exit::TIMED_OUT, fmt::format("the time to confirm '{}' has passed", journal.command),
+                    "'vsctl apply --undo' undoes it now");
     }
     Journal::Remove();
     return Json::array({JournalRow(journal, "confirmed")});
@@ -337,7 +330,7 @@ void GuardJournal(const std::string &id, double seconds)
     const ChangeLock lock;
     const auto journal = Journal::Read();
     if (!journal || journal->id != id) return;
-    LibraryInit(); // what others have changed meanwhile
+    LibraryInit(); // reload the cache, which may miss changes by other processes
     UndoAll(*journal);
 }
 

@@ -24,10 +24,10 @@ constexpr useconds_t LOCK_POLL = 20000; // µs
     const bool denied = error == EACCES || error == EPERM || error == EROFS;
     throw Error(denied ? Exit::PERMISSION : Exit::FAILURE,
                 fmt::format("{} cannot be {}: {}", path, action, strerror(error)),
-                "changes need a directory of their own: run vsctl as root, or name one in VSCTL_STATE");
+                "run vsctl as root, or set VSCTL_STATE to a directory that you can write");
 }
 
-// The journal need not outlast more than the host's own data does.
+// The journal needs to be as durable as the host's own data, no more.
 bool OutlivesPowerCuts()
 {
     const char *durability = getenv("VSHOST_DURABILITY");
@@ -36,7 +36,7 @@ bool OutlivesPowerCuts()
 
 std::string JournalPath() { return StateDirectory() + "/journal.cbor"; }
 
-// A file, written whole and on disk when this returns.
+// Writes a whole file, which is on disk when this returns.
 void WriteFile(const std::string &path, const std::string &text)
 {
     const std::string temporary = path + ".new";
@@ -75,7 +75,7 @@ std::string StateDirectory()
 ChangeLock::ChangeLock()
 {
     const std::string directory = StateDirectory();
-    if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) ThrowFileError(directory, "made");
+    if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) ThrowFileError(directory, "created");
     const std::string path = directory + "/lock";
     descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (descriptor < 0) ThrowFileError(path, "opened");
@@ -95,7 +95,7 @@ void Journal::Write() const
     const Json json = {{"format", FORMAT},        {"id", id},
                        {"command", command},      {"awaits-confirmation", awaitsConfirmation},
                        {"confirm-by", confirmBy}, {"steps", entries}};
-    // Names and texts need not be UTF-8, which JSON would ask for.
+    // Not JSON, which requires UTF-8: names and texts may be anything.
     const Bytes bytes = Json::to_cbor(json);
     WriteFile(JournalPath(), {bytes.begin(), bytes.end()});
     SyncDirectory();
@@ -114,7 +114,7 @@ std::optional<Journal> Journal::Read()
         return journal;
     } catch (const std::exception &error) {
         throw Error(Exit::FAILURE, fmt::format("{} cannot be understood: {}", JournalPath(), error.what()),
-                    "finish with the vsctl that wrote it, or move the file away");
+                    "use the vsctl that wrote it, or move the file away");
     }
 }
 

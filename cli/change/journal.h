@@ -1,6 +1,5 @@
-// What is needed to undo or finish a change of several steps, on disk before its first step: all steps,
-// with what was there before each. Nothing is noted while it runs, because undoing and finishing both look
-// at what is there.
+// The journal of a change: all steps with the state before each, on disk before the first step. Nothing is
+// added while the change runs, because undoing and finishing both look at the present state.
 #pragma once
 
 #include <optional>
@@ -9,10 +8,10 @@
 
 namespace vsctl {
 
-// One change at a time on a host.
+// Lets one change run at a time on a host.
 class ChangeLock {
 public:
-    ChangeLock(); // waits for the other one, within the time limit
+    ChangeLock(); // waits for another change, within the time limit
     ChangeLock(const ChangeLock &) = delete;
     ChangeLock &operator=(const ChangeLock &) = delete;
     ~ChangeLock();
@@ -25,7 +24,7 @@ struct Journal {
     std::string id;
     std::string command;
     std::vector<Step> steps;
-    bool awaitsConfirmation = false; // done, and to be undone unless confirmed
+    bool awaitsConfirmation = false; // all steps are done, and are undone unless confirmed
     int64_t confirmBy = 0;           // seconds since the epoch
 
     void Write() const;

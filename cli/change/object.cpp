@@ -1,4 +1,4 @@
-// Switches and ports as objects.
+// Reads, makes and removes switches and ports.
 #include "cli/change/object.h"
 
 #include <algorithm>
@@ -57,8 +57,8 @@ void RequirePortsetName(const std::string &name)
     constexpr Field RULE{"", Form::TEXT, "the name of a portset", 1, PORTSET_NAME_SIZE - 1};
     RequireName(RULE, name);
     if (name != "." && name != ".." && name[0] != '-' && name.find('/') == std::string::npos) return;
-    throw Error(Exit::BAD_VALUE, fmt::format("'{}' cannot be the name of a portset", name),
-                "take one without '/' that does not begin with '-', or give one with --portset");
+    throw Error(Exit::BAD_VALUE, fmt::format("a portset cannot have the name '{}'", name),
+                "choose a name without '/' that does not begin with '-', or give one with --portset");
 }
 
 void CreateSwitch(const std::string &alias, const Json &value)
@@ -70,7 +70,7 @@ void CreateSwitch(const std::string &alias, const Json &value)
         alias.c_str(), id.empty() ? nullptr : id.c_str(), portset.c_str(), value.value("version", 1u),
         value.value("opaque", false), value.value("max-ports", 0u), value.value("uplink-count", 0u),
         value.value("port-count", 0u));
-    LibraryInit(); // the cache need not follow what this process creates
+    LibraryInit(); // reload the cache, which may miss what this process creates
     CheckDriver(status, "creating", {alias, ""});
 }
 
@@ -79,7 +79,7 @@ void DestroySwitch(const std::string &alias)
     const bool isRunning = IsRunning(alias);
     const VsStatus status = VSDVS_DestroyVSwitch(alias.c_str());
     LibraryInit();
-    // The portset comes last, and of a switch that doesn't run there is none to destroy.
+    // The portset is destroyed last, and a switch that does not run has none.
     if (status == STATUS_FAILURE && !isRunning && !SwitchExists(alias)) return;
     Check(status, "destroying", {alias, ""});
 }
@@ -141,7 +141,7 @@ Uplinks ReadUplinks(const std::string &alias)
     StoreBuffer<UplinkPortIdList> ids;
     const VsStatus status = VSDVS_GetSwitchUplinkPorts(alias.c_str(), names.Out(), ids.Out());
     if (status == STATUS_NOT_FOUND) {
-        // There are no lists, or a port is gone that they name.
+        // There are no lists, or they name a port that is gone.
         return {StoredList<UplinkName>({PropertyLevel::GLOBAL, {alias, ""}, UPLINK_NAMES_KEY}),
                 StoredList<UplinkPortId>({PropertyLevel::HOST, {alias, ""}, UPLINK_IDS_KEY})};
     }
@@ -154,12 +154,12 @@ Uplinks ReadUplinks(const std::string &alias)
     return uplinks;
 }
 
-// In the form of the ids that the library derives from aliases, but never the same for two switches.
+// A random id in the form of those that the library derives from aliases.
 std::string NewSwitchId()
 {
     uint8_t bytes[16];
     if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes)
-        throw Error(Exit::FAILURE, "the kernel gives no random bytes for a switch id", "give one with --id");
+        throw Error(Exit::FAILURE, "the kernel has no random bytes for a switch id", "give one with --id");
     return fmt::format("{:02x}-{:02x}", fmt::join(bytes, bytes + 8, " "),
                        fmt::join(bytes + 8, bytes + 16, " "));
 }

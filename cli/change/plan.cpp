@@ -1,4 +1,4 @@
-// The file of a desired state: what it may hold, and the steps from the present state to it.
+// The file of a desired state: its schema, and the steps from the present state to it.
 #include "cli/change/plan.h"
 
 #include <algorithm>
@@ -11,32 +11,32 @@ namespace vsctl {
 
 namespace {
 
-// ---- What a file may hold ----
+// ---- The check of a file ----
 
 constexpr Field SWITCH_FIELDS[] = {
-    {"id", Form::TEXT, "switch id; a random one unless given", 1, SWITCH_ID_SIZE - 1},
-    {"portset", Form::TEXT, "kernel name; the alias unless given", 1, PORTSET_NAME_SIZE - 1},
-    {"version", Form::NUMBER, "version number", 0, UINT32_MAX},
-    {"opaque", Form::BOOLEAN, "an opaque switch"},
-    {"max-ports", Form::NUMBER, "ports that there may be", 1, MAX_PORTS},
-    {"uplinks", Form::NAMES, "all uplinks of the switch", 0, DV_PORT_ID_SIZE - 1},
-    {"clear", Form::NAMES, "policies that shall not be set", 0, 64},
-    {"absent", Form::BOOLEAN, "the switch shall not exist"},
+    {"id", Form::TEXT, "Switch id (default: a random one)", 1, SWITCH_ID_SIZE - 1},
+    {"portset", Form::TEXT, "Kernel name (default: the alias)", 1, PORTSET_NAME_SIZE - 1},
+    {"version", Form::NUMBER, "Version number", 0, UINT32_MAX},
+    {"opaque", Form::BOOLEAN, "Whether the switch is opaque"},
+    {"max-ports", Form::NUMBER, "Ports that the switch can have", 1, MAX_PORTS},
+    {"uplinks", Form::NAMES, "All uplinks of the switch", 0, DV_PORT_ID_SIZE - 1},
+    {"clear", Form::NAMES, "Policies to remove", 0, 64},
+    {"absent", Form::BOOLEAN, "Whether to destroy the switch"},
 };
 constexpr Field PORT_FIELDS[] = {
-    {"connect-id", Form::NUMBER, "connect id of a new port", 0, UINT32_MAX},
-    {"external-id", Form::TEXT, "external id, of an opaque port", 0, 1023},
-    {"clear", Form::NAMES, "policies that shall not be set", 0, 64},
-    {"absent", Form::BOOLEAN, "the port shall not exist"},
+    {"connect-id", Form::NUMBER, "Connect id of a new port", 0, UINT32_MAX},
+    {"external-id", Form::TEXT, "External id of an opaque port", 0, 1023},
+    {"clear", Form::NAMES, "Policies to remove", 0, 64},
+    {"absent", Form::BOOLEAN, "Whether to remove the port"},
 };
-// Attributes that only the creation sets.
+// Attributes that only creation sets.
 constexpr const char *FIXED_ATTRIBUTES[] = {"id",        "portset",    "version",    "opaque",
                                             "max-ports", "connect-id", "external-id"};
 constexpr const char *PORTS_KEY = "ports";
-// The sink bit is a part of the extra Ethernet filter: a port that names both would never be as it says.
+// The sink bit is part of the extra Ethernet filter, so a port in a file cannot have both.
 constexpr const char *FILTER_KEY = "eth-filter";
 constexpr const char *SINK_KEY = "sink";
-constexpr uint32_t DEFAULT_CONNECT_ID = 1; // of uplinks and opaque ports too, which take no other
+constexpr uint32_t DEFAULT_CONNECT_ID = 1; // of uplinks and opaque ports too, which cannot have another
 
 std::span<const Field> FieldsOf(bool ofPort)
 {
@@ -75,8 +75,10 @@ void CheckClear(const Document &document, const Json &entry, const std::string &
         const Policy *policy = FindPolicy(name, ofPort);
         const std::string where = fmt::format("{}/clear/{}", pointer, i);
         if (!policy || !policy->CanClear())
-            throw document.At(where, fmt::format("'{}' is no policy that can be cleared", name));
-        if (entry.contains(name)) throw document.At(where, fmt::format("'{}' is set here as well", name));
+            throw document.At(where,
+                              fmt::format("names '{}', which is not a policy that can be cleared", name));
+        if (entry.contains(name))
+            throw document.At(where, fmt::format("names '{}', which is also set", name));
     }
 }
 
@@ -87,7 +89,7 @@ void CheckFilter(const Document &document, const Json &entry, const std::string 
         return entry.contains(key) || std::find(cleared.begin(), cleared.end(), key) != cleared.end();
     };
     if (names(FILTER_KEY) && names(SINK_KEY))
-        throw document.At(pointer, fmt::format("has '{}' or '{}', not both", FILTER_KEY, SINK_KEY));
+        throw document.At(pointer, fmt::format("can have '{}' or '{}', not both", FILTER_KEY, SINK_KEY));
 }
 
 void CheckUplinks(const Document &document, const Json &entry, const std::string &pointer)
@@ -98,23 +100,22 @@ void CheckUplinks(const Document &document, const Json &entry, const std::string
         const std::string name = uplinks[i];
         const std::string where = fmt::format("{}/uplinks/{}", pointer, i);
         if (std::find(uplinks.begin(), uplinks.end(), name) - uplinks.begin() != static_cast<ptrdiff_t>(i))
-            throw document.At(where, fmt::format("names '{}' again", name));
+            throw document.At(where, fmt::format("names '{}' twice", name));
         if (ports.contains(name) && ports[name].value("absent", false))
-            throw document.At(where, fmt::format("the port '{}' shall be absent", name));
+            throw document.At(where, fmt::format("names the port '{}', which is to be absent", name));
     }
 }
 
 void CheckName(const Document &document, const Field &rule, const std::string &name,
                const std::string &pointer)
 {
-    if (auto fault = FindViolation(rule, name, pointer))
-        throw document.At(pointer, fmt::format("{} {}", rule.help, fault->message));
+    if (auto fault = FindViolation(rule, name, pointer)) throw document.At(pointer, fault->message);
 }
 
 void CheckAbsent(const Document &document, const Json &entry, const std::string &pointer)
 {
     if (entry.value("absent", false) && entry.size() > 1)
-        throw document.At(pointer + "/absent", "what shall not exist has nothing else to describe");
+        throw document.At(pointer + "/absent", "is true, so nothing else can be set");
 }
 
 void CheckEntry(const Document &document, const Json &entry, const std::string &pointer, bool ofPort)
@@ -149,12 +150,11 @@ void CheckPorts(const Document &document, const Json &ports, const std::string &
         try {
             names = PortNames(key);
         } catch (const Error &error) {
-            throw document.At(where, error.problem);
+            throw document.At(where, "is not valid: " + error.problem);
         }
         for (const std::string &port : names) {
             CheckName(document, PORT_ID, port, where);
-            if (!named.insert(port).second)
-                throw document.At(where, fmt::format("describes port {} again", port));
+            if (!named.insert(port).second) throw document.At(where, fmt::format("describes {} twice", port));
         }
     }
 }
@@ -165,7 +165,7 @@ void CheckDocument(const Document &document)
         if (key != "switches") throw document.At("/" + PointerStep(key), UnknownKey(key, {"switches"}));
         RequireTable(document, value, "/switches");
     }
-    if (!document.Root().contains("switches")) throw document.At("", "a file describes 'switches'");
+    if (!document.Root().contains("switches")) throw document.At("", "the file has no 'switches'");
     for (const auto &[alias, entry] : document.Root()["switches"].items()) {
         CheckName(document, SWITCH_ALIAS, alias, SwitchPointer(alias));
         CheckEntry(document, entry, SwitchPointer(alias), false);
@@ -239,7 +239,7 @@ void Planner::AddUplinks(const Target &target, const Json &entry)
     addMissing(present, wanted, "remove", uplinkRemovals);
 }
 
-// Whether the port goes with an uplink that the file lists no longer.
+// Whether the port is an uplink that the file no longer lists.
 bool Planner::IsLeaving(const Target &port) const
 {
     return std::any_of(uplinkRemovals.begin(), uplinkRemovals.end(), [&port](const Step &step) {
@@ -289,7 +289,7 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry)
         try {
             RequirePortsetName(value["portset"]);
         } catch (const Error &error) {
-            throw document.At(pointer, error.problem);
+            throw document.At(pointer, "needs another portset: " + error.problem);
         }
         creations.push_back({"switch", target, value});
     } else {
@@ -305,7 +305,7 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry)
     }
 }
 
-// Removals come last: what comes before them can be undone entirely.
+// Removals come last, because everything before them can be undone completely.
 std::vector<Step> Planner::Steps() const
 {
     std::vector<Step> steps;
@@ -337,7 +337,7 @@ Json EntrySchema(bool ofPort)
         properties[policy->name] = Schema(*policy);
     if (!ofPort) {
         properties[PORTS_KEY] = {
-            {"description", "ports by id; a range like port0..port7 describes each of them"},
+            {"description", "Ports by id; a range like port0..port7 describes each of its ports"},
             {"type", "object"},
             {"additionalProperties", {{"$ref", "#/$defs/port"}}}};
     }
@@ -348,11 +348,11 @@ Json EntrySchema(bool ofPort)
 
 Json PlanSchema()
 {
-    const Json switches = {{"description", "switches by alias"},
+    const Json switches = {{"description", "Switches by alias"},
                            {"type", "object"},
                            {"additionalProperties", {{"$ref", "#/$defs/switch"}}}};
     return {{"$schema", "https://json-schema.org/draft/2020-12/schema"},
-            {"title", "The desired state that vsctl plan and vsctl apply take"},
+            {"title", "The desired state for vsctl plan and vsctl apply"},
             {"type", "object"},
             {"properties", {{"switches", switches}}},
             {"required", {"switches"}},

@@ -1,4 +1,4 @@
-// The file of a desired state: what it may hold, and the steps from the present state to it.
+// The file of a desired state: its schema, and the steps from the present state to it.
 #pragma once
 
 #include "cli/base/document.h"
@@ -6,10 +6,10 @@
 
 namespace vsctl {
 
-// The steps that make the host as the file says, in a safe order, removals last. Only reads.
+// The steps that make the host match the file, removals last. Reads the host and changes nothing.
 std::vector<Step> PlanSteps(const Document &document);
 Json PlanSchema();
-// A file that describes switches and ports as they are.
+// The file that describes these switches and ports as they are.
 Json ExportFile(const std::vector<Target> &targets);
 
 }

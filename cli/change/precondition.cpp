@@ -1,4 +1,4 @@
-// What must hold before a change.
+// The checks of a change before its first write.
 #include "cli/change/precondition.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ bool Contains(const std::vector<std::string> &names, const std::string &name)
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// A switch as the steps so far leave it. What no step has changed is read from the host when it is asked for.
+// A switch after the steps so far. What no step has changed is read from the host on demand.
 class SwitchState {
 public:
     SwitchState(std::string alias, bool isNew) : alias(std::move(alias)), isNew(isNew)
@@ -47,7 +47,7 @@ private:
 
 constexpr const char *ANY_PORT = "*";
 
-class Walk {
+class Checker {
 public:
     void Check(const Step &step);
 
@@ -69,16 +69,16 @@ private:
 
     std::map<std::string, SwitchState> switches;
     std::set<std::string> destroyed, freedIds, freedPortsets; // of switches that steps destroy
-    std::set<std::string> ids, portsets;                      // what steps have taken
-    using Place = std::pair<std::string, std::string>;        // a switch, and its port or nothing
-    std::map<Place, std::set<std::string>> sessions; // ids of mirror sessions, where steps change them
-    std::map<std::string, bool> properties;          // whether they are there, where steps change them
+    std::set<std::string> ids, portsets;                      // that steps use
+    using Place = std::pair<std::string, std::string>;        // a switch, and its port if any
+    std::map<Place, std::set<std::string>> sessions;          // ids of mirror sessions that steps change
+    std::map<std::string, bool> properties;                   // whether properties that steps change exist
     std::set<Place>
-        configured; // what steps give properties that they don't name; with ANY_PORT, a whole switch
+        configured; // objects that get properties which no step names; with ANY_PORT, a whole switch
 };
 
 // Throws with the nearest name when there is no such switch.
-SwitchState &Walk::Find(const std::string &alias)
+SwitchState &Checker::Find(const std::string &alias)
 {
     const auto known = switches.find(alias);
     if (known != switches.end()) return known->second;
@@ -87,43 +87,43 @@ SwitchState &Walk::Find(const std::string &alias)
     return switches.try_emplace(alias, alias, false).first->second;
 }
 
-SwitchState &Walk::FindPort(const Target &port)
+SwitchState &Checker::FindPort(const Target &port)
 {
     SwitchState &found = Find(port.alias);
     if (!found.HasPort(port.port)) vsctl::Check(STATUS_NOT_FOUND, "finding", port);
     return found;
 }
 
-void Walk::CheckId(const std::string &id) const
+void Checker::CheckId(const std::string &id) const
 {
     if (!ids.contains(id) && !SwitchIdExists(id)) return;
     const std::string alias = AliasOfId(id);
     throw Error(
         Exit::EXISTS,
         fmt::format("the id '{}' is in use by {}", id, alias.empty() ? "another switch" : "switch " + alias),
-        "give another one with --id, or none for a random one");
+        "choose another id with --id, or leave it out for a random one");
 }
 
-void Walk::CheckPortset(const std::string &portset) const
+void Checker::CheckPortset(const std::string &portset) const
 {
     const std::string user = portsets.contains(portset) ? "another switch" : PortsetUser(portset);
     if (!user.empty()) {
         throw Error(Exit::EXISTS, fmt::format("portset {} is in use by {}", portset, user),
-                    "give another one with --portset");
+                    "choose another one with --portset");
     }
     RequireNoBarePortset(portset);
 }
 
-void Walk::CheckCreation(const std::string &alias, const Json &value)
+void Checker::CheckCreation(const std::string &alias, const Json &value)
 {
     const std::string id = value.value("id", ""), portset = value.value("portset", alias);
     if (destroyed.contains(alias) || freedIds.contains(id) || freedPortsets.contains(portset)) {
         throw Error(Exit::USAGE,
-                    fmt::format("{} is destroyed and made again, which as one change could not be undone",
+                    fmt::format("{} is destroyed and created again, and one change cannot undo that",
                                 destroyed.contains(alias) ? "switch " + alias
                                 : freedIds.contains(id)   ? fmt::format("a switch with the id '{}'", id)
                                                           : fmt::format("portset {}", portset)),
-                    "make it two changes");
+                    "make two changes");
     }
     if (switches.contains(alias) || SwitchExists(alias)) vsctl::Check(STATUS_EXISTS, "creating", {alias, ""});
     CheckId(id);
@@ -142,7 +142,7 @@ void Walk::CheckCreation(const std::string &alias, const Json &value)
         made.SetPort(fmt::format("port{}", i), true);
 }
 
-void Walk::CheckSwitch(const Step &step)
+void Checker::CheckSwitch(const Step &step)
 {
     const std::string &alias = step.target.alias;
     if (!step.value.is_null()) return CheckCreation(alias, step.value);
@@ -155,7 +155,7 @@ void Walk::CheckSwitch(const Step &step)
     destroyed.insert(alias);
 }
 
-void Walk::CheckPort(const Step &step)
+void Checker::CheckPort(const Step &step)
 {
     const std::string &port = step.target.port;
     SwitchState &found = Find(step.target.alias);
@@ -171,14 +171,14 @@ void Walk::CheckPort(const Step &step)
     configured.insert({step.target.alias, port});
 }
 
-// The library forgets lists that name a port which is gone.
+// The library deletes uplink lists that name a port which is gone.
 void RequireListedPorts(SwitchState &found, const std::string &alias)
 {
     for (const std::string &id : found.Listed().ids) {
         if (found.HasPort(id)) continue;
         throw Error(Exit::NOT_FOUND,
                     fmt::format("the uplinks of switch {} name port {}, which is gone", alias, id),
-                    fmt::format("'vsctl port add {} {}' gives it back", alias, id));
+                    fmt::format("'vsctl port add {} {}' adds it again", alias, id));
     }
 }
 
@@ -189,12 +189,12 @@ void RequireNewPorts(SwitchState &found, const std::string &alias, const std::ve
         const bool isUplink = Contains(found.Listed().ids, name);
         throw Error(
             Exit::EXISTS,
-            fmt::format("{} is {} already", Target{alias, name}.Text(), isUplink ? "an uplink" : "a port"),
-            isUplink ? "leave it out" : "take another name, or remove that port first");
+            fmt::format("{} is already {}", Target{alias, name}.Text(), isUplink ? "an uplink" : "a port"),
+            isUplink ? "leave it out" : "choose another name, or remove the port first");
     }
 }
 
-void Walk::CheckUplinks(const Step &step)
+void Checker::CheckUplinks(const Step &step)
 {
     const std::string &alias = step.target.alias;
     SwitchState &found = Find(alias);
@@ -209,9 +209,8 @@ void Walk::CheckUplinks(const Step &step)
         if (place == ids.end()) {
             const std::string suggestion = Suggest(id, ids);
             throw Error(Exit::NOT_FOUND, fmt::format("switch {} has no uplink {}", alias, id),
-                        suggestion.empty()
-                            ? fmt::format("'vsctl uplink list {}' shows those that it has", alias)
-                            : suggestion);
+                        suggestion.empty() ? fmt::format("'vsctl uplink list {}' lists its uplinks", alias)
+                                           : suggestion);
         }
         RequireListedPorts(found, alias);
         if (names.size() == ids.size()) names.erase(names.begin() + (place - ids.begin()));
@@ -232,8 +231,8 @@ void Walk::CheckUplinks(const Step &step)
     }
 }
 
-// What steps before this one make has a name by then.
-void Walk::CheckById(const Target &target)
+// A switch that an earlier step creates is known by its id.
+void Checker::CheckById(const Target &target)
 {
     if (ids.contains(target.alias)) return;
     if (!SwitchIdExists(target.alias)) vsctl::Check(STATUS_NOT_FOUND, "finding", target);
@@ -241,7 +240,7 @@ void Walk::CheckById(const Target &target)
     if (!alias.empty() && !target.port.empty()) FindPort({alias, target.port});
 }
 
-void Walk::CheckProperty(const Step &step)
+void Checker::CheckProperty(const Step &step)
 {
     const bool byId = step.value.contains("by-id");
     if (byId)
@@ -251,7 +250,7 @@ void Walk::CheckProperty(const Step &step)
     CheckClearing(step);
 }
 
-void Walk::CheckClearing(const Step &step)
+void Checker::CheckClearing(const Step &step)
 {
     const auto &[alias, port] = step.target;
     const std::string key = step.value["key"], level = step.value["level"];
@@ -273,7 +272,7 @@ void Walk::CheckClearing(const Step &step)
                 PropertyAdvice(step.target, step.value.contains("by-id")));
 }
 
-void Walk::CheckMirror(const Step &step)
+void Checker::CheckMirror(const Step &step)
 {
     const auto &[alias, port] = step.target;
     port.empty() ? Find(alias) : FindPort(step.target);
@@ -289,19 +288,19 @@ void Walk::CheckMirror(const Step &step)
         const std::string id = step.value["remove"];
         if (known->second.erase(id)) return;
         throw Error(Exit::NOT_FOUND, fmt::format("{} has no mirror session {}", step.target.Text(), id),
-                    fmt::format("'vsctl mirror list {}' shows those that it has", where));
+                    fmt::format("'vsctl mirror list {}' lists its sessions", where));
     }
     for (const Json &session : step.value["append"]) {
         const std::string id = session["id"];
         if (!known->second.contains(id)) continue;
-        throw Error(Exit::EXISTS, fmt::format("{} has a mirror session {} already", step.target.Text(), id),
+        throw Error(Exit::EXISTS, fmt::format("{} already has a mirror session {}", step.target.Text(), id),
                     fmt::format("'vsctl mirror list {}' shows it", where));
     }
     for (const Json &session : step.value["append"])
         known->second.insert(session["id"].get<std::string>());
 }
 
-void Walk::CheckPolicy(const Step &step)
+void Checker::CheckPolicy(const Step &step)
 {
     const auto &[alias, port] = step.target;
     const SwitchState &found = port.empty() ? Find(alias) : FindPort(step.target);
@@ -313,7 +312,7 @@ void Walk::CheckPolicy(const Step &step)
         ids.insert(session["id"].get<std::string>());
 }
 
-void Walk::Check(const Step &step)
+void Checker::Check(const Step &step)
 {
     if (step.item == "switch") return CheckSwitch(step);
     if (step.item == "port") return CheckPort(step);
@@ -328,9 +327,9 @@ void Walk::Check(const Step &step)
 
 void CheckSteps(const std::vector<Step> &steps)
 {
-    Walk walk;
+    Checker checker;
     for (const Step &step : steps)
-        walk.Check(step);
+        checker.Check(step);
 }
 
 }

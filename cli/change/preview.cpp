@@ -1,4 +1,4 @@
-// What steps find and what they leave, one after another.
+// The state before and after each step of a change.
 #include "cli/change/preview.h"
 
 #include <algorithm>
@@ -13,7 +13,7 @@ namespace {
 
 bool IsObject(const Step &step) { return step.item == "switch" || step.item == "port"; }
 
-// Whether there is this uplink after the step.
+// Whether the step leaves the switch with this uplink.
 bool IsUplinkOf(const Step &step, const std::string &port)
 {
     if (step.value.is_null() || (step.item != "uplinks" && step.item != "switch")) return false;
@@ -29,12 +29,12 @@ bool IsUplinkOf(const Step &step, const std::string &port)
     return number < count && port == fmt::format("uplink{}", number);
 }
 
-// What the creation of an uplink stores.
+// What creating an uplink stores.
 const Json UPLINK_VLAN = {{"id", 0}, {"trunk", {"1-4094"}}, {"option", false}};
 
-class Walk {
+class States {
 public:
-    // What the step finds.
+    // The state that the step finds.
     Json Before(const Step &step) const
     {
         const auto found = left.find({step.target.alias, step.target.port, step.item});
@@ -44,13 +44,13 @@ public:
         return before;
     }
 
-    // Whether a step has made the switch or port, with properties that nobody has read.
+    // Whether a step has made or removed the switch or port, so that what was read of it is out of date.
     bool IsReplaced(const Target &target) const
     {
         return replacedSwitches.contains(target.alias) || replacedPorts.contains({target.alias, target.port});
     }
 
-    void Note(const Step &step, const Json &after)
+    void Add(const Step &step, const Json &after)
     {
         const auto &[alias, port] = step.target;
         if (IsObject(step)) {
@@ -85,8 +85,8 @@ private:
     std::vector<Step> uplinkSteps;
 };
 
-// An MTU that a switch has by default is not stored, and uplinks that came later may have others.
-bool SpreadsMtu(const Step &step)
+// A default MTU is not stored, and uplinks added later may have another MTU.
+bool ChangesMtu(const Step &step)
 {
     if (step.item != "mtu" || !SwitchExists(step.target.alias)) return false;
     const auto mtu = step.value.get<uint32_t>();
@@ -102,7 +102,7 @@ bool SpreadsMtu(const Step &step)
                        [mtu](const vshost_port &port) { return *port.nic && port.nicMtu != mtu; });
 }
 
-// Empty lists that there were not before.
+// Whether the step creates uplink lists, which may be empty.
 bool MakesLists(const Step &step)
 {
     int32_t length = 0;
@@ -116,14 +116,14 @@ bool MakesLists(const Step &step)
 Preview PreviewOf(const std::vector<Step> &steps)
 {
     Preview preview;
-    Walk walk;
+    States states;
     for (Step step : steps) {
-        step.before = walk.Before(step);
+        step.before = states.Before(step);
         const Json after = After(step);
         preview.rows.push_back(StepRow(step));
         preview.changes =
-            preview.changes || IsObject(step) || after != step.before || MakesLists(step) || SpreadsMtu(step);
-        walk.Note(step, after);
+            preview.changes || IsObject(step) || after != step.before || MakesLists(step) || ChangesMtu(step);
+        states.Add(step, after);
     }
     return preview;
 }

@@ -1,4 +1,4 @@
-// What steps find and what they leave, one after another.
+// The state before and after each step of a change.
 #pragma once
 
 #include "cli/change/step.h"
@@ -6,11 +6,11 @@
 namespace vsctl {
 
 struct Preview {
-    Json rows = Json::array(); // of output, one for each step
-    bool changes = false;      // some step leaves something else than it finds
+    Json rows = Json::array(); // one for each step
+    bool changes = false;      // whether any step changes something
 };
 
-// `before` of each step holds what was there before the first of them.
+// `before` of each step holds the state before the whole change.
 Preview PreviewOf(const std::vector<Step> &steps);
 
 }

@@ -1,4 +1,4 @@
-// What a verb gives back, and the options that every verb takes.
+// What a verb returns, and the options that every verb takes.
 #pragma once
 
 #include "cli/change/step.h"
@@ -13,12 +13,12 @@ struct Options {
 
 struct Result {
     Json rows = Json::array();
-    std::vector<Step> steps; // a change that is still to be made
+    std::vector<Step> steps; // the change to make
     bool allowRemovals = true;
     bool planOnly = false;
     double confirmWithin = 0; // seconds
     std::string note;         // a line for people, after the rows
-    std::string text;         // printed as it is, instead of rows; with --json, where there are no rows
+    std::string text;         // printed instead of rows; with --json, only when there are no rows
     Exit exit = Exit::DONE;
 };
 

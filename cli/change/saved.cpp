@@ -1,4 +1,4 @@
-// What there was before a change, whole, and how an undo brings it back.
+// The complete state before a change, and how an undo restores it.
 #include "cli/change/saved.h"
 
 #include <algorithm>
@@ -12,7 +12,7 @@ namespace vsctl {
 
 namespace {
 
-// What the platform keeps itself: a port's number, and its statistics.
+// What the platform maintains: the number of a port, and its statistics.
 constexpr const char *VOLATILE_KEYS[] = {"com.talpex.common.port.volatile.status",
                                          "com.talpex.common.port.statistics"};
 constexpr const char *OTHER_PORT_KEYS[] = {CONNECT_ID_KEY, EXTERNAL_ID_KEY, "com.talpex.common.port.alias",
@@ -21,7 +21,7 @@ constexpr const char *OTHER_PORT_KEYS[] = {CONNECT_ID_KEY, EXTERNAL_ID_KEY, "com
 constexpr const char *OTHER_GLOBAL_KEYS[] = {VERSION_KEY, OPAQUE_KEY, UPLINK_NAMES_KEY};
 constexpr const char *OTHER_HOST_KEYS[] = {UPLINK_IDS_KEY};
 
-// A port waits for what ports of other switches hold, which wait for others in turn.
+// A port may wait for the number or NIC of another port, which waits for a third.
 constexpr int MAX_ROUNDS = 16;
 
 bool IsVolatile(const std::string &key)
@@ -29,7 +29,7 @@ bool IsVolatile(const std::string &key)
     return std::find(std::begin(VOLATILE_KEYS), std::end(VOLATILE_KEYS), key) != std::end(VOLATILE_KEYS);
 }
 
-// Those that there are; where the platform can't list them, those that vsctl knows.
+// All properties; where the platform cannot list them, those that vsctl knows.
 std::vector<NamedProperty> PropertiesOf(const Target &target)
 {
     std::vector<NamedProperty> properties;
@@ -58,7 +58,7 @@ std::vector<NamedProperty> PropertiesOf(const Target &target)
     return properties;
 }
 
-// Null when there is none.
+// Null when the property does not exist.
 Json ReadBytes(const NamedProperty &property)
 {
     Bytes bytes;
@@ -74,7 +74,7 @@ void WriteBytes(const NamedProperty &property, const Json &bytes)
     Check(status, "restoring " + property.key + " of", property.target);
 }
 
-// The entries of a port's MAC table that a command has set.
+// The entries of a port's MAC table that were set, not learned.
 Json StaticMacs(const Target &port)
 {
     DriverBuffer<> table;
@@ -104,7 +104,7 @@ NamedProperty PropertyOf(const Target &target, const Json &saved)
     return {static_cast<PropertyLevel>(saved["level"].get<int>()), target, saved["key"]};
 }
 
-// Clears what has come to a switch or port since.
+// Clears properties that a switch or port did not have.
 void ClearOthers(const Target &target, const Json &saved)
 {
     std::set<std::pair<PropertyLevel, std::string>> known;
@@ -137,7 +137,7 @@ vshost_port PortAt(const std::string &id, const Json &place)
     return port;
 }
 
-// A NIC that stays when its port goes keeps its MTU and state itself.
+// A NIC that outlives its port keeps its own MTU and state.
 bool IsAt(const vshost_port &port, const Json &place)
 {
     if (port.number != place["number"]) return false;
@@ -152,7 +152,7 @@ std::vector<vshost_port> PortsOf(const std::string &alias)
     return ListPorts(SwitchId(alias)).value_or(std::vector<vshost_port>());
 }
 
-// Removes a portset that a destroyed switch, or one that was not made whole, has left.
+// Removes a portset that a destroyed or half-made switch has left.
 void RemoveBarePortset(const std::string &portset)
 {
     if (DeviceError(ZOR_DEVICE) == 0 && PortsetUser(portset).empty())
@@ -160,7 +160,7 @@ void RemoveBarePortset(const std::string &portset)
     RequireNoBarePortset(portset);
 }
 
-// Removes what there is by this id: it is given its names, in case it lacks them, and goes by them.
+// Destroys what exists under this id, after giving it its names, which it may lack.
 void DestroyById(const std::string &id, const std::string &alias, const std::string &portset)
 {
     const auto text = [](const std::string &name) {
@@ -242,7 +242,7 @@ bool RestorePort(const Target &port, const Json &saved)
     if (!exists) AddPort(port, saved["entry"]);
     if (!exists && saved.contains("place")) {
         Json place = saved["place"];
-        place["nic"] = ""; // comes when the port is listed
+        place["nic"] = ""; // restored when the port is listed as an uplink
         RestorePlace(SwitchId(port.alias), PortAt(port.port, place));
     }
     RestorePolicies(saved["entry"], port);
@@ -274,15 +274,15 @@ bool RestoreSwitch(const std::string &alias, const Json &saved)
     const std::string id = entry["id"], portset = entry["portset"];
     bool exists = SwitchExists(alias);
     if (exists && saved["was-associated"] && !IsAssociated(portset)) {
-        DestroySwitch(alias); // no operation associates it again
+        DestroySwitch(alias); // no operation associates a switch again
         exists = false;
     }
     if (!exists) {
-        DestroyById(id, alias, portset); // an earlier undo may have made half of it
+        DestroyById(id, alias, portset); // an earlier undo may have left half of it
         RemoveBarePortset(portset);
         CreateSwitch(alias, entry);
     }
-    // The MTU goes to the NICs too, which are not bound yet.
+    // This also sets the MTU of NICs, so it comes before they are bound.
     RestorePolicies(entry, target);
     for (const Json &port : saved["ports"])
         RestorePort({alias, port["id"]}, port["port"]);
@@ -346,7 +346,7 @@ void Places::Add(const Target &target, const Json &saved)
     const Json savedMtus = saved.value("mtus", Json::object());
     for (const auto &[nic, mtu] : savedMtus.items()) {
         mtus[nic] = mtu;
-        wanted[alias]; // whose NICs have them now
+        wanted[alias]; // the switch whose ports have these NICs now
     }
 }
 
@@ -368,7 +368,7 @@ std::vector<std::string> Places::Restore() const
         restored = false;
         failures.clear();
         for (const auto &[alias, places] : wanted) {
-            if (!SwitchExists(alias)) continue; // that it could not be made again is told elsewhere
+            if (!SwitchExists(alias)) continue; // the failure to create it again is reported elsewhere
             const std::string id = SwitchId(alias);
             for (const vshost_port &port : PortsOf(alias)) {
                 present[port.nic] = port.nicMtu;
@@ -377,7 +377,7 @@ std::vector<std::string> Places::Restore() const
                 const int error = RestorePlace(id, PortAt(port.id, place->second));
                 restored = restored || error == 0;
                 if (error == 0) continue;
-                failures.push_back(fmt::format("{} does not have its number and NIC again ({})",
+                failures.push_back(fmt::format("{} does not get its number and NIC back ({})",
                                                Target{alias, port.id}.Text(), strerror(error)));
             }
         }

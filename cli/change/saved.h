@@ -1,4 +1,4 @@
-// What there was before a change, whole, and how an undo brings it back.
+// The complete state before a change, and how an undo restores it.
 #pragma once
 
 #include <map>
@@ -7,20 +7,20 @@
 
 namespace vsctl {
 
-// The properties, byte for byte.
+// The bytes of the properties.
 Json SaveProperties(const std::vector<NamedProperty> &properties);
-// Stores them again where they differ by now.
+// Stores those again that differ now.
 void RestoreProperties(const Target &target, const Json &saved);
 
-// Reads what there is before the first step of a change.
+// Reads the state before the first step of a change.
 class Saver {
 public:
-    // A port with its policies, its properties and, where the platform tells them, its number and NIC; null
-    // when there is no such port.
+    // A port with its policies, properties and, on an embedded host, its number and NIC. Null when the port
+    // does not exist.
     Json Port(const Target &port);
-    // A switch with all its ports or, where the platform can't list them, with its uplinks.
+    // A switch with all its ports or, where the platform cannot list them, with its uplinks.
     Json Switch(const std::string &alias);
-    // Numbers and NICs of the listed uplinks; none where the platform doesn't tell them.
+    // Numbers and NICs of the listed uplinks; empty except on an embedded host.
     Json UplinkPlaces(const std::string &alias);
     // MTUs of their NICs.
     Json Mtus(const std::string &alias);
@@ -35,26 +35,26 @@ private:
     std::map<std::string, bool> staticMacs; // whether a switch has any
 };
 
-// Makes the port that was saved out of what there is now; true when it had to be made again.
+// Restores a saved port, whatever there is now. Returns true when it had to create the port again.
 bool RestorePort(const Target &port, const Json &saved);
-// Brings a switch back that was destroyed, wherever its destruction or an earlier undo of it got to; true
-// when it had to be made again.
+// Restores a switch, however far its destruction or an earlier undo got. Returns true when it had to create
+// the switch again.
 bool RestoreSwitch(const std::string &alias, const Json &saved);
 
-// What a new switch shall be called, and whether that is free.
+// The id and portset of a new switch, and whether they are free.
 Json SaveFreeNames(const std::string &alias, const Json &value);
-// Takes a new switch away, wherever its creation got to. Names that were not free are not its own.
+// Removes a new switch, however far its creation got. Names that were not free belong to another switch.
 void RemoveNewSwitch(const std::string &alias, const Json &saved);
 
-// The numbers and NICs of ports, and the MTUs of NICs, given back.
+// Restores the numbers and NICs of ports, and the MTUs of NICs.
 class Places {
 public:
-    // All that is saved of a switch, or of one port.
+    // Adds what is saved of a switch or port.
     void Add(const Target &target, const Json &saved);
-    // Gives back the NICs that nothing else holds.
+    // Restores the NICs that no other port holds.
     void RestoreNics() const;
-    // Gives back all of it, when all ports are there again: one may hold what another had. Returns what could
-    // not be given back.
+    // Restores everything, once all ports exist again: a port may hold what another one had. Returns what
+    // could not be restored.
     std::vector<std::string> Restore() const;
 
 private:

@@ -1,4 +1,4 @@
-// Steps of a change, and the objects that they are about.
+// Steps of a change, by the kind of object.
 #include "cli/change/step.h"
 
 #include <algorithm>
@@ -22,7 +22,7 @@ void PerformSwitch(const Step &step)
         CreateSwitch(step.target.alias, step.value);
 }
 
-// At once, because steps before this one may have changed the NICs that were there.
+// At once, because undoing earlier steps may need the NICs.
 void RestoreNics(const Step &step)
 {
     Places places;
@@ -62,14 +62,13 @@ void PerformPort(const Step &step)
 
 Json SavePort(const Step &step, Saver &saver) { return saver.Port(step.target); }
 
-// Ports go and come back with their switch.
+// A switch takes its ports with it.
 bool RestorePortItem(const Step &step)
 {
     return SwitchExists(step.target.alias) && RestorePort(step.target, step.saved);
 }
 
-// ---- Uplinks: what a step does is {"add": NAME}, {"remove": ID}, {"set": …}, {"count": N} or {"clear":
-// true} ----
+// ---- Uplinks: {"add": NAME}, {"remove": ID}, {"set": …}, {"count": N} or {"clear": true} ----
 
 Json ToJson(const Uplinks &uplinks) { return {{"names", uplinks.names}, {"ids", uplinks.ids}}; }
 
@@ -121,9 +120,9 @@ void PerformUplinks(const Step &step)
     const auto change = step.value.items().begin();
     Check(ChangeUplinks(step.target.Alias(), change.key(), change.value()), "changing the uplinks of",
           step.target);
-    // The library says nothing of lists that stay.
+    // The library does not report lists that it failed to clear.
     if (change.key() == "clear" && !ReadUplinks(step.target.alias).ids.empty())
-        Check(STATUS_IO_ERROR, "forgetting the uplinks of", step.target);
+        Check(STATUS_IO_ERROR, "clearing the uplinks of", step.target);
 }
 
 Json SaveUplinks(const Step &step, Saver &saver)
@@ -137,7 +136,7 @@ Json SaveUplinks(const Step &step, Saver &saver)
     if (removes) changed.push_back(step.value["remove"]);
     for (const std::string &id : changed)
         saved["ports"].push_back({{"id", id}, {"port", saver.Port({target.alias, id})}});
-    // What is listed no longer loses its NIC.
+    // An uplink that is no longer listed loses its NIC.
     if (!adds && !removes) saved["places"] = saver.UplinkPlaces(target.alias);
     return saved;
 }
@@ -145,7 +144,7 @@ Json SaveUplinks(const Step &step, Saver &saver)
 bool RestoreUplinks(const Step &step)
 {
     const std::string &alias = step.target.alias;
-    if (!SwitchExists(alias) || step.saved.is_null()) return false; // they went with it
+    if (!SwitchExists(alias) || step.saved.is_null()) return false; // the uplinks went with the switch
     bool madeAgain = false;
     for (const Json &entry : step.saved.value("ports", Json::array()))
         madeAgain = RestorePort({alias, entry["id"]}, entry["port"]) || madeAgain;
@@ -154,7 +153,7 @@ bool RestoreUplinks(const Step &step)
     return madeAgain || (!IsEmbedded() && step.saved.contains("places"));
 }
 
-// The lists and ports that the step leaves.
+// The lists after the step.
 Json UplinksAfter(const Step &step)
 {
     const auto change = step.value.items().begin();
@@ -207,7 +206,7 @@ Json PropertyAfter(const Step &step) { return step.value["bytes"]; }
 
 Json SaveNothing(const Step &, Saver &) { return nullptr; }
 
-// Whether what has gone meanwhile comes back by a step of its own, with all that belongs to it.
+// Whether the object is gone meanwhile. Another step then restores it with everything that belongs to it.
 bool IsGone(const Target &target)
 {
     return !SwitchExists(target.alias) || (!target.port.empty() && !PortExists(target));
@@ -256,7 +255,7 @@ Json MirrorAfter(const Step &step)
     return after.empty() ? Json() : Canonical(MirrorPolicy(step.target), after);
 }
 
-// The keys of what the policy stores.
+// The properties that the policy stores.
 Json SavePolicyKeys(const Policy &policy, const Target &target)
 {
     if (std::string_view(policy.name) == "mtu") {
@@ -277,7 +276,7 @@ Json SavePolicyOf(const Policy &policy, const Target &target, Saver &saver)
     return saved;
 }
 
-// Stores what a policy was as the library does, then what it can't say, byte for byte.
+// Writes the old value through the library, then the bytes that the library does not write alike.
 bool RestorePolicyOf(const Policy &policy, const Step &step)
 {
     const Target &target = step.target;
@@ -319,7 +318,7 @@ bool RestoreAdmin(const Step &step)
     try {
         if (ReadAdmin(step) != step.before) SetAdmin(step, step.before);
     } catch (const Error &error) {
-        if (error.exit != Exit::NOT_FOUND) throw; // its state went with the uplink
+        if (error.exit != Exit::NOT_FOUND) throw; // the state went with the uplink
     }
     return false;
 }
@@ -334,7 +333,7 @@ struct Item {
     void (*perform)(const Step &);
     Json (*save)(const Step &, Saver &);
     bool (*restore)(const Step &);
-    Json (*after)(const Step &); // what a later step about the same object finds before it
+    Json (*after)(const Step &); // the value that a later step about the same object finds
 };
 
 constexpr Item ITEMS[] = {
@@ -352,13 +351,13 @@ Json ReadPolicyItem(const Step &step) { return ReadStored(PolicyOf(step), step.t
 
 Json PolicyAfter(const Step &step) { return Merged(PolicyOf(step), step.before, step.value); }
 
-// Steps before this one may have changed what it is merged with.
+// Earlier steps may have changed the stored value.
 void PerformPolicy(const Step &step)
 {
     const Policy &policy = PolicyOf(step);
     const bool keepsFields = !policy.IsScalar() && !step.value.is_null();
     Json stored = keepsFields ? ReadStored(policy, step.target) : Json();
-    // A look-up that fails reads like an absent policy, so only the second such answer counts.
+    // A failed look-up looks like an absent policy, so the answer counts only when it comes twice.
     if (keepsFields && stored.is_null()) stored = ReadStored(policy, step.target);
     WritePolicy(policy, step.target, Merged(policy, stored, step.value));
 }
@@ -367,7 +366,7 @@ Json SavePolicy(const Step &step, Saver &saver) { return SavePolicyOf(PolicyOf(s
 
 bool RestorePolicy(const Step &step) { return RestorePolicyOf(PolicyOf(step), step); }
 
-// What every policy has in common.
+// All policies.
 constexpr Item POLICY_ITEM = {"", ReadPolicyItem, PerformPolicy, SavePolicy, RestorePolicy, PolicyAfter};
 
 const Item &ItemOf(const Step &step)
@@ -431,9 +430,8 @@ std::string LossText(const Step &step)
     if (IsEmbedded()) return fmt::format("statistics and learned addresses of {}", object);
     if (step.item == "uplinks" && port.empty())
         return fmt::format("which NICs are behind the uplinks of {}", object);
-    if (!port.empty())
-        return fmt::format("number, NIC, statistics and properties unknown to vsctl of {}", object);
-    return fmt::format("all ports of {} but its uplinks, and properties unknown to vsctl", object);
+    if (!port.empty()) return fmt::format("number, NIC, statistics and unknown properties of {}", object);
+    return fmt::format("all ports of {} except its uplinks, and unknown properties", object);
 }
 
 std::string StepText(const Step &step)

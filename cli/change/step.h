@@ -1,5 +1,5 @@
-// A step of a change: one object or setting, what it shall be, and what it was. Every change that vsctl
-// makes to the store is a list of steps, so that each can be shown, done, undone and taken up again.
+// A step of a change: one object or setting, its new value and its old one. Every change of the store is a
+// list of steps, so that it can be shown, made, undone and resumed.
 #pragma once
 
 #include "cli/change/saved.h"
@@ -9,32 +9,32 @@ namespace vsctl {
 struct Step {
     std::string item; // a policy's name, or a row of the table of objects
     Target target;
-    Json value;            // what it shall be; null: gone, or cleared; of tables, the fields that change
-    Json before = nullptr; // what it was; null: not there
-    bool isRead = false;   // `before` holds what was read
-    Json saved = nullptr;  // all that an undo puts back
+    Json value;            // the new value; null: removed or cleared; of a table, the fields that change
+    Json before = nullptr; // the old value; null: there was none
+    bool isRead = false;   // whether `before` is read
+    Json saved = nullptr;  // all that an undo restores
 };
 
-// Reads what is there before the step.
+// Reads the old value.
 void ReadBefore(Step &step);
-// Reads all that an undo needs, for a step that is going to be performed.
+// Reads all that an undo needs, before the step is performed.
 void Save(Step &step, Saver &saver);
 void Perform(const Step &step);
-// Puts back what was there before, wherever the step got to; does nothing when that is there already. True
-// when it made an object again that the step had removed.
+// Restores the state before the step, however far the step got. Does nothing where that state is there
+// already. Returns true when it created an object again that the step had removed.
 bool Restore(const Step &step);
-// What there is after the step, as `before` tells what was there before it.
+// The value after the step, in the form of `before`.
 Json After(const Step &step);
-// The ports that a step about uplinks makes.
+// The ports that a step about uplinks creates.
 std::vector<std::string> PortsMade(const Step &step);
-// Removes an object: not all that it was comes back when it is undone.
+// Whether the step removes an object, which an undo restores only in part.
 bool IsRemoval(const Step &step);
 
 Step SetPolicy(const Policy &policy, const Target &target, const Json &value);
 // One row of output.
 Json StepRow(const Step &step);
 std::string StepText(const Step &step);
-// What does not come back when the step is undone after it removed something.
+// What an undo of a removal does not restore.
 std::string LossText(const Step &step);
 Json ToJson(const Step &step);
 Step StepFromJson(const Json &json);

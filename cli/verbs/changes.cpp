@@ -18,11 +18,11 @@ Result Plan(const Verb &, const Arguments &arguments)
     return result;
 }
 
-// What the journal holds is not shown beforehand.
+// What undoing or finishing a journal changes is not known beforehand.
 void RefuseDryRun(const Arguments &arguments)
 {
     if (arguments.IsDryRun())
-        throw Error(Exit::USAGE, "a journal has no dry run", "'vsctl doctor' shows the unfinished change");
+        throw Error(Exit::USAGE, "an unfinished change has no dry run", "'vsctl doctor' shows the change");
 }
 
 Result Apply(const Verb &, const Arguments &arguments)
@@ -68,13 +68,13 @@ Result Export(const Verb &, const Arguments &arguments)
     try {
         json = file.dump(2) + "\n";
     } catch (const Json::type_error &) {
-        throw Error(Exit::FAILURE, "a text that is stored there is not UTF-8, which a file must be",
-                    "'vsctl port show' and 'vsctl switch show' show where");
+        throw Error(Exit::FAILURE, "a stored text is not UTF-8, and a file holds only UTF-8",
+                    "'vsctl port show' and 'vsctl switch show' show the text");
     }
     return Text(arguments.Has("--json") ? json : TomlText(file));
 }
 
-// The steps of one line; nothing for blank lines and comments.
+// The steps of one line; none for a blank line or a comment.
 std::vector<Step> LineSteps(const std::string &line, std::map<std::string, std::unique_ptr<Parser>> &parsers)
 {
     std::vector<std::string> words = SplitLine(line);
@@ -82,16 +82,15 @@ std::vector<Step> LineSteps(const std::string &line, std::map<std::string, std::
     if (words[0] == "vsctl") words.erase(words.begin());
     size_t used = 0;
     const Verb &verb = FindVerb(words, used);
-    const Error unfit(Exit::USAGE, verb.Title() + " changes nothing that could be undone",
-                      "a batch takes changes only");
+    const Error unfit(Exit::USAGE, verb.Title() + " is not a change that can be undone",
+                      "a batch takes only such changes");
     if (verb.effect != Effect::STEPS) throw unfit;
     auto &parser = parsers[verb.Title()];
     if (!parser) parser = std::make_unique<Parser>(verb);
     Options options;
     const Arguments &arguments =
         parser->Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, options);
-    if (options.dryRun)
-        throw Error(Exit::USAGE, "a line has no dry run of its own", "give --dry-run to batch");
+    if (options.dryRun) throw Error(Exit::USAGE, "a line cannot have --dry-run", "give it to batch itself");
     Result result = verb.run(verb, arguments);
     if (result.steps.empty()) throw unfit;
     return std::move(result.steps);
@@ -105,7 +104,7 @@ Result Batch(const Verb &, const Arguments &arguments)
     size_t number = 0;
     for (const std::string &line : Words(ReadFile(path), '\n')) {
         number++;
-        RestartTimeLimit(); // to read many lines is not to wait
+        RestartTimeLimit(); // reading many lines is progress, not waiting
         try {
             for (Step &step : LineSteps(line, parsers))
                 result.steps.push_back(std::move(step));
@@ -124,25 +123,25 @@ Result Batch(const Verb &, const Arguments &arguments)
 
 std::vector<Verb> ChangeVerbs()
 {
-    const Argument file{"FILE", Shape::REQUIRED, "desired state, TOML or JSON (- for standard input)",
+    const Argument file{"FILE", Shape::REQUIRED, "Desired state, TOML or JSON (- for standard input)",
                         Names::FILE};
     const Argument allow{"--allow-removals", Shape::FLAG,
-                         "Allow removals, which an undo brings back in part"};
+                         "Allow removals, which an undo restores only in part"};
     Argument someFile = Excluding(file, {"--resume", "--undo"});
     someFile.shape = Shape::OPTIONAL;
-    Argument within{"--confirm-within", Shape::OPTION,
-                    "Undo all of it after that time without 'vsctl confirm'"};
+    Argument within{"--confirm-within", Shape::OPTION, "Undo it all after this time without 'vsctl confirm'"};
     within.needs = {"FILE"};
-    const Argument resume = Excluding({"--resume", Shape::FLAG, "Finish an interrupted change"}, {"--undo"});
+    const Argument resume =
+        Excluding({"--resume", Shape::FLAG, "Finish a change that was cut short"}, {"--undo"});
     return {
         Reads("plan", Plan, {file},
-              {"Show what apply would change (exit code 10: something)", "lab.toml", "", "@change"}),
+              {"Show what apply would change; exit code 10 if anything", "lab.toml", "", "@change"}),
         ChangesNow("apply", Apply,
                    {someFile,
                     allow,
                     within,
                     resume,
-                    {"--undo", Shape::FLAG, "Undo an interrupted or unconfirmed change"}},
+                    {"--undo", Shape::FLAG, "Undo a change that was cut short or is unconfirmed"}},
                    {"Make switches and ports as a file describes them: all or nothing",
                     "lab.toml\nlab.toml --confirm-within 60s\n--undo", "", "@change | @outcome"}),
         ChangesNow("confirm", Confirm,
@@ -150,11 +149,11 @@ std::vector<Verb> ChangeVerbs()
                     {"--after", Shape::OPTION, "(used by vsctl itself) Wait for this time first"}},
                    {"Keep the changes of apply --confirm-within", "", "", "@outcome"}),
         Reads("export", Export,
-              {{"SWITCH", Shape::MANY, "switches, with ports as in lab/port0..port7", Names::SWITCH}},
+              {{"SWITCH", Shape::MANY, "Switches, with ports as in lab/port0..port7", Names::SWITCH}},
               {"Write a file for apply that describes what exists", "lab\nlab/port0..port7 > lab.toml", ""}),
         ChangesNow(
             "batch", Batch,
-            {{"FILE", Shape::OPTIONAL, "commands, one a line (default: standard input)", Names::FILE}, allow},
+            {{"FILE", Shape::OPTIONAL, "Commands, one a line (default: standard input)", Names::FILE}, allow},
             {"Run the changes of a file: all or nothing", "changes.txt\n< changes.txt", "", "@change"}),
     };
 }

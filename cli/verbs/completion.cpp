@@ -1,4 +1,4 @@
-// What may come next on a command line, for the shells' completion.
+// Shell completion: the words that can come next on a command line.
 #include "cli/verbs/completion.h"
 
 #include "cli/base/platform.h"
@@ -27,7 +27,7 @@ std::vector<std::string> RunningUplinks(const std::string &alias)
     return names;
 }
 
-// Where ports can't be listed, uplinks still can, which are ports too.
+// A platform that does not list ports still lists uplinks, which are ports too.
 std::vector<std::string> PortIds(const std::string &alias)
 {
     if (!IsEmbedded()) return ReadUplinks(alias).ids;
@@ -37,7 +37,7 @@ std::vector<std::string> PortIds(const std::string &alias)
     return ids;
 }
 
-// Live names; a platform that doesn't answer has none to offer.
+// Names on the host; none when the platform does not answer.
 std::vector<std::string> LiveNames(Names names, const std::string &alias)
 {
     try {
@@ -67,7 +67,8 @@ const Argument *FindArgument(const Verb &verb, const std::string &name)
     return nullptr;
 }
 
-// The positional argument that the words lead to; the first of them is the switch where there is one.
+// The positional argument that the last word stands for. `alias` receives the first one, which names the
+// switch.
 const Argument *Positional(const Verb &verb, const std::vector<std::string> &words, std::string &alias)
 {
     size_t position = 0;

@@ -26,20 +26,20 @@ Json LibraryPart()
     const std::string fault = LibraryFault();
     return Part(
         "library", fault.empty(), fault.empty() ? VSWITCHCTL_LIBRARY : fault,
-        "install what is missing where the loader finds it, or start vsctl with 'vshost run --state DIR -- "
-        "vsctl …'");
+        "install the missing library where the loader finds it, or run 'vshost run --state DIR -- vsctl …'");
 }
 
 Json StorePart()
 {
     if (!LibraryFault().empty())
-        return Part("configuration store", false, "cannot be asked without the library", "see the library");
+        return Part("configuration store", false, "not checked: the library does not load",
+                    "fix the library first");
     int32_t length = 0;
     const NamedProperty nowhere{PropertyLevel::GLOBAL, {"vsctl-doctor", ""}, "com.talpex.common.alias", true};
     const VsStatus status = nowhere.Length(length);
     const bool works = status == STATUS_OK || status == STATUS_NOT_FOUND;
     return Part("configuration store", works, works ? "answers" : Describe(status).name,
-                "check the platform's configuration service and who may use it");
+                "check that the platform's configuration service runs and that you may use it");
 }
 
 Json DevicePart(const char *part, const char *device, const char *advice)
@@ -53,7 +53,7 @@ Json ShellPart()
     const int result = system("/bin/tybel -e ls /net/portsets >/dev/null 2>&1");
     return Part("system-information shell", result == 0,
                 result == 0 ? "answers" : "/bin/tybel does not answer",
-                "switches cannot be created and MTUs not be read: install the platform's shell, or use an "
+                "without the shell, vsctl cannot create switches or read MTUs: install it, or use an "
                 "embedded host");
 }
 
@@ -62,8 +62,8 @@ Json StatePart()
     try {
         const Json pending = JournalState();
         return Part("changes", pending.is_null(),
-                    pending.is_null() ? "none is unfinished" : pending.get<std::string>(),
-                    "'vsctl apply --resume', 'vsctl apply --undo' or 'vsctl confirm'");
+                    pending.is_null() ? "no change is unfinished" : pending.get<std::string>(),
+                    "run 'vsctl apply --resume', 'vsctl apply --undo' or 'vsctl confirm'");
     } catch (const Error &error) {
         return Part("changes", false, error.problem, error.advice);
     }
@@ -75,13 +75,13 @@ Json HostPart()
     const bool isNamed = directory && *directory;
     if (!IsEmbedded()) return Part("host", true, "a hypervisor", "");
     return Part("host", isNamed,
-                isNamed ? fmt::format("embedded, in {}", directory) : "embedded, but none is named",
-                "start vsctl with 'vshost run --state DIR -- vsctl …'");
+                isNamed ? fmt::format("embedded, in {}", directory) : "embedded, but no host is named",
+                "run 'vshost run --state DIR -- vsctl …'");
 }
 
 Result Doctor(const Verb &, const Arguments &)
 {
-    const char *onHost = "load the switch driver, or start vsctl with 'vshost run --state DIR -- vsctl …'";
+    const char *onHost = "load the switch driver, or run 'vshost run --state DIR -- vsctl …'";
     Result result;
     result.rows = Json::array({LibraryPart(), StorePart(), DevicePart("switch driver", ZOR_DEVICE, onHost),
                                DevicePart("RTM device", ZOR_RTM_DEVICE, onHost), ShellPart()});
@@ -105,11 +105,14 @@ std::string Overview()
             if (!verb.name.empty()) verbs.push_back(verb.name);
             help = verb.manual.help;
         }
-        text += fmt::format("  {:<11}{}\n", noun,
-                            verbs.empty() ? help : fmt::format("{}", fmt::join(verbs, ", ")));
+        const std::string rest =
+            verbs.empty() ? help
+                          : fmt::format("{}", fmt::join(InLines(verbs, ", ", 14), ",\n              "));
+        text += fmt::format("  {:<12}{}\n", noun, rest);
     }
-    return text + "\n'vsctl help NOUN VERB' explains a verb with examples, 'vsctl help exit' the exit codes, "
-                  "'vsctl help operations'\nwhere each operation of the library is used.\n";
+    return text + "\n'vsctl help NOUN VERB' explains a verb with examples. 'vsctl help exit' lists\n"
+                  "the exit codes, and 'vsctl help operations' lists the library operations\n"
+                  "with the verbs that use them.\n";
 }
 
 Json ExitCodes()
@@ -118,12 +121,12 @@ Json ExitCodes()
                                         "failed",
                                         "wrong usage",
                                         "not found",
-                                        "exists already",
+                                        "already exists",
                                         "a value that is not allowed",
                                         "the platform, or a part of it, cannot be reached",
                                         "no permission",
                                         "timed out",
-                                        "failed, and undone in part only",
+                                        "failed, and only partly undone",
                                         "changes are pending (plan, --dry-run)"};
     Json rows = Json::array();
     for (const char *meaning : MEANINGS)
@@ -148,7 +151,7 @@ Json OperationRows()
     return rows;
 }
 
-// The verbs of a noun; nothing when the noun is all.
+// A table of the verbs of a noun; empty where the noun is the whole command.
 std::string NounHelp(const std::string &noun)
 {
     Json rows = Json::array();
@@ -159,7 +162,7 @@ std::string NounHelp(const std::string &noun)
     return TableText(rows);
 }
 
-// The rows with --json, and the text without.
+// Prints the rows with --json, and the text without it.
 Result HelpOf(Json rows, std::string text)
 {
     Result result = Rows(std::move(rows));
@@ -209,7 +212,7 @@ Result ShowSchema(const Verb &, const Arguments &arguments)
 
 std::vector<Verb> GeneralVerbs()
 {
-    Argument shell{"SHELL", Shape::REQUIRED, "bash, zsh or fish"};
+    Argument shell{"SHELL", Shape::REQUIRED, "Bash, zsh or fish"};
     shell.rule = Field{"", Form::CHOICE, "", 0, 0, "bash|zsh|fish"};
     return {
         Reads("watch", Watch,
@@ -222,13 +225,13 @@ std::vector<Verb> GeneralVerbs()
                "part, works:boolean, state, advice?"}),
         Reads("completion", Script, {shell},
               {"Print the completion script of a shell", "bash > /etc/bash_completion.d/vsctl", ""}),
-        Reads("complete", CompleteWords, {{"WORD", Shape::ANY, "the words after vsctl"}},
+        Reads("complete", CompleteWords, {{"WORD", Shape::ANY, "The words after vsctl"}},
               {"Print completions of a command line, for the completion scripts", "-- switch sh", ""}),
         Reads("schema", ShowSchema, {{"--output", Shape::FLAG, "Print the schema of what --json prints"}},
               {"Print the JSON schema of the files for plan and apply", "\n--output", ""}),
         Reads("help", Help,
-              {{"NOUN", Shape::OPTIONAL, "a noun, 'exit' or 'operations'", Names::NOUN},
-               {"VERB", Shape::OPTIONAL, "one of its verbs", Names::VERB}},
+              {{"NOUN", Shape::OPTIONAL, "A noun, 'exit' or 'operations'", Names::NOUN},
+               {"VERB", Shape::OPTIONAL, "One of its verbs", Names::VERB}},
               {"Explain nouns and verbs", "port vlan\napply", "",
                "@verb | code:number, meaning | operation, verbs"}),
     };

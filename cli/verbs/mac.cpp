@@ -37,19 +37,11 @@ Result Team(const Verb &, const Arguments &arguments)
     return Rows(DecodeList(Record::MAC_ENTRY, table.Get(), sizeof(ZorMacTableEntry)));
 }
 
-void RequireLayout(const char *option)
-{
-    if (IsEmbedded()) return;
-    throw Error(Exit::USAGE,
-                std::string(option) + " needs a driver whose records are documented, and this one's are not",
-                "give the record with --hex or --file");
-}
-
 ZorMacTableEntry GivenEntry(const Arguments &arguments)
 {
     Bytes bytes;
     if (arguments.Has("--address")) {
-        RequireLayout("--address");
+        RequirePublishedLayout("--address");
         bytes = MacEntry(arguments.Text("--address"), static_cast<uint16_t>(arguments.Number("--vlan", 0)));
     } else {
         bytes = GivenBytes(arguments, sizeof(ZorMacTableEntry));
@@ -59,7 +51,7 @@ ZorMacTableEntry GivenEntry(const Arguments &arguments)
     return entry;
 }
 
-// Whether a change of the entry would do anything. Nobody can tell where the layout of entries isn't known.
+// Whether changing the entry has an effect; true where the layout of entries is not published.
 bool WouldChange(const Target &port, const Json &entry, bool adds)
 {
     if (!IsEmbedded()) return true;
@@ -86,7 +78,7 @@ template<auto CHANGE> Result ChangeEntry(const Verb &verb, const Arguments &argu
                             : adds || changes     ? STATUS_OK
                                                   : STATUS_NOT_FOUND;
     CheckDriver(status, action, port,
-                fmt::format("'vsctl mac list {} {}' shows those that it has", port.alias, port.port));
+                fmt::format("'vsctl mac list {} {}' lists its addresses", port.alias, port.port));
     Json row = {{"switch", port.alias}, {"port", port.port}};
     row.update(fields);
     return Changed(arguments, row, changes);
@@ -123,7 +115,7 @@ ZorMacLearningProps GivenProps(const Arguments &arguments, const ZorMacLearningP
 {
     Bytes bytes;
     if (HasFields(arguments)) {
-        RequireLayout("--enabled, --aging or --limit");
+        RequirePublishedLayout("--enabled, --aging or --limit");
         const Json fields = Decode(Record::LEARNING_PROPS, &now, sizeof now);
         const std::string enabled = arguments.Text("--enabled", fields["enabled"] ? "on" : "off");
         bytes = LearningProps(enabled == "on", arguments.Number("--aging", fields["aging"]),

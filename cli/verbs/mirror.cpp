@@ -28,8 +28,8 @@ Result Append(const Verb &, const Arguments &arguments)
     const Target target = arguments.Target();
     const Json sessions = ParseWord(PolicyOf(target).fields[0], ReadFile(arguments.Text("FILE")));
     if (sessions.empty())
-        throw Error(Exit::BAD_VALUE, arguments.Text("FILE") + " has no mirror session to append",
-                    "it holds a list like [{\"id\": \"session1\"}]");
+        throw Error(Exit::BAD_VALUE, arguments.Text("FILE") + " contains no mirror session",
+                    "write a list like [{\"id\": \"session1\"}]");
     return Steps({{"mirror-sessions", target, {{"append", sessions}}}});
 }
 
@@ -66,7 +66,7 @@ Result Stats(const Verb &, const Arguments &arguments)
     uint8_t stats[MIRROR_SESSION_STATS_SIZE] = {};
     CheckDriver(VSZOR_GetDVMirrorSessionStats(target.Alias(), session.c_str(), stats),
                 "reading the statistics of mirror session " + session + " of", target,
-                fmt::format("'vsctl mirror live {}' lists the sessions that run", target.alias));
+                fmt::format("'vsctl mirror live {}' lists the running sessions", target.alias));
     Json row = {{"switch", target.alias}, {"session", session}};
     row.update(Decode(Record::MIRROR_STATS, stats, sizeof stats));
     return Rows(row);
@@ -86,7 +86,7 @@ Result Destinations(const Verb &, const Arguments &arguments)
 
 std::vector<Verb> MirrorVerbs()
 {
-    const Argument session{"SESSION", Shape::REQUIRED, "id of the mirror session"};
+    const Argument session{"SESSION", Shape::REQUIRED, "Id of the mirror session"};
     const Argument file{"FILE", Shape::REQUIRED, "JSON list of sessions (- for standard input)", Names::FILE};
     return {
         Reads("mirror list", List, {SWITCH, ANY_PORT},

@@ -45,7 +45,7 @@ Result Groups(const Verb &, const Arguments &arguments)
         const Bytes group = ParseAddress(text, 0);
         if (group.size() == 6)
             throw Error(Exit::BAD_VALUE,
-                        "groups have statistics by their IPv4 or IPv6 address, not by '" + text + "'");
+                        "'" + text + "' is a MAC address, and a group is named by its IPv4 or IPv6 address");
         const int32_t kind = group.size() == 4 ? ADDRESS_KIND_IPV4 : ADDRESS_KIND_IPV6;
         DriverBuffer<ZorMcastStatsHeader> stats;
         CheckDriver(VSZOR_GetMcastFilterStats(portset.c_str(), arguments.Number("--selector", 0), kind,

@@ -1,9 +1,11 @@
-// The command line. The only file that knows CLI11; it builds what the verb asked for needs and no more.
+// Reads the command line with CLI11, which no other file uses. Only the arguments of one verb are built.
 #include "cli/verbs/parser.h"
 
 #include <charconv>
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
+
+#include "cli/base/output.h"
 
 namespace vsctl {
 
@@ -13,24 +15,14 @@ const Argument JSON{"--json", Shape::FLAG, "Print JSON"};
 const Argument TIMEOUT{"--timeout", Shape::OPTION, "Longest wait, like 500ms, 30s or 2m (default 30s)"};
 const Argument DRY_RUN{"--dry-run", Shape::FLAG, "Show what would change and change nothing"};
 
-// Words in lines of a terminal's width, indented.
-std::string Indented(const std::vector<std::string> &words)
-{
-    std::string text, line;
-    for (const std::string &word : words) {
-        if (line.size() + word.size() > 76) text += "\n " + std::exchange(line, "");
-        line += " " + word;
-    }
-    return text + "\n " + line;
-}
-
 std::string Footer(const Verb &verb)
 {
     std::string footer = "Examples:";
     for (const std::string &example : Words(verb.manual.examples, '\n'))
         footer += fmt::format("\n  vsctl {} {}", verb.Title(), example);
     if (verb.manual.operations.empty()) return footer;
-    return footer + "\nLibrary operations:" + Indented(Words(verb.manual.operations, ' '));
+    const auto lines = InLines(Words(verb.manual.operations, ' '), " ", 2);
+    return footer + fmt::format("\nLibrary operations:\n  {}", fmt::join(lines, "\n  "));
 }
 
 void AddArgument(CLI::App &app, const Argument &argument, std::vector<std::string> &slot)
@@ -53,7 +45,7 @@ void AddArgument(CLI::App &app, const Argument &argument, std::vector<std::strin
     });
 }
 
-// What excludes an option is left out of the help: CLI11 lists it in no order.
+// Leaves exclusions out of the help: CLI11 lists them in no particular order.
 class HelpFormat : public CLI::Formatter {
     std::string make_option_opts(const CLI::Option *option) const override
     {
@@ -77,15 +69,18 @@ void ReadCommon(const Arguments &arguments, Options &options)
     if (arguments.Has("--timeout")) options.timeout = ParseSeconds("--timeout", arguments.Text("--timeout"));
 }
 
-// CLI11's words for it, in one line.
+// The words of CLI11, as one line in the style of other errors.
 std::string Problem(const CLI::ParseError &error)
 {
     std::string problem = error.what();
     std::replace(problem.begin(), problem.end(), '\n', ' ');
-    constexpr std::string_view EXCLUDES = " excludes ";
-    const size_t excludes = problem.find(EXCLUDES);
-    if (error.get_name() != "ExcludesError" || excludes == std::string::npos) return problem;
-    return problem.replace(excludes, EXCLUDES.size(), " and ") + " exclude each other";
+    const std::string first = problem.substr(0, problem.find_first_of(": "));
+    const std::string last = problem.substr(problem.rfind(' ') + 1);
+    if (dynamic_cast<const CLI::ExcludesError *>(&error))
+        return fmt::format("{} and {} exclude each other", first, last);
+    if (dynamic_cast<const CLI::ArgumentMismatch *>(&error)) return fmt::format("{} requires a value", first);
+    if (dynamic_cast<const CLI::ExtrasError *>(&error)) return "unexpected argument " + last;
+    return problem;
 }
 
 Error UsageError(const Verb &verb, const CLI::ParseError &error, const std::vector<std::string> &words)
@@ -186,7 +181,7 @@ std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words)
 
 std::vector<std::string> SplitLine(const std::string &line)
 {
-    if (line.find('\0') != std::string::npos) throw Error(Exit::USAGE, "there is a NUL byte in this line");
+    if (line.find('\0') != std::string::npos) throw Error(Exit::USAGE, "the line contains a NUL byte");
     std::vector<std::string> words;
     bool inWord = false;
     char quote = 0;

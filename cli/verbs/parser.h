@@ -11,12 +11,12 @@ class App;
 
 namespace vsctl {
 
-// Reads the words of one verb; a batch uses it again for each line with that verb.
+// Reads the arguments of one verb. `batch` reuses it for each line with that verb.
 class Parser {
 public:
     explicit Parser(const Verb &verb);
     ~Parser();
-    // Sets the options that are given.
+    // Sets those options that the words give.
     const Arguments &Parse(const std::vector<std::string> &words, Options &options);
     std::string Help() const;
 
@@ -29,11 +29,11 @@ private:
 // Thrown for --help.
 struct HelpWanted {};
 
-inline constexpr const char *VERSION = "--version"; // the only option that goes without a verb
+inline constexpr const char *VERSION = "--version"; // the only option that needs no verb
 
-// Options may stand before the noun too: the same words with all of them behind the verb.
+// Moves options that stand before the noun behind the verb.
 std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words);
-// The words of a line, with quotes as in a shell.
+// Splits a line into words, with quotes as in a shell.
 std::vector<std::string> SplitLine(const std::string &line);
 double ParseSeconds(const std::string &name, const std::string &text);
 

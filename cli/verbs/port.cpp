@@ -69,7 +69,7 @@ Result List(const Verb &, const Arguments &arguments)
     const std::string id = SwitchId(alias);
     if (!IsEmbedded())
         throw Error(Exit::FAILURE, "this platform does not list ports",
-                    "'vsctl port show' shows ports by their names");
+                    "'vsctl port show' shows the ports that you name");
     const auto ports = ListPorts(id);
     if (!ports) Check(STATUS_NOT_FOUND, "finding", {alias, ""});
     Result result;
@@ -122,15 +122,15 @@ std::string OptionName(const Field &field) { return std::string("--") + field.na
 
 size_t EntrySize(const Field &field) { return static_cast<size_t>(field.max); }
 
-// The value that a file holds: JSON for mirror sessions, bytes for records and lists of them.
+// The value that a file holds: JSON for mirror sessions, bytes for records and lists of records.
 Json FileValue(const Field &field, const std::string &path)
 {
     const std::string content = ReadFile(path);
     if (field.form == Form::SESSIONS) return ParseWord(field, content);
     if (field.form == Form::BYTES) return ParseWord(field, Hex(content.data(), content.size()));
     if (content.size() % EntrySize(field) != 0) {
-        throw Error(Exit::BAD_VALUE, fmt::format("{} holds {} bytes, which are no entries of {} bytes", path,
-                                                 content.size(), EntrySize(field)));
+        throw Error(Exit::BAD_VALUE, fmt::format("{} holds {} bytes, which are not whole entries of {} bytes",
+                                                 path, content.size(), EntrySize(field)));
     }
     Json entries = Json::array();
     for (size_t start = 0; start < content.size(); start += EntrySize(field))
@@ -138,7 +138,7 @@ Json FileValue(const Field &field, const std::string &path)
     return entries;
 }
 
-// The value given on the command line; null when none is.
+// The value given on the command line; null when there is none.
 Json GivenValue(const Policy &policy, const Arguments &arguments)
 {
     const Field &first = policy.fields[0];
@@ -151,7 +151,8 @@ Json GivenValue(const Policy &policy, const Arguments &arguments)
             value[field.name] = ParseWord(field, arguments.Text(OptionName(field)));
     }
     if (value.is_null()) return value;
-    if (auto fault = FindViolation(policy, value, "")) throw Error(Exit::BAD_VALUE, fault->message);
+    if (auto fault = FindViolation(policy, value, ""))
+        throw Error(Exit::BAD_VALUE, fmt::format("{} {}", policy.name, fault->message));
     return value;
 }
 
@@ -202,11 +203,10 @@ Result GetOrSet(const Verb &verb, const Arguments &arguments)
 std::vector<Argument> PolicyArguments(const Policy &policy)
 {
     const Field &first = policy.fields[0];
-    std::vector<Argument> values = {
-        {"VALUE", Shape::OPTIONAL, first.help + std::string("; without a value, the verb shows it")}};
+    std::vector<Argument> values = {{"VALUE", Shape::OPTIONAL, first.help}};
     if (first.form == Form::BYTES || first.form == Form::BYTES_LIST || first.form == Form::SESSIONS)
         values.push_back(
-            {"--file", Shape::OPTION, "file that holds the value (- for standard input)", Names::FILE});
+            {"--file", Shape::OPTION, "File that holds the value (- for standard input)", Names::FILE});
     for (const Field &field : policy.IsScalar() ? std::span<const Field>() : policy.fields)
         values.push_back({OptionName(field), Shape::OPTION, field.help});
     std::vector<std::string> others;
@@ -252,7 +252,7 @@ std::vector<Verb> PortVerbs()
                 {SWITCH, PORTS, NumberOption("--connect-id", "Connect id (default 1)", UINT32_MAX)},
                 {"Add ports", "lab port8\nlab port8..port15 --connect-id 7", "VSDVS_AddDVPort"}),
         Changes("port add-opaque", AddOpaque,
-                {SWITCH, PORTS, {"EXTERNAL-ID", Shape::REQUIRED, "external id of the ports"}},
+                {SWITCH, PORTS, {"EXTERNAL-ID", Shape::REQUIRED, "External id of the ports"}},
                 {"Add opaque ports, which have an external id", "lab port8 4f2a", "VSDVS_AddOpaqueDVPort"}),
         Changes("port remove", Remove, {SWITCH, PORTS},
                 {"Remove ports", "lab port8..port15", "VSDVS_RemoveDVPort"}),

@@ -14,8 +14,8 @@ NamedProperty PropertyOf(const Arguments &arguments)
     const bool hasPort = arguments.Has("--port");
     const std::string level = arguments.Text("--level", hasPort ? "port" : "global");
     if ((level == "port") != hasPort)
-        throw Error(Exit::USAGE,
-                    hasPort ? "--port excludes --level " + level : "--level port requires --port");
+        throw Error(Exit::USAGE, hasPort ? "--level " + level + " and --port exclude each other"
+                                         : "--level port requires --port");
     return {LevelOf(level),
             {arguments.Text("SWITCH"), arguments.Text("--port")},
             arguments.Text("KEY"),
@@ -55,7 +55,7 @@ Result List(const Verb &, const Arguments &arguments)
     const std::string id = byId ? target.alias : SwitchId(target.alias);
     if (!IsEmbedded())
         throw Error(Exit::FAILURE, "this platform does not list properties",
-                    "'vsctl property get' reads one by its key");
+                    "'vsctl property get' shows a property by its key");
     const auto properties = ListProperties(id, target.port);
     if (!properties) Check(STATUS_NOT_FOUND, "finding", target);
     Result result;
@@ -99,9 +99,8 @@ std::vector<Verb> PropertyVerbs()
     const Argument port{"--port", Shape::OPTION, "Port that has the property", Names::PORT};
     const std::vector<Argument> which = {
         SWITCH,
-        {"KEY", Shape::REQUIRED, "key of the property"},
-        ChoiceOption("--level", "global, host or port (default: port with --port, else global)",
-                     "global|host|port"),
+        {"KEY", Shape::REQUIRED, "Key of the property"},
+        ChoiceOption("--level", "global (the default), host, or port with --port", "global|host|port"),
         port,
         BY_ID};
     std::vector<Argument> given = which;

@@ -37,18 +37,18 @@ uint32_t ParseNumber(std::string_view text, uint32_t max)
     uint32_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc() || end != text.data() + text.size() || number > max)
-        throw Error(Exit::BAD_VALUE, fmt::format("'{}' is no number from 0 to {}", text, max));
+        throw Error(Exit::BAD_VALUE, fmt::format("'{}' is not a number from 0 to {}", text, max));
     return number;
 }
 
 uint16_t ParseOption(std::string_view text) { return static_cast<uint16_t>(ParseNumber(text, UINT16_MAX)); }
 
-// All of them when there are no ids.
+// The options with these ids; all options when there are none.
 Json Options(const std::vector<uint16_t> &ids)
 {
     DriverBuffer<> options;
     CheckDriver(VSZOR_GetRuntimeOptions(ids.data(), static_cast<uint16_t>(ids.size()), options.Out()),
-                "reading the options of", {}, "'vsctl option get' lists those that are set");
+                "reading the options of", {}, "'vsctl option get' lists the options that are set");
     return Decode(Record::OPTIONS, options.Get(), RUNTIME_OPTIONS_SIZE);
 }
 
@@ -63,21 +63,19 @@ Result GetOptions(const Verb &, const Arguments &arguments)
 Bytes GivenOptions(const Arguments &arguments)
 {
     if (arguments.List("OPTION").empty()) return GivenBytes(arguments, 0);
-    if (!IsEmbedded()) {
-        throw Error(Exit::USAGE,
-                    "OPTION=VALUE needs a driver whose records are documented, and this one's are not",
-                    "give the record with --hex or --file");
-    }
+    RequirePublishedLayout("OPTION=VALUE");
     std::vector<std::pair<uint16_t, uint32_t>> options;
     for (const std::string &word : arguments.List("OPTION")) {
-        const size_t sign = std::min(word.find('='), word.size());
-        const std::string_view value = std::string_view(word).substr(std::min(sign + 1, word.size()));
+        const size_t sign = word.find('=');
+        if (sign == std::string::npos)
+            throw Error(Exit::BAD_VALUE, fmt::format("'{}' is not an option like NUMBER=VALUE", word));
+        const std::string_view value = std::string_view(word).substr(sign + 1);
         options.emplace_back(ParseOption(word.substr(0, sign)), ParseNumber(value, UINT32_MAX));
     }
     return OptionsRecord(options);
 }
 
-// Whether an option has another value; nobody can tell where their layout isn't known.
+// Whether setting the options has an effect; true where their layout is not published.
 bool Differ(const Json &wanted)
 {
     if (!IsEmbedded()) return true;
@@ -104,7 +102,7 @@ Result SetOptions(const Verb &, const Arguments &arguments)
     return Changed(arguments, rows, changes);
 }
 
-// The record says how many entries follow; the driver is told its length by that count.
+// The record begins with the number of entries, from which the library computes its length.
 Result Rtm(const Verb &, const Arguments &arguments)
 {
     const Bytes record = GivenBytes(arguments, 0);
@@ -119,7 +117,7 @@ Result Rtm(const Verb &, const Arguments &arguments)
     }
     if (DeviceError(ZOR_RTM_DEVICE))
         throw Error(Exit::UNREACHABLE, fmt::format("the RTM device {} cannot be opened", ZOR_RTM_DEVICE),
-                    "'vsctl doctor' shows what of the platform is reachable");
+                    AdviceFor(Exit::UNREACHABLE));
     if (!arguments.IsDryRun())
         Check(VSZOR_RTMOp(record.data(), command), fmt::format("sending RTM command {} to", command), {});
     return Changed(arguments, {{"command", command}, {"entries", count}, {"sent", !arguments.IsDryRun()}});
@@ -136,15 +134,15 @@ std::vector<Verb> RuntimeVerbs()
         Reads("stats teaming", Teaming, {SWITCH},
               {"Show the teaming statistics of a switch's service port", "lab",
                "VSZOR_GetServicePortTeamingStats", "switch", Record::TEAMING_STATS}),
-        Reads("option get", GetOptions, {{"OPTION", Shape::ANY, "numbers of options (default: all)"}},
+        Reads("option get", GetOptions, {{"OPTION", Shape::ANY, "Numbers of options (default: all)"}},
               {"Show runtime options of the driver", "\n1 2", "VSZOR_GetRuntimeOptions",
                "option:number, value:number", Record::OPTIONS}),
         ChangesNow("option set", SetOptions,
-                   {Excluding({"OPTION", Shape::ANY, "options as NUMBER=VALUE"}, {"--hex", "--file"}), HEX,
+                   {Excluding({"OPTION", Shape::ANY, "Options as NUMBER=VALUE"}, {"--hex", "--file"}), HEX,
                     FROM_FILE},
                    {"Set runtime options of the driver", "1=100 2=0", "VSZOR_SetRuntimeOptions",
                     "option:number, value:number", Record::OPTIONS}),
-        ChangesNow("rtm send", Rtm, {{"COMMAND", Shape::REQUIRED, "number of the command"}, HEX, FROM_FILE},
+        ChangesNow("rtm send", Rtm, {{"COMMAND", Shape::REQUIRED, "Number of the command"}, HEX, FROM_FILE},
                    {"Send a record to the RTM device", "7 --hex 000000000000000000", "VSZOR_RTMOp",
                     "command:number, entries:number, sent:boolean"}),
     };

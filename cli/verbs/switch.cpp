@@ -17,7 +17,7 @@ Json Info(const std::string &portset, const Target &target)
     return Decode(Record::INFO, info, sizeof info);
 }
 
-// Names only: counting the ports of large switches takes the driver its time.
+// Names only: the driver needs long to count the ports of a large switch.
 Json ListRow(const std::string &portset)
 {
     const std::string alias = AliasOf(portset);
@@ -28,7 +28,7 @@ Json ListRow(const std::string &portset)
     return row;
 }
 
-// A stored switch whose portset doesn't run: its start, its creation or its destruction failed.
+// A stored switch whose portset does not run, because its start, creation or destruction failed.
 Json StoppedRow(const std::string &id)
 {
     const std::string alias = AliasOfId(id);
@@ -91,7 +91,7 @@ Result Destroy(const Verb &, const Arguments &arguments)
 
 std::vector<Verb> SwitchVerbs()
 {
-    const Argument name{"SWITCH", Shape::REQUIRED, "alias of the new switch"};
+    const Argument name{"SWITCH", Shape::REQUIRED, "Alias of the new switch"};
     return {
         Reads("switch list", List, {},
               {"List the switches and whether they run", "\n--json",

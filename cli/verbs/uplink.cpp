@@ -23,7 +23,7 @@ std::string PortOfRunning(const std::string &uplink)
     return Name(port, sizeof port);
 }
 
-// The running uplinks by the ports that they are behind.
+// The running uplinks, by port.
 std::map<std::string, Json> RunningByPort(const std::string &alias)
 {
     std::map<std::string, Json> running;
@@ -151,9 +151,9 @@ Result Lags(const Verb &, const Arguments &arguments)
 
 std::vector<Verb> UplinkVerbs()
 {
-    const Argument newNames{"UPLINK", Shape::MANY, "names of the uplinks, which are also their port ids"};
-    const Argument listed{"UPLINK", Shape::MANY, "port ids of the uplinks", Names::UPLINK};
-    const Argument running{"UPLINK", Shape::REQUIRED, "name of the running uplink", Names::RUNNING_UPLINK};
+    const Argument newNames{"UPLINK", Shape::MANY, "Names of the uplinks, which are also their port ids"};
+    const Argument listed{"UPLINK", Shape::MANY, "Port ids of the uplinks", Names::UPLINK};
+    const Argument running{"UPLINK", Shape::REQUIRED, "Name of the running uplink", Names::RUNNING_UPLINK};
     Argument allNames = Excluding(newNames, {"--count"});
     allNames.shape = Shape::ANY;
     return {

@@ -1,4 +1,4 @@
-// The table of verbs, and the words given to one.
+// The table of verbs, and the arguments given to a verb.
 #include "cli/verbs/verb.h"
 
 #include <charconv>
@@ -48,10 +48,18 @@ std::vector<Target> Arguments::Ports() const
     return ports;
 }
 
+void RequirePublishedLayout(const char *arguments)
+{
+    if (IsEmbedded()) return;
+    throw Error(Exit::USAGE,
+                fmt::format("{} needs a driver that publishes the layout of its records", arguments),
+                "give the record with --hex or --file");
+}
+
 Bytes GivenBytes(const Arguments &arguments, size_t size)
 {
     if (!arguments.Has("--hex") && !arguments.Has("--file"))
-        throw Error(Exit::USAGE, "there is nothing to send or store", "give the bytes with --hex or --file");
+        throw Error(Exit::USAGE, "there are no bytes to send or store", "give them with --hex or --file");
     Bytes bytes;
     if (arguments.Has("--hex")) {
         bytes = FromHex(arguments.Text("--hex"));
@@ -60,7 +68,8 @@ Bytes GivenBytes(const Arguments &arguments, size_t size)
         bytes.assign(content.begin(), content.end());
     }
     if (size && bytes.size() != size)
-        throw Error(Exit::BAD_VALUE, fmt::format("the record has {} bytes, not {}", size, bytes.size()));
+        throw Error(Exit::BAD_VALUE,
+                    fmt::format("the record must have {} bytes, not {}", size, bytes.size()));
     return bytes;
 }
 
@@ -187,9 +196,9 @@ namespace {
     if (names.empty()) {
         const std::string suggestion = Suggest(noun, Nouns());
         throw Error(Exit::USAGE, fmt::format("there is no noun '{}'", noun),
-                    suggestion.empty() ? "'vsctl help' lists them" : suggestion);
+                    suggestion.empty() ? "'vsctl help' lists the nouns" : suggestion);
     }
-    const std::string list = fmt::format("{} can {}", noun, fmt::join(names, ", "));
+    const std::string list = fmt::format("the verbs of {} are {}", noun, fmt::join(names, ", "));
     if (name.empty()) throw Error(Exit::USAGE, fmt::format("'{}' needs a verb", noun), list);
     const std::string suggestion = Suggest(name, names);
     throw Error(Exit::USAGE, fmt::format("{} has no verb '{}'", noun, name),

@@ -18,7 +18,7 @@ struct Argument {
     Shape shape;
     std::string help;
     Names names = Names::NONE;
-    std::optional<Field> rule = {};         // what a word may be; without one, the verb checks it
+    std::optional<Field> rule = {};         // of its values; without one, the verb checks them
     std::vector<std::string> excludes = {}; // arguments that must not be given as well
     std::vector<std::string> needs = {};    // arguments that must be given as well
 };
@@ -27,7 +27,7 @@ Argument NumberOption(const char *name, const char *help, int64_t max);
 Argument ChoiceOption(const char *name, const char *help, const char *choices);
 Argument Excluding(Argument argument, std::vector<std::string> excluded);
 
-// The words given for a verb's arguments.
+// The words that a command line gives for the arguments of a verb.
 class Arguments {
 public:
     void Clear()
@@ -65,7 +65,8 @@ struct Manual {
     std::string help;
     std::string examples;   // what follows the title, one a line
     std::string operations; // of the library that the verb uses, separated by spaces
-    // What a row of output holds, as schema.cpp reads it; empty where a verb prints text, or steps alone.
+    // The fields of a row of output, in the notation of schema.cpp; empty for a verb that prints a text or
+    // steps.
     std::string rows = "";
     std::optional<Record> record = {}; // the driver's record that each row ends with
 };
@@ -117,15 +118,17 @@ std::vector<Verb> PropertyVerbs();
 std::vector<Verb> ChangeVerbs();
 std::vector<Verb> GeneralVerbs();
 
-inline const Argument SWITCH{"SWITCH", Shape::REQUIRED, "alias of the switch", Names::SWITCH};
-inline const Argument ONE_PORT{"PORT", Shape::REQUIRED, "port id", Names::PORT};
-inline const Argument PORTS{"PORT", Shape::REQUIRED, "port ids, like port0,port4..port7", Names::PORT};
-inline const Argument ANY_PORT{"PORT", Shape::OPTIONAL, "port id; without one, the uplinks", Names::PORT};
+inline const Argument SWITCH{"SWITCH", Shape::REQUIRED, "Alias of the switch", Names::SWITCH};
+inline const Argument ONE_PORT{"PORT", Shape::REQUIRED, "Port id", Names::PORT};
+inline const Argument PORTS{"PORT", Shape::REQUIRED, "Port ids, like port0,port4..port7", Names::PORT};
+inline const Argument ANY_PORT{"PORT", Shape::OPTIONAL, "Port id; without one, the uplinks", Names::PORT};
 inline const Argument BY_ID{"--by-id", Shape::FLAG, "SWITCH is a switch id, not an alias"};
-inline const Argument HEX{"--hex", Shape::OPTION, "the record, as hexadecimal digits"};
+inline const Argument HEX{"--hex", Shape::OPTION, "Bytes, as hexadecimal digits"};
 inline const Argument FROM_FILE = Excluding(
-    {"--file", Shape::OPTION, "file that holds the record (- for standard input)", Names::FILE}, {"--hex"});
+    {"--file", Shape::OPTION, "File that holds the bytes (- for standard input)", Names::FILE}, {"--hex"});
 
+// Throws where the driver does not publish the layout of the record that the arguments describe.
+void RequirePublishedLayout(const char *arguments);
 // The bytes that --hex or --file gives. Throws when neither is given, or when they are not `size` bytes
 // (0: any number).
 Bytes GivenBytes(const Arguments &arguments, size_t size);

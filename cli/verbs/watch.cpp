@@ -1,4 +1,4 @@
-// Repeating a reading verb, and showing what has changed.
+// Repeats a verb that reads, and shows what has changed.
 #include "cli/verbs/watch.h"
 
 #include <csignal>
@@ -15,7 +15,7 @@ namespace vsctl {
 
 namespace {
 
-// What tells one row from the others.
+// The keys whose values identify a row.
 constexpr const char *NAME_KEYS[] = {"switch", "portset", "port",    "uplink", "lag",  "address", "vlan",
                                      "kind",   "group",   "session", "option", "part", "item"};
 
@@ -88,7 +88,7 @@ void ShowChanges(const std::string &title, const Json &changes, bool json)
 
 volatile sig_atomic_t interrupted = 0;
 
-// Sleeps; false when the user has had enough, or nobody reads any more.
+// Sleeps. Returns false when a signal has arrived, or when the reader of the output has gone.
 bool Pause(double seconds)
 {
     pollfd out{STDOUT_FILENO, 0, 0};
@@ -132,10 +132,10 @@ Result Watch(const Verb &, const Arguments &arguments)
     Json before;
     for (uint32_t round = 0; times == 0 || round < times; round++) {
         if (round && !Pause(interval)) break;
-        if (round) LibraryInit(); // the cache need not follow what others change
+        if (round) LibraryInit(); // reload the cache, which may miss changes by other processes
         Result now = verb.run(verb, watched);
         if (!now.text.empty())
-            throw Error(Exit::USAGE, verb.Title() + " prints a text, which cannot be watched");
+            throw Error(Exit::USAGE, verb.Title() + " prints a text", "watch takes a verb that prints rows");
         if (now.planOnly)
             Change(verb.Title(), now, options);
         else if (!now.steps.empty())
