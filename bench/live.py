@@ -186,8 +186,8 @@ class Pair:
         switch.plug(interfaces)
         self.a.run("ping", "-q", "-c", "1", "-w", PATIENCE, self.address)
 
-    def traffic(self, what):
-        return float(run(BUILD / "bench/live_traffic", what, self.a.file, self.b.file, self.address, SECONDS))
+    def traffic(self, what, where):
+        return float(run(BUILD / "bench/live_traffic", what, self.a.file, self.b.file, where, SECONDS))
 
     def throughput(self):
         server = subprocess.Popen(["nsenter", f"--net={self.b.file}", "iperf3", "-s", "-1", "-A", "1"],
@@ -198,8 +198,8 @@ class Pair:
         return done["end"]["sum_received"]["bits_per_second"]
 
     def measure(self):
-        return {"TCP": self.throughput(), "packets": self.traffic("packets"), "tcp": self.traffic("tcp"),
-                "udp": self.traffic("udp")}
+        return {"TCP": self.throughput(), "frames": self.traffic("frames", "eth0"),
+                "tcp": self.traffic("tcp", self.address), "udp": self.traffic("udp", self.address)}
 
 
 # ---- Tables ----
@@ -265,7 +265,7 @@ def measure_pairs(switches):
     results = in_turn(pairs, Pair.measure)
     table = Table("Two ports on one switch")
     for what, unit, title, goals in (("TCP", "bit/s", "TCP, one stream", (">= 1", ">= 2")),
-                                     ("packets", "pkt/s", "packets of 60 bytes", (">= 1", ">= 2")),
+                                     ("frames", "/s", "frames of 60 bytes", (">= 1", ">= 2")),
                                      ("tcp", "ns", "round trip of one byte, TCP", ("<= 1", "<= 0.1")),
                                      ("udp", "ns", "round trip of one byte, UDP", ("<= 1", "<= 0.1"))):
         for peer, goal in zip((bridge, ovs), goals):

@@ -1,7 +1,7 @@
 // Traffic between two network namespaces, sent and received by one process. Each run prints one number.
 //
 //   live_traffic tcp|udp SENDER RECEIVER ADDRESS SECONDS      nanoseconds for one byte there and back
-//   live_traffic packets SENDER RECEIVER ADDRESS SECONDS      packets of 60 bytes received in a second
+//   live_traffic frames SENDER RECEIVER INTERFACE SECONDS     frames of 60 bytes received in a second
 //   live_traffic flood SENDER RECEIVER INTERFACE FRAMES PORTS nanoseconds for one broadcast frame to PORTS
 //   ports
 //
@@ -22,6 +22,7 @@
 #include <sched.h>
 #include <string>
 #include <string_view>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -33,7 +34,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint16_t PORT = 9000;
 constexpr unsigned BATCH = 64;
-constexpr size_t PAYLOAD = 18; // a packet of 60 bytes, the shortest one of Ethernet
 constexpr timeval PATIENCE = {10, 0};
 
 void Require(bool fine, const char *what)
@@ -82,7 +82,7 @@ template<typename Address> const sockaddr *Any(const Address &address)
 struct Sides {
     const char *sender;
     const char *receiver;
-    const char *address;
+    const char *address; // or the interface of the same name on both sides
     double seconds;
 };
 
@@ -158,25 +158,40 @@ void MeasureRoundTrips(const Sides &sides, int type)
     receiver.join();
 }
 
-// ---- Small packets ----
+// ---- Frames ----
 
-class Batch {
-public:
-    Batch()
-    {
-        for (unsigned i = 0; i < BATCH; i++) {
-            part = {bytes.data(), bytes.size()};
-            messages[i].msg_hdr.msg_iov = &part;
-            messages[i].msg_hdr.msg_iovlen = 1;
-        }
-    }
-    void Send(int socket) { sendmmsg(socket, messages.data(), BATCH, 0); }
+constexpr size_t SHORTEST = 60; // without the checksum of the frame
 
-private:
-    std::array<char, PAYLOAD> bytes = {};
-    iovec part;
-    std::array<mmsghdr, BATCH> messages = {};
-};
+using Frame = std::array<unsigned char, SHORTEST>;
+
+ifreq AddressOfInterface(const char *interface)
+{
+    ifreq request = {};
+    strncpy(request.ifr_name, interface, sizeof(request.ifr_name) - 1);
+    Require(ioctl(MakeSocket(AF_INET, SOCK_DGRAM), SIOCGIFHWADDR, &request) == 0, interface);
+    return request;
+}
+
+// Of an EtherType that no receiver knows, so that what receiving costs counts for little.
+Frame MakeFrame(const void *destination, const char *interface)
+{
+    Frame frame = {};
+    memcpy(frame.data(), destination, 6);
+    memcpy(frame.data() + 6, AddressOfInterface(interface).ifr_hwaddr.sa_data, 6);
+    frame[12] = 0x88;
+    frame[13] = 0xb5; // for local experiments
+    return frame;
+}
+
+int MakeFrameSender(const char *interface)
+{
+    const int sender = MakeSocket(AF_PACKET, SOCK_RAW);
+    sockaddr_ll address = {};
+    address.sll_family = AF_PACKET;
+    address.sll_ifindex = static_cast<int>(if_nametoindex(interface));
+    Require(address.sll_ifindex != 0 && bind(sender, Any(address), sizeof(address)) == 0, interface);
+    return sender;
+}
 
 // Packets that the interfaces of this thread's namespace have received.
 uint64_t ReceivedHere()
@@ -192,19 +207,24 @@ uint64_t ReceivedHere()
     return sum;
 }
 
-// Nobody reads the packets from the receiver's socket, so that the reader's time counts for nothing.
-void MeasurePackets(const Sides &sides)
+void MeasureFrames(const Sides &sides)
 {
     Enter(sides.receiver);
-    MakeReceiver(sides, SOCK_DGRAM);
+    const ifreq receiver = AddressOfInterface(sides.address);
     Enter(sides.sender);
-    const int sender = MakeSender(sides, SOCK_DGRAM);
-    Batch batch;
+    const int sender = MakeFrameSender(sides.address);
+    Frame frame = MakeFrame(receiver.ifr_hwaddr.sa_data, sides.address);
+    iovec part = {frame.data(), frame.size()};
+    std::array<mmsghdr, BATCH> batch = {};
+    for (mmsghdr &message : batch) {
+        message.msg_hdr.msg_iov = &part;
+        message.msg_hdr.msg_iovlen = 1;
+    }
     Enter(sides.receiver);
     const uint64_t before = ReceivedHere();
     const auto begin = Clock::now();
     while (Nanoseconds(Clock::now() - begin) < sides.seconds * 1e9)
-        batch.Send(sender);
+        sendmmsg(sender, batch.data(), BATCH, 0);
     const auto count = static_cast<double>(ReceivedHere() - before);
     printf("%.0f\n", count / (Nanoseconds(Clock::now() - begin) / 1e9));
 }
@@ -217,27 +237,12 @@ struct Flood {
     uint64_t ports;
 };
 
-int MakeFlooder(const Flood &flood)
-{
-    const int sender = MakeSocket(AF_PACKET, SOCK_RAW);
-    sockaddr_ll address = {};
-    address.sll_family = AF_PACKET;
-    address.sll_ifindex = static_cast<int>(if_nametoindex(flood.sides.address));
-    Require(address.sll_ifindex != 0 && bind(sender, Any(address), sizeof(address)) == 0,
-            flood.sides.address);
-    return sender;
-}
-
 void MeasureFlood(const Flood &flood)
 {
     Enter(flood.sides.sender);
-    const int sender = MakeFlooder(flood);
+    const int sender = MakeFrameSender(flood.sides.address);
+    const Frame frame = MakeFrame("\xff\xff\xff\xff\xff\xff", flood.sides.address);
     Enter(flood.sides.receiver);
-    std::array<unsigned char, 60> frame = {};
-    memset(frame.data(), 0xff, 6);
-    frame[6] = 2;
-    frame[12] = 0x88;
-    frame[13] = 0xb5; // a local experiment's EtherType
     const uint64_t expected = ReceivedHere() + flood.frames * flood.ports;
     const auto begin = Clock::now();
     for (uint64_t i = 0; i < flood.frames; i++)
@@ -260,10 +265,10 @@ void MeasureFlood(const Flood &flood)
 int main(int count, char **arguments)
 {
     const std::string_view what = count > 1 ? arguments[1] : "";
-    if (count == 6 && (what == "tcp" || what == "udp" || what == "packets")) {
+    if (count == 6 && (what == "tcp" || what == "udp" || what == "frames")) {
         const Sides sides = {arguments[2], arguments[3], arguments[4], atof(arguments[5])};
-        if (what == "packets")
-            MeasurePackets(sides);
+        if (what == "frames")
+            MeasureFrames(sides);
         else
             MeasureRoundTrips(sides, what == "tcp" ? SOCK_STREAM : SOCK_DGRAM);
         return 0;
@@ -274,7 +279,8 @@ int main(int count, char **arguments)
                       strtoull(arguments[6], nullptr, 10)});
         return 0;
     }
-    fputs("usage: live_traffic tcp|udp|packets SENDER RECEIVER ADDRESS SECONDS\n"
+    fputs("usage: live_traffic tcp|udp SENDER RECEIVER ADDRESS SECONDS\n"
+          "       live_traffic frames SENDER RECEIVER INTERFACE SECONDS\n"
           "       live_traffic flood SENDER RECEIVER INTERFACE FRAMES PORTS\n",
           stderr);
     return 2;
