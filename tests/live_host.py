@@ -136,6 +136,8 @@ def portset_input(name):
 class LiveHost(unittest.TestCase):
     """A directory and, once it is started, a vshostd of each test's own."""
 
+    OPTIONS = ()  # of vshostd
+
     def setUp(self):
         if OBSTACLE and os.environ.get("VSWITCHCTL_REQUIRE_LIVE"):
             self.fail(f"the machine can't run live tests: {OBSTACLE}")
@@ -160,7 +162,7 @@ class LiveHost(unittest.TestCase):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as ready:
             ready.bind(name)
             ready.settimeout(LONGEST_WAIT)
-            self.daemon = subprocess.Popen([VSHOSTD, "--state", self.directory], stderr=self.log,
+            self.daemon = subprocess.Popen([VSHOSTD, "--state", self.directory, *self.OPTIONS], stderr=self.log,
                                            env={**os.environ, "NOTIFY_SOCKET": name})
             try:
                 self.assertEqual(ready.recv(100), b"READY=1")

@@ -50,7 +50,7 @@ int Initialize(int fd, const std::string &boot)
 
 // 0 when the file is sound, or was made so by clearing it; otherwise an errno value. The file is memory and
 // ends with the machine's: whatever a disk has kept of it from before the machine's start is cleared.
-int PrepareLocked(int fd)
+int PrepareLocked(int fd, const std::string &directory)
 {
     const std::string boot = BootId();
     std::string block(sizeof(ControlBlock), '\0');
@@ -61,20 +61,24 @@ int PrepareLocked(int fd)
     if (magic != 0 && magic != MAGIC) return EUCLEAN;
     const bool current = block.substr(offsetof(ControlBlock, boot), BOOT_SIZE).c_str() == boot;
     const bool whole = static_cast<size_t>(length) == sizeof(ControlBlock) && magic != 0;
-    return whole && current ? 0 : Initialize(fd, boot); // not whole: the process that made it died half-way
+    if (whole && current) return 0;
+    // A live host ends with the machine too. A file that is not whole was left by a process that died
+    // half-way.
+    if (whole) unlink((directory + "/" + SOCKET_FILE).c_str());
+    return Initialize(fd, boot);
 }
 
-int Prepare(int fd)
+int Prepare(int fd, const std::string &directory)
 {
     LockFile(fd, LOCK_EX);
-    const int error = PrepareLocked(fd);
+    const int error = PrepareLocked(fd, directory);
     flock(fd, LOCK_UN);
     return error;
 }
 
-int PrepareAndMap(int fd, ControlBlock *&block)
+int PrepareAndMap(int fd, const std::string &directory, ControlBlock *&block)
 {
-    if (int error = Prepare(fd)) return error;
+    if (int error = Prepare(fd, directory)) return error;
     void *memory = mmap(nullptr, sizeof(ControlBlock), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (memory == MAP_FAILED) return errno;
     block = static_cast<ControlBlock *>(memory);
@@ -112,7 +116,7 @@ VsStatus Control::Open(const std::string &directory, std::unique_ptr<Control> &c
     const int fd = OpenKeptFile(path, O_RDWR | O_CREAT);
     if (fd < 0) return Refuse(path, errno, message);
     ControlBlock *block = nullptr;
-    if (int error = PrepareAndMap(fd, block)) {
+    if (int error = PrepareAndMap(fd, directory, block)) {
         close(fd);
         return Refuse(path, error, message);
     }

@@ -10,7 +10,6 @@
 #include "platform/host/database_file.h"
 #include "platform/host/files.h"
 #include "platform/host/guard.h"
-#include "platform/host/live_link.h"
 
 namespace vshost {
 
@@ -123,9 +122,28 @@ VsStatus Engine::Write(const Work &work)
         else
             Lead(lock);
     }
-    lock.unlock();
-    if (write.status == STATUS_OK) AwaitFollower(directory);
     return write.status;
+}
+
+void Engine::BeginBulk()
+{
+    std::lock_guard lock(queueMutex);
+    bulks++;
+}
+
+void Engine::EndBulk()
+{
+    std::unique_lock lock(queueMutex);
+    while (leading)
+        finished.wait(lock);
+    if (bulks == 0 || --bulks > 0 || !link) return;
+    leading = true;
+    lock.unlock();
+    link->Publish();
+    link.reset();
+    lock.lock();
+    leading = false;
+    finished.notify_all();
 }
 
 // Waits for the file's lock, then commits all writes that are queued by then.
@@ -163,11 +181,33 @@ void Engine::Commit(const Batch &batch)
     if (counters.changes % 2 != 0) counters.changes++;
     if (counters.commits % 2 != 0) counters.commits++;
     if (status == STATUS_OK) RememberPut();
+    PublishCommit();
+}
+
+// Under the file's lock, so that vshostd has to do with one writer at a time. What is prepared and not
+// committed ends with the link.
+void Engine::PublishCommit()
+{
+    bool isBulk = false;
+    {
+        std::lock_guard lock(queueMutex);
+        isBulk = bulks > 0;
+    }
+    if (!link) return;
+    if (!committed)
+        link->Forget();
+    else if (isBulk)
+        link->Postpone();
+    else
+        link->Publish();
+    if (!isBulk) link.reset();
 }
 
 VsStatus Engine::CommitLocked(const Batch &batch)
 {
     put = {};
+    committed = false;
+    if (!link && IsLive(directory)) link = std::make_unique<LiveLink>(directory);
     if (VsStatus status = Connect(writer)) return status;
     if (VsStatus status = writer->Run(Connection::BEGIN)) return Checked(*writer, status);
     bool anything = false;
@@ -178,16 +218,20 @@ VsStatus Engine::CommitLocked(const Batch &batch)
     }
     if (!anything) return writer->Run(Connection::ROLLBACK);
     if (counters.commits % 2 == 0) counters.commits++;
-    return Checked(*writer, writer->Run(Connection::COMMIT));
+    const VsStatus status = Checked(*writer, writer->Run(Connection::COMMIT));
+    committed = status == STATUS_OK;
+    return status;
 }
 
 // If several writes share the commit, each has a savepoint: a failed write then undoes only its own changes.
 void Engine::RunOne(QueuedWrite &write, bool alone)
 {
     if (!alone && (write.status = writer->Run(Connection::SAVE))) return;
-    Transaction transaction(*writer, counters.changes);
+    RowChanges rows;
+    Transaction transaction(*writer, counters.changes, link ? &rows : nullptr);
     write.status = Guard([&] { return (*write.work)(transaction); });
     if (VsStatus failure = transaction.Failure()) write.status = failure;
+    if (link && write.status == STATUS_OK) write.status = link->Prepare(rows);
     Checked(*writer, write.status);
     put = alone && write.status == STATUS_OK ? std::move(transaction.LastPut()) : Entry{};
     if (alone || !writer->InTransaction()) return;
@@ -198,6 +242,8 @@ void Engine::RunOne(QueuedWrite &write, bool alone)
 void Engine::AbandonAfterFork()
 {
     ForgetParentsFiles();
+    link.reset();
+    bulks = 0;
     Abandon(reader);
     Abandon(writer);
     if (lockFd >= 0) close(lockFd); // a lock of this descriptor would be the parent's too

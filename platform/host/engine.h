@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/host/live_link.h"
 #include "platform/host/status.h"
 #include "platform/host/transaction.h"
 
@@ -40,6 +41,11 @@ public:
     // commit, so `work` may run on another thread while this one waits.
     VsStatus Write(const Work &work);
 
+    // Within a bulk the writes of this process are stored one by one, and a live host forwards by all of them
+    // when the last bulk ends.
+    void BeginBulk();
+    void EndBulk();
+
     // For a forked child, while no thread is inside: neither uses nor closes the parent's connections, and
     // opens its own at the next call.
     void AbandonAfterFork();
@@ -60,6 +66,7 @@ private:
     void Commit(const Batch &batch);
     VsStatus CommitLocked(const Batch &batch);
     void RunOne(QueuedWrite &write, bool alone);
+    void PublishCommit();
     void RememberRead(std::string_view key, std::string_view value, uint64_t commits);
     void RememberPut();
 
@@ -79,6 +86,9 @@ private:
     std::condition_variable finished;
     Batch queue;
     bool leading = false;
+    uint32_t bulks = 0;
+    std::unique_ptr<LiveLink> link;     // the leader's; stays for a bulk
+    bool committed = false;             // the leader's
     std::unique_ptr<Connection> writer; // the leader's
     Entry put;                          // the leader's: the last put of a batch that is a single write
     int lockFd = -1;                    // the leader's

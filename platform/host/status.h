@@ -15,6 +15,7 @@ inline constexpr VsStatus STATUS_EXISTS = 0x0BAD0005;
 inline constexpr VsStatus STATUS_TOO_LARGE = 0x0BAD0006;
 inline constexpr VsStatus STATUS_BAD_PARAM = 0x0BAD0007;
 inline constexpr VsStatus STATUS_IO_ERROR = 0x0BAD0008;
+inline constexpr VsStatus STATUS_BUSY = 0x0BAD0004; // vshostd doesn't answer
 inline constexpr VsStatus STATUS_NO_MEMORY = 0x0BAD0014;
 inline constexpr VsStatus STATUS_NO_SPACE = 0x0BAD001A;
 inline constexpr VsStatus STATUS_READ_ONLY = 0x0BAD0022;
@@ -54,6 +55,8 @@ constexpr int ErrnoOf(VsStatus status, int absent = ENOENT)
         return ENOSPC;
     case STATUS_READ_ONLY:
         return EROFS;
+    case STATUS_BUSY:
+        return EBUSY;
     default:
         return EIO;
     }

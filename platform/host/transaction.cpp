@@ -4,9 +4,15 @@
 
 namespace vshost {
 
-Transaction::Transaction(Connection &connection, std::atomic<uint64_t> &changes)
-    : connection(connection), changes(changes)
+Transaction::Transaction(Connection &connection, std::atomic<uint64_t> &changes, RowChanges *rows)
+    : connection(connection), changes(changes), rows(rows)
 {}
+
+void Transaction::NotePut(std::string_view key, std::string_view value)
+{
+    lastPut = {std::string(key), std::string(value)};
+    if (rows) (*rows)[lastPut.key] = lastPut.value;
+}
 
 VsStatus Transaction::KeepFailure(VsStatus status)
 {
@@ -26,19 +32,20 @@ VsStatus Transaction::Scan(std::string_view prefix, const Visit &visit, Order or
 
 VsStatus Transaction::Put(std::string_view key, std::string_view value)
 {
-    lastPut = {std::string(key), std::string(value)};
+    NotePut(key, value);
     return KeepFailure(connection.Put(key, value));
 }
 
 VsStatus Transaction::Add(std::string_view key, std::string_view value)
 {
-    lastPut = {std::string(key), std::string(value)};
+    NotePut(key, value);
     return KeepFailure(connection.Put(key, value, Connection::ADD));
 }
 
 VsStatus Transaction::Remove(std::string_view key)
 {
     lastPut.key.clear();
+    if (rows) (*rows)[std::string(key)].reset();
     return KeepFailure(connection.Run(Connection::REMOVE, key));
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/host/row_changes.h"
 #include "platform/host/status.h"
 
 namespace vshost {
@@ -46,7 +47,8 @@ struct Entry {
 // transaction is undone, whatever the work returns.
 class Transaction : public Reader {
 public:
-    Transaction(Connection &connection, std::atomic<uint64_t> &changes);
+    // `rows` gets what changes, unless it is null.
+    Transaction(Connection &connection, std::atomic<uint64_t> &changes, RowChanges *rows = nullptr);
 
     VsStatus Get(std::string_view key, std::string &value) override;
     VsStatus Scan(std::string_view prefix, const Visit &visit, Order order = Order::FORWARD) override;
@@ -65,9 +67,11 @@ public:
 
 private:
     VsStatus KeepFailure(VsStatus status);
+    void NotePut(std::string_view key, std::string_view value);
 
     Connection &connection;
     std::atomic<uint64_t> &changes;
+    RowChanges *const rows;
     VsStatus failure = STATUS_OK;
     Entry lastPut;
 };

@@ -14,7 +14,8 @@
  *   EINVAL   an inLength that the command doesn't accept, a name without a NUL, a value out of range
  *   ENOENT   no such portset or switch, multicast group, mirror session, MAC entry or option
  *   ENODEV   no such uplink on that portset (or on the host), or no such port
- *   ENOSPC   a table is full
+ *   ENOSPC   a table is full, or the data path of a live host
+ *   EBUSY    the daemon of a live host, which must follow a change, has not answered for 5 seconds
  *   ENOTTY   no such command
  *   EIO      the host's database can't be read or written
  */

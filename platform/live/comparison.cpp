@@ -172,8 +172,8 @@ void Comparison::CompareFilters()
     const std::set<uint32_t> programs = ProgramsOf(pins);
     std::set<uint32_t> wanted;
     for (const auto &[switchId, ports] : ReadWanted(engine, plugs, links))
-        for (const auto &[portId, ifindex] : ports)
-            wanted.insert(ifindex);
+        for (const auto &[portId, plugged] : ports)
+            wanted.insert(plugged.ifindex);
     for (const auto &[ifindex, link] : links.All()) {
         uint32_t program = 0;
         const bool hasFilter = QueryFilter(ifindex, program) == 0;

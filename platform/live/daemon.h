@@ -4,11 +4,13 @@
 #include <string>
 
 #include "platform/live/device.h"
+#include "platform/live/kernel_part.h"
 
 namespace live {
 
 struct DaemonOptions {
     std::string directory; // of the host
+    Capacity capacity;
     DeviceConnection devices;
     int requests = -1; // a socket that listens
     int ready = -1;    // a pipe: one byte says that the daemon works

@@ -8,6 +8,7 @@
 #include "platform/host/files.h"
 #include "platform/live/daemon.h"
 #include "platform/live/filter.h"
+#include "platform/live/overlay.h"
 
 namespace live {
 namespace {
@@ -43,6 +44,15 @@ bool IsSameLink(const Nic &a, const Nic &b)
            a.speed == b.speed && a.numaNode == b.numaNode;
 }
 
+void ReplacePorts(SwitchConfig &config, const std::vector<PortConfig> &changed)
+{
+    std::map<uint32_t, const PortConfig *> byNumber;
+    for (const PortConfig &port : changed)
+        byNumber[port.number] = &port;
+    for (PortConfig &port : config.ports)
+        if (const auto found = byNumber.find(port.number); found != byNumber.end()) port = *found->second;
+}
+
 std::string Describe(const Plug &plug)
 {
     if (plug.IsNic()) return "is a NIC of this host";
@@ -61,11 +71,12 @@ void Forwarder::Complain(const std::string &subject, const std::string &text)
     Say("%s: %s", subject.c_str(), text.c_str());
 }
 
-bool Forwarder::Start(const std::string &bpffs, std::string &message)
+bool Forwarder::Start(const Place &place, std::string &message)
 {
     if (!links.Open(message)) return false;
     LoadOptions options;
-    options.bpffs = bpffs;
+    options.bpffs = place.bpffs;
+    options.capacity = place.capacity;
     options.identity = HOST_IDENTITY;
     if (path.Open(options)) {
         message = path.Message() + "; a live host needs a kernel from 5.17 on that permits bpf";
@@ -93,6 +104,12 @@ void Forwarder::FollowStore()
 {
     ReadPlugs();
     Apply();
+}
+
+void Forwarder::CollectWrites()
+{
+    scribe.Collect();
+    if (std::exchange(mustFollow, false)) FollowStore();
 }
 
 void Forwarder::FollowLinks()
@@ -196,31 +213,50 @@ void Forwarder::ReadPlugs()
     std::erase_if(nics, [&](const auto &nic) { return !plugs.contains(nic.first); });
 }
 
+// Everything that the store holds is published after it, and nothing is left to be published of it.
 void Forwarder::Apply()
 {
+    preparation.reset();
+    postponed = {};
     for (const auto &[interface, plug] : plugs)
         if (plug.IsNic()) SyncNic(interface);
-    PublishAll(ReadWanted(engine, plugs, links));
+    wanted = ReadWanted(engine, plugs, links);
+    PublishAll();
     ForgetLostLinks();
     for (const auto &[interface, plug] : std::exchange(released, {}))
         if (!plugs.contains(interface)) PutBack(interface, plug);
 }
 
-void Forwarder::PutNic(const std::string &name, const Nic &nic)
+// Stores the NIC if its record still is as it was read; otherwise that is to be followed first.
+void Forwarder::PutNic(const std::string &name, const std::string &read, const Nic &nic)
 {
-    const VsStatus status =
-        engine.Write([&](Transaction &transaction) { return vshost::PutNic(transaction, name, nic); });
-    if (status) return Complain(name, "the state of the NIC can't be stored");
-    nics[name] = nic;
+    if (!pending.insert(name).second) return;
+    const auto put = [name, read, nic](Transaction &transaction) -> VsStatus {
+        std::string present;
+        const VsStatus status = transaction.Get(runtime::NicKey(name), present);
+        if (status && status != STATUS_NOT_FOUND) return status;
+        return present == read ? vshost::PutNic(transaction, name, nic) : STATUS_EXISTS;
+    };
+    scribe.Post(put, [this, name, nic](VsStatus status) {
+        pending.erase(name);
+        mustFollow = true;
+        if (status == STATUS_OK)
+            nics[name] = nic;
+        else if (status != STATUS_EXISTS)
+            Complain(name, "the state of the NIC can't be stored");
+    });
 }
 
 // What changed in the record is a wish; otherwise the interface decides.
 void Forwarder::SyncNic(const std::string &name)
 {
     Nic nic;
+    std::string record;
+    if (pending.contains(name)) return;
     const Link *link = links.Find(name);
-    const VsStatus status = GetRecord(engine, runtime::NicKey(name), nic);
-    if (status == STATUS_NOT_FOUND) return PutNic(name, WithLink({}, link));
+    VsStatus status = engine.Get(runtime::NicKey(name), record);
+    if (status == STATUS_NOT_FOUND) return PutNic(name, {}, WithLink({}, link));
+    if (!status && !DecodeRecord(record, nic)) status = STATUS_IO_ERROR;
     if (status) return Complain(name, "the state of the NIC can't be read");
     const auto seen = nics.find(name);
     const Nic last = seen != nics.end() ? seen->second : WithLink(nic, link);
@@ -236,7 +272,168 @@ void Forwarder::SyncNic(const std::string &name)
     if (IsSameLink(real, nic))
         nics[name] = nic;
     else
-        PutNic(name, real);
+        PutNic(name, record, real);
+}
+
+// ---- Preparing ----
+
+VsStatus Forwarder::Prepare(RowChanges rows)
+{
+    preparation = std::make_unique<Preparation>();
+    preparation->rows = std::move(rows);
+    preparation->touched = FindTouched(engine, preparation->rows);
+    Overlay reader(engine, preparation->rows);
+    const VsStatus status = PrepareTouched(reader, *preparation);
+    refusal.clear();
+    if (status == STATUS_OK) return STATUS_OK;
+    refusal = path.Message();
+    preparation.reset();
+    Say("a write is refused: %s", refusal.c_str());
+    return status;
+}
+
+// STATUS_OK unless the data path has no room. What cannot be prepared for another reason is published by
+// following the store as a whole.
+VsStatus Forwarder::PrepareTouched(Reader &reader, Preparation &prepared)
+{
+    if (prepared.touched.all) return PrepareAll(reader, prepared);
+    std::set<std::string> switchIds = prepared.touched.switches;
+    for (const auto &[switchId, portIds] : prepared.touched.ports)
+        switchIds.insert(switchId);
+    for (const std::string &switchId : switchIds) {
+        if (!wanted.contains(switchId)) continue;
+        const bool isWhole = prepared.touched.switches.contains(switchId) || !published.contains(switchId);
+        if (VsStatus status =
+                isWhole ? PrepareWhole(reader, switchId, prepared) : PreparePorts(reader, switchId, prepared))
+            return status;
+    }
+    return STATUS_OK;
+}
+
+VsStatus Forwarder::PrepareAll(Reader &reader, Preparation &prepared)
+{
+    Plugs present;
+    prepared.follows = true;
+    if (live::ReadPlugs(reader, present)) return STATUS_OK;
+    for (const auto &[switchId, ports] : ReadWanted(reader, present, links)) {
+        SwitchConfig config;
+        if (ReadSwitchConfig(reader, switchId, ports, config)) continue;
+        if (VsStatus status = PrepareConfig(config, prepared)) return status;
+    }
+    return STATUS_OK;
+}
+
+VsStatus Forwarder::PrepareWhole(Reader &reader, const std::string &switchId, Preparation &prepared)
+{
+    SwitchConfig config;
+    if (ReadSwitchConfig(reader, switchId, wanted.at(switchId), config)) {
+        prepared.follows = true; // it doesn't run
+        return STATUS_OK;
+    }
+    return PrepareConfig(config, prepared);
+}
+
+VsStatus Forwarder::PreparePorts(Reader &reader, const std::string &switchId, Preparation &prepared)
+{
+    const SwitchConfig &known = published.at(switchId);
+    std::vector<PortConfig> changed;
+    for (const std::string &portId : prepared.touched.ports.at(switchId)) {
+        uint32_t number = 0;
+        if (!wanted.at(switchId).contains(portId)) continue;
+        if (GetPortNumber(reader, switchId, portId, number)) return PrepareWhole(reader, switchId, prepared);
+        const auto place = std::find_if(known.ports.begin(), known.ports.end(),
+                                        [&](const PortConfig &port) { return port.number == number; });
+        if (place == known.ports.end()) return PrepareWhole(reader, switchId, prepared);
+        PortConfig port = *place;
+        VsStatus status = ReadPortPolicies(reader, {switchId, portId}, port);
+        if (!status && prepared.ReadsAddresses())
+            status = ReadPortAddresses(reader, {switchId, portId}, port);
+        if (status) return PrepareWhole(reader, switchId, prepared);
+        if (port != *place) changed.push_back(std::move(port));
+    }
+    if (changed.empty()) return STATUS_OK;
+    if (changed.size() > 1) {
+        SwitchConfig config = known;
+        ReplacePorts(config, changed);
+        return PrepareConfig(config, prepared);
+    }
+    prepared.changes.push_back(std::make_unique<Change>());
+    prepared.ports[switchId] = changed[0];
+    return Judge(path.PreparePort(changed[0], *prepared.changes.back()), prepared);
+}
+
+VsStatus Forwarder::PrepareConfig(const SwitchConfig &config, Preparation &prepared)
+{
+    const auto known = published.find(config.id);
+    if (known != published.end() && IsSame(known->second, config)) return STATUS_OK;
+    prepared.changes.push_back(std::make_unique<Change>());
+    prepared.configs[config.id] = config;
+    return Judge(path.PrepareSwitch(config, *prepared.changes.back()), prepared);
+}
+
+VsStatus Forwarder::Judge(VsStatus status, Preparation &prepared)
+{
+    if (status == STATUS_NO_SPACE || status == STATUS_NO_MEMORY) return STATUS_NO_SPACE;
+    if (status) prepared.follows = true; // an interface that goes from one switch to another, for example
+    return STATUS_OK;
+}
+
+// Only the store says what the data path obeys, whatever a writer has told.
+bool Forwarder::IsStored(const RowChanges &rows)
+{
+    std::string value;
+    return std::all_of(rows.begin(), rows.end(), [&](const auto &row) {
+        const VsStatus status = engine.Get(row.first, value);
+        return row.second ? status == STATUS_OK && value == *row.second : status == STATUS_NOT_FOUND;
+    });
+}
+
+void Forwarder::Publish()
+{
+    const std::unique_ptr<Preparation> prepared = std::move(preparation);
+    if (prepared && !prepared->follows && IsStored(prepared->rows)) return PublishPrepared(*prepared);
+    if (!prepared && !postponed.IsEmpty() && !postponed.all) return PublishPostponed();
+    if (prepared) prepared->changes.clear();
+    FollowStore();
+}
+
+void Forwarder::Postpone()
+{
+    if (preparation)
+        postponed.Add(preparation->touched);
+    else
+        postponed.all = true;
+    preparation.reset();
+}
+
+void Forwarder::Abandon()
+{
+    preparation.reset();
+    FollowStore();
+}
+
+void Forwarder::PublishPostponed()
+{
+    Preparation prepared;
+    prepared.touched = std::exchange(postponed, {});
+    const VsStatus status = PrepareTouched(engine, prepared);
+    if (!status && !prepared.follows) return PublishPrepared(prepared);
+    prepared.changes.clear();
+    FollowStore();
+}
+
+void Forwarder::PublishPrepared(Preparation &prepared)
+{
+    std::vector<Change *> changes;
+    for (const auto &change : prepared.changes)
+        changes.push_back(change.get());
+    if (changes.empty()) return;
+    path.Publish(changes);
+    for (auto &[switchId, config] : prepared.configs)
+        published[switchId] = std::move(config);
+    for (auto &[switchId, port] : prepared.ports)
+        ReplacePorts(published[switchId], {port});
+    if (!prepared.configs.empty()) ForgetLostLinks();
 }
 
 // ---- Publishing ----
@@ -260,7 +457,7 @@ void Forwarder::RemoveSwitch(const std::string &switchId)
 }
 
 // An interface may go from one switch to another, so those that give it up come first.
-void Forwarder::PublishAll(const Wanted &wanted)
+void Forwarder::PublishAll()
 {
     std::vector<SwitchConfig> configs;
     HostConfig host;
@@ -273,7 +470,7 @@ void Forwarder::PublishAll(const Wanted &wanted)
         else if (status != STATUS_NOT_FOUND)
             return Complain("switch " + switchId, "its policies can't be read; it forwards as before");
     }
-    DetachUnwanted(wanted);
+    DetachUnwanted();
     for (const std::string &switchId : path.SwitchIds())
         if (std::none_of(configs.begin(), configs.end(),
                          [&](const auto &config) { return config.id == switchId; }))
@@ -284,17 +481,17 @@ void Forwarder::PublishAll(const Wanted &wanted)
     for (const SwitchConfig *config : refused)
         if (!PublishSwitch(*config))
             Complain("switch " + config->id, path.Message() + "; it forwards as before");
-    AttachAll(wanted);
+    AttachAll();
     for (const SwitchConfig &config : configs)
         if (published.contains(config.id)) SetUp(config);
 }
 
-void Forwarder::DetachUnwanted(const Wanted &wanted)
+void Forwarder::DetachUnwanted()
 {
     std::set<uint32_t> present;
     for (const auto &[switchId, ports] : wanted)
-        for (const auto &[portId, ifindex] : ports)
-            present.insert(ifindex);
+        for (const auto &[portId, plugged] : ports)
+            present.insert(plugged.ifindex);
     std::erase_if(attached, [&](uint32_t ifindex) {
         if (!links.All().contains(ifindex)) return true;
         if (present.contains(ifindex)) return false;
@@ -305,12 +502,14 @@ void Forwarder::DetachUnwanted(const Wanted &wanted)
 
 // An interface whose switch doesn't run has the filter too, which drops its frames: they are not for the
 // machine's own stack.
-void Forwarder::AttachAll(const Wanted &wanted)
+void Forwarder::AttachAll()
 {
     for (const auto &[switchId, ports] : wanted)
-        for (const auto &[portId, ifindex] : ports) {
+        for (const auto &[portId, plugged] : ports) {
+            const uint32_t ifindex = plugged.ifindex;
             if (ifindex == 0 || attached.contains(ifindex)) continue;
-            if (NoteClsact(links.All().at(ifindex).name) && path.Attach(ifindex) == STATUS_OK)
+            if (!NoteClsact(links.All().at(ifindex).name)) continue;
+            if (path.Attach(ifindex) == STATUS_OK)
                 attached.insert(ifindex);
             else
                 Complain("port " + portId, path.Message());
@@ -320,10 +519,12 @@ void Forwarder::AttachAll(const Wanted &wanted)
 // What is to be put back is stored before it is changed.
 bool Forwarder::NoteClsact(const std::string &interface)
 {
-    Plug &plug = plugs.at(interface);
+    const Plug &plug = plugs.at(interface);
     if (plug.changes & PLUG_MADE_CLSACT || links.HasClsact(links.Find(interface)->ifindex)) return true;
-    plug.changes |= PLUG_MADE_CLSACT;
-    return !StorePlug(interface, plug).error;
+    Plug changed = plug;
+    changed.changes |= PLUG_MADE_CLSACT;
+    ChangePlug(interface, plug, changed);
+    return false;
 }
 
 // What plugging changes at an interface: its MTU, and that a NIC takes frames to any address.
@@ -333,13 +534,16 @@ void Forwarder::SetUp(const SwitchConfig &config)
         const Link *link = links.Find(interface);
         const auto isPort = [&](const PortConfig &port) { return link && port.ifindex == link->ifindex; };
         if (std::none_of(config.ports.begin(), config.ports.end(), isPort)) continue;
-        const Plug before = plug;
+        Plug changed = plug;
         const bool changesMtu = !plug.IsNic() && link->mtu != config.mtu;
         const bool changesMode = plug.IsNic() && !link->promiscuous;
-        if (changesMtu && plug.oldMtu == 0) plug.oldMtu = link->mtu;
-        if (changesMode) plug.changes |= PLUG_MADE_PROMISCUOUS;
+        if (changesMtu && plug.oldMtu == 0) changed.oldMtu = link->mtu;
+        if (changesMode) changed.changes |= PLUG_MADE_PROMISCUOUS;
         // What is to be put back is stored before it is changed.
-        if (memcmp(&before, &plug, sizeof(plug)) != 0 && StorePlug(interface, plug).error) continue;
+        if (memcmp(&changed, &plug, sizeof(plug)) != 0) {
+            ChangePlug(interface, plug, changed);
+            continue;
+        }
         if (changesMtu && links.SetMtu(link->ifindex, config.mtu) != 0)
             Complain(interface, "the interface refuses an MTU of " + std::to_string(config.mtu));
         if (changesMode && links.SetPromiscuous(link->ifindex, true) != 0)
@@ -390,19 +594,39 @@ void Forwarder::RemoveAll()
 
 // ---- Requests ----
 
-LiveAnswer Forwarder::Write(const std::string &interface, const Work &work)
+// Stores what plugging is about to change, and follows then.
+void Forwarder::ChangePlug(const std::string &interface, const Plug &from, const Plug &to)
 {
-    const VsStatus status = engine.Write(work);
-    if (!status) return {};
-    const std::string why =
-        status == STATUS_NO_SPACE ? "the disk is full" : "the host's database can't be written";
-    Complain(interface, why);
-    return {ErrnoOf(status), interface + ": " + why};
+    if (!pending.insert(interface).second) return;
+    const auto put = [interface, from, to](Transaction &transaction) -> VsStatus {
+        Plug present;
+        const VsStatus status = GetPlug(transaction, interface, present);
+        if (status) return status;
+        return memcmp(&present, &from, sizeof(from)) == 0 ? PutPlug(transaction, interface, to)
+                                                          : STATUS_EXISTS;
+    };
+    scribe.Post(put, [this, interface](VsStatus status) {
+        pending.erase(interface);
+        mustFollow = true;
+        if (status && status != STATUS_EXISTS && status != STATUS_NOT_FOUND)
+            Complain(interface, "what is changed at the interface can't be stored");
+    });
 }
 
-LiveAnswer Forwarder::StorePlug(const std::string &interface, const Plug &plug)
+void Forwarder::Write(const std::string &interface, const Work &work, const Reply &reply)
 {
-    return Write(interface, [&](Transaction &transaction) { return PutPlug(transaction, interface, plug); });
+    scribe.Post(work, [this, interface, reply](VsStatus status) {
+        if (!status) {
+            LogLinks();
+            return reply({});
+        }
+        std::string why = "the host's database can't be written";
+        if (status == STATUS_EXISTS)
+            why = "it, or the port, was plugged at the same moment; see `vshost show`";
+        if (status == STATUS_NO_SPACE) why = refusal.empty() ? "the disk is full" : refusal;
+        Complain(interface, why);
+        reply({ErrnoOf(status), interface + ": " + why});
+    });
 }
 
 LiveAnswer Forwarder::CheckInterface(const std::string &interface, bool keeps, Plug &plug)
@@ -428,17 +652,16 @@ LiveAnswer Forwarder::CheckInterface(const std::string &interface, bool keeps, P
                            interface + " ingress`"};
     if (!links.HasClsact(link->ifindex)) plug.changes |= PLUG_MADE_CLSACT;
     if (!keeps) SetField(plug.boot, BootId());
+    if (!links.HasClsact(link->ifindex)) plug.changes |= PLUG_MADE_CLSACT;
     return {};
 }
 
-LiveAnswer Forwarder::PlugPort(const std::string &switchName, const std::string &portId,
-                               const std::string &interface, bool keeps)
+LiveAnswer Forwarder::CheckPort(const std::string &switchName, const std::string &portId,
+                                const std::string &interface, Plug &plug)
 {
-    Plug plug;
     std::string switchId;
     uint32_t number = 0;
     std::vector<std::string> uplinks;
-    if (LiveAnswer refusal = CheckInterface(interface, keeps, plug); refusal.error) return refusal;
     if (FindSwitch(engine, switchName, switchId))
         return {ENOENT, "no switch " + switchName + "; list them with `vshost show`"};
     if (GetPortNumber(engine, switchId, portId, number))
@@ -453,47 +676,61 @@ LiveAnswer Forwarder::PlugPort(const std::string &switchName, const std::string 
                     "interface " + other + " is plugged to port " + portId + " already; unplug it first"};
     SetField(plug.switchId, switchId);
     SetField(plug.portId, portId);
-    const LiveAnswer refusal = StorePlug(interface, plug);
-    if (refusal.error) return refusal;
-    FollowStore();
-    LogLinks();
     return {};
 }
 
-LiveAnswer Forwarder::AddNic(const std::string &interface, bool keeps)
+void Forwarder::PlugPort(const PortPlace &place, const std::string &interface, bool keeps, const Reply &reply)
 {
     Plug plug;
-    Nic nic;
-    if (LiveAnswer refusal = CheckInterface(interface, keeps, plug); refusal.error) return refusal;
-    if (GetRecord(engine, runtime::NicKey(interface), nic) == STATUS_OK)
-        return {EEXIST, "the host has a NIC " + interface + " already; remove it with `vshost remove-nic " +
-                            interface + "`"};
-    nic = WithLink({}, links.Find(interface));
-    const LiveAnswer refusal = Write(interface, [&](Transaction &transaction) {
-        const VsStatus status = vshost::PutNic(transaction, interface, nic);
-        return status ? status : PutPlug(transaction, interface, plug);
-    });
-    if (refusal.error) return refusal;
-    FollowStore();
-    LogLinks();
-    return {};
+    LiveAnswer refused = CheckInterface(interface, keeps, plug);
+    if (!refused.error) refused = CheckPort(place.switchName, place.portId, interface, plug);
+    if (refused.error) return reply(refused);
+    // Another request may be written first.
+    const auto put = [interface, plug](Transaction &transaction) -> VsStatus {
+        std::vector<NamedPlug> present;
+        if (VsStatus status = ListPlugs(transaction, present)) return status;
+        for (const NamedPlug &other : present)
+            if (other.interface == interface || (FieldText(other.plug.switchId) == FieldText(plug.switchId) &&
+                                                 FieldText(other.plug.portId) == FieldText(plug.portId)))
+                return STATUS_EXISTS;
+        return PutPlug(transaction, interface, plug);
+    };
+    Write(interface, put, reply);
 }
 
-LiveAnswer Forwarder::Unplug(const std::string &interface, bool isNic)
+void Forwarder::AddNic(const std::string &interface, bool keeps, const Reply &reply)
+{
+    Plug plug;
+    Nic present;
+    const LiveAnswer refused = CheckInterface(interface, keeps, plug);
+    if (refused.error) return reply(refused);
+    if (GetRecord(engine, runtime::NicKey(interface), present) == STATUS_OK)
+        return reply({EEXIST, "the host has a NIC " + interface +
+                                  " already; remove it with `vshost remove-nic " + interface + "`"});
+    const Nic nic = WithLink({}, links.Find(interface));
+    const auto put = [interface, plug, nic](Transaction &transaction) -> VsStatus {
+        Plug other;
+        if (GetPlug(transaction, interface, other) == STATUS_OK) return STATUS_EXISTS;
+        const VsStatus status = vshost::PutNic(transaction, interface, nic);
+        return status ? status : PutPlug(transaction, interface, plug);
+    };
+    Write(interface, put, reply);
+}
+
+void Forwarder::Unplug(const std::string &interface, bool isNic, const Reply &reply)
 {
     ReadPlugs();
     const auto present = plugs.find(interface);
     if (present == plugs.end() || present->second.IsNic() != isNic)
-        return {ENOENT, "interface " + interface +
-                            (isNic ? " is not a NIC of this host" : " is not plugged to a port") +
-                            "; see `vshost show`"};
-    const LiveAnswer refusal = Write(interface, [&](Transaction &transaction) {
+        return reply({ENOENT, "interface " + interface +
+                                  (isNic ? " is not a NIC of this host" : " is not plugged to a port") +
+                                  "; see `vshost show`"});
+    const auto remove = [interface, isNic](Transaction &transaction) -> VsStatus {
         const VsStatus status = isNic ? RemoveNic(transaction, interface) : STATUS_OK;
         if (status && status != STATUS_NOT_FOUND) return status;
         return RemovePlug(transaction, interface);
-    });
-    if (!refusal.error) FollowStore();
-    return refusal;
+    };
+    Write(interface, remove, reply);
 }
 
 LiveAnswer Forwarder::DescribeLink(const std::string &interface)

@@ -28,7 +28,9 @@ Wanted ReadWanted(Reader &reader, const Plugs &plugs, const Links &links)
             switchId = FieldText(nic.switchId);
             portId = FieldText(nic.portId);
         }
-        if (!portId.empty()) wanted[switchId][portId] = link ? link->ifindex : 0;
+        if (portId.empty()) continue;
+        wanted[switchId][portId] =
+            link ? Interface{link->ifindex, link->adminUp && link->carrier} : Interface();
     }
     return wanted;
 }

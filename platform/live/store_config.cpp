@@ -4,7 +4,6 @@
 
 #include "platform/host/port_policies.h"
 #include "platform/host/runtime.h"
-#include "platform/live/kernel_part.h"
 
 namespace live {
 namespace {
@@ -70,27 +69,12 @@ void TakeLearning(std::string_view value, PortConfig &port)
     port.forwardsOverLimit = record.forwardsOverLimit == 1;
 }
 
-VsStatus ReadPort(Reader &reader, const PropertyOwner &owner, PortConfig &port)
-{
-    std::string block, vlan, priority, learning, filter;
-    VsStatus status = ReadValue(reader, owner, KEY_BLOCK, block);
-    if (!status) status = ReadValue(reader, owner, KEY_VLAN, vlan);
-    if (!status) status = ReadValue(reader, owner, KEY_PRIORITY, priority);
-    if (!status) status = ReadValue(reader, owner, KEY_PORT_MAC_MANAGEMENT, learning);
-    if (!status) status = ReadValue(reader, owner, KEY_ETH_FILTER, filter);
-    port.blocked = Text(block) == "true";
-    port.sink = IsSinkPort(filter);
-    TakeVlans(vlan, port);
-    TakePriority(priority, port);
-    TakeLearning(learning, port);
-    return status;
-}
-
 VsStatus ReadAddresses(Reader &reader, const std::string &portset, const std::string &portId,
                        PortConfig &port)
 {
     std::vector<VSwitchMacEntry> entries;
     const VsStatus status = ReadStoredAddresses(reader, portset, portId, entries);
+    port.addresses.clear();
     for (const VSwitchMacEntry &entry : entries) {
         if (entry.type != VSWITCH_MAC_STATIC) continue;
         StaticAddress &address = port.addresses.emplace_back();
@@ -127,6 +111,37 @@ VsStatus ReadLimits(Reader &reader, const std::string &switchId, SwitchConfig &c
 
 }
 
+VsStatus ReadPortPolicies(Reader &reader, const PortName &name, PortConfig &port)
+{
+    const PropertyOwner owner{StoredLevel::PORT, name.switchId, name.portId};
+    std::string block, vlan, priority, learning, filter;
+    VsStatus status = ReadValue(reader, owner, KEY_BLOCK, block);
+    if (!status) status = ReadValue(reader, owner, KEY_VLAN, vlan);
+    if (!status) status = ReadValue(reader, owner, KEY_PRIORITY, priority);
+    if (!status) status = ReadValue(reader, owner, KEY_PORT_MAC_MANAGEMENT, learning);
+    if (!status) status = ReadValue(reader, owner, KEY_ETH_FILTER, filter);
+    PortConfig read;
+    read.number = port.number;
+    read.ifindex = port.ifindex;
+    read.uplink = port.uplink;
+    read.uplinkActive = port.uplinkActive;
+    read.addresses = std::move(port.addresses);
+    read.blocked = Text(block) == "true";
+    read.sink = IsSinkPort(filter);
+    TakeVlans(vlan, read);
+    TakePriority(priority, read);
+    TakeLearning(learning, read);
+    port = std::move(read);
+    return status;
+}
+
+VsStatus ReadPortAddresses(Reader &reader, const PortName &name, PortConfig &port)
+{
+    std::string portset;
+    const VsStatus status = PortsetOfSwitch(reader, name.switchId, portset);
+    return status ? status : ReadAddresses(reader, portset, name.portId, port);
+}
+
 VsStatus ReadSwitchConfig(Reader &reader, const std::string &switchId, const Plugged &plugged,
                           SwitchConfig &config)
 {
@@ -139,7 +154,7 @@ VsStatus ReadSwitchConfig(Reader &reader, const std::string &switchId, const Plu
     if (!status) status = ListUplinkPorts(reader, switchId, uplinks);
     if (!status) status = ReadLimits(reader, switchId, config);
     config.mtu = running.mtu;
-    for (const auto &[portId, ifindex] : plugged) {
+    for (const auto &[portId, interface] : plugged) {
         if (status) return status;
         PortConfig port;
         status = GetPortNumber(reader, switchId, portId, port.number);
@@ -147,9 +162,10 @@ VsStatus ReadSwitchConfig(Reader &reader, const std::string &switchId, const Plu
             status = STATUS_OK;
             continue;
         }
-        port.ifindex = ifindex;
+        port.ifindex = interface.ifindex;
+        port.uplinkActive = interface.isUp;
         port.uplink = std::find(uplinks.begin(), uplinks.end(), portId) != uplinks.end();
-        if (!status) status = ReadPort(reader, {StoredLevel::PORT, switchId, portId}, port);
+        if (!status) status = ReadPortPolicies(reader, {switchId, portId}, port);
         if (!status) status = ReadAddresses(reader, portset, portId, port);
         if (!status) config.ports.push_back(std::move(port));
     }
@@ -161,7 +177,7 @@ VsStatus ReadHostConfig(Reader &reader, HostConfig &config)
     VSwitchLearningProps props = DEFAULT_LEARNING_PROPS;
     const VsStatus status = ReadProps(reader, props);
     config.learningEnabled = props.enabled;
-    config.addressLimit = std::min<uint32_t>(props.limit, Capacity().addresses / 2);
+    config.addressLimit = props.limit;
     config.floodLimit = 0;
     const VsStatus option =
         GetRecord(reader, runtime::OptionKey(VSWITCH_OPTION_FLOOD_LIMIT), config.floodLimit);

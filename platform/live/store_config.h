@@ -9,12 +9,21 @@
 
 namespace live {
 
-// The ports that have an interface, by port id; 0: it is away.
-using Plugged = std::map<std::string, uint32_t>;
+struct Interface {
+    uint32_t ifindex = 0; // 0: it is away
+    bool isUp = false;    // with a carrier
+};
+
+// The ports that have an interface, by port id.
+using Plugged = std::map<std::string, Interface>;
 
 // STATUS_NOT_FOUND: the switch doesn't run. Ports that the switch doesn't have are left out.
 vshost::VsStatus ReadSwitchConfig(vshost::Reader &reader, const std::string &switchId, const Plugged &plugged,
                                   SwitchConfig &config);
+
+// Policies of a port, and its static addresses. The rest of `port` stays as it is.
+vshost::VsStatus ReadPortPolicies(vshost::Reader &reader, const vshost::PortName &name, PortConfig &port);
+vshost::VsStatus ReadPortAddresses(vshost::Reader &reader, const vshost::PortName &name, PortConfig &port);
 
 vshost::VsStatus ReadHostConfig(vshost::Reader &reader, HostConfig &config);
 

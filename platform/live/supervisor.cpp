@@ -24,6 +24,7 @@
 #include <unistd.h>
 
 #include "platform/host/host.h"
+#include "platform/host/live_link.h"
 #include "platform/live/daemon.h"
 #include "platform/live/device_mount.h"
 #include "platform/live/snapshot.h"
@@ -142,8 +143,8 @@ Descriptor Listen(const std::string &path, std::string &message)
 
 class Supervisor {
 public:
-    explicit Supervisor(const std::string &directory)
-        : directory(directory), process(directory), devices(directory + "/dev")
+    Supervisor(const std::string &directory, const Capacity &capacity)
+        : directory(directory), capacity(capacity), process(directory), devices(directory + "/dev")
     {}
 
     bool Start(std::string &message);
@@ -158,6 +159,7 @@ private:
     [[noreturn]] void BecomeDaemon(int readyEnd);
 
     const std::string directory;
+    const Capacity capacity;
     ProcessFile process;
     DeviceMount devices;
     Descriptor signals;
@@ -175,6 +177,7 @@ bool Supervisor::Start(std::string &message)
     // The host is opened where its plain files are seen, and closed before the daemon is forked.
     if (!process.Take(message)) return false;
     RemoveDeviceMounts(directory + "/dev");
+    vshost::ThisThreadFollows();
     std::unique_ptr<vshost::Host> host;
     if (vshost::Host::Open({directory, vshost::Durability::DISK, true}, host, message)) return false;
     host.reset();
@@ -193,7 +196,7 @@ void Supervisor::BecomeDaemon(int readyEnd)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGINT, SIG_IGN); // a terminal sends it to the whole group; the supervisor decides
-    _exit(RunDaemon({directory, devices.Connection(), requests.Get(), readyEnd}));
+    _exit(RunDaemon({directory, capacity, devices.Connection(), requests.Get(), readyEnd}));
 }
 
 bool Supervisor::StartDaemon()
@@ -255,6 +258,7 @@ bool Supervisor::Restart()
     return StartDaemon();
 }
 
+// The socket stays: the host is a live one, whose switches go on, until it is removed.
 void Supervisor::End()
 {
     Notify("STOPPING=1");
@@ -263,7 +267,6 @@ void Supervisor::End()
         waitpid(daemon, nullptr, 0);
     }
     devices.Remove();
-    unlink((directory + "/" + vshost::SOCKET_FILE).c_str());
     process.Remove();
 }
 
@@ -312,13 +315,13 @@ std::string MakeDirectory(const std::string &directory, std::string &message)
 
 }
 
-int Supervise(const std::string &directory)
+int Supervise(const std::string &directory, const Capacity &capacity)
 {
     std::string message = FindObstacle();
     if (!message.empty()) return Fail(message);
     const std::string whole = MakeDirectory(directory, message);
     if (whole.empty()) return Fail(message);
-    Supervisor supervisor(whole);
+    Supervisor supervisor(whole, capacity);
     if (!supervisor.Start(message)) return Fail(message);
     return supervisor.Run();
 }
