@@ -92,16 +92,9 @@ def scripted_names(script):
 
 def exported_names(shared_object):
     """Names of the defined symbols that other objects can see, without the version nodes themselves."""
-    table = subprocess.run(["readelf", "-W", "--dyn-syms", shared_object], check=True, capture_output=True, text=True)
-    names = set()
-    for line in table.stdout.splitlines():
-        fields = line.split()
-        if len(fields) < 8 or not re.fullmatch(r"\d+:", fields[0]):
-            continue
-        binding, visibility, section, name = fields[4], fields[5], fields[6], fields[7].split("@")[0]
-        if binding != "LOCAL" and visibility in ("DEFAULT", "PROTECTED") and section not in ("UND", "ABS"):
-            names.add(name)
-    return names
+    table = subprocess.run(["nm", "-D", "--defined-only", shared_object], check=True, capture_output=True, text=True)
+    symbols = (line.split()[-2:] for line in table.stdout.splitlines())
+    return {name.split("@")[0] for kind, name in symbols if kind != "A"}
 
 
 def differences(operations, names, place):
