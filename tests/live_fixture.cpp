@@ -107,6 +107,16 @@ Medium::Medium(const LoadOptions &options)
     path.SetHost({});
 }
 
+void Medium::Clear()
+{
+    for (const std::string &id : path.SwitchIds()) {
+        Change change;
+        ASSERT_EQ(path.PrepareRemoval(id, change), vshost::STATUS_OK) << path.Message();
+        path.Publish(change);
+    }
+    path.SetHost({});
+}
+
 void Medium::Publish(SwitchConfig config)
 {
     for (PortConfig &port : config.ports)
@@ -142,6 +152,12 @@ TestRun::TestRun(const LoadOptions &options) : Medium(WithTestObject(options))
                         path.Kernel().MapDescriptor("test_run"), 0);
     run = static_cast<LiveTestRun *>(memory);
     run->now = 1000000000;
+}
+
+void TestRun::Clear()
+{
+    Medium::Clear();
+    std::fill(std::begin(run->linkResults), std::end(run->linkResults), 0);
 }
 
 TestRun::~TestRun() { munmap(run, sizeof(LiveTestRun)); }

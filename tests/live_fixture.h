@@ -66,6 +66,7 @@ public:
     virtual uint32_t InterfaceOf(uint32_t port) const { return port; }
     virtual void SetTime(uint64_t) {}
     virtual void SetLink(uint32_t, int) {}
+    virtual void Clear(); // removes all switches and settings
 
     // Both expect to succeed. Ports with ANY_INTERFACE get one of the medium's.
     void Publish(SwitchConfig config);
@@ -82,6 +83,7 @@ public:
 
     std::vector<Sent> Run(uint32_t port, const Bytes &frame, uint32_t segmentSize = 0) override;
     void SetTime(uint64_t ns) override { run->now = ns; }
+    void Clear() override;
     void SetLink(uint32_t port, int result) override { run->linkResults[port % LIVE_TEST_LINKS] = result; }
 
 private:

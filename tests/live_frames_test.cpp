@@ -8,10 +8,10 @@ class LiveFrames : public LiveTest, public testing::WithParamInterface<Table> {}
 
 TEST_P(LiveFrames, LeaveAsTheTableSays)
 {
+    TestRun run(Options());
     for (const Row &row : GetParam().rows) {
-        TestRun run(Options());
         Play(run, row);
-        TearDown();
+        run.Clear();
     }
 }
 

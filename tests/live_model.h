@@ -22,6 +22,7 @@ public:
         bool isStatic;
         uint64_t lastSeen;        // 0: never
         bool isForgotten = false; // it only takes room until the next sweep
+        bool isKept = false;      // static, but learned
     };
 
     SwitchConfig vswitch; // without ports
@@ -47,12 +48,42 @@ public:
         return sent;
     }
 
-    void Configure(const PortConfig &port)
+    void Configure(const PortConfig &port) { Configure(vswitch, {port}); }
+
+    // The switch with its new policies and some of its ports with theirs.
+    void Configure(const SwitchConfig config, const std::vector<PortConfig> &changed)
     {
-        const auto old = ports.find(port.number);
-        if (old != ports.end() && Relearns(old->second, port)) Forget(port.number);
-        ports[port.number] = port;
+        const std::map<uint32_t, PortConfig> oldPorts = ports;
+        const std::vector<uint32_t> oldUplinks = UplinkNumbers();
+        const std::vector<PrivateVlan> oldMap = std::exchange(vswitch, config).privateVlans;
+        for (const PortConfig &port : changed)
+            ports[port.number] = port;
+        for (const auto &[number, old] : oldPorts) {
+            const PortConfig &port = ports[number];
+            const bool moves = port.trunk
+                                   ? oldMap != config.privateVlans
+                                   : PlaceIn(oldMap, old.vlanId).primary != PlaceOf(port.vlanId).primary;
+            if (moves || Relearns(old, port)) Forget(number);
+            if (!port.addressLock || port.ifindex != old.ifindex) locked.erase(number);
+            if (oldUplinks != UplinkNumbers() || old.team != port.team) leftUplinks.erase(number);
+        }
     }
+
+    // A VLAN's place in private VLANs.
+    struct Place {
+        uint16_t id;
+        uint16_t primary;
+        PrivateVlanType type;
+    };
+
+    static Place PlaceIn(const std::vector<PrivateVlan> &map, uint16_t id)
+    {
+        for (const PrivateVlan &entry : map)
+            if (entry.secondary == id) return {id, entry.primary, entry.type};
+        return {id, id, PrivateVlanType::PROMISCUOUS};
+    }
+
+    Place PlaceOf(uint16_t id) const { return PlaceIn(vswitch.privateVlans, id); }
 
     void Forget(uint32_t port)
     {
@@ -81,7 +112,7 @@ public:
     uint64_t LearnedBy(std::optional<uint32_t> port) const
     {
         return static_cast<uint64_t>(std::count_if(table.begin(), table.end(), [&](const auto &row) {
-            return !row.second.isStatic && (!port || row.second.port == *port);
+            return (!row.second.isStatic || row.second.isKept) && (!port || row.second.port == *port);
         }));
     }
 
@@ -93,7 +124,7 @@ private:
 
     struct Frame {
         Mac destination, source;
-        std::optional<Tag> tag;
+        std::optional<Tag> tag, payloadTag;
         Bytes rest; // from the EtherType on
         uint32_t segmentSize;
 
@@ -121,7 +152,7 @@ private:
     static bool Relearns(const PortConfig &a, const PortConfig &b)
     {
         return a.ifindex != b.ifindex || a.uplink != b.uplink || a.learning != b.learning ||
-               a.trunk != b.trunk || (a.trunk ? a.ranges != b.ranges : a.vlanId != b.vlanId);
+               a.trunk != b.trunk || (a.trunk && a.ranges != b.ranges);
     }
 
     void Count(uint32_t port, LiveCounter packets, LiveCounter bytes, size_t length, LiveCounter multicast)
@@ -143,9 +174,18 @@ private:
                            [&](const VlanRange &range) { return range.first <= vlan && vlan <= range.last; });
     }
 
-    static bool Carries(const PortConfig &port, uint32_t vlan)
+    bool Carries(const PortConfig &port) const
     {
-        return port.trunk ? TrunkCarries(port, vlan) : port.vlanId == vlan;
+        if (port.trunk) return TrunkCarries(port, place.id);
+        const Place other = PlaceOf(port.vlanId);
+        if (other.primary != place.primary) return false;
+        return place.type == PrivateVlanType::PROMISCUOUS || other.type == PrivateVlanType::PROMISCUOUS ||
+               (place.type == PrivateVlanType::COMMUNITY && place.id == other.id);
+    }
+
+    static bool IsNested(const PortConfig &port)
+    {
+        return port.nested && !port.trunk && port.vlanId >= 1 && port.vlanId <= 4094;
     }
 
     // Whether the frame may enter, and which VLAN and tag it has from then on.
@@ -153,15 +193,21 @@ private:
     {
         const PortConfig &port = Sender();
         const uint32_t id = frame.tag ? frame.tag->tci & 0xfff : 0;
-        if (frame.tag && frame.tag->type != 0x8100) return false;
-        if (id == 0 && (frame.EtherType() == 0x8100 || frame.EtherType() == 0x88a8)) return false;
-        if (port.trunk ? !TrunkCarries(port, id) : id != 0 || port.vlanId > 4094) return false;
+        const bool isService = frame.tag && frame.tag->type == 0x88a8;
+        if (IsNested(port)) {
+            frame.payloadTag = std::exchange(frame.tag, {});
+        } else {
+            if (id == 0 && (frame.EtherType() == 0x8100 || frame.EtherType() == 0x88a8)) return false;
+            if (isService && (!port.uplink || !port.trunk || id == 0)) return false;
+            if (port.trunk ? !TrunkCarries(port, id) : id != 0 || port.vlanId > 4094) return false;
+        }
 
-        vlan = static_cast<uint16_t>(port.trunk ? id : port.vlanId);
+        place = PlaceOf(static_cast<uint16_t>(port.trunk ? id : port.vlanId));
+        vlan = place.primary;
         if (port.trunk)
             leavesWith = frame.tag;
-        else if (vlan != 0)
-            leavesWith = Tag{0x8100, vlan};
+        else if (place.id != 0)
+            leavesWith = Tag{static_cast<uint16_t>(IsNested(port) ? 0x88a8 : 0x8100), place.id};
         else
             leavesWith.reset();
         if (leavesWith && port.priority <= 7)
@@ -170,6 +216,33 @@ private:
     }
 
     // ---- What may pass ----
+
+    bool PassesFilter(const PortConfig &port, VSwitchFilterDirection direction) const
+    {
+        size_t at = 0;
+        while (at + 6 <= frame.rest.size() && at < 12 && IsVlan(frame.rest, at))
+            at += 4;
+        const auto type = static_cast<uint16_t>(frame.rest[at] << 8 | frame.rest[at + 1]);
+        for (const FilterRule &rule : port.filter) {
+            if (rule.etherType != 0 && rule.etherType != type) continue;
+            if (rule.direction == VSWITCH_FILTER_BOTH || rule.direction == direction)
+                return rule.action == VSWITCH_FILTER_PASS;
+        }
+        return true;
+    }
+
+    // Counts the frame that it keeps from a port.
+    bool IsFiltered(const PortConfig &port)
+    {
+        if (PassesFilter(port, VSWITCH_FILTER_TO_PORT)) return false;
+        counters[port.number][LIVE_DROP_FILTER]++;
+        return true;
+    }
+
+    static bool IsVlan(const Bytes &bytes, size_t at)
+    {
+        return (bytes[at] == 0x81 && bytes[at + 1] == 0) || (bytes[at] == 0x88 && bytes[at + 1] == 0xa8);
+    }
 
     bool IsTooLong() const
     {
@@ -193,6 +266,7 @@ private:
         if (Sender().blocked) return LIVE_DROP_BLOCKED;
         if (!Enters()) return LIVE_DROP_VLAN;
         if ((frame.source[0] & 1) || frame.source == Mac{}) return LIVE_DROP_FILTER;
+        if (!PassesFilter(Sender(), VSWITCH_FILTER_FROM_PORT)) return LIVE_DROP_FILTER;
         if (IsTooLong()) return LIVE_DROP_LENGTH;
         if (const auto dropped = Sender().uplink ? LearnFromNetwork() : LearnFromPort()) return dropped;
         return frame.IsGroup() ? Flood() : Deliver();
@@ -232,7 +306,7 @@ private:
     std::optional<LiveCounter> Add()
     {
         if (!HasRoom()) return Refuse();
-        table[{vlan, frame.source}] = {sender, false, now};
+        table[{vlan, frame.source}] = NewEntry();
         counters[sender][LIVE_LEARNED]++;
         return {};
     }
@@ -252,10 +326,25 @@ private:
         last = address;
     }
 
+    Entry NewEntry() const
+    {
+        const bool isKept = Sender().learning && !Sender().uplink && vswitch.learnsStatic;
+        return {.port = sender, .isStatic = isKept, .lastSeen = now, .isKept = isKept};
+    }
+
+    bool IsLockedOut()
+    {
+        return Sender().addressLock && locked.try_emplace(sender, frame.source).first->second != frame.source;
+    }
+
     std::optional<LiveCounter> LearnFromPort()
     {
         Entry *entry = Find(frame.source);
-        if (entry && entry->port == sender) {
+        const bool isHere = entry && entry->port == sender;
+        if (Sender().staticOnly && !(isHere && entry->isStatic)) return LIVE_DROP_SECURITY;
+        if (IsLockedOut()) return LIVE_DROP_SECURITY;
+        if (isHere) {
+            if (!entry->isStatic) *entry = NewEntry();
             entry->lastSeen = now;
             return {};
         }
@@ -263,7 +352,7 @@ private:
         if (!Sender().learning) ForgetOtherAddress();
         if (!entry) return Add();
         if (!HasRoomAtPort()) return Refuse();
-        *entry = {sender, false, now};
+        *entry = NewEntry();
         counters[sender][LIVE_MOVED]++;
         return {};
     }
@@ -300,19 +389,24 @@ private:
         if (result != 0) return result;
         Bytes bytes(frame.destination.begin(), frame.destination.end());
         bytes.insert(bytes.end(), frame.source.begin(), frame.source.end());
-        if (port.trunk && leavesWith)
-            for (int byte :
-                 {leavesWith->type >> 8, leavesWith->type & 255, leavesWith->tci >> 8, leavesWith->tci & 255})
-                bytes.push_back(static_cast<uint8_t>(byte));
+        if (port.trunk) Append(bytes, leavesWith);
+        Append(bytes, frame.payloadTag);
         bytes.insert(bytes.end(), frame.rest.begin(), frame.rest.end());
         sent.push_back(MakeSent(port.ifindex, bytes));
         Count(port.number, LIVE_TO_PACKETS, LIVE_TO_BYTES, bytes.size(), LIVE_TO_MULTICAST);
         return 0;
     }
 
+    static void Append(Bytes &bytes, const std::optional<Tag> &tag)
+    {
+        if (!tag) return;
+        for (int byte : {tag->type >> 8, tag->type & 255, tag->tci >> 8, tag->tci & 255})
+            bytes.push_back(static_cast<uint8_t>(byte));
+    }
+
     bool Reaches(const PortConfig &port) const
     {
-        return port.number != sender && port.ifindex != 0 && !port.blocked && Carries(port, vlan);
+        return port.number != sender && port.ifindex != 0 && !port.blocked && Carries(port);
     }
 
     // Sends copies to the local ports that want one. Returns their number.
@@ -320,7 +414,7 @@ private:
     {
         uint32_t copies = 0;
         for (const auto &[number, port] : ports) {
-            if (port.uplink || !Reaches(port) || !wants(port)) continue;
+            if (port.uplink || !Reaches(port) || !wants(port) || IsFiltered(port)) continue;
             if (Send(port) == 0)
                 copies++;
             else
@@ -329,44 +423,131 @@ private:
         return copies;
     }
 
-    // The sender's uplink first, then those that follow it; those known not to work last of all.
-    std::vector<const PortConfig *> UplinksInOrder() const
+    // ---- Uplinks ----
+
+    uint32_t WordAt(size_t at) const
     {
-        std::vector<const PortConfig *> uplinks;
+        uint32_t word = 0;
+        if (at + 6 <= frame.rest.size()) std::memcpy(&word, &frame.rest[at + 2], sizeof(word));
+        return word;
+    }
+
+    // By which the sender's flows are spread; `at` counts from the IP header.
+    uint32_t Hash(VSwitchTeamingAlgorithm algorithm) const
+    {
+        const bool isIpv4 = frame.EtherType() == 0x0800, isIpv6 = frame.EtherType() == 0x86dd;
+        if (algorithm == VSWITCH_TEAMING_PORT) return sender;
+        if (algorithm == VSWITCH_TEAMING_ORDER) return 0;
+        if (algorithm == VSWITCH_TEAMING_SOURCE_MAC || (!isIpv4 && !isIpv6)) {
+            uint16_t high;
+            uint32_t low;
+            std::memcpy(&high, &frame.source[0], 2);
+            std::memcpy(&low, &frame.source[2], 4);
+            return LiveMix(high, low);
+        }
+        uint32_t hash = 0;
+        const auto mix = [&](size_t at) {
+            if (at + 6 <= frame.rest.size()) hash = LiveMix(hash, WordAt(at));
+        };
+        for (size_t at = isIpv6 ? 8 : 12; at < (isIpv6 ? 40u : 20u); at += 4)
+            mix(at);
+        const size_t protocolAt = (isIpv6 ? 6 : 9) + 2;
+        const uint8_t protocol = protocolAt < frame.rest.size() ? frame.rest[protocolAt] : 0;
+        const bool hasPorts = protocol == 6 || protocol == 17;
+        const bool isFragment = isIpv4 && ((frame.rest[8] & 0x3f) || frame.rest[9]);
+        if (algorithm == VSWITCH_TEAMING_L4 && hasPorts && !isFragment)
+            mix(isIpv6 ? 40 : frame.rest[2] % 16 * 4);
+        return hash;
+    }
+
+    std::vector<uint32_t> UplinkNumbers() const
+    {
+        std::vector<uint32_t> numbers;
         for (const auto &[number, port] : ports)
-            if (port.uplink) uplinks.push_back(&port);
-        if (uplinks.empty()) return uplinks;
-        std::rotate(uplinks.begin(), uplinks.begin() + static_cast<ptrdiff_t>(sender % uplinks.size()),
-                    uplinks.end());
-        std::stable_partition(uplinks.begin(), uplinks.end(),
-                              [](const PortConfig *uplink) { return uplink->uplinkActive; });
-        return uplinks;
+            if (port.uplink) numbers.push_back(number);
+        return numbers;
+    }
+
+    // Those of the numbers that are uplinks, each once and none of the others'.
+    std::vector<uint32_t> Members(const std::vector<uint32_t> &numbers,
+                                  const std::vector<uint32_t> &others) const
+    {
+        const auto contains = [](const std::vector<uint32_t> &list, uint32_t number) {
+            return std::find(list.begin(), list.end(), number) != list.end();
+        };
+        std::vector<uint32_t> members;
+        for (uint32_t number : numbers)
+            if (contains(UplinkNumbers(), number) && !contains(members, number) && !contains(others, number))
+                members.push_back(number);
+        return members;
     }
 
     bool SendToUplink()
     {
+        Team team;
+        team.active = UplinkNumbers();
+        if (Sender().team) team = *Sender().team;
+        std::vector<uint32_t> members = Members(team.active, {});
+        if (!members.empty()) {
+            const auto preferred = static_cast<ptrdiff_t>(Hash(team.algorithm) % members.size());
+            std::rotate(members.begin(), members.begin() + preferred, members.end());
+        }
+        const std::vector<uint32_t> standby = Members(team.standby, members);
+        members.insert(members.end(), standby.begin(), standby.end());
+
+        UplinkTries tries;
+        const auto isLeft = [&](uint32_t number) {
+            return !team.failBack && leftUplinks[sender].contains(number);
+        };
+        const auto isKnown = [&](uint32_t number) { return ports.at(number).uplinkActive; };
+        const auto works = [&](uint32_t number) { return isKnown(number) && !isLeft(number); };
+        const auto wasLeft = [&](uint32_t number) { return isKnown(number) && isLeft(number); };
+        const auto isUnknown = [&](uint32_t number) { return !isKnown(number); };
+        if (TryUplinks(members, works, tries) || TryUplinks(members, wasLeft, tries) ||
+            TryUplinks(members, isUnknown, tries))
+            return true;
+        if (!team.anyUplink) return false;
+        const std::vector<uint32_t> others = Members(UplinkNumbers(), members);
+        return TryUplinks(others, isKnown, tries) || TryUplinks(others, isUnknown, tries);
+    }
+
+    struct UplinkTries {
         bool queueWasFull = false; // the frame avoids the port, whose place stays the same
-        for (const PortConfig *uplink : UplinksInOrder()) {
-            if (!Reaches(*uplink)) continue;
-            const int result = Send(*uplink);
-            if (result == 1) queueWasFull = true;
+        std::set<uint32_t> passed; // uplinks that don't work
+    };
+
+    // Tries those that are wanted, in their order, until one takes the frame.
+    bool TryUplinks(const std::vector<uint32_t> &numbers, const std::function<bool(uint32_t)> &wants,
+                    UplinkTries &tries)
+    {
+        for (uint32_t number : numbers) {
+            const PortConfig &uplink = ports.at(number);
+            if (!Reaches(uplink)) continue;
+            if (!uplink.uplinkActive) tries.passed.insert(number);
+            if (!wants(number) || IsFiltered(uplink)) continue;
+            const int result = Send(uplink);
+            if (result == 1)
+                tries.queueWasFull = true;
+            else if (result != 0)
+                tries.passed.insert(number);
             if (result != 0) continue;
-            if (!queueWasFull) NoteUplink(*uplink);
+            if (!tries.queueWasFull) NoteUplink(number, tries.passed);
             return true;
         }
         return false;
     }
 
-    void NoteUplink(const PortConfig &uplink)
+    void NoteUplink(uint32_t number, std::set<uint32_t> passed)
     {
-        uint32_t &last = lastUplink[sender];
-        std::vector<uint32_t> numbers;
-        for (const auto &[number, port] : ports)
-            if (port.uplink) numbers.push_back(number);
-        const bool isItsOwn = numbers[sender % numbers.size()] == uplink.number;
-        if (last != 0 && last != uplink.number)
-            counters[uplink.number][isItsOwn ? LIVE_FAILBACKS : LIVE_FAILOVERS]++;
-        last = uplink.number;
+        std::set<uint32_t> &left = leftUplinks[sender];
+        passed.erase(number);
+        const bool leaves = !std::includes(left.begin(), left.end(), passed.begin(), passed.end());
+        const bool returns = left.erase(number) != 0;
+        left.insert(passed.begin(), passed.end());
+        if (leaves)
+            counters[number][LIVE_FAILOVERS]++;
+        else if (returns)
+            counters[number][LIVE_FAILBACKS]++;
     }
 
     bool HasUplinks() const
@@ -390,21 +571,28 @@ private:
     {
         const Entry *entry = Find(frame.destination);
         if (entry && entry->isForgotten) entry = nullptr;
-        if (entry && entry->port == sender) return {};
+        const auto observes = [&](const PortConfig &port) {
+            return port.getsAllFrames && !(entry && port.number == entry->port);
+        };
+        if (entry && entry->port == sender) {
+            SendToPorts(observes);
+            return {};
+        }
         if (entry && !ports.at(entry->port).uplink) {
             const PortConfig &port = ports.at(entry->port);
-            if (Carries(port, vlan) && port.ifindex != 0) {
+            if (Carries(port) && port.ifindex != 0) {
+                SendToPorts(observes);
                 if (port.blocked)
                     counters[port.number][LIVE_DROP_BLOCKED]++;
-                else if (Send(port) != 0) // the failure is not reported
+                else if (!IsFiltered(port) && Send(port) != 0) // the failure is not reported
                     Count(port.number, LIVE_TO_PACKETS, LIVE_TO_BYTES, LengthAt(port), LIVE_TO_MULTICAST);
                 return {};
             }
         }
         const bool isOnNetwork = entry && ports.at(entry->port).uplink;
-        const uint32_t copies =
-            isOnNetwork ? 0
-                        : SendToPorts([](const PortConfig &port) { return port.takesUnknown || port.sink; });
+        const uint32_t copies = SendToPorts([&](const PortConfig &port) {
+            return port.getsAllFrames || (!isOnNetwork && (port.takesUnknown || port.sink));
+        });
         if (Sender().uplink || SendToUplink()) return {};
         if (HasUplinks() || copies == 0) return LIVE_DROP_NOT_SENT;
         return {};
@@ -412,16 +600,18 @@ private:
 
     size_t LengthAt(const PortConfig &port) const
     {
-        return 12 + frame.rest.size() + (port.trunk && leavesWith ? 4 : 0);
+        return 12 + frame.rest.size() + (port.trunk && leavesWith ? 4 : 0) + (frame.payloadTag ? 4 : 0);
     }
 
     Frame frame;
     uint32_t sender = 0;
-    uint16_t vlan = 0;
+    Place place = {};
+    uint16_t vlan = 0; // the primary one
     std::optional<Tag> leavesWith;
     std::vector<Sent> sent;
     std::map<uint32_t, std::optional<std::pair<uint16_t, Mac>>> lastAddress;
-    std::map<uint32_t, uint32_t> lastUplink;
+    std::map<uint32_t, Mac> locked; // the address of a port with the lock
+    std::map<uint32_t, std::set<uint32_t>> leftUplinks;
     std::map<uint32_t, std::pair<uint64_t, uint32_t>> floods; // the second and how many
 };
 

@@ -69,7 +69,7 @@ public:
             uint64_t sum = 0;
             for (const auto &[number, counters] : model.counters)
                 sum += counters[i];
-            const bool isRoom = i == LIVE_DROP_SECURITY || i == LIVE_COUNTER_RESERVED;
+            const bool isRoom = i == LIVE_COUNTER_RESERVED;
             EXPECT_EQ(sum == 0, isRoom) << "counter " << i;
             RecordProperty(i, sum);
         }
@@ -99,12 +99,50 @@ private:
         port.blocked = Chance(5);
         port.trunk = Chance(port.uplink ? 95 : 40);
         port.vlanId = Chance(2) ? 5000 : RandomVlan();
+        port.nested = Chance(15);
         for (uint32_t i = Below(4); i > 0; i--)
             port.ranges.push_back({RandomVlan(), RandomVlan()});
         if (port.uplink && Chance(80)) port.ranges = {{1, 4094}};
         port.priority = Below(12);
         SetLearning(port);
+        SetSecurity(port);
+        if (Chance(50)) port.team = RandomTeam();
         return port;
+    }
+
+    Team RandomTeam()
+    {
+        Team team;
+        team.algorithm = static_cast<VSwitchTeamingAlgorithm>(Below(5));
+        team.failBack = Chance(50);
+        team.anyUplink = Chance(30);
+        for (uint32_t i = Below(4); i > 0; i--)
+            team.active.push_back(FIRST_UPLINK - 1 + Below(4));
+        for (uint32_t i = Below(3); i > 0; i--)
+            team.standby.push_back(FIRST_UPLINK - 1 + Below(4));
+        return team;
+    }
+
+    void SetSecurity(PortConfig &port)
+    {
+        port.getsAllFrames = Chance(8);
+        port.addressLock = Chance(8);
+        port.staticOnly = Chance(8);
+        const uint16_t types[] = {0, 0x1234, 0x0800, 0x86dd, 0x0806};
+        for (uint32_t i = Chance(20) ? 1 + Below(4) : 0; i > 0; i--)
+            port.filter.push_back({types[Below(5)], static_cast<VSwitchFilterDirection>(Below(3)),
+                                   static_cast<VSwitchFilterAction>(Below(2))});
+    }
+
+    std::vector<PrivateVlan> RandomPrivateVlans()
+    {
+        std::vector<PrivateVlan> map;
+        const PrivateVlanType types[] = {PrivateVlanType::PROMISCUOUS, PrivateVlanType::ISOLATED,
+                                         PrivateVlanType::COMMUNITY, PrivateVlanType::COMMUNITY};
+        const uint16_t vlans[] = {1, 2, 3, 4094};
+        for (uint32_t i = Below(5); i > 0; i--)
+            map.push_back({vlans[Below(4)], vlans[Below(4)], types[Below(4)]});
+        return map;
     }
 
     void SetLearning(PortConfig &port)
@@ -186,7 +224,7 @@ private:
     void ChangeSomething()
     {
         PortConfig port = model.ports[1 + Below(PORTS)];
-        switch (Below(8)) {
+        switch (Below(9)) {
         case 0:
             return ChangeLink(port.number);
         case 1:
@@ -204,6 +242,10 @@ private:
             port.uplinkActive = Chance(70);
             break;
         case 6:
+            port.filter.clear();
+            SetSecurity(port);
+            break;
+        case 7:
             port.addressLimit = Below(port.uplink ? 30 : 8);
             port.forwardsOverLimit = Chance(50);
             port.learning = Chance(40);
@@ -237,7 +279,7 @@ private:
         if (Chance(40)) {
             ASSERT_EQ(run.path.AddStaticAddress(port, vlan, mac.data()), vshost::STATUS_OK);
             const uint64_t lastSeen = found == model.table.end() ? 0 : found->second.lastSeen;
-            model.table[{vlan, mac}] = {port, true, lastSeen};
+            model.table[{vlan, mac}] = {.port = port, .isStatic = true, .lastSeen = lastSeen};
         } else if (found != model.table.end()) {
             ASSERT_EQ(run.path.RemoveAddress(found->second.port, vlan, mac.data()), vshost::STATUS_OK);
             model.table.erase(found);
@@ -257,15 +299,20 @@ private:
         Sweep();
         const bool changesAll = hasUplinks != Chance(85);
         hasUplinks ^= changesAll;
+        std::vector<PortConfig> changed;
         for (uint32_t number = 1; number <= PORTS; number++) {
             if (!changesAll && !Chance(30)) continue;
             PortConfig port = RandomPort(number);
             if (Chance(5)) port.ifindex = 0;
-            model.Configure(port);
+            changed.push_back(port);
         }
-        model.vswitch.mtu = Chance(50) ? 1500 : 60 + Below(30);
-        model.vswitch.addressLimit = Chance(50) ? 1000 : Below(30);
-        model.vswitch.ageingSeconds = Chance(20) ? 0 : 1 + Below(20);
+        SwitchConfig config = model.vswitch;
+        config.mtu = Chance(50) ? 1500 : 60 + Below(30);
+        config.addressLimit = Chance(50) ? 1000 : Below(30);
+        config.ageingSeconds = Chance(20) ? 0 : 1 + Below(20);
+        if (Chance(30)) config.privateVlans = RandomPrivateVlans();
+        config.learnsStatic = Chance(20);
+        model.Configure(config, changed);
         PublishAll();
         Sweep();
     }

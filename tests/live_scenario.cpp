@@ -34,6 +34,41 @@ std::vector<VlanRange> Ranges(const std::string &text)
     return ranges;
 }
 
+// "806fd,0tp": EtherType in hexadecimal, from or to the port (b: both), drop or pass.
+std::vector<FilterRule> Rules(const std::string &text)
+{
+    static const std::map<char, VSwitchFilterDirection> DIRECTIONS = {
+        {'f', VSWITCH_FILTER_FROM_PORT}, {'t', VSWITCH_FILTER_TO_PORT}, {'b', VSWITCH_FILTER_BOTH}};
+    std::vector<FilterRule> rules;
+    for (const std::string &word : Split(text, ',')) {
+        const std::string type = word.substr(0, word.size() - 2);
+        rules.push_back({static_cast<uint16_t>(std::stoul(type, nullptr, 16)),
+                         DIRECTIONS.at(word[word.size() - 2]),
+                         word.back() == 'd' ? VSWITCH_FILTER_DROP : VSWITCH_FILTER_PASS});
+    }
+    return rules;
+}
+
+// "order:8,9/7": active and standby uplinks.
+Team TeamOf(const std::string &text)
+{
+    static const std::map<std::string, VSwitchTeamingAlgorithm> ALGORITHMS = {
+        {"port", VSWITCH_TEAMING_PORT},
+        {"mac", VSWITCH_TEAMING_SOURCE_MAC},
+        {"ip", VSWITCH_TEAMING_IP},
+        {"l4", VSWITCH_TEAMING_L4},
+        {"order", VSWITCH_TEAMING_ORDER}};
+    const size_t colon = text.find(':'), slash = std::min(text.find('/'), text.size());
+    Team team;
+    team.algorithm = ALGORITHMS.at(text.substr(0, colon));
+    for (const std::string &uplink : Split(text.substr(colon + 1, slash - colon - 1), ','))
+        team.active.push_back(Number(uplink));
+    if (slash < text.size())
+        for (const std::string &uplink : Split(text.substr(slash + 1), ','))
+            team.standby.push_back(Number(uplink));
+    return team;
+}
+
 void SetUplink(PortConfig &port)
 {
     port.uplink = port.trunk = true;
@@ -49,6 +84,7 @@ void SetPolicy(PortConfig &port, const std::string &word)
         {"up", [&] { SetUplink(port); }},
         {"idle", [&] { port.uplinkActive = false; }},
         {"access", [&] { port.trunk = false; }},
+        {"nested", [&] { port.nested = true; }},
         {"trunk", [&] { port.trunk = true, port.ranges = Ranges(value); }},
         {"vlan", [&] { port.vlanId = static_cast<uint16_t>(Number(value)); }},
         {"prio", [&] { port.priority = Number(value); }},
@@ -58,8 +94,26 @@ void SetPolicy(PortConfig &port, const std::string &word)
         {"over", [&] { port.forwardsOverLimit = true; }},
         {"unknown", [&] { port.takesUnknown = true; }},
         {"sink", [&] { port.sink = true; }},
+        {"team", [&] { port.team = TeamOf(value); }},
+        {"hold", [&] { port.team->failBack = false; }},
+        {"any", [&] { port.team->anyUplink = true; }},
+        {"all", [&] { port.getsAllFrames = true; }},
+        {"lock", [&] { port.addressLock = true; }},
+        {"static", [&] { port.staticOnly = true; }},
+        {"filter", [&] { port.filter = Rules(value); }},
     };
     policies.at(word.substr(0, equals))();
+}
+
+// "100:101i,102c,100p": private VLANs of one primary VLAN.
+void AddPrivateVlans(SwitchConfig &config, const std::string &text)
+{
+    static const std::map<char, PrivateVlanType> TYPES = {{'p', PrivateVlanType::PROMISCUOUS},
+                                                          {'i', PrivateVlanType::ISOLATED},
+                                                          {'c', PrivateVlanType::COMMUNITY}};
+    const auto primary = static_cast<uint16_t>(Number(text));
+    for (const std::string &word : Split(text.substr(text.find(':') + 1), ','))
+        config.privateVlans.push_back({primary, static_cast<uint16_t>(Number(word)), TYPES.at(word.back())});
 }
 
 SwitchConfig Config(const std::string &text)
@@ -74,6 +128,8 @@ SwitchConfig Config(const std::string &text)
                 if (word.starts_with("mtu=")) config.mtu = Number(value);
                 if (word.starts_with("limit=")) config.addressLimit = Number(value);
                 if (word.starts_with("age=")) config.ageingSeconds = Number(value);
+                if (word.starts_with("pvlan=")) AddPrivateVlans(config, value);
+                if (word == "static") config.learnsStatic = true;
             }
             continue;
         }
@@ -139,12 +195,13 @@ struct TestFrame {
         return bytes;
     }
 
-    // With this outer tag, or without one if it is empty.
+    // With other tags in place of the outer one: "10/3", "s10,30", or none.
     Bytes With(const std::string &outer) const
     {
-        Bytes bytes = Inner(), tag;
-        if (!outer.empty()) Append(tag, Tag(outer), 4);
-        bytes.insert(bytes.begin() + 12, tag.begin(), tag.end());
+        Bytes bytes = Inner(), inserted;
+        for (const std::string &tag : Split(outer, ','))
+            Append(inserted, Tag(tag), 4);
+        bytes.insert(bytes.begin() + 12, inserted.begin(), inserted.end());
         return bytes;
     }
 };
@@ -162,6 +219,8 @@ TestFrame Frame(const std::vector<std::string> &words)
             frame.length = Number(value);
         else if (word.starts_with("seg="))
             frame.segmentSize = Number(value);
+        else if (word.starts_with("type="))
+            frame.etherType = static_cast<uint32_t>(std::stoul(value, nullptr, 16));
         else if (word == "tcp4" || word == "udp4") { // a header of 24 bytes, TCP of 32 bytes
             frame.etherType = 0x0800;
             frame.payload.assign(56, 0);
@@ -181,9 +240,9 @@ TestFrame Frame(const std::vector<std::string> &words)
 }
 
 const std::map<std::string, uint32_t> DROPS = {
-    {"BLOCKED", LIVE_DROP_BLOCKED},   {"VLAN", LIVE_DROP_VLAN},     {"LIMIT", LIVE_DROP_LEARNING_LIMIT},
-    {"FILTER", LIVE_DROP_FILTER},     {"LENGTH", LIVE_DROP_LENGTH}, {"FLOOD", LIVE_DROP_FLOOD_LIMIT},
-    {"NOT_SENT", LIVE_DROP_NOT_SENT},
+    {"BLOCKED", LIVE_DROP_BLOCKED},   {"VLAN", LIVE_DROP_VLAN},         {"LIMIT", LIVE_DROP_LEARNING_LIMIT},
+    {"FILTER", LIVE_DROP_FILTER},     {"LENGTH", LIVE_DROP_LENGTH},     {"FLOOD", LIVE_DROP_FLOOD_LIMIT},
+    {"NOT_SENT", LIVE_DROP_NOT_SENT}, {"SECURITY", LIVE_DROP_SECURITY},
 };
 
 // "1 a>b 10 => 2 9:10/3 !VLAN": a frame into port 1; it leaves by port 2 untagged and by port 9 with a tag,

@@ -74,8 +74,8 @@ private:
     void CompareHost();
     void CompareSwitches();
     void CompareSwitch(const SwitchConfig &config);
-    void ComparePort(const std::string &subject, const PlacedPort &placed, uint32_t switchIndex);
-    void CompareSnapshot(const std::string &subject, const std::vector<PlacedPort> &ports,
+    void ComparePort(const SwitchConfig &config, const PlacedPort &placed, uint32_t switchIndex);
+    void CompareSnapshot(const SwitchConfig &config, const std::vector<PlacedPort> &ports,
                          uint32_t switchIndex);
     void CompareInterfaces();
     void CompareStaticAddresses();
@@ -266,7 +266,7 @@ void Comparison::CompareSwitches()
 
 void Comparison::CompareSwitch(const SwitchConfig &config)
 {
-    uint32_t index = 0, active = 0, uplinks = 0;
+    uint32_t index = 0;
     const std::string subject = "switch " + config.id;
     const auto isIt = [&](LiveSwitch &one) {
         return ReadWord(one.inUse) && config.id == std::string(one.id, strnlen(one.id, sizeof(one.id)));
@@ -287,22 +287,28 @@ void Comparison::CompareSwitch(const SwitchConfig &config)
     }
     std::vector<PlacedPort> ports;
     for (const auto &[number, port] : placed) {
-        if (port.config.uplink) active |= (port.config.uplinkActive ? 1u : 0u) << uplinks++;
-        ComparePort("port number " + std::to_string(number), port, index);
+        ComparePort(config, port, index);
         if (port.slot != UINT32_MAX) ports.push_back(port);
     }
-    LiveSwitch &words = maps.switches[index];
-    Compare(subject, "the MTU", ReadWord(words.mtu), config.mtu);
-    Compare(subject, "the limit of addresses", ReadWord(words.addressLimit), config.addressLimit);
-    Compare(subject, "the ageing time", ReadWord(words.ageingSeconds), config.ageingSeconds);
-    Compare(subject, "the set of active uplinks", ReadWord(words.activeUplinks), active);
-    CompareSnapshot(subject, ports, index);
+    const LiveSwitch wanted = WordsOf(config, ports);
+    LiveSwitch &found = maps.switches[index];
+    Compare(subject, "the MTU", ReadWord(found.mtu), wanted.mtu);
+    Compare(subject, "the limit of addresses", ReadWord(found.addressLimit), wanted.addressLimit);
+    Compare(subject, "the ageing time", ReadWord(found.ageingSeconds), wanted.ageingSeconds);
+    Compare(subject, "the set of active uplinks", ReadWord(found.activeUplinks), wanted.activeUplinks);
+    Compare(subject, "the word of private VLANs", ReadWord(found.hasPrivateVlans), wanted.hasPrivateVlans);
+    Compare(subject, "the word of ports that get all frames", ReadWord(found.hasAllFramesPorts),
+            wanted.hasAllFramesPorts);
+    Compare(subject, "the word of learning static addresses", ReadWord(found.learnsStatic),
+            wanted.learnsStatic);
+    CompareSnapshot(config, ports, index);
 }
 
-void Comparison::ComparePort(const std::string &subject, const PlacedPort &placed, uint32_t switchIndex)
+void Comparison::ComparePort(const SwitchConfig &config, const PlacedPort &placed, uint32_t switchIndex)
 {
+    const std::string subject = "port number " + std::to_string(placed.config.number);
     if (placed.slot == UINT32_MAX) return Differ(subject, "the kernel doesn't have it");
-    const LivePort wanted = WordsOf(placed, switchIndex);
+    const LivePort wanted = WordsOf(config, placed, switchIndex);
     LivePort &found = maps.ports[placed.slot];
     slots.insert(placed.slot);
     for (const StaticAddress &address : placed.config.addresses)
@@ -312,18 +318,17 @@ void Comparison::ComparePort(const std::string &subject, const PlacedPort &place
     Compare(subject, "the word of flags", ReadWord(found.flags), wanted.flags);
     Compare(subject, "the word of its VLAN", ReadWord(found.vlan), wanted.vlan);
     Compare(subject, "the limit of addresses", ReadWord(found.addressLimit), wanted.addressLimit);
-    Compare(subject, "the word of security", ReadWord(found.security), wanted.security);
-    Compare(subject, "the word of its team", ReadWord(found.team), wanted.team);
 }
 
-void Comparison::CompareSnapshot(const std::string &subject, const std::vector<PlacedPort> &ports,
+void Comparison::CompareSnapshot(const SwitchConfig &config, const std::vector<PlacedPort> &ports,
                                  uint32_t switchIndex)
 {
+    const std::string subject = "switch " + config.id;
     uint32_t id = 0;
     if (bpf_map_lookup_elem(maps.snapshots.Get(), &switchIndex, &id) != 0)
         return Differ(subject, "the kernel has no snapshot of it, it forwards nothing");
     const Descriptor snapshot(bpf_map_get_fd_by_id(id));
-    const std::vector<uint8_t> wanted = SnapshotBytes(ports);
+    const std::vector<uint8_t> wanted = SnapshotBytes(config, ports);
     const auto elements = static_cast<uint32_t>(wanted.size() / LIVE_ELEMENT_SIZE);
     if (EntriesOf(snapshot.Get()) != elements)
         return Differ(subject, "the snapshot has another size than the store's ports need");

@@ -3,6 +3,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,9 +19,27 @@ struct VlanRange {
 
 // A MAC address that a command has given to a port, in network order.
 struct StaticAddress {
-    uint16_t vlan; // 0: untagged
+    uint16_t vlan; // the primary one; 0: untagged
     uint8_t mac[6];
     auto operator<=>(const StaticAddress &) const = default;
+};
+
+struct FilterRule {
+    uint16_t etherType; // behind all tags; 0: any
+    VSwitchFilterDirection direction;
+    VSwitchFilterAction action;
+    bool operator==(const FilterRule &) const = default;
+};
+
+// A teaming policy. Uplinks are named by their ports' numbers; those that the switch doesn't have are left
+// out.
+struct Team {
+    VSwitchTeamingAlgorithm algorithm = VSWITCH_TEAMING_PORT;
+    bool failBack = true;
+    std::vector<uint32_t> active;
+    std::vector<uint32_t> standby;
+    bool anyUplink = false; // when none of these works, any uplink of the switch will do
+    bool operator==(const Team &) const = default;
 };
 
 struct PortConfig {
@@ -32,6 +51,7 @@ struct PortConfig {
 
     bool trunk = false;
     uint16_t vlanId = 0;           // no trunk: 0 is untagged everywhere, over LIVE_VLAN_MAX carries nothing
+    bool nested = false;           // no trunk: tags of the port's frames are payload
     std::vector<VlanRange> ranges; // a trunk: what it carries; VLAN 0 stands for untagged frames
     uint32_t priority = LIVE_PORT_NO_PRIORITY; // 0 to 7: of frames from the port that leave tagged
 
@@ -43,14 +63,34 @@ struct PortConfig {
 
     std::vector<StaticAddress> addresses; // in order, each once
 
+    // Of a port that is not an uplink.
+    bool getsAllFrames = false; // of its VLANs, whoever they are for
+    bool addressLock = false;   // sends from its first address alone
+    bool staticOnly = false;    // sends from its static addresses alone
+
+    std::optional<Team> team; // none: all uplinks, by the port's number
+
+    std::vector<FilterRule> filter; // at most VSWITCH_FILTER_RULES; the first that matches decides
+
     bool operator==(const PortConfig &) const = default;
+};
+
+enum class PrivateVlanType { PROMISCUOUS, ISOLATED, COMMUNITY };
+
+struct PrivateVlan {
+    uint16_t primary;   // 1 to LIVE_VLAN_MAX
+    uint16_t secondary; // the same
+    PrivateVlanType type;
+    bool operator==(const PrivateVlan &) const = default;
 };
 
 struct SwitchConfig {
     std::string id; // 1 to 64 bytes, unique on the host
     uint32_t mtu = 1500;
     uint32_t addressLimit = 65536;
-    uint32_t ageingSeconds = 600; // 0: addresses don't age
+    uint32_t ageingSeconds = 600;          // 0: addresses don't age
+    bool learnsStatic = false;             // addresses of learning ports neither age nor move
+    std::vector<PrivateVlan> privateVlans; // the first one with a secondary VLAN holds
     std::vector<PortConfig> ports;
 };
 

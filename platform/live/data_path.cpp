@@ -16,11 +16,28 @@ namespace {
 
 using namespace vshost;
 
-// Whether what a port has learned under `a` is not true under `b`.
-bool MustForget(const PortConfig &a, const PortConfig &b)
+// Whether what a port has learned is not true any more. Words are those of LivePort.vlan.
+bool MustForget(const PortConfig &a, uint32_t wordA, const PortConfig &b, uint32_t wordB)
 {
     return a.ifindex != b.ifindex || a.uplink != b.uplink || a.learning != b.learning || a.trunk != b.trunk ||
-           (a.trunk ? a.ranges != b.ranges : a.vlanId != b.vlanId);
+           (a.trunk ? a.ranges != b.ranges : LivePrimaryVlan(wordA) != LivePrimaryVlan(wordB));
+}
+
+// The uplinks in the order of their places in the snapshot.
+std::vector<uint32_t> UplinksOf(const std::vector<PlacedPort> &ports)
+{
+    std::vector<uint32_t> numbers;
+    for (const PlacedPort &port : ports)
+        if (port.config.uplink) numbers.push_back(port.config.number);
+    return numbers;
+}
+
+std::vector<uint32_t> UplinksOf(const std::map<uint32_t, PlacedPort> &ports)
+{
+    std::vector<uint32_t> numbers;
+    for (const auto &[number, port] : ports)
+        if (port.config.uplink) numbers.push_back(number);
+    return numbers;
 }
 
 std::string IdOf(const LiveSwitch &vswitch)
@@ -112,7 +129,7 @@ void DataPath::TakeOverStaticAddresses()
     tables.WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
         const Owner holder(address);
         const auto owner = switches.find(key.switchIndex);
-        if (!holder.isStatic || owner == switches.end()) return;
+        if (!holder.isStatic || holder.isKept || owner == switches.end()) return;
         for (auto &[number, port] : owner->second.ports) {
             if (port.slot != holder.slot) continue;
             StaticAddress &found = port.config.addresses.emplace_back();
@@ -254,6 +271,7 @@ bool DataPath::NeedsSnapshot(const Change &change)
     const auto current = switches.find(change.switchIndex);
     if (current == switches.end() || !current->second.isKnown) return true;
     if (!change.takenSlots.empty() || !change.releasedSlots.empty()) return true;
+    if (DifferInSnapshot(current->second.config, change.config)) return true;
     return std::any_of(change.ports.begin(), change.ports.end(), [&](const PlacedPort &port) {
         return DifferInSnapshot(current->second.ports.at(port.config.number).config, port.config);
     });
@@ -261,7 +279,7 @@ bool DataPath::NeedsSnapshot(const Change &change)
 
 VsStatus DataPath::AddSnapshot(const std::vector<PlacedPort> &ports, Change &change)
 {
-    change.snapshot = MakeSnapshot(ports);
+    change.snapshot = MakeSnapshot(change.config, ports);
     if (change.snapshot) return STATUS_OK;
     return Fail(STATUS_NO_SPACE,
                 std::string("the kernel has no room for the configuration: ") + strerror(errno));
@@ -297,6 +315,7 @@ VsStatus DataPath::PreparePort(const PortConfig &port, Change &change)
     }
     change.owner = this;
     change.switchIndex = place->second;
+    change.config = vswitch.config;
     change.ports = {{.config = port, .slot = placed.slot, .position = placed.position}};
     return placed.config.addresses == port.addresses ? STATUS_OK : CheckStaticAddresses(change);
 }
@@ -330,7 +349,7 @@ void DataPath::Publish(const std::vector<Change *> &changes)
         for (const PlacedPort &port : change->ports) {
             if (!port.isNew) continue;
             StartSlot(port.slot);
-            WritePort(port, change->switchIndex);
+            WritePort(port, *change);
         }
     ExchangeSnapshots(changes);
     for (Change *change : changes)
@@ -353,15 +372,15 @@ void DataPath::SilencePorts(const Change &change)
 void DataPath::StartSlot(uint32_t slot)
 {
     LivePort &port = kernel.ports[slot];
-    port.address = 0;
-    port.uplinkSlot = port.floodSecond = port.floodCount = 0;
+    port.address = port.lockedAddress = 0;
+    port.uplinkSlot = port.leftUplinks = port.floodSecond = port.floodCount = 0;
     const std::vector<LiveCounters> zeros(static_cast<size_t>(libbpf_num_possible_cpus()));
     bpf_map_update_elem(kernel.MapDescriptor("counters"), &slot, zeros.data(), BPF_ANY);
 }
 
-void DataPath::WritePort(const PlacedPort &placed, uint32_t switchIndex)
+void DataPath::WritePort(const PlacedPort &placed, const Change &change)
 {
-    const LivePort words = WordsOf(placed, switchIndex);
+    const LivePort words = WordsOf(change.config, placed, change.switchIndex);
     LivePort &port = kernel.ports[placed.slot];
     WriteWord(port.number, words.number);
     WriteWord(port.switchIndex, words.switchIndex);
@@ -412,9 +431,14 @@ void DataPath::Settle(Change &change)
 {
     change.owner = nullptr;
     if (change.takesIndex) takenIndexes.erase(change.switchIndex);
-    if (change.isWhole && !change.removesSwitch) WriteSwitch(change);
+    if (change.isWhole && !change.removesSwitch) {
+        const SwitchConfig &known = switches[change.switchIndex].config;
+        change.movesPrivateVlans = known.privateVlans != change.config.privateVlans;
+        change.movesUplinks = UplinksOf(switches[change.switchIndex].ports) != UplinksOf(change.ports);
+        WriteSwitch(change);
+    }
     for (const PlacedPort &port : change.ports)
-        SettlePort(port, change.switchIndex);
+        SettlePort(port, change);
     for (uint32_t slot : change.releasedSlots) {
         WriteWord(kernel.ports[slot].inUse, 0);
         PassEpoch(slot);
@@ -440,6 +464,7 @@ void DataPath::FreeSlots(const std::vector<Change *> &changes)
 void DataPath::WriteSwitch(const Change &change)
 {
     Switch &known = switches[change.switchIndex];
+    const LiveSwitch words = WordsOf(change.config, change.ports);
     LiveSwitch &vswitch = kernel.switches[change.switchIndex];
     known.config = change.config;
     known.isKnown = true;
@@ -447,20 +472,31 @@ void DataPath::WriteSwitch(const Change &change)
     std::erase_if(known.ports, [&](const auto &port) { return released.contains(port.second.slot); });
     std::memset(vswitch.id, 0, sizeof(vswitch.id));
     std::memcpy(vswitch.id, change.config.id.data(), change.config.id.size());
-    WriteWord(vswitch.mtu, change.config.mtu);
-    WriteWord(vswitch.addressLimit, change.config.addressLimit);
-    WriteWord(vswitch.ageingSeconds, change.config.ageingSeconds);
-    WriteWord(vswitch.inUse, 1);
+    WriteWord(vswitch.mtu, words.mtu);
+    WriteWord(vswitch.addressLimit, words.addressLimit);
+    WriteWord(vswitch.ageingSeconds, words.ageingSeconds);
+    WriteWord(vswitch.hasPrivateVlans, words.hasPrivateVlans);
+    WriteWord(vswitch.learnsStatic, words.learnsStatic);
+    WriteWord(vswitch.hasAllFramesPorts, words.hasAllFramesPorts);
+    WriteWord(vswitch.inUse, words.inUse);
 }
 
-void DataPath::SettlePort(const PlacedPort &placed, uint32_t switchIndex)
+void DataPath::SettlePort(const PlacedPort &placed, const Change &change)
 {
-    Switch &vswitch = switches[switchIndex];
+    Switch &vswitch = switches[change.switchIndex];
+    const uint32_t oldVlan = ReadWord(kernel.ports[placed.slot].vlan);
     const auto current = vswitch.ports.find(placed.config.number);
     const bool isNew = current == vswitch.ports.end();
     const uint32_t oldInterface = isNew ? 0 : current->second.config.ifindex;
-    const bool forgets = !isNew && MustForget(current->second.config, placed.config);
-    WritePort(placed, switchIndex);
+    WritePort(placed, change);
+    if (change.movesUplinks || isNew || current->second.config.team != placed.config.team)
+        WriteWord(kernel.ports[placed.slot].leftUplinks, 0);
+    // The lock is of the machine at the interface.
+    if (!placed.config.addressLock || oldInterface != placed.config.ifindex)
+        std::atomic_ref<uint64_t>(kernel.ports[placed.slot].lockedAddress).store(0);
+    const uint32_t newVlan = ReadWord(kernel.ports[placed.slot].vlan);
+    const bool forgets = !isNew && ((change.movesPrivateVlans && placed.config.trunk) ||
+                                    MustForget(current->second.config, oldVlan, placed.config, newVlan));
     if (oldInterface != placed.config.ifindex) {
         // Another port of the same change may have it by now.
         const auto user = interfaces.find(oldInterface);
@@ -471,8 +507,9 @@ void DataPath::SettlePort(const PlacedPort &placed, uint32_t switchIndex)
     if (forgets) PassEpoch(placed.slot);
     const PortConfig before = isNew ? PortConfig() : current->second.config;
     vswitch.ports[placed.config.number] = placed;
-    portSwitches[placed.config.number] = switchIndex;
-    if (before.addresses != placed.config.addresses) SettleAddresses(switchIndex, before, placed.config);
+    portSwitches[placed.config.number] = change.switchIndex;
+    if (before.addresses != placed.config.addresses)
+        SettleAddresses(change.switchIndex, before, placed.config);
 }
 
 // An address that two ports have belongs to the port that got it last, and then to the other one again.

@@ -33,7 +33,9 @@ private:
     bool takesIndex = false; // the switch is new
     bool isWhole = false;    // `config` and `ports` replace all that the switch has
     bool removesSwitch = false;
-    SwitchConfig config; // without ports
+    bool movesUplinks = false;      // they have other places in the snapshot
+    bool movesPrivateVlans = false; // what trunks have learned is in other VLANs now
+    SwitchConfig config;            // without ports
     std::vector<PlacedPort> ports;
     std::vector<uint32_t> takenSlots;
     std::vector<uint32_t> releasedSlots;
@@ -111,14 +113,14 @@ private:
     bool NeedsSnapshot(const Change &change);
     VsStatus AddSnapshot(const std::vector<PlacedPort> &ports, Change &change);
 
-    void WritePort(const PlacedPort &port, uint32_t switchIndex);
+    void WritePort(const PlacedPort &port, const Change &change);
     void StartSlot(uint32_t slot);
     void WriteSwitch(const Change &change);
     void WriteActiveUplinks(uint32_t switchIndex);
     void SilencePorts(const Change &change);
     void ExchangeSnapshots(const std::vector<Change *> &changes);
     void Settle(Change &change);
-    void SettlePort(const PlacedPort &port, uint32_t switchIndex);
+    void SettlePort(const PlacedPort &port, const Change &change);
     void FreeSlots(const std::vector<Change *> &changes);
     void SettleAddresses(uint32_t switchIndex, const PortConfig &before, const PortConfig &after);
     void AddConfigured(uint32_t portNumber, const StaticAddress &address);

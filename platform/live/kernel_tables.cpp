@@ -73,6 +73,7 @@ VsStatus KernelTables::ReadAddresses(const std::string &switchId, std::vector<Ad
         entry.vlan = key.vlan;
         std::memcpy(entry.mac, key.mac, sizeof(entry.mac));
         entry.isStatic = owner.isStatic;
+        entry.isKept = owner.isKept;
         entry.isOnUplink = ReadWord(port.flags) & LIVE_PORT_UPLINK;
         entry.ageNs = address.lastSeen && now > address.lastSeen ? now - address.lastSeen : 0;
         entries.push_back(entry);

@@ -15,6 +15,7 @@ struct AddressEntry {
     uint16_t vlan; // 0: untagged
     uint8_t mac[6];
     bool isStatic;
+    bool isKept; // static, but learned
     bool isOnUplink;
     uint64_t ageNs; // since the port was last seen to have it; a static address never seen: 0
 };
@@ -23,13 +24,14 @@ struct AddressEntry {
 struct Owner {
     explicit Owner(const LiveAddress &address)
         : slot(static_cast<uint32_t>(address.owner)), epoch(static_cast<uint32_t>(address.owner >> 32)),
-          isStatic(epoch == LIVE_EPOCH_STATIC)
+          isStatic(epoch == LIVE_EPOCH_STATIC || epoch == LIVE_EPOCH_KEPT), isKept(epoch == LIVE_EPOCH_KEPT)
     {}
     bool IsCurrent(LivePort &port) const { return epoch == (ReadWord(port.epoch) & LIVE_EPOCH_MASK); }
 
     uint32_t slot;
     uint32_t epoch;
     bool isStatic;
+    bool isKept;
 };
 
 using VisitAddress = std::function<void(const LiveAddressKey &, const LiveAddress &)>;

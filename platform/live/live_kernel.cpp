@@ -16,13 +16,13 @@ constexpr uint64_t NS_PER_SECOND = 1000000000;
 // A port without an interface has nothing in the kernel.
 VsStatus AbsentIsOk(VsStatus status) { return status == STATUS_NOT_FOUND ? STATUS_OK : status; }
 
-VSwitchMacEntry LearnedEntry(const AddressEntry &address)
+VSwitchMacEntry EntryOf(const AddressEntry &address)
 {
     VSwitchMacEntry entry = {};
     memcpy(entry.address, address.mac, sizeof(entry.address));
-    entry.type = VSWITCH_MAC_LEARNED;
+    entry.type = address.isStatic ? VSWITCH_MAC_STATIC : VSWITCH_MAC_LEARNED;
     entry.vlanId = address.vlan;
-    entry.age = static_cast<uint32_t>(address.ageNs / NS_PER_SECOND);
+    if (!address.isStatic) entry.age = static_cast<uint32_t>(address.ageNs / NS_PER_SECOND);
     entry.portId = address.portNumber;
     return entry;
 }
@@ -45,8 +45,8 @@ VsStatus LiveKernel::ReadAddresses(Reader &reader, std::span<const RunningPort> 
         if (entry.type == VSWITCH_MAC_STATIC) entries.push_back(entry);
     if (VsStatus status = AbsentIsOk(tables.ReadAddresses(ports[0].switchId, seen))) return status;
     for (const AddressEntry &address : seen)
-        if (!address.isStatic && numbers.contains(address.portNumber))
-            entries.push_back(LearnedEntry(address));
+        if ((!address.isStatic || address.isKept) && numbers.contains(address.portNumber))
+            entries.push_back(EntryOf(address));
     return STATUS_OK;
 }
 

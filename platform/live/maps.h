@@ -17,13 +17,15 @@
 
 #include <stdint.h>
 
+#include "platform/include/vswitch_policy.h"
+
 #ifdef __cplusplus
 #define LIVE_ASSERT(condition) static_assert(condition, #condition)
 #else
 #define LIVE_ASSERT(condition) _Static_assert(condition, #condition)
 #endif
 
-#define LIVE_LAYOUT_VERSION 1u
+#define LIVE_LAYOUT_VERSION 2u
 
 #define LIVE_VLANS 4096u
 #define LIVE_VLAN_MAX 4094u /* a larger access VLAN carries nothing */
@@ -31,18 +33,38 @@
 
 /** Bits of LivePort.flags. */
 enum LivePortFlag {
-    LIVE_PORT_UPLINK = 1,             /* leads to the physical network */
-    LIVE_PORT_BLOCKED = 2,            /* nothing in, nothing out */
-    LIVE_PORT_LEARNING = 4,           /* keeps several addresses; else the one last seen */
-    LIVE_PORT_FORWARDS_OVER_LIMIT = 8 /* frames from addresses over the limit pass */
+    LIVE_PORT_UPLINK = 1,              /* leads to the physical network */
+    LIVE_PORT_BLOCKED = 2,             /* nothing in, nothing out */
+    LIVE_PORT_LEARNING = 4,            /* keeps several addresses; else the one last seen */
+    LIVE_PORT_FORWARDS_OVER_LIMIT = 8, /* frames from addresses over the limit pass */
+    LIVE_PORT_ALL_FRAMES = 16,         /* gets all frames of its VLANs, whoever they are for */
+    LIVE_PORT_ADDRESS_LOCK = 32,       /* may send from its first address alone */
+    LIVE_PORT_STATIC_ONLY = 64,        /* may send from its static addresses alone */
+    LIVE_PORT_FILTERED = 128           /* its record has rules for EtherTypes */
 };
 
-/* LivePort.vlan: the access VLAN in the low 16 bits, then the priority, then whether it is a trunk. */
-#define LIVE_PORT_VLAN_MASK 0xffffu
-#define LIVE_PORT_PRIORITY_SHIFT 16
+/*
+ * LivePort.vlan is one word, so that no frame meets a port that is half in one VLAN and half in another. Its
+ * identity says where the port is: its VLAN id, the primary VLAN under which its addresses are known (for a
+ * VLAN that is not private the id again), and its role in that.
+ */
+#define LIVE_VLAN_ID_MASK 0xfffu
+#define LIVE_PRIMARY_SHIFT 16
+#define LIVE_ROLE_MASK 0x30000000u
+#define LIVE_ROLE_OPEN 0u /* of a promiscuous port, and in a VLAN that is not private */
+#define LIVE_ROLE_ISOLATED 0x10000000u
+#define LIVE_ROLE_COMMUNITY 0x20000000u
+#define LIVE_IDENTITY_MASK (LIVE_ROLE_MASK | LIVE_VLAN_ID_MASK << LIVE_PRIMARY_SHIFT | LIVE_VLAN_ID_MASK)
+#define LIVE_PORT_PRIORITY_SHIFT 12
 #define LIVE_PORT_PRIORITY_MASK 0xfu
 #define LIVE_PORT_NO_PRIORITY 8u
+#define LIVE_PORT_NESTED 0x40000000u /* the tags of the port's frames are payload */
 #define LIVE_PORT_TRUNK 0x80000000u
+
+static inline uint32_t LivePrimaryVlan(uint32_t identity)
+{
+    return identity >> LIVE_PRIMARY_SHIFT & LIVE_VLAN_ID_MASK;
+}
 
 /**
  * A port that has an interface. Its index in the array, the slot, is its name in the other maps and stays
@@ -53,15 +75,13 @@ struct LivePort {
     /* Words, written by user space. */
     uint32_t ifindex;      /* 0: no interface is plugged */
     uint32_t flags;        /* LIVE_PORT_… */
-    uint32_t vlan;         /* LIVE_PORT_VLAN_MASK, … */
+    uint32_t vlan;         /* an identity and LIVE_PORT_… */
     uint32_t switchIndex;  /* of LiveSwitch */
     uint32_t position;     /* in the snapshot's records */
     uint32_t number;       /* the port's kernel number, unique on the host */
     uint32_t addressLimit; /* of learned addresses, with LIVE_PORT_LEARNING */
-    uint32_t security;     /* room for security flags */
-    uint32_t team;         /* room for the team that the port sends by */
     uint32_t inUse;        /* of user space: 0: the slot is free */
-    uint32_t reserved[5];
+    uint32_t reserved[7];
     /* The epoch that the port's learned addresses must have: raising it forgets them all at once. Raised
      * atomically, by either side. */
     uint32_t epoch;
@@ -72,7 +92,9 @@ struct LivePort {
     uint32_t uplinkSlot;  /* 1 + the uplink that the port last sent by; 0: none yet */
     uint32_t floodSecond; /* the second that floodCount counts in */
     uint32_t floodCount;
-    uint32_t stateReserved[8];
+    uint64_t lockedAddress; /* with LIVE_PORT_ADDRESS_LOCK: the first one, LiveAddressWord() without VLAN */
+    uint32_t leftUplinks;   /* bit i: the port went past uplink i of the snapshot, which didn't work */
+    uint32_t stateReserved[5];
 
     uint32_t userReserved[2]; /* of user space alone */
 };
@@ -86,7 +108,10 @@ struct LiveSwitch {
     uint32_t ageingSeconds; /* 0: addresses don't age */
     uint32_t activeUplinks; /* bit i: uplink i of the snapshot is to be preferred */
     uint32_t learned;       /* written by the data path */
-    uint32_t reserved[10];
+    uint32_t hasPrivateVlans;
+    uint32_t hasAllFramesPorts; /* some port has LIVE_PORT_ALL_FRAMES */
+    uint32_t learnsStatic;      /* what learning ports learn neither ages nor moves */
+    uint32_t reserved[7];
     char id[64]; /* for user space: which switch of the store this is */
 };
 LIVE_ASSERT(sizeof(struct LiveSwitch) == 128);
@@ -126,6 +151,7 @@ LIVE_ASSERT(sizeof(struct LiveAddress) == 16);
 
 #define LIVE_EPOCH_MASK 0x7fffffffu
 #define LIVE_EPOCH_STATIC 0xffffffffu         /* static addresses have no epoch */
+#define LIVE_EPOCH_KEPT 0xfffffffdu           /* nor have those that were learned as static ones */
 #define LIVE_OWNER_NONE 0xfffffffeffffffffull /* the entry is about to be deleted */
 
 /** Value of LivePort.address: a MAC address in network order and its VLAN. */
@@ -162,9 +188,9 @@ enum LiveCounter {
     LIVE_TO_BROADCAST,
     LIVE_DROP_BLOCKED,        /* from a blocked port, or to one whose address it is */
     LIVE_DROP_VLAN,           /* of a VLAN that the port doesn't carry */
-    LIVE_DROP_SECURITY,       /* room for security flags */
+    LIVE_DROP_SECURITY,       /* from an address that the port may not have */
     LIVE_DROP_LEARNING_LIMIT, /* from an address over the limit */
-    LIVE_DROP_FILTER,         /* malformed, with a source that is not an address, or come back */
+    LIVE_DROP_FILTER,         /* malformed, with a source that is not an address, come back, or by a rule */
     LIVE_DROP_LENGTH,         /* longer than the MTU */
     LIVE_DROP_FLOOD_LIMIT,
     LIVE_DROP_NOT_SENT, /* no uplink took it, or the port's interface refused it */
@@ -198,12 +224,12 @@ struct LiveSection {
 };
 
 struct LiveSnapshotHeader {
-    struct LiveSection flood;   /* LiveSlots: every port but the uplinks */
-    struct LiveSection unknown; /* LiveSlots: those of them that get unknown unicast */
-    struct LiveSection teams;   /* room, as the next ones */
-    struct LiveSection privateVlans;
-    struct LiveSection mirrors;
-    struct LiveSection policies;
+    struct LiveSection flood;        /* LiveSlots: every port but the uplinks */
+    struct LiveSection unknown;      /* LiveSlots: those of them that get unknown unicast */
+    struct LiveSection allFrames;    /* LiveSlots: those of them that get all frames */
+    struct LiveSection teams;        /* LiveTeam */
+    struct LiveSection privateVlans; /* LiveIdentities of all VLANs, or nothing */
+    struct LiveSection mirrors;      /* room, as the next ones */
     struct LiveSection reserved[2];
     uint32_t uplinkCount;
     uint32_t headerReserved[15];
@@ -215,9 +241,11 @@ LIVE_ASSERT(sizeof(struct LiveSnapshotHeader) == LIVE_ELEMENT_SIZE);
 /** What a port has besides its words. */
 struct LivePortRecord {
     uint32_t slot; /* the record is of this port, or of none */
-    uint32_t recordReserved[15];
+    uint32_t filterCount;
+    uint32_t team; /* 1 + its place in the section of teams; 0: all uplinks by the port's number */
+    uint32_t recordReserved[13];
     uint64_t vlans[LIVE_VLANS / 64]; /* of a trunk: bit v of word v / 64 for VLAN v; bit 0: untagged */
-    uint8_t filter[192];             /* room for the Ethernet filter */
+    VSwitchFilterRule filter[VSWITCH_FILTER_RULES];
 };
 LIVE_ASSERT(sizeof(struct LivePortRecord) == LIVE_ELEMENT_SIZE);
 
@@ -230,6 +258,45 @@ struct LiveSlots {
     uint8_t rest[256];
 };
 LIVE_ASSERT(sizeof(struct LiveSlots) == LIVE_ELEMENT_SIZE);
+
+/** How a port finds its uplink. */
+struct LiveTeam {
+    uint8_t algorithm; /* VSwitchTeamingAlgorithm */
+    uint8_t failBack;
+    uint8_t anyUplink; /* when none of the team works, any other uplink of the switch may */
+    uint8_t activeCount;
+    uint8_t count; /* of active and standby uplinks together */
+    uint8_t teamReserved[3];
+    uint32_t members;              /* bits of `uplinks` */
+    uint8_t uplinks[LIVE_UPLINKS]; /* active ones, then standby ones: places in uplinkSlots */
+    uint32_t moreReserved;
+};
+LIVE_ASSERT(sizeof(struct LiveTeam) == 48);
+
+#define LIVE_TEAMS 16u /* in an element */
+
+struct LiveTeams {
+    struct LiveTeam teams[LIVE_TEAMS];
+};
+LIVE_ASSERT(sizeof(struct LiveTeams) == LIVE_ELEMENT_SIZE);
+
+/** Mixes a word into a hash, by which flows are spread. */
+static inline uint32_t LiveMix(uint32_t hash, uint32_t word)
+{
+    hash ^= word;
+    hash = (hash ^ hash >> 16) * 0x85ebca6bu;
+    hash = (hash ^ hash >> 13) * 0xc2b2ae35u;
+    return hash ^ hash >> 16;
+}
+
+/** The identities of some VLANs, for frames that come with their tag. */
+#define LIVE_IDENTITIES 128u
+
+struct LiveIdentities {
+    uint32_t identities[LIVE_IDENTITIES];
+    uint8_t rest[256];
+};
+LIVE_ASSERT(sizeof(struct LiveIdentities) == LIVE_ELEMENT_SIZE);
 
 /** What the second program does with the address table; it answers a LiveResult. */
 enum LiveCommandKind {

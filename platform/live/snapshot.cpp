@@ -4,6 +4,7 @@
 #include <bpf/bpf.h>
 #include <cstring>
 #include <linux/bpf.h>
+#include <map>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -18,18 +19,40 @@ uint32_t FlagsWord(const PortConfig &port)
 {
     return FlagIf(port.uplink, LIVE_PORT_UPLINK) | FlagIf(port.blocked, LIVE_PORT_BLOCKED) |
            FlagIf(port.learning, LIVE_PORT_LEARNING) |
-           FlagIf(port.forwardsOverLimit, LIVE_PORT_FORWARDS_OVER_LIMIT);
+           FlagIf(port.forwardsOverLimit, LIVE_PORT_FORWARDS_OVER_LIMIT) |
+           FlagIf(port.getsAllFrames && !port.uplink, LIVE_PORT_ALL_FRAMES) |
+           FlagIf(port.addressLock && !port.uplink, LIVE_PORT_ADDRESS_LOCK) |
+           FlagIf(port.staticOnly && !port.uplink, LIVE_PORT_STATIC_ONLY) |
+           FlagIf(!port.filter.empty(), LIVE_PORT_FILTERED);
 }
 
-uint32_t VlanWord(const PortConfig &port)
+uint32_t VlanWord(const SwitchConfig &vswitch, const PortConfig &port)
 {
-    const uint32_t priority = std::min(port.priority, LIVE_PORT_NO_PRIORITY);
-    return port.vlanId | priority << LIVE_PORT_PRIORITY_SHIFT | (port.trunk ? LIVE_PORT_TRUNK : 0u);
+    const uint32_t priority = std::min(port.priority, LIVE_PORT_NO_PRIORITY) << LIVE_PORT_PRIORITY_SHIFT;
+    if (port.trunk) return priority | LIVE_PORT_TRUNK;
+    const uint32_t vlan = std::min<uint32_t>(port.vlanId, LIVE_VLAN_MAX + 1);
+    const bool isNested = port.nested && vlan != 0 && vlan <= LIVE_VLAN_MAX;
+    return IdentityOf(vswitch, vlan) | priority | (isNested ? LIVE_PORT_NESTED : 0u);
 }
 
 bool IsListed(const PortConfig &port) { return !port.uplink && port.ifindex != 0; }
 
-bool TakesUnknown(const PortConfig &port) { return IsListed(port) && (port.takesUnknown || port.sink); }
+bool GetsAllFrames(const PortConfig &port) { return IsListed(port) && port.getsAllFrames; }
+
+bool TakesUnknown(const PortConfig &port)
+{
+    return IsListed(port) && (port.takesUnknown || port.sink || port.getsAllFrames);
+}
+
+void SetFilter(const PortConfig &port, LivePortRecord &record)
+{
+    record.filterCount = static_cast<uint32_t>(std::min<size_t>(port.filter.size(), VSWITCH_FILTER_RULES));
+    for (uint32_t i = 0; i < record.filterCount; i++)
+        record.filter[i] = {.etherType = port.filter[i].etherType,
+                            .direction = static_cast<uint8_t>(port.filter[i].direction),
+                            .action = static_cast<uint8_t>(port.filter[i].action),
+                            .reserved = 0};
+}
 
 void SetVlans(const PortConfig &port, LivePortRecord &record)
 {
@@ -41,19 +64,26 @@ void SetVlans(const PortConfig &port, LivePortRecord &record)
     if (port.uplink) record.vlans[0] |= 1;
 }
 
-// The elements of a snapshot one after the other: header, records, lists.
+// The elements of a snapshot one after the other: header, records, lists, private VLANs.
 class Layout {
 public:
-    explicit Layout(const std::vector<PlacedPort> &ports) : ports(ports)
+    Layout(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports) : vswitch(vswitch), ports(ports)
     {
         for (const PlacedPort &port : ports) {
             positions = std::max(positions, port.position + 1);
             header.flood.count += IsListed(port.config);
             header.unknown.count += TakesUnknown(port.config);
+            header.allFrames.count += GetsAllFrames(port.config);
         }
         header.flood.first = LIVE_FIRST_RECORD + positions;
         header.unknown.first = header.flood.first + ListElements(header.flood);
-        elements = header.unknown.first + ListElements(header.unknown);
+        header.allFrames.first = header.unknown.first + ListElements(header.unknown);
+        FindTeams();
+        header.teams.first = header.allFrames.first + ListElements(header.allFrames);
+        header.privateVlans.first = header.teams.first + (header.teams.count + LIVE_TEAMS - 1) / LIVE_TEAMS;
+        if (!vswitch.privateVlans.empty()) header.privateVlans.count = LIVE_VLANS;
+        elements =
+            header.privateVlans.first + (header.privateVlans.count + LIVE_IDENTITIES - 1) / LIVE_IDENTITIES;
     }
 
     uint32_t Elements() const { return elements; }
@@ -62,16 +92,21 @@ public:
     {
         for (uint32_t i = 0; i < positions; i++)
             Record(memory, i)->slot = UINT32_MAX;
-        uint32_t flooded = 0, unknown = 0;
+        uint32_t flooded = 0, unknown = 0, allFrames = 0;
         for (const PlacedPort &port : ports) {
             LivePortRecord *record = Record(memory, port.position);
             record->slot = port.slot;
             SetVlans(port.config, *record);
+            SetFilter(port.config, *record);
+            record->team = TeamNumber(port.config);
             if (port.config.uplink && header.uplinkCount < LIVE_UPLINKS)
                 header.uplinkSlots[header.uplinkCount++] = port.slot;
             if (IsListed(port.config)) *ListEntry(memory, header.flood, flooded++) = port.slot;
             if (TakesUnknown(port.config)) *ListEntry(memory, header.unknown, unknown++) = port.slot;
+            if (GetsAllFrames(port.config)) *ListEntry(memory, header.allFrames, allFrames++) = port.slot;
         }
+        FillTeams(memory);
+        FillPrivateVlans(memory);
         std::memcpy(memory, &header, ELEMENT);
     }
 
@@ -92,8 +127,65 @@ private:
         return &slots->slots[index % LIVE_SLOTS];
     }
 
+    // Ports of equal policy share a team.
+    void FindTeams()
+    {
+        for (const PlacedPort &port : ports)
+            if (port.config.team && TeamNumber(port.config) == 0) teams.push_back(&*port.config.team);
+        header.teams.count = static_cast<uint32_t>(teams.size());
+    }
+
+    uint32_t TeamNumber(const PortConfig &port) const
+    {
+        if (!port.team) return 0;
+        const auto found =
+            std::find_if(teams.begin(), teams.end(), [&](const Team *team) { return *team == *port.team; });
+        return found == teams.end() ? 0 : static_cast<uint32_t>(found - teams.begin()) + 1;
+    }
+
+    void FillTeams(uint8_t *memory)
+    {
+        std::map<uint32_t, uint8_t> places; // of uplinks, by port number
+        for (const PlacedPort &port : ports)
+            if (port.config.uplink) places.emplace(port.config.number, static_cast<uint8_t>(places.size()));
+        for (uint32_t i = 0; i < header.teams.count; i++) {
+            uint8_t *element = memory + (header.teams.first + i / LIVE_TEAMS) * ELEMENT;
+            LiveTeam &team = reinterpret_cast<LiveTeams *>(element)->teams[i % LIVE_TEAMS];
+            team.algorithm = static_cast<uint8_t>(teams[i]->algorithm);
+            team.failBack = teams[i]->failBack;
+            team.anyUplink = teams[i]->anyUplink;
+            AddUplinks(teams[i]->active, places, team);
+            team.activeCount = team.count;
+            AddUplinks(teams[i]->standby, places, team);
+        }
+    }
+
+    static void AddUplinks(const std::vector<uint32_t> &numbers, const std::map<uint32_t, uint8_t> &places,
+                           LiveTeam &team)
+    {
+        for (uint32_t number : numbers) {
+            const auto place = places.find(number);
+            if (place == places.end() || place->second >= LIVE_UPLINKS) continue;
+            const uint32_t bit = 1u << place->second;
+            if (team.members & bit) continue; // an uplink is in a team once
+            team.members |= bit;
+            team.uplinks[team.count++] = place->second;
+        }
+    }
+
+    void FillPrivateVlans(uint8_t *memory)
+    {
+        for (uint32_t vlan = 0; vlan < header.privateVlans.count; vlan++) {
+            uint8_t *element = memory + (header.privateVlans.first + vlan / LIVE_IDENTITIES) * ELEMENT;
+            reinterpret_cast<LiveIdentities *>(element)->identities[vlan % LIVE_IDENTITIES] =
+                IdentityOf(vswitch, vlan);
+        }
+    }
+
+    const SwitchConfig &vswitch;
     const std::vector<PlacedPort> &ports;
     LiveSnapshotHeader header = {};
+    std::vector<const Team *> teams;
     uint32_t positions = 0;
     uint32_t elements = 0;
 };
@@ -105,16 +197,33 @@ Descriptor::~Descriptor()
     if (fd >= 0) close(fd);
 }
 
-LivePort WordsOf(const PlacedPort &placed, uint32_t switchIndex)
+LivePort WordsOf(const SwitchConfig &vswitch, const PlacedPort &placed, uint32_t switchIndex)
 {
     LivePort words = {};
     words.number = placed.config.number;
     words.switchIndex = switchIndex;
     words.position = placed.position;
     words.addressLimit = placed.config.addressLimit;
-    words.vlan = VlanWord(placed.config);
+    words.vlan = VlanWord(vswitch, placed.config);
     words.flags = FlagsWord(placed.config);
     words.ifindex = placed.config.ifindex;
+    words.inUse = 1;
+    return words;
+}
+
+LiveSwitch WordsOf(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports)
+{
+    LiveSwitch words = {};
+    uint32_t uplink = 0;
+    words.mtu = vswitch.mtu;
+    words.addressLimit = vswitch.addressLimit;
+    words.ageingSeconds = vswitch.ageingSeconds;
+    words.hasPrivateVlans = !vswitch.privateVlans.empty();
+    words.learnsStatic = vswitch.learnsStatic;
+    for (const PlacedPort &port : ports) {
+        if (GetsAllFrames(port.config)) words.hasAllFramesPorts = 1;
+        if (port.config.uplink) words.activeUplinks |= (port.config.uplinkActive ? 1u : 0u) << uplink++;
+    }
     words.inUse = 1;
     return words;
 }
@@ -122,20 +231,42 @@ LivePort WordsOf(const PlacedPort &placed, uint32_t switchIndex)
 bool DifferInSnapshot(const PortConfig &a, const PortConfig &b)
 {
     return a.trunk != b.trunk || (a.trunk && a.ranges != b.ranges) || a.uplink != b.uplink ||
-           IsListed(a) != IsListed(b) || TakesUnknown(a) != TakesUnknown(b);
+           IsListed(a) != IsListed(b) || TakesUnknown(a) != TakesUnknown(b) ||
+           GetsAllFrames(a) != GetsAllFrames(b) || a.filter != b.filter || a.team != b.team;
 }
 
-std::vector<uint8_t> SnapshotBytes(const std::vector<PlacedPort> &ports)
+std::vector<uint8_t> SnapshotBytes(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports)
 {
-    Layout layout(ports);
+    Layout layout(vswitch, ports);
     std::vector<uint8_t> bytes(layout.Elements() * ELEMENT);
     layout.Fill(bytes.data());
     return bytes;
 }
 
-Descriptor MakeSnapshot(const std::vector<PlacedPort> &ports)
+bool DifferInSnapshot(const SwitchConfig &a, const SwitchConfig &b)
 {
-    Layout layout(ports);
+    return a.privateVlans != b.privateVlans;
+}
+
+uint32_t IdentityOf(const SwitchConfig &vswitch, uint32_t vlan)
+{
+    const auto found = std::find_if(vswitch.privateVlans.begin(), vswitch.privateVlans.end(),
+                                    [&](const PrivateVlan &entry) { return entry.secondary == vlan; });
+    if (found == vswitch.privateVlans.end()) return vlan | vlan << LIVE_PRIMARY_SHIFT;
+    const uint32_t primary = uint32_t{found->primary} << LIVE_PRIMARY_SHIFT;
+    switch (found->type) {
+    case PrivateVlanType::ISOLATED:
+        return vlan | primary | LIVE_ROLE_ISOLATED;
+    case PrivateVlanType::COMMUNITY:
+        return vlan | primary | LIVE_ROLE_COMMUNITY;
+    default:
+        return vlan | primary | LIVE_ROLE_OPEN;
+    }
+}
+
+Descriptor MakeSnapshot(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports)
+{
+    Layout layout(vswitch, ports);
     bpf_map_create_opts options = {};
     options.sz = sizeof(options);
     options.map_flags = BPF_F_INNER_MAP | BPF_F_MMAPABLE;

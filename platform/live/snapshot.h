@@ -35,16 +35,22 @@ struct PlacedPort {
     bool isNew = false; // of a change: the port comes with it
 };
 
-// The port's words as user space writes them; the rest is 0.
-LivePort WordsOf(const PlacedPort &port, uint32_t switchIndex);
+// The words of a port and of a switch as user space writes them; the rest is 0.
+LivePort WordsOf(const SwitchConfig &vswitch, const PlacedPort &port, uint32_t switchIndex);
+LiveSwitch WordsOf(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports);
 
-// Whether the two differ in what a snapshot holds; everything else is in the port's words.
+// Whether the two differ in what a snapshot holds; everything else is in words.
 bool DifferInSnapshot(const PortConfig &a, const PortConfig &b);
+bool DifferInSnapshot(const SwitchConfig &a, const SwitchConfig &b);
 
-// The elements of a snapshot one after the other.
-std::vector<uint8_t> SnapshotBytes(const std::vector<PlacedPort> &ports);
+// Where a VLAN is in the switch's private VLANs, see LivePort.vlan.
+uint32_t IdentityOf(const SwitchConfig &vswitch, uint32_t vlan);
 
-// Makes and fills a snapshot. No descriptor (errno) when the kernel has no room for it.
-Descriptor MakeSnapshot(const std::vector<PlacedPort> &ports);
+// The elements of a snapshot of the switch with these ports, one after the other.
+std::vector<uint8_t> SnapshotBytes(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports);
+
+// Makes and fills such a snapshot. No descriptor (errno) when the kernel has no
+// room for it.
+Descriptor MakeSnapshot(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports);
 
 }

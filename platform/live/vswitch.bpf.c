@@ -118,8 +118,9 @@ static __always_inline int SendLast(struct __sk_buff *skb, uint32_t ifindex)
 
 #define PASS (-1)
 #define NOT_SENT (-1)
-#define QUEUE_FULL 1    // NET_XMIT_DROP of the kernel
-#define TAGGED 0x10000u // beside the 16 bits of a tag
+#define QUEUE_FULL 1         // NET_XMIT_DROP of the kernel
+#define TAGGED 0x10000u      // beside the 16 bits of a tag
+#define SERVICE_TAG 0x20000u // an 802.1ad tag
 
 enum Destination { UNICAST, MULTICAST, BROADCAST };
 
@@ -132,16 +133,16 @@ struct Frame {
     void *snapshot;
     const struct LiveSnapshotHeader *header;
     uint64_t now;
-    uint32_t slot;  // of the sender
-    uint32_t flags; // of the sender
-    uint32_t vlan;  // to which the frame belongs; 0: untagged
-    uint32_t tag;   // with which it leaves by ports that carry tags: TAGGED and the tag, or 0
+    uint32_t slot;     // of the sender
+    uint32_t flags;    // of the sender
+    uint32_t identity; // of the frame's VLAN: with whose VLAN id it leaves, under which VLAN addresses are
+    uint32_t tag;      // with which it leaves by ports that carry tags: TAGGED and the tag, or 0
     uint32_t tagNow;
-    uint32_t length; // without a tag
+    uint32_t length;           // without a tag
+    uint32_t payloadTagLength; // bytes of a guest's tag that is not in `length`
     uint16_t etherType;
     uint16_t destinationKind;
-    uint32_t copies; // sent to ports other than uplinks
-    bool sentToUplink;
+    bool sentToPorts;  // other than uplinks
     bool queueWasFull; // of an uplink that should have taken the frame
     struct LiveAddressKey source;
     struct LiveAddressKey destination;
@@ -219,7 +220,10 @@ static __always_inline bool ReadEthernetHeader(struct Frame *frame)
     frame->etherType = bpf_ntohs(*(const uint16_t *)(data + 2 * ETH_ALEN));
     frame->length = frame->skb->len;
     // The kernel has moved the outer tag out of the bytes.
-    if (frame->skb->vlan_present) frame->tagNow = TAGGED | (frame->skb->vlan_tci & 0xffff);
+    if (frame->skb->vlan_present) {
+        frame->tagNow = TAGGED | (frame->skb->vlan_tci & 0xffff);
+        if (frame->skb->vlan_proto == bpf_htons(ETH_P_8021AD)) frame->tagNow |= SERVICE_TAG;
+    }
     return true;
 }
 
@@ -248,29 +252,75 @@ static __always_inline uint32_t WithPriority(uint32_t tci, uint32_t vlanWord)
     return priority < LIVE_PORT_NO_PRIORITY ? (tci & 0x1fff) | priority << 13 : tci;
 }
 
+// The identity of a VLAN that a tag names.
+static __always_inline uint32_t IdentityOf(const struct Frame *frame, uint32_t vlan)
+{
+    const uint32_t open = vlan | vlan << LIVE_PRIMARY_SHIFT;
+    if (!READ_WORD(frame->vswitch->hasPrivateVlans)) return open;
+    const uint32_t first = 0;
+    const struct LiveSnapshotHeader *header = bpf_map_lookup_elem(frame->snapshot, &first);
+    if (!header || header->privateVlans.count == 0) return open;
+    const uint32_t element = header->privateVlans.first + vlan / LIVE_IDENTITIES;
+    const struct LiveIdentities *table = bpf_map_lookup_elem(frame->snapshot, &element);
+    return table ? table->identities[vlan & (LIVE_IDENTITIES - 1)] : open;
+}
+
+static __always_inline bool ClassifyAtTrunk(struct Frame *frame, uint32_t word)
+{
+    const uint32_t vlan = frame->tagNow & LIVE_VLAN_ID_MASK;
+    if (frame->tagNow & SERVICE_TAG && (vlan == 0 || !FromNetwork(frame))) return false;
+    if (!TrunkCarries(frame, frame->slot, READ_WORD(frame->sender->position), vlan)) return false;
+    frame->identity = IdentityOf(frame, vlan);
+    if (frame->tagNow) frame->tag = (frame->tagNow & ~0xffffu) | WithPriority(frame->tagNow & 0xffff, word);
+    return true;
+}
+
+static __always_inline bool ClassifyAtAccess(struct Frame *frame, uint32_t word)
+{
+    const uint32_t access = word & LIVE_VLAN_ID_MASK;
+    if (frame->tagNow & (SERVICE_TAG | LIVE_VLAN_ID_MASK) || access > LIVE_VLAN_MAX) return false;
+    frame->identity = word & LIVE_IDENTITY_MASK;
+    if (access != 0) frame->tag = TAGGED | WithPriority(access, word);
+    return true;
+}
+
+// The guest's tag becomes part of the bytes, behind the port's.
+static __always_inline bool ClassifyAtNested(struct Frame *frame, uint32_t word)
+{
+    const uint32_t tci = WithPriority(word & LIVE_VLAN_ID_MASK, word);
+    frame->identity = word & LIVE_IDENTITY_MASK;
+    frame->tag = TAGGED | SERVICE_TAG | tci;
+    if (!frame->tagNow) return true;
+    if (bpf_skb_vlan_push(frame->skb, bpf_htons(ETH_P_8021AD), (uint16_t)tci)) return false;
+    frame->tagNow = frame->tag;
+    frame->payloadTagLength = 4;
+    return true;
+}
+
 // Decides to which VLAN the frame belongs and which tag it leaves with. False: the port doesn't carry it.
 static __always_inline bool Classify(struct Frame *frame)
 {
     const uint32_t word = READ_WORD(frame->sender->vlan);
-    const uint32_t tci = frame->tagNow & 0xffff;
-    const uint32_t vlan = tci & 0xfff;
-    if (frame->tagNow && frame->skb->vlan_proto != bpf_htons(ETH_P_8021Q)) return false;
+    const bool hasInnerTag = frame->etherType == ETH_P_8021Q || frame->etherType == ETH_P_8021AD;
+    bool isCarried;
+    if (word & LIVE_PORT_NESTED) isCarried = ClassifyAtNested(frame, word);
     // Taking off a priority tag around another tag would make a frame of that tag's VLAN.
-    if (vlan == 0 && (frame->etherType == ETH_P_8021Q || frame->etherType == ETH_P_8021AD)) return false;
+    else if (hasInnerTag && !(frame->tagNow & LIVE_VLAN_ID_MASK))
+        isCarried = false;
+    else if (word & LIVE_PORT_TRUNK)
+        isCarried = ClassifyAtTrunk(frame, word);
+    else
+        isCarried = ClassifyAtAccess(frame, word);
+    frame->source.vlan = (uint16_t)LivePrimaryVlan(frame->identity);
+    frame->destination.vlan = frame->source.vlan;
+    return isCarried;
+}
 
-    if (word & LIVE_PORT_TRUNK) {
-        if (!TrunkCarries(frame, frame->slot, READ_WORD(frame->sender->position), vlan)) return false;
-        frame->vlan = vlan;
-        if (frame->tagNow) frame->tag = TAGGED | WithPriority(tci, word);
-    } else {
-        const uint32_t access = word & LIVE_PORT_VLAN_MASK;
-        if (vlan != 0 || access > LIVE_VLAN_MAX) return false;
-        frame->vlan = access;
-        if (access != 0) frame->tag = TAGGED | WithPriority(access, word);
-    }
-    frame->source.vlan = (uint16_t)frame->vlan;
-    frame->destination.vlan = (uint16_t)frame->vlan;
-    return true;
+// Whether frames of one identity reach an access port of another one in the same primary VLAN.
+static __always_inline bool Reaches(uint32_t from, uint32_t to)
+{
+    if ((from & LIVE_ROLE_MASK) == LIVE_ROLE_OPEN || (to & LIVE_ROLE_MASK) == LIVE_ROLE_OPEN) return true;
+    return (from & LIVE_ROLE_MASK) == LIVE_ROLE_COMMUNITY && from == to;
 }
 
 enum Carriage { NOT_CARRIED, CARRIED_UNTAGGED, CARRIED_TAGGED };
@@ -282,10 +332,12 @@ static __always_inline enum Carriage CarriageAt(const struct Frame *frame, const
     if (READ_WORD(port->switchIndex) != frame->source.switchIndex) return NOT_CARRIED;
     if (READ_WORD(port->ifindex) == 0) return NOT_CARRIED;
     const uint32_t word = READ_WORD(port->vlan);
-    if (!(word & LIVE_PORT_TRUNK))
-        return (word & LIVE_PORT_VLAN_MASK) == frame->vlan ? CARRIED_UNTAGGED : NOT_CARRIED;
-    if (!TrunkCarries(frame, slot, READ_WORD(port->position), frame->vlan)) return NOT_CARRIED;
-    return CARRIED_TAGGED;
+    if (!(word & LIVE_PORT_TRUNK)) {
+        if (LivePrimaryVlan(word) != frame->source.vlan) return NOT_CARRIED;
+        return Reaches(frame->identity, word & LIVE_IDENTITY_MASK) ? CARRIED_UNTAGGED : NOT_CARRIED;
+    }
+    const uint32_t vlan = frame->identity & LIVE_VLAN_ID_MASK;
+    return TrunkCarries(frame, slot, READ_WORD(port->position), vlan) ? CARRIED_TAGGED : NOT_CARRIED;
 }
 
 // Gives the frame the tag that it has to leave with. The kernel keeps it beside the bytes: cheap.
@@ -294,27 +346,84 @@ static __always_inline bool SetTag(struct Frame *frame, uint32_t tag)
     if (frame->tagNow == tag) return true;
     if (frame->tagNow && bpf_skb_vlan_pop(frame->skb)) return false;
     frame->tagNow = 0;
-    if (tag && bpf_skb_vlan_push(frame->skb, bpf_htons(ETH_P_8021Q), (uint16_t)tag)) return false;
+    const uint16_t type = tag & SERVICE_TAG ? bpf_htons(ETH_P_8021AD) : bpf_htons(ETH_P_8021Q);
+    if (tag && bpf_skb_vlan_push(frame->skb, type, (uint16_t)tag)) return false;
     frame->tagNow = tag;
     return true;
 }
 
+// ---- Filters for EtherTypes ----
+
+static __always_inline bool IsVlanType(uint16_t etherType)
+{
+    return etherType == bpf_htons(ETH_P_8021Q) || etherType == bpf_htons(ETH_P_8021AD);
+}
+
+// Behind all tags.
+__noinline uint32_t InnermostType(struct __sk_buff *skb)
+{
+    uint16_t etherType = 0;
+    for (uint32_t tag = 0; tag < 4; tag++) {
+        if (bpf_skb_load_bytes(skb, 2 * ETH_ALEN + 4 * tag, &etherType, sizeof(etherType))) return 0;
+        if (!IsVlanType(etherType)) break;
+    }
+    return bpf_ntohs(etherType);
+}
+
+struct FilterWalk {
+    const struct LivePortRecord *record;
+    uint16_t etherType;
+    uint8_t direction;
+    bool isDropped;
+};
+
+static long TryRule(uint32_t index, struct FilterWalk *walk)
+{
+    if (index >= VSWITCH_FILTER_RULES) return 1;
+    const VSwitchFilterRule *rule = &walk->record->filter[index];
+    if (rule->etherType && rule->etherType != walk->etherType) return 0;
+    if (rule->direction != VSWITCH_FILTER_BOTH && rule->direction != walk->direction) return 0;
+    walk->isDropped = rule->action == VSWITCH_FILTER_DROP;
+    return 1;
+}
+
+// A port that has rules but not the snapshot's record lets nothing pass.
+static __always_inline bool PassesFilter(const struct Frame *frame, const struct LivePort *port,
+                                         uint32_t slot, uint8_t direction)
+{
+    if (!(READ_WORD(port->flags) & LIVE_PORT_FILTERED)) return true;
+    const uint32_t element = LIVE_FIRST_RECORD + READ_WORD(port->position);
+    struct FilterWalk walk = {.record = bpf_map_lookup_elem(frame->snapshot, &element),
+                              .direction = direction};
+    if (!walk.record || walk.record->slot != slot) return false;
+    walk.etherType = (uint16_t)InnermostType(frame->skb);
+    bpf_loop(walk.record->filterCount, TryRule, &walk, 0);
+    return !walk.isDropped;
+}
+
 // ---- What a port may send ----
+
+// The IP header of a frame that has one behind the port's tag.
+static __always_inline uint32_t IpOffset(const struct Frame *frame)
+{
+    // A guest's tag is among the bytes only while another one stands around it.
+    return ETH_HLEN + (frame->tagNow ? frame->payloadTagLength : 0);
+}
 
 #define USUAL_HEADER_LENGTH 40 // of IPv4 and TCP
 
 // Length of the headers that each segment of an offloaded frame gets, from the IP header on.
-static __always_inline uint32_t SegmentHeaderLength(const struct Frame *frame)
+__noinline uint32_t SegmentHeaderLength(struct __sk_buff *skb, uint32_t ip, uint32_t etherType)
 {
-    const bool isIpv6 = frame->etherType == ETH_P_IPV6;
+    const bool isIpv6 = etherType == ETH_P_IPV6;
     uint8_t first = 0, protocol = 0, dataOffset = 0;
-    if (!isIpv6 && frame->etherType != ETH_P_IP) return USUAL_HEADER_LENGTH;
-    bpf_skb_load_bytes(frame->skb, ETH_HLEN, &first, 1);
-    bpf_skb_load_bytes(frame->skb, ETH_HLEN + (isIpv6 ? 6 : 9), &protocol, 1);
+    if (!isIpv6 && etherType != ETH_P_IP) return USUAL_HEADER_LENGTH;
+    bpf_skb_load_bytes(skb, ip, &first, 1);
+    bpf_skb_load_bytes(skb, ip + (isIpv6 ? 6 : 9), &protocol, 1);
     const uint32_t ipLength = isIpv6 ? 40 : (first & 15u) * 4;
     if (protocol == IPPROTO_UDP) return ipLength + 8;
     if (protocol != IPPROTO_TCP) return USUAL_HEADER_LENGTH;
-    bpf_skb_load_bytes(frame->skb, ETH_HLEN + ipLength + 12, &dataOffset, 1);
+    bpf_skb_load_bytes(skb, ip + ipLength + 12, &dataOffset, 1);
     return ipLength + (dataOffset >> 4) * 4;
 }
 
@@ -324,7 +433,8 @@ static __always_inline bool IsTooLong(const struct Frame *frame)
     const uint32_t mtu = READ_WORD(frame->vswitch->mtu);
     if (frame->length <= mtu + ETH_HLEN) return false;
     const uint32_t segment = frame->skb->gso_size;
-    return segment == 0 || segment + SegmentHeaderLength(frame) > mtu;
+    if (segment == 0) return true;
+    return segment + SegmentHeaderLength(frame->skb, IpOffset(frame), frame->etherType) > mtu;
 }
 
 static __always_inline bool IsStationAddress(const uint8_t *mac)
@@ -338,6 +448,7 @@ static __always_inline int Check(struct Frame *frame)
     if (frame->flags & LIVE_PORT_BLOCKED) return LIVE_DROP_BLOCKED;
     if (!Classify(frame)) return LIVE_DROP_VLAN;
     if (!IsStationAddress(frame->source.mac)) return LIVE_DROP_FILTER;
+    if (!PassesFilter(frame, frame->sender, frame->slot, VSWITCH_FILTER_FROM_PORT)) return LIVE_DROP_FILTER;
     if (IsTooLong(frame)) return LIVE_DROP_LENGTH;
     return PASS;
 }
@@ -348,7 +459,13 @@ static __always_inline int Check(struct Frame *frame)
 
 static __always_inline uint32_t SlotOf(uint64_t owner) { return (uint32_t)owner; }
 
-static __always_inline bool IsStatic(uint64_t owner) { return owner >> 32 == LIVE_EPOCH_STATIC; }
+// A static address was set by a command or kept when it was learned. The latter count as learned.
+static __always_inline bool IsCounted(uint64_t owner) { return owner >> 32 != LIVE_EPOCH_STATIC; }
+
+static __always_inline bool IsStatic(uint64_t owner)
+{
+    return !IsCounted(owner) || owner >> 32 == LIVE_EPOCH_KEPT;
+}
 
 static __always_inline uint64_t OwnerNow(uint32_t slot, const struct LivePort *port)
 {
@@ -432,7 +549,7 @@ static __always_inline bool RemoveAddress(const struct LiveAddressKey *key, stru
 {
     if (!ExchangeOwner(address, owner, LIVE_OWNER_NONE)) return false;
     bpf_map_delete_elem(&addresses, key);
-    if (!IsStatic(owner)) ReleaseAddress(SlotOf(owner), key->switchIndex);
+    if (IsCounted(owner)) ReleaseAddress(SlotOf(owner), key->switchIndex);
     return true;
 }
 
@@ -445,10 +562,18 @@ static __always_inline int RefuseAddress(struct Frame *frame)
     return frame->flags & LIVE_PORT_FORWARDS_OVER_LIMIT ? PASS : LIVE_DROP_LEARNING_LIMIT;
 }
 
+// As what the sender gets an address.
+static __always_inline uint64_t NewOwner(const struct Frame *frame)
+{
+    const bool isKept =
+        frame->flags & LIVE_PORT_LEARNING && !FromNetwork(frame) && READ_WORD(frame->vswitch->learnsStatic);
+    return isKept ? (uint64_t)LIVE_EPOCH_KEPT << 32 | frame->slot : OwnerNow(frame->slot, frame->sender);
+}
+
 static __always_inline int AddAddress(struct Frame *frame)
 {
     if (!ReserveAddress(frame)) return RefuseAddress(frame);
-    const struct LiveAddress address = {OwnerNow(frame->slot, frame->sender), frame->now};
+    const struct LiveAddress address = {NewOwner(frame), frame->now};
     const long error = bpf_map_update_elem(&addresses, &frame->source, &address, BPF_NOEXIST);
     if (error == 0) {
         Count(frame, LIVE_LEARNED);
@@ -465,7 +590,7 @@ static __always_inline int TakeAddress(struct Frame *frame, struct LiveAddress *
 {
     const bool wasHere = SlotOf(owner) == frame->slot;
     if (!wasHere && !ReserveAtPort(frame)) return RefuseAddress(frame);
-    if (!ExchangeOwner(address, owner, OwnerNow(frame->slot, frame->sender))) {
+    if (!ExchangeOwner(address, owner, NewOwner(frame))) {
         if (!wasHere) Release(&frame->sender->learned);
         return PASS; // another processor was faster; the next frame learns
     }
@@ -494,11 +619,25 @@ static __always_inline void ReplaceSingleAddress(struct Frame *frame)
     if (SlotOf(owner) == frame->slot && !IsStatic(owner)) RemoveAddress(&key, address, owner);
 }
 
+// The first address that a port with the lock sends from is its only one.
+static __always_inline bool IsLockedOut(struct Frame *frame)
+{
+    if (!(frame->flags & LIVE_PORT_ADDRESS_LOCK)) return false;
+    const uint64_t mac = LiveAddressWord(&frame->source) & 0xffffffffffffull;
+    uint64_t locked = READ_WORD(frame->sender->lockedAddress);
+    if (locked == 0) locked = __sync_val_compare_and_swap(&frame->sender->lockedAddress, 0, mac);
+    return locked != 0 && locked != mac;
+}
+
 static __always_inline int LearnFromPort(struct Frame *frame, struct LiveAddress *address)
 {
     const uint64_t owner = address ? READ_WORD(address->owner) : 0;
-    if (address && (owner == OwnerNow(frame->slot, frame->sender) ||
-                    (IsStatic(owner) && SlotOf(owner) == frame->slot))) {
+    const bool isHere = address && SlotOf(owner) == frame->slot;
+    if (frame->flags & LIVE_PORT_STATIC_ONLY && !(isHere && IsStatic(owner))) return LIVE_DROP_SECURITY;
+    if (IsLockedOut(frame)) return LIVE_DROP_SECURITY;
+    if (isHere && (IsStatic(owner) || owner == OwnerNow(frame->slot, frame->sender))) {
+        const uint64_t wanted = NewOwner(frame);
+        if (owner != wanted && !IsStatic(owner)) ExchangeOwner(address, owner, wanted);
         Touch(address, frame->now);
         return PASS;
     }
@@ -552,7 +691,7 @@ static __always_inline void CountTo(const struct Frame *frame, uint32_t slot)
     struct LiveCounters *row = FindCounters(slot);
     if (!row) return;
     row->values[LIVE_TO_PACKETS]++;
-    row->values[LIVE_TO_BYTES] += frame->length + (frame->tagNow ? 4 : 0);
+    row->values[LIVE_TO_BYTES] += frame->length + frame->payloadTagLength + (frame->tagNow ? 4 : 0);
     if (frame->destinationKind == MULTICAST) row->values[LIVE_TO_MULTICAST]++;
     if (frame->destinationKind == BROADCAST) row->values[LIVE_TO_BROADCAST]++;
 }
@@ -587,6 +726,7 @@ static __always_inline int SendItself(struct Frame *frame, const struct LivePort
 struct ListWalk {
     struct Frame *frame;
     struct LiveSection list;
+    uint32_t except; // the slot of a port that gets no copy
 };
 
 // A list is as old as the snapshot; the words of each port are of this moment, and they decide.
@@ -599,52 +739,185 @@ static long SendToListed(uint32_t index, struct ListWalk *walk)
     const uint32_t slot = slots->slots[index & (LIVE_SLOTS - 1)];
     const struct LivePort *port = FindPort(slot);
     if (!port || slot == frame->slot) return 0;
-    if (READ_WORD(port->flags) & LIVE_PORT_BLOCKED) return 0;
+    if (READ_WORD(port->flags) & LIVE_PORT_BLOCKED || slot == walk->except) return 0;
     const enum Carriage carriage = CarriageAt(frame, port, slot);
     if (carriage == NOT_CARRIED) return 0;
-    if (SendCopy(frame, port, slot, carriage))
+    if (!PassesFilter(frame, port, slot, VSWITCH_FILTER_TO_PORT))
+        CountAt(slot, LIVE_DROP_FILTER);
+    else if (SendCopy(frame, port, slot, carriage))
         CountAt(slot, LIVE_DROP_NOT_SENT);
     else
-        frame->copies++;
+        frame->sentToPorts = true;
     return 0;
 }
 
 // ---- Uplinks ----
 
-static __always_inline void NoteUplink(struct Frame *frame, uint32_t slot, bool isPreferred)
+static __always_inline uint32_t MixBytes(struct __sk_buff *skb, uint32_t hash, uint32_t offset,
+                                         uint32_t words)
 {
-    const uint32_t last = READ_WORD(frame->sender->uplinkSlot);
-    if (last == slot + 1) return;
-    frame->sender->uplinkSlot = slot + 1;
-    if (last) CountAt(slot, isPreferred ? LIVE_FAILBACKS : LIVE_FAILOVERS);
+    uint32_t word = 0;
+    for (uint32_t i = 0; i < words; i++) {
+        if (bpf_skb_load_bytes(skb, offset + 4 * i, &word, sizeof(word))) break;
+        hash = LiveMix(hash, word);
+    }
+    return hash;
 }
 
-// A port keeps one uplink, which its number chooses, and goes to the next one while that doesn't work. An
-// interface whose queue is full may be about to lose its carrier: the frame takes the next uplink, but the
-// port has not changed. The first round tries uplinks that are known to work, the second one the others: user
-// space may be away.
-static long TryUplink(uint32_t index, struct Frame *frame)
+static __always_inline uint32_t MixPorts(struct __sk_buff *skb, uint32_t hash, uint32_t ip, bool isIpv6)
 {
-    const uint32_t count = frame->header->uplinkCount;
-    if (count == 0) return 1;
-    const bool secondRound = index >= count;
-    const uint32_t preferred = READ_WORD(frame->sender->number) % count;
-    const uint32_t uplink = (preferred + index) % count & (LIVE_UPLINKS - 1);
-    const bool isActive = READ_WORD(frame->vswitch->activeUplinks) >> uplink & 1;
-    if (isActive == secondRound) return 0;
+    uint8_t first = 0, protocol = 0;
+    uint16_t fragment = 0;
+    bpf_skb_load_bytes(skb, ip + (isIpv6 ? 6 : 9), &protocol, 1);
+    if (protocol != IPPROTO_TCP && protocol != IPPROTO_UDP) return hash;
+    if (isIpv6) return MixBytes(skb, hash, ip + 40, 1);
+    bpf_skb_load_bytes(skb, ip, &first, 1);
+    bpf_skb_load_bytes(skb, ip + 6, &fragment, sizeof(fragment));
+    // Of a packet in fragments only the first one has ports.
+    return fragment & bpf_htons(0x3fff) ? hash : MixBytes(skb, hash, ip + (first & 15u) * 4, 1);
+}
 
+__noinline uint32_t HashOfIp(struct __sk_buff *skb, uint32_t ip, uint32_t etherType, uint32_t algorithm)
+{
+    const bool isIpv6 = etherType == ETH_P_IPV6;
+    const uint32_t hash = isIpv6 ? MixBytes(skb, 0, ip + 8, 8) : MixBytes(skb, 0, ip + 12, 2);
+    return algorithm == VSWITCH_TEAMING_L4 ? MixPorts(skb, hash, ip, isIpv6) : hash;
+}
+
+static __always_inline uint32_t HashOf(const struct Frame *frame, uint8_t algorithm)
+{
+    if (algorithm == VSWITCH_TEAMING_ORDER) return 0;
+    if (algorithm == VSWITCH_TEAMING_PORT) return READ_WORD(frame->sender->number);
+    const bool isIp = frame->etherType == ETH_P_IP || frame->etherType == ETH_P_IPV6;
+    if (isIp && algorithm != VSWITCH_TEAMING_SOURCE_MAC)
+        return HashOfIp(frame->skb, IpOffset(frame), frame->etherType, algorithm);
+    const uint8_t *mac = frame->source.mac;
+    return LiveMix(*(const uint16_t *)mac, *(const uint32_t *)(mac + 2));
+}
+
+// How the frame finds its uplink.
+struct UplinkChoice {
+    struct Frame *frame;
+    const struct LiveTeam *team; // null: all uplinks in their order
+    uint32_t count;
+    uint32_t activeCount;
+    uint32_t preferred; // among the active ones
+    uint32_t members;   // bits of the uplinks in the team
+    uint32_t left;      // LivePort.leftUplinks
+    uint32_t passed;    // bits of uplinks that don't work
+    bool failBack;
+    bool isSent;
+};
+
+// Counts what the sender's way has become.
+static __always_inline void NoteUplink(const struct UplinkChoice *choice, uint32_t uplink, uint32_t slot)
+{
+    struct LivePort *sender = choice->frame->sender;
+    const uint32_t bit = 1u << uplink;
+    if (READ_WORD(sender->uplinkSlot) != slot + 1) sender->uplinkSlot = slot + 1;
+    const uint32_t passed = choice->passed & ~bit;
+    const uint32_t left = (choice->left | passed) & ~bit;
+    if (left == choice->left) return;
+    if (__sync_val_compare_and_swap(&sender->leftUplinks, choice->left, left) != choice->left) return;
+    if (passed & ~choice->left)
+        CountAt(slot, LIVE_FAILOVERS);
+    else if (choice->left & bit)
+        CountAt(slot, LIVE_FAILBACKS);
+}
+
+enum Round { WORKING, LEFT, UNKNOWN_STATE, OTHERS, OTHERS_OF_UNKNOWN_STATE };
+
+// Tries an uplink in its round: those that work, those that the port has left for good, and those that are
+// known not to work, as user space may be away. An interface whose queue is full may be about to lose its
+// carrier: the frame takes the next uplink, but the port has not changed.
+static __always_inline bool TryUplink(struct UplinkChoice *choice, uint32_t uplink, enum Round round)
+{
+    struct Frame *frame = choice->frame;
+    const uint32_t bit = 1u << uplink;
     const uint32_t slot = frame->header->uplinkSlots[uplink];
     const struct LivePort *port = FindPort(slot);
-    if (!port || READ_WORD(port->flags) & LIVE_PORT_BLOCKED) return 0;
+    if (!port || READ_WORD(port->flags) & LIVE_PORT_BLOCKED) return false;
     const enum Carriage carriage = CarriageAt(frame, port, slot);
-    if (carriage == NOT_CARRIED) return 0;
+    if (carriage == NOT_CARRIED) return false;
+
+    const bool isActive = READ_WORD(frame->vswitch->activeUplinks) & bit;
+    const bool isLeft = !choice->failBack && choice->left & bit;
+    if (!isActive) choice->passed |= bit;
+    if (round == WORKING && (!isActive || isLeft)) return false;
+    if (round == LEFT && !(isActive && isLeft)) return false;
+    if (round == OTHERS && !isActive) return false;
+    if ((round == UNKNOWN_STATE || round == OTHERS_OF_UNKNOWN_STATE) && isActive) return false;
+    if (!PassesFilter(frame, port, slot, VSWITCH_FILTER_TO_PORT)) {
+        CountAt(slot, LIVE_DROP_FILTER);
+        return false;
+    }
 
     const long result = SendCopy(frame, port, slot, carriage);
-    if (result == QUEUE_FULL) frame->queueWasFull = true;
-    if (result) return 0;
-    if (!frame->queueWasFull) NoteUplink(frame, slot, uplink == preferred);
-    frame->sentToUplink = true;
-    return 1;
+    if (result == QUEUE_FULL)
+        frame->queueWasFull = true;
+    else if (result)
+        choice->passed |= bit;
+    if (result) return false;
+    if (!frame->queueWasFull) NoteUplink(choice, uplink, slot);
+    choice->isSent = true;
+    return true;
+}
+
+static __always_inline uint32_t UplinkAt(const struct UplinkChoice *choice, uint32_t place)
+{
+    return (choice->team ? choice->team->uplinks[place & (LIVE_UPLINKS - 1)] : place) & (LIVE_UPLINKS - 1);
+}
+
+// The team's uplinks round by round: the active ones from the preferred one on, then the standby ones.
+static long TryMember(uint32_t index, struct UplinkChoice *choice)
+{
+    if (choice->count == 0) return 1;
+    uint32_t place = index % choice->count;
+    if (place < choice->activeCount) place = (choice->preferred + place) % choice->activeCount;
+    return TryUplink(choice, UplinkAt(choice, place), (enum Round)(index / choice->count));
+}
+
+// Uplinks that are not in the team.
+static long TryOther(uint32_t index, struct UplinkChoice *choice)
+{
+    const uint32_t count = choice->frame->header->uplinkCount;
+    if (count == 0) return 1;
+    const uint32_t uplink = index % count & (LIVE_UPLINKS - 1);
+    if (choice->members >> uplink & 1) return 0;
+    return TryUplink(choice, uplink, index < count ? OTHERS : OTHERS_OF_UNKNOWN_STATE);
+}
+
+// The team in the sender's record; null for none.
+static __always_inline const struct LiveTeam *FindTeam(const struct Frame *frame)
+{
+    if (frame->header->teams.count == 0) return 0;
+    uint32_t element = LIVE_FIRST_RECORD + READ_WORD(frame->sender->position);
+    const struct LivePortRecord *record = bpf_map_lookup_elem(frame->snapshot, &element);
+    if (!record || record->slot != frame->slot || record->team == 0) return 0;
+    const uint32_t place = record->team - 1;
+    element = frame->header->teams.first + place / LIVE_TEAMS;
+    const struct LiveTeams *teams = bpf_map_lookup_elem(frame->snapshot, &element);
+    return teams ? &teams->teams[place & (LIVE_TEAMS - 1)] : 0;
+}
+
+static __always_inline bool SendToUplink(struct Frame *frame)
+{
+    const struct LiveTeam *team = FindTeam(frame);
+    const uint32_t uplinks = frame->header->uplinkCount;
+    struct UplinkChoice choice = {
+        .frame = frame,
+        .team = team,
+        .count = team ? team->count : uplinks,
+        .activeCount = team ? team->activeCount : uplinks,
+        .members = team ? team->members : UINT32_MAX,
+        .left = READ_WORD(frame->sender->leftUplinks),
+        .failBack = !team || team->failBack,
+    };
+    if (choice.activeCount)
+        choice.preferred = HashOf(frame, team ? team->algorithm : VSWITCH_TEAMING_PORT) % choice.activeCount;
+    if (choice.count) bpf_loop(3 * choice.count, TryMember, &choice, 0);
+    if (!choice.isSent && team && team->anyUplink) bpf_loop(2 * uplinks, TryOther, &choice, 0);
+    return choice.isSent;
 }
 
 // ---- Forwarding ----
@@ -661,27 +934,40 @@ static __always_inline bool IsFloodAllowed(struct Frame *frame)
     return __sync_fetch_and_add(&frame->sender->floodCount, 1) < limit;
 }
 
-enum List { NOBODY, ALL_PORTS, PORTS_FOR_UNKNOWN };
-
-static __always_inline void SendToList(struct Frame *frame, enum List list)
+static __always_inline bool FindHeader(struct Frame *frame)
 {
-    if (list == NOBODY) return;
-    struct ListWalk walk = {frame, list == ALL_PORTS ? frame->header->flood : frame->header->unknown};
+    const uint32_t first = 0;
+    frame->header = bpf_map_lookup_elem(frame->snapshot, &first);
+    return frame->header;
+}
+
+enum List { ALL_PORTS, PORTS_FOR_UNKNOWN, PORTS_FOR_ALL_FRAMES };
+
+static __always_inline void SendToList(struct Frame *frame, enum List list, uint32_t except)
+{
+    struct ListWalk walk = {.frame = frame, .except = except};
+    walk.list = list == ALL_PORTS           ? frame->header->flood
+                : list == PORTS_FOR_UNKNOWN ? frame->header->unknown
+                                            : frame->header->allFrames;
     if (walk.list.count) bpf_loop(walk.list.count, SendToListed, &walk, 0);
+}
+
+// Copies of a frame that goes to one port, for those that get all frames.
+static __always_inline void SendToObservers(struct Frame *frame, uint32_t receiver)
+{
+    if (READ_WORD(frame->vswitch->hasAllFramesPorts) && FindHeader(frame))
+        SendToList(frame, PORTS_FOR_ALL_FRAMES, receiver);
 }
 
 // To the ports of a list, then, from a local port, to its uplink.
 static __always_inline int SendToMany(struct Frame *frame, enum List list)
 {
-    const uint32_t first = 0;
-    frame->header = bpf_map_lookup_elem(frame->snapshot, &first);
-    if (!frame->header) return TC_ACT_SHOT;
-    SendToList(frame, list);
+    if (!FindHeader(frame)) return TC_ACT_SHOT;
+    SendToList(frame, list, frame->slot);
     if (FromNetwork(frame)) return TC_ACT_SHOT;
     const uint32_t uplinks = frame->header->uplinkCount;
-    if (uplinks) bpf_loop(2 * uplinks, TryUplink, frame, 0);
-    const bool isLost = frame->destinationKind == UNICAST && frame->copies == 0;
-    if (!frame->sentToUplink && (uplinks || isLost)) Count(frame, LIVE_DROP_NOT_SENT);
+    const bool isLost = frame->destinationKind == UNICAST && !frame->sentToPorts;
+    if (!(uplinks && SendToUplink(frame)) && (uplinks || isLost)) Count(frame, LIVE_DROP_NOT_SENT);
     return TC_ACT_SHOT;
 }
 
@@ -696,30 +982,42 @@ static __always_inline struct LivePort *FindDestination(struct Frame *frame, uin
     return port && IsCurrent(owner, *slot, port) ? port : 0;
 }
 
-static __always_inline int ForwardUnicast(struct Frame *frame)
+// Sends a frame to the one port that has its destination, or chooses the list of ports for it: PASS.
+static __always_inline int ForwardUnicast(struct Frame *frame, enum List *list)
 {
     uint32_t slot = 0;
+    *list = PORTS_FOR_UNKNOWN;
     const struct LivePort *port = FindDestination(frame, &slot);
-    if (port) {
-        const uint32_t flags = READ_WORD(port->flags);
-        if (slot == frame->slot) return TC_ACT_SHOT; // it is there already
-        if (flags & LIVE_PORT_UPLINK) return SendToMany(frame, NOBODY);
-        const enum Carriage carriage = CarriageAt(frame, port, slot);
-        if (carriage != NOT_CARRIED) {
-            if (!(flags & LIVE_PORT_BLOCKED)) return SendItself(frame, port, slot, carriage);
-            CountAt(slot, LIVE_DROP_BLOCKED);
-            return TC_ACT_SHOT;
-        }
+    if (!port) return PASS;
+    const uint32_t flags = READ_WORD(port->flags);
+    if (slot != frame->slot && flags & LIVE_PORT_UPLINK) {
+        *list = PORTS_FOR_ALL_FRAMES;
+        return PASS;
     }
-    return SendToMany(frame, PORTS_FOR_UNKNOWN);
+    const enum Carriage carriage = CarriageAt(frame, port, slot);
+    if (slot != frame->slot && carriage == NOT_CARRIED) return PASS;
+    SendToObservers(frame, slot);
+    if (slot == frame->slot) return TC_ACT_SHOT; // it is there already
+    if (flags & LIVE_PORT_BLOCKED)
+        CountAt(slot, LIVE_DROP_BLOCKED);
+    else if (!PassesFilter(frame, port, slot, VSWITCH_FILTER_TO_PORT))
+        CountAt(slot, LIVE_DROP_FILTER);
+    else
+        return SendItself(frame, port, slot, carriage);
+    return TC_ACT_SHOT;
 }
 
 static __always_inline int Forward(struct Frame *frame)
 {
-    if (frame->destinationKind == UNICAST) return ForwardUnicast(frame);
-    if (IsFloodAllowed(frame)) return SendToMany(frame, ALL_PORTS);
-    Count(frame, LIVE_DROP_FLOOD_LIMIT);
-    return TC_ACT_SHOT;
+    enum List list = ALL_PORTS;
+    if (frame->destinationKind == UNICAST) {
+        const int verdict = ForwardUnicast(frame, &list);
+        if (verdict != PASS) return verdict;
+    } else if (!IsFloodAllowed(frame)) {
+        Count(frame, LIVE_DROP_FLOOD_LIMIT);
+        return TC_ACT_SHOT;
+    }
+    return SendToMany(frame, list);
 }
 
 static __always_inline int Switch(struct __sk_buff *skb)
@@ -817,7 +1115,7 @@ static __always_inline int AddStatic(const struct LiveAddressKey *key, uint32_t 
     }
     const uint64_t old = READ_WORD(address->owner);
     if (old == LIVE_OWNER_NONE || !ExchangeOwner(address, old, owner)) return LIVE_FULL;
-    if (!IsStatic(old)) ReleaseAddress(SlotOf(old), key->switchIndex);
+    if (IsCounted(old)) ReleaseAddress(SlotOf(old), key->switchIndex);
     return LIVE_DONE;
 }
 
