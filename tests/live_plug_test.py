@@ -1,4 +1,5 @@
 """Plugged interfaces: frames between network namespaces by the policies in the store, and what plugging changes."""
+import errno
 import json
 import os
 import signal
@@ -42,6 +43,17 @@ for flip in range(flips):
     vlan(200)
     source.sendto(b"wrong", (address, 9))
 print(right, wrong)
+"""
+
+
+# Calls functions of the platform; prints what each returns, and its message.
+CALL = """
+import ctypes, json, sys
+platform = ctypes.CDLL(sys.argv[1])
+platform.vshost_error.restype = ctypes.c_char_p
+for name, arguments in json.loads(sys.argv[2]):
+    words = [word.encode() if isinstance(word, str) else word for word in arguments]
+    print(json.dumps([getattr(platform, name)(*words), platform.vshost_error().decode()]))
 """
 
 
@@ -180,6 +192,33 @@ class Plugging(PluggedHost):
             self.assertIn(expected, self.refusal(*arguments))
         self.stop()
         self.assertIn("start it with `vshostd", self.refusal("plug", "one", "3", a.interface))
+
+    def test_programs_plug_by_functions_that_refuse_as_the_command_does(self):
+        a, b = self.namespace("a", "10.9.0.1"), self.namespace("b", "10.9.0.2")
+        self.plug("2", b)
+        calls = (("vshost_plug", ("one", "1", "va", 0), 0, ""), ("vshost_plug", ("one", "3", "va", 0), errno.EEXIST, ""),
+                 ("vshost_plug", ("one", "3", "nosuch", 0), errno.ENODEV, "list them with `ip link`"),
+                 ("vshost_plug", ("two", "3", "lo", 0), errno.ENOENT, "no switch two"),
+                 ("vshost_plug", ("one", "2", "lo", 1), errno.EEXIST, "unplug it first"),
+                 ("vshost_plug", ("one", None, "lo", 1), errno.EINVAL, "null"),
+                 ("vshost_unplug", ("lo",), errno.ENOENT, "is not plugged to a port"),
+                 ("vshost_add_nic", ("va", 0), errno.EEXIST, "is plugged to port 1 of switch"),
+                 ("vshost_unplug", ("vb",), 0, ""), ("vshost_add_nic", ("vb", 1), 0, ""),
+                 ("vshost_unplug", ("vb",), errno.ENOENT, "is not plugged to a port"),
+                 ("vshost_remove_nic", ("va",), errno.ENOENT, "is not a NIC of this host"),
+                 ("vshost_remove_nic", ("vb",), 0, ""))
+        done = self.on_host(sys.executable, "-c", CALL, PLATFORM / "liborkPublic.so",
+                            json.dumps([call[:2] for call in calls]))
+        answers = [json.loads(line) for line in done.stdout.splitlines()]
+        for (name, arguments, error, text), answer in zip(calls, answers, strict=True):
+            self.assertEqual((name, arguments, answer[0]), (name, arguments, error), answer[1])
+            self.assertIn(text, answer[1] if error else "")
+        self.assertTrue(self.filters("va"))
+        self.assertFalse(self.filters("vb"))
+        self.stop()
+        done = self.on_host(sys.executable, "-c", CALL, PLATFORM / "liborkPublic.so",
+                            json.dumps([("vshost_unplug", ("va",))]))
+        self.assertEqual(json.loads(done.stdout)[0], errno.ECONNREFUSED)
 
     def test_a_queueing_discipline_of_others_stays(self):
         a = self.namespace("a", "10.9.0.1")

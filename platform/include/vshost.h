@@ -253,6 +253,56 @@ struct vshost_property_name {
 VSHOST_API int vshost_list_properties(const char *switchId, const char *portId,
                                       struct vshost_property_name *names, size_t capacity, size_t *count);
 
+/* ---- Plugging ---------------------------------------------------------------------------------------
+ *
+ * liborkPublic.so exports these four functions and vshost_error. They work on a live host, one that vshostd
+ * runs, and need root. They may be called from any thread. Each returns when the next frame obeys it. After
+ * an error nothing is changed, and vshost_error() says in one line what is wrong and what to do. Besides the
+ * values below each function may return ENOENT        this process is not on a host ECONNREFUSED  vshostd
+ * doesn't run on the host EACCES        the caller is not root EINVAL        a pointer is null, or vshostd is
+ * of another version EIO           the host's database is damaged or cannot be used, or vshostd died three
+ * times ENOSPC        the disk is full
+ */
+
+/**
+ * Plugs a network interface of the machine to a port of a switch. Its frames no longer reach the machine's
+ * own network; its MTU becomes that of the switch. An interface that goes away is plugged again when it comes
+ * back.
+ *
+ * @param switchName  alias, id or portset name of the switch
+ * @param portId      a port that is not an uplink port
+ * @param interface   name of the interface in the network namespace of vshostd
+ * @param keep        1: it stays plugged after the machine's next start; 0: the plug ends with this start
+ * @return 0, ENODEV when there is no such interface, EBUSY when another program or another host uses it,
+ * EEXIST when the interface is plugged or the port has one already, ENOENT when there is no such switch or
+ *         port, EINVAL when it is an uplink port
+ */
+VSHOST_API int vshost_plug(const char *switchName, const char *portId, const char *interface, int keep);
+
+/**
+ * Unplugs an interface from its port, and puts back what plugging has changed.
+ *
+ * @return 0, ENOENT when it is not plugged to a port
+ */
+VSHOST_API int vshost_unplug(const char *interface);
+
+/**
+ * Makes a network interface of the machine a physical NIC of the host, under its name. It is bound to uplink
+ * ports as every NIC of the host.
+ *
+ * @return 0, ENODEV or EBUSY as vshost_plug, EEXIST when the interface is plugged or the host has a NIC of
+ * the name
+ */
+VSHOST_API int vshost_add_nic(const char *interface, int keep);
+
+/**
+ * Removes a NIC that vshost_add_nic made, and gives its interface back to the machine. Its uplink port gets
+ * another NIC.
+ *
+ * @return 0, ENOENT when the interface is not a NIC of the host
+ */
+VSHOST_API int vshost_remove_nic(const char *interface);
+
 #ifdef __cplusplus
 }
 #endif

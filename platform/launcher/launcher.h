@@ -35,8 +35,9 @@ struct NicOptions {
 int RunOnHost(const RunOptions &options);
 int ShowHost(const std::string &state, bool json);
 int ResetHost(const std::string &state);
-// Asks vshostd to carry out a request.
-int AskLiveHost(const std::string &state, const std::vector<std::string> &request);
+// Makes this process one on the host, for the functions of vshost.h.
+void EnterLiveHost(const std::string &state);
+int Answered(int error); // by one of them
 int CheckLiveHost(const std::string &state);
 int StopLiveHost(const std::string &state);
 int BindNicOnHost(const std::string &state, const std::string &nic, const std::string &switchName,

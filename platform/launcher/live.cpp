@@ -1,4 +1,4 @@
-// vshost plug, unplug, nic add, nic remove and stop: requests to vshostd, and its end.
+// vshost plug, unplug, nic add, nic remove, check and stop: what is asked of vshostd, and its end.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -10,7 +10,6 @@
 #include <fstream>
 #include <memory>
 
-#include "platform/host/live_requests.h"
 #include "platform/launcher/launcher.h"
 
 namespace vshost {
@@ -75,10 +74,15 @@ int RunVshostd(const std::string &directory, const char *option)
 
 }
 
-int AskLiveHost(const std::string &state, const std::vector<std::string> &request)
+void EnterLiveHost(const std::string &state)
 {
-    const LiveAnswer answer = AskVshostd(OpenHost(state)->Directory(), request);
-    if (answer.error) throw LauncherError{answer.text};
+    const std::string directory = OpenHost(state)->Directory();
+    if (StartHost(directory.c_str(), true)) throw LauncherError{LastError()};
+}
+
+int Answered(int error)
+{
+    if (error) throw LauncherError{LastError()};
     return 0;
 }
 

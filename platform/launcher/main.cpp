@@ -1,8 +1,11 @@
 // vshost: runs programs on an embedded host, and shows and changes what is on one.
+#include <algorithm>
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <string_view>
 
 #include "platform/launcher/launcher.h"
+#include "platform/store/plugging.h"
 
 namespace {
 
@@ -105,14 +108,19 @@ int Main(int count, char **arguments)
         return app.exit(error) == 0 ? 0 : 2;
     }
     run.durable = durability == "disk";
+    // CLI11 takes an argument in square brackets apart; the command's own are passed on as they are.
+    char **const end = arguments + count, **const dashes = std::find(arguments, end, std::string_view("--"));
+    if (dashes != end) run.command.assign(dashes + 1, end);
     if (app.got_subcommand("run")) return RunOnHost(run);
     if (app.got_subcommand(show)) return ShowHost(state, json);
     if (app.got_subcommand(reset)) return ResetHost(state);
-    const std::string kept = keeps ? "keep" : "";
-    if (app.got_subcommand(plug)) return AskLiveHost(state, {"plug", switchName, portId, interface, kept});
-    if (app.got_subcommand(unplug)) return AskLiveHost(state, {"unplug", interface});
-    if (nicApp->got_subcommand(addNic)) return AskLiveHost(state, {"add-nic", interface, kept});
-    if (nicApp->got_subcommand(releaseNic)) return AskLiveHost(state, {"remove-nic", interface});
+    const bool isPlug = app.got_subcommand(plug), isUnplug = app.got_subcommand(unplug),
+               isAdd = nicApp->got_subcommand(addNic), isRelease = nicApp->got_subcommand(releaseNic);
+    if (isPlug || isUnplug || isAdd || isRelease) EnterLiveHost(state);
+    if (isPlug) return Answered(PlugInterface(switchName.c_str(), portId.c_str(), interface.c_str(), keeps));
+    if (isUnplug) return Answered(UnplugInterface(interface.c_str()));
+    if (isAdd) return Answered(AddLiveNic(interface.c_str(), keeps));
+    if (isRelease) return Answered(RemoveLiveNic(interface.c_str()));
     if (app.got_subcommand(check)) return CheckLiveHost(state);
     if (app.got_subcommand(stop)) return StopLiveHost(state);
     if (app.got_subcommand(bind)) return BindNicOnHost(state, bound, switchName, portId);

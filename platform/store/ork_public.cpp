@@ -1,6 +1,7 @@
 // The C entry points of liborkPublic.so: each passes its own name and its arguments to the core.
 #include "platform/store/bundle_builder.h"
 #include "platform/store/cache.h"
+#include "platform/store/plugging.h"
 #include "platform/store/store.h"
 #include "platform/store/undo.h"
 
@@ -204,4 +205,17 @@ int vshost_list_properties(const char *switchId, const char *portId, struct vsho
 {
     return Guarded<ListPropertyNames>(switchId, portId, names, capacity, count);
 }
+
+const char *vshost_error(void) { return LastError(); }
+
+int vshost_plug(const char *switchName, const char *portId, const char *interface, int keep)
+{
+    return PlugInterface(switchName, portId, interface, keep);
+}
+
+int vshost_unplug(const char *interface) { return UnplugInterface(interface); }
+
+int vshost_add_nic(const char *interface, int keep) { return AddLiveNic(interface, keep); }
+
+int vshost_remove_nic(const char *interface) { return RemoveLiveNic(interface); }
 }
