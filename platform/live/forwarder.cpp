@@ -343,7 +343,8 @@ VsStatus Forwarder::PreparePorts(Reader &reader, const std::string &switchId, Pr
         if (GetPortNumber(reader, switchId, portId, number)) return PrepareWhole(reader, switchId, prepared);
         const auto place = std::find_if(known.ports.begin(), known.ports.end(),
                                         [&](const PortConfig &port) { return port.number == number; });
-        if (place == known.ports.end()) return PrepareWhole(reader, switchId, prepared);
+        // Other ports name an uplink in their policies.
+        if (place == known.ports.end() || place->uplink) return PrepareWhole(reader, switchId, prepared);
         PortConfig port = *place;
         VsStatus status = ReadPortPolicies(reader, {switchId, portId}, port);
         if (!status && prepared.ReadsAddresses())

@@ -4,6 +4,8 @@
 
 #include "platform/host/port_policies.h"
 #include "platform/host/runtime.h"
+#include "platform/live/policies.h"
+#include "platform/live/snapshot.h"
 
 namespace live {
 namespace {
@@ -13,6 +15,17 @@ using namespace vshost;
 constexpr std::string_view KEY_BLOCK = "com.talpex.common.port.block";
 constexpr std::string_view KEY_PRIORITY = "com.talpex.vswitch.port.priority";
 constexpr std::string_view KEY_SWITCH_LEARNING = "com.talpex.vswitch.macLearning";
+constexpr std::string_view KEY_LEARN_STATIC = "com.talpex.vswitch.macLearning.learnStatic";
+constexpr std::string_view KEY_PRIVATE_VLANS = "com.talpex.vswitch.pvlanMap";
+constexpr std::string_view KEY_NESTED_TAG = "com.talpex.vswitch.port.vlanNestedTag";
+constexpr std::string_view KEY_SECURITY = "com.talpex.vswitch.port.security";
+constexpr std::string_view KEY_PORT_ALIAS = "com.talpex.common.port.alias";
+constexpr std::string_view KEY_TEAMING = "com.talpex.vswitch.teaming";
+constexpr std::string_view KEY_NAMED_TEAMINGS = "com.talpex.vswitch.logicalswitch.teaming";
+constexpr std::string_view KEY_PORT_TEAMING = "com.talpex.vswitch.port.teaming.policy";
+constexpr std::string_view KEY_PORT_TEAMING_OVERRIDE = "com.talpex.vswitch.port.teaming.override";
+constexpr std::string_view KEY_PORT_NAMED_TEAMING = "com.talpex.vswitch.port.logicalswitch.teaming";
+constexpr std::string_view KEY_PORT_TX_UPLINK = "com.talpex.vswitch.port.txUplink";
 
 constexpr uint16_t NO_VLAN = 0xffff; // carries nothing
 
@@ -69,8 +82,131 @@ void TakeLearning(std::string_view value, PortConfig &port)
     port.forwardsOverLimit = record.forwardsOverLimit == 1;
 }
 
+void TakeNestedTag(std::string_view value, PortConfig &port)
+{
+    uint32_t word;
+    port.nested = DecodeRecord(value, word) && word != 0;
+}
+
+VsStatus ReadOwnPolicies(Reader &reader, const PropertyOwner &owner, PortConfig &port)
+{
+    std::string block, vlan, nestedTag, priority, learning, filter, security;
+    VsStatus status = ReadValue(reader, owner, KEY_BLOCK, block);
+    if (!status) status = ReadValue(reader, owner, KEY_VLAN, vlan);
+    if (!status) status = ReadValue(reader, owner, KEY_NESTED_TAG, nestedTag);
+    if (!status) status = ReadValue(reader, owner, KEY_PRIORITY, priority);
+    if (!status) status = ReadValue(reader, owner, KEY_PORT_MAC_MANAGEMENT, learning);
+    if (!status) status = ReadValue(reader, owner, KEY_ETH_FILTER, filter);
+    if (!status) status = ReadValue(reader, owner, KEY_SECURITY, security);
+    port.blocked = Text(block) == "true";
+    port.sink = IsSinkPort(filter);
+    TakeVlans(vlan, port);
+    TakeNestedTag(nestedTag, port);
+    TakePriority(priority, port);
+    TakeLearning(learning, port);
+    DecodeFilter(filter, port);
+    DecodeSecurity(security, port);
+    return status;
+}
+
+// ---- Teaming ----
+
+// What the ports of a switch choose their uplinks by. Its uplinks are read when a policy names some.
+struct Teamings {
+    std::string ofSwitch;
+    std::string named;
+    std::optional<UplinkNumbers> uplinks;
+};
+
+VsStatus ReadTeamings(Reader &reader, const std::string &switchId, Teamings &teamings)
+{
+    const PropertyOwner owner{StoredLevel::GLOBAL, switchId};
+    const VsStatus status = ReadValue(reader, owner, KEY_TEAMING, teamings.ofSwitch);
+    return status ? status : ReadValue(reader, owner, KEY_NAMED_TEAMINGS, teamings.named);
+}
+
+VsStatus ReadUplinkNumber(Reader &reader, const PortName &port, UplinkNumbers &uplinks)
+{
+    std::string name;
+    uint32_t number = 0;
+    VsStatus status = GetPortNumber(reader, port.switchId, port.portId, number);
+    if (status == STATUS_NOT_FOUND) return STATUS_OK;
+    if (!status)
+        status = ReadValue(reader, {StoredLevel::PORT, port.switchId, port.portId}, KEY_PORT_ALIAS, name);
+    uplinks.emplace(name.empty() ? port.portId : Text(name), number);
+    return status;
+}
+
+VsStatus ReadUplinkNumbers(Reader &reader, const std::string &switchId, Teamings &teamings)
+{
+    std::vector<std::string> portIds;
+    if (teamings.uplinks) return STATUS_OK;
+    teamings.uplinks.emplace();
+    VsStatus status = ListUplinkPorts(reader, switchId, portIds);
+    for (const std::string &portId : portIds)
+        if (!status) status = ReadUplinkNumber(reader, {switchId, portId}, *teamings.uplinks);
+    return status;
+}
+
+// A port's override names its uplink. Without it the port's own policy holds, then that of its logical
+// switch, then the switch's.
+std::optional<Team> ChooseTeam(const Teamings &teamings, std::string_view override, std::string_view own,
+                               std::string_view name)
+{
+    const auto uplink = teamings.uplinks->find(override);
+    if (uplink != teamings.uplinks->end()) {
+        Team team;
+        team.algorithm = VSWITCH_TEAMING_ORDER;
+        team.active = {uplink->second};
+        return team;
+    }
+    for (std::string_view policy :
+         {own, FindNamedTeam(teamings.named, name), std::string_view(teamings.ofSwitch)})
+        if (std::optional<Team> team = DecodeTeam(policy, *teamings.uplinks)) return team;
+    return {};
+}
+
+VsStatus ReadTeam(Reader &reader, const PropertyOwner &owner, Teamings &teamings, PortConfig &port)
+{
+    std::string override, own, name, txUplink;
+    VsStatus status = ReadValue(reader, owner, KEY_PORT_TEAMING_OVERRIDE, override);
+    if (!status) status = ReadValue(reader, owner, KEY_PORT_TEAMING, own);
+    if (!status) status = ReadValue(reader, owner, KEY_PORT_NAMED_TEAMING, name);
+    if (!status) status = ReadValue(reader, owner, KEY_PORT_TX_UPLINK, txUplink);
+    const bool hasPolicy = !override.empty() || !own.empty() || !name.empty() || !teamings.ofSwitch.empty();
+    if (status || !hasPolicy) return status;
+    status = ReadUplinkNumbers(reader, std::string(owner.switchId), teamings);
+    port.team = ChooseTeam(teamings, Text(override), own, Text(name));
+    if (port.team) port.team->anyUplink = Text(txUplink) == "always";
+    return status;
+}
+
+VsStatus ReadPolicies(Reader &reader, const PortName &name, Teamings &teamings, PortConfig &port)
+{
+    const PropertyOwner owner{StoredLevel::PORT, name.switchId, name.portId};
+    PortConfig read;
+    read.number = port.number;
+    read.ifindex = port.ifindex;
+    read.uplink = port.uplink;
+    read.uplinkActive = port.uplinkActive;
+    read.addresses = std::move(port.addresses);
+    VsStatus status = ReadOwnPolicies(reader, owner, read);
+    if (!status && !port.uplink) status = ReadTeam(reader, owner, teamings, read);
+    port = std::move(read);
+    return status;
+}
+
+VsStatus ReadPrivateVlans(Reader &reader, const std::string &switchId, SwitchConfig &config)
+{
+    std::string value;
+    const VsStatus status = ReadValue(reader, {StoredLevel::GLOBAL, switchId}, KEY_PRIVATE_VLANS, value);
+    config.privateVlans = DecodePrivateVlans(value);
+    return status;
+}
+
+// Addresses are known in the primary VLAN, so those of two VLANs may become one.
 VsStatus ReadAddresses(Reader &reader, const std::string &portset, const std::string &portId,
-                       PortConfig &port)
+                       const SwitchConfig &vswitch, PortConfig &port)
 {
     std::vector<VSwitchMacEntry> entries;
     const VsStatus status = ReadStoredAddresses(reader, portset, portId, entries);
@@ -78,10 +214,11 @@ VsStatus ReadAddresses(Reader &reader, const std::string &portset, const std::st
     for (const VSwitchMacEntry &entry : entries) {
         if (entry.type != VSWITCH_MAC_STATIC) continue;
         StaticAddress &address = port.addresses.emplace_back();
-        address.vlan = entry.vlanId;
+        address.vlan = static_cast<uint16_t>(LivePrimaryVlan(IdentityOf(vswitch, entry.vlanId)));
         memcpy(address.mac, entry.address, sizeof(address.mac));
     }
     std::sort(port.addresses.begin(), port.addresses.end());
+    port.addresses.erase(std::unique(port.addresses.begin(), port.addresses.end()), port.addresses.end());
     return status;
 }
 
@@ -109,37 +246,30 @@ VsStatus ReadLimits(Reader &reader, const std::string &switchId, SwitchConfig &c
     return status;
 }
 
+VsStatus ReadLearnStatic(Reader &reader, const std::string &switchId, SwitchConfig &config)
+{
+    std::string value;
+    const VsStatus status = ReadValue(reader, {StoredLevel::HOST, switchId}, KEY_LEARN_STATIC, value);
+    config.learnsStatic = value.starts_with("true");
+    return status;
+}
+
 }
 
 VsStatus ReadPortPolicies(Reader &reader, const PortName &name, PortConfig &port)
 {
-    const PropertyOwner owner{StoredLevel::PORT, name.switchId, name.portId};
-    std::string block, vlan, priority, learning, filter;
-    VsStatus status = ReadValue(reader, owner, KEY_BLOCK, block);
-    if (!status) status = ReadValue(reader, owner, KEY_VLAN, vlan);
-    if (!status) status = ReadValue(reader, owner, KEY_PRIORITY, priority);
-    if (!status) status = ReadValue(reader, owner, KEY_PORT_MAC_MANAGEMENT, learning);
-    if (!status) status = ReadValue(reader, owner, KEY_ETH_FILTER, filter);
-    PortConfig read;
-    read.number = port.number;
-    read.ifindex = port.ifindex;
-    read.uplink = port.uplink;
-    read.uplinkActive = port.uplinkActive;
-    read.addresses = std::move(port.addresses);
-    read.blocked = Text(block) == "true";
-    read.sink = IsSinkPort(filter);
-    TakeVlans(vlan, read);
-    TakePriority(priority, read);
-    TakeLearning(learning, read);
-    port = std::move(read);
-    return status;
+    Teamings teamings;
+    const VsStatus status = ReadTeamings(reader, name.switchId, teamings);
+    return status ? status : ReadPolicies(reader, name, teamings, port);
 }
 
 VsStatus ReadPortAddresses(Reader &reader, const PortName &name, PortConfig &port)
 {
     std::string portset;
-    const VsStatus status = PortsetOfSwitch(reader, name.switchId, portset);
-    return status ? status : ReadAddresses(reader, portset, name.portId, port);
+    SwitchConfig vswitch;
+    VsStatus status = PortsetOfSwitch(reader, name.switchId, portset);
+    if (!status) status = ReadPrivateVlans(reader, name.switchId, vswitch);
+    return status ? status : ReadAddresses(reader, portset, name.portId, vswitch, port);
 }
 
 VsStatus ReadSwitchConfig(Reader &reader, const std::string &switchId, const Plugged &plugged,
@@ -148,11 +278,15 @@ VsStatus ReadSwitchConfig(Reader &reader, const std::string &switchId, const Plu
     std::string portset;
     Portset running;
     std::vector<std::string> uplinks;
+    Teamings teamings;
     config.id = switchId;
     VsStatus status = PortsetOfSwitch(reader, switchId, portset);
     if (!status) status = GetRecord(reader, runtime::PortsetKey(portset), running);
     if (!status) status = ListUplinkPorts(reader, switchId, uplinks);
     if (!status) status = ReadLimits(reader, switchId, config);
+    if (!status) status = ReadLearnStatic(reader, switchId, config);
+    if (!status) status = ReadPrivateVlans(reader, switchId, config);
+    if (!status) status = ReadTeamings(reader, switchId, teamings);
     config.mtu = running.mtu;
     for (const auto &[portId, interface] : plugged) {
         if (status) return status;
@@ -165,8 +299,8 @@ VsStatus ReadSwitchConfig(Reader &reader, const std::string &switchId, const Plu
         port.ifindex = interface.ifindex;
         port.uplinkActive = interface.isUp;
         port.uplink = std::find(uplinks.begin(), uplinks.end(), portId) != uplinks.end();
-        if (!status) status = ReadPortPolicies(reader, {switchId, portId}, port);
-        if (!status) status = ReadAddresses(reader, portset, portId, port);
+        if (!status) status = ReadPolicies(reader, {switchId, portId}, teamings, port);
+        if (!status) status = ReadAddresses(reader, portset, portId, config, port);
         if (!status) config.ports.push_back(std::move(port));
     }
     return status;
