@@ -92,6 +92,8 @@ struct SwitchConfig {
     bool learnsStatic = false;             // addresses of learning ports neither age nor move
     std::vector<PrivateVlan> privateVlans; // the first one with a secondary VLAN holds
     std::vector<PortConfig> ports;
+
+    bool operator==(const SwitchConfig &) const = default;
 };
 
 struct HostConfig {

@@ -18,12 +18,6 @@ using namespace vshost;
 constexpr size_t MAX_INTERFACE_NAME = 15;
 constexpr unsigned VERIFIED_AT_ONCE = 64; // filters, each second
 
-bool IsSame(const SwitchConfig &a, const SwitchConfig &b)
-{
-    return a.id == b.id && a.mtu == b.mtu && a.addressLimit == b.addressLimit &&
-           a.ageingSeconds == b.ageingSeconds && a.ports == b.ports;
-}
-
 // What the interface says, in the NIC's record. What it doesn't say stays.
 Nic WithLink(Nic nic, const Link *link)
 {
@@ -442,7 +436,7 @@ void Forwarder::PublishPrepared(Preparation &prepared)
 bool Forwarder::PublishSwitch(const SwitchConfig &config)
 {
     const auto known = published.find(config.id);
-    if (known != published.end() && IsSame(known->second, config)) return true;
+    if (known != published.end() && known->second == config) return true;
     Change change;
     if (path.PrepareSwitch(config, change)) return false;
     path.Publish(change);
