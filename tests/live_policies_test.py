@@ -134,7 +134,8 @@ class Policies(PluggedHost):
         self.assertEqual(self.send("2", B), "1 3 up0")
         self.set(key, ethernet_filter((0, 1, 1)), "2")
         self.assertEqual(self.send("2", B), "2: filter")
-        for unknown in (ethernet_filter((0, 3, 1)), ethernet_filter((0, 1, 2)), struct.pack("=II", 0, 25).ljust(200, b"\1")):
+        too_many = struct.pack("=II", 0, 25).ljust(200, b"\1")
+        for unknown in (ethernet_filter((0, 3, 1)), ethernet_filter((0, 1, 2)), too_many):
             self.set(key, unknown, "2")
             self.assertEqual(self.send("2", B), "1 3 up0")
 
@@ -173,13 +174,16 @@ class Policies(PluggedHost):
 
     def test_standby_uplinks_and_transmission_by_any(self):
         up = lambda: self.send("1", A, D)
-        link = lambda state: self.namespaces[3].run("ip", "link", "set", "eth0", state)
+
+        def link(state):
+            self.namespaces[3].run("ip", "link", "set", "eth0", state)
+            wait_until(lambda: self.row("uplink", "link", "one", "vn0")["link"] == (state == "up"), f"link {state}")
+
         self.set(SWITCH_TEAMING, teaming(ORDER, ["up0"], ["up1"], fail_back=0))
         self.assertEqual(up(), "up0")
         link("down")
         self.assertEqual(up(), "up1")
         link("up")
-        wait_until(lambda: self.row("uplink", "link", "one", "vn0")["link"], "the link")
         self.assertEqual(up(), "up1")
         self.set(SWITCH_TEAMING, teaming(ORDER, ["up0"]))
         self.assertEqual(up(), "up0")
