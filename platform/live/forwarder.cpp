@@ -360,7 +360,7 @@ VsStatus Forwarder::PreparePorts(Reader &reader, const std::string &switchId, Pr
 VsStatus Forwarder::PrepareConfig(const SwitchConfig &config, Preparation &prepared)
 {
     const auto known = published.find(config.id);
-    if (known != published.end() && IsSame(known->second, config)) return STATUS_OK;
+    if (known != published.end() && known->second == config) return STATUS_OK;
     prepared.changes.push_back(std::make_unique<Change>());
     prepared.configs[config.id] = config;
     return Judge(path.PrepareSwitch(config, *prepared.changes.back()), prepared);
