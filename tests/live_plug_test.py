@@ -196,7 +196,8 @@ class Plugging(PluggedHost):
     def test_programs_plug_by_functions_that_refuse_as_the_command_does(self):
         a, b = self.namespace("a", "10.9.0.1"), self.namespace("b", "10.9.0.2")
         self.plug("2", b)
-        calls = (("vshost_plug", ("one", "1", "va", 0), 0, ""), ("vshost_plug", ("one", "3", "va", 0), errno.EEXIST, ""),
+        calls = (("vshost_plug", ("one", "1", "va", 0), 0, ""),
+                 ("vshost_plug", ("one", "3", "va", 0), errno.EEXIST, ""),
                  ("vshost_plug", ("one", "3", "nosuch", 0), errno.ENODEV, "list them with `ip link`"),
                  ("vshost_plug", ("two", "3", "lo", 0), errno.ENOENT, "no switch two"),
                  ("vshost_plug", ("one", "2", "lo", 1), errno.EEXIST, "unplug it first"),
