@@ -15,9 +15,11 @@ using Clock = std::chrono::steady_clock;
 
 VsStatus WriteAll(const char *switchName, int ports, int writes)
 {
+    const auto first =
+        static_cast<int>(Clock::now().time_since_epoch().count() / 1000 % 4000); // not the last run's
     for (int i = 0; i < writes; i++) {
         const std::string port = std::to_string(i % ports);
-        const auto vlan = static_cast<uint16_t>(1 + i % 4000);
+        const auto vlan = static_cast<uint16_t>(1 + (first + i) % 4000);
         const VsStatus status =
             VSDVS_SetPortVLANPolicy(switchName, port.c_str(), vlan, VLAN_PRIORITY_NONE, 0, 0, nullptr, 0);
         if (status != STATUS_OK) return status;
