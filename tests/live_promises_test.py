@@ -202,7 +202,7 @@ class TwoHosts(PluggedHost):
         for one, two in ((a, b), (c, d)):
             self.assertTrue(one.reaches(two))
         refusal = other.refusal("plug", "one", "3", "va")
-        self.assertIn("interface va is plugged on another host of this machine", refusal)
+        self.assertIn("if it is plugged on another host of this machine, unplug it there", refusal)
         other.vsctl("port", "vlan", "one", "2", "300")
         wait_until(lambda: not c.reaches(d), "no answer")
         self.assertTrue(a.reaches(b))

@@ -23,6 +23,8 @@
 #include "platform/live/comparison.h"
 #include "platform/live/forwarder.h"
 #include "platform/live/live_kernel.h"
+#include "platform/live/peers.h"
+#include "platform/live/privileges.h"
 
 namespace live {
 namespace {
@@ -43,15 +45,9 @@ constexpr int TURN_MS = 10; // a commit of another process is seen so soon
 constexpr uint32_t TURNS_PER_SWEEP = 100;
 // A writer commits so soon after it was told that all is prepared, unless it was stopped.
 constexpr auto LONGEST_COMMIT = std::chrono::seconds(5);
+constexpr off_t LONGEST_ROWS = off_t{1} << 30; // bytes
 constexpr unsigned CHECK_LOOKS = 10;
 constexpr unsigned CHECK_PAUSE = 100000; // microseconds
-
-bool IsRoot(int client)
-{
-    ucred peer = {};
-    socklen_t size = sizeof(peer);
-    return getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == 0;
-}
 
 using Client = std::shared_ptr<Descriptor>;
 
@@ -98,6 +94,7 @@ bool Packet::ReadRows(size_t verbLength, vshost::RowChanges &rows) const
     if (!file) return vshost::DecodeRows({bytes + begin, static_cast<size_t>(length) - begin}, rows);
     struct stat attributes = {};
     if (fstat(file.Get(), &attributes) != 0 || !S_ISREG(attributes.st_mode)) return false;
+    if (attributes.st_size > LONGEST_ROWS) return false;
     std::string whole(static_cast<size_t>(attributes.st_size), '\0');
     return pread(file.Get(), whole.data(), whole.size(), 0) == static_cast<ssize_t>(whole.size()) &&
            vshost::DecodeRows(whole, rows);
@@ -212,6 +209,12 @@ void Daemon::Prepare(const Packet &request, const Client &client)
 bool Daemon::FollowWriter(const Packet &request, const Client &client)
 {
     const std::string_view verb = request.Verb();
+    const bool isOfWriter = verb == "prepare" || verb == "publish" || verb == "later";
+    // What is published must be what a user who may write has committed.
+    if (isOfWriter && !MayWrite(client->Get(), options.directory + "/host.db")) {
+        Reply(client, {EACCES, "only a user who may write to the host's database changes what it forwards"});
+        return true;
+    }
     if (verb == "prepare") {
         Prepare(request, client);
         return true;
@@ -294,6 +297,8 @@ int Run(const DaemonOptions &options)
     };
     if (!LeaveDevices(options.directory))
         return fail(std::string("can't leave the mount of the devices: ") + strerror(errno));
+    if (!DropPrivileges(options.directory))
+        return fail(std::string("can't give up capabilities: ") + strerror(errno));
     if (vshost::StartHost(options.directory.c_str(), true) != 0) return fail(vshost::LastError());
     vshost::HostUse use;
     auto &daemon = *new Daemon(options, *use.operator->()); // threads use it until the process ends

@@ -1,11 +1,7 @@
 #include "platform/live/filter.h"
 
-#include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <cerrno>
-#include <string_view>
-
-#include "platform/live/snapshot.h"
 
 namespace live {
 namespace {
@@ -47,15 +43,6 @@ int QueryFilter(uint32_t ifindex, uint32_t &programId)
     if (result == 0) programId = place.prog_id;
     // Without the queueing discipline there is nothing to ask.
     return result == -EINVAL ? -ENOENT : result;
-}
-
-bool IsDataPath(uint32_t programId)
-{
-    const Descriptor program(bpf_prog_get_fd_by_id(programId));
-    bpf_prog_info info = {};
-    uint32_t size = sizeof(info);
-    return program && bpf_obj_get_info_by_fd(program.Get(), &info, &size) == 0 &&
-           std::string_view(info.name) == DATA_PATH_PROGRAM;
 }
 
 int AddFilter(uint32_t ifindex, int program)

@@ -9,16 +9,10 @@ namespace live {
 inline constexpr uint32_t FILTER_HANDLE = 1;
 inline constexpr uint32_t FILTER_PRIORITY = 1;
 
-// The name of the program.
-inline constexpr char DATA_PATH_PROGRAM[] = "vswitch";
-
 // The functions answer 0 or a negative errno.
 
 // The program at our place; -ENOENT: there is none.
 int QueryFilter(uint32_t ifindex, uint32_t &programId);
-
-// Whether a program is the data path of a live host, this one or another.
-bool IsDataPath(uint32_t programId);
 
 // Makes the queueing discipline when it is missing. -EEXIST when there is a filter already.
 int AddFilter(uint32_t ifindex, int program);

@@ -636,13 +636,10 @@ LiveAnswer Forwarder::CheckInterface(const std::string &interface, bool keeps, P
         return {ENODEV,
                 "no interface " + interface + " in vshostd's network namespace; list them with `ip link`"};
     uint32_t program = 0;
-    const bool isTaken = QueryFilter(link->ifindex, program) == 0 && !path.Kernel().IsOurProgram(program);
-    if (isTaken && IsDataPath(program))
+    if (QueryFilter(link->ifindex, program) == 0 && !path.Kernel().IsOurProgram(program))
         return {EBUSY, "interface " + interface +
-                           " is plugged on another host of this machine; unplug it there first"};
-    if (isTaken)
-        return {EBUSY, "interface " + interface +
-                           " has a filter of another program at handle 1, priority 1; remove it with "
+                           " has a filter of another program at handle 1, priority 1; if it is plugged on "
+                           "another host of this machine, unplug it there, else remove the filter with "
                            "`tc filter del dev " +
                            interface + " ingress`"};
     if (!links.HasClsact(link->ifindex)) plug.changes |= PLUG_MADE_CLSACT;

@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/live/filter.h"
 #include "vswitch.skel.h"
 
 namespace live {
@@ -19,6 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view PROGRAM_PIN = "program-";
+constexpr const char *PROGRAM = "vswitch";
 constexpr const char *COMMANDS = "change_addresses";
 
 // libbpf tells of failures in prose; the first line says what went wrong.
@@ -228,7 +228,7 @@ void KernelPart::ForgetPredecessors()
 
 int KernelPart::Program() const
 {
-    return bpf_program__fd(bpf_object__find_program_by_name(object.get(), DATA_PATH_PROGRAM));
+    return bpf_program__fd(bpf_object__find_program_by_name(object.get(), PROGRAM));
 }
 
 int KernelPart::CommandProgram() const

@@ -27,6 +27,7 @@
 #include "platform/host/live_link.h"
 #include "platform/live/daemon.h"
 #include "platform/live/device_mount.h"
+#include "platform/live/privileges.h"
 #include "platform/live/snapshot.h"
 
 namespace live {
@@ -57,6 +58,7 @@ void Notify(std::string_view state)
 std::string FindObstacle()
 {
     if (geteuid() != 0) return "a live host needs root; start vshostd with sudo or as a system service";
+    if (std::string missing = FindMissingCapability(); !missing.empty()) return missing;
     std::error_code error;
     const std::string space = std::filesystem::read_symlink("/proc/self/ns/pid", error);
     if (space == INITIAL_PROCESS_NAMESPACE) return {};
