@@ -64,7 +64,7 @@ struct PortConfig {
     std::vector<StaticAddress> addresses; // in order, each once
 
     // Of a port that is not an uplink.
-    bool getsAllFrames = false; // of its VLANs, whoever they are for
+    bool getsAllFrames = false; // of its VLANs, also those that are not for it
     bool addressLock = false;   // sends from its first address alone
     bool staticOnly = false;    // sends from its static addresses alone
 

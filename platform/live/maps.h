@@ -10,8 +10,8 @@
  *              by another one. The kernel waits until no packet is under way with the old one.
  *   Commands   Changes of the address table, which are the program's own work: it alone counts addresses.
  *
- * A pinned map outlives the process that made it, and the next process may be another version. Whoever
- * changes the layout of a key or a value raises LIVE_LAYOUT_VERSION.
+ * A pinned map outlives the process that made it, and the next process may be another version. A change of
+ * the layout of a key or a value raises LIVE_LAYOUT_VERSION.
  */
 #pragma once
 
@@ -37,7 +37,7 @@ enum LivePortFlag {
     LIVE_PORT_BLOCKED = 2,             /* nothing in, nothing out */
     LIVE_PORT_LEARNING = 4,            /* keeps several addresses; else the one last seen */
     LIVE_PORT_FORWARDS_OVER_LIMIT = 8, /* frames from addresses over the limit pass */
-    LIVE_PORT_ALL_FRAMES = 16,         /* gets all frames of its VLANs, whoever they are for */
+    LIVE_PORT_ALL_FRAMES = 16,         /* gets all frames of its VLANs, also those that are not for it */
     LIVE_PORT_ADDRESS_LOCK = 32,       /* may send from its first address alone */
     LIVE_PORT_STATIC_ONLY = 64,        /* may send from its static addresses alone */
     LIVE_PORT_FILTERED = 128           /* its record has rules for EtherTypes */

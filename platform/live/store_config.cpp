@@ -49,6 +49,18 @@ VsStatus ReadValue(Reader &reader, const PropertyOwner &owner, std::string_view 
     return status == STATUS_NOT_FOUND ? STATUS_OK : status;
 }
 
+struct NamedValue {
+    std::string_view key;
+    std::string *value;
+};
+
+VsStatus ReadValues(Reader &reader, const PropertyOwner &owner, std::initializer_list<NamedValue> values)
+{
+    for (const NamedValue &named : values)
+        if (VsStatus status = ReadValue(reader, owner, named.key, *named.value)) return status;
+    return STATUS_OK;
+}
+
 // A record that is not whole lets nothing pass.
 void TakeVlans(std::string_view value, PortConfig &port)
 {
@@ -91,13 +103,15 @@ void TakeNestedTag(std::string_view value, PortConfig &port)
 VsStatus ReadOwnPolicies(Reader &reader, const PropertyOwner &owner, PortConfig &port)
 {
     std::string block, vlan, nestedTag, priority, learning, filter, security;
-    VsStatus status = ReadValue(reader, owner, KEY_BLOCK, block);
-    if (!status) status = ReadValue(reader, owner, KEY_VLAN, vlan);
-    if (!status) status = ReadValue(reader, owner, KEY_NESTED_TAG, nestedTag);
-    if (!status) status = ReadValue(reader, owner, KEY_PRIORITY, priority);
-    if (!status) status = ReadValue(reader, owner, KEY_PORT_MAC_MANAGEMENT, learning);
-    if (!status) status = ReadValue(reader, owner, KEY_ETH_FILTER, filter);
-    if (!status) status = ReadValue(reader, owner, KEY_SECURITY, security);
+    const VsStatus status = ReadValues(reader, owner,
+                                       {{KEY_BLOCK, &block},
+                                        {KEY_VLAN, &vlan},
+                                        {KEY_NESTED_TAG, &nestedTag},
+                                        {KEY_PRIORITY, &priority},
+                                        {KEY_PORT_MAC_MANAGEMENT, &learning},
+                                        {KEY_ETH_FILTER, &filter},
+                                        {KEY_SECURITY, &security}});
+    if (status) return status;
     port.blocked = Text(block) == "true";
     port.sink = IsSinkPort(filter);
     TakeVlans(vlan, port);
@@ -106,7 +120,7 @@ VsStatus ReadOwnPolicies(Reader &reader, const PropertyOwner &owner, PortConfig 
     TakeLearning(learning, port);
     DecodeFilter(filter, port);
     DecodeSecurity(security, port);
-    return status;
+    return STATUS_OK;
 }
 
 // ---- Teaming ----
@@ -121,20 +135,20 @@ struct Teamings {
 VsStatus ReadTeamings(Reader &reader, const std::string &switchId, Teamings &teamings)
 {
     const PropertyOwner owner{StoredLevel::GLOBAL, switchId};
-    const VsStatus status = ReadValue(reader, owner, KEY_TEAMING, teamings.ofSwitch);
-    return status ? status : ReadValue(reader, owner, KEY_NAMED_TEAMINGS, teamings.named);
+    return ReadValues(reader, owner,
+                      {{KEY_TEAMING, &teamings.ofSwitch}, {KEY_NAMED_TEAMINGS, &teamings.named}});
 }
 
 VsStatus ReadUplinkNumber(Reader &reader, const PortName &port, UplinkNumbers &uplinks)
 {
     std::string name;
     uint32_t number = 0;
-    VsStatus status = GetPortNumber(reader, port.switchId, port.portId, number);
-    if (status == STATUS_NOT_FOUND) return STATUS_OK;
-    if (!status)
-        status = ReadValue(reader, {StoredLevel::PORT, port.switchId, port.portId}, KEY_PORT_ALIAS, name);
+    const VsStatus found = GetPortNumber(reader, port.switchId, port.portId, number);
+    if (found) return found == STATUS_NOT_FOUND ? STATUS_OK : found;
+    const PropertyOwner owner{StoredLevel::PORT, port.switchId, port.portId};
+    if (VsStatus status = ReadValue(reader, owner, KEY_PORT_ALIAS, name)) return status;
     uplinks.emplace(name.empty() ? port.portId : Text(name), number);
-    return status;
+    return STATUS_OK;
 }
 
 VsStatus ReadUplinkNumbers(Reader &reader, const std::string &switchId, Teamings &teamings)
@@ -142,10 +156,10 @@ VsStatus ReadUplinkNumbers(Reader &reader, const std::string &switchId, Teamings
     std::vector<std::string> portIds;
     if (teamings.uplinks) return STATUS_OK;
     teamings.uplinks.emplace();
-    VsStatus status = ListUplinkPorts(reader, switchId, portIds);
+    if (VsStatus status = ListUplinkPorts(reader, switchId, portIds)) return status;
     for (const std::string &portId : portIds)
-        if (!status) status = ReadUplinkNumber(reader, {switchId, portId}, *teamings.uplinks);
-    return status;
+        if (VsStatus status = ReadUplinkNumber(reader, {switchId, portId}, *teamings.uplinks)) return status;
+    return STATUS_OK;
 }
 
 // A port's override names its uplink. Without it the port's own policy holds, then that of its logical
@@ -169,16 +183,17 @@ std::optional<Team> ChooseTeam(const Teamings &teamings, std::string_view overri
 VsStatus ReadTeam(Reader &reader, const PropertyOwner &owner, Teamings &teamings, PortConfig &port)
 {
     std::string override, own, name, txUplink;
-    VsStatus status = ReadValue(reader, owner, KEY_PORT_TEAMING_OVERRIDE, override);
-    if (!status) status = ReadValue(reader, owner, KEY_PORT_TEAMING, own);
-    if (!status) status = ReadValue(reader, owner, KEY_PORT_NAMED_TEAMING, name);
-    if (!status) status = ReadValue(reader, owner, KEY_PORT_TX_UPLINK, txUplink);
+    const VsStatus status = ReadValues(reader, owner,
+                                       {{KEY_PORT_TEAMING_OVERRIDE, &override},
+                                        {KEY_PORT_TEAMING, &own},
+                                        {KEY_PORT_NAMED_TEAMING, &name},
+                                        {KEY_PORT_TX_UPLINK, &txUplink}});
     const bool hasPolicy = !override.empty() || !own.empty() || !name.empty() || !teamings.ofSwitch.empty();
     if (status || !hasPolicy) return status;
-    status = ReadUplinkNumbers(reader, std::string(owner.switchId), teamings);
+    if (VsStatus failed = ReadUplinkNumbers(reader, std::string(owner.switchId), teamings)) return failed;
     port.team = ChooseTeam(teamings, Text(override), own, Text(name));
     if (port.team) port.team->anyUplink = Text(txUplink) == "always";
-    return status;
+    return STATUS_OK;
 }
 
 VsStatus ReadPolicies(Reader &reader, const PortName &name, Teamings &teamings, PortConfig &port)
@@ -189,11 +204,11 @@ VsStatus ReadPolicies(Reader &reader, const PortName &name, Teamings &teamings, 
     read.ifindex = port.ifindex;
     read.uplink = port.uplink;
     read.uplinkActive = port.uplinkActive;
-    read.addresses = std::move(port.addresses);
-    VsStatus status = ReadOwnPolicies(reader, owner, read);
-    if (!status && !port.uplink) status = ReadTeam(reader, owner, teamings, read);
+    read.addresses = port.addresses;
+    if (VsStatus status = ReadOwnPolicies(reader, owner, read)) return status;
+    if (VsStatus status = port.uplink ? STATUS_OK : ReadTeam(reader, owner, teamings, read)) return status;
     port = std::move(read);
-    return status;
+    return STATUS_OK;
 }
 
 VsStatus ReadPrivateVlans(Reader &reader, const std::string &switchId, SwitchConfig &config)
@@ -204,9 +219,8 @@ VsStatus ReadPrivateVlans(Reader &reader, const std::string &switchId, SwitchCon
     return status;
 }
 
-// Addresses are known in the primary VLAN, so those of two VLANs may become one.
 VsStatus ReadAddresses(Reader &reader, const std::string &portset, const std::string &portId,
-                       const SwitchConfig &vswitch, PortConfig &port)
+                       PortConfig &port)
 {
     std::vector<VSwitchMacEntry> entries;
     const VsStatus status = ReadStoredAddresses(reader, portset, portId, entries);
@@ -214,12 +228,19 @@ VsStatus ReadAddresses(Reader &reader, const std::string &portset, const std::st
     for (const VSwitchMacEntry &entry : entries) {
         if (entry.type != VSWITCH_MAC_STATIC) continue;
         StaticAddress &address = port.addresses.emplace_back();
-        address.vlan = static_cast<uint16_t>(LivePrimaryVlan(IdentityOf(vswitch, entry.vlanId)));
+        address.vlan = entry.vlanId;
         memcpy(address.mac, entry.address, sizeof(address.mac));
     }
+    return status;
+}
+
+// Addresses are known in the primary VLAN, so those of two VLANs may become one.
+void MoveToPrimaryVlans(const SwitchConfig &vswitch, PortConfig &port)
+{
+    for (StaticAddress &address : port.addresses)
+        address.vlan = static_cast<uint16_t>(LivePrimaryVlan(IdentityOf(vswitch, address.vlan)));
     std::sort(port.addresses.begin(), port.addresses.end());
     port.addresses.erase(std::unique(port.addresses.begin(), port.addresses.end()), port.addresses.end());
-    return status;
 }
 
 // 0 stands for no ageing.
@@ -254,6 +275,16 @@ VsStatus ReadLearnStatic(Reader &reader, const std::string &switchId, SwitchConf
     return status;
 }
 
+VsStatus ReadSwitchPolicies(Reader &reader, const std::string &portset, SwitchConfig &config)
+{
+    Portset running;
+    if (VsStatus status = GetRecord(reader, runtime::PortsetKey(portset), running)) return status;
+    config.mtu = running.mtu;
+    if (VsStatus status = ReadLimits(reader, config.id, config)) return status;
+    if (VsStatus status = ReadLearnStatic(reader, config.id, config)) return status;
+    return ReadPrivateVlans(reader, config.id, config);
+}
+
 }
 
 VsStatus ReadPortPolicies(Reader &reader, const PortName &name, PortConfig &port)
@@ -267,43 +298,38 @@ VsStatus ReadPortAddresses(Reader &reader, const PortName &name, PortConfig &por
 {
     std::string portset;
     SwitchConfig vswitch;
-    VsStatus status = PortsetOfSwitch(reader, name.switchId, portset);
-    if (!status) status = ReadPrivateVlans(reader, name.switchId, vswitch);
-    return status ? status : ReadAddresses(reader, portset, name.portId, vswitch, port);
+    if (VsStatus status = PortsetOfSwitch(reader, name.switchId, portset)) return status;
+    if (VsStatus status = ReadPrivateVlans(reader, name.switchId, vswitch)) return status;
+    if (VsStatus status = ReadAddresses(reader, portset, name.portId, port)) return status;
+    MoveToPrimaryVlans(vswitch, port);
+    return STATUS_OK;
 }
 
 VsStatus ReadSwitchConfig(Reader &reader, const std::string &switchId, const Plugged &plugged,
                           SwitchConfig &config)
 {
     std::string portset;
-    Portset running;
     std::vector<std::string> uplinks;
     Teamings teamings;
     config.id = switchId;
-    VsStatus status = PortsetOfSwitch(reader, switchId, portset);
-    if (!status) status = GetRecord(reader, runtime::PortsetKey(portset), running);
-    if (!status) status = ListUplinkPorts(reader, switchId, uplinks);
-    if (!status) status = ReadLimits(reader, switchId, config);
-    if (!status) status = ReadLearnStatic(reader, switchId, config);
-    if (!status) status = ReadPrivateVlans(reader, switchId, config);
-    if (!status) status = ReadTeamings(reader, switchId, teamings);
-    config.mtu = running.mtu;
+    if (VsStatus status = PortsetOfSwitch(reader, switchId, portset)) return status;
+    if (VsStatus status = ReadSwitchPolicies(reader, portset, config)) return status;
+    if (VsStatus status = ListUplinkPorts(reader, switchId, uplinks)) return status;
+    if (VsStatus status = ReadTeamings(reader, switchId, teamings)) return status;
     for (const auto &[portId, interface] : plugged) {
-        if (status) return status;
         PortConfig port;
-        status = GetPortNumber(reader, switchId, portId, port.number);
-        if (status == STATUS_NOT_FOUND) {
-            status = STATUS_OK;
-            continue;
-        }
+        const VsStatus found = GetPortNumber(reader, switchId, portId, port.number);
+        if (found == STATUS_NOT_FOUND) continue;
+        if (found) return found;
         port.ifindex = interface.ifindex;
         port.uplinkActive = interface.isUp;
         port.uplink = std::find(uplinks.begin(), uplinks.end(), portId) != uplinks.end();
-        if (!status) status = ReadPolicies(reader, {switchId, portId}, teamings, port);
-        if (!status) status = ReadAddresses(reader, portset, portId, config, port);
-        if (!status) config.ports.push_back(std::move(port));
+        if (VsStatus status = ReadPolicies(reader, {switchId, portId}, teamings, port)) return status;
+        if (VsStatus status = ReadAddresses(reader, portset, portId, port)) return status;
+        MoveToPrimaryVlans(config, port);
+        config.ports.push_back(std::move(port));
     }
-    return status;
+    return STATUS_OK;
 }
 
 VsStatus ReadHostConfig(Reader &reader, HostConfig &config)
