@@ -32,5 +32,5 @@ set_tests_properties(package.extending PROPERTIES TIMEOUT 600) # builds a copy o
 if(TARGET vshostd)
     package_test(live_page ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/live_page_test.py
                  ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
-    set_tests_properties(package.live_page PROPERTIES SKIP_RETURN_CODE 77)
+    set_tests_properties(package.live_page PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 300)
 endif()
