@@ -134,11 +134,24 @@ class Supervisor(LiveHost):
         nobody = ["setpriv", "--reuid=65534", "--inh-caps=+dac_read_search", "--ambient-caps=+dac_read_search"]
         self.assertIn("needs root", self.fails(*nobody, VSHOSTD, "--state", self.directory))
         self.assertIn("is not a host", self.fails(VSHOST, "stop", "--state", "/nowhere"))
-        inner = ["unshare", "--pid", "--fork", VSHOSTD, "--state", self.directory]
-        self.assertIn("process namespace", self.fails(*inner))
-        hidden = f"mount -t tmpfs none /dev && exec {VSHOSTD} --state {self.directory}-2"
-        self.assertIn("/dev/fuse", self.fails("unshare", "--mount", "sh", "-c", hidden))
-        shutil.rmtree(f"{self.directory}-2")
+
+    def test_where_a_live_host_cannot_run_an_emulated_one_does(self):
+        vshostd = [VSHOSTD, "--state", self.directory]
+        hidden = ["unshare", "--mount", "sh", "-c", f"mount -t tmpfs none /dev && exec {' '.join(map(str, vshostd))}"]
+        for expected, command in (("process namespace", ["unshare", "--pid", "--fork", *vshostd]),
+                                  ("load the kernel's module fuse", hidden),
+                                  ("a live host needs a kernel that permits bpf",
+                                   ["unshare", "--user", "--map-root-user", "--mount", *vshostd]),
+                                  ("a live host needs 5.17 or later", ["setarch", "--uname-2.6", *vshostd]),
+                                  ("needs the capability CAP_BPF", ["setpriv", "--bounding-set=-bpf", *vshostd])):
+            with self.subTest(expected):
+                self.assertIn(expected, self.fails(*command))
+                self.assertEqual(mounts_under(self.directory), [])
+                self.vsctl("switch", "create", "one")
+                self.assertIn("one", self.vsctl("switch", "list"))
+                self.vsctl("switch", "destroy", "one")
+                left = {path.name for path in self.directory.iterdir()}
+                self.assertFalse(left & {"bpf", "vshostd.pid", "vshostd.socket"}, left)
 
 
 if __name__ == "__main__":

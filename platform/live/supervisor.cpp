@@ -19,14 +19,17 @@
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/un.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 #include "platform/host/host.h"
 #include "platform/host/live_link.h"
 #include "platform/live/daemon.h"
 #include "platform/live/device_mount.h"
+#include "platform/live/kernel_part.h"
 #include "platform/live/privileges.h"
 #include "platform/live/snapshot.h"
 
@@ -38,6 +41,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char INITIAL_PROCESS_NAMESPACE[] = "pid:[4026531836]"; // a constant of the kernel's interface
 constexpr auto SHORT_LIFE = 1s;
+constexpr std::pair OLDEST_KERNEL(5u, 17u);
 
 // Tells the service manager that started this process, if it wants to know.
 void Notify(std::string_view state)
@@ -58,6 +62,11 @@ void Notify(std::string_view state)
 std::string FindObstacle()
 {
     if (geteuid() != 0) return "a live host needs root; start vshostd with sudo or as a system service";
+    utsname system = {};
+    unsigned major = 0, minor = 0;
+    if (uname(&system) == 0 && sscanf(system.release, "%u.%u", &major, &minor) == 2 &&
+        std::pair(major, minor) < OLDEST_KERNEL)
+        return std::string("this kernel is ") + system.release + "; a live host needs 5.17 or later";
     if (std::string missing = FindMissingCapability(); !missing.empty()) return missing;
     std::error_code error;
     const std::string space = std::filesystem::read_symlink("/proc/self/ns/pid", error);
@@ -153,6 +162,9 @@ public:
     int Run();
 
 private:
+    bool Prepare(std::string &message);
+    void RemoveTraces();
+    std::string SocketPath() const { return directory + "/" + vshost::SOCKET_FILE; }
     bool StartDaemon();
     bool AwaitEvent();
     void Reap();
@@ -169,6 +181,7 @@ private:
     Descriptor ready; // readable when the daemon works; closed once it was
     pid_t daemon = 0;
     Clock::time_point started;
+    bool isNew = false;  // no earlier vshostd has left anything
     bool worked = false; // a daemon has
     bool ends = false;
     int exitCode = 0;
@@ -176,8 +189,16 @@ private:
 
 bool Supervisor::Start(std::string &message)
 {
-    // The host is opened where its plain files are seen, and closed before the daemon is forked.
     if (!process.Take(message)) return false;
+    isNew = access(SocketPath().c_str(), F_OK) != 0 && !IsPinDirectory(PinDirectory(directory));
+    if (Prepare(message)) return true;
+    End();
+    return false;
+}
+
+bool Supervisor::Prepare(std::string &message)
+{
+    // The host is opened where its plain files are seen, and closed before the daemon is forked.
     RemoveDeviceMounts(directory + "/dev");
     vshost::ThisThreadFollows();
     std::unique_ptr<vshost::Host> host;
@@ -190,7 +211,7 @@ bool Supervisor::Start(std::string &message)
         sigaddset(&handled, signal);
     sigprocmask(SIG_BLOCK, &handled, nullptr);
     signals = Descriptor(signalfd(-1, &handled, SFD_CLOEXEC));
-    requests = Listen(directory + "/" + vshost::SOCKET_FILE, message);
+    requests = Listen(SocketPath(), message);
     return requests && MountPinDirectory(PinDirectory(directory), message) && devices.Make(message);
 }
 
@@ -269,7 +290,17 @@ void Supervisor::End()
         waitpid(daemon, nullptr, 0);
     }
     devices.Remove();
+    if (isNew && !worked) RemoveTraces();
     process.Remove();
+}
+
+// A host that could not become a live one is an emulated one as before.
+void Supervisor::RemoveTraces()
+{
+    const std::string pins = PinDirectory(directory);
+    if (!ProgramsOf(PinsOf(pins, HOST_IDENTITY)).empty()) return; // it forwards: `vshost stop` ends that
+    unlink(SocketPath().c_str());
+    RemovePinDirectory(pins);
 }
 
 int Supervisor::Run()
