@@ -265,6 +265,7 @@ TEST(Program, DISABLED_AllocationThatFails)
     void *uplinks = nullptr;
     EXPECT_EQ(VSZOR_GetUplinks(LAB_PORTSET, &uplinks), STATUS_NO_MEMORY);
     VSZOR_FreeMemory(uplinks);
+    vshost_clear(); // a library that counts its lines allocates at the program's end
 }
 
 TEST_F(Driver, OtherFilesAreLeftAlone)
