@@ -21,6 +21,22 @@ for vlan in sys.argv[3:]:
     statuses.append(hex(status & 0xFFFFFFFF))
 print(longest, *statuses)
 """
+# Gives VLANs to ports in a bulk: port 2 at the end. Says when all is stored, then waits for a line, and ends the bulk.
+BULK = """
+import ctypes, os, sys
+vswitch, platform = ctypes.CDLL(sys.argv[1]), ctypes.CDLL("liborkPublic.so")
+assert platform.vshost_bulk(1) == 0
+for vlan in range(1, int(sys.argv[2]) + 1):
+    for port in (b"3", b"2"):
+        status = vswitch.VSDVS_SetPortVLANPolicy(b"one", port, ctypes.c_uint16(vlan), ctypes.c_uint32(0xFFFFFFFF), 0, 0,
+                                                 None, ctypes.c_uint16(0))
+        assert status == 0, hex(status)
+print(os.getpid(), flush=True)
+sys.stdin.readline()
+assert platform.vshost_bulk(0) == 0
+print("published", flush=True)
+sys.stdin.readline()
+"""
 OK, BUSY = "0x0", "0xbad0004"
 A, S = "02:00:00:00:00:01", "02:00:00:00:01:"
 
@@ -140,6 +156,50 @@ class NoSpace(Writes):
         self.vsctl("mac", "clear", "one", "2", "--address", S + "00")
         self.vsctl(*add(4))
         self.assertIn("a write is refused", self.read_log())
+
+
+class Bulk(Writes):
+    def setUp(self):
+        super().setUp()
+        self.a, self.b = self.two()
+        wait_until(lambda: self.a.reaches(self.b), "an answer")
+
+    def begin(self):
+        """A process whose writes have cut port 2 off, in a bulk that it has not ended."""
+        command = (VSHOST, "run", "--state", self.directory, "--", sys.executable, "-c", BULK,
+                   BUILD / "libvswitchctl.so", 30)
+        process = subprocess.Popen(list(map(str, command)), stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(process.communicate)
+        return process, int(process.stdout.readline())
+
+    def end(self, process):
+        process.stdin.write("\n")
+        process.stdin.flush()
+        self.assertEqual(process.stdout.readline(), "published\n")
+
+    def test_it_is_published_at_its_end(self):
+        process, _ = self.begin()
+        self.assertEqual(self.row("port", "vlan", "one", "2")["id"], 30)
+        self.assertTrue(self.a.reaches(self.b))
+        self.assertEqual(self.write("3", 5)[1], [OK])  # of another process, published as ever
+        self.assertTrue(self.a.reaches(self.b))
+        self.end(process)
+        self.assertFalse(self.a.reaches(self.b))
+        self.assert_kernel_agrees()
+
+    def test_it_is_published_when_its_process_ends(self):
+        _, program = self.begin()
+        self.assertTrue(self.a.reaches(self.b))
+        os.kill(program, signal.SIGKILL)
+        wait_until(lambda: not self.a.reaches(self.b), "what the store holds")
+        self.assert_kernel_agrees()
+
+    def test_it_is_published_when_the_daemon_ends(self):
+        process, _ = self.begin()
+        self.kill_worker()
+        self.end(process)
+        self.assertFalse(self.a.reaches(self.b))
+        self.assert_kernel_agrees()
 
 
 class Sizes(Writes):

@@ -4,7 +4,7 @@
 #include <string.h>
 
 static const char *const OURS[] = {"vshost_platform", "vshost_list_ports", "vshost_list_properties",
-                                   "vshost_restore_port"};
+                                   "vshost_restore_port", "vshost_bulk"};
 
 void *dlsym(void *handle, const char *name)
 {

@@ -68,6 +68,19 @@ int RestorePlace(const std::string &switchId, const vshost_port &port)
     return restore(switchId.c_str(), &port);
 }
 
+namespace {
+
+void SwitchBulk(int on)
+{
+    static auto *const bulk = PlatformFunction<decltype(vshost_bulk)>("vshost_bulk");
+    if (bulk) bulk(on);
+}
+
+}
+
+Bulk::Bulk() { SwitchBulk(1); }
+Bulk::~Bulk() { SwitchBulk(0); }
+
 bool SetNode(const std::string &node, const std::string &value)
 {
     const char *arguments[] = {"tybel", "-e", "set", node.c_str(), value.c_str(), nullptr};

@@ -25,6 +25,16 @@ std::optional<std::vector<vshost_property_name>> ListProperties(const std::strin
 // Gives a port its number and NIC. Returns 0 or an errno value. Only on an embedded host.
 int RestorePlace(const std::string &switchId, const vshost_port &port);
 
+// While it lives, the platform stores this process's writes one by one and forwards by all of them at its
+// end, where it can do so.
+class Bulk {
+public:
+    Bulk();
+    Bulk(const Bulk &) = delete;
+    Bulk &operator=(const Bulk &) = delete;
+    ~Bulk();
+};
+
 // Sets a node in the platform's shell, as the library does. Returns whether that succeeded.
 bool SetNode(const std::string &node, const std::string &value);
 

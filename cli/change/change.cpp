@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "cli/base/limit.h"
+#include "cli/base/platform.h"
 #include "cli/change/journal.h"
 #include "cli/change/precondition.h"
 #include "cli/change/preview.h"
@@ -92,6 +93,7 @@ void PerformAll(Journal &journal)
 {
     std::vector<Step> &steps = journal.steps;
     size_t done = 0;
+    const Bulk bulk;
     try {
         for (Step &step : steps) {
             ThrowIfStopped();

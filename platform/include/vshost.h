@@ -185,12 +185,12 @@ VSHOST_API uint64_t vshost_fingerprint(void);
 
 /* ---- Undoing a change ------------------------------------------------------------------------------
  *
- * liborkPublic.so exports these four functions. Every program that uses this platform has loaded it, with or
- * without the preload. A program that also runs on other platforms looks them up with dlsym(RTLD_DEFAULT, …).
- * They may be called from any thread. No fault applies to them, and they are not recorded. A process that is
- * not on a host finds no switch: ENOENT. Each function may also return EINVAL (a pointer is null, a field has
- * no NUL), EIO (the host's database is damaged or cannot be used), ENOMEM, ENOSPC or EROFS. After an error
- * nothing is changed and no output is written.
+ * liborkPublic.so exports these four functions and vshost_bulk(). Every program that uses this platform has
+ * loaded it, with or without the preload. A program that also runs on other platforms looks them up with
+ * dlsym(RTLD_DEFAULT, …). They may be called from any thread. No fault applies to them, and they are not
+ * recorded. A process that is not on a host finds no switch: ENOENT. Each function may also return EINVAL (a
+ * pointer is null, a field has no NUL), EIO (the host's database is damaged or cannot be used), ENOMEM,
+ * ENOSPC or EROFS. After an error nothing is changed and no output is written.
  */
 
 /**
@@ -302,6 +302,19 @@ VSHOST_API int vshost_add_nic(const char *interface, int keep);
  * @return 0, ENOENT when the interface is not a NIC of the host
  */
 VSHOST_API int vshost_remove_nic(const char *interface);
+
+/* ---- Changes of several writes --------------------------------------------------------------------- */
+
+/**
+ * Between vshost_bulk(1) and vshost_bulk(0) the writes of this process are stored one by one, and a live host
+ * forwards by all of them from the return of vshost_bulk(0) on, or earlier. A write that the data path cannot
+ * carry out is refused as ever. If the process ends in between, the host forwards by what is stored. Bulks
+ * may be nested: the last vshost_bulk(0) counts. On an emulated host nothing differs.
+ *
+ * @param on  1: a bulk begins; 0: it ends
+ * @return 0, ENOENT when the process is not on a host
+ */
+VSHOST_API int vshost_bulk(int on);
 
 #ifdef __cplusplus
 }

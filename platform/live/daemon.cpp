@@ -10,6 +10,7 @@
 #include <memory>
 #include <poll.h>
 #include <sched.h>
+#include <set>
 #include <sys/mount.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -128,7 +129,8 @@ private:
     Descriptor signals;
     std::vector<Client> clients;
     Packet packet;
-    Client writer; // for which the forwarder has prepared; it is to commit
+    Client writer;               // for which the forwarder has prepared; it is to commit
+    std::set<Client> postponers; // in a bulk
     Clock::time_point prepared;
     Clock::time_point lastTurn;
     uint64_t commits = UINT64_MAX;
@@ -226,9 +228,11 @@ bool Daemon::FollowWriter(const Packet &request, const Client &client)
         forwarder.Forget(); // one change at a time is under way
     if (!writer) commits = host.GetControl().Counters().commits;
     if (verb == "later") {
+        postponers.insert(client);
         forwarder.Postpone();
         return true;
     }
+    postponers.erase(client);
     forwarder.Publish();
     Reply(client, {});
     return true;
@@ -236,8 +240,9 @@ bool Daemon::FollowWriter(const Packet &request, const Client &client)
 
 void Daemon::Leave(const Client &client)
 {
-    if (writer != client) return;
-    writer = nullptr;
+    if (writer != client && !postponers.contains(client)) return;
+    postponers.erase(client);
+    if (writer == client) writer = nullptr;
     commits = host.GetControl().Counters().commits;
     forwarder.Abandon();
 }

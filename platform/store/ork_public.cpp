@@ -200,6 +200,8 @@ int vshost_restore_port(const char *switchId, const struct vshost_port *port)
     return Guarded<RestorePort>(switchId, port);
 }
 
+int vshost_bulk(int on) { return Guarded<Bulk>(on != 0); }
+
 int vshost_list_properties(const char *switchId, const char *portId, struct vshost_property_name *names,
                            size_t capacity, size_t *count)
 {

@@ -172,6 +172,14 @@ VsStatus SwitchAssociate(const StoreCall &call, bool associated)
     });
 }
 
+int Bulk(bool begins)
+{
+    HostUse host;
+    if (!host) return ENOENT;
+    begins ? host->GetEngine().BeginBulk() : host->GetEngine().EndBulk();
+    return 0;
+}
+
 int64_t ValuesLent() { return valuesLent; }
 
 void DataFree(const StoreCall &call, void *value)

@@ -31,6 +31,9 @@ VsStatus SwitchAdd(const StoreCall &call, const char *className, uint32_t ports,
 VsStatus SwitchRemove(const StoreCall &call);
 VsStatus SwitchAssociate(const StoreCall &call, bool associated);
 
+// Begins or ends a bulk of writes: 0 or an errno value.
+int Bulk(bool begins);
+
 // How many values getters have handed out and DataFree has not yet released.
 int64_t ValuesLent();
 void DataFree(const StoreCall &call, void *value);
