@@ -304,7 +304,7 @@ class Changes(OnHost):
 
     def test_a_journal_that_cannot_be_understood(self):
         self.create()
-        for content in (b"", b"{}", b"\xa1fformat\x02", b"\xff" * 99):
+        for content in (b"", b"{}", b"\xa1fformat\x01", b"\xff" * 99):
             self.journal().write_bytes(content)
             self.assertIn("cannot be understood", str(self.rows("doctor", code=10)))
             self.assertIn("move the file away", self.run_vsctl("batch", stdin="port add lab x", code=1))

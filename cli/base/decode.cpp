@@ -1,4 +1,4 @@
-// The driver's records, as fields where they are documented.
+// The driver's records, as fields where their layout is published.
 #include "cli/base/decode.h"
 
 #include <arpa/inet.h>
@@ -296,18 +296,22 @@ std::string RunningUplinksAdvice(const std::string &alias)
     return fmt::format("'vsctl uplink live {}' lists the running uplinks", alias);
 }
 
-bool UplinkIsUp(const std::string &portset, const std::string &uplink, const Target &target)
+Json RunningUplinks(const std::string &alias)
 {
-    if (IsEmbedded()) {
-        DriverBuffer<> list;
-        CheckDriver(VSZOR_GetUplinks(portset.c_str(), list.Out()), "listing the running uplinks of", target);
-        for (const Json &row : DecodeList(Record::UPLINK, list.Get(), UPLINK_ENTRY_SIZE)) {
-            if (row["uplink"] == uplink) return row["admin"];
-        }
+    DriverBuffer<> list;
+    CheckDriver(VSZOR_GetUplinks(PortsetOf(alias).c_str(), list.Out()), "listing the running uplinks of",
+                {alias, ""});
+    return DecodeList(Record::UPLINK, list.Get(), UPLINK_ENTRY_SIZE);
+}
+
+bool UplinkIsUp(const std::string &alias, const std::string &uplink)
+{
+    for (const Json &row : IsEmbedded() ? RunningUplinks(alias) : Json::array()) {
+        if (row["uplink"] == uplink) return row["admin"];
     }
     uint32_t up = 0;
-    CheckDriver(VSZOR_GetUplinkLinkState(portset.c_str(), uplink.c_str(), &up),
-                "reading the link of uplink " + uplink + " of", target, RunningUplinksAdvice(target.alias));
+    CheckDriver(VSZOR_GetUplinkLinkState(PortsetOf(alias).c_str(), uplink.c_str(), &up),
+                "reading the link of uplink " + uplink + " of", {alias, ""}, RunningUplinksAdvice(alias));
     return up != 0;
 }
 

@@ -43,10 +43,12 @@ void RequireStation(const ZorMacTableEntry &entry);
 Bytes LearningProps(bool enabled, uint32_t aging, uint32_t limit);
 Bytes OptionsRecord(const std::vector<std::pair<uint16_t, uint32_t>> &options);
 
+// The rows of the uplinks that the driver runs.
+Json RunningUplinks(const std::string &alias);
 // Advice for an uplink that the switch does not run.
 std::string RunningUplinksAdvice(const std::string &alias);
 // Whether the uplink is administratively up; where that is unknown, whether it has a link.
-bool UplinkIsUp(const std::string &portset, const std::string &uplink, const Target &target);
+bool UplinkIsUp(const std::string &alias, const std::string &uplink);
 Json MaxPorts(const std::string &portset);     // null where it is unknown
 bool IsAssociated(const std::string &portset); // true where it is unknown
 

@@ -35,7 +35,7 @@ constexpr StatusInfo STATUSES[] = {
     ROW(STATUS_IO_ERROR, "the platform cannot read or write its data", UNREACHABLE),
     ROW(STATUS_NAME_TOO_LONG, "a name is too long", BAD_VALUE),
     ROW(STATUS_BAD_DESCRIPTOR, "the driver refused the descriptor", FAILURE),
-    ROW(STATUS_NO_DEVICE, "there is no such uplink or port", NOT_FOUND),
+    ROW(STATUS_NO_DEVICE, "the uplink or port does not exist", NOT_FOUND),
     ROW(STATUS_NO_DEVICE_OR_ADDRESS, "no device has that name", UNREACHABLE),
     ROW(STATUS_BAD_ADDRESS, "the driver refused an address", FAILURE),
     ROW(STATUS_NO_MEMORY, "not enough memory", FAILURE),

@@ -55,6 +55,17 @@ Bytes FromHex(std::string_view text)
 
 std::string Name(const char *field, size_t size) { return {field, strnlen(field, size)}; }
 
+std::vector<std::string> Words(std::string_view text, std::string_view separator)
+{
+    std::vector<std::string> words;
+    for (size_t start = 0; start <= text.size();) {
+        const size_t end = std::min(text.find(separator, start), text.size());
+        words.emplace_back(text.substr(start, end - start));
+        start = end + separator.size();
+    }
+    return words;
+}
+
 std::string ReadFile(const std::string &path)
 {
     const int descriptor = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -104,7 +115,7 @@ bool IsRunning(const std::string &alias)
 {
     uint8_t info[VS_INFO_SIZE];
     char portset[PORTSET_NAME_SIZE];
-    if (DVSAliasToPortsetName(alias.c_str(), portset) != STATUS_OK) return true; // there is no such switch
+    if (DVSAliasToPortsetName(alias.c_str(), portset) != STATUS_OK) return true; // the switch does not exist
     return VSZOR_GetVSInfo(portset, info) != STATUS_NOT_FOUND || DeviceError(ZOR_DEVICE) != 0;
 }
 
@@ -301,11 +312,17 @@ void AddRange(std::string_view first, std::string_view last, std::vector<std::st
 
 }
 
+std::vector<vshost_port> PortsOf(const std::string &alias)
+{
+    if (!IsEmbedded()) return {};
+    return ListPorts(SwitchId(alias)).value_or(std::vector<vshost_port>());
+}
+
 std::string PortAdvice(const Target &port)
 {
     if (!IsEmbedded()) return "check the name of the port: this platform does not list ports";
     std::vector<std::string> names;
-    for (const vshost_port &listed : ListPorts(SwitchId(port.alias)).value_or(std::vector<vshost_port>()))
+    for (const vshost_port &listed : PortsOf(port.alias))
         names.emplace_back(listed.id);
     const std::string suggestion = Suggest(port.port, names);
     return suggestion.empty() ? fmt::format("'vsctl port list {}' lists its ports", port.alias) : suggestion;
@@ -321,17 +338,14 @@ std::string PropertyAdvice(const Target &target, bool byId)
 std::vector<std::string> PortNames(const std::string &list)
 {
     std::vector<std::string> names;
-    for (size_t start = 0; start <= list.size();) {
-        const size_t end = std::min(list.find(',', start), list.size());
-        const std::string_view word = std::string_view(list).substr(start, end - start);
+    for (const std::string &word : Words(list, ",")) {
         const size_t dots = word.find("..");
         if (word.empty())
             throw Error(Exit::BAD_VALUE, "the name of a port is empty", "write names like port0,port1");
-        if (dots == std::string_view::npos)
-            names.emplace_back(word);
+        if (dots == std::string::npos)
+            names.push_back(word);
         else
             AddRange(word.substr(0, dots), word.substr(dots + 2), names);
-        start = end + 1;
     }
     return names;
 }
@@ -340,17 +354,12 @@ namespace {
 
 VsStatus GetProperty(const NamedProperty &property, PropValueBuffer &buffer)
 {
-    const char *name = property.target.Alias();
+    const char *name = property.target.Alias(), *key = property.key.c_str();
     const uint8_t useAlias = !property.byId;
-    const char *key = property.key.c_str();
-    switch (property.level) {
-    case PropertyLevel::PORT:
+    if (property.level == PropertyLevel::PORT)
         return VSDVS_GetPortProp(name, property.target.Port(), key, &buffer, name, useAlias);
-    case PropertyLevel::HOST:
-        return VSDVS_GetHostProp(name, key, &buffer, name, useAlias);
-    default:
-        return VSDVS_GetGlobProp(name, key, &buffer, name, useAlias);
-    }
+    auto *const get = property.level == PropertyLevel::HOST ? VSDVS_GetHostProp : VSDVS_GetGlobProp;
+    return get(name, key, &buffer, name, useAlias);
 }
 
 }
@@ -383,28 +392,20 @@ VsStatus NamedProperty::Set(const Bytes &value) const
     const char *name = target.Alias();
     const auto length = static_cast<uint32_t>(value.size());
     const uint8_t useAlias = !byId;
-    switch (level) {
-    case PropertyLevel::PORT:
+    if (level == PropertyLevel::PORT)
         return VSDVS_SetPortProp(name, target.Port(), key.c_str(), value.data(), length, name, useAlias);
-    case PropertyLevel::HOST:
-        return VSDVS_SetHostProp(name, key.c_str(), value.data(), length, name, useAlias);
-    default:
-        return VSDVS_SetGlobProp(name, key.c_str(), value.data(), length, name, useAlias);
-    }
+    auto *const set = level == PropertyLevel::HOST ? VSDVS_SetHostProp : VSDVS_SetGlobProp;
+    return set(name, key.c_str(), value.data(), length, name, useAlias);
 }
 
 VsStatus NamedProperty::Clear() const
 {
     const char *name = target.Alias();
     const uint8_t useAlias = !byId;
-    switch (level) {
-    case PropertyLevel::PORT:
+    if (level == PropertyLevel::PORT)
         return VSDVS_ClearPortProp(name, target.Port(), key.c_str(), name, useAlias);
-    case PropertyLevel::HOST:
-        return VSDVS_ClearHostProp(name, key.c_str(), name, useAlias);
-    default:
-        return VSDVS_ClearGlobProp(name, key.c_str(), name, useAlias);
-    }
+    auto *const clear = level == PropertyLevel::HOST ? VSDVS_ClearHostProp : VSDVS_ClearGlobProp;
+    return clear(name, key.c_str(), name, useAlias);
 }
 
 }

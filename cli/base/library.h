@@ -60,6 +60,8 @@ std::string Hex(const void *bytes, size_t length);
 Bytes FromHex(std::string_view text);
 // A name that fills its field, or ends at a NUL.
 std::string Name(const char *field, size_t size);
+// The words between separators.
+std::vector<std::string> Words(std::string_view text, std::string_view separator);
 std::string ReadFile(const std::string &path); // "-" is standard input
 
 // Throws unless a request to the driver succeeded. The error tells a missing driver and a switch that does
@@ -88,10 +90,12 @@ bool SwitchIdExists(const std::string &id);
 std::string PortsetUser(const std::string &portset);
 // Throws when the portset runs without a switch. A creation or destruction that is cut short leaves one.
 void RequireNoBarePortset(const std::string &portset);
-// Throws, with the nearest name, when there is no such switch.
+// Throws, with the nearest name, when the switch does not exist.
 std::string SwitchId(const std::string &alias);
 
 bool PortExists(const Target &port);
+// The ports of a switch, by number; none where the platform cannot list them.
+std::vector<vshost_port> PortsOf(const std::string &alias);
 // Advice for a port, or a property, that does not exist.
 std::string PortAdvice(const Target &port);
 std::string PropertyAdvice(const Target &target, bool byId);

@@ -1,4 +1,4 @@
-// The time limit of waiting, and the signals that ask the command to stop.
+// The time limit of waiting, and the signals that stop the command.
 #include "cli/base/limit.h"
 
 #include <csignal>

@@ -13,49 +13,54 @@ const std::string &Text(const Json &value) { return value.get_ref<const std::str
 
 // ---- Policies of a common shape ----
 
-template<auto GET> VsStatus ReadPortFlag(const Target &target, Json &value)
+// Calls an operation of ports, or of switches.
+template<auto OPERATION, class... Values> VsStatus Call(const Target &target, Values... values)
+{
+    if constexpr (std::is_invocable_v<decltype(OPERATION), const char *, const char *, Values...>)
+        return OPERATION(target.Alias(), target.Port(), values...);
+    else
+        return OPERATION(target.Alias(), values...);
+}
+
+template<auto GET> VsStatus ReadFlag(const Target &target, Json &value)
 {
     uint8_t enabled = 0;
-    if (VsStatus status = GET(target.Alias(), target.Port(), &enabled)) return status;
+    if (VsStatus status = Call<GET>(target, &enabled)) return status;
     value = enabled != 0;
     return STATUS_OK;
 }
 
-template<auto SET> VsStatus WritePortFlag(const Target &target, const Json &value)
+template<auto SET> VsStatus WriteFlag(const Target &target, const Json &value)
 {
-    return SET(target.Alias(), target.Port(), value.get<bool>());
+    return Call<SET>(target, static_cast<uint8_t>(value.get<bool>()));
 }
 
-template<class Record, auto GET> VsStatus ReadPortRecord(const Target &target, Json &value)
+template<class Record, auto GET> VsStatus ReadRecord(const Target &target, Json &value)
 {
     Record record{};
-    if (VsStatus status = GET(target.Alias(), target.Port(), &record)) return status;
+    if (VsStatus status = Call<GET>(target, &record)) return status;
     value = ToText(record);
     return STATUS_OK;
 }
 
-template<class Record, auto SET> VsStatus WritePortRecord(const Target &target, const Json &value)
+template<class Record, auto SET> VsStatus WriteRecord(const Target &target, const Json &value)
 {
     const auto record = FromText<Record>(value);
-    return SET(target.Alias(), target.Port(), &record);
+    return Call<SET>(target, &record);
 }
 
-template<size_t SIZE, auto GET> VsStatus ReadPortText(const Target &target, Json &value)
+template<size_t SIZE, auto GET> VsStatus ReadText(const Target &target, Json &value)
 {
     char text[SIZE];
-    if (VsStatus status = GET(target.Alias(), target.Port(), text)) return status;
+    if (VsStatus status = Call<GET>(target, text)) return status;
     value = Name(text, sizeof text);
     return STATUS_OK;
 }
 
-template<auto SET> VsStatus WritePortText(const Target &target, const Json &value)
+template<auto SET> VsStatus WriteText(const Target &target, const Json &value)
 {
-    return SET(target.Alias(), target.Port(), Text(value).c_str());
+    return Call<SET>(target, Text(value).c_str());
 }
-
-template<auto CLEAR> VsStatus ClearPort(const Target &target) { return CLEAR(target.Alias(), target.Port()); }
-
-template<auto CLEAR> VsStatus ClearSwitch(const Target &target) { return CLEAR(target.Alias()); }
 
 // ---- VLAN ----
 
@@ -215,37 +220,10 @@ VsStatus WriteLearning(const Target &target, const Json &value)
     return VSDVS_SetMACLearning(target.Alias(), &record);
 }
 
-VsStatus ReadLearnStatic(const Target &target, Json &value)
-{
-    uint8_t enabled = 0;
-    if (VsStatus status = VSDVS_GetLearnStatic(target.Alias(), &enabled)) return status;
-    value = enabled != 0;
-    return STATUS_OK;
-}
-
-VsStatus WriteLearnStatic(const Target &target, const Json &value)
-{
-    return VSDVS_SetLearnStatic(target.Alias(), value.get<bool>());
-}
-
 // ---- Teaming ----
 
 constexpr Field TEAMING_FIELDS[] = {
     {"", Form::BYTES, "The teaming policy, 2616 bytes in hexadecimal", 0, sizeof(TeamingPolicy)}};
-
-template<auto GET> VsStatus ReadTeaming(const Target &target, Json &value)
-{
-    TeamingPolicy policy{};
-    if (VsStatus status = GET(target.Alias(), &policy)) return status;
-    value = ToText(policy);
-    return STATUS_OK;
-}
-
-VsStatus WriteTeaming(const Target &target, const Json &value)
-{
-    const auto policy = FromText<TeamingPolicy>(value);
-    return VSDVS_SetTeamingPolicy(target.Alias(), &policy);
-}
 
 constexpr Field OVERRIDE_FIELDS[] = {
     {"", Form::TEXT, "The override, a text of at most 80 bytes", 0, TEAMING_OVERRIDE_SIZE - 1}};
@@ -405,24 +383,24 @@ const Policy POLICIES[] = {
      "snooping", "VSDVS_GetMcastFilterMode VSDVS_SetMcastFilterMode VSZOR_GetMcastFilterMode",
      ReadLiveMulticast},
     {"teaming", PropertyLevel::GLOBAL, "com.talpex.vswitch.teaming", false, "teaming policy of a switch",
-     TEAMING_FIELDS, ReadTeaming<VSDVS_GetTeamingPolicy>, WriteTeaming, ClearSwitch<VSDVS_ClearTeamingPolicy>,
-     "--file team.bin",
+     TEAMING_FIELDS, ReadRecord<TeamingPolicy, VSDVS_GetTeamingPolicy>,
+     WriteRecord<TeamingPolicy, VSDVS_SetTeamingPolicy>, Call<VSDVS_ClearTeamingPolicy>, "--file team.bin",
      "VSDVS_GetTeamingPolicy VSDVS_GetTeamingPolicyFromDVSID VSDVS_SetTeamingPolicy VSDVS_ClearTeamingPolicy",
-     nullptr, ReadTeaming<VSDVS_GetTeamingPolicyFromDVSID>},
+     nullptr, ReadRecord<TeamingPolicy, VSDVS_GetTeamingPolicyFromDVSID>},
     {"mac-learning", PropertyLevel::HOST, "com.talpex.vswitch.macLearning", true,
      "MAC learning of a switch on this host", LEARNING_FIELDS, ReadLearning, WriteLearning,
-     ClearSwitch<VSDVS_ClearMACLearning>, "--value-a 300 --value-b 1024",
+     Call<VSDVS_ClearMACLearning>, "--value-a 300 --value-b 1024",
      "VSDVS_GetMACLearning VSDVS_SetMACLearning VSDVS_ClearMACLearning"},
     {"learn-static", PropertyLevel::HOST, "com.talpex.vswitch.macLearning.learnStatic", true,
-     "learning of static MAC addresses", SWITCH_VALUE, ReadLearnStatic, WriteLearnStatic,
-     ClearSwitch<VSDVS_ClearLearnStatic>, "on",
+     "learning of static MAC addresses", SWITCH_VALUE, ReadFlag<VSDVS_GetLearnStatic>,
+     WriteFlag<VSDVS_SetLearnStatic>, Call<VSDVS_ClearLearnStatic>, "on",
      "VSDVS_GetLearnStatic VSDVS_SetLearnStatic VSDVS_ClearLearnStatic"},
     {"pvlan", PropertyLevel::GLOBAL, "com.talpex.vswitch.pvlanMap", false, "private VLAN map of a switch",
      PVLAN_FIELDS, ReadPrivateVlans, WritePrivateVlans, ClearPrivateVlans,
      "6400650001000000,6400660002000000", "VSDVS_GetPrivateVLANMap VSDVS_SetPrivateVLANMap"},
     {"ls-teaming", PropertyLevel::GLOBAL, "com.talpex.vswitch.logicalswitch.teaming", false,
      "logical-switch teaming policies of a switch", LS_TABLE_FIELDS, ReadLsTable, WriteLsTable,
-     ClearSwitch<VSDVS_ClearLSTeamingPolicy>, "--live",
+     Call<VSDVS_ClearLSTeamingPolicy>, "--live",
      "VSDVS_GetLSTeamingPolicyTable VSDVS_GetLSTeamingPolicyTableFromDVSID VSDVS_SetLSTeamingPolicy "
      "VSDVS_ClearLSTeamingPolicy VSZOR_GetLSTeamingPolicyTable",
      ReadLiveLsTable, ReadLsTableById},
@@ -430,43 +408,42 @@ const Policy POLICIES[] = {
      "mirror sessions of a switch's uplinks on this host", MIRROR_FIELDS, ReadMirror, WriteMirror,
      ClearMirror, "--file sessions.json", MIRROR_OPERATIONS},
     {"vlan", PropertyLevel::PORT, "com.talpex.vswitch.port.vlan", false, "VLAN policy of ports", VLAN_FIELDS,
-     ReadVlan, WriteVlan, ClearPort<VSDVS_ClearPortVLANPolicy>, "--id 100 --priority 3",
+     ReadVlan, WriteVlan, Call<VSDVS_ClearPortVLANPolicy>, "--id 100 --priority 3",
      "VSDVS_GetPortVLANPolicy VSDVS_SetPortVLANPolicy VSDVS_ClearPortVLANPolicy"},
     {"nested-vlan", PropertyLevel::PORT, "com.talpex.vswitch.port.vlanNestedTag", true,
-     "nested VLAN tagging of ports", SWITCH_VALUE, ReadPortFlag<VSDVS_GetPortNestedVLANTagging>,
-     WritePortFlag<VSDVS_SetPortNestedVLANTagging>, nullptr, "on",
+     "nested VLAN tagging of ports", SWITCH_VALUE, ReadFlag<VSDVS_GetPortNestedVLANTagging>,
+     WriteFlag<VSDVS_SetPortNestedVLANTagging>, nullptr, "on",
      "VSDVS_GetPortNestedVLANTagging VSDVS_SetPortNestedVLANTagging"},
     {"security", PropertyLevel::PORT, "com.talpex.vswitch.port.security", true, "security flags of ports",
      SECURITY_FIELDS, ReadSecurity, WriteSecurity, nullptr, "5",
      "VSDVS_GetPortSecurity VSDVS_SetPortSecurity"},
     {"eth-filter", PropertyLevel::PORT, "com.talpex.vswitch.port.extraEthFRP", true,
      "extra Ethernet filter of ports", FILTER_FIELDS,
-     ReadPortRecord<ExtraEthFilterRecord, VSDVS_GetExtraEthFilter>,
-     WritePortRecord<ExtraEthFilterRecord, VSDVS_SetExtraEthFilter>, ClearPort<VSDVS_ClearExtraEthFilter>,
+     ReadRecord<ExtraEthFilterRecord, VSDVS_GetExtraEthFilter>,
+     WriteRecord<ExtraEthFilterRecord, VSDVS_SetExtraEthFilter>, Call<VSDVS_ClearExtraEthFilter>,
      "--file filter.bin", "VSDVS_GetExtraEthFilter VSDVS_SetExtraEthFilter VSDVS_ClearExtraEthFilter"},
     {"sink", PropertyLevel::PORT, "com.talpex.vswitch.port.extraEthFRP", true,
-     "sink bit in the extra Ethernet filter of ports", SWITCH_VALUE, ReadPortFlag<VSDVS_IsSinkPortEnabled>,
-     WritePortFlag<VSDVS_ConfigureSinkPort>, nullptr, "on",
-     "VSDVS_IsSinkPortEnabled VSDVS_ConfigureSinkPort"},
+     "sink bit in the extra Ethernet filter of ports", SWITCH_VALUE, ReadFlag<VSDVS_IsSinkPortEnabled>,
+     WriteFlag<VSDVS_ConfigureSinkPort>, nullptr, "on", "VSDVS_IsSinkPortEnabled VSDVS_ConfigureSinkPort"},
     {"mac-learning", PropertyLevel::PORT, "com.talpex.vswitch.port.macManagement", true,
      "MAC learning of ports", PORT_LEARNING_FIELDS, ReadPortLearning, WritePortLearning, nullptr,
      "--flag-a 1 --value-a 100", "VSDVS_GetPortMACLearning VSDVS_SetPortMACLearning"},
     {"teaming", PropertyLevel::PORT, "com.talpex.vswitch.port.teaming.policy", false,
-     "teaming policy of ports", TEAMING_FIELDS, ReadPortRecord<TeamingPolicy, VSDVS_GetPortTeamingPolicy>,
-     WritePortRecord<TeamingPolicy, VSDVS_SetPortTeamingPolicy>, ClearPort<VSDVS_ClearPortTeamingPolicy>,
+     "teaming policy of ports", TEAMING_FIELDS, ReadRecord<TeamingPolicy, VSDVS_GetPortTeamingPolicy>,
+     WriteRecord<TeamingPolicy, VSDVS_SetPortTeamingPolicy>, Call<VSDVS_ClearPortTeamingPolicy>,
      "--file team.bin", "VSDVS_GetPortTeamingPolicy VSDVS_SetPortTeamingPolicy VSDVS_ClearPortTeamingPolicy"},
     {"override", PropertyLevel::PORT, "com.talpex.vswitch.port.teaming.override", false,
      "teaming override of ports", OVERRIDE_FIELDS,
-     ReadPortText<TEAMING_OVERRIDE_SIZE, VSDVS_GetPortTeamingOverride>,
-     WritePortText<VSDVS_SetPortTeamingOverride>, ClearPort<VSDVS_ClearPortTeamingOverride>, "uplink0",
+     ReadText<TEAMING_OVERRIDE_SIZE, VSDVS_GetPortTeamingOverride>, WriteText<VSDVS_SetPortTeamingOverride>,
+     Call<VSDVS_ClearPortTeamingOverride>, "uplink0",
      "VSDVS_GetPortTeamingOverride VSDVS_SetPortTeamingOverride VSDVS_ClearPortTeamingOverride"},
     {"tx-uplink", PropertyLevel::PORT, "com.talpex.vswitch.port.txUplink", false,
      "transmit-uplink mode of ports", TX_UPLINK_FIELDS, ReadTxUplink, WriteTxUplink, nullptr, "always",
      "VSDVS_GetTxUplinkAlways VSDVS_SetTxUplinkAlways"},
     {"ls-teaming", PropertyLevel::PORT, "com.talpex.vswitch.port.logicalswitch.teaming", false,
      "logical-switch teaming policy of ports", LS_NAME_FIELDS,
-     ReadPortText<LS_TEAMING_POLICY_NAME_SIZE, VSDVS_GetPortLSTeamingPolicyName>,
-     WritePortText<VSDVS_SetPortLSTeamingPolicy>, ClearPort<VSDVS_ClearPortLSTeamingPolicy>, "gold",
+     ReadText<LS_TEAMING_POLICY_NAME_SIZE, VSDVS_GetPortLSTeamingPolicyName>,
+     WriteText<VSDVS_SetPortLSTeamingPolicy>, Call<VSDVS_ClearPortLSTeamingPolicy>, "gold",
      "VSDVS_GetPortLSTeamingPolicyName VSDVS_SetPortLSTeamingPolicy VSDVS_ClearPortLSTeamingPolicy "
      "VSZOR_GetPortLSTeamingPolicyName",
      ReadLiveLsName},
@@ -483,7 +460,7 @@ std::vector<const Policy *> PoliciesOf(bool ports)
 {
     std::vector<const Policy *> found;
     for (const Policy &policy : POLICIES) {
-        if ((policy.level == PropertyLevel::PORT) == ports) found.push_back(&policy);
+        if (policy.IsOfPort() == ports) found.push_back(&policy);
     }
     return found;
 }
@@ -491,9 +468,14 @@ std::vector<const Policy *> PoliciesOf(bool ports)
 const Policy *FindPolicy(std::string_view name, bool ofPort)
 {
     for (const Policy &policy : POLICIES) {
-        if (name == policy.name && (policy.level == PropertyLevel::PORT) == ofPort) return &policy;
+        if (name == policy.name && policy.IsOfPort() == ofPort) return &policy;
     }
     return nullptr;
+}
+
+const Policy &MirrorPolicy(const Target &target)
+{
+    return target.port.empty() ? *FindPolicy("uplink-mirror", false) : *FindPolicy("mirror", true);
 }
 
 namespace {
@@ -501,7 +483,7 @@ namespace {
 // A stored record that cannot be read can still be removed by its key.
 Error DamagedError(const Error &error, const Policy &policy, const Target &target)
 {
-    const std::string place = policy.level == PropertyLevel::PORT   ? "--port " + target.port
+    const std::string place = policy.IsOfPort()                     ? "--port " + target.port
                               : policy.level == PropertyLevel::HOST ? "--level host"
                                                                     : "";
     Error better(error.exit, error.problem,

@@ -23,12 +23,15 @@ struct Policy {
 
     bool IsScalar() const { return fields.size() == 1 && !*fields[0].name; }
     bool CanClear() const { return *key; }
+    bool IsOfPort() const { return level == PropertyLevel::PORT; }
 };
 
 std::span<const Policy> Policies();
 // The policies of ports, or of switches.
 std::vector<const Policy *> PoliciesOf(bool ports);
 const Policy *FindPolicy(std::string_view name, bool ofPort);
+// Of the mirror sessions of a port, or of a switch's uplinks.
+const Policy &MirrorPolicy(const Target &target);
 
 // The value in force, defaults included; null when there is none.
 Json ReadPolicy(const Policy &policy, const Target &target);

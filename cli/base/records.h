@@ -7,7 +7,7 @@
 
 namespace vsctl {
 
-// Copies hexadecimal digits into a record, which is zero behind them.
+// Copies hexadecimal digits into a record, whose rest is zero.
 template<class Record> Record FromText(const Json &value)
 {
     Record record{};

@@ -32,7 +32,7 @@ bool IsNumber(const Field &field, const Json &value)
 
 bool IsChoice(const Field &field, const Json &value)
 {
-    const auto words = Words(field.choices, '|');
+    const auto words = Words(field.choices, "|");
     return value.is_string() &&
            std::find(words.begin(), words.end(), value.get<std::string>()) != words.end();
 }
@@ -120,9 +120,9 @@ Json BytesOf(const std::string &word)
     return Hex(bytes.data(), bytes.size());
 }
 
-Json ListOf(const std::string &word) { return word.empty() ? Json::array() : Json(Words(word, ',')); }
+Json ListOf(const std::string &word) { return word.empty() ? Json::array() : Json(Words(word, ",")); }
 
-Json RangesOf(const std::string &word) { return Words(word, ','); }
+Json RangesOf(const std::string &word) { return Words(word, ","); }
 
 Json SessionsOf(const std::string &word)
 {
@@ -176,9 +176,9 @@ constexpr FormRow FORMS[] = {
          return {{"type", "integer"}, {"minimum", field.min}, {"maximum", field.max}};
      },
      NumberOf, Same},
-    {IsChoice, [](const Field &field) { return "must be " + Alternatives(Words(field.choices, '|')); },
+    {IsChoice, [](const Field &field) { return "must be " + Alternatives(Words(field.choices, "|")); },
      [](const Field &field) -> Json {
-         return {{"enum", Words(field.choices, '|')}};
+         return {{"enum", Words(field.choices, "|")}};
      },
      SameText, Same},
     {[](const Field &field, const Json &value) { return IsText(value, field.min, field.max); },
@@ -337,17 +337,6 @@ std::string UnknownKey(const std::string &key, const std::vector<std::string> &n
     return fmt::format("is not a known key; the keys are {}", fmt::join(names, ", "));
 }
 
-std::vector<std::string> Words(std::string_view text, char separator)
-{
-    std::vector<std::string> words;
-    for (size_t start = 0; start <= text.size();) {
-        const size_t end = std::min(text.find(separator, start), text.size());
-        words.emplace_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return words;
-}
-
 std::optional<VLANRange> ParseVlanRange(std::string_view text)
 {
     VLANRange range{};
@@ -375,7 +364,7 @@ std::string VlanRangeText(const VLANRange &range)
 
 uint32_t ChoiceIndex(const Field &field, const std::string &word)
 {
-    const auto words = Words(field.choices, '|');
+    const auto words = Words(field.choices, "|");
     return static_cast<uint32_t>(std::find(words.begin(), words.end(), word) - words.begin());
 }
 

@@ -21,7 +21,7 @@ enum class Form {
 };
 
 struct Field {
-    const char *name; // in files and, after "--", on the command line; empty for the only one of a policy
+    const char *name; // in files and, after "--", on the command line; empty for the only field of a policy
     Form form;
     const char *help;
     int64_t min = 0;
@@ -61,8 +61,6 @@ Json Schema(const Field &field);
 
 // The message for a key that is not among these names.
 std::string UnknownKey(const std::string &key, const std::vector<std::string> &names);
-
-std::vector<std::string> Words(std::string_view text, char separator);
 
 // "100-199" or "300", whether or not the numbers are VLANs; nothing for other texts.
 std::optional<VLANRange> ParseVlanRange(std::string_view text);

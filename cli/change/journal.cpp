@@ -15,7 +15,7 @@ namespace vsctl {
 
 namespace {
 
-constexpr int FORMAT = 2;
+constexpr int FORMAT = 1;
 constexpr useconds_t LOCK_POLL = 20000; // µs
 
 [[noreturn]] void ThrowFileError(const std::string &path, const char *action)

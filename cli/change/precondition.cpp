@@ -77,7 +77,7 @@ private:
         configured; // objects that get properties which no step names; with ANY_PORT, a whole switch
 };
 
-// Throws with the nearest name when there is no such switch.
+// Throws, with the nearest name, when the switch does not exist.
 SwitchState &Checker::Find(const std::string &alias)
 {
     const auto known = switches.find(alias);

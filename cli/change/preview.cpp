@@ -96,8 +96,7 @@ bool ChangesMtu(const Step &step)
         const VsStatus status = NamedProperty{PropertyLevel::GLOBAL, step.target, key}.Get(stored);
         if (status != STATUS_OK || stored != Bytes(bytes, bytes + sizeof mtu)) return true;
     }
-    if (!IsEmbedded()) return false;
-    const auto ports = ListPorts(SwitchId(step.target.alias)).value_or(std::vector<vshost_port>());
+    const auto ports = PortsOf(step.target.alias);
     return std::any_of(ports.begin(), ports.end(),
                        [mtu](const vshost_port &port) { return *port.nic && port.nicMtu != mtu; });
 }

@@ -146,12 +146,6 @@ bool IsAt(const vshost_port &port, const Json &place)
     return !place["made"] || (port.nicMtu == place["mtu"] && (port.nicAdminUp != 0) == place["up"]);
 }
 
-std::vector<vshost_port> PortsOf(const std::string &alias)
-{
-    if (!IsEmbedded()) return {};
-    return ListPorts(SwitchId(alias)).value_or(std::vector<vshost_port>());
-}
-
 // Removes a portset that a destroyed or half-made switch has left.
 void RemoveBarePortset(const std::string &portset)
 {

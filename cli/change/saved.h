@@ -9,7 +9,7 @@ namespace vsctl {
 
 // The bytes of the properties.
 Json SaveProperties(const std::vector<NamedProperty> &properties);
-// Stores those again that differ now.
+// Writes back the properties that have changed.
 void RestoreProperties(const Target &target, const Json &saved);
 
 // Reads the state before the first step of a change.

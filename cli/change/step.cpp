@@ -206,7 +206,7 @@ Json PropertyAfter(const Step &step) { return step.value["bytes"]; }
 
 Json SaveNothing(const Step &, Saver &) { return nullptr; }
 
-// Whether the object is gone meanwhile. Another step then restores it with everything that belongs to it.
+// Whether the object is gone by now. Another step then restores it with everything that belongs to it.
 bool IsGone(const Target &target)
 {
     return !SwitchExists(target.alias) || (!target.port.empty() && !PortExists(target));
@@ -221,11 +221,6 @@ bool RestoreProperty(const Step &step)
 }
 
 // ---- Mirror sessions: {"append": […]} or {"remove": ID} ----
-
-const Policy &MirrorPolicy(const Target &target)
-{
-    return target.port.empty() ? *FindPolicy("uplink-mirror", false) : *FindPolicy("mirror", true);
-}
 
 Json ReadSessions(const Step &step) { return ReadStored(MirrorPolicy(step.target), step.target); }
 
@@ -276,7 +271,7 @@ Json SavePolicyOf(const Policy &policy, const Target &target, Saver &saver)
     return saved;
 }
 
-// Writes the old value through the library, then the bytes that the library does not write alike.
+// Writes the old value through the library, then the exact bytes where the library wrote others.
 bool RestorePolicyOf(const Policy &policy, const Step &step)
 {
     const Target &target = step.target;
@@ -295,11 +290,7 @@ bool RestoreMirror(const Step &step) { return RestorePolicyOf(MirrorPolicy(step.
 
 // ---- Whether an uplink is up: {"uplink", "up"} ----
 
-Json ReadAdmin(const Step &step)
-{
-    const std::string uplink = step.value["uplink"];
-    return UplinkIsUp(PortsetOf(step.target.alias), uplink, step.target);
-}
+Json ReadAdmin(const Step &step) { return UplinkIsUp(step.target.alias, step.value["uplink"]); }
 
 void SetAdmin(const Step &step, bool up)
 {
@@ -357,7 +348,7 @@ void PerformPolicy(const Step &step)
     const Policy &policy = PolicyOf(step);
     const bool keepsFields = !policy.IsScalar() && !step.value.is_null();
     Json stored = keepsFields ? ReadStored(policy, step.target) : Json();
-    // A failed look-up looks like an absent policy, so the answer counts only when it comes twice.
+    // A failed look-up looks like an absent policy, so an absent policy is read a second time.
     if (keepsFields && stored.is_null()) stored = ReadStored(policy, step.target);
     WritePolicy(policy, step.target, Merged(policy, stored, step.value));
 }

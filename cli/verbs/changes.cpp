@@ -102,7 +102,7 @@ Result Batch(const Verb &, const Arguments &arguments)
     std::map<std::string, std::unique_ptr<Parser>> parsers;
     Result result;
     size_t number = 0;
-    for (const std::string &line : Words(ReadFile(path), '\n')) {
+    for (const std::string &line : Words(ReadFile(path), "\n")) {
         number++;
         RestartTimeLimit(); // reading many lines is progress, not waiting
         try {

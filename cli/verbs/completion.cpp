@@ -17,12 +17,10 @@ std::vector<std::string> VerbNames(const std::string &noun)
     return names;
 }
 
-std::vector<std::string> RunningUplinks(const std::string &alias)
+std::vector<std::string> RunningUplinkNames(const std::string &alias)
 {
     std::vector<std::string> names;
-    DriverBuffer<> list;
-    if (!IsEmbedded() || VSZOR_GetUplinks(PortsetOf(alias).c_str(), list.Out()) != STATUS_OK) return names;
-    for (const Json &row : DecodeList(Record::UPLINK, list.Get(), UPLINK_ENTRY_SIZE))
+    for (const Json &row : IsEmbedded() ? RunningUplinks(alias) : Json::array())
         names.push_back(row["uplink"]);
     return names;
 }
@@ -32,7 +30,7 @@ std::vector<std::string> PortIds(const std::string &alias)
 {
     if (!IsEmbedded()) return ReadUplinks(alias).ids;
     std::vector<std::string> ids;
-    for (const vshost_port &port : ListPorts(SwitchId(alias)).value_or(std::vector<vshost_port>()))
+    for (const vshost_port &port : PortsOf(alias))
         ids.emplace_back(port.id);
     return ids;
 }
@@ -44,7 +42,7 @@ std::vector<std::string> LiveNames(Names names, const std::string &alias)
         if (names == Names::SWITCH) return SwitchNames();
         if (names == Names::UPLINK) return ReadUplinks(alias).ids;
         if (names == Names::PORT) return PortIds(alias);
-        if (names == Names::RUNNING_UPLINK) return RunningUplinks(alias);
+        if (names == Names::RUNNING_UPLINK) return RunningUplinkNames(alias);
     } catch (const Error &) {
     }
     return {};

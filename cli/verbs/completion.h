@@ -1,4 +1,4 @@
-// What may come next on a command line, for the shells' completion.
+// Shell completion: the words that can come next on a command line.
 #pragma once
 
 #include "cli/verbs/verb.h"

@@ -140,7 +140,7 @@ Json OperationRows()
     std::map<std::string, std::string> users;
     for (const Verb &verb : Verbs()) {
         if (verb.manual.operations.empty()) continue;
-        for (const std::string &operation : Words(verb.manual.operations, ' ')) {
+        for (const std::string &operation : Words(verb.manual.operations, " ")) {
             std::string &list = users[operation];
             list += (list.empty() ? "" : ", ") + verb.Title();
         }

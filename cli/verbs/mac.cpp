@@ -79,9 +79,7 @@ template<auto CHANGE> Result ChangeEntry(const Verb &verb, const Arguments &argu
                                                   : STATUS_NOT_FOUND;
     CheckDriver(status, action, port,
                 fmt::format("'vsctl mac list {} {}' lists its addresses", port.alias, port.port));
-    Json row = {{"switch", port.alias}, {"port", port.port}};
-    row.update(fields);
-    return Changed(arguments, row, changes);
+    return Changed(arguments, RowOf(port, fields), changes);
 }
 
 Result Stats(const Verb &, const Arguments &arguments)
@@ -91,19 +89,16 @@ Result Stats(const Verb &, const Arguments &arguments)
     uint8_t stats[PORT_MAC_LEARNING_STATS_SIZE];
     CheckDriver(VSZOR_GetPortMACLearningStats(port.Port(), port.Alias(), stats),
                 "reading the MAC learning statistics of", port);
-    Json row = {{"switch", port.alias}, {"port", port.port}};
-    row.update(Decode(Record::PORT_LEARNING_STATS, stats, sizeof stats));
-    return Rows(row);
+    return Rows(RowOf(port, Decode(Record::PORT_LEARNING_STATS, stats, sizeof stats)));
 }
 
 Result Info(const Verb &, const Arguments &arguments)
 {
     uint8_t info[SWITCH_MAC_LEARNING_INFO_SIZE] = {};
-    CheckDriver(VSZOR_GetSwitchMACLearningInfo(PortsetOf(arguments.Text("SWITCH")).c_str(), info),
-                "reading the MAC learning state of", arguments.Target());
-    Json row = {{"switch", arguments.Text("SWITCH")}};
-    row.update(Decode(Record::LEARNING_INFO, info, sizeof info));
-    return Rows(row);
+    const Target target = arguments.Target();
+    CheckDriver(VSZOR_GetSwitchMACLearningInfo(PortsetOf(target.alias).c_str(), info),
+                "reading the MAC learning state of", target);
+    return Rows(RowOf(target, Decode(Record::LEARNING_INFO, info, sizeof info)));
 }
 
 bool HasFields(const Arguments &arguments)

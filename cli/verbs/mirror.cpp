@@ -7,17 +7,12 @@ namespace vsctl {
 
 namespace {
 
-const Policy &PolicyOf(const Target &target)
-{
-    return target.port.empty() ? *FindPolicy("uplink-mirror", false) : *FindPolicy("mirror", true);
-}
-
 Result List(const Verb &, const Arguments &arguments)
 {
     const Target target = arguments.Target();
     SwitchId(target.alias);
     if (!target.port.empty() && !PortExists(target)) Check(STATUS_NOT_FOUND, "finding", target);
-    const Json sessions = ReadPolicy(PolicyOf(target), target);
+    const Json sessions = ReadPolicy(MirrorPolicy(target), target);
     Result result;
     if (!sessions.is_null()) result.rows = sessions;
     return result;
@@ -26,7 +21,7 @@ Result List(const Verb &, const Arguments &arguments)
 Result Append(const Verb &, const Arguments &arguments)
 {
     const Target target = arguments.Target();
-    const Json sessions = ParseWord(PolicyOf(target).fields[0], ReadFile(arguments.Text("FILE")));
+    const Json sessions = ParseWord(MirrorPolicy(target).fields[0], ReadFile(arguments.Text("FILE")));
     if (sessions.empty())
         throw Error(Exit::BAD_VALUE, arguments.Text("FILE") + " contains no mirror session",
                     "write a list like [{\"id\": \"session1\"}]");
@@ -41,7 +36,7 @@ Result Remove(const Verb &, const Arguments &arguments)
 Result Clear(const Verb &, const Arguments &arguments)
 {
     const Target target = arguments.Target();
-    return Steps({SetPolicy(PolicyOf(target), target, nullptr)});
+    return Steps({SetPolicy(MirrorPolicy(target), target, nullptr)});
 }
 
 Result Live(const Verb &, const Arguments &arguments)
@@ -67,9 +62,9 @@ Result Stats(const Verb &, const Arguments &arguments)
     CheckDriver(VSZOR_GetDVMirrorSessionStats(target.Alias(), session.c_str(), stats),
                 "reading the statistics of mirror session " + session + " of", target,
                 fmt::format("'vsctl mirror live {}' lists the running sessions", target.alias));
-    Json row = {{"switch", target.alias}, {"session", session}};
+    Json row = {{"session", session}};
     row.update(Decode(Record::MIRROR_STATS, stats, sizeof stats));
-    return Rows(row);
+    return Rows(RowOf(target, row));
 }
 
 Result Destinations(const Verb &, const Arguments &arguments)

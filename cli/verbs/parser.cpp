@@ -18,10 +18,10 @@ const Argument DRY_RUN{"--dry-run", Shape::FLAG, "Show what would change and cha
 std::string Footer(const Verb &verb)
 {
     std::string footer = "Examples:";
-    for (const std::string &example : Words(verb.manual.examples, '\n'))
+    for (const std::string &example : Words(verb.manual.examples, "\n"))
         footer += fmt::format("\n  vsctl {} {}", verb.Title(), example);
     if (verb.manual.operations.empty()) return footer;
-    const auto lines = InLines(Words(verb.manual.operations, ' '), " ", 2);
+    const auto lines = InLines(Words(verb.manual.operations, " "), " ", 2);
     return footer + fmt::format("\nLibrary operations:\n  {}", fmt::join(lines, "\n  "));
 }
 

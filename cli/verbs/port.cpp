@@ -101,20 +101,16 @@ Result Hint(const Verb &, const Arguments &arguments)
     for (const Target &port : arguments.Ports()) {
         uint8_t hint[UPLINK_HINT_SIZE];
         CheckDriver(VSZOR_PortGetTeamUplinkHint(PortNumber(port), hint), "reading the uplink of", port);
-        Json row = {{"switch", port.alias}, {"port", port.port}};
-        row.update(Decode(Record::HINT, hint, sizeof hint));
-        result.rows.push_back(row);
+        result.rows.push_back(RowOf(port, Decode(Record::HINT, hint, sizeof hint)));
     }
     return result;
 }
 
 // ---- Verbs of policies ----
 
-bool IsOfPort(const Policy &policy) { return policy.level == PropertyLevel::PORT; }
-
 std::vector<Target> Targets(const Policy &policy, const Arguments &arguments)
 {
-    if (IsOfPort(policy)) return arguments.Ports();
+    if (policy.IsOfPort()) return arguments.Ports();
     return {arguments.Target()};
 }
 
@@ -173,7 +169,7 @@ Json ReadAsAsked(const Policy &policy, const Target &target, const Arguments &ar
 Json PolicyRow(const Policy &policy, const Target &target, const Arguments &arguments)
 {
     Json row = {{"switch", target.alias}};
-    if (IsOfPort(policy)) row["port"] = target.port;
+    if (policy.IsOfPort()) row["port"] = target.port;
     const Json value = ReadAsAsked(policy, target, arguments);
     if (value.is_object())
         row.update(value);
@@ -194,7 +190,7 @@ Result GetOrSet(const Verb &verb, const Arguments &arguments)
             result.steps.push_back(SetPolicy(policy, target, value));
             continue;
         }
-        if (IsOfPort(policy) && !PortExists(target)) Check(STATUS_NOT_FOUND, "finding", target);
+        if (policy.IsOfPort() && !PortExists(target)) Check(STATUS_NOT_FOUND, "finding", target);
         result.rows.push_back(PolicyRow(policy, target, arguments));
     }
     return result;
@@ -215,7 +211,7 @@ std::vector<Argument> PolicyArguments(const Policy &policy)
     // VALUE stands for the first field.
     if (values.size() > 1) values[0].excludes = {values[1].name};
     std::vector<Argument> arguments = {SWITCH};
-    if (IsOfPort(policy)) arguments.push_back(PORTS);
+    if (policy.IsOfPort()) arguments.push_back(PORTS);
     arguments.insert(arguments.end(), values.begin(), values.end());
     const auto addAlone = [&](const Argument &argument) {
         arguments.push_back(Excluding(argument, others));
@@ -233,10 +229,10 @@ std::vector<Verb> PolicyVerbs()
 {
     std::vector<Verb> verbs;
     for (const Policy &policy : Policies()) {
-        const std::string target = IsOfPort(policy) ? "lab port0" : "lab";
+        const std::string target = policy.IsOfPort() ? "lab port0" : "lab";
         const std::string clear = policy.CanClear() ? "\n" + target + " --clear" : "";
         verbs.push_back(
-            Changes(fmt::format("{} {}", IsOfPort(policy) ? "port" : "switch", policy.name), GetOrSet,
+            Changes(fmt::format("{} {}", policy.IsOfPort() ? "port" : "switch", policy.name), GetOrSet,
                     PolicyArguments(policy),
                     {fmt::format("Show or set the {}", policy.help),
                      fmt::format("{0}\n{0} {1}{2}", target, policy.example, clear), policy.operations}));

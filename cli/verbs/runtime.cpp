@@ -9,27 +9,22 @@ namespace vsctl {
 
 namespace {
 
-Result SwitchRow(const Arguments &arguments, const Json &fields)
-{
-    Json row = {{"switch", arguments.Text("SWITCH")}};
-    row.update(fields);
-    return Rows(row);
-}
-
 Result Rarp(const Verb &, const Arguments &arguments)
 {
     uint8_t stats[RARP_STATS_SIZE];
-    CheckDriver(VSZOR_GetRARPStats(PortsetOf(arguments.Text("SWITCH")).c_str(), stats),
-                "reading the RARP statistics of", arguments.Target());
-    return SwitchRow(arguments, Decode(Record::RARP_STATS, stats, sizeof stats));
+    const Target target = arguments.Target();
+    CheckDriver(VSZOR_GetRARPStats(PortsetOf(target.alias).c_str(), stats), "reading the RARP statistics of",
+                target);
+    return Rows(RowOf(target, Decode(Record::RARP_STATS, stats, sizeof stats)));
 }
 
 Result Teaming(const Verb &, const Arguments &arguments)
 {
     uint8_t stats[SERVICE_PORT_TEAMING_STATS_SIZE];
-    CheckDriver(VSZOR_GetServicePortTeamingStats(PortsetOf(arguments.Text("SWITCH")).c_str(), stats),
-                "reading the teaming statistics of", arguments.Target());
-    return SwitchRow(arguments, Decode(Record::TEAMING_STATS, stats, sizeof stats));
+    const Target target = arguments.Target();
+    CheckDriver(VSZOR_GetServicePortTeamingStats(PortsetOf(target.alias).c_str(), stats),
+                "reading the teaming statistics of", target);
+    return Rows(RowOf(target, Decode(Record::TEAMING_STATS, stats, sizeof stats)));
 }
 
 uint32_t ParseNumber(std::string_view text, uint32_t max)

@@ -18,8 +18,7 @@ Json Reference(const std::string &definition) { return {{"$ref", "#/$defs/" + de
 
 std::string PolicyPath(const Policy &policy)
 {
-    const bool ofPort = policy.level == PropertyLevel::PORT;
-    return fmt::format("{}/properties/{}", ofPort ? "port" : "switch", policy.name);
+    return fmt::format("{}/properties/{}", policy.IsOfPort() ? "port" : "switch", policy.name);
 }
 
 Json Type(const std::string &type)
@@ -35,16 +34,8 @@ Json Type(const std::string &type)
 Json FieldSchema(char mark, const std::string &rest)
 {
     if (mark == '?') return {{"type", {"string", "null"}}};
-    if (mark == '=') return {{"enum", Words(rest, '|')}};
+    if (mark == '=') return {{"enum", Words(rest, "|")}};
     return Type(mark == ':' ? rest : "string");
-}
-
-Json EmptyRow()
-{
-    return {{"type", "object"},
-            {"properties", Json::object()},
-            {"required", Json::array()},
-            {"additionalProperties", false}};
 }
 
 void AddField(std::string field, Json &row)
@@ -62,24 +53,16 @@ void AddField(std::string field, Json &row)
     if (!isOptional) row["required"].push_back(name);
 }
 
-// What stands between separators, without spaces around it.
-std::vector<std::string> Parts(const std::string &text, const std::string &separator)
-{
-    std::vector<std::string> parts;
-    for (size_t start = 0; start < text.size();) {
-        const size_t end = std::min(text.find(separator, start), text.size());
-        parts.push_back(text.substr(start, end - start));
-        start = end + separator.size();
-    }
-    return parts;
-}
-
 Json RowSchema(const std::string &fields)
 {
     if (fields.starts_with("@")) return Reference(fields.substr(1));
-    Json row = EmptyRow();
-    for (const std::string &field : Parts(fields, ", "))
-        AddField(field, row);
+    Json row = {{"type", "object"},
+                {"properties", Json::object()},
+                {"required", Json::array()},
+                {"additionalProperties", false}};
+    for (const std::string &field : Words(fields, ", ")) {
+        if (!field.empty()) AddField(field, row);
+    }
     return row;
 }
 
@@ -92,11 +75,10 @@ void AddRecord(const Json &zeros, Json &row)
     }
 }
 
-// The row of a policy's verb that shows: its fields, or its value by the policy's name, null where there is
-// none.
+// The row that shows a policy: its fields, or its value by the name of the policy; null where there is none.
 Json PolicyRow(const Policy &policy)
 {
-    Json row = RowSchema(policy.level == PropertyLevel::PORT ? "switch, port" : "switch");
+    Json row = RowSchema(policy.IsOfPort() ? "switch, port" : "switch");
     Json &properties = row["properties"];
     if (policy.IsScalar()) {
         properties[policy.name] = {{"anyOf", {Reference(PolicyPath(policy)), {{"type", "null"}}}}};
@@ -115,10 +97,10 @@ Json RowKinds(const Verb &verb)
     Json kinds = Json::array();
     if (verb.effect == Effect::STEPS) kinds.push_back(Reference("change"));
     if (verb.policy) kinds.push_back(PolicyRow(*verb.policy));
-    for (const std::string &fields : Parts(verb.manual.rows, " | "))
+    if (verb.manual.rows.empty() && !verb.manual.record) return kinds;
+    for (const std::string &fields : Words(verb.manual.rows, " | "))
         kinds.push_back(RowSchema(fields));
     if (!verb.manual.record) return kinds;
-    if (kinds.empty()) kinds.push_back(EmptyRow());
     const Json zeros = DecodeZeros(*verb.manual.record);
     if (zeros.is_object()) AddRecord(zeros, kinds[0]);
     kinds.push_back(Reference("opaque"));

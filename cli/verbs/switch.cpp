@@ -17,26 +17,22 @@ Json Info(const std::string &portset, const Target &target)
     return Decode(Record::INFO, info, sizeof info);
 }
 
-// Names only: the driver needs long to count the ports of a large switch.
+Json OrNull(const std::string &name) { return name.empty() ? Json() : Json(name); }
+
+// Names only: counting the ports of a large switch takes the driver a long time.
 Json ListRow(const std::string &portset)
 {
     const std::string alias = AliasOf(portset);
-    Json row = {{"switch", nullptr}, {"portset", portset}, {"id", nullptr}, {"state", RUNNING}};
-    if (alias.empty()) return row;
-    row["switch"] = alias;
-    row["id"] = SwitchId(alias);
-    return row;
+    const std::string id = alias.empty() ? "" : SwitchId(alias);
+    return {{"switch", OrNull(alias)}, {"portset", portset}, {"id", OrNull(id)}, {"state", RUNNING}};
 }
 
 // A stored switch whose portset does not run, because its start, creation or destruction failed.
 Json StoppedRow(const std::string &id)
 {
     const std::string alias = AliasOfId(id);
-    Json row = {{"switch", nullptr}, {"portset", nullptr}, {"id", id}, {"state", NOT_RUNNING}};
-    if (alias.empty()) return row;
-    row["switch"] = alias;
-    row["portset"] = PortsetOf(alias);
-    return row;
+    const std::string portset = alias.empty() ? "" : PortsetOf(alias);
+    return {{"switch", OrNull(alias)}, {"portset", OrNull(portset)}, {"id", id}, {"state", NOT_RUNNING}};
 }
 
 Result List(const Verb &, const Arguments &)

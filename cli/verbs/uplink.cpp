@@ -7,14 +7,6 @@ namespace vsctl {
 
 namespace {
 
-Json RunningUplinks(const std::string &alias)
-{
-    DriverBuffer<> list;
-    CheckDriver(VSZOR_GetUplinks(PortsetOf(alias).c_str(), list.Out()), "listing the running uplinks of",
-                {alias, ""});
-    return DecodeList(Record::UPLINK, list.Get(), UPLINK_ENTRY_SIZE);
-}
-
 std::string PortOfRunning(const std::string &uplink)
 {
     char port[DV_PORT_ID_SIZE];

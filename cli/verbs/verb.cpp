@@ -118,6 +118,14 @@ Result Rows(Json rows)
     return result;
 }
 
+Json RowOf(const Target &target, const Json &fields)
+{
+    Json row = {{"switch", target.alias}};
+    if (!target.port.empty()) row["port"] = target.port;
+    row.update(fields);
+    return row;
+}
+
 Result Changed(const Arguments &arguments, Json rows, bool changes)
 {
     if (!arguments.IsDryRun()) return Rows(std::move(rows));
@@ -167,7 +175,7 @@ Json VerbRow(const Verb &verb)
                              {"takes-value", shape != Shape::FLAG}});
     }
     Json examples = Json::array();
-    for (const std::string &example : Words(verb.manual.examples, '\n'))
+    for (const std::string &example : Words(verb.manual.examples, "\n"))
         examples.push_back("vsctl " + verb.Title() + (example.empty() ? "" : " ") + example);
     return {{"verb", verb.Title()},
             {"purpose", verb.manual.help},

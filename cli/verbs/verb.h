@@ -41,7 +41,7 @@ public:
     const std::string &Text(const std::string &name) const;
     std::string Text(const std::string &name, const std::string &absent) const;
     const std::vector<std::string> &List(const std::string &name) const;
-    // Of an argument whose rule is a number.
+    // The value of an argument whose rule is a number.
     uint32_t Number(const std::string &name, uint32_t absent) const;
     // SWITCH, and PORT if the verb takes it.
     struct Target Target() const;
@@ -92,6 +92,8 @@ Verb ChangesNow(const std::string &title, RunFunction run, std::vector<Argument>
 
 // Results of one kind. An object is one row.
 Result Rows(Json rows);
+// The switch and, where there is one, the port, then the fields.
+Json RowOf(const Target &target, const Json &fields);
 Result Steps(std::vector<Step> steps);
 // Of a verb that changes the running host at once. A dry run that would change nothing shows no rows.
 Result Changed(const Arguments &arguments, Json rows, bool changes = true);

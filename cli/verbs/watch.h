@@ -1,4 +1,4 @@
-// Repeating a reading verb, and showing what has changed.
+// Repeats a verb that reads, and shows what has changed.
 #pragma once
 
 #include "cli/verbs/parser.h"
