@@ -32,6 +32,11 @@ NO_NUMBERS = [" 5", "5 ", "+5", "-1", "0x5", "5.0", "1e1", "five", "\u0665", "5\
 SESSIONS_HEADER = (0xFACEBEEF, 2, 1, 0, 0)
 FILTER = "ab" * 200
 LONG = "n" * 200
+SCHEMA = jsonschema.Draft202012Validator(PLAN_SCHEMA)
+# What no schema says: the host's state, relations between parts of a file, the spelling of names and ranges.
+BEYOND_SCHEMA = {"'-x'", "'a/b'", "'a' twice", "port0 twice", "has", "has 1", "has none", "128", "false", "absent",
+                 "nothing else", "also set", "not both", "eth-filter", "is empty", "range", "1 to 127", "1 to 47",
+                 "1023", "range of VLANs", "a number from 1280"}
 
 
 class Values(OnHost):
@@ -165,7 +170,7 @@ class Values(OnHost):
         session = {"id": "a"}
         for pointer, value, *reasons in (
                 ("/switches", [], "table"), ("/switches", None, "table"), ("/switchs", {}, "switches"),
-                ("/switches/" + "n" * 128, {}, "127"), ("/switches/", {}, "127"), ("/switches/a\0b", {}, "127"),
+                ("/switches/" + "n" * 128, {}, "127"), ("/switches/", {}, "127"), ("/switches/a\0b", {}, "1 to 127"),
                 ("/switches/-x", {}, "'-x'"), ("/switches/x", {"portset": "a/b"}, "'a/b'"),
                 ("/switches/lab", [], "table"),
                 ("/switches/x", {"id": ""}, "63"), ("/switches/x", {"id": "n" * 64}, "63"),
@@ -175,11 +180,12 @@ class Values(OnHost):
                 (switch + "max-ports", 0, "1 to"), (switch + "max-ports", 64, "128"),
                 (switch + "version", 2**32, "4294967295"),
                 (switch + "version", 7, "has 1"), (switch + "uplinks", "a", "list"), (switch + "uplinks", [1], "47"),
-                (switch + "uplinks", ["a", "n" * 48], "47"), (switch + "uplinks", ["a\0b"], "47"),
+                (switch + "uplinks", ["a", "n" * 48], "47"), (switch + "uplinks", ["a\0b"], "1 to 47"),
                 (switch + "uplinks", ["a", "a"], "'a' twice"),
                 (switch + "uplinks", ["port0"], "absent"), (switch + "mtu", 1279, "1280"),
                 (switch + "mtu", 9001, "9000"),
-                (switch + "mtu", 1500.0, "9000"), (switch + "mtu", "1500", "9000"), (switch + "mtu", 2**64, "9000"),
+                (switch + "mtu", 1500.0, "a number from 1280"), (switch + "mtu", "1500", "9000"),
+                (switch + "mtu", 2**64, "9000"),
                 (switch + "mtu", -(2**63), "9000"),
                 (switch + "multicast", "snoop", "legacy or snooping"), (switch + "multicast", 1, "legacy"),
                 (switch + "learn-static", "on", "true or false"),
@@ -195,7 +201,7 @@ class Values(OnHost):
                 (switch + "clear", "pvlan", "list"),
                 (switch + "clear", ["multicast"], "also set"), (switch + "vlan", {}, "known key"),
                 (switch + "ports", [], "table"),
-                (switch + "ports/" + "n" * 48, {}, "47"), (switch + "ports/a\0b", {}, "47"),
+                (switch + "ports/" + "n" * 48, {}, "1 to 47"), (switch + "ports/a\0b", {}, "1 to 47"),
                 (switch + "ports/a,,b", {}, "is empty"),
                 (switch + "ports/a..b", {}, "range"), (switch + "ports/port0..port1", {}, "port0 twice"),
                 (switch + "ports/port0", 5, "table"),
@@ -206,7 +212,7 @@ class Values(OnHost):
                 (port + "vlan", {"id": True}, "4095"), (port + "vlan", {"priority": 8}, "7"),
                 (port + "vlan", {"trunk": []}, "65535"),
                 (port + "vlan", {"trunk": ["1"] * 65536}, "65535"), (port + "vlan", {"trunk": [1]}, "4095"),
-                (port + "vlan", {"trunk": ["1-4096"]}, "4095"),
+                (port + "vlan", {"trunk": ["1-4096"]}, "range of VLANs"),
                 (port + "vlan", {"trunk": ["1"], "ranges": ["2"]}, "not both"),
                 (port + "vlan", {"option": 1}, "true or false"),
                 (port + "security", 8, "7"), (port + "eth-filter", "ab", "200 bytes"),
@@ -223,6 +229,8 @@ class Values(OnHost):
             for step in steps[:-1]:
                 target = target[step]
             target[steps[-1]] = value
+            if SCHEMA.is_valid(document):
+                self.assertIn(reasons[0], BEYOND_SCHEMA, (pointer, value))
             for verb in ("plan", "apply"):
                 self.refused([verb, "-"], 5, "standard input: switch", *reasons, stdin=json.dumps(document))
         for text, *reasons in (

@@ -184,6 +184,7 @@ constexpr Decoder DECODERS[] = {DecodeInfo,          DecodeUplink,       DecodeL
                                 DecodeLearningProps, DecodePortLearning, DecodeLearningInfo, DecodeRarp,
                                 DecodeTeaming,       DecodeMirror,       DecodeMcast,        DecodeOptions,
                                 DecodeDestination,   DecodeHint};
+static_assert(std::size(DECODERS) == static_cast<size_t>(Record::HINT) + 1);
 
 }
 

@@ -126,13 +126,12 @@ const char *AdviceFor(Exit exit)
     case Exit::BAD_VALUE:
         return "'vsctl help NOUN VERB' shows the allowed values";
     case Exit::UNREACHABLE:
+    case Exit::FAILURE:
         return "'vsctl doctor' shows which parts of the platform work";
     case Exit::PERMISSION:
         return "run vsctl as a user who may configure the host";
     case Exit::TIMED_OUT:
         return "allow more time with --timeout";
-    case Exit::FAILURE:
-        return "'vsctl doctor' shows which parts of the platform work";
     default:
         return "";
     }

@@ -237,17 +237,9 @@ Preview CarryOut(const std::string &command, Result &result)
 void Change(const std::string &command, Result &result, const Options &options)
 {
     const bool onlyShows = options.dryRun || result.planOnly;
-    Preview preview;
-    if (onlyShows) {
-        if (!result.planOnly) {
-            ThrowIfRemovalsForbidden(result);
-            ThrowIfUnfinished();
-        }
-        preview = ReadAllBefore(result.steps);
-    } else {
-        ThrowIfRemovalsForbidden(result);
-        preview = CarryOut(command, result);
-    }
+    if (!result.planOnly) ThrowIfRemovalsForbidden(result);
+    if (onlyShows && !result.planOnly) ThrowIfUnfinished();
+    Preview preview = onlyShows ? ReadAllBefore(result.steps) : CarryOut(command, result);
     if (onlyShows && preview.changes) result.exit = Exit::PENDING;
     if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
 }

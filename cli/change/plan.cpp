@@ -333,8 +333,12 @@ Json EntrySchema(bool ofPort)
     Json properties;
     for (const Field &field : FieldsOf(ofPort))
         properties[field.name] = Schema(field);
-    for (const Policy *policy : PoliciesOf(ofPort))
+    Json cleared = Json::array();
+    for (const Policy *policy : PoliciesOf(ofPort)) {
         properties[policy->name] = Schema(*policy);
+        if (policy->CanClear()) cleared.push_back(policy->name);
+    }
+    properties["clear"]["items"] = {{"enum", cleared}};
     if (!ofPort) {
         properties[PORTS_KEY] = {
             {"description", "Ports by id; a range like port0..port7 describes each of its ports"},
@@ -348,9 +352,11 @@ Json EntrySchema(bool ofPort)
 
 Json PlanSchema()
 {
-    const Json switches = {{"description", "Switches by alias"},
-                           {"type", "object"},
-                           {"additionalProperties", {{"$ref", "#/$defs/switch"}}}};
+    const Json switches = {
+        {"description", "Switches by alias"},
+        {"type", "object"},
+        {"propertyNames", {{"minLength", SWITCH_ALIAS.min}, {"maxLength", SWITCH_ALIAS.max}}},
+        {"additionalProperties", {{"$ref", "#/$defs/switch"}}}};
     return {{"$schema", "https://json-schema.org/draft/2020-12/schema"},
             {"title", "The desired state for vsctl plan and vsctl apply"},
             {"type", "object"},

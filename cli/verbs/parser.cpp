@@ -47,6 +47,12 @@ void AddArgument(CLI::App &app, const Argument &argument, std::vector<std::strin
 
 // Leaves exclusions out of the help: CLI11 lists them in no particular order.
 class HelpFormat : public CLI::Formatter {
+    std::string make_usage(const CLI::App *app, std::string name) const override
+    {
+        if (!app->get_prefix_command()) return CLI::Formatter::make_usage(app, name);
+        return fmt::format("Usage: {} [OPTIONS] NOUN VERB [ARGUMENTS]\n", name);
+    }
+
     std::string make_option_opts(const CLI::Option *option) const override
     {
         const std::string repeats = option->get_expected_max() > 1 ? " ..." : "";
