@@ -80,8 +80,10 @@ public:
 
 void BeforeFork() { pthread_rwlock_wrlock(Current().lock); }
 void InParent() { pthread_rwlock_unlock(Current().lock); }
+// Threads that the child doesn't have may wait for the lock. The child releases it and gets another one.
 void InChild()
 {
+    pthread_rwlock_unlock(Current().lock);
     Current().MakeLock();
     if (Current().host) Current().host->AbandonAfterFork();
 }
