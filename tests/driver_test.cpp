@@ -494,42 +494,6 @@ TEST_F(Driver, ARefreshReadsTheNumaNodesOfTheDevices)
     EXPECT_TRUE(isOnNode("1"));
 }
 
-TEST_F(Driver, PoliciesShowInTheAnswers)
-{
-    const auto info = [] { return Query<VSwitchInfo>(VSWITCH_GET_INFO, Input()); };
-    const auto number = [](const char *portId) {
-        uint32_t portNumber = 0;
-        EXPECT_EQ(VSDVS_DvPortIDToPortID(LAB, portId, &portNumber), STATUS_OK);
-        return portNumber;
-    };
-    EXPECT_EQ(info().flags, VSWITCH_INFO_ASSOCIATED);
-    EXPECT_EQ(info().usedPorts, 4u);
-    EXPECT_EQ(info().ports, 128u);
-    EXPECT_STREQ(info().switchId, LAB_ID);
-
-    const PortMACLearningConfig learning = {1, 0, 17, 0};
-    const MirrorList<1> list(std::string(32, 's'));
-    EXPECT_EQ(VSDVS_SetMcastFilterMode(LAB, 1), STATUS_OK);
-    EXPECT_EQ(VSDVS_SetPortMACLearning(LAB, PORT, &learning), STATUS_OK);
-    for (const char *port : {PORT, "port1", ""})
-        EXPECT_EQ(VSDVS_AppendDVMirrorSessions(LAB, port, &list.header), STATUS_OK);
-    EXPECT_EQ(VSDVS_ConfigureSinkPort(LAB, "port1", 1), STATUS_OK);
-    EXPECT_EQ(VSDVS_SetPortLSTeamingPolicy(LAB, PORT, "gold"), STATUS_OK);
-
-    EXPECT_EQ(info().flags, 15u);
-    EXPECT_EQ(Query<uint32_t>(VSWITCH_GET_MCAST_MODE, Input()), 1u);
-    EXPECT_EQ(List(VSWITCH_GET_MIRROR_SESSIONS, Input(), 32), Words{std::string(32, 's')}) << "only once";
-    EXPECT_EQ(Query<VSwitchPortLearningStats>(VSWITCH_GET_PORT_LEARNING_STATS, PortInput(PORT)).limit, 17u);
-    EXPECT_EQ(Query<VSwitchLearningInfo>(VSWITCH_GET_LEARNING_INFO, Input()).learningPorts, 1u);
-    EXPECT_EQ(List(VSWITCH_GET_PROMISCUOUS_PORTS, Input(), 4), Words{Bytes(number("port1"))});
-    VSwitchInput port = {};
-    port.port.portId = number(PORT);
-    struct Name {
-        char text[136];
-    };
-    EXPECT_STREQ(Query<Name>(VSWITCH_GET_PORT_LS_POLICY, port).text, "gold");
-}
-
 // The host counts ports and lists the ports with a policy, however a policy is set or removed.
 TEST_F(Driver, CountsAndListsFollowThePorts)
 {
