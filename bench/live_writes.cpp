@@ -33,16 +33,16 @@ int main(int count, char **arguments)
 {
     const bool inBulk = count == 5 && !strcmp(arguments[4], "bulk");
     if (count != 4 && !inBulk) return fputs("usage: live_writes SWITCH PORTS WRITES [bulk]\n", stderr), 2;
-    const auto bulk = reinterpret_cast<VsStatus (*)(int)>(dlsym(RTLD_DEFAULT, "vshost_bulk"));
+    const auto bulk = reinterpret_cast<int (*)(int)>(dlsym(RTLD_DEFAULT, "vshost_bulk"));
     if (inBulk && !bulk) return fputs("live_writes: the platform has no vshost_bulk\n", stderr), 1;
 
     const int writes = atoi(arguments[3]);
     VSDVS_SetPortVLANPolicy(arguments[1], "0", 4001, VLAN_PRIORITY_NONE, 0, 0, nullptr,
                             0); // attaches to the host
     const auto begin = Clock::now();
-    VsStatus status = inBulk ? bulk(1) : STATUS_OK;
-    if (status == STATUS_OK) status = WriteAll(arguments[1], atoi(arguments[2]), writes);
-    if (inBulk && status == STATUS_OK) status = bulk(0);
+    if (inBulk && bulk(1) != 0) return fputs("live_writes: the bulk does not begin\n", stderr), 1;
+    const VsStatus status = WriteAll(arguments[1], atoi(arguments[2]), writes);
+    if (inBulk && bulk(0) != 0) return fputs("live_writes: the bulk is not carried out\n", stderr), 1;
     const std::chrono::duration<double, std::nano> time = Clock::now() - begin;
     if (status != STATUS_OK) return fprintf(stderr, "live_writes: status 0x%08X\n", status), 1;
     printf("%.0f\n", time.count() / writes);
