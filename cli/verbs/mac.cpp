@@ -44,7 +44,7 @@ ZorMacTableEntry GivenEntry(const Arguments &arguments)
         RequirePublishedLayout("--address");
         bytes = MacEntry(arguments.Text("--address"), static_cast<uint16_t>(arguments.Number("--vlan", 0)));
     } else {
-        bytes = GivenBytes(arguments, sizeof(ZorMacTableEntry));
+        bytes = GivenBytes(arguments, sizeof(ZorMacTableEntry), "--address, --hex or --file");
     }
     ZorMacTableEntry entry;
     memcpy(&entry, bytes.data(), sizeof entry);

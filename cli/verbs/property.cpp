@@ -85,7 +85,7 @@ Result Set(const Verb &, const Arguments &arguments)
         const std::string &text = arguments.Text("--text");
         bytes.assign(text.c_str(), text.c_str() + text.size() + 1);
     } else {
-        bytes = GivenBytes(arguments, 0);
+        bytes = GivenBytes(arguments, 0, "--text, --hex or --file");
     }
     return ChangeTo(arguments, Hex(bytes.data(), bytes.size()));
 }

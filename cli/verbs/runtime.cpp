@@ -57,7 +57,7 @@ Result GetOptions(const Verb &, const Arguments &arguments)
 
 Bytes GivenOptions(const Arguments &arguments)
 {
-    if (arguments.List("OPTION").empty()) return GivenBytes(arguments, 0);
+    if (arguments.List("OPTION").empty()) return GivenBytes(arguments, 0, "OPTION=VALUE, --hex or --file");
     RequirePublishedLayout("OPTION=VALUE");
     std::vector<std::pair<uint16_t, uint32_t>> options;
     for (const std::string &word : arguments.List("OPTION")) {

@@ -56,10 +56,10 @@ void RequirePublishedLayout(const char *arguments)
                 "give the record with --hex or --file");
 }
 
-Bytes GivenBytes(const Arguments &arguments, size_t size)
+Bytes GivenBytes(const Arguments &arguments, size_t size, const char *ways)
 {
     if (!arguments.Has("--hex") && !arguments.Has("--file"))
-        throw Error(Exit::USAGE, "there are no bytes to send or store", "give them with --hex or --file");
+        throw Error(Exit::USAGE, "there is nothing to send or store", fmt::format("give {}", ways));
     Bytes bytes;
     if (arguments.Has("--hex")) {
         bytes = FromHex(arguments.Text("--hex"));

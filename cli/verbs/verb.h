@@ -132,7 +132,7 @@ inline const Argument FROM_FILE = Excluding(
 // Throws where the driver does not publish the layout of the record that the arguments describe.
 void RequirePublishedLayout(const char *arguments);
 // The bytes that --hex or --file gives. Throws when neither is given, or when they are not `size` bytes
-// (0: any number).
-Bytes GivenBytes(const Arguments &arguments, size_t size);
+// (0: any number). `ways` are the options that the error names.
+Bytes GivenBytes(const Arguments &arguments, size_t size, const char *ways = "--hex or --file");
 
 }
