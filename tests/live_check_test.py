@@ -98,8 +98,7 @@ class Check(PluggedHost):
             with self.subTest(name):
                 self.assertEqual(self.check(), [])
                 program = next(self.directory.glob("bpf/*/program-*"))
-                self.daemon.kill()  # nobody mends it
-                self.daemon.wait()
+                self.kill_supervisor()  # nobody mends it
                 spoil()
                 differences = self.check()
                 self.assertTrue(any(line in found for found in differences), differences)

@@ -94,12 +94,6 @@ class Supervisor(LiveHost):
         self.assertEqual(len(done.stderr.splitlines()), 1, done.stderr)
         return done.stderr
 
-    def kill_supervisor(self):
-        worker = self.worker()
-        self.daemon.kill()
-        self.daemon.wait()
-        wait_until(lambda: not pathlib.Path(f"/proc/{worker}").exists(), "the end of the daemon")
-
     def test_stop_leaves_nothing(self):
         self.start()
         self.assertEqual(len([line for line in mounts_under(self.directory) if " fuse " in line]), 1)

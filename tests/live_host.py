@@ -190,6 +190,12 @@ class LiveHost(unittest.TestCase):
         os.kill(killed, signal.SIGKILL)
         wait_until(lambda: self.worker() not in (0, killed), "the next daemon")
 
+    def kill_supervisor(self):
+        worker = self.worker()
+        self.daemon.kill()
+        self.daemon.wait()
+        wait_until(lambda: not pathlib.Path(f"/proc/{worker}").exists(), "the end of the daemon")
+
     def on_host(self, *command, **options):
         return run(VSHOST, "run", "--state", self.directory, "--", *command, **options)
 

@@ -135,6 +135,26 @@ TEST_F(LinksTest, AreChanged)
     EXPECT_EQ(links.SetAdminUp(0x7ffffff0, true), ENODEV);
 }
 
+TEST_F(LinksTest, FeaturesAndIpv6AreTurnedOffAndOn)
+{
+    const uint32_t one = Get("one").ifindex;
+    EXPECT_TRUE(links.IsFeatureOn(one, "tx-tcp-segmentation"));
+    for (const bool on : {false, true}) {
+        EXPECT_EQ(links.SetFeature(one, "tx-tcp-segmentation", on), 0);
+        EXPECT_EQ(links.IsFeatureOn(one, "tx-tcp-segmentation"), on);
+        EXPECT_TRUE(links.IsFeatureOn(one, "tx-tcp6-segmentation"));
+        EXPECT_EQ(links.SetIpv6(one, on), 0);
+        EXPECT_EQ(links.IsIpv6On(one), on);
+    }
+    // What an interface doesn't have needs no turning off.
+    EXPECT_FALSE(links.IsFeatureOn(one, "rx-lro"));
+    EXPECT_EQ(links.SetFeature(one, "rx-lro", true), EOPNOTSUPP);
+    EXPECT_FALSE(links.IsFeatureOn(one, "no-such-feature"));
+    EXPECT_EQ(links.SetFeature(one, "no-such-feature", false), EOPNOTSUPP);
+    EXPECT_FALSE(links.IsFeatureOn(0x7ffffff0, "rx-lro"));
+    EXPECT_FALSE(links.IsIpv6On(0x7ffffff0));
+}
+
 TEST_F(LinksTest, ManyAreFollowed)
 {
     Run("for i in $(seq 60); do ip link set one mtu 2000; ip link set one mtu 1500; "

@@ -159,8 +159,7 @@ class Uplinks(PluggedHost):
                     used = next(eth for eth, numbers in self.arrived().items() if numbers)
                     other, vnet = ("eth1", "vnet") if used == "eth0" else ("eth0", "vnet1")
                     if not daemon_lives:
-                        self.daemon.kill()
-                        self.daemon.wait()
+                        self.kill_supervisor()
                     stream = self.broadcast(FRAMES, FRAMES // 3)
                     wait_until(lambda: stream.lines == ["waits"], "the first frames")
                     lose(used, vnet)

@@ -7,6 +7,7 @@ namespace vshost {
 namespace {
 
 std::string PlugKey(std::string_view interface) { return Key({"plug", interface}); }
+std::string BacklogKey() { return Key({"backlog"}); }
 
 }
 
@@ -33,6 +34,18 @@ VsStatus RemovePlug(Transaction &transaction, std::string_view interface)
 {
     return transaction.Remove(PlugKey(interface));
 }
+
+VsStatus GetRaisedBacklog(Reader &reader, RaisedBacklog &raised)
+{
+    return GetRecord(reader, BacklogKey(), raised);
+}
+
+VsStatus PutRaisedBacklog(Transaction &transaction, const RaisedBacklog &raised)
+{
+    return PutRecord(transaction, BacklogKey(), raised);
+}
+
+VsStatus RemoveRaisedBacklog(Transaction &transaction) { return transaction.Remove(BacklogKey()); }
 
 VsStatus RemoveTransientPlugs(Transaction &transaction)
 {

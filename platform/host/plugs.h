@@ -11,6 +11,9 @@ namespace vshost {
 enum PlugChange : uint32_t {
     PLUG_MADE_PROMISCUOUS = 1,
     PLUG_MADE_CLSACT = 2,
+    PLUG_LRO_OFF = 4, // large receive offload
+    PLUG_VLAN_FILTER_OFF = 8,
+    PLUG_IPV6_OFF = 16,
 };
 
 struct Plug {
@@ -33,6 +36,15 @@ VsStatus ListPlugs(Reader &reader, std::vector<NamedPlug> &plugs);
 VsStatus GetPlug(Reader &reader, std::string_view interface, Plug &plug);
 VsStatus PutPlug(Transaction &transaction, std::string_view interface, const Plug &plug);
 VsStatus RemovePlug(Transaction &transaction, std::string_view interface);
+
+// Of net.core.netdev_max_backlog, which a live host raises.
+struct RaisedBacklog {
+    uint32_t before = 0;
+    uint32_t now = 0;
+};
+VsStatus GetRaisedBacklog(Reader &reader, RaisedBacklog &raised);
+VsStatus PutRaisedBacklog(Transaction &transaction, const RaisedBacklog &raised);
+VsStatus RemoveRaisedBacklog(Transaction &transaction);
 
 // Removes the plugs that are not kept.
 VsStatus RemoveTransientPlugs(Transaction &transaction);

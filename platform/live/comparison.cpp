@@ -11,6 +11,7 @@
 #include "platform/live/filter.h"
 #include "platform/live/kernel_tables.h"
 #include "platform/live/plugged.h"
+#include "platform/live/settings.h"
 
 namespace live {
 namespace {
@@ -71,6 +72,7 @@ private:
     void CompareFilters();
     void CompareSettings(const std::string &interface, const Plug &plug);
     void CompareNic(const Link &link);
+    bool IsAtPort(uint32_t ifindex) const;
     void CompareHost();
     void CompareSwitches();
     void CompareSwitch(const SwitchConfig &config);
@@ -145,11 +147,21 @@ void Comparison::CompareSettings(const std::string &interface, const Plug &plug)
 {
     const Link *link = links.Find(interface);
     if (!link) return; // it is waited for
+    const std::string on = NamesOfSettings(FindSettings(links, *link, plug));
+    if (!on.empty() && IsAtPort(link->ifindex)) Differ("interface " + interface, "on, but to be off: " + on);
     if (plug.IsNic()) return CompareNic(*link);
     for (const SwitchConfig &config : configs)
         for (const PortConfig &port : config.ports)
             if (port.ifindex == link->ifindex)
                 Compare("interface " + interface, "the MTU", link->mtu, config.mtu);
+}
+
+bool Comparison::IsAtPort(uint32_t ifindex) const
+{
+    const auto isIt = [&](const PortConfig &port) { return port.ifindex == ifindex; };
+    return std::any_of(configs.begin(), configs.end(), [&](const SwitchConfig &config) {
+        return std::any_of(config.ports.begin(), config.ports.end(), isIt);
+    });
 }
 
 void Comparison::CompareNic(const Link &link)

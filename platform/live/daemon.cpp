@@ -21,6 +21,7 @@
 #include "platform/host/host.h"
 #include "platform/host/live_link.h"
 #include "platform/host/live_requests.h"
+#include "platform/live/backlog.h"
 #include "platform/live/comparison.h"
 #include "platform/live/forwarder.h"
 #include "platform/live/live_kernel.h"
@@ -147,6 +148,7 @@ bool Daemon::Start(std::string &message)
     message = std::string("can't start a thread: ") + strerror(errno);
     if (!scribe.Start()) return false;
     if (!forwarder.Start({PinDirectory(options.directory), options.capacity}, message)) return false;
+    if (options.isFirst) RaiseBacklog(scribe);
     host.SetLive(std::make_unique<LiveKernel>(forwarder.Tables()));
     return true;
 }
@@ -337,6 +339,7 @@ bool RemoveForwarding(const std::string &directory, std::string &message)
     Forwarder forwarder(host->GetEngine(), scribe);
     if (!forwarder.Start({PinDirectory(directory), {}}, message)) return false;
     forwarder.RemoveAll();
+    PutBackBacklog(host->GetEngine());
     return true;
 }
 

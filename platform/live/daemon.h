@@ -12,8 +12,9 @@ struct DaemonOptions {
     std::string directory; // of the host
     Capacity capacity;
     DeviceConnection devices;
-    int requests = -1; // a socket that listens
-    int ready = -1;    // a pipe: one byte says that the daemon works
+    int requests = -1;   // a socket that listens
+    int ready = -1;      // a pipe: one byte says that the daemon works
+    bool isFirst = true; // of this vshostd
 };
 
 // Exit codes besides 0.

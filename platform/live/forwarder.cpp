@@ -9,6 +9,7 @@
 #include "platform/live/daemon.h"
 #include "platform/live/filter.h"
 #include "platform/live/overlay.h"
+#include "platform/live/settings.h"
 
 namespace live {
 namespace {
@@ -503,7 +504,7 @@ void Forwarder::AttachAll()
         for (const auto &[portId, plugged] : ports) {
             const uint32_t ifindex = plugged.ifindex;
             if (ifindex == 0 || attached.contains(ifindex)) continue;
-            if (!NoteClsact(links.All().at(ifindex).name)) continue;
+            if (!PrepareInterface(links.All().at(ifindex))) continue;
             if (path.Attach(ifindex) == STATUS_OK)
                 attached.insert(ifindex);
             else
@@ -512,14 +513,18 @@ void Forwarder::AttachAll()
 }
 
 // What is to be put back is stored before it is changed.
-bool Forwarder::NoteClsact(const std::string &interface)
+bool Forwarder::PrepareInterface(const Link &link)
 {
-    const Plug &plug = plugs.at(interface);
-    if (plug.changes & PLUG_MADE_CLSACT || links.HasClsact(links.Find(interface)->ifindex)) return true;
+    const Plug &plug = plugs.at(link.name);
     Plug changed = plug;
-    changed.changes |= PLUG_MADE_CLSACT;
-    ChangePlug(interface, plug, changed);
-    return false;
+    changed.changes |= FindSettings(links, link, plug);
+    if (changed.changes != plug.changes) {
+        ChangePlug(link.name, plug, changed);
+        return false;
+    }
+    const std::string refused = ChangeSettings(links, link, plug);
+    if (!refused.empty()) Complain(link.name, "the interface refuses to turn off " + refused);
+    return true;
 }
 
 // What plugging changes at an interface: its MTU, and that a NIC takes frames to any address.
@@ -551,6 +556,7 @@ void Forwarder::PutBack(const std::string &interface, const Plug &plug)
     const Link *link = links.Find(interface);
     if (link && plug.oldMtu) links.SetMtu(link->ifindex, plug.oldMtu);
     if (link && plug.changes & PLUG_MADE_PROMISCUOUS) links.SetPromiscuous(link->ifindex, false);
+    if (link) PutBackSettings(links, *link, plug);
     if (link && plug.changes & PLUG_MADE_CLSACT) RemoveClsact(link->ifindex);
     complaints.erase(interface);
 }
@@ -642,9 +648,7 @@ LiveAnswer Forwarder::CheckInterface(const std::string &interface, bool keeps, P
                            "another host of this machine, unplug it there, else remove the filter with "
                            "`tc filter del dev " +
                            interface + " ingress`"};
-    if (!links.HasClsact(link->ifindex)) plug.changes |= PLUG_MADE_CLSACT;
     if (!keeps) SetField(plug.boot, BootId());
-    if (!links.HasClsact(link->ifindex)) plug.changes |= PLUG_MADE_CLSACT;
     return {};
 }
 
@@ -677,6 +681,7 @@ void Forwarder::PlugPort(const PortPlace &place, const std::string &interface, b
     LiveAnswer refused = CheckInterface(interface, keeps, plug);
     if (!refused.error) refused = CheckPort(place.switchName, place.portId, interface, plug);
     if (refused.error) return reply(refused);
+    plug.changes = FindSettings(links, *links.Find(interface), plug);
     // Another request may be written first.
     const auto put = [interface, plug](Transaction &transaction) -> VsStatus {
         std::vector<NamedPlug> present;
@@ -696,6 +701,7 @@ void Forwarder::AddNic(const std::string &interface, bool keeps, const Reply &re
     Nic present;
     const LiveAnswer refused = CheckInterface(interface, keeps, plug);
     if (refused.error) return reply(refused);
+    plug.changes = FindSettings(links, *links.Find(interface), plug);
     if (GetRecord(engine, runtime::NicKey(interface), present) == STATUS_OK)
         return reply({EEXIST, "the host has a NIC " + interface +
                                   " already; remove it with `vshost remove-nic " + interface + "`"});

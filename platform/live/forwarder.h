@@ -105,7 +105,7 @@ private:
     void ForgetLostLinks();
     bool VerifyFilter(uint32_t ifindex); // false: it was gone
     bool VerifyFilters();
-    bool NoteClsact(const std::string &interface);
+    bool PrepareInterface(const Link &link); // false: not yet
     void LogLinks();
     void LogFailovers(bool isFirst);
     vshost::LiveAnswer CheckInterface(const std::string &interface, bool keeps, vshost::Plug &plug);

@@ -15,11 +15,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace live {
 namespace {
 
-constexpr int EVENT_BUFFER = 4 << 20; // bytes; events that don't fit cost a look at all interfaces
+constexpr uint32_t FEATURE_BLOCKS = 4; // of 32 features
+constexpr int EVENT_BUFFER = 4 << 20;  // bytes; events that don't fit cost a look at all interfaces
 
 struct ReleaseLink {
     void operator()(rtnl_link *link) const { rtnl_link_put(link); }
@@ -54,6 +56,29 @@ int32_t ReadNumaNode(const std::string &name)
     int32_t node = -1;
     std::ifstream("/sys/class/net/" + name + "/device/numa_node") >> node;
     return node;
+}
+
+// ethtool_sset_info, ethtool_gfeatures and ethtool_sfeatures with their arrays.
+struct CountQuestion {
+    uint32_t command;
+    uint32_t reserved;
+    uint64_t mask;
+    uint32_t count;
+};
+struct FeatureQuestion {
+    uint32_t command;
+    uint32_t size;
+    ethtool_get_features_block blocks[FEATURE_BLOCKS];
+};
+struct FeatureChange {
+    uint32_t command;
+    uint32_t size;
+    ethtool_set_features_block blocks[FEATURE_BLOCKS];
+};
+
+std::string Ipv6Switch(const std::string &interface)
+{
+    return "/proc/sys/net/ipv6/conf/" + interface + "/disable_ipv6";
 }
 
 int ErrnoOfNetlink(int error)
@@ -224,6 +249,71 @@ bool Links::HasClsact(uint32_t ifindex) const
     if (found) rtnl_qdisc_put(found);
     nl_cache_free(cache);
     return found != nullptr;
+}
+
+std::string Links::NameOf(uint32_t ifindex) const
+{
+    const auto known = links.find(ifindex);
+    return known == links.end() ? std::string() : known->second.name;
+}
+
+// UINT32_MAX: the kernel has no such feature.
+uint32_t Links::FeatureBit(const std::string &interface, const char *name) const
+{
+    if (featureBits.empty()) {
+        CountQuestion question = {
+            .command = ETHTOOL_GSSET_INFO, .reserved = 0, .mask = uint64_t{1} << ETH_SS_FEATURES, .count = 0};
+        if (!Ask(control, interface, question) || question.count == 0) return UINT32_MAX;
+        std::vector<char> room(sizeof(ethtool_gstrings) + question.count * size_t{ETH_GSTRING_LEN});
+        auto &strings = *reinterpret_cast<ethtool_gstrings *>(room.data());
+        strings.cmd = ETHTOOL_GSTRINGS;
+        strings.string_set = ETH_SS_FEATURES;
+        strings.len = question.count;
+        if (!Ask(control, interface, strings)) return UINT32_MAX;
+        featureCount = question.count;
+        for (uint32_t bit = 0; bit < question.count; bit++) {
+            const char *text = &room[sizeof(ethtool_gstrings) + bit * size_t{ETH_GSTRING_LEN}];
+            featureBits[std::string(text, strnlen(text, ETH_GSTRING_LEN))] = bit;
+        }
+    }
+    const auto found = featureBits.find(name);
+    return found == featureBits.end() ? UINT32_MAX : found->second;
+}
+
+bool Links::IsFeatureOn(uint32_t ifindex, const char *name) const
+{
+    const std::string interface = NameOf(ifindex);
+    const uint32_t bit = FeatureBit(interface, name);
+    if (bit == UINT32_MAX) return false;
+    FeatureQuestion question = {.command = ETHTOOL_GFEATURES, .size = FEATURE_BLOCKS, .blocks = {}};
+    const ethtool_get_features_block &block = question.blocks[bit / 32 % FEATURE_BLOCKS];
+    return Ask(control, interface, question) && (block.active & block.available) >> bit % 32 & 1;
+}
+
+int Links::SetFeature(uint32_t ifindex, const char *name, bool on) const
+{
+    const std::string interface = NameOf(ifindex);
+    const uint32_t bit = FeatureBit(interface, name);
+    if (bit == UINT32_MAX) return EOPNOTSUPP;
+    FeatureChange change = {.command = ETHTOOL_SFEATURES, .size = (featureCount + 31) / 32, .blocks = {}};
+    change.blocks[bit / 32 % FEATURE_BLOCKS] = {.valid = 1u << bit % 32,
+                                                .requested = (on ? 1u : 0u) << bit % 32};
+    Ask(control, interface, change); // it may answer with what it could not do
+    return IsFeatureOn(ifindex, name) == on ? 0 : EOPNOTSUPP;
+}
+
+bool Links::IsIpv6On(uint32_t ifindex) const
+{
+    int isOff = 1; // a kernel without IPv6
+    std::ifstream(Ipv6Switch(NameOf(ifindex))) >> isOff;
+    return isOff == 0;
+}
+
+int Links::SetIpv6(uint32_t ifindex, bool on) const
+{
+    std::ofstream file(Ipv6Switch(NameOf(ifindex)));
+    file << (on ? 0 : 1) << std::flush;
+    return file.good() ? 0 : EACCES;
 }
 
 int Links::Apply(uint32_t ifindex, const Change &change)

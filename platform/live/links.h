@@ -56,6 +56,12 @@ public:
     // Whether the interface has the queueing discipline that filters need.
     bool HasClsact(uint32_t ifindex) const;
 
+    // Features by the kernel's names ("rx-lro"). On: the interface has it, and it can be turned off.
+    bool IsFeatureOn(uint32_t ifindex, const char *name) const;
+    int SetFeature(uint32_t ifindex, const char *name, bool on) const;
+    bool IsIpv6On(uint32_t ifindex) const;
+    int SetIpv6(uint32_t ifindex, bool on) const;
+
     // 0 or an errno value. Update() sees the change.
     int SetAdminUp(uint32_t ifindex, bool up);
     int SetMtu(uint32_t ifindex, uint32_t mtu);
@@ -72,12 +78,16 @@ private:
     bool Follow(Link link);
     void Forget(uint32_t ifindex);
     void ForgetName(const Link &link);
+    uint32_t FeatureBit(const std::string &interface, const char *name) const;
+    std::string NameOf(uint32_t ifindex) const;
     bool ReadAll();
     void AddDetails(Link &link) const;
     int Apply(uint32_t ifindex, const Change &change);
 
     std::unique_ptr<nl_sock, Release> events, requests;
-    int control = -1; // for ioctl
+    int control = -1;                                    // for ioctl
+    mutable std::map<std::string, uint32_t> featureBits; // of every interface the same
+    mutable uint32_t featureCount = 0;
     std::map<uint32_t, Link> links;
     std::unordered_map<std::string, uint32_t> ifindexes; // by name
     std::set<uint32_t> deleted;

@@ -219,7 +219,7 @@ void Supervisor::BecomeDaemon(int readyEnd)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGINT, SIG_IGN); // a terminal sends it to the whole group; the supervisor decides
-    _exit(RunDaemon({directory, capacity, devices.Connection(), requests.Get(), readyEnd}));
+    _exit(RunDaemon({directory, capacity, devices.Connection(), requests.Get(), readyEnd, !worked}));
 }
 
 bool Supervisor::StartDaemon()
