@@ -91,8 +91,8 @@ def wait_until(holds, what, seconds=LONGEST_WAIT):
         time.sleep(0.01)
 
 
-def run(*command, check=True, **options):
-    done = subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=60, **options)
+def run(*command, check=True, timeout=60, **options):
+    done = subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=timeout, **options)
     if check and done.returncode != 0:
         raise AssertionError(f"{command} ended with {done.returncode}: {done.stdout}{done.stderr}")
     return done

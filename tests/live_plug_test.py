@@ -10,50 +10,58 @@ import unittest
 from live_host import *
 
 
-# Flips the VLAN of port 2; right after each return port 1 sends a packet, which only half of the VLANs let pass.
+# Flips the VLAN of port 2 and whether it is blocked, by turns; right after each return port 1 sends a broadcast, which
+# only half of the settings let pass. Port 3 gets every one: what it has got is not under way any more.
 # Prints the packets that came, of those that must, and of those that must not.
 FLIP = """
-import ctypes, os, socket, sys
-library, sender, receiver, address = sys.argv[1:5]
-flips = int(sys.argv[5])
+import ctypes, socket, sys
+library, sender, receiver, witness, address = sys.argv[1:6]
 vswitch, libc = ctypes.CDLL(library), ctypes.CDLL(None)
 def socket_of(process):
     with open(f"/proc/{process}/ns/net") as space:
         assert libc.setns(space.fileno(), 0) == 0
     return socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 own = open("/proc/self/ns/net")
-source, target = socket_of(sender), socket_of(receiver)
+source, target, third = socket_of(sender), socket_of(receiver), socket_of(witness)
 assert libc.setns(own.fileno(), 0) == 0
-source.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)  # a port's address is forgotten with its VLAN
-target.bind(("", 9))
-target.settimeout(20)
-def vlan(number):
-    none = ctypes.c_uint32(0xFFFFFFFF)
-    vlan, count = ctypes.c_uint16(number), ctypes.c_uint16(0)
-    status = vswitch.VSDVS_SetPortVLANPolicy(b"one", b"2", vlan, none, 0, 0, None, count)
-    assert status == 0, hex(status)
+source.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+for sink in (target, third):
+    sink.bind(("", 9))
+    sink.settimeout(20)
+def vlan(opens):
+    none, vlan, count = ctypes.c_uint32(0xFFFFFFFF), ctypes.c_uint16(100 if opens else 200), ctypes.c_uint16(0)
+    return vswitch.VSDVS_SetPortVLANPolicy(b"one", b"2", vlan, none, 0, 0, None, count)
+def block(opens):
+    value = b"false\\0" if opens else b"true\\0"
+    length, by_alias = ctypes.c_uint32(len(value)), ctypes.c_uint8(1)
+    return vswitch.VSDVS_SetPortProp(b"one", b"2", b"com.talpex.common.port.block", value, length, None, by_alias)
+def send(text):
+    source.sendto(text, (address, 9))
+    while third.recv(100) != text:
+        pass
 right, wrong = 0, 0
-for flip in range(flips):
-    vlan(100)
-    source.sendto(b"right", (address, 9))
-    if target.recv(100) == b"right":
+for flip in range(int(sys.argv[6])):
+    change = (vlan, block)[flip % 2]
+    send(b"right %d" % flip)
+    if target.recv(100) == b"right %d" % flip:
         right += 1
     else:
         wrong += 1
-    vlan(200)
-    source.sendto(b"wrong", (address, 9))
+    assert change(False) == 0
+    send(b"wrong %d" % flip)
+    assert change(True) == 0
 print(right, wrong)
 """
-
-
-# Calls functions of the platform; prints what each returns, and its message.
-CALL = """
-import ctypes, json, sys
-platform = ctypes.CDLL(sys.argv[1])
-platform.vshost_error.restype = ctypes.c_char_p
-for name, arguments in json.loads(sys.argv[2]):
-    words = [word.encode() if isinstance(word, str) else word for word in arguments]
-    print(json.dumps([getattr(platform, name)(*words), platform.vshost_error().decode()]))
+# Broadcasts as fast as it can.
+LOAD = """
+import socket, sys
+noise = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+noise.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+while True:
+    try:
+        noise.sendto(bytes(100), (sys.argv[1], 11))
+    except OSError:
+        pass
 """
 
 
@@ -73,12 +81,17 @@ class Plugging(PluggedHost):
 
     def test_the_next_packet_obeys_a_write_that_has_returned(self):
         a, b = self.two()
-        self.vsctl("port", "vlan", "one", "1", "100")
-        self.vsctl("port", "vlan", "one", "2", "100")
-        wait_until(lambda: a.reaches(b), "an answer")
-        flips = 5000 if os.environ.get("VSWITCHCTL_LONG") else 250
+        c = self.namespace("c", "10.9.0.3")
+        self.plug("3", c)
+        self.vsctl("port", "vlan", "one", "1,2,3", "100")
+        wait_until(lambda: a.reaches(b) and a.reaches(c), "an answer")
+        load = subprocess.Popen(["nsenter", f"--net=/proc/{a.holder.pid}/ns/net", sys.executable, "-c", LOAD,
+                                 "10.9.0.255"])
+        self.addCleanup(load.wait)
+        self.addCleanup(load.kill)
+        flips = 5000 if os.environ.get("VSWITCHCTL_LONG") else 250  # each closes and opens
         done = self.on_host(sys.executable, "-c", FLIP, BUILD / "libvswitchctl.so", a.holder.pid, b.holder.pid,
-                            "10.9.0.255", flips)
+                            c.holder.pid, "10.9.0.255", flips, timeout=1000)
         self.assertEqual(done.stdout.split(), [str(flips), "0"])
 
     def test_a_blocked_port_reaches_nobody(self):
