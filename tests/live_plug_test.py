@@ -50,6 +50,8 @@ for flip in range(int(sys.argv[6])):
     assert change(False) == 0
     send(b"wrong %d" % flip)
     assert change(True) == 0
+send(b"end")
+wrong += target.recv(100) != b"end"
 print(right, wrong)
 """
 # Broadcasts as fast as it can.
@@ -62,6 +64,17 @@ while True:
         noise.sendto(bytes(100), (sys.argv[1], 11))
     except OSError:
         pass
+"""
+
+
+# Calls functions of the platform; prints what each returns, and its message.
+CALL = """
+import ctypes, json, sys
+platform = ctypes.CDLL(sys.argv[1])
+platform.vshost_error.restype = ctypes.c_char_p
+for name, arguments in json.loads(sys.argv[2]):
+    words = [word.encode() if isinstance(word, str) else word for word in arguments]
+    print(json.dumps([getattr(platform, name)(*words), platform.vshost_error().decode()]))
 """
 
 

@@ -107,6 +107,66 @@ class Tables(PluggedHost):
         given = switch.encode().ljust(128, b"\0") + b"1".ljust(48, b"\0") + entry.ljust(36, b"\0")
         self.assertEqual(request(self.device, 8195, given), errno.EINVAL)
 
+    def learned(self):
+        return {row["address"] for port in ("1", "2") for row in self.rows("mac", "list", "one", port)}
+
+    def test_the_smaller_limit_and_the_shorter_ageing_win(self):
+        self.vsctl("port", "mac-learning", "one", "1", "--flag-a", "1", "--value-a", "5")
+        for what, change, back, learns in (
+                ("the host's learning", ("props", "--enabled", "off"), ("props", "--enabled", "on"), set()),
+                ("the host's limit", ("props", "--limit", "1"), ("props", "--limit", "65536"), {A}),
+                ("the switch's limit", ("--value-b", "2"), ("--clear",), {A, B}),
+                ("the port's limit", ("props", "--limit", "3"), ("props", "--limit", "65536"), {A, B, C})):
+            with self.subTest(what):
+                self.change_learning(*change)
+                sent = self.statistics("1")[0]
+                for source in (A, B, C):
+                    self.says(self.from_a, source, source)
+                wait_until(lambda: self.statistics("1")[0] == sent + 3, "three frames")
+                self.assertEqual(self.learned(), learns)
+                self.change_learning(*back)
+                run("ip", "link", "set", self.a.interface, "down")
+                run("ip", "link", "set", self.a.interface, "up")
+                wait_until(lambda: not self.learned(), "a port that has forgotten")
+        for what, change in (("the switch's", ("--value-a", "1")), ("the host's", ("props", "--aging", "1"))):
+            with self.subTest(what):
+                aged = self.row("mac", "stats", "one", "1")["aged"]
+                self.says(self.from_a, "one", A)
+                wait_until(lambda: A in self.learned(), "a learned address")
+                self.change_learning(*change)
+                wait_until(lambda: self.row("mac", "stats", "one", "1")["aged"] > aged, "an aged address")
+                self.change_learning("--clear")
+
+    def change_learning(self, *words):
+        if words[0] == "props":
+            self.vsctl("mac", *words)
+        else:
+            self.vsctl("switch", "mac-learning", "one", *words)
+
+    def test_addresses_end_with_the_link_the_plug_and_the_port(self):
+        for what, ends in (("the link", lambda: self.a.run("ip", "link", "set", "eth0", "down")),
+                           ("the plug", lambda: run(VSHOST, "unplug", "--state", self.directory, self.a.interface)),
+                           ("the port", lambda: self.vsctl("port", "remove", "one", "1"))):
+            with self.subTest(what):
+                self.says(self.from_a, "here", A)
+                self.assertEqual(text_of(self.from_b), "here")
+                self.assertIn(A, self.addresses("1"))
+                ends()
+                if what == "the link":
+                    wait_until(lambda: A not in self.addresses("1"), "a port that has forgotten")
+                    self.a.run("ip", "link", "set", "eth0", "up")
+                    wait_until(lambda: self.a.reaches(self.b), "an answer")
+                    self.from_a = self.a.wire()
+                    self.addCleanup(self.from_a.close)
+                elif what == "the plug":
+                    self.assertNotIn(A, self.addresses("1"))
+                    self.plug("1", self.a)
+                else:
+                    entries = json.loads(run("bpftool", "map", "dump", "pinned",
+                                             next(self.directory.glob("bpf/*/addresses")), "-j").stdout)
+                    self.assertNotIn(A.replace(":", ""), ["".join(byte[2:] for byte in entry["key"][6:])
+                                                          for entry in entries])
+
     def test_a_limit_of_flooded_frames_is_an_option_of_the_host(self):
         self.vsctl("option", "set", "1=3")
         for number in range(200):

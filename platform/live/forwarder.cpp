@@ -564,12 +564,13 @@ void Forwarder::PutBack(const std::string &interface, const Plug &plug)
 void Forwarder::ForgetLostLinks()
 {
     std::set<uint32_t> present;
+    const std::set<uint32_t> lost = links.TakeLost();
     for (const auto &[switchId, config] : published)
         for (const PortConfig &port : config.ports) {
             const auto link = links.All().find(port.ifindex);
-            if (link != links.All().end() && link->second.carrier && link->second.adminUp)
-                present.insert(port.number);
-            else if (withCarrier.contains(port.number))
+            const bool isUp = link != links.All().end() && link->second.IsUp();
+            if (isUp) present.insert(port.number);
+            if (withCarrier.contains(port.number) && (!isUp || lost.contains(port.ifindex)))
                 path.ForgetLearned(port.number);
         }
     withCarrier = std::move(present);

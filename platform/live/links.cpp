@@ -157,6 +157,7 @@ bool Links::Follow(Link link)
     AddDetails(link);
     Link &known = links[link.ifindex];
     if (known == link) return false;
+    if (known.IsUp() && !link.IsUp()) lost.insert(link.ifindex);
     if (known.name != link.name) ForgetName(known);
     ifindexes[link.name] = link.ifindex;
     known = std::move(link);

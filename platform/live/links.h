@@ -26,6 +26,7 @@ struct Link {
     uint32_t mtu = 0;
     int32_t numaNode = -1; // -1: none
 
+    bool IsUp() const { return adminUp && carrier; }
     bool operator==(const Link &) const = default;
 };
 
@@ -45,6 +46,9 @@ public:
     // Interfaces that have been deleted since the last call, as far as is known: by now there may be another
     // one of the same number and name.
     std::set<uint32_t> TakeDeleted() { return std::exchange(deleted, {}); }
+
+    // Interfaces whose link has been lost since the last call; they may have one again.
+    std::set<uint32_t> TakeLost() { return std::exchange(lost, {}); }
 
     // The kernel tells of a changed carrier up to a second late; this asks it now. False: it is as it was.
     bool PollCarrier(uint32_t ifindex);
@@ -91,6 +95,7 @@ private:
     std::map<uint32_t, Link> links;
     std::unordered_map<std::string, uint32_t> ifindexes; // by name
     std::set<uint32_t> deleted;
+    std::set<uint32_t> lost;
     bool hasChanged = false;
 };
 
