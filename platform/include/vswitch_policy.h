@@ -4,9 +4,9 @@
  * names (VLANs, MAC learning).
  *
  * Each record is packed, in the host's byte order, and its size is asserted at the end of this file. A text
- * ends in a NUL. Reserved bytes are zero. A record that begins with a version other than the one given here
- * is kept and not enforced; `vsctl doctor` names it. So is a record of another length, a count that its array
- * doesn't hold, and a value that the comments don't list.
+ * ends in a NUL. Reserved bytes are zero. A record is kept and not enforced if it begins with a version other
+ * than the one given here, or has another length, a count that its array doesn't hold, or a value that the
+ * comments don't list.
  */
 #ifndef VSWITCH_POLICY_H
 #define VSWITCH_POLICY_H
