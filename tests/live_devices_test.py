@@ -1,5 +1,6 @@
 """The devices of a live host: answered for any program, across the deaths of the daemon."""
 import errno
+import fcntl
 import os
 import pathlib
 import signal
@@ -113,6 +114,17 @@ class Supervisor(LiveHost):
         run(VSHOST, "stop", "--state", self.directory)
         self.assertEqual(mounts_under(self.directory), [])
         self.vsctl("switch", "destroy", "one")
+
+    def test_the_next_one_waits_for_the_daemon_of_a_killed_one(self):
+        self.start()
+        self.kill_supervisor()
+        with open(self.directory / "vshostd.pid") as held:  # as a daemon that is slow to die holds it
+            fcntl.flock(held, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            release = threading.Timer(0.5, fcntl.flock, (held, fcntl.LOCK_UN))
+            release.start()
+            self.start()
+            release.join()
+        self.assertNotIn("runs already", self.read_log())
 
     def test_the_next_one_follows_a_killed_supervisor(self):
         self.start()

@@ -41,6 +41,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char INITIAL_PROCESS_NAMESPACE[] = "pid:[4026531836]"; // a constant of the kernel's interface
 constexpr auto SHORT_LIFE = 1s;
+constexpr auto LONGEST_END = 5s;
 constexpr std::pair OLDEST_KERNEL(5u, 17u);
 
 // Tells the service manager that started this process, if it wants to know.
@@ -89,7 +90,7 @@ public:
             message = path + ": can't be made: " + strerror(errno);
             return false;
         }
-        if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+        if (!Lock()) {
             message =
                 directory + ": vshostd runs already; end it with `vshost stop --state " + directory + "`";
             return false;
@@ -101,6 +102,20 @@ public:
     void Remove() { unlink(path.c_str()); }
 
 private:
+    // The daemon of a supervisor that was killed has the lock for a moment.
+    bool Lock()
+    {
+        const auto end = Clock::now() + LONGEST_END;
+        for (;;) {
+            if (flock(file.Get(), LOCK_EX | LOCK_NB) == 0) return true;
+            pid_t holder = 0;
+            std::ifstream(path) >> holder;
+            const bool isDead = holder > 0 && kill(holder, 0) != 0 && errno == ESRCH;
+            if (!isDead || Clock::now() > end) return false;
+            std::this_thread::sleep_for(10ms);
+        }
+    }
+
     const std::string directory;
     const std::string path;
     Descriptor file;
