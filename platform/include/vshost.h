@@ -258,10 +258,13 @@ VSHOST_API int vshost_list_properties(const char *switchId, const char *portId,
  * liborkPublic.so exports these four functions and vshost_error. They work on a live host, one that vshostd
  * runs, and need root. They may be called from any thread. Each returns when the next frame obeys it. After
  * an error nothing is changed, and vshost_error() says in one line what is wrong and what to do. Besides the
- * values below each function may return ENOENT        this process is not on a host ECONNREFUSED  vshostd
- * doesn't run on the host EACCES        the caller is not root EINVAL        a pointer is null, or vshostd is
- * of another version EIO           the host's database is damaged or cannot be used, or vshostd died three
- * times ENOSPC        the disk is full
+ * values below each function may return one of these:
+ *   - ENOENT: this process is not on a host
+ *   - ECONNREFUSED: vshostd doesn't run on the host
+ *   - EACCES: the caller is not root
+ *   - EINVAL: a pointer is null, or vshostd is of another version
+ *   - EIO: the host's database is damaged or cannot be used, or vshostd died three times
+ *   - ENOSPC: the disk is full
  */
 
 /**
