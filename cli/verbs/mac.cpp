@@ -172,8 +172,8 @@ std::vector<Verb> MacVerbs()
             "mac props", Props,
             {Excluding(ChoiceOption("--enabled", "Whether ports learn: on or off", "on|off"), bytes),
              Excluding(NumberOption("--aging", "Seconds until an address is forgotten", UINT32_MAX), bytes),
-             Excluding(NumberOption("--limit", "Learned addresses of all ports together", UINT32_MAX), bytes), HEX,
-             FROM_FILE},
+             Excluding(NumberOption("--limit", "Learned addresses of all ports together", UINT32_MAX), bytes),
+             HEX, FROM_FILE},
             {"Show or set the MAC learning properties of the host", "\n--aging 300",
              "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps", "", Record::LEARNING_PROPS}),
     };
