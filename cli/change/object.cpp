@@ -141,7 +141,7 @@ Uplinks ReadUplinks(const std::string &alias)
     StoreBuffer<UplinkPortIdList> ids;
     const VsStatus status = VSDVS_GetSwitchUplinkPorts(alias.c_str(), names.Out(), ids.Out());
     if (status == STATUS_NOT_FOUND) {
-        // There are no lists, or they name a port that is gone.
+        // The switch has no lists, or they name a port that it doesn't have.
         return {StoredList<UplinkName>({PropertyLevel::GLOBAL, {alias, ""}, UPLINK_NAMES_KEY}),
                 StoredList<UplinkPortId>({PropertyLevel::HOST, {alias, ""}, UPLINK_IDS_KEY})};
     }

@@ -136,7 +136,7 @@ Json SaveUplinks(const Step &step, Saver &saver)
     if (removes) changed.push_back(step.value["remove"]);
     for (const std::string &id : changed)
         saved["ports"].push_back({{"id", id}, {"port", saver.Port({target.alias, id})}});
-    // An uplink that is no longer listed loses its NIC.
+    // An uplink that leaves the list loses its NIC.
     if (!adds && !removes) saved["places"] = saver.UplinkPlaces(target.alias);
     return saved;
 }
