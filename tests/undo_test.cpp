@@ -87,6 +87,51 @@ TEST_F(Undo, ListsPortsInTheOrderOfTheirNumbers)
     EXPECT_EQ(some[2].id[0], 0x5A) << "written beyond the capacity";
 }
 
+TEST_F(Undo, PortsWithEqualPropertiesHaveEqualHashes)
+{
+    const auto isEqual = [] {
+        const auto ports = Ports();
+        return ports[2].properties == ports[3].properties;
+    };
+    const uint32_t flags = 5;
+    const uint8_t on = 1;
+    EXPECT_TRUE(isEqual());
+    ASSERT_EQ(VSDVS_SetPortSecurity(LAB, "port0", &flags), STATUS_OK);
+    EXPECT_FALSE(isEqual());
+    ASSERT_EQ(VSDVS_SetPortNestedVLANTagging(LAB, "port0", on), STATUS_OK);
+    ASSERT_EQ(VSDVS_SetPortNestedVLANTagging(LAB, "port1", on), STATUS_OK);
+    ASSERT_EQ(VSDVS_SetPortSecurity(LAB, "port1", &flags), STATUS_OK);
+    EXPECT_TRUE(isEqual()) << "set in another order";
+    const uint32_t others = 4;
+    ASSERT_EQ(VSDVS_SetPortSecurity(LAB, "port1", &others), STATUS_OK);
+    EXPECT_FALSE(isEqual());
+}
+
+TEST_F(Undo, ListsTheNicsOfTheHost)
+{
+    ASSERT_EQ(vshost_scenario(R"({"nics": {"eth10": {"speed": 1000, "duplex": "half", "link": "down"},
+                                           "eth2": {"mtu": 2000, "numaNode": 1}}})"),
+              0)
+        << vshost_error();
+    struct vshost_nic nics[8];
+    size_t count = 0;
+    ASSERT_EQ(vshost_list_nics(nics, std::size(nics), &count), 0);
+    std::string listed;
+    for (size_t i = 0; i < count; i++) {
+        const auto &nic = nics[i];
+        listed += std::string(nic.name) + ' ' + nic.switchId + '/' + nic.portId;
+        for (const int64_t number : {int64_t{nic.speed}, int64_t{nic.fullDuplex}, int64_t{nic.link},
+                                     int64_t{nic.adminUp}, int64_t{nic.mtu}, int64_t{nic.numaNode}})
+            listed += ' ' + std::to_string(number);
+        listed += '\n';
+    }
+    EXPECT_EQ(listed, "eth0 lab-id/uplink0 10000 1 1 1 4000 0\neth2 / 10000 1 1 1 2000 1\n"
+                      "nic0 lab-id/uplink1 10000 1 1 1 4000 0\nnic1 other-id/uplink0 10000 1 1 1 1500 0\n"
+                      "eth10 / 1000 0 0 1 1500 0\n");
+    EXPECT_EQ(vshost_list_nics(nullptr, 1, &count), EINVAL);
+    EXPECT_EQ(vshost_list_nics(nics, 1, nullptr), EINVAL);
+}
+
 TEST_F(Undo, ASwitchThatWasDestroyedComesBackWhole)
 {
     const uint16_t vlan = 7;

@@ -445,16 +445,24 @@ VsStatus GetPortByNumber(Reader &reader, uint32_t number, PortName &port)
     return STATUS_OK;
 }
 
-VsStatus ForEachPort(Reader &reader, std::string_view switchId,
-                     const std::function<bool(std::string_view, uint32_t)> &visit)
+VsStatus ForEachPortRow(Reader &reader, std::string_view switchId,
+                        const std::function<bool(std::string_view, const StoredPort &)> &visit)
 {
     bool damaged = false;
     const auto decode = [&](std::string_view key, std::string_view row) {
         damaged = row.size() < WORD;
-        return !damaged && visit(LastField(key), WordAt(row, 0));
+        return !damaged && visit(LastField(key), {WordAt(row, 0), row.substr(WORD)});
     };
     const VsStatus status = reader.Scan(PortKey(switchId, ""), decode);
     return damaged ? STATUS_IO_ERROR : status;
+}
+
+VsStatus ForEachPort(Reader &reader, std::string_view switchId,
+                     const std::function<bool(std::string_view, uint32_t)> &visit)
+{
+    return ForEachPortRow(reader, switchId, [&](std::string_view portId, const StoredPort &port) {
+        return visit(portId, port.number);
+    });
 }
 
 VsStatus CountPorts(Reader &reader, std::string_view switchId, uint32_t &ports)

@@ -21,6 +21,7 @@ inline constexpr uint32_t MAX_PORTS = 1048576; // of a host, all switches togeth
 inline constexpr std::string_view KEY_ALIAS = "com.talpex.common.alias";
 inline constexpr std::string_view KEY_PORTSET = "com.talpex.common.host.portset";
 inline constexpr std::string_view KEY_HOST_UPLINKS = "com.talpex.common.host.uplinkPorts";
+inline constexpr std::string_view KEY_PORT_ALIAS = "com.talpex.common.port.alias";
 inline constexpr std::string_view KEY_PORT_STATUS = "com.talpex.common.port.volatile.status";
 inline constexpr std::string_view KEY_PORT_STATISTICS = "com.talpex.common.port.statistics";
 
@@ -80,6 +81,13 @@ VsStatus GetPortNumber(Reader &reader, std::string_view switchId, std::string_vi
 VsStatus GetPortByNumber(Reader &reader, uint32_t number, PortName &port);
 VsStatus ForEachPort(Reader &reader, std::string_view switchId,
                      const std::function<bool(std::string_view portId, uint32_t number)> &visit);
+// A port's number and the bundle of its properties, which is not checked.
+struct StoredPort {
+    uint32_t number;
+    std::string_view properties;
+};
+VsStatus ForEachPortRow(Reader &reader, std::string_view switchId,
+                        const std::function<bool(std::string_view portId, const StoredPort &port)> &visit);
 VsStatus CountPorts(Reader &reader, std::string_view switchId, uint32_t &ports);
 // The ports that have a policy on, in the order of their ids.
 VsStatus ListPortsWith(Reader &reader, const PortPolicy &policy, std::string_view switchId,

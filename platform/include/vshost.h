@@ -183,9 +183,9 @@ VSHOST_API int vshost_property(enum vshost_level level, const char *switchId, co
  */
 VSHOST_API uint64_t vshost_fingerprint(void);
 
-/* ---- Undoing a change ------------------------------------------------------------------------------
+/* ---- Looking at a host, and undoing a change -------------------------------------------------------
  *
- * liborkPublic.so exports these four functions and vshost_bulk(). Every program that uses this platform has
+ * liborkPublic.so exports these five functions and vshost_bulk(). Every program that uses this platform has
  * loaded it, with or without the preload. A program that also runs on other platforms looks them up with
  * dlsym(RTLD_DEFAULT, …). They may be called from any thread. No fault applies to them, and they are not
  * recorded. A process that is not on a host finds no switch: ENOENT. Each function may also return EINVAL (a
@@ -209,6 +209,9 @@ struct vshost_port {
                               with the NIC's MTU and state. 0: the NIC stays when the port is removed. */
     uint32_t nicMtu;     /**< MTU of the NIC in bytes */
     uint32_t nicAdminUp; /**< 1: the NIC is administratively up */
+    char interface[16];  /**< network interface that is plugged to the port; empty when none is */
+    uint64_t properties; /**< hash of its properties without its alias, status and statistics: ports with
+                            equal properties have equal hashes */
 };
 
 /**
@@ -252,6 +255,26 @@ struct vshost_property_name {
  */
 VSHOST_API int vshost_list_properties(const char *switchId, const char *portId,
                                       struct vshost_property_name *names, size_t capacity, size_t *count);
+
+/** A physical NIC of the host. */
+struct vshost_nic {
+    char name[32];
+    char switchId[64]; /**< the switch and the uplink port that the NIC is bound to; empty when it is free */
+    char portId[48];
+    uint32_t speed; /**< Mb/s; 0: unknown */
+    uint32_t fullDuplex;
+    uint32_t link;    /**< 1: it has a carrier */
+    uint32_t adminUp; /**< 1: it is administratively up */
+    uint32_t mtu;     /**< bytes */
+    int32_t numaNode;
+};
+
+/**
+ * Lists the physical NICs of the host, shorter names first: nic2 before nic10.
+ *
+ * @return as vshost_list_ports; ENOENT when this process is not on a host
+ */
+VSHOST_API int vshost_list_nics(struct vshost_nic *nics, size_t capacity, size_t *count);
 
 /* ---- Plugging ---------------------------------------------------------------------------------------
  *

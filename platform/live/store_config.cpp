@@ -19,7 +19,6 @@ constexpr std::string_view KEY_LEARN_STATIC = "com.talpex.vswitch.macLearning.le
 constexpr std::string_view KEY_PRIVATE_VLANS = "com.talpex.vswitch.pvlanMap";
 constexpr std::string_view KEY_NESTED_TAG = "com.talpex.vswitch.port.vlanNestedTag";
 constexpr std::string_view KEY_SECURITY = "com.talpex.vswitch.port.security";
-constexpr std::string_view KEY_PORT_ALIAS = "com.talpex.common.port.alias";
 constexpr std::string_view KEY_TEAMING = "com.talpex.vswitch.teaming";
 constexpr std::string_view KEY_NAMED_TEAMINGS = "com.talpex.vswitch.logicalswitch.teaming";
 constexpr std::string_view KEY_PORT_TEAMING = "com.talpex.vswitch.port.teaming.policy";

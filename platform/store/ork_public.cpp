@@ -208,6 +208,11 @@ int vshost_list_properties(const char *switchId, const char *portId, struct vsho
     return Guarded<ListPropertyNames>(switchId, portId, names, capacity, count);
 }
 
+int vshost_list_nics(struct vshost_nic *nics, size_t capacity, size_t *count)
+{
+    return Guarded<ListHostNics>(nics, capacity, count);
+}
+
 const char *vshost_error(void) { return LastError(); }
 
 int vshost_plug(const char *switchName, const char *portId, const char *interface, int keep)

@@ -6,8 +6,10 @@
 #include <set>
 #include <vector>
 
+#include "platform/host/files.h"
 #include "platform/host/guard.h"
 #include "platform/host/host.h"
+#include "platform/host/plugs.h"
 #include "platform/host/runtime.h"
 #include "platform/host/tables.h"
 
@@ -16,6 +18,7 @@ namespace {
 
 using Port = struct vshost_port;
 using Name = struct vshost_property_name;
+using HostNic = struct vshost_nic;
 
 // Runs `body` on the engine of this process's host; 0 or an errno value.
 template<typename Body> int OnEngine(Body body)
@@ -41,20 +44,70 @@ void Describe(const NamedNic &nic, Port &port)
     port.nicAdminUp = nic.nic.adminUp;
 }
 
-// The ports with their ids and numbers only.
+HostNic Describe(const NamedNic &named)
+{
+    HostNic nic{};
+    SetField(nic.name, named.name);
+    SetField(nic.switchId, FieldText(named.nic.switchId));
+    SetField(nic.portId, FieldText(named.nic.portId));
+    nic.speed = named.nic.speed;
+    nic.fullDuplex = named.nic.fullDuplex;
+    nic.link = named.nic.link;
+    nic.adminUp = named.nic.adminUp;
+    nic.mtu = named.nic.mtu;
+    nic.numaNode = named.nic.numaNode;
+    return nic;
+}
+
+// The same whatever order the properties were set in.
+uint64_t HashProperties(std::string_view bundle)
+{
+    uint64_t sum = 0;
+    if (!CheckBundle(bundle)) return sum; // reading one of them fails
+    for (const BundleEntry &entry : ListEntries(bundle)) {
+        if (entry.key == KEY_PORT_STATUS || entry.key == KEY_PORT_STATISTICS || entry.key == KEY_PORT_ALIAS)
+            continue;
+        const uint64_t key = std::hash<std::string_view>()(entry.key);
+        const uint64_t value = std::hash<std::string_view>()(entry.value);
+        sum += (key ^ (value + entry.flags + (key << 6) + (key >> 2))) * 0x9E3779B97F4A7C15ull;
+    }
+    return sum;
+}
+
+// The ports with their ids, numbers and properties only.
 int ReadPorts(Engine &engine, const char *switchId, std::vector<Port> &ports)
 {
     bool fits = true;
     StoredSwitch found;
     if (VsStatus status = GetSwitch(engine, switchId, found)) return ErrnoOf(status);
-    const VsStatus status = ForEachPort(engine, switchId, [&](std::string_view portId, uint32_t number) {
-        Port &port = ports.emplace_back();
-        fits = portId.size() < sizeof(port.id);
-        if (fits) SetField(port.id, portId);
-        port.number = number;
-        return fits;
-    });
+    const VsStatus status =
+        ForEachPortRow(engine, switchId, [&](std::string_view portId, const StoredPort &stored) {
+            Port &port = ports.emplace_back();
+            fits = portId.size() < sizeof(port.id);
+            if (fits) SetField(port.id, portId);
+            port.number = stored.number;
+            port.properties = HashProperties(stored.properties);
+            return fits;
+        });
     return fits ? ErrnoOf(status) : EOVERFLOW;
+}
+
+// Names the interfaces that are plugged to the ports of a switch.
+int MarkPlugged(Engine &engine, std::string_view switchId, std::vector<Port> &ports)
+{
+    std::vector<NamedPlug> plugs;
+    if (VsStatus status = ListPlugs(engine, plugs)) return ErrnoOf(status);
+    std::map<std::string_view, std::string_view> plugged;
+    for (const NamedPlug &entry : plugs) {
+        const bool holds = entry.plug.IsKept() || FieldText(entry.plug.boot) == BootId();
+        if (holds && !entry.plug.IsNic() && FieldText(entry.plug.switchId) == switchId)
+            plugged.emplace(FieldText(entry.plug.portId), entry.interface);
+    }
+    for (Port &port : ports) {
+        if (const auto found = plugged.find(port.id); found != plugged.end())
+            SetField(port.interface, found->second);
+    }
+    return 0;
 }
 
 // Marks the uplink ports of a switch, and fills in the NICs bound to them.
@@ -137,6 +190,7 @@ int ListPorts(const char *switchId, Port *ports, size_t capacity, size_t *count)
         std::vector<Port> found;
         if (int error = ReadPorts(engine, switchId, found)) return error;
         if (int error = MarkUplinks(engine, switchId, found)) return error;
+        if (int error = MarkPlugged(engine, switchId, found)) return error;
         std::sort(found.begin(), found.end(),
                   [](const Port &left, const Port &right) { return left.number < right.number; });
         return CopyOut(found, ports, capacity, count);
@@ -163,6 +217,19 @@ int ListPropertyNames(const char *switchId, const char *portId, Name *names, siz
         std::vector<Name> found;
         if (int error = ReadNames(engine, switchId, portId, found)) return error;
         return CopyOut(found, names, capacity, count);
+    });
+}
+
+int ListHostNics(HostNic *nics, size_t capacity, size_t *count)
+{
+    if (!count || (!nics && capacity > 0)) return EINVAL;
+    return OnEngine([&](Engine &engine) {
+        std::vector<NamedNic> stored;
+        if (VsStatus status = ListNics(engine, stored)) return ErrnoOf(status);
+        std::vector<HostNic> found;
+        for (const NamedNic &nic : stored)
+            found.push_back(Describe(nic));
+        return CopyOut(found, nics, capacity, count);
     });
 }
 
