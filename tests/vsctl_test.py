@@ -114,6 +114,7 @@ class Verbs(OnHost):
         self.assertEqual({row["switch"]: (row["portset"], row["state"]) for row in self.rows("switch", "list")},
                          {"lab": ("lab", "not running"), "two": ("vs2", "running")})
         self.assertEqual(self.rows("switch", "show", "lab")[0]["live"], "not running")
+        self.assertEqual([row["state"] for row in self.rows("show")[0]["switches"]], ["running", "not running"])
         for key in ("mtu", "max-ports"):  # they exist only while it runs
             del wanted[key]
         self.assertEqual(self.exported()["lab"], wanted)

@@ -286,22 +286,27 @@ struct NumberedName {
     uint32_t number;
 };
 
-NumberedName SplitNumber(std::string_view name)
+// Nothing for a name that cannot begin or end a range.
+std::optional<NumberedName> SplitNumber(std::string_view name)
 {
     const size_t digits = name.find_last_not_of("0123456789") + 1;
     NumberedName parts{std::string(name.substr(0, digits)), 0};
     const auto [end, error] = std::from_chars(name.data() + digits, name.data() + name.size(), parts.number);
-    if (error != std::errc() || (name[digits] == '0' && name.size() > digits + 1)) {
-        throw Error(Exit::BAD_VALUE, fmt::format("'{}' cannot begin or end a range of ports", name),
-                    "write a range like port0..port7");
-    }
+    if (error != std::errc() || (name[digits] == '0' && name.size() > digits + 1)) return {};
     return parts;
+}
+
+NumberedName RequireNumber(std::string_view name)
+{
+    if (auto parts = SplitNumber(name)) return *parts;
+    throw Error(Exit::BAD_VALUE, fmt::format("'{}' cannot begin or end a range of ports", name),
+                "write a range like port0..port7");
 }
 
 void AddRange(std::string_view first, std::string_view last, std::vector<std::string> &names)
 {
-    const NumberedName from = SplitNumber(first);
-    const NumberedName to = SplitNumber(last);
+    const NumberedName from = RequireNumber(first);
+    const NumberedName to = RequireNumber(last);
     if (from.stem != to.stem || from.number > to.number || to.number - from.number >= MAX_RANGE) {
         throw Error(Exit::BAD_VALUE, fmt::format("'{}..{}' is not a range of ports", first, last),
                     "write a range like port0..port7");
@@ -348,6 +353,30 @@ std::vector<std::string> PortNames(const std::string &list)
             AddRange(word.substr(0, dots), word.substr(dots + 2), names);
     }
     return names;
+}
+
+namespace {
+
+bool Follows(const std::string &name, const std::string &last)
+{
+    const auto number = SplitNumber(name), before = SplitNumber(last);
+    return number && before && number->stem == before->stem && number->number == before->number + 1;
+}
+
+}
+
+std::vector<std::string> PortRanges(const std::vector<std::string> &names)
+{
+    std::vector<std::string> ranges;
+    for (size_t first = 0; first < names.size();) {
+        size_t last = first;
+        while (last + 1 < names.size() && last - first + 1 < MAX_RANGE &&
+               Follows(names[last + 1], names[last]))
+            last++;
+        ranges.push_back(last == first ? names[first] : names[first] + ".." + names[last]);
+        first = last + 1;
+    }
+    return ranges;
 }
 
 namespace {

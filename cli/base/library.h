@@ -101,6 +101,8 @@ std::string PortAdvice(const Target &port);
 std::string PropertyAdvice(const Target &target, bool byId);
 // "port0..port7,uplink0" → their names.
 std::vector<std::string> PortNames(const std::string &list);
+// The same back: neighbours whose numbers follow each other become ranges.
+std::vector<std::string> PortRanges(const std::vector<std::string> &names);
 
 enum class PropertyLevel { GLOBAL, HOST, PORT };
 const char *LevelName(PropertyLevel level);

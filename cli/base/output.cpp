@@ -5,13 +5,15 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fmt/color.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace vsctl {
 
 namespace {
 
-constexpr size_t TERMINAL_WIDTH = 80;
+constexpr size_t USUAL_WIDTH = 80;
+constexpr size_t LEAST_WIDTH = 40;
 constexpr size_t MAX_TABLE_COLUMNS = 9;
 constexpr size_t MAX_CELL = 48;
 constexpr size_t SHOWN_OF_LONG_CELL = 32;
@@ -49,12 +51,6 @@ std::string Printable(const std::string &bytes)
     return printable;
 }
 
-size_t Width(std::string_view text)
-{
-    return static_cast<size_t>(
-        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
-}
-
 std::string Header(const std::string &key)
 {
     std::string header = key;
@@ -76,22 +72,17 @@ std::vector<std::string> Columns(const Json &rows)
 
 std::string Pad(const std::string &text, size_t width)
 {
-    return text + std::string(width - Width(text), ' ');
-}
-
-std::string Title(const std::string &text)
-{
-    return HasColor(STDOUT_FILENO) ? fmt::format(fmt::emphasis::bold, "{}", text) : text;
+    return text + std::string(width - TextWidth(text), ' ');
 }
 
 std::string Upright(const Json &row)
 {
     size_t width = 0;
     for (const auto &[key, value] : row.items())
-        width = std::max(width, Width(key));
+        width = std::max(width, TextWidth(key));
     std::string text;
     for (const auto &[key, value] : row.items())
-        text += fmt::format("{}  {}\n", Title(Pad(key, width)), CellText(value));
+        text += fmt::format("{}  {}\n", TitleText(Pad(key, width)), CellText(value));
     return text;
 }
 
@@ -118,6 +109,54 @@ bool HasColor(int descriptor)
     const char *noColor = getenv("NO_COLOR");
     const char *terminal = getenv("TERM");
     return isatty(descriptor) && !(noColor && *noColor) && terminal && strcmp(terminal, "dumb") != 0;
+}
+
+size_t TerminalWidth()
+{
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return USUAL_WIDTH;
+    return std::max<size_t>(size.ws_col, LEAST_WIDTH);
+}
+
+size_t TextWidth(std::string_view text)
+{
+    return static_cast<size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+std::string TitleText(const std::string &text)
+{
+    return HasColor(STDOUT_FILENO) ? fmt::format(fmt::emphasis::bold, "{}", text) : text;
+}
+
+namespace {
+
+// Where a line of so many columns ends: before a space or behind a comma if there is one, never within a
+// character.
+size_t LineEnd(std::string_view text, size_t columns)
+{
+    size_t end = 0;
+    for (size_t used = 0; end < text.size() && (used < columns || (text[end] & 0xC0) == 0x80); end++)
+        used += (text[end] & 0xC0) != 0x80;
+    if (end == text.size()) return end;
+    const size_t space = text.substr(0, end + 1).find_last_of(' ') + 1;
+    const size_t comma = text.substr(0, end).find_last_of(',') + 1;
+    const size_t best = std::max(space, comma);
+    return best == 0 ? end : best == space ? space - 1 : comma;
+}
+
+}
+
+std::vector<std::string> Wrapped(const std::string &text, size_t margin)
+{
+    const size_t columns = std::max(TerminalWidth(), margin + LEAST_WIDTH / 2) - margin;
+    std::vector<std::string> lines;
+    for (std::string_view rest = text; !rest.empty();) {
+        const size_t end = LineEnd(rest, columns);
+        lines.emplace_back(rest.substr(0, end));
+        rest.remove_prefix(std::min(end + (end < rest.size() && rest[end] == ' '), rest.size()));
+    }
+    return lines;
 }
 
 void Print(const std::string &text)
@@ -164,9 +203,9 @@ std::string TableText(const Json &rows)
     std::vector<size_t> widths(columns.size());
     for (const auto &line : lines) {
         for (size_t i = 0; i < widths.size(); i++)
-            widths[i] = std::max(widths[i], Width(line[i]));
+            widths[i] = std::max(widths[i], TextWidth(line[i]));
     }
-    std::string text = Title(JoinLine(lines[0], widths)) + "\n";
+    std::string text = TitleText(JoinLine(lines[0], widths)) + "\n";
     for (size_t i = 1; i < lines.size(); i++)
         text += JoinLine(lines[i], widths) + "\n";
     return text;
@@ -175,10 +214,11 @@ std::string TableText(const Json &rows)
 std::vector<std::string> InLines(const std::vector<std::string> &words, std::string_view separator,
                                  size_t margin)
 {
+    const size_t width = TerminalWidth();
     std::vector<std::string> lines;
     for (const std::string &word : words) {
-        const bool fits = !lines.empty() &&
-                          margin + lines.back().size() + 2 * separator.size() + word.size() < TERMINAL_WIDTH;
+        const bool fits =
+            !lines.empty() && margin + lines.back().size() + 2 * separator.size() + word.size() < width;
         if (fits)
             (lines.back() += separator) += word;
         else

@@ -11,6 +11,14 @@ void Print(const std::string &text);
 // Whether colours may be used on the descriptor.
 bool HasColor(int descriptor);
 
+// The columns of the terminal on standard output; 80 where it is not a terminal.
+size_t TerminalWidth();
+// The columns that a text takes.
+size_t TextWidth(std::string_view text);
+std::string TitleText(const std::string &text); // bold where colours may be used
+// The lines of a text that fit the terminal beside a margin of so many columns.
+std::vector<std::string> Wrapped(const std::string &text, size_t margin);
+
 // A value in one cell: objects as "key=value …", long bytes shortened.
 std::string CellText(const Json &value);
 // An aligned table with a column for each key of the rows; rows with many keys stand upright.

@@ -16,22 +16,26 @@ namespace vsctl {
 
 namespace {
 
+constexpr size_t USUAL_LENGTH = 64; // of a list
+
 // Copies a list out of the platform, again while its length changes.
 template<class Entry, class List>
 std::optional<std::vector<Entry>> Listed(const std::string &switchId, const char *what, List list)
 {
-    std::vector<Entry> entries;
+    std::vector<Entry> entries(USUAL_LENGTH);
     size_t count = 0;
-    int error = list(entries.data(), size_t{0}, &count);
+    int error = list(entries.data(), entries.size(), &count);
+    if (error == 0 && count < entries.size()) entries.resize(count);
     while (error == 0 && count != entries.size()) {
         entries.resize(count);
         error = list(entries.data(), entries.size(), &count);
     }
     if (error == ENOENT) return {};
     if (error == 0) return entries;
+    const std::string object =
+        switchId.empty() ? "this host" : fmt::format("the switch with the id '{}'", switchId);
     throw Error(Exit::UNREACHABLE,
-                fmt::format("listing the {} of the switch with the id '{}' failed: {}", what, switchId,
-                            strerror(error)),
+                fmt::format("listing the {} of {} failed: {}", what, object, strerror(error)),
                 AdviceFor(Exit::UNREACHABLE));
 }
 
@@ -60,6 +64,13 @@ std::optional<std::vector<vshost_property_name>> ListProperties(const std::strin
                                         [&](vshost_property_name *names, size_t capacity, size_t *count) {
                                             return list(switchId.c_str(), portId, names, capacity, count);
                                         });
+}
+
+std::vector<vshost_nic> ListNics()
+{
+    static auto *const list = PlatformFunction<decltype(vshost_list_nics)>("vshost_list_nics");
+    if (!list) return {};
+    return Listed<vshost_nic>("", "NICs", list).value_or(std::vector<vshost_nic>());
 }
 
 int RestorePlace(const std::string &switchId, const vshost_port &port)

@@ -17,6 +17,9 @@ bool IsEmbedded();
 // not exist. Only on an embedded host.
 std::optional<std::vector<vshost_port>> ListPorts(const std::string &switchId);
 
+// The physical NICs of the host; none on another platform.
+std::vector<vshost_nic> ListNics();
+
 // The properties of the stored switch with this id, or of one of its ports; nothing when the switch or port
 // does not exist. Only on an embedded host.
 std::optional<std::vector<vshost_property_name>> ListProperties(const std::string &switchId,

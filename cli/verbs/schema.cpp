@@ -115,6 +115,28 @@ Json ResultSchema(const Verb &verb, const Json &kinds)
             {"then", {{"properties", {{"result", {{"items", rows}}}}}}}};
 }
 
+// What `show` prints: the host as one document.
+Json HostSchema()
+{
+    const auto list = [](const char *fields) {
+        return Json{{"type", "array"}, {"items", RowSchema(fields)}};
+    };
+    constexpr const char *NIC =
+        "[nic], [link:boolean], [admin:boolean], [speed:number], [full-duplex:boolean], "
+        "[mtu:number], [numa-node:integer]";
+    Json one =
+        RowSchema("switch, id, portset, state=running|not running, mtu:any, max-ports:any, used-ports:any, "
+                  "policies:object, uplinks:array, [ports:array], mirrors:array");
+    Json &fields = one["properties"];
+    fields["uplinks"] = list((std::string("uplink, port, ") + NIC).c_str());
+    fields["ports"] = list("ports:texts, count:number, policies:object, plugged:object");
+    Json host = RowSchema("switches:array, [free-nics:array]");
+    host["description"] = "The host, or one of its switches. Ports with equal policies are one entry.";
+    host["properties"]["switches"]["items"] = one;
+    host["properties"]["free-nics"] = list(NIC);
+    return host;
+}
+
 Json Definitions()
 {
     Json definitions = PlanSchema()["$defs"];
@@ -126,6 +148,7 @@ Json Definitions()
     outcome["description"] = "How a change of several steps ended, and what an undo could not bring back.";
     Json &opaque = definitions["opaque"] = RowSchema("[switch], [port], [group], [session], bytes:hex");
     opaque["description"] = "A record whose layout the platform does not publish.";
+    definitions["host"] = HostSchema();
     Json &verb = definitions["verb"] =
         RowSchema("verb, purpose, changes:boolean, arguments:array, examples:texts");
     verb["description"] = "A verb and its arguments.";

@@ -108,6 +108,7 @@ Json VerbRow(const Verb &verb);
 const Verb &FindVerb(const std::vector<std::string> &words, size_t &used);
 
 // The verbs of each source file.
+std::vector<Verb> ShowVerbs();
 std::vector<Verb> SwitchVerbs();
 std::vector<Verb> PortVerbs();
 std::vector<Verb> PolicyVerbs();

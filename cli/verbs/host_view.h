@@ -1,0 +1,18 @@
+// What is on the host, as one document that `show`, `topology` and `top` draw.
+#pragma once
+
+#include "cli/base/library.h"
+
+namespace vsctl {
+
+// The host: {"switches": […], "free-nics": […]}.
+Json DescribeHost();
+// The same of one switch, without the free NICs. Throws when it does not exist.
+Json DescribeOnly(const std::string &alias);
+// The NICs of the host; empty where the platform does not list them.
+Json DescribeNics();
+
+// "10 Gb/s full duplex, MTU 9000".
+std::string NicText(const Json &nic);
+
+}

@@ -1,0 +1,206 @@
+// vsctl show: the host, or one switch, as a tree.
+#include <algorithm>
+#include <clocale>
+#include <fmt/color.h>
+#include <langinfo.h>
+#include <unistd.h>
+
+#include "cli/base/output.h"
+#include "cli/base/policy.h"
+#include "cli/verbs/host_view.h"
+#include "cli/verbs/verb.h"
+
+namespace vsctl {
+
+namespace {
+
+// A line of the tree: the name, a word that says whether it works, details.
+struct Node {
+    std::string name;
+    std::string state = "";
+    std::string details = "";
+    std::vector<Node> children = {};
+};
+
+// What stands before a child, and before what belongs to it.
+struct Lines {
+    const char *branch, *last, *pass, *none;
+};
+constexpr Lines UNICODE_LINES{"├─ ", "└─ ", "│  ", "   "};
+constexpr Lines ASCII_LINES{"|- ", "`- ", "|  ", "   "};
+
+const Lines &TreeLines()
+{
+    static const bool isUtf8 = setlocale(LC_CTYPE, "") && strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+    return isUtf8 ? UNICODE_LINES : ASCII_LINES;
+}
+
+std::string Painted(const std::string &state)
+{
+    if (!HasColor(STDOUT_FILENO)) return state;
+    const bool works = state.starts_with("up") || state.starts_with("running");
+    return fmt::format(fmt::fg(works ? fmt::terminal_color::green : fmt::terminal_color::red), "{}", state);
+}
+
+// The columns of one level.
+struct Widths {
+    size_t name = 0;
+    size_t state = 0;
+};
+
+constexpr size_t WIDEST_NAME = 32; // a longer name has a line of its own
+
+Widths WidthsOf(const std::vector<Node> &nodes)
+{
+    Widths widths;
+    for (const Node &node : nodes) {
+        if (TextWidth(node.name) <= WIDEST_NAME) widths.name = std::max(widths.name, TextWidth(node.name));
+        widths.state = std::max(widths.state, node.state.size());
+    }
+    return widths;
+}
+
+std::string Padding(size_t used, size_t width) { return std::string(width > used ? width - used : 0, ' '); }
+
+// `first` stands before the node, `next` before its children and further lines.
+std::string NodeText(const Node &node, const Widths &widths, const std::string &first,
+                     const std::string &next)
+{
+    const std::string below = next + (node.children.empty() ? TreeLines().none : TreeLines().pass);
+    const size_t nameWidth = TextWidth(node.name);
+    const size_t column = TextWidth(first) + widths.name + (widths.state ? 2 + widths.state : 0) + 2;
+    std::string text = first + (first.empty() ? TitleText(node.name) : node.name);
+    if (nameWidth > widths.name)
+        text += "\n" + below + Padding(TextWidth(below), TextWidth(first) + widths.name);
+    else if (!node.state.empty() || !node.details.empty())
+        text += Padding(nameWidth, widths.name);
+    if (!node.state.empty())
+        text += "  " + Painted(node.state) + Padding(node.state.size(), widths.state);
+    else if (widths.state && !node.details.empty())
+        text += Padding(0, widths.state + 2);
+    std::string separator = "  ";
+    for (const std::string &line : Wrapped(node.details, column)) {
+        text += separator + line;
+        separator = "\n" + below + Padding(TextWidth(below), column);
+    }
+    text += "\n";
+    const Widths inner = WidthsOf(node.children);
+    for (size_t i = 0; i < node.children.size(); i++) {
+        const bool isLast = i + 1 == node.children.size();
+        text += NodeText(node.children[i], inner, next + (isLast ? TreeLines().last : TreeLines().branch),
+                         next + (isLast ? TreeLines().none : TreeLines().pass));
+    }
+    return text;
+}
+
+std::string State(const Json &nic) { return !nic.contains("link") ? "" : nic["link"] ? "up" : "down"; }
+
+Node UplinkNode(const Json &uplink)
+{
+    return {CellText(uplink["uplink"]), State(uplink),
+            uplink.contains("nic") ? fmt::format("{}, {}", CellText(uplink["nic"]), NicText(uplink))
+                                   : "no NIC"};
+}
+
+// "vlan id=100 priority=3; security 5": what differs from the defaults.
+std::string PolicyText(const Json &policies, bool ofPort)
+{
+    std::vector<std::string> parts;
+    for (const auto &[name, value] : policies.items()) {
+        Json shown = value;
+        const Policy *policy = FindPolicy(name, ofPort);
+        for (const Field &field : policy &&value.is_object() ? policy->fields : std::span<const Field>()) {
+            if (field.defaultText && shown.value(field.name, Json()) == Json::parse(field.defaultText))
+                shown.erase(field.name);
+        }
+        if (value.is_object() && shown.empty()) continue;
+        parts.push_back(name + " " + CellText(shown));
+    }
+    return fmt::format("{}", fmt::join(parts, "; "));
+}
+
+Node PortsNode(const Json &group)
+{
+    const size_t count = group["count"];
+    std::string details = PolicyText(group["policies"], true);
+    if (details.empty()) details = "default policies";
+    if (count > 1) details = fmt::format("{} ports: {}", count, details);
+    std::vector<std::string> plugged;
+    for (const auto &[port, interface] : group["plugged"].items())
+        plugged.push_back(CellText(interface) + (count > 1 ? " in " + CellText(port) : ""));
+    if (!plugged.empty()) details += fmt::format("; plugged: {}", fmt::join(plugged, ", "));
+    return {CellText(group["ports"]), "", details};
+}
+
+Node MirrorNode(const Json &session)
+{
+    Json fields = session;
+    const std::string name = CellText(session.value("session", session.value("id", Json())));
+    const std::string place = session["port"].is_null() ? "uplinks" : CellText(session["port"]);
+    for (const char *key : {"session", "id", "port"})
+        fields.erase(key);
+    for (const auto &[key, value] : session.items()) {
+        if (value.empty()) fields.erase(key);
+    }
+    return {name, "", fmt::format("of {}: {}", place, CellText(fields))};
+}
+
+std::vector<Node> Nodes(const Json &rows, Node (*make)(const Json &))
+{
+    std::vector<Node> nodes;
+    for (const Json &row : rows)
+        nodes.push_back(make(row));
+    return nodes;
+}
+
+std::string SizeText(const Json &row)
+{
+    std::string text = row["mtu"].is_null() ? "" : "MTU " + CellText(row["mtu"]);
+    if (!row["used-ports"].is_null())
+        text += (text.empty() ? "" : ", ") + CellText(row["used-ports"]) + " ports";
+    if (!row["used-ports"].is_null() && !row["max-ports"].is_null())
+        text += " of " + CellText(row["max-ports"]);
+    const std::string policies = PolicyText(row["policies"], false);
+    return text + (text.empty() || policies.empty() ? "" : "; ") + policies;
+}
+
+Node SwitchNode(const Json &row)
+{
+    Node node{CellText(row["switch"]), row["state"], SizeText(row)};
+    if (!row["uplinks"].empty())
+        node.children.push_back({"uplinks", "", "", Nodes(row["uplinks"], UplinkNode)});
+    if (!row.contains("ports"))
+        node.children.push_back({"ports", "", "this platform does not list them"});
+    else if (!row["ports"].empty())
+        node.children.push_back({"ports", "", "", Nodes(row["ports"], PortsNode)});
+    if (!row["mirrors"].empty())
+        node.children.push_back({"mirror sessions", "", "", Nodes(row["mirrors"], MirrorNode)});
+    return node;
+}
+
+Node NicNode(const Json &nic) { return {CellText(nic["nic"]), State(nic), NicText(nic)}; }
+
+Result Show(const Verb &, const Arguments &arguments)
+{
+    const Json host = arguments.Has("SWITCH") ? DescribeOnly(arguments.Text("SWITCH")) : DescribeHost();
+    std::vector<Node> nodes = Nodes(host["switches"], SwitchNode);
+    if (host.contains("free-nics") && !host["free-nics"].empty())
+        nodes.push_back({"free NICs", "", "", Nodes(host["free-nics"], NicNode)});
+    Result result = Rows(host);
+    for (const Node &node : nodes)
+        result.text += (result.text.empty() ? "" : "\n") + NodeText(node, {TextWidth(node.name), 0}, "", "");
+    if (nodes.empty()) result.text = "no switches and no NICs\n";
+    return result;
+}
+
+}
+
+std::vector<Verb> ShowVerbs()
+{
+    return {Reads("show", Show,
+                  {{"SWITCH", Shape::OPTIONAL, "Alias of a switch (default: the whole host)", Names::SWITCH}},
+                  {"Show the host, or one switch, as a tree", "\nlab\n--json",
+                   "VSZOR_GetSwitches VSDVS_GetSwitchUplinkPorts VSZOR_GetVSInfo VSDVS_GetMTU", "@host"})};
+}
+
+}
