@@ -182,9 +182,8 @@ void Forwarder::LogFailovers(bool isFirst)
 void Forwarder::PollCarriers()
 {
     bool hasChanged = false;
-    for (const auto &[name, plug] : plugs)
-        if (const Link *link = plug.IsNic() ? links.Find(name) : nullptr)
-            hasChanged |= links.PollCarrier(link->ifindex);
+    for (const std::string &name : nicNames)
+        if (const Link *link = links.Find(name)) hasChanged |= links.PollCarrier(link->ifindex);
     if (!hasChanged) return;
     Apply();
     LogLinks();
@@ -205,6 +204,9 @@ void Forwarder::ReadPlugs()
     for (const auto &[interface, plug] : plugs)
         if (!present.contains(interface)) released[interface] = plug;
     plugs = std::move(present);
+    nicNames.clear();
+    for (const auto &[interface, plug] : plugs)
+        if (plug.IsNic()) nicNames.push_back(interface);
     std::erase_if(nics, [&](const auto &nic) { return !plugs.contains(nic.first); });
 }
 

@@ -120,6 +120,7 @@ private:
     DataPath path;
     Links links;
     Plugs plugs;
+    std::vector<std::string> nicNames;       // of the plugs, for the frequent look at their carriers
     std::map<std::string, vshost::Nic> nics; // of the plugs, as this process last saw or wrote them
     Wanted wanted;
     std::map<std::string, SwitchConfig> published;
