@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <thread>
 
+#include <vswitch_policy.h>
+
 #include "core/store.h"
 #include "tests/driver_calls.h"
 
@@ -450,22 +452,25 @@ TEST_F(Driver, APortsetUnderTheAliasOfAnotherSwitchHasNone)
     EXPECT_STREQ(Query<VSwitchInfo>(VSWITCH_GET_INFO, Input(LAB)).switchId, "");
 }
 
+std::string Hint(const char *portId)
+{
+    VSwitchInput input = {};
+    uint32_t number = 0;
+    EXPECT_EQ(VSDVS_DvPortIDToPortID(LAB, portId, &number), STATUS_OK);
+    input.port.portId = number;
+    struct Name {
+        char text[32];
+    };
+    return Query<Name>(VSWITCH_GET_UPLINK_HINT, input).text;
+}
+
 TEST_F(Driver, LinksAndTheUplinkOfAPort)
 {
     VSwitchInput first = UplinkInput("nic0");
     EXPECT_EQ(Change(VSWITCH_SET_UPLINK_ADMIN, first), 0);
     EXPECT_EQ(Query<uint32_t>(VSWITCH_GET_UPLINK_LINK, first), 0u);
     EXPECT_EQ(Query<uint32_t>(VSWITCH_GET_UPLINK_LINK, UplinkInput("nic1")), 1u);
-    const auto hint = [](const char *portId) {
-        VSwitchInput input = {};
-        uint32_t number = 0;
-        EXPECT_EQ(VSDVS_DvPortIDToPortID(LAB, portId, &number), STATUS_OK);
-        input.port.portId = number;
-        struct Name {
-            char text[32];
-        };
-        return std::string(Query<Name>(VSWITCH_GET_UPLINK_HINT, input).text);
-    };
+    const auto hint = Hint;
     EXPECT_EQ(hint("port0"), "nic1");
     EXPECT_EQ(hint("port1"), "nic1") << "the only one with a link";
     EXPECT_EQ(hint("uplink0"), "nic0");
@@ -481,6 +486,85 @@ TEST_F(Driver, LinksAndTheUplinkOfAPort)
     EXPECT_EQ(table.count, 1u);
     EXPECT_EQ(table.lags[0].linkMask, 1u);
     EXPECT_EQ(Bytes(table.lags[1]), std::string(sizeof(VSwitchLag), '\0'));
+}
+
+// In explicit order: active ones, and a standby one.
+std::string Policy(std::initializer_list<const char *> active, const char *standby, uint32_t version = 1)
+{
+    VSwitchTeamingPolicy policy = {};
+    policy.version = version;
+    policy.algorithm = VSWITCH_TEAMING_ORDER;
+    policy.activeCount = static_cast<uint32_t>(active.size());
+    policy.standbyCount = 1;
+    size_t count = 0;
+    for (const char *name : active)
+        strcpy(policy.uplinks[count++], name);
+    strcpy(policy.uplinks[count], standby);
+    return Bytes(policy);
+}
+
+const TeamingPolicy *AsRecord(const std::string &bytes)
+{
+    return reinterpret_cast<const TeamingPolicy *>(bytes.data());
+}
+
+// The policy that is nearest to the port decides; a record that is not known counts as absent.
+TEST_F(Driver, TheUplinkOfAPortFollowsItsTeamingPolicy)
+{
+    const auto link = [](const char *nic, const char *state) {
+        const std::string scenario =
+            std::string(R"({"nics": {")") + nic + R"(": {"link": ")" + state + R"("}}})";
+        return vshost_scenario(scenario.c_str()) ? STATUS_FAILURE : STATUS_OK;
+    };
+    const auto ofSwitch = [](const std::string &policy) {
+        return VSDVS_SetTeamingPolicy(LAB, AsRecord(policy));
+    };
+    const auto ofPort = [](const std::string &policy) {
+        return VSDVS_SetPortTeamingPolicy(LAB, PORT, AsRecord(policy));
+    };
+    const auto name = [](const char *text) { return VSDVS_SetPortLSTeamingPolicy(LAB, PORT, text); };
+    const auto gold = [](const std::string &policy) {
+        std::string table(sizeof(uint32_t) + sizeof(VSwitchNamedTeaming), '\0');
+        table[0] = 1;
+        table.replace(sizeof(uint32_t), 4, "gold");
+        table.replace(table.size() - policy.size(), policy.size(), policy);
+        return VSDVS_SetLSTeamingPolicy(LAB, reinterpret_cast<LSTeamingPolicyTable *>(table.data()));
+    };
+    uint32_t number = 0;
+    ASSERT_EQ(VSDVS_DvPortIDToPortID(LAB, PORT, &number), STATUS_OK);
+    const std::string byNumber = number % 2 ? "nic1" : "nic0", other = number % 2 ? "uplink0" : "uplink1";
+    const struct {
+        const char *step;
+        std::function<VsStatus()> run;
+        std::string hint;
+    } steps[] = {
+        {"none", [] { return STATUS_OK; }, byNumber},
+        {"the switch's", [&] { return ofSwitch(Policy({other.c_str()}, "none")); },
+         byNumber == "nic0" ? "nic1" : "nic0"},
+        {"its first that there is",
+         [&] {
+             return ofSwitch(Policy({"none", "uplink1"}, "uplink0"));
+         },
+         "nic1"},
+        {"its standby one", [&] { return link("nic1", "down"); }, "nic0"},
+        {"back again", [&] { return link("nic1", "up"); }, "nic1"},
+        {"a name without a policy", [&] { return name("gold"); }, "nic1"},
+        {"the logical switch's", [&] { return gold(Policy({"uplink0"}, "none")); }, "nic0"},
+        {"which has no other uplink", [&] { return link("nic0", "down"); }, ""},
+        {"but may use any", [] { return VSDVS_SetTxUplinkAlways(LAB, PORT, 1); }, "nic1"},
+        {"its link is back", [&] { return link("nic0", "up"); }, "nic0"},
+        {"its own", [&] { return ofPort(Policy({"uplink1"}, "uplink0")); }, "nic1"},
+        {"the override", [] { return VSDVS_SetPortTeamingOverride(LAB, PORT, "uplink0"); }, "nic0"},
+        {"an override without an uplink", [] { return VSDVS_SetPortTeamingOverride(LAB, PORT, "none"); },
+         "nic1"},
+        {"its own of another version", [&] { return ofPort(Policy({"uplink1"}, "none", 2)); }, "nic0"},
+        {"another name", [&] { return name("tin"); }, "nic1"},
+        {"the switch's goes", [] { return VSDVS_ClearTeamingPolicy(LAB); }, byNumber},
+    };
+    for (const auto &row : steps) {
+        EXPECT_EQ(row.run(), STATUS_OK) << row.step;
+        EXPECT_EQ(Hint(PORT), row.hint) << row.step;
+    }
 }
 
 TEST_F(Driver, ARefreshReadsTheNumaNodesOfTheDevices)

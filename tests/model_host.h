@@ -668,15 +668,39 @@ public:
                      35588);
     }
 
+    // Whether the port's override names the uplink port.
+    bool IsOverride(const std::string &id, const std::string &port, const std::string &uplink)
+    {
+        const std::string alias = ValueOr(PORT_ALIAS, id, uplink),
+                          text = UpToNul(ValueOr(OVERRIDE, id, port));
+        return At(id).ports.contains(uplink) && !text.empty() &&
+               text == (alias.empty() ? uplink : UpToNul(alias));
+    }
     std::string Hint(uint32_t number)
     {
         const auto [id, port] = PortOf(number);
-        std::vector<std::string> linked;
+        std::map<uint32_t, std::string> uplinks; // by their ports' numbers
         for (const std::string &name : Uplinks(id)) {
             if (nics[name].portId == port) return Field(name, 32);
-            if (nics[name].LinkUp()) linked.push_back(name);
+            if (At(id).ports.contains(nics[name].portId))
+                uplinks[At(id).ports[nics[name].portId].number] = name;
         }
-        return Field(linked.empty() ? "" : linked[number % linked.size()], 32);
+        std::vector<std::string> order, others;
+        for (const auto &[place, name] : uplinks)
+            order.push_back(name);
+        if (!order.empty()) std::rotate(order.begin(), order.begin() + number % order.size(), order.end());
+        for (const std::string &listed : UplinkPorts(id)) {
+            if (!IsOverride(id, port, listed)) continue;
+            if (UpToNul(ValueOr(TX_UPLINK, id, port)) == "always")
+                for (const auto &[place, name] : uplinks)
+                    others.push_back(name);
+            order = {NicOf(id, listed)};
+            break;
+        }
+        order.insert(order.end(), others.begin(), others.end());
+        for (const std::string &name : order)
+            if (nics[name].LinkUp()) return Field(name, 32);
+        return Field("", 32);
     }
 
     std::string MacEntries(const std::string &portset, const std::string &port, uint32_t number, uint8_t type)

@@ -1,8 +1,10 @@
 // Switches, uplinks and LAGs of the driver.
 #include <algorithm>
 #include <cerrno>
+#include <map>
 
 #include "platform/driver/request.h"
+#include "platform/host/teaming.h"
 
 namespace vshost {
 
@@ -60,6 +62,22 @@ uint32_t UplinkFlags(const NamedNic &uplink, const std::vector<VSwitchLag> &lags
     if (uplink.nic.fullDuplex) flags |= VSWITCH_UPLINK_FULL_DUPLEX;
     if (IsInLag(lags, uplink.name)) flags |= VSWITCH_UPLINK_IN_LAG;
     return flags;
+}
+
+// The NICs of uplink ports that the switch has.
+int ListUplinksByNumber(DriverRequest &request, std::map<uint32_t, NamedNic> &uplinks)
+{
+    std::vector<NamedNic> nics;
+    if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, nics), 0)) return error;
+    for (NamedNic &uplink : nics) {
+        uint32_t number = 0;
+        const VsStatus status =
+            GetPortNumber(request.reader, request.switchId, FieldText(uplink.nic.portId), number);
+        if (status == STATUS_NOT_FOUND) continue;
+        if (status) return ErrnoOf(status);
+        uplinks.emplace(number, std::move(uplink));
+    }
+    return 0;
 }
 
 int DescribeSwitch(DriverRequest &request, VSwitchInfo &info)
@@ -150,27 +168,37 @@ int GetLags(DriverRequest &request)
     return request.Answer(table);
 }
 
-// An uplink port sends on its own NIC. Another port goes on sending by the uplink that it sent by last, while
-// that has a link; otherwise it sends on one of the NICs with a link, which its number selects: this is how
-// traffic is spread by originating port.
+// An uplink port sends on its own NIC. Another port sends by its teaming policy; where frames of one port
+// take several uplinks, or where the port doesn't come back to an uplink, the one that it sent by last
+// counts.
 int GetUplinkHint(DriverRequest &request)
 {
-    std::vector<NamedNic> uplinks;
-    PortName last;
-    uint32_t lastNumber = 0;
-    if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0)) return error;
-    if (!request.live.ReadUplink(request.Port(), lastNumber))
-        GetPortByNumber(request.reader, lastNumber, last);
-    const std::string *sendsOn = nullptr;
-    std::vector<const std::string *> withLink;
-    for (const NamedNic &uplink : uplinks) {
-        const bool isLast = uplink.nic.LinkUp() && FieldText(uplink.nic.portId) == last.portId;
-        if (FieldText(uplink.nic.portId) == request.portId || isLast) sendsOn = &uplink.name;
-        if (uplink.nic.LinkUp()) withLink.push_back(&uplink.name);
-    }
-    if (!sendsOn && !withLink.empty()) sendsOn = withLink[request.portNumber % withLink.size()];
     char hint[HINT_SIZE] = {};
-    if (sendsOn) SetField(hint, *sendsOn);
+    std::map<uint32_t, NamedNic> uplinks; // by the numbers of their ports
+    std::optional<Team> team;
+    Teamings teamings;
+    if (int error = ListUplinksByNumber(request, uplinks)) return error;
+    if (const auto own = uplinks.find(request.portNumber); own != uplinks.end()) {
+        SetField(hint, own->second.name);
+        return request.Answer(hint);
+    }
+    const PropertyOwner port{StoredLevel::PORT, request.switchId, request.portId};
+    if (int error = ErrnoOf(ReadTeamings(request.reader, request.switchId, teamings), 0)) return error;
+    if (int error = ErrnoOf(ReadTeam(request.reader, port, teamings, team), 0)) return error;
+
+    std::vector<uint32_t> numbers;
+    for (const auto &[number, uplink] : uplinks)
+        numbers.push_back(number);
+    const bool isByNumber = !team || team->algorithm == VSWITCH_TEAMING_PORT;
+    std::vector<uint32_t> order = UplinksInOrder(team, numbers, isByNumber ? request.portNumber : 0);
+    std::erase_if(order, [&](uint32_t number) { return !uplinks.at(number).nic.LinkUp(); });
+    if (order.empty()) return request.Answer(hint);
+    uint32_t last = 0;
+    const bool asLast =
+        team && (!team->failBack || (!isByNumber && team->algorithm != VSWITCH_TEAMING_ORDER));
+    const bool hasSent = asLast && !request.live.ReadUplink(request.Port(), last) &&
+                         std::find(order.begin(), order.end(), last) != order.end();
+    SetField(hint, uplinks.at(hasSent ? last : order.front()).name);
     return request.Answer(hint);
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/host/teaming.h"
 #include "platform/live/maps.h"
 
 namespace live {
@@ -31,16 +32,7 @@ struct FilterRule {
     bool operator==(const FilterRule &) const = default;
 };
 
-// A teaming policy. Uplinks are named by their ports' numbers; those that the switch doesn't have are left
-// out.
-struct Team {
-    VSwitchTeamingAlgorithm algorithm = VSWITCH_TEAMING_PORT;
-    bool failBack = true;
-    std::vector<uint32_t> active;
-    std::vector<uint32_t> standby;
-    bool anyUplink = false; // when none of these works, any uplink of the switch will do
-    bool operator==(const Team &) const = default;
-};
+using vshost::Team;
 
 struct PortConfig {
     uint32_t number = 0;  // the port's kernel number, unique on the host

@@ -24,26 +24,6 @@ bool IsWhole(const VSwitchFilter &filter)
     return true;
 }
 
-bool IsWhole(const VSwitchTeamingPolicy &policy)
-{
-    return policy.version == VSWITCH_TEAMING_VERSION && policy.algorithm <= VSWITCH_TEAMING_ORDER &&
-           policy.failBack <= 1 && policy.notify <= 1 && policy.activeCount <= VSWITCH_TEAMING_UPLINKS &&
-           policy.standbyCount <= VSWITCH_TEAMING_UPLINKS - policy.activeCount;
-}
-
-// A text without a NUL names nothing.
-template<size_t SIZE> std::string_view TextOf(const char (&field)[SIZE])
-{
-    const size_t length = strnlen(field, SIZE);
-    return length == SIZE ? std::string_view() : std::string_view(field, length);
-}
-
-void AddUplink(const char (&name)[81], const UplinkNumbers &uplinks, std::vector<uint32_t> &numbers)
-{
-    const auto uplink = uplinks.find(TextOf(name));
-    if (uplink != uplinks.end()) numbers.push_back(uplink->second);
-}
-
 }
 
 void DecodeSecurity(std::string_view value, PortConfig &port)
@@ -77,33 +57,6 @@ std::vector<PrivateVlan> DecodePrivateVlans(std::string_view value)
         map.push_back({entry.primary, entry.secondary, static_cast<PrivateVlanType>(entry.type)});
     }
     return value.empty() ? map : std::vector<PrivateVlan>();
-}
-
-std::optional<Team> DecodeTeam(std::string_view value, const UplinkNumbers &uplinks)
-{
-    VSwitchTeamingPolicy policy;
-    if (!DecodeRecord(value, policy) || !IsWhole(policy)) return {};
-    Team team;
-    team.algorithm = static_cast<VSwitchTeamingAlgorithm>(policy.algorithm);
-    team.failBack = policy.failBack;
-    for (uint32_t i = 0; i < policy.activeCount + policy.standbyCount; i++)
-        AddUplink(policy.uplinks[i], uplinks, i < policy.activeCount ? team.active : team.standby);
-    return team;
-}
-
-std::string_view FindNamedTeam(std::string_view table, std::string_view name)
-{
-    uint32_t count;
-    if (table.size() < sizeof(count) || name.empty()) return {};
-    memcpy(&count, table.data(), sizeof(count));
-    table.remove_prefix(sizeof(count));
-    if (table.size() / sizeof(VSwitchNamedTeaming) < count) return {};
-    for (; count > 0; count--, table.remove_prefix(sizeof(VSwitchNamedTeaming))) {
-        char found[sizeof(VSwitchNamedTeaming::name)];
-        memcpy(found, table.data(), sizeof(found));
-        if (TextOf(found) == name) return table.substr(sizeof(found), sizeof(VSwitchTeamingPolicy));
-    }
-    return {};
 }
 
 }

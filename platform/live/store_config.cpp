@@ -19,12 +19,6 @@ constexpr std::string_view KEY_LEARN_STATIC = "com.talpex.vswitch.macLearning.le
 constexpr std::string_view KEY_PRIVATE_VLANS = "com.talpex.vswitch.pvlanMap";
 constexpr std::string_view KEY_NESTED_TAG = "com.talpex.vswitch.port.vlanNestedTag";
 constexpr std::string_view KEY_SECURITY = "com.talpex.vswitch.port.security";
-constexpr std::string_view KEY_TEAMING = "com.talpex.vswitch.teaming";
-constexpr std::string_view KEY_NAMED_TEAMINGS = "com.talpex.vswitch.logicalswitch.teaming";
-constexpr std::string_view KEY_PORT_TEAMING = "com.talpex.vswitch.port.teaming.policy";
-constexpr std::string_view KEY_PORT_TEAMING_OVERRIDE = "com.talpex.vswitch.port.teaming.override";
-constexpr std::string_view KEY_PORT_NAMED_TEAMING = "com.talpex.vswitch.port.logicalswitch.teaming";
-constexpr std::string_view KEY_PORT_TX_UPLINK = "com.talpex.vswitch.port.txUplink";
 
 constexpr uint16_t NO_VLAN = 0xffff; // carries nothing
 
@@ -122,79 +116,6 @@ VsStatus ReadOwnPolicies(Reader &reader, const PropertyOwner &owner, PortConfig 
     return STATUS_OK;
 }
 
-// ---- Teaming ----
-
-// What the ports of a switch choose their uplinks by. Its uplinks are read when a policy names some.
-struct Teamings {
-    std::string ofSwitch;
-    std::string named;
-    std::optional<UplinkNumbers> uplinks;
-};
-
-VsStatus ReadTeamings(Reader &reader, const std::string &switchId, Teamings &teamings)
-{
-    const PropertyOwner owner{StoredLevel::GLOBAL, switchId};
-    return ReadValues(reader, owner,
-                      {{KEY_TEAMING, &teamings.ofSwitch}, {KEY_NAMED_TEAMINGS, &teamings.named}});
-}
-
-VsStatus ReadUplinkNumber(Reader &reader, const PortName &port, UplinkNumbers &uplinks)
-{
-    std::string name;
-    uint32_t number = 0;
-    const VsStatus found = GetPortNumber(reader, port.switchId, port.portId, number);
-    if (found) return found == STATUS_NOT_FOUND ? STATUS_OK : found;
-    const PropertyOwner owner{StoredLevel::PORT, port.switchId, port.portId};
-    if (VsStatus status = ReadValue(reader, owner, KEY_PORT_ALIAS, name)) return status;
-    uplinks.emplace(name.empty() ? port.portId : Text(name), number);
-    return STATUS_OK;
-}
-
-VsStatus ReadUplinkNumbers(Reader &reader, const std::string &switchId, Teamings &teamings)
-{
-    std::vector<std::string> portIds;
-    if (teamings.uplinks) return STATUS_OK;
-    teamings.uplinks.emplace();
-    if (VsStatus status = ListUplinkPorts(reader, switchId, portIds)) return status;
-    for (const std::string &portId : portIds)
-        if (VsStatus status = ReadUplinkNumber(reader, {switchId, portId}, *teamings.uplinks)) return status;
-    return STATUS_OK;
-}
-
-// A port's override names its uplink. Without it the port's own policy holds, then that of its logical
-// switch, then the switch's.
-std::optional<Team> ChooseTeam(const Teamings &teamings, std::string_view override, std::string_view own,
-                               std::string_view name)
-{
-    const auto uplink = teamings.uplinks->find(override);
-    if (uplink != teamings.uplinks->end()) {
-        Team team;
-        team.algorithm = VSWITCH_TEAMING_ORDER;
-        team.active = {uplink->second};
-        return team;
-    }
-    for (std::string_view policy :
-         {own, FindNamedTeam(teamings.named, name), std::string_view(teamings.ofSwitch)})
-        if (std::optional<Team> team = DecodeTeam(policy, *teamings.uplinks)) return team;
-    return {};
-}
-
-VsStatus ReadTeam(Reader &reader, const PropertyOwner &owner, Teamings &teamings, PortConfig &port)
-{
-    std::string override, own, name, txUplink;
-    const VsStatus status = ReadValues(reader, owner,
-                                       {{KEY_PORT_TEAMING_OVERRIDE, &override},
-                                        {KEY_PORT_TEAMING, &own},
-                                        {KEY_PORT_NAMED_TEAMING, &name},
-                                        {KEY_PORT_TX_UPLINK, &txUplink}});
-    const bool hasPolicy = !override.empty() || !own.empty() || !name.empty() || !teamings.ofSwitch.empty();
-    if (status || !hasPolicy) return status;
-    if (VsStatus failed = ReadUplinkNumbers(reader, std::string(owner.switchId), teamings)) return failed;
-    port.team = ChooseTeam(teamings, Text(override), own, Text(name));
-    if (port.team) port.team->anyUplink = Text(txUplink) == "always";
-    return STATUS_OK;
-}
-
 VsStatus ReadPolicies(Reader &reader, const PortName &name, Teamings &teamings, PortConfig &port)
 {
     const PropertyOwner owner{StoredLevel::PORT, name.switchId, name.portId};
@@ -205,7 +126,8 @@ VsStatus ReadPolicies(Reader &reader, const PortName &name, Teamings &teamings, 
     read.uplinkActive = port.uplinkActive;
     read.addresses = port.addresses;
     if (VsStatus status = ReadOwnPolicies(reader, owner, read)) return status;
-    if (VsStatus status = port.uplink ? STATUS_OK : ReadTeam(reader, owner, teamings, read)) return status;
+    if (VsStatus status = port.uplink ? STATUS_OK : ReadTeam(reader, owner, teamings, read.team))
+        return status;
     port = std::move(read);
     return STATUS_OK;
 }
