@@ -116,6 +116,32 @@ void AddPrivateVlans(SwitchConfig &config, const std::string &text)
         config.privateVlans.push_back({primary, static_cast<uint16_t>(Number(word)), TYPES.at(word.back())});
 }
 
+// "m:1,2:3:9:snap=20,every=2,outer=99,strip,off": id, what sends, what gets, destinations, settings.
+MirrorSession MirrorOf(const std::string &text)
+{
+    const std::vector<std::string> fields = Split(text, ':');
+    const auto numbers = [](const std::string &field) {
+        std::vector<uint32_t> numbers;
+        for (const std::string &word : Split(field == "-" ? "" : field, ','))
+            numbers.push_back(Number(word));
+        return numbers;
+    };
+    MirrorSession session;
+    session.id = fields[0];
+    session.from = numbers(fields[1]);
+    session.to = numbers(fields[2]);
+    session.destinations = numbers(fields[3]);
+    for (const std::string &word : Split(fields.size() > 4 ? fields[4] : "", ',')) {
+        const std::string value = word.substr(word.find('=') + 1);
+        if (word.starts_with("snap=")) session.snapLength = Number(value);
+        if (word.starts_with("every=")) session.sampling = Number(value);
+        if (word.starts_with("outer=")) session.outerVlan = static_cast<uint16_t>(Number(value));
+        if (word == "strip") session.stripsTag = true;
+        if (word == "off") session.isEnabled = false;
+    }
+    return session;
+}
+
 SwitchConfig Config(const std::string &text)
 {
     SwitchConfig config;
@@ -130,6 +156,7 @@ SwitchConfig Config(const std::string &text)
                 if (word.starts_with("age=")) config.ageingSeconds = Number(value);
                 if (word.starts_with("pvlan=")) AddPrivateVlans(config, value);
                 if (word == "static") config.learnsStatic = true;
+                if (word.starts_with("mirror=")) config.mirrors.push_back(MirrorOf(value));
             }
             continue;
         }
@@ -195,10 +222,16 @@ struct TestFrame {
         return bytes;
     }
 
-    // With other tags in place of the outer one: "10/3", "s10,30", or none.
-    Bytes With(const std::string &outer) const
+    // With other tags in place of the outer one: "10/3", "s10,30", or none. "10^20": the bytes behind them
+    // are cut to 20.
+    Bytes With(std::string outer) const
     {
         Bytes bytes = Inner(), inserted;
+        const size_t cut = outer.find('^');
+        if (cut != std::string::npos) {
+            bytes.resize(std::min<size_t>(bytes.size(), Number(outer.substr(cut + 1))));
+            outer.resize(cut);
+        }
         for (const std::string &tag : Split(outer, ','))
             Append(inserted, Tag(tag), 4);
         bytes.insert(bytes.begin() + 12, inserted.begin(), inserted.end());
@@ -314,7 +347,8 @@ private:
                 continue;
             }
             const size_t colon = word.find(':');
-            const std::string tag = colon == std::string::npos ? "" : word.substr(colon + 1);
+            const size_t cut = std::min(word.find('^'), word.size());
+            const std::string tag = colon == std::string::npos ? word.substr(cut) : word.substr(colon + 1);
             expected.push_back(MakeSent(Number(word), frame.With(tag)));
         }
         std::sort(expected.begin(), expected.end());
@@ -339,7 +373,7 @@ private:
             {"host", &Scenario::SetHost},     {"sweep", &Scenario::Sweep},
             {"forget", &Scenario::Forget},    {"static", &Scenario::Static},
             {"remove", &Scenario::Remove},    {"count", &Scenario::CheckCounters},
-            {"table", &Scenario::CheckTable},
+            {"table", &Scenario::CheckTable}, {"session", &Scenario::CheckSession},
         };
         (this->*VERBS.at(words[0]))(words);
     }
@@ -454,6 +488,30 @@ private:
         for (size_t i = 2; i < words.size(); i++) {
             const size_t equals = words[i].find('=');
             EXPECT_EQ(counters.values[NAMES.at(words[i].substr(0, equals))],
+                      Number(words[i].substr(equals + 1)))
+                << words[i];
+        }
+    }
+
+    // "session m SENT=3": counters of a mirror session.
+    void CheckSession(const std::vector<std::string> &words)
+    {
+        static const std::map<std::string, uint32_t> NAMES = {
+            {"FROM", LIVE_MIRROR_FROM_PACKETS},       {"FROM_BYTES", LIVE_MIRROR_FROM_BYTES},
+            {"TO", LIVE_MIRROR_TO_PACKETS},           {"TO_BYTES", LIVE_MIRROR_TO_BYTES},
+            {"SENT", LIVE_MIRROR_SENT_PACKETS},       {"SENT_BYTES", LIVE_MIRROR_SENT_BYTES},
+            {"DROPPED", LIVE_MIRROR_DROPPED_PACKETS}, {"DROPPED_BYTES", LIVE_MIRROR_DROPPED_BYTES},
+            {"TRUNCATED", LIVE_MIRROR_TRUNCATED},     {"NOT_TAGGED", LIVE_MIRROR_NOT_TAGGED},
+            {"UNREACHABLE", LIVE_MIRROR_UNREACHABLE},
+        };
+        std::vector<MirrorEntry> entries;
+        ASSERT_EQ(run.path.Tables().ReadMirrors("switch", entries), vshost::STATUS_OK);
+        const auto isIt = [&](const MirrorEntry &entry) { return entry.id == words[1]; };
+        const auto session = std::find_if(entries.begin(), entries.end(), isIt);
+        ASSERT_NE(session, entries.end());
+        for (size_t i = 2; i < words.size(); i++) {
+            const size_t equals = words[i].find('=');
+            EXPECT_EQ(session->counters.values[NAMES.at(words[i].substr(0, equals))],
                       Number(words[i].substr(equals + 1)))
                 << words[i];
         }

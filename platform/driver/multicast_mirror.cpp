@@ -160,50 +160,77 @@ int GetMcastStats(DriverRequest &request)
     return found ? 0 : ENOENT;
 }
 
-int GetMirrorSessions(DriverRequest &request)
+VsStatus LiveRows::ReadMirrors(Reader &reader, const RunningSwitch &vswitch,
+                               std::vector<VSwitchMirrorStats> &sessions)
 {
     std::vector<std::string> sessionIds;
-    const int error = ListMirrorSessions(request.reader, request.switchId, sessionIds);
+    if (int error = ListMirrorSessions(reader, vswitch.switchId, sessionIds)) return StatusOfErrno(error);
+    for (const std::string &id : sessionIds) {
+        VSwitchMirrorStats &stats = sessions.emplace_back();
+        stats = {};
+        const VsStatus status = GetRecord(reader, runtime::MirrorStatsKey(vswitch.portset, id), stats);
+        if (status && status != STATUS_NOT_FOUND) return status;
+        memset(stats.sessionId, 0, sizeof(stats.sessionId));
+        id.copy(stats.sessionId, sizeof(stats.sessionId));
+        stats.active = 1;
+    }
+    return STATUS_OK;
+}
+
+// The ports that the scenario names.
+VsStatus LiveRows::ReadObservers(Reader &reader, const RunningSwitch &vswitch,
+                                 std::set<uint32_t> &portNumbers)
+{
+    std::string named;
+    const VsStatus status = reader.Get(runtime::PromiscuousKey(vswitch.portset), named);
+    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    if (!named.empty() && named.back() != '\0') return STATUS_IO_ERROR;
+    for (std::string_view rest = named; !rest.empty(); rest.remove_prefix(Text(rest).size() + 1)) {
+        uint32_t number = 0;
+        const VsStatus found = GetPortNumber(reader, vswitch.switchId, Text(rest), number);
+        if (found && found != STATUS_NOT_FOUND) return found;
+        if (!found) portNumbers.insert(number);
+    }
+    return STATUS_OK;
+}
+
+int GetMirrorSessions(DriverRequest &request)
+{
+    std::vector<VSwitchMirrorStats> sessions;
+    const VsStatus status = request.live.ReadMirrors(request.reader, request.Switch(), sessions);
     request.StartList(VSwitchListHeader{}, SESSION_ID);
-    for (const std::string &id : sessionIds)
-        request.Add(id);
-    return error;
+    for (const VSwitchMirrorStats &stats : sessions)
+        request.Add(FieldText(stats.sessionId));
+    return ErrnoOf(status);
 }
 
 int GetMirrorStats(DriverRequest &request)
 {
     const std::string_view wanted = FieldText(request.input.args.sessionId);
-    std::vector<std::string> sessionIds;
-    if (int error = ListMirrorSessions(request.reader, request.switchId, sessionIds)) return error;
-    if (std::find(sessionIds.begin(), sessionIds.end(), wanted) == sessionIds.end()) return ENOENT;
-    VSwitchMirrorStats stats = {};
-    const std::string key = runtime::MirrorStatsKey(request.portset, wanted);
-    if (int error = ErrnoOf(GetRecord(request.reader, key, stats), 0)) return error;
-    SetField(stats.sessionId, wanted);
-    stats.active = 1;
-    return request.Answer(stats);
+    std::vector<VSwitchMirrorStats> sessions;
+    if (VsStatus status = request.live.ReadMirrors(request.reader, request.Switch(), sessions))
+        return ErrnoOf(status);
+    const auto isIt = [&](const VSwitchMirrorStats &stats) { return FieldText(stats.sessionId) == wanted; };
+    const auto found = std::find_if(sessions.begin(), sessions.end(), isIt);
+    return found == sessions.end() ? ENOENT : request.Answer(*found);
 }
 
-// The ports that the scenario names, and the switch's sink ports.
 int GetPromiscuousPorts(DriverRequest &request)
 {
-    std::string named;
     std::vector<std::string> portIds;
-    if (int error = ErrnoOf(request.reader.Get(runtime::PromiscuousKey(request.portset), named), 0))
-        return error;
-    if (!named.empty() && named.back() != '\0') return EIO;
+    std::set<uint32_t> numbers;
+    if (VsStatus status = request.live.ReadObservers(request.reader, request.Switch(), numbers))
+        return ErrnoOf(status);
     if (int error = ErrnoOf(ListPortsWith(request.reader, SINK, request.switchId, portIds), 0)) return error;
-    std::set<std::string_view> destinations(portIds.begin(), portIds.end());
-    for (std::string_view rest = named; !rest.empty(); rest.remove_prefix(Text(rest).size() + 1))
-        destinations.insert(Text(rest));
-    request.StartList(VSwitchListHeader{}, sizeof(uint32_t));
-    for (const std::string_view portId : destinations) {
-        uint32_t number;
+    for (const std::string &portId : portIds) {
+        uint32_t number = 0;
         const VsStatus status = GetPortNumber(request.reader, request.switchId, portId, number);
-        if (status == STATUS_NOT_FOUND) continue;
-        if (status) return ErrnoOf(status);
-        request.AddRecord(number);
+        if (status && status != STATUS_NOT_FOUND) return ErrnoOf(status);
+        if (!status) numbers.insert(number);
     }
+    request.StartList(VSwitchListHeader{}, sizeof(uint32_t));
+    for (const uint32_t number : numbers)
+        request.AddRecord(number);
     return 0;
 }
 

@@ -45,6 +45,9 @@ struct DriverRequest {
     // The port that the request names.
     RunningPort Port() const { return {portset, switchId, portId, portNumber}; }
 
+    // The switch of the portset that the request names.
+    RunningSwitch Switch() const { return {portset, switchId}; }
+
     // Checks and looks up the fields that the command reads; 0 or an errno value.
     int Resolve(unsigned fields);
 

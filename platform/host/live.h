@@ -2,6 +2,7 @@
 // switch does anything, and rows say all. The daemon of a live host fills this from the kernel.
 #pragma once
 
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -17,6 +18,11 @@ struct RunningPort {
     std::string switchId;
     std::string portId;
     uint32_t number;
+};
+
+struct RunningSwitch {
+    std::string portset;
+    std::string switchId;
 };
 
 // Threads share it.
@@ -37,6 +43,12 @@ public:
                                  std::span<const RunningPort> uplinks, VSwitchTeamingStats &stats) = 0;
     // The number of the uplink port that a port sent by last. STATUS_NOT_FOUND: it has sent by none.
     virtual VsStatus ReadUplink(const RunningPort &port, uint32_t &uplinkNumber) = 0;
+    // The mirror sessions of a switch with what they have done.
+    virtual VsStatus ReadMirrors(Reader &reader, const RunningSwitch &vswitch,
+                                 std::vector<VSwitchMirrorStats> &sessions) = 0;
+    // The numbers of the ports that get frames which are not for them, besides sink ports.
+    virtual VsStatus ReadObservers(Reader &reader, const RunningSwitch &vswitch,
+                                   std::set<uint32_t> &portNumbers) = 0;
     // Whether a command may put learned addresses into MAC tables.
     virtual bool TakesLearnedAddresses() const = 0;
 };
@@ -51,6 +63,10 @@ public:
     VsStatus ReadTeaming(Reader &reader, std::string_view portset, std::span<const RunningPort> uplinks,
                          VSwitchTeamingStats &stats) override;
     VsStatus ReadUplink(const RunningPort &, uint32_t &) override { return STATUS_NOT_FOUND; }
+    VsStatus ReadMirrors(Reader &reader, const RunningSwitch &vswitch,
+                         std::vector<VSwitchMirrorStats> &sessions) override;
+    VsStatus ReadObservers(Reader &reader, const RunningSwitch &vswitch,
+                           std::set<uint32_t> &portNumbers) override;
     bool TakesLearnedAddresses() const override { return true; }
 };
 

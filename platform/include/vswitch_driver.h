@@ -267,21 +267,24 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchTeamingStats {
     uint64_t failbacks; /**< changes back to an uplink that has its link again */
 } VSwitchTeamingStats;
 
-/** VSWITCH_GET_MIRROR_STATS. The state is the host's own; the counters come from a scenario. */
+/**
+ * VSWITCH_GET_MIRROR_STATS. A live host counts what the session does. On an emulated host the counters come
+ * from a scenario.
+ */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchMirrorStats {
     char sessionId[32];
-    uint8_t active; /**< 1: the portset runs the session */
-    uint64_t mirroredPackets;
+    uint8_t active;           /**< 1: the portset runs the session */
+    uint64_t mirroredPackets; /**< copies that destinations got */
     uint64_t mirroredBytes;
-    uint64_t droppedPackets;
+    uint64_t droppedPackets; /**< copies that a destination refused */
     uint64_t droppedBytes;
-    uint64_t txPackets;
+    uint64_t txPackets; /**< packets to source ports (entries B), copied or not */
     uint64_t txBytes;
-    uint64_t rxPackets;
+    uint64_t rxPackets; /**< packets from source ports (entries A), copied or not */
     uint64_t rxBytes;
-    uint64_t truncated;
-    uint64_t encapsulationErrors;
-    uint64_t unreachable; /**< packets whose destination is gone */
+    uint64_t truncated;           /**< packets of which copies were cut */
+    uint64_t encapsulationErrors; /**< packets that could not be given the tags of a copy */
+    uint64_t unreachable;         /**< copies whose destination has no interface */
 } VSwitchMirrorStats;
 
 /** VSWITCH_GET_MCAST_STATS; `count` source addresses of the group's kind follow. */

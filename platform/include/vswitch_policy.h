@@ -84,15 +84,16 @@ typedef struct VSWITCH_POLICY_PACKED VSwitchFilter {
 
 /**
  * A session copies frames that its source ports send (entries A) or get (entries B) to its destinations
- * (entries C). A copy is taken before policies of the destination and is not learned from. Where the original
- * is offloaded, its copy may be longer than the MTU.
+ * (entries C). Policies of a destination, other than its block, don't concern a copy, which is neither
+ * learned from nor copied again. Where the original is offloaded, its copy may be longer than the MTU. Of
+ * sessions of a switch with the same id the first one holds, the host's list before those of ports.
  */
 typedef struct VSWITCH_POLICY_PACKED VSwitchMirrorSettings {
     uint32_t version;    /**< VSWITCH_MIRROR_VERSION */
     uint8_t enabled;     /**< 1; 0: the session copies nothing */
     uint8_t stripTag;    /**< 1: copies have no tag; 0: they have the tag of their VLAN */
     uint16_t outerVlan;  /**< 1 to 4094: copies get this tag around theirs; 0: none */
-    uint32_t snapLength; /**< bytes of a copy; 0: all of it */
+    uint32_t snapLength; /**< bytes of a copy without the tags around it; 0: all of it, else at least 14 */
     uint32_t sampling;   /**< every n-th frame is copied; 0 and 1: every one */
     uint8_t reserved[168];
 } VSwitchMirrorSettings;

@@ -37,17 +37,20 @@ struct Maps {
         interfaces = OpenPin(pins, "interfaces");
         addresses = OpenPin(pins, "addresses");
         snapshots = OpenPin(pins, "snapshots");
+        const Descriptor mirrorMap = OpenPin(pins, "mirrors");
         const Descriptor portMap = OpenPin(pins, "ports"), switchMap = OpenPin(pins, "switches"),
                          hostMap = OpenPin(pins, "host");
-        return interfaces && addresses && snapshots && portMap && switchMap && hostMap &&
+        return interfaces && addresses && snapshots && mirrorMap && portMap && switchMap && hostMap &&
                ports.Map(portMap.Get(), EntriesOf(portMap.Get())) &&
-               switches.Map(switchMap.Get(), EntriesOf(switchMap.Get())) && host.Map(hostMap.Get(), 1);
+               switches.Map(switchMap.Get(), EntriesOf(switchMap.Get())) && host.Map(hostMap.Get(), 1) &&
+               mirrors.Map(mirrorMap.Get(), EntriesOf(mirrorMap.Get()));
     }
 
     Descriptor interfaces, addresses, snapshots;
     SharedArray<LivePort> ports;
     SharedArray<LiveSwitch> switches;
     SharedArray<LiveHost> host;
+    SharedArray<LiveMirrorSlot> mirrors;
 };
 
 std::string UpOrDown(bool up) { return up ? "up" : "down"; }
@@ -77,8 +80,8 @@ private:
     void CompareSwitches();
     void CompareSwitch(const SwitchConfig &config);
     void ComparePort(const SwitchConfig &config, const PlacedPort &placed, uint32_t switchIndex);
-    void CompareSnapshot(const SwitchConfig &config, const std::vector<PlacedPort> &ports,
-                         uint32_t switchIndex);
+    std::vector<PlacedMirror> CompareMirrors(const SwitchConfig &config, uint32_t switchIndex);
+    void CompareSnapshot(const PlacedSwitch &vswitch, uint32_t switchIndex);
     void CompareInterfaces();
     void CompareStaticAddresses();
     std::string NameOfInterface(uint32_t ifindex) const;
@@ -313,7 +316,8 @@ void Comparison::CompareSwitch(const SwitchConfig &config)
             wanted.hasAllFramesPorts);
     Compare(subject, "the word of learning static addresses", ReadWord(found.learnsStatic),
             wanted.learnsStatic);
-    CompareSnapshot(config, ports, index);
+    const std::vector<PlacedMirror> mirrors = CompareMirrors(config, index);
+    CompareSnapshot({config, ports, mirrors}, index);
 }
 
 void Comparison::ComparePort(const SwitchConfig &config, const PlacedPort &placed, uint32_t switchIndex)
@@ -332,15 +336,41 @@ void Comparison::ComparePort(const SwitchConfig &config, const PlacedPort &place
     Compare(subject, "the limit of addresses", ReadWord(found.addressLimit), wanted.addressLimit);
 }
 
-void Comparison::CompareSnapshot(const SwitchConfig &config, const std::vector<PlacedPort> &ports,
-                                 uint32_t switchIndex)
+// The store's sessions at the places that they have in the kernel.
+std::vector<PlacedMirror> Comparison::CompareMirrors(const SwitchConfig &config, uint32_t switchIndex)
 {
-    const std::string subject = "switch " + config.id;
+    std::map<std::string, uint32_t> found; // slots
+    std::vector<PlacedMirror> placed;
+    for (uint32_t slot = 0; slot < maps.mirrors.Size(); slot++) {
+        LiveMirrorSlot &mirror = maps.mirrors[slot];
+        if (ReadWord(mirror.inUse) && ReadWord(mirror.switchIndex) == switchIndex)
+            found[std::string(mirror.id, strnlen(mirror.id, sizeof(mirror.id)))] = slot;
+    }
+    for (const MirrorSession &session : config.mirrors) {
+        const auto slot = found.extract(session.id);
+        const std::string subject = "mirror session " + session.id;
+        if (!slot) {
+            Differ(subject, "the kernel doesn't have it");
+            continue;
+        }
+        LiveMirrorSlot &mirror = maps.mirrors[slot.mapped()];
+        Compare(subject, "whether it is enabled", ReadWord(mirror.isEnabled), session.isEnabled);
+        placed.push_back({.config = session, .slot = slot.mapped(), .place = mirror.place});
+    }
+    for (const auto &[id, slot] : found)
+        Differ("mirror session " + id, "the kernel has it, the store doesn't");
+    return placed;
+}
+
+void Comparison::CompareSnapshot(const PlacedSwitch &vswitch, uint32_t switchIndex)
+{
+    const std::vector<PlacedPort> &ports = vswitch.ports;
+    const std::string subject = "switch " + vswitch.config.id;
     uint32_t id = 0;
     if (bpf_map_lookup_elem(maps.snapshots.Get(), &switchIndex, &id) != 0)
         return Differ(subject, "the kernel has no snapshot of it, it forwards nothing");
     const Descriptor snapshot(bpf_map_get_fd_by_id(id));
-    const std::vector<uint8_t> wanted = SnapshotBytes(config, ports);
+    const std::vector<uint8_t> wanted = SnapshotBytes(vswitch);
     const auto elements = static_cast<uint32_t>(wanted.size() / LIVE_ELEMENT_SIZE);
     if (EntriesOf(snapshot.Get()) != elements)
         return Differ(subject, "the snapshot has another size than the store's ports need");

@@ -76,6 +76,21 @@ struct PrivateVlan {
     bool operator==(const PrivateVlan &) const = default;
 };
 
+// Ports are named by their numbers. A destination without an interface is unreachable; sources without one do
+// nothing.
+struct MirrorSession {
+    std::string id;          // at most 32 bytes
+    bool isEnabled = true;   // else it copies nothing
+    uint32_t snapLength = 0; // bytes of a copy without tags that are put around it; 0: all
+    uint32_t sampling = 1;   // every n-th frame is copied
+    uint16_t outerVlan = 0;  // 0: no tag around that of the frame
+    bool stripsTag = false;
+    std::vector<uint32_t> from; // what these ports send is copied
+    std::vector<uint32_t> to;   // what these ports get is copied
+    std::vector<uint32_t> destinations;
+    bool operator==(const MirrorSession &) const = default;
+};
+
 struct SwitchConfig {
     std::string id; // 1 to 64 bytes, unique on the host
     uint32_t mtu = 1500;
@@ -83,6 +98,7 @@ struct SwitchConfig {
     uint32_t ageingSeconds = 600;          // 0: addresses don't age
     bool learnsStatic = false;             // addresses of learning ports neither age nor move
     std::vector<PrivateVlan> privateVlans; // the first one with a secondary VLAN holds
+    std::vector<MirrorSession> mirrors;    // at most LIVE_MIRRORS, each id once
     std::vector<PortConfig> ports;
 
     bool operator==(const SwitchConfig &) const = default;

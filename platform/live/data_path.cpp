@@ -101,8 +101,22 @@ void DataPath::TakeOverSwitches()
         portSwitches[port.number] = port.switchIndex;
         if (port.ifindex) interfaces[port.ifindex] = port.number;
     }
+    TakeOverMirrors();
     TakeOverStaticAddresses();
     TakeOverInterfaces();
+}
+
+void DataPath::TakeOverMirrors()
+{
+    for (uint32_t slot = kernel.mirrors.Size(); slot-- > 0;) {
+        const LiveMirrorSlot &mirror = kernel.mirrors[slot];
+        const auto owner = switches.find(mirror.switchIndex);
+        const std::string id(mirror.id, strnlen(mirror.id, sizeof(mirror.id)));
+        if (mirror.inUse && owner != switches.end())
+            owner->second.mirrors[id] = {.config = {}, .slot = slot, .place = mirror.place};
+        else
+            freeMirrors.push_back(slot);
+    }
 }
 
 // The process before may have ended between the two steps of plugging: the port's word and the map's entry.
@@ -225,6 +239,7 @@ VsStatus DataPath::TakeSlot(Change &change, uint32_t &slot)
 void DataPath::GiveBack(Change &change)
 {
     freeSlots.insert(freeSlots.end(), change.takenSlots.begin(), change.takenSlots.end());
+    freeMirrors.insert(freeMirrors.end(), change.takenMirrors.begin(), change.takenMirrors.end());
     if (change.takesIndex) takenIndexes.erase(change.switchIndex);
 }
 
@@ -266,6 +281,43 @@ VsStatus DataPath::PlacePorts(const SwitchConfig &config, Change &change)
     return STATUS_OK;
 }
 
+// Sessions that stay keep their places, and new ones take others than those that go.
+VsStatus DataPath::PlaceMirrors(const SwitchConfig &config, Change &change)
+{
+    const auto current = switches.find(change.switchIndex);
+    std::map<std::string, PlacedMirror> known;
+    std::set<uint32_t> usedPlaces;
+    if (current != switches.end()) known = current->second.mirrors;
+    for (const auto &[id, mirror] : known)
+        usedPlaces.insert(mirror.place);
+    if (config.mirrors.size() > LIVE_MIRRORS)
+        return Fail(STATUS_NO_SPACE, "a switch has at most 32 mirror sessions");
+    uint32_t place = 0;
+    for (const MirrorSession &session : config.mirrors) {
+        PlacedMirror &mirror = change.mirrors.emplace_back();
+        mirror.config = session;
+        if (session.destinations.size() > LIVE_MIRROR_DESTINATIONS)
+            return Fail(STATUS_NO_SPACE, "a mirror session has at most 32 destinations");
+        if (const auto present = known.extract(session.id)) {
+            mirror.slot = present.mapped().slot;
+            mirror.place = present.mapped().place;
+            continue;
+        }
+        if (freeMirrors.empty())
+            return Fail(STATUS_NO_SPACE, "the data path has no room for another mirror session");
+        mirror.isNew = true;
+        mirror.slot = freeMirrors.back();
+        change.takenMirrors.push_back(mirror.slot);
+        freeMirrors.pop_back();
+        while (usedPlaces.contains(place))
+            place++;
+        mirror.place = place++;
+    }
+    for (const auto &[id, mirror] : known)
+        change.releasedMirrors.push_back(mirror.slot);
+    return STATUS_OK;
+}
+
 bool DataPath::NeedsSnapshot(const Change &change)
 {
     const auto current = switches.find(change.switchIndex);
@@ -277,9 +329,9 @@ bool DataPath::NeedsSnapshot(const Change &change)
     });
 }
 
-VsStatus DataPath::AddSnapshot(const std::vector<PlacedPort> &ports, Change &change)
+VsStatus DataPath::AddSnapshot(Change &change)
 {
-    change.snapshot = MakeSnapshot(change.config, ports);
+    change.snapshot = MakeSnapshot({change.config, change.ports, change.mirrors});
     if (change.snapshot) return STATUS_OK;
     return Fail(STATUS_NO_SPACE,
                 std::string("the kernel has no room for the configuration: ") + strerror(errno));
@@ -296,8 +348,9 @@ VsStatus DataPath::PrepareSwitch(const SwitchConfig &config, Change &change)
     change.config = config;
     change.config.ports.clear();
     if (VsStatus status = PlacePorts(config, change)) return status;
+    if (VsStatus status = PlaceMirrors(config, change)) return status;
     if (VsStatus status = CheckStaticAddresses(change)) return status;
-    return NeedsSnapshot(change) ? AddSnapshot(change.ports, change) : STATUS_OK;
+    return NeedsSnapshot(change) ? AddSnapshot(change) : STATUS_OK;
 }
 
 VsStatus DataPath::PreparePort(const PortConfig &port, Change &change)
@@ -330,6 +383,8 @@ VsStatus DataPath::PrepareRemoval(const std::string &switchId, Change &change)
         change.removesSwitch = true;
         for (const auto &[number, port] : vswitch.ports)
             change.releasedSlots.push_back(port.slot);
+        for (const auto &[id, mirror] : vswitch.mirrors)
+            change.releasedMirrors.push_back(mirror.slot);
         return STATUS_OK;
     }
     return Fail(STATUS_NOT_FOUND, "the data path has no switch " + switchId);
@@ -351,6 +406,9 @@ void DataPath::Publish(const std::vector<Change *> &changes)
             StartSlot(port.slot);
             WritePort(port, *change);
         }
+    for (const Change *change : changes)
+        for (const PlacedMirror &mirror : change->mirrors)
+            if (mirror.isNew) StartMirror(mirror, change->switchIndex);
     ExchangeSnapshots(changes);
     for (Change *change : changes)
         Settle(*change);
@@ -376,6 +434,34 @@ void DataPath::StartSlot(uint32_t slot)
     port.uplinkSlot = port.leftUplinks = port.floodSecond = port.floodCount = 0;
     const std::vector<LiveCounters> zeros(static_cast<size_t>(libbpf_num_possible_cpus()));
     bpf_map_update_elem(kernel.MapDescriptor("counters"), &slot, zeros.data(), BPF_ANY);
+}
+
+void DataPath::StartMirror(const PlacedMirror &mirror, uint32_t switchIndex)
+{
+    LiveMirrorSlot &slot = kernel.mirrors[mirror.slot];
+    const std::vector<LiveMirrorCounters> zeros(static_cast<size_t>(libbpf_num_possible_cpus()));
+    bpf_map_update_elem(kernel.MapDescriptor("mirror_counters"), &mirror.slot, zeros.data(), BPF_ANY);
+    slot = {};
+    slot.switchIndex = switchIndex;
+    slot.place = mirror.place;
+    slot.isEnabled = mirror.config.isEnabled;
+    mirror.config.id.copy(slot.id, sizeof(slot.id));
+    WriteWord(slot.inUse, 1);
+}
+
+// A slot is free when no snapshot names it any more.
+void DataPath::SettleMirrors(const Change &change)
+{
+    for (const PlacedMirror &mirror : change.mirrors)
+        WriteWord(kernel.mirrors[mirror.slot].isEnabled, mirror.config.isEnabled);
+    for (uint32_t slot : change.releasedMirrors)
+        WriteWord(kernel.mirrors[slot].inUse, 0);
+    freeMirrors.insert(freeMirrors.end(), change.releasedMirrors.begin(), change.releasedMirrors.end());
+    if (change.removesSwitch || !change.isWhole) return;
+    auto &known = switches[change.switchIndex].mirrors;
+    known.clear();
+    for (const PlacedMirror &mirror : change.mirrors)
+        known[mirror.config.id] = {.config = {}, .slot = mirror.slot, .place = mirror.place};
 }
 
 void DataPath::WritePort(const PlacedPort &placed, const Change &change)
@@ -437,6 +523,7 @@ void DataPath::Settle(Change &change)
         change.movesUplinks = UplinksOf(switches[change.switchIndex].ports) != UplinksOf(change.ports);
         WriteSwitch(change);
     }
+    SettleMirrors(change);
     for (const PlacedPort &port : change.ports)
         SettlePort(port, change);
     for (uint32_t slot : change.releasedSlots) {

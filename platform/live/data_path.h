@@ -37,8 +37,11 @@ private:
     bool movesPrivateVlans = false; // what trunks have learned is in other VLANs now
     SwitchConfig config;            // without ports
     std::vector<PlacedPort> ports;
+    std::vector<PlacedMirror> mirrors; // of a whole change
     std::vector<uint32_t> takenSlots;
     std::vector<uint32_t> releasedSlots;
+    std::vector<uint32_t> takenMirrors; // slots
+    std::vector<uint32_t> releasedMirrors;
     Descriptor snapshot;
 };
 
@@ -58,10 +61,10 @@ public:
     // Words that hold for all switches.
     void SetHost(const HostConfig &config);
 
-    // STATUS_NO_SPACE: a map is full, more static addresses than half of their table, more than LIVE_UPLINKS
-    // uplinks, or the kernel has no memory. STATUS_EXISTS: another port has the
-    // number or the interface. STATUS_BAD_PARAM: the id's length.
-    // STATUS_NOT_FOUND: no such switch or port. At most one change of a switch is under way.
+    // STATUS_NO_SPACE: a map is full, more static addresses than half of their table, more uplinks, mirror
+    // sessions or destinations of one than a switch may have, or the kernel has no memory. STATUS_EXISTS:
+    // another port has the number or the interface. STATUS_BAD_PARAM: the id's length. STATUS_NOT_FOUND: no
+    // such switch or port. At most one change of a switch is under way.
     VsStatus PrepareSwitch(const SwitchConfig &config, Change &change);
     VsStatus PreparePort(const PortConfig &port, Change &change);
     VsStatus PrepareRemoval(const std::string &switchId, Change &change);
@@ -97,11 +100,13 @@ private:
         SwitchConfig config;  // without ports
         bool isKnown = false; // false: taken over, with nothing but the numbers of its ports
         std::map<uint32_t, PlacedPort> ports;
+        std::map<std::string, PlacedMirror> mirrors; // by id, without their configuration
     };
 
     VsStatus Fail(VsStatus status, const std::string &text);
     void TakeOverSwitches();
     void TakeOverInterfaces();
+    void TakeOverMirrors();
     void TakeOverStaticAddresses();
     VsStatus MeasureTick();
     VsStatus TakeSwitchIndex(const std::string &id, Change &change);
@@ -109,12 +114,15 @@ private:
     VsStatus CheckStaticAddresses(const Change &change);
     VsStatus PlacePorts(const SwitchConfig &config, Change &change);
     VsStatus TakeSlot(Change &change, uint32_t &slot);
+    VsStatus PlaceMirrors(const SwitchConfig &config, Change &change);
     void GiveBack(Change &change);
     bool NeedsSnapshot(const Change &change);
-    VsStatus AddSnapshot(const std::vector<PlacedPort> &ports, Change &change);
+    VsStatus AddSnapshot(Change &change);
 
     void WritePort(const PlacedPort &port, const Change &change);
     void StartSlot(uint32_t slot);
+    void StartMirror(const PlacedMirror &mirror, uint32_t switchIndex);
+    void SettleMirrors(const Change &change);
     void WriteSwitch(const Change &change);
     void WriteActiveUplinks(uint32_t switchIndex);
     void SilencePorts(const Change &change);
@@ -139,7 +147,8 @@ private:
     std::unordered_map<uint32_t, uint32_t> portSwitches; // number of a port -> index of its switch
     std::unordered_map<uint32_t, uint32_t> interfaces;   // ifindex -> number of its port
     std::vector<uint32_t> freeSlots;
-    std::set<uint32_t> takenIndexes; // of switches, by changes that are not published
+    std::vector<uint32_t> freeMirrors; // slots of mirror sessions
+    std::set<uint32_t> takenIndexes;   // of switches, by changes that are not published
     // Static addresses that met the deletion of an entry: they are added at the next sweep.
     std::vector<std::pair<uint32_t, StaticAddress>> delayed;
     std::vector<uint32_t> forgetful; // slots of ports that have forgotten addresses still in the table

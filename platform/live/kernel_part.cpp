@@ -115,6 +115,7 @@ template<typename Value> bool SharedArray<Value>::Map(int fd, uint32_t count)
 template class SharedArray<LivePort>;
 template class SharedArray<LiveSwitch>;
 template class SharedArray<LiveHost>;
+template class SharedArray<LiveMirrorSlot>;
 
 KernelPart::KernelPart() = default;
 KernelPart::~KernelPart() = default;
@@ -204,7 +205,8 @@ VsStatus KernelPart::Load(const LoadOptions &options)
         return bpf_map__max_entries(bpf_object__find_map_by_name(object.get(), name));
     };
     if (!ports.Map(MapDescriptor("ports"), entries("ports")) ||
-        !switches.Map(MapDescriptor("switches"), entries("switches")) || !host.Map(MapDescriptor("host"), 1))
+        !switches.Map(MapDescriptor("switches"), entries("switches")) ||
+        !host.Map(MapDescriptor("host"), 1) || !mirrors.Map(MapDescriptor("mirrors"), entries("mirrors")))
         return Fail(vshost::STATUS_NO_MEMORY, "cannot map the data path's arrays", errno);
     return vshost::STATUS_OK;
 }

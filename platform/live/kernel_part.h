@@ -97,6 +97,7 @@ public:
     SharedArray<LivePort> ports;
     SharedArray<LiveSwitch> switches;
     SharedArray<LiveHost> host;
+    SharedArray<LiveMirrorSlot> mirrors;
 
 private:
     VsStatus Fail(VsStatus status, const std::string &what, int error);

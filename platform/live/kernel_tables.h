@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,14 @@ struct Owner {
     bool isKept;
 };
 
+// A mirror session that the data path has.
+struct MirrorEntry {
+    std::string id;
+    uint32_t place = 0;
+    bool isEnabled = false;
+    LiveMirrorCounters counters = {};
+};
+
 using VisitAddress = std::function<void(const LiveAddressKey &, const LiveAddress &)>;
 
 // Every entry of the map of addresses, in batches, so that no packet waits for the whole table.
@@ -48,6 +57,10 @@ public:
 
     VsStatus ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries) const;
     VsStatus ReadCounters(uint32_t portNumber, LiveCounters &counters) const;
+    VsStatus ReadMirrors(const std::string &switchId, std::vector<MirrorEntry> &entries) const;
+    // The numbers of ports that get frames which are not for them: destinations of sessions that are enabled,
+    // and ports that get all frames.
+    VsStatus ReadObservers(const std::string &switchId, std::set<uint32_t> &portNumbers) const;
     // The port of the uplink that a port last sent by. STATUS_NOT_FOUND: it has sent by none.
     VsStatus ReadUplink(uint32_t portNumber, uint32_t &uplinkNumber) const;
 

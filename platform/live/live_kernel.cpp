@@ -94,4 +94,35 @@ VsStatus LiveKernel::ReadUplink(const RunningPort &port, uint32_t &uplinkNumber)
     return tables.ReadUplink(port.number, uplinkNumber);
 }
 
+VsStatus LiveKernel::ReadMirrors(Reader &, const RunningSwitch &vswitch,
+                                 std::vector<VSwitchMirrorStats> &sessions)
+{
+    std::vector<MirrorEntry> entries;
+    const VsStatus status = tables.ReadMirrors(vswitch.switchId, entries);
+    for (const MirrorEntry &entry : entries) {
+        const auto count = [&](LiveMirrorCounter row) { return entry.counters.values[row]; };
+        VSwitchMirrorStats &stats = sessions.emplace_back();
+        stats = {};
+        entry.id.copy(stats.sessionId, sizeof(stats.sessionId));
+        stats.active = entry.isEnabled;
+        stats.mirroredPackets = count(LIVE_MIRROR_SENT_PACKETS);
+        stats.mirroredBytes = count(LIVE_MIRROR_SENT_BYTES);
+        stats.droppedPackets = count(LIVE_MIRROR_DROPPED_PACKETS);
+        stats.droppedBytes = count(LIVE_MIRROR_DROPPED_BYTES);
+        stats.txPackets = count(LIVE_MIRROR_TO_PACKETS);
+        stats.txBytes = count(LIVE_MIRROR_TO_BYTES);
+        stats.rxPackets = count(LIVE_MIRROR_FROM_PACKETS);
+        stats.rxBytes = count(LIVE_MIRROR_FROM_BYTES);
+        stats.truncated = count(LIVE_MIRROR_TRUNCATED);
+        stats.encapsulationErrors = count(LIVE_MIRROR_NOT_TAGGED);
+        stats.unreachable = count(LIVE_MIRROR_UNREACHABLE);
+    }
+    return AbsentIsOk(status);
+}
+
+VsStatus LiveKernel::ReadObservers(Reader &, const RunningSwitch &vswitch, std::set<uint32_t> &portNumbers)
+{
+    return AbsentIsOk(tables.ReadObservers(vswitch.switchId, portNumbers));
+}
+
 }

@@ -19,6 +19,10 @@ public:
     VsStatus ReadTeaming(vshost::Reader &reader, std::string_view portset,
                          std::span<const vshost::RunningPort> uplinks, VSwitchTeamingStats &stats) override;
     VsStatus ReadUplink(const vshost::RunningPort &port, uint32_t &uplinkNumber) override;
+    VsStatus ReadMirrors(vshost::Reader &reader, const vshost::RunningSwitch &vswitch,
+                         std::vector<VSwitchMirrorStats> &sessions) override;
+    VsStatus ReadObservers(vshost::Reader &reader, const vshost::RunningSwitch &vswitch,
+                           std::set<uint32_t> &portNumbers) override;
     bool TakesLearnedAddresses() const override { return false; }
 
 private:

@@ -25,7 +25,7 @@
 #define LIVE_ASSERT(condition) _Static_assert(condition, #condition)
 #endif
 
-#define LIVE_LAYOUT_VERSION 2u
+#define LIVE_LAYOUT_VERSION 3u
 
 #define LIVE_VLANS 4096u
 #define LIVE_VLAN_MAX 4094u /* a larger access VLAN carries nothing */
@@ -40,7 +40,8 @@ enum LivePortFlag {
     LIVE_PORT_ALL_FRAMES = 16,         /* gets all frames of its VLANs, also those that are not for it */
     LIVE_PORT_ADDRESS_LOCK = 32,       /* may send from its first address alone */
     LIVE_PORT_STATIC_ONLY = 64,        /* may send from its static addresses alone */
-    LIVE_PORT_FILTERED = 128           /* its record has rules for EtherTypes */
+    LIVE_PORT_FILTERED = 128,          /* its record has rules for EtherTypes */
+    LIVE_PORT_MIRRORED = 256           /* its record names mirror sessions */
 };
 
 /*
@@ -229,7 +230,7 @@ struct LiveSnapshotHeader {
     struct LiveSection allFrames;    /* LiveSlots: those of them that get all frames */
     struct LiveSection teams;        /* LiveTeam */
     struct LiveSection privateVlans; /* LiveIdentities of all VLANs, or nothing */
-    struct LiveSection mirrors;      /* room, as the next ones */
+    struct LiveSection mirrors;      /* LiveMirror: whole copies first, then the longest cut first */
     struct LiveSection reserved[2];
     uint32_t uplinkCount;
     uint32_t headerReserved[15];
@@ -243,7 +244,11 @@ struct LivePortRecord {
     uint32_t slot; /* the record is of this port, or of none */
     uint32_t filterCount;
     uint32_t team; /* 1 + its place in the section of teams; 0: all uplinks by the port's number */
-    uint32_t recordReserved[13];
+    uint32_t recordReserved[7];
+    /* Bits of mirror sessions, by LiveMirror.place. */
+    uint64_t mirrorsFrom;            /* copy what the port sends */
+    uint64_t mirrorsTo;              /* copy what it gets */
+    uint64_t mirrorsOwn;             /* those of mirrorsTo that have the port as a destination too */
     uint64_t vlans[LIVE_VLANS / 64]; /* of a trunk: bit v of word v / 64 for VLAN v; bit 0: untagged */
     VSwitchFilterRule filter[VSWITCH_FILTER_RULES];
 };
@@ -279,6 +284,71 @@ struct LiveTeams {
     struct LiveTeam teams[LIVE_TEAMS];
 };
 LIVE_ASSERT(sizeof(struct LiveTeams) == LIVE_ELEMENT_SIZE);
+
+#define LIVE_MIRRORS 32u /* sessions of a switch */
+#define LIVE_MIRROR_PLACES                                                                                   \
+    64u /* twice as many: a session that comes never takes the place of one that goes */
+#define LIVE_MIRROR_DESTINATIONS 32u /* of a session */
+#define LIVE_MIRROR_SHORTEST 14u     /* a copy isn't cut within its Ethernet header */
+
+/**
+ * A mirror session. It keeps its place and its slot in the maps `mirrors` and `mirror_counters` for as long
+ * as it exists, so that a frame that meets two snapshots means the same session in both.
+ */
+struct LiveMirror {
+    uint32_t slot;
+    uint32_t place;
+    uint32_t snapLength; /* bytes of a copy without tags that are put around it; 0: all */
+    uint32_t sampling;   /* every n-th frame is copied; not 0 */
+    uint16_t outerVlan;  /* 0: no tag around that of the frame */
+    uint8_t stripsTag;
+    uint8_t count;                            /* of destinations */
+    uint32_t ownDestinations;                 /* bit i: what destination i gets is copied, too */
+    uint32_t slots[LIVE_MIRROR_DESTINATIONS]; /* of ports; UINT32_MAX: it has no interface */
+    uint32_t mirrorReserved[10];
+};
+LIVE_ASSERT(sizeof(struct LiveMirror) == 192);
+
+#define LIVE_MIRRORS_IN_ELEMENT 4u
+
+struct LiveMirrors {
+    struct LiveMirror mirrors[LIVE_MIRRORS_IN_ELEMENT];
+};
+LIVE_ASSERT(sizeof(struct LiveMirrors) == LIVE_ELEMENT_SIZE);
+
+/** Which session has a slot. */
+struct LiveMirrorSlot {
+    uint32_t inUse;
+    uint32_t switchIndex;
+    uint32_t place;
+    uint32_t isEnabled;
+    char id[32];
+    uint64_t seen; /* written by the data path: frames of which every n-th is copied */
+    uint64_t slotReserved;
+};
+LIVE_ASSERT(sizeof(struct LiveMirrorSlot) == 64);
+
+/** What a session has done. */
+enum LiveMirrorCounter {
+    LIVE_MIRROR_FROM_PACKETS, /* from source ports, whether they were copied or not */
+    LIVE_MIRROR_FROM_BYTES,
+    LIVE_MIRROR_TO_PACKETS, /* to source ports */
+    LIVE_MIRROR_TO_BYTES,
+    LIVE_MIRROR_SENT_PACKETS, /* copies that destinations took */
+    LIVE_MIRROR_SENT_BYTES,
+    LIVE_MIRROR_DROPPED_PACKETS, /* copies that a destination refused, and frames that could not be cut */
+    LIVE_MIRROR_DROPPED_BYTES,
+    LIVE_MIRROR_TRUNCATED,   /* frames of which copies were cut */
+    LIVE_MIRROR_NOT_TAGGED,  /* frames that could not be given the tags of a copy */
+    LIVE_MIRROR_UNREACHABLE, /* copies whose destination has no interface */
+    LIVE_MIRROR_COUNTERS
+};
+
+struct LiveMirrorCounters {
+    uint64_t values[LIVE_MIRROR_COUNTERS];
+    uint64_t countersReserved[5];
+};
+LIVE_ASSERT(sizeof(struct LiveMirrorCounters) == 128);
 
 /** Mixes a word into a hash, by which flows are spread. */
 static inline uint32_t LiveMix(uint32_t hash, uint32_t word)

@@ -1,5 +1,6 @@
 #include "platform/live/policies.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/host/runtime.h"
@@ -22,6 +23,66 @@ bool IsWhole(const VSwitchFilter &filter)
             filter.rules[i].action > VSWITCH_FILTER_DROP)
             return false;
     return true;
+}
+
+// ---- Lists of mirror sessions ----
+
+struct [[gnu::packed]] MirrorListHeader {
+    uint32_t magic;
+    uint32_t version;
+    uint32_t sessionCount;
+    uint32_t portCount;
+    uint32_t reserved;
+};
+static_assert(sizeof(MirrorListHeader) == 20);
+
+struct [[gnu::packed]] MirrorRecord {
+    char id[32];
+    VSwitchMirrorSettings settings;
+    uint32_t fromCount;
+    uint32_t toCount;
+    uint32_t destinationCount;
+    uint32_t firstPort;
+
+    uint64_t EndOfPorts() const { return uint64_t{firstPort} + fromCount + toCount + destinationCount; }
+};
+static_assert(sizeof(MirrorRecord) == 232);
+
+bool IsWhole(const MirrorRecord &record, uint32_t portCount)
+{
+    const VSwitchMirrorSettings &settings = record.settings;
+    return settings.version == VSWITCH_MIRROR_VERSION && settings.enabled <= 1 && settings.stripTag <= 1 &&
+           settings.outerVlan <= LIVE_VLAN_MAX && record.EndOfPorts() <= portCount;
+}
+
+// Takes `count` entries off the front.
+std::vector<uint32_t> TakePorts(std::string_view &entries, uint32_t count, const FindPortNumber &findPort)
+{
+    std::vector<uint32_t> numbers;
+    for (; count > 0; count--, entries.remove_prefix(sizeof(VSwitchMirrorPort))) {
+        VSwitchMirrorPort port;
+        memcpy(&port, entries.data(), sizeof(port));
+        const std::string id(port.dvPortId, strnlen(port.dvPortId, sizeof(port.dvPortId)));
+        const uint32_t number = id.empty() ? port.number : findPort(id);
+        if (std::find(numbers.begin(), numbers.end(), number) == numbers.end()) numbers.push_back(number);
+    }
+    return numbers;
+}
+
+MirrorSession SessionOf(const MirrorRecord &record, std::string_view entries, const FindPortNumber &findPort)
+{
+    entries.remove_prefix(size_t{record.firstPort} * sizeof(VSwitchMirrorPort));
+    MirrorSession session;
+    session.id.assign(record.id, strnlen(record.id, sizeof(record.id)));
+    session.isEnabled = record.settings.enabled;
+    session.snapLength = record.settings.snapLength;
+    session.sampling = record.settings.sampling;
+    session.outerVlan = record.settings.outerVlan;
+    session.stripsTag = record.settings.stripTag;
+    session.from = TakePorts(entries, record.fromCount, findPort);
+    session.to = TakePorts(entries, record.toCount, findPort);
+    session.destinations = TakePorts(entries, record.destinationCount, findPort);
+    return session;
 }
 
 }
@@ -57,6 +118,26 @@ std::vector<PrivateVlan> DecodePrivateVlans(std::string_view value)
         map.push_back({entry.primary, entry.secondary, static_cast<PrivateVlanType>(entry.type)});
     }
     return value.empty() ? map : std::vector<PrivateVlan>();
+}
+
+void DecodeMirrors(std::string_view list, const FindPortNumber &findPort,
+                   std::vector<MirrorSession> &sessions)
+{
+    MirrorListHeader header;
+    if (list.size() < sizeof(header)) return;
+    memcpy(&header, list.data(), sizeof(header));
+    list.remove_prefix(sizeof(header));
+    const uint64_t recordsSize = uint64_t{header.sessionCount} * sizeof(MirrorRecord);
+    if (recordsSize + uint64_t{header.portCount} * sizeof(VSwitchMirrorPort) > list.size()) return;
+    const std::string_view entries = list.substr(recordsSize);
+    for (uint32_t i = 0; i < header.sessionCount; i++, list.remove_prefix(sizeof(MirrorRecord))) {
+        MirrorRecord record;
+        memcpy(&record, list.data(), sizeof(record));
+        if (!IsWhole(record, header.portCount)) continue;
+        MirrorSession session = SessionOf(record, entries, findPort);
+        const auto isIt = [&](const MirrorSession &other) { return other.id == session.id; };
+        if (std::none_of(sessions.begin(), sessions.end(), isIt)) sessions.push_back(std::move(session));
+    }
 }
 
 }

@@ -15,7 +15,19 @@ constexpr size_t ELEMENT = LIVE_ELEMENT_SIZE;
 
 uint32_t FlagIf(bool isSet, LivePortFlag flag) { return isSet ? flag : 0; }
 
-uint32_t FlagsWord(const PortConfig &port)
+bool Contains(const std::vector<uint32_t> &numbers, uint32_t number)
+{
+    return std::find(numbers.begin(), numbers.end(), number) != numbers.end();
+}
+
+bool IsMirrored(const SwitchConfig &vswitch, uint32_t portNumber)
+{
+    return std::any_of(vswitch.mirrors.begin(), vswitch.mirrors.end(), [&](const MirrorSession &mirror) {
+        return mirror.isEnabled && (Contains(mirror.from, portNumber) || Contains(mirror.to, portNumber));
+    });
+}
+
+uint32_t FlagsWord(const SwitchConfig &vswitch, const PortConfig &port)
 {
     return FlagIf(port.uplink, LIVE_PORT_UPLINK) | FlagIf(port.blocked, LIVE_PORT_BLOCKED) |
            FlagIf(port.learning, LIVE_PORT_LEARNING) |
@@ -23,7 +35,8 @@ uint32_t FlagsWord(const PortConfig &port)
            FlagIf(port.getsAllFrames && !port.uplink, LIVE_PORT_ALL_FRAMES) |
            FlagIf(port.addressLock && !port.uplink, LIVE_PORT_ADDRESS_LOCK) |
            FlagIf(port.staticOnly && !port.uplink, LIVE_PORT_STATIC_ONLY) |
-           FlagIf(!port.filter.empty(), LIVE_PORT_FILTERED);
+           FlagIf(!port.filter.empty(), LIVE_PORT_FILTERED) |
+           FlagIf(IsMirrored(vswitch, port.number), LIVE_PORT_MIRRORED);
 }
 
 uint32_t VlanWord(const SwitchConfig &vswitch, const PortConfig &port)
@@ -64,11 +77,32 @@ void SetVlans(const PortConfig &port, LivePortRecord &record)
     if (port.uplink) record.vlans[0] |= 1;
 }
 
-// The elements of a snapshot one after the other: header, records, lists, private VLANs.
+void SetMirrors(const std::vector<PlacedMirror> &mirrors, uint32_t portNumber, LivePortRecord &record)
+{
+    for (const PlacedMirror &mirror : mirrors) {
+        const uint64_t bit = uint64_t{1} << mirror.place;
+        const bool isReceiver = Contains(mirror.config.to, portNumber);
+        if (!mirror.config.isEnabled) continue;
+        if (Contains(mirror.config.from, portNumber)) record.mirrorsFrom |= bit;
+        if (isReceiver) record.mirrorsTo |= bit;
+        if (isReceiver && Contains(mirror.config.destinations, portNumber)) record.mirrorsOwn |= bit;
+    }
+}
+
+// What is cut comes last, and the longest first: the data path cuts the frame itself.
+bool IsCutEarlier(const PlacedMirror &a, const PlacedMirror &b)
+{
+    const uint32_t lengthA = a.config.snapLength - 1, lengthB = b.config.snapLength - 1; // 0 is the longest
+    return lengthA != lengthB ? lengthA > lengthB : a.place < b.place;
+}
+
+// The elements of a snapshot one after the other: header, records, lists, private VLANs, mirror sessions.
 class Layout {
 public:
-    Layout(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports) : vswitch(vswitch), ports(ports)
+    explicit Layout(const PlacedSwitch &placed)
+        : vswitch(placed.config), ports(placed.ports), mirrors(placed.mirrors)
     {
+        std::sort(mirrors.begin(), mirrors.end(), IsCutEarlier);
         for (const PlacedPort &port : ports) {
             positions = std::max(positions, port.position + 1);
             header.flood.count += IsListed(port.config);
@@ -82,8 +116,11 @@ public:
         header.teams.first = header.allFrames.first + ListElements(header.allFrames);
         header.privateVlans.first = header.teams.first + (header.teams.count + LIVE_TEAMS - 1) / LIVE_TEAMS;
         if (!vswitch.privateVlans.empty()) header.privateVlans.count = LIVE_VLANS;
-        elements =
+        header.mirrors.first =
             header.privateVlans.first + (header.privateVlans.count + LIVE_IDENTITIES - 1) / LIVE_IDENTITIES;
+        header.mirrors.count = static_cast<uint32_t>(mirrors.size());
+        elements = header.mirrors.first +
+                   (header.mirrors.count + LIVE_MIRRORS_IN_ELEMENT - 1) / LIVE_MIRRORS_IN_ELEMENT;
     }
 
     uint32_t Elements() const { return elements; }
@@ -98,6 +135,7 @@ public:
             record->slot = port.slot;
             SetVlans(port.config, *record);
             SetFilter(port.config, *record);
+            SetMirrors(mirrors, port.config.number, *record);
             record->team = TeamNumber(port.config);
             if (port.config.uplink && header.uplinkCount < LIVE_UPLINKS)
                 header.uplinkSlots[header.uplinkCount++] = port.slot;
@@ -107,6 +145,7 @@ public:
         }
         FillTeams(memory);
         FillPrivateVlans(memory);
+        FillMirrors(memory);
         std::memcpy(memory, &header, ELEMENT);
     }
 
@@ -182,8 +221,38 @@ private:
         }
     }
 
+    // A port of another switch, or without an interface, has no slot here.
+    uint32_t SlotOf(uint32_t portNumber) const
+    {
+        const auto isIt = [&](const PlacedPort &port) { return port.config.number == portNumber; };
+        const auto found = std::find_if(ports.begin(), ports.end(), isIt);
+        return found == ports.end() ? UINT32_MAX : found->slot;
+    }
+
+    void FillMirrors(uint8_t *memory)
+    {
+        for (uint32_t i = 0; i < header.mirrors.count; i++) {
+            uint8_t *element = memory + (header.mirrors.first + i / LIVE_MIRRORS_IN_ELEMENT) * ELEMENT;
+            LiveMirror &mirror =
+                reinterpret_cast<LiveMirrors *>(element)->mirrors[i % LIVE_MIRRORS_IN_ELEMENT];
+            const MirrorSession &config = mirrors[i].config;
+            mirror.slot = mirrors[i].slot;
+            mirror.place = mirrors[i].place;
+            if (config.snapLength) mirror.snapLength = std::max(config.snapLength, LIVE_MIRROR_SHORTEST);
+            mirror.sampling = std::max(config.sampling, 1u);
+            mirror.outerVlan = config.outerVlan;
+            mirror.stripsTag = config.stripsTag;
+            for (uint32_t number : config.destinations) {
+                if (mirror.count == LIVE_MIRROR_DESTINATIONS) break;
+                mirror.ownDestinations |= uint32_t{Contains(config.to, number)} << mirror.count;
+                mirror.slots[mirror.count++] = SlotOf(number);
+            }
+        }
+    }
+
     const SwitchConfig &vswitch;
     const std::vector<PlacedPort> &ports;
+    std::vector<PlacedMirror> mirrors;
     LiveSnapshotHeader header = {};
     std::vector<const Team *> teams;
     uint32_t positions = 0;
@@ -205,7 +274,7 @@ LivePort WordsOf(const SwitchConfig &vswitch, const PlacedPort &placed, uint32_t
     words.position = placed.position;
     words.addressLimit = placed.config.addressLimit;
     words.vlan = VlanWord(vswitch, placed.config);
-    words.flags = FlagsWord(placed.config);
+    words.flags = FlagsWord(vswitch, placed.config);
     words.ifindex = placed.config.ifindex;
     words.inUse = 1;
     return words;
@@ -235,9 +304,9 @@ bool DifferInSnapshot(const PortConfig &a, const PortConfig &b)
            GetsAllFrames(a) != GetsAllFrames(b) || a.filter != b.filter || a.team != b.team;
 }
 
-std::vector<uint8_t> SnapshotBytes(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports)
+std::vector<uint8_t> SnapshotBytes(const PlacedSwitch &vswitch)
 {
-    Layout layout(vswitch, ports);
+    Layout layout(vswitch);
     std::vector<uint8_t> bytes(layout.Elements() * ELEMENT);
     layout.Fill(bytes.data());
     return bytes;
@@ -245,7 +314,7 @@ std::vector<uint8_t> SnapshotBytes(const SwitchConfig &vswitch, const std::vecto
 
 bool DifferInSnapshot(const SwitchConfig &a, const SwitchConfig &b)
 {
-    return a.privateVlans != b.privateVlans;
+    return a.privateVlans != b.privateVlans || a.mirrors != b.mirrors;
 }
 
 uint32_t IdentityOf(const SwitchConfig &vswitch, uint32_t vlan)
@@ -264,9 +333,9 @@ uint32_t IdentityOf(const SwitchConfig &vswitch, uint32_t vlan)
     }
 }
 
-Descriptor MakeSnapshot(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports)
+Descriptor MakeSnapshot(const PlacedSwitch &vswitch)
 {
-    Layout layout(vswitch, ports);
+    Layout layout(vswitch);
     bpf_map_create_opts options = {};
     options.sz = sizeof(options);
     options.map_flags = BPF_F_INNER_MAP | BPF_F_MMAPABLE;

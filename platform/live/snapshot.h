@@ -35,6 +35,21 @@ struct PlacedPort {
     bool isNew = false; // of a change: the port comes with it
 };
 
+// A mirror session with its places in the maps.
+struct PlacedMirror {
+    MirrorSession config;
+    uint32_t slot = 0;
+    uint32_t place = 0;
+    bool isNew = false; // of a change: the session comes with it
+};
+
+// All that a switch has.
+struct PlacedSwitch {
+    const SwitchConfig &config; // without ports
+    const std::vector<PlacedPort> &ports;
+    const std::vector<PlacedMirror> &mirrors;
+};
+
 // The words of a port and of a switch as user space writes them; the rest is 0.
 LivePort WordsOf(const SwitchConfig &vswitch, const PlacedPort &port, uint32_t switchIndex);
 LiveSwitch WordsOf(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports);
@@ -46,11 +61,11 @@ bool DifferInSnapshot(const SwitchConfig &a, const SwitchConfig &b);
 // Where a VLAN is in the switch's private VLANs, see LivePort.vlan.
 uint32_t IdentityOf(const SwitchConfig &vswitch, uint32_t vlan);
 
-// The elements of a snapshot of the switch with these ports, one after the other.
-std::vector<uint8_t> SnapshotBytes(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports);
+// The elements of a snapshot of the switch, one after the other.
+std::vector<uint8_t> SnapshotBytes(const PlacedSwitch &vswitch);
 
 // Makes and fills such a snapshot. No descriptor (errno) when the kernel has no
 // room for it.
-Descriptor MakeSnapshot(const SwitchConfig &vswitch, const std::vector<PlacedPort> &ports);
+Descriptor MakeSnapshot(const PlacedSwitch &vswitch);
 
 }

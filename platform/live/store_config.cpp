@@ -20,6 +20,8 @@ constexpr std::string_view KEY_PRIVATE_VLANS = "com.talpex.vswitch.pvlanMap";
 constexpr std::string_view KEY_NESTED_TAG = "com.talpex.vswitch.port.vlanNestedTag";
 constexpr std::string_view KEY_SECURITY = "com.talpex.vswitch.port.security";
 
+constexpr std::string_view KEY_HOST_MIRROR = "com.talpex.vswitch.uplinkMirrorSessions";
+
 constexpr uint16_t NO_VLAN = 0xffff; // carries nothing
 
 static_assert(sizeof(VlanRange) == 4);
@@ -140,6 +142,30 @@ VsStatus ReadPrivateVlans(Reader &reader, const std::string &switchId, SwitchCon
     return status;
 }
 
+// Of sessions with one id the first holds: the host's list comes before those of ports.
+VsStatus ReadMirrors(Reader &reader, const std::string &switchId, SwitchConfig &config)
+{
+    std::string list;
+    std::vector<std::string> portIds;
+    VsStatus failure = STATUS_OK;
+    const auto findPort = [&](const std::string &portId) {
+        uint32_t number = UINT32_MAX;
+        const VsStatus status = GetPortNumber(reader, switchId, portId, number);
+        if (status && status != STATUS_NOT_FOUND) failure = status;
+        return status ? UINT32_MAX : number;
+    };
+    if (VsStatus status = ReadValue(reader, {StoredLevel::HOST, switchId}, KEY_HOST_MIRROR, list))
+        return status;
+    DecodeMirrors(list, findPort, config.mirrors);
+    if (VsStatus status = ListPortsWith(reader, MIRRORED, switchId, portIds)) return status;
+    for (const std::string &portId : portIds) {
+        const PropertyOwner port{StoredLevel::PORT, switchId, portId};
+        if (VsStatus status = ReadValue(reader, port, KEY_PORT_MIRROR, list)) return status;
+        DecodeMirrors(list, findPort, config.mirrors);
+    }
+    return failure;
+}
+
 VsStatus ReadAddresses(Reader &reader, const std::string &portset, const std::string &portId,
                        PortConfig &port)
 {
@@ -203,6 +229,7 @@ VsStatus ReadSwitchPolicies(Reader &reader, const std::string &portset, SwitchCo
     config.mtu = running.mtu;
     if (VsStatus status = ReadLimits(reader, config.id, config)) return status;
     if (VsStatus status = ReadLearnStatic(reader, config.id, config)) return status;
+    if (VsStatus status = ReadMirrors(reader, config.id, config)) return status;
     return ReadPrivateVlans(reader, config.id, config);
 }
 

@@ -66,6 +66,21 @@ struct {
     __type(value, struct LiveAddress);
 } addresses SEC(".maps");
 
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_MMAPABLE);
+    __uint(max_entries, 1024);
+    __type(key, uint32_t);
+    __type(value, struct LiveMirrorSlot);
+} mirrors SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, 1024);
+    __type(key, uint32_t);
+    __type(value, struct LiveMirrorCounters);
+} mirror_counters SEC(".maps");
+
 struct Snapshot {
     __uint(type, BPF_MAP_TYPE_ARRAY);
     __uint(map_flags, BPF_F_INNER_MAP | BPF_F_MMAPABLE);
@@ -124,6 +139,19 @@ static __always_inline int SendLast(struct __sk_buff *skb, uint32_t ifindex)
 
 enum Destination { UNICAST, MULTICAST, BROADCAST };
 
+// What mirror sessions make copies of. Bits are those of LivePortRecord.
+struct Mirrored {
+    uint64_t from;
+    uint64_t to;
+    uint64_t own;
+    uint32_t switchIndex;
+    uint32_t slot; // of the sender
+    uint32_t tag;  // of the frame's VLAN, see Frame
+    uint32_t tagNow;
+    uint32_t destinationKind;
+    uint32_t reserved;
+};
+
 struct Frame {
     struct __sk_buff *skb;
     struct LivePort *sender;
@@ -146,6 +174,7 @@ struct Frame {
     bool queueWasFull; // of an uplink that should have taken the frame
     struct LiveAddressKey source;
     struct LiveAddressKey destination;
+    struct Mirrored mirrored;
 };
 
 static __always_inline bool FromNetwork(const struct Frame *frame) { return frame->flags & LIVE_PORT_UPLINK; }
@@ -341,15 +370,20 @@ static __always_inline enum Carriage CarriageAt(const struct Frame *frame, const
 }
 
 // Gives the frame the tag that it has to leave with. The kernel keeps it beside the bytes: cheap.
+static __always_inline bool ChangeTag(struct __sk_buff *skb, uint32_t *tagNow, uint32_t tag)
+{
+    if (*tagNow == tag) return true;
+    if (*tagNow && bpf_skb_vlan_pop(skb)) return false;
+    *tagNow = 0;
+    const uint16_t type = tag & SERVICE_TAG ? bpf_htons(ETH_P_8021AD) : bpf_htons(ETH_P_8021Q);
+    if (tag && bpf_skb_vlan_push(skb, type, (uint16_t)tag)) return false;
+    *tagNow = tag;
+    return true;
+}
+
 static __always_inline bool SetTag(struct Frame *frame, uint32_t tag)
 {
-    if (frame->tagNow == tag) return true;
-    if (frame->tagNow && bpf_skb_vlan_pop(frame->skb)) return false;
-    frame->tagNow = 0;
-    const uint16_t type = tag & SERVICE_TAG ? bpf_htons(ETH_P_8021AD) : bpf_htons(ETH_P_8021Q);
-    if (tag && bpf_skb_vlan_push(frame->skb, type, (uint16_t)tag)) return false;
-    frame->tagNow = tag;
-    return true;
+    return ChangeTag(frame->skb, &frame->tagNow, tag);
 }
 
 // ---- Filters for EtherTypes ----
@@ -684,6 +718,8 @@ static __always_inline int Learn(struct Frame *frame)
     return FromNetwork(frame) ? LearnFromNetwork(frame, address) : LearnFromPort(frame, address);
 }
 
+#include "platform/live/mirror.bpf.h"
+
 // ---- Sending ----
 
 static __always_inline void CountTo(const struct Frame *frame, uint32_t slot)
@@ -707,8 +743,10 @@ static __always_inline long SendCopy(struct Frame *frame, const struct LivePort 
 {
     if (!SetTag(frame, TagAt(frame, carriage))) return NOT_SENT;
     const long result = Send(frame->skb, READ_WORD(port->ifindex));
-    if (result == 0) CountTo(frame, slot);
-    return result;
+    if (result) return result;
+    CountTo(frame, slot);
+    if (READ_WORD(port->flags) & LIVE_PORT_MIRRORED) NoteReceiver(frame, slot);
+    return 0;
 }
 
 // The frame itself to a port, as the program's last step.
@@ -1002,8 +1040,10 @@ static __always_inline int ForwardUnicast(struct Frame *frame, enum List *list)
         CountAt(slot, LIVE_DROP_BLOCKED);
     else if (!PassesFilter(frame, port, slot, VSWITCH_FILTER_TO_PORT))
         CountAt(slot, LIVE_DROP_FILTER);
-    else
+    else if (!IsMirrored(frame) && !(flags & LIVE_PORT_MIRRORED))
         return SendItself(frame, port, slot, carriage);
+    else if (SendCopy(frame, port, slot, carriage))
+        CountAt(slot, LIVE_DROP_NOT_SENT);
     return TC_ACT_SHOT;
 }
 
@@ -1015,6 +1055,7 @@ static __always_inline int Forward(struct Frame *frame)
         if (verdict != PASS) return verdict;
     } else if (!IsFloodAllowed(frame)) {
         Count(frame, LIVE_DROP_FLOOD_LIMIT);
+        frame->mirrored.from = 0;
         return TC_ACT_SHOT;
     }
     return SendToMany(frame, list);
@@ -1029,9 +1070,14 @@ static __always_inline int Switch(struct __sk_buff *skb)
     CountFrom(&frame);
     int reason = Check(&frame);
     if (reason == PASS) reason = Learn(&frame);
-    if (reason == PASS) return Forward(&frame);
-    Count(&frame, (enum LiveCounter)reason);
-    return TC_ACT_SHOT;
+    if (reason != PASS) {
+        Count(&frame, (enum LiveCounter)reason);
+        return TC_ACT_SHOT;
+    }
+    if (frame.flags & LIVE_PORT_MIRRORED) NoteSender(&frame);
+    const int verdict = Forward(&frame);
+    if (IsMirrored(&frame)) Mirror(&frame);
+    return verdict;
 }
 
 #ifndef LIVE_TEST_RUN
