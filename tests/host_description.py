@@ -30,10 +30,10 @@ def fields_of(key, value):
         flags, vlan = struct.unpack_from("<HH", value)
         return {"trunk": flags & 1, "option": flags & 2, "priority": flags & 4, "id": vlan, "ranges": value[6:]}
     if key == LEARNING:
-        return {"value-a": int.from_bytes(value[:3], "little"), "byte": value[3],
-                "value-b": int.from_bytes(value[4:], "little")}
+        return {"aging": int.from_bytes(value[:3], "little"), "policy-byte": value[3],
+                "limit": int.from_bytes(value[4:], "little")}
     if key == PORT_LEARNING:
-        return dict(zip(("flag-a", "flag-b", "value-a", "value-b"), struct.unpack_from("<BBII", value, 1)))
+        return dict(zip(("learning", "flood", "limit", "at-limit"), struct.unpack_from("<BBII", value, 1)))
     return {"": value}
 
 

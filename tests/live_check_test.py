@@ -16,7 +16,7 @@ class Check(PluggedHost):
         run(VSHOST, "nic", "add", "--state", self.directory, self.namespace("net", "10.9.0.9").interface)
         self.vsctl("uplink", "add", "one", "up1")
         self.vsctl("port", "vlan", "one", "1", "100")
-        self.vsctl("mac", "set", "one", "1", "--address", "02:00:00:00:00:05")
+        self.vsctl("mac", "add", "one", "1", "--address", "02:00:00:00:00:05")
         self.vsctl("port", "vlan", "one", "2", "--trunk", "5-9,20")
 
     def check(self):

@@ -122,7 +122,7 @@ class Policies(PluggedHost):
         self.assertEqual(self.send("1", C), "1: security")
         self.set(key, struct.pack("=I", 5), "1")
         self.assertEqual(self.send("1", A), "1: security")
-        self.vsctl("mac", "set", "one", "1", "--address", D)
+        self.vsctl("mac", "add", "one", "1", "--address", D)
         self.assertEqual(self.send("1", D), "2 3 up1")
         self.set(key, struct.pack("=I", 8), "1")
         self.assertEqual(self.send("1", A), "2 3 up1")
@@ -141,7 +141,7 @@ class Policies(PluggedHost):
 
     def test_addresses_become_static(self):
         self.vsctl("switch", "learn-static", "one", "on")
-        self.vsctl("port", "mac-learning", "one", "1", "--flag-a", "1", "--value-a", "2")
+        self.vsctl("port", "mac-learning", "one", "1", "--learning", "--limit", "2")
         self.send("1", A)
         self.send("2", A)
         self.assertEqual(self.send("3", C, A), "1")

@@ -49,7 +49,7 @@ class Tables(PluggedHost):
         self.assertEqual(self.row("mac", "stats", "one", "2")["moved"], 1)
 
     def test_counters_are_of_real_frames(self):
-        self.vsctl("port", "mac-learning", "one", "1", "--flag-a", "1", "--value-a", "1")
+        self.vsctl("port", "mac-learning", "one", "1", "--learning", "--limit", "1")
         before, got = self.statistics("1"), self.statistics("2")
         stats = self.row("mac", "stats", "one", "1")
         for source in (A, B, C):
@@ -71,7 +71,7 @@ class Tables(PluggedHost):
 
     def test_a_static_address_is_reached_at_once_and_stays(self):
         self.vsctl("mac", "props", "--aging", "1")
-        self.vsctl("mac", "set", "one", "2", "--address", S)
+        self.vsctl("mac", "add", "one", "2", "--address", S)
         self.says(self.from_a, "first", A, S)
         self.assertEqual(text_of(self.from_b), "first")
         wait_until(lambda: self.row("mac", "stats", "one", "1")["aged"] > 0, "an aged address")
@@ -83,7 +83,7 @@ class Tables(PluggedHost):
         self.assertEqual(self.addresses("2")[S]["type"], "static")
         self.says(self.from_a, "third", A, S)
         self.assertEqual(text_of(self.from_b), "third")
-        self.vsctl("mac", "clear", "one", "2", "--address", S)
+        self.vsctl("mac", "remove", "one", "2", "--address", S)
         self.assertNotIn(S, self.addresses("2"))
         self.says(self.from_a, "lost", A, S)
         self.says(self.from_a, "fourth", A)
@@ -91,9 +91,9 @@ class Tables(PluggedHost):
 
     def test_a_static_address_follows_its_port_and_the_ports_that_share_it(self):
         for port in ("1", "2", "3"):
-            self.vsctl("mac", "set", "one", port, "--address", S)
-        self.vsctl("mac", "clear", "one", "3", "--address", S)
-        self.vsctl("mac", "clear", "one", "1", "--address", S)
+            self.vsctl("mac", "add", "one", port, "--address", S)
+        self.vsctl("mac", "remove", "one", "3", "--address", S)
+        self.vsctl("mac", "remove", "one", "1", "--address", S)
         self.says(self.from_a, "to the other", A, S)
         self.assertEqual(text_of(self.from_b), "to the other")
         run(VSHOST, "unplug", "--state", self.directory, self.b.interface)
@@ -111,11 +111,11 @@ class Tables(PluggedHost):
         return {row["address"] for port in ("1", "2") for row in self.rows("mac", "list", "one", port)}
 
     def test_the_smaller_limit_and_the_shorter_ageing_win(self):
-        self.vsctl("port", "mac-learning", "one", "1", "--flag-a", "1", "--value-a", "5")
+        self.vsctl("port", "mac-learning", "one", "1", "--learning", "--limit", "5")
         for what, change, back, learns in (
                 ("the host's learning", ("props", "--enabled", "off"), ("props", "--enabled", "on"), set()),
                 ("the host's limit", ("props", "--limit", "1"), ("props", "--limit", "65536"), {A}),
-                ("the switch's limit", ("--value-b", "2"), ("--clear",), {A, B}),
+                ("the switch's limit", ("--limit", "2"), ("--clear",), {A, B}),
                 ("the port's limit", ("props", "--limit", "3"), ("props", "--limit", "65536"), {A, B, C})):
             with self.subTest(what):
                 self.change_learning(*change)
@@ -128,7 +128,7 @@ class Tables(PluggedHost):
                 run("ip", "link", "set", self.a.interface, "down")
                 run("ip", "link", "set", self.a.interface, "up")
                 wait_until(lambda: not self.learned(), "a port that has forgotten")
-        for what, change in (("the switch's", ("--value-a", "1")), ("the host's", ("props", "--aging", "1"))):
+        for what, change in (("the switch's", ("--aging", "1")), ("the host's", ("props", "--aging", "1"))):
             with self.subTest(what):
                 aged = self.row("mac", "stats", "one", "1")["aged"]
                 self.says(self.from_a, "one", A)

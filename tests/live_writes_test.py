@@ -143,7 +143,7 @@ class NoSpace(Writes):
 
     def test_static_addresses(self):
         a, b = self.two()
-        add = lambda last: ("mac", "set", "one", "2", "--address", S + f"{last:02x}")
+        add = lambda last: ("mac", "add", "one", "2", "--address", S + f"{last:02x}")
         for last in range(4):
             self.vsctl(*add(last))
         self.assertIn("space", self.assert_refused(*self.on(VSCTL, *add(4))).lower())
@@ -153,7 +153,7 @@ class NoSpace(Writes):
         for last in range(4):
             from_a.send(frame(S + f"{last:02x}", A, str(last)))
             self.assertEqual(text_of(from_b), str(last))
-        self.vsctl("mac", "clear", "one", "2", "--address", S + "00")
+        self.vsctl("mac", "remove", "one", "2", "--address", S + "00")
         self.vsctl(*add(4))
         self.assertIn("a write is refused", self.read_log())
 

@@ -21,17 +21,19 @@ id = "lab"
 uplinks = ["uplink0"]
 mtu = 9000
 multicast = "snooping"
-mac-learning = { value-a = 300 }
-pvlan = ["0102030405060708"]
-uplink-mirror = [{ id = "s1" }, { id = "s2" }]
+mac-learning = { aging = 300 }
+pvlan = [{ primary = 7, secondary = 8, type = "isolated" }, "0102030405060708"]
+mirror = [{ session = "s1", to = ["uplink0"] }, { session = "s2", settings = "%s" }]
+teaming = { algorithm = "l4", active = ["uplink0"] }
+ls-teaming = [{ name = "gold", standby = ["uplink0"], notify = true }]
 [switches.lab.ports."port0..port1"]
 vlan = { id = 100, priority = 3, ranges = ["7-7"] }
-security = 5
+security = { lock-address = true, static-only = true }
 eth-filter = "%s"
-mirror = [{ id = "a" }]
+mirror = [{ session = "a", from = ["port1"], received-by = ["port0", "#7"] }]
 [switches.lab.ports.uplink0]
 override = "east"
-""" % ("aB" * 200)
+""" % ("aB" * 184, "aB" * 200)
 
 
 # Undo and resume take turns at the writes; under a sanitizer, where a process is slow, at some of them.
@@ -113,7 +115,7 @@ class Changes(OnHost):
                 self.run_vsctl("switch", "destroy", "lab")
         self.sweep(SHELL, b"set", 1, ["apply", "-"], LAB)
         change = "[switches.lab]\nuplinks = ['u9']\nmtu = 1400\n" \
-                 "[switches.lab.ports.port0]\nclear = ['vlan']\nsecurity = 1\n" \
+                 "[switches.lab.ports.port0]\nclear = ['vlan']\nsecurity = { static-only = true }\n" \
                  "[switches.lab.ports.port1]\nabsent = true\n"
         for operation in ("DVSZOR_PortDataClear", "DVSZOR_PortRemove", "DVSZOR_GlobalPropSet", "DVSZOR_HostPropSet"):
             with self.subTest(operation):
@@ -130,15 +132,15 @@ class Changes(OnHost):
         return self.exported(), opaque.stdout
 
     def test_kill_at_each_write_then_undo_or_resume(self):
-        one, two = self.write("one", '[{"id": "s1"}]'), self.write("two", '[{"id": "s2"}, {"id": "s3"}]')
-        lines = ["uplink add lab u8 u9", f"mirror append lab {one} port0", f"mirror append lab {two} port0",
-                 "mirror remove lab s2 port0",
-                 f"port eth-filter lab port1 {'ab' * 200}", "port sink lab port1 off", "port vlan lab port2 5",
+        lines = ["uplink add lab u8 u9", "mirror add lab s1 --to port0", "mirror add lab s2 --to port0",
+                 "mirror add lab s3 --to port0", "mirror remove lab s3", "pvlan add lab 7 --isolated 8",
+                 "ls-teaming add lab gold --active u8", "port block lab port0 on",
+                 f"port eth-filter lab port1 --hex {'ab' * 200}", "port sink lab port1 off", "port vlan lab port2 5",
                  "port vlan lab port2 6",
-                 "port remove lab o", "port add-opaque lab o text", "property set lab k --text a",
+                 "port remove lab o", "port add lab o --external-id text", "property set lab k --text a",
                  "property set lab k --text b",
                  "uplink remove lab uplink0", "uplink clear lab", "uplink set lab port9 e2", "uplink down lab nic1"]
-        prepare = ["switch create lab --id lab --uplinks 2 --ports 4", "port add-opaque lab o \udcff"]
+        prepare = ["switch create lab --id lab --uplinks 2 --ports 4", "port add lab o --external-id \udcff"]
         for prepared, words, stdin in (([], ["apply", "-"], LAB),
                                        (prepare, ["batch", "--allow-removals"], "\n".join(lines)),
                                        ([], "switch create lab --id lab --uplinks 1 --ports 2".split(), None),
@@ -176,7 +178,7 @@ class Changes(OnHost):
 
     def test_changes_are_refused_while_one_is_unfinished(self):
         self.run_vsctl("switch", "create", "lab", "--id", "lab", "--uplinks", "1", "--ports", "4")
-        sessions, file = self.write("sessions", '[{"id": "s1"}]'), self.write("file", LAB)
+        file = self.write("file", LAB)
         other = self.write("other", "[switches.lab.ports.port3]\nvlan = { id = 3 }\n")
         for prepare, reason in ((lambda: self.assertTrue(killed_at(20, "apply", file)), "cut short"),
                                 (lambda: self.run_vsctl("apply", file, "--confirm-within", "600s"), "waits")):
@@ -186,7 +188,7 @@ class Changes(OnHost):
                          "port remove lab port3", "switch mtu lab 1400",
                          "switch create other", "switch destroy lab", "uplink add lab u9", "uplink down lab nic0",
                          "property set lab k --text a",
-                         f"mirror append lab {sessions} port0", f"apply {other}"):
+                         "mirror add lab s1 --to port0", f"apply {other}"):
                 for words in (line.split(), ["--dry-run", *line.split()]):
                     self.refused(words, 1, reason, "vsctl apply --undo")
             self.process("plan", file)  # reads only
@@ -233,7 +235,7 @@ class Changes(OnHost):
         self.create()
         lines = ["port vlan lab port0 5", "port add lab x", 'property set lab k --text "a b"', "uplink add lab u9",
                  "switch create other --ports 2",
-                 "port security lab x 7", "switch mtu lab 4000", "port nested-vlan lab port1 on"]
+                 "port security lab x --lock-address", "switch mtu lab 4000", "port nested-vlan lab port1 on"]
         before = self.exported()
         for place in range(len(lines) + 1):
             for bad, code in (("port vlan lab nope 1", 3), ("port add lab port0", 4), ("port vlan lab port0 4096", 5),
@@ -259,7 +261,7 @@ class Changes(OnHost):
     def test_dry_run_before_the_noun_changes_nothing_either(self):
         self.create()
         file = self.write("lab.toml", "[switches.lab]\nmtu = 4000\n")
-        for words in (["mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01"],
+        for words in (["mac", "add", "lab", "port0", "--address", "02:00:00:00:00:01"],
                       ["mac", "props", "--aging", "7"], ["option", "set", "3=9"],
                       ["option", "set", "4=0"], ["rtm", "send", "7", "--hex", "00" * 9],
                       ["uplink", "numa", "lab"],
@@ -315,7 +317,7 @@ class Changes(OnHost):
         text = self.run_vsctl("export", "lab/port1", "lab/port0", "lab/port2,uplink0", "--json")
         self.assertEqual({alias: list(entry.get("ports", {})) for alias, entry in json.loads(text)["switches"].items()},
                          {"lab": ["port1", "port2", "uplink0"], "lab/port0": []})
-        self.rows("port", "add-opaque", "lab", "o", "\udcff")
+        self.rows("port", "add", "lab", "o", "--external-id", "\udcff")
         self.assertIn("UTF-8", self.run_vsctl("export", "lab/o", code=1))
 
     def test_time_limit(self):
@@ -336,7 +338,7 @@ class Changes(OnHost):
         """
         limit = "900ms" if SANITIZED else "150ms"
         start = 'export LD_PRELOAD="$0:$LD_PRELOAD" VSCTL_TEST_CPU_TIME=1; exec "$@"'
-        lines = "".join(f"port security lab p{port} 5\n" for port in range(29999))
+        lines = "".join(f"port security lab p{port} --static-only\n" for port in range(29999))
         for words, stdin in (("switch create lab --ports 30000 --max-ports 100000", None),
                              ("port add lab p0..p29999", None), ("port show lab p0..p29999", None),
                              ("batch", lines + "switch mtu lab 4000\n")):

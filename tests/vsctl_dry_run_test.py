@@ -6,8 +6,8 @@ import subprocess
 from vsctl_host import BUILD, HOST, OnHost, main
 
 TEAM, FILTER, TABLE, PVLAN = "0a" * 2616, "ab" * 200, "0b" * 2748, "0102030405060708"
+SAME = f"01{'00' * 2615}"  # a teaming policy of which vsctl shows the fields
 FILES = {
-    "session": '[{"id": "s1"}]', "other": '[{"id": "s2"}]', "none": "[]",
     "same": "[switches.lab]\nmtu = 1500\n[switches.lab.ports.port0]\nvlan = { id = 0 }\n",
     "fresh": "[switches.lab.ports.port0]\nvlan = { id = 9 }\n",
     "removal": "[switches.lab.ports.port0]\nabsent = true\n",
@@ -27,32 +27,39 @@ switch mtu lab 1500 | switch mtu lab 9000 | switch mtu nope 1500 | switch mtu st
 switch mtu low 9000 | switch mtu plain 1500
 switch multicast lab legacy | switch multicast lab snooping | switch multicast nope snooping
 switch multicast lab --clear
-switch teaming lab --clear | switch teaming lab {TEAM} | switch teaming nope --clear
-switch mac-learning lab --clear | switch mac-learning lab --byte 3 | switch mac-learning nope --byte 3
+switch teaming lab --clear | switch teaming lab --hex {TEAM} | switch teaming nope --clear
+switch teaming lab --hex {SAME} | switch teaming lab --algorithm port --notify off
+switch teaming lab --algorithm l4 --active uplink1 --failback
+switch mac-learning lab --clear | switch mac-learning lab --limit 3 | switch mac-learning nope --limit 3
 switch learn-static lab --clear | switch learn-static lab on | switch learn-static nope on
-switch pvlan lab --clear | switch pvlan lab {PVLAN} | switch pvlan nope --clear
-switch ls-teaming lab --clear | switch ls-teaming lab {TABLE} | switch ls-teaming nope --clear
-switch uplink-mirror lab --clear | switch uplink-mirror lab --file session
-switch uplink-mirror lab --file none | switch uplink-mirror nope --clear
+pvlan clear lab | pvlan add lab --hex {PVLAN} | pvlan clear nope | pvlan add lab 7 --isolated 8 | pvlan add nope 7
+pvlan add lab 9 | pvlan add lab 9 --isolated 11 | pvlan add lab 9 --community 10 | pvlan add lab 5 --isolated 5
+pvlan remove lab 9 | pvlan remove lab 10 | pvlan remove lab 11 | pvlan remove nope 9
+ls-teaming clear lab | ls-teaming add lab --hex {TABLE} | ls-teaming clear nope
+ls-teaming add lab gold | ls-teaming add lab tin | ls-teaming remove lab gold | ls-teaming remove lab tin
+ls-teaming add nope tin | ls-teaming remove nope gold
 port add lab port0 | port add lab x | port add lab x,x | port add nope x | port add lab x,port1
 port add lab q0..q200 | port add stopped x
-port add-opaque lab port0 e | port add-opaque lab x e | port add-opaque nope x e | port add lab uplink0
+port add lab port0 --external-id e | port add lab x --external-id e | port add nope x --external-id e
+port add lab uplink0
 port remove lab nope | port remove lab port0 | port remove lab uplink0 | port remove lab port0,port0
 port remove nope port0
 port vlan lab port0 0 | port vlan lab port0 5 | port vlan lab port0,nope 5 | port vlan nope port0 5
 port vlan lab port0 --clear | port vlan lab uplink0 --trunk 1-4094
 port nested-vlan lab port0 on | port nested-vlan lab port0 --clear | port nested-vlan lab nope on
 port nested-vlan lab nope --clear
-port security lab port0 5 | port security lab port0 --clear | port security lab nope 5
-port eth-filter lab port0 {FILTER} | port eth-filter lab port0 --clear | port eth-filter lab nope {FILTER}
+port security lab port0 --lock-address | port security lab port0 --clear
+port security lab nope --lock-address | port security lab port1 --static-only
+port block lab port0 on | port block lab port0 off | port block lab nope on | port block lab port0 --clear
+port eth-filter lab port0 --hex {FILTER} | port eth-filter lab port0 --clear
+port eth-filter lab nope --hex {FILTER} | port eth-filter lab port0 --sink
 port sink lab port0 on | port sink lab port0 off | port sink lab port0 --clear | port sink lab nope on
-port mac-learning lab port0 --flag-a 1 | port mac-learning lab port0 --clear
-port mac-learning lab nope --flag-a 1
-port teaming lab port0 {TEAM} | port teaming lab port0 --clear | port teaming lab nope {TEAM}
+port mac-learning lab port0 --learning | port mac-learning lab port0 --clear
+port mac-learning lab nope --learning
+port teaming lab port0 --hex {TEAM} | port teaming lab port0 --clear | port teaming lab nope --hex {TEAM}
 port override lab port0 uplink0 | port override lab port0 --clear | port override lab nope uplink0
 port tx-uplink lab port0 always | port tx-uplink lab port0 --clear | port tx-uplink lab nope always
 port ls-teaming lab port0 gold | port ls-teaming lab port0 --clear | port ls-teaming lab nope gold
-port mirror lab port0 --file session | port mirror lab port0 --clear | port mirror lab nope --file session
 uplink add lab u9 | uplink add lab uplink0 | uplink add lab port0 | uplink add nope u9
 uplink add lab u9 port1 | uplink add stopped u9
 uplink remove lab uplink0 | uplink remove lab nope | uplink remove lab port0 | uplink remove lab uplink0 nope
@@ -65,21 +72,22 @@ uplink clear lab | uplink clear plain | uplink clear nope
 uplink up lab nic0 | uplink up lab nope | uplink up nope nic0 | uplink up stopped nic0 | uplink up plain nic0
 uplink down lab nic0 | uplink down lab nope | uplink down nope nic0
 uplink numa lab | uplink numa nope | uplink numa stopped
-mac set lab port0 --address 02:00:00:00:00:01 | mac set lab port0 --address 02:00:00:00:00:09 --vlan 7
-mac set lab nope --address 02:00:00:00:00:01
-mac set nope port0 --address 02:00:00:00:00:01 | mac set stopped port0 --address 02:00:00:00:00:01
-mac set lab port0 --address 03:00:00:00:00:01
-mac set lab port1 --address 02:00:00:00:00:01 | mac set lab port0 --address 00:00:00:00:00:00
-mac clear lab port0 --address 02:00:00:00:00:01 | mac clear lab port0 --address 02:00:00:00:00:09
-mac clear lab nope --address 02:00:00:00:00:01
-mac clear lab port1 --address 02:00:00:00:00:01 | mac clear nope port0 --address 02:00:00:00:00:01
+mac add lab port0 --address 02:00:00:00:00:01 | mac add lab port0 --address 02:00:00:00:00:09 --vlan 7
+mac add lab nope --address 02:00:00:00:00:01
+mac add nope port0 --address 02:00:00:00:00:01 | mac add stopped port0 --address 02:00:00:00:00:01
+mac add lab port0 --address 03:00:00:00:00:01
+mac add lab port1 --address 02:00:00:00:00:01 | mac add lab port0 --address 00:00:00:00:00:00
+mac remove lab port0 --address 02:00:00:00:00:01 | mac remove lab port0 --address 02:00:00:00:00:09
+mac remove lab nope --address 02:00:00:00:00:01
+mac remove lab port1 --address 02:00:00:00:00:01 | mac remove nope port0 --address 02:00:00:00:00:01
 mac props --aging 600 | mac props --aging 7 | mac props --enabled on --limit 9
-mirror append lab session port0 | mirror append lab other port0 | mirror append lab none port0
-mirror append lab other nope | mirror append nope other
-mirror append lab other | mirror append lab none port1
-mirror remove lab s1 port0 | mirror remove lab s2 port0 | mirror remove lab s1 port1 | mirror remove lab s1
-mirror remove nope s1 | mirror remove lab s1 nope
-mirror clear lab port0 | mirror clear lab port1 | mirror clear lab | mirror clear lab nope | mirror clear nope
+mirror add lab s1 --to port0 | mirror add lab s2 --to port0 | mirror add lab s2 --to nope
+mirror add nope s2 --to port0 | mirror add lab s2 --to uplink0 --from port0 | mirror add lab s2 --to port0 --from nope
+mirror add lab s2 --port port1 | mirror add lab s2 | mirror add lab s2 --to port0 --port nope
+mirror remove lab s1 | mirror remove lab s2 | mirror remove lab s1 --port port0 | mirror remove lab s1 --port port1
+mirror remove nope s1 | mirror remove lab s1 --port nope
+mirror clear lab --port port0 | mirror clear lab --port port1 | mirror clear lab | mirror clear lab --port nope
+mirror clear nope
 option set 3=9 | option set 3=8 | option set 3=9 4=1 | option set 4=0 | option set 65535=1
 option set --hex 04000000
 rtm send 7 --hex 000000000000000000
@@ -102,7 +110,10 @@ switch create stopped --ports 1
 switch create plain
 switch mtu lab 1500
 property set lab k --text v
-mirror append lab '{}/session' port0
+mirror add lab s1 --to port0
+pvlan add lab 9 --community 10
+ls-teaming add lab gold
+switch teaming lab --algorithm port
 """
 
 
@@ -110,8 +121,8 @@ class DryRuns(OnHost):
     def prepare(self):
         """A host with a switch, and with a switch whose portset doesn't run."""
         self.assertEqual(HOST.vshost_start(None, 0), 0, HOST.vshost_error())
-        self.run_vsctl("batch", stdin=PREPARED.format(self.directory))
-        for line in ("mac set lab port0 --address 02:00:00:00:00:01", "option set 3=9", "mac props --aging 600"):
+        self.run_vsctl("batch", stdin=PREPARED)
+        for line in ("mac add lab port0 --address 02:00:00:00:00:01", "option set 3=9", "mac props --aging 600"):
             self.run_vsctl(*line.split())
         destroy = ["-e", "set", "/net/portsets/stopped/destroy", "destroy"]
         subprocess.run([BUILD / "platform/tybel", *destroy], check=True)

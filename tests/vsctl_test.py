@@ -29,36 +29,38 @@ class Verbs(OnHost):
 
     def test_policies(self):
         self.create()
-        sessions = [{"id": "s1", "settings": "ab" * 184, "entries-a": ["01" * 52], "entries-b": [],
-                     "entries-c": ["02" * 52]}]
-        file = self.write("sessions", json.dumps(sessions))
-        team = self.directory / "team"
-        team.write_bytes(bytes(range(109)) * 24)
-        table = ["0a" * 2748, "0b" * 2748]
+        other = self.directory / "team"  # of another version than vsctl knows
+        other.write_bytes(bytes(range(109)) * 24)
+        team = {"algorithm": "source-mac", "active": ["uplink0", "uplink1"], "standby": ["u2"], "failback": True,
+                "notify": False}
+        given = "--algorithm source-mac --active uplink0,uplink1 --standby u2 --failback".split()
         for row in (
                 ("switch mtu", ["4000"], "mtu", 4000),
                 ("switch multicast", ["snooping"], "multicast", "snooping"),
-                ("switch teaming", ["--file", str(team)], "teaming", team.read_bytes().hex()),
-                ("switch mac-learning", ["--value-a", "1000000", "--byte", "7"], None,
-                 {"value-a": 1000000, "byte": 7, "value-b": 65536}),
+                ("switch teaming", ["--file", str(other)], "teaming", other.read_bytes().hex()),
+                ("switch teaming", given, None, team),
+                ("switch mac-learning", ["--aging", "1000000", "--policy-byte", "7"], None,
+                 {"aging": 1000000, "policy-byte": 7, "limit": 65536}),
                 ("switch learn-static", ["on"], "learn-static", True),
-                ("switch pvlan", ["0102030405060708,1112131415161718"], "pvlan",
-                 ["0102030405060708", "1112131415161718"]),
-                ("switch ls-teaming", [",".join(table)], "ls-teaming", table),
-                ("switch uplink-mirror", ["--file", file], "uplink-mirror", sessions),
                 ("port vlan", ["7", "--trunk", "1-5,9", "--priority", "0", "--option", "on"], None,
                  {"id": 7, "priority": 0, "trunk": ["1-5", "9"], "option": True}),
                 ("port nested-vlan", ["on"], "nested-vlan", True),
-                ("port security", ["6"], "security", 6),
-                ("port eth-filter", ["ab" * 200], "eth-filter", "ab" * 200),
+                ("port block", ["on"], "block", True),
+                ("port security", ["--lock-address", "--static-only", "on", "--addressed-only", "off"], None,
+                 {"addressed-only": False, "lock-address": True, "static-only": True}),
+                ("port security", ["--hex", "06000000"], None,
+                 {"addressed-only": False, "lock-address": True, "static-only": True}),
+                ("port eth-filter", ["--hex", "ab" * 200], "eth-filter", "ab" * 200),
+                ("port eth-filter", ["--rules", "drop to-port 0x806,pass any"], None,
+                 {"rules": ["drop to-port 0x0806", "pass any"], "sink": False}),
                 ("port sink", ["on"], "sink", True),
-                ("port mac-learning", ["--flag-b", "255", "--value-b", "4294967295"], None,
-                 {"flag-a": 0, "flag-b": 255, "value-a": 4096, "value-b": 4294967295}),
-                ("port teaming", ["--file", str(team)], "teaming", team.read_bytes().hex()),
+                ("port mac-learning", ["--flood", "--limit", "7"], None,
+                 {"learning": False, "flood": True, "limit": 7, "at-limit": "drop"}),
+                ("port mac-learning", ["--hex", "01ff" + "00" * 8], "mac-learning", "01ff" + "00" * 8),
+                ("port teaming", given, None, team),
                 ("port override", ["uplink1"], "override", "uplink1"),
                 ("port tx-uplink", ["always"], "tx-uplink", "always"),
-                ("port ls-teaming", ["gold"], "ls-teaming", "gold"),
-                ("port mirror", ["--file", file], "mirror", sessions)):
+                ("port ls-teaming", ["gold"], "ls-teaming", "gold")):
             with self.subTest(row[0]):
                 self.check_value(*row)
 
@@ -68,7 +70,7 @@ class Verbs(OnHost):
         switch_id = self.rows("switch", "show", "lab")[0]["id"]
         self.assertEqual(self.rows("port", "number", switch_id, "port3", "--by-id")[0]["number"], number)
         self.rows("port", "add", "lab", "a1..a3", "--connect-id", "7")
-        self.rows("port", "add-opaque", "lab", "b", "external")
+        self.rows("port", "add", "lab", "b", "--external-id", "external")
         shown = self.rows("port", "show", "lab", "a3,b")
         self.assertEqual((shown[0]["connect-id"], shown[1]["external-id"]), (7, "external"))
         self.rows("port", "remove", "lab", "a2..a3")
@@ -126,12 +128,12 @@ class Verbs(OnHost):
         self.assertIn("did you mean 'lab'?", self.run_vsctl("switch", "show", "lba", code=3))
         for line in ("switch mtu lab 4000", "uplink live lab", "uplink down lab nic0", "uplink link lab nic0",
                      "uplink numa lab", "lag list lab",
-                     "mac list lab port0", "mac team lab", "mac set lab port0 --address 02:00:00:00:00:01",
+                     "mac list lab port0", "mac team lab", "mac add lab port0 --address 02:00:00:00:00:01",
                      "mac info lab", "mac stats lab port0",
                      "mirror live lab", "mirror stats lab s", "mirror destinations lab", "multicast filters lab",
                      "stats rarp lab",
                      "stats teaming lab", "port hint lab port0", "switch multicast lab --live",
-                     "switch ls-teaming lab --live"):
+                     "ls-teaming list lab --live"):
             self.assertIn("is not running", self.run_vsctl(*line.split(), code=1), line)
         self.run_vsctl("switch", "create", "lab", code=4)
         self.rows("switch", "destroy", "lab")
@@ -175,11 +177,11 @@ class Verbs(OnHost):
         self.assertEqual(self.rows("uplink", "port", "nic1")[0]["port"], "uplink1")
         self.rows("uplink", "numa", "lab")
         entry = ["lab", "port0", "--address", "02:00:00:00:00:0a", "--vlan", "9"]
-        self.rows("mac", "set", *entry)
+        self.rows("mac", "add", *entry)
         self.assertEqual(self.rows("mac", "list", "lab", "port0")[0]["address"], "02:00:00:00:00:0a")
         self.assertEqual(self.rows("mac", "stats", "lab", "port0")[0]["entries"], 1)
         self.assertEqual(self.rows("mac", "info", "lab")[0]["static"], 1)
-        self.rows("mac", "clear", *entry)
+        self.rows("mac", "remove", *entry)
         self.assertEqual(self.rows("mac", "list", "lab", "port0"), [])
         self.assertEqual(self.rows("mac", "team", "lab"), [])
         self.rows("mac", "props", "--aging", "77")
@@ -193,15 +195,55 @@ class Verbs(OnHost):
         self.assertEqual(self.rows("multicast", "filters", "lab"), [{"kind": "ipv4", "group": "224.1.1.1"}])
         self.assertEqual(self.rows("multicast", "groups", "lab", "224.1.1.1")[0]["sources"], ["10.0.0.1"])
         self.run_vsctl("multicast", "groups", "lab", "224.9.9.9", code=3)
-        file = self.write("sessions", '[{"id": "s1"}, {"id": "s2"}]')
-        self.rows("mirror", "append", "lab", file, "port0")
-        self.rows("mirror", "remove", "lab", "s1", "port0")
-        self.assertEqual([row["id"] for row in self.rows("mirror", "list", "lab", "port0")], ["s2"])
+        self.rows("mirror", "add", "lab", "s1", "--to", "port0")
+        self.rows("mirror", "add", "lab", "s2", "--to", "port0")
+        self.rows("mirror", "remove", "lab", "s1")
         self.assertEqual(self.rows("mirror", "live", "lab")[0]["session"], "s2")
         self.assertTrue(self.rows("mirror", "stats", "lab", "s2")[0]["active"])
         self.assertEqual(len(self.rows("mirror", "destinations", "lab")), 1)
-        self.rows("mirror", "clear", "lab", "port0")
-        self.assertEqual(self.rows("mirror", "list", "lab", "port0"), [])
+
+    def test_lists(self):
+        """Private VLANs, named teaming policies and mirror sessions: add, list, remove, clear, by alias or id."""
+        self.create()
+        switch_id = self.rows("switch", "show", "lab")[0]["id"]
+        self.rows("pvlan", "add", "lab", "100", "--isolated", "101", "--community", "102,103")
+        self.rows("pvlan", "add", switch_id, "200", "--isolated", "201", "--by-id")
+        self.rows("pvlan", "remove", "lab", "200", "102")
+        self.rows("pvlan", "add", "lab", "--hex", "0102030405060708")
+        self.assertEqual([(row.get("secondary"), row.get("type"), row.get("bytes"))
+                          for row in self.rows("pvlan", "list", switch_id, "--by-id")],
+                         [(100, "promiscuous", None), (101, "isolated", None), (103, "community", None),
+                          (None, None, "0102030405060708")])
+        self.rows("pvlan", "remove", "lab", "0102030405060708")
+        self.rows("ls-teaming", "add", "lab", "gold", "--active", "uplink0")
+        self.rows("ls-teaming", "add", "lab", "tin", "--standby", "uplink0,uplink1", "--notify")
+        self.rows("ls-teaming", "add", "lab", "--hex", "0b" * 2748)
+        gold = {"switch": "lab", "name": "gold", "algorithm": "port", "active": ["uplink0"], "standby": [],
+                "failback": False, "notify": False}
+        for words in (["lab"], [switch_id, "--by-id"], ["lab", "--live"]):
+            rows = self.rows("ls-teaming", "list", *words)
+            self.assertEqual((rows[0], rows[1]["notify"], rows[2]["bytes"]), (gold, True, "0b" * 2748))
+        self.rows("ls-teaming", "remove", "lab", "tin")
+        session = {"received-by": [], "enabled": True, "strip-tag": False, "outer-vlan": 0, "snap": 128, "sampling": 1}
+        self.rows("mirror", "add", "lab", "span0", "--from", "port1,port2", "--to", "port3,uplink0", "--snap", "128")
+        self.rows("mirror", "add", "lab", "span1", "--received-by", "#7", "--to", "uplink1", "--enabled", "off",
+                  "--strip-tag", "--outer-vlan", "9", "--sampling", "4")
+        self.rows("mirror", "add", "lab", "span2", "--settings", "ab" * 184, "--from", "01" * 52, "--port", "port0")
+        self.assertEqual(
+            self.rows("mirror", "list", "lab"),
+            [{"switch": "lab", "port": None, "session": "span1", "from": [], "received-by": ["#7"], "to": ["uplink1"],
+              "enabled": False, "strip-tag": True, "outer-vlan": 9, "snap": 0, "sampling": 4},
+             {"switch": "lab", "port": "port0", "session": "span2", "from": ["01" * 52], "received-by": [], "to": [],
+              "settings": "ab" * 184},
+             {"switch": "lab", "port": "port3", "session": "span0", "from": ["port1", "port2"],
+              "to": ["port3", "uplink0"], **session}])
+        self.assertEqual([row["port"] for row in self.rows("mirror", "list", "lab", "--port", "port3")], ["port3"])
+        self.assertEqual(self.rows("mirror", "live", "lab")[-1]["session"], "span0")
+        self.rows("mirror", "remove", "lab", "span1", "span2")
+        for noun in ("pvlan", "ls-teaming", "mirror"):
+            self.assertGreater(len(self.rows(noun, "list", "lab")), 0)
+            self.rows(noun, "clear", "lab")
+            self.assertEqual(self.rows(noun, "list", "lab"), [])
 
     def test_every_operation_has_a_verb_or_a_reason(self):
         header = (SOURCE / "include/vswitchctl.h").read_text()
@@ -225,7 +267,7 @@ class Verbs(OnHost):
                 (5, ["switch", "create", "a/b"], "--portset"),
                 (5, ["port", "vlan", "lab", "port0", "--trunk", "9-1"], "--trunk"),
                 (5, ["port", "vlan", "lab", "port0", "4096"], "4095"),
-                (5, ["port", "security", "lab", "port0", "8"], "7"),
+                (5, ["port", "security", "lab", "port0", "--hex", "08000000"], "not allowed"),
                 (5, ["port", "vlan", "lab", "port7..port1"], "range"), (5, ["switch", "mtu", "lab", "1279"], "1280")):
             with self.subTest(words):
                 self.assertIn(reason, self.run_vsctl(*words, code=code))
@@ -243,13 +285,13 @@ class Verbs(OnHost):
     def test_what_is_missing_comes_with_a_command_that_shows_what_there_is(self):
         self.create()
         self.rows("property", "set", "lab", "com.example.x", "--port", "port1", "--text", "v")
-        self.rows("mirror", "append", "lab", self.write("sessions", '[{"id": "s1"}]'), "port0")
+        self.rows("mirror", "add", "lab", "s1", "--to", "port0")
         group = {"portsets": {"lab": {"groups": [{"address": "224.1.1.1", "sources": []}]}}}
         self.assertEqual(HOST.vshost_scenario(json.dumps(group).encode()), 0, HOST.vshost_error())
         self.rows("option", "set", "3=9")
         missing_port = ("port show lab none", "port vlan lab none 5", "port remove lab none", "port number lab none",
-                        "port hint lab none", "mac list lab none", "mirror list lab none", "export lab/none",
-                        "mac set lab none --address 02:00:00:00:00:01", "property get lab none --port none",
+                        "port hint lab none", "mac list lab none", "mirror list lab --port none", "export lab/none",
+                        "mac add lab none --address 02:00:00:00:00:01", "property get lab none --port none",
                         "property list lab --port none")
         for line, shown in (
                 *((line, "port3") for line in missing_port), ("switch show none", "lab"),
@@ -257,11 +299,11 @@ class Verbs(OnHost):
                 ("property clear lab none", "com.talpex.common.alias"),
                 ("property get lab none --port port1", "com.example.x"),
                 ("property clear lab none --port port1", "com.example.x"),
-                ("mirror remove lab none port0", "s1"), ("mirror stats lab none", "s1"),
+                ("mirror remove lab none", "s1"), ("mirror stats lab none", "s1"),
                 ("uplink remove lab none", "uplink1"), ("uplink link lab none", "nic1"),
                 ("uplink down lab none", "nic1"), ("option get 99", "9"),
                 ("multicast groups lab 224.9.9.9", "224.1.1.1"),
-                ("mac clear lab port0 --address 02:00:00:00:00:01", "")):
+                ("mac remove lab port0 --address 02:00:00:00:00:01", "")):
             with self.subTest(line):
                 advice = re.search(r"; .*'vsctl ([^']*)' (?:shows|lists)", self.run_vsctl(*line.split(), code=3))
                 self.assertIn(shown, self.run_vsctl(*advice[1].split()))
@@ -300,7 +342,7 @@ class Verbs(OnHost):
         self.create()
         before = HOST.vshost_fingerprint()
         self.assertEqual(self.rows("port", "vlan", "lab", "port0", "5", "--dry-run", code=10)[0]["before"]["id"], 0)
-        self.rows("mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01", "--dry-run", code=10)
+        self.rows("mac", "add", "lab", "port0", "--address", "02:00:00:00:00:01", "--dry-run", code=10)
         self.assertEqual(HOST.vshost_fingerprint(), before)
 
     def test_a_found_alias_is_checked_back(self):
@@ -341,7 +383,7 @@ class Verbs(OnHost):
             self.assertRegex(done.stderr, r"\Avsctl: [^\n]*" + text + r"[^\n]*\n\Z")
 
     def test_help_and_version_in_every_form(self):
-        nouns = set(re.findall(r"^  (?!vsctl)(\w+) ", self.run_vsctl("help"), re.M))
+        nouns = set(re.findall(r"^  (?!vsctl)([\w-]+) ", self.run_vsctl("help"), re.M))
         verbs = self.rows("help")
         self.assertEqual({verb["verb"].split()[0] for verb in verbs}, nouns)
         for order in (["switch", "--help"], ["--help", "switch"], ["switch", "-h"]):
@@ -363,7 +405,7 @@ class Verbs(OnHost):
         self.assertEqual(self.run_vsctl("--version"), f"vsctl {version}\n")
 
     def test_help_has_examples_for_every_verb(self):
-        for noun in re.findall(r"^  (?!vsctl)(\w+) ", self.run_vsctl("help"), re.M):
+        for noun in re.findall(r"^  (?!vsctl)([\w-]+) ", self.run_vsctl("help"), re.M):
             verbs = re.findall(rf"^{noun} (\S+)", self.run_vsctl("help", noun), re.M)
             for words in [[noun, verb] for verb in verbs] or [[noun]]:
                 self.assertIn("Examples:\n  vsctl " + " ".join(words), self.run_vsctl("help", *words))

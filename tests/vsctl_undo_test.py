@@ -60,7 +60,7 @@ class Undo(OnHost):
                 (4, {"a": {"id": "same"}, "b": {"id": "same"}}, "'same' is in use"),
                 (4, {"a": {"portset": "s"}, "b": {"portset": "s"}}, "portset s is in use"),
                 (1, {"lab": {"ports": {"uplink0": {"absent": True}}}}, "vsctl uplink remove"),
-                (5, {"lab": {"uplinks": ["uplink1"], "ports": {"uplink0": {"security": 5}}}},
+                (5, {"lab": {"uplinks": ["uplink1"], "ports": {"uplink0": {"security": {"static-only": True}}}}},
                  "an uplink that 'uplinks' does not list")):
             text = json.dumps({"switches": entries})
             self.unchanged(["apply", "-", "--allow-removals"], code, reason, stdin=text)
@@ -68,7 +68,7 @@ class Undo(OnHost):
 
     def test_a_dry_run_of_what_changes_the_driver_at_once(self):
         address = "--address 02:00:00:00:00:01"
-        for words, again in ((f"mac set lab port0 {address}", 0), (f"mac clear lab port0 {address}", 3),
+        for words, again in ((f"mac add lab port0 {address}", 0), (f"mac remove lab port0 {address}", 3),
                              ("mac props --aging 7", 0), ("option set 3=9", 0),
                              ("uplink numa lab", 10)):
             self.rows(*words.split(), "--dry-run", code=10)
@@ -76,7 +76,7 @@ class Undo(OnHost):
             dry = self.process(*words.split(), "--dry-run")
             self.assertEqual(dry.returncode, again, words)
             self.assertIn("nothing to change\n" if again == 0 else "", dry.stdout)
-        self.run_vsctl("mac", "set", "lab", "nope", *address.split(), "--dry-run", code=3)
+        self.run_vsctl("mac", "add", "lab", "nope", *address.split(), "--dry-run", code=3)
 
     def test_steps_are_checked_in_their_order(self):
         for code, lines in ((0, "switch create new --ports 1\nport add new x\nuplink add new u\n"
@@ -108,20 +108,21 @@ class Undo(OnHost):
         """Switches whose ports, uplinks and policies are as no new ones are."""
         nics = b'{"nics": {"nic5": {}, "nic6": {}, "nic7": {"mtu": 3000}}}'
         self.assertEqual(HOST.vshost_scenario(nics), 0, HOST.vshost_error())
-        sessions = self.write("sessions", '[{"id": "s1"}, {"id": "s2"}]')
-        lines = ["port remove prod port0", "port add-opaque lab o text", "port add lab q --connect-id 9",
+        lines = ["port remove prod port0", "port add lab o --external-id text", "port add lab q --connect-id 9",
                  "port remove lab port1", "port add prod z", "port vlan lab uplink0 7 --priority 3",
-                 "port vlan lab port0 --trunk 5-9", "port vlan lab port2 --clear", "port security lab uplink1 5",
-                 f"port eth-filter lab q {'ab' * 200}", "property set lab com.example.x --text a",
+                 "port vlan lab port0 --trunk 5-9", "port vlan lab port2 --clear",
+                 "port security lab uplink1 --static-only",
+                 f"port eth-filter lab q --hex {'ab' * 200}", "property set lab com.example.x --text a",
                  "property set lab com.example.y --level host --hex 00",
-                 "property set lab com.example.z --port q --level port --text b", f"mirror append lab {sessions} q",
-                 f"mirror append lab {sessions}", "switch pvlan lab 6400650001000000",
-                 "switch mac-learning lab --value-a 300", "switch mtu lab 4000", "uplink add lab u9 u8",
+                 "property set lab com.example.z --port q --level port --text b",
+                 "mirror add lab s1 --to q", "mirror add lab s2 --to q",
+                 "mirror add lab s3 --to uplink0", "pvlan add lab 100 --isolated 101",
+                 "switch mac-learning lab --aging 300", "switch mtu lab 4000", "uplink add lab u9 u8",
                  "uplink remove lab uplink1", "switch create third --id third --uplinks 1",
                  "switch create free --id free --uplinks 1", "switch destroy free", "port remove prod port1",
                  "property clear lab com.talpex.common.opaqueDvs", "port add lab f0..f9"]
         self.run_vsctl("batch", "--allow-removals", stdin="\n".join(lines))
-        self.run_vsctl("mac", "set", "lab", "q", "--address", "02:00:00:00:00:01", "--vlan", "7")
+        self.run_vsctl("mac", "add", "lab", "q", "--address", "02:00:00:00:00:01", "--vlan", "7")
 
     CHANGES = ["switch destroy lab", "port remove lab q", "uplink remove lab uplink0", "uplink set lab e1 e2",
                "uplink clear lab", "switch mtu lab 9000", "switch mtu third 9000\nport add third x",
@@ -130,8 +131,9 @@ class Undo(OnHost):
                "port remove lab port0,o\nport add lab o\nport vlan lab o 6\nport add third a,b",
                "switch create new --id n --uplinks 2 --ports 2", "uplink add third e1 e2\nswitch mtu third 9000",
                "switch create new --id n --uplinks 2\nswitch mtu new 4000",
-               "port vlan lab port0 --clear\nport vlan lab q 5 --priority 2\nswitch pvlan lab --clear\n"
-               "mirror remove lab s1 q\nmirror clear lab\nswitch mac-learning lab --clear",
+               "port vlan lab port0 --clear\nport vlan lab q 5 --priority 2\npvlan remove lab 101\n"
+               "pvlan add lab 100 --community 102\n"
+               "mirror remove lab s1\nmirror clear lab\nswitch mac-learning lab --clear",
                "uplink remove lab u9\nuplink add third t2\nport remove lab q\nport add prod y\nswitch destroy lab\n"
                "port add third a\nswitch create new --id n --uplinks 2",
                "switch destroy prod\nswitch destroy third\nuplink add lab e1\nport add lab x,y,z",
@@ -217,7 +219,7 @@ class Undo(OnHost):
 
         environment = self.environment(VSCTL_STATE=str(self.directory / "state"))
         environment["LD_PRELOAD"] += f":{BUILD / 'tests/libother_platform.so'}"
-        self.run_vsctl("port", "security", "lab", "uplink0..uplink1", "5")
+        self.run_vsctl("port", "security", "lab", "uplink0..uplink1", "--static-only")
         self.run_vsctl("port", "vlan", "lab", "port0", "9")
         before = self.exported()
         elsewhere("switch create other --id zz", 4, "in use by switch prod")

@@ -12,20 +12,19 @@ from vsctl_host import HOST, PLAN_SCHEMA, OnHost, main
 U32 = 2**32 - 1
 # Each verb with a numeric option and its range. The values of policies are read back.
 NUMBERS = [(("port", "vlan", "lab", "port0"), "--id", 0, 4095), (("port", "vlan", "lab", "port0"), "--priority", 0, 7),
-           (("port", "mac-learning", "lab", "port0"), "--flag-a", 0, 255),
-           (("port", "mac-learning", "lab", "port0"), "--flag-b", 0, 255),
-           (("port", "mac-learning", "lab", "port0"), "--value-a", 0, U32),
-           (("port", "mac-learning", "lab", "port0"), "--value-b", 0, U32),
-           (("switch", "mac-learning", "lab"), "--value-a", 0, 1000000),
-           (("switch", "mac-learning", "lab"), "--byte", 0, 255),
-           (("switch", "mac-learning", "lab"), "--value-b", 0, U32),
+           (("port", "mac-learning", "lab", "port0"), "--limit", 0, U32),
+           (("switch", "mac-learning", "lab"), "--aging", 0, 1000000),
+           (("switch", "mac-learning", "lab"), "--policy-byte", 0, 255),
+           (("switch", "mac-learning", "lab"), "--limit", 0, U32),
            (("mac", "props"), "--aging", 0, U32), (("mac", "props"), "--limit", 0, U32)]
 OTHER_NUMBERS = [(("switch", "create", "new"), "--ports", 100000), (("switch", "create", "new"), "--uplinks", 4096),
                  (("switch", "create", "new"), "--max-ports", 2**31 - 1),
                  (("switch", "create", "new"), "--version", U32),
                  (("port", "add", "lab", "new"), "--connect-id", U32), (("uplink", "set", "lab"), "--count", 4096),
-                 (("mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01"), "--vlan", 4094),
+                 (("mac", "add", "lab", "port0", "--address", "02:00:00:00:00:01"), "--vlan", 4094),
                  (("mac", "list", "lab", "port0"), "--selector", 255),
+                 (("mirror", "add", "lab", "s", "--to", "port0"), "--outer-vlan", 4094),
+                 (("mirror", "add", "lab", "s", "--to", "port0"), "--snap", U32),
                  (("multicast", "filters", "lab"), "--selector", U32),
                  (("watch",), "--times", U32)]
 NO_NUMBERS = [" 5", "5 ", "+5", "-1", "0x5", "5.0", "1e1", "five", "\u0665", "5\n", "1" * 30]
@@ -36,7 +35,8 @@ SCHEMA = jsonschema.Draft202012Validator(PLAN_SCHEMA)
 # What no schema says: the host's state, relations between parts of a file, the spelling of names and ranges.
 BEYOND_SCHEMA = {"'-x'", "'a/b'", "'a' twice", "port0 twice", "has", "has 1", "has none", "128", "false", "absent",
                  "nothing else", "also set", "not both", "eth-filter", "is empty", "range", "1 to 127", "1 to 47",
-                 "1023", "range of VLANs", "a number from 1280"}
+                 "1023", "range of VLANs", "a number from 1280", "promiscuous in the primary", "'secondary'",
+                 "32 uplinks", "name of a port"}
 
 
 class Values(OnHost):
@@ -53,8 +53,7 @@ class Values(OnHost):
             for value in (*NO_NUMBERS, str(greatest + 1)):
                 self.refused([*verb, f"{option}={value}"], 5, str(greatest), option)
             self.refused([*verb, option, ""], 5, str(greatest), option)
-        for verb, least, greatest in ((("port", "security", "lab", "port0"), 0, 7),
-                                      (("switch", "mtu", "lab"), 1280, 9000)):
+        for verb, least, greatest in ((("switch", "mtu", "lab"), 1280, 9000),):
             for value in (least, greatest):
                 self.rows(*verb, str(value))
                 self.assertEqual(self.rows(*verb)[0][verb[1]], value)
@@ -74,14 +73,32 @@ class Values(OnHost):
                 (["port", "tx-uplink", "lab", "port0", "alway"], "normal or always"),
                 (["multicast", "filters", "lab", "--kind", "ipv5"], "ethernet, ipv4 or ipv6"),
                 (["property", "get", "lab", "k", "--level", "hosts"], "global, host or port"),
-                (["port", "eth-filter", "lab", "port0", FILTER[2:]], "200 bytes"),
-                (["port", "eth-filter", "lab", "port0", FILTER + "00"], "200 bytes"),
-                (["port", "eth-filter", "lab", "port0", FILTER[1:]], "pairs of hexadecimal digits"),
-                (["port", "eth-filter", "lab", "port0", FILTER[2:] + "-1"], "pairs of hexadecimal digits"),
+                (["port", "eth-filter", "lab", "port0", "--hex", FILTER[2:]], "200 bytes"),
+                (["port", "eth-filter", "lab", "port0", "--hex", FILTER + "00"], "200 bytes"),
+                (["port", "eth-filter", "lab", "port0", "--hex", FILTER[1:]], "pairs of hexadecimal digits"),
+                (["port", "eth-filter", "lab", "port0", "--hex", FILTER[2:] + "-1"], "pairs of hexadecimal digits"),
                 (["port", "eth-filter", "lab", "port0", "--file", "/dev/null"], "200 bytes"),
-                (["switch", "pvlan", "lab", "0102030405060708,"], "8 bytes"),
-                (["switch", "ls-teaming", "lab", "00"], "2748 bytes"),
-                (["switch", "pvlan", "lab", "--file", self.write("nine", "123456789")], "9 bytes", "entries of 8"),
+                (["pvlan", "add", "lab", "--file", self.write("nine", "123456789")], "8 bytes, not 9"),
+                (["pvlan", "add", "lab", "4095"], "1 to 4094"),
+                (["pvlan", "add", "lab", "7", "--isolated", "0"], "4094"),
+                (["pvlan", "add", "lab", "7", "--isolated", "8,"], "--isolated"),
+                (["pvlan", "add", "lab", "7", "--community", "7"], "promiscuous in its own"),
+                (["ls-teaming", "add", "lab", "--hex", "00"], "2748 bytes"),
+                (["ls-teaming", "add", "lab", "n" * 132], "1 to 131"), (["ls-teaming", "add", "lab", ""], "1 to 131"),
+                (["switch", "teaming", "lab", "--algorithm", "hash"], "port, source-mac, ip, l4 or order"),
+                (["switch", "teaming", "lab", "--active", "n" * 81], "1 to 80"),
+                (["switch", "teaming", "lab", "--notify=1"], "on or off"),
+                (["switch", "teaming", "lab", "--active", ",".join("a" * 17), "--standby", ",".join("b" * 16)], "32"),
+                *((["port", "eth-filter", "lab", "port0", "--rules", rule], "must be a rule like") for rule in (
+                    "drop", "drop any any", "lose any", "drop both any", "drop 0x0", "drop 0x10000", "drop 0806",
+                    "pass any,", "drop  any")),
+                (["port", "eth-filter", "lab", "port0", "--rules", ",".join(["pass any"] * 25)], "0 to 24"),
+                (["mirror", "add", "lab", "n" * 33, "--to", "port0"], "1 to 32"),
+                (["mirror", "add", "lab", "", "--to", "port0"], "1 to 32"),
+                (["mirror", "add", "lab", "s", "--to", "n" * 48], "name of a port"),
+                (["mirror", "add", "lab", "s", "--to", "port0,"], "name of a port"),
+                (["mirror", "add", "lab", "s", "--to", "port0", "--settings", "00"], "184 bytes"),
+                (["mirror", "add", "lab", "s", "--to", "port0", "--settings", "00" * 184, "--snap", "1"], "not both"),
                 ([*port, "port0", "--trunk", ""], "--trunk", "0 to 4095"),
                 ([*port, "port0", "--trunk", "1,"], "--trunk"),
                 ([*port, "port0", "--trunk", "4096"], "--trunk"), ([*port, "port0", "--trunk", "9-1"], "--trunk"),
@@ -96,7 +113,8 @@ class Values(OnHost):
                 ([*port, "p0..p4294967296", "1"], "'p4294967296'"),
                 (["port", "override", "lab", "port0", "n" * 81], "0 to 80"),
                 (["port", "ls-teaming", "lab", "port0", "n" * 136], "0 to 135"),
-                (["port", "add", "lab", "n" * 48], "47"), (["port", "add-opaque", "lab", "n" * 48, "x"], "47"),
+                (["port", "add", "lab", "n" * 48], "47"),
+                (["port", "add", "lab", "n" * 48, "--external-id", "x"], "47"),
                 (["switch", "create", "n" * 128], "127"), (["switch", "create", ""], "127"),
                 (["switch", "create", "new", "--id", "n" * 64], "63"),
                 (["switch", "create", "new", "--portset", "a/b"], "'a/b'"),
@@ -106,10 +124,10 @@ class Values(OnHost):
                 (["uplink", "add", "lab", "n" * 48], "47"), (["uplink", "add", "lab", ""], "47"),
                 (["uplink", "set", "lab", "a", ""], "47"),
                 (["uplink", "set", "lab", "a", "a"], "'a'"),
-                (["mac", "set", "lab", "port0", "--address", "02:00:00:00:00"], "'02:00:00:00:00'", "MAC"),
-                (["mac", "set", "lab", "port0", "--address", "02:00:00:00:00:0g"], "MAC"),
-                (["mac", "set", "lab", "port0", "--address", "224.1.1.1"], "MAC"),
-                (["mac", "set", "lab", "port0", "--hex", "00"], "18"),
+                (["mac", "add", "lab", "port0", "--address", "02:00:00:00:00"], "'02:00:00:00:00'", "MAC"),
+                (["mac", "add", "lab", "port0", "--address", "02:00:00:00:00:0g"], "MAC"),
+                (["mac", "add", "lab", "port0", "--address", "224.1.1.1"], "MAC"),
+                (["mac", "add", "lab", "port0", "--hex", "00"], "18"),
                 (["multicast", "groups", "lab", "02:00:00:00:00:01"], "IPv4 or IPv6"),
                 (["multicast", "groups", "lab", "1.2.3"], "'1.2.3'"), (["multicast", "groups", "lab", "::g"], "'::g'"),
                 (["property", "set", "lab", "k", "--hex", "abc"], "pairs"),
@@ -124,23 +142,21 @@ class Values(OnHost):
         for value in ("", "5x", "-1s", "0s", "0.4ms", "nan", "inf", "1e9s", "s", "1 s", "+1s", "0x1s"):
             self.refused(["switch", "list", "--timeout", value], 5, "--timeout", "30s")
             self.refused(["apply", "/dev/null", "--confirm-within", value], 5)
-        for text in ("", "{", "{}", "[1]", "[{}]", '[{"id": ""}]', '[{"id": "%s"}]' % ("n" * 33),
-                     '[{"id": "a\\u0000"}]',
-                     '[{"id": "a", "settings": "00"}]', '[{"id": "a", "entries": []}]',
-                     '[{"id": "a", "entries-a": [""]}]'):
-            self.refused(["mirror", "append", "lab", "-", "port0"], 5, "value", stdin=text)
-
     def test_words_that_do_not_go_together(self):
         for words, *reasons in (
                 (["port", "vlan", "lab", "port0", "7", "--id", "8"], "--id"),
                 (["port", "vlan", "lab", "port0", "7", "--clear"], "--clear"),
-                (["port", "eth-filter", "lab", "port0", FILTER, "--file", "/dev/null"], "--file"),
+                (["port", "eth-filter", "lab", "port0", "--hex", FILTER, "--file", "/dev/null"], "--file"),
+                (["port", "eth-filter", "lab", "port0", "--hex", FILTER, "--sink"], "--hex"),
+                (["port", "add", "lab", "x", "--connect-id", "1", "--external-id", "x"], "--external-id"),
+                (["pvlan", "add", "lab", "7", "--hex", "0102030405060708"], "PRIMARY", "--hex"),
+                (["pvlan", "add", "lab"], "PRIMARY"), (["ls-teaming", "add", "lab"], "NAME"),
+                (["ls-teaming", "add", "lab", "a", "--hex", "00"], "NAME", "--hex"),
+                (["mirror", "add", "lab", "s"], "--to"), (["mirror", "add", "lab", "s", "--to", "#7"], "--port"),
                 (["switch", "multicast", "lab", "snooping", "--live"], "--live"),
-                (["switch", "teaming", "lab", "--clear", "--by-id"], "--by-id"),
-                (["switch", "ls-teaming", "lab", "--live", "--by-id"], "--live", "--by-id"),
-                (["mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01", "--hex", "00"], "--address", "--hex"),
-                (["mac", "set", "lab", "port0", "--hex", "00" * 18, "--vlan", "5"], "--vlan", "--address"),
-                (["mac", "set", "lab", "port0"], "--address, --hex or --file"),
+                (["mac", "add", "lab", "port0", "--address", "02:00:00:00:00:01", "--hex", "00"], "--address", "--hex"),
+                (["mac", "add", "lab", "port0", "--hex", "00" * 18, "--vlan", "5"], "--vlan", "--address"),
+                (["mac", "add", "lab", "port0"], "--address, --hex or --file"),
                 (["mac", "props", "--aging", "5", "--hex", "00"], "--aging", "--hex"),
                 (["option", "set", "1=2", "--hex", "00"], "OPTION", "--hex"),
                 (["option", "set"], "OPTION=VALUE, --hex or --file"),
@@ -161,14 +177,14 @@ class Values(OnHost):
 
     def test_files_that_cannot_be_read(self):
         for words in (["plan"], ["apply"], ["batch"], ["port", "eth-filter", "lab", "port0", "--file"],
-                      ["mirror", "append", "lab"]):
+                      ["pvlan", "add", "lab", "--file"]):
             for path, why in ((str(self.directory / "none"), "No such file"), (str(self.directory), "Is a directory")):
                 self.refused([*words, path], 3, path, why)
 
     def test_files_that_describe_what_cannot_be(self):
         """Each part of a file with a bad value: the error names the fault and its place, and nothing is written."""
         switch, port = "/switches/lab/", "/switches/lab/ports/port0/"
-        session = {"id": "a"}
+        session, vlan = {"session": "a"}, {"primary": 7, "secondary": 8, "type": "isolated"}
         for pointer, value, *reasons in (
                 ("/switches", [], "table"), ("/switches", None, "table"), ("/switchs", {}, "switches"),
                 ("/switches/" + "n" * 128, {}, "127"), ("/switches/", {}, "127"), ("/switches/a\0b", {}, "1 to 127"),
@@ -191,12 +207,20 @@ class Values(OnHost):
                 (switch + "multicast", "snoop", "legacy or snooping"), (switch + "multicast", 1, "legacy"),
                 (switch + "learn-static", "on", "true or false"),
                 (switch + "teaming", "00", "2616 bytes"), (switch + "pvlan", ["00"], "8 bytes"),
-                (switch + "pvlan", {}, "list"),
-                (switch + "mac-learning", {"value-a": 1000001}, "1000000"),
-                (switch + "mac-learning", {"valu-a": 1}, "value-a"),
-                (switch + "mac-learning", 5, "table"), (switch + "uplink-mirror", [session, {}], "'id'"),
-                (switch + "uplink-mirror", [dict(session, settings="0")], "184 bytes"),
-                (switch + "uplink-mirror", [dict(session, x=1)], "known key"),
+                (switch + "pvlan", {}, "list"), (switch + "pvlan", [{"primary": 7}], "'secondary'"),
+                (switch + "pvlan", [dict(vlan, type="open")], "promiscuous, isolated or community"),
+                (switch + "pvlan", [dict(vlan, type="promiscuous")], "promiscuous in the primary"),
+                (switch + "pvlan", [dict(vlan, secondary=4095)], "4094"),
+                (switch + "teaming", {"algorithm": 4}, "order"), (switch + "teaming", {"failback": "on"}, "true"),
+                (switch + "teaming", {"active": ["a"] * 33}, "32 uplinks"), (switch + "teaming", 5, "table"),
+                (switch + "ls-teaming", [{"algorithm": "ip"}], "'name'"),
+                (switch + "mac-learning", {"aging": 1000001}, "1000000"),
+                (switch + "mac-learning", {"agin": 1}, "aging"),
+                (switch + "mac-learning", 5, "table"), (switch + "mirror", [session, {}], "'session'"),
+                (switch + "mirror", [dict(session, settings="0")], "184 bytes"),
+                (switch + "mirror", [dict(session, settings="00" * 184, snap=1)], "not both"),
+                (switch + "mirror", [dict(session, to=["n" * 48])], "name of a port"),
+                (switch + "mirror", [dict(session, x=1)], "known key"),
                 (switch + "clear", ["mtu"], "not a policy that can be cleared"),
                 (switch + "clear", ["vlan"], "not a policy"),
                 (switch + "clear", "pvlan", "list"),
@@ -216,12 +240,14 @@ class Values(OnHost):
                 (port + "vlan", {"trunk": ["1-4096"]}, "range of VLANs"),
                 (port + "vlan", {"trunk": ["1"], "ranges": ["2"]}, "not both"),
                 (port + "vlan", {"option": 1}, "true or false"),
-                (port + "security", 8, "7"), (port + "eth-filter", "ab", "200 bytes"),
+                (port + "security", 8, "table"), (port + "security", "08", "4 bytes"),
+                (port + "security", {"lock-address": 1}, "true or false"), (port + "block", "on", "true or false"),
+                (port + "eth-filter", "ab", "200 bytes"), (port + "eth-filter", {"rules": ["drop"]}, "a rule like"),
                 (port + "override", "n" * 81, "80"),
                 (port + "ls-teaming", "n" * 136, "135"), (port + "tx-uplink", "", "normal or always"),
                 (port + "sink", True, "eth-filter"),
                 (port + "clear", ["sink"], "eth-filter"),
-                (port + "mirror", {}, "list; each entry must be a mirror session")):
+                (port + "mirror", {}, "list; each entry must be a table")):
             document = {"switches": {"lab": {"multicast": "snooping", "ports": {"port0": {"eth-filter": FILTER}}}}}
             if value == ["port0"]:
                 document["switches"]["lab"]["ports"]["port0"] = {"absent": True}
@@ -256,7 +282,8 @@ class Values(OnHost):
         """In commands and in files: an id ends a trunk and a trunk ends an id; naming both sets both."""
         uplink, port, switch = ["port", "vlan", "lab",
                                 "uplink0"], ["port", "vlan", "lab", "port0"], ["switch", "mac-learning", "lab"]
-        learning = ["port", "mac-learning", "lab", "port0"]
+        learning, security = ["port", "mac-learning", "lab", "port0"], ["port", "security", "lab", "port0"]
+        team = ["switch", "teaming", "lab"]
         everywhere = {"id": 0, "trunk": ["1-4094"], "option": False}
         for words, before, changed in (
                 ([*uplink, "--priority", "5"], everywhere,
@@ -274,11 +301,22 @@ class Values(OnHost):
                 ([*port, "--ranges", "none", "--priority", "0"], None, {"id": 4, "priority": 0, "option": False}),
                 ([*port, "--trunk", "3"], None, {"id": 0, "priority": 0, "trunk": ["3"], "option": False}),
                 ([*port, "--ranges", "5"], None, {"id": 0, "priority": 0, "ranges": ["5"], "option": False}),
-                ([*switch, "--byte", "3"], {}, {"value-a": 600, "byte": 3, "value-b": 65536}),
-                ([*switch, "--value-b", "5"], None, {"value-a": 600, "byte": 3, "value-b": 5}),
-                ([*switch, "--value-a", "7"], None, {"value-a": 7, "byte": 3, "value-b": 5}),
-                ([*learning, "--flag-b", "1"], {}, {"flag-a": 0, "flag-b": 1, "value-a": 4096, "value-b": 0}),
-                ([*learning, "--value-b", "2"], None, {"flag-a": 0, "flag-b": 1, "value-a": 4096, "value-b": 2})):
+                ([*switch, "--policy-byte", "3"], {}, {"aging": 600, "limit": 65536, "policy-byte": 3}),
+                ([*switch, "--limit", "5"], None, {"aging": 600, "limit": 5, "policy-byte": 3}),
+                ([*switch, "--aging", "7"], None, {"aging": 7, "limit": 5, "policy-byte": 3}),
+                ([*learning, "--flood"], {}, {"learning": False, "flood": True, "limit": 4096, "at-limit": "drop"}),
+                ([*learning, "--limit", "2"], None,
+                 {"learning": False, "flood": True, "limit": 2, "at-limit": "drop"}),
+                ([*learning, "--at-limit", "forward", "--flood", "off"], None,
+                 {"learning": False, "flood": False, "limit": 2, "at-limit": "forward"}),
+                ([*security, "--lock-address"], {},
+                 {"addressed-only": True, "lock-address": True, "static-only": False}),
+                ([*security, "--addressed-only", "off"], None,
+                 {"addressed-only": False, "lock-address": True, "static-only": False}),
+                ([*team, "--active", "u0", "--failback"], {},
+                 {"algorithm": "port", "active": ["u0"], "standby": [], "failback": True, "notify": False}),
+                ([*team, "--standby", "u1"], None,
+                 {"algorithm": "port", "active": ["u0"], "standby": ["u1"], "failback": True, "notify": False})):
             with self.subTest(words):
                 (row,) = self.rows(*words)
                 self.assertEqual(row["before"] or {}, last if before is None else before)
@@ -321,13 +359,15 @@ class Values(OnHost):
                     "vlan": "port.vlan", "nested-vlan": "port.vlanNestedTag", "security": "port.security",
                     "eth-filter": "port.extraEthFRP", "sink": "port.extraEthFRP", "mac-learning": "port.macManagement",
                     "teaming": "port.teaming.policy", "override": "port.teaming.override", "tx-uplink": "port.txUplink",
-                    "ls-teaming": "port.logicalswitch.teaming", "mirror": "port.mirrorSessions"}),
+                    "ls-teaming": "port.logicalswitch.teaming"}),
+                ("mirror", ["--port", "port0"], {"list": "port.mirrorSessions"}),
                 ("switch", ["--level", "host"],
-                 {"mac-learning": "macLearning", "learn-static": "macLearning.learnStatic",
-                  "uplink-mirror": "uplinkMirrorSessions"}),
-                ("switch", [], {"multicast": "multicastFilter", "teaming": "teaming", "pvlan": "pvlanMap",
-                                "ls-teaming": "logicalswitch.teaming"})):
-            verb_words = ["lab", "port0"] if noun == "port" else ["lab"]
+                 {"mac-learning": "macLearning", "learn-static": "macLearning.learnStatic"}),
+                ("mirror", ["--level", "host"], {"list": "uplinkMirrorSessions"}),
+                ("switch", [], {"multicast": "multicastFilter", "teaming": "teaming"}),
+                ("pvlan", [], {"list": "pvlanMap"}), ("ls-teaming", [], {"list": "logicalswitch.teaming"})):
+            verb_words = ["lab", "port0"] if noun == "port" else ["lab", *level] if "--port" in level else ["lab"]
+            show = ["port", "show", "lab", "port0"] if "--port" in level else ["switch", "show", "lab"]
             sessions = struct.pack("<5I", *SESSIONS_HEADER) + b"s" * 32 + b"\xff" * 200
             for name, key in policies.items():
                 for value in ("", "ff", "ff" * 7, "ff" * 3000, "02000000" + "ff" * 100, sessions.hex()):
@@ -335,7 +375,7 @@ class Values(OnHost):
                         self.run_vsctl("property", "set", "lab", stem + key, *level, "--hex", value)
                         done = self.process(noun, name, *verb_words)
                         self.assertIn(done.returncode, (0, 1), done.stderr)
-                        shown = self.process(noun, "show", *verb_words, "--json")
+                        shown = self.process(*show, "--json")
                         self.assertIn(shown.returncode, (done.returncode, 1))
                         json.loads(shown.stdout or shown.stderr)
                         if done.returncode == 1:
@@ -344,7 +384,7 @@ class Values(OnHost):
                             self.run_vsctl(*command[1].split())
                         else:
                             self.run_vsctl("property", "clear", "lab", stem + key, *level)
-                        self.run_vsctl(noun, "show", *verb_words)
+                        self.run_vsctl(*show)
         for key, level in (("com.talpex.common.uplinkPorts", []),
                            ("com.talpex.common.host.uplinkPorts", ["--level", "host"])):
             for value in ("", "ffffffff", "01000000" + "ff" * 48, "01000000" + "ff" * 81):
@@ -375,7 +415,7 @@ class Values(OnHost):
             HOST.vshost_clear()
         for words, command, answers in ((["multicast", "groups", "lab", "224.1.1.1"], 4105,
                                          (b"\xff" * 24, b"\1" + b"\0" * 23)),
-                                        (["switch", "ls-teaming", "lab", "--live"], 4125, (b"\1\0\0\0", b"\xff" * 4))):
+                                        (["ls-teaming", "list", "lab", "--live"], 4125, (b"\1\0\0\0", b"\xff" * 4))):
             for answer in answers:
                 HOST.vshost_answer(command, 1, answer, len(answer))
             HOST.vshost_answer(command, 0, b"\xff" * 4000, 4000)
@@ -413,6 +453,8 @@ class Values(OnHost):
             return random.choice((schema["minimum"], schema["maximum"],
                                   random.randint(schema["minimum"], schema["maximum"])))
         if kind == "string" and "pattern" in schema:
+            if schema["pattern"].startswith("^(pass"):
+                return random.choice(("drop any", "pass from-port 0x88cc", "drop to-port 0x8", "pass 0x86DD"))
             if schema["pattern"].startswith("^[0-9]{"):
                 first = random.randint(0, 4095)
                 return random.choice((str(first), f"{first}-{random.randint(first, 4095)}", f"0{first % 100}"))
@@ -427,6 +469,25 @@ class Values(OnHost):
         required = schema.get("required", [])
         return {key: self.random_value(random, value) for key, value in schema["properties"].items() if key in required
                 or random.random() < 0.6}
+
+    def make_sound(self, random, entry):
+        """What the schema doesn't say: names that come once, and fields that go together."""
+        for number, session in enumerate(entry.get("mirror", [])):
+            session["session"] = f"s{number}"
+            if random.random() < 0.5:
+                session.pop("settings", None)
+            elif "settings" in session:
+                entry["mirror"][number] = {key: session[key] for key in session
+                                           if key in ("session", "settings", "from", "received-by", "to")}
+        for number, vlan in enumerate(entry.get("pvlan", [])):
+            if not isinstance(vlan, str):
+                kind = random.choice(("promiscuous", "isolated", "community"))
+                secondary = 7 if kind == "promiscuous" else 8 + number
+                vlan.update({"primary": 7, "secondary": secondary, "type": kind})
+        if isinstance(entry.get("security"), str):
+            entry["security"] = random.choice(("05000000", "00000000"))
+        if isinstance(entry.get("mac-learning"), str):
+            entry["mac-learning"] = entry["mac-learning"][:4] + "00" + entry["mac-learning"][6:]
 
     def random_file(self, random):
         definitions = PLAN_SCHEMA["$defs"]
@@ -447,10 +508,8 @@ class Values(OnHost):
                     port.pop("connect-id", None)
                 if isinstance(port.get("vlan", {}).get("trunk"), list):
                     port["vlan"].pop("ranges", None)
-                for number, session in enumerate(port.get("mirror", [])):
-                    session["id"] = f"s{number}"
-            for number, session in enumerate(switch.get("uplink-mirror", [])):
-                session["id"] = f"s{number}"
+                self.make_sound(random, port)
+            self.make_sound(random, switch)
             ports.update({uplink: {"override": "x"} for uplink in switch["uplinks"][:1]})
             switches[alias] = dict(switch, ports=ports)
         return {"switches": switches}

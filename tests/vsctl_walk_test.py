@@ -23,9 +23,9 @@ STEPS = int(os.environ.get("VSCTL_WALK_STEPS", 125))
 FIRST, LAST = map(int, os.environ.get("VSCTL_WALK_SEEDS", "1-2" if SANITIZED else "1-16").split("-"))
 STRIDE = 11 if SANITIZED else 1
 BEFORE = ["switch create lab --id=l --uplinks=2 --ports=3", "switch create prod --id=p --uplinks=1 --ports=2",
-          "mac set prod port0 --address=02:00:00:00:00:01", "port vlan lab port0,uplink0 --id=8 --priority=3",
-          "port mac-learning lab port1 --value-b=9"]
-CHANGE = ["port vlan lab port0,uplink0 --trunk=7", "port mac-learning lab port1 --flag-a=1",
+          "mac add prod port0 --address=02:00:00:00:00:01", "port vlan lab port0,uplink0 --id=8 --priority=3",
+          "port mac-learning lab port1 --limit=9"]
+CHANGE = ["port vlan lab port0,uplink0 --trunk=7", "port mac-learning lab port1 --learning",
           "uplink remove lab uplink0", "uplink add lab u0", "switch mtu lab 4000", "port remove lab port2",
           "property set lab com.example.x --text=a", "switch create new --id=n --uplinks=1 --ports=1",
           "switch mtu new 9000", "switch destroy prod"]

@@ -13,16 +13,19 @@ UPLINKS = ["u0", "u1", "uplink0", "uplink1"]
 CLEAR = "--clear"
 # Nouns, policies, where they are stored, and values.
 POLICIES = [("port", "nested-vlan", ON_PORT + "vlanNestedTag", ["on", "off", CLEAR]),
-            ("port", "security", ON_PORT + "security", ["0", "7", CLEAR]),
-            ("port", "eth-filter", FILTER, ["ab" * 200, "01" * 200, CLEAR]),
+            ("port", "block", "com.talpex.common.port.block", ["on", "off"]),
+            ("port", "security", ON_PORT + "security", ["--lock-address", "--addressed-only off", CLEAR]),
+            ("port", "eth-filter", FILTER, ["--hex " + "ab" * 200, "--rules 'drop any'", CLEAR]),
+            ("port", "teaming", ON_PORT + "teaming.policy", ["--active uplink0 --failback", CLEAR]),
             ("port", "sink", FILTER, ["on"]),
-            ("port", "override", ON_PORT + "teaming.override", ["", "uplink0", CLEAR]),
+            ("port", "override", ON_PORT + "teaming.override", ["''", "uplink0", CLEAR]),
             ("port", "tx-uplink", ON_PORT + "txUplink", ["always", CLEAR]),
             ("port", "ls-teaming", ON_PORT + "logicalswitch.teaming", ["gold", "tin", CLEAR]),
-            ("port", "mirror", MIRROR, ['[{"id": "s1"}]', CLEAR]),
             ("switch", "multicast", ON_SWITCH + "multicastFilter", ["legacy", "snooping"]),
-            ("switch", "learn-static", LEARNING + ".learnStatic", ["on", "off", CLEAR]),
-            ("switch", "pvlan", ON_SWITCH + "pvlanMap", ["64006500010000006500650001000000", CLEAR])]
+            ("switch", "teaming", ON_SWITCH + "teaming", ["--algorithm ip", CLEAR]),
+            ("switch", "learn-static", LEARNING + ".learnStatic", ["on", "off", CLEAR])]
+HOST_MIRROR = ON_SWITCH + "uplinkMirrorSessions"
+FLAGS = ["learning", "flood"]
 VLAN_OPTIONS = [{"id": 7}, {"id": 4095}, {"priority": 5}, {"trunk": "7-9,100"}, {"option": "on"}, {"ranges": "1-3"},
                 {"id": 8, "priority": 3}]
 
@@ -55,6 +58,13 @@ def is_taken(host, alias, identity):
     portset = identity.get("portset", alias)
     return alias in host.switches or identity.get("id") in host.ids.values() or portset in map(host.portset,
                                                                                                host.switches)
+
+
+def sessions_of(host, place):
+    """The names in a list of mirror sessions."""
+    value = host.there.get((*place, ""), b"").ljust(12, b"\0")
+    count = int.from_bytes(value[8:12], "little")
+    return [value[at:at + 32].split(b"\0")[0].decode() for at in range(20, 20 + 232 * count, 232)]
 
 
 def has_ordinary(host, switch, ports):
@@ -96,7 +106,7 @@ def of_entry(host, switch, entry):
         if "vlan" in policies:
             names += of_vlan(host, switch, port, policies["vlan"])
         if "mac-learning" in policies:
-            names += of_record(host, (switch, port, PORT_LEARNING), ["value-b"])
+            names += of_record(host, (switch, port, PORT_LEARNING), ["limit"])
         if "security" in policies:
             names.append((switch, port, ON_PORT + "security"))
     return names
@@ -111,7 +121,7 @@ def is_wrong_entry(host, switch, entry):
 
 
 def options(fields):
-    return [f"--{field}={value}" for field, value in fields.items()]
+    return [f"--{field}={('off', 'on')[value] if field in FLAGS else value}" for field, value in fields.items()]
 
 
 # ---- The commands ----
@@ -143,7 +153,7 @@ class Generator:
 
     def addition(self):
         switch, ports, opaque = self.switch(), self.some(PORTS), self.dice.random() < 0.3
-        return Command(["port", "add-opaque" if opaque else "add", switch, ",".join(ports), *["x-7"] * opaque],
+        return Command(["port", "add", switch, ",".join(ports), *["--external-id=x-7"] * opaque],
                        lambda host: [(switch, port) for port in ports],
                        lambda host: lacks(host, switch) or not set(ports).isdisjoint(host.ports(switch)),
                        lambda host, after: not lacks(after, switch, ports))
@@ -160,7 +170,7 @@ class Generator:
         switch, (noun, policy, key, values) = self.switch(), self.dice.choice(POLICIES)
         ports, value = self.ports(switch) if noun == "port" else [], self.dice.choice(values)
         places = [(switch, port, key) for port in ports or [""]]
-        return Command([noun, policy, switch, *([",".join(ports)] if ports else []), value],
+        return Command([noun, policy, switch, *([",".join(ports)] if ports else []), *shlex.split(value)],
                        lambda host: places, lambda host: lacks(host, switch, ports),
                        lambda host, after: all(((*place, "flags") in after.there) == (value != CLEAR)
                                                for place in places))
@@ -177,8 +187,8 @@ class Generator:
     def learning(self):
         switch, of_port = self.switch(), self.dice.random() < 0.5
         ports, key = (self.ports(switch)[:1], PORT_LEARNING) if of_port else ([], LEARNING)
-        known = ["flag-a", "flag-b", "value-a", "value-b"] if of_port else ["value-a", "byte", "value-b"]
-        fields = {field: self.dice.randrange(200) for field in self.some(known)}
+        known = ["learning", "flood", "limit"] if of_port else ["aging", "policy-byte", "limit"]
+        fields = {field: self.dice.randrange(2 if field in FLAGS else 200) for field in self.some(known)}
         place = (switch, "".join(ports), key)
         return Command(["port" if of_port else "switch", "mac-learning", switch, *ports, *options(fields)],
                        lambda host: of_record(host, place, [*fields, "listed"]),
@@ -273,15 +283,31 @@ class Generator:
 
     def mirror(self):
         switch, session = self.switch(), self.dice.choice(["s1", "s2"])
-        ports = self.ports(switch)[:self.dice.randrange(2)]
-        verb, words = self.dice.choice([("append", ["-"]), ("remove", [session]), ("clear", [])])
-        key = MIRROR if ports else ON_SWITCH + "uplinkMirrorSessions"
-        return Command(["mirror", verb, switch, *words, *ports], lambda host: [(switch, "".join(ports), key)],
-                       lambda host: lacks(host, switch, ports),
-                       stdin=json.dumps([{"id": session}]) if verb == "append" else None)
+        port = self.dice.choice(self.ports(switch) or ["nope"])
+        verb, words = self.dice.choice([("add", [session, "--to", port]), ("remove", [session]), ("clear", [])])
+
+        def places(host):
+            if verb == "add":
+                return [(switch, "", HOST_MIRROR) if port in host.uplinks(switch) else (switch, port, MIRROR)]
+            return [(switch, "", HOST_MIRROR), *((switch, port, MIRROR) for port in host.ports(switch))]
+
+        def is_wrong(host):
+            known = [session in sessions_of(host, place) for place in places(host)]
+            return lacks(host, switch, [port] * (verb == "add")) or verb != "clear" and any(known) == (verb == "add")
+
+        return Command(["mirror", verb, switch, *words], places, is_wrong,
+                       lambda host, after: any(session in sessions_of(after, place) for place in places(host))
+                       == (verb == "add") or verb == "clear")
+
+    def private_vlan(self):
+        switch, vlan = self.switch(), self.dice.choice([8, 9])
+        words = self.dice.choice([["add", switch, "7", f"--isolated={vlan}"], ["remove", switch, str(vlan)],
+                                  ["clear", switch]])
+        return Command(["pvlan", *words], lambda host: [(switch, "", ON_SWITCH + "pvlanMap")],
+                       lambda host: lacks(host, switch))
 
     def mac(self):
-        switch, verb = self.switch(), self.dice.choice(["set", "clear"])
+        switch, verb = self.switch(), self.dice.choice(["add", "remove"])
         ports, address = self.ports(switch)[:1], f"02:00:00:00:00:0{self.dice.randrange(3)}"
         return Command(["mac", verb, switch, *ports, f"--address={address}"],
                        lambda host: [(switch, *ports, "mac")], lambda host: lacks(host, switch, ports))
@@ -305,7 +331,7 @@ class Generator:
         alias, identity = self.dice.choice(ALIASES), self.identity()
         lines = ["switch create @ --uplinks=2 --ports=3 " + shlex.join(options(identity)), "uplink add @ u0",
                  "port vlan @ u0 --priority=3", "switch mtu @ 4000", "uplink remove @ uplink0", "port add @ a",
-                 "port security @ a,port1 7", "port remove @ port0"]
+                 "port security @ a,port1 --lock-address", "port remove @ port0"]
         return Command(["batch", "--allow-removals"],
                        lambda host: [(alias,), FREE_NICS], lambda host: is_taken(host, alias, identity),
                        lambda host, after: after.uplinks(alias) == ["uplink1", "u0"]
@@ -330,7 +356,8 @@ class Generator:
             entry["mtu"] = self.dice.choice([1500, 4000])
         if self.dice.random() < 0.4:
             uplinks = entry["uplinks"] = self.some(UPLINKS, ["port0", "a"])
-        kinds = [{}, {"security": 5}, {"vlan": {"id": 9}}, {"vlan": {"priority": 2}}, {"mac-learning": {"value-b": 4}}]
+        kinds = [{}, {"security": {"static-only": True}}, {"vlan": {"id": 9}}, {"vlan": {"priority": 2}},
+                 {"mac-learning": {"limit": 4}}]
         entry["ports"] = {port: self.dice.choice(kinds + [{"absent": True}] * (port not in uplinks))
                           for port in self.some(PORTS)}
         return entry
@@ -341,5 +368,6 @@ LINES = [(Generator.addition, 6), (Generator.removal, 4), (Generator.policy, 9),
          (Generator.learning, 5), (Generator.mtu, 3), (Generator.uplink_addition, 4), (Generator.uplink_removal, 4),
          (Generator.uplink_choice, 2), (Generator.uplink_clearing, 1), (Generator.uplink_state, 2),
          (Generator.creation, 5), (Generator.destruction, 2), (Generator.any_property, 3)]
-KINDS = [*LINES, (Generator.mirror, 3), (Generator.mac, 2), (Generator.batch, 8), (Generator.growth, 1),
+KINDS = [*LINES, (Generator.mirror, 3), (Generator.private_vlan, 2), (Generator.mac, 2),
+         (Generator.batch, 8), (Generator.growth, 1),
          (Generator.file, 10)]

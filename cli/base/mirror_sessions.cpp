@@ -1,9 +1,9 @@
 // Mirror sessions: from JSON to the lists of the library, and back.
-#include "cli/base/policy.h"
-
-#include <fmt/format.h>
-
 #include "cli/base/records.h"
+
+#include <charconv>
+#include <fmt/format.h>
+#include <vswitch_policy.h>
 
 namespace vsctl {
 
@@ -15,15 +15,27 @@ struct EntryKind {
 };
 
 constexpr EntryKind ENTRY_KINDS[] = {
-    {"entries-a", [](const MirrorSessionRecord &session) -> uint32_t { return session.entryCountA; }},
-    {"entries-b", [](const MirrorSessionRecord &session) -> uint32_t { return session.entryCountB; }},
-    {"entries-c", [](const MirrorSessionRecord &session) -> uint32_t { return session.entryCountC; }},
+    {"from", [](const MirrorSessionRecord &session) -> uint32_t { return session.entryCountA; }},
+    {"received-by", [](const MirrorSessionRecord &session) -> uint32_t { return session.entryCountB; }},
+    {"to", [](const MirrorSessionRecord &session) -> uint32_t { return session.entryCountC; }},
 };
+
+std::optional<VSwitchMirrorPort> NamedEntry(const std::string &text)
+{
+    VSwitchMirrorPort port{};
+    if (const auto number = PortEntryNumber(text))
+        port.number = *number;
+    else if (text.size() < sizeof port.dvPortId)
+        text.copy(port.dvPortId, sizeof port.dvPortId);
+    else
+        return {};
+    return port;
+}
 
 Json SessionToJson(const MirrorSessionRecord &session, std::span<const MirrorPortEntry> entries)
 {
-    Json value = {{"id", Name(session.sessionId, sizeof session.sessionId)},
-                  {"settings", ToText(session.settings)}};
+    Json value = {{"session", Name(session.sessionId, sizeof session.sessionId)},
+                  {"settings", Hex(session.settings, sizeof session.settings)}};
     uint64_t next = session.firstPortEntry;
     for (const EntryKind &kind : ENTRY_KINDS) {
         const uint64_t count = kind.count(session);
@@ -32,7 +44,9 @@ Json SessionToJson(const MirrorSessionRecord &session, std::span<const MirrorPor
                         fmt::format("mirror session {} counts more port entries than the list holds",
                                     Name(session.sessionId, sizeof session.sessionId)));
         }
-        value[kind.name] = ListToJson(entries.subspan(next, count));
+        Json &list = value[kind.name] = Json::array();
+        for (const MirrorPortEntry &entry : entries.subspan(next, count))
+            list.push_back(PortEntryText(entry));
         next += count;
     }
     return value;
@@ -43,6 +57,39 @@ uint32_t EntryCount(const Json &session, const char *kind)
     return session.contains(kind) ? static_cast<uint32_t>(session[kind].size()) : 0;
 }
 
+}
+
+std::optional<uint32_t> PortEntryNumber(const std::string &text)
+{
+    uint32_t number = 0;
+    const char *const end = text.data() + text.size();
+    if (!text.starts_with("#")) return {};
+    const auto [stop, error] = std::from_chars(text.data() + 1, end, number);
+    return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
+}
+
+MirrorPortEntry PortEntryOf(const std::string &text)
+{
+    MirrorPortEntry entry{};
+    if (const auto port = NamedEntry(text))
+        memcpy(&entry, &*port, sizeof entry);
+    else
+        memcpy(&entry, FromHex(text).data(), sizeof entry);
+    return entry;
+}
+
+std::string PortEntryText(const MirrorPortEntry &entry)
+{
+    VSwitchMirrorPort port;
+    memcpy(&port, &entry, sizeof port);
+    const uint32_t number = port.number;
+    const std::string name = Name(port.dvPortId, sizeof port.dvPortId);
+    const std::string text = name.empty() ? fmt::format("#{}", number) : name;
+    if (IsEmbedded() && text.size() < sizeof port.dvPortId) {
+        const MirrorPortEntry again = PortEntryOf(text);
+        if (memcmp(&again, &entry, sizeof entry) == 0) return text;
+    }
+    return Hex(&entry, sizeof entry);
 }
 
 Json SessionsToJson(const MirrorSessionList *list)
@@ -60,13 +107,12 @@ namespace {
 MirrorSessionRecord SessionRecord(const Json &session, uint32_t firstPortEntry)
 {
     MirrorSessionRecord record{};
-    const std::string &id = session["id"].get_ref<const std::string &>();
-    memcpy(record.sessionId, id.data(), std::min(id.size(), sizeof record.sessionId));
-    const Bytes settings = FromHex(session.value("settings", ""));
-    std::copy_n(settings.begin(), std::min(settings.size(), sizeof record.settings), record.settings);
-    record.entryCountA = EntryCount(session, "entries-a");
-    record.entryCountB = EntryCount(session, "entries-b");
-    record.entryCountC = EntryCount(session, "entries-c");
+    session["session"].get_ref<const std::string &>().copy(record.sessionId, sizeof record.sessionId);
+    const Bytes settings = RecordFromJson(MIRROR_SESSION, session.value("settings", session));
+    memcpy(record.settings, settings.data(), sizeof record.settings);
+    record.entryCountA = EntryCount(session, "from");
+    record.entryCountB = EntryCount(session, "received-by");
+    record.entryCountC = EntryCount(session, "to");
     record.firstPortEntry = firstPortEntry;
     return record;
 }
@@ -80,8 +126,8 @@ Bytes SessionsFromJson(const Json &sessions)
     for (const Json &session : sessions) {
         records.push_back(SessionRecord(session, static_cast<uint32_t>(entries.size())));
         for (const EntryKind &kind : ENTRY_KINDS) {
-            const auto more = ListFromJson<MirrorPortEntry>(session.value(kind.name, Json::array()));
-            entries.insert(entries.end(), more.begin(), more.end());
+            for (const Json &entry : session.value(kind.name, Json::array()))
+                entries.push_back(PortEntryOf(entry));
         }
     }
     const MirrorSessionList header{MIRROR_LIST_MAGIC, MIRROR_LIST_VERSION,

@@ -35,17 +35,19 @@ template<auto SET> VsStatus WriteFlag(const Target &target, const Json &value)
     return Call<SET>(target, static_cast<uint8_t>(value.get<bool>()));
 }
 
-template<class Record, auto GET> VsStatus ReadRecord(const Target &target, Json &value)
+template<const Layout &LAYOUT, class Record, auto GET> VsStatus ReadRecord(const Target &target, Json &value)
 {
     Record record{};
     if (VsStatus status = Call<GET>(target, &record)) return status;
-    value = ToText(record);
+    value = RecordToJson(LAYOUT, &record);
     return STATUS_OK;
 }
 
-template<class Record, auto SET> VsStatus WriteRecord(const Target &target, const Json &value)
+template<const Layout &LAYOUT, class Record, auto SET>
+VsStatus WriteRecord(const Target &target, const Json &value)
 {
-    const auto record = FromText<Record>(value);
+    Record record;
+    memcpy(&record, RecordFromJson(LAYOUT, value).data(), sizeof record);
     return Call<SET>(target, &record);
 }
 
@@ -123,20 +125,20 @@ VsStatus WriteVlan(const Target &target, const Json &value)
 }
 
 constexpr Field PVLAN_FIELDS[] = {
-    {"", Form::BYTES_LIST, "Entries of 8 bytes in hexadecimal, like A,B", 0, sizeof(PVLANMapEntry)}};
+    {"", Form::RECORDS, "Roles in private VLANs", 0, 0, "", nullptr, false, &PRIVATE_VLAN}};
 
 VsStatus ReadPrivateVlans(const Target &target, Json &value)
 {
     StoreBuffer<PVLANMapEntry> entries;
     uint32_t count = 0;
     if (VsStatus status = VSDVS_GetPrivateVLANMap(target.Alias(), entries.Out(), &count)) return status;
-    value = ListToJson(std::span<const PVLANMapEntry>(entries.Get(), count));
+    value = ListToJson(PRIVATE_VLAN, std::span<const PVLANMapEntry>(entries.Get(), count));
     return STATUS_OK;
 }
 
 VsStatus WritePrivateVlans(const Target &target, const Json &value)
 {
-    const auto entries = ListFromJson<PVLANMapEntry>(value);
+    const auto entries = ListFromJson<PVLANMapEntry>(PRIVATE_VLAN, value);
     return VSDVS_SetPrivateVLANMap(target.Alias(), entries.data(), static_cast<uint32_t>(entries.size()));
 }
 
@@ -147,83 +149,26 @@ VsStatus ClearPrivateVlans(const Target &target)
 
 constexpr Field SWITCH_VALUE[] = {{"", Form::BOOLEAN, "on or off"}};
 
-// ---- Security, extra Ethernet filter, sink port ----
+// ---- Port block ----
 
-constexpr Field SECURITY_FIELDS[] = {
-    {"", Form::NUMBER, "The three security flags as a number, 0 to 7", 0, 7}};
+constexpr const char *BLOCK_KEY = "com.talpex.common.port.block";
 
-VsStatus ReadSecurity(const Target &target, Json &value)
+VsStatus ReadBlock(const Target &target, Json &value)
 {
-    uint32_t flags = 0;
-    if (VsStatus status = VSDVS_GetPortSecurity(target.Alias(), target.Port(), &flags)) return status;
-    value = flags;
+    Bytes text;
+    if (VsStatus status = NamedProperty{PropertyLevel::PORT, target, BLOCK_KEY}.Get(text)) return status;
+    value = Name(reinterpret_cast<const char *>(text.data()), text.size()) == "true";
     return STATUS_OK;
 }
 
-VsStatus WriteSecurity(const Target &target, const Json &value)
+VsStatus WriteBlock(const Target &target, const Json &value)
 {
-    const auto flags = value.get<uint32_t>();
-    return VSDVS_SetPortSecurity(target.Alias(), target.Port(), &flags);
-}
-
-constexpr Field FILTER_FIELDS[] = {
-    {"", Form::BYTES, "The filter record, 200 bytes in hexadecimal", 0, sizeof(ExtraEthFilterRecord)}};
-
-// ---- MAC learning ----
-
-constexpr Field PORT_LEARNING_FIELDS[] = {
-    {"flag-a", Form::NUMBER, "First byte of the record", 0, 255, "", "0"},
-    {"flag-b", Form::NUMBER, "Second byte of the record", 0, 255, "", "0"},
-    {"value-a", Form::NUMBER, "First number of the record", 0, UINT32_MAX, "", "4096"},
-    {"value-b", Form::NUMBER, "Second number of the record", 0, UINT32_MAX, "", "0"},
-};
-
-VsStatus ReadPortLearning(const Target &target, Json &value)
-{
-    PortMACLearningConfig config{};
-    if (VsStatus status = VSDVS_GetPortMACLearning(target.Alias(), target.Port(), &config)) return status;
-    const uint32_t first = config.portValueA;
-    const uint32_t second = config.portValueB;
-    value = {
-        {"flag-a", config.portFlagA}, {"flag-b", config.portFlagB}, {"value-a", first}, {"value-b", second}};
-    return STATUS_OK;
-}
-
-VsStatus WritePortLearning(const Target &target, const Json &value)
-{
-    const PortMACLearningConfig config{value["flag-a"], value["flag-b"], value["value-a"], value["value-b"]};
-    return VSDVS_SetPortMACLearning(target.Alias(), target.Port(), &config);
-}
-
-constexpr Field LEARNING_FIELDS[] = {
-    {"value-a", Form::NUMBER, "First number of the record", 0, 1000000, "", "600"},
-    {"byte", Form::NUMBER, "Byte of the record", 0, 255, "", "0"},
-    {"value-b", Form::NUMBER, "Second number of the record", 0, UINT32_MAX, "", "65536"},
-};
-
-VsStatus ReadLearning(const Target &target, Json &value)
-{
-    SwitchMACLearningRecord record{};
-    if (VsStatus status = VSDVS_GetMACLearning(target.Alias(), &record)) return status;
-    uint32_t first = 0;
-    memcpy(&first, record.switchValueA, sizeof record.switchValueA);
-    const uint32_t second = record.switchValueB;
-    value = {{"value-a", first}, {"byte", record.switchByte}, {"value-b", second}};
-    return STATUS_OK;
-}
-
-VsStatus WriteLearning(const Target &target, const Json &value)
-{
-    SwitchMACLearningRecord record{{}, value["byte"], value["value-b"]};
-    const uint32_t first = value["value-a"];
-    memcpy(record.switchValueA, &first, sizeof record.switchValueA);
-    return VSDVS_SetMACLearning(target.Alias(), &record);
+    const std::string text = value.dump(); // "true" or "false", with a NUL
+    return NamedProperty{PropertyLevel::PORT, target, BLOCK_KEY}.Set(
+        {text.c_str(), text.c_str() + text.size() + 1});
 }
 
 // ---- Teaming ----
-
-constexpr Field TEAMING_FIELDS[] = {
-    {"", Form::BYTES, "The teaming policy, 2616 bytes in hexadecimal", 0, sizeof(TeamingPolicy)}};
 
 constexpr Field OVERRIDE_FIELDS[] = {
     {"", Form::TEXT, "The override, a text of at most 80 bytes", 0, TEAMING_OVERRIDE_SIZE - 1}};
@@ -245,8 +190,8 @@ VsStatus WriteTxUplink(const Target &target, const Json &value)
 
 // ---- Logical-switch teaming ----
 
-constexpr Field LS_TABLE_FIELDS[] = {{"", Form::BYTES_LIST, "Policies of 2748 bytes in hexadecimal, like A,B",
-                                      0, sizeof(LSTeamingPolicyEntry)}};
+constexpr Field LS_TABLE_FIELDS[] = {
+    {"", Form::RECORDS, "Teaming policies by name", 0, 0, "", nullptr, false, &NAMED_TEAMING}};
 
 // The library returns a stored table without checking its length, so its count is compared with the length
 // of the property.
@@ -262,7 +207,7 @@ VsStatus ReadStoredTable(const Target &target, bool byId, Json &value)
     if (auto failed = property.Length(length)) return failed;
     const uint64_t needed = sizeof *table.Get() + uint64_t{table->count} * sizeof(LSTeamingPolicyEntry);
     if (needed > static_cast<uint64_t>(length)) return STATUS_FAILURE;
-    value = ListToJson(Entries<LSTeamingPolicyEntry>(table.Get(), table->count));
+    value = ListToJson(NAMED_TEAMING, Entries<LSTeamingPolicyEntry>(table.Get(), table->count));
     return STATUS_OK;
 }
 
@@ -274,7 +219,7 @@ VsStatus ReadLiveLsTable(const Target &target, Json &value)
 {
     DriverBuffer<LSTeamingPolicyTable> table;
     if (VsStatus status = VSZOR_GetLSTeamingPolicyTable(target.Alias(), table.Out())) return status;
-    value = ListToJson(DriverEntries<LSTeamingPolicyEntry>(table.Get()));
+    value = ListToJson(NAMED_TEAMING, DriverEntries<LSTeamingPolicyEntry>(table.Get()));
     return STATUS_OK;
 }
 
@@ -283,7 +228,7 @@ VsStatus WriteLsTable(const Target &target, const Json &value)
     const auto count = static_cast<uint32_t>(value.size());
     Bytes table(sizeof count + count * sizeof(LSTeamingPolicyEntry));
     memcpy(table.data(), &count, sizeof count);
-    const auto entries = ListFromJson<LSTeamingPolicyEntry>(value);
+    const auto entries = ListFromJson<LSTeamingPolicyEntry>(NAMED_TEAMING, value);
     if (count) memcpy(table.data() + sizeof count, entries.data(), count * sizeof(LSTeamingPolicyEntry));
     return VSDVS_SetLSTeamingPolicy(target.Alias(), reinterpret_cast<LSTeamingPolicyTable *>(table.data()));
 }
@@ -349,7 +294,8 @@ VsStatus WriteMtu(const Target &target, const Json &value)
     return VSDVS_SetMTU(target.Alias(), value.get<int32_t>());
 }
 
-constexpr Field MIRROR_FIELDS[] = {{"", Form::SESSIONS, "Mirror sessions in JSON"}};
+constexpr Field MIRROR_FIELDS[] = {
+    {"", Form::RECORDS, "Mirror sessions", 0, 0, "", nullptr, false, &MIRROR_SESSION}};
 
 VsStatus ReadMirror(const Target &target, Json &value)
 {
@@ -364,16 +310,32 @@ VsStatus ClearMirror(const Target &target)
     return VSDVS_ClearDVMirrorSessions(target.Alias(), target.Port());
 }
 
-VsStatus WriteMirror(const Target &target, const Json &value)
+VsStatus AppendMirror(const Target &target, const Json &sessions)
 {
-    if (VsStatus status = ClearMirror(target)) return status;
-    const Bytes list = SessionsFromJson(value);
+    const Bytes list = SessionsFromJson(sessions);
     return VSDVS_AppendDVMirrorSessions(target.Alias(), target.Port(),
                                         reinterpret_cast<const MirrorSessionList *>(list.data()));
 }
 
+VsStatus WriteMirror(const Target &target, const Json &value)
+{
+    if (VsStatus status = ClearMirror(target)) return status;
+    return AppendMirror(target, value);
+}
+
+VsStatus RemoveMirror(const Target &target, const Json &names)
+{
+    for (const Json &name : names) {
+        const VsStatus status =
+            VSDVS_RemoveDVMirrorSession(target.Alias(), target.Port(), Text(name).c_str());
+        if (status != STATUS_OK) return status;
+    }
+    return STATUS_OK;
+}
+
 constexpr const char *MIRROR_OPERATIONS =
-    "VSDVS_GetDVMirrorSessions VSDVS_AppendDVMirrorSessions VSDVS_ClearDVMirrorSessions";
+    "VSDVS_GetDVMirrorSessions VSDVS_AppendDVMirrorSessions VSDVS_RemoveDVMirrorSession "
+    "VSDVS_ClearDVMirrorSessions";
 
 const Policy POLICIES[] = {
     {"mtu", PropertyLevel::GLOBAL, "", false, "MTU of a switch and its uplinks", MTU_FIELDS, ReadMtu,
@@ -383,30 +345,38 @@ const Policy POLICIES[] = {
      "snooping", "VSDVS_GetMcastFilterMode VSDVS_SetMcastFilterMode VSZOR_GetMcastFilterMode",
      ReadLiveMulticast},
     {"teaming", PropertyLevel::GLOBAL, "com.talpex.vswitch.teaming", false, "teaming policy of a switch",
-     TEAMING_FIELDS, ReadRecord<TeamingPolicy, VSDVS_GetTeamingPolicy>,
-     WriteRecord<TeamingPolicy, VSDVS_SetTeamingPolicy>, Call<VSDVS_ClearTeamingPolicy>, "--file team.bin",
+     TEAMING.fields, ReadRecord<TEAMING, TeamingPolicy, VSDVS_GetTeamingPolicy>,
+     WriteRecord<TEAMING, TeamingPolicy, VSDVS_SetTeamingPolicy>, Call<VSDVS_ClearTeamingPolicy>,
+     "--algorithm source-mac --active uplink0,uplink1 --standby uplink2 --failback --notify",
      "VSDVS_GetTeamingPolicy VSDVS_GetTeamingPolicyFromDVSID VSDVS_SetTeamingPolicy VSDVS_ClearTeamingPolicy",
-     nullptr, ReadRecord<TeamingPolicy, VSDVS_GetTeamingPolicyFromDVSID>},
+     nullptr, ReadRecord<TEAMING, TeamingPolicy, VSDVS_GetTeamingPolicyFromDVSID>, &TEAMING},
     {"mac-learning", PropertyLevel::HOST, "com.talpex.vswitch.macLearning", true,
-     "MAC learning of a switch on this host", LEARNING_FIELDS, ReadLearning, WriteLearning,
-     Call<VSDVS_ClearMACLearning>, "--value-a 300 --value-b 1024",
-     "VSDVS_GetMACLearning VSDVS_SetMACLearning VSDVS_ClearMACLearning"},
+     "MAC learning of a switch on this host", SWITCH_LEARNING.fields,
+     ReadRecord<SWITCH_LEARNING, SwitchMACLearningRecord, VSDVS_GetMACLearning>,
+     WriteRecord<SWITCH_LEARNING, SwitchMACLearningRecord, VSDVS_SetMACLearning>,
+     Call<VSDVS_ClearMACLearning>, "--aging 300 --limit 1024",
+     "VSDVS_GetMACLearning VSDVS_SetMACLearning VSDVS_ClearMACLearning", nullptr, nullptr, &SWITCH_LEARNING},
     {"learn-static", PropertyLevel::HOST, "com.talpex.vswitch.macLearning.learnStatic", true,
      "learning of static MAC addresses", SWITCH_VALUE, ReadFlag<VSDVS_GetLearnStatic>,
      WriteFlag<VSDVS_SetLearnStatic>, Call<VSDVS_ClearLearnStatic>, "on",
      "VSDVS_GetLearnStatic VSDVS_SetLearnStatic VSDVS_ClearLearnStatic"},
     {"pvlan", PropertyLevel::GLOBAL, "com.talpex.vswitch.pvlanMap", false, "private VLAN map of a switch",
-     PVLAN_FIELDS, ReadPrivateVlans, WritePrivateVlans, ClearPrivateVlans,
-     "6400650001000000,6400660002000000", "VSDVS_GetPrivateVLANMap VSDVS_SetPrivateVLANMap"},
+     PVLAN_FIELDS, ReadPrivateVlans, WritePrivateVlans, ClearPrivateVlans, "",
+     "VSDVS_GetPrivateVLANMap VSDVS_SetPrivateVLANMap", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+     "private VLAN"},
     {"ls-teaming", PropertyLevel::GLOBAL, "com.talpex.vswitch.logicalswitch.teaming", false,
      "logical-switch teaming policies of a switch", LS_TABLE_FIELDS, ReadLsTable, WriteLsTable,
-     Call<VSDVS_ClearLSTeamingPolicy>, "--live",
+     Call<VSDVS_ClearLSTeamingPolicy>, "",
      "VSDVS_GetLSTeamingPolicyTable VSDVS_GetLSTeamingPolicyTableFromDVSID VSDVS_SetLSTeamingPolicy "
      "VSDVS_ClearLSTeamingPolicy VSZOR_GetLSTeamingPolicyTable",
-     ReadLiveLsTable, ReadLsTableById},
-    {"uplink-mirror", PropertyLevel::HOST, "com.talpex.vswitch.uplinkMirrorSessions", true,
+     ReadLiveLsTable, ReadLsTableById, nullptr, nullptr, nullptr, nullptr, "policy"},
+    {"mirror", PropertyLevel::HOST, "com.talpex.vswitch.uplinkMirrorSessions", true,
      "mirror sessions of a switch's uplinks on this host", MIRROR_FIELDS, ReadMirror, WriteMirror,
-     ClearMirror, "--file sessions.json", MIRROR_OPERATIONS},
+     ClearMirror, "", MIRROR_OPERATIONS, nullptr, nullptr, nullptr, nullptr, AppendMirror, RemoveMirror,
+     "mirror session"},
+    {"block", PropertyLevel::PORT, BLOCK_KEY, false, "block of ports: a blocked port sends and gets nothing",
+     SWITCH_VALUE, ReadBlock, WriteBlock, nullptr, "on", "VSDVS_GetPortProp VSDVS_SetPortProp", nullptr,
+     nullptr, nullptr, "false"},
     {"vlan", PropertyLevel::PORT, "com.talpex.vswitch.port.vlan", false, "VLAN policy of ports", VLAN_FIELDS,
      ReadVlan, WriteVlan, Call<VSDVS_ClearPortVLANPolicy>, "--id 100 --priority 3",
      "VSDVS_GetPortVLANPolicy VSDVS_SetPortVLANPolicy VSDVS_ClearPortVLANPolicy"},
@@ -415,23 +385,33 @@ const Policy POLICIES[] = {
      WriteFlag<VSDVS_SetPortNestedVLANTagging>, nullptr, "on",
      "VSDVS_GetPortNestedVLANTagging VSDVS_SetPortNestedVLANTagging"},
     {"security", PropertyLevel::PORT, "com.talpex.vswitch.port.security", true, "security flags of ports",
-     SECURITY_FIELDS, ReadSecurity, WriteSecurity, nullptr, "5",
-     "VSDVS_GetPortSecurity VSDVS_SetPortSecurity"},
+     SECURITY.fields, ReadRecord<SECURITY, uint32_t, VSDVS_GetPortSecurity>,
+     WriteRecord<SECURITY, uint32_t, VSDVS_SetPortSecurity>, nullptr,
+     "--addressed-only off --lock-address on --static-only on", "VSDVS_GetPortSecurity VSDVS_SetPortSecurity",
+     nullptr, nullptr, &SECURITY},
     {"eth-filter", PropertyLevel::PORT, "com.talpex.vswitch.port.extraEthFRP", true,
-     "extra Ethernet filter of ports", FILTER_FIELDS,
-     ReadRecord<ExtraEthFilterRecord, VSDVS_GetExtraEthFilter>,
-     WriteRecord<ExtraEthFilterRecord, VSDVS_SetExtraEthFilter>, Call<VSDVS_ClearExtraEthFilter>,
-     "--file filter.bin", "VSDVS_GetExtraEthFilter VSDVS_SetExtraEthFilter VSDVS_ClearExtraEthFilter"},
+     "extra Ethernet filter of ports", ETHERNET_FILTER.fields,
+     ReadRecord<ETHERNET_FILTER, ExtraEthFilterRecord, VSDVS_GetExtraEthFilter>,
+     WriteRecord<ETHERNET_FILTER, ExtraEthFilterRecord, VSDVS_SetExtraEthFilter>,
+     Call<VSDVS_ClearExtraEthFilter>, "--rules 'drop from-port 0x86dd,pass any'",
+     "VSDVS_GetExtraEthFilter VSDVS_SetExtraEthFilter VSDVS_ClearExtraEthFilter", nullptr, nullptr,
+     &ETHERNET_FILTER},
     {"sink", PropertyLevel::PORT, "com.talpex.vswitch.port.extraEthFRP", true,
      "sink bit in the extra Ethernet filter of ports", SWITCH_VALUE, ReadFlag<VSDVS_IsSinkPortEnabled>,
      WriteFlag<VSDVS_ConfigureSinkPort>, nullptr, "on", "VSDVS_IsSinkPortEnabled VSDVS_ConfigureSinkPort"},
     {"mac-learning", PropertyLevel::PORT, "com.talpex.vswitch.port.macManagement", true,
-     "MAC learning of ports", PORT_LEARNING_FIELDS, ReadPortLearning, WritePortLearning, nullptr,
-     "--flag-a 1 --value-a 100", "VSDVS_GetPortMACLearning VSDVS_SetPortMACLearning"},
+     "MAC learning of ports", PORT_LEARNING.fields,
+     ReadRecord<PORT_LEARNING, PortMACLearningConfig, VSDVS_GetPortMACLearning>,
+     WriteRecord<PORT_LEARNING, PortMACLearningConfig, VSDVS_SetPortMACLearning>, nullptr,
+     "--learning --limit 100 --at-limit drop", "VSDVS_GetPortMACLearning VSDVS_SetPortMACLearning", nullptr,
+     nullptr, &PORT_LEARNING},
     {"teaming", PropertyLevel::PORT, "com.talpex.vswitch.port.teaming.policy", false,
-     "teaming policy of ports", TEAMING_FIELDS, ReadRecord<TeamingPolicy, VSDVS_GetPortTeamingPolicy>,
-     WriteRecord<TeamingPolicy, VSDVS_SetPortTeamingPolicy>, Call<VSDVS_ClearPortTeamingPolicy>,
-     "--file team.bin", "VSDVS_GetPortTeamingPolicy VSDVS_SetPortTeamingPolicy VSDVS_ClearPortTeamingPolicy"},
+     "teaming policy of ports", TEAMING.fields,
+     ReadRecord<TEAMING, TeamingPolicy, VSDVS_GetPortTeamingPolicy>,
+     WriteRecord<TEAMING, TeamingPolicy, VSDVS_SetPortTeamingPolicy>, Call<VSDVS_ClearPortTeamingPolicy>,
+     "--algorithm order --active uplink1",
+     "VSDVS_GetPortTeamingPolicy VSDVS_SetPortTeamingPolicy VSDVS_ClearPortTeamingPolicy", nullptr, nullptr,
+     &TEAMING},
     {"override", PropertyLevel::PORT, "com.talpex.vswitch.port.teaming.override", false,
      "teaming override of ports", OVERRIDE_FIELDS,
      ReadText<TEAMING_OVERRIDE_SIZE, VSDVS_GetPortTeamingOverride>, WriteText<VSDVS_SetPortTeamingOverride>,
@@ -448,8 +428,8 @@ const Policy POLICIES[] = {
      "VSZOR_GetPortLSTeamingPolicyName",
      ReadLiveLsName},
     {"mirror", PropertyLevel::PORT, "com.talpex.vswitch.port.mirrorSessions", true,
-     "mirror sessions of ports", MIRROR_FIELDS, ReadMirror, WriteMirror, ClearMirror, "--file sessions.json",
-     MIRROR_OPERATIONS},
+     "mirror sessions of ports", MIRROR_FIELDS, ReadMirror, WriteMirror, ClearMirror, "", MIRROR_OPERATIONS,
+     nullptr, nullptr, nullptr, nullptr, AppendMirror, RemoveMirror, "mirror session"},
 };
 
 }
@@ -473,10 +453,7 @@ const Policy *FindPolicy(std::string_view name, bool ofPort)
     return nullptr;
 }
 
-const Policy &MirrorPolicy(const Target &target)
-{
-    return target.port.empty() ? *FindPolicy("uplink-mirror", false) : *FindPolicy("mirror", true);
-}
+const Policy &MirrorPolicy(const Target &target) { return *FindPolicy("mirror", !target.port.empty()); }
 
 namespace {
 
@@ -520,14 +497,33 @@ Json ReadStored(const Policy &policy, const Target &target)
     return ReadPolicy(policy, target);
 }
 
+bool NeedsPublishedLayout(const Policy &policy, const Json &value)
+{
+    if (policy.layout) return NeedsLayout(*policy.layout, value);
+    if (!policy.IsList()) return false;
+    const Json entries = value.is_object() ? value.value("add", Json::array()) : value;
+    return std::any_of(entries.begin(), entries.end(),
+                       [&policy](const Json &entry) { return NeedsLayout(*policy.fields[0].layout, entry); });
+}
+
 namespace {
 
 VsStatus Clear(const Policy &policy, const Target &target)
 {
+    if (policy.initial) return policy.write(target, Json::parse(policy.initial));
     if (!policy.CanClear()) return STATUS_OK; // it exists as long as the switch
     return policy.clear ? policy.clear(target) : NamedProperty{policy.level, target, policy.key}.Clear();
 }
 
+}
+
+void WriteEntries(const Policy &policy, const Target &target, const Json &change)
+{
+    const std::string action = fmt::format("changing {} of", policy.name);
+    if (policy.add && change.contains("add")) return Check(policy.add(target, change["add"]), action, target);
+    if (policy.remove && change.contains("remove"))
+        return Check(policy.remove(target, change["remove"]), action, target);
+    WritePolicy(policy, target, Merged(policy, ReadStored(policy, target), change));
 }
 
 void WritePolicy(const Policy &policy, const Target &target, const Json &value)
@@ -548,6 +544,7 @@ bool Sets(const Json &value, const char *field) { return value.contains(field) &
 
 std::optional<Violation> FindViolation(const Policy &policy, const Json &value, const std::string &pointer)
 {
+    if (policy.layout) return FindViolation(*policy.layout, value, pointer);
     if (policy.IsScalar()) return FindViolation(policy.fields[0], value, pointer);
     if (auto fault = FindViolation(policy.fields, value, pointer)) return fault;
     if (Sets(value, "trunk") && Sets(value, "ranges"))
@@ -558,11 +555,13 @@ std::optional<Violation> FindViolation(const Policy &policy, const Json &value, 
 Json Canonical(const Policy &policy, const Json &value)
 {
     if (value.is_null()) return value;
+    if (policy.layout) return CanonicalRecord(*policy.layout, value);
     return policy.IsScalar() ? Canonical(policy.fields[0], value) : Canonical(policy.fields, value);
 }
 
 Json CanonicalPart(const Policy &policy, const Json &value)
 {
+    if (policy.layout && !value.is_null()) return CanonicalRecordPart(*policy.layout, value);
     if (value.is_null() || policy.IsScalar()) return Canonical(policy, value);
     return CanonicalPart(policy.fields, value);
 }
@@ -583,10 +582,36 @@ void DropExcluded(Json &stored, const Json &value)
 
 }
 
+namespace {
+
+// A list after the entries of {"add": …} have come to it, or those that {"remove": …} names have gone.
+Json MergedList(const Policy &policy, const Json &stored, const Json &change)
+{
+    Json list = stored.is_null() ? Json::array() : stored;
+    for (const Json &entry : change.value("add", Json::array())) {
+        const Json canonical = CanonicalRecord(*policy.fields[0].layout, entry);
+        if (std::find(list.begin(), list.end(), canonical) == list.end()) list.push_back(canonical);
+    }
+    for (const Json &name : change.value("remove", Json::array()))
+        std::erase_if(list.get_ref<Json::array_t &>(),
+                      [&](const Json &entry) { return IsNamed(policy, entry, name); });
+    return list.empty() ? Json() : list;
+}
+
+}
+
+bool IsNamed(const Policy &policy, const Json &entry, const std::string &name)
+{
+    const bool isPrimary = entry.is_object() && entry.contains("primary") && entry["primary"].dump() == name;
+    return isPrimary || EntryName(*policy.fields[0].layout, entry) == name;
+}
+
 Json Merged(const Policy &policy, const Json &stored, const Json &value)
 {
-    if (value.is_null() || policy.IsScalar()) return value;
-    Json merged = stored.is_null() ? Json::object() : stored;
+    if (policy.initial && value.is_null()) return Json::parse(policy.initial);
+    if (policy.IsList() && value.is_object()) return MergedList(policy, stored, value);
+    if (value.is_null() || value.is_string() || policy.IsScalar()) return value;
+    Json merged = stored.is_object() ? stored : Json::object();
     DropExcluded(merged, value);
     merged.update(value);
     for (const Field &field : policy.fields) {
@@ -597,8 +622,8 @@ Json Merged(const Policy &policy, const Json &stored, const Json &value)
 
 Json Schema(const Policy &policy)
 {
-    if (policy.IsScalar()) {
-        Json schema = Schema(policy.fields[0]);
+    if (policy.IsScalar() || policy.layout) {
+        Json schema = policy.layout ? Schema(*policy.layout) : Schema(policy.fields[0]);
         schema["description"] = policy.help;
         return schema;
     }

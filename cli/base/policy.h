@@ -20,8 +20,15 @@ struct Policy {
     const char *operations;
     VsStatus (*readLive)(const Target &, Json &) = nullptr; // what the driver runs with
     VsStatus (*readById)(const Target &, Json &) = nullptr; // of the switch with this id
+    const Layout *layout = nullptr;                         // of a policy that is a record
+    const char *initial = nullptr; // JSON; the value that new ports store, which files leave out
+    // Of a list: adding entries, and removing those with these names. Null: the whole list is written.
+    VsStatus (*add)(const Target &, const Json &) = nullptr;
+    VsStatus (*remove)(const Target &, const Json &) = nullptr;
+    const char *noun = ""; // an entry of a list
 
     bool IsScalar() const { return fields.size() == 1 && !*fields[0].name; }
+    bool IsList() const { return fields[0].form == Form::RECORDS; }
     bool CanClear() const { return *key; }
     bool IsOfPort() const { return level == PropertyLevel::PORT; }
 };
@@ -39,6 +46,13 @@ Json ReadPolicy(const Policy &policy, const Target &target);
 Json ReadStored(const Policy &policy, const Target &target);
 // Stores the value; null clears the policy.
 void WritePolicy(const Policy &policy, const Target &target, const Json &value);
+// Adds {"add": [entries]} to a list, or removes {"remove": [names]}.
+void WriteEntries(const Policy &policy, const Target &target, const Json &change);
+// Whether an entry of a list goes by this name. A private VLAN has the names of its primary and secondary
+// VLAN.
+bool IsNamed(const Policy &policy, const Json &entry, const std::string &name);
+// Whether the value names fields of a record, which the platform must publish.
+bool NeedsPublishedLayout(const Policy &policy, const Json &value);
 
 std::optional<Violation> FindViolation(const Policy &policy, const Json &value, const std::string &pointer);
 // The value in the one form in which it is read back.
@@ -49,9 +63,5 @@ Json CanonicalPart(const Policy &policy, const Json &value);
 // defaults.
 Json Merged(const Policy &policy, const Json &stored, const Json &value);
 Json Schema(const Policy &policy);
-
-// Mirror sessions of a library's list, and back.
-Json SessionsToJson(const MirrorSessionList *list);
-Bytes SessionsFromJson(const Json &sessions);
 
 }

@@ -4,23 +4,15 @@
 #include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
+#include <vswitch_policy.h>
+
+#include "cli/base/records.h"
 
 namespace vsctl {
 
 namespace {
 
 constexpr uint16_t MAX_VLAN = 4095;
-constexpr size_t SESSION_ID_SIZE = sizeof MirrorSessionRecord::sessionId;
-constexpr size_t SESSION_SETTINGS_SIZE = sizeof MirrorSessionRecord::settings;
-
-// The fields of a mirror session.
-constexpr Field SESSION_FIELDS[] = {
-    {"id", Form::TEXT, "Id of the session", 1, SESSION_ID_SIZE},
-    {"settings", Form::BYTES, "Its other settings", 0, SESSION_SETTINGS_SIZE},
-    {"entries-a", Form::BYTES_LIST, "Port entries of the first kind", 0, sizeof(MirrorPortEntry), "", "[]"},
-    {"entries-b", Form::BYTES_LIST, "Port entries of the second kind", 0, sizeof(MirrorPortEntry), "", "[]"},
-    {"entries-c", Form::BYTES_LIST, "Port entries of the third kind", 0, sizeof(MirrorPortEntry), "", "[]"},
-};
 
 // ---- Which values, or entries of a list, are valid ----
 
@@ -60,6 +52,14 @@ bool IsRange(const Field &, const Json &value)
     return range && range->first <= range->last && range->last <= MAX_VLAN;
 }
 
+// The name of a port, a number behind "#", or a whole entry in hexadecimal.
+bool IsPortEntry(const Field &field, const Json &value)
+{
+    if (!IsText(value, 1, 2 * field.max)) return false;
+    const auto &text = value.get_ref<const std::string &>();
+    return PortEntryNumber(text) || text.size() < DV_PORT_ID_SIZE || IsHex(field, value);
+}
+
 // "a, b or c"
 std::string Alternatives(const std::vector<std::string> &words)
 {
@@ -82,17 +82,6 @@ Json TextSchema(int64_t min, int64_t max)
 Json BytesSchema(const Field &field)
 {
     return {{"type", "string"}, {"pattern", fmt::format("^[0-9a-fA-F]{{{}}}$", 2 * field.max)}};
-}
-
-Json SessionSchema(const Field &)
-{
-    Json properties;
-    for (const Field &field : SESSION_FIELDS)
-        properties[field.name] = Schema(field);
-    return {{"type", "object"},
-            {"properties", properties},
-            {"required", {"id"}},
-            {"additionalProperties", false}};
 }
 
 // ---- Words of the command line: a word that is not a value stays a text, which is then refused ----
@@ -122,13 +111,9 @@ Json BytesOf(const std::string &word)
 
 Json ListOf(const std::string &word) { return word.empty() ? Json::array() : Json(Words(word, ",")); }
 
-Json RangesOf(const std::string &word) { return Words(word, ","); }
+Json SameTexts(const std::string &word) { return Json::array({word}); }
 
-Json SessionsOf(const std::string &word)
-{
-    const Json list = Json::parse(word, nullptr, false);
-    return list.is_discarded() ? Json(word) : list;
-}
+Json RangesOf(const std::string &word) { return Words(word, ","); }
 
 // ---- The form in which a value is read back ----
 
@@ -141,18 +126,21 @@ Json CanonicalRange(const Json &value)
     return VlanRangeText(*ParseVlanRange(value.get_ref<const std::string &>()));
 }
 
-Json CanonicalSession(const Json &value)
+Json CanonicalRule(const Json &value)
 {
-    Json session = value;
-    if (!session.contains("settings")) session["settings"] = std::string(2 * SESSION_SETTINGS_SIZE, '0');
-    return Canonical(SESSION_FIELDS, session);
+    return FilterRuleText(*ParseFilterRule(value.get_ref<const std::string &>()));
+}
+
+Json CanonicalEntry(const Json &value)
+{
+    return PortEntryText(PortEntryOf(value.get_ref<const std::string &>()));
 }
 
 // ---- The table ----
 
 // How values of a form are handled; for a list, its entries.
 struct FormRow {
-    bool (*isValid)(const Field &, const Json &); // null where fields of an entry are checked
+    bool (*isValid)(const Field &, const Json &); // null for records, which their layouts check
     std::string (*rule)(const Field &);
     Json (*schema)(const Field &);
     Json (*fromWord)(const std::string &);
@@ -193,14 +181,28 @@ constexpr FormRow FORMS[] = {
          return {{"type", "string"}, {"pattern", "^[0-9]{1,4}(-[0-9]{1,4})?$"}};
      },
      RangesOf, CanonicalRange, true, 1, UINT16_MAX},
-    {IsHex, BytesRule, BytesSchema, ListOf, CanonicalBytes, true},
     {[](const Field &field, const Json &value) { return IsText(value, 1, field.max); },
      [](const Field &field) { return fmt::format("must be a name of 1 to {} bytes", field.max); },
      [](const Field &field) { return TextSchema(1, field.max); }, ListOf, Same, true},
-    {nullptr, [](const Field &) -> std::string { return "must be a mirror session"; }, SessionSchema,
-     SessionsOf, CanonicalSession, true},
+    {[](const Field &, const Json &value) { return value.is_string() && ParseFilterRule(value); },
+     [](const Field &) -> std::string {
+         return "must be a rule like \"drop to-port 0x0806\": pass or drop, from-port or to-port or neither, "
+                "and an Ethernet type or any";
+     },
+     [](const Field &) -> Json {
+         return {{"type", "string"}, {"pattern", "^(pass|drop) ((from|to)-port )?(any|0x[0-9a-fA-F]{1,4})$"}};
+     },
+     ListOf, CanonicalRule, true, 0, VSWITCH_FILTER_RULES},
+    {IsPortEntry,
+     [](const Field &field) {
+         return fmt::format("must be the name of a port, a kernel number like #7, or {}",
+                            BytesRule(field).substr(strlen("must be ")));
+     },
+     [](const Field &field) { return TextSchema(1, 2 * field.max); }, ListOf, CanonicalEntry, true},
+    {nullptr, [](const Field &) -> std::string { return "must be a table"; },
+     [](const Field &field) { return Schema(*field.layout); }, SameTexts, nullptr, true},
 };
-static_assert(std::size(FORMS) == static_cast<size_t>(Form::SESSIONS) + 1);
+static_assert(std::size(FORMS) == static_cast<size_t>(Form::RECORDS) + 1);
 
 const FormRow &RowOf(const Field &field) { return FORMS[static_cast<size_t>(field.form)]; }
 
@@ -226,17 +228,10 @@ std::optional<Violation> FindViolation(std::span<const Field> fields, const Json
 
 namespace {
 
-std::optional<Violation> FindInSession(const Json &session, const std::string &pointer)
-{
-    if (auto violation = FindViolation(SESSION_FIELDS, session, pointer)) return violation;
-    if (!session.contains("id")) return Violation{pointer, "must have an 'id'"};
-    return {};
-}
-
 std::optional<Violation> FindInEntry(const Field &field, const Json &entry, const std::string &pointer)
 {
     const FormRow &form = RowOf(field);
-    if (!form.isValid) return FindInSession(entry, pointer);
+    if (!form.isValid) return FindViolation(*field.layout, entry, pointer);
     if (form.isValid(field, entry)) return {};
     return Violation{pointer, form.rule(field)};
 }
@@ -305,7 +300,7 @@ Json Canonical(const Field &field, const Json &value)
     if (!form.isList) return form.canonical(value);
     Json list = Json::array();
     for (const Json &entry : value)
-        list.push_back(form.canonical(entry));
+        list.push_back(field.layout ? CanonicalRecord(*field.layout, entry) : form.canonical(entry));
     return list;
 }
 
@@ -328,6 +323,109 @@ Json Canonical(std::span<const Field> fields, const Json &value)
             complete[field.name] = Json::parse(field.defaultText);
     }
     return complete;
+}
+
+namespace {
+
+// The field that holds a record in hexadecimal.
+const Field &HexField(const Layout &layout) { return layout.beside[0]; }
+
+std::vector<Field> AllFields(const Layout &layout)
+{
+    std::vector<Field> fields(layout.beside.begin(), layout.beside.end());
+    fields.insert(fields.end(), layout.fields.begin(), layout.fields.end());
+    return fields;
+}
+
+Field BytesOfRecord(const Layout &layout)
+{
+    return {"", Form::BYTES, "The record in hexadecimal digits", 0, static_cast<int64_t>(layout.size)};
+}
+
+bool NamesFields(const Layout &layout, const Json &value)
+{
+    return value.is_object() &&
+           std::any_of(layout.fields.begin(), layout.fields.end(),
+                       [&value](const Field &field) { return value.contains(field.name); });
+}
+
+std::string FindFault(const Layout &layout, const Json &value)
+{
+    if (*layout.key && !value.contains(layout.key)) return fmt::format("must have a '{}'", layout.key);
+    if (!layout.beside.empty() && value.contains(HexField(layout).name) && NamesFields(layout, value))
+        return fmt::format("can have '{}' or the fields that it holds, not both", HexField(layout).name);
+    return layout.findFault ? layout.findFault(value) : "";
+}
+
+}
+
+bool NeedsLayout(const Layout &layout, const Json &value)
+{
+    if (NamesFields(layout, value)) return true;
+    for (const Field &field : layout.beside) {
+        if (field.form != Form::ENTRIES) continue;
+        for (const Json &entry : value.value(field.name, Json::array()))
+            if (!IsHex(field, entry)) return true;
+    }
+    return false;
+}
+
+std::optional<Violation> FindViolation(const Layout &layout, const Json &value, const std::string &pointer)
+{
+    if (layout.beside.empty() && value.is_string())
+        return FindViolation(BytesOfRecord(layout), value, pointer);
+    if (auto fault = FindViolation(AllFields(layout), value, pointer)) return fault;
+    if (std::string fault = FindFault(layout, value); !fault.empty()) return Violation{pointer, fault};
+    return {};
+}
+
+// Of an entry whose record is beside other fields.
+static Json CanonicalBeside(const Layout &layout, const Json &value)
+{
+    const Field &hex = HexField(layout);
+    Json entry = Canonical(layout.beside.subspan(1), value);
+    if (!value.contains(hex.name) && !NamesFields(layout, value) && !IsEmbedded()) {
+        entry[hex.name] = std::string(2 * layout.size, '0');
+        return entry;
+    }
+    const Json record = value.contains(hex.name)
+                            ? RecordToJson(layout, RecordFromJson(layout, value[hex.name]).data())
+                            : Canonical(layout.fields, value);
+    if (record.is_string())
+        entry[hex.name] = record;
+    else
+        entry.update(record);
+    return entry;
+}
+
+Json CanonicalRecord(const Layout &layout, const Json &value)
+{
+    if (!layout.beside.empty()) return CanonicalBeside(layout, value);
+    if (value.is_string()) return RecordToJson(layout, RecordFromJson(layout, value).data());
+    return Canonical(layout.fields, value);
+}
+
+Json CanonicalRecordPart(const Layout &layout, const Json &value)
+{
+    return value.is_string() ? CanonicalRecord(layout, value) : CanonicalPart(layout.fields, value);
+}
+
+Json Schema(const Layout &layout)
+{
+    Json properties;
+    for (const Field &field : AllFields(layout))
+        properties[field.name] = Schema(field);
+    Json table = {{"type", "object"}, {"properties", properties}, {"additionalProperties", false}};
+    if (*layout.key) table["required"] = {layout.key};
+    if (!layout.beside.empty()) return table;
+    return {{"anyOf", {table, Schema(BytesOfRecord(layout))}}};
+}
+
+std::string EntryName(const Layout &layout, const Json &entry)
+{
+    if (entry.is_string()) return entry;
+    const Json &name = entry[layout.key];
+    return name.is_string() ? name.get<std::string>() : name.dump();
 }
 
 std::string UnknownKey(const std::string &key, const std::vector<std::string> &names)

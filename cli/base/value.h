@@ -9,16 +9,19 @@
 namespace vsctl {
 
 enum class Form {
-    BOOLEAN,    // true, false
-    NUMBER,     // min to max
-    CHOICE,     // one word of `choices`
-    TEXT,       // at most max bytes
-    BYTES,      // exactly max bytes, as hexadecimal digits
-    RANGES,     // VLANs: ["100-199", "300"], at least one
-    BYTES_LIST, // records of max bytes each
-    NAMES,      // texts of at most max bytes
-    SESSIONS    // mirror sessions with their port entries
+    BOOLEAN, // true, false
+    NUMBER,  // min to max
+    CHOICE,  // one word of `choices`
+    TEXT,    // at most max bytes
+    BYTES,   // exactly max bytes, as hexadecimal digits
+    RANGES,  // VLANs: ["100-199", "300"], at least one
+    NAMES,   // texts of at most max bytes
+    RULES,   // of an Ethernet filter: ["drop to-port 0x0806", "pass any"], at most max
+    ENTRIES, // port entries of a mirror session: ["port0", "#7"], or in hexadecimal
+    RECORDS  // each as its layout says
 };
+
+struct Layout;
 
 struct Field {
     const char *name; // in files and, after "--", on the command line; empty for the only field of a policy
@@ -29,6 +32,21 @@ struct Field {
     const char *choices = "";          // separated by '|'
     const char *defaultText = nullptr; // JSON; without it, a field that is not given stays absent
     bool canBeNone = false;            // the word "none" removes it
+    const Layout *layout = nullptr;    // of RECORDS
+};
+
+// A record that the library takes for bytes. Where the platform publishes its records, it is shown and set by
+// fields: a table. Elsewhere it is a text of hexadecimal digits, and so is a record that fields don't
+// describe whole, of another version for example.
+struct Layout {
+    std::span<const Field> fields;
+    size_t size;                                            // of the record
+    Json (*decode)(const uint8_t *bytes);                   // whatever the bytes are
+    void (*encode)(const Json &fields, uint8_t *bytes);     // of a record of zeros
+    std::string (*findFault)(const Json &fields) = nullptr; // between fields; empty when there is none
+    const char *key = "";                                   // the field that names an entry of a list
+    std::span<const Field> beside = {}; // fields of an entry beside its record. The first holds the record in
+                                        // hexadecimal, so that the entry is always a table.
 };
 
 inline constexpr const char *NONE = "none";
@@ -48,6 +66,16 @@ Json Canonical(const Field &field, const Json &value);
 Json Canonical(std::span<const Field> fields, const Json &value);
 // The same without the defaults.
 Json CanonicalPart(std::span<const Field> fields, const Json &value);
+
+// The same for a record: its hexadecimal digits become fields where they can.
+Json CanonicalRecord(const Layout &layout, const Json &value);
+Json CanonicalRecordPart(const Layout &layout, const Json &value);
+std::optional<Violation> FindViolation(const Layout &layout, const Json &value, const std::string &pointer);
+Json Schema(const Layout &layout);
+// Whether the value has fields of records, which only some platforms publish.
+bool NeedsLayout(const Layout &layout, const Json &value);
+// The name of an entry of a list of records.
+std::string EntryName(const Layout &layout, const Json &entry);
 
 // Throws unless a new object may have this name. The help of the rule says which name it is.
 void RequireName(const Field &rule, const std::string &name);

@@ -37,7 +37,10 @@ bool IsDerived(const Policy &policy) { return policy.read == FindPolicy("sink", 
 void AddPolicies(Json &entry, const Target &target)
 {
     for (const Policy *policy : PoliciesOf(!target.port.empty())) {
-        if (!IsDerived(*policy)) SetIfPresent(entry, policy->name, ReadStored(*policy, target));
+        if (IsDerived(*policy)) continue;
+        const Json value = ReadStored(*policy, target);
+        if (!policy->initial || value != Json::parse(policy->initial))
+            SetIfPresent(entry, policy->name, value);
     }
 }
 
@@ -46,7 +49,8 @@ void AddPolicies(Json &entry, const Target &target)
 void RestorePolicies(const Json &entry, const Target &target)
 {
     for (const Policy *policy : PoliciesOf(!target.port.empty())) {
-        const Json wanted = entry.value(policy->name, Json());
+        const Json usual = policy->initial ? Json::parse(policy->initial) : Json();
+        const Json wanted = entry.value(policy->name, usual);
         if (!IsDerived(*policy) && ReadStored(*policy, target) != wanted)
             WritePolicy(*policy, target, wanted);
     }

@@ -6,6 +6,8 @@
 #include <map>
 #include <set>
 
+#include "cli/base/records.h"
+
 namespace vsctl {
 
 namespace {
@@ -49,6 +51,8 @@ constexpr const char *ANY_PORT = "*";
 
 class Checker {
 public:
+    // The steps that a step about mirror sessions stands for, once it is known where they are.
+    std::vector<Step> Expand(const Step &step);
     void Check(const Step &step);
 
 private:
@@ -58,7 +62,8 @@ private:
     void CheckById(const Target &target);
     void CheckProperty(const Step &step);
     void CheckClearing(const Step &step);
-    void CheckMirror(const Step &step);
+    void CheckEntries(const Step &step, const Policy &policy);
+    void RequirePortEntries(const std::string &alias, const Json &sessions);
     void CheckPolicy(const Step &step);
     void CheckCreation(const std::string &alias, const Json &value);
     void CheckId(const std::string &id) const;
@@ -66,13 +71,15 @@ private:
 
     SwitchState &Find(const std::string &alias);
     SwitchState &FindPort(const Target &port);
+    Json &EntriesOf(const Step &step);
+    std::vector<Step> MirrorLists(const Step &step);
 
     std::map<std::string, SwitchState> switches;
-    std::set<std::string> destroyed, freedIds, freedPortsets; // of switches that steps destroy
-    std::set<std::string> ids, portsets;                      // that steps use
-    using Place = std::pair<std::string, std::string>;        // a switch, and its port if any
-    std::map<Place, std::set<std::string>> sessions;          // ids of mirror sessions that steps change
-    std::map<std::string, bool> properties;                   // whether properties that steps change exist
+    std::set<std::string> destroyed, freedIds, freedPortsets;                // of switches that steps destroy
+    std::set<std::string> ids, portsets;                                     // that steps use
+    using Place = std::pair<std::string, std::string>;                       // a switch, and its port if any
+    std::map<std::tuple<std::string, std::string, std::string>, Json> lists; // that steps change, by policy
+    std::map<std::string, bool> properties; // whether properties that steps change exist
     std::set<Place>
         configured; // objects that get properties which no step names; with ANY_PORT, a whole switch
 };
@@ -167,7 +174,7 @@ void Checker::CheckPort(const Step &step)
                     fmt::format("'vsctl uplink remove {} {}' removes it", step.target.alias, port));
     }
     found.SetPort(port, adds);
-    sessions[{step.target.alias, port}] = {};
+    lists[{step.target.alias, port, "mirror"}] = nullptr;
     configured.insert({step.target.alias, port});
 }
 
@@ -272,32 +279,100 @@ void Checker::CheckClearing(const Step &step)
                 PropertyAdvice(step.target, step.value.contains("by-id")));
 }
 
-void Checker::CheckMirror(const Step &step)
+// The entries of a list that an earlier step may have changed.
+Json &Checker::EntriesOf(const Step &step)
 {
     const auto &[alias, port] = step.target;
-    port.empty() ? Find(alias) : FindPort(step.target);
-    const auto [known, isFirst] = sessions.try_emplace({alias, port});
-    Step present = step;
-    if (isFirst && !Find(alias).IsNew()) ReadBefore(present);
-    if (isFirst && present.before.is_array()) {
-        for (const Json &session : present.before)
-            known->second.insert(session["id"]);
+    const auto [known, isFirst] = lists.try_emplace({alias, port, step.item});
+    if (isFirst && !Find(alias).IsNew()) {
+        Step present = step;
+        ReadBefore(present);
+        known->second = present.before;
     }
-    const std::string where = port.empty() ? alias : alias + " " + port;
-    if (step.value.contains("remove")) {
-        const std::string id = step.value["remove"];
-        if (known->second.erase(id)) return;
-        throw Error(Exit::NOT_FOUND, fmt::format("{} has no mirror session {}", step.target.Text(), id),
-                    fmt::format("'vsctl mirror list {}' lists its sessions", where));
+    return known->second;
+}
+
+// The lists of mirror sessions of a switch that are not empty.
+std::vector<Step> Checker::MirrorLists(const Step &step)
+{
+    const std::string &alias = step.target.alias;
+    std::set<std::string> places = {""};
+    if (!Find(alias).IsNew()) {
+        for (const vshost_port &port : PortsOf(alias))
+            places.insert(port.id);
     }
-    for (const Json &session : step.value["append"]) {
-        const std::string id = session["id"];
-        if (!known->second.contains(id)) continue;
-        throw Error(Exit::EXISTS, fmt::format("{} already has a mirror session {}", step.target.Text(), id),
-                    fmt::format("'vsctl mirror list {}' shows it", where));
+    for (const auto &[place, list] : lists) {
+        if (std::get<0>(place) == alias && std::get<2>(place) == step.item) places.insert(std::get<1>(place));
     }
-    for (const Json &session : step.value["append"])
-        known->second.insert(session["id"].get<std::string>());
+    std::vector<Step> found;
+    for (const std::string &port : places) {
+        Step list{step.item, {alias, port}, nullptr};
+        if (!EntriesOf(list).empty()) found.push_back(list);
+    }
+    return found;
+}
+
+std::vector<Step> Checker::Expand(const Step &step)
+{
+    if (step.item != "mirror" || !step.value.is_object()) return {step};
+    if (step.value.contains("add")) {
+        Step placed = step;
+        if (Contains(Find(step.target.alias).Listed().ids, step.target.port)) placed.target.port = "";
+        return {placed};
+    }
+    if (!step.value.contains("everywhere")) return {step};
+    const Json names = step.value.value("remove", Json::array());
+    std::vector<Step> steps = MirrorLists(step);
+    if (names.empty()) return steps; // each is cleared
+    for (Step &list : steps) {
+        const Json &entries = EntriesOf(list);
+        const bool has = std::any_of(entries.begin(), entries.end(), [&names](const Json &session) {
+            return session["session"] == names[0];
+        });
+        if (has) return {RemoveEntries(MirrorPolicy(list.target), list.target, names)};
+    }
+    return {RemoveEntries(MirrorPolicy(step.target), step.target, names)}; // which is missing
+}
+
+void Checker::CheckEntries(const Step &step, const Policy &policy)
+{
+    Json &list = EntriesOf(step);
+    const std::string advice = fmt::format("'vsctl {} list {}' lists them", policy.name, step.target.alias);
+    const auto find = [&](const std::string &name) {
+        return std::find_if(list.begin(), list.end(),
+                            [&](const Json &entry) { return IsNamed(policy, entry, name); });
+    };
+    for (const Json &name : step.value.value("remove", Json::array())) {
+        if (find(name) != list.end()) continue;
+        throw Error(Exit::NOT_FOUND,
+                    fmt::format("{} has no {} {}", step.target.Text(), policy.noun, name.get<std::string>()),
+                    advice);
+    }
+    const Json added = step.value.value("add", Json::array());
+    for (const Json &entry : added) {
+        const std::string name = EntryName(*policy.fields[0].layout, entry);
+        const auto found = find(name);
+        if (found == list.end() || (*found == entry && added.size() > 1)) continue;
+        throw Error(Exit::EXISTS,
+                    fmt::format("{} already has the {} {}", step.target.Text(), policy.noun, name), advice);
+    }
+    if (IsEmbedded() && policy.fields[0].layout == &MIRROR_SESSION)
+        RequirePortEntries(step.target.alias, added);
+    list = Merged(policy, list, step.value);
+}
+
+// The ports that new mirror sessions name.
+void Checker::RequirePortEntries(const std::string &alias, const Json &sessions)
+{
+    for (const Json &session : sessions) {
+        for (const Field &field : MIRROR_SESSION.beside) {
+            const Json names =
+                field.form == Form::ENTRIES ? session.value(field.name, Json::array()) : Json::array();
+            for (const std::string name : names) {
+                if (!PortEntryNumber(name) && name.size() < DV_PORT_ID_SIZE) FindPort({alias, name});
+            }
+        }
+    }
 }
 
 void Checker::CheckPolicy(const Step &step)
@@ -306,10 +381,14 @@ void Checker::CheckPolicy(const Step &step)
     const SwitchState &found = port.empty() ? Find(alias) : FindPort(step.target);
     configured.insert({alias, port});
     if (step.item == "mtu" && !found.IsNew()) RequireRunning("setting mtu of", step.target);
-    if (step.item != "mirror" && step.item != "uplink-mirror") return;
-    auto &ids = sessions[{alias, port}] = {};
-    for (const Json &session : step.value.is_null() ? Json::array() : step.value)
-        ids.insert(session["id"].get<std::string>());
+    const Policy &policy = *PolicyOf(step);
+    if (NeedsPublishedLayout(policy, step.value) && !IsEmbedded()) {
+        throw Error(Exit::USAGE, fmt::format("{} has fields that this platform doesn't publish", policy.name),
+                    "give its bytes in hexadecimal");
+    }
+    if (!policy.IsList()) return;
+    if (step.value.is_object()) return CheckEntries(step, policy);
+    lists[{alias, port, step.item}] = step.value;
 }
 
 void Checker::Check(const Step &step)
@@ -318,18 +397,23 @@ void Checker::Check(const Step &step)
     if (step.item == "port") return CheckPort(step);
     if (step.item == "uplinks") return CheckUplinks(step);
     if (step.item == "property") return CheckProperty(step);
-    if (step.item == "mirror-sessions") return CheckMirror(step);
     if (step.item == "uplink-admin") return void(Find(step.target.alias));
     CheckPolicy(step);
 }
 
 }
 
-void CheckSteps(const std::vector<Step> &steps)
+void CheckSteps(std::vector<Step> &steps)
 {
     Checker checker;
-    for (const Step &step : steps)
-        checker.Check(step);
+    std::vector<Step> expanded;
+    for (const Step &step : steps) {
+        for (Step &part : checker.Expand(step)) {
+            checker.Check(part);
+            expanded.push_back(std::move(part));
+        }
+    }
+    steps = std::move(expanded);
 }
 
 }

@@ -220,35 +220,7 @@ bool RestoreProperty(const Step &step)
     return false;
 }
 
-// ---- Mirror sessions: {"append": […]} or {"remove": ID} ----
-
-Json ReadSessions(const Step &step) { return ReadStored(MirrorPolicy(step.target), step.target); }
-
-void PerformMirror(const Step &step)
-{
-    const Target &target = step.target;
-    if (step.value.contains("remove")) {
-        const std::string id = step.value["remove"];
-        Check(VSDVS_RemoveDVMirrorSession(target.Alias(), target.Port(), id.c_str()),
-              "removing mirror session " + id + " from", target);
-        return;
-    }
-    const Bytes list = SessionsFromJson(step.value["append"]);
-    Check(VSDVS_AppendDVMirrorSessions(target.Alias(), target.Port(),
-                                       reinterpret_cast<const MirrorSessionList *>(list.data())),
-          "appending mirror sessions to", target);
-}
-
-Json MirrorAfter(const Step &step)
-{
-    Json after = step.before.is_null() ? Json::array() : step.before;
-    for (const Json &session : step.value.value("append", Json::array()))
-        after.push_back(session);
-    std::erase_if(after.get_ref<Json::array_t &>(), [&step](const Json &session) {
-        return step.value.contains("remove") && session["id"] == step.value["remove"];
-    });
-    return after.empty() ? Json() : Canonical(MirrorPolicy(step.target), after);
-}
+// ---- Policies: a value, or {"add": [entries]} or {"remove": [names]} of a list ----
 
 // The properties that the policy stores.
 Json SavePolicyKeys(const Policy &policy, const Target &target)
@@ -280,13 +252,6 @@ bool RestorePolicyOf(const Policy &policy, const Step &step)
     RestoreProperties(target, step.saved["properties"]);
     return false;
 }
-
-Json SaveMirror(const Step &step, Saver &saver)
-{
-    return SavePolicyOf(MirrorPolicy(step.target), step.target, saver);
-}
-
-bool RestoreMirror(const Step &step) { return RestorePolicyOf(MirrorPolicy(step.target), step); }
 
 // ---- Whether an uplink is up: {"uplink", "up"} ----
 
@@ -332,20 +297,18 @@ constexpr Item ITEMS[] = {
     {"port", ReadPortItem, PerformPort, SavePort, RestorePortItem, ValueOf},
     {"uplinks", ReadUplinksItem, PerformUplinks, SaveUplinks, RestoreUplinks, UplinksAfter},
     {"property", ReadProperty, PerformProperty, SaveNothing, RestoreProperty, PropertyAfter},
-    {"mirror-sessions", ReadSessions, PerformMirror, SaveMirror, RestoreMirror, MirrorAfter},
     {"uplink-admin", ReadAdmin, PerformAdmin, SaveNothing, RestoreAdmin, AdminAfter},
 };
 
-const Policy &PolicyOf(const Step &step) { return *FindPolicy(step.item, !step.target.port.empty()); }
+Json ReadPolicyItem(const Step &step) { return ReadStored(*PolicyOf(step), step.target); }
 
-Json ReadPolicyItem(const Step &step) { return ReadStored(PolicyOf(step), step.target); }
-
-Json PolicyAfter(const Step &step) { return Merged(PolicyOf(step), step.before, step.value); }
+Json PolicyAfter(const Step &step) { return Merged(*PolicyOf(step), step.before, step.value); }
 
 // Earlier steps may have changed the stored value.
 void PerformPolicy(const Step &step)
 {
-    const Policy &policy = PolicyOf(step);
+    const Policy &policy = *PolicyOf(step);
+    if (policy.IsList() && step.value.is_object()) return WriteEntries(policy, step.target, step.value);
     const bool keepsFields = !policy.IsScalar() && !step.value.is_null();
     Json stored = keepsFields ? ReadStored(policy, step.target) : Json();
     // A failed look-up looks like an absent policy, so an absent policy is read a second time.
@@ -353,9 +316,9 @@ void PerformPolicy(const Step &step)
     WritePolicy(policy, step.target, Merged(policy, stored, step.value));
 }
 
-Json SavePolicy(const Step &step, Saver &saver) { return SavePolicyOf(PolicyOf(step), step.target, saver); }
+Json SavePolicy(const Step &step, Saver &saver) { return SavePolicyOf(*PolicyOf(step), step.target, saver); }
 
-bool RestorePolicy(const Step &step) { return RestorePolicyOf(PolicyOf(step), step); }
+bool RestorePolicy(const Step &step) { return RestorePolicyOf(*PolicyOf(step), step); }
 
 // All policies.
 constexpr Item POLICY_ITEM = {"", ReadPolicyItem, PerformPolicy, SavePolicy, RestorePolicy, PolicyAfter};
@@ -369,6 +332,8 @@ const Item &ItemOf(const Step &step)
 }
 
 }
+
+const Policy *PolicyOf(const Step &step) { return FindPolicy(step.item, !step.target.port.empty()); }
 
 std::vector<std::string> PortsMade(const Step &step)
 {
@@ -401,6 +366,16 @@ bool IsRemoval(const Step &step)
 Step SetPolicy(const Policy &policy, const Target &target, const Json &value)
 {
     return {policy.name, target, CanonicalPart(policy, value)};
+}
+
+Step AddEntries(const Policy &policy, const Target &target, const Json &entries)
+{
+    return {policy.name, target, {{"add", Canonical(policy, entries)}}};
+}
+
+Step RemoveEntries(const Policy &policy, const Target &target, const Json &names)
+{
+    return {policy.name, target, {{"remove", names}}};
 }
 
 Json StepRow(const Step &step)

@@ -31,6 +31,10 @@ std::vector<std::string> PortsMade(const Step &step);
 bool IsRemoval(const Step &step);
 
 Step SetPolicy(const Policy &policy, const Target &target, const Json &value);
+// Of a list.
+Step AddEntries(const Policy &policy, const Target &target, const Json &entries);
+Step RemoveEntries(const Policy &policy, const Target &target, const Json &names);
+const Policy *PolicyOf(const Step &step); // null for other steps
 // One row of output.
 Json StepRow(const Step &step);
 std::string StepText(const Step &step);

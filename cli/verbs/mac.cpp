@@ -65,7 +65,7 @@ bool WouldChange(const Target &port, const Json &entry, bool adds)
 template<auto CHANGE> Result ChangeEntry(const Verb &verb, const Arguments &arguments)
 {
     const Target port = arguments.Target();
-    const bool adds = verb.name == "set";
+    const bool adds = verb.name == "add";
     const char *const action = adds ? "adding a MAC address to" : "removing a MAC address from";
     SwitchId(port.alias);
     const ZorMacTableEntry entry = GivenEntry(arguments);
@@ -153,10 +153,10 @@ std::vector<Verb> MacVerbs()
     return {
         Reads("mac list", List, {SWITCH, ONE_PORT, selector},
               {"List the MAC table of a port", "lab port0", "VSZOR_GetPortMACTable", "", Record::MAC_ENTRY}),
-        ChangesNow("mac set", ChangeEntry<VSZOR_SetPortMACTable>, entry,
+        ChangesNow("mac add", ChangeEntry<VSZOR_SetPortMACTable>, entry,
                    {"Add a MAC address to a port", "lab port0 --address 02:00:00:00:00:01 --vlan 100",
                     "VSZOR_SetPortMACTable", "switch, port", Record::MAC_ENTRY}),
-        ChangesNow("mac clear", ChangeEntry<VSZOR_ClearPortMACTable>, entry,
+        ChangesNow("mac remove", ChangeEntry<VSZOR_ClearPortMACTable>, entry,
                    {"Remove a MAC address from a port", "lab port0 --address 02:00:00:00:00:01 --vlan 100",
                     "VSZOR_ClearPortMACTable", "switch, port", Record::MAC_ENTRY}),
         Reads("mac team", Team, {SWITCH, selector},

@@ -37,6 +37,8 @@ void AddArgument(CLI::App &app, const Argument &argument, std::vector<std::strin
     CLI::Option *option = repeats
                               ? app.add_option(argument.name, slot, argument.help)->expected(-1)
                               : app.add_option_function<std::string>(argument.name, setSlot, argument.help);
+    const bool isFlag = argument.rule && argument.rule->form == Form::BOOLEAN;
+    if (isFlag) option->expected(0, 1)->default_str("on"); // --notify is --notify on
     option->type_name("")->required(argument.shape == Shape::REQUIRED || argument.shape == Shape::MANY);
     if (!argument.rule) return;
     option->check([rule = *argument.rule, name = argument.name](const std::string &word) {
@@ -107,9 +109,39 @@ Error UsageError(const Verb &verb, const CLI::ParseError &error, const std::vect
 
 }
 
+namespace {
+
+bool Takes(const Verb &verb, const std::string &name)
+{
+    return std::any_of(verb.arguments.begin(), verb.arguments.end(),
+                       [&name](const Argument &argument) { return argument.name == name; });
+}
+
+bool NamesSwitch(const Verb &verb)
+{
+    return std::any_of(verb.arguments.begin(), verb.arguments.end(), [](const Argument &argument) {
+        return argument.name == SWITCH.name && argument.names == Names::SWITCH;
+    });
+}
+
+// The alias of the switch with this id, and ports behind a slash.
+std::string ByAlias(const std::string &word)
+{
+    const size_t slash = SwitchIdExists(word) ? std::string::npos : word.rfind('/');
+    const std::string id = word.substr(0, slash), alias = AliasOfId(id);
+    if (alias.empty()) {
+        throw Error(Exit::NOT_FOUND, fmt::format("no switch with a name has the id '{}'", id),
+                    "'vsctl switch list' shows the ids of the switches");
+    }
+    return slash == std::string::npos ? alias : alias + word.substr(slash);
+}
+
+}
+
 std::vector<Argument> AllArguments(const Verb &verb)
 {
     std::vector<Argument> arguments = verb.arguments;
+    if (NamesSwitch(verb) && !Takes(verb, BY_ID.name)) arguments.push_back(BY_ID);
     arguments.push_back(JSON);
     if (verb.effect != Effect::READS) arguments.push_back(DRY_RUN);
     arguments.push_back(TIMEOUT);
@@ -145,6 +177,10 @@ const Arguments &Parser::Parse(const std::vector<std::string> &words, Options &o
     }
     if (verb.noun == "watch") arguments.Slot("COMMAND") = app->remaining();
     ReadCommon(arguments, options);
+    if (arguments.Has(BY_ID.name) && !Takes(verb, BY_ID.name)) {
+        for (std::string &word : arguments.Slot(SWITCH.name))
+            word = ByAlias(word);
+    }
     return arguments;
 }
 

@@ -11,7 +11,7 @@ namespace {
 uint32_t PortNumber(const Target &port, bool byId = false)
 {
     uint32_t number = 0;
-    Check(byId ? VSDVS_DvPortIDToPortIDFromDVSID(port.Alias(), port.Port(), &number)
+    Check(byId ? VSDVS_DvPortIDToPortIDFromDVSID(SwitchId(port.alias).c_str(), port.Port(), &number)
                : VSDVS_DvPortIDToPortID(port.Alias(), port.Port(), &number),
           "reading the number of", port);
     return number;
@@ -30,12 +30,9 @@ Result PortSteps(const Arguments &arguments, const Json &value)
 
 Result Add(const Verb &, const Arguments &arguments)
 {
+    if (arguments.Has("--external-id"))
+        return PortSteps(arguments, {{"external-id", arguments.Text("--external-id")}});
     return PortSteps(arguments, {{"connect-id", arguments.Number("--connect-id", 1)}});
-}
-
-Result AddOpaque(const Verb &, const Arguments &arguments)
-{
-    return PortSteps(arguments, {{"external-id", arguments.Text("EXTERNAL-ID")}});
 }
 
 Result Remove(const Verb &, const Arguments &arguments) { return PortSteps(arguments, nullptr); }
@@ -86,7 +83,7 @@ Result List(const Verb &, const Arguments &arguments)
 Result Number(const Verb &, const Arguments &arguments)
 {
     const bool byId = arguments.Has("--by-id");
-    if (!byId) SwitchId(arguments.Text("SWITCH"));
+    SwitchId(arguments.Text("SWITCH"));
     Result result;
     for (const Target &port : arguments.Ports())
         result.rows.push_back(
@@ -114,42 +111,23 @@ std::vector<Target> Targets(const Policy &policy, const Arguments &arguments)
     return {arguments.Target()};
 }
 
-std::string OptionName(const Field &field) { return std::string("--") + field.name; }
-
-size_t EntrySize(const Field &field) { return static_cast<size_t>(field.max); }
-
-// The value that a file holds: JSON for mirror sessions, bytes for records and lists of records.
-Json FileValue(const Field &field, const std::string &path)
-{
-    const std::string content = ReadFile(path);
-    if (field.form == Form::SESSIONS) return ParseWord(field, content);
-    if (field.form == Form::BYTES) return ParseWord(field, Hex(content.data(), content.size()));
-    if (content.size() % EntrySize(field) != 0) {
-        throw Error(Exit::BAD_VALUE, fmt::format("{} holds {} bytes, which are not whole entries of {} bytes",
-                                                 path, content.size(), EntrySize(field)));
-    }
-    Json entries = Json::array();
-    for (size_t start = 0; start < content.size(); start += EntrySize(field))
-        entries.push_back(Hex(content.data() + start, EntrySize(field)));
-    return entries;
-}
-
 // The value given on the command line; null when there is none.
 Json GivenValue(const Policy &policy, const Arguments &arguments)
 {
     const Field &first = policy.fields[0];
-    if (arguments.Has("--file")) return FileValue(first, arguments.Text("--file"));
-    if (policy.IsScalar()) return arguments.Has("VALUE") ? ParseWord(first, arguments.Text("VALUE")) : Json();
-    Json value;
-    if (arguments.Has("VALUE")) value[first.name] = ParseWord(first, arguments.Text("VALUE"));
-    for (const Field &field : policy.fields) {
-        if (arguments.Has(OptionName(field)))
-            value[field.name] = ParseWord(field, arguments.Text(OptionName(field)));
+    if (policy.layout && (arguments.Has("--hex") || arguments.Has("--file"))) {
+        const Bytes bytes = GivenBytes(arguments, policy.layout->size);
+        return Hex(bytes.data(), bytes.size());
     }
+    if (policy.IsScalar()) return arguments.Has("VALUE") ? ParseWord(first, arguments.Text("VALUE")) : Json();
+    Json value = GivenFields(policy.fields, arguments);
+    if (arguments.Has("VALUE")) value[first.name] = ParseWord(first, arguments.Text("VALUE"));
     if (value.is_null()) return value;
     if (auto fault = FindViolation(policy, value, ""))
         throw Error(Exit::BAD_VALUE, fmt::format("{} {}", policy.name, fault->message));
     return value;
+}
+
 }
 
 Json ReadAsAsked(const Policy &policy, const Target &target, const Arguments &arguments)
@@ -159,12 +137,15 @@ Json ReadAsAsked(const Policy &policy, const Target &target, const Arguments &ar
                                                   : nullptr;
     if (!read) return ReadPolicy(policy, target);
     Json value;
-    const VsStatus status = read(target, value);
+    const VsStatus status =
+        read(arguments.Has("--live") ? target : Target{SwitchId(target.alias), target.port}, value);
     if (status == STATUS_NOT_FOUND && !arguments.Has("--live")) return nullptr;
     const std::string action = fmt::format("reading {} of", policy.name);
     arguments.Has("--live") ? CheckDriver(status, action, target) : Check(status, action, target);
     return value;
 }
+
+namespace {
 
 Json PolicyRow(const Policy &policy, const Target &target, const Arguments &arguments)
 {
@@ -183,7 +164,7 @@ Result GetOrSet(const Verb &verb, const Arguments &arguments)
     const Policy &policy = *verb.policy;
     const Json value = GivenValue(policy, arguments);
     const bool changes = arguments.Has("--clear") || !value.is_null();
-    if (!changes && !arguments.Has("--by-id")) SwitchId(arguments.Text("SWITCH"));
+    if (!changes) SwitchId(arguments.Text("SWITCH"));
     Result result;
     for (const Target &target : Targets(policy, arguments)) {
         if (changes) {
@@ -199,17 +180,24 @@ Result GetOrSet(const Verb &verb, const Arguments &arguments)
 std::vector<Argument> PolicyArguments(const Policy &policy)
 {
     const Field &first = policy.fields[0];
-    std::vector<Argument> values = {{"VALUE", Shape::OPTIONAL, first.help}};
-    if (first.form == Form::BYTES || first.form == Form::BYTES_LIST || first.form == Form::SESSIONS)
-        values.push_back(
-            {"--file", Shape::OPTION, "File that holds the value (- for standard input)", Names::FILE});
-    for (const Field &field : policy.IsScalar() ? std::span<const Field>() : policy.fields)
-        values.push_back({OptionName(field), Shape::OPTION, field.help});
+    std::vector<Argument> values;
+    if (!policy.layout) values.push_back({"VALUE", Shape::OPTIONAL, first.help});
+    if (!policy.IsScalar()) {
+        for (const Argument &option : FieldOptions(policy.fields))
+            values.push_back(option);
+    }
+    if (policy.layout) {
+        std::vector<std::string> fields;
+        for (const Argument &option : values)
+            fields.push_back(option.name);
+        values.push_back(Excluding(HEX, fields));
+        values.push_back(FROM_FILE);
+    }
     std::vector<std::string> others;
     for (const Argument &value : values)
         others.push_back(value.name);
     // VALUE stands for the first field.
-    if (values.size() > 1) values[0].excludes = {values[1].name};
+    if (!policy.layout && values.size() > 1) values[0].excludes = {values[1].name};
     std::vector<Argument> arguments = {SWITCH};
     if (policy.IsOfPort()) arguments.push_back(PORTS);
     arguments.insert(arguments.end(), values.begin(), values.end());
@@ -219,7 +207,6 @@ std::vector<Argument> PolicyArguments(const Policy &policy)
     };
     if (policy.CanClear()) addAlone({"--clear", Shape::FLAG, "Remove it"});
     if (policy.readLive) addAlone({"--live", Shape::FLAG, "Show what the driver runs with"});
-    if (policy.readById) addAlone(BY_ID);
     return arguments;
 }
 
@@ -229,6 +216,7 @@ std::vector<Verb> PolicyVerbs()
 {
     std::vector<Verb> verbs;
     for (const Policy &policy : Policies()) {
+        if (policy.IsList()) continue; // entries have verbs of their own
         const std::string target = policy.IsOfPort() ? "lab port0" : "lab";
         const std::string clear = policy.CanClear() ? "\n" + target + " --clear" : "";
         verbs.push_back(
@@ -245,11 +233,11 @@ std::vector<Verb> PortVerbs()
 {
     return {
         Changes("port add", Add,
-                {SWITCH, PORTS, NumberOption("--connect-id", "Connect id (default 1)", UINT32_MAX)},
-                {"Add ports", "lab port8\nlab port8..port15 --connect-id 7", "VSDVS_AddDVPort"}),
-        Changes("port add-opaque", AddOpaque,
-                {SWITCH, PORTS, {"EXTERNAL-ID", Shape::REQUIRED, "External id of the ports"}},
-                {"Add opaque ports, which have an external id", "lab port8 4f2a", "VSDVS_AddOpaqueDVPort"}),
+                {SWITCH, PORTS, NumberOption("--connect-id", "Connect id (default 1)", UINT32_MAX),
+                 Excluding({"--external-id", Shape::OPTION, "External id, which makes opaque ports"},
+                           {"--connect-id"})},
+                {"Add ports", "lab port8\nlab port8..port15 --connect-id 7\nlab port8 --external-id 4f2a",
+                 "VSDVS_AddDVPort VSDVS_AddOpaqueDVPort"}),
         Changes("port remove", Remove, {SWITCH, PORTS},
                 {"Remove ports", "lab port8..port15", "VSDVS_RemoveDVPort"}),
         Reads("port list", List, {SWITCH},
@@ -258,7 +246,7 @@ std::vector<Verb> PortVerbs()
               {"Show ports with their policies", "lab port0\nlab port0..port7 --json",
                "VSDVS_DvPortIDToPortID VSDVS_GetPortProp DVPortExist",
                "switch, port, number:number, [connect-id:number], [external-id], [*port]"}),
-        Reads("port number", Number, {SWITCH, PORTS, BY_ID},
+        Reads("port number", Number, {SWITCH, PORTS},
               {"Show the kernel's numbers of ports", "lab port0..port7",
                "VSDVS_DvPortIDToPortID VSDVS_DvPortIDToPortIDFromDVSID", "switch, port, number:number"}),
         Reads("port hint", Hint, {SWITCH, PORTS},

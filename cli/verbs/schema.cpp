@@ -86,8 +86,19 @@ Json PolicyRow(const Policy &policy)
         return row;
     }
     for (const Field &field : policy.fields)
-        properties[field.name] = Reference(fmt::format("{}/properties/{}", PolicyPath(policy), field.name));
-    properties[policy.name] = {{"type", "null"}};
+        properties[field.name] = Schema(field);
+    properties[policy.name] = {{"type", policy.layout ? Json{"string", "null"} : Json("null")}};
+    return row;
+}
+
+// Fields of an entry of a list behind those that say where it is.
+Json EntryRow(const char *place, const Policy &policy)
+{
+    Json row = RowSchema(place);
+    const Json entry = Schema(*policy.fields[0].layout);
+    const Json &table = entry.contains("anyOf") ? entry["anyOf"][0] : entry;
+    row["properties"].update(table["properties"]);
+    row["properties"]["bytes"] = Type("hex");
     return row;
 }
 
@@ -140,7 +151,9 @@ Json HostSchema()
 Json Definitions()
 {
     Json definitions = PlanSchema()["$defs"];
-    definitions["session"] = definitions["port"]["properties"]["mirror"]["items"];
+    definitions["session"] = EntryRow("switch, port?", *FindPolicy("mirror", true));
+    definitions["private-vlan"] = EntryRow("switch", *FindPolicy("pvlan", false));
+    definitions["named-teaming"] = EntryRow("switch", *FindPolicy("ls-teaming", false));
     definitions["change"] = RowSchema("switch, port?, item, before:any, after:any");
     definitions["change"]["description"] = "A step of a change: what there is before and after it, or null.";
     Json &outcome = definitions["outcome"] =

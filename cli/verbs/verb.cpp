@@ -83,6 +83,30 @@ Argument ChoiceOption(const char *name, const char *help, const char *choices)
     return {name, Shape::OPTION, help, Names::NONE, Field{"", Form::CHOICE, "", 0, 0, choices}};
 }
 
+namespace {
+
+std::string OptionName(const Field &field) { return std::string("--") + field.name; }
+
+}
+
+std::vector<Argument> FieldOptions(std::span<const Field> fields)
+{
+    std::vector<Argument> options;
+    for (const Field &field : fields)
+        options.push_back({OptionName(field), Shape::OPTION, field.help, Names::NONE, field});
+    return options;
+}
+
+Json GivenFields(std::span<const Field> fields, const Arguments &arguments)
+{
+    Json given;
+    for (const Field &field : fields) {
+        if (arguments.Has(OptionName(field)))
+            given[field.name] = ParseWord(field, arguments.Text(OptionName(field)));
+    }
+    return given;
+}
+
 Argument Excluding(Argument argument, std::vector<std::string> excluded)
 {
     argument.excludes = std::move(excluded);
@@ -155,7 +179,7 @@ const std::vector<Verb> &Verbs()
         std::vector<Verb> all;
         for (auto verbs :
              {ShowVerbs, SwitchVerbs, PortVerbs, PolicyVerbs, UplinkVerbs, MacVerbs, MulticastVerbs,
-              MirrorVerbs, RuntimeVerbs, PropertyVerbs, ChangeVerbs, GeneralVerbs}) {
+              ListVerbs, MirrorVerbs, RuntimeVerbs, PropertyVerbs, ChangeVerbs, GeneralVerbs}) {
             for (Verb &verb : verbs())
                 all.push_back(std::move(verb));
         }

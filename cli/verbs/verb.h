@@ -26,6 +26,8 @@ struct Argument {
 Argument NumberOption(const char *name, const char *help, int64_t max);
 Argument ChoiceOption(const char *name, const char *help, const char *choices);
 Argument Excluding(Argument argument, std::vector<std::string> excluded);
+// An option for each field.
+std::vector<Argument> FieldOptions(std::span<const Field> fields);
 
 // The words that a command line gives for the arguments of a verb.
 class Arguments {
@@ -116,6 +118,7 @@ std::vector<Verb> UplinkVerbs();
 std::vector<Verb> MacVerbs();
 std::vector<Verb> MulticastVerbs();
 std::vector<Verb> MirrorVerbs();
+std::vector<Verb> ListVerbs();
 std::vector<Verb> RuntimeVerbs();
 std::vector<Verb> PropertyVerbs();
 std::vector<Verb> ChangeVerbs();
@@ -129,6 +132,11 @@ inline const Argument BY_ID{"--by-id", Shape::FLAG, "SWITCH is a switch id, not 
 inline const Argument HEX{"--hex", Shape::OPTION, "Bytes, as hexadecimal digits"};
 inline const Argument FROM_FILE = Excluding(
     {"--file", Shape::OPTION, "File that holds the bytes (- for standard input)", Names::FILE}, {"--hex"});
+
+// The fields that options give; null when there is none.
+Json GivenFields(std::span<const Field> fields, const Arguments &arguments);
+// The value of a policy as --live or --by-id asks for it.
+Json ReadAsAsked(const Policy &policy, const Target &target, const Arguments &arguments);
 
 // Throws where the driver does not publish the layout of the record that the arguments describe.
 void RequirePublishedLayout(const char *arguments);

@@ -16,8 +16,9 @@ namespace vsctl {
 namespace {
 
 // The keys whose values identify a row.
-constexpr const char *NAME_KEYS[] = {"switch", "portset", "port",    "uplink", "lag",  "address", "vlan",
-                                     "kind",   "group",   "session", "option", "part", "item"};
+constexpr const char *NAME_KEYS[] = {"switch",  "portset", "port", "uplink", "lag",
+                                     "address", "vlan",    "kind", "group",  "session",
+                                     "option",  "part",    "item", "name",   "secondary"};
 
 std::string RowName(const Json &row, size_t index)
 {
