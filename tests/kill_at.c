@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 static void Step(void)
@@ -33,6 +34,25 @@ int setitimer(enum __itimer_which which, const struct itimerval *value, struct i
     if (!getenv("VSCTL_TEST_CPU_TIME")) return next(which, value, old);
     signal(SIGPROF, Alarm);
     return next(ITIMER_PROF, value, old);
+}
+
+// With VSCTL_TEST_CLOCK, the wall clock is so many seconds ahead.
+static time_t Ahead(void) { return getenv("VSCTL_TEST_CLOCK") ? atol(getenv("VSCTL_TEST_CLOCK")) : 0; }
+
+time_t time(time_t *out)
+{
+    time_t (*next)(time_t *) = dlsym(RTLD_NEXT, "time");
+    const time_t now = next(NULL) + Ahead();
+    if (out) *out = now;
+    return now;
+}
+
+int clock_gettime(clockid_t clock, struct timespec *now)
+{
+    int (*next)(clockid_t, struct timespec *) = dlsym(RTLD_NEXT, "clock_gettime");
+    const int result = next(clock, now);
+    if (clock == CLOCK_REALTIME) now->tv_sec += Ahead();
+    return result;
 }
 
 ssize_t pwrite64(int file, const void *bytes, size_t length, off64_t offset)

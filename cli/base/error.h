@@ -4,6 +4,7 @@
 #include <exception>
 #include <string>
 #include <string_view>
+#include <vector>
 #include <vswitchctl.h>
 
 namespace vsctl {
@@ -40,7 +41,8 @@ struct Error : std::exception {
     std::string problem;
     std::string advice; // what to try
     std::string message;
-    VsStatus status = STATUS_OK; // of the library call that failed, if one did
+    VsStatus status = STATUS_OK;     // of the library call that failed, if one did
+    std::vector<std::string> undone; // the steps that were undone because of it
 };
 
 // The object of an action: a switch, a port of a switch or (both empty) the host.

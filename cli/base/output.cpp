@@ -244,6 +244,7 @@ std::string ErrorText(const Error &error, bool json)
             details["status"] = fmt::format("0x{:08X}", error.status);
             details["name"] = Describe(error.status).name;
         }
+        if (!error.undone.empty()) details["undone"] = error.undone;
         return Dump({{"error", details}}) + "\n";
     }
     const std::string start =

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "cli/base/clock.h"
 #include "cli/base/limit.h"
 #include "cli/base/platform.h"
 #include "cli/change/journal.h"
@@ -89,7 +90,15 @@ bool IsSavedLate(const std::vector<Step> &steps, const Step &step)
            });
 }
 
-void PerformAll(Journal &journal)
+void ThrowIfPast(double deadline)
+{
+    if (deadline > 0 && SecondsSinceBoot() > deadline)
+        throw Error(Exit::TIMED_OUT, "the change takes longer than --deadline allows",
+                    "allow it more time, or change less at once");
+}
+
+// `deadline` is in seconds since boot; 0: none.
+void PerformAll(Journal &journal, double deadline = 0)
 {
     std::vector<Step> &steps = journal.steps;
     size_t done = 0;
@@ -97,6 +106,7 @@ void PerformAll(Journal &journal)
     try {
         for (Step &step : steps) {
             ThrowIfStopped();
+            ThrowIfPast(deadline);
             if (IsSavedLate(steps, step)) {
                 Saver saver;
                 Save(step, saver);
@@ -105,12 +115,16 @@ void PerformAll(Journal &journal)
             Perform(step);
             done++;
         }
+        ThrowIfPast(deadline);
     } catch (const Error &error) {
         // The failed step may be half done.
         const size_t begun = std::min(done + 1, steps.size());
         const UndoReport undone = Undo(std::span(steps).first(begun));
         if (undone.failures.empty()) Journal::Remove();
-        throw UndoneError(error, done, undone);
+        Error outcome = UndoneError(error, done, undone);
+        for (size_t i = 0; i < done && undone.failures.empty(); i++)
+            outcome.undone.push_back(StepText(steps[i]));
+        throw outcome;
     }
 }
 
@@ -172,10 +186,12 @@ void StartGuard(const std::string &id, double seconds)
                     "'vsctl apply --undo' undoes it now, 'vsctl confirm' keeps it");
 }
 
+int64_t ConfirmBy(double seconds) { return std::llround(std::ceil(SecondsSinceBoot() + seconds)); }
+
 void AwaitConfirmation(Journal &journal, double seconds)
 {
     journal.awaitsConfirmation = true;
-    journal.confirmBy = time(nullptr) + std::llround(std::ceil(seconds));
+    journal.confirmBy = ConfirmBy(seconds);
     journal.Write();
     StartGuard(journal.id, seconds);
 }
@@ -218,9 +234,11 @@ Preview CarryOut(const std::string &command, Result &result)
     Preview preview = ReadAllBefore(result.steps);
     SaveAll(result.steps);
     Journal journal{NewJournalId(), command, std::move(result.steps)};
+    journal.boot = BootId();
+    if (result.confirmWithin > 0) journal.confirmBy = ConfirmBy(result.confirmWithin);
     const ChangeScope changing; // from the journal's first byte to its removal
     journal.Write();
-    PerformAll(journal);
+    PerformAll(journal, result.deadline);
     if (result.confirmWithin > 0) {
         AwaitConfirmation(journal, result.confirmWithin);
         result.note = fmt::format("vsctl undoes this in {} s unless you run 'vsctl confirm' first",
@@ -288,6 +306,13 @@ Json UndoJournal()
     return Json::array({row});
 }
 
+Json UndoJournalOfOtherBoot()
+{
+    const auto journal = Journal::Read();
+    const bool isLeft = journal && journal->confirmBy && journal->boot != BootId();
+    return isLeft ? UndoJournal() : Json::array();
+}
+
 // Undoes what is done, then performs all steps.
 Json ResumeJournal()
 {
@@ -306,7 +331,7 @@ Json ConfirmJournal()
     const ChangeLock lock;
     const Journal journal = RequireJournal();
     if (!journal.awaitsConfirmation) ThrowIfUnfinished();
-    if (time(nullptr) > journal.confirmBy) {
+    if (journal.boot != BootId() || SecondsSinceBoot() > static_cast<double>(journal.confirmBy)) {
         throw Error(Exit::TIMED_OUT, fmt::format("the time to confirm '{}' has passed", journal.command),
                     "'vsctl apply --undo' undoes it now");
     }
@@ -317,10 +342,7 @@ Json ConfirmJournal()
 void GuardJournal(const std::string &id, double seconds)
 {
     EndTimeLimit();
-    timespec wait{static_cast<time_t>(seconds), 0};
-    wait.tv_nsec = std::lround((seconds - static_cast<double>(wait.tv_sec)) * 1e9);
-    while (nanosleep(&wait, &wait) != 0) {
-    }
+    SleepUntil(SecondsSinceBoot() + seconds);
     const ChangeLock lock;
     const auto journal = Journal::Read();
     if (!journal || journal->id != id) return;

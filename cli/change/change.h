@@ -11,6 +11,8 @@ void Change(const std::string &command, Result &result, const Options &options);
 
 // Undo, finish or keep a change that was cut short or waits for confirmation.
 Json UndoJournal();
+// Undoes a change that was to be confirmed, when the machine was started again since.
+Json UndoJournalOfOtherBoot();
 Json ResumeJournal();
 Json ConfirmJournal();
 // Undoes the change with this id after so many seconds, unless it was confirmed. Runs in its own process.

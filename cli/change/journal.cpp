@@ -94,7 +94,8 @@ void Journal::Write() const
         entries.push_back(ToJson(step));
     const Json json = {{"format", FORMAT},        {"id", id},
                        {"command", command},      {"awaits-confirmation", awaitsConfirmation},
-                       {"confirm-by", confirmBy}, {"steps", entries}};
+                       {"confirm-by", confirmBy}, {"boot", boot},
+                       {"steps", entries}};
     // Not JSON, which requires UTF-8: names and texts may be anything.
     const Bytes bytes = Json::to_cbor(json);
     WriteFile(JournalPath(), {bytes.begin(), bytes.end()});
@@ -107,8 +108,8 @@ std::optional<Journal> Journal::Read()
     const Json json = Json::from_cbor(ReadFile(JournalPath()), true, false);
     try {
         if (json.at("format") != FORMAT) throw Error(Exit::FAILURE, "another version of vsctl wrote it");
-        Journal journal{
-            json.at("id"), json.at("command"), {}, json.at("awaits-confirmation"), json.at("confirm-by")};
+        Journal journal{json.at("id"),         json.at("command"),    {}, json.at("awaits-confirmation"),
+                        json.at("confirm-by"), json.value("boot", "")};
         for (const Json &step : json.at("steps"))
             journal.steps.push_back(StepFromJson(step));
         return journal;

@@ -25,7 +25,8 @@ struct Journal {
     std::string command;
     std::vector<Step> steps;
     bool awaitsConfirmation = false; // all steps are done, and are undone unless confirmed
-    int64_t confirmBy = 0;           // seconds since the epoch
+    int64_t confirmBy = 0;           // seconds since boot; 0: the change needs no confirmation
+    std::string boot = "";           // during which the change was made
 
     void Write() const;
     static std::optional<Journal> Read();

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "cli/base/output.h"
+#include "cli/change/replaced.h"
 
 namespace vsctl {
 
@@ -159,6 +160,8 @@ void CheckPorts(const Document &document, const Json &ports, const std::string &
     }
 }
 
+}
+
 void CheckDocument(const Document &document)
 {
     for (const auto &[key, value] : document.Root().items()) {
@@ -174,6 +177,8 @@ void CheckDocument(const Document &document)
         CheckUplinks(document, entry, SwitchPointer(alias));
     }
 }
+
+namespace {
 
 // ---- The steps ----
 
@@ -317,13 +322,32 @@ std::vector<Step> Planner::Steps() const
 
 }
 
+namespace {
+
+// `document` names the places of errors.
+std::vector<Step> PlanSwitches(const Document &document, const Json &switches)
+{
+    Planner planner(document);
+    for (const auto &[alias, entry] : switches.items())
+        planner.AddSwitch(alias, entry);
+    return planner.Steps();
+}
+
+}
+
 std::vector<Step> PlanSteps(const Document &document)
 {
     CheckDocument(document);
-    Planner planner(document);
-    for (const auto &[alias, entry] : document.Root()["switches"].items())
-        planner.AddSwitch(alias, entry);
-    return planner.Steps();
+    return PlanSwitches(document, document.Root()["switches"]);
+}
+
+std::vector<Step> PlanSteps(const Document &document, const Document &replaced)
+{
+    CheckDocument(document);
+    CheckDocument(replaced);
+    Json switches = document.Root()["switches"];
+    AddRemovals(switches, replaced.Root()["switches"]);
+    return PlanSwitches(document, switches);
 }
 
 namespace {

@@ -17,6 +17,7 @@ struct Result {
     bool allowRemovals = true;
     bool planOnly = false;
     double confirmWithin = 0; // seconds
+    double deadline = 0;      // seconds since boot; 0: none
     std::string note;         // a line for people, after the rows
     std::string text;         // printed instead of rows; with --json, only when there are no rows
     Exit exit = Exit::DONE;

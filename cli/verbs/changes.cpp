@@ -1,6 +1,7 @@
 // vsctl plan, apply, confirm, export and batch: changes of many steps.
 #include <fmt/format.h>
 
+#include "cli/base/clock.h"
 #include "cli/base/limit.h"
 #include "cli/change/change.h"
 #include "cli/change/plan.h"
@@ -10,10 +11,26 @@ namespace vsctl {
 
 namespace {
 
+std::vector<Step> StepsOfFile(const Arguments &arguments)
+{
+    const Document document(arguments.Text("FILE"));
+    if (!arguments.Has("--replaces")) return PlanSteps(document);
+    return PlanSteps(document, Document(arguments.Text("--replaces")));
+}
+
+// What can be said of a file without a host; with --json, the file as JSON.
+Result CheckFile(const Arguments &arguments)
+{
+    const Document document(arguments.Text("FILE"));
+    CheckDocument(document);
+    return Text(arguments.Has("--json") ? document.Root().dump() + "\n" : "the file is valid\n");
+}
+
 Result Plan(const Verb &, const Arguments &arguments)
 {
+    if (arguments.Has("--check")) return CheckFile(arguments);
     Result result;
-    result.steps = PlanSteps(Document(arguments.Text("FILE")));
+    result.steps = StepsOfFile(arguments);
     result.planOnly = true;
     return result;
 }
@@ -31,10 +48,13 @@ Result Apply(const Verb &, const Arguments &arguments)
         if (!arguments.Has("--resume") && !arguments.Has("--undo"))
             throw Error(Exit::USAGE, "there is nothing to apply", "give a FILE, --resume or --undo");
         RefuseDryRun(arguments);
+        if (arguments.Has("--if-rebooted")) return Rows(UndoJournalOfOtherBoot());
         return Rows(arguments.Has("--resume") ? ResumeJournal() : UndoJournal());
     }
     Result result;
-    result.steps = PlanSteps(Document(arguments.Text("FILE")));
+    if (arguments.Has("--deadline"))
+        result.deadline = SecondsSinceBoot() + ParseSeconds("--deadline", arguments.Text("--deadline"));
+    result.steps = StepsOfFile(arguments);
     result.allowRemovals = arguments.Has("--allow-removals");
     if (arguments.Has("--confirm-within"))
         result.confirmWithin = ParseSeconds("--confirm-within", arguments.Text("--confirm-within"));
@@ -131,17 +151,32 @@ std::vector<Verb> ChangeVerbs()
     someFile.shape = Shape::OPTIONAL;
     Argument within{"--confirm-within", Shape::OPTION, "Undo it all after this time without 'vsctl confirm'"};
     within.needs = {"FILE"};
+    Argument deadline{"--deadline", Shape::OPTION, "Undo it all when it isn't done after this time"};
+    deadline.needs = {"FILE"};
+    const Argument check =
+        Excluding({"--check", Shape::FLAG, "Check the file alone, without a host; --json prints it as JSON"},
+                  {"--replaces"});
+    Argument replaces{"--replaces", Shape::OPTION,
+                      "An older file: what it names and FILE doesn't is removed or cleared", Names::FILE};
+    replaces.needs = {"FILE"};
+    Argument rebooted{"--if-rebooted", Shape::FLAG,
+                      "Undo only a change that waited for confirmation before the machine was restarted"};
+    rebooted.needs = {"--undo"};
     const Argument resume =
         Excluding({"--resume", Shape::FLAG, "Finish a change that was cut short"}, {"--undo"});
     return {
-        Reads("plan", Plan, {file},
-              {"Show what apply would change; exit code 10 if anything", "lab.toml", "", "@change"}),
+        Reads("plan", Plan, {file, replaces, check},
+              {"Show what apply would change; exit code 10 if anything",
+               "lab.toml\nlab.toml --replaces old.toml\nlab.toml --check", "", "@change"}),
         ChangesNow("apply", Apply,
                    {someFile,
+                    replaces,
                     allow,
                     within,
+                    deadline,
                     resume,
-                    {"--undo", Shape::FLAG, "Undo a change that was cut short or is unconfirmed"}},
+                    {"--undo", Shape::FLAG, "Undo a change that was cut short or is unconfirmed"},
+                    rebooted},
                    {"Make switches and ports as a file describes them: all or nothing",
                     "lab.toml\nlab.toml --confirm-within 60s\n--undo", "", "@change | @outcome"}),
         ChangesNow("confirm", Confirm,
