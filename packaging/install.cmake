@@ -1,4 +1,5 @@
-# What `cmake --install` puts where. Components: runtime, dev, vsctl, host, live, python.
+# What `cmake --install` puts where. Components: runtime, dev, vsctl, host, live, python; machine, which is
+# installed only when it is named.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -42,20 +43,21 @@ install(FILES ${stub} DESTINATION ${stub_dir} COMPONENT dev)
 # The embedded host, in a folder of its own: its store never stands in for a platform's.
 set(host_parts vshostcore orkPublic vshost tybel vshost_launcher)
 set_target_properties(${host_parts} PROPERTIES INSTALL_RPATH $ORIGIN)
+# The loader may find it by a link from the folder above.
+set_target_properties(orkPublic PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/vswitchctl-host")
 install(TARGETS ${host_parts} COMPONENT host
         RUNTIME DESTINATION ${host_dir} LIBRARY DESTINATION ${host_dir})
 install(FILES platform/include/vshost.h platform/include/vswitch_driver.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT host)
 
-# A program of the host's folder, by a link from DIRECTORY.
-function(install_link program directory component)
+# A link to TARGET from DIRECTORY/NAME. Further arguments are those of install().
+function(install_link target directory name component)
     install(CODE "
         file(MAKE_DIRECTORY \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${directory}\")
-        file(CREATE_LINK ../${host_dir}/${program}
-             \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${directory}/${program}\" SYMBOLIC)"
-        COMPONENT ${component})
+        file(CREATE_LINK ${target} \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${directory}/${name}\" SYMBOLIC)"
+        COMPONENT ${component} ${ARGN})
 endfunction()
-install_link(vshost ${CMAKE_INSTALL_BINDIR} host)
+install_link(../${host_dir}/vshost ${CMAKE_INSTALL_BINDIR} vshost host)
 install_configured(vshost.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig/vshost.pc host)
 install_configured(vshost-config.cmake.in ${CMAKE_INSTALL_LIBDIR}/cmake/vshost/vshost-config.cmake host)
 
@@ -64,7 +66,13 @@ if(TARGET vshostd)
     set(live_component live)
     set_target_properties(vshostd PROPERTIES INSTALL_RPATH $ORIGIN)
     install(TARGETS vshostd COMPONENT live RUNTIME DESTINATION ${host_dir})
-    install_link(vshostd ${CMAKE_INSTALL_SBINDIR} live)
+    install_link(../${host_dir}/vshostd ${CMAKE_INSTALL_SBINDIR} vshostd live)
+
+    # What makes the machine itself a host: it takes names that belong to a platform, so nothing installs it by the way.
+    install_link(vswitchctl-host/liborkPublic.so ${CMAKE_INSTALL_LIBDIR} liborkPublic.so machine EXCLUDE_FROM_ALL)
+    install_link(../${host_dir}/tybel ${CMAKE_INSTALL_BINDIR} tybel machine EXCLUDE_FROM_ALL)
+    install_link(/var/lib/vswitchctl/host ${host_dir} machine machine EXCLUDE_FROM_ALL)
+    install(FILES packaging/live/vshostd.service DESTINATION lib/systemd/system COMPONENT machine EXCLUDE_FROM_ALL)
 endif()
 
 # A prefix such as $HOME is on no search path of the loader's. The system's own libraries need no help.

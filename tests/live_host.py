@@ -64,6 +64,16 @@ while len(answered) < count and time.monotonic() < end:
 print(len(answered))
 """
 
+# Asks vshostd; exit code 0 when it doesn't refuse.
+ASK = """
+import socket, sys
+with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as vshostd:
+    vshostd.connect(sys.argv[1] + "/vshostd.socket")
+    vshostd.send(b"".join(word.encode() + bytes(1) for word in sys.argv[2:]))
+    text, error = vshostd.recv(4096).split(bytes(1))[:2]
+    sys.exit(int(error))
+"""
+
 
 def find_obstacle():
     """Why this machine can't run the tests; empty when it can."""
@@ -131,6 +141,18 @@ def request(path, number, data=b"", room=4096):
 
 def portset_input(name):
     return name.encode().ljust(INPUT_SIZE, b"\0")
+
+
+def table(heading):
+    """The rows of the table under its first line of SECURITY.md, by their first cell."""
+    lines = (SOURCE / "SECURITY.md").read_text().splitlines()
+    rows = {}
+    for line in lines[lines.index(heading) + 2:]:
+        if not line.startswith("|"):
+            return rows
+        first, *others = (cell.strip() for cell in line.strip("|").split("|"))
+        rows[first] = others
+    return rows
 
 
 class LiveHost(unittest.TestCase):

@@ -14,28 +14,7 @@ OF_DAEMON = ("CAP_NET_ADMIN", "CAP_SYS_PTRACE", "CAP_PERFMON", "CAP_BPF")
 OWNER, OTHER = 65533, 65534
 REQUESTS = 100000 if os.environ.get("VSWITCHCTL_LONG") else 4000
 
-# Asks vshostd; exit code 0 when it doesn't refuse.
-ASK = """
-import socket, sys
-with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as vshostd:
-    vshostd.connect(sys.argv[1] + "/vshostd.socket")
-    vshostd.send(b"".join(word.encode() + bytes(1) for word in sys.argv[2:]))
-    text, error = vshostd.recv(4096).split(bytes(1))[:2]
-    sys.exit(int(error))
-"""
 OPEN = "import os, sys; [os.open(path, os.O_RDWR) for path in sys.argv[1:]]"
-
-
-def table(heading):
-    """The rows of the table under its first line of SECURITY.md, by their first cell."""
-    lines = (SOURCE / "SECURITY.md").read_text().splitlines()
-    rows = {}
-    for line in lines[lines.index(heading) + 2:]:
-        if not line.startswith("|"):
-            return rows
-        first, *others = (cell.strip() for cell in line.strip("|").split("|"))
-        rows[first] = others
-    return rows
 
 
 class Rights(PluggedHost):

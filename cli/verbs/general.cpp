@@ -71,9 +71,11 @@ Json StatePart()
 
 Json HostPart()
 {
-    const char *const directory = getenv("VSHOST_DIR");
-    const bool isNamed = directory && *directory;
     if (!IsEmbedded()) return Part("host", true, "a hypervisor", "");
+    const auto current = PlatformFunction<decltype(vshost_directory)>("vshost_directory");
+    const char *directory = getenv("VSHOST_DIR");
+    if (!directory && current) directory = current();
+    const bool isNamed = directory && *directory;
     return Part("host", isNamed,
                 isNamed ? fmt::format("embedded, in {}", directory) : "embedded, but no host is named",
                 "run 'vshost run --state DIR -- vsctl …'");

@@ -142,12 +142,28 @@ StartDirectory ReadStartDirectory()
     return *start;
 }
 
+// For a process whose environment names no host. With the preload in it, it is a test that starts a host
+// itself or a child of `vshost run` that left its host: neither must change the machine's.
+void AttachToMachine()
+{
+    std::error_code error;
+    const std::string directory = MachineDirectory();
+    if (dlsym(RTLD_DEFAULT, "vshost_start") || !std::filesystem::is_directory(directory, error))
+        return Detach();
+    std::string message;
+    const VsStatus status = Attach({directory}, message);
+    if (!status) return;
+    const char *advice = status == StatusOfErrno(EACCES) ? "; it is for members of the group " : "";
+    fprintf(stderr, "vshost: %s%s%s\n", message.c_str(), advice, *advice ? MACHINE_GROUP : "");
+}
+
 void AttachFromEnvironment()
 {
     const char *directory = getenv(ENVIRONMENT_DIRECTORY);
-    if (directory && directory == AtStart().named) directory = AtStart().absolute.c_str();
+    if (!directory) return AttachToMachine();
+    if (directory == AtStart().named) directory = AtStart().absolute.c_str();
     const char *durability = getenv(ENVIRONMENT_DURABILITY);
-    if (!directory || !*directory) return Detach();
+    if (!*directory) return Detach();
     const bool forProcess = durability && strcmp(durability, "process") == 0;
     std::string message;
     if (Attach({directory, forProcess ? Durability::PROCESS : Durability::DISK}, message))
@@ -344,6 +360,12 @@ std::string PlatformDirectory()
     std::error_code error;
     const auto path = std::filesystem::canonical(info.dli_fname, error);
     return error ? "." : path.parent_path().string();
+}
+
+std::string MachineDirectory()
+{
+    std::error_code none;
+    return std::filesystem::read_symlink(PlatformDirectory() + "/" + MACHINE_LINK, none);
 }
 
 }

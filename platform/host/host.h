@@ -1,5 +1,5 @@
-// The host that this process is on: a directory that the environment or vshost_start names. The first call
-// that needs the host attaches to it.
+// The host that this process is on: a directory that the environment or vshost_start names, else the
+// machine's own. The first call that needs the host attaches to it.
 #pragma once
 
 #include <memory>
@@ -84,5 +84,7 @@ int SetError(int error, std::string message);
 void SetChildEnvironment(const std::string &directory, Durability durability);
 // The folder of this library, tybel and the preload.
 std::string PlatformDirectory();
+// The directory of the machine's own host; empty when this library is not installed for one.
+std::string MachineDirectory();
 
 }

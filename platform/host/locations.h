@@ -9,6 +9,10 @@ namespace vshost {
 inline constexpr char ENVIRONMENT_DIRECTORY[] = "VSHOST_DIR";
 inline constexpr char ENVIRONMENT_DURABILITY[] = "VSHOST_DURABILITY"; // "disk" (default) or "process"
 
+// Beside this library: a link to the directory of the machine's own host, in an installation that makes one.
+inline constexpr char MACHINE_LINK[] = "machine";
+inline constexpr char MACHINE_GROUP[] = "vswitchctl"; // its members use the machine's host
+
 inline constexpr char DEVICE_FILE[] = "dev/vswitch";
 inline constexpr char RTM_FILE[] = "dev/rtm";
 

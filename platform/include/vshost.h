@@ -40,7 +40,10 @@ VSHOST_API int vshost_start(const char *directory, int durable);
  */
 VSHOST_API void vshost_stop(void);
 
-/** Directory of the host that this process is on; null when it is not on a host. */
+/**
+ * Directory of the host that this process is on; null when it is not on a host. liborkPublic.so exports this
+ * function too, for programs without the preload.
+ */
 VSHOST_API const char *vshost_directory(void);
 
 /** The message of the last call that failed in this thread; never null. */

@@ -8,14 +8,21 @@
 
 namespace vshost {
 
+std::string DirectoryOf(const std::string &state)
+{
+    if (!state.empty()) return state;
+    const char *own = getenv(ENVIRONMENT_DIRECTORY);
+    std::string directory = own ? own : MachineDirectory();
+    if (directory.empty()) throw LauncherError{"this process is not on a host; name a host with --state DIR"};
+    return directory;
+}
+
 std::unique_ptr<Host> OpenHost(const std::string &state)
 {
-    const char *own = getenv(ENVIRONMENT_DIRECTORY);
-    const std::string directory = !state.empty() ? state : own ? own : "";
-    if (directory.empty()) throw LauncherError{"this process is not on a host; name a host with --state DIR"};
+    const std::string directory = DirectoryOf(state);
     const char *durability = getenv(ENVIRONMENT_DURABILITY);
     const bool disk = !durability || std::string_view(durability) != "process";
-    if (access((directory + "/host.db").c_str(), F_OK) != 0)
+    if (access((directory + "/host.db").c_str(), F_OK) != 0 && errno != EACCES)
         throw LauncherError{directory + " is not a host; make one with `vshost run --state " + directory +
                             " -- COMMAND`"};
     std::unique_ptr<Host> host;

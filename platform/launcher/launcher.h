@@ -45,7 +45,9 @@ int BindNicOnHost(const std::string &state, const std::string &nic, const std::s
 int ChangeNic(const std::string &state, const NicOptions &options);
 int RemoveNic(const std::string &state, const std::string &name);
 
-// Opens an existing host: in `state` or, when that is empty, the host that this process is on.
+// `state` or, when that is empty, the directory of the host that this process is on.
+std::string DirectoryOf(const std::string &state);
+// Opens an existing host.
 std::unique_ptr<Host> OpenHost(const std::string &state);
 // Throws a LauncherError for a status of the host's database.
 void CheckStatus(const Host &host, VsStatus status);

@@ -90,7 +90,7 @@ int CheckLiveHost(const std::string &state) { return RunVshostd(OpenHost(state)-
 
 int StopLiveHost(const std::string &state)
 {
-    const std::string directory = WholePath(state);
+    const std::string directory = WholePath(DirectoryOf(state));
     // The host is not opened: the devices of a killed vshostd do not answer.
     if (access((directory + "/host.db").c_str(), F_OK) != 0)
         throw LauncherError{directory + " is not a host; name the directory of a host"};

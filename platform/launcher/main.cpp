@@ -34,7 +34,9 @@ CLI::App &AddCommand(CLI::App &parent, Options &options, const char *name, const
     return *command;
 }
 
-CLI::Option *AddState(CLI::App &command, Options &options, const char *help = "Directory of the host")
+CLI::Option *
+AddState(CLI::App &command, Options &options,
+         const char *help = "Directory of the host; without it, the host that this process is on")
 {
     return command.add_option("--state", options.state, help);
 }
@@ -80,7 +82,7 @@ void AddHostCommands(CLI::App &app, Options &options)
 {
     CLI::App &show = AddCommand(app, options, "show", "Show switches, portsets, ports and NICs of a host",
                                 [](const Options &given) { return ShowHost(given.state, given.json); });
-    AddState(show, options, "Directory of the host; without it, the host that this process is on");
+    AddState(show, options);
     show.add_flag("--json", options.json, "As JSON");
 
     AddState(AddCommand(app, options, "reset",
@@ -175,8 +177,7 @@ void AddLiveHost(CLI::App &app, Options &options)
         options);
     AddState(AddCommand(app, options, "stop", "End vshostd and remove what it has in the kernel",
                         [](const Options &given) { return StopLiveHost(given.state); }),
-             options)
-        ->required();
+             options);
 }
 
 int Main(int count, char **arguments)

@@ -30,6 +30,7 @@
 #include "platform/live/daemon.h"
 #include "platform/live/device_mount.h"
 #include "platform/live/kernel_part.h"
+#include "platform/live/machine.h"
 #include "platform/live/privileges.h"
 #include "platform/live/snapshot.h"
 
@@ -169,8 +170,8 @@ Descriptor Listen(const std::string &path, std::string &message)
 
 class Supervisor {
 public:
-    Supervisor(const std::string &directory, const Capacity &capacity)
-        : directory(directory), capacity(capacity), process(directory), devices(directory + "/dev")
+    explicit Supervisor(const SupervisorOptions &options)
+        : directory(options.directory), options(options), process(directory), devices(directory + "/dev")
     {}
 
     bool Start(std::string &message);
@@ -188,7 +189,7 @@ private:
     [[noreturn]] void BecomeDaemon(int readyEnd);
 
     const std::string directory;
-    const Capacity capacity;
+    const SupervisorOptions options;
     ProcessFile process;
     DeviceMount devices;
     Descriptor signals;
@@ -219,6 +220,7 @@ bool Supervisor::Prepare(std::string &message)
     std::unique_ptr<vshost::Host> host;
     if (vshost::Host::Open({directory, vshost::Durability::DISK, true}, host, message)) return false;
     host.reset();
+    if (options.isMachines && !ShareWithGroup(directory, message)) return false;
 
     sigset_t handled;
     sigemptyset(&handled);
@@ -227,14 +229,15 @@ bool Supervisor::Prepare(std::string &message)
     sigprocmask(SIG_BLOCK, &handled, nullptr);
     signals = Descriptor(signalfd(-1, &handled, SFD_CLOEXEC));
     requests = Listen(SocketPath(), message);
-    return requests && MountPinDirectory(PinDirectory(directory), message) && devices.Make(message);
+    return requests && MountPinDirectory(PinDirectory(directory), message) && devices.Make(message) &&
+           (!options.isMachines || LinkDevices(directory, message));
 }
 
 void Supervisor::BecomeDaemon(int readyEnd)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGINT, SIG_IGN); // a terminal sends it to the whole group; the supervisor decides
-    _exit(RunDaemon({directory, capacity, devices.Connection(), requests.Get(), readyEnd, !worked}));
+    _exit(RunDaemon({directory, options.capacity, devices.Connection(), requests.Get(), readyEnd, !worked}));
 }
 
 bool Supervisor::StartDaemon()
@@ -304,6 +307,7 @@ void Supervisor::End()
         kill(daemon, SIGTERM);
         waitpid(daemon, nullptr, 0);
     }
+    UnlinkDevices(directory);
     devices.Remove();
     if (isNew && !worked) RemoveTraces();
     process.Remove();
@@ -363,13 +367,14 @@ std::string MakeDirectory(const std::string &directory, std::string &message)
 
 }
 
-int Supervise(const std::string &directory, const Capacity &capacity)
+int Supervise(const SupervisorOptions &options)
 {
     std::string message = FindObstacle();
     if (!message.empty()) return Fail(message);
-    const std::string whole = MakeDirectory(directory, message);
-    if (whole.empty()) return Fail(message);
-    Supervisor supervisor(whole, capacity);
+    SupervisorOptions whole = options;
+    whole.directory = MakeDirectory(options.directory, message);
+    if (whole.directory.empty()) return Fail(message);
+    Supervisor supervisor(whole);
     if (!supervisor.Start(message)) return Fail(message);
     return supervisor.Run();
 }
@@ -394,6 +399,7 @@ int RemoveLiveHost(const std::string &directory)
     if (error) return Fail(directory + ": " + error.message());
     ProcessFile process(whole);
     if (!process.Take(message)) return Fail(message);
+    UnlinkDevices(whole);
     RemoveDeviceMounts(whole + "/dev");
     const bool isGone = !IsPinDirectory(PinDirectory(whole)) || RemoveForwarding(whole, message);
     if (isGone) RemovePinDirectory(PinDirectory(whole));

@@ -7,9 +7,14 @@
 
 namespace live {
 
-// Runs until SIGTERM or SIGINT; returns the exit code. The switches go on forwarding afterwards. What they
-// have in the kernel keeps its capacity until it is removed.
-int Supervise(const std::string &directory, const Capacity &capacity);
+struct SupervisorOptions {
+    std::string directory;
+    Capacity capacity;       // what is in the kernel keeps its own until it is removed
+    bool isMachines = false; // the machine's own host: see machine.h
+};
+
+// Runs until SIGTERM or SIGINT; returns the exit code. The switches go on forwarding afterwards.
+int Supervise(const SupervisorOptions &options);
 
 // Compares the kernel with the store, in vshostd's network namespace when it runs; returns the exit code.
 int CheckLiveHost(const std::string &directory);

@@ -1,6 +1,8 @@
 // vshostd: runs a live host, whose switches forward packets.
 #include <CLI/CLI.hpp>
+#include <cstdio>
 
+#include "platform/host/host.h"
 #include "platform/live/supervisor.h"
 
 int main(int count, char **arguments)
@@ -8,9 +10,14 @@ int main(int count, char **arguments)
     CLI::App app("Live host: virtual switches that forward packets");
     app.set_version_flag("--version", "vshostd " VSHOST_VERSION);
     std::string state;
-    bool removes = false, checks = false;
+    bool removes = false, checks = false, isMachines = false;
     live::Capacity capacity;
-    app.add_option("--state", state, "Directory of the host, made when missing")->required();
+    CLI::Option_group &which = *app.add_option_group("host");
+    which.add_option("--state", state, "Directory of the host, made when missing");
+    which.add_flag("--machine", isMachines,
+                   "The machine's own host, for programs that name none: in /var/lib/vswitchctl/host, with "
+                   "/dev/vswitch, for members of the group vswitchctl");
+    which.require_option(1);
     app.add_flag("--remove", removes, "Take away what a host that is not running has left in the kernel");
     app.add_flag("--check", checks, "Compare the kernel with the store; a line for each difference")
         ->excludes("--remove");
@@ -26,6 +33,13 @@ int main(int count, char **arguments)
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : 2;
     }
+    if (isMachines) state = vshost::MachineDirectory();
+    if (state.empty()) {
+        fputs("vshostd: this vshostd is not installed as the machine's own host; install the package "
+              "vswitchctl-live, or name a directory with --state\n",
+              stderr);
+        return 1;
+    }
     if (checks) return live::CheckLiveHost(state);
-    return removes ? live::RemoveLiveHost(state) : live::Supervise(state, capacity);
+    return removes ? live::RemoveLiveHost(state) : live::Supervise({state, capacity, isMachines});
 }

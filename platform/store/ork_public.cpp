@@ -190,6 +190,8 @@ void DVSData_Free(BundleBuilder *bundle)
 
 const char *vshost_platform(void) { return "vshost 1"; }
 
+const char *vshost_directory(void) { return Guarded<HostDirectory>(); }
+
 int vshost_list_ports(const char *switchId, struct vshost_port *ports, size_t capacity, size_t *count)
 {
     return Guarded<ListPorts>(switchId, ports, capacity, count);
