@@ -31,12 +31,14 @@ public:
     std::map<std::pair<uint16_t, Mac>, Entry> table;
     std::map<uint32_t, int> links; // the result of sending by a port
     std::map<uint32_t, std::array<uint64_t, LIVE_COUNTERS>> counters;
+    std::map<std::string, LiveMirrorCounters> mirrorCounters; // by session
     uint64_t now = 0;
 
     // The frames that leave when a frame enters, in the order of the ports.
     std::vector<Sent> Receive(uint32_t from, const Bytes &bytes, uint32_t segmentSize)
     {
         sent.clear();
+        mirrored = {};
         frame = Parse(bytes, segmentSize);
         sender = from;
         const auto plugged = ports.find(from);
@@ -44,6 +46,8 @@ public:
         Count(from, LIVE_FROM_PACKETS, LIVE_FROM_BYTES, bytes.size(), LIVE_FROM_MULTICAST);
         const std::optional<LiveCounter> dropped = Handle();
         if (dropped) counters[from][*dropped]++;
+        for (const MirrorSession &session : vswitch.mirrors)
+            if (session.isEnabled) Mirror(session);
         std::sort(sent.begin(), sent.end());
         return sent;
     }
@@ -58,6 +62,12 @@ public:
         const std::vector<PrivateVlan> oldMap = std::exchange(vswitch, config).privateVlans;
         for (const PortConfig &port : changed)
             ports[port.number] = port;
+        const auto isGone = [&](const auto &row) {
+            return std::none_of(vswitch.mirrors.begin(), vswitch.mirrors.end(),
+                                [&](const MirrorSession &session) { return session.id == row.first; });
+        };
+        std::erase_if(mirrorCounters, isGone);
+        std::erase_if(mirrorsSeen, isGone);
         for (const auto &[number, old] : oldPorts) {
             const PortConfig &port = ports[number];
             const bool moves = port.trunk
@@ -269,6 +279,7 @@ private:
         if (!PassesFilter(Sender(), VSWITCH_FILTER_FROM_PORT)) return LIVE_DROP_FILTER;
         if (IsTooLong()) return LIVE_DROP_LENGTH;
         if (const auto dropped = Sender().uplink ? LearnFromNetwork() : LearnFromPort()) return dropped;
+        mirrored.isSent = true;
         return frame.IsGroup() ? Flood() : Deliver();
     }
 
@@ -387,14 +398,21 @@ private:
         const auto link = links.find(port.number);
         const int result = link == links.end() ? 0 : link->second;
         if (result != 0) return result;
-        Bytes bytes(frame.destination.begin(), frame.destination.end());
-        bytes.insert(bytes.end(), frame.source.begin(), frame.source.end());
+        Bytes bytes = Addresses();
         if (port.trunk) Append(bytes, leavesWith);
         Append(bytes, frame.payloadTag);
         bytes.insert(bytes.end(), frame.rest.begin(), frame.rest.end());
+        mirrored.receivers.insert(port.number);
         sent.push_back(MakeSent(port.ifindex, bytes));
         Count(port.number, LIVE_TO_PACKETS, LIVE_TO_BYTES, bytes.size(), LIVE_TO_MULTICAST);
         return 0;
+    }
+
+    Bytes Addresses() const
+    {
+        Bytes bytes(frame.destination.begin(), frame.destination.end());
+        bytes.insert(bytes.end(), frame.source.begin(), frame.source.end());
+        return bytes;
     }
 
     static void Append(Bytes &bytes, const std::optional<Tag> &tag)
@@ -421,6 +439,78 @@ private:
                 counters[number][LIVE_DROP_NOT_SENT]++;
         }
         return copies;
+    }
+
+    // ---- Mirror sessions ----
+
+    static bool Contains(const std::vector<uint32_t> &numbers, uint32_t number)
+    {
+        return std::find(numbers.begin(), numbers.end(), number) != numbers.end();
+    }
+
+    Bytes CopyFor(const MirrorSession &session, size_t snapLength)
+    {
+        const size_t tagLength = frame.payloadTag ? 4 : 0;
+        Bytes bytes = Addresses(), rest;
+        if (session.outerVlan) Append(bytes, Tag{0x8100, session.outerVlan});
+        if (!session.stripsTag) Append(bytes, leavesWith);
+        Append(rest, frame.payloadTag);
+        rest.insert(rest.end(), frame.rest.begin(), frame.rest.end());
+        if (12 + tagLength + frame.rest.size() > snapLength) {
+            rest.resize(snapLength - 12);
+            mirrorCounters[session.id].values[LIVE_MIRROR_TRUNCATED]++;
+        }
+        bytes.insert(bytes.end(), rest.begin(), rest.end());
+        return bytes;
+    }
+
+    // Counts a frame of a source port; whether it is copied.
+    bool IsChosen(const MirrorSession &session, bool isFrom, bool isTo)
+    {
+        const size_t length = 12 + frame.rest.size() + (leavesWith ? 4 : 0) + (frame.payloadTag ? 4 : 0);
+        auto &values = mirrorCounters[session.id].values;
+        values[LIVE_MIRROR_FROM_PACKETS] += isFrom;
+        values[LIVE_MIRROR_FROM_BYTES] += isFrom * length;
+        values[LIVE_MIRROR_TO_PACKETS] += isTo;
+        values[LIVE_MIRROR_TO_BYTES] += isTo * length;
+        return session.sampling <= 1 || ++mirrorsSeen[session.id] % session.sampling == 0;
+    }
+
+    void Mirror(const MirrorSession &session)
+    {
+        const auto got = [&](uint32_t number) {
+            return Contains(session.to, number) && mirrored.receivers.contains(number);
+        };
+        const auto gotAsSource = [&](uint32_t number) {
+            return got(number) && Contains(session.destinations, number);
+        };
+        const bool isFrom = mirrored.isSent && Contains(session.from, sender);
+        const std::set<uint32_t> receivers = mirrored.receivers;
+        const bool isTo = std::any_of(receivers.begin(), receivers.end(), got);
+        const bool isOwn = std::any_of(receivers.begin(), receivers.end(), gotAsSource);
+        if (!(isFrom || isTo) || !IsChosen(session, isFrom, isTo)) return;
+        const Bytes copy =
+            CopyFor(session, session.snapLength ? std::max(session.snapLength, 18u) : SIZE_MAX);
+        for (uint32_t number : session.destinations)
+            if (number != sender && !(isOwn && Contains(session.to, number)))
+                SendMirrored(session, number, copy);
+    }
+
+    void SendMirrored(const MirrorSession &session, uint32_t number, const Bytes &copy)
+    {
+        auto &values = mirrorCounters[session.id].values;
+        const auto port = ports.find(number);
+        if (port == ports.end() || port->second.ifindex == 0) {
+            values[LIVE_MIRROR_UNREACHABLE]++;
+        } else if (port->second.blocked || (links.contains(number) && links.at(number) != 0)) {
+            values[LIVE_MIRROR_DROPPED_PACKETS]++;
+            values[LIVE_MIRROR_DROPPED_BYTES] += copy.size();
+        } else {
+            values[LIVE_MIRROR_SENT_PACKETS]++;
+            values[LIVE_MIRROR_SENT_BYTES] += copy.size();
+            sent.push_back(MakeSent(port->second.ifindex, copy));
+            Count(number, LIVE_TO_PACKETS, LIVE_TO_BYTES, copy.size(), LIVE_TO_MULTICAST);
+        }
     }
 
     // ---- Uplinks ----
@@ -560,7 +650,8 @@ private:
         if (host.floodLimit != 0) {
             std::pair<uint64_t, uint32_t> &flood = floods[sender];
             if (flood.first != now / 1000000000) flood = {now / 1000000000, 0};
-            if (flood.second++ >= host.floodLimit) return LIVE_DROP_FLOOD_LIMIT;
+            mirrored.isSent = flood.second++ < host.floodLimit;
+            if (!mirrored.isSent) return LIVE_DROP_FLOOD_LIMIT;
         }
         SendToPorts([](const PortConfig &) { return true; });
         if (Sender().uplink || SendToUplink() || !HasUplinks()) return {};
@@ -584,8 +675,8 @@ private:
                 SendToPorts(observes);
                 if (port.blocked)
                     counters[port.number][LIVE_DROP_BLOCKED]++;
-                else if (!IsFiltered(port) && Send(port) != 0) // the failure is not reported
-                    Count(port.number, LIVE_TO_PACKETS, LIVE_TO_BYTES, LengthAt(port), LIVE_TO_MULTICAST);
+                else if (!IsFiltered(port))
+                    SendItself(port);
                 return {};
             }
         }
@@ -598,12 +689,42 @@ private:
         return {};
     }
 
+    // The frame itself, of which the failure is not reported, or a copy, if it is mirrored too.
+    void SendItself(const PortConfig &port)
+    {
+        const bool isMirrored = IsMirrored(port.number);
+        if (Send(port) == 0) return;
+        if (isMirrored)
+            counters[port.number][LIVE_DROP_NOT_SENT]++;
+        else
+            Count(port.number, LIVE_TO_PACKETS, LIVE_TO_BYTES, LengthAt(port), LIVE_TO_MULTICAST);
+    }
+
+    bool IsMirrored(uint32_t receiver) const
+    {
+        return std::any_of(vswitch.mirrors.begin(), vswitch.mirrors.end(), [&](const MirrorSession &session) {
+            const auto &got = mirrored.receivers;
+            return session.isEnabled && (Contains(session.from, sender) || Contains(session.from, receiver) ||
+                                         Contains(session.to, receiver) ||
+                                         std::any_of(got.begin(), got.end(), [&](uint32_t number) {
+                                             return Contains(session.to, number);
+                                         }));
+        });
+    }
+
     size_t LengthAt(const PortConfig &port) const
     {
         return 12 + frame.rest.size() + (port.trunk && leavesWith ? 4 : 0) + (frame.payloadTag ? 4 : 0);
     }
 
+    struct Mirrored {
+        bool isSent = false;          // its sender's policies let it pass
+        std::set<uint32_t> receivers; // that got it, copies left out
+    };
+
     Frame frame;
+    Mirrored mirrored;
+    std::map<std::string, uint64_t> mirrorsSeen;
     uint32_t sender = 0;
     Place place = {};
     uint16_t vlan = 0; // the primary one

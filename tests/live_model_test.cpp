@@ -60,6 +60,7 @@ public:
                     << "port " << number << ", counter " << i;
         }
         EXPECT_EQ(run.path.Kernel().host[0].learned, model.LearnedBy({}));
+        CompareMirrors();
     }
 
     // Whether the walk has reached every counter.
@@ -73,6 +74,8 @@ public:
             EXPECT_EQ(sum == 0, isRoom) << "counter " << i;
             RecordProperty(i, sum);
         }
+        for (uint32_t i = 0; i < LIVE_MIRROR_COUNTERS; i++)
+            EXPECT_EQ(mirrorSums.values[i] == 0, i == LIVE_MIRROR_NOT_TAGGED) << "mirror counter " << i;
     }
 
 private:
@@ -143,6 +146,33 @@ private:
         for (uint32_t i = Below(5); i > 0; i--)
             map.push_back({vlans[Below(4)], vlans[Below(4)], types[Below(4)]});
         return map;
+    }
+
+    std::vector<uint32_t> RandomPorts(uint32_t percent)
+    {
+        std::vector<uint32_t> numbers;
+        for (uint32_t number = 1; number <= PORTS + 1; number++)
+            if (Chance(percent)) numbers.push_back(number);
+        return numbers;
+    }
+
+    std::vector<MirrorSession> RandomMirrors()
+    {
+        std::vector<MirrorSession> sessions;
+        for (const char *id : {"a", "b", "c", "d", "e"}) {
+            if (Chance(50)) continue;
+            MirrorSession &session = sessions.emplace_back();
+            session.id = id;
+            session.isEnabled = Chance(90);
+            session.snapLength = Chance(50) ? 0 : Below(120);
+            session.sampling = Chance(70) ? Below(2) : Below(9);
+            session.outerVlan = Chance(30) ? static_cast<uint16_t>(1 + Below(4094)) : uint16_t{0};
+            session.stripsTag = Chance(30);
+            session.from = RandomPorts(20);
+            session.to = RandomPorts(20);
+            session.destinations = RandomPorts(20);
+        }
+        return sessions;
     }
 
     void SetLearning(PortConfig &port)
@@ -312,6 +342,10 @@ private:
         config.ageingSeconds = Chance(20) ? 0 : 1 + Below(20);
         if (Chance(30)) config.privateVlans = RandomPrivateVlans();
         config.learnsStatic = Chance(20);
+        if (Chance(50)) {
+            CompareMirrors(); // before the counters of those that go are forgotten
+            config.mirrors = RandomMirrors();
+        }
         model.Configure(config, changed);
         PublishAll();
         Sweep();
@@ -333,6 +367,19 @@ private:
         for (const auto &[key, entry] : model.table)
             expected[key] = {entry.port, entry.isStatic};
         EXPECT_EQ(found, expected);
+    }
+
+    void CompareMirrors()
+    {
+        std::vector<MirrorEntry> entries;
+        ASSERT_EQ(run.path.Tables().ReadMirrors("switch", entries), vshost::STATUS_OK);
+        EXPECT_EQ(entries.size(), model.vswitch.mirrors.size());
+        for (const MirrorEntry &entry : entries)
+            for (uint32_t i = 0; i < LIVE_MIRROR_COUNTERS; i++) {
+                mirrorSums.values[i] += entry.counters.values[i];
+                EXPECT_EQ(entry.counters.values[i], model.mirrorCounters[entry.id].values[i])
+                    << "session " << entry.id << ", counter " << i;
+            }
     }
 
     static std::string Describe(const std::vector<Sent> &sent)
@@ -366,6 +413,7 @@ private:
     std::mt19937_64 random;
     bool hasUplinks = true;
     Model model;
+    LiveMirrorCounters mirrorSums = {};
     TestRun run;
 };
 

@@ -491,9 +491,9 @@ const std::vector<Table> &FrameTables()
              {"copies are cut, the others and the receivers' are not",
               "1 vlan=10; 2 vlan=10; 3; 4; 5; 6; 7; switch mirror=a:1:-:3:snap=20 mirror=b:1:-:4 "
               "mirror=c:1:-:5:snap=40 mirror=d:1:-:6:snap=64 mirror=e:1:-:7:snap=1,outer=99",
-              {"1 a>* => 2 3:10^20 4:10 5:10^40 6:10 7:99,10^14",
+              {"1 a>* => 2 3:10^20 4:10 5:10^40 6:10 7:99,10^18",
                "session a TRUNCATED=1 SENT_BYTES=24 FROM_BYTES=68", "session c TRUNCATED=1 SENT_BYTES=44",
-               "session d TRUNCATED=0 SENT_BYTES=68", "session e TRUNCATED=1 SENT_BYTES=22", "2 b>a => 1"}},
+               "session d TRUNCATED=0 SENT_BYTES=68", "session e TRUNCATED=1 SENT_BYTES=26", "2 b>a => 1"}},
              {"every n-th frame",
               "1; 2; 4; 5; switch mirror=m:1:1:4:every=3 mirror=n:1:-:5:every=0",
               {"1 a>* => 2 4 5 5", "2 b>a => 1", "1 a>b => 2 4 5", "1 a>b => 2 5", "1 a>b => 2 5",

@@ -93,7 +93,7 @@ typedef struct VSWITCH_POLICY_PACKED VSwitchMirrorSettings {
     uint8_t enabled;     /**< 1; 0: the session copies nothing */
     uint8_t stripTag;    /**< 1: copies have no tag; 0: they have the tag of their VLAN */
     uint16_t outerVlan;  /**< 1 to 4094: copies get this tag around theirs; 0: none */
-    uint32_t snapLength; /**< bytes of a copy without the tags around it; 0: all of it, else at least 14 */
+    uint32_t snapLength; /**< bytes of a copy without the tags around it; 0: all of it, else at least 18 */
     uint32_t sampling;   /**< every n-th frame is copied; 0 and 1: every one */
     uint8_t reserved[168];
 } VSwitchMirrorSettings;

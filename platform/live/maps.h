@@ -289,7 +289,7 @@ LIVE_ASSERT(sizeof(struct LiveTeams) == LIVE_ELEMENT_SIZE);
 #define LIVE_MIRROR_PLACES                                                                                   \
     64u /* twice as many: a session that comes never takes the place of one that goes */
 #define LIVE_MIRROR_DESTINATIONS 32u /* of a session */
-#define LIVE_MIRROR_SHORTEST 14u     /* a copy isn't cut within its Ethernet header */
+#define LIVE_MIRROR_SHORTEST 18u     /* copies aren't cut within an Ethernet header with a tag */
 
 /**
  * A mirror session. It keeps its place and its slot in the maps `mirrors` and `mirror_counters` for as long

@@ -124,19 +124,21 @@ static __always_inline bool IsChosen(const struct MirrorWalk *walk, uint64_t bit
     return state && (__sync_fetch_and_add(&state->seen, 1) + 1) % sampling == 0;
 }
 
-// The outer tag is taken off again for the next session.
-static __always_inline void MakeCopies(struct MirrorWalk *walk)
+// Gives the frame the tags of the session's copies and takes the outer one off again. False: it is not known
+// which tags the frame has now.
+static __always_inline bool MakeCopies(struct MirrorWalk *walk)
 {
     struct Mirrored *mirrored = walk->mirrored;
     const uint16_t outerVlan = walk->mirror->outerVlan;
-    if (!Cut(walk)) return CountDropped(walk);
-    if (!ChangeTag(walk->skb, &mirrored->tagNow, walk->mirror->stripsTag ? 0 : mirrored->tag) ||
-        (outerVlan && bpf_skb_vlan_push(walk->skb, bpf_htons(ETH_P_8021Q), outerVlan))) {
-        walk->counters->values[LIVE_MIRROR_NOT_TAGGED]++;
-        return;
+    if (!ChangeTag(walk->skb, &mirrored->tagNow, mirrored->tag)) return false;
+    if (!Cut(walk)) {
+        CountDropped(walk);
+        return true;
     }
+    if (!ChangeTag(walk->skb, &mirrored->tagNow, walk->mirror->stripsTag ? 0 : mirrored->tag)) return false;
+    if (outerVlan && bpf_skb_vlan_push(walk->skb, bpf_htons(ETH_P_8021Q), outerVlan)) return false;
     bpf_loop(walk->mirror->count, CopyToDestination, walk, 0);
-    if (outerVlan) bpf_skb_vlan_pop(walk->skb);
+    return !outerVlan || bpf_skb_vlan_pop(walk->skb) == 0;
 }
 
 static long MirrorForSession(uint32_t index, struct MirrorWalk *walk)
@@ -151,12 +153,9 @@ static long MirrorForSession(uint32_t index, struct MirrorWalk *walk)
     walk->counters = bpf_map_lookup_elem(&mirror_counters, &slot);
     if (!walk->counters) return 0;
     walk->isOwn = walk->mirrored->own & bit;
-    if (!IsChosen(walk, bit)) return 0;
-    if (ChangeTag(walk->skb, &walk->mirrored->tagNow, walk->mirrored->tag))
-        MakeCopies(walk);
-    else
-        walk->counters->values[LIVE_MIRROR_NOT_TAGGED]++;
-    return 0;
+    if (!IsChosen(walk, bit) || MakeCopies(walk)) return 0;
+    walk->counters->values[LIVE_MIRROR_NOT_TAGGED]++;
+    return 1;
 }
 
 __noinline int MirrorFrame(struct __sk_buff *skb, struct Mirrored *mirrored)
