@@ -7,6 +7,7 @@ import sys
 import unittest
 
 from live_host import *
+from live_mirror_test import HOST_LIST, sessions, settings
 
 
 class Check(PluggedHost):
@@ -18,6 +19,8 @@ class Check(PluggedHost):
         self.vsctl("port", "vlan", "one", "1", "100")
         self.vsctl("mac", "add", "one", "1", "--address", "02:00:00:00:00:05")
         self.vsctl("port", "vlan", "one", "2", "--trunk", "5-9,20")
+        self.vsctl("property", "set", "one", HOST_LIST, "--level", "host", "--hex",
+                   sessions(("s", settings(), ["1"], [], ["2"])).hex())
 
     def check(self):
         """The differences; none when the exit code says so too."""
@@ -70,7 +73,7 @@ class Check(PluggedHost):
                        "interface va: the MTU is 1300, the store says 1500"),
             "an uplink": (lambda: run("ip", "link", "set", "vnet", "down"), "interface vnet: it is down"),
             "the mode": (lambda: run("ip", "link", "set", "vnet", "promisc", "off"), "only frames to its own address"),
-            "flags": (lambda: self.flip("ports", slot_a, 4), "the word of flags is 2, the store says 0"),
+            "flags": (lambda: self.flip("ports", slot_a, 4), "the word of flags is 258, the store says 256"),
             "a VLAN": (lambda: self.flip("ports", slot_a, 8), "the word of its VLAN is"),
             "a limit": (lambda: self.flip("ports", slot_a, 24), "the limit of addresses is"),
             "a switch": (lambda: self.flip("switches", 0, 4), "the MTU is 1502, the store says 1500"),
@@ -91,6 +94,10 @@ class Check(PluggedHost):
                 lambda: run("bash", "-c", "ip link add stray type veth; tc qdisc add dev stray clsact;"
                             f"tc filter add dev stray ingress handle 1 prio 1 bpf da pinned {program}"),
                 "interface stray: it has a filter of this host and belongs to no port"),
+            "a disabled mirror session": (lambda: self.flip("mirrors", 0, 12),
+                                          "mirror session s: whether it is enabled is 3, the store says 1"),
+            "another mirror session": (lambda: self.flip("mirrors", 0, 16),
+                                       "mirror session q: the kernel has it, the store doesn't"),
             "a snapshot": (lambda: run("bpftool", "map", "delete", *self.map("snapshots"), "key", *bytes(4)),
                            "the kernel has no snapshot of it"),
         }

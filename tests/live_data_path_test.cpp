@@ -1,5 +1,6 @@
 // The data path's configuration: what it refuses, takes over from an earlier process, and removes.
 #include <filesystem>
+#include <map>
 
 #include "tests/live_fixture.h"
 
@@ -56,6 +57,27 @@ std::vector<uint32_t> Ports(const std::vector<Sent> &sent)
 
 using Numbers = std::vector<uint32_t>;
 
+// Copies of what port 1 sends, at port 2.
+MirrorSession Session(const std::string &id)
+{
+    MirrorSession session;
+    session.id = id;
+    session.from = {1};
+    session.destinations = {2};
+    return session;
+}
+
+// Sent copies by session.
+std::map<std::string, uint64_t> Copies(TestRun &run)
+{
+    std::vector<MirrorEntry> entries;
+    std::map<std::string, uint64_t> copies;
+    EXPECT_EQ(run.path.Tables().ReadMirrors("one", entries), STATUS_OK);
+    for (const MirrorEntry &entry : entries)
+        copies[entry.id] = entry.counters.values[LIVE_MIRROR_SENT_PACKETS];
+    return copies;
+}
+
 class LiveDataPath : public LiveTest {};
 
 TEST_F(LiveDataPath, RefusesWhatItCannotCarryOutAndStaysAsItIs)
@@ -72,6 +94,11 @@ TEST_F(LiveDataPath, RefusesWhatItCannotCarryOutAndStaysAsItIs)
             port.uplink = true, port.ifindex = 0;
         return config;
     }();
+    SwitchConfig tooManyMirrors = ManyPorts("one", 1, 4), tooManyDestinations = tooManyMirrors;
+    for (uint32_t i = 0; i < 33; i++)
+        tooManyMirrors.mirrors.push_back(Session("m" + std::to_string(i)));
+    tooManyDestinations.mirrors = {Session("m")};
+    tooManyDestinations.mirrors[0].destinations.resize(33);
     const struct {
         const char *name;
         SwitchConfig config;
@@ -84,6 +111,8 @@ TEST_F(LiveDataPath, RefusesWhatItCannotCarryOutAndStaysAsItIs)
         {"a port twice", Switch("one", {Port(1, 1), Port(1, 2)}), STATUS_EXISTS},
         {"an interface twice", Switch("one", {Port(1, 1), Port(2, 1)}), STATUS_EXISTS},
         {"too many uplinks", tooManyUplinks, STATUS_NO_SPACE},
+        {"too many mirror sessions", tooManyMirrors, STATUS_NO_SPACE},
+        {"too many destinations", tooManyDestinations, STATUS_NO_SPACE},
         {"no id", Switch("", {}), STATUS_BAD_PARAM},
         {"too long an id", Switch(std::string(65, 'x'), {}), STATUS_BAD_PARAM},
     };
@@ -164,8 +193,66 @@ TEST_F(LiveDataPath, TakesOverWhatAnotherProcessLeft)
         EXPECT_EQ(Ports(run.Run(11, BroadcastOf(2))), Numbers{});
         EXPECT_EQ(run.path.SwitchIds(), std::vector<std::string>{"one"});
         run.path.RemovePins();
-        EXPECT_FALSE(std::filesystem::exists(Options().bpffs + "/" + Options().identity + "-v1"));
+        EXPECT_FALSE(std::filesystem::exists(PinsOf(Options().bpffs, Options().identity)));
     }
+}
+
+TEST_F(LiveDataPath, TakesOverMirrorSessions)
+{
+    SwitchConfig one = ManyPorts("one", 1, 3);
+    one.mirrors = {Session("kept"), Session("lost")};
+    {
+        TestRun run(Options());
+        run.Publish(one);
+        run.Run(1, BroadcastOf(1));
+    }
+    TestRun run(Options());
+    EXPECT_EQ(Ports(run.Run(1, BroadcastOf(1))), (Numbers{2, 2, 2, 3}))
+        << "before a configuration was published";
+    one.mirrors = {Session("new"), Session("kept")};
+    run.Publish(one);
+    EXPECT_EQ(Copies(run), (std::map<std::string, uint64_t>{{"kept", 2}, {"new", 0}}));
+    EXPECT_EQ(Ports(run.Run(1, BroadcastOf(1))), (Numbers{2, 2, 2, 3}));
+    EXPECT_EQ(Copies(run), (std::map<std::string, uint64_t>{{"kept", 3}, {"new", 1}}));
+    Change change;
+    ASSERT_EQ(run.path.PrepareRemoval("one", change), STATUS_OK);
+    run.path.Publish(change);
+    run.Publish(one);
+    EXPECT_EQ(Copies(run), (std::map<std::string, uint64_t>{{"kept", 0}, {"new", 0}}));
+}
+
+// 1,024 sessions of a host, and a place for each one that comes, also when all that are there go.
+TEST_F(LiveDataPath, GivesMirrorSessionsPlacesAndTakesThemBack)
+{
+    LoadOptions options = Options();
+    options.capacity = {.ports = 256, .switches = 64, .addresses = 1024};
+    TestRun run(options);
+    const auto full = [](uint32_t number, const std::string &prefix) {
+        SwitchConfig config =
+            ManyPorts(number == 0 ? "one" : "s" + std::to_string(number), 3 * number + 1, 3);
+        for (uint32_t i = 0; i < 32; i++) {
+            config.mirrors.push_back(Session(prefix + std::to_string(i)));
+            config.mirrors.back().from = {3 * number + 1};
+            config.mirrors.back().destinations = {3 * number + 2};
+        }
+        return config;
+    };
+    for (uint32_t number = 1; number <= 30; number++)
+        run.Publish(full(number, "m"));
+    for (const char *prefix : {"a", "b", "c"}) {
+        run.Publish(full(0, prefix));
+        EXPECT_EQ(run.Run(1, BroadcastOf(1)).size(), 2u + 32);
+        EXPECT_EQ(Copies(run).size(), 32u);
+    }
+    run.Publish(full(31, "m"));
+    Change refused;
+    EXPECT_EQ(run.path.PrepareSwitch(full(40, "m"), refused), STATUS_NO_SPACE);
+    Change change;
+    ASSERT_EQ(run.path.PrepareRemoval("one", change), STATUS_OK);
+    run.path.Publish(change);
+    run.Publish(full(0, "d"));
+    EXPECT_EQ(run.Run(1, BroadcastOf(1)).size(), 2u + 32);
+    EXPECT_EQ(Copies(run).at("d31"), 1u);
 }
 
 TEST_F(LiveDataPath, SaysThatItStartsAfreshAfterAnotherLayout)

@@ -334,6 +334,9 @@ VsStatus Forwarder::PreparePorts(Reader &reader, const std::string &switchId, Pr
 {
     const SwitchConfig &known = published.at(switchId);
     std::vector<PortConfig> changed;
+    std::vector<MirrorSession> mirrors; // those of the switch are in its ports' lists, plugged or not
+    if (ReadMirrors(reader, switchId, mirrors) || mirrors != known.mirrors)
+        return PrepareWhole(reader, switchId, prepared);
     for (const std::string &portId : prepared.touched.ports.at(switchId)) {
         uint32_t number = 0;
         if (!wanted.at(switchId).contains(portId)) continue;

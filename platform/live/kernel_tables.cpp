@@ -1,6 +1,5 @@
 #include "platform/live/kernel_tables.h"
 
-#include <algorithm>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <cerrno>
@@ -116,7 +115,6 @@ VsStatus KernelTables::ReadMirrors(const std::string &switchId, std::vector<Mirr
             return STATUS_FAILURE;
         MirrorEntry &entry = entries.emplace_back();
         entry.id.assign(mirror.id, strnlen(mirror.id, sizeof(mirror.id)));
-        entry.place = ReadWord(mirror.place);
         entry.isEnabled = ReadWord(mirror.isEnabled);
         for (const LiveMirrorCounters &row : rows)
             for (uint32_t i = 0; i < LIVE_MIRROR_COUNTERS; i++)
@@ -127,32 +125,13 @@ VsStatus KernelTables::ReadMirrors(const std::string &switchId, std::vector<Mirr
 
 VsStatus KernelTables::ReadObservers(const std::string &switchId, std::set<uint32_t> &portNumbers) const
 {
-    uint32_t index = 0, mapId = 0;
-    std::vector<MirrorEntry> sessions;
+    uint32_t index = 0;
     if (VsStatus status = FindSwitch(switchId, index)) return status;
-    if (VsStatus status = ReadMirrors(switchId, sessions)) return status;
     for (uint32_t slot = 0; slot < kernel.ports.Size(); slot++) {
         LivePort &port = kernel.ports[slot];
-        if (ReadWord(port.inUse) && ReadWord(port.switchIndex) == index && ReadWord(port.ifindex) &&
-            ReadWord(port.flags) & LIVE_PORT_ALL_FRAMES)
+        if (!ReadWord(port.inUse) || !ReadWord(port.ifindex) || ReadWord(port.switchIndex) != index) continue;
+        if (ReadWord(port.flags) & (LIVE_PORT_ALL_FRAMES | LIVE_PORT_GETS_COPIES))
             portNumbers.insert(ReadWord(port.number));
-    }
-    if (bpf_map_lookup_elem(kernel.MapDescriptor("snapshots"), &index, &mapId) != 0) return STATUS_NOT_FOUND;
-    const Descriptor snapshot(bpf_map_get_fd_by_id(mapId));
-    LiveSnapshotHeader header;
-    uint32_t element = 0;
-    if (bpf_map_lookup_elem(snapshot.Get(), &element, &header) != 0) return STATUS_FAILURE;
-    for (uint32_t i = 0; i < header.mirrors.count; i++) {
-        LiveMirrors mirrors;
-        element = header.mirrors.first + i / LIVE_MIRRORS_IN_ELEMENT;
-        if (bpf_map_lookup_elem(snapshot.Get(), &element, &mirrors) != 0) return STATUS_FAILURE;
-        const LiveMirror &mirror = mirrors.mirrors[i % LIVE_MIRRORS_IN_ELEMENT];
-        const auto isIt = [&](const MirrorEntry &entry) { return entry.place == mirror.place; };
-        const auto session = std::find_if(sessions.begin(), sessions.end(), isIt);
-        if (session == sessions.end() || !session->isEnabled) continue;
-        for (uint32_t j = 0; j < mirror.count && j < LIVE_MIRROR_DESTINATIONS; j++)
-            if (mirror.slots[j] < kernel.ports.Size() && ReadWord(kernel.ports[mirror.slots[j]].ifindex))
-                portNumbers.insert(ReadWord(kernel.ports[mirror.slots[j]].number));
     }
     return STATUS_OK;
 }

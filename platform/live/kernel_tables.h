@@ -38,7 +38,6 @@ struct Owner {
 // A mirror session that the data path has.
 struct MirrorEntry {
     std::string id;
-    uint32_t place = 0;
     bool isEnabled = false;
     LiveMirrorCounters counters = {};
 };

@@ -41,7 +41,8 @@ enum LivePortFlag {
     LIVE_PORT_ADDRESS_LOCK = 32,       /* may send from its first address alone */
     LIVE_PORT_STATIC_ONLY = 64,        /* may send from its static addresses alone */
     LIVE_PORT_FILTERED = 128,          /* its record has rules for EtherTypes */
-    LIVE_PORT_MIRRORED = 256           /* its record names mirror sessions */
+    LIVE_PORT_MIRRORED = 256,          /* its record names mirror sessions */
+    LIVE_PORT_GETS_COPIES = 512        /* of user space: it is a destination of a mirror session */
 };
 
 /*

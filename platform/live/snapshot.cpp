@@ -20,11 +20,16 @@ bool Contains(const std::vector<uint32_t> &numbers, uint32_t number)
     return std::find(numbers.begin(), numbers.end(), number) != numbers.end();
 }
 
-bool IsMirrored(const SwitchConfig &vswitch, uint32_t portNumber)
+uint32_t MirrorFlags(const SwitchConfig &vswitch, uint32_t portNumber)
 {
-    return std::any_of(vswitch.mirrors.begin(), vswitch.mirrors.end(), [&](const MirrorSession &mirror) {
-        return mirror.isEnabled && (Contains(mirror.from, portNumber) || Contains(mirror.to, portNumber));
-    });
+    uint32_t flags = 0;
+    for (const MirrorSession &mirror : vswitch.mirrors) {
+        if (!mirror.isEnabled) continue;
+        flags |= FlagIf(Contains(mirror.from, portNumber), LIVE_PORT_MIRRORED) |
+                 FlagIf(Contains(mirror.to, portNumber), LIVE_PORT_MIRRORED) |
+                 FlagIf(Contains(mirror.destinations, portNumber), LIVE_PORT_GETS_COPIES);
+    }
+    return flags;
 }
 
 uint32_t FlagsWord(const SwitchConfig &vswitch, const PortConfig &port)
@@ -35,8 +40,7 @@ uint32_t FlagsWord(const SwitchConfig &vswitch, const PortConfig &port)
            FlagIf(port.getsAllFrames && !port.uplink, LIVE_PORT_ALL_FRAMES) |
            FlagIf(port.addressLock && !port.uplink, LIVE_PORT_ADDRESS_LOCK) |
            FlagIf(port.staticOnly && !port.uplink, LIVE_PORT_STATIC_ONLY) |
-           FlagIf(!port.filter.empty(), LIVE_PORT_FILTERED) |
-           FlagIf(IsMirrored(vswitch, port.number), LIVE_PORT_MIRRORED);
+           FlagIf(!port.filter.empty(), LIVE_PORT_FILTERED) | MirrorFlags(vswitch, port.number);
 }
 
 uint32_t VlanWord(const SwitchConfig &vswitch, const PortConfig &port)

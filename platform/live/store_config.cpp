@@ -142,30 +142,6 @@ VsStatus ReadPrivateVlans(Reader &reader, const std::string &switchId, SwitchCon
     return status;
 }
 
-// Of sessions with one id the first holds: the host's list comes before those of ports.
-VsStatus ReadMirrors(Reader &reader, const std::string &switchId, SwitchConfig &config)
-{
-    std::string list;
-    std::vector<std::string> portIds;
-    VsStatus failure = STATUS_OK;
-    const auto findPort = [&](const std::string &portId) {
-        uint32_t number = UINT32_MAX;
-        const VsStatus status = GetPortNumber(reader, switchId, portId, number);
-        if (status && status != STATUS_NOT_FOUND) failure = status;
-        return status ? UINT32_MAX : number;
-    };
-    if (VsStatus status = ReadValue(reader, {StoredLevel::HOST, switchId}, KEY_HOST_MIRROR, list))
-        return status;
-    DecodeMirrors(list, findPort, config.mirrors);
-    if (VsStatus status = ListPortsWith(reader, MIRRORED, switchId, portIds)) return status;
-    for (const std::string &portId : portIds) {
-        const PropertyOwner port{StoredLevel::PORT, switchId, portId};
-        if (VsStatus status = ReadValue(reader, port, KEY_PORT_MIRROR, list)) return status;
-        DecodeMirrors(list, findPort, config.mirrors);
-    }
-    return failure;
-}
-
 VsStatus ReadAddresses(Reader &reader, const std::string &portset, const std::string &portId,
                        PortConfig &port)
 {
@@ -229,10 +205,33 @@ VsStatus ReadSwitchPolicies(Reader &reader, const std::string &portset, SwitchCo
     config.mtu = running.mtu;
     if (VsStatus status = ReadLimits(reader, config.id, config)) return status;
     if (VsStatus status = ReadLearnStatic(reader, config.id, config)) return status;
-    if (VsStatus status = ReadMirrors(reader, config.id, config)) return status;
+    if (VsStatus status = ReadMirrors(reader, config.id, config.mirrors)) return status;
     return ReadPrivateVlans(reader, config.id, config);
 }
 
+}
+
+VsStatus ReadMirrors(Reader &reader, const std::string &switchId, std::vector<MirrorSession> &sessions)
+{
+    std::string list;
+    std::vector<std::string> portIds;
+    VsStatus failure = STATUS_OK;
+    const auto findPort = [&](const std::string &portId) {
+        uint32_t number = UINT32_MAX;
+        const VsStatus status = GetPortNumber(reader, switchId, portId, number);
+        if (status && status != STATUS_NOT_FOUND) failure = status;
+        return status ? UINT32_MAX : number;
+    };
+    if (VsStatus status = ReadValue(reader, {StoredLevel::HOST, switchId}, KEY_HOST_MIRROR, list))
+        return status;
+    DecodeMirrors(list, findPort, sessions);
+    if (VsStatus status = ListPortsWith(reader, MIRRORED, switchId, portIds)) return status;
+    for (const std::string &portId : portIds) {
+        const PropertyOwner port{StoredLevel::PORT, switchId, portId};
+        if (VsStatus status = ReadValue(reader, port, KEY_PORT_MIRROR, list)) return status;
+        DecodeMirrors(list, findPort, sessions);
+    }
+    return failure;
 }
 
 VsStatus ReadPortPolicies(Reader &reader, const PortName &name, PortConfig &port)

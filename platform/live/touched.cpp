@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <iterator>
 
-#include "platform/host/port_policies.h"
 #include "platform/host/runtime.h"
 
 namespace live {
@@ -54,9 +53,7 @@ void AddRow(Reader &store, std::string_view key, bool isRemoved, Touched &touche
     if (IsOneOf(OTHER_TABLES, table)) return;
     if (table == "run") return AddRuntimeRow(store, key, touched);
     const std::string switchId = TakeField(key);
-    if (table == "port" && key.find(KEY_PORT_MIRROR) != key.npos)
-        touched.switches.insert(switchId); // sessions are the switch's
-    else if (table == "port" && !isRemoved)
+    if (table == "port" && !isRemoved)
         touched.ports[switchId].insert(TakeField(key));
     else if (table == "port" || table == "global" || table == "host")
         touched.switches.insert(switchId);
