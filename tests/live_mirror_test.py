@@ -166,12 +166,11 @@ class Mirrors(PluggedHost):
         return run(VSHOST, "check", "--state", self.directory, check=False).stdout
 
     def test_records_and_what_the_driver_says(self):
-        listed = [{"id": "from", "settings": settings().hex(), "entries-a": [entry("1").hex()],
-                   "entries-c": [entry("3").hex()]}]
         self.assertEqual(self.send("1", A), "up0:10^64")
-        self.on_host(VSCTL, "mirror", "append", "one", "-", input=json.dumps(listed))
+        self.set(sessions(("from", settings(), ["1"], [], ["3"])))
         self.assertEqual(self.send("1", A), "3:10^64 up0:10^64")
-        self.set(sessions(("to", settings(strip=1), [], ["2"], ["3"]), ("from", settings(), [], [], ["up0"])), "2")
+        self.set(sessions(("from", settings(), [], [], ["up0"])), "2")
+        self.vsctl("mirror", "add", "one", "to", "--received-by", "2", "--to", "3", "--strip-tag", "--port", "2")
         self.assertEqual(self.send("1", A), "3:10^64 3:^64 up0:10^64")
         self.assertEqual(self.live(), ["from", "to"])
         numbers = {port: self.row("port", "number", "one", port)["number"] for port in ("3", "up0")}
@@ -184,11 +183,11 @@ class Mirrors(PluggedHost):
         self.assertEqual(self.send("2", B, A), "")
         self.assertEqual(self.send("1", A, B), "3:10^64 3:^64")
         self.count("from", mirrored=3, rx=3)
-        self.vsctl("mirror", "clear", "one")
+        self.vsctl("property", "clear", "one", HOST_LIST, "--level", "host")
         self.assertEqual(self.live(), ["from", "to"])
         self.assertEqual(self.send("1", A, B), "3:^64")
         self.count("from", mirrored=3, rx=3)  # of this id there is another one, in the port's list
-        self.vsctl("mirror", "remove", "one", "to", "2")
+        self.vsctl("mirror", "remove", "one", "to")
         self.assertIsNone(self.stats("to"))
         self.assertEqual(self.send("1", A, B), "")
         self.assertEqual(observed(), {numbers["up0"]})
