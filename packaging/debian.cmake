@@ -41,7 +41,7 @@ debian_package(DEV "control of virtual switches - development files"
     PACKAGE_NAME libvswitchctl-dev PACKAGE_SECTION libdevel PACKAGE_DEPENDS ${same_version}
     PACKAGE_SUGGESTS "vswitchctl-host, pkg-config" PACKAGE_MULTIARCH same)
 debian_package(VSCTL "command for a hypervisor host's virtual switches" "This package has the vsctl command."
-    PACKAGE_NAME vsctl PACKAGE_SECTION net PACKAGE_DEPENDS ${same_version} PACKAGE_SHLIBDEPS ON)
+    PACKAGE_NAME vsctl PACKAGE_SECTION net PACKAGE_DEPENDS ${same_version} PACKAGE_SUGGESTS graphviz PACKAGE_SHLIBDEPS ON)
 debian_package(HOST "embedded hypervisor host to run switch control on"
     "This package has an emulated host: configuration store, switch driver and
 shell, so that programs that control switches run and are tested without root."

@@ -1,6 +1,8 @@
-"""What `vshost show` tells of plugged interfaces."""
+"""What `vshost show` and `vsctl` tell of plugged interfaces."""
 import json
 import sys
+import threading
+import time
 import unittest
 
 from live_host import *
@@ -57,6 +59,43 @@ class Show(PluggedHost):
             path.chmod(path.stat().st_mode | 0o666 | (0o111 if path.is_dir() else 0))
         done = as_nobody(VSHOST, "show", "--state", self.directory)
         self.assertIn("interface va\n  plugged to port 1 of one\n  untagged, link up,", done.stdout)
+
+    def test_vsctl_shows_what_is_plugged_and_what_moves(self):
+        a, b = self.two()
+        net = self.namespace("net", "10.9.0.8")
+        run(VSHOST, "nic", "add", "--state", self.directory, net.interface)
+        self.vsctl("uplink", "add", "one", "up1")
+        (host,) = self.rows("show")
+        (one,) = host["switches"]
+        self.assertEqual([(group["ports"], group["plugged"]) for group in one["ports"]],
+                         [(["port0..port15", "1..3"], {"1": "va", "2": "vb"})])
+        wait_until(lambda: self.rows("show")[0]["switches"][0]["uplinks"][0]["link"], "the link of the uplink")
+        sender, receiver = a.wire(), b.wire()
+        sender.send(frame(BROADCAST, "02:00:00:00:00:01", "first"))
+        self.assertEqual(text_of(receiver), "first")
+        wait_until(lambda: [row["port"] for row in self.rows("mac", "find", "02:00:00:00:00:01")] == ["1"],
+                   "the address")
+        before = self.row("port", "stats", "one", "1")
+        sender.send(frame(BROADCAST, "02:00:00:00:00:01", "second"))
+        self.assertEqual(text_of(receiver), "second")
+        after = self.row("port", "stats", "one", "1")
+        self.assertEqual(after["from-broadcast"] - before["from-broadcast"], 1)
+        stop = threading.Event()
+
+        def send():
+            while not stop.is_set():
+                sender.send(frame(BROADCAST, "02:00:00:00:00:01", "more"))
+                time.sleep(0.001)
+        thread = threading.Thread(target=send)
+        thread.start()
+        try:
+            rates = {row["port"]: row for row in self.rows("top", "one", "--interval", "200ms")}
+        finally:
+            stop.set()
+            thread.join()
+        self.assertGreater(rates["1"]["from-packets"], 0)
+        self.assertGreater(rates["2"]["to-packets"], 0)
+        self.assertEqual((rates["1"]["plugged"], rates["up1"]["plugged"]), ("va", "vnet"))
 
 
 if __name__ == "__main__":

@@ -1,13 +1,17 @@
 #!/usr/bin/env python3
-"""What vsctl shows of a host as a whole: the tree, as text and as JSON."""
+"""What vsctl shows of a host as a whole: tree, picture, NICs, counters and rates."""
+import contextlib
 import fcntl
+import itertools
 import json
 import os
 import pty
 import re
+import select
 import struct
 import subprocess
 import termios
+import xml.etree.ElementTree
 
 from vsctl_host import BUILD, HOST, VSCTL, OnHost, main
 
@@ -32,22 +36,29 @@ free NICs
 ASCII = {"├─": "|-", "└─": "`-", "│": "|"}
 
 
-def on_terminal(columns, *words, **environment):
-    """What the command prints on a terminal."""
-    master, slave = pty.openpty()
-    fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
-    with subprocess.Popen([VSCTL, *words], stdin=slave, stdout=slave, stderr=slave,
-                          env=os.environ | environment) as process:
+class Terminal:
+    """A terminal with vsctl on it."""
+
+    def __init__(self, columns, *words, **environment):
+        self.master, slave = pty.openpty()
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        self.process = subprocess.Popen([VSCTL, *words], stdin=slave, stdout=slave, stderr=slave,
+                                        env=os.environ | environment)
         os.close(slave)
-        printed = b""
-        try:
-            while block := os.read(master, 65536):
-                printed += block
-        except OSError:  # the terminal has no writer any more
-            pass
-        os.close(master)
-    assert process.returncode == 0, printed
-    return printed.decode().replace("\r\n", "\n")
+        self.printed = ""
+
+    def shows(self, pattern):
+        """Whether it has printed a pattern by now."""
+        while select.select([self.master], [], [], 0)[0]:
+            self.printed += os.read(self.master, 65536).decode().replace("\r\n", "\n")
+        return re.search(pattern, self.printed)
+
+    def end(self):
+        with contextlib.suppress(OSError):  # the terminal has no writer any more
+            while True:
+                self.printed += os.read(self.master, 65536).decode().replace("\r\n", "\n")
+        os.close(self.master)
+        return self.process.wait()
 
 
 class Show(OnHost):
@@ -62,7 +73,9 @@ class Show(OnHost):
         self.known = self.environment(TERM="xterm")
 
     def terminal(self, columns, *words, locale="C.UTF-8", **more):
-        return on_terminal(columns, *words, **self.known | {"LC_ALL": locale} | more)
+        terminal = Terminal(columns, *words, **self.known | {"LC_ALL": locale} | more)
+        self.assertEqual(terminal.end(), 0, terminal.printed)
+        return terminal.printed
 
     def test_the_tree_fits_the_terminal(self):
         text = self.terminal(80, "show")
@@ -114,6 +127,103 @@ class Show(OnHost):
         self.assertNotIn("ports", lab)
         self.assertEqual(lab["uplinks"], [{"uplink": name, "port": name} for name in ("uplink0", "uplink1")])
         self.assertIn("this platform does not list them", self.terminal(80, "show", "lab"))
+        for line in ("nic list", "top", "metrics", "mac find 02:00:00:00:00:01"):
+            done = subprocess.run([VSCTL, *line.split()], capture_output=True, env=self.known, text=True)
+            self.assertRegex(done.stderr, r"\Avsctl: this platform cannot list [^\n]+\n\Z", line)
+
+    def test_the_picture_tells_links_apart_without_colour(self):
+        self.write("sessions", '[{"id": "span0"}]')
+        self.rows("port", "mirror", "lab", "port5", "--file", str(self.directory / "sessions"))
+        source = self.run_vsctl("topology", "--dot")
+        links = re.findall(r"s0 -- s0u\d \[label=(\w+), color=\w+(, style=dashed)?", source)
+        self.assertEqual(sorted(links), [("DOWN", ", style=dashed"), ("up", "")])
+        picture = xml.etree.ElementTree.fromstring(self.run_vsctl("topology"))
+        words = {text.text for text in picture.iter("{http://www.w3.org/2000/svg}text")}
+        self.assertLessEqual({"lab", "port0..port2,port7", "vlan id=100 priority=3", "eth0", "DOWN", "mirror span0",
+                              "free NICs", "eth2 up", "not running"}, words)
+        self.assertNotIn("none", self.run_vsctl("topology", "lab", "--dot"))
+        away = self.known | {"PATH": str(self.directory)}
+        done = subprocess.run([VSCTL, "topology"], env=away, capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stdout), (1, ""))
+        self.assertRegex(done.stderr, r"\Avsctl: Graphviz[^\n]*install Graphviz[^\n]*\n\Z")
+
+    def test_the_picture_of_many_ports_is_small(self):
+        self.run_vsctl("batch", stdin="port add lab many0..many999\n" + "".join(
+            f"port vlan lab many{number} {number + 1}\n" for number in range(100)))
+        source = self.run_vsctl("topology", "lab", "--dot")
+        self.assertLess(source.count("label="), 25)
+        self.assertRegex(source, r'label="\d+ more ports"')
+        drawn = sum(map(int, re.findall(r"(\d+) (?:more )?ports", source)))
+        self.assertEqual(drawn + len(re.findall(r's0p\d+ \[label="[^."]*"', source)), 1008)
+
+    def test_nics_and_addresses_have_places(self):
+        self.assertEqual([(row["nic"], row["switch"], row["port"], row["full-duplex"])
+                          for row in self.rows("nic", "list")],
+                         [("eth0", "lab", "uplink0", True), ("eth1", "lab", "uplink1", True),
+                          ("eth2", None, None, False)])
+        for port, vlan in (("port1", 100), ("uplink0", 7)):
+            self.run_vsctl("mac", "set", "lab", port, "--address", "02:00:00:00:00:0a", "--vlan", str(vlan))
+        self.assertEqual([(row["switch"], row["port"], row["vlan"]) for row in self.rows("mac", "find", "2:0:0:0:0:A")],
+                         [("lab", "uplink0", 7), ("lab", "port1", 100)])
+        self.refused(["mac", "find", "02:00:00:00:00:0b"], 3, "02:00:00:00:00:0b")
+        self.refused(["mac", "find", "02:00"], 5, "02:00")
+
+    COUNTERS = ["from-packets", "from-bytes", "to-packets", "to-bytes", "from-multicast", "from-broadcast",
+                "to-multicast", "to-broadcast", "dropped-blocked", "dropped-vlan", "dropped-security",
+                "dropped-learning-limit", "dropped-filter", "dropped-length", "dropped-flood-limit",
+                "dropped-not-sent"]
+
+    def count(self, **ports):
+        """The counters of a port become first, first + 1, …"""
+        self.run_vsctl("batch", stdin="".join(
+            f"property set lab com.talpex.common.port.statistics --port {port} --hex "
+            f"{struct.pack('=16Q', *range(first, first + 16)).hex()}\n" for port, first in ports.items()))
+
+    def test_counters(self):
+        self.count(port1=1000)
+        wanted = dict(zip(self.COUNTERS, range(1000, 1016)))
+        self.assertEqual(self.rows("port", "stats", "lab", "port0..port1"),
+                         [{"switch": "lab", "port": "port0"} | dict.fromkeys(wanted, 0),
+                          {"switch": "lab", "port": "port1"} | wanted])
+        self.refused(["port", "stats", "lab", "port9"], 3, "port9")
+
+    def test_metrics_are_those_of_the_host(self):
+        name = 'a"b\\c\nd'
+        self.run_vsctl("switch", "create", name, "--ports", "1")
+        self.count(port1=1000)
+        text = self.run_vsctl("metrics")
+        checked = subprocess.run(["promtool", "check", "metrics"], input=text, capture_output=True, text=True)
+        self.assertEqual((checked.returncode, checked.stdout + checked.stderr), (0, ""))
+        port = 'switch="lab",port="port1"'
+        for line in (f'vswitch_port_packets_total{{{port},direction="from"}} 1000',
+                     f'vswitch_port_bytes_total{{{port},direction="to"}} 1003',
+                     f'vswitch_port_dropped_packets_total{{{port},reason="vlan"}} 1009',
+                     f'vswitch_port_dropped_packets_total{{{port},reason="not-sent"}} 1015',
+                     'vswitch_switch_running{switch="lab"} 1', 'vswitch_switch_running{switch="none"} 0',
+                     'vswitch_switch_mtu_bytes{switch="lab"} 1500',
+                     'vswitch_nic_up{nic="eth0",switch="lab",port="uplink0"} 0',
+                     'vswitch_switch_running{switch="a\\"b\\\\c\\nd"} 1'):
+            self.assertIn(line + "\n", text)
+
+    def test_rates_are_sorted(self):
+        """The busiest port first; while vsctl measures, counters of two ports move."""
+        terminal = Terminal(120, "top", "lab", "--interval", "50ms", **self.known)
+        rounds = itertools.count(1)
+
+        def is_sorted():
+            number = next(rounds)
+            self.count(port4=10**8 * number, port5=10**11 * number)
+            return terminal.shows(r"lab +port5 +- +[\d.]+[kMGT]/s[^\n]*\nlab +port4 +- +[\d.]+[kMGT]/s")
+        self.wait_until(is_sorted, terminal.process)
+        os.write(terminal.master, b"q")
+        self.assertEqual(terminal.end(), 0)
+        self.assertTrue(terminal.printed.startswith("\x1b[?1049h"), terminal.printed[:80])
+        self.assertTrue(terminal.printed.endswith("\x1b[?1049l"), terminal.printed[-80:])
+        still = self.rows("top", "--interval", "1ms")
+        self.assertEqual((len(still), {row["from-bits"] for row in still}), (10, {0}))
+        self.assertEqual(still[0]["plugged"], "eth0")
+        self.assertEqual(len(self.run_vsctl("top", "lab", "--interval", "1ms").splitlines()), 11)
+        self.refused(["top", "lap"], 3, "did you mean 'lab'?")
 
 
 if __name__ == "__main__":

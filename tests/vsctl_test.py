@@ -141,6 +141,13 @@ class Verbs(OnHost):
         self.create()
         self.assertEqual(self.rows("switch", "show", "lab")[0]["live"]["used-ports"], 6)
 
+    def test_looking(self):
+        self.create()
+        self.rows("mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01")
+        for line, count in (("nic list", 2), ("mac find 02:00:00:00:00:01", 1), ("port stats lab port0..port3", 4),
+                            ("top --interval 1ms", 6), ("show", 1)):
+            self.assertEqual(len(self.rows(*line.split())), count, line)
+
     def test_properties(self):
         self.create()
         for level, words in (("global", []), ("host", ["--level", "host"]), ("port", ["--port", "port0"])):
@@ -410,7 +417,7 @@ class Verbs(OnHost):
             for words in [[noun, verb] for verb in verbs] or [[noun]]:
                 self.assertIn("Examples:\n  vsctl " + " ".join(words), self.run_vsctl("help", *words))
                 if words[-1] not in ("apply", "batch", "complete", "completion", "confirm", "doctor", "export", "help",
-                                     "plan", "schema", "watch"):
+                                     "metrics", "plan", "schema", "topology", "watch"):
                     every_verb.add(" ".join(words))
 
     @classmethod

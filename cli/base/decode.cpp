@@ -179,12 +179,33 @@ Json DecodeHint(const void *bytes, size_t size)
     return {{"uplink", Name(static_cast<const char *>(bytes), size)}};
 }
 
+Json DecodeStatistics(const void *bytes, size_t)
+{
+    const auto counted = Load<VSwitchPortStatistics>(bytes);
+    return {{"from-packets", Copy(counted.fromPackets)},
+            {"from-bytes", Copy(counted.fromBytes)},
+            {"to-packets", Copy(counted.toPackets)},
+            {"to-bytes", Copy(counted.toBytes)},
+            {"from-multicast", Copy(counted.fromMulticast)},
+            {"from-broadcast", Copy(counted.fromBroadcast)},
+            {"to-multicast", Copy(counted.toMulticast)},
+            {"to-broadcast", Copy(counted.toBroadcast)},
+            {"dropped-blocked", Copy(counted.droppedBlocked)},
+            {"dropped-vlan", Copy(counted.droppedVlan)},
+            {"dropped-security", Copy(counted.droppedSecurity)},
+            {"dropped-learning-limit", Copy(counted.droppedLearningLimit)},
+            {"dropped-filter", Copy(counted.droppedFilter)},
+            {"dropped-length", Copy(counted.droppedLength)},
+            {"dropped-flood-limit", Copy(counted.droppedFloodLimit)},
+            {"dropped-not-sent", Copy(counted.droppedNotSent)}};
+}
+
 using Decoder = Json (*)(const void *, size_t);
 constexpr Decoder DECODERS[] = {DecodeInfo,          DecodeUplink,       DecodeLags,         DecodeMacEntry,
                                 DecodeLearningProps, DecodePortLearning, DecodeLearningInfo, DecodeRarp,
                                 DecodeTeaming,       DecodeMirror,       DecodeMcast,        DecodeOptions,
-                                DecodeDestination,   DecodeHint};
-static_assert(std::size(DECODERS) == static_cast<size_t>(Record::HINT) + 1);
+                                DecodeDestination,   DecodeHint,         DecodeStatistics};
+static_assert(std::size(DECODERS) == static_cast<size_t>(Record::PORT_STATISTICS) + 1);
 
 }
 

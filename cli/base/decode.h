@@ -21,7 +21,8 @@ enum class Record {
     MCAST_STATS,
     OPTIONS,
     DESTINATION,
-    HINT
+    HINT,
+    PORT_STATISTICS
 };
 
 // The record's fields, or {"bytes": …}.

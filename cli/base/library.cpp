@@ -266,6 +266,13 @@ std::string PortsetOf(const std::string &alias)
     return portset;
 }
 
+void RequireOwnPlatform(const char *action)
+{
+    if (IsEmbedded()) return;
+    throw Error(Exit::FAILURE, fmt::format("this platform cannot {}", action),
+                "name what you want to see; 'vsctl help' lists the verbs");
+}
+
 bool PortExists(const Target &port)
 {
     const bool isKnown = DVPortExist(SwitchId(port.alias).c_str(), port.Port());

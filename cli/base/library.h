@@ -93,6 +93,9 @@ void RequireNoBarePortset(const std::string &portset);
 // Throws, with the nearest name, when the switch does not exist.
 std::string SwitchId(const std::string &alias);
 
+// Throws where the platform cannot do what only an embedded host can: "list ports".
+void RequireOwnPlatform(const char *action);
+
 bool PortExists(const Target &port);
 // The ports of a switch, by number; none where the platform cannot list them.
 std::vector<vshost_port> PortsOf(const std::string &alias);

@@ -13,7 +13,6 @@ namespace vsctl {
 namespace {
 
 constexpr size_t USUAL_WIDTH = 80;
-constexpr size_t LEAST_WIDTH = 40;
 constexpr size_t MAX_TABLE_COLUMNS = 9;
 constexpr size_t MAX_CELL = 48;
 constexpr size_t SHOWN_OF_LONG_CELL = 32;
@@ -115,7 +114,7 @@ size_t TerminalWidth()
 {
     winsize size{};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return USUAL_WIDTH;
-    return std::max<size_t>(size.ws_col, LEAST_WIDTH);
+    return size.ws_col;
 }
 
 size_t TextWidth(std::string_view text)
@@ -147,9 +146,8 @@ size_t LineEnd(std::string_view text, size_t columns)
 
 }
 
-std::vector<std::string> Wrapped(const std::string &text, size_t margin)
+std::vector<std::string> Wrapped(const std::string &text, size_t columns)
 {
-    const size_t columns = std::max(TerminalWidth(), margin + LEAST_WIDTH / 2) - margin;
     std::vector<std::string> lines;
     for (std::string_view rest = text; !rest.empty();) {
         const size_t end = LineEnd(rest, columns);

@@ -16,8 +16,8 @@ size_t TerminalWidth();
 // The columns that a text takes.
 size_t TextWidth(std::string_view text);
 std::string TitleText(const std::string &text); // bold where colours may be used
-// The lines of a text that fit the terminal beside a margin of so many columns.
-std::vector<std::string> Wrapped(const std::string &text, size_t margin);
+// The text in lines of at most so many columns.
+std::vector<std::string> Wrapped(const std::string &text, size_t columns);
 
 // A value in one cell: objects as "key=value …", long bytes shortened.
 std::string CellText(const Json &value);

@@ -189,4 +189,25 @@ std::string NicText(const Json &nic)
                        nic["mtu"].get<uint32_t>(), admin);
 }
 
+std::vector<std::string> PolicyTexts(const Json &policies, bool ofPort)
+{
+    std::vector<std::string> parts;
+    for (const auto &[name, value] : policies.items()) {
+        Json shown = value;
+        const Policy *policy = FindPolicy(name, ofPort);
+        for (const Field &field : policy &&value.is_object() ? policy->fields : std::span<const Field>()) {
+            if (field.defaultText && shown.value(field.name, Json()) == Json::parse(field.defaultText))
+                shown.erase(field.name);
+        }
+        if (value.is_object() && shown.empty()) continue;
+        parts.push_back(name + " " + CellText(shown));
+    }
+    return parts;
+}
+
+std::string SessionName(const Json &session)
+{
+    return CellText(session.value("session", session.value("id", Json())));
+}
+
 }

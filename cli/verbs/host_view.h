@@ -12,6 +12,9 @@ Json DescribeOnly(const std::string &alias);
 // The NICs of the host; empty where the platform does not list them.
 Json DescribeNics();
 
+// What differs from the defaults: {"vlan id=100 priority=3", "security 5"}.
+std::vector<std::string> PolicyTexts(const Json &policies, bool ofPort);
+std::string SessionName(const Json &session);
 // "10 Gb/s full duplex, MTU 9000".
 std::string NicText(const Json &nic);
 

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include "cli/base/output.h"
-#include "cli/base/policy.h"
 #include "cli/verbs/host_view.h"
 #include "cli/verbs/verb.h"
 
@@ -49,6 +48,7 @@ struct Widths {
 };
 
 constexpr size_t WIDEST_NAME = 32; // a longer name has a line of its own
+constexpr size_t LEAST_ROOM = 20;
 
 Widths WidthsOf(const std::vector<Node> &nodes)
 {
@@ -62,6 +62,9 @@ Widths WidthsOf(const std::vector<Node> &nodes)
 
 std::string Padding(size_t used, size_t width) { return std::string(width > used ? width - used : 0, ' '); }
 
+// The columns of the terminal beside a margin.
+size_t Room(size_t margin) { return std::max(TerminalWidth(), margin + LEAST_ROOM) - margin; }
+
 // `first` stands before the node, `next` before its children and further lines.
 std::string NodeText(const Node &node, const Widths &widths, const std::string &first,
                      const std::string &next)
@@ -69,7 +72,9 @@ std::string NodeText(const Node &node, const Widths &widths, const std::string &
     const std::string below = next + (node.children.empty() ? TreeLines().none : TreeLines().pass);
     const size_t nameWidth = TextWidth(node.name);
     const size_t column = TextWidth(first) + widths.name + (widths.state ? 2 + widths.state : 0) + 2;
-    std::string text = first + (first.empty() ? TitleText(node.name) : node.name);
+    std::string text;
+    for (const std::string &line : Wrapped(node.name, Room(TextWidth(first))))
+        text += (text.empty() ? first : "\n" + below) + (first.empty() ? TitleText(line) : line);
     if (nameWidth > widths.name)
         text += "\n" + below + Padding(TextWidth(below), TextWidth(first) + widths.name);
     else if (!node.state.empty() || !node.details.empty())
@@ -79,7 +84,7 @@ std::string NodeText(const Node &node, const Widths &widths, const std::string &
     else if (widths.state && !node.details.empty())
         text += Padding(0, widths.state + 2);
     std::string separator = "  ";
-    for (const std::string &line : Wrapped(node.details, column)) {
+    for (const std::string &line : Wrapped(node.details, Room(column))) {
         text += separator + line;
         separator = "\n" + below + Padding(TextWidth(below), column);
     }
@@ -102,21 +107,9 @@ Node UplinkNode(const Json &uplink)
                                    : "no NIC"};
 }
 
-// "vlan id=100 priority=3; security 5": what differs from the defaults.
 std::string PolicyText(const Json &policies, bool ofPort)
 {
-    std::vector<std::string> parts;
-    for (const auto &[name, value] : policies.items()) {
-        Json shown = value;
-        const Policy *policy = FindPolicy(name, ofPort);
-        for (const Field &field : policy &&value.is_object() ? policy->fields : std::span<const Field>()) {
-            if (field.defaultText && shown.value(field.name, Json()) == Json::parse(field.defaultText))
-                shown.erase(field.name);
-        }
-        if (value.is_object() && shown.empty()) continue;
-        parts.push_back(name + " " + CellText(shown));
-    }
-    return fmt::format("{}", fmt::join(parts, "; "));
+    return fmt::format("{}", fmt::join(PolicyTexts(policies, ofPort), "; "));
 }
 
 Node PortsNode(const Json &group)
@@ -135,14 +128,13 @@ Node PortsNode(const Json &group)
 Node MirrorNode(const Json &session)
 {
     Json fields = session;
-    const std::string name = CellText(session.value("session", session.value("id", Json())));
     const std::string place = session["port"].is_null() ? "uplinks" : CellText(session["port"]);
     for (const char *key : {"session", "id", "port"})
         fields.erase(key);
     for (const auto &[key, value] : session.items()) {
         if (value.empty()) fields.erase(key);
     }
-    return {name, "", fmt::format("of {}: {}", place, CellText(fields))};
+    return {SessionName(session), "", fmt::format("of {}: {}", place, CellText(fields))};
 }
 
 std::vector<Node> Nodes(const Json &rows, Node (*make)(const Json &))

@@ -177,9 +177,9 @@ const std::vector<Verb> &Verbs()
 {
     static const std::vector<Verb> VERBS = [] {
         std::vector<Verb> all;
-        for (auto verbs :
-             {ShowVerbs, SwitchVerbs, PortVerbs, PolicyVerbs, UplinkVerbs, MacVerbs, MulticastVerbs,
-              ListVerbs, MirrorVerbs, RuntimeVerbs, PropertyVerbs, ChangeVerbs, GeneralVerbs}) {
+        for (auto verbs : {ShowVerbs, TopologyVerbs, TopVerbs, MetricsVerbs, SwitchVerbs, PortVerbs,
+                           PolicyVerbs, StatisticsVerbs, UplinkVerbs, MacVerbs, MulticastVerbs, ListVerbs,
+                           MirrorVerbs, RuntimeVerbs, PropertyVerbs, ChangeVerbs, GeneralVerbs}) {
             for (Verb &verb : verbs())
                 all.push_back(std::move(verb));
         }

@@ -111,6 +111,10 @@ const Verb &FindVerb(const std::vector<std::string> &words, size_t &used);
 
 // The verbs of each source file.
 std::vector<Verb> ShowVerbs();
+std::vector<Verb> TopologyVerbs();
+std::vector<Verb> TopVerbs();
+std::vector<Verb> MetricsVerbs();
+std::vector<Verb> StatisticsVerbs();
 std::vector<Verb> SwitchVerbs();
 std::vector<Verb> PortVerbs();
 std::vector<Verb> PolicyVerbs();

@@ -1,0 +1,225 @@
+// vsctl top: rates of ports and uplinks, the busiest first.
+#include <algorithm>
+#include <csignal>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "cli/base/limit.h"
+#include "cli/base/output.h"
+#include "cli/verbs/parser.h"
+#include "cli/verbs/statistics.h"
+
+namespace vsctl {
+
+namespace {
+
+volatile sig_atomic_t stopped = 0;
+
+struct Sample {
+    double time = 0;
+    std::vector<std::pair<Target, VSwitchPortStatistics>> ports;
+    std::vector<std::string> plugged; // the NIC or interface of each port
+};
+
+double Now()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+Sample Measure(const std::vector<std::string> &aliases)
+{
+    Sample sample{Now(), {}, {}};
+    for (const std::string &alias : aliases) {
+        for (const vshost_port &port : PortsOf(alias)) {
+            const Target target{alias, port.id};
+            if (!PortExists(target)) continue; // it is gone meanwhile
+            sample.ports.emplace_back(target, ReadStatistics(target));
+            sample.plugged.emplace_back(*port.nic ? port.nic : port.interface);
+        }
+    }
+    return sample;
+}
+
+// In a second. A counter that began again counts from 0.
+uint64_t Rate(uint64_t before, uint64_t now, double seconds)
+{
+    return static_cast<uint64_t>(static_cast<double>(now >= before ? now - before : now) / seconds + 0.5);
+}
+
+Json RateRow(const Target &port, const std::string &plugged, const Json &rates)
+{
+    Json row = RowOf(port, {{"plugged", plugged.empty() ? Json() : Json(plugged)}});
+    row.update(rates);
+    return row;
+}
+
+uint64_t Busy(const Json &row) { return row["from-bits"].get<uint64_t>() + row["to-bits"].get<uint64_t>(); }
+
+// The busiest first, then those that drop most; the others in their order.
+Json Rates(const Sample &before, const Sample &now)
+{
+    std::map<std::pair<std::string, std::string>, const VSwitchPortStatistics *> known;
+    for (const auto &[port, counted] : before.ports)
+        known[{port.alias, port.port}] = &counted;
+    std::vector<Json> rows;
+    const double seconds = std::max(now.time - before.time, 1e-3);
+    for (size_t i = 0; i < now.ports.size(); i++) {
+        const auto &[port, counted] = now.ports[i];
+        const auto found = known.find({port.alias, port.port});
+        const VSwitchPortStatistics &old = found == known.end() ? counted : *found->second;
+        const auto rate = [&](uint64_t was, uint64_t is) { return Rate(was, is, seconds); };
+        rows.push_back(RateRow(port, now.plugged[i],
+                               {{"from-packets", rate(old.fromPackets, counted.fromPackets)},
+                                {"from-bits", 8 * rate(old.fromBytes, counted.fromBytes)},
+                                {"to-packets", rate(old.toPackets, counted.toPackets)},
+                                {"to-bits", 8 * rate(old.toBytes, counted.toBytes)},
+                                {"dropped", rate(DroppedOf(old), DroppedOf(counted))}}));
+    }
+    std::stable_sort(rows.begin(), rows.end(), [](const Json &left, const Json &right) {
+        return std::pair(Busy(left), left["dropped"].get<uint64_t>()) >
+               std::pair(Busy(right), right["dropped"].get<uint64_t>());
+    });
+    return rows;
+}
+
+// "1.2M"; as many columns as a table of rates has room for.
+std::string Short(uint64_t number)
+{
+    if (number < 10000) return std::to_string(number);
+    auto value = static_cast<double>(number);
+    const char *unit = "";
+    for (const char *next : {"k", "M", "G", "T"}) {
+        if (value < 1000) break;
+        value /= 1000;
+        unit = next;
+    }
+    return fmt::format("{:.1f}{}", value, unit);
+}
+
+// What people read: rates a second with units.
+Json Readable(Json rows)
+{
+    for (Json &row : rows) {
+        for (const char *key : {"from-packets", "from-bits", "to-packets", "to-bits", "dropped"})
+            row[key] = Short(row[key]) + "/s";
+    }
+    return rows;
+}
+
+// While it lives, the terminal gives each key at once and shows a screen of its own.
+class Screen {
+public:
+    Screen()
+    {
+        tcgetattr(STDIN_FILENO, &before);
+        termios now = before;
+        now.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        tcsetattr(STDIN_FILENO, TCSANOW, &now);
+        Print("\x1b[?1049h\x1b[?25l");
+    }
+    Screen(const Screen &) = delete;
+    Screen &operator=(const Screen &) = delete;
+    ~Screen()
+    {
+        const std::string leave = "\x1b[?25h\x1b[?1049l";
+        [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, leave.data(), leave.size());
+        tcsetattr(STDIN_FILENO, TCSANOW, &before);
+    }
+
+private:
+    termios before{};
+};
+
+size_t ScreenLines()
+{
+    winsize size{};
+    const bool isKnown = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0;
+    return isKnown ? size.ws_row : 24;
+}
+
+// Waits; false when the user leaves.
+bool Wait(double seconds)
+{
+    const double end = Now() + seconds;
+    for (double rest = seconds; rest > 0 && !stopped; rest = end - Now()) {
+        pollfd keys{STDIN_FILENO, POLLIN, 0};
+        char key = 0;
+        if (poll(&keys, 1, static_cast<int>(rest * 1000) + 1) <= 0) continue;
+        if (read(STDIN_FILENO, &key, 1) <= 0 || key == 'q') return false;
+    }
+    return !stopped;
+}
+
+void Draw(const Json &rows)
+{
+    Json shown = Json::array();
+    const size_t room = ScreenLines() - std::min<size_t>(ScreenLines() - 1, 4);
+    for (size_t i = 0; i < std::min(rows.size(), room); i++)
+        shown.push_back(rows[i]);
+    std::string text =
+        fmt::format("{} of {} ports, the busiest first; q leaves\n\n", shown.size(), rows.size());
+    text += TableText(Readable(std::move(shown)));
+    std::string screen = "\x1b[H";
+    for (const std::string &line : Words(text, "\n"))
+        screen += line + "\x1b[K\r\n";
+    screen.resize(screen.size() - 2);
+    Print(screen + "\x1b[J");
+}
+
+void Follow(const std::vector<std::string> &aliases, double interval)
+{
+    const auto stop = [](int) { stopped = 1; };
+    for (int number : {SIGINT, SIGTERM, SIGHUP})
+        signal(number, stop);
+    const Screen screen;
+    Sample before = Measure(aliases);
+    Draw(Rates(before, before));
+    while (Wait(interval)) {
+        Sample now = Measure(aliases);
+        Draw(Rates(before, now));
+        before = std::move(now);
+    }
+}
+
+Result Top(const Verb &, const Arguments &arguments)
+{
+    RequireOwnPlatform("list ports");
+    const double interval =
+        arguments.Has("--interval") ? ParseSeconds("--interval", arguments.Text("--interval")) : 1;
+    std::vector<std::string> aliases = SwitchNames();
+    if (arguments.Has("SWITCH")) {
+        SwitchId(arguments.Text("SWITCH"));
+        aliases = {arguments.Text("SWITCH")};
+    }
+    if (!arguments.Has("--json") && isatty(STDOUT_FILENO) && isatty(STDIN_FILENO)) {
+        EndTimeLimit();
+        Follow(aliases, interval);
+        return {};
+    }
+    const Sample before = Measure(aliases);
+    RestartTimeLimit();
+    usleep(static_cast<useconds_t>(interval * 1e6));
+    const Json rows = Rates(before, Measure(aliases));
+    return Rows(arguments.Has("--json") ? rows : Readable(rows));
+}
+
+}
+
+std::vector<Verb> TopVerbs()
+{
+    return {Reads("top", Top,
+                  {{"SWITCH", Shape::OPTIONAL, "Alias of a switch (default: all)", Names::SWITCH},
+                   {"--interval", Shape::OPTION, "Time between two looks at the counters (default 1s)"}},
+                  {"Show the rates of ports and uplinks, the busiest first", "\nlab --interval 5s\n--json",
+                   "VSDVS_GetPortProp",
+                   "switch, port, plugged?, from-packets:number, from-bits:number, to-packets:number, "
+                   "to-bits:number, dropped:number"})};
+}
+
+}
