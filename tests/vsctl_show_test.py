@@ -23,7 +23,7 @@ lab  running  MTU 1500, 10 ports of 128
 │  └─ uplink1  up    eth1, 1 Gb/s full duplex, MTU 1500
 └─ ports
    ├─ port0..port2,port7  4 ports: vlan id=100 priority=3
-   ├─ port3               security 5
+   ├─ port3               security lock-address=yes
    ├─ port4               vlan trunk=1-10,20,30,40,50,60,70,80,90,100,110,120,
    │                      130,140
    └─ port5..port6        2 ports: default policies
@@ -66,7 +66,7 @@ class Show(OnHost):
         super().setUp()
         self.assertEqual(HOST.vshost_scenario(NICS), 0)
         for line in ("switch create lab --uplinks 2 --ports 8", "switch create none",
-                     "port vlan lab port0..port2,port7 100 --priority 3", "port security lab port3 5",
+                     "port vlan lab port0..port2,port7 100 --priority 3", "port security lab port3 --lock-address",
                      "port vlan lab port4 --trunk 1-10," + ",".join(str(vlan) for vlan in range(20, 150, 10))):
             self.rows(*line.split())
         subprocess.run([BUILD / "platform/tybel", "-e", "set", "/net/portsets/none/destroy", "destroy"], check=True)
@@ -98,19 +98,21 @@ class Show(OnHost):
         lab, none = host["switches"]
         self.assertEqual([(uplink["nic"], uplink["link"], uplink["speed"]) for uplink in lab["uplinks"]],
                          [("eth0", False, 10000), ("eth1", True, 1000)])
-        self.assertEqual([(group["ports"], group["count"], group["policies"].get("security"))
+        self.assertEqual([(group["ports"], group["count"], "security" in group["policies"])
                           for group in lab["ports"]],
-                         [(["port0..port2", "port7"], 4, None), (["port3"], 1, 5), (["port4"], 1, None),
-                          (["port5..port6"], 2, None)])
+                         [(["port0..port2", "port7"], 4, False), (["port3"], 1, True), (["port4"], 1, False),
+                          (["port5..port6"], 2, False)])
         self.assertEqual((none["state"], none["mtu"]), ("not running", None))
         self.assertEqual([nic["nic"] for nic in host["free-nics"]], ["eth2"])
         self.assertEqual(self.rows("show", "lab"), [{"switches": [lab]}])
 
     def test_mirror_sessions_belong_to_their_ports(self):
-        sessions = self.write("sessions", '[{"id": "span0"}]')
-        self.rows("port", "mirror", "lab", "port5..port6", "--file", sessions)
+        for session, to in (("a", "port5"), ("b", "port6"), ("c", "uplink0")):
+            self.rows("mirror", "add", "lab", session, "--from", "port0,port1", "--to", to, "--snap", "64")
         (host,) = self.rows("show", "lab")
-        self.assertEqual([mirror["port"] for mirror in host["switches"][0]["mirrors"]], ["port5", "port6"])
+        self.assertEqual([(mirror["session"], mirror["port"]) for mirror in host["switches"][0]["mirrors"]],
+                         [("a", "port5"), ("b", "port6"), ("c", None)])
+        self.assertIn("a  from=port0,port1 to=port5 snap=64\n", self.run_vsctl("show", "lab"))
         self.assertIn(["port5..port6"], [group["ports"] for group in host["switches"][0]["ports"]])
 
     def test_a_damaged_port_is_named(self):
@@ -127,19 +129,20 @@ class Show(OnHost):
         self.assertNotIn("ports", lab)
         self.assertEqual(lab["uplinks"], [{"uplink": name, "port": name} for name in ("uplink0", "uplink1")])
         self.assertIn("this platform does not list them", self.terminal(80, "show", "lab"))
-        for line in ("nic list", "top", "metrics", "mac find 02:00:00:00:00:01"):
+        for line in ("nic list", "top", "metrics", "mac find 02:00:00:00:00:01", "port vlan lab",
+                     "port block lab --all-ports on"):
             done = subprocess.run([VSCTL, *line.split()], capture_output=True, env=self.known, text=True)
             self.assertRegex(done.stderr, r"\Avsctl: this platform cannot list [^\n]+\n\Z", line)
 
     def test_the_picture_tells_links_apart_without_colour(self):
-        self.write("sessions", '[{"id": "span0"}]')
-        self.rows("port", "mirror", "lab", "port5", "--file", str(self.directory / "sessions"))
+        self.rows("mirror", "add", "lab", "span0", "--from", "port0", "--to", "port5")
         source = self.run_vsctl("topology", "--dot")
         links = re.findall(r"s0 -- s0u\d \[label=(\w+), color=\w+(, style=dashed)?", source)
         self.assertEqual(sorted(links), [("DOWN", ", style=dashed"), ("up", "")])
         picture = xml.etree.ElementTree.fromstring(self.run_vsctl("topology"))
         words = {text.text for text in picture.iter("{http://www.w3.org/2000/svg}text")}
         self.assertLessEqual({"lab", "port0..port2,port7", "vlan id=100 priority=3", "eth0", "DOWN", "mirror span0",
+                              "to port5",
                               "free NICs", "eth2 up", "not running"}, words)
         self.assertNotIn("none", self.run_vsctl("topology", "lab", "--dot"))
         away = self.known | {"PATH": str(self.directory)}
@@ -162,7 +165,7 @@ class Show(OnHost):
                          [("eth0", "lab", "uplink0", True), ("eth1", "lab", "uplink1", True),
                           ("eth2", None, None, False)])
         for port, vlan in (("port1", 100), ("uplink0", 7)):
-            self.run_vsctl("mac", "set", "lab", port, "--address", "02:00:00:00:00:0a", "--vlan", str(vlan))
+            self.run_vsctl("mac", "add", "lab", port, "--address", "02:00:00:00:00:0a", "--vlan", str(vlan))
         self.assertEqual([(row["switch"], row["port"], row["vlan"]) for row in self.rows("mac", "find", "2:0:0:0:0:A")],
                          [("lab", "uplink0", 7), ("lab", "port1", 100)])
         self.refused(["mac", "find", "02:00:00:00:00:0b"], 3, "02:00:00:00:00:0b")
@@ -186,6 +189,25 @@ class Show(OnHost):
                          [{"switch": "lab", "port": "port0"} | dict.fromkeys(wanted, 0),
                           {"switch": "lab", "port": "port1"} | wanted])
         self.refused(["port", "stats", "lab", "port9"], 3, "port9")
+
+    def test_ports_that_are_not_named(self):
+        """Verbs that read take all ports, verbs that change those that --all-ports or --existing leave."""
+        ports = [f"port{number}" for number in range(8)]
+        of = lambda *words, **more: [row["port"] for row in self.rows("port", *words, **more)]
+        self.assertEqual(of("vlan", "lab"), ["uplink0", "uplink1", *ports])
+        self.assertEqual(of("number", "lab", "port6..port99", "--existing"), ["port6", "port7"])
+        self.assertEqual(of("vlan", "lab", "--all-ports", "7"), ports)
+        self.assertEqual({row["id"] for row in self.rows("port", "vlan", "lab", "--all-ports")}, {7})
+        self.assertEqual(self.rows("port", "vlan", "lab", "uplink0")[0]["id"], 0)
+        self.assertEqual(of("security", "lab", "port6..port99", "--existing", "--lock-address"), ["port6", "port7"])
+        self.assertEqual(of("remove", "lab", "port0..port99", "--existing", "--dry-run", code=10)[:1], ["port0"])
+        for words, code, reason in ((["security", "lab", "--lock-address"], 2, "--all-ports"),
+                                    (["remove", "lab"], 2, "--all-ports"),
+                                    (["vlan", "lab", "port0", "5", "--all-ports"], 2, "exclude each other"),
+                                    (["vlan", "lab", "port0..port99"], 3, "port8"), (["vlan", "lap"], 3, "lap")):
+            self.refused(["port", *words], code, reason)
+        self.assertEqual(of("remove", "lab", "--all-ports"), ports)
+        self.assertEqual(of("list", "lab"), ["uplink0", "uplink1"])
 
     def test_metrics_are_those_of_the_host(self):
         name = 'a"b\\c\nd'

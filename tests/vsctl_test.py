@@ -143,7 +143,7 @@ class Verbs(OnHost):
 
     def test_looking(self):
         self.create()
-        self.rows("mac", "set", "lab", "port0", "--address", "02:00:00:00:00:01")
+        self.rows("mac", "add", "lab", "port0", "--address", "02:00:00:00:00:01")
         for line, count in (("nic list", 2), ("mac find 02:00:00:00:00:01", 1), ("port stats lab port0..port3", 4),
                             ("top --interval 1ms", 6), ("show", 1)):
             self.assertEqual(len(self.rows(*line.split())), count, line)

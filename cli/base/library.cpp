@@ -269,8 +269,7 @@ std::string PortsetOf(const std::string &alias)
 void RequireOwnPlatform(const char *action)
 {
     if (IsEmbedded()) return;
-    throw Error(Exit::FAILURE, fmt::format("this platform cannot {}", action),
-                "name what you want to see; 'vsctl help' lists the verbs");
+    throw Error(Exit::FAILURE, fmt::format("this platform cannot {}", action));
 }
 
 bool PortExists(const Target &port)

@@ -128,7 +128,7 @@ Json DescribeSwitch(const std::string &alias)
     for (const vshost_port &port : ports) {
         if (!port.isUplink) groups.Add(port);
     }
-    TakeSessions("uplink-mirror", "", stored, groups.mirrors);
+    TakeSessions("mirror", "", stored, groups.mirrors);
     Json row = {{"switch", alias},
                 {"id", id},
                 {"portset", stored["portset"]},
@@ -205,9 +205,6 @@ std::vector<std::string> PolicyTexts(const Json &policies, bool ofPort)
     return parts;
 }
 
-std::string SessionName(const Json &session)
-{
-    return CellText(session.value("session", session.value("id", Json())));
-}
+std::string SessionName(const Json &session) { return CellText(session.value("session", Json())); }
 
 }

@@ -148,6 +148,21 @@ std::vector<Argument> AllArguments(const Verb &verb)
     return arguments;
 }
 
+namespace {
+
+// With --all-ports no port is named: the word in the place of PORT is the next argument.
+void ShiftPort(const Verb &verb, Arguments &arguments)
+{
+    std::vector<std::string> &port = arguments.Slot("PORT");
+    if (!arguments.Has(ALL_PORTS.name) || port.empty()) return;
+    const bool hasValue = Takes(verb, "VALUE") && !arguments.Has("VALUE");
+    if (!hasValue)
+        throw Error(Exit::USAGE, "PORT and --all-ports exclude each other", "name ports, or all of them");
+    std::swap(arguments.Slot("VALUE"), port);
+}
+
+}
+
 Parser::Parser(const Verb &verb)
     : verb(verb), app(std::make_unique<CLI::App>(verb.manual.help, "vsctl " + verb.Title()))
 {
@@ -177,6 +192,7 @@ const Arguments &Parser::Parse(const std::vector<std::string> &words, Options &o
     }
     if (verb.noun == "watch") arguments.Slot("COMMAND") = app->remaining();
     ReadCommon(arguments, options);
+    ShiftPort(verb, arguments);
     if (arguments.Has(BY_ID.name) && !Takes(verb, BY_ID.name)) {
         for (std::string &word : arguments.Slot(SWITCH.name))
             word = ByAlias(word);

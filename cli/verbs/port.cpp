@@ -21,7 +21,7 @@ uint32_t PortNumber(const Target &port, bool byId = false)
 Result PortSteps(const Arguments &arguments, const Json &value)
 {
     Result result;
-    for (const Target &port : arguments.Ports()) {
+    for (const Target &port : arguments.Ports(true)) {
         if (!value.is_null()) RequireName(PORT_ID, port.port);
         result.steps.push_back({"port", port, value});
     }
@@ -55,7 +55,7 @@ Result Show(const Verb &, const Arguments &arguments)
 {
     SwitchId(arguments.Text("SWITCH"));
     Result result;
-    for (const Target &port : arguments.Ports())
+    for (const Target &port : arguments.Ports(false))
         result.rows.push_back(ShowRow(port));
     return result;
 }
@@ -64,9 +64,7 @@ Result List(const Verb &, const Arguments &arguments)
 {
     const std::string &alias = arguments.Text("SWITCH");
     const std::string id = SwitchId(alias);
-    if (!IsEmbedded())
-        throw Error(Exit::FAILURE, "this platform does not list ports",
-                    "'vsctl port show' shows the ports that you name");
+    RequireOwnPlatform("list ports: name them for 'vsctl port show'");
     const auto ports = ListPorts(id);
     if (!ports) Check(STATUS_NOT_FOUND, "finding", {alias, ""});
     Result result;
@@ -75,7 +73,8 @@ Result List(const Verb &, const Arguments &arguments)
                                {"port", port.id},
                                {"number", port.number},
                                {"uplink", port.isUplink != 0},
-                               {"nic", *port.nic ? Json(port.nic) : Json()}});
+                               {"nic", *port.nic ? Json(port.nic) : Json()},
+                               {"plugged", *port.interface ? Json(port.interface) : Json()}});
     }
     return result;
 }
@@ -85,7 +84,7 @@ Result Number(const Verb &, const Arguments &arguments)
     const bool byId = arguments.Has("--by-id");
     SwitchId(arguments.Text("SWITCH"));
     Result result;
-    for (const Target &port : arguments.Ports())
+    for (const Target &port : arguments.Ports(false))
         result.rows.push_back(
             {{"switch", port.alias}, {"port", port.port}, {"number", PortNumber(port, byId)}});
     return result;
@@ -95,7 +94,7 @@ Result Hint(const Verb &, const Arguments &arguments)
 {
     SwitchId(arguments.Text("SWITCH"));
     Result result;
-    for (const Target &port : arguments.Ports()) {
+    for (const Target &port : arguments.Ports(false)) {
         uint8_t hint[UPLINK_HINT_SIZE];
         CheckDriver(VSZOR_PortGetTeamUplinkHint(PortNumber(port), hint), "reading the uplink of", port);
         result.rows.push_back(RowOf(port, Decode(Record::HINT, hint, sizeof hint)));
@@ -104,12 +103,6 @@ Result Hint(const Verb &, const Arguments &arguments)
 }
 
 // ---- Verbs of policies ----
-
-std::vector<Target> Targets(const Policy &policy, const Arguments &arguments)
-{
-    if (policy.IsOfPort()) return arguments.Ports();
-    return {arguments.Target()};
-}
 
 // The value given on the command line; null when there is none.
 Json GivenValue(const Policy &policy, const Arguments &arguments)
@@ -166,7 +159,8 @@ Result GetOrSet(const Verb &verb, const Arguments &arguments)
     const bool changes = arguments.Has("--clear") || !value.is_null();
     if (!changes) SwitchId(arguments.Text("SWITCH"));
     Result result;
-    for (const Target &target : Targets(policy, arguments)) {
+    for (const Target &target :
+         policy.IsOfPort() ? arguments.Ports(changes) : std::vector{arguments.Target()}) {
         if (changes) {
             result.steps.push_back(SetPolicy(policy, target, value));
             continue;
@@ -201,6 +195,7 @@ std::vector<Argument> PolicyArguments(const Policy &policy)
     std::vector<Argument> arguments = {SWITCH};
     if (policy.IsOfPort()) arguments.push_back(PORTS);
     arguments.insert(arguments.end(), values.begin(), values.end());
+    if (policy.IsOfPort()) arguments.insert(arguments.end(), {ALL_PORTS, EXISTING});
     const auto addAlone = [&](const Argument &argument) {
         arguments.push_back(Excluding(argument, others));
         others.push_back(argument.name);
@@ -233,23 +228,24 @@ std::vector<Verb> PortVerbs()
 {
     return {
         Changes("port add", Add,
-                {SWITCH, PORTS, NumberOption("--connect-id", "Connect id (default 1)", UINT32_MAX),
+                {SWITCH, NEW_PORTS, NumberOption("--connect-id", "Connect id (default 1)", UINT32_MAX),
                  Excluding({"--external-id", Shape::OPTION, "External id, which makes opaque ports"},
                            {"--connect-id"})},
                 {"Add ports", "lab port8\nlab port8..port15 --connect-id 7\nlab port8 --external-id 4f2a",
                  "VSDVS_AddDVPort VSDVS_AddOpaqueDVPort"}),
-        Changes("port remove", Remove, {SWITCH, PORTS},
-                {"Remove ports", "lab port8..port15", "VSDVS_RemoveDVPort"}),
+        Changes("port remove", Remove, {SWITCH, PORTS_TO_CHANGE, ALL_PORTS, EXISTING},
+                {"Remove ports", "lab port8..port15\nlab port8..port99 --existing", "VSDVS_RemoveDVPort"}),
         Reads("port list", List, {SWITCH},
-              {"List the ports of a switch", "lab", "", "switch, port, number:number, uplink:boolean, nic?"}),
-        Reads("port show", Show, {SWITCH, PORTS},
-              {"Show ports with their policies", "lab port0\nlab port0..port7 --json",
+              {"List the ports of a switch", "lab", "",
+               "switch, port, number:number, uplink:boolean, nic?, plugged?"}),
+        Reads("port show", Show, {SWITCH, PORTS, EXISTING},
+              {"Show ports with their policies", "lab port0\nlab --json",
                "VSDVS_DvPortIDToPortID VSDVS_GetPortProp DVPortExist",
                "switch, port, number:number, [connect-id:number], [external-id], [*port]"}),
-        Reads("port number", Number, {SWITCH, PORTS},
+        Reads("port number", Number, {SWITCH, PORTS, EXISTING},
               {"Show the kernel's numbers of ports", "lab port0..port7",
                "VSDVS_DvPortIDToPortID VSDVS_DvPortIDToPortIDFromDVSID", "switch, port, number:number"}),
-        Reads("port hint", Hint, {SWITCH, PORTS},
+        Reads("port hint", Hint, {SWITCH, PORTS, EXISTING},
               {"Show the uplinks that ports send on", "lab port0",
                "VSZOR_PortGetTeamUplinkHint VSDVS_DvPortIDToPortID", "switch, port", Record::HINT}),
     };

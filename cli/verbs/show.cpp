@@ -125,16 +125,18 @@ Node PortsNode(const Json &group)
     return {CellText(group["ports"]), "", details};
 }
 
+// A session with what is not usual.
 Node MirrorNode(const Json &session)
 {
     Json fields = session;
-    const std::string place = session["port"].is_null() ? "uplinks" : CellText(session["port"]);
-    for (const char *key : {"session", "id", "port"})
+    for (const char *key : {"session", "port"})
         fields.erase(key);
     for (const auto &[key, value] : session.items()) {
-        if (value.empty()) fields.erase(key);
+        const bool isUsual = value.empty() || value == 0 || value == false ||
+                             (key == "enabled" && value == true) || (key == "sampling" && value == 1);
+        if (isUsual) fields.erase(key);
     }
-    return {SessionName(session), "", fmt::format("of {}: {}", place, CellText(fields))};
+    return {SessionName(session), "", CellText(fields)};
 }
 
 std::vector<Node> Nodes(const Json &rows, Node (*make)(const Json &))

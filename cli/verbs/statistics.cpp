@@ -35,7 +35,7 @@ Result Statistics(const Verb &, const Arguments &arguments)
 {
     SwitchId(arguments.Text("SWITCH"));
     Result result;
-    for (const Target &port : arguments.Ports()) {
+    for (const Target &port : arguments.Ports(false)) {
         const VSwitchPortStatistics statistics = ReadStatistics(port);
         result.rows.push_back(RowOf(port, Decode(Record::PORT_STATISTICS, &statistics, sizeof statistics)));
     }
@@ -100,8 +100,8 @@ Result Find(const Verb &, const Arguments &arguments)
 std::vector<Verb> StatisticsVerbs()
 {
     return {
-        Reads("port stats", Statistics, {SWITCH, PORTS},
-              {"Show what ports have counted, and why frames were dropped", "lab port0..port3",
+        Reads("port stats", Statistics, {SWITCH, PORTS, EXISTING},
+              {"Show what ports have counted, and why frames were dropped", "lab port0..port3\nlab",
                "VSDVS_GetPortProp", "switch, port", Record::PORT_STATISTICS}),
         Reads("mac find", Find, {{"ADDRESS", Shape::REQUIRED, "MAC address"}},
               {"Show on which port of which switch a MAC address is", "02:00:00:00:00:01",

@@ -127,8 +127,12 @@ std::string SwitchCluster(const Json &row, size_t number)
     }
     for (const Json &session : row["mirrors"]) {
         const std::string box = fmt::format("{}m{}", node, ++count);
-        const std::string of = session["port"].is_null() ? "uplinks" : CellText(session["port"]);
-        text += Box(box, {"mirror " + SessionName(session), "of " + of}, ", shape=note, style=filled");
+        std::vector<std::string> lines = {"mirror " + SessionName(session)};
+        for (const char *way : {"from", "received-by", "to"}) {
+            const Json ports = session.value(way, Json::array());
+            if (!ports.empty()) lines.push_back(fmt::format("{} {}", way, CellText(ports)));
+        }
+        text += Box(box, lines, ", shape=note, style=filled");
         text += fmt::format("        {} -- {} [style=dotted];\n", box, node);
     }
     return text + "    }\n";

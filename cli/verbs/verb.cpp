@@ -40,11 +40,28 @@ uint32_t Arguments::Number(const std::string &name, uint32_t absent) const
 
 Target Arguments::Target() const { return {Text("SWITCH"), Text("PORT")}; }
 
-std::vector<Target> Arguments::Ports() const
+std::vector<std::string> Arguments::PortIds(bool changes) const
+{
+    if (Has("PORT")) return PortNames(Text("PORT"));
+    if (changes && !Has(ALL_PORTS.name))
+        throw Error(Exit::USAGE, "there is no port to change", "name ports, or give --all-ports");
+    RequireOwnPlatform("list ports: name them");
+    std::vector<std::string> names;
+    for (const vshost_port &port : PortsOf(Text("SWITCH"))) {
+        if (!Has(ALL_PORTS.name) || !port.isUplink) names.emplace_back(port.id);
+    }
+    return names;
+}
+
+std::vector<Target> Arguments::Ports(bool changes) const
 {
     std::vector<struct Target> ports;
-    for (const std::string &port : PortNames(Text("PORT")))
-        ports.push_back({Text("SWITCH"), port});
+    for (const std::string &id : PortIds(changes)) {
+        const struct Target port {
+            Text("SWITCH"), id
+        };
+        if (!Has(EXISTING.name) || PortExists(port)) ports.push_back(port);
+    }
     return ports;
 }
 
@@ -178,7 +195,7 @@ const std::vector<Verb> &Verbs()
     static const std::vector<Verb> VERBS = [] {
         std::vector<Verb> all;
         for (auto verbs : {ShowVerbs, TopologyVerbs, TopVerbs, MetricsVerbs, SwitchVerbs, PortVerbs,
-                           PolicyVerbs, StatisticsVerbs, UplinkVerbs, MacVerbs, MulticastVerbs, ListVerbs,
+                           PolicyVerbs, UplinkVerbs, MacVerbs, StatisticsVerbs, MulticastVerbs, ListVerbs,
                            MirrorVerbs, RuntimeVerbs, PropertyVerbs, ChangeVerbs, GeneralVerbs}) {
             for (Verb &verb : verbs())
                 all.push_back(std::move(verb));

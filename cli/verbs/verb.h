@@ -47,11 +47,12 @@ public:
     uint32_t Number(const std::string &name, uint32_t absent) const;
     // SWITCH, and PORT if the verb takes it.
     struct Target Target() const;
-    // The ports that PORT names.
-    std::vector<struct Target> Ports() const;
+    // The ports that PORT names; without it all ports, or with --all-ports all but the uplinks.
+    std::vector<struct Target> Ports(bool changes) const;
     bool IsDryRun() const { return Has("--dry-run"); }
 
 private:
+    std::vector<std::string> PortIds(bool changes) const;
     std::map<std::string, std::vector<std::string>> words;
 };
 
@@ -130,7 +131,13 @@ std::vector<Verb> GeneralVerbs();
 
 inline const Argument SWITCH{"SWITCH", Shape::REQUIRED, "Alias of the switch", Names::SWITCH};
 inline const Argument ONE_PORT{"PORT", Shape::REQUIRED, "Port id", Names::PORT};
-inline const Argument PORTS{"PORT", Shape::REQUIRED, "Port ids, like port0,port4..port7", Names::PORT};
+inline const Argument NEW_PORTS{"PORT", Shape::REQUIRED, "Port ids, like port0,port4..port7"};
+inline const Argument PORTS{"PORT", Shape::OPTIONAL, "Port ids, like port0,port4..port7 (default: all)",
+                            Names::PORT};
+inline const Argument PORTS_TO_CHANGE{"PORT", Shape::OPTIONAL, "Port ids, like port0,port4..port7",
+                                      Names::PORT};
+inline const Argument ALL_PORTS{"--all-ports", Shape::FLAG, "All ports of the switch except its uplinks"};
+inline const Argument EXISTING{"--existing", Shape::FLAG, "Leave out ports that are not there"};
 inline const Argument ANY_PORT{"PORT", Shape::OPTIONAL, "Port id; without one, the uplinks", Names::PORT};
 inline const Argument BY_ID{"--by-id", Shape::FLAG, "SWITCH is a switch id, not an alias"};
 inline const Argument HEX{"--hex", Shape::OPTION, "Bytes, as hexadecimal digits"};
