@@ -17,7 +17,7 @@ using namespace vsctl;
 Exit Finish(const Verb &verb, const Result &result, const Options &options)
 {
     if (!result.text.empty() && !(options.json && !result.rows.empty())) {
-        Print(result.text);
+        Print(result.text + (result.note.empty() ? "" : result.note + "\n"));
         return result.exit;
     }
     const bool isPlan = verb.noun == "plan" || verb.noun == "apply" || verb.noun == "batch";

@@ -155,14 +155,17 @@ std::string PointerStep(const std::string &key)
 
 namespace {
 
-toml::table ToToml(const Json &object);
+// Tables with a heading of their own: [switches.lab.ports.port0]. Those inside stand on one line.
+constexpr int HEADINGS = 4;
+
+toml::table ToToml(const Json &object, int depth, bool isPorts);
 
 void Insert(toml::array &array, const Json &value);
 
-template<class Add> void AddToToml(const Json &value, Add add)
+template<class Add> void AddToToml(const Json &value, int depth, bool isPorts, Add add)
 {
     if (value.is_object()) {
-        add(ToToml(value));
+        add(ToToml(value, depth + 1, isPorts));
     } else if (value.is_array()) {
         toml::array array;
         for (const Json &member : value)
@@ -179,14 +182,17 @@ template<class Add> void AddToToml(const Json &value, Add add)
 
 void Insert(toml::array &array, const Json &value)
 {
-    AddToToml(value, [&array](auto &&member) { array.push_back(std::forward<decltype(member)>(member)); });
+    AddToToml(value, HEADINGS, false,
+              [&array](auto &&member) { array.push_back(std::forward<decltype(member)>(member)); });
 }
 
-toml::table ToToml(const Json &object)
+toml::table ToToml(const Json &object, int depth, bool isPorts)
 {
     toml::table table;
+    table.is_inline(depth > HEADINGS || (depth == HEADINGS - 1 && !isPorts));
     for (const auto &[key, value] : object.items()) {
-        AddToToml(value, [&table, &key = key](auto &&member) {
+        const bool hasHeadings = isPorts || (depth == HEADINGS - 2 && key == "ports");
+        AddToToml(value, depth, hasHeadings, [&table, &key = key](auto &&member) {
             table.insert_or_assign(key, std::forward<decltype(member)>(member));
         });
     }
@@ -198,7 +204,10 @@ toml::table ToToml(const Json &object)
 std::string TomlText(const Json &json)
 {
     std::ostringstream text;
-    text << toml::toml_formatter(ToToml(json)) << '\n';
+    constexpr auto flags = toml::toml_formatter::default_flags & ~toml::format_flags::indent_sub_tables &
+                           ~toml::format_flags::allow_literal_strings;
+    const toml::table table = ToToml(json, 0, false);
+    text << toml::toml_formatter(table, flags) << '\n';
     return text.str();
 }
 

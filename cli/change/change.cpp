@@ -13,6 +13,7 @@
 #include "cli/base/clock.h"
 #include "cli/base/limit.h"
 #include "cli/base/platform.h"
+#include "cli/change/difference.h"
 #include "cli/change/journal.h"
 #include "cli/change/precondition.h"
 #include "cli/change/preview.h"
@@ -97,11 +98,51 @@ void ThrowIfPast(double deadline)
                     "allow it more time, or change less at once");
 }
 
+// A bar at the terminal while a change takes long.
+class Progress {
+public:
+    Progress(size_t total, bool isShown) : total(total), isShown(isShown && isatty(STDERR_FILENO)) {}
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+    ~Progress()
+    {
+        if (isDrawn) Write("\r\x1b[K");
+    }
+
+    void Show(size_t done)
+    {
+        constexpr double PATIENCE = 1, INTERVAL = 0.1; // seconds
+        if (!isShown) return;
+        const double now = SecondsSinceBoot() - start;
+        if (now < PATIENCE || now < lastDrawn + INTERVAL) return;
+        lastDrawn = now;
+        isDrawn = true;
+        constexpr size_t WIDTH = 30;
+        const double rate = static_cast<double>(done) / now;
+        const double left = rate > 0 ? static_cast<double>(total - done) / rate : 0;
+        Write(fmt::format("\r[{:<{}}] {}/{} steps, {:.0f}/s, {:.0f} s left\x1b[K",
+                          std::string(WIDTH * done / total, '#'), WIDTH, done, total, rate, left));
+    }
+
+private:
+    static void Write(const std::string &text)
+    {
+        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+    }
+
+    const size_t total;
+    const bool isShown;
+    bool isDrawn = false;
+    double lastDrawn = 0;
+    const double start = SecondsSinceBoot();
+};
+
 // `deadline` is in seconds since boot; 0: none.
-void PerformAll(Journal &journal, double deadline = 0)
+void PerformAll(Journal &journal, bool showsProgress, double deadline = 0)
 {
     std::vector<Step> &steps = journal.steps;
     size_t done = 0;
+    Progress progress(steps.size(), showsProgress);
     const Bulk bulk;
     try {
         for (Step &step : steps) {
@@ -113,7 +154,7 @@ void PerformAll(Journal &journal, double deadline = 0)
                 journal.Write();
             }
             Perform(step);
-            done++;
+            progress.Show(++done);
         }
         ThrowIfPast(deadline);
     } catch (const Error &error) {
@@ -225,7 +266,7 @@ void RequireUnchanged(const std::vector<Step> &steps)
     }
 }
 
-Preview CarryOut(const std::string &command, Result &result)
+Preview CarryOut(const std::string &command, Result &result, const Options &options)
 {
     if (result.steps.empty()) return {};
     const ChangeLock lock;
@@ -238,7 +279,7 @@ Preview CarryOut(const std::string &command, Result &result)
     if (result.confirmWithin > 0) journal.confirmBy = ConfirmBy(result.confirmWithin);
     const ChangeScope changing; // from the journal's first byte to its removal
     journal.Write();
-    PerformAll(journal, result.deadline);
+    PerformAll(journal, !options.quiet && !options.json, result.deadline);
     if (result.confirmWithin > 0) {
         AwaitConfirmation(journal, result.confirmWithin);
         result.note = fmt::format("vsctl undoes this in {} s unless you run 'vsctl confirm' first",
@@ -257,9 +298,12 @@ void Change(const std::string &command, Result &result, const Options &options)
     const bool onlyShows = options.dryRun || result.planOnly;
     if (!result.planOnly) ThrowIfRemovalsForbidden(result);
     if (onlyShows && !result.planOnly) ThrowIfUnfinished();
-    Preview preview = onlyShows ? ReadAllBefore(result.steps) : CarryOut(command, result);
+    Preview preview = onlyShows ? ReadAllBefore(result.steps) : CarryOut(command, result, options);
     if (onlyShows && preview.changes) result.exit = Exit::PENDING;
     if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
+    if (options.json || result.rows.empty()) return;
+    result.text = DifferenceText(result.rows);
+    if (!options.quiet) result.text += SummaryText(result.rows, !onlyShows);
 }
 
 namespace {
@@ -321,7 +365,7 @@ Json ResumeJournal()
     if (journal.awaitsConfirmation) ThrowIfUnfinished();
     const ChangeScope changing;
     ThrowUnlessUndone(journal, Undo(journal.steps));
-    PerformAll(journal);
+    PerformAll(journal, true);
     Journal::Remove();
     return Json::array({JournalRow(journal, "finished")});
 }

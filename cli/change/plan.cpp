@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <map>
 #include <set>
 
 #include "cli/base/output.h"
@@ -192,12 +193,15 @@ public:
 private:
     void AddUplinks(const Target &target, const Json &entry);
     void AddPort(const Target &port, const Json &entry, const std::string &pointer, const Json &uplinks);
-    void AddPolicies(const Target &target, const Json &entry);
+    std::vector<Step> PolicySteps(const Target &target, const Json &entry) const;
+    void AddPort(const vshost_port &known, const Target &port, const Json &entry, const std::string &pointer,
+                 const Json &uplinks);
     bool IsLeaving(const Target &port) const;
     void RequireSameAttributes(const Target &target, const Json &entry, const Json &present,
                                const std::string &pointer) const;
 
     const Document &document;
+    std::map<std::pair<std::string, uint64_t>, std::vector<Step>> planned; // by pointer and properties
     std::vector<Step> creations, uplinks, ports, settings, portRemovals, uplinkRemovals, destructions;
 };
 
@@ -215,16 +219,19 @@ void Planner::RequireSameAttributes(const Target &target, const Json &entry, con
     }
 }
 
-void Planner::AddPolicies(const Target &target, const Json &entry)
+// The steps that change something.
+std::vector<Step> Planner::PolicySteps(const Target &target, const Json &entry) const
 {
+    std::vector<Step> steps;
     const Json cleared = entry.value("clear", Json::array());
     for (const Policy *policy : PoliciesOf(!target.port.empty())) {
         const bool clears = std::find(cleared.begin(), cleared.end(), policy->name) != cleared.end();
         if (!clears && !entry.contains(policy->name)) continue;
         Step step = SetPolicy(*policy, target, clears ? Json() : entry[policy->name]);
         ReadBefore(step);
-        if (step.before != After(step)) settings.push_back(step);
+        if (step.before != After(step)) steps.push_back(step);
     }
+    return steps;
 }
 
 void Planner::AddUplinks(const Target &target, const Json &entry)
@@ -274,7 +281,25 @@ void Planner::AddPort(const Target &port, const Json &entry, const std::string &
     } else {
         ports.push_back({"port", port, {{"connect-id", entry.value("connect-id", DEFAULT_CONNECT_ID)}}});
     }
-    AddPolicies(port, entry);
+    for (Step &step : PolicySteps(port, entry))
+        settings.push_back(std::move(step));
+}
+
+// Ports with equal properties lack the same: what a file's entry changes is found out once.
+void Planner::AddPort(const vshost_port &known, const Target &port, const Json &entry,
+                      const std::string &pointer, const Json &uplinkNames)
+{
+    const auto [found, isNew] = planned.try_emplace({pointer, known.properties});
+    if (isNew) {
+        const size_t first = settings.size();
+        AddPort(port, entry, pointer, uplinkNames);
+        found->second.assign(settings.begin() + static_cast<ptrdiff_t>(first), settings.end());
+        return;
+    }
+    for (Step &step : found->second) {
+        step.target = port;
+        settings.push_back(step);
+    }
 }
 
 void Planner::AddSwitch(const std::string &alias, const Json &entry)
@@ -301,12 +326,23 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry)
         RequireSameAttributes(target, entry, present, pointer);
     }
     AddUplinks(target, entry);
-    AddPolicies(target, entry);
+    for (Step &step : PolicySteps(target, entry))
+        settings.push_back(std::move(step));
     if (!entry.contains(PORTS_KEY)) return;
+    std::map<std::string, vshost_port> known;
+    for (const vshost_port &port : present.is_null() ? std::vector<vshost_port>() : PortsOf(alias))
+        known[port.id] = port;
+    const Json uplinkNames = entry.value("uplinks", Json::array());
     for (const auto &[key, port] : entry[PORTS_KEY].items()) {
-        for (const std::string &name : PortNames(key))
-            AddPort({alias, name}, port, pointer + "/ports/" + PointerStep(key),
-                    entry.value("uplinks", Json::array()));
+        const std::string where = pointer + "/ports/" + PointerStep(key);
+        for (const std::string &name : PortNames(key)) {
+            const auto listed = known.find(name);
+            // Being an uplink, and absent, are not properties.
+            if (listed == known.end() || listed->second.isUplink || port.value("absent", false))
+                AddPort({alias, name}, port, where, uplinkNames);
+            else
+                AddPort(listed->second, {alias, name}, port, where, uplinkNames);
+        }
     }
 }
 
@@ -390,18 +426,104 @@ Json PlanSchema()
             {"$defs", {{"switch", EntrySchema(false)}, {"port", EntrySchema(true)}}}};
 }
 
+namespace {
+
+// port2 before port10.
+bool ComesBefore(const std::string &a, const std::string &b)
+{
+    return a.size() != b.size() ? a.size() < b.size() : a < b;
+}
+
+// Ports that a file describes alike.
+struct PortBlock {
+    std::vector<std::string> names;
+    Json entry;
+};
+
+// Describes one port for all that have equal properties, where the platform tells which these are.
+class Exporter {
+public:
+    explicit Exporter(std::string alias) : alias(std::move(alias))
+    {
+        for (const vshost_port &port : PortsOf(this->alias))
+            listed[port.id] = port;
+    }
+
+    std::vector<std::string> AllPorts() const
+    {
+        std::vector<std::string> names;
+        for (const auto &[name, port] : listed)
+            names.push_back(name);
+        return names;
+    }
+
+    void Add(const std::string &name)
+    {
+        if (!added.insert(name).second) return;
+        const auto known = listed.find(name);
+        if (known == listed.end()) return AddTo(Read(name), name);
+        const auto [block, isNew] = byProperties.try_emplace(known->second.properties, nullptr);
+        if (isNew) block->second = Read(name);
+        AddTo(block->second, name);
+    }
+
+    Json Ports()
+    {
+        std::vector<PortBlock *> sorted;
+        for (auto &[text, block] : blocks) {
+            std::sort(block.names.begin(), block.names.end(), ComesBefore);
+            sorted.push_back(&block);
+        }
+        std::sort(sorted.begin(), sorted.end(), [](const PortBlock *a, const PortBlock *b) {
+            return ComesBefore(a->names[0], b->names[0]);
+        });
+        Json ports;
+        for (const PortBlock *block : sorted)
+            ports[fmt::format("{}", fmt::join(PortRanges(block->names), ","))] = block->entry;
+        return ports;
+    }
+
+private:
+    Json Read(const std::string &name)
+    {
+        const Target port{alias, name};
+        if (!PortExists(port)) Check(STATUS_NOT_FOUND, "exporting", port);
+        return ReadPort(port);
+    }
+
+    void AddTo(const Json &entry, const std::string &name)
+    {
+        const auto [place, isNew] = blocks.try_emplace(entry);
+        if (isNew) place->second.entry = entry;
+        place->second.names.push_back(name);
+    }
+
+    const std::string alias;
+    std::map<std::string, vshost_port> listed;
+    std::set<std::string> added;
+    std::map<uint64_t, Json> byProperties;
+    std::map<Json, PortBlock> blocks;
+};
+
+}
+
 Json ExportFile(const std::vector<Target> &targets)
 {
-    Json file;
+    std::map<std::string, std::vector<std::string>> named; // ports of switches
+    std::vector<std::string> aliases;
     for (const Target &target : targets) {
-        Json &entry = file["switches"][target.alias];
-        if (entry.is_null()) {
-            SwitchId(target.alias);
-            entry = ReadSwitch(target.alias);
-        }
-        if (target.port.empty()) continue;
-        if (!PortExists(target)) Check(STATUS_NOT_FOUND, "exporting", target);
-        entry[PORTS_KEY][target.port] = ReadPort(target);
+        auto [ports, isNew] = named.try_emplace(target.alias);
+        if (isNew) aliases.push_back(target.alias);
+        if (!target.port.empty()) ports->second.push_back(target.port);
+    }
+    Json file = {{"switches", Json::object()}};
+    for (const std::string &alias : aliases) {
+        SwitchId(alias);
+        Json &entry = file["switches"][alias] = ReadSwitch(alias);
+        Exporter exporter(alias);
+        for (const std::string &port : named[alias].empty() ? exporter.AllPorts() : named[alias])
+            exporter.Add(port);
+        if (Json ports = exporter.Ports(); !ports.empty()) entry[PORTS_KEY] = std::move(ports);
     }
     return file;
 }

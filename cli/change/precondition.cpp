@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 
+#include "cli/base/limit.h"
 #include "cli/base/records.h"
 
 namespace vsctl {
@@ -408,6 +409,7 @@ void CheckSteps(std::vector<Step> &steps)
     Checker checker;
     std::vector<Step> expanded;
     for (const Step &step : steps) {
+        RestartTimeLimit();
         for (Step &part : checker.Expand(step)) {
             checker.Check(part);
             expanded.push_back(std::move(part));

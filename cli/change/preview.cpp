@@ -7,6 +7,8 @@
 #include <map>
 #include <set>
 
+#include "cli/base/limit.h"
+
 namespace vsctl {
 
 namespace {
@@ -48,6 +50,12 @@ public:
     bool IsReplaced(const Target &target) const
     {
         return replacedSwitches.contains(target.alias) || replacedPorts.contains({target.alias, target.port});
+    }
+
+    // The ports that go with a switch.
+    size_t CountPorts(const std::string &alias) const
+    {
+        return replacedSwitches.contains(alias) || !SwitchExists(alias) ? 0 : PortsOf(alias).size();
     }
 
     void Add(const Step &step, const Json &after)
@@ -117,9 +125,12 @@ Preview PreviewOf(const std::vector<Step> &steps)
     Preview preview;
     States states;
     for (Step step : steps) {
+        RestartTimeLimit(); // work that goes on is not waiting
         step.before = states.Before(step);
         const Json after = After(step);
         preview.rows.push_back(StepRow(step));
+        if (step.item == "switch" && step.value.is_null() && IsEmbedded())
+            preview.rows.back()["ports"] = states.CountPorts(step.target.alias);
         preview.changes =
             preview.changes || IsObject(step) || after != step.before || MakesLists(step) || ChangesMtu(step);
         states.Add(step, after);

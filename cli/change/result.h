@@ -8,6 +8,7 @@ namespace vsctl {
 struct Options {
     bool json = false;
     bool dryRun = false;
+    bool quiet = false;  // neither a progress bar nor a summary
     double timeout = 30; // seconds
 };
 

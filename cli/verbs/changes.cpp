@@ -75,10 +75,14 @@ Result Confirm(const Verb &, const Arguments &arguments)
 Result Export(const Verb &, const Arguments &arguments)
 {
     std::vector<Target> targets;
+    if (!arguments.Has("SWITCH")) {
+        for (const std::string &alias : SwitchNames())
+            targets.push_back({alias, ""});
+    }
     for (const std::string &word : arguments.List("SWITCH")) {
         const size_t slash = SwitchExists(word) ? std::string::npos : word.rfind('/');
         const std::string alias = word.substr(0, slash);
-        targets.push_back({alias, ""});
+        if (slash == std::string::npos) targets.push_back({alias, ""});
         if (slash == std::string::npos) continue;
         for (const std::string &port : PortNames(word.substr(slash + 1)))
             targets.push_back({alias, port});
@@ -184,8 +188,10 @@ std::vector<Verb> ChangeVerbs()
                     {"--after", Shape::OPTION, "(used by vsctl itself) Wait for this time first"}},
                    {"Keep the changes of apply --confirm-within", "", "", "@outcome"}),
         Reads("export", Export,
-              {{"SWITCH", Shape::MANY, "Switches, with ports as in lab/port0..port7", Names::SWITCH}},
-              {"Write a file for apply that describes what exists", "lab\nlab/port0..port7 > lab.toml", ""}),
+              {{"SWITCH", Shape::ANY,
+                "Switches (default: all), with some of their ports as in lab/port0..port7", Names::SWITCH}},
+              {"Write a file for apply that describes what exists",
+               "> host.toml\nlab > lab.toml\nlab/port0..port7", ""}),
         ChangesNow(
             "batch", Batch,
             {{"FILE", Shape::OPTIONAL, "Commands, one a line (default: standard input)", Names::FILE}, allow},

@@ -14,6 +14,7 @@ namespace {
 const Argument JSON{"--json", Shape::FLAG, "Print JSON"};
 const Argument TIMEOUT{"--timeout", Shape::OPTION, "Longest wait, like 500ms, 30s or 2m (default 30s)"};
 const Argument DRY_RUN{"--dry-run", Shape::FLAG, "Show what would change and change nothing"};
+const Argument QUIET{"--quiet", Shape::FLAG, "Show neither progress nor a summary"};
 
 std::string Footer(const Verb &verb)
 {
@@ -74,6 +75,7 @@ void ReadCommon(const Arguments &arguments, Options &options)
 {
     if (arguments.Has("--json")) options.json = true;
     if (arguments.Has("--dry-run")) options.dryRun = true;
+    if (arguments.Has("--quiet")) options.quiet = true;
     if (arguments.Has("--timeout")) options.timeout = ParseSeconds("--timeout", arguments.Text("--timeout"));
 }
 
@@ -143,7 +145,7 @@ std::vector<Argument> AllArguments(const Verb &verb)
     std::vector<Argument> arguments = verb.arguments;
     if (NamesSwitch(verb) && !Takes(verb, BY_ID.name)) arguments.push_back(BY_ID);
     arguments.push_back(JSON);
-    if (verb.effect != Effect::READS) arguments.push_back(DRY_RUN);
+    if (verb.effect != Effect::READS) arguments.insert(arguments.end(), {DRY_RUN, QUIET});
     arguments.push_back(TIMEOUT);
     return arguments;
 }

@@ -1,0 +1,200 @@
+// A change as a difference for people: what comes, changes and goes, by switch.
+#include "cli/change/difference.h"
+
+#include <algorithm>
+#include <fmt/color.h>
+#include <map>
+#include <unistd.h>
+
+#include "cli/base/output.h"
+
+namespace vsctl {
+
+namespace {
+
+constexpr size_t MOST_LINES = 50;
+
+struct Line {
+    char sign; // '+', '~' or '-'
+    std::string item;
+    std::string details;
+    bool operator<(const Line &other) const
+    {
+        return std::tie(sign, item, details) < std::tie(other.sign, other.item, other.details);
+    }
+};
+
+char SignOf(const Json &before, const Json &after)
+{
+    return before.is_null() ? '+' : after.is_null() ? '-' : '~';
+}
+
+std::string ValueText(const Json &value) { return value.is_null() ? "none" : CellText(value); }
+
+std::string ArrowText(const Json &before, const Json &after)
+{
+    return fmt::format("{} -> {}", ValueText(before), ValueText(after));
+}
+
+// Of tables, the fields that differ.
+std::string ChangeText(const Json &before, const Json &after)
+{
+    if (before.is_null()) return ValueText(after);
+    if (after.is_null()) return ValueText(before);
+    if (!before.is_object() || !after.is_object()) return ArrowText(before, after);
+    Json all = before;
+    all.update(after);
+    std::vector<std::string> parts;
+    for (const auto &[key, value] : all.items()) {
+        const Json old = before.value(key, Json()), now = after.value(key, Json());
+        if (old != now) parts.push_back(fmt::format("{} {}", key, ArrowText(old, now)));
+    }
+    return fmt::format("{}", fmt::join(parts, ", "));
+}
+
+bool IsList(const Json &before, const Json &after) { return before.is_array() || after.is_array(); }
+
+// Entries of a list that come or go.
+std::vector<Line> EntryLines(const std::string &item, const Json &before, const Json &after)
+{
+    std::vector<Line> lines;
+    const auto add = [&](char sign, const Json &from, const Json &in) {
+        for (const Json &entry : from.is_null() ? Json::array() : from) {
+            if (in.is_null() || std::find(in.begin(), in.end(), entry) == in.end())
+                lines.push_back({sign, item, CellText(entry)});
+        }
+    };
+    add('-', before, after);
+    add('+', after, before);
+    return lines;
+}
+
+std::vector<Line> UplinkLines(const Json &before, const Json &change)
+{
+    if (change.contains("add")) return {{'+', "uplink " + CellText(change["add"]), ""}};
+    if (change.contains("remove")) return {{'-', "uplink " + CellText(change["remove"]), ""}};
+    const Json now = change.contains("set") ? change["set"]["ids"] : change.value("count", Json());
+    return {{'~', "uplinks", ArrowText(before.is_null() ? before : before["ids"], now)}};
+}
+
+std::string SwitchText(const Json &row)
+{
+    if (!row["after"].is_null()) return CellText(row["after"]);
+    return row.contains("ports") ? fmt::format("with {} ports", row["ports"].get<size_t>()) : "";
+}
+
+std::vector<Line> LinesOf(const Json &row)
+{
+    const std::string item = row["item"];
+    const Json &before = row["before"], &after = row["after"];
+    if (item == "switch") return {{SignOf(before, after), "", SwitchText(row)}};
+    if (item == "port") return {{SignOf(before, after), "", after.is_null() ? "" : CellText(after)}};
+    if (item == "uplinks") return UplinkLines(before, after);
+    if (item == "uplink-admin") {
+        const auto state = [](const Json &up) { return up == true ? "up" : "down"; };
+        return {{'~', "uplink " + CellText(after["uplink"]),
+                 fmt::format("{} -> {}", state(before), state(after["up"]))}};
+    }
+    if (item == "property") {
+        return {{SignOf(before, after["bytes"]), "property " + CellText(after["key"]),
+                 ChangeText(before, after["bytes"])}};
+    }
+    if (before == after) return {};
+    if (IsList(before, after)) return EntryLines(item, before, after);
+    return {{SignOf(before, after), item, ChangeText(before, after)}};
+}
+
+std::string Painted(char sign, const std::string &text)
+{
+    if (!HasColor(STDOUT_FILENO)) return text;
+    const auto color = sign == '+'   ? fmt::terminal_color::green
+                       : sign == '-' ? fmt::terminal_color::red
+                                     : fmt::terminal_color::yellow;
+    return fmt::format(fmt::fg(color), "{}", text);
+}
+
+// The lines of one switch, in the order in which they first come up.
+class SwitchLines {
+public:
+    void Add(const Json &row)
+    {
+        const bool isSwitch = row["item"] == "switch";
+        for (Line &line : LinesOf(row)) {
+            if (isSwitch) {
+                heading = line;
+                continue;
+            }
+            const auto [known, isNew] = places.try_emplace(line, lines.size());
+            if (isNew) lines.push_back({line, {}});
+            if (!row["port"].is_null()) lines[known->second].second.push_back(row["port"]);
+        }
+    }
+
+    void AppendTo(std::vector<std::string> &text, const std::string &alias) const
+    {
+        if (lines.empty() && !heading) return;
+        const std::string name = "switch " + CellText(alias);
+        if (heading)
+            text.push_back(Painted(heading->sign, fmt::format("{} {}", heading->sign, name)) +
+                           (heading->details.empty() ? "" : "  " + heading->details));
+        else
+            text.push_back(name);
+        for (const auto &[line, ports] : lines)
+            text.push_back(LineText(line, ports));
+    }
+
+private:
+    static std::string LineText(const Line &line, const std::vector<std::string> &ports)
+    {
+        std::vector<std::string> shown;
+        for (const std::string &range : PortRanges(ports))
+            shown.push_back(CellText(range));
+        std::string subject = fmt::format("{}", fmt::join(shown, ","));
+        if (!line.item.empty()) subject += (subject.empty() ? "" : "  ") + line.item;
+        const char *const colon = line.item.empty() || line.details.empty() ? "  " : ": ";
+        return "  " + Painted(line.sign, fmt::format("{} ", line.sign)) + subject +
+               (line.details.empty() ? "" : colon + line.details);
+    }
+
+    std::optional<Line> heading; // of a switch that comes or goes
+    std::map<Line, size_t> places;
+    std::vector<std::pair<Line, std::vector<std::string>>> lines; // with their ports
+};
+
+}
+
+std::string DifferenceText(const Json &rows)
+{
+    std::vector<std::string> aliases;
+    std::map<std::string, SwitchLines> switches;
+    for (const Json &row : rows) {
+        const std::string alias = row["switch"];
+        const auto [found, isNew] = switches.try_emplace(alias);
+        if (isNew) aliases.push_back(alias);
+        found->second.Add(row);
+    }
+    std::vector<std::string> lines;
+    for (const std::string &alias : aliases)
+        switches.at(alias).AppendTo(lines, alias);
+    const size_t more = lines.size() > MOST_LINES ? lines.size() - MOST_LINES : 0;
+    lines.resize(lines.size() - more);
+    if (more) lines.push_back(fmt::format("  … and {} more lines, which --json shows", more));
+    std::string text;
+    for (const std::string &line : lines)
+        text += line + "\n";
+    return text;
+}
+
+std::string SummaryText(const Json &rows, bool isMade)
+{
+    std::map<char, size_t> counts;
+    for (const Json &row : rows) {
+        for (const Line &line : LinesOf(row))
+            counts[line.sign]++;
+    }
+    return fmt::format(fmt::runtime(isMade ? "{} added, {} changed, {} removed\n"
+                                           : "{} to add, {} to change, {} to remove\n"),
+                       counts['+'], counts['~'], counts['-']);
+}
+
+}
