@@ -16,10 +16,10 @@ OLD = """
 uplinks = ["u0", "u1"]
 mtu = 9000
 multicast = "snooping"
-uplink-mirror = [{ id = "s1" }]
+mirror = [{ session = "s1" }]
 [switches.lab.ports."p0..p3"]
 vlan = { id = 100, priority = 3 }
-security = 5
+security = { lock-address = true }
 [switches.lab.ports.u0]
 override = "east"
 [switches.lab.ports.gone]
