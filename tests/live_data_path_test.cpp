@@ -1,6 +1,7 @@
 // The data path's configuration: what it refuses, takes over from an earlier process, and removes.
 #include <filesystem>
 #include <map>
+#include <set>
 
 #include "tests/live_fixture.h"
 
@@ -76,6 +77,16 @@ std::map<std::string, uint64_t> Copies(TestRun &run)
     for (const MirrorEntry &entry : entries)
         copies[entry.id] = entry.counters.values[LIVE_MIRROR_SENT_PACKETS];
     return copies;
+}
+
+std::set<uint32_t> Places(TestRun &run, uint32_t switchIndex)
+{
+    std::set<uint32_t> places;
+    for (uint32_t slot = 0; slot < run.path.Kernel().mirrors.Size(); slot++) {
+        const LiveMirrorSlot &mirror = run.path.Kernel().mirrors[slot];
+        if (mirror.inUse && mirror.switchIndex == switchIndex) places.insert(mirror.place);
+    }
+    return places;
 }
 
 class LiveDataPath : public LiveTest {};
@@ -239,8 +250,15 @@ TEST_F(LiveDataPath, GivesMirrorSessionsPlacesAndTakesThemBack)
     };
     for (uint32_t number = 1; number <= 30; number++)
         run.Publish(full(number, "m"));
+    std::set<uint32_t> before;
     for (const char *prefix : {"a", "b", "c"}) {
         run.Publish(full(0, prefix));
+        // A frame that meets both snapshots takes no session for another one.
+        const std::set<uint32_t> places = Places(run, 30);
+        EXPECT_EQ(places.size(), 32u);
+        for (uint32_t place : places)
+            EXPECT_TRUE(place < LIVE_MIRROR_PLACES && !before.contains(place)) << place;
+        before = places;
         EXPECT_EQ(run.Run(1, BroadcastOf(1)).size(), 2u + 32);
         EXPECT_EQ(Copies(run).size(), 32u);
     }

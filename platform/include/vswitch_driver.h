@@ -279,7 +279,7 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchMirrorStats {
     uint64_t droppedPackets; /**< copies that a destination refused */
     uint64_t droppedBytes;
     uint64_t txPackets; /**< packets to source ports (entries B), copied or not */
-    uint64_t txBytes;
+    uint64_t txBytes;   /**< with the tag of their VLAN, as rxBytes */
     uint64_t rxPackets; /**< packets from source ports (entries A), copied or not */
     uint64_t rxBytes;
     uint64_t truncated;           /**< packets of which copies were cut */
