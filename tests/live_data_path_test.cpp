@@ -273,6 +273,46 @@ TEST_F(LiveDataPath, GivesMirrorSessionsPlacesAndTakesThemBack)
     EXPECT_EQ(Copies(run).at("d31"), 1u);
 }
 
+// The one before was killed, and what the store says is what it said then.
+TEST_F(LiveDataPath, TakesOverWhatPortsHaveLearnedAndWhichUplinksTheyHaveLeft)
+{
+    SwitchConfig one = ManyPorts("one", 1, 4);
+    one.privateVlans = {{.primary = 5, .secondary = 6, .type = PrivateVlanType::ISOLATED}};
+    one.ports[0].learning = true;
+    one.ports[1].trunk = true;
+    one.ports[1].ranges = {{0, 5}};
+    for (const size_t uplink : {size_t{2}, size_t{3}}) {
+        one.ports[uplink].uplink = one.ports[uplink].trunk = true;
+        one.ports[uplink].ranges = {{1, LIVE_VLAN_MAX}};
+    }
+    Team team;
+    team.algorithm = VSWITCH_TEAMING_ORDER;
+    team.active = {3, 4};
+    team.failBack = false;
+    one.ports[0].team = team;
+    {
+        TestRun run(Options());
+        run.Publish(one);
+        run.SetLink(3, 2);
+        for (const uint8_t address : {uint8_t{1}, uint8_t{2}})
+            EXPECT_EQ(Ports(run.Run(1, FrameOf(address, 9))), Numbers{4});
+        run.Run(2, BroadcastOf(3));
+        run.SetLink(3, 0);
+    }
+    TestRun run(Options());
+    run.SetLink(3, 0);
+    for (int i = 0; i < 2; i++) {
+        run.Publish(one);
+        EXPECT_EQ(Ports(run.Run(1, FrameOf(1, 9))), Numbers{4});
+        EXPECT_EQ(Ports(run.Run(2, FrameOf(3, 1))), Numbers{1});
+        EXPECT_EQ(Ports(run.Run(2, FrameOf(3, 2))), Numbers{1});
+        EXPECT_EQ(Ports(run.Run(1, FrameOf(1, 3))), Numbers{2});
+    }
+    one.ports[0].learning = false;
+    run.Publish(one);
+    EXPECT_EQ(Ports(run.Run(2, FrameOf(3, 2))), Numbers{3});
+}
+
 TEST_F(LiveDataPath, SaysThatItStartsAfreshAfterAnotherLayout)
 {
     const std::string old = Options().bpffs + "/" + Options().identity + "-v0";

@@ -177,7 +177,18 @@ std::vector<Sent> TestRun::Run(uint32_t port, const Bytes &frame, uint32_t segme
     options.repeat = 1;
     EXPECT_EQ(bpf_prog_test_run_opts(path.Kernel().Program(), &options), 0) << strerror(errno);
     EXPECT_EQ(options.retval, 2u) << "a frame reached the machine's network stack";
+    return Copies();
+}
 
+std::vector<Sent> TestRun::Announce(const Announcement &announcement, int &result)
+{
+    run->count = 0;
+    result = path.Kernel().Announce(announcement);
+    return Copies();
+}
+
+std::vector<Sent> TestRun::Copies() const
+{
     std::vector<Sent> sent;
     for (uint32_t i = 0; i < std::min(run->count, LIVE_TEST_COPIES); i++)
         sent.push_back(OnTheWire(run->copies[i]));

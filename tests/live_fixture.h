@@ -63,6 +63,8 @@ public:
 
     // The frames that leave when a frame enters by a port, in the order of the ports.
     virtual std::vector<Sent> Run(uint32_t port, const Bytes &frame, uint32_t segmentSize = 0) = 0;
+    // The same for a frame that tells the network of an address.
+    virtual std::vector<Sent> Announce(const Announcement &announcement, int &result) = 0;
     virtual uint32_t InterfaceOf(uint32_t port) const { return port; }
     virtual void SetTime(uint64_t) {}
     virtual void SetLink(uint32_t, int) {}
@@ -82,11 +84,14 @@ public:
     ~TestRun() override;
 
     std::vector<Sent> Run(uint32_t port, const Bytes &frame, uint32_t segmentSize = 0) override;
+    std::vector<Sent> Announce(const Announcement &announcement, int &result) override;
     void SetTime(uint64_t ns) override { run->now = ns; }
     void Clear() override;
     void SetLink(uint32_t port, int result) override { run->linkResults[port % LIVE_TEST_LINKS] = result; }
 
 private:
+    std::vector<Sent> Copies() const;
+
     LiveTestRun *run = nullptr;
 };
 

@@ -1,4 +1,7 @@
 """Policies in the store are true for packets: each record is set as a management program sets it, and frames tell."""
+import errno
+import re
+import socket
 import struct
 import sys
 import unittest
@@ -16,9 +19,10 @@ PORT_NAMED_TEAMING, TX_UPLINK = "com.talpex.vswitch.port.logicalswitch.teaming",
 PORT, SOURCE_MAC, ORDER = 0, 1, 4
 
 
-def teaming(algorithm, active, standby=(), fail_back=1, version=1):
+def teaming(algorithm, active, standby=(), fail_back=1, version=1, notify=0):
     names = b"".join(name.encode().ljust(81, b"\0") for name in (*active, *standby))
-    return struct.pack("=6I", version, algorithm, fail_back, 0, len(active), len(standby)) + names.ljust(32 * 81, b"\0")
+    head = struct.pack("=6I", version, algorithm, fail_back, notify, len(active), len(standby))
+    return head + names.ljust(32 * 81, b"\0")
 
 
 def named_teamings(**policies):
@@ -33,6 +37,44 @@ def ethernet_filter(*rules):
 
 def private_vlans(*entries):
     return b"".join(struct.pack("=HHB3x", *entry) for entry in entries)
+
+
+class Announcements:
+    """The RARP frames that come to a namespace, each as its address and its tag (0: none)."""
+    ETH_P_ALL, PACKET, AUXDATA, TAGGED, RCVBUFFORCE = 3, 263, 8, 0x10, 33
+
+    def __init__(self, test, namespace):
+        self.wire = namespace.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
+        self.wire.setsockopt(socket.SOL_SOCKET, self.RCVBUFFORCE, 1 << 24)
+        self.wire.setsockopt(self.PACKET, self.AUXDATA, 1)
+        self.wire.bind(("eth0", self.ETH_P_ALL))
+        self.wire.setblocking(False)
+        test.addCleanup(self.wire.close)
+        self.seen = []
+
+    def read(self):
+        """All that have come since the last clear."""
+        while True:
+            try:
+                whole, ancillary, _, _ = self.wire.recvmsg(2048, 100)
+            except BlockingIOError:
+                return sorted(self.seen)
+            except OSError as error:
+                if error.errno != errno.ENETDOWN:
+                    raise
+                continue
+            source = whole[6:12]
+            if whole[12:14] != b"\x80\x35":
+                continue
+            assert whole == b"\xff" * 6 + source + bytes.fromhex("8035 0001 0800 06 04 0003") + (
+                2 * (source + bytes(4))) + bytes(18), whole
+            status, _, _, _, _, tci, _ = struct.unpack("=IIIHHHH", ancillary[0][2])
+            self.seen.append((source.hex(":"), tci if status & self.TAGGED else 0))
+
+    def await_and_clear(self, *expected):
+        wait_until(lambda: len(self.read()) >= len(expected), f"{expected}, but {self.seen}")
+        found, self.seen = self.read(), []
+        assert found == sorted(expected), (found, expected)
 
 
 class Policies(PluggedHost):
@@ -171,6 +213,71 @@ class Policies(PluggedHost):
         self.assertEqual(up(), "up1")
         self.clear(SWITCH_TEAMING)
         self.assertEqual(up(), "up0")
+
+    def link_of(self, number, state):
+        self.namespaces[3 + number].run("ip", "link", "set", "eth0", state)
+        wait_until(lambda: self.row("uplink", "link", "one", f"vn{number}")["link"] == (state == "up"), f"link {state}")
+
+    def rarp(self):
+        row = self.row("stats", "rarp", "one")
+        return row["sent"], row["failed"]
+
+    def test_the_network_is_told_of_the_addresses_of_ports_that_come_to_another_uplink(self):
+        networks = [Announcements(self, namespace) for namespace in self.namespaces[3:]]
+        self.vsctl("port", "mac-learning", "one", "1", "--learning")
+        self.vsctl("port", "vlan", "one", "2", "7")
+        self.vsctl("mac", "add", "one", "2", "--address", D, "--vlan", "7")
+        self.set(SWITCH_TEAMING, teaming(ORDER, ["up0"], ["up1"], notify=1))
+        self.set(PORT_TEAMING, teaming(ORDER, ["up0"], ["up1"]), "3")
+        self.send("1", A), self.send("1", B), self.send("3", C)
+        moved = [(A, 0), (B, 0), (D, 7)]  # that port 2 has never sent, and port 3 doesn't want it
+        self.link_of(0, "down")
+        networks[1].await_and_clear(*moved)
+        self.link_of(0, "up")
+        networks[0].await_and_clear(*moved)
+        self.assertEqual(self.rarp(), (6, 0))
+        self.assertEqual(self.row("stats", "teaming", "one")["failovers"], 2)
+
+        # The data path goes on without a daemon; the next one tells what has happened.
+        self.kill_supervisor()
+        self.namespaces[3].run("ip", "link", "set", "eth0", "down")
+        self.wires["1"].send(frame(BROADCAST, A, "by the other one"))
+        self.assertEqual(text_of(self.wires["up1"]), "by the other one")
+        self.assertEqual(networks[1].read(), [])
+        self.start()
+        networks[1].await_and_clear(*moved)
+        self.assertEqual(self.rarp(), (9, 0))
+        self.link_of(1, "down")
+        self.link_of(1, "up")
+        self.set(SWITCH_TEAMING, teaming(ORDER, ["up1"], notify=1))
+        self.set(SWITCH_TEAMING, teaming(ORDER, ["up0", "up1"], notify=1))
+        self.link_of(0, "up")
+        networks[0].await_and_clear(*moved)
+        self.assertEqual(networks[1].read(), [])
+        self.assertEqual(self.rarp(), (12, 0))
+
+    def test_addresses_that_are_spread_are_told_where_they_have_moved(self):
+        networks = [Announcements(self, namespace) for namespace in self.namespaces[3:]]
+        self.vsctl("port", "mac-learning", "one", "1", "--learning", "--limit", "500")
+        self.set(SWITCH_TEAMING, teaming(SOURCE_MAC, ["up0", "up1"], notify=1, fail_back=0))
+        addresses = [f"02:00:00:00:{high:02x}:{low:02x}" for high in range(2) for low in range(1, 201)]
+        bytes_of = lambda address: bytes.fromhex(address.replace(":", ""))
+        for address in addresses:
+            whole = b"\xff" * 6 + bytes_of(address) + struct.pack("!H", ETH_P_TEST)
+            self.wires["1"].send(whole.ljust(60, b"\0"))
+        wait_until(lambda: len(self.rows("mac", "list", "one", "1")) == len(addresses), "all addresses")
+        self.link_of(0, "down")
+        logged = lambda: re.findall("are announced: ([0-9]+)", self.read_log())
+        wait_until(logged, "a log line")
+        wait_until(lambda: len(networks[1].read()) == int(logged()[0]), "all announcements")
+        moved = networks[1].seen
+        self.assertGreater(len(moved), 100)
+        self.assertLess(len(moved), 300)
+        self.assertEqual(len(set(moved)), len(moved))
+        self.link_of(0, "up")  # ports don't come back
+        self.link_of(1, "down")
+        wait_until(lambda: self.rarp()[0] == len(addresses) + len(moved), "announcements of all")
+        wait_until(lambda: len(networks[0].read()) == len(addresses), "all announcements")
 
     def test_standby_uplinks_and_transmission_by_any(self):
         up = lambda: self.send("1", A, D)

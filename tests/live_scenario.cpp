@@ -367,13 +367,14 @@ private:
     void Do(const std::vector<std::string> &words)
     {
         static const std::map<std::string, void (Scenario::*)(const std::vector<std::string> &)> VERBS = {
-            {"wait", &Scenario::Wait},        {"link", &Scenario::SetLink},
-            {"set", &Scenario::SetPort},      {"add", &Scenario::AddTo},
-            {"switch", &Scenario::Rewrite},   {"ports", &Scenario::Replug},
-            {"host", &Scenario::SetHost},     {"sweep", &Scenario::Sweep},
-            {"forget", &Scenario::Forget},    {"static", &Scenario::Static},
-            {"remove", &Scenario::Remove},    {"count", &Scenario::CheckCounters},
-            {"table", &Scenario::CheckTable}, {"session", &Scenario::CheckSession},
+            {"wait", &Scenario::Wait},         {"link", &Scenario::SetLink},
+            {"set", &Scenario::SetPort},       {"add", &Scenario::AddTo},
+            {"switch", &Scenario::Rewrite},    {"ports", &Scenario::Replug},
+            {"host", &Scenario::SetHost},      {"sweep", &Scenario::Sweep},
+            {"forget", &Scenario::Forget},     {"static", &Scenario::Static},
+            {"remove", &Scenario::Remove},     {"count", &Scenario::CheckCounters},
+            {"table", &Scenario::CheckTable},  {"session", &Scenario::CheckSession},
+            {"announce", &Scenario::Announce},
         };
         (this->*VERBS.at(words[0]))(words);
     }
@@ -448,6 +449,55 @@ private:
     {
         const auto vlan = static_cast<uint16_t>(Number(words[2]));
         Expect(run.path.RemoveAddress(Number(words[1]), vlan, Mac(words[3][0]).data()));
+    }
+
+    // "announce 1 10 a 9 => 9:10": the network is told of an address of port 1 in VLAN 10 by uplink 9, and
+    // the frame leaves by it tagged. What the data path answers instead of sending stands in the frame's
+    // place. "8!" before the uplink: the port has gone past uplink 8.
+    void Announce(const std::vector<std::string> &words)
+    {
+        static const std::map<std::string, int> RESULTS = {
+            {"gone", LIVE_NOT_FOUND}, {"not-carried", LIVE_NOT_CARRIED}, {"not-sent", LIVE_NOT_SENT}};
+        const size_t mark = words[4].find('!');
+        const uint32_t uplink = Number(words[4].substr(mark == std::string::npos ? 0 : mark + 1));
+        Announcement announcement;
+        announcement.address.vlan = static_cast<uint16_t>(Number(words[2]));
+        std::memcpy(announcement.address.mac, Mac(words[3][0]).data(), 6);
+        announcement.place = PlaceOf(uplink);
+        if (mark != std::string::npos) announcement.passed = 1u << PlaceOf(Number(words[4]));
+        Expect(run.path.SlotOfPort(Number(words[1]), announcement.slot));
+        Expect(run.path.SlotOfPort(uplink, announcement.uplinkSlot));
+
+        TestFrame frame;
+        frame.source = words[3][0];
+        frame.destination = '*';
+        frame.etherType = 0x8035;
+        frame.payload = {0, 1, 8, 0, 6, 4, 0, 3};
+        for (int address = 0; address < 2; address++) {
+            for (uint8_t byte : Mac(words[3][0]))
+                frame.payload.push_back(byte);
+            frame.payload.insert(frame.payload.end(), 4, 0);
+        }
+        frame.length = 60;
+        frame.payload.resize(frame.length - 14);
+        const auto failure = RESULTS.find(words[6]);
+        const size_t colon = words[6].find(':');
+        std::vector<Sent> expected;
+        if (failure == RESULTS.end())
+            expected = {
+                MakeSent(uplink, frame.With(colon == std::string::npos ? "" : words[6].substr(colon + 1)))};
+        int result = 0;
+        const std::vector<Sent> sent = run.Announce(announcement, result);
+        EXPECT_TRUE(sent == expected) << "sent " << Describe(sent) << "\nexpected " << Describe(expected);
+        EXPECT_EQ(result, failure == RESULTS.end() ? LIVE_DONE : failure->second);
+    }
+
+    // Among the uplinks of the snapshot.
+    uint32_t PlaceOf(uint32_t uplink) const
+    {
+        return static_cast<uint32_t>(
+            std::count_if(config.ports.begin(), config.ports.end(),
+                          [&](const PortConfig &port) { return port.uplink && port.number < uplink; }));
     }
 
     void CheckTable(const std::vector<std::string> &words)

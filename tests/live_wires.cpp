@@ -240,4 +240,10 @@ std::vector<Sent> Wires::Run(uint32_t port, const Bytes &frame, uint32_t)
     return Settle();
 }
 
+std::vector<Sent> Wires::Announce(const Announcement &announcement, int &result)
+{
+    result = path.Kernel().Announce(announcement);
+    return Settle();
+}
+
 }

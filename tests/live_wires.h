@@ -54,6 +54,7 @@ public:
     ~Wires() override; // removes the pins too
 
     std::vector<Sent> Run(uint32_t port, const Bytes &frame, uint32_t segmentSize = 0) override;
+    std::vector<Sent> Announce(const Announcement &announcement, int &result) override;
     uint32_t InterfaceOf(uint32_t port) const override { return At(port).Interface(); }
     Wire &At(uint32_t port) const { return *wires.at(port - 1); }
 

@@ -12,14 +12,6 @@ constexpr std::string_view KEY_PORT_LS_POLICY = "com.talpex.vswitch.port.logical
 constexpr size_t LS_ENTRY = 2748;
 constexpr size_t LS_NAME = 136;
 
-// Answers a record of the portset's statistics; all zero when there is none.
-template<class Stats> int AnswerStats(DriverRequest &request, const std::string &key)
-{
-    Stats stats = {};
-    if (int error = ErrnoOf(GetRecord(request.reader, key, stats), 0)) return error;
-    return request.Answer(stats);
-}
-
 int ReadAllOptions(Reader &reader, std::vector<VSwitchOption> &options)
 {
     const auto take = [&](std::string_view rest, std::string_view row) {
@@ -69,7 +61,9 @@ bool ParseOptions(std::string_view raw, std::vector<VSwitchOption> &options)
 
 int GetRarpStats(DriverRequest &request)
 {
-    return AnswerStats<VSwitchRarpStats>(request, runtime::RarpKey(request.portset));
+    VSwitchRarpStats stats = {};
+    const VsStatus status = request.live.ReadRarp(request.reader, request.portset, request.switchId, stats);
+    return status ? ErrnoOf(status) : request.Answer(stats);
 }
 
 int GetServiceTeamingStats(DriverRequest &request)

@@ -49,4 +49,11 @@ VsStatus LiveRows::ReadTeaming(Reader &reader, std::string_view portset, std::sp
     return AbsentIsOk(GetRecord(reader, runtime::TeamingKey(portset), stats));
 }
 
+VsStatus LiveRows::ReadRarp(Reader &reader, std::string_view portset, std::string_view,
+                            VSwitchRarpStats &stats)
+{
+    stats = {};
+    return AbsentIsOk(GetRecord(reader, runtime::RarpKey(portset), stats));
+}
+
 }

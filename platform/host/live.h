@@ -41,6 +41,9 @@ public:
     // Of the team of a switch, whose uplink ports are `uplinks`.
     virtual VsStatus ReadTeaming(Reader &reader, std::string_view portset,
                                  std::span<const RunningPort> uplinks, VSwitchTeamingStats &stats) = 0;
+    // Of the announcements that a running switch has sent.
+    virtual VsStatus ReadRarp(Reader &reader, std::string_view portset, std::string_view switchId,
+                              VSwitchRarpStats &stats) = 0;
     // The number of the uplink port that a port sent by last. STATUS_NOT_FOUND: it has sent by none.
     virtual VsStatus ReadUplink(const RunningPort &port, uint32_t &uplinkNumber) = 0;
     // The mirror sessions of a switch with what they have done.
@@ -62,6 +65,8 @@ public:
     VsStatus ReadStatistics(Reader &reader, const RunningPort &port, VSwitchPortStatistics &stats) override;
     VsStatus ReadTeaming(Reader &reader, std::string_view portset, std::span<const RunningPort> uplinks,
                          VSwitchTeamingStats &stats) override;
+    VsStatus ReadRarp(Reader &reader, std::string_view portset, std::string_view switchId,
+                      VSwitchRarpStats &stats) override;
     VsStatus ReadUplink(const RunningPort &, uint32_t &) override { return STATUS_NOT_FOUND; }
     VsStatus ReadMirrors(Reader &reader, const RunningSwitch &vswitch,
                          std::vector<VSwitchMirrorStats> &sessions) override;

@@ -251,10 +251,13 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchLearningInfo {
     uint32_t dropped;        /**< sum over the ports */
 } VSwitchLearningInfo;
 
-/** VSWITCH_GET_RARP_STATS: announcements of a moved port's address to the physical network. */
+/**
+ * VSWITCH_GET_RARP_STATS: announcements of a moved port's address to the physical network. On a live host they
+ * are those that were sent since the switch has interfaces; on an emulated one they come from a scenario.
+ */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchRarpStats {
     uint64_t sent;
-    uint64_t failed;
+    uint64_t failed; /**< no uplink took it */
 } VSwitchRarpStats;
 
 /** VSWITCH_GET_SERVICE_TEAMING_STATS. */

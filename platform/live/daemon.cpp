@@ -170,6 +170,7 @@ void Daemon::Turn()
 {
     lastTurn = Clock::now();
     forwarder.PollCarriers();
+    forwarder.Announce();
     if (++turns % TURNS_PER_SWEEP == 0) forwarder.Sweep();
 }
 

@@ -97,6 +97,7 @@ void DataPath::TakeOverSwitches()
         PlacedPort placed = {.config = {}, .slot = slot, .position = port.position};
         placed.config.number = port.number;
         placed.config.ifindex = port.ifindex;
+        placed.config.uplink = port.flags & LIVE_PORT_UPLINK;
         owner->second.ports[port.number] = placed;
         portSwitches[port.number] = port.switchIndex;
         if (port.ifindex) interfaces[port.ifindex] = port.number;
@@ -431,7 +432,7 @@ void DataPath::StartSlot(uint32_t slot)
 {
     LivePort &port = kernel.ports[slot];
     port.address = port.lockedAddress = 0;
-    port.uplinkSlot = port.leftUplinks = port.floodSecond = port.floodCount = 0;
+    port.uplinkSlot = port.leftUplinks = port.toldUplinks = port.floodSecond = port.floodCount = 0;
     const std::vector<LiveCounters> zeros(static_cast<size_t>(libbpf_num_possible_cpus()));
     bpf_map_update_elem(kernel.MapDescriptor("counters"), &slot, zeros.data(), BPF_ANY);
 }
@@ -518,8 +519,9 @@ void DataPath::Settle(Change &change)
     change.owner = nullptr;
     if (change.takesIndex) takenIndexes.erase(change.switchIndex);
     if (change.isWhole && !change.removesSwitch) {
-        const SwitchConfig &known = switches[change.switchIndex].config;
-        change.movesPrivateVlans = known.privateVlans != change.config.privateVlans;
+        const Switch &known = switches[change.switchIndex];
+        if (!known.isKnown && !change.takesIndex) CompletePorts(change);
+        change.movesPrivateVlans = known.isKnown && known.config.privateVlans != change.config.privateVlans;
         change.movesUplinks = UplinksOf(switches[change.switchIndex].ports) != UplinksOf(change.ports);
         WriteSwitch(change);
     }
@@ -555,6 +557,7 @@ void DataPath::WriteSwitch(const Change &change)
     LiveSwitch &vswitch = kernel.switches[change.switchIndex];
     known.config = change.config;
     known.isKnown = true;
+    if (change.takesIndex) vswitch.announced = vswitch.notAnnounced = 0;
     const std::set<uint32_t> released(change.releasedSlots.begin(), change.releasedSlots.end());
     std::erase_if(known.ports, [&](const auto &port) { return released.contains(port.second.slot); });
     std::memset(vswitch.id, 0, sizeof(vswitch.id));
@@ -566,6 +569,22 @@ void DataPath::WriteSwitch(const Change &change)
     WriteWord(vswitch.learnsStatic, words.learnsStatic);
     WriteWord(vswitch.hasAllFramesPorts, words.hasAllFramesPorts);
     WriteWord(vswitch.inUse, words.inUse);
+}
+
+// The words of a port that was taken over don't say all of its policies. The rest is taken to be what the
+// store says now, as nobody writes to it while there is no daemon.
+void DataPath::CompletePorts(const Change &change)
+{
+    for (const PlacedPort &placed : change.ports) {
+        const auto port = switches[change.switchIndex].ports.find(placed.config.number);
+        if (port == switches[change.switchIndex].ports.end()) continue;
+        const LivePort &words = kernel.ports[placed.slot];
+        PortConfig &known = port->second.config;
+        known.learning = words.flags & LIVE_PORT_LEARNING;
+        known.trunk = words.vlan & LIVE_PORT_TRUNK;
+        known.ranges = placed.config.ranges;
+        known.team = placed.config.team;
+    }
 }
 
 void DataPath::SettlePort(const PlacedPort &placed, const Change &change)
@@ -739,6 +758,14 @@ VsStatus DataPath::ForgetLearned(uint32_t portNumber)
     if (VsStatus status = SlotOfPort(portNumber, slot)) return Fail(status, "no such port");
     PassEpoch(slot);
     return SweepForgotten();
+}
+
+void DataPath::CountAnnouncement(uint32_t portNumber, bool isSent)
+{
+    const auto place = portSwitches.find(portNumber);
+    if (place == portSwitches.end()) return;
+    LiveSwitch &vswitch = kernel.switches[place->second];
+    std::atomic_ref<uint64_t>(isSent ? vswitch.announced : vswitch.notAnnounced).fetch_add(1);
 }
 
 // What the data path will want to remove, as far as can be seen from here.

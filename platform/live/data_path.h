@@ -86,6 +86,9 @@ public:
     VsStatus ForgetLearned(uint32_t portNumber); // its link is lost
     VsStatus Sweep();                            // removes what is too old; to be called every second or so
 
+    // A frame that tells the network of an address of the port was sent, or no uplink took it.
+    void CountAnnouncement(uint32_t portNumber, bool isSent);
+
     // What the data path has done; other threads may read it too.
     KernelTables &Tables() { return tables; }
 
@@ -98,7 +101,7 @@ private:
 
     struct Switch {
         SwitchConfig config;  // without ports
-        bool isKnown = false; // false: taken over, with nothing but the numbers of its ports
+        bool isKnown = false; // false: taken over, with little but the numbers of its ports
         std::map<uint32_t, PlacedPort> ports;
         std::map<std::string, PlacedMirror> mirrors; // by id, without their configuration
     };
@@ -128,6 +131,7 @@ private:
     void SilencePorts(const Change &change);
     void ExchangeSnapshots(const std::vector<Change *> &changes);
     void Settle(Change &change);
+    void CompletePorts(const Change &change);
     void SettlePort(const PlacedPort &port, const Change &change);
     void FreeSlots(const std::vector<Change *> &changes);
     void SettleAddresses(uint32_t switchIndex, const PortConfig &before, const PortConfig &after);

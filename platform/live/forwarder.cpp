@@ -193,6 +193,7 @@ void Forwarder::Sweep()
 {
     path.Sweep();
     LogFailovers(false);
+    announcer.Look(published);
     if (!VerifyFilters()) Apply();
 }
 
@@ -222,6 +223,7 @@ void Forwarder::Apply()
     ForgetLostLinks();
     for (const auto &[interface, plug] : std::exchange(released, {}))
         if (!plugs.contains(interface)) PutBack(interface, plug);
+    announcer.Look(published);
 }
 
 // Stores the NIC if its record still is as it was read; otherwise that is to be followed first.
@@ -432,9 +434,13 @@ void Forwarder::PublishPrepared(Preparation &prepared)
     path.Publish(changes);
     for (auto &[switchId, config] : prepared.configs)
         published[switchId] = std::move(config);
-    for (auto &[switchId, port] : prepared.ports)
+    bool isAnnounced = !prepared.configs.empty();
+    for (auto &[switchId, port] : prepared.ports) {
         ReplacePorts(published[switchId], {port});
+        isAnnounced |= port.team && port.team->notify;
+    }
     if (!prepared.configs.empty()) ForgetLostLinks();
+    if (isAnnounced) announcer.Look(published);
 }
 
 // ---- Publishing ----

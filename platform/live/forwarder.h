@@ -13,6 +13,7 @@
 #include "platform/host/engine.h"
 #include "platform/host/live_requests.h"
 #include "platform/host/runtime.h"
+#include "platform/live/announcer.h"
 #include "platform/live/data_path.h"
 #include "platform/live/links.h"
 #include "platform/live/plugged.h"
@@ -51,6 +52,7 @@ public:
     void FollowStore(); // after a commit
     void FollowLinks(); // after an event
     void PollCarriers();
+    void Announce() { announcer.Send(); }
     void Sweep();
     void CollectWrites(); // that the scribe has finished
 
@@ -118,6 +120,7 @@ private:
     vshost::Engine &engine;
     Scribe &scribe;
     DataPath path;
+    Announcer announcer{path};
     Links links;
     Plugs plugs;
     std::vector<std::string> nicNames;       // of the plugs, for the frequent look at their carriers

@@ -1,11 +1,15 @@
 #include "platform/live/kernel_part.h"
 
+#include <arpa/inet.h>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <filesystem>
+#include <linux/bpf.h>
+#include <linux/if_arp.h>
+#include <linux/if_ether.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,6 +24,7 @@ namespace fs = std::filesystem;
 constexpr std::string_view PROGRAM_PIN = "program-";
 constexpr const char *PROGRAM = "vswitch";
 constexpr const char *COMMANDS = "change_addresses";
+constexpr const char *ANNOUNCEMENTS = "announce";
 
 // libbpf tells of failures in prose; the first line says what went wrong.
 thread_local std::string lastWarning;
@@ -261,6 +266,46 @@ int KernelPart::Command(LiveCommandKind kind, uint32_t slot, std::span<const Liv
     run.repeat = 1;
     if (bpf_prog_test_run_opts(CommandProgram(), &run) != 0) return -errno;
     return static_cast<int>(run.retval);
+}
+
+int KernelPart::Announce(const Announcement &announcement) const
+{
+    // RARP: whose protocol address is this hardware address's? Nobody answers; switches learn from it.
+    struct [[gnu::packed]] {
+        uint8_t destination[6], source[6];
+        uint16_t etherType, hardware, protocol;
+        uint8_t hardwareLength, protocolLength;
+        uint16_t operation;
+        uint8_t senderHardware[6], senderProtocol[4], targetHardware[6], targetProtocol[4];
+        uint8_t padding[18];
+    } frame = {};
+    static_assert(sizeof(frame) == ETH_ZLEN);
+    const uint8_t *mac = announcement.address.mac;
+    std::memset(frame.destination, 0xff, sizeof(frame.destination));
+    for (uint8_t *field : {frame.source, frame.senderHardware, frame.targetHardware})
+        std::memcpy(field, mac, sizeof(frame.source));
+    frame.etherType = htons(ETH_P_RARP);
+    frame.hardware = htons(ARPHRD_ETHER);
+    frame.protocol = htons(ETH_P_IP);
+    frame.hardwareLength = sizeof(frame.senderHardware);
+    frame.protocolLength = sizeof(frame.senderProtocol);
+    frame.operation = htons(ARPOP_RREQUEST);
+
+    __sk_buff context = {};
+    context.cb[LIVE_ANNOUNCED_SLOT] = announcement.slot;
+    context.cb[LIVE_ANNOUNCED_VLAN] = announcement.address.vlan;
+    context.cb[LIVE_ANNOUNCED_UPLINK] = announcement.uplinkSlot;
+    context.cb[LIVE_ANNOUNCED_PLACE] = announcement.place;
+    context.cb[LIVE_ANNOUNCED_PASSED] = announcement.passed;
+    bpf_test_run_opts run = {};
+    run.sz = sizeof(run);
+    run.data_in = &frame;
+    run.data_size_in = sizeof(frame);
+    run.ctx_in = &context;
+    run.ctx_size_in = sizeof(context);
+    run.repeat = 1;
+    const int program = bpf_program__fd(bpf_object__find_program_by_name(object.get(), ANNOUNCEMENTS));
+    return bpf_prog_test_run_opts(program, &run) == 0 ? static_cast<int>(run.retval) : -errno;
 }
 
 int KernelPart::MapDescriptor(const char *name) const

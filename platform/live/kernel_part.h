@@ -62,6 +62,15 @@ inline void WriteWord(uint32_t &word, uint32_t value) { std::atomic_ref<uint32_t
 
 inline uint32_t ReadWord(uint32_t &word) { return std::atomic_ref<uint32_t>(word).load(); }
 
+// A frame that tells the network of a port's address, by one of its uplinks. See LiveAnnouncement.
+struct Announcement {
+    StaticAddress address = {};
+    uint32_t slot = 0;
+    uint32_t uplinkSlot = 0;
+    uint32_t place = 0;
+    uint32_t passed = 0;
+};
+
 class KernelPart {
 public:
     KernelPart();
@@ -88,6 +97,9 @@ public:
 
     // Runs a command: a LiveResult, or a negative errno value. Threads may do so at the same time.
     int Command(LiveCommandKind kind, uint32_t slot, std::span<const LiveAddressKey> keys) const;
+
+    // Sends one: a LiveResult, or a negative errno value.
+    int Announce(const Announcement &announcement) const;
 
     const std::string &Message() const { return message; }
 

@@ -136,4 +136,14 @@ VsStatus KernelTables::ReadObservers(const std::string &switchId, std::set<uint3
     return STATUS_OK;
 }
 
+VsStatus KernelTables::ReadAnnouncements(const std::string &switchId, uint64_t &sent, uint64_t &failed) const
+{
+    uint32_t index = 0;
+    if (VsStatus status = FindSwitch(switchId, index)) return status;
+    LiveSwitch &vswitch = kernel.switches[index];
+    sent = std::atomic_ref<uint64_t>(vswitch.announced).load();
+    failed = std::atomic_ref<uint64_t>(vswitch.notAnnounced).load();
+    return STATUS_OK;
+}
+
 }

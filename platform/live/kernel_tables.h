@@ -62,6 +62,7 @@ public:
     VsStatus ReadObservers(const std::string &switchId, std::set<uint32_t> &portNumbers) const;
     // The port of the uplink that a port last sent by. STATUS_NOT_FOUND: it has sent by none.
     VsStatus ReadUplink(uint32_t portNumber, uint32_t &uplinkNumber) const;
+    VsStatus ReadAnnouncements(const std::string &switchId, uint64_t &sent, uint64_t &failed) const;
 
 private:
     VsStatus FindSwitch(const std::string &switchId, uint32_t &index) const;

@@ -89,6 +89,15 @@ VsStatus LiveKernel::ReadTeaming(Reader &, std::string_view, std::span<const Run
     return STATUS_OK;
 }
 
+VsStatus LiveKernel::ReadRarp(Reader &, std::string_view, std::string_view switchId, VSwitchRarpStats &stats)
+{
+    uint64_t sent = 0, failed = 0;
+    const VsStatus status = tables.ReadAnnouncements(std::string(switchId), sent, failed);
+    stats.sent = sent;
+    stats.failed = failed;
+    return AbsentIsOk(status);
+}
+
 VsStatus LiveKernel::ReadUplink(const RunningPort &port, uint32_t &uplinkNumber)
 {
     return tables.ReadUplink(port.number, uplinkNumber);

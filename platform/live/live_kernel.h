@@ -18,6 +18,8 @@ public:
                             VSwitchPortStatistics &stats) override;
     VsStatus ReadTeaming(vshost::Reader &reader, std::string_view portset,
                          std::span<const vshost::RunningPort> uplinks, VSwitchTeamingStats &stats) override;
+    VsStatus ReadRarp(vshost::Reader &reader, std::string_view portset, std::string_view switchId,
+                      VSwitchRarpStats &stats) override;
     VsStatus ReadUplink(const vshost::RunningPort &port, uint32_t &uplinkNumber) override;
     VsStatus ReadMirrors(vshost::Reader &reader, const vshost::RunningSwitch &vswitch,
                          std::vector<VSwitchMirrorStats> &sessions) override;

@@ -98,7 +98,9 @@ struct LivePort {
     uint32_t leftUplinks;   /* bit i: the port went past uplink i of the snapshot, which didn't work */
     uint32_t stateReserved[5];
 
-    uint32_t userReserved[2]; /* of user space alone */
+    /* Of user space alone. */
+    uint32_t toldUplinks; /* bit i: uplink i worked when the network was last told of the port's uplink */
+    uint32_t userReserved;
 };
 LIVE_ASSERT(sizeof(struct LivePort) == 128 && __builtin_offsetof(struct LivePort, address) == 64);
 
@@ -113,8 +115,10 @@ struct LiveSwitch {
     uint32_t hasPrivateVlans;
     uint32_t hasAllFramesPorts; /* some port has LIVE_PORT_ALL_FRAMES */
     uint32_t learnsStatic;      /* what learning ports learn neither ages nor moves */
-    uint32_t reserved[7];
-    char id[64]; /* for user space: which switch of the store this is */
+    uint32_t reserved[3];
+    uint64_t announced;    /* frames that told the network of an address; counted by user space */
+    uint64_t notAnnounced; /* those that no uplink took */
+    char id[64];           /* for user space: which switch of the store this is */
 };
 LIVE_ASSERT(sizeof(struct LiveSwitch) == 128);
 
@@ -390,4 +394,16 @@ LIVE_ASSERT(sizeof(struct LiveCommand) == 16);
 #define LIVE_COMMAND_KEYS_OFFSET (LIVE_COMMAND_OFFSET + 16u)
 #define LIVE_COMMAND_KEYS 128u /* at most, so that packets don't wait for a command */
 
-enum LiveResult { LIVE_DONE, LIVE_NOT_FOUND, LIVE_FULL, LIVE_BAD_COMMAND };
+/* The third program sends a frame by an uplink of a port's choice, to tell the network of an address. It
+ * answers a LiveResult: LIVE_NOT_FOUND, the port doesn't have the address; LIVE_NOT_CARRIED, frames of the
+ * port don't leave by this uplink; LIVE_NOT_SENT, the uplink doesn't take it. Words of the frame's control
+ * block: */
+enum LiveAnnouncement {
+    LIVE_ANNOUNCED_SLOT,   /* of the port */
+    LIVE_ANNOUNCED_VLAN,   /* under which the address is known */
+    LIVE_ANNOUNCED_UPLINK, /* the uplink's slot */
+    LIVE_ANNOUNCED_PLACE,  /* its place in the snapshot */
+    LIVE_ANNOUNCED_PASSED  /* bits of those that the port would have preferred, and that don't work */
+};
+
+enum LiveResult { LIVE_DONE, LIVE_NOT_FOUND, LIVE_FULL, LIVE_BAD_COMMAND, LIVE_NOT_CARRIED, LIVE_NOT_SENT };

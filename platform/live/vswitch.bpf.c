@@ -204,16 +204,12 @@ static __always_inline void Count(struct Frame *frame, enum LiveCounter counter)
 }
 
 // The port, its switch and the switch's snapshot. All decisions about a frame are made on one snapshot.
-static __always_inline bool FindSender(struct Frame *frame)
+static __always_inline bool FindSenderAt(struct Frame *frame, uint32_t slot)
 {
-    const uint32_t ifindex = IngressInterface(frame->skb);
-    const uint32_t *slot = bpf_map_lookup_elem(&interfaces, &ifindex);
-    if (!slot) return false;
-    frame->slot = *slot;
-    frame->sender = FindPort(frame->slot);
-    frame->counters = FindCounters(frame->slot);
-    // A hash may hand out the value of another key that is being put in its place.
-    if (!frame->sender || !frame->counters || READ_WORD(frame->sender->ifindex) != ifindex) return false;
+    frame->slot = slot;
+    frame->sender = FindPort(slot);
+    frame->counters = FindCounters(slot);
+    if (!frame->sender || !frame->counters) return false;
     frame->flags = READ_WORD(frame->sender->flags);
 
     const uint32_t switchIndex = READ_WORD(frame->sender->switchIndex);
@@ -222,6 +218,14 @@ static __always_inline bool FindSender(struct Frame *frame)
     frame->source.switchIndex = switchIndex;
     frame->destination.switchIndex = switchIndex;
     return frame->vswitch && frame->snapshot;
+}
+
+static __always_inline bool FindSender(struct Frame *frame)
+{
+    const uint32_t ifindex = IngressInterface(frame->skb);
+    const uint32_t *slot = bpf_map_lookup_elem(&interfaces, &ifindex);
+    // A hash may hand out the value of another key that is being put in its place.
+    return slot && FindSenderAt(frame, *slot) && READ_WORD(frame->sender->ifindex) == ifindex;
 }
 
 // Addresses are copied in two steps that are wide enough for the compiler to keep them whole.
@@ -1202,4 +1206,47 @@ SEC("tc") int change_addresses(struct __sk_buff *skb)
     default:
         return LIVE_BAD_COMMAND;
     }
+}
+
+// ---- Announcements ----
+
+// Whether the frame's source is an address that the port has in this VLAN.
+static __always_inline bool IsOfSender(const struct Frame *frame, uint32_t vlan)
+{
+    const struct LiveAddress *address = bpf_map_lookup_elem(&addresses, &frame->source);
+    if (!address || frame->source.vlan != vlan) return false;
+    const uint64_t owner = READ_WORD(address->owner);
+    return SlotOf(owner) == frame->slot && IsCurrent(owner, frame->slot, frame->sender);
+}
+
+// By an uplink that user space has chosen as the data path would.
+static __always_inline int AnnounceBy(struct UplinkChoice *choice, uint32_t slot, uint32_t uplink)
+{
+    struct Frame *frame = choice->frame;
+    const struct LivePort *port = FindPort(slot);
+    if (!port || !(READ_WORD(port->flags) & LIVE_PORT_UPLINK)) return LIVE_NOT_CARRIED;
+    const enum Carriage carriage = CarriageAt(frame, port, slot);
+    if (carriage == NOT_CARRIED || READ_WORD(port->flags) & LIVE_PORT_BLOCKED) return LIVE_NOT_CARRIED;
+    if (!PassesFilter(frame, port, slot, VSWITCH_FILTER_TO_PORT)) return LIVE_NOT_CARRIED;
+    if (SendCopy(frame, port, slot, carriage)) return LIVE_NOT_SENT;
+    NoteUplink(choice, uplink, slot);
+    return LIVE_DONE;
+}
+
+// Sends the frame as if the port had sent it to the network. User space has chosen the address, but it may be
+// elsewhere since.
+SEC("tc") int announce(struct __sk_buff *skb)
+{
+    const uint32_t vlan = skb->cb[LIVE_ANNOUNCED_VLAN], slot = skb->cb[LIVE_ANNOUNCED_UPLINK];
+    const uint32_t uplink = skb->cb[LIVE_ANNOUNCED_PLACE] & (LIVE_UPLINKS - 1);
+    struct Frame frame = {.skb = skb, .host = FindHost()};
+    struct UplinkChoice choice = {.frame = &frame, .passed = skb->cb[LIVE_ANNOUNCED_PASSED]};
+    if (!FindSenderAt(&frame, skb->cb[LIVE_ANNOUNCED_SLOT])) return LIVE_NOT_FOUND;
+    if (vlan && READ_WORD(frame.sender->vlan) & LIVE_PORT_TRUNK)
+        if (bpf_skb_vlan_push(skb, bpf_htons(ETH_P_8021Q), (uint16_t)vlan)) return LIVE_BAD_COMMAND;
+    if (!ReadEthernetHeader(&frame)) return LIVE_BAD_COMMAND;
+    if (frame.flags & LIVE_PORT_BLOCKED || !Classify(&frame) || !IsOfSender(&frame, vlan))
+        return LIVE_NOT_FOUND;
+    choice.left = READ_WORD(frame.sender->leftUplinks);
+    return AnnounceBy(&choice, slot, uplink);
 }
