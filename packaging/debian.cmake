@@ -7,6 +7,11 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_COMPONENTS_ALL runtime dev vsctl host ${live_component} python)
+if(live_component) # one package has both
+    list(APPEND CPACK_COMPONENTS_ALL machine)
+    set(CPACK_COMPONENT_LIVE_GROUP live)
+    set(CPACK_COMPONENT_MACHINE_GROUP live)
+endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/finish.cmake)
@@ -47,10 +52,22 @@ debian_package(HOST "embedded hypervisor host to run switch control on"
 shell, so that programs that control switches run and are tested without root."
     PACKAGE_NAME vswitchctl-host PACKAGE_SECTION net PACKAGE_SHLIBDEPS ON PACKAGE_SUGGESTS vswitchctl-live)
 debian_package(LIVE "live hypervisor host, whose virtual switches forward packets"
-    "This package has vshostd, which makes the switches of a host of
-vswitchctl-host forward packets in the kernel."
+    "This package makes the machine a live host: the service vshostd forwards
+packets in the kernel, and programs that control switches find the store, the
+switch driver and the shell."
     PACKAGE_NAME vswitchctl-live PACKAGE_SECTION net PACKAGE_SHLIBDEPS ON
-    PACKAGE_DEPENDS "vswitchctl-host (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})" PACKAGE_RECOMMENDS iproute2)
+    PACKAGE_DEPENDS "adduser, vswitchctl-host (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})"
+    PACKAGE_RECOMMENDS iproute2)
+file(STRINGS ${PROJECT_SOURCE_DIR}/platform/live/maps.h layout REGEX "LIVE_LAYOUT_VERSION [0-9]+")
+string(REGEX REPLACE ".*LIVE_LAYOUT_VERSION ([0-9]+).*" "\\1" layout "${layout}")
+set(libdir ${CMAKE_INSTALL_LIBDIR})
+foreach(script preinst postinst prerm postrm)
+    configure_file(packaging/live/${script}.in ${control}/live/${script} @ONLY)
+    file(CHMOD ${control}/live/${script} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+         WORLD_READ WORLD_EXECUTE)
+    list(APPEND live_control ${control}/live/${script})
+endforeach()
+set(CPACK_DEBIAN_LIVE_PACKAGE_CONTROL_EXTRA ${live_control})
 debian_package(PYTHON "control of virtual switches - Python module" "This package has the Python module."
     PACKAGE_NAME python3-vswitchctl PACKAGE_SECTION python PACKAGE_ARCHITECTURE all
     PACKAGE_DEPENDS "python3:any, ${same_version}")

@@ -72,6 +72,7 @@ if(TARGET vshostd)
     install_link(vswitchctl-host/liborkPublic.so ${CMAKE_INSTALL_LIBDIR} liborkPublic.so machine EXCLUDE_FROM_ALL)
     install_link(../${host_dir}/tybel ${CMAKE_INSTALL_BINDIR} tybel machine EXCLUDE_FROM_ALL)
     install_link(/var/lib/vswitchctl/host ${host_dir} machine machine EXCLUDE_FROM_ALL)
+    install(FILES packaging/live/tybel.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT machine EXCLUDE_FROM_ALL)
     install(FILES packaging/live/vshostd.service DESTINATION lib/systemd/system COMPONENT machine EXCLUDE_FROM_ALL)
 endif()
 

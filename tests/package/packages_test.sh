@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # packages_test.sh: builds the packages of the last commit twice, in two folders, compares them byte by byte, looks
 # for lintian errors, installs them into a fresh Debian root, and compiles and runs the first program there: with
-# libvswitchctl-dev alone for linking, with vswitchctl-host for running. Needs root, git, lintian and mmdebstrap.
+# libvswitchctl-dev alone for linking, with vswitchctl-host for running, with vswitchctl-live on the machine's own host
+# (machine_test.sh). Needs root, git, lintian, mmdebstrap, bpf and FUSE.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 work=$(mktemp -d)
@@ -25,7 +26,7 @@ lintian --fail-on error --suppress-tags initial-upload-closes-no-bugs "$packages
 
 say "A fresh root"
 fresh=$work/fresh
-mmdebstrap --variant=minbase --include=gcc,g++,cmake,make,pkg-config,python3,libsqlite3-0,libfmt9,libbpf1,libfuse3-3,libnl-route-3-200 bookworm "$fresh" 2>"$work/log" ||
+mmdebstrap --variant=minbase --include=gcc,g++,cmake,make,pkg-config,python3,libsqlite3-0,libfmt9,libbpf1,libfuse3-3,libnl-route-3-200,adduser,systemd,iproute2,iputils-ping bookworm "$fresh" 2>"$work/log" ||
     { cat "$work/log" >&2; exit 1; }
 inside() { # with a /proc, which ends with the process
     unshare --mount --fork sh -c 'mount -t proc proc "$0/proc" && exec chroot "$0" env -i \
@@ -46,14 +47,14 @@ if inside /test/first-gccstdc 2>"$work/error"; then exit 1; fi
 grep -q 'liborkPublic.so: cannot open shared object' "$work/error"
 
 say "Running with vswitchctl-host, the module and the command"
-inside sh -c 'dpkg -i /packages/*.deb' >/dev/null
+inside sh -c 'dpkg -i $(ls /packages/*.deb | grep -v vswitchctl-live)' >/dev/null
 inside sh -ec 'cd /test; for program in ./first-*; do vshost run -- $program; done
     cmake -S consumer -B build -DPROGRAM=/test/first.c >/dev/null; cmake --build build >/dev/null
     for program in build/c99 build/cxx build/in_test; do vshost run -- $program; done
     vshost run -- python3 python_test.py vswitchctl.map 2>&1 | tail -1
-    if command -v vsctl >/dev/null; then vshost run -- vsctl switch list; fi
-    vshostd --version'
+    if command -v vsctl >/dev/null; then vshost run -- vsctl switch list; fi'
+"$(dirname "$0")/machine_test.sh" "$fresh" "$work/one"
 say "Removal leaves nothing"
-inside sh -c 'dpkg -P vswitchctl-live vswitchctl-host vsctl python3-vswitchctl libvswitchctl-dev libvswitchctl1' >/dev/null
+inside sh -c 'dpkg -P vswitchctl-host vsctl python3-vswitchctl libvswitchctl-dev libvswitchctl1' >/dev/null
 if find "$fresh/usr" -name '*vswitchctl*' -o -name '*liborkPublic*' -o -name 'vshost*' | grep .; then exit 1; fi
 say "All is well"
