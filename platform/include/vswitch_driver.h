@@ -270,10 +270,7 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchTeamingStats {
     uint64_t failbacks; /**< changes back to an uplink that has its link again */
 } VSwitchTeamingStats;
 
-/**
- * VSWITCH_GET_MIRROR_STATS. A live host counts what the session does. On an emulated host the counters come
- * from a scenario.
- */
+/** VSWITCH_GET_MIRROR_STATS. On an emulated host the counters come from a scenario. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchMirrorStats {
     char sessionId[32];
     uint8_t active;           /**< 1: the portset runs the session */
