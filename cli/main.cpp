@@ -24,7 +24,7 @@ Exit Finish(const Verb &verb, const Result &result, const Options &options)
     if ((isPlan || options.dryRun) && result.rows.empty() && !options.json)
         Print("nothing to change\n");
     else if (verb.noun != "watch")
-        PrintRows(verb.Title(), result.rows, options.json);
+        PrintRows(verb.Title(), result.rows, options.json, options.style);
     if (!result.note.empty() && !options.json) Print(result.note + "\n");
     return result.exit;
 }

@@ -19,8 +19,14 @@ package_test(languages ${PROJECT_SOURCE_DIR}/tests/package/languages_test.sh ${P
 package_test(python ${on_host} PYTHONPATH=${PYTHON_MODULE} PYTHONDONTWRITEBYTECODE=1
              ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/python_test.py
              ${PROJECT_SOURCE_DIR}/cmake/vswitchctl.map)
+package_test(python_host ${on_host} PYTHONPATH=${PYTHON_MODULE} PYTHONDONTWRITEBYTECODE=1
+             ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/host_test.py
+             ${PROJECT_SOURCE_DIR} $<TARGET_FILE:vsctl>)
 package_test(python_types ${CMAKE_COMMAND} -E env MYPYPATH=${PYTHON_MODULE} mypy --strict --cache-dir=/dev/null
              ${PROJECT_SOURCE_DIR}/tests/package/typed.py)
+package_test(python_page ${CMAKE_COMMAND} -E env PYTHONPATH=${PYTHON_MODULE} PYTHONDONTWRITEBYTECODE=1
+             ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tools/python_page.py ${PROJECT_SOURCE_DIR}/docs/python.md --check)
+package_test(pip ${PROJECT_SOURCE_DIR}/tests/package/pip_test.sh ${PROJECT_SOURCE_DIR} ${PYTHON_MODULE})
 package_test(abi ${PROJECT_SOURCE_DIR}/tests/package/abi_test.sh ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})
 package_test(guides ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/package/guides_test.py
              ${PROJECT_SOURCE_DIR} ${CMAKE_BINARY_DIR})

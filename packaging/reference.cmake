@@ -12,7 +12,7 @@ endif()
 set(REFERENCE_DIRECTORY ${CMAKE_BINARY_DIR}/reference)
 set(reference_tools tools/families.awk tools/header.py tools/example.py
                     tools/manpages.py tools/reference.css
-                    tools/command_page.py tools/schema_page.py tools/vshost.roff tools/vshostd.roff
+                    tools/command_page.py tools/vsctl_pages.py tools/schema_page.py tools/vshost.roff tools/vshostd.roff
                     tools/vsctl.roff tools/command_files.sh)
 if(TARGET vshostd)
     set(live_host vshostd)

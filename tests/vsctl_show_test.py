@@ -209,6 +209,46 @@ class Show(OnHost):
         self.assertEqual(of("remove", "lab", "--all-ports"), ports)
         self.assertEqual(of("list", "lab"), ["uplink0", "uplink1"])
 
+    def test_tables_take_the_form_that_is_asked_for(self):
+        ids = {row["switch"]: row["id"] for row in self.rows("switch", "list")}
+        for line, wanted in (
+                ("port list lab -o name", "uplink0\nuplink1\n" + "".join(f"port{n}\n" for n in range(8))),
+                ("-o name uplink list lab", "uplink0\nuplink1\n"), ("switch list -o name", "lab\nnone\n"),
+                ("nic list -o name", "eth0\neth1\neth2\n"),
+                ("port number lab port1,port0 --columns number,port", "NUMBER  PORT\n4       port1\n3       port0\n"),
+                ("switch list --columns id -o name", f"{ids['lab']}\n{ids['none']}\n")):
+            self.assertEqual(self.run_vsctl(*line.split()), wanted, line)
+        wide = self.run_vsctl("port", "show", "lab", "port4", "-o", "wide").splitlines()
+        self.assertEqual(len(wide), 2)
+        self.assertIn("90,100,110,120,130,140", wide[1])
+        self.refused(["switch", "list", "-o", "tall"], 5, "table, wide or name")
+        self.refused(["switch", "list", "--columns", "x"], 2, "switch,portset")
+        for words in (["--columns", "switch"], ["-o", "name"]):
+            self.assertIn("exclude", self.process("switch", "list", *words, "--json").stderr)
+        table = self.terminal(80, "switch", "list", NO_COLOR="1")
+        self.assertTrue(table.startswith("SWITCH"), table)
+        block = self.terminal(50, "switch", "list", NO_COLOR="1").splitlines()
+        self.assertEqual((block[0], block[1]), ("switch   lab", "portset  lab"))
+        self.assertLessEqual(max(map(len, block)), 50)
+        self.assertEqual(self.terminal(50, "switch", "list", "-o", "wide", NO_COLOR="1"), table)
+
+    def test_help_fits_the_terminal(self):
+        for verb in ["", "operations", *(row["verb"] for row in self.rows("help"))]:
+            for line in self.terminal(80, "help", *verb.split(), NO_COLOR="1").splitlines():
+                self.assertTrue(len(line) <= 80 or line.startswith("  vsctl "), (verb, line))
+
+    def test_completion_knows_ports_values_and_options(self):
+        for line, wanted in (
+                ("port vlan lab port0,po", {f"port0,port{n}" for n in range(8)}),
+                ("port vlan lab port0..port7", {"port0..port7"}), ("--json port vl", {"vlan"}),
+                ("--timeout 5s --json port list l", {"lab"}), ("--js", {"--json"}), ("switch multicast lab ",
+                                                                                    {"legacy", "snooping"}),
+                ("port block lab port0 ", {"on", "off"}), ("port list lab -o ", {"table", "wide", "name"}),
+                ("switch teaming lab --algorithm s", {"source-mac"}), ("completion ", {"bash", "zsh", "fish"}),
+                ("port vlan lab --ex", {"--existing"}), ("port vlan lab --all-ports --pr", {"--priority"}),
+                ("watch --times 3 port li", {"list"}), ("show ", {"lab", "none"}), ("port vlan none ", set())):
+            self.assertEqual(set(self.run_vsctl("complete", "--", *line.split(" ")).splitlines()), wanted, line)
+
     def test_metrics_are_those_of_the_host(self):
         name = 'a"b\\c\nd'
         self.run_vsctl("switch", "create", name, "--ports", "1")

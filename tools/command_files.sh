@@ -15,7 +15,7 @@ mkdir -p "$output/host/man/man1" "$output/host/man/man5" "$output/vsctl/man/man1
 "$vsctl" schema --output >"$completions/vswitchctl/vsctl-output.schema.json"
 
 "$python" "$tools/command_page.py" "$vshost" "$version" "$tools/vshost.roff" "$output/host/man/man1/vshost.1"
-"$python" "$tools/command_page.py" "$vsctl" "$version" "$tools/vsctl.roff" "$output/vsctl/man/man1/vsctl.1"
+"$python" "$tools/vsctl_pages.py" "$vsctl" "$version" "$tools/vsctl.roff" "$output/vsctl/man/man1"
 "$python" "$tools/schema_page.py" "$1/platform/scenario/scenario.schema.json" "$version" \
     "$output/host/man/man5/vshost-scenario.5"
 "$python" "$tools/schema_page.py" "$completions/vswitchctl/vsctl-plan.schema.json" "$version" \

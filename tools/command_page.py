@@ -11,18 +11,15 @@ from pathlib import Path
 
 from manpages import block, escape, verbatim
 
-VERBS = re.compile(r"[a-z-]+(, [a-z-]+)*")
-
 
 def output(program, *words):
     return subprocess.run([program, *words], capture_output=True, text=True, check=True).stdout
 
 
 def commands(text):
-    """The words of every command: what stands under "Subcommands", or each noun with each of its verbs."""
-    _, listed, under = text.partition("Subcommands:\n")
-    for name, rest in re.findall(r"^  ([a-z][a-z-]*)  +(\S.*)$", under if listed else text, re.M):
-        yield from ([name, verb] for verb in rest.split(", ")) if not listed and VERBS.fullmatch(rest) else [[name]]
+    """The words of every command: what stands under "Subcommands"."""
+    _, _, listed = text.partition("Subcommands:\n")
+    return [[name] for name in re.findall(r"^  ([a-z][a-z-]*)  +\S", listed, re.M)]
 
 
 def help_of(program, words):
@@ -46,9 +43,6 @@ def command_lines(program, words):
             yield f".TP\n\\fB{escape(re.sub(' (REQUIRED|Excludes: .*)$', '', option))}\\fP\n{block(escape(meaning))}"
     if "Examples" in parts:
         yield verbatim(re.sub(r"^  ", "", parts["Examples"].rstrip(), flags=re.M))
-    if "Library operations" in parts:
-        names = parts["Library operations"].split()
-        yield ".PP\nUses " + ", ".join(f"\\fB\\%{name.strip(',')}\\fP(3)" for name in names) + "."
     for name, _ in rows(parts.get("Subcommands", "")):
         yield from command_lines(program, [*words, name])
 
@@ -57,7 +51,7 @@ def main():
     program, version, more, path = sys.argv[1:]
     name, text = Path(program).name, output(program, "--help")
     about = text.partition("\n")[0].rstrip(".").removeprefix(name + " ")
-    words = list(commands(text))
+    words = commands(text)
     lines = [f'.TH {name.upper()} {Path(path).suffix[1:]} "" "vswitchctl {version}" "vswitchctl"',
              f".SH NAME\n{name} \\- {escape(about[0].lower() + about[1:])}"]
     if words:
@@ -66,9 +60,6 @@ def main():
         lines.append(".SH SYNOPSIS AND OPTIONS\n.ad l")
     for command in words or [[]]:
         lines += command_lines(program, command)
-    if "help exit" in text:
-        lines.append(".SH EXIT STATUS")
-        lines += [f".TP\n{code}\n{block(escape(meaning))}" for code, meaning in rows(output(program, "help", "exit"))]
     Path(path).write_text("\n".join(lines) + "\n" + Path(more).read_text())
 
 

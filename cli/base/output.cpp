@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fmt/color.h>
+#include <numeric>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -79,9 +80,14 @@ std::string Upright(const Json &row)
     size_t width = 0;
     for (const auto &[key, value] : row.items())
         width = std::max(width, TextWidth(key));
+    const size_t room = std::max<size_t>(TerminalWidth(), width + 22) - width - 2;
     std::string text;
-    for (const auto &[key, value] : row.items())
-        text += fmt::format("{}  {}\n", TitleText(Pad(key, width)), CellText(value));
+    for (const auto &[key, value] : row.items()) {
+        const auto lines =
+            isatty(STDOUT_FILENO) ? Wrapped(CellText(value), room) : std::vector{CellText(value)};
+        const std::string separator = "\n" + std::string(width + 2, ' ');
+        text += fmt::format("{}  {}\n", TitleText(Pad(key, width)), fmt::join(lines, separator));
+    }
     return text;
 }
 
@@ -185,24 +191,81 @@ std::string CellText(const Json &value)
     return fmt::format("{}", fmt::join(parts, value.is_array() ? "," : " "));
 }
 
-std::string TableText(const Json &rows)
+namespace {
+
+// The keys that name what a row is about, the most exact one first. A row that begins with another name than
+// its switch is about that.
+constexpr const char *NAME_KEYS[] = {"session", "address", "group", "option", "lag", "key", "uplink", "port"};
+
+bool IsName(const Json &value) { return value.is_string() || value.is_number(); }
+
+const Json &NameOf(const Json &row)
+{
+    if (row.contains("switch") && row.begin().key() != "switch") return row.front();
+    for (const char *key : NAME_KEYS) {
+        if (row.contains(key) && IsName(row[key])) return row[key];
+    }
+    return row.front();
+}
+
+std::string WholeText(const Json &value)
+{
+    return value.is_string() ? Printable(value.get_ref<const std::string &>()) : CellText(value);
+}
+
+std::string NamesText(const Json &rows)
+{
+    std::string text;
+    for (const Json &row : rows)
+        text += WholeText(NameOf(row)) + "\n";
+    return text;
+}
+
+// The rows with these columns only.
+Json Chosen(const Json &rows, const std::vector<std::string> &columns)
+{
+    const auto known = Columns(rows);
+    for (const std::string &column : columns) {
+        if (std::find(known.begin(), known.end(), column) != known.end()) continue;
+        throw Error(Exit::USAGE, fmt::format("there is no column '{}'", column),
+                    fmt::format("the columns are {}", fmt::join(known, ",")));
+    }
+    Json chosen = Json::array();
+    for (const Json &row : rows) {
+        Json &only = chosen.emplace_back(Json::object());
+        for (const std::string &column : columns)
+            only[column] = row.value(column, Json());
+    }
+    return chosen;
+}
+
+}
+
+std::string TableText(const Json &rows, const TableStyle &style)
 {
     if (rows.empty()) return "";
+    if (!style.columns.empty()) return TableText(Chosen(rows, style.columns), {style.form});
+    if (style.form == "name") return NamesText(rows);
+    const bool isWide = style.form == "wide";
     const auto columns = Columns(rows);
-    if (columns.size() > MAX_TABLE_COLUMNS) return AllUpright(rows);
+    if (columns.size() > MAX_TABLE_COLUMNS && !isWide) return AllUpright(rows);
     std::vector<std::vector<std::string>> lines(1);
     for (const std::string &column : columns)
         lines[0].push_back(Header(column));
     for (const Json &row : rows) {
         auto &line = lines.emplace_back();
-        for (const std::string &column : columns)
-            line.push_back(row.contains(column) ? CellText(row[column]) : "-");
+        for (const std::string &column : columns) {
+            const Json value = row.value(column, Json());
+            line.push_back(isWide ? WholeText(value) : CellText(value));
+        }
     }
     std::vector<size_t> widths(columns.size());
     for (const auto &line : lines) {
         for (size_t i = 0; i < widths.size(); i++)
             widths[i] = std::max(widths[i], TextWidth(line[i]));
     }
+    const size_t total = std::accumulate(widths.begin(), widths.end(), 2 * widths.size() - 2);
+    if (!isWide && isatty(STDOUT_FILENO) && total > TerminalWidth()) return AllUpright(rows);
     std::string text = TitleText(JoinLine(lines[0], widths)) + "\n";
     for (size_t i = 1; i < lines.size(); i++)
         text += JoinLine(lines[i], widths) + "\n";
@@ -225,12 +288,12 @@ std::vector<std::string> InLines(const std::vector<std::string> &words, std::str
     return lines;
 }
 
-void PrintRows(const std::string &title, const Json &rows, bool json)
+void PrintRows(const std::string &title, const Json &rows, bool json, const TableStyle &style)
 {
     if (json)
         Print(Dump({{"command", title}, {"result", rows}}) + "\n");
     else
-        Print(TableText(rows));
+        Print(TableText(rows, style));
 }
 
 std::string ErrorText(const Error &error, bool json)

@@ -21,12 +21,18 @@ std::vector<std::string> Wrapped(const std::string &text, size_t columns);
 
 // A value in one cell: objects as "key=value …", long bytes shortened.
 std::string CellText(const Json &value);
-// An aligned table with a column for each key of the rows; rows with many keys stand upright.
-std::string TableText(const Json &rows);
+// How rows are printed for people.
+struct TableStyle {
+    std::string form = "table"; // "table"; "wide": a line for each row, whole; "name": what each row is about
+    std::vector<std::string> columns = {}; // empty: all
+};
+// An aligned table with a column for each key of the rows. Rows with many keys, or wider than the terminal,
+// stand upright.
+std::string TableText(const Json &rows, const TableStyle &style = {});
 // The words, joined to lines that fit a terminal beside a margin of so many columns.
 std::vector<std::string> InLines(const std::vector<std::string> &words, std::string_view separator,
                                  size_t margin);
-void PrintRows(const std::string &title, const Json &rows, bool json);
+void PrintRows(const std::string &title, const Json &rows, bool json, const TableStyle &style = {});
 // One line, which ends in a newline; a JSON object with `json`.
 std::string ErrorText(const Error &error, bool json);
 // Writes it to standard error.

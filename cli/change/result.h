@@ -1,6 +1,7 @@
 // What a verb returns, and the options that every verb takes.
 #pragma once
 
+#include "cli/base/output.h"
 #include "cli/change/step.h"
 
 namespace vsctl {
@@ -8,7 +9,8 @@ namespace vsctl {
 struct Options {
     bool json = false;
     bool dryRun = false;
-    bool quiet = false;  // neither a progress bar nor a summary
+    bool quiet = false; // neither a progress bar nor a summary
+    TableStyle style;
     double timeout = 30; // seconds
 };
 

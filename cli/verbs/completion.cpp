@@ -25,13 +25,17 @@ std::vector<std::string> RunningUplinkNames(const std::string &alias)
     return names;
 }
 
-// A platform that does not list ports still lists uplinks, which are ports too.
+// None when the platform does not answer. A platform that does not list ports still lists uplinks, which are
+// ports too.
 std::vector<std::string> PortIds(const std::string &alias)
 {
-    if (!IsEmbedded()) return ReadUplinks(alias).ids;
     std::vector<std::string> ids;
-    for (const vshost_port &port : PortsOf(alias))
-        ids.emplace_back(port.id);
+    try {
+        if (!IsEmbedded()) return ReadUplinks(alias).ids;
+        for (const vshost_port &port : PortsOf(alias))
+            ids.emplace_back(port.id);
+    } catch (const Error &) {
+    }
     return ids;
 }
 
@@ -41,25 +45,50 @@ std::vector<std::string> LiveNames(Names names, const std::string &alias)
     try {
         if (names == Names::SWITCH) return SwitchNames();
         if (names == Names::UPLINK) return ReadUplinks(alias).ids;
-        if (names == Names::PORT) return PortIds(alias);
         if (names == Names::RUNNING_UPLINK) return RunningUplinkNames(alias);
     } catch (const Error &) {
     }
     return {};
 }
 
+// The values that a rule allows, where they are few.
+std::vector<std::string> FixedValues(const std::optional<Field> &rule)
+{
+    if (!rule || (rule->form != Form::CHOICE && rule->form != Form::BOOLEAN)) return {};
+    auto values =
+        rule->form == Form::CHOICE ? Words(rule->choices, "|") : std::vector<std::string>{"on", "off"};
+    if (rule->canBeNone) values.push_back(NONE);
+    return values;
+}
+
+// What a word before its last comma or range has, so that lists of names can be completed.
+std::string ListStart(const std::string &typed)
+{
+    const size_t comma = typed.rfind(','), dots = typed.rfind("..");
+    const size_t start =
+        std::max(comma == std::string::npos ? 0 : comma + 1, dots == std::string::npos ? 0 : dots + 2);
+    return typed.substr(0, start);
+}
+
+std::vector<std::string> Prefixed(const std::string &prefix, std::vector<std::string> names)
+{
+    for (std::string &name : names)
+        name.insert(0, prefix);
+    return names;
+}
+
 std::vector<std::string> OptionNames(const Verb &verb)
 {
     std::vector<std::string> names;
     for (const Argument &argument : AllArguments(verb)) {
-        if (argument.name.starts_with("--")) names.push_back(argument.name);
+        if (argument.name.starts_with("-")) names.push_back(argument.name);
     }
     return names;
 }
 
-const Argument *FindArgument(const Verb &verb, const std::string &name)
+const Argument *FindArgument(const std::vector<Argument> &arguments, const std::string &name)
 {
-    for (const Argument &argument : verb.arguments) {
+    for (const Argument &argument : arguments) {
         if (argument.name == name) return &argument;
     }
     return nullptr;
@@ -67,18 +96,19 @@ const Argument *FindArgument(const Verb &verb, const std::string &name)
 
 // The positional argument that the last word stands for. `alias` receives the first one, which names the
 // switch.
-const Argument *Positional(const Verb &verb, const std::vector<std::string> &words, std::string &alias)
+const Argument *Positional(const std::vector<Argument> &arguments, const std::vector<std::string> &words,
+                           std::string &alias)
 {
     size_t position = 0;
     for (size_t i = 0; i + 1 < words.size(); i++) {
-        const Argument *option = FindArgument(verb, words[i]);
+        const Argument *option = FindArgument(arguments, words[i]);
         if (option && option->shape == Shape::OPTION) i++;
-        if (words[i].starts_with("--") || (option && option->shape == Shape::OPTION)) continue;
+        if (words[i].starts_with("-") || (option && option->shape == Shape::OPTION)) continue;
         if (position++ == 0) alias = words[i];
     }
     const Argument *last = nullptr;
-    for (const Argument &argument : verb.arguments) {
-        if (argument.name.starts_with("--")) continue;
+    for (const Argument &argument : arguments) {
+        if (argument.name.starts_with("-")) continue;
         last = &argument;
         if (position-- == 0) return last;
     }
@@ -87,20 +117,41 @@ const Argument *Positional(const Verb &verb, const std::vector<std::string> &wor
 
 std::vector<std::string> CompleteArguments(const Verb &verb, const std::vector<std::string> &words)
 {
-    if (words.back().starts_with("-")) return OptionNames(verb);
+    const std::vector<Argument> arguments = AllArguments(verb);
+    const Argument *option = words.size() > 1 ? FindArgument(arguments, words[words.size() - 2]) : nullptr;
+    const bool isValue = option && option->shape == Shape::OPTION;
+    if (!isValue && words.back().starts_with("-")) return OptionNames(verb);
     std::string alias;
-    const Argument *argument = Positional(verb, words, alias);
-    const Argument *option = words.size() > 1 ? FindArgument(verb, words[words.size() - 2]) : nullptr;
-    if (option && option->shape == Shape::OPTION) argument = option;
+    const Argument *argument = Positional(arguments, words, alias);
+    if (isValue) argument = option;
     if (!argument) return {};
     if (argument->names == Names::NOUN) return Nouns();
     if (argument->names == Names::VERB) return VerbNames(alias);
-    return LiveNames(argument->names, alias);
+    if (argument->names == Names::PORT) return Prefixed(ListStart(words.back()), PortIds(alias));
+    if (argument->name == "VALUE" && verb.policy) return FixedValues(verb.policy->fields[0]);
+    const auto values = FixedValues(argument->rule);
+    return values.empty() ? LiveNames(argument->names, alias) : values;
 }
 
-std::vector<std::string> Candidates(const std::vector<std::string> &words)
+// Options that stand before the noun are left out.
+std::vector<std::string> WithoutLeadingOptions(const std::vector<std::string> &words)
 {
-    if (words.size() <= 1) return Nouns();
+    size_t first = 0;
+    const auto takesWord = [](const std::string &option) {
+        return TakesWord(option) || option == "--interval" || option == "--times"; // the last two are watch's
+    };
+    while (first + 1 < words.size() && words[first].starts_with("-"))
+        first += takesWord(words[first]) ? 2 : 1;
+    return {words.begin() + static_cast<ptrdiff_t>(std::min(first, words.size() - 1)), words.end()};
+}
+
+std::vector<std::string> Candidates(const std::vector<std::string> &given)
+{
+    if (given.empty()) return Nouns();
+    const std::vector<std::string> words = WithoutLeadingOptions(given);
+    if (words.size() == 1)
+        return words[0].starts_with("-") ? std::vector<std::string>{"--json", "--timeout", VERSION, "--help"}
+                                         : Nouns();
     const std::vector<std::string> rest(words.begin() + 1, words.end());
     if (words[0] == "watch") return Candidates(rest);
     if (const auto verbs = VerbNames(words[0]); words.size() == 2 && !verbs.empty()) return verbs;

@@ -13,6 +13,11 @@ namespace {
 
 const Argument JSON{"--json", Shape::FLAG, "Print JSON"};
 const Argument TIMEOUT{"--timeout", Shape::OPTION, "Longest wait, like 500ms, 30s or 2m (default 30s)"};
+const Argument STYLE = Excluding({"-o", Shape::OPTION, "How rows are printed: table, wide or name",
+                                  Names::NONE, Field{"", Form::CHOICE, "", 0, 0, "table|wide|name"}},
+                                 {"--json"});
+const Argument COLUMNS =
+    Excluding({"--columns", Shape::OPTION, "Columns to print, like port,vlan"}, {"--json"});
 const Argument DRY_RUN{"--dry-run", Shape::FLAG, "Show what would change and change nothing"};
 const Argument QUIET{"--quiet", Shape::FLAG, "Show neither progress nor a summary"};
 
@@ -56,6 +61,14 @@ class HelpFormat : public CLI::Formatter {
         return fmt::format("Usage: {} [OPTIONS] NOUN VERB [ARGUMENTS]\n", name);
     }
 
+    std::string make_option_desc(const CLI::Option *option) const override
+    {
+        const size_t margin = get_column_width();
+        return fmt::format("{}", fmt::join(Wrapped(CLI::Formatter::make_option_desc(option),
+                                                   std::max(TerminalWidth(), margin + 20) - margin),
+                                           "\n"));
+    }
+
     std::string make_option_opts(const CLI::Option *option) const override
     {
         const std::string repeats = option->get_expected_max() > 1 ? " ..." : "";
@@ -76,6 +89,8 @@ void ReadCommon(const Arguments &arguments, Options &options)
     if (arguments.Has("--json")) options.json = true;
     if (arguments.Has("--dry-run")) options.dryRun = true;
     if (arguments.Has("--quiet")) options.quiet = true;
+    options.style.form = arguments.Text(STYLE.name, "table");
+    if (arguments.Has(COLUMNS.name)) options.style.columns = Words(arguments.Text(COLUMNS.name), ",");
     if (arguments.Has("--timeout")) options.timeout = ParseSeconds("--timeout", arguments.Text("--timeout"));
 }
 
@@ -146,6 +161,7 @@ std::vector<Argument> AllArguments(const Verb &verb)
     if (NamesSwitch(verb) && !Takes(verb, BY_ID.name)) arguments.push_back(BY_ID);
     arguments.push_back(JSON);
     if (verb.effect != Effect::READS) arguments.insert(arguments.end(), {DRY_RUN, QUIET});
+    if (verb.PrintsTable()) arguments.insert(arguments.end(), {STYLE, COLUMNS});
     arguments.push_back(TIMEOUT);
     return arguments;
 }
@@ -174,7 +190,7 @@ Parser::Parser(const Verb &verb)
     app->set_help_flag("-h,--help", "Show this help");
     for (const Argument &argument : AllArguments(verb))
         AddArgument(*app, argument, arguments.Slot(argument.name));
-    for (const Argument &argument : verb.arguments)
+    for (const Argument &argument : AllArguments(verb))
         AddConditions(*app, argument);
     if (verb.noun == "watch") app->prefix_command();
     app->footer([&verb] { return Footer(verb); });
@@ -218,11 +234,16 @@ bool LacksVerb(const std::vector<std::string> &words)
 
 }
 
+bool TakesWord(const std::string &option)
+{
+    return option == TIMEOUT.name || option == STYLE.name || option == COLUMNS.name;
+}
+
 std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words)
 {
     auto noun = words.begin();
     while (noun < words.end() && noun->starts_with("-"))
-        noun += *noun == "--timeout" && noun + 1 < words.end() ? 2 : 1;
+        noun += TakesWord(*noun) && noun + 1 < words.end() ? 2 : 1;
     std::vector<std::string> options(words.begin(), noun);
     words.erase(words.begin(), noun);
     if (std::find(options.begin(), options.end(), VERSION) != options.end()) return {VERSION};

@@ -86,6 +86,12 @@ struct Verb {
     const Policy *policy = nullptr;
 
     std::string Title() const { return name.empty() ? noun : noun + " " + name; }
+    // Whether people see its rows, not a text.
+    bool PrintsTable() const
+    {
+        return effect == Effect::STEPS || manual.record || (!manual.rows.empty() && manual.rows[0] != '@') ||
+               manual.rows == "@session";
+    }
 };
 
 // Rows of the table, one function for each effect. The title is the noun and, after a space, the name.

@@ -69,12 +69,12 @@ std::string ChangeLine(const Json &change)
                        HasColor(STDOUT_FILENO) ? fmt::format(fmt::emphasis::bold, "{}", after) : after);
 }
 
-void Show(const std::string &title, const Json &rows, bool json)
+void Show(const std::string &title, const Json &rows, const Options &options)
 {
-    if (json)
+    if (options.json)
         Print(Dump({{"command", title}, {"time", time(nullptr)}, {"result", rows}}) + "\n");
     else
-        Print(fmt::format("{} {}\n{}", Clock(), title, TableText(rows)));
+        Print(fmt::format("{} {}\n{}", Clock(), title, TableText(rows, options.style)));
 }
 
 void ShowChanges(const std::string &title, const Json &changes, bool json)
@@ -142,7 +142,7 @@ Result Watch(const Verb &, const Arguments &arguments)
         else if (!now.steps.empty())
             throw Error(Exit::USAGE, verb.Title() + " would change something", "watch only reads");
         if (round == 0)
-            Show(verb.Title(), now.rows, options.json);
+            Show(verb.Title(), now.rows, options);
         else if (const Json changes = Differences(before, now.rows); !changes.empty())
             ShowChanges(verb.Title(), changes, options.json);
         before = now.rows;

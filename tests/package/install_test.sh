@@ -22,6 +22,13 @@ if [ -e "$build/platform/vshostd" ]; then
     [ ! -s "$work/warnings" ]
 fi
 
+# A page for each noun, and one for what holds for all of them.
+grep -q '^.SS vsctl port vlan' "$stage/share/man/man1/vsctl-port.1"
+grep -q '^.BR vsctl.*port (1)$' "$stage/share/man/man1/vsctl.1"
+grep -q '^.SH FILES$' "$stage/share/man/man1/vsctl.1"
+man --warnings -l "$stage/share/man/man1/vsctl.1" 2>"$work/warnings" | grep -q -- '--columns'
+[ ! -s "$work/warnings" ]
+
 # Without a platform it starts too, and says what is missing.
 "$stage/bin/vsctl" --version | grep -q '^vsctl '
 for words in doctor "switch list"; do

@@ -1,7 +1,8 @@
 """Code that `mypy --strict` must accept, and faults that it must find: an unused "ignore" is an error."""
 
-from vswitchctl import (BadParam, DriverList, Exists, NoMemory, NotFound, Record, Status, StatusError, VLANRange,
-                        VSDVS_GetMTU, VSDVS_GetPortVLANPolicy, VSDVS_SetPortVLANPolicy, VSZOR_GetUplinks, as_text)
+from vswitchctl import (BadParam, DriverList, Exists, Host, NoMemory, NotFound, Record, Security, Status, StatusError,
+                        Vlan, VLANRange, VSDVS_GetMTU, VSDVS_GetPortVLANPolicy, VSDVS_SetPortVLANPolicy,
+                        VSZOR_GetUplinks, as_text)
 
 
 def mtu(alias: str) -> int | None:
@@ -27,7 +28,21 @@ def nics(portset: str) -> list[str]:
     return [as_text(uplink) for uplink in uplinks]
 
 
+def vlans(host: Host) -> dict[str, Vlan]:
+    with host.transaction():
+        for switch in host.switches.values():
+            switch.mtu = max(switch.mtu, 9000)
+            for port in switch.ports.values():
+                port.security = Security(lock_address=True)
+    return {name: port.vlan for name, port in host.switches["lab"].ports.items()}
+
+
 def mistakes() -> None:
+    lab = Host().switches["lab"]
+    lab.mtu = "9000"  # type: ignore[assignment]
+    lab.ports["port0"].vlan = 100  # type: ignore[assignment]
+    lab.ports[0].vlan  # type: ignore[index]
+    lab.name = "other"  # type: ignore[misc]
     VSDVS_GetMTU(5)  # type: ignore[arg-type]
     VSDVS_GetMTU(None)  # type: ignore[arg-type]
     VSDVS_GetMTU("lab", 1)  # type: ignore[call-arg]

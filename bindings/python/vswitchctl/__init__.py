@@ -5,6 +5,8 @@ interface writes through pointers comes back as the result, and a failing status
 the switch, port and other names of the call. A value that doesn't fit an argument is a TypeError, ValueError or
 OverflowError that names the argument.
 Buffers of the library are copied and released. Manual pages have the rest, as in `man VSDVS_GetMTU`.
+
+`Host` has the same as objects: `Host().switches["lab"].ports["port0"].vlan = Vlan(100, priority=3)`.
 """
 
 from ._library import BadParam as BadParam
@@ -17,3 +19,15 @@ from ._library import StatusError as StatusError
 from ._library import as_text as as_text
 from ._operations import *
 from ._status import Status as Status
+from .host import Host as Host
+from .host import Missing as Missing
+from .host import Port as Port
+from .host import PortsNotListed as PortsNotListed
+from .host import Security as Security
+from .host import Switch as Switch
+from .host import Teaming as Teaming
+from .host import TransactionFailed as TransactionFailed
+from .host import Uplink as Uplink
+from .host import Vlan as Vlan
+
+__version__ = "1.0.0"
