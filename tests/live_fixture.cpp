@@ -74,7 +74,7 @@ LoadOptions LiveTest::Options()
     LoadOptions options;
     options.bpffs = Sandbox::Get().Bpffs();
     options.identity = "host";
-    options.capacity = {.ports = 256, .switches = 16, .addresses = 16384};
+    options.capacity = {.ports = 256, .switches = 16, .addresses = 16384, .groups = 4096};
     return options;
 }
 

@@ -18,5 +18,8 @@ TEST_P(LiveFrames, LeaveAsTheTableSays)
 INSTANTIATE_TEST_SUITE_P(Tables, LiveFrames, testing::ValuesIn(FrameTables()),
                          [](const auto &info) { return info.param.name; });
 
+INSTANTIATE_TEST_SUITE_P(MoreTables, LiveFrames, testing::ValuesIn(MulticastTables()),
+                         [](const auto &info) { return info.param.name; });
+
 }
 }

@@ -8,6 +8,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "tests/live_multicast.h"
 #include "tests/live_scenario.h"
 #include "tests/live_wires.h"
 
@@ -34,11 +35,15 @@ TEST_P(LiveWires, PassFramesAsTheTableSays)
 INSTANTIATE_TEST_SUITE_P(Tables, LiveWires, testing::ValuesIn(FrameTables()),
                          [](const auto &info) { return info.param.name; });
 
+INSTANTIATE_TEST_SUITE_P(MoreTables, LiveWires, testing::ValuesIn(MulticastTables()),
+                         [](const auto &info) { return info.param.name; });
+
 // ---- Streams of numbered frames ----
 
 constexpr uint32_t SENDER = 1;
 constexpr uint8_t SOURCE = 0x11; // the last byte of an address
 constexpr uint8_t EVERYBODY = 0xff;
+constexpr uint8_t GROUP = 0xfe;
 
 Bytes NumberedFrame(uint32_t number, uint8_t destination)
 {
@@ -46,6 +51,19 @@ Bytes NumberedFrame(uint32_t number, uint8_t destination)
     for (int shift = 24; shift >= 0; shift -= 8)
         frame.push_back(static_cast<uint8_t>(number >> shift));
     if (destination == EVERYBODY) std::fill_n(frame.begin(), 6, destination);
+    frame.resize(64);
+    return frame;
+}
+
+// The number is the source's address in the packet to the group.
+Bytes NumberedGroupFrame(uint32_t number)
+{
+    const Bytes head = {1,    0,    0x5e, 1, 2, 'G', 2, 0, 0, 0, 0,  SOURCE, 0x08,
+                        0x00, 0x45, 0,    0, 0, 0,   0, 0, 0, 1, 17, 0,      0};
+    Bytes frame = head;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        frame.push_back(static_cast<uint8_t>(number >> shift));
+    frame.insert(frame.end(), {239, 1, 2, 'G'});
     frame.resize(64);
     return frame;
 }
@@ -60,7 +78,8 @@ Bytes Hello(uint8_t source)
 
 uint32_t NumberOf(const Bytes &frame)
 {
-    const uint8_t *number = frame.data() + (frame[12] == 0x81 ? 18 : 14); // behind the tag
+    const size_t offset = frame[12] == 0x81 ? 18 : frame[12] == 0x08 ? 26 : 14; // behind the tag
+    const uint8_t *number = frame.data() + offset;
     return static_cast<uint32_t>(number[0] << 24 | number[1] << 16 | number[2] << 8 | number[3]);
 }
 
@@ -86,7 +105,8 @@ public:
               StayOnProcessor(1);
               while (!stop) {
                   before = number;
-                  wire.Send(NumberedFrame(number, destination));
+                  wire.Send(destination == GROUP ? NumberedGroupFrame(number)
+                                                 : NumberedFrame(number, destination));
                   after = ++number;
                   // The receiver's buffer holds what nobody has taken yet; leave it some room.
                   if (number % 8 == 0) usleep(1000);
@@ -364,6 +384,71 @@ TEST_F(LiveInterfaces, ObeyAChangeFromTheNextFrameOn)
     for (const Span &span : spans)
         for (uint32_t i = span.first; i < span.last; i++, judged++)
             ASSERT_EQ(arrivals[i], span.passes ? 1u : 0u) << "frame " << i;
+    EXPECT_GE(judged, FLIPS);
+}
+
+TEST_F(LiveInterfaces, ObeyTheMulticastModeFromTheNextFrameOn)
+{
+    constexpr uint32_t FLIPS = 200, OTHER = 2, MEMBER = 3;
+    WireSet set = MakeWires();
+    Wires wires(Options(), set);
+    SwitchConfig config = Switch(3, {});
+    const auto hasMember = [&] {
+        std::vector<GroupEntry> groups;
+        EXPECT_EQ(wires.path.Tables().ReadGroups(config.id, groups), STATUS_OK);
+        return !groups.empty();
+    };
+    MulticastPacket report;
+    report.Take("igmp2=G");
+    Bytes reportFrame = report.Destination();
+    reportFrame.insert(reportFrame.end(), {2, 0, 0, 0, 0, MEMBER, 0x08, 0x00});
+    const Bytes payload = report.Payload('m');
+    reportFrame.insert(reportFrame.end(), payload.begin(), payload.end());
+    wires.Publish(config);
+    struct Span {
+        uint32_t first, last; // frames that were sent whole while nothing changed
+        bool isForAll;
+        bool isForMember;
+    };
+    std::vector<Span> spans;
+    Stream stream(wires.At(SENDER), GROUP);
+    std::vector<Sent> arrived;
+    const auto pass = [&](bool isForAll, bool isForMember) {
+        const uint32_t first = stream.before + 1;
+        const uint32_t last = stream.Pass(2);
+        spans.push_back({first, last, isForAll, isForMember});
+        WaitUntilForwarded(wires, last);
+        for (uint32_t port : {OTHER, MEMBER})
+            while (const std::optional<Bytes> frame = wires.At(port).Receive())
+                arrived.push_back(MakeSent(port, *frame));
+    };
+    for (uint32_t i = 0; i < FLIPS; i++) {
+        config.snooping = i % 2 == 0;
+        wires.Publish(config);
+        pass(!config.snooping, !config.snooping);
+        if (!config.snooping) continue;
+        EXPECT_FALSE(hasMember());
+        wires.At(MEMBER).Send(reportFrame);
+        while (!hasMember() && !HasFailure())
+            usleep(100);
+        pass(false, true);
+    }
+    const uint32_t count = stream.Stop();
+    for (const Sent &one : wires.Settle())
+        arrived.push_back(one);
+    const auto at = [&](uint32_t port) {
+        std::vector<Sent> some;
+        std::copy_if(arrived.begin(), arrived.end(), std::back_inserter(some),
+                     [&](const Sent &one) { return one.port == port; });
+        return Arrivals(some, count);
+    };
+    const std::vector<uint32_t> other = at(OTHER), member = at(MEMBER);
+    uint32_t judged = 0;
+    for (const Span &span : spans)
+        for (uint32_t i = span.first; i < span.last; i++, judged++) {
+            ASSERT_EQ(other[i], span.isForAll) << "frame " << i;
+            ASSERT_EQ(member[i], span.isForMember) << "frame " << i;
+        }
     EXPECT_GE(judged, FLIPS);
 }
 

@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <functional>
+#include <linux/if_ether.h>
 #include <map>
 #include <sstream>
+
+#include "tests/live_multicast.h"
 
 namespace live_test {
 namespace {
@@ -157,6 +160,7 @@ SwitchConfig Config(const std::string &text)
                 if (word.starts_with("pvlan=")) AddPrivateVlans(config, value);
                 if (word == "static") config.learnsStatic = true;
                 if (word.starts_with("mirror=")) config.mirrors.push_back(MirrorOf(value));
+                if (word == "snooping") config.snooping = true;
             }
             continue;
         }
@@ -204,13 +208,17 @@ struct TestFrame {
     uint32_t segmentSize = 0;
     uint32_t etherType = 0x1234;
     Bytes payload; // what the payload begins with
+    MulticastPacket multicast;
 
     // Without the outer tag.
     Bytes Inner() const
     {
         Bytes bytes;
-        for (uint8_t byte : Mac(destination))
-            bytes.push_back(byte);
+        if (multicast.IsSet())
+            bytes = multicast.Destination();
+        else
+            for (uint8_t byte : Mac(destination))
+                bytes.push_back(byte);
         for (uint8_t byte : Mac(source))
             bytes.push_back(byte);
         for (size_t i = 1; i < tags.size(); i++)
@@ -265,10 +273,14 @@ TestFrame Frame(const std::vector<std::string> &words)
             frame.payload.assign(60, 0);
             frame.payload[6] = 6;
             frame.payload[40 + 12] = 0x50;
-        } else
+        } else if (!frame.multicast.Take(word))
             for (const std::string &tag : Split(word, ','))
                 frame.tags.push_back(tag);
     }
+    if (!frame.multicast.IsSet()) return frame;
+    frame.etherType = frame.multicast.EtherType();
+    frame.payload = frame.multicast.Payload(frame.source);
+    frame.length = static_cast<uint32_t>(ETH_HLEN + frame.payload.size());
     return frame;
 }
 
@@ -374,7 +386,8 @@ private:
             {"forget", &Scenario::Forget},     {"static", &Scenario::Static},
             {"remove", &Scenario::Remove},     {"count", &Scenario::CheckCounters},
             {"table", &Scenario::CheckTable},  {"session", &Scenario::CheckSession},
-            {"announce", &Scenario::Announce},
+            {"announce", &Scenario::Announce}, {"groups", &Scenario::CheckGroups},
+            {"rooms", &Scenario::CheckRooms},
         };
         (this->*VERBS.at(words[0]))(words);
     }
@@ -532,6 +545,7 @@ private:
             {"REFLECTED", LIVE_REFLECTED},
             {"FAILOVERS", LIVE_FAILOVERS},
             {"FAILBACKS", LIVE_FAILBACKS},
+            {"GROUPS_REFUSED", LIVE_GROUPS_REFUSED},
         };
         LiveCounters counters;
         ASSERT_EQ(run.path.Tables().ReadCounters(Number(words[1]), counters), vshost::STATUS_OK);
@@ -577,6 +591,45 @@ private:
             words.push_back(std::to_string(entry.portNumber) + ":" + std::to_string(entry.vlan) + ":" +
                             static_cast<char>(entry.mac[5]) + (entry.isStatic ? "!" : ""));
         std::sort(words.begin(), words.end());
+        return Join(words);
+    }
+
+    void CheckGroups(const std::vector<std::string> &words)
+    {
+        EXPECT_EQ(Groups(), Join({words.begin() + 1, words.end()}));
+    }
+
+    // "rooms 1 2 0": how many groups, sources and queriers of ports take room.
+    void CheckRooms(const std::vector<std::string> &words)
+    {
+        uint32_t groups = 0, sources = 0, queriers = 0;
+        for (const PortConfig &port : config.ports) {
+            uint32_t slot = 0;
+            ASSERT_EQ(run.path.SlotOfPort(port.number, slot), vshost::STATUS_OK);
+            groups += run.path.Kernel().ports[slot].groups;
+            sources += run.path.Kernel().ports[slot].groupSources;
+            queriers += run.path.Kernel().ports[slot].queriers;
+        }
+        EXPECT_EQ("rooms " + std::to_string(groups) + " " + std::to_string(sources) + " " +
+                      std::to_string(queriers),
+                  Join(words));
+    }
+
+    // The groups as "VLAN:4G:2-x": IPv4, members, sources. With "+" the sources are wanted, with "-" all
+    // others.
+    std::string Groups()
+    {
+        std::vector<GroupEntry> entries;
+        EXPECT_EQ(run.path.Tables().ReadGroups("switch", entries), vshost::STATUS_OK);
+        std::vector<std::string> words;
+        for (const GroupEntry &entry : entries) {
+            const bool isIpv6 = entry.family != 0x0800;
+            std::string &word = words.emplace_back(std::to_string(entry.vlan) + (isIpv6 ? ":6" : ":4"));
+            word += GroupLetter(isIpv6, entry.group.data());
+            word += ":" + std::to_string(entry.ports) + (entry.excludes ? "-" : "+");
+            for (const GroupAddress &source : entry.sources)
+                word += static_cast<char>(source[isIpv6 ? 15 : 3]);
+        }
         return Join(words);
     }
 

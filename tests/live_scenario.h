@@ -24,6 +24,7 @@ struct Table {
 
 // The data path's expected treatment of frames.
 const std::vector<Table> &FrameTables();
+const std::vector<Table> &MulticastTables();
 
 void Play(Medium &medium, const Row &row);
 

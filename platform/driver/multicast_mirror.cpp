@@ -1,5 +1,5 @@
 // Multicast groups, mirror sessions and promiscuous sessions of the driver. Modes and sessions come from the
-// store; groups, counters and further destinations come from the scenario.
+// store, groups from what the switch does; counters and further destinations come from the scenario.
 #include <algorithm>
 #include <cerrno>
 #include <set>
@@ -27,38 +27,17 @@ void AddSessions(std::string_view list, std::vector<std::string> &sessionIds)
     }
 }
 
-// A group with its statistics and the addresses of its sources.
-struct Group {
-    uint32_t vlanId;
-    std::string_view address;
-    VSwitchMcastStats stats;
-    std::string_view sources;
-};
-
-// False when the row is not whole, or doesn't hold as many sources as it says.
-bool DecodeGroup(std::string_view rest, std::string_view row, size_t width, Group &group)
-{
-    if (rest.size() != sizeof(group.vlanId) + width || row.size() < sizeof(group.stats)) return false;
-    group.vlanId = FromBigEndian(rest);
-    group.address = rest.substr(sizeof(group.vlanId));
-    memcpy(&group.stats, row.data(), sizeof(group.stats));
-    group.sources = row.substr(sizeof(group.stats));
-    return group.sources.size() == uint64_t{group.stats.count} * width;
-}
-
 // Groups of the request's portset, address kind and VLAN, in the order of VLAN and address.
-int ReadGroups(DriverRequest &request, const std::function<void(const Group &group)> &visit)
+int ReadGroups(DriverRequest &request, std::vector<MulticastGroup> &groups)
 {
     const VSwitchMcastSelector &wanted = request.input.args.mcast;
-    const size_t width = AddressWidth(wanted.addressKind);
-    if (width == 0) return 0;
-    const auto take = [&](std::string_view rest, std::string_view row) {
-        Group group;
-        if (!DecodeGroup(rest, row, width, group)) return false;
-        if (wanted.vlanId == 0 || wanted.vlanId == group.vlanId) visit(group);
-        return true;
-    };
-    return ErrnoOf(ScanRows(request.reader, runtime::GroupPrefix(request.portset, wanted.addressKind), take));
+    if (AddressWidth(wanted.addressKind) == 0) return 0;
+    const RunningSwitch vswitch = {request.portset, request.switchId};
+    const int error = ErrnoOf(request.live.ReadGroups(request.reader, vswitch, wanted.addressKind, groups));
+    std::erase_if(groups, [&](const MulticastGroup &group) {
+        return wanted.vlanId != 0 && wanted.vlanId != group.stats.vlanId;
+    });
+    return error;
 }
 
 }
@@ -73,20 +52,6 @@ bool HasMirrorSessions(std::string_view list)
 bool IsSinkPort(std::string_view filter)
 {
     return filter.size() > SINK_PORT_BYTE && (filter[SINK_PORT_BYTE] & 1);
-}
-
-size_t AddressWidth(uint32_t kind)
-{
-    switch (kind) {
-    case VSWITCH_ADDRESS_ETHERNET:
-        return 6;
-    case VSWITCH_ADDRESS_IPV4:
-        return 4;
-    case VSWITCH_ADDRESS_IPV6:
-        return 16;
-    default:
-        return 0;
-    }
 }
 
 int IsSnooping(Reader &reader, std::string_view switchId, bool &snooping)
@@ -133,31 +98,33 @@ int GetMcastGroups(DriverRequest &request)
 {
     const uint32_t kind = request.input.args.mcast.addressKind;
     std::set<std::string> addresses;
-    if (int error = ReadGroups(request, [&](const Group &group) { addresses.emplace(group.address); }))
-        return error;
+    std::vector<MulticastGroup> groups;
+    if (int error = ReadGroups(request, groups)) return error;
+    for (const MulticastGroup &group : groups)
+        addresses.insert(group.address);
     request.StartList(VSwitchListHeader{0, kind}, AddressWidth(kind));
     for (const std::string &address : addresses)
         request.Add(address);
     return 0;
 }
 
+// In several VLANs: the first one.
 int GetMcastStats(DriverRequest &request)
 {
     const VSwitchMcastSelector &wanted = request.input.args.mcast;
     const size_t width = AddressWidth(wanted.addressKind);
     const std::string_view address(reinterpret_cast<const char *>(wanted.group), width);
-    bool found = false;
-    const auto answer = [&](const Group &group) {
-        if (found || group.address != address) return;
-        found = true;
-        VSwitchMcastStats stats = group.stats;
-        stats.count = 0;
-        request.StartList(stats, width, offsetof(VSwitchMcastStats, count));
-        for (size_t at = 0; at < group.sources.size(); at += width)
-            request.Add(group.sources.substr(at, width));
-    };
-    if (int error = ReadGroups(request, answer)) return error;
-    return found ? 0 : ENOENT;
+    std::vector<MulticastGroup> groups;
+    if (int error = ReadGroups(request, groups)) return error;
+    const auto group = std::find_if(groups.begin(), groups.end(),
+                                    [&](const MulticastGroup &one) { return one.address == address; });
+    if (group == groups.end()) return ENOENT;
+    VSwitchMcastStats stats = group->stats;
+    stats.count = 0;
+    request.StartList(stats, width, offsetof(VSwitchMcastStats, count));
+    for (size_t at = 0; at < group->sources.size(); at += width)
+        request.Add(std::string_view(group->sources).substr(at, width));
+    return 0;
 }
 
 VsStatus LiveRows::ReadMirrors(Reader &reader, const RunningSwitch &vswitch,

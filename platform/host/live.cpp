@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/host/group.h"
 #include "platform/host/runtime.h"
 
 namespace vshost {
@@ -11,6 +12,31 @@ namespace {
 
 VsStatus AbsentIsOk(VsStatus status) { return status == STATUS_NOT_FOUND ? STATUS_OK : status; }
 
+// False when the row is not whole, or doesn't hold as many sources as it says.
+bool DecodeGroup(std::string_view rest, std::string_view row, size_t width, MulticastGroup &group)
+{
+    if (rest.size() != sizeof(uint32_t) + width || row.size() < sizeof(group.stats)) return false;
+    memcpy(&group.stats, row.data(), sizeof(group.stats));
+    group.stats.vlanId = FromBigEndian(rest);
+    group.address = rest.substr(sizeof(uint32_t));
+    group.sources = row.substr(sizeof(group.stats));
+    return group.sources.size() == uint64_t{group.stats.count} * width;
+}
+
+}
+
+size_t AddressWidth(uint32_t kind)
+{
+    switch (kind) {
+    case VSWITCH_ADDRESS_ETHERNET:
+        return 6;
+    case VSWITCH_ADDRESS_IPV4:
+        return 4;
+    case VSWITCH_ADDRESS_IPV6:
+        return 16;
+    default:
+        return 0;
+    }
 }
 
 VsStatus LiveRows::ReadAddresses(Reader &reader, std::span<const RunningPort> ports,
@@ -40,6 +66,16 @@ VsStatus LiveRows::ReadStatistics(Reader &reader, const RunningPort &port, VSwit
     stats = {};
     memcpy(&stats, property.value.data(), std::min(sizeof(stats), property.value.size()));
     return AbsentIsOk(status);
+}
+
+VsStatus LiveRows::ReadGroups(Reader &reader, const RunningSwitch &vswitch, uint32_t addressKind,
+                              std::vector<MulticastGroup> &groups)
+{
+    const size_t width = AddressWidth(addressKind);
+    const auto take = [&](std::string_view rest, std::string_view row) {
+        return DecodeGroup(rest, row, width, groups.emplace_back());
+    };
+    return ScanRows(reader, runtime::GroupPrefix(vswitch.portset, addressKind), take);
 }
 
 VsStatus LiveRows::ReadTeaming(Reader &reader, std::string_view portset, std::span<const RunningPort>,

@@ -12,6 +12,12 @@
 
 namespace vshost {
 
+// A switch that runs.
+struct RunningSwitch {
+    std::string portset;
+    std::string switchId;
+};
+
 // A port of a switch that runs.
 struct RunningPort {
     std::string portset;
@@ -20,9 +26,11 @@ struct RunningPort {
     uint32_t number;
 };
 
-struct RunningSwitch {
-    std::string portset;
-    std::string switchId;
+// A multicast group in a VLAN: its addresses are those of its kind, without a separator.
+struct MulticastGroup {
+    std::string address;
+    VSwitchMcastStats stats;
+    std::string sources;
 };
 
 // Threads share it.
@@ -44,6 +52,9 @@ public:
     // Of the announcements that a running switch has sent.
     virtual VsStatus ReadRarp(Reader &reader, std::string_view portset, std::string_view switchId,
                               VSwitchRarpStats &stats) = 0;
+    // The multicast groups of a switch with addresses of a kind, in the order of VLANs and addresses.
+    virtual VsStatus ReadGroups(Reader &reader, const RunningSwitch &vswitch, uint32_t addressKind,
+                                std::vector<MulticastGroup> &groups) = 0;
     // The number of the uplink port that a port sent by last. STATUS_NOT_FOUND: it has sent by none.
     virtual VsStatus ReadUplink(const RunningPort &port, uint32_t &uplinkNumber) = 0;
     // The mirror sessions of a switch with what they have done.
@@ -67,6 +78,8 @@ public:
                          VSwitchTeamingStats &stats) override;
     VsStatus ReadRarp(Reader &reader, std::string_view portset, std::string_view switchId,
                       VSwitchRarpStats &stats) override;
+    VsStatus ReadGroups(Reader &reader, const RunningSwitch &vswitch, uint32_t addressKind,
+                        std::vector<MulticastGroup> &groups) override;
     VsStatus ReadUplink(const RunningPort &, uint32_t &) override { return STATUS_NOT_FOUND; }
     VsStatus ReadMirrors(Reader &reader, const RunningSwitch &vswitch,
                          std::vector<VSwitchMirrorStats> &sessions) override;

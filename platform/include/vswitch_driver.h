@@ -287,15 +287,19 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchMirrorStats {
     uint64_t unreachable;         /**< copies whose destination has no interface */
 } VSwitchMirrorStats;
 
-/** VSWITCH_GET_MCAST_STATS; `count` source addresses of the group's kind follow. */
+/**
+ * VSWITCH_GET_MCAST_STATS; `count` source addresses of the group's kind follow. On a live host groups are
+ * those that hosts at the ports have joined by IGMP or MLD while the switch snoops; an Ethernet address
+ * stands for all IP addresses that it is used for, without sources.
+ */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchMcastStats {
-    uint32_t joins;
-    uint32_t leaves;
-    uint32_t queries;
-    uint32_t ports;  /**< ports that are members */
-    uint32_t vlanId; /**< VLAN of the group */
-    uint32_t count;  /**< sources */
-    uint32_t filter; /**< 0: packets of the sources only; 1: all packets except those of the sources */
+    uint32_t joins;   /**< how often a port became a member */
+    uint32_t leaves;  /**< messages that a host leaves */
+    uint32_t queries; /**< in the VLAN since the group has a member */
+    uint32_t ports;   /**< ports that are members */
+    uint32_t vlanId;  /**< VLAN of the group, the primary one of private VLANs */
+    uint32_t count;   /**< sources */
+    uint32_t filter;  /**< 0: packets of the sources only; 1: all packets except those of the sources */
 } VSwitchMcastStats;
 
 /** One runtime option. */

@@ -316,6 +316,7 @@ void Comparison::CompareSwitch(const SwitchConfig &config)
             wanted.hasAllFramesPorts);
     Compare(subject, "the word of learning static addresses", ReadWord(found.learnsStatic),
             wanted.learnsStatic);
+    Compare(subject, "the word of multicast snooping", ReadWord(found.snooping), wanted.snooping);
     const std::vector<PlacedMirror> mirrors = CompareMirrors(config, index);
     CompareSnapshot({config, ports, mirrors}, index);
 }

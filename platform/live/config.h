@@ -97,6 +97,7 @@ struct SwitchConfig {
     uint32_t addressLimit = 65536;
     uint32_t ageingSeconds = 600;          // 0: addresses don't age
     bool learnsStatic = false;             // addresses of learning ports neither age nor move
+    bool snooping = false;                 // multicast goes to the members of its group
     std::vector<PrivateVlan> privateVlans; // the first one with a secondary VLAN holds
     std::vector<MirrorSession> mirrors;    // at most LIVE_MIRRORS, each id once
     std::vector<PortConfig> ports;

@@ -16,11 +16,20 @@ namespace {
 
 using namespace vshost;
 
+constexpr uint32_t GROUP_LIMIT_PART = 64; // of the room for groups: what a port may have of it
+
 // Whether what a port has learned is not true any more. Words are those of LivePort.vlan.
 bool MustForget(const PortConfig &a, uint32_t wordA, const PortConfig &b, uint32_t wordB)
 {
     return a.ifindex != b.ifindex || a.uplink != b.uplink || a.learning != b.learning || a.trunk != b.trunk ||
            (a.trunk ? a.ranges != b.ranges : LivePrimaryVlan(wordA) != LivePrimaryVlan(wordB));
+}
+
+// Whether the groups are those of another guest, or of another VLAN.
+bool MustForgetGroups(const PortConfig &a, uint32_t wordA, const PortConfig &b, uint32_t wordB)
+{
+    return a.ifindex != b.ifindex || a.uplink != b.uplink || a.trunk != b.trunk ||
+           (!a.trunk && LivePrimaryVlan(wordA) != LivePrimaryVlan(wordB));
 }
 
 // The uplinks in the order of their places in the snapshot.
@@ -98,6 +107,9 @@ void DataPath::TakeOverSwitches()
         placed.config.number = port.number;
         placed.config.ifindex = port.ifindex;
         placed.config.uplink = port.flags & LIVE_PORT_UPLINK;
+        placed.config.learning = port.flags & LIVE_PORT_LEARNING;
+        placed.config.trunk = port.vlan & LIVE_PORT_TRUNK;
+        placed.isTakenOver = true;
         owner->second.ports[port.number] = placed;
         portSwitches[port.number] = port.switchIndex;
         if (port.ifindex) interfaces[port.ifindex] = port.number;
@@ -168,7 +180,19 @@ void DataPath::SetHost(const HostConfig &config)
     LiveHost &host = kernel.host[0];
     WriteWord(host.addressLimit, std::min(config.addressLimit, kernel.AddressCapacity() / 2));
     WriteWord(host.floodLimit, config.floodLimit);
+    SetGroupLimits();
     WriteWord(host.learningEnabled, config.learningEnabled);
+}
+
+// Half of the room is shared out evenly, so that a port has some whatever the others do.
+void DataPath::SetGroupLimits()
+{
+    LiveHost &host = kernel.host[0];
+    const uint32_t capacity = kernel.GroupCapacity(), ports = kernel.ports.Size();
+    const uint32_t share = capacity / 2 / ports;
+    WriteWord(host.groupShare, share);
+    WriteWord(host.groupLimit, std::max(share, capacity / GROUP_LIMIT_PART));
+    WriteWord(host.sharedGroupLimit, capacity - share * ports);
 }
 
 // ---- Preparing ----
@@ -531,6 +555,7 @@ void DataPath::Settle(Change &change)
     for (uint32_t slot : change.releasedSlots) {
         WriteWord(kernel.ports[slot].inUse, 0);
         PassEpoch(slot);
+        PassGroupEpoch(slot);
     }
     if (change.removesSwitch) {
         WriteWord(kernel.switches[change.switchIndex].inUse, 0);
@@ -568,6 +593,11 @@ void DataPath::WriteSwitch(const Change &change)
     WriteWord(vswitch.hasPrivateVlans, words.hasPrivateVlans);
     WriteWord(vswitch.learnsStatic, words.learnsStatic);
     WriteWord(vswitch.hasAllFramesPorts, words.hasAllFramesPorts);
+    // What was heard in an earlier time of snooping is not true any more: leaves have not been heard since.
+    if (words.snooping && !ReadWord(vswitch.snooping))
+        for (const auto &[number, port] : known.ports)
+            PassGroupEpoch(port.slot);
+    WriteWord(vswitch.snooping, words.snooping);
     WriteWord(vswitch.inUse, words.inUse);
 }
 
@@ -601,8 +631,10 @@ void DataPath::SettlePort(const PlacedPort &placed, const Change &change)
     if (!placed.config.addressLock || oldInterface != placed.config.ifindex)
         std::atomic_ref<uint64_t>(kernel.ports[placed.slot].lockedAddress).store(0);
     const uint32_t newVlan = ReadWord(kernel.ports[placed.slot].vlan);
+    PortConfig before = isNew ? PortConfig() : current->second.config;
+    if (!isNew && current->second.isTakenOver) before.ranges = placed.config.ranges;
     const bool forgets = !isNew && ((change.movesPrivateVlans && placed.config.trunk) ||
-                                    MustForget(current->second.config, oldVlan, placed.config, newVlan));
+                                    MustForget(before, oldVlan, placed.config, newVlan));
     if (oldInterface != placed.config.ifindex) {
         // Another port of the same change may have it by now.
         const auto user = interfaces.find(oldInterface);
@@ -611,7 +643,7 @@ void DataPath::SettlePort(const PlacedPort &placed, const Change &change)
         MapInterface(placed.config.ifindex, placed.slot);
     }
     if (forgets) PassEpoch(placed.slot);
-    const PortConfig before = isNew ? PortConfig() : current->second.config;
+    if (!isNew && MustForgetGroups(before, oldVlan, placed.config, newVlan)) PassGroupEpoch(placed.slot);
     vswitch.ports[placed.config.number] = placed;
     portSwitches[placed.config.number] = change.switchIndex;
     if (before.addresses != placed.config.addresses)
@@ -649,19 +681,27 @@ void DataPath::PassEpoch(uint32_t slot)
     forgetful.push_back(slot);
 }
 
+void DataPath::PassGroupEpoch(uint32_t slot)
+{
+    LivePort &port = kernel.ports[slot];
+    std::atomic_ref<uint32_t>(port.groupEpoch).fetch_add(1);
+    hasForgottenGroups |= ReadWord(port.groups) != 0 || ReadWord(port.groupSources) != 0;
+}
+
 // A port that doesn't learn has one address most of the time, and that one is found without a walk over the
 // table.
 VsStatus DataPath::SweepForgotten()
 {
     const std::vector<uint32_t> slots = std::exchange(forgetful, {});
     std::vector<LiveAddressKey> keys;
+    if (VsStatus status = hasForgottenGroups ? SweepGroups() : STATUS_OK) return status;
     for (uint32_t slot : slots) {
         LivePort &port = kernel.ports[slot];
         if (ReadWord(port.learned) != 1) continue;
         keys.push_back({.switchIndex = port.switchIndex, .vlan = 0, .mac = {}});
         LiveReadAddressWord(std::atomic_ref<uint64_t>(port.address).load(), &keys.back());
     }
-    if (VsStatus status = SweepKeys(keys)) return status;
+    if (VsStatus status = SweepKeys(LIVE_COMMAND_SWEEP, keys, LIVE_COMMAND_KEYS)) return status;
     const bool isClean = std::all_of(slots.begin(), slots.end(), [&](uint32_t slot) {
         return ReadWord(kernel.ports[slot].inUse) && ReadWord(kernel.ports[slot].learned) == 0;
     });
@@ -706,12 +746,13 @@ VsStatus DataPath::Detach(uint32_t ifindex)
 
 // ---- Addresses and counters ----
 
-VsStatus DataPath::Command(LiveCommandKind kind, uint32_t slot, const std::vector<LiveAddressKey> &keys)
+template<typename Key>
+VsStatus DataPath::Command(LiveCommandKind kind, uint32_t slot, const std::vector<Key> &keys)
 {
     const int result = kernel.Command(kind, slot, keys);
     if (result < 0)
         return Fail(StatusOfErrno(-result),
-                    std::string("cannot change the address table: ") + strerror(-result));
+                    std::string("cannot change the data path's tables: ") + strerror(-result));
     switch (result) {
     case LIVE_DONE:
         return STATUS_OK;
@@ -739,7 +780,7 @@ VsStatus DataPath::AddressCommand(LiveCommandKind kind, uint32_t portNumber, uin
     if (VsStatus status = SlotOfPort(portNumber, slot)) return Fail(status, "no such port");
     LiveAddressKey key = {.switchIndex = portSwitches.at(portNumber), .vlan = vlan, .mac = {}};
     std::memcpy(key.mac, mac, sizeof(key.mac));
-    return Command(kind, slot, {key});
+    return Command(kind, slot, std::vector<LiveAddressKey>{key});
 }
 
 VsStatus DataPath::AddStaticAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6])
@@ -757,6 +798,7 @@ VsStatus DataPath::ForgetLearned(uint32_t portNumber)
     uint32_t slot;
     if (VsStatus status = SlotOfPort(portNumber, slot)) return Fail(status, "no such port");
     PassEpoch(slot);
+    PassGroupEpoch(slot);
     return SweepForgotten();
 }
 
@@ -788,16 +830,32 @@ VsStatus DataPath::Sweep()
     const VsStatus status = tables.WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
         if (MustSweep(key, address)) keys.push_back(key);
     });
-    return status == STATUS_OK ? SweepKeys(keys) : Fail(status, "cannot read the address table");
+    if (status) return Fail(status, "cannot read the address table");
+    if (VsStatus failed = SweepGroups()) return failed;
+    return SweepKeys(LIVE_COMMAND_SWEEP, keys, LIVE_COMMAND_KEYS);
 }
 
-VsStatus DataPath::SweepKeys(const std::vector<LiveAddressKey> &keys)
+// What the data path will want to remove of multicast groups and their sources.
+VsStatus DataPath::SweepGroups()
 {
-    for (size_t first = 0; first < keys.size(); first += LIVE_COMMAND_KEYS) {
-        const size_t count = std::min<size_t>(LIVE_COMMAND_KEYS, keys.size() - first);
+    std::vector<LiveGroupKey> groups;
+    std::vector<LiveSourceKey> sources;
+    hasForgottenGroups = false;
+    if (VsStatus status = tables.FindEndedGroups(groups, sources))
+        return Fail(status, "cannot read the table of multicast groups");
+    // A source is judged by its group.
+    if (VsStatus status = SweepKeys(LIVE_COMMAND_SWEEP_SOURCES, sources, LIVE_COMMAND_SOURCES)) return status;
+    return SweepKeys(LIVE_COMMAND_SWEEP_GROUPS, groups, LIVE_COMMAND_KEYS);
+}
+
+template<typename Key>
+VsStatus DataPath::SweepKeys(LiveCommandKind kind, const std::vector<Key> &keys, size_t atOnce)
+{
+    for (size_t first = 0; first < keys.size(); first += atOnce) {
+        const size_t count = std::min(atOnce, keys.size() - first);
         const auto begin = keys.begin() + static_cast<ptrdiff_t>(first);
-        const std::vector<LiveAddressKey> batch(begin, begin + static_cast<ptrdiff_t>(count));
-        if (VsStatus status = Command(LIVE_COMMAND_SWEEP, 0, batch)) return status;
+        const std::vector<Key> batch(begin, begin + static_cast<ptrdiff_t>(count));
+        if (VsStatus status = Command(kind, 0, batch)) return status;
     }
     return STATUS_OK;
 }

@@ -83,8 +83,9 @@ public:
     // The address table.
     VsStatus AddStaticAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]);
     VsStatus RemoveAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]);
-    VsStatus ForgetLearned(uint32_t portNumber); // its link is lost
-    VsStatus Sweep();                            // removes what is too old; to be called every second or so
+    VsStatus ForgetLearned(uint32_t portNumber); // its link is lost, also for multicast groups
+    // Removes what is too old, of addresses and of multicast groups; to be called every second or so.
+    VsStatus Sweep();
 
     // A frame that tells the network of an address of the port was sent, or no uplink took it.
     void CountAnnouncement(uint32_t portNumber, bool isSent);
@@ -112,6 +113,7 @@ private:
     void TakeOverMirrors();
     void TakeOverStaticAddresses();
     VsStatus MeasureTick();
+    void SetGroupLimits();
     VsStatus TakeSwitchIndex(const std::string &id, Change &change);
     VsStatus CheckPorts(const SwitchConfig &config, uint32_t switchIndex);
     VsStatus CheckStaticAddresses(const Change &change);
@@ -138,9 +140,13 @@ private:
     void AddConfigured(uint32_t portNumber, const StaticAddress &address);
     void MapInterface(uint32_t ifindex, uint32_t slot);
     void PassEpoch(uint32_t slot);
+    void PassGroupEpoch(uint32_t slot);
     VsStatus SweepForgotten();
-    VsStatus SweepKeys(const std::vector<LiveAddressKey> &keys);
-    VsStatus Command(LiveCommandKind kind, uint32_t slot, const std::vector<LiveAddressKey> &keys);
+    VsStatus SweepGroups();
+    template<typename Key>
+    VsStatus SweepKeys(LiveCommandKind kind, const std::vector<Key> &keys, size_t atOnce);
+    template<typename Key = LiveAddressKey>
+    VsStatus Command(LiveCommandKind kind, uint32_t slot, const std::vector<Key> &keys);
     bool MustSweep(const LiveAddressKey &key, const LiveAddress &address);
     VsStatus AddressCommand(LiveCommandKind kind, uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]);
 
@@ -156,6 +162,7 @@ private:
     // Static addresses that met the deletion of an entry: they are added at the next sweep.
     std::vector<std::pair<uint32_t, StaticAddress>> delayed;
     std::vector<uint32_t> forgetful; // slots of ports that have forgotten addresses still in the table
+    bool hasForgottenGroups = false;
 };
 
 }

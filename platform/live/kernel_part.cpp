@@ -81,10 +81,11 @@ void RemoveDirectory(const std::string &directory)
 }
 
 // The number of entries of a map that is made; 0: the object says it.
-uint32_t EntriesOf(std::string_view map, const Capacity &capacity)
+uint32_t WantedEntries(std::string_view map, const Capacity &capacity)
 {
     if (map == "ports" || map == "counters" || map == "interfaces") return capacity.ports;
     if (map == "switches" || map == "snapshots") return capacity.switches;
+    if (map == "groups" || map == "group_sources") return capacity.groups;
     return map == "addresses" ? capacity.addresses : 0;
 }
 
@@ -142,7 +143,7 @@ VsStatus KernelPart::TakeOverMaps(const Capacity &capacity)
         if (bpf_map__is_internal(map)) continue;
         const char *name = bpf_map__name(map);
         const Descriptor pinned(bpf_obj_get((directory + "/" + name).c_str()));
-        const uint32_t entries = EntriesOf(name, capacity);
+        const uint32_t entries = WantedEntries(name, capacity);
         int error = 0;
         if (pinned)
             error = bpf_map__reuse_fd(map, pinned.Get());
@@ -206,12 +207,9 @@ VsStatus KernelPart::Load(const LoadOptions &options)
     if (error != 0) return Fail(vshost::StatusOfErrno(-error), "the kernel refuses the data path", -error);
     if (VsStatus status = Pin()) return status;
 
-    const auto entries = [&](const char *name) {
-        return bpf_map__max_entries(bpf_object__find_map_by_name(object.get(), name));
-    };
-    if (!ports.Map(MapDescriptor("ports"), entries("ports")) ||
-        !switches.Map(MapDescriptor("switches"), entries("switches")) ||
-        !host.Map(MapDescriptor("host"), 1) || !mirrors.Map(MapDescriptor("mirrors"), entries("mirrors")))
+    if (!ports.Map(MapDescriptor("ports"), EntriesOf("ports")) ||
+        !switches.Map(MapDescriptor("switches"), EntriesOf("switches")) ||
+        !host.Map(MapDescriptor("host"), 1) || !mirrors.Map(MapDescriptor("mirrors"), EntriesOf("mirrors")))
         return Fail(vshost::STATUS_NO_MEMORY, "cannot map the data path's arrays", errno);
     return vshost::STATUS_OK;
 }
@@ -243,22 +241,16 @@ int KernelPart::CommandProgram() const
     return bpf_program__fd(bpf_object__find_program_by_name(object.get(), COMMANDS));
 }
 
-uint32_t KernelPart::AddressCapacity() const
+uint32_t KernelPart::EntriesOf(const char *map) const
 {
-    return bpf_map__max_entries(bpf_object__find_map_by_name(object.get(), "addresses"));
+    return bpf_map__max_entries(bpf_object__find_map_by_name(object.get(), map));
 }
 
-int KernelPart::Command(LiveCommandKind kind, uint32_t slot, std::span<const LiveAddressKey> keys) const
+int KernelPart::Run(const LiveCommand &command, std::span<const std::byte> keys) const
 {
-    const LiveCommand command = {
-        .kind = static_cast<uint32_t>(kind),
-        .slot = slot,
-        .count = static_cast<uint32_t>(keys.size()),
-        .reserved = 0,
-    };
-    std::vector<uint8_t> packet(LIVE_COMMAND_KEYS_OFFSET + keys.size_bytes());
+    std::vector<uint8_t> packet(LIVE_COMMAND_KEYS_OFFSET + keys.size());
     std::memcpy(&packet[LIVE_COMMAND_OFFSET], &command, sizeof(command));
-    if (!keys.empty()) std::memcpy(&packet[LIVE_COMMAND_KEYS_OFFSET], keys.data(), keys.size_bytes());
+    if (!keys.empty()) std::memcpy(&packet[LIVE_COMMAND_KEYS_OFFSET], keys.data(), keys.size());
     bpf_test_run_opts run = {};
     run.sz = sizeof(run);
     run.data_in = packet.data();

@@ -7,6 +7,7 @@
 #include <set>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "platform/host/status.h"
 #include "platform/live/maps.h"
@@ -23,6 +24,7 @@ struct Capacity {
     uint32_t ports = 8192; // on all switches
     uint32_t switches = 1024;
     uint32_t addresses = 131072;
+    uint32_t groups = 65536; // multicast memberships of ports, and as many sources of groups
 };
 
 // Where and what to load.
@@ -96,15 +98,24 @@ public:
     int MapDescriptor(const char *name) const;
 
     // Runs a command: a LiveResult, or a negative errno value. Threads may do so at the same time.
-    int Command(LiveCommandKind kind, uint32_t slot, std::span<const LiveAddressKey> keys) const;
+    template<typename Key = LiveAddressKey>
+    int Command(LiveCommandKind kind, uint32_t slot, const std::vector<Key> &keys) const
+    {
+        const LiveCommand command = {.kind = static_cast<uint32_t>(kind),
+                                     .slot = slot,
+                                     .count = static_cast<uint32_t>(keys.size()),
+                                     .reserved = 0};
+        return Run(command, std::as_bytes(std::span(keys)));
+    }
 
     // Sends one: a LiveResult, or a negative errno value.
     int Announce(const Announcement &announcement) const;
 
     const std::string &Message() const { return message; }
 
-    // Room of the address table.
-    uint32_t AddressCapacity() const;
+    // Room of the address table, and of each of the tables of multicast groups and sources.
+    uint32_t AddressCapacity() const { return EntriesOf("addresses"); }
+    uint32_t GroupCapacity() const { return EntriesOf("groups"); }
 
     SharedArray<LivePort> ports;
     SharedArray<LiveSwitch> switches;
@@ -112,6 +123,8 @@ public:
     SharedArray<LiveMirrorSlot> mirrors;
 
 private:
+    int Run(const LiveCommand &command, std::span<const std::byte> keys) const;
+    uint32_t EntriesOf(const char *map) const;
     VsStatus Fail(VsStatus status, const std::string &what, int error);
     VsStatus TakeOverMaps(const Capacity &capacity);
     VsStatus Pin();

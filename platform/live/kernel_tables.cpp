@@ -11,7 +11,7 @@ using namespace vshost;
 
 namespace {
 
-constexpr uint32_t ADDRESS_BATCH = 4096;
+constexpr uint32_t BATCH = 4096;
 
 }
 
@@ -36,13 +36,13 @@ VsStatus KernelTables::FindPort(uint32_t portNumber, uint32_t &slot) const
     return STATUS_NOT_FOUND;
 }
 
-VsStatus VisitAddresses(int map, const VisitAddress &visit)
+template<typename Key, typename Value> VsStatus VisitEntries(int map, const VisitEntry<Key, Value> &visit)
 {
-    std::vector<LiveAddressKey> keys(ADDRESS_BATCH);
-    std::vector<LiveAddress> values(ADDRESS_BATCH);
+    std::vector<Key> keys(BATCH);
+    std::vector<Value> values(BATCH);
     uint32_t position = 0;
     for (bool isFirst = true;; isFirst = false) {
-        uint32_t count = ADDRESS_BATCH;
+        uint32_t count = BATCH;
         const int result = bpf_map_lookup_batch(map, isFirst ? nullptr : &position, &position, keys.data(),
                                                 values.data(), &count, nullptr);
         if (result != 0 && errno != ENOENT) return STATUS_FAILURE;
@@ -51,6 +51,10 @@ VsStatus VisitAddresses(int map, const VisitAddress &visit)
         if (result != 0) return STATUS_OK; // ENOENT: that was the rest
     }
 }
+
+template VsStatus VisitEntries(int map, const VisitEntry<LiveAddressKey, LiveAddress> &visit);
+template VsStatus VisitEntries(int map, const VisitEntry<LiveGroupKey, LiveGroup> &visit);
+template VsStatus VisitEntries(int map, const VisitEntry<LiveSourceKey, LiveSource> &visit);
 
 VsStatus KernelTables::WalkAddresses(const VisitAddress &visit) const
 {

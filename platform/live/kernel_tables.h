@@ -2,6 +2,7 @@
 // them at any time.
 #pragma once
 
+#include <array>
 #include <functional>
 #include <set>
 #include <string>
@@ -42,10 +43,31 @@ struct MirrorEntry {
     LiveMirrorCounters counters = {};
 };
 
-using VisitAddress = std::function<void(const LiveAddressKey &, const LiveAddress &)>;
+template<typename Key, typename Value> using VisitEntry = std::function<void(const Key &, const Value &)>;
+using VisitAddress = VisitEntry<LiveAddressKey, LiveAddress>;
 
-// Every entry of the map of addresses, in batches, so that no packet waits for the whole table.
-VsStatus VisitAddresses(int map, const VisitAddress &visit);
+// Every entry of a map, in batches, so that no packet waits for the whole table.
+template<typename Key, typename Value> VsStatus VisitEntries(int map, const VisitEntry<Key, Value> &visit);
+
+inline VsStatus VisitAddresses(int map, const VisitAddress &visit)
+{
+    return VisitEntries<LiveAddressKey, LiveAddress>(map, visit);
+}
+
+using GroupAddress = std::array<uint8_t, 16>; // an IPv4 address in its first 4 bytes
+
+// A multicast group with members in a VLAN of a switch, over all of its ports.
+struct GroupEntry {
+    uint16_t vlan;   // 0: untagged
+    uint16_t family; // EtherType of IPv4 or IPv6
+    GroupAddress group;
+    uint32_t joins;
+    uint32_t leaves;
+    uint32_t queries;
+    uint32_t ports;
+    bool excludes; // the sources are those that no port wants; else they alone are wanted
+    std::vector<GroupAddress> sources;
+};
 
 // STATUS_NOT_FOUND: the data path has no such switch or port.
 class KernelTables {
@@ -55,6 +77,10 @@ public:
     VsStatus WalkAddresses(const VisitAddress &visit) const;
 
     VsStatus ReadAddresses(const std::string &switchId, std::vector<AddressEntry> &entries) const;
+    // In the order of VLANs and addresses.
+    VsStatus ReadGroups(const std::string &switchId, std::vector<GroupEntry> &entries) const;
+    // What of multicast groups and their sources is over, as far as can be seen from here.
+    VsStatus FindEndedGroups(std::vector<LiveGroupKey> &groups, std::vector<LiveSourceKey> &sources) const;
     VsStatus ReadCounters(uint32_t portNumber, LiveCounters &counters) const;
     VsStatus ReadMirrors(const std::string &switchId, std::vector<MirrorEntry> &entries) const;
     // The numbers of ports that get frames which are not for them: destinations of sessions that are enabled,
@@ -65,6 +91,9 @@ public:
     VsStatus ReadAnnouncements(const std::string &switchId, uint64_t &sent, uint64_t &failed) const;
 
 private:
+    VsStatus WalkGroups(const VisitEntry<LiveGroupKey, LiveGroup> &visitGroup,
+                        const VisitEntry<LiveSourceKey, LiveSource> &visitSource) const;
+    bool HasGroups() const;
     VsStatus FindSwitch(const std::string &switchId, uint32_t &index) const;
     VsStatus FindPort(uint32_t portNumber, uint32_t &slot) const;
 

@@ -1,8 +1,12 @@
 #include "platform/live/live_kernel.h"
 
+#include <algorithm>
 #include <cstring>
+#include <linux/if_ether.h>
+#include <map>
 #include <set>
 
+#include "platform/host/group.h"
 #include "platform/host/runtime.h"
 
 namespace live {
@@ -25,6 +29,39 @@ VSwitchMacEntry EntryOf(const AddressEntry &address)
     if (!address.isStatic) entry.age = static_cast<uint32_t>(address.ageNs / NS_PER_SECOND);
     entry.portId = address.portNumber;
     return entry;
+}
+
+uint32_t KindOf(const GroupEntry &entry)
+{
+    return entry.family == ETH_P_IP ? VSWITCH_ADDRESS_IPV4 : VSWITCH_ADDRESS_IPV6;
+}
+
+std::string Bytes(const GroupAddress &address, uint32_t kind)
+{
+    return {reinterpret_cast<const char *>(address.data()), AddressWidth(kind)};
+}
+
+// The Ethernet address has the last 23 bits of an IPv4 address, or 32 of an IPv6 address.
+std::string AddressOf(const GroupEntry &entry, uint32_t kind)
+{
+    if (kind != VSWITCH_ADDRESS_ETHERNET) return Bytes(entry.group, kind);
+    const std::string address = Bytes(entry.group, KindOf(entry));
+    if (entry.family != ETH_P_IP) return "\x33\x33" + address.substr(12);
+    return {'\x01', '\x00', '\x5e', static_cast<char>(address[1] & 0x7f), address[2], address[3]};
+}
+
+void AddGroup(const GroupEntry &entry, uint32_t kind, MulticastGroup &group)
+{
+    group.stats.joins += entry.joins;
+    group.stats.leaves += entry.leaves;
+    group.stats.queries = std::max(group.stats.queries, entry.queries);
+    group.stats.ports = std::max(group.stats.ports, entry.ports);
+    group.stats.vlanId = entry.vlan;
+    group.stats.filter = entry.excludes || kind == VSWITCH_ADDRESS_ETHERNET;
+    if (kind == VSWITCH_ADDRESS_ETHERNET) return;
+    for (const GroupAddress &source : entry.sources)
+        group.sources += Bytes(source, kind);
+    group.stats.count = static_cast<uint32_t>(entry.sources.size());
 }
 
 }
@@ -96,6 +133,24 @@ VsStatus LiveKernel::ReadRarp(Reader &, std::string_view, std::string_view switc
     stats.sent = sent;
     stats.failed = failed;
     return AbsentIsOk(status);
+}
+
+VsStatus LiveKernel::ReadGroups(Reader &, const RunningSwitch &vswitch, uint32_t addressKind,
+                                std::vector<MulticastGroup> &groups)
+{
+    std::vector<GroupEntry> entries;
+    if (VsStatus status = AbsentIsOk(tables.ReadGroups(vswitch.switchId, entries))) return status;
+    std::map<std::pair<uint16_t, std::string>, MulticastGroup> byAddress;
+    for (const GroupEntry &entry : entries) {
+        if (addressKind != VSWITCH_ADDRESS_ETHERNET && addressKind != KindOf(entry)) continue;
+        const std::string address = AddressOf(entry, addressKind);
+        AddGroup(entry, addressKind, byAddress[{entry.vlan, address}]);
+    }
+    for (auto &[place, group] : byAddress) {
+        group.address = place.second;
+        groups.push_back(std::move(group));
+    }
+    return STATUS_OK;
 }
 
 VsStatus LiveKernel::ReadUplink(const RunningPort &port, uint32_t &uplinkNumber)

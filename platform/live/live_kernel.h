@@ -20,6 +20,8 @@ public:
                          std::span<const vshost::RunningPort> uplinks, VSwitchTeamingStats &stats) override;
     VsStatus ReadRarp(vshost::Reader &reader, std::string_view portset, std::string_view switchId,
                       VSwitchRarpStats &stats) override;
+    VsStatus ReadGroups(vshost::Reader &reader, const vshost::RunningSwitch &vswitch, uint32_t addressKind,
+                        std::vector<vshost::MulticastGroup> &groups) override;
     VsStatus ReadUplink(const vshost::RunningPort &port, uint32_t &uplinkNumber) override;
     VsStatus ReadMirrors(vshost::Reader &reader, const vshost::RunningSwitch &vswitch,
                          std::vector<VSwitchMirrorStats> &sessions) override;

@@ -83,7 +83,9 @@ struct LivePort {
     uint32_t number;       /* the port's kernel number, unique on the host */
     uint32_t addressLimit; /* of learned addresses, with LIVE_PORT_LEARNING */
     uint32_t inUse;        /* of user space: 0: the slot is free */
-    uint32_t reserved[7];
+    /* The epoch that the port's multicast groups must have; raised by user space, as the next one. */
+    uint32_t groupEpoch;
+    uint32_t reserved[6];
     /* The epoch that the port's learned addresses must have: raising it forgets them all at once. Raised
      * atomically, by either side. */
     uint32_t epoch;
@@ -96,7 +98,13 @@ struct LivePort {
     uint32_t floodCount;
     uint64_t lockedAddress; /* with LIVE_PORT_ADDRESS_LOCK: the first one, LiveAddressWord() without VLAN */
     uint32_t leftUplinks;   /* bit i: the port went past uplink i of the snapshot, which didn't work */
-    uint32_t stateReserved[5];
+    /* Entries of the tables of multicast groups and sources that name this slot, and of the former ones those
+     * that are queriers. */
+    uint32_t groups;
+    uint32_t groupSources;
+    uint32_t queriers;
+    uint32_t allGroupsUntil; /* s: until then the port gets all groups, as it has no room for its own */
+    uint32_t stateReserved;
 
     /* Of user space alone. */
     uint32_t toldUplinks; /* bit i: uplink i worked when the network was last told of the port's uplink */
@@ -115,7 +123,8 @@ struct LiveSwitch {
     uint32_t hasPrivateVlans;
     uint32_t hasAllFramesPorts; /* some port has LIVE_PORT_ALL_FRAMES */
     uint32_t learnsStatic;      /* what learning ports learn neither ages nor moves */
-    uint32_t reserved[3];
+    uint32_t snooping;          /* multicast goes to the members of its group */
+    uint32_t reserved[2];
     uint64_t announced;    /* frames that told the network of an address; counted by user space */
     uint64_t notAnnounced; /* those that no uplink took */
     char id[64];           /* for user space: which switch of the store this is */
@@ -129,12 +138,18 @@ struct LiveHost {
     uint32_t floodLimit;      /* multicast and broadcast frames from a port in a second; 0: no limit */
     uint32_t nsPerTick;       /* the kernel's tick, by which the data path measures time */
     uint32_t learned;         /* written by the data path */
-    uint32_t reserved[3];
+    /* Of each of the tables of multicast groups and sources: what a port may have at most, what it has for
+     * certain, and what all may have together beyond that. */
+    uint32_t groupLimit;
+    uint32_t groupShare;
+    uint32_t sharedGroupLimit;
     /* Written by each command. */
     uint64_t now;   /* the data path's time in ns */
     uint64_t ticks; /* the same moment in ticks and in ns of another clock of the kernel's */
     uint64_t clockNs;
-    uint64_t reservedClocks[9];
+    uint32_t sharedGroups; /* written by the data path */
+    uint32_t sharedSources;
+    uint64_t reservedClocks[8];
 };
 LIVE_ASSERT(sizeof(struct LiveHost) == 128);
 
@@ -176,6 +191,60 @@ static inline void LiveReadAddressWord(uint64_t word, struct LiveAddressKey *key
     key->vlan = (uint16_t)(word >> 48);
 }
 
+/** Key of the table of multicast groups. */
+struct LiveGroupKey {
+    uint32_t slot;     /* of the member, or LIVE_VLAN_ENTRY and the index of a switch */
+    uint16_t vlan;     /* the primary one; 0: untagged */
+    uint16_t family;   /* EtherType of IPv4 or IPv6 */
+    uint8_t group[16]; /* an IPv4 address in its first 4 bytes; all 0: the port has a querier */
+};
+LIVE_ASSERT(sizeof(struct LiveGroupKey) == 24);
+
+#define LIVE_VLAN_ENTRY 0x80000000u /* what queriers say of a VLAN's times */
+
+/**
+ * Value of the table of multicast groups. Until `until` the port wants all sources but those whose time is
+ * over, then only those whose time is not. All times are in ns, see LiveHost.now.
+ */
+struct LiveGroup {
+    uint32_t owner;        /* the slot as whose entry it counts */
+    uint32_t epoch;        /* LivePort.groupEpoch */
+    uint64_t until;        /* a querier, and a VLAN's times: known so long */
+    uint64_t sourcesUntil; /* no source is wanted longer */
+    /* Sources that have a mark from `serial` on are the group's; until `formerUntil` also those that have one
+     * from `formerSerial` on. */
+    uint64_t serial;
+    uint64_t formerSerial;
+    uint64_t formerUntil;
+    uint64_t olderUntil;   /* hosts that know of no sources are there */
+    uint64_t oldestUntil;  /* hosts that don't say that they leave are there */
+    uint64_t membershipNs; /* a VLAN's times: how long a report holds */
+    uint64_t lastMemberNs; /* how long a membership holds after a host has left */
+    uint32_t joins;
+    uint32_t leaves;
+    uint32_t queries; /* in the VLAN; of a member: when it joined */
+    uint32_t isQuerier;
+    uint32_t hasSources;
+    uint32_t reserved;
+};
+LIVE_ASSERT(sizeof(struct LiveGroup) == 104);
+
+/** Key of the table of sources. */
+struct LiveSourceKey {
+    struct LiveGroupKey group;
+    uint8_t source[16]; /* an IPv4 address in its first 4 bytes */
+};
+LIVE_ASSERT(sizeof(struct LiveSourceKey) == 40);
+
+/** Value of the table of sources. */
+struct LiveSource {
+    uint64_t until; /* ns: the port wants it */
+    uint64_t mark;  /* see LiveGroup.serial */
+    uint32_t epoch; /* LivePort.groupEpoch */
+    uint32_t reserved;
+};
+LIVE_ASSERT(sizeof(struct LiveSource) == 24);
+
 /* A port without learning may have its one address in each of its VLANs. */
 #define LIVE_SINGLE_ADDRESS_LIMIT LIVE_VLANS
 
@@ -203,11 +272,11 @@ enum LiveCounter {
     LIVE_LEARNED,
     LIVE_MOVED, /* learned addresses that another port had */
     LIVE_AGED,
-    LIVE_REFUSED,   /* addresses not learned for a limit */
-    LIVE_REFLECTED, /* of LIVE_DROP_FILTER, those that came back */
-    LIVE_FAILOVERS, /* at an uplink: ports that came to it because they lost theirs */
-    LIVE_FAILBACKS, /* at an uplink: ports that came back to it */
-    LIVE_COUNTER_RESERVED,
+    LIVE_REFUSED,        /* addresses not learned for a limit */
+    LIVE_REFLECTED,      /* of LIVE_DROP_FILTER, those that came back */
+    LIVE_FAILOVERS,      /* at an uplink: ports that came to it because they lost theirs */
+    LIVE_FAILBACKS,      /* at an uplink: ports that came back to it */
+    LIVE_GROUPS_REFUSED, /* multicast groups, sources and queriers not kept for a limit */
     LIVE_COUNTERS
 };
 
@@ -373,15 +442,17 @@ struct LiveIdentities {
 };
 LIVE_ASSERT(sizeof(struct LiveIdentities) == LIVE_ELEMENT_SIZE);
 
-/** What the second program does with the address table; it answers a LiveResult. */
+/** What the second program does with the tables; it answers a LiveResult. */
 enum LiveCommandKind {
     LIVE_COMMAND_SWEEP, /* removes those of the keys that are too old, or that their port has forgotten */
     LIVE_COMMAND_ADD_STATIC,     /* makes the key a static address of `slot` */
     LIVE_COMMAND_REMOVE_ADDRESS, /* removes the key if it belongs to `slot` */
-    LIVE_COMMAND_READ_CLOCKS     /* nothing but what each command does: it writes LiveHost.now */
+    LIVE_COMMAND_READ_CLOCKS,    /* nothing but what each command does: it writes LiveHost.now */
+    LIVE_COMMAND_SWEEP_GROUPS,   /* removes those of the LiveGroupKeys that are over */
+    LIVE_COMMAND_SWEEP_SOURCES   /* removes those of the LiveSourceKeys that are over */
 };
 
-/** The program gets it as a packet, behind an Ethernet header of zeros; `count` LiveAddressKey follow. */
+/** The program gets it as a packet, behind an Ethernet header of zeros; `count` keys follow. */
 struct LiveCommand {
     uint32_t kind;
     uint32_t slot;
@@ -392,7 +463,9 @@ LIVE_ASSERT(sizeof(struct LiveCommand) == 16);
 
 #define LIVE_COMMAND_OFFSET 14u
 #define LIVE_COMMAND_KEYS_OFFSET (LIVE_COMMAND_OFFSET + 16u)
-#define LIVE_COMMAND_KEYS 128u /* at most, so that packets don't wait for a command */
+/* Keys at most, so that packets don't wait for a command, and that it fits into a test run. */
+#define LIVE_COMMAND_KEYS 128u
+#define LIVE_COMMAND_SOURCES 80u
 
 /* The third program sends a frame by an uplink of a port's choice, to tell the network of an address. It
  * answers a LiveResult: LIVE_NOT_FOUND, the port doesn't have the address; LIVE_NOT_CARRIED, frames of the

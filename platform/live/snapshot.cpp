@@ -293,6 +293,7 @@ LiveSwitch WordsOf(const SwitchConfig &vswitch, const std::vector<PlacedPort> &p
     words.ageingSeconds = vswitch.ageingSeconds;
     words.hasPrivateVlans = !vswitch.privateVlans.empty();
     words.learnsStatic = vswitch.learnsStatic;
+    words.snooping = vswitch.snooping;
     for (const PlacedPort &port : ports) {
         if (GetsAllFrames(port.config)) words.hasAllFramesPorts = 1;
         if (port.config.uplink) words.activeUplinks |= (port.config.uplinkActive ? 1u : 0u) << uplink++;

@@ -16,6 +16,7 @@ constexpr std::string_view KEY_BLOCK = "com.talpex.common.port.block";
 constexpr std::string_view KEY_PRIORITY = "com.talpex.vswitch.port.priority";
 constexpr std::string_view KEY_SWITCH_LEARNING = "com.talpex.vswitch.macLearning";
 constexpr std::string_view KEY_LEARN_STATIC = "com.talpex.vswitch.macLearning.learnStatic";
+constexpr std::string_view KEY_MULTICAST_MODE = "com.talpex.vswitch.multicastFilter";
 constexpr std::string_view KEY_PRIVATE_VLANS = "com.talpex.vswitch.pvlanMap";
 constexpr std::string_view KEY_NESTED_TAG = "com.talpex.vswitch.port.vlanNestedTag";
 constexpr std::string_view KEY_SECURITY = "com.talpex.vswitch.port.security";
@@ -198,6 +199,14 @@ VsStatus ReadLearnStatic(Reader &reader, const std::string &switchId, SwitchConf
     return status;
 }
 
+VsStatus ReadMulticastMode(Reader &reader, const std::string &switchId, SwitchConfig &config)
+{
+    std::string value;
+    const VsStatus status = ReadValue(reader, {StoredLevel::GLOBAL, switchId}, KEY_MULTICAST_MODE, value);
+    config.snooping = Text(value) == "snooping";
+    return status;
+}
+
 VsStatus ReadSwitchPolicies(Reader &reader, const std::string &portset, SwitchConfig &config)
 {
     Portset running;
@@ -206,6 +215,7 @@ VsStatus ReadSwitchPolicies(Reader &reader, const std::string &portset, SwitchCo
     if (VsStatus status = ReadLimits(reader, config.id, config)) return status;
     if (VsStatus status = ReadLearnStatic(reader, config.id, config)) return status;
     if (VsStatus status = ReadMirrors(reader, config.id, config.mirrors)) return status;
+    if (VsStatus status = ReadMulticastMode(reader, config.id, config)) return status;
     return ReadPrivateVlans(reader, config.id, config);
 }
 

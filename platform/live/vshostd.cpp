@@ -28,6 +28,8 @@ int main(int count, char **arguments)
         ->check(CLI::Range(1, 65536));
     app.add_option("--addresses", capacity.addresses, "MAC addresses, half of them static ones" + atMost)
         ->check(CLI::Range(2, 1 << 22));
+    app.add_option("--groups", capacity.groups, "Multicast groups of ports, and as many sources" + atMost)
+        ->check(CLI::Range(64, 1 << 22));
     try {
         app.parse(count, arguments);
     } catch (const CLI::ParseError &error) {

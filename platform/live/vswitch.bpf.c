@@ -151,6 +151,14 @@ struct Mirrored {
     uint32_t destinationKind;
     uint32_t reserved;
 };
+// Which of the ports of its VLAN a multicast frame goes to.
+enum Selection { EVERY_PORT, QUERIER_PORTS, GROUP_MEMBERS };
+
+// What is looked up of each port for a selection.
+struct GroupKeys {
+    struct LiveSourceKey group; // and source of the frame
+    struct LiveGroupKey querier;
+};
 
 struct Frame {
     struct __sk_buff *skb;
@@ -175,6 +183,14 @@ struct Frame {
     struct LiveAddressKey source;
     struct LiveAddressKey destination;
     struct Mirrored mirrored;
+    enum Selection selection;
+    struct GroupKeys *groupKeys; // of a selection
+};
+
+// A command that removes what is over from a table.
+struct Sweep {
+    struct __sk_buff *skb;
+    uint64_t now;
 };
 
 static __always_inline bool FromNetwork(const struct Frame *frame) { return frame->flags & LIVE_PORT_UPLINK; }
@@ -723,6 +739,7 @@ static __always_inline int Learn(struct Frame *frame)
 }
 
 #include "platform/live/mirror.bpf.h"
+#include "platform/live/multicast.bpf.h"
 
 // ---- Sending ----
 
@@ -783,7 +800,7 @@ static long SendToListed(uint32_t index, struct ListWalk *walk)
     if (!port || slot == frame->slot) return 0;
     if (READ_WORD(port->flags) & LIVE_PORT_BLOCKED || slot == walk->except) return 0;
     const enum Carriage carriage = CarriageAt(frame, port, slot);
-    if (carriage == NOT_CARRIED) return 0;
+    if (carriage == NOT_CARRIED || !IsSelected(frame, port, slot)) return 0;
     if (!PassesFilter(frame, port, slot, VSWITCH_FILTER_TO_PORT))
         CountAt(slot, LIVE_DROP_FILTER);
     else if (SendCopy(frame, port, slot, carriage))
@@ -1061,6 +1078,8 @@ static __always_inline int Forward(struct Frame *frame)
         Count(frame, LIVE_DROP_FLOOD_LIMIT);
         frame->mirrored.from = 0;
         return TC_ACT_SHOT;
+    } else if (frame->destinationKind == MULTICAST && READ_WORD(frame->vswitch->snooping)) {
+        SelectPorts(frame);
     }
     return SendToMany(frame, list);
 }
@@ -1102,7 +1121,7 @@ SEC("tc") int vswitch(struct __sk_buff *skb)
 
 #endif
 
-// ---- Commands: what user space has done to the address table ----
+// ---- Commands: what user space has done to the tables ----
 
 static __always_inline bool ReadKey(struct __sk_buff *skb, uint32_t index, struct LiveAddressKey *key)
 {
@@ -1124,11 +1143,6 @@ static __always_inline bool IsLeftOver(uint64_t owner, const struct LiveAddress 
 {
     return owner == LIVE_OWNER_NONE && (int64_t)(now - READ_WORD(address->lastSeen)) > 10000000000ll;
 }
-
-struct Sweep {
-    struct __sk_buff *skb;
-    uint64_t now;
-};
 
 // User space has chosen the keys, but they may have changed since.
 static long SweepKey(uint32_t index, struct Sweep *sweep)
@@ -1203,6 +1217,10 @@ SEC("tc") int change_addresses(struct __sk_buff *skb)
         return RemoveOne(&key, command.slot);
     case LIVE_COMMAND_READ_CLOCKS:
         return LIVE_DONE;
+    case LIVE_COMMAND_SWEEP_GROUPS:
+        return SweepGroups(skb, command.count, state->now);
+    case LIVE_COMMAND_SWEEP_SOURCES:
+        return SweepSources(skb, command.count, state->now);
     default:
         return LIVE_BAD_COMMAND;
     }
