@@ -13,7 +13,7 @@ import subprocess
 import termios
 import xml.etree.ElementTree
 
-from vsctl_host import BUILD, HOST, VSCTL, OnHost, main
+from vsctl_host import BUILD, HOST, SOURCE, VSCTL, OnHost, main
 
 NICS = b'{"nics": {"eth0": {"link": "down"}, "eth1": {"speed": 1000}, "eth2": {"speed": 2500, "duplex": "half"}}}'
 TREE = """\
@@ -248,6 +248,33 @@ class Show(OnHost):
                 ("port vlan lab --ex", {"--existing"}), ("port vlan lab --all-ports --pr", {"--priority"}),
                 ("watch --times 3 port li", {"list"}), ("show ", {"lab", "none"}), ("port vlan none ", set())):
             self.assertEqual(set(self.run_vsctl("complete", "--", *line.split(" ")).splitlines()), wanted, line)
+
+    def test_the_guide_for_users_of_other_commands_is_true(self):
+        """Each command of its table runs on this host, as it stands there."""
+        page = (SOURCE / "docs/vsctl.md").read_text()
+        table = page[page.index("## If you know another command"):page.index("## Names")]
+        commands = [words for line in table.splitlines() if line.startswith("| ")
+                    for words in re.findall(r"`vsctl ([^`>]+)[`>]", line.split(" | ")[-1])]
+        self.assertGreater(len(commands), 30)
+        file = self.write("file", "[switches.lab]\nmtu = 4000\n")
+        batch = self.write("batch", "switch mtu lab 4000\n")
+        self.rows("mac", "add", "lab", "port0", "--address", "02:00:00:00:00:01")
+        for command in commands:
+            words = command.replace("FILE", batch if "batch" in command else file).replace("nic0", "eth0").split()
+            if words[0] == "property":
+                continue  # it stands for its verbs, without their arguments
+            if words[:2] == ["switch", "create"]:
+                words[2] = "new"
+            if words[:2] == ["port", "remove"]:
+                self.run_vsctl("port", "add", "lab", "port8")
+            if words[0] == "watch":
+                words[1:1] = ["--times", "1"]
+            changes = words[0] in ("apply", "batch") or words[0] in ("switch", "port", "uplink", "mac", "mirror", "pvlan") \
+                and words[1] not in ("list", "find", "stats")
+            dry = ["--dry-run"] if changes else []
+            done = self.process(*words, *dry)
+            self.assertIn(done.returncode, (0, 10), f"{words}: {done.stderr}")
+            self.run_vsctl("port", "remove", "lab", "port8", "--existing")
 
     def test_metrics_are_those_of_the_host(self):
         name = 'a"b\\c\nd'
