@@ -269,8 +269,8 @@ class Show(OnHost):
                 self.run_vsctl("port", "add", "lab", "port8")
             if words[0] == "watch":
                 words[1:1] = ["--times", "1"]
-            changes = words[0] in ("apply", "batch") or words[0] in ("switch", "port", "uplink", "mac", "mirror", "pvlan") \
-                and words[1] not in ("list", "find", "stats")
+            nouns = ("switch", "port", "uplink", "mac", "mirror", "pvlan")
+            changes = words[0] in ("apply", "batch") or words[0] in nouns and words[1] not in ("list", "find", "stats")
             dry = ["--dry-run"] if changes else []
             done = self.process(*words, *dry)
             self.assertIn(done.returncode, (0, 10), f"{words}: {done.stderr}")
