@@ -102,12 +102,12 @@ std::string Short(uint64_t number)
     return fmt::format("{:.1f}{}", value, unit);
 }
 
-// What people read: rates a second with units.
-Json Readable(Json rows)
+// What people read: rates with units, like "1.2M", and what stands behind them.
+Json Readable(Json rows, const char *behind)
 {
     for (Json &row : rows) {
         for (const char *key : {"from-packets", "from-bits", "to-packets", "to-bits", "dropped"})
-            row[key] = Short(row[key]) + "/s";
+            row[key] = Short(row[key]) + behind;
     }
     return rows;
 }
@@ -121,13 +121,13 @@ public:
         termios now = before;
         now.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
         tcsetattr(STDIN_FILENO, TCSANOW, &now);
-        Print("\x1b[?1049h\x1b[?25l");
+        Print("\x1b[?1049h\x1b[?25l\x1b[?7l"); // its own screen, no cursor, long lines are cut
     }
     Screen(const Screen &) = delete;
     Screen &operator=(const Screen &) = delete;
     ~Screen()
     {
-        const std::string leave = "\x1b[?25h\x1b[?1049l";
+        const std::string leave = "\x1b[?7h\x1b[?25h\x1b[?1049l";
         [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, leave.data(), leave.size());
         tcsetattr(STDIN_FILENO, TCSANOW, &before);
     }
@@ -162,9 +162,9 @@ void Draw(const Json &rows)
     const size_t room = ScreenLines() - std::min<size_t>(ScreenLines() - 1, 4);
     for (size_t i = 0; i < std::min(rows.size(), room); i++)
         shown.push_back(rows[i]);
-    std::string text =
-        fmt::format("{} of {} ports, the busiest first; q leaves\n\n", shown.size(), rows.size());
-    text += TableText(Readable(std::move(shown)));
+    std::string text = fmt::format("{} of {} ports, rates a second, the busiest first; q leaves\n\n",
+                                   shown.size(), rows.size());
+    text += TableText(Readable(std::move(shown), ""), {"wide"});
     std::string screen = "\x1b[H";
     for (const std::string &line : Words(text, "\n"))
         screen += line + "\x1b[K\r\n";
@@ -206,7 +206,7 @@ Result Top(const Verb &, const Arguments &arguments)
     RestartTimeLimit();
     usleep(static_cast<useconds_t>(interval * 1e6));
     const Json rows = Rates(before, Measure(aliases));
-    return Rows(arguments.Has("--json") ? rows : Readable(rows));
+    return Rows(arguments.Has("--json") ? rows : Readable(rows, "/s"));
 }
 
 }
