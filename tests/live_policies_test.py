@@ -189,6 +189,11 @@ class Policies(PluggedHost):
         self.assertEqual(self.send("3", C, A), "1")
         types = {row["address"]: row["type"] for row in self.rows("mac", "list", "one", "1")}
         self.assertEqual(types, {A: "static"})
+        self.vsctl("mac", "remove", "one", "1", "--address", A)
+        self.assertEqual(self.rows("mac", "list", "one", "1"), [])
+        self.assertNotEqual(self.on_host(VSCTL, "mac", "remove", "one", "1", "--address", A, check=False).returncode, 0)
+        self.send("2", A)
+        self.assertEqual(self.send("3", C, A), "2")
 
     def test_which_teaming_policy_a_port_has(self):
         port = "2"  # by its number its uplink is up0

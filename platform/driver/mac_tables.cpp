@@ -205,8 +205,10 @@ int ClearPortMac(DriverRequest &request)
 {
     MacRecord record;
     const std::string key = KeyOfEntry(request);
-    if (int error = ErrnoOf(GetRecord(request.reader, key, record), ENOENT)) return error;
-    return ErrnoOf(request.transaction->Remove(key), EIO);
+    const VsStatus status = GetRecord(request.reader, key, record);
+    if (status == STATUS_NOT_FOUND)
+        return ErrnoOf(request.live.ForgetAddress(request.Port(), request.input.args.mac), ENOENT);
+    return ErrnoOf(status ? status : request.transaction->Remove(key), EIO);
 }
 
 int SetLearningProps(DriverRequest &request)

@@ -63,6 +63,9 @@ public:
     // The numbers of the ports that get frames which are not for them, besides sink ports.
     virtual VsStatus ReadObservers(Reader &reader, const RunningSwitch &vswitch,
                                    std::set<uint32_t> &portNumbers) = 0;
+    // Removes an address that the port has learned, also one that has become static. STATUS_NOT_FOUND: the
+    // port has not learned it.
+    virtual VsStatus ForgetAddress(const RunningPort &port, const VSwitchMacEntry &address) = 0;
     // Whether a command may put learned addresses into MAC tables.
     virtual bool TakesLearnedAddresses() const = 0;
 };
@@ -85,6 +88,7 @@ public:
                          std::vector<VSwitchMirrorStats> &sessions) override;
     VsStatus ReadObservers(Reader &reader, const RunningSwitch &vswitch,
                            std::set<uint32_t> &portNumbers) override;
+    VsStatus ForgetAddress(const RunningPort &, const VSwitchMacEntry &) override { return STATUS_NOT_FOUND; }
     bool TakesLearnedAddresses() const override { return true; }
 };
 

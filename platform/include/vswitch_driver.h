@@ -68,7 +68,8 @@ enum VSwitchCommand {
     VSWITCH_SET_OPTIONS = 8193,               /**< VSwitchOptions; inLength is its length */
     VSWITCH_SET_UPLINK_ADMIN = 8194,          /**< portset, uplink with adminUp */
     VSWITCH_SET_PORT_MAC = 8195,              /**< switchId, dvPortId, mac: adds or replaces it */
-    VSWITCH_CLEAR_PORT_MAC = 8196,            /**< switchId, dvPortId, mac: address and vlanId only */
+    VSWITCH_CLEAR_PORT_MAC = 8196,            /**< switchId, dvPortId, mac: address and vlanId only; on a live
+                                                   host it removes learned addresses too */
     VSWITCH_SET_LEARNING_PROPS = 8197,        /**< learning */
     VSWITCH_REFRESH_NUMA = 8198               /**< portset: reads its uplinks' NUMA nodes again */
 };
@@ -236,8 +237,9 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchPortStatistics {
 typedef struct VSWITCH_DRIVER_PACKED VSwitchLearningInfo {
     uint32_t agingSeconds;   /**< from the switch's MAC learning policy, 600 by default */
     uint32_t limit;          /**< from that policy, 65536 by default */
-    uint8_t policyByte;      /**< from that policy */
-    uint8_t learnStatic;     /**< 1 when static addresses are learned too */
+    uint8_t policyByte;      /**< from that policy; kept, without an effect */
+    uint8_t learnStatic;     /**< 1: on a live host an address that a learning port learns becomes static: it
+                                  neither ages nor moves until VSWITCH_CLEAR_PORT_MAC or the port's end */
     uint8_t reserved[2];     /**< 0 */
     uint32_t learningPorts;  /**< ports whose policy lets them learn */
     uint32_t entries;        /**< addresses in all tables of the switch */
@@ -252,8 +254,9 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchLearningInfo {
 } VSwitchLearningInfo;
 
 /**
- * VSWITCH_GET_RARP_STATS: announcements of a moved port's address to the physical network. On a live host they
- * are those that were sent since the switch has interfaces; on an emulated one they come from a scenario.
+ * VSWITCH_GET_RARP_STATS: announcements of a moved port's address to the physical network. On a live host
+ * they are those that were sent since the switch has interfaces; on an emulated one they come from a
+ * scenario.
  */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchRarpStats {
     uint64_t sent;

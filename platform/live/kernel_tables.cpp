@@ -140,6 +140,20 @@ VsStatus KernelTables::ReadObservers(const std::string &switchId, std::set<uint3
     return STATUS_OK;
 }
 
+VsStatus KernelTables::ForgetAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]) const
+{
+    uint32_t slot = 0;
+    LiveAddress address = {};
+    if (VsStatus status = FindPort(portNumber, slot)) return status;
+    LiveAddressKey key = {.switchIndex = ReadWord(kernel.ports[slot].switchIndex), .vlan = vlan, .mac = {}};
+    std::memcpy(key.mac, mac, sizeof(key.mac));
+    if (bpf_map_lookup_elem(kernel.MapDescriptor("addresses"), &key, &address) != 0) return STATUS_NOT_FOUND;
+    const Owner owner(address);
+    if (owner.isStatic && !owner.isKept) return STATUS_NOT_FOUND; // the store has it
+    const int result = kernel.Command(LIVE_COMMAND_REMOVE_ADDRESS, slot, std::span(&key, 1));
+    return result == LIVE_DONE ? STATUS_OK : result == LIVE_NOT_FOUND ? STATUS_NOT_FOUND : STATUS_FAILURE;
+}
+
 VsStatus KernelTables::ReadAnnouncements(const std::string &switchId, uint64_t &sent, uint64_t &failed) const
 {
     uint32_t index = 0;

@@ -88,6 +88,8 @@ public:
     VsStatus ReadObservers(const std::string &switchId, std::set<uint32_t> &portNumbers) const;
     // The port of the uplink that a port last sent by. STATUS_NOT_FOUND: it has sent by none.
     VsStatus ReadUplink(uint32_t portNumber, uint32_t &uplinkNumber) const;
+    // Removes an address that a port has learned, also one that has become static.
+    VsStatus ForgetAddress(uint32_t portNumber, uint16_t vlan, const uint8_t mac[6]) const;
     VsStatus ReadAnnouncements(const std::string &switchId, uint64_t &sent, uint64_t &failed) const;
 
 private:

@@ -27,6 +27,10 @@ public:
                          std::vector<VSwitchMirrorStats> &sessions) override;
     VsStatus ReadObservers(vshost::Reader &reader, const vshost::RunningSwitch &vswitch,
                            std::set<uint32_t> &portNumbers) override;
+    VsStatus ForgetAddress(const vshost::RunningPort &port, const VSwitchMacEntry &address) override
+    {
+        return tables.ForgetAddress(port.number, address.vlanId, address.address);
+    }
     bool TakesLearnedAddresses() const override { return false; }
 
 private:
