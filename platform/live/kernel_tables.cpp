@@ -150,7 +150,7 @@ VsStatus KernelTables::ForgetAddress(uint32_t portNumber, uint16_t vlan, const u
     if (bpf_map_lookup_elem(kernel.MapDescriptor("addresses"), &key, &address) != 0) return STATUS_NOT_FOUND;
     const Owner owner(address);
     if (owner.isStatic && !owner.isKept) return STATUS_NOT_FOUND; // the store has it
-    const int result = kernel.Command(LIVE_COMMAND_REMOVE_ADDRESS, slot, std::span(&key, 1));
+    const int result = kernel.Command(LIVE_COMMAND_REMOVE_ADDRESS, slot, std::vector{key});
     return result == LIVE_DONE ? STATUS_OK : result == LIVE_NOT_FOUND ? STATUS_NOT_FOUND : STATUS_FAILURE;
 }
 
