@@ -389,7 +389,7 @@ TEST_F(LiveInterfaces, ObeyAChangeFromTheNextFrameOn)
 
 TEST_F(LiveInterfaces, ObeyTheMulticastModeFromTheNextFrameOn)
 {
-    constexpr uint32_t FLIPS = 200, OTHER = 2, MEMBER = 3;
+    constexpr uint32_t FLIPS = 100, OTHER = 2, MEMBER = 3;
     WireSet set = MakeWires();
     Wires wires(Options(), set);
     SwitchConfig config = Switch(3, {});

@@ -265,6 +265,9 @@ TEST_F(LiveMulticast, SendersOfManyJoinsFillNothingBeyondTheirLimit)
             // Who has no room for what it joined gets all groups.
             EXPECT_EQ(std::count(ports.begin(), ports.end(), 1u), 1) << group;
         }
+        EXPECT_EQ(run.path.ForgetLearned(1), STATUS_OK);
+        EXPECT_EQ(Ports(run.Run(SENDER, FrameOf('x', {"ip4=H"}))).front(), 2u)
+            << "what is forgotten needs no room";
         run.SetTime(262 * uint64_t{1000000000});
         EXPECT_EQ(run.path.Sweep(), STATUS_OK);
         ExpectCountsRight(run, PORTS);

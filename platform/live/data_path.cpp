@@ -107,9 +107,6 @@ void DataPath::TakeOverSwitches()
         placed.config.number = port.number;
         placed.config.ifindex = port.ifindex;
         placed.config.uplink = port.flags & LIVE_PORT_UPLINK;
-        placed.config.learning = port.flags & LIVE_PORT_LEARNING;
-        placed.config.trunk = port.vlan & LIVE_PORT_TRUNK;
-        placed.isTakenOver = true;
         owner->second.ports[port.number] = placed;
         portSwitches[port.number] = port.switchIndex;
         if (port.ifindex) interfaces[port.ifindex] = port.number;
@@ -631,8 +628,7 @@ void DataPath::SettlePort(const PlacedPort &placed, const Change &change)
     if (!placed.config.addressLock || oldInterface != placed.config.ifindex)
         std::atomic_ref<uint64_t>(kernel.ports[placed.slot].lockedAddress).store(0);
     const uint32_t newVlan = ReadWord(kernel.ports[placed.slot].vlan);
-    PortConfig before = isNew ? PortConfig() : current->second.config;
-    if (!isNew && current->second.isTakenOver) before.ranges = placed.config.ranges;
+    const PortConfig before = isNew ? PortConfig() : current->second.config;
     const bool forgets = !isNew && ((change.movesPrivateVlans && placed.config.trunk) ||
                                     MustForget(before, oldVlan, placed.config, newVlan));
     if (oldInterface != placed.config.ifindex) {
@@ -685,6 +681,7 @@ void DataPath::PassGroupEpoch(uint32_t slot)
 {
     LivePort &port = kernel.ports[slot];
     std::atomic_ref<uint32_t>(port.groupEpoch).fetch_add(1);
+    WriteWord(port.allGroupsUntil, 0);
     hasForgottenGroups |= ReadWord(port.groups) != 0 || ReadWord(port.groupSources) != 0;
 }
 

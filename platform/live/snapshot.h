@@ -32,8 +32,7 @@ struct PlacedPort {
     PortConfig config;
     uint32_t slot = 0;
     uint32_t position = 0;
-    bool isNew = false;       // of a change: the port comes with it
-    bool isTakenOver = false; // from another process: `config` has what the words say
+    bool isNew = false; // of a change: the port comes with it
 };
 
 // A mirror session with its places in the maps.
