@@ -53,7 +53,8 @@ Exit Run(const std::vector<std::string> &words, Options &options)
         const Arguments &arguments =
             parser.Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, options);
         StartTimeLimit(options.timeout, options.json);
-        Result result = verb.run(verb, arguments);
+        Result result = RunVerb(verb, arguments);
+        if (verb.noun == "undo") UndoLast(result, options);
         if (!result.steps.empty() || result.planOnly)
             Change(fmt::format("vsctl {}", fmt::join(words, " ")), result, options);
         EndTimeLimit();

@@ -1,9 +1,12 @@
 #!/usr/bin/env python3
 """Changes of many steps: plans write nothing, a change is made as a whole or not at all, also after a cut."""
+import ctypes
 import fcntl
 import json
 import os
 import pathlib
+import pty
+import re
 import select
 import signal
 import subprocess
@@ -35,6 +38,7 @@ mirror = [{ session = "a", from = ["port1"], received-by = ["port0", "#7"] }]
 override = "east"
 """ % ("aB" * 184, "aB" * 200)
 
+PLATFORM = ctypes.CDLL(str(BUILD / "platform/liborkPublic.so"))
 
 # Undo and resume take turns at the writes; under a sanitizer, where a process is slow, at some of them.
 STRIDE = 7 if SANITIZED else 2
@@ -108,6 +112,158 @@ absent = true
         shown = self.run_vsctl("batch", stdin="".join(f"port vlan lab x{port % 4 + 8} {port}\n" for port in range(99)))
         self.assertEqual(shown.splitlines()[-2:], ["  … and 49 more lines, which --json shows",
                                                    "0 added, 98 changed, 0 removed"])
+
+    def test_the_last_change_is_taken_back(self):
+        self.create()
+        self.run_vsctl("port", "vlan", "lab", "port1", "7")
+        self.run_vsctl("mirror", "add", "lab", "s1", "--to", "port1")
+        changes = ("port vlan lab port0,port1 100 --priority 3", "port add lab x,y", "port remove lab port2,port1",
+                   "switch create new --uplinks 1 --ports 2", "switch destroy lab", "uplink add lab u9",
+                   "uplink remove lab uplink0", "uplink set lab u1 u2", "uplink clear lab", "uplink down lab nic0",
+                   "property set lab k --text a", "property set lab k --port port0 --text a", "switch mtu lab 4000",
+                   "mirror remove lab s1", "mirror add lab s2 --to port1", "pvlan add lab 7 --isolated 8",
+                   "port vlan lab port1 --clear\nport vlan lab port1 9\nport add lab z\nport security lab z --sink")
+        changes = [*changes[:-1], changes[-1].replace("security lab z --sink", "sink lab z on")]
+        for change in changes:
+            with self.subTest(change):
+                before = HOST.vshost_fingerprint()
+                made = self.rows("batch", "--allow-removals", stdin=change)
+                after = HOST.vshost_fingerprint()
+                planned = self.rows("undo", "--dry-run", code=10)
+                self.assertEqual(HOST.vshost_fingerprint(), after)
+                self.assertEqual(self.rows("undo"), planned)
+                self.assertEqual([(row["switch"], row["port"], row["item"]) for row in planned],
+                                 [(row["switch"], row["port"], row["item"]) for row in reversed(made)])
+                self.assertEqual(HOST.vshost_fingerprint(), before)
+                self.assertIn("no change to undo", self.run_vsctl("undo", code=3))
+        self.run_vsctl("port", "vlan", "lab", "port0", "8")
+        self.assertEqual(self.run_vsctl("undo"),
+                         "switch lab\n  ~ port0  vlan: id 8 -> 0\n0 added, 1 changed, 0 removed\n")
+
+    def test_what_came_later_is_not_undone(self):
+        self.create()
+        tybel = [BUILD / "platform/tybel", "-e", "set", "/net/portsets/lab/mtu", "3000"]
+        for change, later in (("switch mtu lab 4000", lambda: subprocess.run(tybel, check=True)),
+                              ("port add lab x", lambda: PLATFORM.DVSZOR_PortRemove(self.switch_id, b"x"))):
+            self.switch_id = self.rows("switch", "show", "lab")[0]["id"].encode()
+            self.run_vsctl(*change.split())
+            later()
+            before = HOST.vshost_fingerprint()
+            self.assertIn("changed since", self.run_vsctl("undo", code=1))
+            self.assertEqual(HOST.vshost_fingerprint(), before)
+        self.run_vsctl("port", "vlan", "lab", "port0", "8")
+        self.run_vsctl("port", "vlan", "lab", "none", "9", code=3)  # a change that isn't made leaves the last one
+        self.run_vsctl("undo")
+        self.assertEqual(self.rows("port", "vlan", "lab", "port0")[0]["id"], 0)
+        self.run_vsctl("apply", "-", "--confirm-within", "600s", stdin="[switches.lab]\nmulticast = 'snooping'\n")
+        self.assertIn("waits", self.run_vsctl("undo", code=1))
+        self.run_vsctl("confirm")
+        self.assertEqual(self.rows("undo")[0]["after"], None)
+
+    def test_an_undo_that_is_cut_short_can_be_finished(self):
+        self.create()
+        before, nth = self.exported(), 1
+        while True:
+            self.run_vsctl("port", "vlan", "lab", "port0..port3", "7")
+            if not killed_at(nth, "undo"):
+                break
+            if self.journal().exists():
+                self.run_vsctl("apply", "--undo")
+            else:
+                self.run_vsctl("undo")  # it was not begun
+            self.assertEqual(self.exported(), before)
+            nth += 1
+        self.assertGreater(nth, 4)
+
+    def test_a_switch_is_edited(self):
+        self.create()
+        self.run_vsctl("port", "vlan", "lab", "port0", "7")
+
+        def edit(script, code, *options):
+            editor = self.write("editor", "#!/bin/sh\n" + script)
+            os.chmod(editor, 0o755)
+            done = subprocess.run([VSCTL, "edit", "lab", *options], capture_output=True, text=True,
+                                  env=self.environment(EDITOR=editor))
+            self.assertEqual(done.returncode, code, done.stderr)
+            return done.stdout + done.stderr
+        self.assertEqual(edit(":", 0), "nothing to change\n")
+        script = 'sed -i "s/mtu = 1500/mtu = 9000/; s/port1..port3/port1..port2/; /id = 7/d" "$1"'
+        shown = ["switch lab", "  ~ mtu: 1500 -> 9000", "  - port0  vlan: id=7 option=no", "  - port3"]
+        self.assertEqual(edit(script, 10, "--dry-run").splitlines()[:-1], shown)
+        self.assertEqual(edit(script, 0).splitlines(), [*shown, "0 added, 1 changed, 2 removed"])
+        error = edit('echo "mtuu = 7" >> "$1"', 5)
+        kept = re.search("vsctl apply (/tmp/vsctl-.*toml)", error)[1]
+        self.assertIn("mtuu", pathlib.Path(kept).read_text())
+        os.unlink(kept)
+        self.assertIn("editor failed", edit("exit 1", 1))
+
+    def test_what_is_done_already_is_left_out(self):
+        self.create()
+        self.rows("mirror", "add", "lab", "s1", "--to", "port0")
+        for line in ("switch create lab --if-absent", "port add lab port0,port1 --if-absent",
+                     "uplink add lab uplink0 --if-absent", "pvlan remove lab 7 --if-present",
+                     "mirror add lab s1 --to port0 --if-absent", "mirror remove lab none --if-present",
+                     "port remove lab none --if-present", "uplink remove lab none --if-present",
+                     "switch destroy none --if-present", "port remove none port0 --if-present"):
+            before = HOST.vshost_fingerprint()
+            self.assertEqual(self.rows(*line.split(), "--dry-run"), [], line)
+            self.assertEqual(self.rows(*line.split()), [], line)
+            self.rows("batch", "--allow-removals", stdin=line)
+            self.assertEqual(HOST.vshost_fingerprint(), before)
+        self.assertEqual([row["port"] for row in self.rows("port", "add", "lab", "port0,new", "--if-absent")], ["new"])
+        self.assertEqual([row["port"] for row in self.rows("port", "remove", "lab", "none,new", "--if-present")],
+                         ["new"])
+        for line, code in (("switch create two --portset lab --if-absent", 4), ("uplink add lab port0 --if-absent", 4),
+                           ("mirror add lab s1 --to port0 --snap 5 --if-absent", 4),
+                           ("port add none x --if-absent", 3), ("port remove lab uplink0 --if-present", 1)):
+            self.refused(line.split(), code)
+
+    def test_all_faults_of_a_file_are_named(self):
+        self.create()
+        text = """[switches.lab]
+mtu = 7
+id = "other"
+[switches.lab.ports."port0..port3"]
+vlan = { id = 5000 }
+[switches.lab.ports.port3]
+security = { lock = true }
+[switches.two]
+mtuu = 7
+"""
+        done = self.process("plan", "-", stdin=text)
+        self.assertEqual([line.split(": ")[1] for line in done.stderr.splitlines()],
+                         [f"standard input:{place}" for place in ("2:1", "5:10", "7:14", "6:21", "9:1")], done.stderr)
+        self.assertEqual(len(json.loads(self.process("plan", "-", "--json", stdin=text).stderr)["error"]["more"]), 4)
+        done = self.process("plan", "-", stdin="[switches.lab]\nid = 'x'\n[switches.lab.ports.'port0..port3']\n"
+                                               "external-id = 'x'\n")
+        self.assertEqual(len(done.stderr.splitlines()), 5, done.stderr)
+
+    def test_a_long_change_shows_its_progress_at_a_terminal(self):
+        self.create()
+        lines = "port vlan lab port0 5\nport vlan lab port0 6\n" * 50
+        start = 'export LD_PRELOAD="$0:$LD_PRELOAD"; exec "$@"'
+        for options, is_shown in (([], True), (["--quiet"], False)):
+            master, slave = pty.openpty()
+            words = [VSCTL, "batch", self.write("lines", lines), *options]
+            slow = subprocess.Popen(["sh", "-c", start, BUILD / "tests/libkill_at.so", *words], stdout=subprocess.PIPE,
+                                    stderr=slave, env=self.environment(
+                                        VSCTL_TEST_KILL_AT="40", VSCTL_TEST_SIGNAL=str(int(signal.SIGSTOP))))
+            os.close(slave)
+            state = pathlib.Path(f"/proc/{slow.pid}/stat")
+            self.wait_until(lambda: state.read_text().split()[2] == "T", slow)
+            end = time.monotonic() + 1.5
+            while time.monotonic() < end:
+                time.sleep(0.05)
+            slow.send_signal(signal.SIGCONT)
+            slow.communicate(timeout=60)
+            select.select([master], [], [], 0)
+            shown = b""
+            try:
+                shown = os.read(master, 65536)
+            except OSError:  # nothing was written
+                pass
+            os.close(master)
+            self.assertEqual(re.search(rb"\[#+ *\] \d+/100 steps, \d+/s, \d+ s left", shown) is not None, is_shown)
 
     def test_export_is_a_plan_without_difference(self):
         self.rows("apply", self.write("lab.toml", LAB))

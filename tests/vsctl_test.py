@@ -416,8 +416,8 @@ class Verbs(OnHost):
             verbs = re.findall(rf"^{noun} (\S+)", self.run_vsctl("help", noun), re.M)
             for words in [[noun, verb] for verb in verbs] or [[noun]]:
                 self.assertIn("Examples:\n  vsctl " + " ".join(words), self.run_vsctl("help", *words))
-                if words[-1] not in ("apply", "batch", "complete", "completion", "confirm", "doctor", "export", "help",
-                                     "metrics", "plan", "schema", "topology", "watch"):
+                if words[-1] not in ("apply", "batch", "complete", "completion", "confirm", "doctor", "edit", "export",
+                                     "help", "metrics", "plan", "schema", "topology", "undo", "watch"):
                     every_verb.add(" ".join(words))
 
     @classmethod

@@ -43,6 +43,7 @@ struct Error : std::exception {
     std::string message;
     VsStatus status = STATUS_OK;     // of the library call that failed, if one did
     std::vector<std::string> undone; // the steps that were undone because of it
+    std::vector<std::string> more;   // further problems of the same kind
 };
 
 // The object of an action: a switch, a port of a switch or (both empty) the host.

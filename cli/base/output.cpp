@@ -306,11 +306,15 @@ std::string ErrorText(const Error &error, bool json)
             details["name"] = Describe(error.status).name;
         }
         if (!error.undone.empty()) details["undone"] = error.undone;
+        if (!error.more.empty()) details["more"] = error.more;
         return Dump({{"error", details}}) + "\n";
     }
     const std::string start =
         HasColor(STDERR_FILENO) ? fmt::format(fmt::fg(fmt::terminal_color::red), "{}", "vsctl:") : "vsctl:";
-    return fmt::format("{} {}\n", start, Printable(error.message));
+    std::string text = fmt::format("{} {}\n", start, Printable(error.message));
+    for (const std::string &problem : error.more)
+        text += fmt::format("{} {}\n", start, Printable(problem));
+    return text;
 }
 
 void PrintError(const Error &error, bool json)

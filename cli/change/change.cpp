@@ -4,14 +4,17 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <cstdio>
 #include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <set>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "cli/base/clock.h"
 #include "cli/base/limit.h"
+#include "cli/base/output.h"
 #include "cli/base/platform.h"
 #include "cli/change/difference.h"
 #include "cli/change/journal.h"
@@ -273,6 +276,7 @@ Preview CarryOut(const std::string &command, Result &result, const Options &opti
     ThrowIfUnfinished(); // undoing or resuming it would overwrite this change
     RequireUnchanged(result.steps);
     Preview preview = ReadAllBefore(result.steps);
+    if (result.steps.empty()) return preview; // nothing is left to do
     SaveAll(result.steps);
     Journal journal{NewJournalId(), command, std::move(result.steps)};
     journal.boot = BootId();
@@ -285,10 +289,39 @@ Preview CarryOut(const std::string &command, Result &result, const Options &opti
         result.note = fmt::format("vsctl undoes this in {} s unless you run 'vsctl confirm' first",
                                   result.confirmWithin);
     } else {
-        Journal::Remove();
+        Journal::Keep();
     }
     result.steps = std::move(journal.steps);
     return preview;
+}
+
+}
+
+namespace {
+
+std::string PlanText(const Json &rows) { return DifferenceText(rows) + SummaryText(rows, false); }
+
+// Shows a plan to a user at a terminal and asks for consent. Elsewhere nobody can be asked.
+bool IsAgreed(const std::string &plan, const Options &options)
+{
+    if (options.json || !isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO)) return true;
+    Print(plan + "Make this change? [y/N] ");
+    EndTimeLimit();
+    char answer[16] = "";
+    return fgets(answer, sizeof answer, stdin) && (*answer == 'y' || *answer == 'Y');
+}
+
+void ShowNothing(Result &result)
+{
+    result.steps.clear();
+    result.text = "nothing was changed\n";
+}
+
+bool IsAgreed(const Result &result, const Options &options)
+{
+    std::vector<Step> steps = result.steps;
+    const Preview preview = ReadAllBefore(steps);
+    return !preview.changes || IsAgreed(PlanText(preview.rows), options);
 }
 
 }
@@ -298,6 +331,7 @@ void Change(const std::string &command, Result &result, const Options &options)
     const bool onlyShows = options.dryRun || result.planOnly;
     if (!result.planOnly) ThrowIfRemovalsForbidden(result);
     if (onlyShows && !result.planOnly) ThrowIfUnfinished();
+    if (!onlyShows && result.asks && !IsAgreed(result, options)) return ShowNothing(result);
     Preview preview = onlyShows ? ReadAllBefore(result.steps) : CarryOut(command, result, options);
     if (onlyShows && preview.changes) result.exit = Exit::PENDING;
     if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
@@ -350,6 +384,102 @@ Json UndoJournal()
     return Json::array({row});
 }
 
+namespace {
+
+bool IsThere(const Target &target)
+{
+    return SwitchExists(target.alias) && (target.port.empty() || PortExists(target));
+}
+
+// Whether what the step left is still there; `after` is what it left.
+bool IsAsLeft(const Step &step, const Json &after)
+{
+    Step now = step;
+    now.isRead = false;
+    if (step.item == "switch" || step.item == "port") return IsThere(step.target) != after.is_null();
+    if (!IsThere(step.target))
+        return step.item != "property" || step.value.contains("by-id") || after.is_null();
+    ReadBefore(now);
+    return step.item == "uplinks" ? now.before["ids"] == after["ids"] : now.before == after;
+}
+
+// An undo must not overwrite what came later.
+void RequireAsLeft(const std::vector<Step> &steps, const Preview &preview)
+{
+    std::set<std::string> seen; // the last step about something tells
+    for (size_t i = steps.size(); i-- > 0;) {
+        const Step &step = steps[i];
+        const std::string detail = step.item == "property"       ? step.value["key"].get<std::string>()
+                                   : step.item == "uplink-admin" ? step.value["uplink"].get<std::string>()
+                                                                 : "";
+        if (!seen.insert(StepText(step) + detail).second || IsAsLeft(step, preview.after[i])) continue;
+        throw Error(Exit::FAILURE, fmt::format("{} has been changed since", StepText(step)),
+                    "vsctl takes back only what is as it left it: change it by hand");
+    }
+}
+
+Json UplinksReversed(const Json &row, const Json &after)
+{
+    const Json &change = row["after"];
+    if (change.contains("add")) return {{"remove", change["add"]}};
+    if (change.contains("remove")) return {{"add", change["remove"]}};
+    return {{"set", row["before"].is_null() ? after : row["before"]}};
+}
+
+// The row of the undo of a step.
+Json Reversed(const Json &row, const Json &after)
+{
+    Json reversed = row;
+    reversed.erase("ports");
+    reversed["before"] = after;
+    if (row["item"] == "uplinks") {
+        reversed["after"] = UplinksReversed(row, after);
+    } else if (row["item"] == "property" || row["item"] == "uplink-admin") {
+        reversed["after"][row["item"] == "property" ? "bytes" : "up"] = row["before"];
+    } else {
+        reversed["after"] = row["before"];
+    }
+    const bool isGoing = row["item"] == "switch" && reversed["after"].is_null();
+    if (isGoing && IsEmbedded()) reversed["ports"] = PortsOf(row["switch"]).size();
+    return reversed;
+}
+
+Journal RequireLast()
+{
+    ThrowIfUnfinished();
+    auto journal = Journal::ReadLast();
+    if (!journal) throw Error(Exit::NOT_FOUND, "there is no change to undo", "vsctl keeps only the last one");
+    return *journal;
+}
+
+}
+
+void UndoLast(Result &result, const Options &options)
+{
+    const Journal journal = RequireLast();
+    const Preview preview = PreviewOf(journal.steps);
+    RequireAsLeft(journal.steps, preview);
+    for (size_t i = journal.steps.size(); i-- > 0;)
+        result.rows.push_back(Reversed(preview.rows[i], preview.after[i]));
+    if (options.dryRun) {
+        result.exit = Exit::PENDING;
+        if (!options.json) result.text = PlanText(result.rows);
+        return;
+    }
+    if (!IsAgreed(PlanText(result.rows), options)) return ShowNothing(result);
+    const ChangeLock lock;
+    if (RequireLast().id != journal.id)
+        throw Error(Exit::FAILURE, "another change was made meanwhile", "vsctl changed nothing: try again");
+    RequireAsLeft(journal.steps, preview);
+    const ChangeScope changing;
+    Journal::Reopen();
+    const UndoReport undone = UndoAll(journal);
+    if (!undone.losses.empty()) result.note = fmt::format("not brought back: {}", Listed(undone.losses));
+    if (options.json) return;
+    result.text = DifferenceText(result.rows);
+    if (!options.quiet) result.text += SummaryText(result.rows, true);
+}
+
 Json UndoJournalOfOtherBoot()
 {
     const auto journal = Journal::Read();
@@ -366,7 +496,7 @@ Json ResumeJournal()
     const ChangeScope changing;
     ThrowUnlessUndone(journal, Undo(journal.steps));
     PerformAll(journal, true);
-    Journal::Remove();
+    Journal::Keep();
     return Json::array({JournalRow(journal, "finished")});
 }
 
@@ -379,7 +509,7 @@ Json ConfirmJournal()
         throw Error(Exit::TIMED_OUT, fmt::format("the time to confirm '{}' has passed", journal.command),
                     "'vsctl apply --undo' undoes it now");
     }
-    Journal::Remove();
+    Journal::Keep();
     return Json::array({JournalRow(journal, "confirmed")});
 }
 

@@ -14,6 +14,8 @@ Json UndoJournal();
 // Undoes a change that was to be confirmed, when the machine was started again since.
 Json UndoJournalOfOtherBoot();
 Json ResumeJournal();
+// Takes back the last change that was made, which the result then shows.
+void UndoLast(Result &result, const Options &options);
 Json ConfirmJournal();
 // Undoes the change with this id after so many seconds, unless it was confirmed. Runs in its own process.
 void GuardJournal(const std::string &id, double seconds);

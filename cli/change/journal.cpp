@@ -35,6 +35,7 @@ bool OutlivesPowerCuts()
 }
 
 std::string JournalPath() { return StateDirectory() + "/journal.cbor"; }
+std::string LastPath() { return StateDirectory() + "/last.cbor"; }
 
 // Writes a whole file, which is on disk when this returns.
 void WriteFile(const std::string &path, const std::string &text)
@@ -102,10 +103,12 @@ void Journal::Write() const
     SyncDirectory();
 }
 
-std::optional<Journal> Journal::Read()
+namespace {
+
+std::optional<Journal> ReadFrom(const std::string &path)
 {
-    if (access(JournalPath().c_str(), F_OK) != 0) return {};
-    const Json json = Json::from_cbor(ReadFile(JournalPath()), true, false);
+    if (access(path.c_str(), F_OK) != 0) return {};
+    const Json json = Json::from_cbor(ReadFile(path), true, false);
     try {
         if (json.at("format") != FORMAT) throw Error(Exit::FAILURE, "another version of vsctl wrote it");
         Journal journal{json.at("id"),         json.at("command"),    {}, json.at("awaits-confirmation"),
@@ -114,10 +117,23 @@ std::optional<Journal> Journal::Read()
             journal.steps.push_back(StepFromJson(step));
         return journal;
     } catch (const std::exception &error) {
-        throw Error(Exit::FAILURE, fmt::format("{} cannot be understood: {}", JournalPath(), error.what()),
+        throw Error(Exit::FAILURE, fmt::format("{} cannot be understood: {}", path, error.what()),
                     "use the vsctl that wrote it, or move the file away");
     }
 }
+
+void Rename(const std::string &from, const std::string &to)
+{
+    if (rename(from.c_str(), to.c_str()) != 0) ThrowFileError(from, "renamed");
+    SyncDirectory();
+}
+
+}
+
+std::optional<Journal> Journal::Read() { return ReadFrom(JournalPath()); }
+std::optional<Journal> Journal::ReadLast() { return ReadFrom(LastPath()); }
+void Journal::Keep() { Rename(JournalPath(), LastPath()); }
+void Journal::Reopen() { Rename(LastPath(), JournalPath()); }
 
 void Journal::Remove()
 {

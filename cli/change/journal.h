@@ -31,6 +31,11 @@ struct Journal {
     void Write() const;
     static std::optional<Journal> Read();
     static void Remove();
+    // Keeps the journal of a change that is made, for `vsctl undo`, until the next one is made.
+    static void Keep();
+    static std::optional<Journal> ReadLast();
+    // Makes the kept journal that of a change that is not finished, as its undo begins.
+    static void Reopen();
 };
 
 // Where the lock and the journal are.

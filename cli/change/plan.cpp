@@ -64,6 +64,35 @@ std::vector<std::string> KnownKeys(bool ofPort)
     return keys;
 }
 
+// All faults of a file.
+class Faults {
+public:
+    template<class Check> bool Try(Check check)
+    {
+        try {
+            check();
+            return true;
+        } catch (const Error &error) {
+            if (error.exit != Exit::BAD_VALUE) throw; // of the platform
+            if (!first) first = error;
+            if (error.problem != first->problem && !Knows(error.problem))
+                first->more.push_back(error.problem);
+            return false;
+        }
+    }
+    void ThrowIfAny() const
+    {
+        if (first) throw *first;
+    }
+
+private:
+    bool Knows(const std::string &problem) const
+    {
+        return std::find(first->more.begin(), first->more.end(), problem) != first->more.end();
+    }
+    std::optional<Error> first;
+};
+
 void RequireTable(const Document &document, const Json &value, const std::string &pointer)
 {
     if (!value.is_object()) throw document.At(pointer, "must be a table");
@@ -120,43 +149,60 @@ void CheckAbsent(const Document &document, const Json &entry, const std::string 
         throw document.At(pointer + "/absent", "is true, so nothing else can be set");
 }
 
-void CheckEntry(const Document &document, const Json &entry, const std::string &pointer, bool ofPort)
+void CheckMember(const Document &document, const std::string &key, const Json &value,
+                 const std::string &where, bool ofPort)
 {
-    RequireTable(document, entry, pointer);
+    std::optional<Violation> fault;
+    if (const Field *field = FindField(ofPort, key))
+        fault = FindViolation(*field, value, where);
+    else if (const Policy *policy = FindPolicy(key, ofPort))
+        fault = FindViolation(*policy, value, where);
+    else if (ofPort || key != PORTS_KEY)
+        throw document.At(where, UnknownKey(key, KnownKeys(ofPort)));
+    if (fault) throw document.At(fault->pointer, fault->message);
+}
+
+// Returns whether the entry is sound.
+bool CheckEntry(const Document &document, const Json &entry, const std::string &pointer, bool ofPort,
+                Faults &faults)
+{
+    if (!faults.Try([&] { RequireTable(document, entry, pointer); })) return false;
+    bool isSound = true;
     for (const auto &[key, value] : entry.items()) {
-        const std::string where = pointer + "/" + PointerStep(key);
-        std::optional<Violation> fault;
-        if (const Field *field = FindField(ofPort, key))
-            fault = FindViolation(*field, value, where);
-        else if (const Policy *policy = FindPolicy(key, ofPort))
-            fault = FindViolation(*policy, value, where);
-        else if (ofPort || key != PORTS_KEY)
-            throw document.At(where, UnknownKey(key, KnownKeys(ofPort)));
-        if (fault) throw document.At(fault->pointer, fault->message);
+        isSound = faults.Try([&, &key = key, &value = value] {
+            CheckMember(document, key, value, pointer + "/" + PointerStep(key), ofPort);
+        }) && isSound;
     }
-    CheckClear(document, entry, pointer, ofPort);
-    CheckAbsent(document, entry, pointer);
-    CheckFilter(document, entry, pointer);
+    return isSound && faults.Try([&] {
+        CheckClear(document, entry, pointer, ofPort);
+        CheckAbsent(document, entry, pointer);
+        CheckFilter(document, entry, pointer);
+    });
 }
 
 std::string SwitchPointer(const std::string &alias) { return "/switches/" + PointerStep(alias); }
 
-void CheckPorts(const Document &document, const Json &ports, const std::string &pointer)
+void CheckPorts(const Document &document, const Json &ports, const std::string &pointer, Faults &faults)
 {
-    RequireTable(document, ports, pointer);
+    if (!faults.Try([&] { RequireTable(document, ports, pointer); })) return;
     std::set<std::string> named;
     for (const auto &[key, entry] : ports.items()) {
         const std::string where = pointer + "/" + PointerStep(key);
-        CheckEntry(document, entry, where, true);
+        CheckEntry(document, entry, where, true, faults);
         std::vector<std::string> names;
-        try {
-            names = PortNames(key);
-        } catch (const Error &error) {
-            throw document.At(where, "is not valid: " + error.problem);
-        }
+        faults.Try([&, &key = key] {
+            try {
+                names = PortNames(key);
+            } catch (const Error &error) {
+                throw document.At(where, "is not valid: " + error.problem);
+            }
+        });
         for (const std::string &port : names) {
-            CheckName(document, PORT_ID, port, where);
-            if (!named.insert(port).second) throw document.At(where, fmt::format("describes {} twice", port));
+            faults.Try([&] {
+                CheckName(document, PORT_ID, port, where);
+                if (!named.insert(port).second)
+                    throw document.At(where, fmt::format("describes {} twice", port));
+            });
         }
     }
 }
@@ -170,13 +216,16 @@ void CheckDocument(const Document &document)
         RequireTable(document, value, "/switches");
     }
     if (!document.Root().contains("switches")) throw document.At("", "the file has no 'switches'");
+    Faults faults;
     for (const auto &[alias, entry] : document.Root()["switches"].items()) {
-        CheckName(document, SWITCH_ALIAS, alias, SwitchPointer(alias));
-        CheckEntry(document, entry, SwitchPointer(alias), false);
-        if (entry.contains(PORTS_KEY))
-            CheckPorts(document, entry[PORTS_KEY], SwitchPointer(alias) + "/ports");
-        CheckUplinks(document, entry, SwitchPointer(alias));
+        const std::string where = SwitchPointer(alias);
+        faults.Try([&, &alias = alias] { CheckName(document, SWITCH_ALIAS, alias, where); });
+        const bool isSound = CheckEntry(document, entry, where, false, faults);
+        if (entry.is_object() && entry.contains(PORTS_KEY))
+            CheckPorts(document, entry[PORTS_KEY], where + "/ports", faults);
+        if (isSound) faults.Try([&, &entry = entry] { CheckUplinks(document, entry, where); });
     }
+    faults.ThrowIfAny();
 }
 
 namespace {
@@ -187,10 +236,11 @@ class Planner {
 public:
     explicit Planner(const Document &document) : document(document) {}
 
-    void AddSwitch(const std::string &alias, const Json &entry);
+    void AddSwitch(const std::string &alias, const Json &entry, Faults &faults);
     std::vector<Step> Steps() const;
 
 private:
+    void AddCreation(const Target &target, const Json &entry, const std::string &pointer);
     void AddUplinks(const Target &target, const Json &entry);
     void AddPort(const Target &port, const Json &entry, const std::string &pointer, const Json &uplinks);
     std::vector<Step> PolicySteps(const Target &target, const Json &entry) const;
@@ -302,7 +352,22 @@ void Planner::AddPort(const vshost_port &known, const Target &port, const Json &
     }
 }
 
-void Planner::AddSwitch(const std::string &alias, const Json &entry)
+void Planner::AddCreation(const Target &target, const Json &entry, const std::string &pointer)
+{
+    Json value = {{"id", entry.value("id", NewSwitchId())},
+                  {"portset", entry.value("portset", target.alias)}};
+    for (const char *key : {"version", "opaque", "max-ports"}) {
+        if (entry.contains(key)) value[key] = entry[key];
+    }
+    try {
+        RequirePortsetName(value["portset"]);
+    } catch (const Error &error) {
+        throw document.At(pointer, "needs another portset: " + error.problem);
+    }
+    creations.push_back({"switch", target, value});
+}
+
+void Planner::AddSwitch(const std::string &alias, const Json &entry, Faults &faults)
 {
     const Target target{alias, ""};
     const std::string pointer = SwitchPointer(alias);
@@ -311,20 +376,12 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry)
         if (!present.is_null()) destructions.push_back({"switch", target, nullptr});
         return;
     }
-    if (present.is_null()) {
-        Json value = {{"id", entry.value("id", NewSwitchId())}, {"portset", entry.value("portset", alias)}};
-        for (const char *key : {"version", "opaque", "max-ports"}) {
-            if (entry.contains(key)) value[key] = entry[key];
-        }
-        try {
-            RequirePortsetName(value["portset"]);
-        } catch (const Error &error) {
-            throw document.At(pointer, "needs another portset: " + error.problem);
-        }
-        creations.push_back({"switch", target, value});
-    } else {
-        RequireSameAttributes(target, entry, present, pointer);
-    }
+    faults.Try([&] {
+        if (present.is_null())
+            AddCreation(target, entry, pointer);
+        else
+            RequireSameAttributes(target, entry, present, pointer);
+    });
     AddUplinks(target, entry);
     for (Step &step : PolicySteps(target, entry))
         settings.push_back(std::move(step));
@@ -338,10 +395,14 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry)
         for (const std::string &name : PortNames(key)) {
             const auto listed = known.find(name);
             // Being an uplink, and absent, are not properties.
-            if (listed == known.end() || listed->second.isUplink || port.value("absent", false))
-                AddPort({alias, name}, port, where, uplinkNames);
-            else
-                AddPort(listed->second, {alias, name}, port, where, uplinkNames);
+            const bool isOwn =
+                listed == known.end() || listed->second.isUplink || port.value("absent", false);
+            faults.Try([&, &port = port] {
+                if (isOwn)
+                    AddPort({alias, name}, port, where, uplinkNames);
+                else
+                    AddPort(listed->second, {alias, name}, port, where, uplinkNames);
+            });
         }
     }
 }
@@ -364,8 +425,10 @@ namespace {
 std::vector<Step> PlanSwitches(const Document &document, const Json &switches)
 {
     Planner planner(document);
+    Faults faults;
     for (const auto &[alias, entry] : switches.items())
-        planner.AddSwitch(alias, entry);
+        planner.AddSwitch(alias, entry, faults);
+    faults.ThrowIfAny();
     return planner.Steps();
 }
 

@@ -195,10 +195,12 @@ void RequireNewPorts(SwitchState &found, const std::string &alias, const std::ve
     for (const std::string &name : names) {
         if (!found.HasPort(name)) continue;
         const bool isUplink = Contains(found.Listed().ids, name);
-        throw Error(
+        Error error(
             Exit::EXISTS,
             fmt::format("{} is already {}", Target{alias, name}.Text(), isUplink ? "an uplink" : "a port"),
             isUplink ? "leave it out" : "choose another name, or remove the port first");
+        if (isUplink) error.status = STATUS_EXISTS;
+        throw error;
     }
 }
 
@@ -354,8 +356,10 @@ void Checker::CheckEntries(const Step &step, const Policy &policy)
         const std::string name = EntryName(*policy.fields[0].layout, entry);
         const auto found = find(name);
         if (found == list.end() || (*found == entry && added.size() > 1)) continue;
-        throw Error(Exit::EXISTS,
+        Error error(Exit::EXISTS,
                     fmt::format("{} already has the {} {}", step.target.Text(), policy.noun, name), advice);
+        if (*found == entry) error.status = STATUS_EXISTS;
+        throw error;
     }
     if (IsEmbedded() && policy.fields[0].layout == &MIRROR_SESSION)
         RequirePortEntries(step.target.alias, added);
@@ -404,15 +408,30 @@ void Checker::Check(const Step &step)
 
 }
 
+namespace {
+
+// Whether the error says that what an optional step does is done already.
+bool IsDone(const Step &step, const Error &error)
+{
+    const bool removes = step.value.is_null() || step.value.contains("remove");
+    return removes ? error.exit == Exit::NOT_FOUND : error.status == STATUS_EXISTS;
+}
+
+}
+
 void CheckSteps(std::vector<Step> &steps)
 {
     Checker checker;
     std::vector<Step> expanded;
     for (const Step &step : steps) {
         RestartTimeLimit();
-        for (Step &part : checker.Expand(step)) {
-            checker.Check(part);
-            expanded.push_back(std::move(part));
+        try {
+            for (Step &part : checker.Expand(step)) {
+                checker.Check(part);
+                expanded.push_back(std::move(part));
+            }
+        } catch (const Error &error) {
+            if (!step.isOptional || !IsDone(step, error)) throw;
         }
     }
     steps = std::move(expanded);

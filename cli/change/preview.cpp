@@ -127,7 +127,7 @@ Preview PreviewOf(const std::vector<Step> &steps)
     for (Step step : steps) {
         RestartTimeLimit(); // work that goes on is not waiting
         step.before = states.Before(step);
-        const Json after = After(step);
+        const Json &after = preview.after.emplace_back(After(step));
         preview.rows.push_back(StepRow(step));
         if (step.item == "switch" && step.value.is_null() && IsEmbedded())
             preview.rows.back()["ports"] = states.CountPorts(step.target.alias);

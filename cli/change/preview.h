@@ -8,6 +8,7 @@ namespace vsctl {
 struct Preview {
     Json rows = Json::array(); // one for each step
     bool changes = false;      // whether any step changes something
+    std::vector<Json> after;   // what each step leaves
 };
 
 // `before` of each step holds the state before the whole change.

@@ -19,6 +19,7 @@ struct Result {
     std::vector<Step> steps; // the change to make
     bool allowRemovals = true;
     bool planOnly = false;
+    bool asks = false;        // whether a user at a terminal is asked first
     double confirmWithin = 0; // seconds
     double deadline = 0;      // seconds since boot; 0: none
     std::string note;         // a line for people, after the rows

@@ -9,10 +9,11 @@ namespace vsctl {
 struct Step {
     std::string item; // a policy's name, or a row of the table of objects
     Target target;
-    Json value;            // the new value; null: removed or cleared; of a table, the fields that change
-    Json before = nullptr; // the old value; null: there was none
-    bool isRead = false;   // whether `before` is read
-    Json saved = nullptr;  // all that an undo restores
+    Json value;              // the new value; null: removed or cleared; of a table, the fields that change
+    Json before = nullptr;   // the old value; null: there was none
+    bool isRead = false;     // whether `before` is read
+    Json saved = nullptr;    // all that an undo restores
+    bool isOptional = false; // left out where what it adds is there, or what it removes is not
 };
 
 // Reads the old value.

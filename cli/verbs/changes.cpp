@@ -1,5 +1,8 @@
 // vsctl plan, apply, confirm, export and batch: changes of many steps.
+#include <cerrno>
+#include <cstdlib>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "cli/base/clock.h"
 #include "cli/base/limit.h"
@@ -72,6 +75,11 @@ Result Confirm(const Verb &, const Arguments &arguments)
     return result;
 }
 
+// What is undone is known when the change is undone.
+Result Undo(const Verb &, const Arguments &) { return {}; }
+
+std::string FileText(const Json &file, bool isJson);
+
 Result Export(const Verb &, const Arguments &arguments)
 {
     std::vector<Target> targets;
@@ -87,15 +95,71 @@ Result Export(const Verb &, const Arguments &arguments)
         for (const std::string &port : PortNames(word.substr(slash + 1)))
             targets.push_back({alias, port});
     }
-    const Json file = ExportFile(targets);
-    std::string json;
+    return Text(FileText(ExportFile(targets), arguments.Has("--json")));
+}
+
+std::string FileText(const Json &file, bool isJson)
+{
     try {
-        json = file.dump(2) + "\n";
+        const std::string json = file.dump(2) + "\n";
+        return isJson ? json : TomlText(file);
     } catch (const Json::type_error &) {
         throw Error(Exit::FAILURE, "a stored text is not UTF-8, and a file holds only UTF-8",
                     "'vsctl port show' and 'vsctl switch show' show the text");
     }
-    return Text(arguments.Has("--json") ? json : TomlText(file));
+}
+
+// A file that is removed with this object, unless it is kept.
+struct TemporaryFile {
+    explicit TemporaryFile(const std::string &text)
+    {
+        const int file = mkstemps(path.data(), strlen(".toml"));
+        const bool isWritten =
+            file >= 0 && write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+        if (file >= 0) close(file);
+        if (!isWritten)
+            throw Error(Exit::FAILURE, fmt::format("{} cannot be written: {}", path, strerror(errno)),
+                        "make room in /tmp");
+    }
+    TemporaryFile(const TemporaryFile &) = delete;
+    TemporaryFile &operator=(const TemporaryFile &) = delete;
+    ~TemporaryFile()
+    {
+        if (!isKept) unlink(path.c_str());
+    }
+    std::string path = "/tmp/vsctl-XXXXXX.toml";
+    bool isKept = false;
+};
+
+void RunEditor(const std::string &path)
+{
+    const char *editor = getenv("VISUAL");
+    if (!editor || !*editor) editor = getenv("EDITOR");
+    const std::string command = fmt::format("{} {}", editor && *editor ? editor : "vi", path);
+    EndTimeLimit();
+    if (system(command.c_str()) != 0)
+        throw Error(Exit::FAILURE, fmt::format("the editor failed: {}", command),
+                    "set EDITOR to one that works");
+}
+
+// What the user deletes from the file goes.
+Result Edit(const Verb &, const Arguments &arguments)
+{
+    const std::string text = FileText(ExportFile({{arguments.Text("SWITCH"), ""}}), false);
+    const TemporaryFile before(text);
+    TemporaryFile file(text);
+    RunEditor(file.path);
+    Result result;
+    result.asks = true;
+    try {
+        result.steps = PlanSteps(Document(file.path), Document(before.path));
+    } catch (const Error &error) {
+        file.isKept = true;
+        throw Error(error.exit, error.problem,
+                    fmt::format("'vsctl apply {}' applies it once it is right", file.path));
+    }
+    if (result.steps.empty()) result.text = "nothing to change\n";
+    return result;
 }
 
 // The steps of one line; none for a blank line or a comment.
@@ -115,7 +179,7 @@ std::vector<Step> LineSteps(const std::string &line, std::map<std::string, std::
     const Arguments &arguments =
         parser->Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, options);
     if (options.dryRun) throw Error(Exit::USAGE, "a line cannot have --dry-run", "give it to batch itself");
-    Result result = verb.run(verb, arguments);
+    Result result = RunVerb(verb, arguments);
     if (result.steps.empty()) throw unfit;
     return std::move(result.steps);
 }
@@ -192,6 +256,10 @@ std::vector<Verb> ChangeVerbs()
                 "Switches (default: all), with some of their ports as in lab/port0..port7", Names::SWITCH}},
               {"Write a file for apply that describes what exists",
                "> host.toml\nlab > lab.toml\nlab/port0..port7", ""}),
+        ChangesNow("edit", Edit, {SWITCH},
+                   {"Edit the file of a switch in $EDITOR and apply it", "lab", "", "@change"}),
+        ChangesNow("undo", Undo, {},
+                   {"Take back the last change, which is shown first", "\n--dry-run", "", "@change"}),
         ChangesNow(
             "batch", Batch,
             {{"FILE", Shape::OPTIONAL, "Commands, one a line (default: standard input)", Names::FILE}, allow},

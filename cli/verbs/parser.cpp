@@ -160,6 +160,10 @@ std::vector<Argument> AllArguments(const Verb &verb)
     std::vector<Argument> arguments = verb.arguments;
     if (NamesSwitch(verb) && !Takes(verb, BY_ID.name)) arguments.push_back(BY_ID);
     arguments.push_back(JSON);
+    if (verb.effect == Effect::STEPS) {
+        if (verb.name == "create" || verb.name == "add") arguments.push_back(IF_ABSENT);
+        if (verb.name == "destroy" || verb.name == "remove") arguments.push_back(IF_PRESENT);
+    }
     if (verb.effect != Effect::READS) arguments.insert(arguments.end(), {DRY_RUN, QUIET});
     if (verb.PrintsTable()) arguments.insert(arguments.end(), {STYLE, COLUMNS});
     arguments.push_back(TIMEOUT);

@@ -152,6 +152,15 @@ Verb ChangesNow(const std::string &title, RunFunction run, std::vector<Argument>
     return verb;
 }
 
+Result RunVerb(const Verb &verb, const Arguments &arguments)
+{
+    Result result = verb.run(verb, arguments);
+    const bool isOptional = arguments.Has(IF_ABSENT.name) || arguments.Has(IF_PRESENT.name);
+    for (Step &step : result.steps)
+        step.isOptional = step.isOptional || isOptional;
+    return result;
+}
+
 Result Rows(Json rows)
 {
     Result result;

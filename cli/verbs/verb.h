@@ -99,6 +99,11 @@ Verb Reads(const std::string &title, RunFunction run, std::vector<Argument> argu
 Verb Changes(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual);
 Verb ChangesNow(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual);
 
+// What the verb returns for these arguments.
+Result RunVerb(const Verb &verb, const Arguments &arguments);
+inline const Argument IF_ABSENT{"--if-absent", Shape::FLAG, "Do nothing where it is there already"};
+inline const Argument IF_PRESENT{"--if-present", Shape::FLAG, "Do nothing where it is not there"};
+
 // Results of one kind. An object is one row.
 Result Rows(Json rows);
 // The switch and, where there is one, the port, then the fields.
