@@ -79,6 +79,28 @@ for name, arguments in json.loads(sys.argv[2]):
 
 
 class Plugging(PluggedHost):
+    def test_files_plug_interfaces(self):
+        """In the same form as they are exported; an undo plugs again what its change has unplugged."""
+        a, b = self.namespace("a", "10.9.0.1"), self.namespace("b", "10.9.0.2")
+        interface = lambda port: next(row for row in self.rows("port", "list", "one") if row["port"] == port)["plugged"]
+
+        def apply(ports, *options):
+            file = self.directory / "file.json"
+            file.write_text(json.dumps({"switches": {"one": {"ports": ports}}}))
+            return [(row["item"], row["before"], row["after"]) for row in self.rows("apply", str(file), *options)]
+        self.assertEqual(apply({"1": {"plugged": "va"}, "2": {"plugged": "vb"}}),
+                         [("plugged", None, "va"), ("plugged", None, "vb")])
+        self.assertEqual((interface("1"), interface("2")), ("va", "vb"))
+        self.assertTrue(a.reaches(b))
+        exported = json.loads(self.vsctl("export", "one", "--json"))["switches"]["one"]["ports"]
+        self.assertEqual({name: entry.get("plugged") for name, entry in exported.items()},
+                         {"1": "va", "2": "vb", "3,port0..port15": None})
+        self.assertEqual(apply(exported), [])
+        self.assertEqual(apply({"2": {"plugged": "none"}}), [("plugged", "vb", None)])
+        self.vsctl("undo")
+        self.assertEqual((interface("1"), interface("2")), ("va", "vb"))
+        wait_until(lambda: a.reaches(b), "frames between them")
+
     def test_ports_of_one_vlan_reach_each_other(self):
         a, b = self.two()
         self.assertTrue(a.reaches(b))

@@ -494,7 +494,7 @@ class Values(OnHost):
 
         def entry(kind, chance, *left_out):
             chosen = {key: value for key, value in definitions[kind]["properties"].items()
-                      if key not in ("absent", "clear", "ports", *left_out) and random.random() < chance}
+                      if key not in ("absent", "clear", "ports", "plugged", *left_out) and random.random() < chance}
             return {key: self.random_value(random, value) for key, value in chosen.items()}
         switches = {}
         for alias, portset in (("lab", "lab"), ("a 'b' \"c\".d#\\\u00e4/e", "vs1")):

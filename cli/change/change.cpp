@@ -301,10 +301,18 @@ namespace {
 
 std::string PlanText(const Json &rows) { return DifferenceText(rows) + SummaryText(rows, false); }
 
+// Rows instead of a difference.
+bool WantsRows(const Options &options)
+{
+    return options.json || options.style.form != "table" || !options.style.columns.empty();
+}
+
+bool CanAsk(const Options &options) { return !options.json && isatty(STDIN_FILENO) && isatty(STDOUT_FILENO); }
+
 // Shows a plan to a user at a terminal and asks for consent. Elsewhere nobody can be asked.
 bool IsAgreed(const std::string &plan, const Options &options)
 {
-    if (options.json || !isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO)) return true;
+    if (!CanAsk(options)) return true;
     Print(plan + "Make this change? [y/N] ");
     EndTimeLimit();
     char answer[16] = "";
@@ -335,8 +343,9 @@ void Change(const std::string &command, Result &result, const Options &options)
     Preview preview = onlyShows ? ReadAllBefore(result.steps) : CarryOut(command, result, options);
     if (onlyShows && preview.changes) result.exit = Exit::PENDING;
     if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
-    if (options.json || result.rows.empty()) return;
-    result.text = DifferenceText(result.rows);
+    if (result.rows.empty() || WantsRows(options)) return;
+    const bool isShown = result.asks && !onlyShows && CanAsk(options);
+    if (!isShown) result.text = DifferenceText(result.rows);
     if (!options.quiet) result.text += SummaryText(result.rows, !onlyShows);
 }
 
@@ -463,7 +472,7 @@ void UndoLast(Result &result, const Options &options)
         result.rows.push_back(Reversed(preview.rows[i], preview.after[i]));
     if (options.dryRun) {
         result.exit = Exit::PENDING;
-        if (!options.json) result.text = PlanText(result.rows);
+        if (!WantsRows(options)) result.text = PlanText(result.rows);
         return;
     }
     if (!IsAgreed(PlanText(result.rows), options)) return ShowNothing(result);
@@ -475,8 +484,8 @@ void UndoLast(Result &result, const Options &options)
     Journal::Reopen();
     const UndoReport undone = UndoAll(journal);
     if (!undone.losses.empty()) result.note = fmt::format("not brought back: {}", Listed(undone.losses));
-    if (options.json) return;
-    result.text = DifferenceText(result.rows);
+    if (WantsRows(options)) return;
+    if (!CanAsk(options)) result.text = DifferenceText(result.rows);
     if (!options.quiet) result.text += SummaryText(result.rows, true);
 }
 

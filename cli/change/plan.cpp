@@ -25,9 +25,12 @@ constexpr Field SWITCH_FIELDS[] = {
     {"clear", Form::NAMES, "Policies to remove", 0, 64},
     {"absent", Form::BOOLEAN, "Whether to destroy the switch"},
 };
+constexpr const char *PLUGGED_KEY = "plugged";
 constexpr Field PORT_FIELDS[] = {
     {"connect-id", Form::NUMBER, "Connect id of a new port", 0, UINT32_MAX},
     {"external-id", Form::TEXT, "External id of an opaque port", 0, 1023},
+    {PLUGGED_KEY, Form::TEXT, "Network interface that is plugged to the port, on a live host", 1,
+     sizeof vshost_port::interface - 1, "", nullptr, true},
     {"clear", Form::NAMES, "Policies to remove", 0, 64},
     {"absent", Form::BOOLEAN, "Whether to remove the port"},
 };
@@ -240,6 +243,7 @@ public:
     std::vector<Step> Steps() const;
 
 private:
+    void AddInterface(const Target &port, const Json &entry, const char *present);
     void AddCreation(const Target &target, const Json &entry, const std::string &pointer);
     void AddUplinks(const Target &target, const Json &entry);
     void AddPort(const Target &port, const Json &entry, const std::string &pointer, const Json &uplinks);
@@ -252,7 +256,8 @@ private:
 
     const Document &document;
     std::map<std::pair<std::string, uint64_t>, std::vector<Step>> planned; // by pointer and properties
-    std::vector<Step> creations, uplinks, ports, settings, portRemovals, uplinkRemovals, destructions;
+    std::vector<Step> creations, uplinks, ports, settings, interfaces, portRemovals, uplinkRemovals,
+        destructions;
 };
 
 void Planner::RequireSameAttributes(const Target &target, const Json &entry, const Json &present,
@@ -367,6 +372,15 @@ void Planner::AddCreation(const Target &target, const Json &entry, const std::st
     creations.push_back({"switch", target, value});
 }
 
+// An interface is not a property. `present` is null where no interface can be plugged yet.
+void Planner::AddInterface(const Target &port, const Json &entry, const char *present)
+{
+    if (!entry.contains(PLUGGED_KEY)) return;
+    const Json wanted = entry[PLUGGED_KEY] == NONE ? Json() : entry[PLUGGED_KEY];
+    const Json now = present && *present ? Json(present) : Json();
+    if (wanted != now) interfaces.push_back({"plugged", port, {{"plugged", wanted}}, now, true});
+}
+
 void Planner::AddSwitch(const std::string &alias, const Json &entry, Faults &faults)
 {
     const Target target{alias, ""};
@@ -397,6 +411,7 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry, Faults &fau
             // Being an uplink, and absent, are not properties.
             const bool isOwn =
                 listed == known.end() || listed->second.isUplink || port.value("absent", false);
+            AddInterface({alias, name}, port, isOwn ? nullptr : listed->second.interface);
             faults.Try([&, &port = port] {
                 if (isOwn)
                     AddPort({alias, name}, port, where, uplinkNames);
@@ -411,8 +426,8 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry, Faults &fau
 std::vector<Step> Planner::Steps() const
 {
     std::vector<Step> steps;
-    for (const auto *list :
-         {&creations, &uplinks, &ports, &settings, &portRemovals, &uplinkRemovals, &destructions})
+    for (const auto *list : {&creations, &uplinks, &ports, &settings, &interfaces, &portRemovals,
+                             &uplinkRemovals, &destructions})
         steps.insert(steps.end(), list->begin(), list->end());
     return steps;
 }
@@ -527,7 +542,10 @@ public:
         if (known == listed.end()) return AddTo(Read(name), name);
         const auto [block, isNew] = byProperties.try_emplace(known->second.properties, nullptr);
         if (isNew) block->second = Read(name);
-        AddTo(block->second, name);
+        if (!*known->second.interface) return AddTo(block->second, name);
+        Json entry = block->second;
+        entry[PLUGGED_KEY] = known->second.interface;
+        AddTo(entry, name);
     }
 
     Json Ports()

@@ -403,6 +403,7 @@ void Checker::Check(const Step &step)
     if (step.item == "uplinks") return CheckUplinks(step);
     if (step.item == "property") return CheckProperty(step);
     if (step.item == "uplink-admin") return void(Find(step.target.alias));
+    if (step.item == "plugged") return void(FindPort(step.target));
     CheckPolicy(step);
 }
 

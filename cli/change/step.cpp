@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "cli/base/decode.h"
+#include "cli/base/plug.h"
 
 namespace vsctl {
 
@@ -279,6 +280,40 @@ bool RestoreAdmin(const Step &step)
     return false;
 }
 
+// ---- The interface that is plugged to a port: {"plugged"}, null for none ----
+
+Json ReadInterface(const Step &step)
+{
+    if (IsGone(step.target)) return nullptr;
+    for (const vshost_port &port : PortsOf(step.target.alias)) {
+        if (step.target.port == port.id && *port.interface) return port.interface;
+    }
+    return nullptr;
+}
+
+void SetInterface(const Target &port, const Json &present, const Json &wanted)
+{
+    if (present == wanted) return;
+    std::string fault = present.is_null() ? "" : Unplug(present);
+    if (fault.empty() && !wanted.is_null()) fault = Plug(port.alias, port.port, wanted);
+    if (fault.empty()) return;
+    throw Error(Exit::FAILURE, fmt::format("plugging to {} failed: {}", port.Text(), fault),
+                "interfaces are plugged on a live host, by root");
+}
+
+void PerformInterface(const Step &step)
+{
+    SetInterface(step.target, ReadInterface(step), step.value["plugged"]);
+}
+
+Json InterfaceAfter(const Step &step) { return step.value["plugged"]; }
+
+bool RestoreInterface(const Step &step)
+{
+    if (!IsGone(step.target)) SetInterface(step.target, ReadInterface(step), step.before);
+    return false;
+}
+
 // ---- The table ----
 
 Json ValueOf(const Step &step) { return step.value; }
@@ -297,6 +332,7 @@ constexpr Item ITEMS[] = {
     {"port", ReadPortItem, PerformPort, SavePort, RestorePortItem, ValueOf},
     {"uplinks", ReadUplinksItem, PerformUplinks, SaveUplinks, RestoreUplinks, UplinksAfter},
     {"property", ReadProperty, PerformProperty, SaveNothing, RestoreProperty, PropertyAfter},
+    {"plugged", ReadInterface, PerformInterface, SaveNothing, RestoreInterface, InterfaceAfter},
     {"uplink-admin", ReadAdmin, PerformAdmin, SaveNothing, RestoreAdmin, AdminAfter},
 };
 
@@ -385,7 +421,8 @@ Json StepRow(const Step &step)
     row["port"] = step.target.port.empty() ? Json() : Json(step.target.port);
     row["item"] = step.item;
     row["before"] = step.before;
-    row["after"] = &ItemOf(step) == &POLICY_ITEM ? After(step) : step.value;
+    const bool isValue = &ItemOf(step) == &POLICY_ITEM || step.item == "plugged";
+    row["after"] = isValue ? After(step) : step.value;
     return row;
 }
 
