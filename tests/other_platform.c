@@ -3,8 +3,9 @@
 #include <dlfcn.h>
 #include <string.h>
 
-static const char *const OURS[] = {"vshost_platform",     "vshost_list_ports", "vshost_list_properties",
-                                   "vshost_restore_port", "vshost_list_nics",  "vshost_bulk"};
+static const char *const OURS[] = {"vshost_platform",          "vshost_list_ports", "vshost_list_properties",
+                                   "vshost_restore_port",      "vshost_list_nics",  "vshost_bulk",
+                                   "vshost_list_policy_faults"};
 
 void *dlsym(void *handle, const char *name)
 {

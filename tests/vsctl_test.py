@@ -3,6 +3,7 @@
 import fcntl
 import json
 import re
+import struct
 import subprocess
 import sys
 from collections import Counter
@@ -156,6 +157,42 @@ class Verbs(OnHost):
             self.assertEqual((row["level"], bytes.fromhex(row["bytes"])), (level, "häy\0".encode()))
             self.rows("property", "clear", "lab", "com.example.x", *words)
             self.run_vsctl("property", "get", "lab", "com.example.x", *words, code=3)
+
+    def test_doctor_names_records_that_are_not_enforced(self):
+        self.run_vsctl("switch", "create", "lab", "--ports", "8", "--uplinks", "1")
+        key = "com.talpex.vswitch."
+        policy = struct.pack("=6I", 1, 4, 1, 0, 1, 0).ljust(2616, b"\0")
+        mirrors = struct.pack("=5I", 0xFACEBEEF, 2, 1, 0, 0) + b"m".ljust(32, b"\0") + struct.pack("=I", 7).ljust(
+            184, b"\0") + bytes(16)
+        rows = (  # key, record that is enforced, record that is not, why
+            ("teaming", policy, b"\2" + policy[1:], "its version is not known"),
+            ("teaming", policy, policy[:16] + b"\41" + policy[17:], "a count is larger than its array"),
+            ("teaming", policy, policy[:-1], "its length is not that of its record"),
+            ("logicalswitch.teaming", struct.pack("=I132s", 1, b"gold") + policy, struct.pack("=I", 1),
+             "a count is larger than its array"),
+            ("pvlanMap", struct.pack("=HHI", 100, 101, 1), struct.pack("=HHI", 100, 101, 3),
+             "the type of an entry is not known"),
+            ("port.teaming.policy", policy, policy[:4] + b"\5" + policy[5:], "its algorithm is not known"),
+            ("port.security", struct.pack("=I", 7), struct.pack("=I", 8), "it has flags that are not known"),
+            ("port.extraEthFRP", bytes(200), struct.pack("=II", 0, 25).ljust(200, b"\0"),
+             "a count is larger than its array"),
+            ("port.mirrorSessions", mirrors[:52] + b"\1" + mirrors[53:], mirrors,
+             "the version of a session is not known"),
+        )
+
+        def faults(code):
+            done = self.process("doctor", "--json")
+            self.assertEqual(done.returncode, code, done.stdout)
+            return [row["state"] for row in json.loads(done.stdout)["result"] if row["part"] == "policy"]
+
+        for name, good, bad, why in rows:
+            where = ("--port", "port0") if name.startswith("port.") else ("--level", "global")
+            with self.subTest(name, why=why):
+                self.run_vsctl("property", "set", "lab", key + name, *where, "--hex", bad.hex())
+                of = "switch lab, port port0" if name.startswith("port.") else "switch lab"
+                self.assertEqual(faults(5), [f"{of}: {key}{name} is kept and not enforced: {why}"])
+                self.run_vsctl("property", "set", "lab", key + name, *where, "--hex", good.hex())
+                self.assertEqual(faults(0), [])
 
     def test_values_that_others_stored_are_shown(self):
         self.create()

@@ -73,6 +73,18 @@ std::vector<vshost_nic> ListNics()
     return Listed<vshost_nic>("", "NICs", list).value_or(std::vector<vshost_nic>());
 }
 
+std::vector<vshost_policy_fault> ListPolicyFaults(const std::string &switchId)
+{
+    static auto *const list =
+        PlatformFunction<decltype(vshost_list_policy_faults)>("vshost_list_policy_faults");
+    if (!list) return {};
+    const auto faults = Listed<vshost_policy_fault>(
+        switchId, "policies", [&](vshost_policy_fault *entries, size_t capacity, size_t *count) {
+            return list(switchId.c_str(), entries, capacity, count);
+        });
+    return faults.value_or(std::vector<vshost_policy_fault>());
+}
+
 int RestorePlace(const std::string &switchId, const vshost_port &port)
 {
     static auto *const restore = PlatformFunction<decltype(vshost_restore_port)>("vshost_restore_port");

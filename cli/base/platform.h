@@ -25,6 +25,10 @@ std::vector<vshost_nic> ListNics();
 std::optional<std::vector<vshost_property_name>> ListProperties(const std::string &switchId,
                                                                 const std::string &port);
 
+// The records of the stored switch with this id, and of its ports, that the platform keeps and doesn't
+// enforce; none where it cannot tell.
+std::vector<vshost_policy_fault> ListPolicyFaults(const std::string &switchId);
+
 // Gives a port its number and NIC. Returns 0 or an errno value. Only on an embedded host.
 int RestorePlace(const std::string &switchId, const vshost_port &port);
 

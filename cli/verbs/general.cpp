@@ -81,6 +81,24 @@ Json HostPart()
                 "run 'vshost run --state DIR -- vsctl …'");
 }
 
+// A row for each stored record that has no effect.
+Json PolicyParts()
+{
+    Json rows = Json::array();
+    if (!LibraryFault().empty() || !IsEmbedded()) return rows;
+    for (const std::string &switchId : StoredSwitchIds())
+        for (const vshost_policy_fault &fault : ListPolicyFaults(switchId)) {
+            const std::string alias = AliasOfId(switchId);
+            const std::string where = fmt::format("switch {}{}{}", alias.empty() ? switchId : alias,
+                                                  fault.portId[0] ? ", port " : "", fault.portId);
+            rows.push_back(
+                Part("policy", false,
+                     fmt::format("{}: {} is kept and not enforced: {}", where, fault.key, fault.reason),
+                     "set it again, or remove it with 'vsctl property clear'"));
+        }
+    return rows;
+}
+
 Result Doctor(const Verb &, const Arguments &)
 {
     const char *onHost = "load the switch driver, or run 'vshost run --state DIR -- vsctl …'";
@@ -91,6 +109,10 @@ Result Doctor(const Verb &, const Arguments &)
     if (LibraryFault().empty()) result.rows.push_back(HostPart());
     for (const Json &part : result.rows) {
         if (!part["works"]) result.exit = part["part"] == "changes" ? Exit::PENDING : Exit::UNREACHABLE;
+    }
+    for (Json &part : PolicyParts()) {
+        if (result.exit == Exit::DONE) result.exit = Exit::BAD_VALUE;
+        result.rows.push_back(std::move(part));
     }
     return result;
 }

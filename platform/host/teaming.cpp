@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/host/policy_faults.h"
 #include "platform/host/runtime.h"
 
 namespace vshost {
@@ -21,13 +22,6 @@ VsStatus ReadValue(Reader &reader, const PropertyOwner &owner, std::string_view 
     const VsStatus status = GetProperty(reader, owner, key, property);
     value = std::move(property.value);
     return status == STATUS_NOT_FOUND ? STATUS_OK : status;
-}
-
-bool IsWhole(const VSwitchTeamingPolicy &policy)
-{
-    return policy.version == VSWITCH_TEAMING_VERSION && policy.algorithm <= VSWITCH_TEAMING_ORDER &&
-           policy.failBack <= 1 && policy.notify <= 1 && policy.activeCount <= VSWITCH_TEAMING_UPLINKS &&
-           policy.standbyCount <= VSWITCH_TEAMING_UPLINKS - policy.activeCount;
 }
 
 // A text without a NUL names nothing.
@@ -93,7 +87,7 @@ bool Contains(const std::vector<uint32_t> &numbers, uint32_t number)
 std::optional<Team> DecodeTeam(std::string_view value, const UplinkNumbers &uplinks)
 {
     VSwitchTeamingPolicy policy;
-    if (!DecodeRecord(value, policy) || !IsWhole(policy)) return {};
+    if (!DecodeRecord(value, policy) || FaultOf(policy)) return {};
     Team team;
     team.algorithm = static_cast<VSwitchTeamingAlgorithm>(policy.algorithm);
     team.failBack = policy.failBack;

@@ -188,7 +188,7 @@ VSHOST_API uint64_t vshost_fingerprint(void);
 
 /* ---- Looking at a host, and undoing a change -------------------------------------------------------
  *
- * liborkPublic.so exports these five functions and vshost_bulk(). Every program that uses this platform has
+ * liborkPublic.so exports these six functions and vshost_bulk(). Every program that uses this platform has
  * loaded it, with or without the preload. A program that also runs on other platforms looks them up with
  * dlsym(RTLD_DEFAULT, …). They may be called from any thread. No fault applies to them, and they are not
  * recorded. A process that is not on a host finds no switch: ENOENT. Each function may also return EINVAL (a
@@ -278,6 +278,22 @@ struct vshost_nic {
  * @return as vshost_list_ports; ENOENT when this process is not on a host
  */
 VSHOST_API int vshost_list_nics(struct vshost_nic *nics, size_t capacity, size_t *count);
+
+/** A policy record of the store that hosts of ours keep and don't enforce, see vswitch_policy.h. */
+struct vshost_policy_fault {
+    char portId[48]; /**< its port; empty: of the switch itself */
+    char key[128];   /**< its property */
+    char reason[80]; /**< why it is not enforced, like "its version is not known" */
+};
+
+/**
+ * Lists such records of a stored switch and its ports: first the switch's, then those of the ports in the
+ * order of their numbers.
+ *
+ * @return as vshost_list_ports
+ */
+VSHOST_API int vshost_list_policy_faults(const char *switchId, struct vshost_policy_fault *faults,
+                                         size_t capacity, size_t *count);
 
 /* ---- Plugging ---------------------------------------------------------------------------------------
  *

@@ -3,27 +3,14 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/host/policy_faults.h"
 #include "platform/host/runtime.h"
 
 namespace live {
 namespace {
 
 using vshost::DecodeRecord;
-
-constexpr uint32_t SECURITY_BITS =
-    VSWITCH_SECURITY_ADDRESSED_ONLY | VSWITCH_SECURITY_ADDRESS_LOCK | VSWITCH_SECURITY_STATIC_ONLY;
-
-bool IsVlan(uint16_t vlan) { return vlan >= 1 && vlan <= LIVE_VLAN_MAX; }
-
-bool IsWhole(const VSwitchFilter &filter)
-{
-    if (filter.ruleCount > VSWITCH_FILTER_RULES) return false;
-    for (uint32_t i = 0; i < filter.ruleCount; i++)
-        if (filter.rules[i].direction > VSWITCH_FILTER_TO_PORT ||
-            filter.rules[i].action > VSWITCH_FILTER_DROP)
-            return false;
-    return true;
-}
+using vshost::FaultOf;
 
 // ---- Lists of mirror sessions ----
 
@@ -47,13 +34,6 @@ struct [[gnu::packed]] MirrorRecord {
     uint64_t EndOfPorts() const { return uint64_t{firstPort} + fromCount + toCount + destinationCount; }
 };
 static_assert(sizeof(MirrorRecord) == 232);
-
-bool IsWhole(const MirrorRecord &record, uint32_t portCount)
-{
-    const VSwitchMirrorSettings &settings = record.settings;
-    return settings.version == VSWITCH_MIRROR_VERSION && settings.enabled <= 1 && settings.stripTag <= 1 &&
-           settings.outerVlan <= LIVE_VLAN_MAX && record.EndOfPorts() <= portCount;
-}
 
 // Takes `count` entries off the front.
 std::vector<uint32_t> TakePorts(std::string_view &entries, uint32_t count, const FindPortNumber &findPort)
@@ -90,7 +70,7 @@ MirrorSession SessionOf(const MirrorRecord &record, std::string_view entries, co
 void DecodeSecurity(std::string_view value, PortConfig &port)
 {
     uint32_t bits;
-    if (!DecodeRecord(value, bits) || bits & ~SECURITY_BITS) return;
+    if (!DecodeRecord(value, bits) || vshost::FaultOfSecurity(bits)) return;
     port.getsAllFrames = !(bits & VSWITCH_SECURITY_ADDRESSED_ONLY);
     port.addressLock = bits & VSWITCH_SECURITY_ADDRESS_LOCK;
     port.staticOnly = bits & VSWITCH_SECURITY_STATIC_ONLY;
@@ -99,7 +79,7 @@ void DecodeSecurity(std::string_view value, PortConfig &port)
 void DecodeFilter(std::string_view value, PortConfig &port)
 {
     VSwitchFilter filter;
-    if (!DecodeRecord(value, filter) || !IsWhole(filter)) return;
+    if (!DecodeRecord(value, filter) || FaultOf(filter)) return;
     for (uint32_t i = 0; i < filter.ruleCount; i++) {
         const VSwitchFilterRule &rule = filter.rules[i];
         port.filter.push_back({rule.etherType, static_cast<VSwitchFilterDirection>(rule.direction),
@@ -113,8 +93,7 @@ std::vector<PrivateVlan> DecodePrivateVlans(std::string_view value)
     for (; value.size() >= sizeof(VSwitchPvlanEntry); value.remove_prefix(sizeof(VSwitchPvlanEntry))) {
         VSwitchPvlanEntry entry;
         memcpy(&entry, value.data(), sizeof(entry));
-        if (!IsVlan(entry.primary) || !IsVlan(entry.secondary) || entry.type > VSWITCH_PVLAN_COMMUNITY)
-            continue;
+        if (FaultOf(entry)) continue;
         map.push_back({entry.primary, entry.secondary, static_cast<PrivateVlanType>(entry.type)});
     }
     return value.empty() ? map : std::vector<PrivateVlan>();
@@ -133,7 +112,7 @@ void DecodeMirrors(std::string_view list, const FindPortNumber &findPort,
     for (uint32_t i = 0; i < header.sessionCount; i++, list.remove_prefix(sizeof(MirrorRecord))) {
         MirrorRecord record;
         memcpy(&record, list.data(), sizeof(record));
-        if (!IsWhole(record, header.portCount)) continue;
+        if (FaultOf(record.settings) || record.EndOfPorts() > header.portCount) continue;
         MirrorSession session = SessionOf(record, entries, findPort);
         const auto isIt = [&](const MirrorSession &other) { return other.id == session.id; };
         if (std::none_of(sessions.begin(), sessions.end(), isIt)) sessions.push_back(std::move(session));

@@ -215,6 +215,12 @@ int vshost_list_nics(struct vshost_nic *nics, size_t capacity, size_t *count)
     return Guarded<ListHostNics>(nics, capacity, count);
 }
 
+int vshost_list_policy_faults(const char *switchId, struct vshost_policy_fault *faults, size_t capacity,
+                              size_t *count)
+{
+    return Guarded<ListPolicyFaults>(switchId, faults, capacity, count);
+}
+
 const char *vshost_error(void) { return LastError(); }
 
 int vshost_plug(const char *switchName, const char *portId, const char *interface, int keep)

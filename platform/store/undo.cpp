@@ -10,6 +10,7 @@
 #include "platform/host/guard.h"
 #include "platform/host/host.h"
 #include "platform/host/plugs.h"
+#include "platform/host/policy_faults.h"
 #include "platform/host/runtime.h"
 #include "platform/host/tables.h"
 
@@ -210,6 +211,30 @@ int RestorePort(const char *switchId, const Port *port)
     });
 }
 
+namespace {
+
+using PolicyFaultRow = struct vshost_policy_fault;
+
+int AddFaults(Engine &engine, const PropertyOwner &owner, std::vector<PolicyFaultRow> &faults)
+{
+    std::vector<PropertyName> names;
+    if (VsStatus status = ListProperties(engine, owner, names)) return ErrnoOf(status);
+    for (const PropertyName &name : names) {
+        StoredProperty property;
+        if (VsStatus status = GetProperty(engine, owner, name.key, property)) return ErrnoOf(status);
+        const char *reason = PolicyFault(name.key, property.value);
+        if (!reason) continue;
+        PolicyFaultRow &fault = faults.emplace_back();
+        fault = {};
+        owner.portId.copy(fault.portId, sizeof(fault.portId) - 1);
+        name.key.copy(fault.key, sizeof(fault.key) - 1);
+        SetField(fault.reason, reason);
+    }
+    return 0;
+}
+
+}
+
 int ListPropertyNames(const char *switchId, const char *portId, Name *names, size_t capacity, size_t *count)
 {
     if (!switchId || !count || (!names && capacity > 0)) return EINVAL;
@@ -217,6 +242,27 @@ int ListPropertyNames(const char *switchId, const char *portId, Name *names, siz
         std::vector<Name> found;
         if (int error = ReadNames(engine, switchId, portId, found)) return error;
         return CopyOut(found, names, capacity, count);
+    });
+}
+
+int ListPolicyFaults(const char *switchId, PolicyFaultRow *faults, size_t capacity, size_t *count)
+{
+    if (!switchId || !count || (!faults && capacity > 0)) return EINVAL;
+    return OnEngine([&](Engine &engine) {
+        StoredSwitch stored;
+        std::vector<PolicyFaultRow> found;
+        std::vector<std::string> portIds;
+        if (VsStatus status = GetSwitch(engine, switchId, stored)) return ErrnoOf(status);
+        const VsStatus listed = ForEachPort(engine, switchId, [&](std::string_view portId, uint32_t) {
+            portIds.emplace_back(portId);
+            return true;
+        });
+        if (listed) return ErrnoOf(listed);
+        for (const StoredLevel level : {StoredLevel::GLOBAL, StoredLevel::HOST})
+            if (int error = AddFaults(engine, {level, switchId}, found)) return error;
+        for (const std::string &portId : portIds)
+            if (int error = AddFaults(engine, {StoredLevel::PORT, switchId, portId}, found)) return error;
+        return CopyOut(found, faults, capacity, count);
     });
 }
 

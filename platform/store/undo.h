@@ -12,6 +12,8 @@ int ListPorts(const char *switchId, struct vshost_port *ports, size_t capacity, 
 int RestorePort(const char *switchId, const struct vshost_port *port);
 int ListPropertyNames(const char *switchId, const char *portId, struct vshost_property_name *names,
                       size_t capacity, size_t *count);
+int ListPolicyFaults(const char *switchId, struct vshost_policy_fault *faults, size_t capacity,
+                     size_t *count);
 int ListHostNics(struct vshost_nic *nics, size_t capacity, size_t *count);
 
 }
