@@ -4,7 +4,7 @@
 set -eu
 cd "$1"
 dot -Tsvg docs/architecture.dot | diff -q - docs/architecture.svg
-for folder in core lifecycle policy kernel platform/*/ cli/*/; do
+for folder in core lifecycle policy kernel platform/*/ cli/*/ fleet/*/; do
     folder=${folder%/} part=${folder%/*}
     [ "$part" = "$folder" ] && part='' || part=$part/
     sed -n "s|^#include \"$part\([a-z]*\)/.*|\1|p" "$folder"/*.[ch]* 2>/dev/null | sort -u | while read -r other; do
@@ -33,5 +33,7 @@ check_downwards() { # part, folders
 }
 check_downwards platform "preload launcher live scenario shell driver store testing host include"
 check_downwards cli "verbs change base"
+check_downwards fleet "command rollout agent protocol etcd"
+! grep -l '#include "\(core\|lifecycle\|policy\|kernel\|platform\|cli\)/' -r fleet >&2
 ! grep -l '#include "\(core\|lifecycle\|policy\|kernel\|cli\)/' -r platform >&2
 ! grep -l '#include "platform/' -r core lifecycle policy kernel >&2

@@ -1,0 +1,23 @@
+// /etc/vswitchctl/fleet.toml: where etcd is, who this machine is, and where it keeps its files.
+#pragma once
+
+#include "fleet/etcd/client.h"
+
+namespace vsfleet {
+
+inline constexpr const char *CONFIG_FILE = "/etc/vswitchctl/fleet.toml";
+
+struct Config {
+    Endpoints endpoints;
+    std::string host;                                // this machine's name in the fleet
+    std::string state = "/var/lib/vswitchctl/fleet"; // what the agent remembers
+    std::string vsctl = "vsctl";                     // the command that it runs
+    std::chrono::seconds lease{30};         // how long a claim outlives its agent, and a leader its driver
+    std::chrono::seconds driftInterval{30}; // between looks at the host
+};
+
+// Throws std::runtime_error, with the file and the line, when the file can't be read or says something else
+// than the above. Without a host name, the machine's own is taken.
+Config ReadConfig(const std::string &path);
+
+}

@@ -1,0 +1,36 @@
+// etcd as the fleet meets it: one or three members on loopback, with TLS, in a directory that goes with them.
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include "fleet/etcd/client.h"
+#include "fleet/protocol/certificates.h"
+
+class EtcdCluster {
+public:
+    explicit EtcdCluster(int members = 1);
+    EtcdCluster(const EtcdCluster &) = delete;
+    EtcdCluster &operator=(const EtcdCluster &) = delete;
+    ~EtcdCluster();
+
+    // The members, as root of etcd's users unless another is named.
+    vsfleet::Endpoints Endpoints(const std::string &user = "root");
+    void Signal(int member, int signal); // SIGKILL: it is gone until Start
+    void Start(int member);
+    int Leader(); // which member leads
+    int Members() const { return static_cast<int>(members.size()); }
+
+private:
+    struct Member {
+        int clientPort = 0, peerPort = 0;
+        pid_t process = -1;
+    };
+    void Write(const std::string &name, const std::string &text);
+
+    std::string directory;
+    vsfleet::Certificate authority;
+    std::vector<Member> members;
+    std::string peers; // the list of members
+};
