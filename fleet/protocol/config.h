@@ -1,7 +1,13 @@
 // /etc/vswitchctl/fleet.toml: where etcd is, who this machine is, and where it keeps its files.
 #pragma once
 
+#include <functional>
+
 #include "fleet/etcd/client.h"
+
+namespace CLI {
+class App;
+}
 
 namespace vsfleet {
 
@@ -19,5 +25,8 @@ struct Config {
 // Throws std::runtime_error, with the file and the line, when the file can't be read or says something else
 // than the above. Without a host name, the machine's own is taken.
 Config ReadConfig(const std::string &path);
+
+// What a command of vsfleet does once its arguments are read. Returns the exit code.
+using Action = std::function<int(const std::string &configFile)>;
 
 }
