@@ -146,45 +146,63 @@ enum class Wish { GO_ON, PAUSE, ABORT };
 NLOHMANN_JSON_SERIALIZE_ENUM(Wish, {{Wish::GO_ON, "go-on"}, {Wish::PAUSE, "pause"}, {Wish::ABORT, "abort"}})
 
 struct RolloutOptions {
-    int64_t canary = 0;       // hosts of the first wave; 0: no wave of its own
-    int64_t batch = 0;        // hosts of each further wave; 0: all
-    int64_t batchPercent = 0; // the same as a part of the hosts
-    int64_t soak = 0;         // seconds between waves
-    int64_t maxFailures = 0;  // of the whole rollout; one more stops it
-    int64_t deadline = 300;   // seconds for a host
-    bool rollBack = true;     // when it stops
+    int64_t canary = 0;         // hosts of the first wave; 0: no wave of its own
+    int64_t batch = 0;          // hosts of each further wave; 0: all
+    int64_t batchPercent = 0;   // the same as a part of the hosts
+    int64_t soak = 0;           // seconds between waves
+    int64_t maxFailures = 0;    // of the whole rollout; one more stops it
+    int64_t deadline = 300;     // seconds for a host
+    bool rollBack = true;       // when it stops
+    bool planOnly = false;      // ask the hosts for their plans and end
+    bool withoutAbsent = false; // go on though most of the hosts are absent
 };
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(RolloutOptions, canary, batch, batchPercent, soak,
-                                                maxFailures, deadline, rollBack)
+                                                maxFailures, deadline, rollBack, planOnly, withoutAbsent)
 
 // What became of a host's turn. A host has one turn.
-enum class Turn { WAITING, STARTED, CONFIRMED, FAILED, UNREACHABLE, SILENT, ROLLED_BACK, ROLL_BACK_FAILED };
+enum class Turn {
+    WAITING,
+    ABSENT,  // its agent wasn't there: it was asked for nothing, follows later, and is not a failure
+    REFUSED, // it can't carry out the plan, or has given none in time: it was not changed
+    STARTED,
+    CONFIRMED,
+    FAILED,
+    UNREACHABLE, // its agent went away after the turn began
+    SILENT,      // its agent is there and has not answered in time
+    ROLLING_BACK,
+    ROLLED_BACK,
+    ROLL_BACK_FAILED
+};
 NLOHMANN_JSON_SERIALIZE_ENUM(Turn, {{Turn::WAITING, "waiting"},
+                                    {Turn::ABSENT, "absent"},
+                                    {Turn::REFUSED, "refused"},
                                     {Turn::STARTED, "started"},
                                     {Turn::CONFIRMED, "confirmed"},
                                     {Turn::FAILED, "failed"},
                                     {Turn::UNREACHABLE, "unreachable"},
                                     {Turn::SILENT, "silent"},
+                                    {Turn::ROLLING_BACK, "rolling-back"},
                                     {Turn::ROLLED_BACK, "rolled-back"},
                                     {Turn::ROLL_BACK_FAILED, "roll-back-failed"}})
 
 // rollout/ID: made by `push`, `rollback` and `remove`; then only the driver writes it, but for the wish.
 struct Rollout {
     std::string id;
-    DocumentRevision document;
+    Head head;   // what is rolled out
     Head before; // what holds again after a roll-back; its revision is 0 where there was nothing
     RolloutOptions options;
     RolloutState state = RolloutState::PLANNING;
+    RolloutState pausedIn = RolloutState::RUNNING; // the state in which a paused rollout goes on
     Wish wish = Wish::GO_ON;
     std::string author;
-    std::string message;
-    std::vector<std::string> hosts; // in the order of their turns
+    std::string message;            // what it waits for, or how it ended
+    std::string reason;             // why it goes back
+    std::vector<std::string> hosts; // in the order of their turns, then those without a turn
     std::map<std::string, Turn> turns;
-    int64_t started = 0;                    // how many of `hosts` have had their turn begun
-    std::map<std::string, int64_t> targets; // the numbers of the targets that it wrote last
+    int64_t started = 0; // how many of `hosts` have had their turn begun
 };
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Rollout, id, document, before, options, state, wish, author,
-                                                message, hosts, turns, started, targets)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Rollout, id, head, before, options, state, pausedIn, wish,
+                                                author, message, reason, hosts, turns, started)
 
 // audit/TIME-ID: who did what. Written in the transaction of the change.
 struct Audit {

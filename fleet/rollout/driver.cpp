@@ -1,0 +1,231 @@
+// Feeds the decisions from etcd, and carries them out as transactions that only the elected driver can make.
+#include "fleet/rollout/driver.h"
+
+#include <filesystem>
+#include <fmt/chrono.h>
+#include <fstream>
+#include <random>
+#include <thread>
+#include <unistd.h>
+
+#include "fleet/protocol/certificates.h"
+#include "fleet/protocol/keys.h"
+
+namespace vsfleet {
+
+namespace {
+
+using Kind = EtcdError::Kind;
+
+constexpr Milliseconds TURN{200};      // between looks at what time has brought
+constexpr Milliseconds GATHERING{20};  // events that come together are decided on together
+constexpr Milliseconds MAX_REST{5000}; // after an error
+constexpr std::chrono::hours COMPACTION{1};
+constexpr int64_t KEPT_REVISIONS = 20000;
+
+Identity ReadIdentity(const std::string &path)
+{
+    std::ifstream file(path);
+    const Json json = Json::parse(file, nullptr, false);
+    if (!json.is_object()) return {};
+    return {json.value("cluster", uint64_t{0}), json.value("revision", int64_t{0})};
+}
+
+void WriteIdentity(const std::string &path, const Identity &identity)
+{
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+    const std::string part = fmt::format("{}.{}", path, getpid());
+    std::ofstream(part) << Json{{"cluster", identity.cluster}, {"revision", identity.revision}}.dump();
+    std::filesystem::rename(part, path, ignored);
+}
+
+// Drivers that fail together try again at different times.
+Milliseconds Rest(int failures)
+{
+    static std::mt19937 random{std::random_device{}()};
+    const auto longest = std::min<int64_t>(MAX_REST.count(), 100LL << std::min(failures, 10));
+    return Milliseconds(std::uniform_int_distribution<int64_t>(longest / 2, longest)(random));
+}
+
+std::string MachineName()
+{
+    char name[256] = "";
+    gethostname(name, sizeof(name) - 1);
+    return name;
+}
+
+bool HelpsNoWaiting(Kind kind) { return kind == Kind::RESTORED || kind == Kind::DENIED; }
+
+}
+
+std::string DriverFile(const Config &config) { return config.state + "/driver.json"; }
+
+Driver::Driver(const Config &given)
+    : config(given), client(given.endpoints, ReadIdentity(DriverFile(given))), decisions(given.lease),
+      compacted(Clock::now())
+{}
+
+void Driver::Say(const std::string &what)
+{
+    if (what != said) fmt::print(stderr, "vsfleet: {}\n", what);
+    said = what;
+}
+
+void Driver::Run(const std::atomic<bool> &isStopped)
+{
+    int failures = 0;
+    while (!isStopped) {
+        try {
+            if (Elect())
+                Lead(isStopped);
+            else
+                WaitForElection(isStopped);
+            failures = 0;
+        } catch (const EtcdError &error) {
+            watch.reset();
+            client.Reconnect();
+            if (error.kind == Kind::RESTORED)
+                throw EtcdError(error.kind,
+                                fmt::format("{}; nothing was changed. If its state is to hold, run "
+                                            "`vsfleet adopt` and start the driver again",
+                                            error.what()));
+            if (HelpsNoWaiting(error.kind)) throw;
+            Say(error.kind == Kind::NO_SPACE
+                    ? "etcd is full: run `etcdctl compact`, `etcdctl defrag` and `etcdctl alarm disarm`"
+                    : error.what());
+            std::this_thread::sleep_for(Rest(failures++));
+        }
+    }
+    if (!elected) return;
+    try {
+        client.RevokeLease(lease); // another one leads at once
+    } catch (const EtcdError &) {
+    }
+}
+
+// ---- Election ----
+
+bool Driver::Elect()
+{
+    if (elected) {
+        // Still the one that leads?
+        const auto leader = client.Get(keys::LEADER);
+        if (leader && leader->created == elected) return true;
+        Say("another driver leads now");
+        elected = 0;
+    }
+    if (!lease || !client.KeepAlive(lease)) lease = client.GrantLease(config.lease);
+    renewed = Clock::now();
+    const Json self = {{"host", MachineName()}, {"process", getpid()}};
+    const Outcome outcome =
+        client.Commit(Transaction().IfModified(keys::LEADER, 0).Put(keys::LEADER, self.dump(), lease));
+    if (!outcome.isDone) return false;
+    elected = outcome.revision;
+    Say("leads");
+    return true;
+}
+
+void Driver::WaitForElection(const std::atomic<bool> &isStopped)
+{
+    const auto leader = client.Get(keys::LEADER);
+    if (!leader) return;
+    if (leader->lease == lease) { // the election whose answer was lost
+        elected = leader->created;
+        return;
+    }
+    Say("another driver leads; waits");
+    Watch wait(client, keys::LEADER, leader->modified + 1);
+    while (!isStopped) {
+        for (const KeyEvent &event : wait.Next(TURN)) {
+            if (event.isDeleted) return;
+        }
+        KeepLease();
+    }
+}
+
+void Driver::KeepLease()
+{
+    if (Clock::now() - renewed < config.lease / 3) return;
+    if (!client.KeepAlive(lease)) throw EtcdError(Kind::FAILED, "the lease of this driver has ended");
+    renewed = Clock::now();
+    WriteIdentity(DriverFile(config), client.Known());
+}
+
+// ---- Leading ----
+
+void Driver::ReadFleet()
+{
+    const Snapshot snapshot = client.GetPrefix(keys::ROOT);
+    fleet.Read(snapshot);
+    watch = std::make_unique<Watch>(client, keys::ROOT, snapshot.revision + 1);
+}
+
+// The events of the time given, or those that come together.
+void Driver::TakeEvents(Milliseconds time)
+{
+    const Clock::time_point end = Clock::now() + time;
+    for (std::vector<KeyEvent> events = watch->Next(time); !events.empty(); events = watch->Next(GATHERING)) {
+        for (const KeyEvent &event : events)
+            fleet.Take(event);
+        if (Clock::now() >= end) return;
+    }
+}
+
+// Until this driver no longer leads.
+void Driver::Lead(const std::atomic<bool> &isStopped)
+{
+    decisions.BeginAnew();
+    ReadFleet();
+    while (!isStopped) {
+        KeepLease();
+        const auto now = std::chrono::duration_cast<Milliseconds>(Clock::now().time_since_epoch());
+        const Step step = decisions.Next(fleet, now);
+        if (step.IsEmpty()) {
+            Compact();
+            TakeEvents(TURN);
+        } else if (!Carry(step)) {
+            return;
+        }
+    }
+}
+
+// False: the driver no longer leads, or the rollout has changed meanwhile.
+bool Driver::Carry(const Step &step)
+{
+    Transaction transaction;
+    transaction.IfCreated(keys::LEADER, elected);
+    if (!step.rollout.empty()) transaction.IfModified(step.rollout, step.modified);
+    for (const Write &write : step.writes) {
+        if (write.isDeleted)
+            transaction.Delete(write.key);
+        else
+            transaction.Put(write.key, write.value);
+    }
+    if (step.audit) {
+        Audit audit = *step.audit;
+        audit.time = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
+        audit.author = "driver@" + MachineName();
+        transaction.Put(keys::AUDIT + audit.time + "-" + RandomId(), ToText(audit));
+        Say(fmt::format("{} {}: {} {}", audit.document.name, audit.document.revision, audit.action,
+                        audit.detail));
+    }
+    const Outcome outcome = client.Commit(transaction);
+    if (!outcome.isDone) {
+        TakeEvents(TURN);
+        return false;
+    }
+    // What is decided next has seen this.
+    while (watch->NextRevision() <= outcome.revision)
+        TakeEvents(TURN);
+    return true;
+}
+
+void Driver::Compact()
+{
+    if (Clock::now() - compacted < COMPACTION) return;
+    compacted = Clock::now();
+    if (client.Known().revision > KEPT_REVISIONS) client.Compact(client.Known().revision - KEPT_REVISIONS);
+}
+
+}

@@ -1,0 +1,44 @@
+// The driver: one of any number of processes that carry rollouts out. One does at a time; etcd elects it.
+#pragma once
+
+#include <atomic>
+
+#include "fleet/protocol/config.h"
+#include "fleet/rollout/decisions.h"
+
+namespace vsfleet {
+
+class Driver {
+public:
+    explicit Driver(const Config &config);
+
+    // Until `isStopped`, which is looked at several times a second. Throws what no waiting helps against:
+    // EtcdError RESTORED or DENIED.
+    void Run(const std::atomic<bool> &isStopped);
+
+private:
+    bool Elect();
+    void WaitForElection(const std::atomic<bool> &isStopped);
+    void Lead(const std::atomic<bool> &isStopped);
+    void ReadFleet();
+    void TakeEvents(Milliseconds time);
+    bool Carry(const Step &step);
+    void KeepLease();
+    void Compact();
+    void Say(const std::string &what);
+
+    Config config;
+    Client client;
+    Decisions decisions;
+    Fleet fleet;
+    std::unique_ptr<Watch> watch;
+    int64_t lease = 0;
+    int64_t elected = 0; // revision at which this driver was elected; 0: it does not lead
+    Clock::time_point renewed, compacted;
+    std::string said; // last, so that nothing is said twice in a row
+};
+
+// Where a machine keeps the identity of the etcd that its driver has seen.
+std::string DriverFile(const Config &config);
+
+}

@@ -1,0 +1,390 @@
+// What a driver decides, without etcd: a store of keys, agents that answer as a row of a table says, and
+// time that passes when nothing else is left to happen.
+#include <algorithm>
+#include <functional>
+#include <gtest/gtest.h>
+
+#include "fleet/protocol/keys.h"
+#include "fleet/rollout/decisions.h"
+
+namespace {
+
+using namespace vsfleet;
+
+constexpr Milliseconds LEASE{2000};
+
+// How the agent of a host answers.
+enum class Habit {
+    WELL,
+    NO_PLAN,    // its plan has an error
+    FAILS,      // changes nothing
+    FAILS_BACK, // fails, and fails to go back
+    SILENT,     // plans, and never answers a change
+    LEAVES,     // plans, and goes away with the change
+    AWAY,       // was never there
+    LATE,       // plans, and answers the change long after its time
+};
+
+const DocumentRevision OLD{"net", 1, "one"}, NEW{"net", 2, "two"};
+
+class Simulation {
+public:
+    Simulation() : decisions(LEASE)
+    {
+        Put(keys::Revision("net", 1), ToText(Document({"lab"})));
+        Put(keys::Revision("net", 2), ToText(Document({"lab"})));
+    }
+
+    static StoredDocument Document(const std::vector<std::string> &switches)
+    {
+        StoredDocument document;
+        document.switches = switches;
+        return document;
+    }
+
+    // A host that follows the old document.
+    void AddHost(const std::string &host, Habit habit, const std::string &site = "a")
+    {
+        habits[host] = habit;
+        Put(keys::Labels(host), ToText(Labels{{"site", site}}));
+        if (habit != Habit::AWAY) Put(keys::Claim(host), ToText(Claim{"m", "b", "1"}));
+    }
+
+    static Head HeadOf(const DocumentRevision &document)
+    {
+        Head head;
+        head.document = document;
+        head.selector = {{"site", "a"}};
+        return head;
+    }
+
+    // The old document holds, and all hosts follow it.
+    void Begin()
+    {
+        const std::map<std::string, Habit> kept = habits;
+        for (auto &[host, habit] : habits)
+            habit = Habit::WELL;
+        Put(keys::Head("net"), ToText(HeadOf(OLD)));
+        Settle(Milliseconds(10000));
+        habits = kept;
+    }
+
+    void Push(const RolloutOptions &options, const std::string &id = "r1")
+    {
+        Rollout rollout;
+        rollout.id = id;
+        rollout.head = HeadOf(NEW);
+        rollout.before = HeadOf(OLD);
+        rollout.options = options;
+        if (!options.planOnly) Put(keys::Head("net"), ToText(rollout.head));
+        Put(keys::Rollout(id), ToText(rollout));
+    }
+
+    void Want(Wish wish, const std::string &id = "r1")
+    {
+        Rollout rollout = RolloutOf(id);
+        rollout.wish = wish;
+        Put(keys::Rollout(id), ToText(rollout));
+    }
+
+    // Until nothing happens for the time given.
+    void Settle(Milliseconds time = Milliseconds(900000))
+    {
+        for (Milliseconds end = now + time; now < end;) {
+            const Step step = decisions.Next(fleet, now);
+            if (!step.IsEmpty()) {
+                Carry(step);
+                continue;
+            }
+            if (!AgentsAnswer()) now += Milliseconds(500);
+        }
+    }
+
+    // The same, with another driver after each so many transactions.
+    void SettleWithDeaths(int transactions)
+    {
+        deaths = transactions;
+        Settle();
+    }
+
+    void Put(const std::string &key, const std::string &value)
+    {
+        revision++;
+        const auto present = store.find(key);
+        const int64_t created = present == store.end() ? revision : present->second.created;
+        store[key] = {key, value, created, revision, 0};
+        fleet.Take({store[key], false});
+    }
+
+    void Delete(const std::string &key)
+    {
+        revision++;
+        store.erase(key);
+        fleet.Take({{key, "", 0, revision, 0}, true});
+    }
+
+    Rollout RolloutOf(const std::string &id = "r1") const { return fleet.rollouts.at(id).record; }
+    std::vector<DocumentRevision> DocumentsOf(const std::string &host) const
+    {
+        return fleet.hosts.at(host).status.record.documents;
+    }
+    const Target &TargetOf(const std::string &host) const { return fleet.hosts.at(host).target.record; }
+
+    Fleet fleet;
+    std::map<std::string, Habit> habits;
+    std::map<std::string, int> applications; // changes that an agent was asked for by the rollout
+    std::map<std::string, Entry> store;
+    int steps = 0;
+    size_t largest = 0;
+    std::function<void(const Step &)> onStep = [](const Step &) {};
+    Milliseconds now{0};
+
+private:
+    void Carry(const Step &step)
+    {
+        largest = std::max(largest, step.writes.size());
+        for (const Write &write : step.writes) {
+            if (write.isDeleted)
+                Delete(write.key);
+            else
+                Put(write.key, write.value);
+        }
+        onStep(step);
+        steps++;
+        ASSERT_LT(steps, 5000) << "the driver writes in circles";
+        if (!deaths || steps % deaths) return;
+        decisions = Decisions(LEASE);
+        Snapshot snapshot{revision, {}};
+        for (const auto &[key, entry] : store)
+            snapshot.entries.push_back(entry);
+        fleet.Read(snapshot);
+    }
+
+    void Answer(const std::string &host, HostState state, const std::string &error = "")
+    {
+        const HostView view = fleet.hosts.at(host);
+        Status status = view.status.record;
+        status.state = state;
+        status.target = view.target.modified;
+        status.error = error;
+        if (state == HostState::CONFIRMED) status.documents = view.target.record.documents;
+        Put(keys::Status(host), ToText(status));
+    }
+
+    bool AgentAnswers(const std::string &host, Habit habit)
+    {
+        const HostView view = fleet.hosts.at(host);
+        const Target &target = view.target.record;
+        if (!view.IsHere() || !view.target.modified) return false;
+        const bool isWayBack =
+            !fleet.rollouts.contains("r1") || RolloutOf().state == RolloutState::ROLLING_BACK;
+        if (target.phase == Phase::PLAN) {
+            const auto plan = view.plans.find(target.rollout);
+            if (plan != view.plans.end() && plan->second.record.target == view.target.modified) return false;
+            Plan answer;
+            answer.target = view.target.modified;
+            if (habit == Habit::NO_PLAN) answer.error = "no such uplink";
+            Put(keys::Plan(host, target.rollout), ToText(answer));
+            return true;
+        }
+        if (view.Answer()) return false;
+        const bool isNew =
+            std::find(target.documents.begin(), target.documents.end(), NEW) != target.documents.end();
+        if (isNew) applications[host] += asked[host] != view.target.modified;
+        asked[host] = view.target.modified;
+        if (target.phase == Phase::HOLD) {
+            Answer(host, HostState::HELD, target.reason);
+        } else if (habit == Habit::LEAVES && isNew) {
+            Delete(keys::Claim(host));
+        } else if (habit == Habit::SILENT && isNew) {
+            return false;
+        } else if (habit == Habit::LATE && isNew) {
+            const auto [begin, first] = lateSince.emplace(host, now);
+            if (now - begin->second < Milliseconds(20000)) return false;
+            Answer(host, HostState::CONFIRMED);
+        } else if ((habit == Habit::FAILS && isNew) || (habit == Habit::FAILS_BACK && (isNew || isWayBack))) {
+            Answer(host, HostState::FAILED, "no such port");
+        } else {
+            Answer(host, HostState::CONFIRMED);
+        }
+        return true;
+    }
+
+    bool AgentsAnswer()
+    {
+        bool isAny = false;
+        for (const auto &[host, habit] : habits)
+            isAny = AgentAnswers(host, habit) || isAny;
+        return isAny;
+    }
+
+    Decisions decisions;
+    int deaths = 0;
+    int64_t revision = 10;
+    std::map<std::string, int64_t> asked;
+    std::map<std::string, Milliseconds> lateSince;
+};
+
+RolloutOptions Options(int64_t canary, int64_t batch, int64_t maxFailures, bool rollBack = true)
+{
+    RolloutOptions options;
+    options.canary = canary;
+    options.batch = batch;
+    options.maxFailures = maxFailures;
+    options.deadline = 5;
+    options.rollBack = rollBack;
+    return options;
+}
+
+std::map<Turn, int> Turns(const Rollout &rollout)
+{
+    std::map<Turn, int> turns;
+    for (const std::string &host : rollout.hosts) {
+        const auto turn = rollout.turns.find(host);
+        turns[turn == rollout.turns.end() ? Turn::WAITING : turn->second]++;
+    }
+    return turns;
+}
+
+struct Row {
+    const char *name;
+    std::vector<Habit> habits; // of h0, h1, …
+    RolloutOptions options;
+    RolloutState state;
+    std::map<Turn, int> turns;
+    int follow; // hosts that follow the new document at the end
+};
+
+constexpr Habit OK = Habit::WELL, BAD = Habit::FAILS;
+
+const Row ROWS[] = {
+    {"all at once", {OK, OK, OK}, Options(0, 0, 0), RolloutState::DONE, {{Turn::CONFIRMED, 3}}, 3},
+    {"in waves", {OK, OK, OK, OK, OK}, Options(1, 2, 0), RolloutState::DONE, {{Turn::CONFIRMED, 5}}, 5},
+    {"failures at the limit",
+     {OK, BAD, OK, BAD, OK},
+     Options(1, 1, 2),
+     RolloutState::DONE,
+     {{Turn::CONFIRMED, 3}, {Turn::FAILED, 2}},
+     3},
+    {"one over the limit",
+     {OK, BAD, OK, BAD, OK},
+     Options(1, 1, 1),
+     RolloutState::ROLLED_BACK,
+     {{Turn::ROLLED_BACK, 4}, {Turn::WAITING, 1}},
+     0},
+    {"one over, without a roll-back",
+     {OK, BAD, OK, BAD, OK},
+     Options(1, 1, 1, false),
+     RolloutState::FAILED,
+     {{Turn::CONFIRMED, 2}, {Turn::FAILED, 2}, {Turn::WAITING, 1}},
+     2},
+    {"a plan over the limit",
+     {OK, Habit::NO_PLAN, OK},
+     Options(0, 0, 0),
+     RolloutState::FAILED,
+     {{Turn::REFUSED, 1}, {Turn::WAITING, 2}},
+     0},
+    // The host has no turn. When the rollout is done, it is asked to follow like any other.
+    {"a plan at the limit",
+     {OK, Habit::NO_PLAN, OK},
+     Options(0, 0, 1),
+     RolloutState::DONE,
+     {{Turn::REFUSED, 1}, {Turn::CONFIRMED, 2}},
+     3},
+    {"a failed plan counts with failures",
+     {OK, Habit::NO_PLAN, BAD},
+     Options(0, 0, 1),
+     RolloutState::ROLLED_BACK,
+     {{Turn::REFUSED, 1}, {Turn::ROLLED_BACK, 2}},
+     0},
+    {"silent, unreachable and failed at the limit",
+     {OK, Habit::SILENT, Habit::LEAVES, BAD, OK, OK},
+     Options(0, 1, 3),
+     RolloutState::DONE,
+     {{Turn::CONFIRMED, 3}, {Turn::SILENT, 1}, {Turn::UNREACHABLE, 1}, {Turn::FAILED, 1}},
+     3},
+    {"silent, unreachable and failed, one over",
+     {OK, Habit::SILENT, Habit::SILENT, BAD, OK, OK},
+     Options(0, 1, 2),
+     RolloutState::ROLLED_BACK,
+     {{Turn::ROLLED_BACK, 4}, {Turn::WAITING, 2}},
+     0},
+    {"a late success is not counted twice",
+     {OK, Habit::LATE, OK, OK},
+     Options(0, 1, 1),
+     RolloutState::DONE,
+     {{Turn::CONFIRMED, 3}, {Turn::SILENT, 1}},
+     4},
+    {"a late success doesn't advance what was rolled back",
+     {OK, Habit::LATE, OK, OK},
+     Options(0, 1, 0),
+     RolloutState::ROLLED_BACK,
+     {{Turn::ROLLED_BACK, 2}, {Turn::WAITING, 2}},
+     0},
+    {"a roll-back that fails",
+     {OK, Habit::FAILS_BACK, OK},
+     Options(0, 0, 0),
+     RolloutState::FAILED,
+     {{Turn::ROLLED_BACK, 2}, {Turn::ROLL_BACK_FAILED, 1}},
+     0},
+    {"one that can't be reached for the roll-back",
+     {OK, BAD, Habit::LEAVES, OK},
+     Options(0, 0, 0),
+     RolloutState::FAILED,
+     {{Turn::ROLLED_BACK, 3}, {Turn::ROLL_BACK_FAILED, 1}},
+     0},
+    {"an absent host is no failure",
+     {OK, Habit::AWAY, OK},
+     Options(0, 0, 0),
+     RolloutState::DONE,
+     {{Turn::CONFIRMED, 2}, {Turn::ABSENT, 1}},
+     2},
+};
+
+class Rollouts : public testing::TestWithParam<Row> {};
+
+void Check(const Row &row, Simulation &simulation, const std::string &where)
+{
+    SCOPED_TRACE(where);
+    const Rollout rollout = simulation.RolloutOf();
+    EXPECT_EQ(rollout.state, row.state) << ToText(rollout);
+    EXPECT_EQ(Turns(rollout), row.turns) << ToText(rollout);
+    int follow = 0;
+    for (size_t i = 0; i < row.habits.size(); i++) {
+        const std::string host = "h" + std::to_string(i);
+        const auto documents = simulation.DocumentsOf(host);
+        follow += documents == std::vector{NEW};
+        EXPECT_LE(documents.size(), 1u);
+        // No host is asked twice, but for those that come after the rollout.
+        EXPECT_LE(simulation.applications[host], 1) << host;
+    }
+    EXPECT_EQ(follow, row.follow);
+    const bool isBack =
+        row.state == RolloutState::ROLLED_BACK || (row.state == RolloutState::FAILED && row.options.rollBack);
+    EXPECT_EQ(simulation.fleet.heads.at("net").record.document, isBack ? OLD : NEW);
+}
+
+void Play(const Row &row, int deaths)
+{
+    Simulation simulation;
+    for (size_t i = 0; i < row.habits.size(); i++)
+        simulation.AddHost("h" + std::to_string(i), row.habits[i]);
+    simulation.Begin();
+    simulation.Push(row.options);
+    simulation.SettleWithDeaths(deaths);
+    Check(row, simulation, deaths ? "a driver dies after each " + std::to_string(deaths) : "one driver");
+}
+
+TEST_P(Rollouts, EndAsTheyShould)
+{
+    for (int deaths = 0; deaths < 5; deaths++)
+        Play(GetParam(), deaths);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Rollouts, testing::ValuesIn(ROWS), [](const auto &info) {
+    std::string name = info.param.name;
+    std::erase_if(name, [](char c) { return !isalnum(static_cast<unsigned char>(c)); });
+    return name;
+});
+
+}
