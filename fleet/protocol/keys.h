@@ -11,6 +11,7 @@ inline const std::string ROLLOUTS = ROOT + "rollout/";
 inline const std::string HOSTS = ROOT + "hosts/";
 inline const std::string LEADER = ROOT + "driver/leader";
 inline const std::string AUDIT = ROOT + "audit/";
+inline const std::string ADOPTED = ROOT + "fleet/adopted"; // read by agents, written by operators
 
 // Of a document.
 inline std::string Head(const std::string &name) { return DESIRED + name + "/head"; }
@@ -26,6 +27,8 @@ inline std::string Host(const std::string &host) { return HOSTS + host + "/"; }
 inline std::string Labels(const std::string &host) { return Host(host) + "labels"; }
 inline std::string Target(const std::string &host) { return Host(host) + "target"; }
 inline std::string Claim(const std::string &host) { return Host(host) + "claim"; }
+// Who the host is, for good: written by its first agent, removed by an operator.
+inline std::string Machine(const std::string &host) { return Host(host) + "machine"; }
 inline std::string Status(const std::string &host) { return Host(host) + "status"; }
 inline std::string Plan(const std::string &host, const std::string &rollout)
 {

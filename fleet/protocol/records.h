@@ -73,13 +73,25 @@ struct Target {
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Target, phase, rollout, documents, prune, reason,
                                                 allowRemovals, repair, deadline, confirm)
 
-// hosts/H/claim: who is this host. With a lease, so that it is gone when the agent is.
+// hosts/H/claim: the agent that is this host now. With a lease, so that it is gone when the agent is.
+// hosts/H/machine: the machine that this host is for good, until an operator removes the key, which is how a
+// reinstalled machine, or another one, gets the name.
 struct Claim {
     std::string machine; // machine id
     std::string boot;    // boot id
+    std::string node;    // the machine's own name
     std::string version;
 };
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Claim, machine, boot, version)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Claim, machine, boot, node, version)
+
+// fleet/adopted: an operator's word that the state of etcd is to be followed although it is an older one, or
+// another cluster's: agents hold otherwise. Each adoption has an id of its own.
+struct Adoption {
+    std::string id; // a RandomId
+    std::string author;
+    std::string time;
+};
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Adoption, id, author, time)
 
 // hosts/H/plan/ROLLOUT: what the target would change.
 struct Plan {
