@@ -1,0 +1,37 @@
+// `vsctl` as a child process: its JSON and its exit codes.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "fleet/protocol/records.h"
+
+namespace vsfleet {
+
+// Exit codes of vsctl.
+enum : int { DONE = 0, NOT_FOUND = 3, UNREACHABLE = 6, TIMED_OUT = 8, PARTLY_UNDONE = 9, PENDING = 10 };
+
+struct VsctlAnswer {
+    int exit = -1; // -1: a signal has ended it
+    Json rows = Json::array();
+    std::string problem; // of an exit code that says so
+};
+
+class Vsctl {
+public:
+    // `tick` is called now and then while a child runs. It does not throw.
+    Vsctl(std::string program, std::function<void()> tick)
+        : program(std::move(program)), tick(std::move(tick))
+    {}
+
+    // Waits for the end of `vsctl WORDS --json`. When the agent dies meanwhile, vsctl is told to stop, and
+    // undoes what it has begun.
+    VsctlAnswer Run(std::vector<std::string> words);
+
+private:
+    std::string program;
+    std::function<void()> tick;
+};
+
+}
