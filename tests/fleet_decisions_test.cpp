@@ -47,7 +47,7 @@ public:
     {
         habits[host] = habit;
         Put(keys::Labels(host), ToText(Labels{{"site", site}}));
-        if (habit != Habit::AWAY) Put(keys::Claim(host), ToText(Claim{"m", "b", "1"}));
+        if (habit != Habit::AWAY) Put(keys::Claim(host), ToText(Claim{"m", "b", "n", "1"}));
     }
 
     static Head HeadOf(const DocumentRevision &document)

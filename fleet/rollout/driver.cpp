@@ -23,20 +23,32 @@ constexpr Milliseconds MAX_REST{5000}; // after an error
 constexpr std::chrono::hours COMPACTION{1};
 constexpr int64_t KEPT_REVISIONS = 20000;
 
-Identity ReadIdentity(const std::string &path)
+// What a driver remembers: the etcd that it knows and, when it has met another state, the adoption that was
+// there then. A later one is an operator's word that this state holds.
+struct Memory {
+    uint64_t cluster = 0;
+    int64_t revision = 0;
+    bool isRestored = false;
+    std::string adoption;
+};
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Memory, cluster, revision, isRestored, adoption)
+
+std::string FileOf(const Config &config) { return config.state + "/driver.json"; }
+
+Memory ReadMemory(const Config &config)
 {
-    std::ifstream file(path);
-    const Json json = Json::parse(file, nullptr, false);
-    if (!json.is_object()) return {};
-    return {json.value("cluster", uint64_t{0}), json.value("revision", int64_t{0})};
+    std::ifstream file(FileOf(config));
+    std::ostringstream text;
+    text << file.rdbuf();
+    return FromText<Memory>(text.str());
 }
 
-void WriteIdentity(const std::string &path, const Identity &identity)
+void WriteMemory(const Config &config, const Memory &memory)
 {
     std::error_code ignored;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-    const std::string part = fmt::format("{}.{}", path, getpid());
-    std::ofstream(part) << Json{{"cluster", identity.cluster}, {"revision", identity.revision}}.dump();
+    std::filesystem::create_directories(config.state, ignored);
+    const std::string path = FileOf(config), part = fmt::format("{}.{}", path, getpid());
+    std::ofstream(part) << ToText(memory);
     std::filesystem::rename(part, path, ignored);
 }
 
@@ -55,15 +67,16 @@ std::string MachineName()
     return name;
 }
 
-bool HelpsNoWaiting(Kind kind) { return kind == Kind::RESTORED || kind == Kind::DENIED; }
+Identity KnownTo(const Config &config)
+{
+    const Memory memory = ReadMemory(config);
+    return {memory.cluster, memory.revision};
+}
 
 }
 
-std::string DriverFile(const Config &config) { return config.state + "/driver.json"; }
-
 Driver::Driver(const Config &given)
-    : config(given), client(given.endpoints, ReadIdentity(DriverFile(given))), decisions(given.lease),
-      compacted(Clock::now())
+    : config(given), client(given.endpoints, KnownTo(given)), decisions(given.lease), compacted(Clock::now())
 {}
 
 void Driver::Say(const std::string &what)
@@ -85,12 +98,8 @@ void Driver::Run(const std::atomic<bool> &isStopped)
         } catch (const EtcdError &error) {
             watch.reset();
             client.Reconnect();
-            if (error.kind == Kind::RESTORED)
-                throw EtcdError(error.kind,
-                                fmt::format("{}; nothing was changed. If its state is to hold, run "
-                                            "`vsfleet adopt` and start the driver again",
-                                            error.what()));
-            if (HelpsNoWaiting(error.kind)) throw;
+            if (error.kind == Kind::RESTORED) AdoptOrThrow(error);
+            if (error.kind == Kind::DENIED) throw;
             Say(error.kind == Kind::NO_SPACE
                     ? "etcd is full: run `etcdctl compact`, `etcdctl defrag` and `etcdctl alarm disarm`"
                     : error.what());
@@ -102,6 +111,27 @@ void Driver::Run(const std::atomic<bool> &isStopped)
         client.RevokeLease(lease); // another one leads at once
     } catch (const EtcdError &) {
     }
+}
+
+// Another state of etcd is followed when an operator has said so after it was noticed.
+void Driver::AdoptOrThrow(const EtcdError &error)
+{
+    Memory memory = ReadMemory(config);
+    Client present(config.endpoints);
+    const auto entry = present.Get(keys::ADOPTED);
+    const std::string adoption = entry ? FromText<Adoption>(entry->value).id : "";
+    if (memory.isRestored && adoption != memory.adoption) {
+        Say("follows the restored etcd");
+        client.Adopt();
+        WriteMemory(config, {client.Known().cluster, client.Known().revision, false, adoption});
+        return;
+    }
+    memory.isRestored = true;
+    memory.adoption = adoption;
+    WriteMemory(config, memory);
+    throw EtcdError(error.kind, fmt::format("{}; nothing was changed. If its state is to hold, run `vsfleet "
+                                            "adopt` and start the driver again",
+                                            error.what()));
 }
 
 // ---- Election ----
@@ -149,7 +179,7 @@ void Driver::KeepLease()
     if (Clock::now() - renewed < config.lease / 3) return;
     if (!client.KeepAlive(lease)) throw EtcdError(Kind::FAILED, "the lease of this driver has ended");
     renewed = Clock::now();
-    WriteIdentity(DriverFile(config), client.Known());
+    WriteMemory(config, {client.Known().cluster, client.Known().revision, false, ""});
 }
 
 // ---- Leading ----

@@ -17,6 +17,7 @@ public:
     void Run(const std::atomic<bool> &isStopped);
 
 private:
+    void AdoptOrThrow(const EtcdError &error);
     bool Elect();
     void WaitForElection(const std::atomic<bool> &isStopped);
     void Lead(const std::atomic<bool> &isStopped);
@@ -37,8 +38,5 @@ private:
     Clock::time_point renewed, compacted;
     std::string said; // last, so that nothing is said twice in a row
 };
-
-// Where a machine keeps the identity of the etcd that its driver has seen.
-std::string DriverFile(const Config &config);
 
 }

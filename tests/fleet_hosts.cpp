@@ -1,0 +1,96 @@
+#include "tests/fleet_hosts.h"
+
+#include "fleet/protocol/keys.h"
+
+using namespace vsfleet;
+
+LightAgent::LightAgent(Endpoints endpoints, const std::string &host, std::chrono::seconds lease)
+    : host(host), endpoints(std::move(endpoints)), lease(lease)
+{
+    Start();
+}
+
+void LightAgent::Start()
+{
+    isStopped = false;
+    thread = std::thread([this] { Run(); });
+}
+
+void LightAgent::Stop()
+{
+    isStopped = true;
+    if (thread.joinable()) thread.join();
+}
+
+std::vector<std::vector<DocumentRevision>> LightAgent::Changes() const
+{
+    const std::lock_guard lock(mutex);
+    return changes;
+}
+
+void LightAgent::Run()
+{
+    while (!isStopped) {
+        try {
+            Live();
+        } catch (const EtcdError &) {
+            std::this_thread::sleep_for(Milliseconds(100));
+        }
+    }
+}
+
+void LightAgent::Live()
+{
+    client = std::make_unique<Client>(endpoints);
+    const int64_t claim = client->GrantLease(lease);
+    client->Commit(
+        Transaction().Put(keys::Claim(host), ToText(Claim{"m-" + host, "boot", host, "test"}), claim));
+    Clock::time_point renewed = Clock::now();
+    const auto entry = client->Get(keys::Target(host));
+    const int64_t seen = client->Known().revision;
+    if (entry) Answer(*entry);
+    Watch watch(*client, keys::Target(host), seen + 1);
+    while (!isStopped) {
+        for (const KeyEvent &event : watch.Next(Milliseconds(200))) {
+            if (!event.isDeleted) Answer(event.entry);
+        }
+        if (Clock::now() - renewed < lease / 4) continue;
+        if (!client->KeepAlive(claim)) return;
+        renewed = Clock::now();
+    }
+}
+
+void LightAgent::Answer(const Entry &entry)
+{
+    const auto target = FromText<Target>(entry.value);
+    if (target.phase == Phase::PLAN) {
+        Plan plan;
+        plan.target = entry.modified;
+        plan.changes = 1;
+        plan.steps = Json::array({{{"switch", "lab"}, {"after", host}}});
+        if (habit == Habit::REFUSES_PLAN) plan.error = "no uplink of that name";
+        client->Commit(Transaction().Put(keys::Plan(host, target.rollout), ToText(plan)));
+        return;
+    }
+    if (target.phase == Phase::HOLD) return Report(HostState::HELD, entry.modified, target.reason);
+    if (answered == entry.modified) return;
+    if (target.documents == status.documents) return Report(HostState::CONFIRMED, entry.modified);
+    if (habit == Habit::IGNORES) return;
+    if (habit == Habit::FAILS) return Report(HostState::FAILED, entry.modified, "no port of that name");
+    status.documents = target.documents;
+    {
+        const std::lock_guard lock(mutex);
+        changes.push_back(target.documents);
+    }
+    Report(HostState::CONFIRMED, entry.modified);
+}
+
+void LightAgent::Report(HostState state, int64_t number, const std::string &error)
+{
+    status.state = state;
+    status.target = number;
+    status.error = error;
+    status.version = "test";
+    client->Commit(Transaction().Put(keys::Status(host), ToText(status)));
+    answered = number;
+}
