@@ -123,7 +123,7 @@ public:
         fleet.Take({{key, "", 0, revision, 0}, true});
     }
 
-    Rollout RolloutOf(const std::string &id = "r1") const { return fleet.rollouts.at(id).record; }
+    const Rollout &RolloutOf(const std::string &id = "r1") const { return fleet.rollouts.at(id).record; }
     std::vector<DocumentRevision> DocumentsOf(const std::string &host) const
     {
         return fleet.hosts.at(host).status.record.documents;
@@ -346,7 +346,7 @@ class Rollouts : public testing::TestWithParam<Row> {};
 void Check(const Row &row, Simulation &simulation, const std::string &where)
 {
     SCOPED_TRACE(where);
-    const Rollout rollout = simulation.RolloutOf();
+    const Rollout &rollout = simulation.RolloutOf();
     EXPECT_EQ(rollout.state, row.state) << ToText(rollout);
     EXPECT_EQ(Turns(rollout), row.turns) << ToText(rollout);
     int follow = 0;
@@ -386,5 +386,232 @@ INSTANTIATE_TEST_SUITE_P(Table, Rollouts, testing::ValuesIn(ROWS), [](const auto
     std::erase_if(name, [](char c) { return !isalnum(static_cast<unsigned char>(c)); });
     return name;
 });
+
+// Five hosts that follow the old document.
+class Five : public testing::Test {
+protected:
+    Five()
+    {
+        for (int i = 0; i < 5; i++)
+            simulation.AddHost("h" + std::to_string(i), OK);
+        simulation.Begin();
+    }
+
+    // Does something before the driver's transaction after which so many hosts have had their turn begun.
+    void When(int64_t started, std::function<void()> happens)
+    {
+        simulation.onStep = [this, started, happens, isDone = false](const Step &) mutable {
+            if (isDone || simulation.RolloutOf().started < started) return;
+            isDone = true;
+            happens();
+        };
+    }
+
+    int Following(const DocumentRevision &document) const
+    {
+        int count = 0;
+        for (const auto &[host, habit] : simulation.habits)
+            count += simulation.DocumentsOf(host) == std::vector{document};
+        return count;
+    }
+
+    Simulation simulation;
+};
+
+TEST_F(Five, PauseAtOnceWhenManyGo)
+{
+    When(2, [this] {
+        for (const char *host : {"h1", "h2", "h3"})
+            simulation.Delete(keys::Claim(host));
+    });
+    simulation.Push(Options(1, 1, 0));
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::PAUSED);
+    EXPECT_NE(simulation.RolloutOf().message.find("3 of 5"), std::string::npos);
+    EXPECT_EQ(Turns(simulation.RolloutOf())[Turn::UNREACHABLE], 0);
+    // Another driver, that has not seen them go, waits as well.
+    simulation.SettleWithDeaths(1);
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::PAUSED);
+    for (const char *host : {"h1", "h2", "h3"})
+        simulation.Put(keys::Claim(host), "{}");
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::DONE);
+    EXPECT_EQ(Following(NEW), 5);
+}
+
+TEST_F(Five, GoOnWhenOneGoes)
+{
+    When(2, [this] { simulation.Delete(keys::Claim("h4")); });
+    simulation.Push(Options(1, 1, 0));
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::DONE);
+    EXPECT_EQ(Turns(simulation.RolloutOf()), (std::map<Turn, int>{{Turn::CONFIRMED, 4}, {Turn::ABSENT, 1}}));
+    // It follows when it is back.
+    simulation.Put(keys::Claim("h4"), "{}");
+    simulation.Settle(Milliseconds(5000));
+    EXPECT_EQ(Following(NEW), 5);
+    EXPECT_EQ(simulation.applications["h4"], 1);
+}
+
+TEST_F(Five, WaitForTheirHostsWhenMostAreAbsent)
+{
+    for (const char *host : {"h1", "h2", "h3"})
+        simulation.Delete(keys::Claim(host));
+    simulation.Push(Options(0, 0, 0));
+    simulation.Settle(Milliseconds(20000));
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::PLANNING);
+    Rollout rollout = simulation.RolloutOf();
+    rollout.options.withoutAbsent = true;
+    simulation.Put(keys::Rollout("r1"), ToText(rollout));
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::DONE);
+    EXPECT_EQ(Following(NEW), 2);
+}
+
+TEST_F(Five, DoWhatAnOperatorWants)
+{
+    When(2, [this] { simulation.Want(Wish::PAUSE); });
+    simulation.Push(Options(1, 1, 0));
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::PAUSED);
+    EXPECT_EQ(Following(NEW), 2);
+    simulation.Want(Wish::ABORT);
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::ABORTED);
+    EXPECT_EQ(Following(OLD), 5);
+    EXPECT_EQ(simulation.fleet.heads.at("net").record.document, OLD);
+
+    RolloutOptions left = Options(1, 1, 0, false);
+    simulation.applications.clear();
+    simulation.onStep = [](const Step &) {};
+    simulation.Push(left, "r2");
+    simulation.onStep = [this, isDone = false](const Step &) mutable {
+        if (isDone || simulation.RolloutOf("r2").started < 2) return;
+        isDone = true;
+        simulation.Want(Wish::ABORT, "r2");
+    };
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf("r2").state, RolloutState::ABORTED);
+    EXPECT_EQ(Following(NEW), 2);
+    EXPECT_EQ(Following(OLD), 3);
+}
+
+TEST_F(Five, OfTwoRolloutsTheLaterOneWaits)
+{
+    simulation.Put(keys::Revision("mtu", 1), ToText(Simulation::Document({"other"})));
+    Rollout second;
+    second.id = "r2";
+    second.head = Simulation::HeadOf({"mtu", 1, "x"});
+    second.options = Options(0, 0, 0);
+    When(2, [this, second] {
+        simulation.Put(keys::Head("mtu"), ToText(second.head));
+        simulation.Put(keys::Rollout("r2"), ToText(second));
+    });
+    simulation.onStep = [this, before = simulation.onStep](const Step &step) {
+        before(step);
+        if (!simulation.fleet.rollouts.contains("r2")) return;
+        EXPECT_TRUE(simulation.RolloutOf("r2").hosts.empty() || !IsActive(simulation.RolloutOf().state));
+    };
+    simulation.Push(Options(1, 1, 0));
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf("r2").state, RolloutState::DONE);
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(simulation.DocumentsOf("h" + std::to_string(i)).size(), 2u);
+}
+
+TEST_F(Five, FollowTheirLabels)
+{
+    // In a rollout: one leaves before its turn, one comes.
+    When(2, [this] {
+        simulation.Put(keys::Labels("h4"), ToText(Labels{{"site", "b"}}));
+        simulation.AddHost("h9", OK);
+    });
+    simulation.Push(Options(1, 1, 0));
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::DONE);
+    EXPECT_EQ(Following(NEW), 5);
+    EXPECT_TRUE(simulation.DocumentsOf("h4").empty());
+    EXPECT_EQ(simulation.DocumentsOf("h9"), std::vector{NEW});
+
+    // Another document names the same switch: where both meet, the host holds, and says both names.
+    simulation.Put(keys::Revision("mtu", 1), ToText(Simulation::Document({"lab"})));
+    Head head = Simulation::HeadOf({"mtu", 1, "x"});
+    head.selector = {{"site", "b"}};
+    simulation.Put(keys::Head("mtu"), ToText(head));
+    simulation.Settle(Milliseconds(5000));
+    EXPECT_EQ(simulation.DocumentsOf("h4"), (std::vector<DocumentRevision>{{"mtu", 1, "x"}}));
+    head.selector = {};
+    simulation.Put(keys::Head("mtu"), ToText(head));
+    simulation.Settle(Milliseconds(5000));
+    EXPECT_EQ(simulation.TargetOf("h1").phase, Phase::HOLD);
+    EXPECT_EQ(simulation.TargetOf("h1").reason, "the documents 'mtu' and 'net' both name the switch 'lab'");
+    EXPECT_EQ(simulation.DocumentsOf("h1"), std::vector{NEW});
+    simulation.Put(keys::Labels("h1"), ToText(Labels{{"site", "c"}}));
+    simulation.Settle(Milliseconds(5000));
+    EXPECT_EQ(simulation.TargetOf("h1").phase, Phase::APPLY);
+    EXPECT_EQ(simulation.DocumentsOf("h1"), (std::vector<DocumentRevision>{{"mtu", 1, "x"}}));
+}
+
+TEST_F(Five, PlanWithoutAChange)
+{
+    RolloutOptions options = Options(0, 0, 0);
+    options.planOnly = true;
+    simulation.Push(options);
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::DONE);
+    for (int i = 0; i < 5; i++) {
+        const HostView &view = simulation.fleet.hosts.at("h" + std::to_string(i));
+        EXPECT_TRUE(view.plans.contains("r1"));
+        EXPECT_EQ(view.target.record.phase, Phase::APPLY);
+    }
+    EXPECT_EQ(Following(OLD), 5);
+    // A later rollout follows it: nothing of it is kept.
+    simulation.Push(Options(0, 0, 0), "r2");
+    simulation.Settle();
+    EXPECT_FALSE(simulation.fleet.rollouts.contains("r1"));
+    EXPECT_FALSE(simulation.fleet.hosts.at("h0").plans.contains("r1"));
+    EXPECT_EQ(Following(NEW), 5);
+}
+
+TEST_F(Five, LoseADocumentThatIsRemoved)
+{
+    simulation.Delete(keys::Claim("h4"));
+    Rollout rollout;
+    rollout.id = "r1";
+    rollout.before = rollout.head = Simulation::HeadOf(OLD);
+    rollout.head.isRemoved = rollout.head.prune = true;
+    rollout.options = Options(0, 0, 0);
+    simulation.Put(keys::Head("net"), ToText(rollout.head));
+    simulation.Put(keys::Rollout("r1"), ToText(rollout));
+    simulation.Settle();
+    EXPECT_EQ(simulation.RolloutOf().state, RolloutState::DONE);
+    EXPECT_EQ(simulation.TargetOf("h0").prune, std::vector<std::string>{"net"});
+    // A host that comes later is told what to remove as well.
+    simulation.Put(keys::Claim("h4"), "{}");
+    simulation.Settle(Milliseconds(5000));
+    EXPECT_EQ(simulation.TargetOf("h4").prune, std::vector<std::string>{"net"});
+    for (int i = 0; i < 5; i++)
+        EXPECT_TRUE(simulation.DocumentsOf("h" + std::to_string(i)).empty());
+}
+
+TEST(ManyHosts, TakeTransactionsThatEtcdTakes)
+{
+    for (const int deaths : {0, 20}) {
+        Simulation simulation;
+        for (int i = 0; i < 250; i++)
+            simulation.AddHost("h" + std::to_string(i), i == 200 ? BAD : OK);
+        simulation.Begin();
+        RolloutOptions options = Options(10, 0, 0);
+        options.batchPercent = 50;
+        simulation.Push(options);
+        simulation.SettleWithDeaths(deaths);
+        EXPECT_EQ(simulation.RolloutOf().state, RolloutState::ROLLED_BACK) << simulation.RolloutOf().message;
+        EXPECT_LE(simulation.largest, MAX_WRITES);
+        int count = 0;
+        for (const auto &[host, habit] : simulation.habits)
+            count += simulation.DocumentsOf(host) == std::vector{OLD};
+        EXPECT_EQ(count, 250);
+    }
+}
 
 }

@@ -509,25 +509,28 @@ Step Decisions::Converge() const
     return step;
 }
 
-// Removes rollouts that a later one of the same document has followed, and plans without a rollout.
+// Whether a later rollout of the document has followed.
+bool Decisions::IsFollowed(const Held<Rollout> &held) const
+{
+    return std::any_of(fleet->rollouts.begin(), fleet->rollouts.end(), [&](const auto &item) {
+        const Held<Rollout> &other = item.second;
+        return other.record.head.document.name == held.record.head.document.name &&
+               other.created > held.created &&
+               (held.record.options.planOnly || !other.record.options.planOnly);
+    });
+}
+
+// Removes rollouts that are over and done with, and plans without a rollout.
 Step Decisions::Tidy() const
 {
     Step step;
     for (const auto &[id, held] : fleet->rollouts) {
-        const Rollout &rollout = held.record;
-        const bool isLater =
-            std::any_of(fleet->rollouts.begin(), fleet->rollouts.end(), [&](const auto &item) {
-                const Held<Rollout> &other = item.second;
-                return other.record.head.document.name == rollout.head.document.name &&
-                       other.created > held.created &&
-                       (rollout.options.planOnly || !other.record.options.planOnly);
-            });
-        if (isLater && !IsActive(rollout.state)) {
-            step.writes.push_back({keys::Rollout(id), "", true});
-            if (rollout.options.planOnly && !IsUsed(*fleet, rollout.head.document, id))
-                step.writes.push_back({DocumentKey(rollout.head.document), "", true});
-            return step;
-        }
+        if (IsActive(held.record.state) || !IsFollowed(held)) continue;
+        step.writes.push_back({keys::Rollout(id), "", true});
+        const DocumentRevision &document = held.record.head.document;
+        if (held.record.options.planOnly && !IsUsed(*fleet, document, id))
+            step.writes.push_back({DocumentKey(document), "", true});
+        return step;
     }
     for (const auto &[host, view] : fleet->hosts) {
         for (const auto &[id, plan] : view.plans) {

@@ -66,6 +66,7 @@ private:
     void RollBack(Work &work);
     void Finish(Work &work, RolloutState state, const std::string &message);
 
+    bool IsFollowed(const Held<Rollout> &held) const;
     Step Converge() const;
     Step Tidy() const;
 
