@@ -93,7 +93,8 @@ public:
     {
         Kill();
         KillOthers();
-        if (testing::Test::HasFailure()) fprintf(stderr, "--- %s ---\n%s", name.c_str(), Log().c_str());
+        if (testing::Test::HasFailure() || std::uncaught_exceptions())
+            fprintf(stderr, "--- %s ---\n%s", name.c_str(), Log().c_str());
         fs::remove_all(directory);
     }
 
@@ -259,6 +260,359 @@ TEST_F(Agent, FollowsItsTarget)
     EXPECT_EQ(StatusOf(host).documents.at(0).revision, 1);
     Confirmed(host, Lab(8, 2), Ask(host, Lab(8, 2), true));
     EXPECT_EQ(host.Vsctl("port vlan lab port3").exit, 3);
+
+    // Of two documents, one goes with its switch, the other leaves its switch behind.
+    const Json both = {
+        {"switches", {{"lab", Lab(8, 2)["switches"]["lab"]}, {"wan", Lab(9, 2, "wan")["switches"]["wan"]}}}};
+    Target target;
+    target.documents = {Store("doc", Lab(8, 2)), Store("wan", Lab(9, 2, "wan"))};
+    Confirmed(host, both, Ask(host, target));
+    target.documents.erase(target.documents.begin());
+    Confirmed(host, both, Ask(host, target));
+    target.documents.clear();
+    target.prune = {"wan"};
+    target.allowRemovals = true;
+    Confirmed(host, Lab(8, 2), Ask(host, target));
+}
+
+TEST_F(Agent, RefusesWhatItCannotFollow)
+{
+    Host host("host1", etcd.Endpoints());
+    host.Start();
+    Confirmed(host, Lab(7), Ask(host, Lab(7)));
+    const Json newer = {{"switches", {{"lab", {{"teleport", true}}}}}};
+    const DocumentRevision damaged = Store("doc", Lab(8)), missing{"doc", 99, damaged.sum};
+    StoredDocument bytes =
+        FromText<StoredDocument>(client.Get(keys::Revision("doc", damaged.revision))->value);
+    bytes.compressed[5] ^= 1;
+    client.Commit(Transaction().Put(keys::Revision("doc", damaged.revision), ToText(bytes)));
+    const struct {
+        std::vector<DocumentRevision> documents;
+        const char *reason;
+    } rows[] = {
+        {{Store("doc", newer)}, "document 'doc', revision 3: switches/lab/teleport is not a known key"},
+        {{Store("a", Lab(1)), Store("b", Lab(2))}, "'a' and 'b' both name the switch 'lab'"},
+        {{damaged}, "damaged"},
+        {{missing}, "revision 99 of document 'doc' is not in etcd"}};
+    for (const auto &row : rows) {
+        Target target;
+        target.documents = row.documents;
+        Failed(host, Lab(7), Ask(host, target), row.reason);
+        target.phase = Phase::PLAN;
+        target.rollout = "r1";
+        const int64_t number =
+            client.Commit(Transaction().Put(keys::Target("host1"), ToText(target))).revision;
+        Plan plan;
+        Await("the plan", [&] {
+            const auto entry = client.Get(keys::Plan("host1", "r1"));
+            plan = entry ? FromText<Plan>(entry->value) : Plan();
+            return plan.target == number;
+        });
+        EXPECT_NE(plan.error.find(row.reason), std::string::npos) << plan.error;
+    }
+
+    // A plan changes nothing.
+    Target target;
+    target.phase = Phase::PLAN;
+    target.rollout = "r2";
+    target.documents = {Store("doc", Lab(9))};
+    const int64_t number = client.Commit(Transaction().Put(keys::Target("host1"), ToText(target))).revision;
+    Await("the plan", [&] { return client.Get(keys::Plan("host1", "r2")) != nullptr; });
+    const Plan plan = FromText<Plan>(client.Get(keys::Plan("host1", "r2"))->value);
+    EXPECT_EQ(plan.target, number);
+    EXPECT_EQ(plan.error, "");
+    EXPECT_EQ(plan.changes, 4);
+    EXPECT_EQ(plan.steps.at(0)["item"], "vlan");
+    EXPECT_TRUE(host.Is(Lab(7)));
+
+    target = {};
+    target.reason = "two documents name one switch";
+    EXPECT_EQ(AwaitState(host, HostState::HELD, Ask(host, target)).error, target.reason);
+    EXPECT_TRUE(host.Is(Lab(7)));
+}
+
+// The agent, and with it all that runs on the host or nothing else, is killed at each step of a change.
+struct Death {
+    const char *name;
+    const char *script; // in place of vsctl; "die" kills
+    bool isConfirmed;   // what becomes of the change
+};
+
+class Deaths : public Agent, public testing::WithParamInterface<std::tuple<Death, bool>> {};
+
+TEST_P(Deaths, LeaveAWholeRevision)
+{
+    const auto &[death, takesAll] = GetParam();
+    Host host("host1", etcd.Endpoints());
+    host.Start();
+    Confirmed(host, Lab(7), Ask(host, Lab(7)));
+    host.Interpose(std::string("die() { touch died; kill -9 $PPID; sleep 1; exit 1; }\n") + death.script);
+    const int64_t target = Ask(host, Lab(8, 6));
+    Await("the death", [&] { return host.Has("died"); });
+    host.AwaitEnd();
+    if (takesAll) host.KillOthers();
+    host.Interpose("");
+    host.Start();
+    if (death.isConfirmed)
+        Confirmed(host, Lab(8, 6), target);
+    else
+        Failed(host, Lab(7), target, "undone");
+    Confirmed(host, Lab(9, 6), Ask(host, Lab(9, 6)));
+}
+
+constexpr const char *APPLIES = "case \"$*\" in apply*--confirm-within*) ";
+const std::string BEFORE = std::string(APPLIES) + "die;; esac",
+                  WITHIN = std::string(APPLIES) +
+                           "export LD_PRELOAD=" + (BUILD / "tests/libkill_at.so").string() +
+                           ":$LD_PRELOAD VSCTL_TEST_KILL_AT=20; vsctl \"$@\"; die;; esac",
+                  AFTER = std::string(APPLIES) + "vsctl \"$@\"; die;; esac";
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, Deaths,
+    testing::Combine(
+        testing::Values(Death{"before", BEFORE.c_str(), false}, Death{"within", WITHIN.c_str(), false},
+                        Death{"after", AFTER.c_str(), false},
+                        Death{"unconfirmed", "[ \"$1\" = confirm ] && [ \"$2\" = --json ] && die", true},
+                        Death{"confirmed",
+                              "[ \"$1\" = confirm ] && [ \"$2\" = --json ] && vsctl confirm && die", true}),
+        testing::Bool()),
+    [](const auto &info) {
+        return std::string(std::get<0>(info.param).name) + (std::get<1>(info.param) ? "_with_all" : "_alone");
+    });
+
+// Holds the agent up after it has applied a change.
+const std::string PAUSES =
+    std::string(APPLIES) +
+    "vsctl \"$@\" || exit; touch applied; while [ ! -e go ]; do sleep 0.05; done; exit 0;; esac";
+
+TEST_F(Agent, UndoesWhatItCannotReportOrConfirm)
+{
+    Host host("host1", etcd.Endpoints());
+    host.Start();
+    Confirmed(host, Lab(7), Ask(host, Lab(7)));
+    Target target;
+    target.documents = {Store("doc", Lab(8))};
+    target.confirm = 5;
+
+    // etcd is away for longer than the time to confirm.
+    host.Interpose(PAUSES);
+    int64_t number = Ask(host, target);
+    Await("the change", [&] { return host.Has("applied"); });
+    etcd.Signal(0, SIGSTOP);
+    host.Write("go", "");
+    Await("the undo", [&] { return !host.HasUnfinishedChange(); });
+    etcd.Signal(0, SIGCONT);
+    Failed(host, Lab(7), number, "undone");
+
+    // The confirmation itself comes too late.
+    host.Interpose("[ \"$1\" = confirm ] && [ \"$2\" = --json ] && sleep 6");
+    number = Ask(host, target);
+    Failed(host, Lab(7), number, "not confirmed in time");
+
+    // The machine is started again within the time to confirm, and undoes the change before the agent starts.
+    fs::remove(host.Path("go"));
+    fs::remove(host.Path("applied"));
+    target.confirm = 600;
+    host.Interpose(PAUSES);
+    number = Ask(host, target);
+    Await("the change", [&] { return host.Has("applied"); });
+    host.Kill();
+    host.KillOthers();
+    std::string journal = ReadText(host.Path("host/vsctl/journal.cbor"));
+    std::string boot = ReadText("/proc/sys/kernel/random/boot_id");
+    boot.pop_back();
+    ASSERT_NE(journal.find(boot), std::string::npos);
+    journal.replace(journal.find(boot), boot.size(), std::string(boot.size(), '0'));
+    host.Write("host/vsctl/journal.cbor", journal);
+    EXPECT_EQ(host.Vsctl("confirm").exit, 8);
+    EXPECT_EQ(host.Vsctl("apply --undo --if-rebooted").exit, 0);
+    host.Interpose("");
+    host.Start();
+    Failed(host, Lab(7), number, "undone");
+
+    // Another target comes before the report: nobody confirms the first.
+    host.Interpose(PAUSES);
+    fs::remove(host.Path("applied"));
+    Ask(host, target);
+    Await("the change", [&] { return host.Has("applied"); });
+    number = Ask(host, Lab(9));
+    host.Interpose("");
+    host.Write("go", "");
+    Confirmed(host, Lab(9), number);
+}
+
+TEST_F(Agent, CatchesUpWhenEtcdIsBack)
+{
+    Host host("host1", etcd.Endpoints());
+    host.Start();
+    Confirmed(host, Lab(7), Ask(host, Lab(7)));
+    // What it missed is compacted away, and its lease has run out.
+    host.Signal(SIGSTOP);
+    for (int vlan = 10; vlan < 20; vlan++)
+        Ask(host, Lab(vlan));
+    const int64_t number = Ask(host, Lab(20));
+    client.Compact(number);
+    Await("the end of the claim", [&] { return !client.Get(keys::Claim("host1")); });
+    host.Signal(SIGCONT);
+    Confirmed(host, Lab(20), number);
+
+    etcd.Signal(0, SIGKILL);
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    EXPECT_TRUE(host.Is(Lab(20)));
+    etcd.Start(0);
+    Await("etcd", [&] {
+        try {
+            return Ask(host, Lab(21)) > 0;
+        } catch (const EtcdError &) {
+            return false;
+        }
+    });
+    AwaitState(host, HostState::CONFIRMED, client.Get(keys::Target("host1"))->modified);
+    EXPECT_TRUE(host.Is(Lab(21)));
+}
+
+TEST_F(Agent, FollowsARestoredEtcdOnlyWhenItIsAdopted)
+{
+    Host host("host1", etcd.Endpoints());
+    host.Start();
+    Confirmed(host, Lab(7), Ask(host, Lab(7)));
+    client.Commit(Transaction().Put(keys::ADOPTED, ToText(Adoption{"earlier", "", ""})));
+    const int64_t old = client.Get(keys::Target("host1"))->modified;
+    etcd.BackUp();
+    Confirmed(host, Lab(8), Ask(host, Lab(8)));
+    client.Compact(client.Known().revision);
+    for (bool isRunning : {true, false}) {
+        if (!isRunning) host.Kill();
+        if (isRunning) etcd.Restore();
+        client.Adopt();
+        if (!isRunning) host.Start();
+        Status status;
+        Await("the hold", [&] { return (status = StatusOf(host)).state == HostState::HELD; });
+        EXPECT_NE(status.error.find("vsfleet adopt"), std::string::npos) << status.error;
+        // As many revisions as before don't make it the same etcd.
+        for (int i = 0; i < 100; i++)
+            client.Commit(Transaction().Put("/other", "x"));
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        EXPECT_TRUE(host.Is(Lab(8)));
+    }
+    EXPECT_EQ(client.Get(keys::Target("host1"))->modified, old);
+    client.Commit(Transaction().Put(keys::ADOPTED, ToText(Adoption{"now", "", ""})));
+    Confirmed(host, Lab(7), old);
+    Confirmed(host, Lab(9), Ask(host, Lab(9)));
+}
+
+TEST_F(Agent, IsRefusedWhereAnotherMachineHasItsName)
+{
+    Host first("host1", etcd.Endpoints()), second("host1", etcd.Endpoints());
+    first.Start();
+    Confirmed(first, Lab(7), Ask(first, Lab(7)));
+    std::ofstream(second.Path("machine-id")) << "00000000000000000000000000000002\n";
+    const std::vector<std::string> otherMachine = {
+        "unshare",
+        "-m",
+        "sh",
+        "-c",
+        "mount --bind " + second.Path("machine-id") + " /etc/machine-id && exec \"$@\"",
+        "sh"};
+    std::string id;
+    std::ifstream("/etc/machine-id") >> id;
+    second.Start(otherMachine);
+    Await("the refusal", [&] { return second.Log().find("host1 is machine " + id) != std::string::npos; });
+    EXPECT_NE(second.Log().find("vsfleet release host1"), std::string::npos);
+
+    // The first gets its name back at once, also while the other one tries.
+    const auto claim = client.Get(keys::Claim("host1"));
+    first.Kill();
+    first.Start();
+    Confirmed(first, Lab(8), Ask(first, Lab(8)));
+    EXPECT_EQ(client.Get(keys::Claim("host1"))->modified, claim->modified);
+    // And when the machine was started again: its claim may still be there, or be gone.
+    for (bool isThere : {true, false}) {
+        first.Kill();
+        Claim before = FromText<Claim>(client.Get(keys::Claim("host1"))->value);
+        before.boot = "another";
+        client.Commit(
+            Transaction().Put(keys::Claim("host1"), ToText(before), client.Get(keys::Claim("host1"))->lease));
+        if (!isThere) Await("the end of the claim", [&] { return !client.Get(keys::Claim("host1")); });
+        first.Start();
+        Confirmed(first, Lab(7 + isThere), Ask(first, Lab(7 + isThere)));
+    }
+    EXPECT_TRUE(second.Is({{"switches", Json::object()}}));
+
+    // An agent with the same machine id and without the claim: a copy of the machine.
+    Host copy("host1", etcd.Endpoints());
+    copy.Start();
+    Await("the refusal", [&] { return copy.Log().find("the same machine id") != std::string::npos; });
+
+    first.Kill();
+    client.Commit(Transaction().Delete(keys::Claim("host1")).Delete(keys::Machine("host1")));
+    copy.Kill();
+    Confirmed(second, Lab(9), Ask(second, Lab(9)));
+}
+
+TEST_F(Agent, ShowsAndRepairsDrift)
+{
+    Host host("host1", etcd.Endpoints());
+    host.Start();
+    Target target;
+    target.documents = {Store("doc", Lab(7))};
+    int64_t number = Ask(host, target);
+    Confirmed(host, Lab(7), number);
+    EXPECT_EQ(host.Vsctl("port vlan lab port2 99").exit, 0);
+    const Status status = AwaitState(host, HostState::DRIFTED, number);
+    EXPECT_EQ(status.drift.at(0)["port"], "port2");
+    EXPECT_EQ(status.drift.at(0)["before"]["id"], 99);
+    EXPECT_EQ(host.Vsctl("port vlan lab port2 7").exit, 0);
+    EXPECT_TRUE(AwaitState(host, HostState::CONFIRMED, number).drift.empty());
+
+    target.repair = true;
+    number = Ask(host, target);
+    AwaitState(host, HostState::CONFIRMED, number);
+    EXPECT_EQ(host.Vsctl("port vlan lab port2 99").exit, 0);
+    Await("the repair", [&] { return host.Is(Lab(7)); });
+    AwaitState(host, HostState::CONFIRMED, number);
+
+    // Somebody's own change on the host that waits for confirmation is not the agent's to undo or confirm.
+    host.Write("own.json", Lab(55, 1, "own").dump());
+    EXPECT_EQ(host.Vsctl("apply " + host.Path("own.json") + " --confirm-within 600s").exit, 0);
+    const int64_t blocked = Ask(host, Lab(8));
+    EXPECT_NE(AwaitState(host, HostState::FAILED, blocked).error.find("waits for confirmation"),
+              std::string::npos);
+    EXPECT_TRUE(host.HasUnfinishedChange());
+    EXPECT_EQ(host.Vsctl("apply --undo").exit, 0);
+    Confirmed(host, Lab(8), Ask(host, Lab(8)));
+}
+
+TEST(FullEtcd, IsNoReasonToChangeAnything)
+{
+    EtcdCluster etcd(1, {"--quota-backend-bytes", "1000000"});
+    Client client(etcd.Endpoints());
+    Host host("host1", etcd.Endpoints());
+    host.Start();
+    Await("the agent", [&] { return client.Get(keys::Status("host1")) != nullptr; });
+    host.Signal(SIGSTOP);
+    const StoredDocument stored = Store(Lab(7).dump());
+    Target target;
+    target.phase = Phase::APPLY;
+    target.documents = {{"doc", 1, stored.sum}};
+    client.Commit(Transaction()
+                      .Put(keys::Revision("doc", 1), ToText(stored))
+                      .Put(keys::Target("host1"), ToText(target)));
+    EtcdError::Kind kind = EtcdError::Kind::FAILED;
+    while (kind != EtcdError::Kind::NO_SPACE) {
+        try {
+            client.Commit(Transaction().Put("/filler", std::string(100000, 'x')));
+        } catch (const EtcdError &error) {
+            kind = error.kind;
+        }
+    }
+    host.Signal(SIGCONT);
+    Await("the message", [&] { return host.Log().find("etcdctl alarm disarm") != std::string::npos; });
+    EXPECT_TRUE(host.Is({{"switches", Json::object()}}));
+    client.Compact(client.Known().revision);
+    EXPECT_EQ(etcd.Control("defrag"), 0);
+    EXPECT_EQ(etcd.Control("alarm disarm"), 0);
+    Await("the change", [&] { return host.Is(Lab(7)); });
 }
 
 }

@@ -35,7 +35,8 @@ int FreePort()
 
 }
 
-EtcdCluster::EtcdCluster(int count) : authority(MakeAuthority("test")), members(static_cast<size_t>(count))
+EtcdCluster::EtcdCluster(int count, std::vector<std::string> more)
+    : more(std::move(more)), authority(MakeAuthority("test")), members(static_cast<size_t>(count))
 {
     std::string name = "/dev/shm/etcd-XXXXXX";
     if (!mkdtemp(name.data())) abort();
@@ -52,7 +53,12 @@ EtcdCluster::EtcdCluster(int count) : authority(MakeAuthority("test")), members(
     }
     for (int member = 0; member < count; member++)
         Start(member);
-    // The first answer takes an election.
+    AwaitAnswer();
+}
+
+// The first answer takes an election.
+void EtcdCluster::AwaitAnswer()
+{
     for (;;) {
         try {
             Client(Endpoints()).Get("x");
@@ -120,6 +126,7 @@ void EtcdCluster::Start(int number)
         words.push_back(fmt::format("--{}trusted-ca-file={}/ca.pem", side, directory));
         words.push_back(fmt::format("--{}client-cert-auth", side));
     }
+    words.insert(words.end(), more.begin(), more.end());
     std::vector<char *> arguments;
     for (std::string &word : words)
         arguments.push_back(word.data());
@@ -145,6 +152,32 @@ void EtcdCluster::Signal(int number, int signal)
     if (signal != SIGKILL) return;
     waitpid(member.process, nullptr, 0);
     member.process = -1;
+}
+
+void EtcdCluster::BackUp()
+{
+    Signal(0, SIGKILL);
+    std::filesystem::copy(directory + "/m0", directory + "/backup", std::filesystem::copy_options::recursive);
+    Start(0);
+    AwaitAnswer();
+}
+
+void EtcdCluster::Restore()
+{
+    Signal(0, SIGKILL);
+    std::filesystem::remove_all(directory + "/m0");
+    std::filesystem::rename(directory + "/backup", directory + "/m0");
+    Start(0);
+    AwaitAnswer();
+}
+
+int EtcdCluster::Control(const std::string &words)
+{
+    const vsfleet::Endpoints root = Endpoints();
+    return system(
+        fmt::format("ETCDCTL_API=3 etcdctl --endpoints {} --cacert {} --cert {} --key {} {} >/dev/null 2>&1",
+                    root.addresses[0], root.authority, root.certificate, root.key, words)
+            .c_str());
 }
 
 int EtcdCluster::Leader()

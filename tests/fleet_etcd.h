@@ -10,7 +10,8 @@
 
 class EtcdCluster {
 public:
-    explicit EtcdCluster(int members = 1);
+    // `more` are options of each member.
+    explicit EtcdCluster(int members = 1, std::vector<std::string> more = {});
     EtcdCluster(const EtcdCluster &) = delete;
     EtcdCluster &operator=(const EtcdCluster &) = delete;
     ~EtcdCluster();
@@ -20,6 +21,11 @@ public:
     void Signal(int member, int signal); // SIGKILL: it is gone until Start
     void Start(int member);
     int Leader(); // which member leads
+    // The state of a cluster of one member, and the same cluster in that state again.
+    void BackUp();
+    void Restore();
+    // The client that comes with etcd, as root.
+    int Control(const std::string &words);
     int Members() const { return static_cast<int>(members.size()); }
 
 private:
@@ -28,8 +34,10 @@ private:
         pid_t process = -1;
     };
     void Write(const std::string &name, const std::string &text);
+    void AwaitAnswer();
 
     std::string directory;
+    std::vector<std::string> more;
     vsfleet::Certificate authority;
     std::vector<Member> members;
     std::string peers; // the list of members

@@ -12,6 +12,8 @@ namespace {
 
 // Files of the state.
 constexpr const char *NEXT = "next.json";         // what the host is to be
+constexpr const char *CHECKED = "checked.json";   // one document
+constexpr const char *PRESENT = "present.json";   // the documents that it follows
 constexpr const char *REPLACED = "replaced.json"; // what it was: what only this file names goes
 
 constexpr size_t MAX_STEPS = 20, MAX_STEP_SIZE = 2000;
@@ -98,6 +100,22 @@ std::vector<std::string> ApplyWords(const State &state, const Order &order)
 
 }
 
+// The problem, with the name of the document that this version of vsctl doesn't understand.
+std::string Changer::Explained(const Order &order, const VsctlAnswer &answer)
+{
+    if (answer.exit != BAD_VALUE) return answer.problem;
+    for (const DocumentRevision &document : order.documents) {
+        state.Write(CHECKED, session.Text(document));
+        const VsctlAnswer check = vsctl.Run({"plan", state.Path(CHECKED), "--check"});
+        if (check.exit != BAD_VALUE) continue;
+        const std::string path = state.Path(CHECKED) + ": ";
+        const size_t place = check.problem.starts_with(path) ? path.size() : 0;
+        return fmt::format("document '{}', revision {}: {}", document.name, document.revision,
+                           check.problem.substr(place));
+    }
+    return answer.problem;
+}
+
 Plan Changer::PlanFor(const Order &order)
 {
     Plan plan;
@@ -113,7 +131,7 @@ Plan Changer::PlanFor(const Order &order)
     std::vector<std::string> words = ApplyWords(state, order);
     words.push_back("--dry-run");
     const VsctlAnswer answer = vsctl.Run(words);
-    plan.error = answer.problem;
+    plan.error = Explained(order, answer);
     plan.changes = static_cast<int64_t>(answer.rows.size());
     plan.steps = FirstSteps(answer.rows);
     return plan;
@@ -149,7 +167,7 @@ void Changer::CarryOut(const Order &order)
     const Clock::time_point until = Clock::now() + order.confirm - order.confirm / 5;
     if (answer.exit == PARTLY_UNDONE) return End(order, HostState::PARTLY_UNDONE, answer.problem);
     // Killed, or refused.
-    if (answer.exit != DONE) return UndoAndEnd(order, answer.problem);
+    if (answer.exit != DONE) return UndoAndEnd(order, Explained(order, answer));
 
     switch (ReportOnNewConnection(order, until)) {
     case Reported::YES:
@@ -194,7 +212,8 @@ void Changer::Confirm(const Order &order)
 {
     const VsctlAnswer answer = vsctl.Run({"confirm"});
     if (answer.exit == DONE) return End(order, HostState::CONFIRMED, "");
-    UndoAndEnd(order, "the change was not confirmed in time: " + answer.problem);
+    const bool isLate = answer.exit == NOT_FOUND || answer.exit == TIMED_OUT;
+    UndoAndEnd(order, isLate ? "the change was not confirmed in time, and is undone" : answer.problem);
 }
 
 void Changer::End(const Order &order, HostState end, const std::string &error)
@@ -271,8 +290,8 @@ VsctlAnswer Changer::Drift()
     std::vector<Json> files;
     for (const DocumentRevision &document : state.memory.documents)
         files.push_back(Json::parse(session.Text(document)));
-    state.Write("present.json", Merge(files).dump());
-    return vsctl.Run({"plan", state.Path("present.json")});
+    state.Write(PRESENT, Merge(files).dump());
+    return vsctl.Run({"plan", state.Path(PRESENT)});
 }
 
 }

@@ -37,13 +37,13 @@ private:
     enum class Reported { YES, OTHER_TARGET, TOO_LATE, RESTORED };
 
     void Prepare(const Order &order);
+    std::string Explained(const Order &order, const VsctlAnswer &answer);
     Reported ReportOnNewConnection(const Order &order, Clock::time_point until);
     void Confirm(const Order &order);
     void End(const Order &order, HostState state, const std::string &error);
     void UndoAndEnd(const Order &order, const std::string &why);
     bool IsOwnChangePending();
     std::string Undo();
-    void Keep();
 
     const Config &config;
     State &state;

@@ -10,7 +10,15 @@
 namespace vsfleet {
 
 // Exit codes of vsctl.
-enum : int { DONE = 0, NOT_FOUND = 3, UNREACHABLE = 6, TIMED_OUT = 8, PARTLY_UNDONE = 9, PENDING = 10 };
+enum : int {
+    DONE = 0,
+    NOT_FOUND = 3,
+    BAD_VALUE = 5,
+    UNREACHABLE = 6,
+    TIMED_OUT = 8,
+    PARTLY_UNDONE = 9,
+    PENDING = 10
+};
 
 struct VsctlAnswer {
     int exit = -1; // -1: a signal has ended it
