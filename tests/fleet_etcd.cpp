@@ -83,9 +83,13 @@ void EtcdCluster::Write(const std::string &name, const std::string &text)
 
 Endpoints EtcdCluster::Endpoints(const std::string &user)
 {
-    const Certificate certificate = MakeCertificate(authority, user);
-    Write(user + ".pem", certificate.certificate);
-    Write(user + ".key", certificate.key);
+    // Made once: others may be reading the files.
+    const std::lock_guard lock(mutex);
+    if (users.insert(user).second) {
+        const Certificate certificate = MakeCertificate(authority, user);
+        Write(user + ".pem", certificate.certificate);
+        Write(user + ".key", certificate.key);
+    }
     vsfleet::Endpoints endpoints;
     for (const Member &member : members)
         endpoints.addresses.push_back(fmt::format("127.0.0.1:{}", member.clientPort));

@@ -1,6 +1,8 @@
 // etcd as the fleet meets it: one or three members on loopback, with TLS, in a directory that goes with them.
 #pragma once
 
+#include <mutex>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -26,6 +28,7 @@ public:
     void Restore();
     // The client that comes with etcd, as root.
     int Control(const std::string &words);
+    const vsfleet::Certificate &Authority() const { return authority; }
     int Members() const { return static_cast<int>(members.size()); }
 
 private:
@@ -41,4 +44,6 @@ private:
     vsfleet::Certificate authority;
     std::vector<Member> members;
     std::string peers; // the list of members
+    std::mutex mutex;
+    std::set<std::string> users; // that have a certificate
 };
