@@ -480,6 +480,104 @@ TEST_F(RolloutTest, RolesKeepEachToItsOwn)
     EXPECT_FALSE(Now().hosts.contains("host10"));
 }
 
+// Hosts with switches: real agents, which run vsctl on throw-away hosts.
+class RealHosts : public RolloutTest {
+protected:
+    ~RealHosts() override
+    {
+        for (const pid_t process : processes)
+            End(process, SIGKILL);
+    }
+
+    std::string OnHost(int number) const
+    {
+        return fmt::format("{}/platform/vshost run --state {}/h{} --durability process --", BUILD, directory,
+                           number);
+    }
+
+    // An agent, with a vsctl that fails to apply while the file fail0, fail1, … is there.
+    void StartHost(int number)
+    {
+        const std::string vsctl = Path(fmt::format("vsctl{}", number));
+        Write(fmt::format("vsctl{}", number),
+              fmt::format("#!/bin/sh\n[ \"$1\" = apply ] && [ -e {0}/fail{1} ] && "
+                          "{{ echo 'vsctl: no such luck' >&2; exit 1; }}\nexec {2} \"$@\"\n",
+                          directory, number, VSCTL));
+        std::filesystem::permissions(vsctl, std::filesystem::perms::owner_all);
+        std::string text = Text(config);
+        text.replace(text.find(VSCTL), strlen(VSCTL), vsctl);
+        text.replace(text.find("/state"), 6, fmt::format("/state{}", number));
+        Write(fmt::format("host{}.toml", number),
+              text + fmt::format("host = \"host{}\"\ndrift-interval = 1\n", number));
+        Client(etcd.Endpoints())
+            .Commit(Transaction().Put(keys::Labels(fmt::format("host{}", number)),
+                                      ToText(Labels{{"site", "a"}})));
+        const pid_t process = fork();
+        if (process == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (!freopen(Path("agents.log").c_str(), "a", stderr)) _exit(1);
+            execl("/bin/sh", "sh", "-c",
+                  fmt::format("exec {} {} agent --config {}/host{}.toml", OnHost(number), VSFLEET, directory,
+                              number)
+                      .c_str(),
+                  nullptr);
+            _exit(127);
+        }
+        processes.push_back(process);
+    }
+
+    static std::string Text(const std::string &path)
+    {
+        std::ifstream file(path);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    // Whether the host has this port, and its switch.
+    bool HasPort(int host, const std::string &port) const
+    {
+        return !system(
+            fmt::format("{} {} port security lab {} >/dev/null 2>&1", OnHost(host), VSCTL, port).c_str());
+    }
+
+    const std::string BUILD = std::filesystem::path(VSFLEET).parent_path();
+    std::vector<pid_t> processes;
+};
+
+TEST_F(RealHosts, FollowARolloutAndGoBack)
+{
+    for (int host = 0; host < 3; host++)
+        StartHost(host);
+    StartDriver();
+    Await([](const Fleet &fleet) {
+        return fleet.leader && fleet.hosts.size() == 3 && fleet.hosts.at("host0").IsHere() &&
+               fleet.hosts.at("host1").IsHere() && fleet.hosts.at("host2").IsHere();
+    });
+    const Said first = Push("net", "port0.toml", "--select site=a --canary 1");
+    EXPECT_EQ(first.exitCode, 0) << first.text << Text(Path("agents.log"));
+    const Said diff = Run("diff net " + Path("port1.toml") + " --allow-removals --json");
+    EXPECT_EQ(diff.exitCode, 10) << diff.text;
+    for (int host = 0; host < 3; host++) {
+        EXPECT_TRUE(HasPort(host, "port0"));
+        EXPECT_FALSE(HasPort(host, "port1"));
+        EXPECT_NE(diff.Result()[static_cast<size_t>(host)]["steps"].dump().find("port1"), std::string::npos);
+    }
+
+    Write("fail2", "");
+    const Said failed = Push("net", "port1.toml", "--batch 1 --allow-removals");
+    EXPECT_EQ(failed.exitCode, 1) << failed.text;
+    EXPECT_NE(failed.text.find("no such luck"), std::string::npos) << failed.text;
+    AwaitRevisions("net", {1, 1, 1});
+    for (int host = 0; host < 3; host++) {
+        EXPECT_TRUE(HasPort(host, "port0"));
+        EXPECT_FALSE(HasPort(host, "port1"));
+    }
+    std::filesystem::remove(Path("fail2"));
+    EXPECT_EQ(Push("net", "port1.toml", "--batch 1 --allow-removals").exitCode, 0);
+    EXPECT_EQ(Run("remove net --prune").exitCode, 0);
+    for (int host = 0; host < 3; host++)
+        EXPECT_FALSE(HasPort(host, "port1"));
+}
+
 class ThreeMembers : public RolloutTest {
 protected:
     ThreeMembers() : RolloutTest(3) {}
