@@ -64,8 +64,7 @@ Json FirstSteps(const Json &rows)
 }
 
 Changer::Changer(const Config &config, State &state, Session &session, std::function<bool()> mayGoOn)
-    : config(config), state(state), session(session), mayGoOn(std::move(mayGoOn)),
-      vsctl(config.vsctl, [&session] {
+    : state(state), session(session), mayGoOn(std::move(mayGoOn)), vsctl(config.vsctl, [&session] {
           try {
               session.Tick();
           } catch (const std::runtime_error &) {

@@ -45,7 +45,6 @@ private:
     bool IsOwnChangePending();
     std::string Undo();
 
-    const Config &config;
     State &state;
     Session &session;
     std::function<bool()> mayGoOn;
