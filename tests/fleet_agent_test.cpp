@@ -1,6 +1,8 @@
 // The agent on throw-away hosts: real agents, real vsctl, a real etcd with TLS.
 #include "tests/fleet_etcd.h"
 
+#include <arpa/inet.h>
+#include <atomic>
 #include <csignal>
 #include <dirent.h>
 #include <fcntl.h>
@@ -8,8 +10,10 @@
 #include <fmt/format.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sstream>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -203,7 +207,7 @@ protected:
     // Returns the number of the target.
     int64_t Ask(const Host &host, Target target)
     {
-        if (target.phase == Phase::HOLD && target.reason.empty()) target.phase = Phase::APPLY;
+        if (target.reason.empty()) target.phase = Phase::APPLY;
         return client.Commit(Transaction().Put(keys::Target(host.name), ToText(target))).revision;
     }
     int64_t Ask(const Host &host, const Json &document, bool allowRemovals = false)
@@ -439,6 +443,151 @@ TEST_F(Agent, UndoesWhatItCannotReportOrConfirm)
     host.Interpose("");
     host.Write("go", "");
     Confirmed(host, Lab(9), number);
+}
+
+// A way to etcd of which the connections that it has live on when it takes no new ones.
+class Relay {
+public:
+    explicit Relay(const std::string &address)
+        : to(AddressOf(atoi(address.substr(address.find(':') + 1).c_str())))
+    {
+        sockaddr_in own = AddressOf(0);
+        socklen_t size = sizeof(own);
+        if (bind(listener, reinterpret_cast<sockaddr *>(&own), size) || listen(listener, 16) ||
+            getsockname(listener, reinterpret_cast<sockaddr *>(&own), &size))
+            abort();
+        port = ntohs(own.sin_port);
+        thread = std::thread([this] { Run(); });
+    }
+    Relay(const Relay &) = delete;
+    Relay &operator=(const Relay &) = delete;
+    ~Relay()
+    {
+        ends = true;
+        thread.join();
+        close(listener);
+        for (const auto &[socket, other] : pairs)
+            close(socket);
+    }
+
+    std::string Address() const { return fmt::format("127.0.0.1:{}", port); }
+    std::atomic<bool> takesNew = true;
+
+private:
+    static sockaddr_in AddressOf(int port)
+    {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        return address;
+    }
+    void Accept()
+    {
+        const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC),
+                  server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (!takesNew || connect(server, reinterpret_cast<const sockaddr *>(&to), sizeof(to))) {
+            close(client);
+            close(server);
+            return;
+        }
+        pairs[client] = server;
+        pairs[server] = client;
+    }
+    void Pass(int from)
+    {
+        const auto found = pairs.find(from);
+        if (found == pairs.end()) return;
+        char bytes[65536];
+        const ssize_t length = read(from, bytes, sizeof(bytes));
+        ssize_t done = 0;
+        while (done < length) {
+            const ssize_t written =
+                send(found->second, bytes + done, static_cast<size_t>(length - done), MSG_NOSIGNAL);
+            if (written <= 0) break;
+            done += written;
+        }
+        if (length > 0 && done == length) return;
+        const int other = found->second;
+        for (int end : {from, other}) {
+            pairs.erase(end);
+            close(end);
+        }
+    }
+    void Run()
+    {
+        while (!ends) {
+            std::vector<pollfd> sockets = {{listener, POLLIN, 0}};
+            for (const auto &[socket, other] : pairs)
+                sockets.push_back({socket, POLLIN, 0});
+            poll(sockets.data(), sockets.size(), 50);
+            for (const pollfd &ready : sockets) {
+                if (ready.revents) ready.fd == listener ? Accept() : Pass(ready.fd);
+            }
+        }
+    }
+
+    const sockaddr_in to;
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int port = 0;
+    std::map<int, int> pairs;
+    std::atomic<bool> ends = false;
+    std::thread thread;
+};
+
+TEST_F(Agent, UndoesAChangeThatOnlyItsOldConnectionSurvives)
+{
+    Endpoints endpoints = etcd.Endpoints();
+    Relay relay(endpoints.addresses[0]);
+    endpoints.addresses = {relay.Address()};
+    Host host("host1", endpoints);
+    host.Start();
+    Confirmed(host, Lab(7), Ask(host, Lab(7)));
+    host.Interpose(PAUSES);
+    Target target;
+    target.documents = {Store("doc", Lab(8))};
+    target.confirm = 4;
+    const int64_t number = Ask(host, target);
+    Await("the change", [&] { return host.Has("applied"); });
+    // The lease is kept over the old connection all the time.
+    relay.takesNew = false;
+    host.Write("go", "");
+    Await("the undo", [&] { return !host.HasUnfinishedChange(); });
+    EXPECT_TRUE(host.Is(Lab(7)));
+    relay.takesNew = true;
+    Failed(host, Lab(7), number, "undone");
+}
+
+TEST_F(Agent, NeedsNoMoreThanItsRole)
+{
+    const std::string own = keys::Host("host1");
+    client.AddRole("root");
+    client.AddUser("root", "root");
+    client.AddRole("agent");
+    for (const std::string &key : {keys::DESIRED, keys::ADOPTED, keys::Target("host1")})
+        client.Permit("agent", key, false);
+    for (const std::string &key :
+         {keys::Claim("host1"), keys::Status("host1"), keys::Machine("host1"), own + "plan/"})
+        client.Permit("agent", key, true);
+    client.AddUser("agent", "agent");
+    client.EnableAuth();
+    Host host("host1", etcd.Endpoints("agent"));
+    host.Start();
+    Target target;
+    target.phase = Phase::PLAN;
+    target.rollout = "r1";
+    target.documents = {Store("doc", Lab(7))};
+    client.Commit(Transaction().Put(keys::Target("host1"), ToText(target)));
+    Await("the plan", [&] { return client.Get(keys::Plan("host1", "r1")) != nullptr; });
+    Confirmed(host, Lab(7), Ask(host, target));
+    host.Signal(SIGTERM);
+    EXPECT_EQ(host.AwaitEnd(), 0);
+    Claim before = FromText<Claim>(client.Get(keys::Claim("host1"))->value);
+    before.boot = "another"; // the claim is made anew
+    client.Commit(
+        Transaction().Put(keys::Claim("host1"), ToText(before), client.Get(keys::Claim("host1"))->lease));
+    host.Start();
+    Confirmed(host, Lab(8), Ask(host, Lab(8)));
 }
 
 TEST_F(Agent, CatchesUpWhenEtcdIsBack)

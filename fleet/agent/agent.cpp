@@ -44,7 +44,9 @@ public:
     explicit Agent(const Config &config)
         : config(config), state(config.state), session(this->config, state),
           changer(this->config, state, session, [] { return !isAskedToEnd; })
-    {}
+    {
+        state.memory.status.version = VSWITCHCTL_VERSION;
+    }
 
     void Run();
 
@@ -123,7 +125,6 @@ void Agent::AwaitAdoption()
         status.state = HostState::HELD;
         status.error =
             "etcd was restored from a backup, or is another one: 'vsfleet adopt' lets all hosts follow it";
-        status.version = VSWITCHCTL_VERSION;
         session.Report(status);
         Log(status.error);
         Watch watch(session.Etcd(), keys::ADOPTED, session.Etcd().Known().revision + 1);
@@ -223,6 +224,7 @@ Order Agent::OrderOf(int64_t of) const
 void Agent::LookForDrift()
 {
     nextLook = Clock::now() + config.driftInterval;
+    session.CheckClaim();
     const auto entry = session.Target();
     RequireNoLostRevision(entry.get());
     if ((entry ? entry->modified : 0) != number) return Handle(entry.get());

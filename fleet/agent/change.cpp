@@ -228,7 +228,6 @@ void Changer::End(const Order &order, HostState end, const std::string &error)
     status.documents = memory.documents;
     status.error = error;
     if (status.state != HostState::DRIFTED) status.drift = Json::array();
-    status.version = VSWITCHCTL_VERSION;
     state.Save();
     if (end == HostState::CONFIRMED) state.RemoveOthers();
 }

@@ -98,6 +98,14 @@ void Session::Tick()
     throw ClaimLost("the lease of the claim has run out");
 }
 
+void Session::CheckClaim()
+{
+    const auto entry = client.Get(keys::Claim(config.host));
+    if (entry && entry->modified == claim) return;
+    claim = 0;
+    throw ClaimLost("somebody has removed the claim");
+}
+
 // False: the target is another one.
 bool Session::Commit(Transaction &transaction, int64_t target)
 {

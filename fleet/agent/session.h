@@ -24,6 +24,8 @@ public:
     void Begin();
     // Keeps the claim when it is time. Throws ClaimLost.
     void Tick();
+    // Throws ClaimLost when somebody has removed or replaced the claim.
+    void CheckClaim();
     // Writes the status if etcd has another one. With the number of a target: false, and nothing is written,
     // if that is no longer the host's target. Throws ClaimLost.
     void Report(const Status &status);
