@@ -435,14 +435,14 @@ TEST_F(Agent, UndoesWhatItCannotReportOrConfirm)
     Failed(host, Lab(7), number, "undone");
 
     // Another target comes before the report: nobody confirms the first.
-    host.Interpose(PAUSES);
+    host.Interpose("[ \"$1\" = confirm ] && [ \"$2\" = --json ] && echo >>confirmed\n" + PAUSES);
     fs::remove(host.Path("applied"));
     Ask(host, target);
     Await("the change", [&] { return host.Has("applied"); });
     number = Ask(host, Lab(9));
-    host.Interpose("");
     host.Write("go", "");
     Confirmed(host, Lab(9), number);
+    EXPECT_EQ(ReadText(host.Path("confirmed")), "\n");
 }
 
 // A way to etcd of which the connections that it has live on when it takes no new ones.
@@ -624,29 +624,35 @@ TEST_F(Agent, FollowsARestoredEtcdOnlyWhenItIsAdopted)
 {
     Host host("host1", etcd.Endpoints());
     host.Start();
-    Confirmed(host, Lab(7), Ask(host, Lab(7)));
-    client.Commit(Transaction().Put(keys::ADOPTED, ToText(Adoption{"earlier", "", ""})));
-    const int64_t old = client.Get(keys::Target("host1"))->modified;
-    etcd.BackUp();
-    Confirmed(host, Lab(8), Ask(host, Lab(8)));
-    client.Compact(client.Known().revision);
     for (bool isRunning : {true, false}) {
+        Confirmed(host, Lab(7), Ask(host, Lab(7)));
+        const std::string adoption = isRunning ? "first" : "second";
+        client.Commit(Transaction().Put(keys::ADOPTED, ToText(Adoption{"before " + adoption, "", ""})));
+        const int64_t old = client.Get(keys::Target("host1"))->modified;
+        etcd.BackUp();
+        Confirmed(host, Lab(8), Ask(host, Lab(8)));
+        client.Compact(client.Known().revision);
         if (!isRunning) host.Kill();
-        if (isRunning) etcd.Restore();
+        etcd.Restore();
         client.Adopt();
+        // As many revisions as before don't make it the same etcd.
+        for (int i = 0; i < 100 && !isRunning; i++)
+            client.Commit(Transaction().Put("/other", "x"));
         if (!isRunning) host.Start();
         Status status;
         Await("the hold", [&] { return (status = StatusOf(host)).state == HostState::HELD; });
         EXPECT_NE(status.error.find("vsfleet adopt"), std::string::npos) << status.error;
-        // As many revisions as before don't make it the same etcd.
         for (int i = 0; i < 100; i++)
             client.Commit(Transaction().Put("/other", "x"));
+        host.Kill();
+        host.Start();
         std::this_thread::sleep_for(std::chrono::seconds(2));
+        EXPECT_EQ(StatusOf(host).state, HostState::HELD);
         EXPECT_TRUE(host.Is(Lab(8)));
+        EXPECT_EQ(client.Get(keys::Target("host1"))->modified, old);
+        client.Commit(Transaction().Put(keys::ADOPTED, ToText(Adoption{adoption, "", ""})));
+        Confirmed(host, Lab(7), old);
     }
-    EXPECT_EQ(client.Get(keys::Target("host1"))->modified, old);
-    client.Commit(Transaction().Put(keys::ADOPTED, ToText(Adoption{"now", "", ""})));
-    Confirmed(host, Lab(7), old);
     Confirmed(host, Lab(9), Ask(host, Lab(9)));
 }
 
@@ -693,10 +699,15 @@ TEST_F(Agent, IsRefusedWhereAnotherMachineHasItsName)
     copy.Start();
     Await("the refusal", [&] { return copy.Log().find("the same machine id") != std::string::npos; });
 
-    first.Kill();
-    client.Commit(Transaction().Delete(keys::Claim("host1")).Delete(keys::Machine("host1")));
+    // A released name is another machine's, also when the first one comes back.
     copy.Kill();
+    first.Signal(SIGSTOP);
+    client.Commit(Transaction().Delete(keys::Claim("host1")).Delete(keys::Machine("host1")));
     Confirmed(second, Lab(9), Ask(second, Lab(9)));
+    first.Signal(SIGCONT);
+    Await("the refusal", [&] { return first.Log().find("host1 is machine 00000") != std::string::npos; });
+    Confirmed(second, Lab(10), Ask(second, Lab(10)));
+    EXPECT_TRUE(first.Is(Lab(7)));
 }
 
 TEST_F(Agent, ShowsAndRepairsDrift)
