@@ -29,6 +29,7 @@ public:
     // The client that comes with etcd, as root.
     int Control(const std::string &words);
     const vsfleet::Certificate &Authority() const { return authority; }
+    pid_t Process(int member) const { return members[static_cast<size_t>(member)].process; }
     int Members() const { return static_cast<int>(members.size()); }
 
 private:

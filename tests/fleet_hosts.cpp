@@ -1,11 +1,14 @@
 #include "tests/fleet_hosts.h"
 
+#include <random>
+
 #include "fleet/protocol/keys.h"
 
 using namespace vsfleet;
 
-LightAgent::LightAgent(Endpoints endpoints, const std::string &host, std::chrono::seconds lease)
-    : host(host), endpoints(std::move(endpoints)), lease(lease)
+LightAgent::LightAgent(Endpoints endpoints, const std::string &host, std::chrono::seconds lease,
+                       bool isPatient)
+    : host(host), endpoints(std::move(endpoints)), lease(lease), isPatient(isPatient)
 {
     Start();
 }
@@ -18,7 +21,7 @@ void LightAgent::Start()
 
 void LightAgent::Stop()
 {
-    isStopped = true;
+    AskToStop();
     if (thread.joinable()) thread.join();
 }
 
@@ -30,11 +33,18 @@ std::vector<std::vector<DocumentRevision>> LightAgent::Changes() const
 
 void LightAgent::Run()
 {
+    // Hosts that fail together come back at different times.
+    std::minstd_rand random(static_cast<unsigned>(std::hash<std::string>()(host)));
+    Milliseconds longest{100};
     while (!isStopped) {
+        const Clock::time_point begin = Clock::now();
         try {
             Live();
         } catch (const EtcdError &) {
-            std::this_thread::sleep_for(Milliseconds(100));
+            if (Clock::now() - begin > lease) longest = Milliseconds(100);
+            std::this_thread::sleep_for(longest / 2 +
+                                        Milliseconds(random() % static_cast<unsigned>(longest.count())));
+            longest = std::min<Milliseconds>(longest * 2, lease / 3);
         }
     }
 }
@@ -50,8 +60,9 @@ void LightAgent::Live()
     const int64_t seen = client->Known().revision;
     if (entry) Answer(*entry);
     Watch watch(*client, keys::Target(host), seen + 1);
+    const Milliseconds turn = std::min<Milliseconds>(lease / 4, isPatient ? lease : Milliseconds(200));
     while (!isStopped) {
-        for (const KeyEvent &event : watch.Next(Milliseconds(200))) {
+        for (const KeyEvent &event : watch.Next(turn)) {
             if (!event.isDeleted) Answer(event.entry);
         }
         if (Clock::now() - renewed < lease / 4) continue;

@@ -13,13 +13,16 @@ public:
     // What becomes of a change that names the revision.
     enum class Habit { CONFIRMS, FAILS, IGNORES, REFUSES_PLAN };
 
-    LightAgent(vsfleet::Endpoints endpoints, const std::string &host, std::chrono::seconds lease);
+    // A patient one looks only seldom whether it is to stop.
+    LightAgent(vsfleet::Endpoints endpoints, const std::string &host, std::chrono::seconds lease,
+               bool isPatient = false);
     LightAgent(const LightAgent &) = delete;
     LightAgent &operator=(const LightAgent &) = delete;
     ~LightAgent() { Stop(); }
 
     // Ends without a word: the claim goes with its lease. Start is the same host again.
     void Stop();
+    void AskToStop() { isStopped = true; }
     void Start();
     void Behave(Habit habit) { this->habit = habit; }
     // The documents of each change that the host has confirmed, in order.
@@ -35,6 +38,7 @@ private:
 
     vsfleet::Endpoints endpoints;
     std::chrono::seconds lease;
+    bool isPatient;
     std::atomic<Habit> habit = Habit::CONFIRMS;
     std::atomic<bool> isStopped = true;
     std::unique_ptr<vsfleet::Client> client;

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <fstream>
 #include <sys/stat.h>
+#include <thread>
 
 #include "fleet/command/commands.h"
 #include "fleet/command/console.h"
@@ -19,6 +20,7 @@ namespace {
 constexpr const char *DIRECTORY = "/etc/vswitchctl/authority";
 constexpr const char *MEMBER_DIRECTORY = "/etc/vswitchctl/etcd";
 constexpr const char *HOST_DIRECTORY = "/etc/vswitchctl";
+constexpr std::chrono::seconds PATIENCE{30};
 constexpr int CLIENT_PORT = 2379, PEER_PORT = 2380;
 
 // Users and roles of etcd. A host has a role of its own, with the name of its user.
@@ -62,16 +64,16 @@ Certificate ReadAuthority(const std::string &directory)
     return {ReadText(directory + "/ca.pem"), ReadText(directory + "/ca.key")};
 }
 
-// A configuration file for those who have the certificate of that name in the directory.
-std::string ConfigText(const std::vector<std::string> &endpoints, const std::string &directory,
-                       const std::string &name, const std::string &more = "")
+// A configuration file that lies beside the certificate of that name.
+std::string ConfigText(const std::vector<std::string> &endpoints, const std::string &name,
+                       const std::string &more = "")
 {
     std::string list;
     for (const std::string &endpoint : endpoints)
         list += fmt::format("{}\"{}\"", list.empty() ? "" : ", ", endpoint);
-    return fmt::format("endpoints = [{}]\nauthority = \"{}/ca.pem\"\ncertificate = \"{}/{}.pem\"\n"
-                       "key = \"{}/{}.key\"\n{}",
-                       list, directory, directory, name, directory, name, more);
+    return fmt::format("endpoints = [{0}]\nauthority = \"ca.pem\"\ncertificate = \"{1}.pem\"\n"
+                       "key = \"{1}.key\"\n{2}",
+                       list, name, more);
 }
 
 // ---- setup ----
@@ -123,8 +125,9 @@ Exit WriteAuthority(const std::string &directory, const std::vector<Member> &mem
     for (const Member &member : members) {
         endpoints.push_back(fmt::format("{}:{}", member.address, CLIENT_PORT));
         const std::string own = directory + "/members/" + member.name;
-        WriteCertificate(own + "/server",
-                         MakeCertificate(authority, member.name, {member.address, member.name}));
+        WriteCertificate(
+            own + "/server",
+            MakeCertificate(authority, member.name, {member.address, member.name, "127.0.0.1", "localhost"}));
         WriteText(own + "/ca.pem", authority.certificate);
         WriteText(own + "/etcd", MemberSettings(member, members));
         rows.push_back({{"made", own},
@@ -132,20 +135,32 @@ Exit WriteAuthority(const std::string &directory, const std::vector<Member> &mem
                                              MEMBER_DIRECTORY, member.address)}});
     }
     WriteCertificate(directory + "/root", MakeCertificate(authority, ROOT_USER));
-    WriteText(directory + "/fleet.toml", ConfigText(endpoints, directory, ROOT_USER));
+    WriteText(directory + "/fleet.toml", ConfigText(endpoints, ROOT_USER));
     for (const char *user : {DRIVER, OPERATOR, READER}) {
         const std::string own = fmt::format("{}/users/{}", directory, user);
         WriteCertificate(own + "/" + user, MakeCertificate(authority, user));
         const std::string home = fmt::format("{}/{}", HOST_DIRECTORY, user);
         WriteText(own + "/ca.pem", authority.certificate);
-        WriteText(own + "/fleet.toml",
-                  ConfigText(endpoints, home, user,
-                             std::string(user) == DRIVER ? "state = \"/var/lib/vswitchctl/driver\"\n" : ""));
+        WriteText(own + "/fleet.toml", ConfigText(endpoints, user));
         rows.push_back(
             {{"made", own}, {"next", fmt::format("copy it to {} where the {} works", home, user)}});
     }
     PrintRows("setup", rows, json);
     return Exit::DONE;
+}
+
+// Members that were just started elect a leader first.
+void AwaitMembers(Client &client)
+{
+    for (const Clock::time_point end = Clock::now() + PATIENCE;;) {
+        try {
+            client.Get(keys::ROOT);
+            return;
+        } catch (const EtcdError &error) {
+            if (error.kind != EtcdError::Kind::UNREACHABLE || Clock::now() > end) throw;
+        }
+        std::this_thread::sleep_for(Milliseconds(200));
+    }
 }
 
 // What the roles may do; nobody may do anything else once users are asked for.
@@ -190,8 +205,8 @@ Exit Enroll(Console &console, const std::string &host, const std::string &direct
     const std::string own = directory + "/hosts/" + host;
     WriteCertificate(own + "/host", MakeCertificate(authority, UserOf(host)));
     WriteText(own + "/ca.pem", authority.certificate);
-    WriteText(own + "/fleet.toml", ConfigText(console.config.endpoints.addresses, HOST_DIRECTORY, "host",
-                                              fmt::format("host = \"{}\"\n", host)));
+    WriteText(own + "/fleet.toml",
+              ConfigText(console.config.endpoints.addresses, "host", fmt::format("host = \"{}\"\n", host)));
     // A renewal leaves the labels alone.
     Transaction transaction;
     transaction.IfModified(keys::Labels(host), 0).Put(keys::Labels(host), ToText(labels));
@@ -311,6 +326,7 @@ Action AddSetup(CLI::App &app)
         // Its own configuration: the directory holds the certificate of etcd's root.
         if (given->roles)
             return Guarded("setup", json, [](Console &console) {
+                AwaitMembers(console.client);
                 WriteRoles(console.client);
                 console.PrintRows({{{"roles", "written"}, {"next", "`vsfleet enroll HOST` for each host"}}});
                 return Exit::DONE;

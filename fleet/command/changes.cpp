@@ -267,7 +267,8 @@ Rows DiffLines(const Rows &hosts)
         if (row["error"] != "") lines.push_back({{"host", row["host"]}, {"error", row["error"]}});
         for (const Rows &step : row["steps"]) {
             Rows line = {{"host", row["host"]}};
-            line.update(step);
+            for (const char *column : {"switch", "port", "item", "before", "after"})
+                line[column] = step.contains(column) ? step[column] : Rows();
             lines.push_back(line);
         }
     }

@@ -18,8 +18,9 @@ Error ErrorOf(const EtcdError &error)
 {
     switch (error.kind) {
     case EtcdError::Kind::UNREACHABLE:
-        return Error(Exit::UNREACHABLE, error.what(),
-                     "what was being written may have been written: look at `vsfleet status`");
+        return Error(
+            Exit::UNREACHABLE, error.what(),
+            "check that most of its members run; look at `vsfleet status` before you repeat a change");
     case EtcdError::Kind::DENIED:
         return Error(Exit::PERMISSION, error.what(), "use a configuration with another certificate");
     case EtcdError::Kind::NO_SPACE:

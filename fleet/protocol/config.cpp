@@ -1,6 +1,7 @@
 // The configuration file.
 #include "fleet/protocol/config.h"
 
+#include <filesystem>
 #include <fmt/format.h>
 #include <toml++/toml.h>
 #include <unistd.h>
@@ -97,6 +98,9 @@ Config ReadConfig(const std::string &path)
     }
     if (config.endpoints.addresses.empty())
         throw std::runtime_error(fmt::format("{}: endpoints is missing", path));
+    for (std::string *file :
+         {&config.endpoints.authority, &config.endpoints.certificate, &config.endpoints.key})
+        *file = std::filesystem::path(path).parent_path() / *file;
     if (config.host.empty()) config.host = MachineName();
     return config;
 }

@@ -24,6 +24,7 @@ struct Config {
 
 // Throws std::runtime_error, with the file and the line, when the file can't be read or says something else
 // than the above. Without a host name, the machine's own is taken.
+// Certificates are relative to the file, so that a directory with both works wherever it is.
 Config ReadConfig(const std::string &path);
 
 // What a command of vsfleet does once its arguments are read. Returns the exit code.

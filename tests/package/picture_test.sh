@@ -1,9 +1,11 @@
 #!/bin/sh
-# picture_test.sh SOURCE: the picture of the architecture is what its text draws, the folders include from each other
+# picture_test.sh SOURCE: each picture is what its text draws, the folders include from each other
 # what the text says, and those of the platform and of the command only from folders further down.
 set -eu
 cd "$1"
-dot -Tsvg docs/architecture.dot | diff -q - docs/architecture.svg
+for picture in docs/*.dot; do
+    dot -Tsvg "$picture" | diff -q - "${picture%.dot}.svg"
+done
 for folder in core lifecycle policy kernel platform/*/ cli/*/ fleet/*/; do
     folder=${folder%/} part=${folder%/*}
     [ "$part" = "$folder" ] && part='' || part=$part/
