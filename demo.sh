@@ -1,11 +1,19 @@
 #!/usr/bin/env bash
 # Builds the release and shows the main operations on an embedded host, then, as root, a live host that forwards
-# packets. Every step really runs, in its own process, on a host in a temporary directory.
+# packets. Every step really runs, in its own process, on a host in a temporary directory. With --fleet: three hosts
+# that follow documents in etcd.
 set -euo pipefail
 cd "$(dirname "$0")"
 . cmake/install_packages.sh
 install_packages
 echo "Building (build/release)"
+if [ "${1:-}" = --fleet ]; then
+    build_preset release vshost_launcher vshost tybel vsctl vsfleet
+    work=$(mktemp -d)
+    trap 'rm -rf "$work"' EXIT
+    examples/fleet.sh build/release "$work"
+    exit
+fi
 build_preset release first tour vshost_launcher tybel vsctl vshostd
 
 build=$PWD/build/release

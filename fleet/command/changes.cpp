@@ -124,6 +124,27 @@ void RefuseConflicts(Fleet fleet, const Change &change)
     }
 }
 
+// "for site=a, canary 1, batch 25%", for the history.
+std::string DetailOf(const Rollout &rollout)
+{
+    const RolloutOptions &options = rollout.options;
+    const std::string selector = Join(rollout.head.selector);
+    std::string text = "for " + (selector.empty() ? "every host" : selector);
+    const auto add = [&](const char *name, int64_t value, const char *unit = "") {
+        if (value) text += fmt::format(", {} {}{}", name, value, unit);
+    };
+    add("canary", options.canary);
+    add("batch", options.batch);
+    add("batch", options.batchPercent, "%");
+    add("soak", options.soak, "s");
+    add("at most", options.maxFailures, " failures");
+    if (!options.rollBack) text += ", without a roll-back";
+    if (rollout.head.repair) text += ", with repair";
+    if (rollout.head.allowRemovals) text += ", removals allowed";
+    if (rollout.head.prune) text += ", its switches too";
+    return text;
+}
+
 // Writes the change; the driver does the rest.
 void Submit(Console &console, Change &change)
 {
@@ -151,7 +172,7 @@ void Submit(Console &console, Change &change)
     audit.document = document;
     audit.previous = rollout.head.previous;
     audit.rollout = rollout.id;
-    audit.detail = Json{{"selector", Join(rollout.head.selector)}, {"options", rollout.options}}.dump();
+    audit.detail = DetailOf(rollout);
     if (!console.Commit(transaction, audit))
         throw Error(Exit::FAILURE, fmt::format("somebody else changed '{}' at the same time", document.name),
                     fmt::format("look at `vsfleet status {}` and try again", document.name));

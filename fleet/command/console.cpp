@@ -1,8 +1,6 @@
 #include "fleet/command/console.h"
 
 #include <charconv>
-#include <ctime>
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -49,7 +47,7 @@ void Console::ReadFleet()
 Audit Console::NewAudit(const std::string &action) const
 {
     Audit audit;
-    audit.time = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
+    audit.time = TimeText();
     audit.author = Author();
     audit.action = action;
     return audit;

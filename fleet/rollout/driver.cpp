@@ -2,7 +2,7 @@
 #include "fleet/rollout/driver.h"
 
 #include <filesystem>
-#include <fmt/chrono.h>
+#include <fmt/format.h>
 #include <fstream>
 #include <random>
 #include <thread>
@@ -234,7 +234,7 @@ bool Driver::Carry(const Step &step)
     }
     if (step.audit) {
         Audit audit = *step.audit;
-        audit.time = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
+        audit.time = TimeText();
         audit.author = "driver@" + MachineName();
         transaction.Put(keys::AUDIT + audit.time + "-" + RandomId(), ToText(audit));
         Say(fmt::format("{} {}: {} {}", audit.document.name, audit.document.revision, audit.action,

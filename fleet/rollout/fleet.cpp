@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <fmt/chrono.h>
 
 #include "fleet/protocol/keys.h"
 
@@ -129,6 +130,14 @@ bool IsActive(RolloutState state)
 {
     return state == RolloutState::PLANNING || state == RolloutState::RUNNING ||
            state == RolloutState::PAUSED || state == RolloutState::ROLLING_BACK;
+}
+
+std::string TimeText()
+{
+    const auto now = std::chrono::system_clock::now();
+    const auto part = std::chrono::duration_cast<Milliseconds>(now.time_since_epoch()).count() % 1000;
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(now)),
+                       part);
 }
 
 }

@@ -47,5 +47,7 @@ struct Fleet {
 };
 
 bool IsActive(RolloutState state);
+// Now, for the record of an action: such texts sort by time.
+std::string TimeText();
 
 }
