@@ -75,7 +75,8 @@ pid_t Spawn(const std::vector<std::string> &words, const fs::path &log)
 // A host with its agent.
 class Host {
 public:
-    Host(const std::string &name, const Endpoints &endpoints) : name(name)
+    // `lease` and the time between looks for drift in seconds.
+    Host(const std::string &name, const Endpoints &endpoints, int lease = 2, int drift = 1) : name(name)
     {
         std::string made = "/dev/shm/agent-XXXXXX";
         if (!mkdtemp(made.data())) abort();
@@ -86,9 +87,9 @@ public:
         Write("fleet.toml",
               fmt::format(
                   "endpoints = [{}]\nauthority = \"{}\"\ncertificate = \"{}\"\nkey = \"{}\"\nhost = \"{}\"\n"
-                  "state = \"{}/state\"\nvsctl = \"{}/vsctl\"\nlease = 2\ndrift-interval = 1\n",
+                  "state = \"{}/state\"\nvsctl = \"{}/vsctl\"\nlease = {}\ndrift-interval = {}\n",
                   addresses, endpoints.authority, endpoints.certificate, endpoints.key, name,
-                  directory.string(), directory.string()));
+                  directory.string(), directory.string(), lease, drift));
         Interpose("");
     }
     Host(const Host &) = delete;
@@ -445,6 +446,20 @@ TEST_F(Agent, UndoesWhatItCannotReportOrConfirm)
     EXPECT_EQ(ReadText(host.Path("confirmed")), "\n");
 }
 
+TEST_F(Agent, KeepsItsClaimDuringALongChange)
+{
+    Host host("host1", etcd.Endpoints(), 5);
+    host.Start();
+    host.Interpose(PAUSES);
+    const int64_t number = Ask(host, Lab(7));
+    Await("the change", [&] { return host.Has("applied"); });
+    const auto claim = client.Get(keys::Claim("host1"));
+    std::this_thread::sleep_for(std::chrono::seconds(7));
+    host.Write("go", "");
+    Confirmed(host, Lab(7), number);
+    EXPECT_EQ(client.Get(keys::Claim("host1"))->modified, claim->modified);
+}
+
 // A way to etcd of which the connections that it has live on when it takes no new ones.
 class Relay {
 public:
@@ -571,7 +586,7 @@ TEST_F(Agent, NeedsNoMoreThanItsRole)
         client.Permit("agent", key, true);
     client.AddUser("agent", "agent");
     client.EnableAuth();
-    Host host("host1", etcd.Endpoints("agent"));
+    Host host("host1", etcd.Endpoints("agent"), 20);
     host.Start();
     Target target;
     target.phase = Phase::PLAN;
@@ -658,7 +673,8 @@ TEST_F(Agent, FollowsARestoredEtcdOnlyWhenItIsAdopted)
 
 TEST_F(Agent, IsRefusedWhereAnotherMachineHasItsName)
 {
-    Host first("host1", etcd.Endpoints()), second("host1", etcd.Endpoints());
+    // The first keeps its claim for long, and looks at nothing but its target.
+    Host first("host1", etcd.Endpoints(), 20, 3600), second("host1", etcd.Endpoints());
     first.Start();
     Confirmed(first, Lab(7), Ask(first, Lab(7)));
     std::ofstream(second.Path("machine-id")) << "00000000000000000000000000000002\n";
@@ -688,7 +704,14 @@ TEST_F(Agent, IsRefusedWhereAnotherMachineHasItsName)
         before.boot = "another";
         client.Commit(
             Transaction().Put(keys::Claim("host1"), ToText(before), client.Get(keys::Claim("host1"))->lease));
-        if (!isThere) Await("the end of the claim", [&] { return !client.Get(keys::Claim("host1")); });
+        if (!isThere) {
+            client.RevokeLease(client.Get(keys::Claim("host1"))->lease);
+            // The name is the first one's all the same.
+            const size_t before = second.Log().size();
+            second.Kill();
+            second.Start(otherMachine);
+            Await("the refusal", [&] { return second.Log().find(id, before) != std::string::npos; });
+        }
         first.Start();
         Confirmed(first, Lab(7 + isThere), Ask(first, Lab(7 + isThere)));
     }
@@ -699,12 +722,10 @@ TEST_F(Agent, IsRefusedWhereAnotherMachineHasItsName)
     copy.Start();
     Await("the refusal", [&] { return copy.Log().find("the same machine id") != std::string::npos; });
 
-    // A released name is another machine's, also when the first one comes back.
+    // A released name is another machine's, although the first one is still there.
     copy.Kill();
-    first.Signal(SIGSTOP);
     client.Commit(Transaction().Delete(keys::Claim("host1")).Delete(keys::Machine("host1")));
     Confirmed(second, Lab(9), Ask(second, Lab(9)));
-    first.Signal(SIGCONT);
     Await("the refusal", [&] { return first.Log().find("host1 is machine 00000") != std::string::npos; });
     Confirmed(second, Lab(10), Ask(second, Lab(10)));
     EXPECT_TRUE(first.Is(Lab(7)));

@@ -55,14 +55,14 @@ class CutOff(PluggedHost):
         found = json.loads(self.etcdctl("get", key, "-w", "json").stdout).get("kvs")
         return (json.loads(base64.b64decode(found[0]["value"])), found[0]["mod_revision"]) if found else ({}, 0)
 
-    def ask(self, revision, **ports):
+    def ask(self, revision, confirm=60, **ports):
         """Makes switch one of the host to have these ports; returns the number of the target."""
         text = json.dumps({"switches": {"one": {"ports": ports}}})
         document = {"name": "doc", "revision": revision, "sum": hashlib.sha256(text.encode()).hexdigest()}
         stored = {"sum": document["sum"], "size": len(text), "switches": ["one"],
                   "compressed": base64.b64encode(zlib.compress(text.encode())).decode()}
         self.etcdctl("put", f"{ROOT}desired/doc/{revision}", json.dumps(stored))
-        self.etcdctl("put", HOST + "target", json.dumps({"phase": "apply", "documents": [document], "confirm": 8}))
+        self.etcdctl("put", HOST + "target", json.dumps({"phase": "apply", "documents": [document], "confirm": confirm}))
         return self.get(HOST + "target")[1]
 
     def wait_for(self, state, target):
@@ -74,7 +74,7 @@ class CutOff(PluggedHost):
 
     def test_a_change_that_cuts_the_host_off_is_undone(self):
         self.wait_for("confirmed", self.ask(1, p2={}, **{"2": {"vlan": {"priority": 3}}}))
-        cut = self.ask(2, p2={}, **{"2": {"vlan": {"id": 300}}})
+        cut = self.ask(2, 8, p2={}, **{"2": {"vlan": {"id": 300}}})
         self.assertIn("undone", self.wait_for("failed", cut)["error"])
         self.assertTrue(self.host_space.reaches(self.etcd_space))
         self.assertEqual(self.row("port", "vlan", "one", "2")["id"], 0)
@@ -85,7 +85,7 @@ class CutOff(PluggedHost):
 
     def test_also_when_nobody_is_left_to_undo_it_but_its_guard(self):
         self.wait_for("confirmed", self.ask(1, **{"2": {"vlan": {"priority": 3}}}))
-        cut = self.ask(2, **{"2": {"vlan": {"id": 300}}})
+        cut = self.ask(2, 20, **{"2": {"vlan": {"id": 300}}})
         wait_until(lambda: self.row("port", "vlan", "one", "2")["id"] == 300, "the change")
         self.agent.kill()
         wait_until(lambda: self.row("port", "vlan", "one", "2")["id"] == 0, "the undo")
