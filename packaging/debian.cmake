@@ -6,7 +6,7 @@ set(CPACK_PACKAGE_CONTACT "vswitchctl maintainers <maintainers@vswitchctl.exampl
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-set(CPACK_COMPONENTS_ALL runtime dev vsctl host ${live_component} python)
+set(CPACK_COMPONENTS_ALL runtime dev vsctl ${fleet_component} host ${live_component} python)
 if(live_component) # one package has both
     list(APPEND CPACK_COMPONENTS_ALL machine)
     set(CPACK_COMPONENT_LIVE_GROUP live)
@@ -47,6 +47,11 @@ debian_package(DEV "control of virtual switches - development files"
     PACKAGE_SUGGESTS "vswitchctl-host, pkg-config" PACKAGE_MULTIARCH same)
 debian_package(VSCTL "command for a hypervisor host's virtual switches" "This package has the vsctl command."
     PACKAGE_NAME vsctl PACKAGE_SECTION net PACKAGE_DEPENDS ${same_version} PACKAGE_SUGGESTS graphviz PACKAGE_SHLIBDEPS ON)
+debian_package(VSFLEET "one desired state for the virtual switches of many hosts"
+    "This package has vsfleet: the agent of a host, the driver of rollouts, and the
+command for operators. Hosts follow documents that are kept in etcd."
+    PACKAGE_NAME vsfleet PACKAGE_SECTION net PACKAGE_SHLIBDEPS ON PACKAGE_SUGGESTS "etcd-server, etcd-client"
+    PACKAGE_RECOMMENDS "vsctl (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
 debian_package(HOST "embedded hypervisor host to run switch control on"
     "This package has an emulated host: configuration store, switch driver and
 shell, so that programs that control switches run and are tested without root."

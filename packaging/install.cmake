@@ -1,4 +1,4 @@
-# What `cmake --install` puts where. Components: runtime, dev, vsctl, host, live, python; machine, which is
+# What `cmake --install` puts where. Components: runtime, dev, vsctl, vsfleet, host, live, python; machine, which is
 # installed only when it is named.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -84,3 +84,11 @@ endif()
 install(TARGETS vsctl DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT vsctl)
 set(unit_dir lib/systemd/system)
 install(FILES packaging/vsctl-boot.service DESTINATION ${unit_dir} COMPONENT vsctl)
+if(TARGET vsfleet)
+    set(fleet_component vsfleet)
+    install(TARGETS vsfleet DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT vsfleet)
+    install(FILES packaging/vsfleet-agent.service packaging/vsfleet-drive.service DESTINATION ${unit_dir}
+            COMPONENT vsfleet)
+    install(FILES docs/fleet.md docs/fleet-rollout.svg docs/fleet-host.svg
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vsfleet COMPONENT vsfleet)
+endif()

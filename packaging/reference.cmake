@@ -44,7 +44,7 @@ add_custom_command(OUTPUT ${PYTHON_MODULE}/made
     DEPENDS ${REFERENCE_DIRECTORY}/made tools/python_module.py ${written}
     COMMENT "Python module" VERBATIM)
 add_custom_target(python_module ALL DEPENDS ${PYTHON_MODULE}/made)
-add_custom_target(installed DEPENDS vswitchctl link_stub ${host_parts} ${live_host} vsctl reference python_module)
+add_custom_target(installed DEPENDS vswitchctl link_stub ${host_parts} ${live_host} ${fleet_component} vsctl reference python_module)
 
 install(DIRECTORY ${REFERENCE_DIRECTORY}/man/man3 ${REFERENCE_DIRECTORY}/man/man7
         DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT dev)

@@ -26,7 +26,7 @@ lintian --fail-on error --suppress-tags initial-upload-closes-no-bugs "$packages
 
 say "A fresh root"
 fresh=$work/fresh
-mmdebstrap --variant=minbase --include=gcc,g++,cmake,make,pkg-config,python3,libsqlite3-0,libfmt9,libbpf1,libfuse3-3,libnl-route-3-200,adduser,systemd,iproute2,iputils-ping bookworm "$fresh" 2>"$work/log" ||
+mmdebstrap --variant=minbase --include=gcc,g++,cmake,make,pkg-config,python3,libsqlite3-0,libfmt9,libbpf1,libfuse3-3,libnl-route-3-200,libgrpc++1.51,libprotobuf32,libssl3,zlib1g,adduser,systemd,iproute2,iputils-ping bookworm "$fresh" 2>"$work/log" ||
     { cat "$work/log" >&2; exit 1; }
 inside() { # with a /proc, which ends with the process
     unshare --mount --fork sh -c 'mount -t proc proc "$0/proc" && exec chroot "$0" env -i \
@@ -52,9 +52,10 @@ inside sh -ec 'cd /test; for program in ./first-*; do vshost run -- $program; do
     cmake -S consumer -B build -DPROGRAM=/test/first.c >/dev/null; cmake --build build >/dev/null
     for program in build/c99 build/cxx build/in_test; do vshost run -- $program; done
     vshost run -- python3 python_test.py vswitchctl.map 2>&1 | tail -1
-    if command -v vsctl >/dev/null; then vshost run -- vsctl switch list; fi'
+    if command -v vsctl >/dev/null; then vshost run -- vsctl switch list; fi
+    vsfleet --version'
 "$(dirname "$0")/machine_test.sh" "$fresh" "$work/one"
 say "Removal leaves nothing"
-inside sh -c 'dpkg -P vswitchctl-host vsctl python3-vswitchctl libvswitchctl-dev libvswitchctl1' >/dev/null
+inside sh -c 'dpkg -P vswitchctl-host vsfleet vsctl python3-vswitchctl libvswitchctl-dev libvswitchctl1' >/dev/null
 if find "$fresh/usr" -name '*vswitchctl*' -o -name '*liborkPublic*' -o -name 'vshost*' | grep .; then exit 1; fi
 say "All is well"
