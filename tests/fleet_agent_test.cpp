@@ -725,6 +725,9 @@ TEST_F(Agent, IsRefusedWhereAnotherMachineHasItsName)
     // A released name is another machine's, although the first one is still there.
     copy.Kill();
     client.Commit(Transaction().Delete(keys::Claim("host1")).Delete(keys::Machine("host1")));
+    second.Kill();
+    second.Start(otherMachine);
+    Await("the other claim", [&] { return client.Get(keys::Machine("host1")) != nullptr; });
     Confirmed(second, Lab(9), Ask(second, Lab(9)));
     Await("the refusal", [&] { return first.Log().find("host1 is machine 00000") != std::string::npos; });
     Confirmed(second, Lab(10), Ask(second, Lab(10)));
