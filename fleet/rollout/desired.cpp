@@ -15,20 +15,6 @@ bool Has(const std::vector<std::string> &names, const std::string &name)
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// Documents whose switches the host was told to remove and has not removed yet.
-void KeepPrune(const HostView &host, Target &target)
-{
-    const Status *answer = host.Answer();
-    const bool isDone =
-        answer && (answer->state == HostState::CONFIRMED || answer->state == HostState::DRIFTED);
-    if (isDone || host.target.record.phase != Phase::APPLY) return;
-    for (const std::string &name : host.target.record.prune) {
-        const bool isBack = std::any_of(target.documents.begin(), target.documents.end(),
-                                        [&](const DocumentRevision &d) { return d.name == name; });
-        if (!isBack && !Has(target.prune, name)) target.prune.push_back(name);
-    }
-}
-
 }
 
 bool IsTouched(Turn turn)
@@ -95,7 +81,6 @@ Target Desired::Of(const std::string &host) const
         target.repair = target.repair && head->repair;
     }
     target.repair = target.repair && !target.documents.empty();
-    KeepPrune(found->second, target);
     target.reason = Conflict(target.documents);
     if (!target.reason.empty()) target.phase = Phase::HOLD;
     return target;
