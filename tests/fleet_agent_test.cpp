@@ -249,6 +249,23 @@ protected:
         return status;
     }
 
+    // With users, of which the agent has no more rights than it needs.
+    Endpoints AsAgent()
+    {
+        const std::string own = keys::Host("host1");
+        client.AddRole("root");
+        client.AddUser("root", "root");
+        client.AddRole("agent");
+        for (const std::string &key : {keys::DESIRED, keys::ADOPTED, keys::Target("host1")})
+            client.Permit("agent", key, false);
+        for (const std::string &key :
+             {keys::Claim("host1"), keys::Status("host1"), keys::Machine("host1"), own + "plan/"})
+            client.Permit("agent", key, true);
+        client.AddUser("agent", "agent");
+        client.EnableAuth();
+        return etcd.Endpoints("agent");
+    }
+
     EtcdCluster etcd;
     Client client;
     int64_t revisions = 0;
@@ -575,18 +592,7 @@ TEST_F(Agent, UndoesAChangeThatOnlyItsOldConnectionSurvives)
 
 TEST_F(Agent, NeedsNoMoreThanItsRole)
 {
-    const std::string own = keys::Host("host1");
-    client.AddRole("root");
-    client.AddUser("root", "root");
-    client.AddRole("agent");
-    for (const std::string &key : {keys::DESIRED, keys::ADOPTED, keys::Target("host1")})
-        client.Permit("agent", key, false);
-    for (const std::string &key :
-         {keys::Claim("host1"), keys::Status("host1"), keys::Machine("host1"), own + "plan/"})
-        client.Permit("agent", key, true);
-    client.AddUser("agent", "agent");
-    client.EnableAuth();
-    Host host("host1", etcd.Endpoints("agent"), 20);
+    Host host("host1", AsAgent(), 20);
     host.Start();
     Target target;
     target.phase = Phase::PLAN;
@@ -637,7 +643,7 @@ TEST_F(Agent, CatchesUpWhenEtcdIsBack)
 
 TEST_F(Agent, FollowsARestoredEtcdOnlyWhenItIsAdopted)
 {
-    Host host("host1", etcd.Endpoints());
+    Host host("host1", AsAgent());
     host.Start();
     for (bool isRunning : {true, false}) {
         Confirmed(host, Lab(7), Ask(host, Lab(7)));

@@ -41,7 +41,7 @@ public:
     // Opens a new connection: Begin is next.
     void Reset() { client.Reconnect(); }
     // Takes etcd for what it is now, whatever was known.
-    void Adopt() { client.Adopt(); }
+    void Adopt() { client.Adopt(keys::ADOPTED); }
     Client &Etcd() { return client; }
 
 private:

@@ -168,10 +168,10 @@ void Client::Observe(const ResponseHeader &header)
     known = {header.cluster_id(), header.revision()};
 }
 
-void Client::Adopt()
+void Client::Adopt(const std::string &key)
 {
     known = {};
-    Get("/"); // whatever it holds, its header says where etcd is
+    Get(key); // whatever it holds, its header says where etcd is
 }
 
 // ---- Keys ----

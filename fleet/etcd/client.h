@@ -127,8 +127,8 @@ public:
     const Identity &Known() const { return known; }
     // Throws RESTORED if the answer is not of the etcd that is known, or of a state before the known one.
     void Observe(const etcdserverpb::ResponseHeader &header);
-    // Takes the present state for the known one, whatever was known.
-    void Adopt();
+    // Takes the present state for the known one, whatever was known. Reads the key, which must be allowed.
+    void Adopt(const std::string &key = "/");
 
 private:
     template<class Stub, class Call, class Answer> void Unary(Call call, Answer *answer);

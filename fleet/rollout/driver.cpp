@@ -122,7 +122,7 @@ void Driver::AdoptOrThrow(const EtcdError &error)
     const std::string adoption = entry ? FromText<Adoption>(entry->value).id : "";
     if (memory.isRestored && adoption != memory.adoption) {
         Say("follows the restored etcd");
-        client.Adopt();
+        client.Adopt(keys::ADOPTED);
         WriteMemory(config, {client.Known().cluster, client.Known().revision, false, adoption});
         return;
     }
