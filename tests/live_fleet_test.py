@@ -62,7 +62,8 @@ class CutOff(PluggedHost):
         stored = {"sum": document["sum"], "size": len(text), "switches": ["one"],
                   "compressed": base64.b64encode(zlib.compress(text.encode())).decode()}
         self.etcdctl("put", f"{ROOT}desired/doc/{revision}", json.dumps(stored))
-        self.etcdctl("put", HOST + "target", json.dumps({"phase": "apply", "documents": [document], "confirm": confirm}))
+        target = {"phase": "apply", "documents": [document], "confirm": confirm}
+        self.etcdctl("put", HOST + "target", json.dumps(target))
         return self.get(HOST + "target")[1]
 
     def wait_for(self, state, target):
