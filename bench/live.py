@@ -12,6 +12,7 @@ import random
 import shutil
 import socket
 import statistics
+import struct
 import subprocess
 import sys
 import tempfile
@@ -157,6 +158,19 @@ class Live(Emulated):
         os.unlink(ready_name)
         self.make_switch(1 + max(FLOOD_PORTS))
 
+    def set(self, key, record, port):
+        """A policy that the ports of this switch have, as a management program sets it."""
+        self.on_host(BUILD / "vsctl", "property", "set", SWITCH, "com.talpex.vswitch.port." + key, "--port", port,
+                     "--hex", record.hex())
+
+    def set_all_policies(self, port):
+        """Each has an effect on every frame, and lets the traffic of a pair pass."""
+        rules = b"".join(struct.pack("=HBBI", 0x9000 + i, 0, 1, 0) for i in range(8))
+        self.set("vlan", struct.pack("=4H", 0, 100, 0, 0), port)
+        self.set("macManagement", struct.pack("=BBBII", 1, 1, 0, 64, 0), port)
+        self.set("security", struct.pack("=I", 3), port)
+        self.set("extraEthFRP", (struct.pack("=II", 0, 8) + rules).ljust(200, b"\0"), port)
+
     def plug(self, interfaces):
         for interface in interfaces:
             run(BUILD / "platform/vshost", "plug", "--state", self.directory, SWITCH, self.ports, interface)
@@ -273,6 +287,26 @@ def measure_pairs(switches):
                       [one[what] for one in results[peer]], goal)
 
 
+def measure_policies(work):
+    """Two pairs of ports on one host, of which one has a VLAN, learning, a lock of its address, and a filter."""
+    host = Live(f"{work}/policies")
+    try:
+        plain = Pair(host, 7)
+        for port in (2, 3):
+            host.set_all_policies(port)
+        whole = Pair(host, 8)
+        for pair in (plain, whole):
+            pair.measure()
+        results = in_turn([whole, plain], Pair.measure)
+        table = Table("Two ports with a VLAN, learning, security and a filter of 8 rules, beside ports without")
+        for what, unit, title, goal in (("TCP", "bit/s", "TCP, one stream", ">= 0.95"),
+                                        ("frames", "/s", "frames of 60 bytes", ">= 0.95"),
+                                        ("tcp", "ns", "round trip of one byte, TCP", "<= 1.05")):
+            table.row(title, unit, [one[what] for one in results[whole]], [one[what] for one in results[plain]], goal)
+    finally:
+        host.stop()
+
+
 def measure_floods(switches):
     """Each switch grows from size to size: a sender, and all other ports in one namespace."""
     source, sink = Namespace(), Namespace()
@@ -329,6 +363,7 @@ def measure(work, bpffs):
         measure_pairs(switches)
         measure_writes(switches[0], emulated, 2, False)
         switches.pop().stop()
+        measure_policies(work)
         switches += [Live(f"{work}/flood"), Bridge("br-flood")]
         measure_floods(switches[2:])
         measure_writes(switches[2], emulated, 1 + max(FLOOD_PORTS), True)
