@@ -39,9 +39,10 @@ protected:
         directory = name;
         config = WriteConfig("root");
         for (const char *port : {"port0", "port1", "port2"})
-            Write(fmt::format("{}.toml", port), fmt::format("[switches.lab]\nuplinks = [\"uplink0\"]\n"
-                                                            "[switches.lab.ports.{}]\nsecurity = 5\n",
-                                                            port));
+            Write(fmt::format("{}.toml", port),
+                  fmt::format("[switches.lab]\nuplinks = [\"uplink0\"]\n"
+                              "[switches.lab.ports.{}]\nsecurity = {{ static-only = true }}\n",
+                              port));
     }
 
     ~RolloutTest() override

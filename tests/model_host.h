@@ -782,12 +782,15 @@ public:
 
     std::string SinkPorts(const std::string &portset)
     {
-        std::string list;
+        std::set<uint32_t> numbers;
         const std::string id = SwitchRunning(portset);
         for (const auto &[port, found] : PortsOf(id)) {
             const std::string filter = ValueOr(ETH_FILTER, id, port);
-            if (filter.size() > 2 && filter[2] & 1) list += Word(found.number);
+            if (filter.size() > 2 && filter[2] & 1) numbers.insert(found.number);
         }
+        std::string list;
+        for (const uint32_t number : numbers)
+            list += Word(number);
         return List(list, 4);
     }
 

@@ -11,6 +11,7 @@
 
 #include "cli/base/error.h"
 #include "cli/base/forward.h"
+#include "cli/base/limit.h"
 
 namespace vsctl {
 
@@ -24,11 +25,16 @@ std::optional<std::vector<Entry>> Listed(const std::string &switchId, const char
 {
     std::vector<Entry> entries(USUAL_LENGTH);
     size_t count = 0;
-    int error = list(entries.data(), entries.size(), &count);
+    const auto ask = [&] {
+        const int error = list(entries.data(), entries.size(), &count);
+        RestartTimeLimit(); // the platform has answered
+        return error;
+    };
+    int error = ask();
     if (error == 0 && count < entries.size()) entries.resize(count);
     while (error == 0 && count != entries.size()) {
         entries.resize(count);
-        error = list(entries.data(), entries.size(), &count);
+        error = ask();
     }
     if (error == ENOENT) return {};
     if (error == 0) return entries;
