@@ -313,18 +313,38 @@ struct LiveSnapshotHeader {
 };
 LIVE_ASSERT(sizeof(struct LiveSnapshotHeader) == LIVE_ELEMENT_SIZE);
 
+#define LIVE_FILTER_PLACES 64u
+#define LIVE_FILTER_SHIFT 26
+
+/**
+ * The rules of an Ethernet filter, so that one look tells what becomes of a frame. Directions are
+ * VSWITCH_FILTER_FROM_PORT and VSWITCH_FILTER_TO_PORT as bits.
+ */
+struct LiveFilter {
+    uint64_t dropsFrom;  /* bit i: frames of the type at place i that the port sends are dropped */
+    uint64_t dropsTo;    /* the same for those that it gets */
+    uint32_t multiplier; /* gives each type that a rule names a place of its own */
+    uint32_t others;     /* directions in which all other types are dropped */
+    uint16_t types[LIVE_FILTER_PLACES]; /* 0 where there is none: its bits are those of `others` */
+};
+
+static inline uint32_t LiveFilterPlace(uint32_t multiplier, uint16_t etherType)
+{
+    return etherType * multiplier >> LIVE_FILTER_SHIFT;
+}
+
 /** What a port has besides its words. */
 struct LivePortRecord {
     uint32_t slot; /* the record is of this port, or of none */
-    uint32_t filterCount;
     uint32_t team; /* 1 + its place in the section of teams; 0: all uplinks by the port's number */
-    uint32_t recordReserved[7];
+    uint32_t recordReserved[8];
     /* Bits of mirror sessions, by LiveMirror.place. */
     uint64_t mirrorsFrom;            /* copy what the port sends */
     uint64_t mirrorsTo;              /* copy what it gets */
     uint64_t mirrorsOwn;             /* those of mirrorsTo that have the port as a destination too */
     uint64_t vlans[LIVE_VLANS / 64]; /* of a trunk: bit v of word v / 64 for VLAN v; bit 0: untagged */
-    VSwitchFilterRule filter[VSWITCH_FILTER_RULES];
+    struct LiveFilter filter;
+    uint8_t rest[40];
 };
 LIVE_ASSERT(sizeof(struct LivePortRecord) == LIVE_ELEMENT_SIZE);
 

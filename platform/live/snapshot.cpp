@@ -1,10 +1,12 @@
 #include "platform/live/snapshot.h"
 
 #include <algorithm>
+#include <bit>
 #include <bpf/bpf.h>
 #include <cstring>
 #include <linux/bpf.h>
 #include <map>
+#include <set>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -61,14 +63,50 @@ bool TakesUnknown(const PortConfig &port)
     return IsListed(port) && (port.takesUnknown || port.sink || port.getsAllFrames);
 }
 
-void SetFilter(const PortConfig &port, LivePortRecord &record)
+// In which directions the rules drop frames of a type; 0: of one that no rule names.
+uint32_t DroppedDirections(const std::vector<FilterRule> &rules, uint16_t etherType)
 {
-    record.filterCount = static_cast<uint32_t>(std::min<size_t>(port.filter.size(), VSWITCH_FILTER_RULES));
-    for (uint32_t i = 0; i < record.filterCount; i++)
-        record.filter[i] = {.etherType = port.filter[i].etherType,
-                            .direction = static_cast<uint8_t>(port.filter[i].direction),
-                            .action = static_cast<uint8_t>(port.filter[i].action),
-                            .reserved = 0};
+    uint32_t dropped = 0, decided = 0;
+    for (const FilterRule &rule : rules) {
+        if (rule.etherType && rule.etherType != etherType) continue;
+        const uint32_t directions = rule.direction == VSWITCH_FILTER_BOTH
+                                        ? uint32_t{VSWITCH_FILTER_FROM_PORT | VSWITCH_FILTER_TO_PORT}
+                                        : uint32_t{rule.direction};
+        if (rule.action == VSWITCH_FILTER_DROP) dropped |= directions & ~decided;
+        decided |= directions;
+    }
+    return dropped;
+}
+
+// One by which each of the types has a place of its own: of about 150 tries for 24 types one succeeds.
+uint32_t FindMultiplier(const std::set<uint16_t> &types)
+{
+    for (uint32_t multiplier = 0x9e3779b1;; multiplier = (multiplier * 1664525 + 1013904223) | 1) {
+        uint64_t taken = 0;
+        for (const uint16_t type : types)
+            taken |= 1ull << LiveFilterPlace(multiplier, type);
+        if (static_cast<size_t>(std::popcount(taken)) == types.size()) return multiplier;
+    }
+}
+
+void SetFilter(const PortConfig &port, LiveFilter &filter)
+{
+    std::set<uint16_t> types;
+    for (const FilterRule &rule : port.filter)
+        if (rule.etherType) types.insert(rule.etherType);
+    filter.multiplier = FindMultiplier(types);
+    filter.others = DroppedDirections(port.filter, 0);
+    uint32_t drops[LIVE_FILTER_PLACES];
+    std::fill(std::begin(drops), std::end(drops), filter.others);
+    for (const uint16_t type : types) {
+        const uint32_t place = LiveFilterPlace(filter.multiplier, type);
+        filter.types[place] = type;
+        drops[place] = DroppedDirections(port.filter, type);
+    }
+    for (uint32_t place = 0; place < LIVE_FILTER_PLACES; place++) {
+        filter.dropsFrom |= uint64_t{(drops[place] & VSWITCH_FILTER_FROM_PORT) != 0} << place;
+        filter.dropsTo |= uint64_t{(drops[place] & VSWITCH_FILTER_TO_PORT) != 0} << place;
+    }
 }
 
 void SetVlans(const PortConfig &port, LivePortRecord &record)
@@ -138,7 +176,7 @@ public:
             LivePortRecord *record = Record(memory, port.position);
             record->slot = port.slot;
             SetVlans(port.config, *record);
-            SetFilter(port.config, *record);
+            SetFilter(port.config, record->filter);
             SetMirrors(mirrors, port.config.number, *record);
             record->team = TeamNumber(port.config);
             if (port.config.uplink && header.uplinkCount < LIVE_UPLINKS)

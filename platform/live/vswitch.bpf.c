@@ -413,7 +413,7 @@ static __always_inline bool IsVlanType(uint16_t etherType)
     return etherType == bpf_htons(ETH_P_8021Q) || etherType == bpf_htons(ETH_P_8021AD);
 }
 
-// Behind all tags.
+// The EtherType behind the tags that are in the bytes.
 __noinline uint32_t InnermostType(struct __sk_buff *skb)
 {
     uint16_t etherType = 0;
@@ -424,21 +424,11 @@ __noinline uint32_t InnermostType(struct __sk_buff *skb)
     return bpf_ntohs(etherType);
 }
 
-struct FilterWalk {
-    const struct LivePortRecord *record;
-    uint16_t etherType;
-    uint8_t direction;
-    bool isDropped;
-};
-
-static long TryRule(uint32_t index, struct FilterWalk *walk)
+static __always_inline bool IsDropped(const struct LiveFilter *filter, uint16_t etherType, uint8_t direction)
 {
-    if (index >= VSWITCH_FILTER_RULES) return 1;
-    const VSwitchFilterRule *rule = &walk->record->filter[index];
-    if (rule->etherType && rule->etherType != walk->etherType) return 0;
-    if (rule->direction != VSWITCH_FILTER_BOTH && rule->direction != walk->direction) return 0;
-    walk->isDropped = rule->action == VSWITCH_FILTER_DROP;
-    return 1;
+    const uint32_t place = LiveFilterPlace(filter->multiplier, etherType) & (LIVE_FILTER_PLACES - 1);
+    if (filter->types[place] != etherType) return filter->others & direction;
+    return (direction == VSWITCH_FILTER_TO_PORT ? filter->dropsTo : filter->dropsFrom) >> place & 1;
 }
 
 // A port that has rules but not the snapshot's record lets nothing pass.
@@ -447,12 +437,11 @@ static __always_inline bool PassesFilter(const struct Frame *frame, const struct
 {
     if (!(READ_WORD(port->flags) & LIVE_PORT_FILTERED)) return true;
     const uint32_t element = LIVE_FIRST_RECORD + READ_WORD(port->position);
-    struct FilterWalk walk = {.record = bpf_map_lookup_elem(frame->snapshot, &element),
-                              .direction = direction};
-    if (!walk.record || walk.record->slot != slot) return false;
-    walk.etherType = (uint16_t)InnermostType(frame->skb);
-    bpf_loop(walk.record->filterCount, TryRule, &walk, 0);
-    return !walk.isDropped;
+    const struct LivePortRecord *record = bpf_map_lookup_elem(frame->snapshot, &element);
+    if (!record || record->slot != slot) return false;
+    const bool hasInnerTag = IsVlanType(bpf_htons(frame->etherType));
+    const uint16_t etherType = hasInnerTag ? (uint16_t)InnermostType(frame->skb) : frame->etherType;
+    return !IsDropped(&record->filter, etherType, direction);
 }
 
 // ---- What a port may send ----
