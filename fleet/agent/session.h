@@ -26,8 +26,8 @@ public:
     void Tick();
     // Throws ClaimLost when somebody has removed or replaced the claim.
     void CheckClaim();
-    // Writes the status if etcd has another one. With the number of a target: false, and nothing is written,
-    // if that is no longer the host's target. Throws ClaimLost.
+    // Writes the status if etcd has another one. With the number of a target, writes nothing and returns
+    // false when the host has another target by now. Throws ClaimLost.
     void Report(const Status &status);
     bool Report(const Status &status, int64_t target);
     bool ReportPlan(const std::string &rollout, const Plan &plan);

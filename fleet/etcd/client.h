@@ -28,7 +28,7 @@ struct EtcdError : std::runtime_error {
         UNREACHABLE, // no member answers, or none that has a quorum
         DENIED,      // the user or certificate may not do this
         NO_SPACE,    // etcd's database is full: it takes no writes until an operator has made room
-        COMPACTED,   // the revision is no longer kept
+        COMPACTED,   // etcd has compacted the revision
         RESTORED,    // another cluster, or the same one with an older state: see Identity
         FAILED
     };

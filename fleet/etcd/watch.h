@@ -26,9 +26,8 @@ public:
     Watch &operator=(const Watch &) = delete;
     ~Watch();
 
-    // The events of the next revision in which there are some; nothing after the time given. Throws
-    // UNREACHABLE when the server is silent, and COMPACTED when the revision is no longer kept: the range
-    // has to be read anew then.
+    // Waits for events, at most the time given, and returns those that have come. Throws UNREACHABLE when the
+    // server is silent, and COMPACTED when etcd has compacted the revision: read the range anew then.
     std::vector<KeyEvent> Next(Milliseconds time);
     // The first revision that no event has shown yet: where a later watch goes on.
     int64_t NextRevision() const { return nextRevision; }

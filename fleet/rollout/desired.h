@@ -34,7 +34,7 @@ private:
     std::map<std::string, Heads> all;
 };
 
-// Whether the target asks for the same: the rollout and the time limits are no part of that.
+// Whether the target asks for the same. The rollout and the time limits do not count.
 bool AsksForTheSame(const Target &present, const Target &desired);
 
 }

@@ -25,7 +25,7 @@ TEAMING = struct.Struct("=6I")  # version, algorithm, fail back, notify, counts 
 
 
 class Missing(NotFound, KeyError):
-    """There is no such switch, uplink or port; the message names it and what should have it."""
+    """The switch, uplink or port does not exist. The message names it."""
 
     def __init__(self, message: str):
         super().__init__(int(Status.NOT_FOUND), message)
