@@ -2,7 +2,6 @@
 #include "cli/base/document.h"
 
 #include <fmt/format.h>
-#include <functional>
 #include <set>
 #include <sstream>
 #include <toml++/toml.h>
@@ -13,33 +12,71 @@ namespace {
 
 constexpr size_t MAX_DEPTH = 32; // far more than these files need
 
-// Checks a JSON text while it is parsed. Refuses a key that appears twice, of which the parser would keep the
-// last, and nesting that is too deep for the parser's stack.
-class JsonCheck {
+// Builds a value from a JSON text, whatever the number of keys in one object. Refuses nesting that is too
+// deep for the parser's stack, and notes a key that appears twice.
+class JsonReader : public nlohmann::json_sax<Json> {
 public:
-    bool operator()(int depth, Json::parse_event_t event, const Json &parsed)
+    explicit JsonReader(Json &root) : root(root) {}
+    bool null() override { return Put(nullptr); }
+    bool boolean(bool value) override { return Put(value); }
+    bool number_integer(int64_t value) override { return Put(value); }
+    bool number_unsigned(uint64_t value) override { return Put(value); }
+    bool number_float(double value, const std::string &) override { return Put(value); }
+    bool string(std::string &value) override { return Put(std::move(value)); }
+    bool binary(Json::binary_t &value) override { return Put(std::move(value)); }
+    bool start_object(size_t) override { return Open(Json::object()); }
+    bool start_array(size_t) override { return Open(Json::array()); }
+    bool end_object() override { return Close(); }
+    bool end_array() override { return Close(); }
+    bool key(std::string &name) override
     {
-        const auto level = static_cast<size_t>(depth);
-        if (level > MAX_DEPTH) throw Error(Exit::BAD_VALUE, "not JSON: nested too deeply");
-        if (event == Json::parse_event_t::object_start) {
-            keys.resize(level + 1);
-            keys[level].clear();
+        open.back().key = name;
+        if (!open.back().keys.insert(name).second && twice.empty()) {
+            for (const Level &level : open)
+                twice += level.value->is_object() ? "/" + PointerStep(level.key) : "";
         }
-        if (event == Json::parse_event_t::key) Add(level, parsed.get<std::string>());
         return true;
+    }
+    bool parse_error(size_t, const std::string &, const nlohmann::detail::exception &error) override
+    {
+        const std::string what = error.what();
+        throw Error(Exit::BAD_VALUE, "not JSON: " + what.substr(what.find(']') + 2));
     }
     std::string twice; // the pointer of the first key that appears twice
 
 private:
-    void Add(size_t level, const std::string &key)
+    struct Level {
+        Json *value;
+        std::string key; // the last one
+        std::set<std::string> keys;
+    };
+    Json &Add(Json &&value)
     {
-        path.resize(level);
-        path.back() = "/" + PointerStep(key);
-        const bool isNew = keys[level - 1].insert(key).second;
-        if (!isNew && twice.empty()) twice = fmt::format("{}", fmt::join(path, ""));
+        if (open.empty()) return root = std::move(value);
+        Json &parent = *open.back().value;
+        if (parent.is_array()) return parent.emplace_back(std::move(value));
+        auto &members = parent.get_ref<Json::object_t &>();
+        members.emplace_back(open.back().key, std::move(value));
+        return members.back().second;
     }
-    std::vector<std::set<std::string>> keys; // of the open objects, by level
-    std::vector<std::string> path;           // of the last key
+    bool Put(Json &&value)
+    {
+        Add(std::move(value));
+        return true;
+    }
+    bool Open(Json &&value)
+    {
+        if (open.size() > MAX_DEPTH) throw Error(Exit::BAD_VALUE, "not JSON: nested too deeply");
+        open.push_back({&Add(std::move(value)), "", {}});
+        return true;
+    }
+    bool Close()
+    {
+        open.pop_back();
+        return true;
+    }
+    Json &root;
+    std::vector<Level> open; // objects and lists
 };
 
 }
@@ -56,16 +93,13 @@ Document::Document(const std::string &path) : path(path == "-" ? "standard input
 
 void Document::ReadJson(const std::string &text)
 {
-    JsonCheck check;
+    JsonReader reader(root);
     try {
-        root = Json::parse(text, std::ref(check));
-    } catch (const Json::parse_error &error) {
-        const std::string what = error.what();
-        throw Error(Exit::BAD_VALUE, fmt::format("{}: not JSON: {}", path, what.substr(what.find(']') + 2)));
+        Json::sax_parse(text, &reader);
     } catch (const Error &error) {
         throw Error(error.exit, fmt::format("{}: {}", path, error.problem));
     }
-    if (!check.twice.empty()) throw At(check.twice, "appears twice");
+    if (!reader.twice.empty()) throw At(reader.twice, "appears twice");
 }
 
 namespace {
@@ -79,12 +113,12 @@ Json FromToml(const toml::node &node, const std::string &pointer, std::vector<Lo
 
 Json TableFromToml(const toml::table &table, const std::string &pointer, std::vector<Location> &locations)
 {
-    Json object = Json::object();
+    Json::object_t object;
     for (const auto &[key, value] : table) {
         const std::string name(key.str());
         const std::string member = pointer + "/" + PointerStep(name);
         locations.push_back({member, key.source().begin});
-        object[name] = FromToml(value, member, locations);
+        object.emplace_back(name, FromToml(value, member, locations)); // the key is new
     }
     return object;
 }

@@ -78,7 +78,7 @@ public:
         } catch (const Error &error) {
             if (error.exit != Exit::BAD_VALUE) throw; // of the platform
             if (!first) first = error;
-            if (error.problem != first->problem && !Knows(error.problem))
+            if (known.insert(error.problem).second && error.problem != first->problem)
                 first->more.push_back(error.problem);
             return false;
         }
@@ -89,10 +89,7 @@ public:
     }
 
 private:
-    bool Knows(const std::string &problem) const
-    {
-        return std::find(first->more.begin(), first->more.end(), problem) != first->more.end();
-    }
+    std::set<std::string> known;
     std::optional<Error> first;
 };
 
@@ -558,9 +555,9 @@ public:
         std::sort(sorted.begin(), sorted.end(), [](const PortBlock *a, const PortBlock *b) {
             return ComesBefore(a->names[0], b->names[0]);
         });
-        Json ports;
+        Json::object_t ports;
         for (const PortBlock *block : sorted)
-            ports[fmt::format("{}", fmt::join(PortRanges(block->names), ","))] = block->entry;
+            ports.emplace_back(fmt::format("{}", fmt::join(PortRanges(block->names), ",")), block->entry);
         return ports;
     }
 

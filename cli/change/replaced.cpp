@@ -2,6 +2,7 @@
 #include "cli/change/replaced.h"
 
 #include <algorithm>
+#include <map>
 
 #include "cli/change/object.h"
 
@@ -66,9 +67,9 @@ void DropUplinks(const std::string &alias, Json &entry, const Json &old)
     entry["uplinks"] = kept;
 }
 
-Json PortsOf(const Json &entry)
+std::map<std::string, Json> PortsOf(const Json &entry)
 {
-    Json ports = Json::object();
+    std::map<std::string, Json> ports;
     const Json ranges = entry.value("ports", Json::object());
     for (const auto &[range, port] : ranges.items()) {
         for (const std::string &name : PortNames(range))
@@ -79,11 +80,10 @@ Json PortsOf(const Json &entry)
 
 void RemovePorts(const std::string &alias, Json &entry, const Json &old)
 {
-    Json ports = PortsOf(entry);
+    auto ports = PortsOf(entry);
     Json uplinks = entry.value("uplinks", Json::array());
     if (!entry.contains("uplinks") && SwitchExists(alias)) uplinks = ReadUplinks(alias).ids;
-    const Json oldPorts = PortsOf(old);
-    for (const auto &[name, port] : oldPorts.items()) {
+    for (const auto &[name, port] : PortsOf(old)) {
         if (IsAbsent(port)) continue;
         // The list of uplinks says whether an uplink goes.
         if (!ports.contains(name)) ports[name] = IsIn(uplinks, name) ? Json::object() : ABSENT;
