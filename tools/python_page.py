@@ -15,8 +15,9 @@ import vswitchctl
 from vswitchctl import host
 
 BEGIN, END = "<!-- The reference, made by tools/python_page.py -->\n", "<!-- End of the reference -->\n"
-OBJECTS = ("Host", "Switch", "Port", "Uplink", "Vlan", "Security", "Teaming", "Missing", "PortsNotListed",
-           "TransactionFailed")
+OBJECTS = ("Host", "Switch", "Port", "Uplink", "Vlan", "Security", "EthFilter", "FilterRule", "PortLearning",
+           "SwitchLearning", "Teaming", "PrivateVlan", "MirrorSession", "Statistics", "Missing", "PortsNotListed",
+           "RecordNotPublished", "TransactionFailed")
 
 
 def flat(doc):
@@ -26,7 +27,7 @@ def flat(doc):
 
 def type_text(annotation):
     text = annotation.__name__ if isinstance(annotation, type) and not typing.get_args(annotation) else str(annotation)
-    for module in ("collections.abc.", "vswitchctl.host.", "typing."):
+    for module in ("collections.abc.", "vswitchctl.host.", "vswitchctl.records.", "typing."):
         text = text.replace(module, "")
     return f"`{text}`".replace("|", "\\|")
 
@@ -34,16 +35,18 @@ def type_text(annotation):
 def members(kind):
     """Name, type and meaning of what a class itself has for its users."""
     if dataclasses.is_dataclass(kind) and "__init__" in vars(kind):
+        types = typing.get_type_hints(kind)
         for item in dataclasses.fields(kind):
             default = "" if item.default is dataclasses.MISSING else f"default `{item.default!r}`"
-            yield item.name, type_text(item.type), default
+            yield item.name, type_text(types[item.name]), default
     for name, member in vars(kind).items():
         if isinstance(member, property):
             yield name, type_text(typing.get_type_hints(member.fget)["return"]), flat(member.__doc__)
         elif isinstance(member, host.Policy):
             yield name, type_text(typing.get_args(member.__orig_class__)[0]) + ", can be set", flat(member.doc)
-        elif inspect.isfunction(member) and not name.startswith("_"):
-            yield f"{name}()", "", flat(member.__doc__)
+        elif inspect.isfunction(member) and not name.startswith("_") and member.__doc__:
+            arguments = ", ".join(str(p) for p in list(inspect.signature(member).parameters.values())[1:])
+            yield f"{name}({arguments})".replace("|", "\\|"), "", flat(member.__doc__)
 
 
 def reference():

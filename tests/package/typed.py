@@ -1,8 +1,8 @@
 """Code that `mypy --strict` must accept, and faults that it must find: an unused "ignore" is an error."""
 
-from vswitchctl import (BadParam, DriverList, Exists, Host, NoMemory, NotFound, Record, Security, Status, StatusError,
-                        Vlan, VLANRange, VSDVS_GetMTU, VSDVS_GetPortVLANPolicy, VSDVS_SetPortVLANPolicy,
-                        VSZOR_GetUplinks, as_text)
+from vswitchctl import (BadParam, DriverList, EthFilter, Exists, FilterRule, Host, MirrorSession, NoMemory, NotFound,
+                        PrivateVlan, Record, Security, Status, StatusError, Switch, Teaming, Vlan, VLANRange,
+                        VSDVS_GetMTU, VSDVS_GetPortVLANPolicy, VSDVS_SetPortVLANPolicy, VSZOR_GetUplinks, as_text)
 
 
 def mtu(alias: str) -> int | None:
@@ -28,12 +28,18 @@ def nics(portset: str) -> list[str]:
     return [as_text(uplink) for uplink in uplinks]
 
 
-def vlans(host: Host) -> dict[str, Vlan]:
+def vlans(host: Host) -> dict[str, Vlan | None]:
     with host.transaction():
         for switch in host.switches.values():
             switch.mtu = max(switch.mtu, 9000)
             for port in switch.ports.values():
                 port.security = Security(lock_address=True)
+                port.eth_filter = EthFilter((*port.eth_filter.rules, FilterRule(0x806)))
+                port.mirror = (MirrorSession("span", to=(port.id,)),)
+                port.teaming = port.override = None
+        made: Switch = host.create("made", ports=4)
+        made.pvlan = (PrivateVlan(100, 101, "isolated"),)
+        made.ls_teaming = {"gold": Teaming("order", ("uplink0",))}
     return {name: port.vlan for name, port in host.switches["lab"].ports.items()}
 
 
@@ -43,6 +49,8 @@ def mistakes() -> None:
     lab.ports["port0"].vlan = 100  # type: ignore[assignment]
     lab.ports[0].vlan  # type: ignore[index]
     lab.name = "other"  # type: ignore[misc]
+    lab.pvlan = (Teaming(),)  # type: ignore[assignment]
+    lab.ports["port0"].security = None  # type: ignore[assignment]
     VSDVS_GetMTU(5)  # type: ignore[arg-type]
     VSDVS_GetMTU(None)  # type: ignore[arg-type]
     VSDVS_GetMTU("lab", 1)  # type: ignore[call-arg]

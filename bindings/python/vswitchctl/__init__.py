@@ -23,11 +23,19 @@ from .host import Host as Host
 from .host import Missing as Missing
 from .host import Port as Port
 from .host import PortsNotListed as PortsNotListed
-from .host import Security as Security
+from .host import RecordNotPublished as RecordNotPublished
 from .host import Switch as Switch
-from .host import Teaming as Teaming
 from .host import TransactionFailed as TransactionFailed
 from .host import Uplink as Uplink
-from .host import Vlan as Vlan
+from .records import EthFilter as EthFilter
+from .records import FilterRule as FilterRule
+from .records import MirrorSession as MirrorSession
+from .records import PortLearning as PortLearning
+from .records import PrivateVlan as PrivateVlan
+from .records import Security as Security
+from .records import Statistics as Statistics
+from .records import SwitchLearning as SwitchLearning
+from .records import Teaming as Teaming
+from .records import Vlan as Vlan
 
 __version__ = "1.0.0"
