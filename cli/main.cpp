@@ -1,6 +1,7 @@
 // vsctl: the command.
 #include <algorithm>
 #include <fcntl.h>
+#include <filesystem>
 #include <fmt/format.h>
 #include <new>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include "cli/base/limit.h"
 #include "cli/base/output.h"
 #include "cli/change/change.h"
+#include "cli/verbs/completion.h"
 #include "cli/verbs/parser.h"
 
 namespace {
@@ -68,6 +70,26 @@ Exit Run(const std::vector<std::string> &words, Options &options)
     }
 }
 
+// `vsctl fleet …` is `vsfleet …`, which has a package of its own. Returns if the words are for vsctl itself.
+void BecomeFleet(const std::vector<std::string> &words)
+{
+    const bool isCompletion = words.size() > 3 && words[0] == "complete" && words[2] == FLEET;
+    if (!isCompletion && (words.empty() || words[0] != FLEET)) return;
+    std::vector<std::string> command(words.begin() + (isCompletion ? 2 : 0), words.end());
+    command[0] = "vsfleet";
+    if (isCompletion) command.insert(command.begin() + 1, "complete");
+    std::vector<char *> arguments;
+    for (std::string &word : command)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    std::error_code error;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+    execv((self.parent_path() / command[0]).c_str(), arguments.data());
+    execvp(arguments[0], arguments.data());
+    throw Error(Exit::NOT_FOUND, "vsfleet, the command for fleets, is not installed",
+                "install the package vsfleet");
+}
+
 // Keeps a file that vsctl opens from becoming a standard stream that the caller has closed.
 void HoldStandardStreams()
 {
@@ -87,6 +109,7 @@ int main(int count, char **given)
     // Errors in the words themselves are printed in this form too.
     options.json = std::count(words.begin(), std::find(words.begin(), words.end(), "--"), "--json") > 0;
     try {
+        BecomeFleet(words);
         return static_cast<int>(Run(OptionsBehindVerb(words), options));
     } catch (const Error &error) {
         PrintError(error, options.json);

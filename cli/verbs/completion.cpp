@@ -145,13 +145,21 @@ std::vector<std::string> WithoutLeadingOptions(const std::vector<std::string> &w
     return {words.begin() + static_cast<ptrdiff_t>(std::min(first, words.size() - 1)), words.end()};
 }
 
+// What can begin a command line.
+std::vector<std::string> FirstWords()
+{
+    std::vector<std::string> words = Nouns();
+    words.push_back(FLEET);
+    return words;
+}
+
 std::vector<std::string> Candidates(const std::vector<std::string> &given)
 {
-    if (given.empty()) return Nouns();
+    if (given.empty()) return FirstWords();
     const std::vector<std::string> words = WithoutLeadingOptions(given);
     if (words.size() == 1)
         return words[0].starts_with("-") ? std::vector<std::string>{"--json", "--timeout", VERSION, "--help"}
-                                         : Nouns();
+                                         : FirstWords();
     const std::vector<std::string> rest(words.begin() + 1, words.end());
     if (words[0] == "watch") return Candidates(rest);
     if (const auto verbs = VerbNames(words[0]); words.size() == 2 && !verbs.empty()) return verbs;

@@ -5,6 +5,8 @@
 
 namespace vsctl {
 
+inline constexpr const char *FLEET = "fleet"; // what follows is for vsfleet
+
 // Candidates for the last of the words, which is still being typed.
 std::vector<std::string> Complete(const std::vector<std::string> &words);
 // The script that a shell ("bash", "zsh" or "fish") reads at its start.

@@ -135,7 +135,7 @@ std::string Overview()
     }
     return text + "\n'vsctl help NOUN VERB' explains a verb with examples. 'vsctl help exit' lists\n"
                   "the exit codes, and 'vsctl help operations' lists the library operations\n"
-                  "with the verbs that use them.\n";
+                  "with the verbs that use them. 'vsctl fleet' is vsfleet, for many hosts.\n";
 }
 
 Json ExitCodes()
