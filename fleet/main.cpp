@@ -1,9 +1,11 @@
 // vsfleet: the agent of a host, the driver of rollouts, and the commands of operators.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <sstream>
 
 #include "fleet/agent/agent.h"
 #include "fleet/command/commands.h"
+#include "fleet/command/output.h"
 
 namespace {
 
@@ -22,7 +24,7 @@ constexpr Command COMMANDS[] = {
     {"agent", "Make this host follow its documents", AddAgent},
     {"drive", "Carry rollouts out; one of all drivers does at a time", AddDrive},
     {"push", "Make hosts follow a new revision of a document", AddPush},
-    {"diff", "Show what a push would change on each host, and change nothing", AddDiff},
+    {"diff", "Show what a push would change, and change nothing", AddDiff},
     {"status", "Show the documents, or the hosts of one", AddStatus},
     {"hosts", "Show all hosts", AddHosts},
     {"watch", "Show the status, and each change of it", AddWatch},
@@ -33,11 +35,60 @@ constexpr Command COMMANDS[] = {
     {"abort", "Stop a rollout, and bring its hosts back", AddAbort},
     {"remove", "Make hosts no longer follow a document", AddRemove},
     {"label", "Show or change the labels of a host", AddLabel},
-    {"enroll", "Make the key, certificate, user and role of a host, or renew them", AddEnroll},
+    {"enroll", "Make or renew a host's certificate, user and role", AddEnroll},
     {"release", "Let another machine have a host's name", AddRelease},
     {"adopt", "Take an etcd that was restored for the right one", AddAdopt},
     {"setup", "Make a certificate authority, or write roles into etcd", AddSetup},
 };
+
+constexpr size_t WIDTH = 80, COLUMN = 26;
+
+class HelpFormat : public CLI::Formatter {
+    std::string make_option_desc(const CLI::Option *option) const override
+    {
+        std::string text, line;
+        std::istringstream words(CLI::Formatter::make_option_desc(option));
+        for (std::string word; words >> word;) {
+            if (line.size() + 1 + word.size() > WIDTH - COLUMN) text += std::exchange(line, "") + "\n";
+            line += (line.empty() ? "" : " ") + word;
+        }
+        return text + line;
+    }
+
+    std::string make_option_opts(const CLI::Option *option) const override
+    {
+        const std::string type = option->get_type_name(),
+                          repeats = option->get_expected_max() > 1 ? " ..." : "";
+        const std::string value =
+            option->nonpositional() && !type.empty() ? " " + type.substr(0, type.find(':')) : "";
+        return value + repeats + (option->get_required() ? " REQUIRED" : "");
+    }
+};
+
+// Null: there is no such command.
+const CLI::App *FindCommand(const CLI::App &app, const std::string &name)
+{
+    const auto found =
+        app.get_subcommands([&](const CLI::App *command) { return command->get_name() == name; });
+    return found.empty() ? nullptr : found[0];
+}
+
+// Prints what the last of the words can be: a command or an option. `vsctl complete` asks for it.
+int Complete(const CLI::App &app, const std::vector<std::string> &words)
+{
+    std::vector<std::string> names;
+    if (words.size() == 1) {
+        for (const CLI::App *command : app.get_subcommands({}))
+            names.push_back(command->get_name());
+    } else if (const CLI::App *command = FindCommand(app, words[0])) {
+        for (const CLI::Option *option : command->get_options())
+            names.push_back(option->get_name());
+    }
+    for (const std::string &name : names) {
+        if (name.starts_with(words.back())) Print(name + "\n");
+    }
+    return 0;
+}
 
 int Fail(const std::exception &error, int code)
 {
@@ -63,6 +114,9 @@ int Run(const Action &action, const std::string &configFile)
 int main(int argc, char **argv)
 {
     CLI::App app("Keeps the virtual switches of many hosts as documents in etcd describe them", "vsfleet");
+    const auto format = std::make_shared<HelpFormat>();
+    format->column_width(COLUMN);
+    app.formatter(format); // and of all commands, which are made later
     app.set_version_flag("--version", "vsfleet " VSWITCHCTL_VERSION);
     app.require_subcommand(1);
     app.fallthrough(); // --config may stand behind the command
@@ -75,8 +129,15 @@ int main(int argc, char **argv)
         CLI::App &added = *app.add_subcommand(command.name, command.help);
         added.callback([&action, act = command.add(added)] { action = act; });
     }
+    app.add_subcommand("help", "Show the commands, or explain one");
+    std::vector<std::string> words(argv + 1, argv + argc);
+    if (!words.empty() && words[0] == "help") { // the same as --help
+        words.erase(words.begin());
+        words.push_back("--help");
+    }
+    if (words.size() > 1 && words[0] == "complete") return Complete(app, {words.begin() + 1, words.end()});
     try {
-        app.parse(argc, argv);
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
     } catch (const CLI::ParseError &error) {
         return app.exit(error) ? USAGE : 0;
     }

@@ -32,7 +32,8 @@ def help_of(program, words):
 def rows(text):
     """(what, meaning) of each line of a table; a meaning may stand on a line of its own."""
     lines = re.sub(r"\n {20,}", "  ", text)
-    return re.findall(r"^  +(\S.*?)(?:  +(\S.*))?$", lines, re.M)
+    found = re.findall(r"^  +(\S.*?)(?:  +(\S.*))?$", lines, re.M)
+    return [(what, re.sub("  +", " ", meaning)) for what, meaning in found]
 
 
 def command_lines(program, words):

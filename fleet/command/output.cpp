@@ -13,6 +13,7 @@ namespace vsfleet {
 namespace {
 
 constexpr size_t MAX_CELL = 60;
+constexpr const char *BOLD = "\x1b[1m", *PLAIN = "\x1b[0m";
 
 size_t Width(const std::string &text)
 {
@@ -44,7 +45,7 @@ std::string Title(const std::string &text)
 {
     const char *noColor = getenv("NO_COLOR");
     const bool isPlain = (noColor && *noColor) || !IsTerminal(STDOUT_FILENO);
-    return isPlain ? text : fmt::format("\x1b[1m{}\x1b[0m", text);
+    return isPlain ? text : BOLD + text + PLAIN;
 }
 
 }
@@ -143,8 +144,10 @@ void LiveText::Show(const std::string &text)
         const size_t end = text.find('\n', begin) + 1;
         std::string line = text.substr(begin, end - begin - 1);
         // A line that the terminal would break spoils the count.
+        const bool isCut = size.ws_col && Width(line) > size.ws_col;
         while (size.ws_col && Width(line) > size.ws_col)
             line.pop_back();
+        if (isCut && line.find('\x1b') != std::string::npos) line += PLAIN;
         shown += line + "\n";
         begin = end;
     }

@@ -29,6 +29,12 @@ grep -q '^.SH FILES$' "$stage/share/man/man1/vsctl.1"
 man --warnings -l "$stage/share/man/man1/vsctl.1" 2>"$work/warnings" | grep -q -- '--columns'
 [ ! -s "$work/warnings" ]
 
+if [ -e "$build/vsfleet" ]; then
+    grep -q '^.SS vsfleet push' "$stage/share/man/man1/vsfleet.1"
+    man --warnings -l "$stage/share/man/man1/vsfleet.1" 2>"$work/warnings" | grep -q -- '--canary'
+    [ ! -s "$work/warnings" ]
+fi
+
 # Without a platform it starts too, and says what is missing.
 "$stage/bin/vsctl" --version | grep -q '^vsctl '
 for words in doctor "switch list"; do
