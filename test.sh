@@ -8,6 +8,7 @@
 #   ./test.sh --crash ROUNDS   kills a writer this many times
 #   ./test.sh --model SEEDS    random walks beside the model, this many of each kind
 #   ./test.sh --walk WALKS     random walks over vsctl, this many of 125 commands
+#   ./test.sh --fleet-soak [SCHEDULES]  a fleet with this many random schedules of faults (200), outages of a minute
 #   ./test.sh --threads        the whole suite under the thread sanitizer
 #   ./test.sh --cross          builds for aarch64 in a fresh root and runs the library's tests under qemu (as root)
 #   ./test.sh --packages       Debian packages into a fresh root, identical bytes from two builds (as root)
@@ -77,6 +78,11 @@ case "${1-}" in
     build_preset release vsctl tybel vshost_launcher kill_at
     VSCTL_WALK_SEEDS=1000-$((999 + $2)) python3 -W ignore::DeprecationWarning tests/vsctl_walk_test.py build/release .
     ;;
+--fleet-soak)
+    build_preset release fleet_outages_test fleet_rollout_test
+    FLEET_SCHEDULES=${2:-200} FLEET_OUTAGE=60 build/release/tests/fleet_outages_test
+    FLEET_SLOW=30 build/release/tests/fleet_rollout_test --gtest_filter='RealHosts.*'
+    ;;
 --packages)
     install_packages lintian mmdebstrap
     tests/package/packages_test.sh
@@ -97,7 +103,7 @@ case "${1-}" in
     analyse
     ;;
 *)
-    sed -n '2,13s/^# \{0,1\}//p' "$0"
+    sed -n '2,14s/^# \{0,1\}//p' "$0"
     exit 2
     ;;
 esac

@@ -1,19 +1,14 @@
 // The agent on throw-away hosts: real agents, real vsctl, a real etcd with TLS.
 #include "tests/fleet_etcd.h"
 
-#include <arpa/inet.h>
-#include <atomic>
 #include <csignal>
-#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sstream>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -22,6 +17,8 @@
 #include "fleet/etcd/watch.h"
 #include "fleet/protocol/documents.h"
 #include "fleet/protocol/keys.h"
+#include "tests/fleet_hosts.h"
+#include "tests/fleet_relay.h"
 
 namespace {
 
@@ -127,16 +124,7 @@ public:
         return status;
     }
     // All that runs on the host, such as what guards an unconfirmed change.
-    void KillOthers() const
-    {
-        const std::string mark = "VSHOST_DIR=" + Path("host");
-        for (const auto &entry : fs::directory_iterator("/proc")) {
-            const std::string pid = entry.path().filename();
-            if (!isdigit(pid[0]) || ReadText(entry.path() / "environ").find(mark) == std::string::npos)
-                continue;
-            kill(atoi(pid.c_str()), SIGKILL);
-        }
-    }
+    void KillOthers() const { KillAllOn(Path("host")); }
 
     // What the agent runs as vsctl: the script, which may call `vsctl`, or vsctl itself.
     void Interpose(const std::string &script)
@@ -308,13 +296,18 @@ TEST_F(Agent, RefusesWhatItCannotFollow)
         FromText<StoredDocument>(client.Get(keys::Revision("doc", damaged.revision))->value);
     bytes.compressed[5] ^= 1;
     client.Commit(Transaction().Put(keys::Revision("doc", damaged.revision), ToText(bytes)));
+    const DocumentRevision later = Store("doc", Lab(8));
+    bytes = FromText<StoredDocument>(client.Get(keys::Revision("doc", later.revision))->value);
+    bytes.format = 2;
+    client.Commit(Transaction().Put(keys::Revision("doc", later.revision), ToText(bytes)));
     const struct {
         std::vector<DocumentRevision> documents;
         const char *reason;
     } rows[] = {
-        {{Store("doc", newer)}, "document 'doc', revision 3: switches/lab/teleport is not a known key"},
+        {{Store("doc", newer)}, "document 'doc', revision 4: switches/lab/teleport is not a known key"},
         {{Store("a", Lab(1)), Store("b", Lab(2))}, "'a' and 'b' both name the switch 'lab'"},
         {{damaged}, "damaged"},
+        {{later}, "revision 3 of document 'doc' has format 2, and vsfleet"},
         {{missing}, "revision 99 of document 'doc' is not in etcd"}};
     for (const auto &row : rows) {
         Target target;
@@ -350,6 +343,14 @@ TEST_F(Agent, RefusesWhatItCannotFollow)
     target = {};
     target.reason = "two documents name one switch";
     EXPECT_EQ(AwaitState(host, HostState::HELD, Ask(host, target)).error, target.reason);
+    EXPECT_TRUE(host.Is(Lab(7)));
+
+    // What only a later driver asks for.
+    Json unknown = target;
+    unknown["phase"] = "migrate";
+    unknown["speed"] = 3;
+    AwaitState(host, HostState::HELD,
+               client.Commit(Transaction().Put(keys::Target("host1"), unknown.dump())).revision);
     EXPECT_TRUE(host.Is(Lab(7)));
 }
 
@@ -477,96 +478,6 @@ TEST_F(Agent, KeepsItsClaimDuringALongChange)
     EXPECT_EQ(client.Get(keys::Claim("host1"))->modified, claim->modified);
 }
 
-// A way to etcd of which the connections that it has live on when it takes no new ones.
-class Relay {
-public:
-    explicit Relay(const std::string &address)
-        : to(AddressOf(atoi(address.substr(address.find(':') + 1).c_str())))
-    {
-        sockaddr_in own = AddressOf(0);
-        socklen_t size = sizeof(own);
-        if (bind(listener, reinterpret_cast<sockaddr *>(&own), size) || listen(listener, 16) ||
-            getsockname(listener, reinterpret_cast<sockaddr *>(&own), &size))
-            abort();
-        port = ntohs(own.sin_port);
-        thread = std::thread([this] { Run(); });
-    }
-    Relay(const Relay &) = delete;
-    Relay &operator=(const Relay &) = delete;
-    ~Relay()
-    {
-        ends = true;
-        thread.join();
-        close(listener);
-        for (const auto &[socket, other] : pairs)
-            close(socket);
-    }
-
-    std::string Address() const { return fmt::format("127.0.0.1:{}", port); }
-    std::atomic<bool> takesNew = true;
-
-private:
-    static sockaddr_in AddressOf(int port)
-    {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        return address;
-    }
-    void Accept()
-    {
-        const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC),
-                  server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (!takesNew || connect(server, reinterpret_cast<const sockaddr *>(&to), sizeof(to))) {
-            close(client);
-            close(server);
-            return;
-        }
-        pairs[client] = server;
-        pairs[server] = client;
-    }
-    void Pass(int from)
-    {
-        const auto found = pairs.find(from);
-        if (found == pairs.end()) return;
-        char bytes[65536];
-        const ssize_t length = read(from, bytes, sizeof(bytes));
-        ssize_t done = 0;
-        while (done < length) {
-            const ssize_t written =
-                send(found->second, bytes + done, static_cast<size_t>(length - done), MSG_NOSIGNAL);
-            if (written <= 0) break;
-            done += written;
-        }
-        if (length > 0 && done == length) return;
-        const int other = found->second;
-        for (int end : {from, other}) {
-            pairs.erase(end);
-            close(end);
-        }
-    }
-    void Run()
-    {
-        while (!ends) {
-            std::vector<pollfd> sockets = {{listener, POLLIN, 0}};
-            for (const auto &[socket, other] : pairs)
-                sockets.push_back({socket, POLLIN, 0});
-            poll(sockets.data(), sockets.size(), 50);
-            for (const pollfd &ready : sockets) {
-                if (ready.revents) ready.fd == listener ? Accept() : Pass(ready.fd);
-            }
-        }
-    }
-
-    const sockaddr_in to;
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int port = 0;
-    std::map<int, int> pairs;
-    std::atomic<bool> ends = false;
-    std::thread thread;
-};
-
 TEST_F(Agent, UndoesAChangeThatOnlyItsOldConnectionSurvives)
 {
     Endpoints endpoints = etcd.Endpoints();
@@ -588,6 +499,100 @@ TEST_F(Agent, UndoesAChangeThatOnlyItsOldConnectionSurvives)
     EXPECT_TRUE(host.Is(Lab(7)));
     relay.takesNew = true;
     Failed(host, Lab(7), number, "undone");
+}
+
+// The report of a change's beginning is sent, not answered in time and sent again. It arrives a second time
+// when the change is over.
+TEST_F(Agent, ReportsThatArriveLateAreRefused)
+{
+    Endpoints endpoints = etcd.Endpoints();
+    Relay relay(endpoints.addresses[0]);
+    endpoints.addresses = {relay.Address()};
+    Host host("host1", endpoints, 30, 3600);
+    host.Start();
+    Confirmed(host, Lab(7), Ask(host, Lab(7)));
+    Target target;
+    target.documents = {Store("doc", Lab(8))};
+    target.phase = Phase::PLAN; // it fetches the document
+    target.rollout = "r1";
+    client.Commit(Transaction().Put(keys::Target("host1"), ToText(target)));
+    Await("the plan", [&] { return client.Get(keys::Plan("host1", "r1")) != nullptr; });
+    relay.Delay(Milliseconds(12000));
+    const int64_t number = Ask(host, target);
+    Confirmed(host, Lab(8), number);
+    EXPECT_GE(relay.Held(), 200u); // it has not arrived yet
+    Await("the late report", [&] { return !relay.Held(); });
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_EQ(StatusOf(host).state, HostState::CONFIRMED);
+    Confirmed(host, Lab(9), Ask(host, Lab(9)));
+}
+
+// vsctl that doesn't end doesn't keep the agent.
+TEST_F(Agent, EndsAVsctlThatHangs)
+{
+    Host host("host1", etcd.Endpoints());
+    host.Start();
+    Confirmed(host, Lab(7), Ask(host, Lab(7)));
+    Target target;
+    target.documents = {Store("doc", Lab(8))};
+    target.deadline = 1;
+    for (const char *hangs : {"sleep 3600", "vsctl \"$@\"; trap '' TERM; sleep 3600"}) {
+        host.Interpose(std::string(APPLIES) + hangs + ";; esac");
+        Failed(host, Lab(7), Ask(host, target), "took longer than 2 s");
+    }
+    host.Interpose("case \"$*\" in *--dry-run*) sleep 3600;; esac");
+    target.phase = Phase::PLAN;
+    target.rollout = "r1";
+    client.Commit(Transaction().Put(keys::Target("host1"), ToText(target)));
+    Await("the plan", [&] { return client.Get(keys::Plan("host1", "r1")) != nullptr; });
+    EXPECT_NE(FromText<Plan>(client.Get(keys::Plan("host1", "r1"))->value).error.find("took longer than 1 s"),
+              std::string::npos);
+    host.Interpose("");
+    Confirmed(host, Lab(9), Ask(host, Lab(9)));
+}
+
+// An agent, its vsctl and what guards a change, with a clock of their own.
+TEST_F(Agent, DoesNotCareWhatTheClockSays)
+{
+    const char *library = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
+    ASSERT_TRUE(fs::exists(library)) << "install the package faketime";
+    const struct {
+        const char *name, *clock, *step;
+        bool isConfirmed;
+    } rows[] = {{"host1", "-1h", "+1h", true}, {"host2", "+1h", "-1h", false}};
+    for (const auto &row : rows) {
+        Host host(row.name, etcd.Endpoints());
+        const auto set = [&](const char *clock) {
+            host.Write("clock.new", clock);
+            fs::rename(host.Path("clock.new"), host.Path("clock"));
+        };
+        set(row.clock);
+        host.Start({"env", std::string("LD_PRELOAD=") + library,
+                    "FAKETIME_TIMESTAMP_FILE=" + host.Path("clock"), "FAKETIME_NO_CACHE=1",
+                    "FAKETIME_DONT_FAKE_MONOTONIC=1"});
+        host.Interpose("date +%s >date");
+        Confirmed(host, Lab(7), Ask(host, Lab(7)));
+        EXPECT_GE(std::abs(std::stol(ReadText(host.Path("date"))) - time(nullptr)), 3000)
+            << "the clock is right";
+
+        // The clock is set within the time to confirm, in which etcd is there or not.
+        Target target;
+        target.documents = {Store("doc", Lab(8))};
+        target.confirm = row.isConfirmed ? 600 : 5;
+        host.Interpose(PAUSES);
+        const int64_t number = Ask(host, target);
+        Await("the change", [&] { return host.Has("applied"); });
+        set(row.step);
+        if (!row.isConfirmed) etcd.Signal(0, SIGSTOP);
+        host.Write("go", "");
+        if (!row.isConfirmed) {
+            Await("the undo", [&] { return !host.HasUnfinishedChange(); });
+            etcd.Signal(0, SIGCONT);
+            Failed(host, Lab(7), number, "undone");
+        } else {
+            Confirmed(host, Lab(8), number);
+        }
+    }
 }
 
 TEST_F(Agent, NeedsNoMoreThanItsRole)

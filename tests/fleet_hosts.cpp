@@ -1,5 +1,8 @@
 #include "tests/fleet_hosts.h"
 
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <random>
 
 #include "fleet/protocol/keys.h"
@@ -87,7 +90,10 @@ void LightAgent::Answer(const Entry &entry)
     if (answered == entry.modified) return;
     if (target.documents == status.documents) return Report(HostState::CONFIRMED, entry.modified);
     if (habit == Habit::IGNORES) return;
-    if (habit == Habit::FAILS) return Report(HostState::FAILED, entry.modified, "no port of that name");
+    if (habit == Habit::FAILS) {
+        const std::lock_guard lock(mutex);
+        return Report(HostState::FAILED, entry.modified, reason);
+    }
     status.documents = target.documents;
     {
         const std::lock_guard lock(mutex);
@@ -104,4 +110,16 @@ void LightAgent::Report(HostState state, int64_t number, const std::string &erro
     status.version = "test";
     client->Commit(Transaction().Put(keys::Status(host), ToText(status)));
     answered = number;
+}
+
+void KillAllOn(const std::string &directory)
+{
+    for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string pid = entry.path().filename();
+        if (!isdigit(pid[0])) continue;
+        std::ifstream file(entry.path() / "environ");
+        const std::string environment{std::istreambuf_iterator<char>(file), {}};
+        if (environment.find("VSHOST_DIR=" + directory) != std::string::npos)
+            kill(atoi(pid.c_str()), SIGKILL);
+    }
 }

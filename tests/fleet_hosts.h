@@ -25,6 +25,12 @@ public:
     void AskToStop() { isStopped = true; }
     void Start();
     void Behave(Habit habit) { this->habit = habit; }
+    // Why it fails.
+    void Explain(const std::string &text)
+    {
+        const std::lock_guard lock(mutex);
+        reason = text;
+    }
     // The documents of each change that the host has confirmed, in order.
     std::vector<std::vector<vsfleet::DocumentRevision>> Changes() const;
 
@@ -45,6 +51,10 @@ private:
     vsfleet::Status status;
     int64_t answered = 0;
     mutable std::mutex mutex;
+    std::string reason = "no port of that name";
     std::vector<std::vector<vsfleet::DocumentRevision>> changes;
     std::thread thread;
 };
+
+// Kills what runs on throw-away hosts whose directories begin so.
+void KillAllOn(const std::string &directory);

@@ -1,179 +1,9 @@
-// Rollouts on real members of etcd: drivers and commands as processes, hosts as light agents.
-#include <array>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fmt/format.h>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <random>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
+// Rollouts on real members of etcd, and what operators see of them.
+#include "tests/fleet_rollout.h"
 
-#include "fleet/protocol/keys.h"
-#include "fleet/rollout/fleet.h"
-#include "tests/fleet_etcd.h"
-#include "tests/fleet_hosts.h"
+#include <random>
 
 namespace {
-
-using namespace vsfleet;
-using Habit = LightAgent::Habit;
-
-constexpr std::chrono::seconds LEASE{2};
-
-struct Said {
-    int exitCode = 0;
-    std::string text; // standard output and errors
-    Json Result() const { return Json::parse(text.substr(0, text.find('\n')))["result"]; }
-};
-
-// A fleet of its own for each test.
-class RolloutTest : public testing::Test {
-protected:
-    explicit RolloutTest(int members = 1) : etcd(members)
-    {
-        std::string name = "/dev/shm/fleet-XXXXXX";
-        if (!mkdtemp(name.data())) abort();
-        directory = name;
-        config = WriteConfig("root");
-        for (const char *port : {"port0", "port1", "port2"})
-            Write(fmt::format("{}.toml", port),
-                  fmt::format("[switches.lab]\nuplinks = [\"uplink0\"]\n"
-                              "[switches.lab.ports.{}]\nsecurity = {{ static-only = true }}\n",
-                              port));
-    }
-
-    ~RolloutTest() override
-    {
-        for (const pid_t driver : drivers)
-            End(driver, SIGKILL);
-        agents.clear();
-        std::filesystem::remove_all(directory);
-    }
-
-    void Write(const std::string &name, const std::string &text) const
-    {
-        std::ofstream(directory + "/" + name) << text;
-    }
-    std::string Path(const std::string &name) const { return directory + "/" + name; }
-
-    std::string WriteConfig(const std::string &user)
-    {
-        const Endpoints endpoints = etcd.Endpoints(user);
-        std::string list;
-        for (const std::string &address : endpoints.addresses)
-            list += fmt::format("{}\"{}\"", list.empty() ? "" : ", ", address);
-        Write(user + ".toml", fmt::format("endpoints = [{}]\nauthority = \"{}\"\ncertificate = \"{}\"\n"
-                                          "key = \"{}\"\nlease = {}\nstate = \"{}\"\nvsctl = \"{}\"\n",
-                                          list, endpoints.authority, endpoints.certificate, endpoints.key,
-                                          LEASE.count(), directory + "/state", VSCTL));
-        return Path(user + ".toml");
-    }
-
-    void AddHosts(int count)
-    {
-        Client client(etcd.Endpoints());
-        for (int i = 0; i < count; i++) {
-            const std::string host = fmt::format("host{}", i);
-            client.Commit(Transaction().Put(keys::Labels(host), ToText(Labels{{"site", "a"}})));
-            agents.push_back(std::make_unique<LightAgent>(etcd.Endpoints(), host, LEASE));
-        }
-    }
-
-    pid_t StartDriver()
-    {
-        const pid_t process = fork();
-        if (process == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (!freopen(Path("drivers.log").c_str(), "a", stderr)) _exit(1);
-            execl(VSFLEET, VSFLEET, "drive", "--config", config.c_str(), nullptr);
-            _exit(127);
-        }
-        drivers.push_back(process);
-        return process;
-    }
-
-    static void End(pid_t driver, int signal)
-    {
-        kill(driver, SIGCONT);
-        kill(driver, signal);
-        waitpid(driver, nullptr, 0);
-    }
-
-    // Runs a command of vsfleet until it ends.
-    Said Run(const std::string &words, const std::string &user = "root") const
-    {
-        Said said;
-        FILE *output =
-            popen(fmt::format("{} --config {} {} 2>&1", VSFLEET, Path(user + ".toml"), words).c_str(), "r");
-        std::array<char, 4096> bytes;
-        while (const size_t count = fread(bytes.data(), 1, bytes.size(), output))
-            said.text.append(bytes.data(), count);
-        said.exitCode = WEXITSTATUS(pclose(output));
-        return said;
-    }
-
-    Said Push(const std::string &name, const std::string &file,
-              const std::string &options = "--select site=a")
-    {
-        return Run(fmt::format("push {} {} {} --json", name, Path(file), options));
-    }
-
-    Fleet Now()
-    {
-        for (;;) {
-            try {
-                Client client(etcd.Endpoints());
-                Fleet fleet;
-                fleet.Read(client.GetPrefix(keys::ROOT));
-                return fleet;
-            } catch (const EtcdError &error) {
-                if (error.kind != EtcdError::Kind::UNREACHABLE) throw;
-            }
-        }
-    }
-
-    // Waits until it is so. A test that waits in vain ends with the time limit of all tests.
-    template<class Condition> Fleet Await(Condition isSo)
-    {
-        for (Fleet fleet = Now();; fleet = Now()) {
-            if (isSo(fleet)) return fleet;
-            std::this_thread::sleep_for(Milliseconds(50));
-        }
-    }
-
-    Rollout AwaitEnd(const std::string &name)
-    {
-        const Fleet fleet = Await([&](const Fleet &now) {
-            const Held<Rollout> *last = now.LastRollout(name);
-            return last && !IsActive(last->record.state);
-        });
-        return fleet.LastRollout(name)->record;
-    }
-
-    // All hosts say that they follow these revisions of the document, in order of the hosts; 0: none.
-    void AwaitRevisions(const std::string &name, const std::vector<int64_t> &revisions)
-    {
-        Await([&](const Fleet &fleet) {
-            for (size_t i = 0; i < revisions.size(); i++) {
-                const auto host = fleet.hosts.find(fmt::format("host{}", i));
-                int64_t revision = 0;
-                if (host == fleet.hosts.end()) return false;
-                for (const DocumentRevision &document : host->second.status.record.documents)
-                    if (document.name == name) revision = document.revision;
-                if (revision != revisions[i]) return false;
-            }
-            return true;
-        });
-    }
-
-    EtcdCluster etcd;
-    std::string directory, config;
-    std::vector<std::unique_ptr<LightAgent>> agents;
-    std::vector<pid_t> drivers;
-};
 
 TEST_F(RolloutTest, APushReachesAllHosts)
 {
@@ -488,6 +318,7 @@ protected:
     {
         for (const pid_t process : processes)
             End(process, SIGKILL);
+        KillAllOn(directory + "/h");
     }
 
     std::string OnHost(int number) const
@@ -496,17 +327,28 @@ protected:
                            number);
     }
 
-    // An agent, with a vsctl that plans, and fails to apply port1 while the file fail0, fail1, … is there.
+    // An agent, whose vsctl obeys files of the test: with fail0, host 0 fails to apply port1; with slow0, it
+    // takes long for it; with older0, it doesn't know port2.
     void StartHost(int number)
     {
         const std::string vsctl = Path(fmt::format("vsctl{}", number));
-        Write(fmt::format("vsctl{}", number),
-              fmt::format("#!/bin/sh\ncase \"$*\" in\n*--dry-run*) ;;\napply*) [ ! -e {0}/fail{1} ] || ! "
-                          "grep -q port1 \"$2\" || "
-                          "{{ echo 'vsctl: no such luck' >&2; exit 1; }} ;;\nesac\nexec {2} \"$@\"\n",
-                          directory, number, VSCTL));
+        Write(fmt::format("vsctl{}", number), fmt::format(R"(#!/bin/sh
+has() {{ [ -e {0}/$1{1} ] && grep -q "$2" "$3"; }}
+case "$*" in
+plan*|apply*.json*) has older port2 "$2" && {{
+    echo "{{\"error\":{{\"problem\":\"$2: switches/lab/ports/port2 is not a known key\"}}}}" >&2; exit 5; }} ;;
+esac
+case "$*" in
+*--dry-run*) ;;
+apply*.json*)
+    if has fail port1 "$2"; then echo 'vsctl: no such luck' >&2; exit 1; fi
+    if has slow port1 "$2"; then sleep {3}; fi ;;
+esac
+exec {2} "$@"
+)",
+                                                          directory, number, VSCTL, SlowTime()));
         std::filesystem::permissions(vsctl, std::filesystem::perms::owner_all);
-        std::string text = Text(config);
+        std::string text = Text("root.toml");
         text.replace(text.find(VSCTL), strlen(VSCTL), vsctl);
         text.replace(text.find("/state"), 6, fmt::format("/state{}", number));
         Write(fmt::format("host{}.toml", number),
@@ -528,10 +370,11 @@ protected:
         processes.push_back(process);
     }
 
-    static std::string Text(const std::string &path)
+    // Seconds that a slow host takes.
+    static std::string SlowTime()
     {
-        std::ifstream file(path);
-        return {std::istreambuf_iterator<char>(file), {}};
+        const char *given = getenv("FLEET_SLOW");
+        return given ? given : "4";
     }
 
     // Whether the host has this port, and its switch.
@@ -555,7 +398,7 @@ TEST_F(RealHosts, FollowARolloutAndGoBack)
                fleet.hosts.at("host1").IsHere() && fleet.hosts.at("host2").IsHere();
     });
     const Said first = Push("net", "port0.toml", "--select site=a --canary 1");
-    EXPECT_EQ(first.exitCode, 0) << first.text << Text(Path("agents.log"));
+    EXPECT_EQ(first.exitCode, 0) << first.text << Text("agents.log");
     const Said diff = Run("diff net " + Path("port1.toml") + " --allow-removals --json");
     EXPECT_EQ(diff.exitCode, 10) << diff.text;
     for (int host = 0; host < 3; host++) {
@@ -576,119 +419,28 @@ TEST_F(RealHosts, FollowARolloutAndGoBack)
         EXPECT_FALSE(HasPort(host, "port1"));
     }
     std::filesystem::remove(Path("fail2"));
+
+    // A host with an older version refuses what it doesn't know. The others can go on without it.
+    Write("older1", "");
+    const Said unknown = Push("net", "port2.toml", "--allow-removals");
+    EXPECT_EQ(unknown.exitCode, 1) << unknown.text;
+    for (const char *word :
+         {"no host was changed", "host1: document 'net', revision ", "port2 is not a known"})
+        EXPECT_NE(unknown.text.find(word), std::string::npos) << word << ": " << unknown.text;
+    EXPECT_EQ(Push("net", "port2.toml", "--allow-removals --max-failures 1").exitCode, 0);
+    const int64_t now = Now().heads.at("net").record.document.revision;
+    AwaitRevisions("net", {now, 1, now});
+    EXPECT_TRUE(HasPort(1, "port0"));
+    EXPECT_FALSE(HasPort(1, "port2"));
+    std::filesystem::remove(Path("older1"));
+    EXPECT_EQ(Push("net", "port0.toml", "--allow-removals").exitCode, 0);
+
+    // A slow one is waited for.
+    Write("slow0", "");
     EXPECT_EQ(Push("net", "port1.toml", "--batch 1 --allow-removals").exitCode, 0);
     EXPECT_EQ(Run("remove net --prune").exitCode, 0);
     for (int host = 0; host < 3; host++)
         EXPECT_FALSE(HasPort(host, "port1"));
-}
-
-class ThreeMembers : public RolloutTest {
-protected:
-    ThreeMembers() : RolloutTest(3) {}
-};
-
-// etcd is away in the middle of a rollout, so long that all leases end: nothing is rolled back.
-TEST_F(ThreeMembers, AFleetWithoutEtcdWaits)
-{
-    AddHosts(4);
-    StartDriver();
-    StartDriver();
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 4; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
-    ASSERT_EQ(Push("net", "port1.toml", "--canary 1 --batch 1 --soak 1s --deadline 1s --detach").exitCode, 0);
-    Await([](const Fleet &fleet) { return fleet.LastRollout("net")->record.started == 2; });
-    for (int member = 0; member < 3; member++)
-        etcd.Signal(member, SIGSTOP);
-    std::this_thread::sleep_for(std::chrono::seconds(6));
-    for (int member = 0; member < 3; member++)
-        etcd.Signal(member, SIGCONT);
-    const Rollout rollout = AwaitEnd("net");
-    EXPECT_EQ(rollout.state, RolloutState::DONE) << rollout.message;
-    AwaitRevisions("net", {2, 2, 2, 2});
-}
-
-// Faults by chance. Whatever they do, in the end all hosts follow one revision, each change was whole, no
-// rollout has passed its limit, and no host has been changed twice by one.
-TEST_F(ThreeMembers, ChanceFindsNothing)
-{
-    constexpr int HOSTS = 5;
-    AddHosts(HOSTS);
-    std::array<pid_t, 2> running = {StartDriver(), StartDriver()};
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == HOSTS; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
-    const char *given = getenv("FLEET_SCHEDULES");
-    const unsigned schedules = given ? static_cast<unsigned>(std::stoul(given)) : 10;
-    for (unsigned seed = 1; seed <= schedules; seed++) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        std::mt19937 random(seed);
-        const auto pick = [&](int below) {
-            return static_cast<int>(random() % static_cast<unsigned>(below));
-        };
-        const int limit = pick(3);
-        const auto before = Now().heads.at("net").record.document;
-        const Said said = Push("net", pick(2) ? "port1.toml" : "port2.toml",
-                               fmt::format("--canary {} --batch {} --deadline 1s --max-failures {} --detach",
-                                           pick(3), 1 + pick(3), limit));
-        ASSERT_EQ(said.exitCode, 0) << said.text;
-        const auto pushed = Now().heads.at("net").record.document;
-        int stopped = -1;
-        std::set<int> away;
-        for (int faults = 1 + pick(4); faults > 0; faults--) {
-            std::this_thread::sleep_for(Milliseconds(pick(400)));
-            const int host = pick(HOSTS), fault = pick(6);
-            LightAgent &agent = *agents[static_cast<size_t>(host)];
-            if (fault == 0) {
-                pid_t &driver = running[static_cast<size_t>(pick(2))];
-                End(driver, SIGKILL);
-                std::erase(drivers, driver);
-                driver = StartDriver();
-            } else if (fault == 1 && stopped < 0) {
-                stopped = pick(3);
-                etcd.Signal(stopped, pick(2) ? SIGSTOP : SIGKILL);
-            } else if (fault == 2 && away.size() < 2) {
-                if (away.insert(host).second) agent.Stop();
-            } else if (fault == 3) {
-                agent.Behave(Habit::FAILS);
-            } else if (fault == 4) {
-                agent.Behave(Habit::IGNORES);
-            } else {
-                kill(running[static_cast<size_t>(pick(2))], SIGSTOP);
-            }
-        }
-        // Everything heals but for what the hosts think of this revision.
-        std::this_thread::sleep_for(Milliseconds(pick(2000)));
-        for (const pid_t driver : running)
-            kill(driver, SIGCONT);
-        if (stopped >= 0) {
-            etcd.Signal(stopped, SIGKILL);
-            etcd.Start(stopped);
-        }
-        for (const int host : away)
-            agents[static_cast<size_t>(host)]->Start();
-        const Rollout rollout = AwaitEnd("net");
-        const int64_t failures =
-            std::count_if(rollout.turns.begin(), rollout.turns.end(), [](const auto &item) {
-                return item.second == Turn::FAILED || item.second == Turn::SILENT ||
-                       item.second == Turn::REFUSED || item.second == Turn::UNREACHABLE;
-            });
-        EXPECT_TRUE(rollout.state != RolloutState::DONE || failures <= limit) << ToText(rollout);
-        const auto holds = rollout.state == RolloutState::DONE ? pushed : before;
-        EXPECT_EQ(Now().heads.at("net").record.document, holds) << ToText(rollout);
-        // Whoever has refused it so far does it when it is asked again.
-        for (const auto &agent : agents) {
-            int times = 0;
-            for (const auto &documents : agent->Changes()) {
-                EXPECT_EQ(documents.size(), 1u);
-                times += documents == std::vector{pushed};
-            }
-            EXPECT_LE(times, 1) << agent->host;
-            agent->Behave(Habit::CONFIRMS);
-        }
-        const Said last = Push("net", "port0.toml", "--deadline 20s");
-        ASSERT_EQ(last.exitCode, 0) << last.text;
-        const int64_t revision = Now().heads.at("net").record.document.revision;
-        AwaitRevisions("net", std::vector<int64_t>(HOSTS, revision));
-    }
 }
 
 }

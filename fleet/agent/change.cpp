@@ -16,6 +16,7 @@ constexpr const char *CHECKED = "checked.json";   // one document
 constexpr const char *PRESENT = "present.json";   // the documents that it follows
 constexpr const char *REPLACED = "replaced.json"; // what it was: what only this file names goes
 
+constexpr const char *NOT_IN_TIME = "the change was not confirmed in time, and is undone";
 constexpr size_t MAX_STEPS = 20, MAX_STEP_SIZE = 2000;
 constexpr Milliseconds RETRY{250};
 
@@ -129,7 +130,7 @@ Plan Changer::PlanFor(const Order &order)
     }
     std::vector<std::string> words = ApplyWords(state, order);
     words.push_back("--dry-run");
-    const VsctlAnswer answer = vsctl.Run(words);
+    const VsctlAnswer answer = vsctl.Run(words, order.deadline);
     plan.error = Explained(order, answer);
     plan.changes = static_cast<int64_t>(answer.rows.size());
     plan.steps = FirstSteps(answer.rows);
@@ -162,7 +163,8 @@ void Changer::CarryOut(const Order &order)
     std::vector<std::string> words = ApplyWords(state, order);
     words.insert(words.end(),
                  {"--confirm-within", Seconds(order.confirm), "--deadline", Seconds(order.deadline)});
-    const VsctlAnswer answer = vsctl.Run(words);
+    // vsctl ends by itself when the time is over, and takes its time to undo what it has done.
+    const VsctlAnswer answer = vsctl.Run(words, 2 * order.deadline);
     const Clock::time_point until = Clock::now() + order.confirm - order.confirm / 5;
     if (answer.exit == PARTLY_UNDONE) return End(order, HostState::PARTLY_UNDONE, answer.problem);
     // Killed, or refused.
@@ -211,8 +213,20 @@ void Changer::Confirm(const Order &order)
 {
     const VsctlAnswer answer = vsctl.Run({"confirm"});
     if (answer.exit == DONE) return End(order, HostState::CONFIRMED, "");
-    const bool isLate = answer.exit == NOT_FOUND || answer.exit == TIMED_OUT;
-    UndoAndEnd(order, isLate ? "the change was not confirmed in time, and is undone" : answer.problem);
+    if (!IsOwnChangePending()) return Settle(order);
+    UndoAndEnd(order, answer.exit == TIMED_OUT ? NOT_IN_TIME : answer.problem);
+}
+
+// The change was confirmed, or undone before it could be.
+void Changer::Settle(const Order &order)
+{
+    const bool isAsBefore = vsctl.Run({"plan", state.Path(REPLACED)}).exit == DONE;
+    const bool isThere =
+        vsctl.Run({"plan", state.Path(NEXT), "--replaces", state.Path(REPLACED)}).exit == DONE;
+    if (isThere || !isAsBefore)
+        End(order, HostState::CONFIRMED, "");
+    else
+        End(order, HostState::FAILED, NOT_IN_TIME);
 }
 
 void Changer::End(const Order &order, HostState end, const std::string &error)
@@ -271,14 +285,7 @@ bool Changer::Recover()
     } else if (IsOwnChangePending()) {
         Confirm(order);
     } else {
-        // It was confirmed, or undone before it could be.
-        const bool isAsBefore = vsctl.Run({"plan", state.Path(REPLACED)}).exit == DONE;
-        const bool isThere =
-            vsctl.Run({"plan", state.Path(NEXT), "--replaces", state.Path(REPLACED)}).exit == DONE;
-        if (isThere || !isAsBefore)
-            End(order, HostState::CONFIRMED, "");
-        else
-            End(order, HostState::FAILED, "the change was not confirmed in time, and is undone");
+        Settle(order);
     }
     return true;
 }

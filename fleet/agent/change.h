@@ -40,6 +40,7 @@ private:
     std::string Explained(const Order &order, const VsctlAnswer &answer);
     Reported ReportOnNewConnection(const Order &order, Clock::time_point until);
     void Confirm(const Order &order);
+    void Settle(const Order &order);
     void End(const Order &order, HostState state, const std::string &error);
     void UndoAndEnd(const Order &order, const std::string &why);
     bool IsOwnChangePending();

@@ -5,6 +5,8 @@
 #include <fstream>
 #include <unistd.h>
 
+#include "fleet/protocol/certificates.h"
+
 namespace vsfleet {
 
 namespace {
@@ -51,6 +53,8 @@ void Session::Begin()
 {
     if (claim && !client.KeepAlive(state.memory.lease)) claim = 0;
     if (!claim) TakeClaim();
+    std::ifstream certificate(config.endpoints.certificate);
+    state.memory.status.certificate = EndOf({std::istreambuf_iterator<char>(certificate), {}});
     const auto entry = client.Get(keys::Status(config.host));
     status = entry ? entry->modified : 0;
     reported = entry ? entry->value : "";
@@ -150,6 +154,10 @@ std::string Session::Text(const DocumentRevision &document)
     const auto entry = client.Get(keys::Revision(document.name, document.revision));
     if (!entry) throw std::runtime_error(name + " is not in etcd");
     const StoredDocument stored = FromText<StoredDocument>(entry->value);
+    if (stored.format > FORMAT)
+        throw std::runtime_error(fmt::format("{} has format {}, and vsfleet {} of this host reads up to {}; "
+                                             "install a later version",
+                                             name, stored.format, VSWITCHCTL_VERSION, FORMAT));
     if (stored.sum != document.sum) throw std::runtime_error(name + " is another one than the target names");
     text = Restore(stored);
     state.Keep(document, text);

@@ -15,7 +15,10 @@ namespace vsfleet {
 
 namespace {
 
-constexpr int TICK = 500; // ms
+using Clock = std::chrono::steady_clock;
+
+constexpr int TICK = 500, BRIEF = 5;      // ms
+constexpr std::chrono::seconds GRACE{10}; // for undoing what was begun
 
 // What a child writes to one of its streams.
 struct Stream {
@@ -60,6 +63,25 @@ struct Stream {
     _exit(127);
 }
 
+// Tells a child whose time is over to stop, and kills it when it doesn't: it, and what it has started.
+class Limit {
+public:
+    Limit(pid_t child, std::chrono::seconds time) : child(child), end(Clock::now() + time) {}
+    void Enforce()
+    {
+        if (Clock::now() < end) return;
+        kill(-child, isOver ? SIGKILL : SIGTERM);
+        isOver = true;
+        end = Clock::now() + GRACE;
+    }
+    bool IsOver() const { return isOver; }
+
+private:
+    pid_t child;
+    Clock::time_point end;
+    bool isOver = false;
+};
+
 // Waits for the child; a child of its own that has kept the streams open isn't waited for.
 int Await(pid_t child, Stream &output, Stream &errors, const std::function<void()> &tick)
 {
@@ -67,13 +89,14 @@ int Await(pid_t child, Stream &output, Stream &errors, const std::function<void(
     int status = 0;
     bool isRunning = true;
     for (;;) {
-        const int ready = poll(streams, 2, isRunning ? TICK : 0);
+        const bool hasEnded = streams[0].fd < 0 && streams[1].fd < 0;
+        const int ready = poll(streams, 2, !isRunning ? 0 : hasEnded ? BRIEF : TICK);
         if (ready > 0 && streams[0].revents && !output.Read()) streams[0].fd = -1;
         if (ready > 0 && streams[1].revents && !errors.Read()) streams[1].fd = -1;
         if (!isRunning && ready <= 0) return status;
-        const bool hasEnded = streams[0].fd < 0 && streams[1].fd < 0;
-        if (isRunning) isRunning = waitpid(child, &status, hasEnded ? 0 : WNOHANG) != child;
-        tick();
+        if (!isRunning) continue;
+        isRunning = waitpid(child, &status, WNOHANG) != child;
+        if (isRunning) tick();
     }
 }
 
@@ -90,7 +113,7 @@ std::string ProblemOf(const std::string &text)
 
 }
 
-VsctlAnswer Vsctl::Run(std::vector<std::string> words)
+VsctlAnswer Vsctl::Run(std::vector<std::string> words, std::chrono::seconds time)
 {
     words.insert(words.begin(), program);
     words.push_back("--json");
@@ -104,7 +127,11 @@ VsctlAnswer Vsctl::Run(std::vector<std::string> words)
     if (child == 0) Execute(arguments.data(), output, errors, parent);
     output.CloseWriter();
     errors.CloseWriter();
-    const int status = Await(child, output, errors, tick);
+    Limit limit(child, time);
+    const int status = Await(child, output, errors, [&] {
+        limit.Enforce();
+        tick();
+    });
 
     VsctlAnswer answer;
     if (WIFEXITED(status)) answer.exit = WEXITSTATUS(status);
@@ -112,6 +139,10 @@ VsctlAnswer Vsctl::Run(std::vector<std::string> words)
     if (json.is_object()) answer.rows = json.value("result", Json::array());
     if (answer.exit != DONE && answer.exit != PENDING) {
         answer.problem = ProblemOf(errors.text);
+        if (limit.IsOver() && answer.exit != PARTLY_UNDONE) {
+            answer.exit = TIMED_OUT;
+            answer.problem = fmt::format("{} took longer than {} s, and was ended", program, time.count());
+        }
         if (answer.problem.empty())
             answer.problem =
                 WIFSIGNALED(status)

@@ -1,6 +1,7 @@
 // `vsctl` as a child process: its JSON and its exit codes.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -26,6 +27,9 @@ struct VsctlAnswer {
     std::string problem; // of an exit code that says so
 };
 
+// Far more than any host needs: vsctl hangs.
+inline constexpr std::chrono::seconds USUAL_LIMIT{300};
+
 class Vsctl {
 public:
     // `tick` is called now and then while a child runs. It does not throw.
@@ -33,9 +37,9 @@ public:
         : program(std::move(program)), tick(std::move(tick))
     {}
 
-    // Waits for the end of `vsctl WORDS --json`. When the agent dies meanwhile, vsctl is told to stop, and
-    // undoes what it has begun.
-    VsctlAnswer Run(std::vector<std::string> words);
+    // Waits for the end of `vsctl WORDS --json`. When the agent dies meanwhile, or the time is over, vsctl is
+    // told to stop, and undoes what it has begun. It is killed when it doesn't.
+    VsctlAnswer Run(std::vector<std::string> words, std::chrono::seconds limit = USUAL_LIMIT);
 
 private:
     std::string program;

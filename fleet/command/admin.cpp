@@ -290,7 +290,7 @@ Exit Adopt(Console &console)
     console.Commit(transaction, audit);
     console.PrintRows({{{"cluster", fmt::format("{:x}", console.client.Known().cluster)},
                         {"revision", console.client.Known().revision},
-                        {"next", "agents follow it now; drivers do when they are started again"}}});
+                        {"next", "agents and drivers follow it now"}}});
     return Exit::DONE;
 }
 

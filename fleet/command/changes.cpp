@@ -252,7 +252,7 @@ Exit Push(Console &console, const PushArguments &given)
     const RolloutOptions options = OptionsOf(given.waves);
     Change change = ChangeOf(console, given);
     RefuseWhileRunning(console.fleet, given.name);
-    change.action = "push";
+    change.action = console.command;
     change.rollout.options = options;
     return SubmitAndFollow(console, change, given.waves.detach);
 }
@@ -300,7 +300,7 @@ Exit Diff(Console &console, const PushArguments &given)
 {
     Change change = ChangeOf(console, given);
     RefuseWhileRunning(console.fleet, given.name);
-    change.action = "diff";
+    change.action = console.command;
     change.rollout.options.planOnly = true;
     change.rollout.options.withoutAbsent = true;
     change.rollout.options.deadline = ParseSeconds("--deadline", given.waves.deadline);
@@ -323,6 +323,18 @@ Exit Diff(Console &console, const PushArguments &given)
     return isAny ? Exit::PENDING : Exit::DONE;
 }
 
+// A change of the present head, as far as all such changes are alike.
+Change ChangeOfHead(Console &console, const std::string &name, const WaveArguments &waves)
+{
+    Change change;
+    change.action = console.command;
+    change.rollout.options = OptionsOf(waves);
+    console.ReadFleet();
+    change.rollout.head = RequireHead(console.fleet, name);
+    RefuseWhileRunning(console.fleet, name);
+    return change;
+}
+
 struct RollbackArguments {
     std::string name;
     int64_t revision = 0;
@@ -331,13 +343,8 @@ struct RollbackArguments {
 
 Exit RollBack(Console &console, const RollbackArguments &given)
 {
-    console.ReadFleet();
-    Change change;
-    change.action = "rollback";
-    change.rollout.options = OptionsOf(given.waves);
+    Change change = ChangeOfHead(console, given.name, given.waves);
     Head &head = change.rollout.head;
-    head = RequireHead(console.fleet, given.name);
-    RefuseWhileRunning(console.fleet, given.name);
     const int64_t revision = given.revision ? given.revision : head.previous;
     if (!revision)
         throw Error(Exit::NOT_FOUND,
@@ -361,13 +368,8 @@ struct RemoveArguments {
 
 Exit Remove(Console &console, const RemoveArguments &given)
 {
-    console.ReadFleet();
-    Change change;
-    change.action = "remove";
-    change.rollout.options = OptionsOf(given.waves);
+    Change change = ChangeOfHead(console, given.name, given.waves);
     Head &head = change.rollout.head;
-    head = RequireHead(console.fleet, given.name);
-    RefuseWhileRunning(console.fleet, given.name);
     if (head.isRemoved && head.prune == given.prune)
         throw Error(Exit::EXISTS, fmt::format("'{}' has been removed", given.name),
                     "hosts that have been absent follow when they are back");

@@ -1,15 +1,20 @@
 // status, hosts, watch, history: what operators see.
 #include <CLI/CLI.hpp>
-#include <fmt/format.h>
+#include <fmt/chrono.h>
+#include <fstream>
 
 #include "fleet/command/commands.h"
 #include "fleet/command/follow.h"
+#include "fleet/protocol/certificates.h"
 #include "fleet/protocol/documents.h"
 #include "fleet/protocol/keys.h"
 
 namespace vsfleet {
 
 namespace {
+
+constexpr int WARNING_DAYS = 30;
+constexpr time_t SECONDS_OF_DAY = 86400;
 
 std::string StateText(const HostView &view)
 {
@@ -105,6 +110,7 @@ Rows HostListRows(const Fleet &fleet)
                         {"documents", documents},
                         {"labels", labels},
                         {"version", view.status.record.version},
+                        {"certificate", view.status.record.certificate},
                         {"error", view.target.record.phase == Phase::HOLD && view.target.modified
                                       ? view.target.record.reason
                                       : view.status.record.error}});
@@ -112,10 +118,29 @@ Rows HostListRows(const Fleet &fleet)
     return rows;
 }
 
+// Of certificates that end soon.
+void WarnOfCertificates(const Console &console)
+{
+    const std::string soon =
+        fmt::format("{:%Y-%m-%d}", fmt::gmtime(time(nullptr) + WARNING_DAYS * SECONDS_OF_DAY));
+    std::ifstream file(console.config.endpoints.certificate);
+    const std::string own = EndOf({std::istreambuf_iterator<char>(file), {}});
+    if (own < soon)
+        Note(fmt::format("the certificate of this command ends on {}; `vsfleet setup --member …` renews it",
+                         own));
+    for (const auto &[host, view] : console.fleet.hosts) {
+        const std::string &end = view.status.record.certificate;
+        if (!end.empty() && end < soon)
+            Note(
+                fmt::format("the certificate of {0} ends on {1}; `vsfleet enroll {0}` renews it", host, end));
+    }
+}
+
 Exit ShowStatus(Console &console, const std::string &name)
 {
     console.ReadFleet();
     console.PrintRows(name.empty() ? DocumentRows(console.fleet) : DocumentHostRows(console.fleet, name));
+    WarnOfCertificates(console);
     if (!console.fleet.leader) Note("no driver leads; start `vsfleet drive` (vsfleet-drive.service)");
     return Exit::DONE;
 }

@@ -107,20 +107,17 @@ Transaction &Transaction::Delete(const std::string &key)
     return *this;
 }
 
-Transaction &Transaction::DeletePrefix(const std::string &prefix)
+Transaction &Transaction::DeleteRange(const std::string &first, const std::string &last)
 {
     DeleteRangeRequest &range = *request.add_success()->mutable_request_delete_range();
-    range.set_key(prefix);
-    range.set_range_end(PrefixEnd(prefix));
+    range.set_key(first);
+    range.set_range_end(last);
     return *this;
 }
 
 // ---- Connections ----
 
-Client::Client(Endpoints given, Identity known)
-    : endpoints(std::move(given)), authority(ReadFile(endpoints.authority)),
-      certificate(ReadFile(endpoints.certificate)), key(ReadFile(endpoints.key)), known(known)
-{}
+Client::Client(Endpoints given, Identity known) : endpoints(std::move(given)), known(known) {}
 
 std::shared_ptr<grpc::Channel> Client::Connect(const std::string &address)
 {
@@ -129,7 +126,10 @@ std::shared_ptr<grpc::Channel> Client::Connect(const std::string &address)
     arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
     arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);
     arguments.SetMaxReceiveMessageSize(-1);
-    return grpc::CreateCustomChannel(address, grpc::SslCredentials({authority, key, certificate}), arguments);
+    // Read each time, so that a renewed certificate is used.
+    const grpc::SslCredentialsOptions files = {ReadFile(endpoints.authority), ReadFile(endpoints.key),
+                                               ReadFile(endpoints.certificate)};
+    return grpc::CreateCustomChannel(address, grpc::SslCredentials(files), arguments);
 }
 
 // The present connection, or a new one to the first member that takes it.

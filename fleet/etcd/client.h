@@ -76,7 +76,9 @@ public:
     Transaction &IfCreated(const std::string &key, int64_t revision);
     Transaction &Put(const std::string &key, const std::string &value, int64_t lease = 0);
     Transaction &Delete(const std::string &key);
-    Transaction &DeletePrefix(const std::string &prefix);
+    // All keys from the first one on, without the last.
+    Transaction &DeleteRange(const std::string &first, const std::string &last);
+    Transaction &DeletePrefix(const std::string &prefix) { return DeleteRange(prefix, PrefixEnd(prefix)); }
 
     int Size() const { return request.success_size(); }
     const etcdserverpb::TxnRequest &Request() const { return request; }
@@ -136,8 +138,7 @@ private:
     std::shared_ptr<grpc::Channel> Connect(const std::string &address);
 
     Endpoints endpoints;
-    std::string authority, certificate, key; // contents of the files
-    size_t current = 0;                      // in endpoints.addresses
+    size_t current = 0; // in endpoints.addresses
     std::shared_ptr<grpc::Channel> channel;
     Identity known;
 };

@@ -4,7 +4,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include <fmt/format.h>
+#include <fmt/chrono.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
@@ -123,12 +123,11 @@ Certificate MakeCertificate(const Certificate &authority, const std::string &nam
     return Sign(certificate.get(), key.get(), issuerKey.get());
 }
 
-int DaysLeft(const std::string &certificate)
+std::string EndOf(const std::string &certificate)
 {
-    int days = 0, seconds = 0;
-    Need(ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(ReadCertificate(certificate).get())) ==
-         1);
-    return seconds < 0 ? days - 1 : days;
+    tm end = {};
+    Need(ASN1_TIME_to_tm(X509_get0_notAfter(ReadCertificate(certificate).get()), &end) == 1);
+    return fmt::format("{:%Y-%m-%d}", end);
 }
 
 std::string Sha256(const std::string &text)

@@ -19,8 +19,8 @@ Certificate MakeAuthority(const std::string &name);
 // `name` is the user that etcd takes the holder for. A server is reached by its addresses.
 Certificate MakeCertificate(const Certificate &authority, const std::string &name,
                             const std::vector<std::string> &addresses = {});
-// The days until the certificate ends; negative: it has ended.
-int DaysLeft(const std::string &certificate);
+// The day on which the certificate ends, like "2027-03-01".
+std::string EndOf(const std::string &certificate);
 
 // In hexadecimal digits.
 std::string Sha256(const std::string &text);

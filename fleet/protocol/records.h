@@ -24,14 +24,17 @@ struct DocumentRevision {
 };
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(DocumentRevision, name, revision, sum)
 
+inline constexpr int64_t FORMAT = 1; // of stored documents; an agent refuses a later one
+
 // desired/NAME/REVISION: a plan file, as `vsctl plan --check --json` printed it when it was pushed.
 struct StoredDocument {
+    int64_t format = FORMAT;
     std::string sum;                   // SHA-256 of the text
     int64_t size = 0;                  // of the text
     std::string compressed;            // the text: zlib, base64
     std::vector<std::string> switches; // that it names
 };
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(StoredDocument, sum, size, compressed, switches)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(StoredDocument, format, sum, size, compressed, switches)
 
 using Labels = std::map<std::string, std::string>;
 
@@ -129,8 +132,10 @@ struct Status {
     std::string error;
     Json drift = Json::array(); // the first steps that would bring it back
     std::string version;        // of the agent
+    std::string certificate;    // the day on which the agent's ends
 };
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Status, state, target, documents, error, drift, version)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Status, state, target, documents, error, drift, version,
+                                                certificate)
 
 // ---- The driver and an operator ----
 

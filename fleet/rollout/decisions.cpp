@@ -504,7 +504,7 @@ Step Decisions::Converge() const
         const Target target = desired.Of(host);
         const bool isNothing = target.documents.empty() && target.prune.empty();
         if (view.target.modified ? AsksForTheSame(view.target.record, target) : isNothing) continue;
-        step.writes.push_back({keys::Target(host), ToText(target), false});
+        step.writes.push_back({keys::Target(host), ToText(target), false, view.target.modified});
     }
     return step;
 }
@@ -526,7 +526,9 @@ Step Decisions::Tidy() const
     Step step;
     for (const auto &[id, held] : fleet->rollouts) {
         if (IsActive(held.record.state) || !IsFollowed(held)) continue;
-        step.writes.push_back({keys::Rollout(id), "", true});
+        step.rollout = keys::Rollout(id); // a number that is free again may be another document's soon
+        step.modified = held.modified;
+        step.writes.push_back({step.rollout, "", true});
         const DocumentRevision &document = held.record.head.document;
         if (held.record.options.planOnly && !IsUsed(*fleet, document, id))
             step.writes.push_back({DocumentKey(document), "", true});

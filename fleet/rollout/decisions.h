@@ -12,9 +12,11 @@ struct Write {
     std::string key;
     std::string value;
     bool isDeleted = false;
+    std::optional<int64_t> modified = {}; // the revision of the key that was seen, if it matters
 };
 
-// Writes that are made together, as long as the rollout that they are of is still the one that was seen.
+// Writes that are made together, as long as what they are decided on is still what was seen: the rollout that
+// they are of, or the keys themselves.
 struct Step {
     std::vector<Write> writes;
     std::string rollout;        // key; empty: they are of no rollout

@@ -20,18 +20,20 @@ using Kind = EtcdError::Kind;
 constexpr Milliseconds TURN{200};      // between looks at what time has brought
 constexpr Milliseconds GATHERING{20};  // events that come together are decided on together
 constexpr Milliseconds MAX_REST{5000}; // after an error
-constexpr std::chrono::hours COMPACTION{1};
+constexpr std::chrono::hours CLEARANCE{1};
 constexpr int64_t KEPT_REVISIONS = 20000;
+constexpr size_t KEPT_RECORDS = 10000; // of who did what
 
 // What a driver remembers: the etcd that it knows and, when it has met another state, the adoption that was
 // there then. A later one is an operator's word that this state holds.
 struct Memory {
     uint64_t cluster = 0;
     int64_t revision = 0;
+    std::string record; // the last one of the history that was seen
     bool isRestored = false;
     std::string adoption;
 };
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Memory, cluster, revision, isRestored, adoption)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Memory, cluster, revision, record, isRestored, adoption)
 
 std::string FileOf(const Config &config) { return config.state + "/driver.json"; }
 
@@ -76,7 +78,8 @@ Identity KnownTo(const Config &config)
 }
 
 Driver::Driver(const Config &given)
-    : config(given), client(given.endpoints, KnownTo(given)), decisions(given.lease), compacted(Clock::now())
+    : config(given), client(given.endpoints, KnownTo(given)), decisions(given.lease),
+      record(ReadMemory(given).record)
 {}
 
 void Driver::Say(const std::string &what)
@@ -87,24 +90,11 @@ void Driver::Say(const std::string &what)
 
 void Driver::Run(const std::atomic<bool> &isStopped)
 {
-    int failures = 0;
-    while (!isStopped) {
-        try {
-            if (Elect())
-                Lead(isStopped);
-            else
-                WaitForElection(isStopped);
+    for (int failures = 0; !isStopped;) {
+        if (Attempt(isStopped))
             failures = 0;
-        } catch (const EtcdError &error) {
-            watch.reset();
-            client.Reconnect();
-            if (error.kind == Kind::RESTORED) AdoptOrThrow(error);
-            if (error.kind == Kind::DENIED) throw;
-            Say(error.kind == Kind::NO_SPACE
-                    ? "etcd is full: run `etcdctl compact`, `etcdctl defrag` and `etcdctl alarm disarm`"
-                    : error.what());
+        else
             std::this_thread::sleep_for(Rest(failures++));
-        }
     }
     if (!elected) return;
     try {
@@ -113,25 +103,52 @@ void Driver::Run(const std::atomic<bool> &isStopped)
     }
 }
 
-// Another state of etcd is followed when an operator has said so after it was noticed.
-void Driver::AdoptOrThrow(const EtcdError &error)
+// False: there is nothing to do but to try again later.
+bool Driver::Attempt(const std::atomic<bool> &isStopped)
+{
+    try {
+        if (!MayFollow()) return false;
+        if (Elect())
+            Lead(isStopped);
+        else
+            WaitForElection(isStopped);
+        return true;
+    } catch (const EtcdError &error) {
+        watch.reset();
+        client.Reconnect();
+        if (error.kind == Kind::DENIED) throw;
+        isRestored = isRestored || error.kind == Kind::RESTORED;
+        Say(error.kind == Kind::NO_SPACE
+                ? "etcd is full: run `etcdctl compact`, `etcdctl defrag` and `etcdctl alarm disarm`"
+                : error.what());
+        return false;
+    }
+}
+
+// Another state of etcd is followed once an operator has said so after it was noticed.
+bool Driver::MayFollow()
 {
     Memory memory = ReadMemory(config);
+    if (!isRestored && !memory.isRestored) return true;
     Client present(config.endpoints);
     const auto entry = present.Get(keys::ADOPTED);
     const std::string adoption = entry ? FromText<Adoption>(entry->value).id : "";
-    if (memory.isRestored && adoption != memory.adoption) {
-        Say("follows the restored etcd");
-        client.Adopt(keys::ADOPTED);
-        WriteMemory(config, {client.Known().cluster, client.Known().revision, false, adoption});
-        return;
+    if (!memory.isRestored) {
+        memory.isRestored = true;
+        memory.adoption = adoption;
+        WriteMemory(config, memory);
     }
-    memory.isRestored = true;
-    memory.adoption = adoption;
-    WriteMemory(config, memory);
-    throw EtcdError(error.kind, fmt::format("{}; nothing was changed. If its state is to hold, run `vsfleet "
-                                            "adopt` and start the driver again",
-                                            error.what()));
+    if (memory.adoption == adoption) {
+        Say("etcd was restored from a backup, or is another one: changes nothing until `vsfleet adopt`");
+        return false;
+    }
+    Say("follows the restored etcd");
+    client.Adopt(keys::ADOPTED);
+    record.clear();
+    WriteMemory(config, {client.Known().cluster, client.Known().revision, record, false, adoption});
+    isRestored = false;
+    elected = 0;
+    return true;
 }
 
 // ---- Election ----
@@ -165,7 +182,8 @@ void Driver::WaitForElection(const std::atomic<bool> &isStopped)
         return;
     }
     Say("another driver leads; waits");
-    Watch wait(client, keys::LEADER, leader->modified + 1);
+    // Its own revision may be compacted by now.
+    Watch wait(client, keys::LEADER, client.Known().revision + 1);
     while (!isStopped) {
         for (const KeyEvent &event : wait.Next(TURN)) {
             if (event.isDeleted) return;
@@ -179,16 +197,26 @@ void Driver::KeepLease()
     if (Clock::now() - renewed < config.lease / 3) return;
     if (!client.KeepAlive(lease)) throw EtcdError(Kind::FAILED, "the lease of this driver has ended");
     renewed = Clock::now();
-    WriteMemory(config, {client.Known().cluster, client.Known().revision, false, ""});
+    WriteMemory(config, {client.Known().cluster, client.Known().revision, record, false, ""});
 }
 
 // ---- Leading ----
 
+// A restored etcd may have as many revisions again, but not what the history has lost.
 void Driver::ReadFleet()
 {
+    if (!record.empty() && !client.Get(record))
+        throw EtcdError(Kind::RESTORED, "etcd has lost a part of the history");
     const Snapshot snapshot = client.GetPrefix(keys::ROOT);
     fleet.Read(snapshot);
+    for (const Entry &entry : snapshot.entries)
+        Remember(entry.key);
     watch = std::make_unique<Watch>(client, keys::ROOT, snapshot.revision + 1);
+}
+
+void Driver::Remember(const std::string &key)
+{
+    if (key.starts_with(keys::AUDIT)) record = key;
 }
 
 // The events of the time given, or those that come together.
@@ -196,8 +224,10 @@ void Driver::TakeEvents(Milliseconds time)
 {
     const Clock::time_point end = Clock::now() + time;
     for (std::vector<KeyEvent> events = watch->Next(time); !events.empty(); events = watch->Next(GATHERING)) {
-        for (const KeyEvent &event : events)
+        for (const KeyEvent &event : events) {
             fleet.Take(event);
+            if (!event.isDeleted) Remember(event.entry.key);
+        }
         if (Clock::now() >= end) return;
     }
 }
@@ -212,7 +242,7 @@ void Driver::Lead(const std::atomic<bool> &isStopped)
         const auto now = std::chrono::duration_cast<Milliseconds>(Clock::now().time_since_epoch());
         const Step step = decisions.Next(fleet, now);
         if (step.IsEmpty()) {
-            Compact();
+            if (Clock::now() >= nextClearance) Clear();
             TakeEvents(TURN);
         } else if (!Carry(step)) {
             return;
@@ -227,6 +257,7 @@ bool Driver::Carry(const Step &step)
     transaction.IfCreated(keys::LEADER, elected);
     if (!step.rollout.empty()) transaction.IfModified(step.rollout, step.modified);
     for (const Write &write : step.writes) {
+        if (write.modified) transaction.IfModified(write.key, *write.modified);
         if (write.isDeleted)
             transaction.Delete(write.key);
         else
@@ -251,11 +282,17 @@ bool Driver::Carry(const Step &step)
     return true;
 }
 
-void Driver::Compact()
+// What grows with time.
+void Driver::Clear()
 {
-    if (Clock::now() - compacted < COMPACTION) return;
-    compacted = Clock::now();
+    nextClearance = Clock::now() + CLEARANCE;
     if (client.Known().revision > KEPT_REVISIONS) client.Compact(client.Known().revision - KEPT_REVISIONS);
+    const std::vector<Entry> records = client.GetPrefix(keys::AUDIT).entries;
+    if (records.size() <= KEPT_RECORDS) return;
+    Transaction transaction;
+    transaction.IfCreated(keys::LEADER, elected)
+        .DeleteRange(keys::AUDIT, records[records.size() - KEPT_RECORDS].key);
+    client.Commit(transaction);
 }
 
 }
