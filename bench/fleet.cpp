@@ -1,6 +1,9 @@
-// A fleet at scale: hosts as light clients of the same protocol code against three members of etcd on this
-// machine. Time from a push to the last confirmation without waves, load while nothing happens, and what a
-// real agent takes. Prints one table.
+// A fleet at scale: hosts as light clients of the same protocol code, and real agents with hosts of their
+// own, against three members of etcd on this machine. Time from a push to the last confirmation without
+// waves, load while nothing happens, memory of an agent. Prints one table.
+//
+//   fleet_bench [LIGHT CLIENTS [AGENTS]]
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fmt/format.h>
@@ -41,12 +44,27 @@ double Used(pid_t process)
     return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
+// Memory that a process shares with no other, in MB.
+double PrivateMemory(pid_t process)
+{
+    std::ifstream file(fmt::format("/proc/{}/smaps_rollup", process));
+    double sum = 0;
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with("Private_")) sum += std::stod(line.substr(line.find(':') + 1)) / 1024;
+    }
+    return sum;
+}
+
+const std::string DIRECTORY = "/dev/shm/fleet-bench";
+
 std::string HostName(int number) { return fmt::format("host{:05}", number); }
 
 class Bench {
 public:
-    Bench(int hosts) : etcd(3), client(etcd.Endpoints()), hosts(hosts)
+    Bench(int hosts, bool isReal) : etcd(3), client(etcd.Endpoints()), hosts(hosts), isReal(isReal)
     {
+        std::filesystem::remove_all(DIRECTORY);
+        std::filesystem::create_directories(DIRECTORY);
         for (int begin = 0; begin < hosts; begin += 100) {
             Transaction transaction;
             for (int i = begin; i < std::min(begin + 100, hosts); i++)
@@ -62,6 +80,12 @@ public:
             agent->AskToStop();
         agents.clear();
         driver.join();
+        for (const pid_t process : processes) {
+            kill(process, SIGKILL);
+            waitpid(process, nullptr, 0);
+        }
+        KillAllOn(DIRECTORY);
+        std::filesystem::remove_all(DIRECTORY);
     }
 
     // Until all hosts have claimed their names and one driver leads.
@@ -70,12 +94,14 @@ public:
         const Clock::time_point begin = Clock::now();
         for (int i = 0; i < hosts; i++) {
             std::this_thread::sleep_for(BETWEEN);
-            agents.push_back(std::make_unique<LightAgent>(etcd.Endpoints(), HostName(i), LEASE, true));
+            if (isReal)
+                StartAgent(HostName(i));
+            else
+                agents.push_back(std::make_unique<LightAgent>(etcd.Endpoints(), HostName(i), LEASE, true));
         }
         Config config;
         config.endpoints = etcd.Endpoints();
-        config.state = "/dev/shm/fleet-bench-driver";
-        std::filesystem::remove_all(config.state);
+        config.state = DIRECTORY + "/driver";
         config.lease = LEASE;
         driver = std::thread([this, config] { Driver(config).Run(isStopped); });
         for (;;) {
@@ -101,8 +127,8 @@ public:
 
     Pushed Push(int64_t revision)
     {
-        const StoredDocument document =
-            Store(fmt::format("{{\"switches\":{{\"lab\":{{\"mtu\":{}}}}}}}", 1500 + revision));
+        const StoredDocument document = Store(fmt::format(
+            R"({{"switches":{{"lab":{{"ports":{{"port0..port7":{{"vlan":{{"id":{}}}}}}}}}}}}})", revision));
         Rollout rollout;
         rollout.id = RandomId();
         rollout.head.document = {"net", revision, document.sum};
@@ -137,6 +163,15 @@ public:
         }
     }
 
+    // Of an agent, in MB: the mean.
+    double Memory() const
+    {
+        double sum = 0;
+        for (const pid_t process : processes)
+            sum += PrivateMemory(process);
+        return sum / hosts;
+    }
+
     // The share of a processor that each member takes while nothing happens.
     std::vector<double> Idle()
     {
@@ -152,9 +187,31 @@ public:
     }
 
 private:
+    void StartAgent(const std::string &host)
+    {
+        const std::string own = DIRECTORY + "/" + host, config = own + ".toml";
+        const Endpoints endpoints = etcd.Endpoints();
+        std::ofstream(config) << fmt::format(
+            "endpoints = [\"{}\", \"{}\", \"{}\"]\nauthority = \"{}\"\ncertificate = \"{}\"\nkey = \"{}\"\n"
+            "host = \"{}\"\nstate = \"{}-state\"\nvsctl = \"{}\"\n",
+            endpoints.addresses[0], endpoints.addresses[1], endpoints.addresses[2], endpoints.authority,
+            endpoints.certificate, endpoints.key, host, own, VSCTL);
+        const std::string launcher = std::filesystem::path(VSFLEET).parent_path() / "platform/vshost";
+        const pid_t process = fork();
+        if (process == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            execl(launcher.c_str(), "vshost", "run", "--state", own.c_str(), "--durability", "process", "--",
+                  VSFLEET, "agent", "--config", config.c_str(), nullptr);
+            _exit(127);
+        }
+        processes.push_back(process);
+    }
+
     EtcdCluster etcd;
     Client client;
     int hosts;
+    bool isReal;
+    std::vector<pid_t> processes;
     Head before;
     std::atomic<bool> isStopped = false;
     std::vector<std::unique_ptr<LightAgent>> agents;
@@ -163,14 +220,8 @@ private:
 
 void Row(const std::string &what, const std::string &value) { fmt::print("{:52} {:>12}\n", what, value); }
 
-}
-
-int main(int argc, char **argv)
+void PushRows(Bench &bench, int hosts)
 {
-    const int hosts = argc > 1 ? std::atoi(argv[1]) : 1000;
-    Bench bench(hosts);
-    Row("hosts (light clients, leases of 30 s)", std::to_string(hosts));
-    Row("from start until all have claimed, s", fmt::format("{:.1f}", bench.Start()));
     for (int64_t revision = 1; revision <= 3; revision++) {
         const Bench::Pushed pushed = bench.Push(revision);
         Row(fmt::format("push {}: until the last confirmation, s", revision),
@@ -180,7 +231,33 @@ int main(int argc, char **argv)
         Row(fmt::format("push {}: revisions of etcd, for each host", revision),
             fmt::format("{:.2f}", static_cast<double>(pushed.revisions) / hosts));
     }
+}
+
+void LightRows(int hosts)
+{
+    Bench bench(hosts, false);
+    Row("hosts (light clients, leases of 30 s)", std::to_string(hosts));
+    Row("from start until all have claimed, s", fmt::format("{:.1f}", bench.Start()));
+    PushRows(bench, hosts);
     const std::vector<double> idle = bench.Idle();
     Row("idle: share of a processor, leader", fmt::format("{:.3f}", idle[0]));
     Row("idle: share of a processor, another member", fmt::format("{:.3f}", idle[1]));
+}
+
+void RealRows(int hosts)
+{
+    Bench bench(hosts, true);
+    Row("hosts with agents and switches", std::to_string(hosts));
+    Row("from start until all have claimed, s", fmt::format("{:.1f}", bench.Start()));
+    PushRows(bench, hosts);
+    Row("private memory of an idle agent, MB", fmt::format("{:.1f}", bench.Memory()));
+}
+
+}
+
+int main(int argc, char **argv)
+{
+    const int light = argc > 1 ? std::atoi(argv[1]) : 1000, real = argc > 2 ? std::atoi(argv[2]) : 100;
+    if (light) LightRows(light);
+    if (real) RealRows(real);
 }
