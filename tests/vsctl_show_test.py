@@ -246,6 +246,14 @@ class Show(OnHost):
                 ("port block lab port0 ", {"on", "off"}), ("port list lab -o ", {"table", "wide", "name"}),
                 ("switch teaming lab --algorithm s", {"source-mac"}), ("completion ", {"bash", "zsh", "fish"}),
                 ("port vlan lab --ex", {"--existing"}), ("port vlan lab --all-ports --pr", {"--priority"}),
+                ("port list lab --columns po", {"port"}), ("port list lab --columns port,nu", {"port,number"}),
+                ("port vlan lab --columns ", {"switch", "port", "item", "before", "after", "ports", "id", "priority",
+                                              "trunk", "ranges", "option", "vlan"}),
+                ("mac team lab --columns=vlan,a", {"--columns=vlan,address", "--columns=vlan,age"}),
+                ("switch teaming lab --algorithm=s", {"--algorithm=source-mac"}), ("port list lab -o=", set()),
+                ("switch teaming lab --algorithm = s", {"source-mac"}), ("mirror list lab --port =", {
+                    f"{kind}{n}" for kind, count in (("port", 8), ("uplink", 2)) for n in range(count)}),
+                ("port vlan lab --priority = 3 --tr", {"--trunk"}), ("port vlan lab --priority=3 --tr", {"--trunk"}),
                 ("watch --times 3 port li", {"list"}), ("show ", {"lab", "none"}), ("port vlan none ", set())):
             self.assertEqual(set(self.run_vsctl("complete", "--", *line.split(" ")).splitlines()), wanted, line)
 
@@ -280,6 +288,11 @@ class Show(OnHost):
         name = 'a"b\\c\nd'
         self.run_vsctl("switch", "create", name, "--ports", "1")
         self.count(port1=1000)
+        groups = [{"address": "239.1.1.1", "ports": 2, "joins": 9}, {"address": "239.1.1.1", "vlan": 7, "ports": 1},
+                  {"address": "ff02::5", "leaves": 4}]
+        scenario = {"portsets": {"lab": {"groups": groups, "lags": {"bond": {"members": ["eth0", "eth1"]}}}}}
+        self.assertEqual(HOST.vshost_scenario(json.dumps(scenario).encode()), 0)
+        self.run_vsctl("mac", "add", "lab", "port2", "--address", "02:00:00:00:00:01")
         text = self.run_vsctl("metrics")
         checked = subprocess.run(["promtool", "check", "metrics"], input=text, capture_output=True, text=True)
         self.assertEqual((checked.returncode, checked.stdout + checked.stderr), (0, ""))
@@ -289,7 +302,14 @@ class Show(OnHost):
                      f'vswitch_port_dropped_packets_total{{{port},reason="vlan"}} 1009',
                      f'vswitch_port_dropped_packets_total{{{port},reason="not-sent"}} 1015',
                      'vswitch_switch_running{switch="lab"} 1', 'vswitch_switch_running{switch="none"} 0',
-                     'vswitch_switch_mtu_bytes{switch="lab"} 1500',
+                     'vswitch_switch_mtu_bytes{switch="lab"} 1500', 'vswitch_switch_addresses{switch="lab"} 1',
+                     'vswitch_port_addresses{switch="lab",port="port2"} 1',
+                     f'vswitch_port_addresses_limit{{{port}}} 4096',
+                     'vswitch_team_packets_total{switch="lab",direction="tx"} 0',
+                     'vswitch_multicast_groups{switch="lab",kind="ipv4"} 1',
+                     'vswitch_multicast_group_joins_total{switch="lab",group="239.1.1.1"} 9',
+                     'vswitch_multicast_group_leaves_total{switch="lab",group="ff02::5"} 4',
+                     'vswitch_lag_up{switch="lab",lag="bond"} 1', 'vswitch_lag_members{switch="lab",lag="bond"} 2',
                      'vswitch_nic_up{nic="eth0",switch="lab",port="uplink0"} 0',
                      'vswitch_switch_running{switch="a\\"b\\\\c\\nd"} 1'):
             self.assertIn(line + "\n", text)

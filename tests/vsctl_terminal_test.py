@@ -113,6 +113,8 @@ class Terminal(OnHost):
                              ("vsctl port vlan lab po", ["port0", "port1", "port2", "port3"]),
                              ("vsctl port vlan lab --pr", ["--priority"]), ("vsctl mac info lab --t", ["--timeout"]),
                              ("vsctl uplink link lab ", ["nic0", "nic1"]), ("vsctl plan sw", ["swfile"]),
+                             ("vsctl plan x --replaces=sw", ["--replaces=swfile"]),
+                             ("vsctl port list lab --columns=po", ["--columns=port"]),
                              ("vsctl help port vl", ["vlan"]), ("vsctl watch uplink li", ["link", "list", "live"])):
             command = f"set PATH {BUILD} $PATH; source rc.fish; complete -C '{line}'"
             done = subprocess.run(["fish", "--no-config", "-c", command], cwd=self.directory, capture_output=True,
@@ -122,10 +124,11 @@ class Terminal(OnHost):
     def test_terminal_and_completion(self):
         self.create()
         self.rows("switch", "create", "a longer name")
+        (self.directory / "swfile").touch()
         self.write("_vsctl", self.run_vsctl("completion", "zsh"))
-        start = f"PATH={BUILD}:$PATH; PS1='$ '; "
+        start = f"cd {self.directory}; PATH={BUILD}:$PATH; PS1='$ '; "
         bash = self.write("rc", start + "source <(vsctl completion bash)\n")
-        zsh = "cd " + str(self.directory) + "; " + start + "autoload -Uz compinit; bindkey '^I' complete-word; "
+        zsh = start + "autoload -Uz compinit; bindkey '^I' complete-word; "
         (self.directory / "installed").mkdir()
         self.write("installed/.zshrc",
                    zsh + f"fpath=({self.directory} $fpath); compinit -u -D\n")  # as the package has it
@@ -161,7 +164,11 @@ class Terminal(OnHost):
                          table)
         tmux("send-keys", "clear; vsctl uplink link l\t nic\t0\n")
         until(r"^lab +nic0 +yes")
-        tmux("send-keys", "clear; NO_COLOR=1 vsctl switch list\n")
+        tmux("send-keys", "clear; vsctl port list lab --columns=number,po\t\n")
+        until(r"^NUMBER +PORT")
+        tmux("send-keys", "clear; vsctl plan --replaces=sw\t")
+        until(r"--replaces=swfile")
+        tmux("send-keys", "C-u", "clear; NO_COLOR=1 vsctl switch list\n")
         self.assertNotIn("\x1b[1mSWITCH", until(r"^lab +lab ", "-e"))
         tmux("kill-server")
 

@@ -3,6 +3,7 @@
 
 #include "cli/base/platform.h"
 #include "cli/verbs/parser.h"
+#include "cli/verbs/schema.h"
 
 namespace vsctl {
 
@@ -59,6 +60,25 @@ std::vector<std::string> FixedValues(const std::optional<Field> &rule)
         rule->form == Form::CHOICE ? Words(rule->choices, "|") : std::vector<std::string>{"on", "off"};
     if (rule->canBeNone) values.push_back(NONE);
     return values;
+}
+
+// The properties of the rows that the verb prints.
+std::vector<std::string> ColumnNames(const Verb &verb)
+{
+    std::vector<std::string> names;
+    const Json schema = OutputSchema();
+    for (const Json &rule : schema["allOf"]) {
+        if (rule["if"]["properties"]["command"]["const"] != verb.Title()) continue;
+        const Json &rows = rule["then"]["properties"]["result"]["items"];
+        for (const Json &kind : rows.contains("anyOf") ? rows["anyOf"] : Json::array({rows})) {
+            const std::string reference = kind.value("$ref", "#");
+            if (reference.ends_with("/opaque")) continue;
+            const Json &row = reference == "#" ? kind : schema[Json::json_pointer(reference.substr(1))];
+            for (const auto &[name, property] : row["properties"].items())
+                names.push_back(name);
+        }
+    }
+    return names;
 }
 
 // What a word before its last comma or range has, so that lists of names can be completed.
@@ -127,6 +147,7 @@ std::vector<std::string> CompleteArguments(const Verb &verb, const std::vector<s
     if (!argument) return {};
     if (argument->names == Names::NOUN) return Nouns();
     if (argument->names == Names::VERB) return VerbNames(alias);
+    if (argument->name == "--columns") return Prefixed(ListStart(words.back()), ColumnNames(verb));
     if (argument->names == Names::PORT) return Prefixed(ListStart(words.back()), PortIds(alias));
     if (argument->name == "VALUE" && verb.policy) return FixedValues(verb.policy->fields[0]);
     const auto values = FixedValues(argument->rule);
@@ -155,7 +176,6 @@ std::vector<std::string> FirstWords()
 
 std::vector<std::string> Candidates(const std::vector<std::string> &given)
 {
-    if (given.empty()) return FirstWords();
     const std::vector<std::string> words = WithoutLeadingOptions(given);
     if (words.size() == 1)
         return words[0].starts_with("-") ? std::vector<std::string>{"--json", "--timeout", VERSION, "--help"}
@@ -171,6 +191,27 @@ std::vector<std::string> Candidates(const std::vector<std::string> &given)
         return {};
     }
 }
+
+// bash makes three words of --option=value. Other shells leave it one word, and a candidate is that word.
+struct Line {
+    explicit Line(std::vector<std::string> given) : words(std::move(given))
+    {
+        for (size_t i = 1; i < words.size(); i++) {
+            if (words[i] != "=" || !words[i - 1].starts_with("--")) continue;
+            if (i + 1 == words.size()) words.emplace_back();
+            words.erase(words.begin() + static_cast<ptrdiff_t>(i));
+        }
+        if (words.empty()) words.emplace_back();
+        const std::string last = words.back();
+        const size_t equals = last.find('=');
+        if (!last.starts_with("--") || equals == std::string::npos) return;
+        option = last.substr(0, equals + 1);
+        words.back() = last.substr(0, equals);
+        words.push_back(last.substr(equals + 1));
+    }
+    std::vector<std::string> words;
+    std::string option; // with its "="
+};
 
 constexpr const char *BASH = R"(_vsctl()
 {
@@ -188,7 +229,7 @@ _vsctl()
 {
     local -a candidates
     candidates=("${(@f)$(vsctl complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")
-    if [[ -n "${candidates[1]}" ]]; then compadd -a candidates; else _files; fi
+    if [[ -n "${candidates[1]}" ]]; then compadd -a candidates; else compset -P '--*='; _files; fi
 }
 if [[ $funcstack[1] == _vsctl ]]; then _vsctl "$@"; else compdef _vsctl vsctl; fi
 )";
@@ -199,7 +240,9 @@ constexpr const char *FISH = R"(function __vsctl_candidates
     if count $candidates >/dev/null
         printf '%s\n' $candidates
     else
-        __fish_complete_path (commandline -ct)
+        set -l option (string match -r -- '^--[^=]*=' $words[-1])
+        set -l paths (__fish_complete_path (string replace -- "$option" '' $words[-1]))
+        test -z "$paths"; or printf '%s\n' "$option"$paths
     end
 end
 complete -c vsctl -f -a '(__vsctl_candidates)'
@@ -209,10 +252,10 @@ complete -c vsctl -f -a '(__vsctl_candidates)'
 
 std::vector<std::string> Complete(const std::vector<std::string> &words)
 {
-    const std::string typed = words.empty() ? "" : words.back();
+    const Line line(words);
     std::vector<std::string> matching;
-    for (const std::string &candidate : Candidates(words)) {
-        if (candidate.starts_with(typed)) matching.push_back(candidate);
+    for (const std::string &candidate : Candidates(line.words)) {
+        if (candidate.starts_with(line.words.back())) matching.push_back(line.option + candidate);
     }
     return matching;
 }
