@@ -54,8 +54,19 @@ inside sh -ec 'cd /test; for program in ./first-*; do vshost run -- $program; do
     vshost run -- python3 python_test.py vswitchctl.map 2>&1 | tail -1
     if command -v vsctl >/dev/null; then vshost run -- vsctl switch list; fi
     vsfleet --version'
+
+say "Units are enabled, and stay as the administrator has them"
+enabled=$fresh/etc/systemd/system/multi-user.target.wants
+inside systemctl disable --quiet vsfleet-drive.service
+inside sh -c 'dpkg -i /packages/vsfleet_* /packages/vsctl_*' >/dev/null
+[ -L "$enabled/vsctl-boot.service" ]
+[ -L "$enabled/vsfleet-agent.service" ]
+[ ! -L "$enabled/vsfleet-drive.service" ]
+inside sh -c 'systemd-analyze verify --man=no /usr/lib/systemd/system/vs*.service'
 "$(dirname "$0")/machine_test.sh" "$fresh" "$work/one"
 say "Removal leaves nothing"
+mkdir -p "$fresh/var/lib/vsctl" "$fresh/var/lib/vswitchctl/fleet"
 inside sh -c 'dpkg -P vswitchctl-host vsfleet vsctl python3-vswitchctl libvswitchctl-dev libvswitchctl1' >/dev/null
-if find "$fresh/usr" -name '*vswitchctl*' -o -name '*liborkPublic*' -o -name 'vshost*' | grep .; then exit 1; fi
+if find "$fresh"/{usr,etc,var/lib,run} -name 'vs[cfhw]*' -o -name '*vswitchctl*' -o -name '*liborkPublic*' |
+    grep -v '^[^ ]*/var/lib/dpkg/'; then exit 1; fi
 say "All is well"
