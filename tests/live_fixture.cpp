@@ -115,6 +115,11 @@ void Medium::Clear()
         path.Publish(change);
     }
     path.SetHost({});
+    path.Kernel().host[0].servedUntil = 0;
+    LiveAddressKey key;
+    const int unlisted = path.Kernel().MapDescriptor("unlisted");
+    while (bpf_map_get_next_key(unlisted, nullptr, &key) == 0)
+        bpf_map_delete_elem(unlisted, &key);
 }
 
 void Medium::Publish(SwitchConfig config)

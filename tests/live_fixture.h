@@ -68,6 +68,8 @@ public:
     virtual uint32_t InterfaceOf(uint32_t port) const { return port; }
     virtual void SetTime(uint64_t) {}
     virtual void SetLink(uint32_t, int) {}
+    // A daemon follows links, for the rest of the test or as long as a daemon has to say so.
+    virtual void Serve() { EXPECT_EQ(path.ShowLife(), vshost::STATUS_OK) << path.Message(); }
     virtual void Clear(); // removes all switches and settings
 
     // Both expect to succeed. Ports with ANY_INTERFACE get one of the medium's.

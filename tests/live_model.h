@@ -33,6 +33,7 @@ public:
     std::map<uint32_t, std::array<uint64_t, LIVE_COUNTERS>> counters;
     std::map<std::string, LiveMirrorCounters> mirrorCounters; // by session
     uint64_t now = 0;
+    uint64_t servedUntil = 0; // a daemon follows links
 
     // The frames that leave when a frame enters, in the order of the ports.
     std::vector<Sent> Receive(uint32_t from, const Bytes &bytes, uint32_t segmentSize)
@@ -40,7 +41,7 @@ public:
         sent.clear();
         mirrored = {};
         frame = Parse(bytes, segmentSize);
-        sender = from;
+        sender = origin = from;
         const auto plugged = ports.find(from);
         if (plugged == ports.end() || plugged->second.ifindex == 0) return {};
         Count(from, LIVE_FROM_PACKETS, LIVE_FROM_BYTES, bytes.size(), LIVE_FROM_MULTICAST);
@@ -79,6 +80,31 @@ public:
         }
     }
 
+    // As it is when the configuration of the port is published.
+    void ChooseNetworkUplink(uint32_t number)
+    {
+        const PortConfig &port = ports.at(number);
+        const Team team = TeamOf(port);
+        const auto works = [&](uint32_t uplink) { return Works(ports.at(uplink), port); };
+        const auto stays = [&](uint32_t uplink) {
+            return works(uplink) && (team.failBack || !leftUplinks[number].contains(uplink));
+        };
+        const std::vector<uint32_t> members =
+            MembersInOrder(team, team.algorithm == VSWITCH_TEAMING_PORT ? number : 0);
+        const std::vector<uint32_t> others = Members(UplinkNumbers(), members);
+        networkUplinks.erase(number);
+        if (team.algorithm == VSWITCH_TEAMING_IP || team.algorithm == VSWITCH_TEAMING_L4) return;
+        if (team.anyUplink) Choose(number, others, works);
+        Choose(number, members, works);
+        Choose(number, members, stays);
+    }
+
+    void ChooseNetworkUplinks()
+    {
+        for (const auto &[number, port] : ports)
+            ChooseNetworkUplink(number);
+    }
+
     // A VLAN's place in private VLANs.
     struct Place {
         uint16_t id;
@@ -111,6 +137,8 @@ public:
             if (isOld) counters[entry.port][LIVE_AGED]++;
             return isOld || entry.isForgotten;
         });
+        for (const auto &[number, port] : ports)
+            if (port.team && !port.team->failBack) ChooseNetworkUplink(number);
     }
 
     bool NeedsSweep() const
@@ -127,6 +155,13 @@ public:
     }
 
 private:
+    void Choose(uint32_t number, const std::vector<uint32_t> &uplinks,
+                const std::function<bool(uint32_t)> &fits)
+    {
+        const auto found = std::find_if(uplinks.begin(), uplinks.end(), fits);
+        if (found != uplinks.end()) networkUplinks[number] = *found;
+    }
+
     struct Tag {
         uint16_t type;
         uint16_t tci;
@@ -310,8 +345,9 @@ private:
     {
         counters[sender][LIVE_REFUSED]++;
         const PortConfig &port = Sender();
-        if (port.uplink || !port.learning || port.forwardsOverLimit) return {};
-        return LIVE_DROP_LEARNING_LIMIT;
+        if (!port.uplink && port.learning && !port.forwardsOverLimit) return LIVE_DROP_LEARNING_LIMIT;
+        if (!port.uplink) unlisted[{vlan, frame.source}] = now;
+        return {};
     }
 
     std::optional<LiveCounter> Add()
@@ -359,7 +395,11 @@ private:
             entry->lastSeen = now;
             return {};
         }
-        if ((entry && entry->isStatic) || !host.learningEnabled) return {};
+        if (entry && entry->isStatic) return {};
+        if (!host.learningEnabled) {
+            unlisted[{vlan, frame.source}] = now;
+            return {};
+        }
         if (!Sender().learning) ForgetOtherAddress();
         if (!entry) return Add();
         if (!HasRoomAtPort()) return Refuse();
@@ -368,19 +408,28 @@ private:
         return {};
     }
 
+    bool IsRecent(uint64_t then) const { return then && now - then < 1000000000; }
+
+    std::optional<LiveCounter> DropReflected()
+    {
+        counters[sender][LIVE_REFLECTED]++;
+        return LIVE_DROP_FILTER;
+    }
+
     std::optional<LiveCounter> LearnFromNetwork()
     {
         Entry *entry = Find(frame.source);
+        if (!entry && IsRecent(unlisted[{vlan, frame.source}])) return DropReflected();
         if (!entry) return host.learningEnabled ? Add() : std::nullopt;
         if (ports.at(entry->port).uplink) {
             if (host.learningEnabled) entry->lastSeen = now;
             return {};
         }
-        if (entry->lastSeen && now - entry->lastSeen < 1000000000) {
-            counters[sender][LIVE_REFLECTED]++;
-            return LIVE_DROP_FILTER;
+        if (IsRecent(entry->lastSeen)) return DropReflected();
+        if (entry->isStatic || !host.learningEnabled) {
+            origin = entry->port;
+            return {};
         }
-        if (entry->isStatic || !host.learningEnabled) return {};
         const uint64_t learned = LearnedBy({});
         if (learned > vswitch.addressLimit / 2 || learned > host.addressLimit / 2 || !HasRoomAtPort()) {
             table.erase({vlan, frame.source});
@@ -424,7 +473,26 @@ private:
 
     bool Reaches(const PortConfig &port) const
     {
-        return port.number != sender && port.ifindex != 0 && !port.blocked && Carries(port);
+        return port.number != origin && port.ifindex != 0 && !port.blocked && Carries(port);
+    }
+
+    static bool Works(const PortConfig &uplink, const PortConfig &port)
+    {
+        if (!uplink.uplinkActive || uplink.blocked || uplink.ifindex == 0) return false;
+        if (port.trunk) return true;
+        return uplink.trunk ? port.vlanId == 0 || TrunkCarries(uplink, port.vlanId)
+                            : uplink.vlanId == port.vlanId;
+    }
+
+    // Whether a flood of the network comes to the port by another uplink.
+    bool ComesByAnother(const PortConfig &port) const
+    {
+        const auto wanted = networkUplinks.find(port.number);
+        if (!Sender().uplink || now >= servedUntil || wanted == networkUplinks.end()) return false;
+        const PortConfig &uplink = ports.at(wanted->second);
+        const bool takesAll = port.getsAllFrames || TeamOf(port).algorithm == VSWITCH_TEAMING_SOURCE_MAC;
+        if (uplink.number == sender || (takesAll && !frame.IsGroup())) return false;
+        return !uplink.blocked && uplink.ifindex != 0 && Carries(uplink);
     }
 
     // Sends copies to the local ports that want one. Returns their number.
@@ -572,19 +640,28 @@ private:
         return members;
     }
 
-    bool SendToUplink()
+    Team TeamOf(const PortConfig &port) const
     {
         Team team;
         team.active = UplinkNumbers();
-        if (Sender().team) team = *Sender().team;
+        return port.team ? *port.team : team;
+    }
+
+    std::vector<uint32_t> MembersInOrder(const Team &team, uint32_t hash) const
+    {
         std::vector<uint32_t> members = Members(team.active, {});
-        if (!members.empty()) {
-            const auto preferred = static_cast<ptrdiff_t>(Hash(team.algorithm) % members.size());
-            std::rotate(members.begin(), members.begin() + preferred, members.end());
-        }
+        if (!members.empty())
+            std::rotate(members.begin(), members.begin() + static_cast<ptrdiff_t>(hash % members.size()),
+                        members.end());
         const std::vector<uint32_t> standby = Members(team.standby, members);
         members.insert(members.end(), standby.begin(), standby.end());
+        return members;
+    }
 
+    bool SendToUplink()
+    {
+        const Team team = TeamOf(Sender());
+        const std::vector<uint32_t> members = MembersInOrder(team, Hash(team.algorithm));
         UplinkTries tries;
         const auto isLeft = [&](uint32_t number) {
             return !team.failBack && leftUplinks[sender].contains(number);
@@ -653,7 +730,7 @@ private:
             mirrored.isSent = flood.second++ < host.floodLimit;
             if (!mirrored.isSent) return LIVE_DROP_FLOOD_LIMIT;
         }
-        SendToPorts([](const PortConfig &) { return true; });
+        SendToPorts([&](const PortConfig &port) { return !ComesByAnother(port); });
         if (Sender().uplink || SendToUplink() || !HasUplinks()) return {};
         return LIVE_DROP_NOT_SENT;
     }
@@ -673,6 +750,7 @@ private:
             const PortConfig &port = ports.at(entry->port);
             if (Carries(port) && port.ifindex != 0) {
                 SendToPorts(observes);
+                if (port.number == origin) return {};
                 if (port.blocked)
                     counters[port.number][LIVE_DROP_BLOCKED]++;
                 else if (!IsFiltered(port))
@@ -682,7 +760,8 @@ private:
         }
         const bool isOnNetwork = entry && ports.at(entry->port).uplink;
         const uint32_t copies = SendToPorts([&](const PortConfig &port) {
-            return port.getsAllFrames || (!isOnNetwork && (port.takesUnknown || port.sink));
+            return port.getsAllFrames ||
+                   (!isOnNetwork && (port.takesUnknown || port.sink) && !ComesByAnother(port));
         });
         if (Sender().uplink || SendToUplink()) return {};
         if (HasUplinks() || copies == 0) return LIVE_DROP_NOT_SENT;
@@ -726,6 +805,7 @@ private:
     Mirrored mirrored;
     std::map<std::string, uint64_t> mirrorsSeen;
     uint32_t sender = 0;
+    uint32_t origin = 0; // the port that has the source address, or the sender
     Place place = {};
     uint16_t vlan = 0; // the primary one
     std::optional<Tag> leavesWith;
@@ -733,6 +813,8 @@ private:
     std::map<uint32_t, std::optional<std::pair<uint16_t, Mac>>> lastAddress;
     std::map<uint32_t, Mac> locked; // the address of a port with the lock
     std::map<uint32_t, std::set<uint32_t>> leftUplinks;
+    std::map<uint32_t, uint32_t> networkUplinks;           // by which ports get the network's floods
+    std::map<std::pair<uint16_t, Mac>, uint64_t> unlisted; // when ports sent from addresses not in the table
     std::map<uint32_t, std::pair<uint64_t, uint32_t>> floods; // the second and how many
 };
 

@@ -34,6 +34,7 @@ public:
     {
         if (step % 64 == 0) ChangeSomething();
         if (step % 4096 == 0) ChangePorts();
+        if (step % 256 == 0 && Chance(80)) Serve();
         run.SetTime(model.now += Below(100) == 0 ? Below(1500) * 1000000 : Below(3) * 1000000);
         const uint32_t port = 1 + Below(PORTS);
         const Bytes frame = RandomFrame(model.ports[port].trunk);
@@ -235,14 +236,29 @@ private:
         return config;
     }
 
-    void PublishAll() { run.Publish(Whole()); }
+    void PublishAll()
+    {
+        run.Publish(Whole());
+        model.ChooseNetworkUplinks();
+    }
+
+    void Serve()
+    {
+        run.Serve();
+        model.servedUntil = model.now + 1000000000;
+    }
 
     void PublishPort(const PortConfig &port)
     {
         Change change;
         ASSERT_EQ(run.path.PreparePort(port, change), vshost::STATUS_OK) << run.path.Message();
         run.path.Publish(change);
+        const bool isWhole = port.uplink || DifferInSnapshot(model.ports[port.number], port);
         model.Configure(port);
+        if (isWhole)
+            model.ChooseNetworkUplinks();
+        else
+            model.ChooseNetworkUplink(port.number);
     }
 
     void Sweep()

@@ -284,6 +284,26 @@ class Policies(PluggedHost):
         wait_until(lambda: self.rarp()[0] == len(addresses) + len(moved), "announcements of all")
         wait_until(lambda: len(networks[0].read()) == len(addresses), "all announcements")
 
+    def test_what_the_network_floods_comes_once_while_vshostd_follows_links(self):
+        flood = lambda uplink: self.send(uplink, D)
+        wait_until(lambda: flood("up0") == "2", "floods by a port's own uplink")
+        self.assertEqual(flood("up1"), "1 3")
+        self.link_of(1, "down")
+        wait_until(lambda: flood("up0") == "1 2 3", "floods by the uplink that is left")
+        self.link_of(1, "up")
+        wait_until(lambda: flood("up0") == "2", "floods by a port's own uplink")
+        self.kill_supervisor()
+        self.wires["1"].setblocking(False)
+
+        def comes_by_any():
+            self.wires["up0"].send(frame(BROADCAST, D, "without a daemon"))
+            try:
+                return text_of(self.wires["1"]) == "without a daemon"
+            except BlockingIOError:
+                return False
+
+        wait_until(comes_by_any, "floods by any uplink")
+
     def test_standby_uplinks_and_transmission_by_any(self):
         up = lambda: self.send("1", A, D)
 

@@ -387,7 +387,7 @@ private:
             {"remove", &Scenario::Remove},     {"count", &Scenario::CheckCounters},
             {"table", &Scenario::CheckTable},  {"session", &Scenario::CheckSession},
             {"announce", &Scenario::Announce}, {"groups", &Scenario::CheckGroups},
-            {"rooms", &Scenario::CheckRooms},
+            {"rooms", &Scenario::CheckRooms},  {"serve", &Scenario::Serve},
         };
         (this->*VERBS.at(words[0]))(words);
     }
@@ -446,6 +446,9 @@ private:
         }
         run.path.SetHost(host);
     }
+
+    // "serve": a daemon follows links.
+    void Serve(const std::vector<std::string> &) { run.Serve(); }
 
     void Sweep(const std::vector<std::string> &) { Expect(run.path.Sweep()); }
 

@@ -55,6 +55,7 @@ public:
 
     std::vector<Sent> Run(uint32_t port, const Bytes &frame, uint32_t segmentSize = 0) override;
     std::vector<Sent> Announce(const Announcement &announcement, int &result) override;
+    void Serve() override { path.Kernel().host[0].servedUntil = UINT64_MAX / 2; }
     uint32_t InterfaceOf(uint32_t port) const override { return At(port).Interface(); }
     Wire &At(uint32_t port) const { return *wires.at(port - 1); }
 

@@ -45,6 +45,7 @@ std::string PinDirectory(const std::string &directory) { return directory + "/bp
 
 constexpr int TURN_MS = 10; // a commit of another process is seen so soon
 constexpr uint32_t TURNS_PER_SWEEP = 100;
+constexpr uint32_t TURNS_PER_SIGN = 10; // of life
 // A writer commits so soon after it was told that all is prepared, unless it was stopped.
 constexpr auto LONGEST_COMMIT = std::chrono::seconds(5);
 constexpr off_t LONGEST_ROWS = off_t{1} << 30; // bytes
@@ -172,6 +173,7 @@ void Daemon::Turn()
     forwarder.PollCarriers();
     forwarder.Announce();
     if (++turns % TURNS_PER_SWEEP == 0) forwarder.Sweep();
+    if (turns % TURNS_PER_SIGN == 0) forwarder.ShowLife();
 }
 
 void Daemon::Accept()

@@ -49,6 +49,18 @@ std::vector<uint32_t> UplinksOf(const std::map<uint32_t, PlacedPort> &ports)
     return numbers;
 }
 
+// Whether a working uplink carries the port's VLAN; of a trunk's VLANs it may carry some.
+bool CarriesFramesOf(const PortConfig &port, const PortConfig &uplink)
+{
+    if (!uplink.uplinkActive || uplink.blocked || uplink.ifindex == 0) return false;
+    if (port.trunk) return true;
+    if (!uplink.trunk) return uplink.vlanId == port.vlanId;
+    return port.vlanId == 0 ||
+           std::any_of(uplink.ranges.begin(), uplink.ranges.end(), [&](const VlanRange &range) {
+               return range.first <= port.vlanId && port.vlanId <= range.last;
+           });
+}
+
 std::string IdOf(const LiveSwitch &vswitch)
 {
     return std::string(vswitch.id, strnlen(vswitch.id, sizeof(vswitch.id)));
@@ -111,6 +123,8 @@ void DataPath::TakeOverSwitches()
         portSwitches[port.number] = port.switchIndex;
         if (port.ifindex) interfaces[port.ifindex] = port.number;
     }
+    for (auto &[index, vswitch] : switches)
+        vswitch.uplinks = UplinksOf(vswitch.ports);
     TakeOverMirrors();
     TakeOverStaticAddresses();
     TakeOverInterfaces();
@@ -543,7 +557,7 @@ void DataPath::Settle(Change &change)
         const Switch &known = switches[change.switchIndex];
         if (!known.isKnown && !change.takesIndex) CompletePorts(change);
         change.movesPrivateVlans = known.isKnown && known.config.privateVlans != change.config.privateVlans;
-        change.movesUplinks = UplinksOf(switches[change.switchIndex].ports) != UplinksOf(change.ports);
+        change.movesUplinks = known.uplinks != UplinksOf(change.ports);
         WriteSwitch(change);
     }
     SettleMirrors(change);
@@ -558,7 +572,9 @@ void DataPath::Settle(Change &change)
         WriteWord(kernel.switches[change.switchIndex].inUse, 0);
         switches.erase(change.switchIndex);
     } else if (change.isWhole || change.ports[0].config.uplink) {
-        WriteActiveUplinks(change.switchIndex);
+        WriteUplinks(change.switchIndex);
+    } else {
+        WriteNetworkUplink(switches[change.switchIndex], change.ports[0]);
     }
 }
 
@@ -579,6 +595,7 @@ void DataPath::WriteSwitch(const Change &change)
     LiveSwitch &vswitch = kernel.switches[change.switchIndex];
     known.config = change.config;
     known.isKnown = true;
+    known.uplinks = UplinksOf(change.ports);
     if (change.takesIndex) vswitch.announced = vswitch.notAnnounced = 0;
     const std::set<uint32_t> released(change.releasedSlots.begin(), change.releasedSlots.end());
     std::erase_if(known.ports, [&](const auto &port) { return released.contains(port.second.slot); });
@@ -705,12 +722,52 @@ VsStatus DataPath::SweepForgotten()
     return isClean ? STATUS_OK : Sweep();
 }
 
-void DataPath::WriteActiveUplinks(uint32_t switchIndex)
+void DataPath::WriteUplinks(uint32_t switchIndex)
 {
-    uint32_t active = 0, uplink = 0;
-    for (const auto &[number, port] : switches[switchIndex].ports)
-        if (port.config.uplink) active |= (port.config.uplinkActive ? 1u : 0u) << uplink++;
+    const Switch &vswitch = switches[switchIndex];
+    uint32_t active = 0, place = 0;
+    for (const uint32_t uplink : vswitch.uplinks)
+        active |= (vswitch.ports.at(uplink).config.uplinkActive ? 1u : 0u) << place++;
     WriteWord(kernel.switches[switchIndex].activeUplinks, active);
+    for (const auto &[number, port] : vswitch.ports)
+        WriteNetworkUplink(vswitch, port);
+}
+
+// The port gets the network's floods by the uplink that it sends by, or by the first one if it sends by
+// several: what is sent to addresses of such a port that are not known here may come by any. Behind teams
+// that spread flows by their IP addresses the network has one link, and sends by one of its members.
+void DataPath::WriteNetworkUplink(const Switch &vswitch, const PlacedPort &port)
+{
+    const VSwitchTeamingAlgorithm algorithm =
+        port.config.team ? port.config.team->algorithm : VSWITCH_TEAMING_PORT;
+    const bool isAggregate = algorithm == VSWITCH_TEAMING_IP || algorithm == VSWITCH_TEAMING_L4;
+    const uint32_t uplink = isAggregate || port.config.uplink ? UINT32_MAX : UplinkOf(vswitch, port);
+    uint32_t word = 0;
+    if (uplink != UINT32_MAX) word = vswitch.ports.at(uplink).slot + 1;
+    if (algorithm == VSWITCH_TEAMING_SOURCE_MAC || port.config.getsAllFrames)
+        word |= word ? LIVE_NETWORK_ALL_UNICAST : 0;
+    WriteWord(kernel.ports[port.slot].networkUplink, word);
+}
+
+// As the data path chooses it for a frame of the port; UINT32_MAX: none works.
+uint32_t DataPath::UplinkOf(const Switch &vswitch, const PlacedPort &port)
+{
+    std::optional<Team> team = port.config.team;
+    const bool byNumber = !team || team->algorithm == VSWITCH_TEAMING_PORT;
+    const uint32_t left = team && !team->failBack ? ReadWord(kernel.ports[port.slot].leftUplinks) : 0;
+    const auto works = [&](uint32_t uplink) {
+        return CarriesFramesOf(port.config, vswitch.ports.at(uplink).config);
+    };
+    const auto isLeft = [&](uint32_t uplink) {
+        const auto place = std::find(vswitch.uplinks.begin(), vswitch.uplinks.end(), uplink);
+        return left >> (place - vswitch.uplinks.begin()) & 1;
+    };
+    for (const bool avoidsLeft : {true, false}) {
+        if (team) team->anyUplink = !avoidsLeft && port.config.team->anyUplink;
+        for (uint32_t uplink : UplinksInOrder(team, vswitch.uplinks, byNumber ? port.config.number : 0))
+            if (works(uplink) && !(avoidsLeft && isLeft(uplink))) return uplink;
+    }
+    return UINT32_MAX;
 }
 
 // ---- Filters ----
@@ -799,6 +856,14 @@ VsStatus DataPath::ForgetLearned(uint32_t portNumber)
     return SweepForgotten();
 }
 
+VsStatus DataPath::ShowLife()
+{
+    const VsStatus status = Command(LIVE_COMMAND_READ_CLOCKS, 0, {});
+    LiveHost &host = kernel.host[0];
+    if (!status) std::atomic_ref<uint64_t>(host.servedUntil).store(host.now + LIVE_SERVED_NS);
+    return status;
+}
+
 void DataPath::CountAnnouncement(uint32_t portNumber, bool isSent)
 {
     const auto place = portSwitches.find(portNumber);
@@ -824,6 +889,10 @@ VsStatus DataPath::Sweep()
     std::vector<LiveAddressKey> keys;
     for (const auto &[portNumber, address] : std::exchange(delayed, {}))
         AddConfigured(portNumber, address);
+    // Ports that don't come back may have left uplinks meanwhile.
+    for (const auto &[index, vswitch] : switches)
+        for (const auto &[number, port] : vswitch.ports)
+            if (port.config.team && !port.config.team->failBack) WriteNetworkUplink(vswitch, port);
     const VsStatus status = tables.WalkAddresses([&](const LiveAddressKey &key, const LiveAddress &address) {
         if (MustSweep(key, address)) keys.push_back(key);
     });

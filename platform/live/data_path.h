@@ -87,6 +87,9 @@ public:
     // Removes what is too old, of addresses and of multicast groups; to be called every second or so.
     VsStatus Sweep();
 
+    // Says that the words that depend on links are up to date; to be called several times a second.
+    VsStatus ShowLife();
+
     // A frame that tells the network of an address of the port was sent, or no uplink took it.
     void CountAnnouncement(uint32_t portNumber, bool isSent);
 
@@ -104,6 +107,7 @@ private:
         SwitchConfig config;  // without ports
         bool isKnown = false; // false: taken over, with little but the numbers of its ports
         std::map<uint32_t, PlacedPort> ports;
+        std::vector<uint32_t> uplinks;               // their numbers, by their places in the snapshot
         std::map<std::string, PlacedMirror> mirrors; // by id, without their configuration
     };
 
@@ -129,7 +133,9 @@ private:
     void StartMirror(const PlacedMirror &mirror, uint32_t switchIndex);
     void SettleMirrors(const Change &change);
     void WriteSwitch(const Change &change);
-    void WriteActiveUplinks(uint32_t switchIndex);
+    void WriteUplinks(uint32_t switchIndex);
+    void WriteNetworkUplink(const Switch &vswitch, const PlacedPort &port);
+    uint32_t UplinkOf(const Switch &vswitch, const PlacedPort &port);
     void SilencePorts(const Change &change);
     void ExchangeSnapshots(const std::vector<Change *> &changes);
     void Settle(Change &change);

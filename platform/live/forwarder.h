@@ -52,6 +52,7 @@ public:
     void FollowStore(); // after a commit
     void FollowLinks(); // after an event
     void PollCarriers();
+    void ShowLife() { path.ShowLife(); }
     void Announce() { announcer.Send(); }
     void Sweep();
     void CollectWrites(); // that the scribe has finished

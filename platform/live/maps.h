@@ -68,6 +68,13 @@ static inline uint32_t LivePrimaryVlan(uint32_t identity)
     return identity >> LIVE_PRIMARY_SHIFT & LIVE_VLAN_ID_MASK;
 }
 
+/*
+ * LivePort.networkUplink: 1 + the slot of the uplink by which the port gets what the network sends by every
+ * uplink; 0: by all of them.
+ */
+#define LIVE_NETWORK_SLOT_MASK 0x7fffffffu
+#define LIVE_NETWORK_ALL_UNICAST 0x80000000u /* unknown unicast by all uplinks even so */
+
 /**
  * A port that has an interface. Its index in the array, the slot, is its name in the other maps and stays
  * the same while the data path has the port. The first cache line is what every packet to or from the port
@@ -85,7 +92,8 @@ struct LivePort {
     uint32_t inUse;        /* of user space: 0: the slot is free */
     /* The epoch that the port's multicast groups must have; raised by user space, as the next one. */
     uint32_t groupEpoch;
-    uint32_t reserved[6];
+    uint32_t networkUplink; /* by which the port gets the network's floods: LIVE_NETWORK_… */
+    uint32_t reserved[5];
     /* The epoch that the port's learned addresses must have: raising it forgets them all at once. Raised
      * atomically, by either side. */
     uint32_t epoch;
@@ -149,7 +157,10 @@ struct LiveHost {
     uint64_t clockNs;
     uint32_t sharedGroups; /* written by the data path */
     uint32_t sharedSources;
-    uint64_t reservedClocks[8];
+    /* Until then user space looks after the words that depend on links, in ns of the data path's time. */
+    uint64_t servedUntil;
+    uint64_t lastUnlisted; /* when a port last sent from an address that is not in the table */
+    uint64_t reservedClocks[6];
 };
 LIVE_ASSERT(sizeof(struct LiveHost) == 128);
 
@@ -247,6 +258,9 @@ LIVE_ASSERT(sizeof(struct LiveSource) == 24);
 
 /* A port without learning may have its one address in each of its VLANs. */
 #define LIVE_SINGLE_ADDRESS_LIMIT LIVE_VLANS
+
+/** A daemon that has not been heard of for so long doesn't follow links. */
+#define LIVE_SERVED_NS 1000000000ull
 
 /** A frame from the network is one of ours that came back if its source was here so recently. */
 #define LIVE_REFLECTION_NS 1000000000ull

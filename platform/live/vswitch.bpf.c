@@ -66,6 +66,14 @@ struct {
     __type(value, struct LiveAddress);
 } addresses SEC(".maps");
 
+// When ports have sent from addresses that are not in the table.
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(max_entries, 4096);
+    __type(key, struct LiveAddressKey);
+    __type(value, uint64_t);
+} unlisted SEC(".maps");
+
 struct {
     __uint(type, BPF_MAP_TYPE_ARRAY);
     __uint(map_flags, BPF_F_MMAPABLE);
@@ -170,16 +178,18 @@ struct Frame {
     const struct LiveSnapshotHeader *header;
     uint64_t now;
     uint32_t slot;     // of the sender
+    uint32_t origin;   // slot of the port that has the source address, or of the sender
     uint32_t flags;    // of the sender
     uint32_t identity; // of the frame's VLAN: with whose VLAN id it leaves, under which VLAN addresses are
     uint32_t tag;      // with which it leaves by ports that carry tags: TAGGED and the tag, or 0
     uint32_t tagNow;
-    uint32_t length;           // without a tag
-    uint32_t payloadTagLength; // bytes of a guest's tag that is not in `length`
+    uint32_t length; // without a tag
     uint16_t etherType;
     uint16_t destinationKind;
-    bool sentToPorts;  // other than uplinks
-    bool queueWasFull; // of an uplink that should have taken the frame
+    uint8_t payloadTagLength; // bytes of a guest's tag that is not in `length`
+    uint8_t comesByEach;      // uplink: a flood from the network. The verifier knows bools too exactly
+    bool sentToPorts;         // other than uplinks
+    bool queueWasFull;        // of an uplink that should have taken the frame
     struct LiveAddressKey source;
     struct LiveAddressKey destination;
     struct Mirrored mirrored;
@@ -222,7 +232,7 @@ static __always_inline void Count(struct Frame *frame, enum LiveCounter counter)
 // The port, its switch and the switch's snapshot. All decisions about a frame are made on one snapshot.
 static __always_inline bool FindSenderAt(struct Frame *frame, uint32_t slot)
 {
-    frame->slot = slot;
+    frame->slot = frame->origin = slot;
     frame->sender = FindPort(slot);
     frame->counters = FindCounters(slot);
     if (!frame->sender || !frame->counters) return false;
@@ -286,11 +296,11 @@ static __always_inline void CountFrom(struct Frame *frame)
 
 // ---- VLANs ----
 
-static __always_inline bool TrunkCarries(const struct Frame *frame, uint32_t slot, uint32_t position,
+static __always_inline bool TrunkCarries(void *snapshot, const struct LivePort *port, uint32_t slot,
                                          uint32_t vlan)
 {
-    const uint32_t element = LIVE_FIRST_RECORD + position;
-    const struct LivePortRecord *record = bpf_map_lookup_elem(frame->snapshot, &element);
+    const uint32_t element = LIVE_FIRST_RECORD + READ_WORD(port->position);
+    const struct LivePortRecord *record = bpf_map_lookup_elem(snapshot, &element);
     if (!record || record->slot != slot) return false;
     return record->vlans[vlan / 64 % (LIVE_VLANS / 64)] >> vlan % 64 & 1;
 }
@@ -318,7 +328,7 @@ static __always_inline bool ClassifyAtTrunk(struct Frame *frame, uint32_t word)
 {
     const uint32_t vlan = frame->tagNow & LIVE_VLAN_ID_MASK;
     if (frame->tagNow & SERVICE_TAG && (vlan == 0 || !FromNetwork(frame))) return false;
-    if (!TrunkCarries(frame, frame->slot, READ_WORD(frame->sender->position), vlan)) return false;
+    if (!TrunkCarries(frame->snapshot, frame->sender, frame->slot, vlan)) return false;
     frame->identity = IdentityOf(frame, vlan);
     if (frame->tagNow) frame->tag = (frame->tagNow & ~0xffffu) | WithPriority(frame->tagNow & 0xffff, word);
     return true;
@@ -374,19 +384,25 @@ static __always_inline bool Reaches(uint32_t from, uint32_t to)
 
 enum Carriage { NOT_CARRIED, CARRIED_UNTAGGED, CARRIED_TAGGED };
 
-// Whether a port gets frames of the frame's VLAN, and how.
+// Whether a port gets frames of a VLAN, and how.
+static __always_inline enum Carriage CarriageIn(void *snapshot, uint32_t identity,
+                                                const struct LivePort *port, uint32_t slot)
+{
+    if (READ_WORD(port->ifindex) == 0) return NOT_CARRIED;
+    const uint32_t word = READ_WORD(port->vlan);
+    if (!(word & LIVE_PORT_TRUNK)) {
+        if (LivePrimaryVlan(word) != LivePrimaryVlan(identity)) return NOT_CARRIED;
+        return Reaches(identity, word & LIVE_IDENTITY_MASK) ? CARRIED_UNTAGGED : NOT_CARRIED;
+    }
+    const uint32_t vlan = identity & LIVE_VLAN_ID_MASK;
+    return TrunkCarries(snapshot, port, slot, vlan) ? CARRIED_TAGGED : NOT_CARRIED;
+}
+
 static __always_inline enum Carriage CarriageAt(const struct Frame *frame, const struct LivePort *port,
                                                 uint32_t slot)
 {
     if (READ_WORD(port->switchIndex) != frame->source.switchIndex) return NOT_CARRIED;
-    if (READ_WORD(port->ifindex) == 0) return NOT_CARRIED;
-    const uint32_t word = READ_WORD(port->vlan);
-    if (!(word & LIVE_PORT_TRUNK)) {
-        if (LivePrimaryVlan(word) != frame->source.vlan) return NOT_CARRIED;
-        return Reaches(frame->identity, word & LIVE_IDENTITY_MASK) ? CARRIED_UNTAGGED : NOT_CARRIED;
-    }
-    const uint32_t vlan = frame->identity & LIVE_VLAN_ID_MASK;
-    return TrunkCarries(frame, slot, READ_WORD(port->position), vlan) ? CARRIED_TAGGED : NOT_CARRIED;
+    return CarriageIn(frame->snapshot, frame->identity, port, slot);
 }
 
 // Gives the frame the tag that it has to leave with. The kernel keeps it beside the bytes: cheap.
@@ -598,11 +614,39 @@ static __always_inline bool RemoveAddress(const struct LiveAddressKey *key, stru
 
 // ---- Learning ----
 
+// What comes back from the network is to be known also if its address is not.
+__noinline int NoteUnlisted(const struct LiveAddressKey *source, uint64_t now)
+{
+    struct LiveHost *state = FindHost();
+    if (!source || !state) return 0;
+    if (READ_WORD(state->lastUnlisted) != now) state->lastUnlisted = now;
+    uint64_t *seen = bpf_map_lookup_elem(&unlisted, source);
+    if (!seen) return (int)bpf_map_update_elem(&unlisted, source, &now, BPF_ANY);
+    if (*seen != now) *seen = now;
+    return 0;
+}
+
+static __always_inline bool IsRecent(uint64_t then, uint64_t now)
+{
+    return then && (int64_t)(now - then) < (int64_t)LIVE_REFLECTION_NS;
+}
+
+__noinline uint32_t WasSentFromHere(const struct LiveAddressKey *source, uint64_t now)
+{
+    const struct LiveHost *state = FindHost();
+    if (!source || !state || !IsRecent(READ_WORD(state->lastUnlisted), now)) return 0;
+    const uint64_t *seen = bpf_map_lookup_elem(&unlisted, source);
+    return seen && IsRecent(*seen, now);
+}
+
 static __always_inline int RefuseAddress(struct Frame *frame)
 {
     Count(frame, LIVE_REFUSED);
-    if (FromNetwork(frame) || !(frame->flags & LIVE_PORT_LEARNING)) return PASS;
-    return frame->flags & LIVE_PORT_FORWARDS_OVER_LIMIT ? PASS : LIVE_DROP_LEARNING_LIMIT;
+    if (FromNetwork(frame)) return PASS;
+    if ((frame->flags & (LIVE_PORT_LEARNING | LIVE_PORT_FORWARDS_OVER_LIMIT)) == LIVE_PORT_LEARNING)
+        return LIVE_DROP_LEARNING_LIMIT;
+    NoteUnlisted(&frame->source, frame->now);
+    return PASS;
 }
 
 // As what the sender gets an address.
@@ -685,11 +729,20 @@ static __always_inline int LearnFromPort(struct Frame *frame, struct LiveAddress
         return PASS;
     }
     if (address && (IsStatic(owner) || owner == LIVE_OWNER_NONE)) return PASS;
-    if (!READ_WORD(frame->host->learningEnabled)) return PASS;
+    if (!READ_WORD(frame->host->learningEnabled)) {
+        NoteUnlisted(&frame->source, frame->now);
+        return PASS;
+    }
     if (!(frame->flags & LIVE_PORT_LEARNING)) ReplaceSingleAddress(frame);
     if (!address) return AddAddress(frame);
     const struct LivePort *holder = FindPort(SlotOf(owner));
     return TakeAddress(frame, address, owner, holder && IsCurrent(owner, SlotOf(owner), holder));
+}
+
+static __always_inline int DropReflected(struct Frame *frame)
+{
+    Count(frame, LIVE_REFLECTED);
+    return LIVE_DROP_FILTER;
 }
 
 // A frame from the network with the address of a local port came back from there, or the machine has moved.
@@ -697,8 +750,10 @@ static __always_inline int LearnFromPort(struct Frame *frame, struct LiveAddress
 static __always_inline int LearnFromNetwork(struct Frame *frame, struct LiveAddress *address)
 {
     const bool learns = READ_WORD(frame->host->learningEnabled);
-    if (!address) return learns ? AddAddress(frame) : PASS;
-
+    if (!address) {
+        if (WasSentFromHere(&frame->source, frame->now)) return DropReflected(frame);
+        return learns ? AddAddress(frame) : PASS;
+    }
     const uint64_t owner = READ_WORD(address->owner);
     const struct LivePort *holder = FindPort(SlotOf(owner));
     if (!holder) return PASS;
@@ -708,12 +763,11 @@ static __always_inline int LearnFromNetwork(struct Frame *frame, struct LiveAddr
         if (learns) Touch(address, frame->now);
         return PASS;
     }
-    const uint64_t lastSeen = READ_WORD(address->lastSeen);
-    if (isCurrent && lastSeen && (int64_t)(frame->now - lastSeen) < (int64_t)LIVE_REFLECTION_NS) {
-        Count(frame, LIVE_REFLECTED);
-        return LIVE_DROP_FILTER;
+    if (isCurrent && IsRecent(READ_WORD(address->lastSeen), frame->now)) return DropReflected(frame);
+    if (IsStatic(owner) || !learns) {
+        if (isCurrent) frame->origin = SlotOf(owner);
+        return PASS;
     }
-    if (IsStatic(owner) || !learns) return PASS;
     const int verdict =
         IsShareFull(frame) ? RefuseAddress(frame) : TakeAddress(frame, address, owner, isCurrent);
     // Without room for it among the network's addresses it is no longer at the port either.
@@ -771,6 +825,39 @@ static __always_inline int SendItself(struct Frame *frame, const struct LivePort
     return SendLast(frame->skb, READ_WORD(port->ifindex));
 }
 
+// ---- What the network sends by each uplink ----
+// The functions are global ones, which the kernel's verifier looks at only once.
+
+// Whether a frame for several ports comes from the network while the words that depend on links are true.
+__noinline uint32_t IsFlood(uint32_t senderFlags, uint64_t now)
+{
+    const struct LiveHost *state = FindHost();
+    return state && senderFlags & LIVE_PORT_UPLINK && (int64_t)(READ_WORD(state->servedUntil) - now) > 0;
+}
+
+// Whether the port gets the frame by another uplink than this one.
+__noinline uint32_t IsBroughtByAnother(uint32_t slot, uint32_t uplinkSlot, uint32_t identity,
+                                       uint32_t isUnicast)
+{
+    const struct LivePort *port = FindPort(slot);
+    const uint32_t word = port ? READ_WORD(port->networkUplink) : 0;
+    const uint32_t wanted = (word & LIVE_NETWORK_SLOT_MASK) - 1;
+    if (!port || word == 0 || wanted == uplinkSlot) return false;
+    if (word & LIVE_NETWORK_ALL_UNICAST && isUnicast) return false;
+    const uint32_t switchIndex = READ_WORD(port->switchIndex);
+    const struct LivePort *uplink = FindPort(wanted);
+    void *snapshot = bpf_map_lookup_elem(&snapshots, &switchIndex);
+    if (!uplink || !snapshot || READ_WORD(uplink->flags) & LIVE_PORT_BLOCKED) return false;
+    if (READ_WORD(uplink->switchIndex) != switchIndex) return false;
+    return CarriageIn(snapshot, identity, uplink, wanted) != NOT_CARRIED;
+}
+
+static __always_inline bool ComesByAnother(const struct Frame *frame, uint32_t slot)
+{
+    if (!frame->comesByEach) return false;
+    return IsBroughtByAnother(slot, frame->slot, frame->identity, frame->destinationKind == UNICAST);
+}
+
 struct ListWalk {
     struct Frame *frame;
     struct LiveSection list;
@@ -786,10 +873,10 @@ static long SendToListed(uint32_t index, struct ListWalk *walk)
     if (!slots) return 1;
     const uint32_t slot = slots->slots[index & (LIVE_SLOTS - 1)];
     const struct LivePort *port = FindPort(slot);
-    if (!port || slot == frame->slot) return 0;
+    if (!port || slot == frame->origin) return 0;
     if (READ_WORD(port->flags) & LIVE_PORT_BLOCKED || slot == walk->except) return 0;
     const enum Carriage carriage = CarriageAt(frame, port, slot);
-    if (carriage == NOT_CARRIED || !IsSelected(frame, port, slot)) return 0;
+    if (carriage == NOT_CARRIED || ComesByAnother(frame, slot) || !IsSelected(frame, port, slot)) return 0;
     if (!PassesFilter(frame, port, slot, VSWITCH_FILTER_TO_PORT))
         CountAt(slot, LIVE_DROP_FILTER);
     else if (SendCopy(frame, port, slot, carriage))
@@ -1011,6 +1098,7 @@ static __always_inline void SendToObservers(struct Frame *frame, uint32_t receiv
 static __always_inline int SendToMany(struct Frame *frame, enum List list)
 {
     if (!FindHeader(frame)) return TC_ACT_SHOT;
+    frame->comesByEach = IsFlood(frame->flags, frame->now);
     SendToList(frame, list, frame->slot);
     if (FromNetwork(frame)) return TC_ACT_SHOT;
     const uint32_t uplinks = frame->header->uplinkCount;
@@ -1045,7 +1133,7 @@ static __always_inline int ForwardUnicast(struct Frame *frame, enum List *list)
     const enum Carriage carriage = CarriageAt(frame, port, slot);
     if (slot != frame->slot && carriage == NOT_CARRIED) return PASS;
     SendToObservers(frame, slot);
-    if (slot == frame->slot) return TC_ACT_SHOT; // it is there already
+    if (slot == frame->slot || slot == frame->origin) return TC_ACT_SHOT; // it is there already
     if (flags & LIVE_PORT_BLOCKED)
         CountAt(slot, LIVE_DROP_BLOCKED);
     else if (!PassesFilter(frame, port, slot, VSWITCH_FILTER_TO_PORT))
