@@ -2,13 +2,13 @@
 #include <cerrno>
 
 #include "platform/driver/request.h"
+#include "platform/host/teaming.h"
 
 namespace vshost {
 
 namespace {
 
 constexpr std::string_view KEY_LS_TABLE = "com.talpex.vswitch.logicalswitch.teaming";
-constexpr std::string_view KEY_PORT_LS_POLICY = "com.talpex.vswitch.port.logicalswitch.teaming";
 constexpr size_t LS_ENTRY = 2748;
 constexpr size_t LS_NAME = 136;
 
@@ -78,12 +78,12 @@ int GetServiceTeamingStats(DriverRequest &request)
 
 int GetPortLsPolicy(DriverRequest &request)
 {
-    std::string stored;
-    char name[LS_NAME] = {};
+    std::string name;
+    char answer[LS_NAME] = {};
     const PropertyOwner port{StoredLevel::PORT, request.switchId, request.portId};
-    if (int error = ReadProperty(request.reader, port, KEY_PORT_LS_POLICY, stored)) return error;
-    SetField(name, Text(stored));
-    return request.Answer(name);
+    if (int error = ErrnoOf(ReadFollowedName(request.reader, port, name))) return error;
+    SetField(answer, name);
+    return request.Answer(answer);
 }
 
 int GetLsPolicies(DriverRequest &request)

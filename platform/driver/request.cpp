@@ -17,10 +17,7 @@ template<size_t size> bool ReadName(const char (&field)[size], std::string &name
 
 int ReadProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value)
 {
-    StoredProperty property;
-    const VsStatus status = GetProperty(reader, owner, key, property);
-    value = std::move(property.value);
-    return status == STATUS_NOT_FOUND ? 0 : ErrnoOf(status, 0);
+    return ErrnoOf(ReadValue(reader, owner, key, value));
 }
 
 DriverRequest::DriverRequest(Reader &reader, Live &live, std::string_view raw, Transaction *transaction)

@@ -13,37 +13,15 @@ namespace {
 constexpr size_t ALIAS_ENTRY = 81;
 constexpr size_t HINT_SIZE = 32;
 constexpr size_t PORT_ID_SIZE = 48;
-constexpr size_t MAX_LAGS = 64;
 
-int ReadLags(Reader &reader, std::string_view portset, std::vector<VSwitchLag> &lags)
+int ReadLags(DriverRequest &request, std::vector<VSwitchLag> &lags)
 {
-    return ErrnoOf(
-        ScanRows(reader, runtime::LagKey(portset, ""), [&](std::string_view, std::string_view row) {
-            VSwitchLag &lag = lags.emplace_back();
-            return lags.size() <= MAX_LAGS && DecodeRecord(row, lag) &&
-                   lag.memberCount <= std::size(lag.members);
-        }));
+    return ErrnoOf(request.live.ReadLags(request.reader, request.Switch(), lags), 0);
 }
 
-bool IsMember(const VSwitchLag &lag, std::string_view nic)
+bool IsInAny(const std::vector<VSwitchLag> &lags, std::string_view nic)
 {
-    const auto end = lag.members + lag.memberCount;
-    return std::any_of(lag.members, end, [nic](const auto &member) { return FieldText(member) == nic; });
-}
-
-bool IsInLag(const std::vector<VSwitchLag> &lags, std::string_view nic)
-{
-    return std::any_of(lags.begin(), lags.end(), [nic](const VSwitchLag &lag) { return IsMember(lag, nic); });
-}
-
-// Fills in the current links of a LAG's members.
-void FillLinks(VSwitchLag &lag, const std::vector<NamedNic> &uplinks)
-{
-    lag.linkMask = 0;
-    for (uint32_t i = 0; i < lag.memberCount; i++)
-        for (const NamedNic &uplink : uplinks)
-            if (uplink.nic.LinkUp() && uplink.name == FieldText(lag.members[i])) lag.linkMask |= 1u << i;
-    lag.linkUp = lag.linkMask != 0;
+    return std::any_of(lags.begin(), lags.end(), [nic](const VSwitchLag &lag) { return IsInLag(lag, nic); });
 }
 
 std::string AliasOfPortset(Reader &reader, const std::string &portset)
@@ -60,7 +38,7 @@ uint32_t UplinkFlags(const NamedNic &uplink, const std::vector<VSwitchLag> &lags
     if (uplink.nic.LinkUp()) flags |= VSWITCH_UPLINK_LINK_UP;
     if (uplink.nic.adminUp) flags |= VSWITCH_UPLINK_ADMIN_UP;
     if (uplink.nic.fullDuplex) flags |= VSWITCH_UPLINK_FULL_DUPLEX;
-    if (IsInLag(lags, uplink.name)) flags |= VSWITCH_UPLINK_IN_LAG;
+    if (IsInAny(lags, uplink.name)) flags |= VSWITCH_UPLINK_IN_LAG;
     return flags;
 }
 
@@ -133,7 +111,7 @@ int GetUplinks(DriverRequest &request)
     std::vector<NamedNic> uplinks;
     std::vector<VSwitchLag> lags;
     if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0)) return error;
-    if (int error = ReadLags(request.reader, request.portset, lags)) return error;
+    if (int error = ReadLags(request, lags)) return error;
     request.StartList(VSwitchListHeader{}, sizeof(VSwitchUplink));
     for (const NamedNic &uplink : uplinks) {
         VSwitchUplink entry = {};
@@ -149,22 +127,17 @@ int GetUplinkLink(DriverRequest &request) { return request.Answer(uint32_t{reque
 int GetUplinkLacp(DriverRequest &request)
 {
     std::vector<VSwitchLag> lags;
-    if (int error = ReadLags(request.reader, request.portset, lags)) return error;
-    return request.Answer(uint32_t{request.nic.LinkUp() && IsInLag(lags, request.uplink)});
+    if (int error = ReadLags(request, lags)) return error;
+    return request.Answer(uint32_t{request.nic.LinkUp() && IsInAny(lags, request.uplink)});
 }
 
 int GetLags(DriverRequest &request)
 {
-    std::vector<NamedNic> uplinks;
     std::vector<VSwitchLag> lags;
-    if (int error = ErrnoOf(ListUplinks(request.reader, request.switchId, uplinks), 0)) return error;
-    if (int error = ReadLags(request.reader, request.portset, lags)) return error;
+    if (int error = ReadLags(request, lags)) return error;
     VSwitchLagTable table = {};
     table.count = static_cast<uint32_t>(lags.size());
-    for (size_t i = 0; i < lags.size(); i++) {
-        table.lags[i] = lags[i];
-        FillLinks(table.lags[i], uplinks);
-    }
+    std::copy(lags.begin(), lags.end(), table.lags);
     return request.Answer(table);
 }
 

@@ -23,6 +23,16 @@ bool DecodeGroup(std::string_view rest, std::string_view row, size_t width, Mult
     return group.sources.size() == uint64_t{group.stats.count} * width;
 }
 
+// Fills in the current links of a LAG's members.
+void FillLinks(VSwitchLag &lag, const std::vector<NamedNic> &uplinks)
+{
+    lag.linkMask = 0;
+    for (uint32_t i = 0; i < lag.memberCount; i++)
+        for (const NamedNic &uplink : uplinks)
+            if (uplink.nic.LinkUp() && uplink.name == FieldText(lag.members[i])) lag.linkMask |= 1u << i;
+    lag.linkUp = lag.linkMask != 0;
+}
+
 }
 
 size_t AddressWidth(uint32_t kind)
@@ -83,6 +93,26 @@ VsStatus LiveRows::ReadTeaming(Reader &reader, std::string_view portset, std::sp
 {
     stats = {};
     return AbsentIsOk(GetRecord(reader, runtime::TeamingKey(portset), stats));
+}
+
+bool IsInLag(const VSwitchLag &lag, std::string_view nic)
+{
+    const auto isIt = [nic](const auto &member) { return FieldText(member) == nic; };
+    return isIt(lag.name) || std::any_of(lag.members, lag.members + lag.memberCount, isIt);
+}
+
+VsStatus LiveRows::ReadLags(Reader &reader, const RunningSwitch &vswitch, std::vector<VSwitchLag> &lags)
+{
+    std::vector<NamedNic> uplinks;
+    if (VsStatus status = AbsentIsOk(ListUplinks(reader, vswitch.switchId, uplinks))) return status;
+    return ScanRows(
+        reader, runtime::LagKey(vswitch.portset, ""), [&](std::string_view, std::string_view row) {
+            VSwitchLag &lag = lags.emplace_back();
+            if (lags.size() > MAX_LAGS || !DecodeRecord(row, lag) || lag.memberCount > std::size(lag.members))
+                return false;
+            FillLinks(lag, uplinks);
+            return true;
+        });
 }
 
 VsStatus LiveRows::ReadRarp(Reader &reader, std::string_view portset, std::string_view,

@@ -33,6 +33,11 @@ struct MulticastGroup {
     std::string sources;
 };
 
+inline constexpr size_t MAX_LAGS = std::extent_v<decltype(VSwitchLagTable::lags)>;
+
+// Whether a NIC is a member of the LAG, or is the LAG itself.
+bool IsInLag(const VSwitchLag &lag, std::string_view nic);
+
 // Threads share it.
 class Live {
 public:
@@ -63,6 +68,9 @@ public:
     // The numbers of the ports that get frames which are not for them, besides sink ports.
     virtual VsStatus ReadObservers(Reader &reader, const RunningSwitch &vswitch,
                                    std::set<uint32_t> &portNumbers) = 0;
+    // The LAGs that uplinks of a switch are in, or are; at most MAX_LAGS.
+    virtual VsStatus ReadLags(Reader &reader, const RunningSwitch &vswitch,
+                              std::vector<VSwitchLag> &lags) = 0;
     // Removes an address that the port has learned, also one that has become static. STATUS_NOT_FOUND: the
     // port has not learned it.
     virtual VsStatus ForgetAddress(const RunningPort &port, const VSwitchMacEntry &address) = 0;
@@ -88,6 +96,7 @@ public:
                          std::vector<VSwitchMirrorStats> &sessions) override;
     VsStatus ReadObservers(Reader &reader, const RunningSwitch &vswitch,
                            std::set<uint32_t> &portNumbers) override;
+    VsStatus ReadLags(Reader &reader, const RunningSwitch &vswitch, std::vector<VSwitchLag> &lags) override;
     VsStatus ForgetAddress(const RunningPort &, const VSwitchMacEntry &) override { return STATUS_NOT_FOUND; }
     bool TakesLearnedAddresses() const override { return true; }
 };

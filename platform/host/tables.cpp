@@ -546,6 +546,21 @@ VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_vie
     return FindInRow(row, owner.level, key, found) ? STATUS_OK : STATUS_NOT_FOUND;
 }
 
+VsStatus ReadValue(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value)
+{
+    StoredProperty property;
+    const VsStatus status = GetProperty(reader, owner, key, property);
+    value = std::move(property.value);
+    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+}
+
+VsStatus ReadValues(Reader &reader, const PropertyOwner &owner, std::initializer_list<NamedValue> values)
+{
+    for (const NamedValue &named : values)
+        if (VsStatus status = ReadValue(reader, owner, named.key, *named.value)) return status;
+    return STATUS_OK;
+}
+
 VsStatus ListProperties(Reader &reader, const PropertyOwner &owner, std::vector<PropertyName> &names)
 {
     std::string row;

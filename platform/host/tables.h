@@ -103,6 +103,13 @@ VsStatus RemovePort(Transaction &transaction, std::string_view switchId, std::st
 VsStatus RestorePortNumber(Transaction &transaction, const PortName &port, uint32_t number);
 
 VsStatus GetProperty(Reader &reader, const PropertyOwner &owner, std::string_view key, StoredProperty &found);
+// The value of a property; empty when it is absent.
+VsStatus ReadValue(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value);
+struct NamedValue {
+    std::string_view key;
+    std::string *value;
+};
+VsStatus ReadValues(Reader &reader, const PropertyOwner &owner, std::initializer_list<NamedValue> values);
 // A property without its value.
 struct PropertyName {
     std::string key;

@@ -15,13 +15,23 @@ constexpr std::string_view KEY_PORT_TEAMING_OVERRIDE = "com.talpex.vswitch.port.
 constexpr std::string_view KEY_PORT_NAMED_TEAMING = "com.talpex.vswitch.port.logicalswitch.teaming";
 constexpr std::string_view KEY_PORT_TX_UPLINK = "com.talpex.vswitch.port.txUplink";
 
-// Empty when it is absent.
-VsStatus ReadValue(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value)
+// What is stored at a port.
+struct PortTeaming {
+    std::string override;
+    std::string own;
+    std::string name; // of its logical switch
+    std::string txUplink;
+
+    bool IsEmpty() const { return override.empty() && own.empty() && name.empty(); }
+};
+
+VsStatus ReadPortTeaming(Reader &reader, const PropertyOwner &port, PortTeaming &teaming)
 {
-    StoredProperty property;
-    const VsStatus status = GetProperty(reader, owner, key, property);
-    value = std::move(property.value);
-    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    return ReadValues(reader, port,
+                      {{KEY_PORT_TEAMING_OVERRIDE, &teaming.override},
+                       {KEY_PORT_TEAMING, &teaming.own},
+                       {KEY_PORT_NAMED_TEAMING, &teaming.name},
+                       {KEY_PORT_TX_UPLINK, &teaming.txUplink}});
 }
 
 // A text without a NUL names nothing.
@@ -61,19 +71,25 @@ VsStatus ReadUplinkNumbers(Reader &reader, std::string_view switchId, Teamings &
     return STATUS_OK;
 }
 
-std::optional<Team> ChooseTeam(const Teamings &teamings, std::string_view override, std::string_view own,
-                               std::string_view name)
+// Which policy a port follows.
+enum class Followed { NONE, OVERRIDE, OWN, NAMED, OF_SWITCH };
+
+std::pair<Followed, std::optional<Team>> ChooseTeam(const Teamings &teamings, const PortTeaming &port)
 {
+    const std::string_view override = Text(port.override);
     const auto uplink = teamings.uplinks->find(override);
     if (!override.empty() && uplink != teamings.uplinks->end()) {
         Team team;
         team.algorithm = VSWITCH_TEAMING_ORDER;
         team.active = {uplink->second};
-        return team;
+        return {Followed::OVERRIDE, team};
     }
-    for (std::string_view policy :
-         {own, FindNamedTeam(teamings.named, name), std::string_view(teamings.ofSwitch)})
-        if (std::optional<Team> team = DecodeTeam(policy, *teamings.uplinks)) return team;
+    const std::pair<Followed, std::string_view> policies[] = {
+        {Followed::OWN, port.own},
+        {Followed::NAMED, FindNamedTeam(teamings.named, Text(port.name))},
+        {Followed::OF_SWITCH, teamings.ofSwitch}};
+    for (const auto &[followed, policy] : policies)
+        if (std::optional<Team> team = DecodeTeam(policy, *teamings.uplinks)) return {followed, team};
     return {};
 }
 
@@ -121,18 +137,26 @@ VsStatus ReadTeamings(Reader &reader, std::string_view switchId, Teamings &teami
 
 VsStatus ReadTeam(Reader &reader, const PropertyOwner &port, Teamings &teamings, std::optional<Team> &team)
 {
-    std::string override, own, name, txUplink;
-    const std::pair<std::string_view, std::string *> values[] = {{KEY_PORT_TEAMING_OVERRIDE, &override},
-                                                                 {KEY_PORT_TEAMING, &own},
-                                                                 {KEY_PORT_NAMED_TEAMING, &name},
-                                                                 {KEY_PORT_TX_UPLINK, &txUplink}};
-    for (const auto &[key, value] : values)
-        if (VsStatus status = ReadValue(reader, port, key, *value)) return status;
+    PortTeaming stored;
     team.reset();
-    if (override.empty() && own.empty() && name.empty() && teamings.ofSwitch.empty()) return STATUS_OK;
+    if (VsStatus status = ReadPortTeaming(reader, port, stored)) return status;
+    if (stored.IsEmpty() && teamings.ofSwitch.empty()) return STATUS_OK;
     if (VsStatus status = ReadUplinkNumbers(reader, port.switchId, teamings)) return status;
-    team = ChooseTeam(teamings, Text(override), own, Text(name));
-    if (team) team->anyUplink = Text(txUplink) == "always";
+    team = ChooseTeam(teamings, stored).second;
+    if (team) team->anyUplink = Text(stored.txUplink) == "always";
+    return STATUS_OK;
+}
+
+VsStatus ReadFollowedName(Reader &reader, const PropertyOwner &port, std::string &name)
+{
+    PortTeaming stored;
+    Teamings teamings;
+    name.clear();
+    if (VsStatus status = ReadPortTeaming(reader, port, stored)) return status;
+    if (stored.name.empty()) return STATUS_OK;
+    if (VsStatus status = ReadTeamings(reader, port.switchId, teamings)) return status;
+    if (VsStatus status = ReadUplinkNumbers(reader, port.switchId, teamings)) return status;
+    if (ChooseTeam(teamings, stored).first == Followed::NAMED) name = Text(stored.name);
     return STATUS_OK;
 }
 

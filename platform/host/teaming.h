@@ -45,6 +45,9 @@ VsStatus ReadTeamings(Reader &reader, std::string_view switchId, Teamings &teami
 // switch, then the switch's. None: all uplinks, by the port's number.
 VsStatus ReadTeam(Reader &reader, const PropertyOwner &port, Teamings &teamings, std::optional<Team> &team);
 
+// The name of the logical switch's policy that a port follows; empty: it follows another one, or none.
+VsStatus ReadFollowedName(Reader &reader, const PropertyOwner &port, std::string &name);
+
 // Those of the uplinks that a frame may leave by, in the order in which it tries them: active ones from the
 // one that the hash chooses, then standby ones, then others where the policy lets any uplink do.
 std::vector<uint32_t> UplinksInOrder(const std::optional<Team> &team, const std::vector<uint32_t> &uplinks,

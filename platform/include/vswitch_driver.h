@@ -61,7 +61,8 @@ enum VSwitchCommand {
     VSWITCH_GET_LEARNING_INFO = 4121,         /**< portset -> VSwitchLearningInfo */
     VSWITCH_GET_UPLINK_HINT = 4122,           /**< portId -> char[32]: the uplink that the port sends on */
     VSWITCH_GET_UPLINK_PORT = 4123,           /**< uplink -> char[48]: dvPortId, empty when it is free */
-    VSWITCH_GET_PORT_LS_POLICY = 4124,        /**< portId -> char[136]: the policy's name, empty for none */
+    VSWITCH_GET_PORT_LS_POLICY = 4124,        /**< portId -> char[136]: the logical switch's policy
+                                                   that the port follows, empty for another one */
     VSWITCH_GET_LS_POLICIES = 4125,           /**< portset -> u32 count, entries of 2748 bytes as stored */
     VSWITCH_GET_SWITCHES = 4126,              /**< u32 kind -> list, see VSWITCH_LIST_PORTSETS */
     VSWITCH_GET_PORT_STATISTICS = 4127,       /**< switchId, dvPortId -> VSwitchPortStatistics */
@@ -175,15 +176,16 @@ typedef struct VSWITCH_DRIVER_PACKED VSwitchUplink {
 #define VSWITCH_UPLINK_LINK_UP 1u     /**< has a carrier and is administratively up */
 #define VSWITCH_UPLINK_ADMIN_UP 2u    /**< administratively up */
 #define VSWITCH_UPLINK_FULL_DUPLEX 4u /**< full duplex */
-#define VSWITCH_UPLINK_IN_LAG 8u      /**< member of a LAG */
+#define VSWITCH_UPLINK_IN_LAG 8u      /**< member of a LAG, or a LAG itself */
 
 /** One link aggregation group. */
 typedef struct VSWITCH_DRIVER_PACKED VSwitchLag {
     char name[32];
-    uint8_t mode;         /**< LACP: 0 passive, 1 active */
-    uint8_t fastTimeout;  /**< LACP: 1 short, 0 long */
-    uint8_t loadBalance;  /**< number of the hash algorithm, from the scenario */
-    uint8_t linkUp;       /**< 1 when at least one member has a link */
+    uint8_t mode;        /**< LACP: 0 passive, 1 active */
+    uint8_t fastTimeout; /**< LACP: 1 short, 0 long */
+    uint8_t
+        loadBalance; /**< number of the hash algorithm: a scenario's, or the kernel's (xmit_hash_policy) */
+    uint8_t linkUp;  /**< 1 when at least one member has a link */
     uint32_t memberCount; /**< 0 to 16 */
     uint32_t linkMask;    /**< bit i: member i has a link */
     char members[16][32]; /**< names of physical NICs */

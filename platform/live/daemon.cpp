@@ -150,7 +150,7 @@ bool Daemon::Start(std::string &message)
     if (!scribe.Start()) return false;
     if (!forwarder.Start({PinDirectory(options.directory), options.capacity}, message)) return false;
     if (options.isFirst) RaiseBacklog(scribe);
-    host.SetLive(std::make_unique<LiveKernel>(forwarder.Tables()));
+    host.SetLive(std::make_unique<LiveKernel>(forwarder.Tables(), forwarder.Lags()));
     return true;
 }
 

@@ -83,6 +83,7 @@ bool Forwarder::Start(const Place &place, std::string &message)
         if (QueryFilter(ifindex, program) == 0 && path.Kernel().IsOurProgram(program))
             attached.insert(ifindex);
     }
+    lags.Set(LagsOf(links.All()));
     ReadPlugs();
     Apply();
     LogLinks();
@@ -112,6 +113,7 @@ void Forwarder::FollowLinks()
     if (!links.Update()) return;
     for (const uint32_t ifindex : links.TakeDeleted())
         VerifyFilter(ifindex);
+    lags.Set(LagsOf(links.All()));
     Apply();
     LogLinks();
 }

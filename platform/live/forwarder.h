@@ -35,6 +35,7 @@ public:
     bool Start(const Place &place, std::string &message);
 
     const KernelTables &Tables() { return path.Tables(); }
+    const SharedLags &Lags() const { return lags; }
     int LinkDescriptor() const { return links.EventDescriptor(); }
 
     // For a transaction that has changed these rows and is still open. STATUS_NO_SPACE: it must not commit.
@@ -123,6 +124,7 @@ private:
     DataPath path;
     Announcer announcer{path};
     Links links;
+    SharedLags lags;
     Plugs plugs;
     std::vector<std::string> nicNames;       // of the plugs, for the frequent look at their carriers
     std::map<std::string, vshost::Nic> nics; // of the plugs, as this process last saw or wrote them

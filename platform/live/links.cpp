@@ -11,6 +11,7 @@
 #include <netlink/netlink.h>
 #include <netlink/route/link.h>
 #include <netlink/route/qdisc.h>
+#include <netlink/route/rtnl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,7 +29,11 @@ struct ReleaseLink {
 };
 using OwnedLink = std::unique_ptr<rtnl_link, ReleaseLink>;
 
-Link Describe(rtnl_link *link)
+struct ReleaseCallbacks {
+    void operator()(nl_cb *callbacks) const { nl_cb_put(callbacks); }
+};
+
+Link Describe(rtnl_link *link, const nlmsghdr &message)
 {
     const unsigned flags = rtnl_link_get_flags(link);
     const char *name = rtnl_link_get_name(link);
@@ -39,6 +44,7 @@ Link Describe(rtnl_link *link)
     found.carrier = rtnl_link_get_carrier(link) != 0;
     found.promiscuous = flags & IFF_PROMISC;
     found.mtu = rtnl_link_get_mtu(link);
+    found.bonding = ReadBonding(message);
     return found;
 }
 
@@ -112,6 +118,12 @@ struct Links::Change {
     uint32_t mtu = 0;      // 0: stays
 };
 
+// A message from the kernel that is being read.
+struct Links::Message {
+    Links &links;
+    const nlmsghdr &header;
+};
+
 void Links::Release::operator()(nl_sock *socket) const { nl_socket_free(socket); }
 
 Links::Links() = default;
@@ -166,20 +178,21 @@ bool Links::Follow(Link link)
 
 int Links::TakeMessage(nl_msg *message, void *self)
 {
-    nl_msg_parse(message, TakeObject, self);
+    Message taken = {*static_cast<Links *>(self), *nlmsg_hdr(message)};
+    nl_msg_parse(message, TakeObject, &taken);
     return NL_OK;
 }
 
-void Links::TakeObject(nl_object *object, void *self)
+void Links::TakeObject(nl_object *object, void *message)
 {
-    auto *links = static_cast<Links *>(self);
+    const auto &[links, header] = *static_cast<Message *>(message);
     auto *link = reinterpret_cast<rtnl_link *>(object);
     // A bridge tells of its ports by the same messages: one that leaves it is not gone.
     if (rtnl_link_get_family(link) != AF_UNSPEC) return;
     if (nl_object_get_msgtype(object) == RTM_NEWLINK)
-        links->Follow(Describe(link));
+        links.Follow(Describe(link, header));
     else
-        links->Forget(static_cast<uint32_t>(rtnl_link_get_ifindex(link)));
+        links.Forget(static_cast<uint32_t>(rtnl_link_get_ifindex(link)));
 }
 
 void Links::ForgetName(const Link &link)
@@ -200,21 +213,21 @@ void Links::Forget(uint32_t ifindex)
 
 bool Links::ReadAll()
 {
-    nl_cache *cache = nullptr;
-    if (rtnl_link_alloc_cache(requests.get(), AF_UNSPEC, &cache) != 0) return false;
-    std::map<uint32_t, Link> before = std::exchange(links, {});
+    const std::unique_ptr<nl_cb, ReleaseCallbacks> callbacks(nl_cb_alloc(NL_CB_DEFAULT));
+    if (!callbacks) return false;
+    nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, TakeMessage, this);
+    const std::map<uint32_t, Link> before = std::exchange(links, {});
+    const bool hadChanged = hasChanged;
     ifindexes.clear();
-    for (nl_object *object = nl_cache_get_first(cache); object; object = nl_cache_get_next(object)) {
-        Link link = Describe(reinterpret_cast<rtnl_link *>(object));
-        AddDetails(link);
-        ifindexes[link.name] = link.ifindex;
-        links[link.ifindex] = std::move(link);
-    }
-    nl_cache_free(cache);
+    int error;
+    do { // until no interface has changed meanwhile
+        error = nl_rtgen_request(requests.get(), RTM_GETLINK, AF_UNSPEC, NLM_F_DUMP);
+        if (error >= 0) error = nl_recvmsgs(requests.get(), callbacks.get());
+    } while (error == -NLE_DUMP_INTR);
     for (const auto &[ifindex, link] : before)
         deleted.insert(ifindex); // each may be another one
-    if (before != links) hasChanged = true;
-    return true;
+    hasChanged = hadChanged || before != links;
+    return error >= 0;
 }
 
 bool Links::Update()

@@ -9,6 +9,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "platform/live/bonds.h"
+
 struct nl_msg;
 struct nl_object;
 struct nl_sock;
@@ -25,6 +27,7 @@ struct Link {
     uint32_t speed = 0; // Mb/s; 0: the interface doesn't say
     uint32_t mtu = 0;
     int32_t numaNode = -1; // -1: none
+    Bonding bonding;
 
     bool IsUp() const { return adminUp && carrier; }
     bool operator==(const Link &) const = default;
@@ -76,9 +79,10 @@ private:
         void operator()(nl_sock *socket) const;
     };
     struct Change;
+    struct Message;
 
     static int TakeMessage(nl_msg *message, void *self);
-    static void TakeObject(nl_object *object, void *self);
+    static void TakeObject(nl_object *object, void *message);
     bool Follow(Link link);
     void Forget(uint32_t ifindex);
     void ForgetName(const Link &link);

@@ -184,6 +184,18 @@ VsStatus LiveKernel::ReadMirrors(Reader &, const RunningSwitch &vswitch,
     return AbsentIsOk(status);
 }
 
+VsStatus LiveKernel::ReadLags(Reader &reader, const RunningSwitch &vswitch, std::vector<VSwitchLag> &found)
+{
+    std::vector<NamedNic> uplinks;
+    const VsStatus status = AbsentIsOk(ListUplinks(reader, vswitch.switchId, uplinks));
+    for (const VSwitchLag &lag : lags.Get()) {
+        const auto isIn = [&](const NamedNic &uplink) { return IsInLag(lag, uplink.name); };
+        if (found.size() < MAX_LAGS && std::any_of(uplinks.begin(), uplinks.end(), isIn))
+            found.push_back(lag);
+    }
+    return status;
+}
+
 VsStatus LiveKernel::ReadObservers(Reader &, const RunningSwitch &vswitch, std::set<uint32_t> &portNumbers)
 {
     return AbsentIsOk(tables.ReadObservers(vswitch.switchId, portNumbers));

@@ -2,13 +2,14 @@
 #pragma once
 
 #include "platform/host/live.h"
+#include "platform/live/bonds.h"
 #include "platform/live/kernel_tables.h"
 
 namespace live {
 
 class LiveKernel : public vshost::Live {
 public:
-    explicit LiveKernel(const KernelTables &tables) : tables(tables) {}
+    LiveKernel(const KernelTables &tables, const SharedLags &lags) : tables(tables), lags(lags) {}
 
     VsStatus ReadAddresses(vshost::Reader &reader, std::span<const vshost::RunningPort> ports,
                            std::vector<VSwitchMacEntry> &entries) override;
@@ -27,6 +28,8 @@ public:
                          std::vector<VSwitchMirrorStats> &sessions) override;
     VsStatus ReadObservers(vshost::Reader &reader, const vshost::RunningSwitch &vswitch,
                            std::set<uint32_t> &portNumbers) override;
+    VsStatus ReadLags(vshost::Reader &reader, const vshost::RunningSwitch &vswitch,
+                      std::vector<VSwitchLag> &found) override;
     VsStatus ForgetAddress(const vshost::RunningPort &port, const VSwitchMacEntry &address) override
     {
         return tables.ForgetAddress(port.number, address.vlanId, address.address);
@@ -35,6 +38,7 @@ public:
 
 private:
     const KernelTables &tables;
+    const SharedLags &lags;
 };
 
 }

@@ -36,27 +36,6 @@ struct [[gnu::packed]] LearningRecord {
 };
 static_assert(sizeof(LearningRecord) == 11);
 
-// Empty when it is absent.
-VsStatus ReadValue(Reader &reader, const PropertyOwner &owner, std::string_view key, std::string &value)
-{
-    StoredProperty property;
-    const VsStatus status = GetProperty(reader, owner, key, property);
-    value = std::move(property.value);
-    return status == STATUS_NOT_FOUND ? STATUS_OK : status;
-}
-
-struct NamedValue {
-    std::string_view key;
-    std::string *value;
-};
-
-VsStatus ReadValues(Reader &reader, const PropertyOwner &owner, std::initializer_list<NamedValue> values)
-{
-    for (const NamedValue &named : values)
-        if (VsStatus status = ReadValue(reader, owner, named.key, *named.value)) return status;
-    return STATUS_OK;
-}
-
 // A record that is not whole lets nothing pass.
 void TakeVlans(std::string_view value, PortConfig &port)
 {

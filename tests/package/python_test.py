@@ -43,7 +43,8 @@ class OperationTest(unittest.TestCase):
         assert not missing, f"no test calls {missing}"
 
     def test_policies_come_back_as_they_were_written(self):
-        vlan_map, entry = [b"\1\0\2\0\0\0\0\1", b"\3\0\4\0\0\0\0\2"], b"policy".ljust(2748, b"\0")
+        vlan_map, entry = ([b"\1\0\2\0\0\0\0\1", b"\3\0\4\0\0\0\0\2"],
+                           (b"policy".ljust(132, b"\0") + b"\1").ljust(2748, b"\0"))
         cases = [
             ("PortSecurity", PORT, 3), ("ExtraEthFilter", PORT, v.ExtraEthFilterRecord(7)),
             ("PortMACLearning", PORT, v.PortMACLearningConfig(1, 1, 20, 30)), ("PortNestedVLANTagging", PORT, True),
