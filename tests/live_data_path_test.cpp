@@ -48,16 +48,6 @@ Bytes BroadcastOf(uint8_t source)
     return frame;
 }
 
-std::vector<uint32_t> Ports(const std::vector<Sent> &sent)
-{
-    std::vector<uint32_t> ports;
-    for (const Sent &one : sent)
-        ports.push_back(one.port);
-    return ports;
-}
-
-using Numbers = std::vector<uint32_t>;
-
 // Copies of what port 1 sends, at port 2.
 MirrorSession Session(const std::string &id)
 {

@@ -84,6 +84,14 @@ Sent MakeSent(uint32_t port, const Bytes &frame)
     return {port, static_cast<uint32_t>(frame.size()), Bytes(frame.begin(), end)};
 }
 
+Numbers Ports(const std::vector<Sent> &sent)
+{
+    Numbers ports;
+    for (const Sent &one : sent)
+        ports.push_back(one.port);
+    return ports;
+}
+
 namespace {
 
 // The kernel keeps the outer tag beside the bytes.

@@ -52,6 +52,9 @@ struct Sent {
 
 Sent MakeSent(uint32_t port, const Bytes &frame);
 
+using Numbers = std::vector<uint32_t>;
+Numbers Ports(const std::vector<Sent> &sent);
+
 // PortConfig.ifindex of a port whose interface the medium chooses.
 inline constexpr uint32_t ANY_INTERFACE = UINT32_MAX;
 

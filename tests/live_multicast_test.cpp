@@ -49,16 +49,6 @@ Bytes FrameOf(char sender, const std::vector<std::string> &words)
     return frame;
 }
 
-std::vector<uint32_t> Ports(const std::vector<Sent> &sent)
-{
-    std::vector<uint32_t> ports;
-    for (const Sent &one : sent)
-        ports.push_back(one.port);
-    return ports;
-}
-
-using Numbers = std::vector<uint32_t>;
-
 uint32_t Below(std::mt19937 &random, size_t limit) { return static_cast<uint32_t>(random() % limit); }
 
 void Sweep(Medium &run) { EXPECT_EQ(run.path.Sweep(), STATUS_OK); }
