@@ -25,6 +25,7 @@ SECONDS = 1  # of each run: short, so that all sides meet the same other work of
 FLOOD_PORTS = (2, 10, 100) if QUICK else (2, 10, 100, 1000)
 FLOOD_COPIES = 50000  # of each run, fewer than the kernel queues for a processor
 WRITES = 1000
+GROUPS = 1000  # one of them is 239.1.2.3
 PATIENCE = 60
 SWITCH = "one"
 
@@ -176,6 +177,16 @@ class Live(Emulated):
             run(BUILD / "platform/vshost", "plug", "--state", self.directory, SWITCH, self.ports, interface)
             self.ports += 1
 
+    def mirror(self, source, destination):
+        self.on_host(BUILD / "vsctl", "mirror", "add", SWITCH, "copy", "--from", source, "--to", destination)
+
+    def snoop(self):
+        self.on_host(BUILD / "vsctl", "switch", "multicast", SWITCH, "snooping")
+
+    def groups(self):
+        listed = self.on_host(BUILD / "vsctl", "multicast", "filters", SWITCH, "--json")
+        return [row for row in json.loads(listed)["result"] if row["kind"] == "ipv4"]
+
     def stop(self):
         run(BUILD / "platform/vshost", "stop", "--state", self.directory)
         self.daemon.wait()
@@ -307,6 +318,62 @@ def measure_policies(work):
         host.stop()
 
 
+def print_pairs(title, results, own, peer):
+    table = Table(title)
+    for what, unit, name in (("TCP", "bit/s", "TCP, one stream"), ("frames", "/s", "frames of 60 bytes"),
+                             ("tcp", "ns", "round trip of one byte, TCP")):
+        table.row(name, unit, [one[what] for one in results[own]], [one[what] for one in results[peer]])
+
+
+def measure_copies(work):
+    """Two pairs of ports on one host. What a port of one of them sends goes to a third port, too."""
+    host = Live(f"{work}/copies")
+    try:
+        plain, mirrored = Pair(host, 5), Pair(host, 6)
+        observer = Namespace()
+        observer.connect(["copies"])
+        host.plug(["copies"])
+        host.mirror(2, 4)
+        for pair in (plain, mirrored):
+            pair.measure()
+        results = in_turn([mirrored, plain], Pair.measure)
+        print_pairs("Two ports of which one is mirrored, beside ports that are not", results, mirrored, plain)
+    finally:
+        host.stop()
+
+
+# Joins groups until its input ends.
+JOIN = """
+import socket, sys
+address, count = sys.argv[1], int(sys.argv[2])
+member = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+for i in range(count):
+    group = socket.inet_aton(f"239.1.{i // 256}.{i % 256}")
+    member.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, group + socket.inet_aton(address))
+sys.stdin.read()
+"""
+
+
+def measure_groups(work):
+    """A host that snoops, at one of whose ports 1,000 groups are joined, beside one that doesn't."""
+    hosts = []
+    try:
+        hosts = [Live(f"{work}/groups"), Live(f"{work}/legacy")]
+        snooping, legacy = pairs = [Pair(host, 3 + number) for number, host in enumerate(hosts)]
+        hosts[0].snoop()
+        snooping.b.run("sysctl", "-qw", f"net.ipv4.igmp_max_memberships={GROUPS}")
+        with subprocess.Popen(["nsenter", f"--net={snooping.b.file}", sys.executable, "-c", JOIN, snooping.address,
+                               str(GROUPS)], stdin=subprocess.PIPE) as member:
+            wait_until(lambda: len(hosts[0].groups()) == GROUPS, "all groups")
+            results = in_turn(pairs, lambda pair: pair.traffic("group", "eth0"))
+            member.stdin.close()
+        Table(f"Multicast with snooping and {GROUPS:,} groups, beside a switch without snooping").row(
+            "frames of 60 bytes to a group", "/s", results[snooping], results[legacy])
+    finally:
+        for host in hosts:
+            host.stop()
+
+
 def measure_floods(switches):
     """Each switch grows from size to size: a sender, and all other ports in one namespace."""
     source, sink = Namespace(), Namespace()
@@ -364,6 +431,8 @@ def measure(work, bpffs):
         measure_writes(switches[0], emulated, 2, False)
         switches.pop().stop()
         measure_policies(work)
+        measure_copies(work)
+        measure_groups(work)
         switches += [Live(f"{work}/flood"), Bridge("br-flood")]
         measure_floods(switches[2:])
         measure_writes(switches[2], emulated, 1 + max(FLOOD_PORTS), True)

@@ -2,6 +2,7 @@
 //
 //   live_traffic tcp|udp SENDER RECEIVER ADDRESS SECONDS      nanoseconds for one byte there and back
 //   live_traffic frames SENDER RECEIVER INTERFACE SECONDS     frames of 60 bytes received in a second
+//   live_traffic group SENDER RECEIVER INTERFACE SECONDS      the same, to the group 239.1.2.3
 //   live_traffic flood SENDER RECEIVER INTERFACE FRAMES PORTS nanoseconds for one broadcast frame to PORTS
 //   ports
 //
@@ -207,13 +208,29 @@ uint64_t ReceivedHere()
     return sum;
 }
 
-void MeasureFrames(const Sides &sides)
+Frame MakeFrameTo(const Sides &sides)
 {
     Enter(sides.receiver);
     const ifreq receiver = AddressOfInterface(sides.address);
     Enter(sides.sender);
+    return MakeFrame(receiver.ifr_hwaddr.sa_data, sides.address);
+}
+
+// UDP over IPv4. Its checksum is wrong, so that the receiver drops it at once, as a member and as none.
+Frame MakeGroupFrame(const Sides &sides)
+{
+    constexpr unsigned char HEADER[] = {0x08, 0x00, 0x45, 0,  0, 46, 0, 0,   0, 0, 4,
+                                        17,   0xff, 0xff, 10, 9, 0,  1, 239, 1, 2, 3};
+    Enter(sides.sender);
+    Frame frame = MakeFrame("\x01\x00\x5e\x01\x02\x03", sides.address);
+    memcpy(frame.data() + 12, HEADER, sizeof(HEADER));
+    return frame;
+}
+
+void MeasureFrames(const Sides &sides, Frame frame)
+{
+    Enter(sides.sender);
     const int sender = MakeFrameSender(sides.address);
-    Frame frame = MakeFrame(receiver.ifr_hwaddr.sa_data, sides.address);
     iovec part = {frame.data(), frame.size()};
     std::array<mmsghdr, BATCH> batch = {};
     for (mmsghdr &message : batch) {
@@ -265,13 +282,12 @@ void MeasureFlood(const Flood &flood)
 int main(int count, char **arguments)
 {
     const std::string_view what = count > 1 ? arguments[1] : "";
-    if (count == 6 && (what == "tcp" || what == "udp" || what == "frames")) {
+    if (count == 6 && what != "flood") {
         const Sides sides = {arguments[2], arguments[3], arguments[4], atof(arguments[5])};
-        if (what == "frames")
-            MeasureFrames(sides);
-        else
-            MeasureRoundTrips(sides, what == "tcp" ? SOCK_STREAM : SOCK_DGRAM);
-        return 0;
+        if (what == "frames") return MeasureFrames(sides, MakeFrameTo(sides)), 0;
+        if (what == "group") return MeasureFrames(sides, MakeGroupFrame(sides)), 0;
+        if (what == "tcp") return MeasureRoundTrips(sides, SOCK_STREAM), 0;
+        if (what == "udp") return MeasureRoundTrips(sides, SOCK_DGRAM), 0;
     }
     if (count == 7 && what == "flood") {
         MeasureFlood({{arguments[2], arguments[3], arguments[4], 0},
@@ -280,7 +296,7 @@ int main(int count, char **arguments)
         return 0;
     }
     fputs("usage: live_traffic tcp|udp SENDER RECEIVER ADDRESS SECONDS\n"
-          "       live_traffic frames SENDER RECEIVER INTERFACE SECONDS\n"
+          "       live_traffic frames|group SENDER RECEIVER INTERFACE SECONDS\n"
           "       live_traffic flood SENDER RECEIVER INTERFACE FRAMES PORTS\n",
           stderr);
     return 2;
