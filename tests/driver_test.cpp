@@ -452,17 +452,27 @@ TEST_F(Driver, APortsetUnderTheAliasOfAnotherSwitchHasNone)
     EXPECT_STREQ(Query<VSwitchInfo>(VSWITCH_GET_INFO, Input(LAB)).switchId, "");
 }
 
-std::string Hint(const char *portId)
+uint32_t NumberOf(const char *portId)
 {
-    VSwitchInput input = {};
     uint32_t number = 0;
     EXPECT_EQ(VSDVS_DvPortIDToPortID(LAB, portId, &number), STATUS_OK);
-    input.port.portId = number;
-    struct Name {
-        char text[32];
-    };
-    return Query<Name>(VSWITCH_GET_UPLINK_HINT, input).text;
+    return number;
 }
+
+// A text about a port.
+template<size_t SIZE> std::string TextOf(uint32_t command, const char *portId)
+{
+    VSwitchInput input = {};
+    input.port.portId = NumberOf(portId);
+    struct Name {
+        char text[SIZE];
+    };
+    return Query<Name>(command, input).text;
+}
+
+std::string Hint(const char *portId) { return TextOf<32>(VSWITCH_GET_UPLINK_HINT, portId); }
+
+std::string Followed(const char *portId) { return TextOf<136>(VSWITCH_GET_PORT_LS_POLICY, portId); }
 
 TEST_F(Driver, LinksAndTheUplinkOfAPort)
 {
@@ -530,13 +540,13 @@ TEST_F(Driver, TheUplinkOfAPortFollowsItsTeamingPolicy)
         table.replace(table.size() - policy.size(), policy.size(), policy);
         return VSDVS_SetLSTeamingPolicy(LAB, reinterpret_cast<LSTeamingPolicyTable *>(table.data()));
     };
-    uint32_t number = 0;
-    ASSERT_EQ(VSDVS_DvPortIDToPortID(LAB, PORT, &number), STATUS_OK);
+    const uint32_t number = NumberOf(PORT);
     const std::string byNumber = number % 2 ? "nic1" : "nic0", other = number % 2 ? "uplink0" : "uplink1";
     const struct {
         const char *step;
         std::function<VsStatus()> run;
         std::string hint;
+        std::string followed = {}; // the name of the logical switch's policy
     } steps[] = {
         {"none", [] { return STATUS_OK; }, byNumber},
         {"the switch's", [&] { return ofSwitch(Policy({other.c_str()}, "none")); },
@@ -549,21 +559,92 @@ TEST_F(Driver, TheUplinkOfAPortFollowsItsTeamingPolicy)
         {"its standby one", [&] { return link("nic1", "down"); }, "nic0"},
         {"back again", [&] { return link("nic1", "up"); }, "nic1"},
         {"a name without a policy", [&] { return name("gold"); }, "nic1"},
-        {"the logical switch's", [&] { return gold(Policy({"uplink0"}, "none")); }, "nic0"},
-        {"which has no other uplink", [&] { return link("nic0", "down"); }, ""},
-        {"but may use any", [] { return VSDVS_SetTxUplinkAlways(LAB, PORT, 1); }, "nic1"},
-        {"its link is back", [&] { return link("nic0", "up"); }, "nic0"},
+        {"the logical switch's", [&] { return gold(Policy({"uplink0"}, "none")); }, "nic0", "gold"},
+        {"which has no other uplink", [&] { return link("nic0", "down"); }, "", "gold"},
+        {"but may use any", [] { return VSDVS_SetTxUplinkAlways(LAB, PORT, 1); }, "nic1", "gold"},
+        {"its link is back", [&] { return link("nic0", "up"); }, "nic0", "gold"},
         {"its own", [&] { return ofPort(Policy({"uplink1"}, "uplink0")); }, "nic1"},
         {"the override", [] { return VSDVS_SetPortTeamingOverride(LAB, PORT, "uplink0"); }, "nic0"},
         {"an override without an uplink", [] { return VSDVS_SetPortTeamingOverride(LAB, PORT, "none"); },
          "nic1"},
-        {"its own of another version", [&] { return ofPort(Policy({"uplink1"}, "none", 2)); }, "nic0"},
+        {"its own of another version", [&] { return ofPort(Policy({"uplink1"}, "none", 2)); }, "nic0",
+         "gold"},
         {"another name", [&] { return name("tin"); }, "nic1"},
         {"the switch's goes", [] { return VSDVS_ClearTeamingPolicy(LAB); }, byNumber},
     };
     for (const auto &row : steps) {
         EXPECT_EQ(row.run(), STATUS_OK) << row.step;
         EXPECT_EQ(Hint(PORT), row.hint) << row.step;
+        EXPECT_EQ(Followed(PORT), row.followed) << row.step;
+    }
+}
+
+// What mirror sessions are and which ports get frames that are not for them, by records that hosts enforce.
+TEST_F(Driver, ObserversAndMirrorSessionsFollowTheRecords)
+{
+    struct [[gnu::packed]] {
+        MirrorSessionList header = {MIRROR_LIST_MAGIC, MIRROR_LIST_VERSION, 1, 2, 0};
+        char id[32] = "span";
+        VSwitchMirrorSettings settings = {VSWITCH_MIRROR_VERSION, 1, 0, 0, 0, 1, {}};
+        uint32_t counts[4] = {0, 0, 2, 0};
+        VSwitchMirrorPort destinations[2] = {{"port1", 7}, {"port9", 0}};
+    } list;
+    const auto mirror = [&](const char *portId, auto change) {
+        const auto before = list;
+        change();
+        VSDVS_ClearDVMirrorSessions(LAB, portId);
+        const VsStatus status = VSDVS_AppendDVMirrorSessions(LAB, portId, &list.header);
+        list = before;
+        return status;
+    };
+    const auto security = [](const char *portId, uint32_t flags) {
+        return VSDVS_SetPortSecurity(LAB, portId, &flags);
+    };
+    const struct {
+        const char *step;
+        std::function<VsStatus()> run;
+        Words sessions; // an enabled one with "+"
+        Words observers;
+    } steps[] = {
+        {"none", [] { return STATUS_OK; }, {}, {}},
+        {"the host's", [&] { return mirror(nullptr, [] {}); }, {"span+"}, {"port1"}},
+        {"disabled", [&] { return mirror(nullptr, [&] { list.settings.enabled = 0; }); }, {"span-"}, {}},
+        {"of a version that is not known",
+         [&] { return mirror(nullptr, [&] { list.settings.version = 2; }); },
+         {},
+         {}},
+        {"a port's beside it", [&] { return mirror(PORT, [&] { list.id[0] = 'x'; }); }, {"xpan+"}, {"port1"}},
+        {"of one id",
+         [&] { return mirror(nullptr, [&] { list.id[0] = 'x', list.settings.enabled = 0; }); },
+         {"xpan-"},
+         {}},
+        {"a port that gets all frames", [&] { return security("port0", 0); }, {"xpan-"}, {"port0"}},
+        {"and an uplink", [&] { return security("uplink0", 6); }, {"xpan-"}, {"port0"}},
+        {"only its own", [&] { return security("port0", 1); }, {"xpan-"}, {}},
+        {"a port by its number",
+         [&] {
+             return mirror(nullptr, [&] {
+                 list.destinations[0] = {"", NumberOf("port0")}, list.destinations[1] = {"", 4000000};
+             });
+         },
+         {"span+", "xpan+"},
+         {"port0", "port1"}},
+    };
+    for (const auto &row : steps) {
+        EXPECT_EQ(row.run(), STATUS_OK) << row.step;
+        Words sessions, observers;
+        for (const std::string &id : Names(VSWITCH_GET_MIRROR_SESSIONS, Input(), 32)) {
+            VSwitchInput input = Input();
+            id.copy(input.args.sessionId, sizeof(input.args.sessionId));
+            const bool isActive = Query<VSwitchMirrorStats>(VSWITCH_GET_MIRROR_STATS, input).active;
+            sessions.push_back(id + (isActive ? "+" : "-"));
+        }
+        for (const char *portId : {"port0", "port1", "uplink0"})
+            for (const std::string &number : List(VSWITCH_GET_PROMISCUOUS_PORTS, Input(), 4))
+                if (number == Bytes(NumberOf(portId))) observers.push_back(portId);
+        EXPECT_EQ(sessions, row.sessions) << row.step;
+        EXPECT_EQ(observers, row.observers) << row.step;
+        EXPECT_EQ(List(VSWITCH_GET_PROMISCUOUS_PORTS, Input(), 4).size(), row.observers.size()) << row.step;
     }
 }
 

@@ -48,12 +48,14 @@ template<typename Record> std::string Bytes(const Record &record)
 // A text with its NUL, as the store keeps it.
 inline std::string Text(std::string_view text) { return std::string(text) + '\0'; }
 
-// A list of mirror sessions without entries.
+// A list of enabled mirror sessions without entries.
 template<size_t count> struct [[gnu::packed]] MirrorList {
     template<typename... Ids> explicit MirrorList(const Ids &...ids)
     {
         size_t i = 0;
         (std::string_view(ids).copy(sessions[i++].sessionId, sizeof(sessions[0].sessionId)), ...);
+        for (MirrorSessionRecord &session : sessions)
+            session.settings[0] = session.settings[4] = 1; // version and state
     }
     MirrorSessionList header = {MIRROR_LIST_MAGIC, MIRROR_LIST_VERSION, count, 0, 0};
     MirrorSessionRecord sessions[count] = {};

@@ -754,39 +754,89 @@ public:
         return Bytes(info);
     }
 
-    // Ids of the mirror sessions of a switch, each once.
-    std::vector<std::string> Sessions(const std::string &id)
+    std::vector<std::string> MirrorLists(const std::string &id)
     {
-        std::vector<std::string> lists = {ValueOr(HOST_MIRRORS, id)}, sessions;
+        std::vector<std::string> lists = {ValueOr(HOST_MIRRORS, id)};
         for (const auto &[port, found] : PortsOf(id))
             lists.push_back(ValueOr(MIRRORS, id, port));
-        for (const std::string &list : lists)
+        return lists;
+    }
+    // Ids in the lists of mirror sessions of a switch, each once.
+    std::vector<std::string> Sessions(const std::string &id)
+    {
+        std::vector<std::string> sessions;
+        for (const std::string &list : MirrorLists(id))
             for (size_t i = 0; i < WordAt(list, 8) && 20 + 232 * (i + 1) <= list.size(); i++) {
                 const std::string session = UpToNul(list.substr(20 + 232 * i, 32));
                 if (!Contains(sessions, session)) sessions.push_back(session);
             }
         return sessions;
     }
+    // A mirror session that the driver understands.
+    struct RunningSession {
+        std::string id;
+        bool isEnabled;
+        std::string destinations; // entries of 52 bytes
+    };
+    std::vector<RunningSession> RunningSessions(const std::string &id)
+    {
+        std::vector<RunningSession> running;
+        for (const std::string &list : MirrorLists(id)) {
+            const uint64_t count = WordAt(list, 8), entries = WordAt(list, 12);
+            if (list.size() < 20 || 20 + 232 * count + 52 * entries > list.size()) continue;
+            for (size_t at = 20; at < 20 + 232 * count; at += 232) {
+                const std::string name = UpToNul(list.substr(at, 32)), settings = list.substr(at + 32, 184);
+                const uint64_t before = uint64_t{WordAt(list, at + 228)} + WordAt(list, at + 216) +
+                                        WordAt(list, at + 220),
+                               mine = WordAt(list, at + 224);
+                const bool isKnown = WordAt(settings, 0) == 1 && uint8_t(settings[4]) <= 1 &&
+                                     uint8_t(settings[5]) <= 1 && WordAt(settings, 4) >> 16 <= 4094;
+                if (!isKnown || before + mine > entries) continue;
+                if (std::any_of(running.begin(), running.end(), [&](auto &one) { return one.id == name; }))
+                    continue;
+                running.push_back(
+                    {name, settings[4] == 1, list.substr(20 + 232 * count + 52 * before, 52 * mine)});
+            }
+        }
+        return running;
+    }
     std::string SessionList(const std::string &portset)
     {
         std::string list;
-        for (const std::string &session : Sessions(SwitchRunning(portset)))
-            list += Field(session, 32);
+        for (const RunningSession &session : RunningSessions(SwitchRunning(portset)))
+            list += Field(session.id, 32);
         return List(list, 32);
     }
-    std::string SessionStats(const std::string &portset, const std::string &session)
+    std::string SessionStats(const std::string &portset, const std::string &wanted)
     {
-        Require(Contains(Sessions(SwitchRunning(portset)), session), STATUS_NOT_FOUND);
-        return Field(Field(session, 32) + '\1', 121);
+        for (const RunningSession &session : RunningSessions(SwitchRunning(portset)))
+            if (session.id == wanted) return Field(Field(wanted, 32) + char(session.isEnabled), 121);
+        Require(false, STATUS_NOT_FOUND);
+        return {};
     }
 
-    std::string SinkPorts(const std::string &portset)
+    bool IsDestination(const std::string &id, const std::string &port, uint32_t number)
+    {
+        for (const RunningSession &session : RunningSessions(id))
+            for (size_t at = 0; session.isEnabled && at < session.destinations.size(); at += 52) {
+                const std::string name = UpToNul(session.destinations.substr(at, 48));
+                if (name.empty() ? WordAt(session.destinations, at + 48) == number : name == port)
+                    return true;
+            }
+        return false;
+    }
+
+    // Sink ports, destinations of mirror sessions, and ports that get all frames.
+    std::string Observers(const std::string &portset)
     {
         std::set<uint32_t> numbers;
         const std::string id = SwitchRunning(portset);
         for (const auto &[port, found] : PortsOf(id)) {
-            const std::string filter = ValueOr(ETH_FILTER, id, port);
-            if (filter.size() > 2 && filter[2] & 1) numbers.insert(found.number);
+            const std::string filter = ValueOr(ETH_FILTER, id, port), flags = ValueOr(SECURITY, id, port);
+            const bool isSink = filter.size() > 2 && filter[2] & 1;
+            const bool getsAll = flags.size() == 4 && WordAt(flags, 0) < 8 && !(flags[0] & 1) &&
+                                 !Contains(UplinkPorts(id), port);
+            if (isSink || getsAll || IsDestination(id, port, found.number)) numbers.insert(found.number);
         }
         std::string list;
         for (const uint32_t number : numbers)

@@ -195,7 +195,7 @@ const std::vector<Row> &Rows()
         ROW(VSZOR_GetMcastFilterStats, PORTSET, VLAN_ID, KIND, GROUP, LIST),
         MakeRow("VSZOR_GetDVMirrorSessionIDs", VSZOR_GetDVMirrorSessionIDs, &Model::AskByAlias<4101, 8, &Model::SessionList>, {ALIAS, LIST}),
         ROW(VSZOR_GetDVMirrorSessionStats, ALIAS, SESSION, {OUT, 121}),
-        MakeRow("VSZOR_GetPromiscSessionActiveDsts", VSZOR_GetPromiscSessionActiveDsts, &Model::AskByAlias<4100, 8, &Model::SinkPorts>, {ALIAS, LIST}),
+        MakeRow("VSZOR_GetPromiscSessionActiveDsts", VSZOR_GetPromiscSessionActiveDsts, &Model::AskByAlias<4100, 8, &Model::Observers>, {ALIAS, LIST}),
         MakeRow("VSZOR_GetRARPStats", VSZOR_GetRARPStats, &Model::AskCleared<4097, 16, &Model::NoStatistics<16>>, {PORTSET, {OUT, 16}}),
         MakeRow("VSZOR_GetServicePortTeamingStats", VSZOR_GetServicePortTeamingStats, &Model::AskCleared<4098, 48, &Model::NoStatistics<48>>, {PORTSET, {OUT, 48}}),
         ROW(VSZOR_GetRuntimeOptions, IDS, COUNT, LIST),
@@ -383,12 +383,15 @@ private:
         uint32_t count = UpTo(3), first = 0;
         for (uint32_t i = 0; i < count; i++) {
             const uint32_t counts[3] = {UpTo(2), UpTo(1), UpTo(1)};
-            sessions += Field(AnyName(From::SESSION).substr(0, 32), 32) + Noise(184) + Bytes(counts) +
+            // Of a version that the driver understands, most of the time.
+            const std::string settings =
+                OneIn(3) ? Noise(184) : Word(1) + Word(UpTo(1) | UpTo(1) << 8 | UpTo(9) << 16) + Noise(176);
+            sessions += Field(AnyName(From::SESSION).substr(0, 32), 32) + settings + Bytes(counts) +
                         Word(OneIn(12) ? UpTo(3) : first);
             first += counts[0] + counts[1] + counts[2];
         }
         for (uint32_t i = 0; i < first; i++)
-            entries += Noise(52);
+            entries += OneIn(3) ? Noise(52) : Field(AnyName(From::PORT).substr(0, 48), 48) + Word(UpTo(9));
         return Word(Pick({0xFACEBEEFu, 7u})) + Word(2) + Word(count) + Word(OneIn(12) ? first + 1 : first) +
                Word(UpTo(1)) + sessions + entries;
     }

@@ -6,25 +6,58 @@
 
 #include "platform/driver/request.h"
 #include "platform/host/group.h"
+#include "platform/host/policy_records.h"
 
 namespace vshost {
 
 namespace {
 
 constexpr std::string_view KEY_MCAST_FILTER = "com.talpex.vswitch.multicastFilter";
-constexpr std::string_view KEY_UPLINK_MIRROR = "com.talpex.vswitch.uplinkMirrorSessions";
-constexpr size_t MIRROR_HEADER = 20, MIRROR_COUNT_AT = 8, MIRROR_RECORD = 232, SESSION_ID = 32;
 constexpr size_t SINK_PORT_BYTE = 2; // of the filter; the lowest bit of this byte
 
-// Adds the session ids of a stored list that `sessionIds` doesn't have yet.
-void AddSessions(std::string_view list, std::vector<std::string> &sessionIds)
+VsStatus AddDestinations(Reader &reader, const std::string &switchId, std::set<uint32_t> &portNumbers)
 {
-    uint32_t count = WordAt(list, MIRROR_COUNT_AT);
-    for (size_t at = MIRROR_HEADER; count > 0 && at + MIRROR_RECORD <= list.size();
-         at += MIRROR_RECORD, count--) {
-        const std::string id(list.data() + at, strnlen(list.data() + at, SESSION_ID));
-        if (std::find(sessionIds.begin(), sessionIds.end(), id) == sessionIds.end()) sessionIds.push_back(id);
+    std::set<uint32_t> destinations;
+    std::vector<MirrorSession> sessions;
+    if (VsStatus status = vshost::ReadMirrors(reader, switchId, sessions)) return status;
+    for (const MirrorSession &session : sessions)
+        if (session.isEnabled) destinations.insert(session.destinations.begin(), session.destinations.end());
+    if (destinations.empty()) return STATUS_OK;
+    return ForEachPortRow(reader, switchId, [&](std::string_view, const StoredPort &port) {
+        if (destinations.contains(port.number)) portNumbers.insert(port.number);
+        return true;
+    });
+}
+
+VsStatus AddPromiscuous(Reader &reader, const std::string &switchId, std::set<uint32_t> &portNumbers)
+{
+    std::vector<std::string> uplinks;
+    const VsStatus status = ListUplinkPorts(reader, switchId, uplinks);
+    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    return ForEachPortRow(reader, switchId, [&](std::string_view portId, const StoredPort &port) {
+        BundleEntry found;
+        if (!CheckBundle(port.properties)) return false;
+        if (!FindEntry(port.properties, KEY_SECURITY, found)) return true;
+        const std::optional<uint32_t> bits = DecodeSecurity(found.value);
+        const bool isUplink = std::find(uplinks.begin(), uplinks.end(), portId) != uplinks.end();
+        if (bits && !(*bits & VSWITCH_SECURITY_ADDRESSED_ONLY) && !isUplink) portNumbers.insert(port.number);
+        return true;
+    });
+}
+
+VsStatus AddNamed(Reader &reader, const RunningSwitch &vswitch, std::set<uint32_t> &portNumbers)
+{
+    std::string named;
+    const VsStatus status = reader.Get(runtime::PromiscuousKey(vswitch.portset), named);
+    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
+    if (!named.empty() && named.back() != '\0') return STATUS_IO_ERROR;
+    for (std::string_view rest = named; !rest.empty(); rest.remove_prefix(Text(rest).size() + 1)) {
+        uint32_t number = 0;
+        const VsStatus found = GetPortNumber(reader, vswitch.switchId, Text(rest), number);
+        if (found && found != STATUS_NOT_FOUND) return found;
+        if (!found) portNumbers.insert(number);
     }
+    return STATUS_OK;
 }
 
 // Groups of the request's portset, address kind and VLAN, in the order of VLAN and address.
@@ -44,9 +77,10 @@ int ReadGroups(DriverRequest &request, std::vector<MulticastGroup> &groups)
 
 bool HasMirrorSessions(std::string_view list)
 {
-    std::vector<std::string> sessionIds;
-    AddSessions(list, sessionIds);
-    return !sessionIds.empty();
+    MirrorListHeader header;
+    if (list.size() < sizeof(header) + sizeof(MirrorRecord)) return false;
+    memcpy(&header, list.data(), sizeof(header));
+    return header.sessionCount > 0;
 }
 
 bool IsSinkPort(std::string_view filter)
@@ -62,26 +96,10 @@ int IsSnooping(Reader &reader, std::string_view switchId, bool &snooping)
     return error;
 }
 
-int ListMirrorSessions(Reader &reader, std::string_view switchId, std::vector<std::string> &sessionIds)
-{
-    std::vector<std::string> portIds;
-    std::string list;
-    if (int error = ReadProperty(reader, {StoredLevel::HOST, switchId}, KEY_UPLINK_MIRROR, list))
-        return error;
-    AddSessions(list, sessionIds);
-    if (int error = ErrnoOf(ListPortsWith(reader, MIRRORED, switchId, portIds), 0)) return error;
-    for (const std::string &portId : portIds) {
-        const PropertyOwner port{StoredLevel::PORT, switchId, portId};
-        if (int error = ReadProperty(reader, port, KEY_PORT_MIRROR, list)) return error;
-        AddSessions(list, sessionIds);
-    }
-    return 0;
-}
-
 int IsMirroring(Reader &reader, std::string_view switchId, bool &mirroring)
 {
     std::string list;
-    const int error = ReadProperty(reader, {StoredLevel::HOST, switchId}, KEY_UPLINK_MIRROR, list);
+    const int error = ReadProperty(reader, {StoredLevel::HOST, switchId}, KEY_HOST_MIRROR, list);
     mirroring = HasMirrorSessions(list);
     return error || mirroring ? error : ErrnoOf(AnyPortWith(reader, MIRRORED, switchId, mirroring), 0);
 }
@@ -130,42 +148,35 @@ int GetMcastStats(DriverRequest &request)
 VsStatus LiveRows::ReadMirrors(Reader &reader, const RunningSwitch &vswitch,
                                std::vector<VSwitchMirrorStats> &sessions)
 {
-    std::vector<std::string> sessionIds;
-    if (int error = ListMirrorSessions(reader, vswitch.switchId, sessionIds)) return StatusOfErrno(error);
-    for (const std::string &id : sessionIds) {
+    std::vector<MirrorSession> stored;
+    if (VsStatus status = vshost::ReadMirrors(reader, vswitch.switchId, stored)) return status;
+    for (const MirrorSession &session : stored) {
         VSwitchMirrorStats &stats = sessions.emplace_back();
         stats = {};
-        const VsStatus status = GetRecord(reader, runtime::MirrorStatsKey(vswitch.portset, id), stats);
+        const VsStatus status =
+            GetRecord(reader, runtime::MirrorStatsKey(vswitch.portset, session.id), stats);
         if (status && status != STATUS_NOT_FOUND) return status;
         memset(stats.sessionId, 0, sizeof(stats.sessionId));
-        id.copy(stats.sessionId, sizeof(stats.sessionId));
-        stats.active = 1;
+        session.id.copy(stats.sessionId, sizeof(stats.sessionId));
+        stats.active = session.isEnabled;
     }
     return STATUS_OK;
 }
 
-// The ports that the scenario names.
+// Destinations of mirror sessions, ports that get all frames, and those that the scenario names.
 VsStatus LiveRows::ReadObservers(Reader &reader, const RunningSwitch &vswitch,
                                  std::set<uint32_t> &portNumbers)
 {
-    std::string named;
-    const VsStatus status = reader.Get(runtime::PromiscuousKey(vswitch.portset), named);
-    if (status) return status == STATUS_NOT_FOUND ? STATUS_OK : status;
-    if (!named.empty() && named.back() != '\0') return STATUS_IO_ERROR;
-    for (std::string_view rest = named; !rest.empty(); rest.remove_prefix(Text(rest).size() + 1)) {
-        uint32_t number = 0;
-        const VsStatus found = GetPortNumber(reader, vswitch.switchId, Text(rest), number);
-        if (found && found != STATUS_NOT_FOUND) return found;
-        if (!found) portNumbers.insert(number);
-    }
-    return STATUS_OK;
+    if (VsStatus status = AddDestinations(reader, vswitch.switchId, portNumbers)) return status;
+    if (VsStatus status = AddPromiscuous(reader, vswitch.switchId, portNumbers)) return status;
+    return AddNamed(reader, vswitch, portNumbers);
 }
 
 int GetMirrorSessions(DriverRequest &request)
 {
     std::vector<VSwitchMirrorStats> sessions;
     const VsStatus status = request.live.ReadMirrors(request.reader, request.Switch(), sessions);
-    request.StartList(VSwitchListHeader{}, SESSION_ID);
+    request.StartList(VSwitchListHeader{}, sizeof(VSwitchMirrorStats::sessionId));
     for (const VSwitchMirrorStats &stats : sessions)
         request.Add(FieldText(stats.sessionId));
     return ErrnoOf(status);

@@ -144,6 +144,5 @@ int ListUplinkPortsOf(DriverRequest &request, std::vector<RunningPort> &ports);
 int ListPortIds(Reader &reader, std::string_view switchId, std::vector<std::string> &portIds);
 int IsSnooping(Reader &reader, std::string_view switchId, bool &snooping);
 int IsMirroring(Reader &reader, std::string_view switchId, bool &mirroring);
-int ListMirrorSessions(Reader &reader, std::string_view switchId, std::vector<std::string> &sessionIds);
 
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "platform/host/policy_records.h"
 #include "platform/host/port_policies.h"
 #include "platform/host/runtime.h"
 
@@ -15,18 +16,6 @@ constexpr uint32_t SECURITY_BITS =
 constexpr const char *BAD_LENGTH = "its length is not that of its record";
 constexpr const char *BAD_VERSION = "its version is not known";
 constexpr const char *BAD_COUNT = "a count is larger than its array";
-
-// Lists of mirror sessions: a header, sessions, and entries of ports.
-constexpr size_t MIRROR_HEADER = 20, SESSIONS_AT = 8, ENTRIES_AT = 12;
-struct [[gnu::packed]] MirrorRecord {
-    char id[32];
-    VSwitchMirrorSettings settings;
-    uint32_t fromCount;
-    uint32_t toCount;
-    uint32_t destinationCount;
-    uint32_t first;
-};
-static_assert(sizeof(MirrorRecord) == 232);
 
 bool IsVlan(uint16_t vlan) { return vlan >= 1 && vlan <= MAX_VLAN; }
 
@@ -60,19 +49,19 @@ const char *FaultOfNamedTeamings(std::string_view value)
 
 const char *FaultOfMirrors(std::string_view value)
 {
-    if (value.size() < MIRROR_HEADER) return BAD_LENGTH;
-    const uint32_t sessions = WordAt(value, SESSIONS_AT), entries = WordAt(value, ENTRIES_AT);
-    value.remove_prefix(MIRROR_HEADER);
-    if (sessions * uint64_t{sizeof(MirrorRecord)} + entries * uint64_t{sizeof(VSwitchMirrorPort)} >
+    MirrorListHeader header;
+    if (value.size() < sizeof(header)) return BAD_LENGTH;
+    memcpy(&header, value.data(), sizeof(header));
+    value.remove_prefix(sizeof(header));
+    if (header.sessionCount * uint64_t{sizeof(MirrorRecord)} +
+            header.portCount * uint64_t{sizeof(VSwitchMirrorPort)} >
         value.size())
         return BAD_COUNT;
-    for (uint32_t i = 0; i < sessions; i++, value.remove_prefix(sizeof(MirrorRecord))) {
+    for (uint32_t i = 0; i < header.sessionCount; i++, value.remove_prefix(sizeof(MirrorRecord))) {
         MirrorRecord record;
         memcpy(&record, value.data(), sizeof(record));
         if (const char *fault = FaultOf(record.settings)) return fault;
-        const uint64_t end =
-            uint64_t{record.first} + record.fromCount + record.toCount + record.destinationCount;
-        if (end > entries) return BAD_COUNT;
+        if (record.EndOfPorts() > header.portCount) return BAD_COUNT;
     }
     return nullptr;
 }
@@ -99,10 +88,10 @@ constexpr RecordKey RECORDS[] = {
     {"com.talpex.vswitch.port.teaming.policy", FaultOfRecord<VSwitchTeamingPolicy>},
     {"com.talpex.vswitch.logicalswitch.teaming", FaultOfNamedTeamings},
     {"com.talpex.vswitch.pvlanMap", FaultOfArray<VSwitchPvlanEntry>},
-    {"com.talpex.vswitch.port.security", FaultOfFlags},
+    {KEY_SECURITY, FaultOfFlags},
     {KEY_ETH_FILTER, FaultOfRecord<VSwitchFilter>},
     {KEY_PORT_MIRROR, FaultOfMirrors},
-    {"com.talpex.vswitch.uplinkMirrorSessions", FaultOfMirrors},
+    {KEY_HOST_MIRROR, FaultOfMirrors},
     {KEY_VLAN, FaultOfVlan},
     {KEY_PORT_MAC_MANAGEMENT, FaultOfLearning},
     {"com.talpex.vswitch.macLearning", FaultOfSwitchLearning},

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/host/policy_records.h"
 #include "platform/host/teaming.h"
 #include "platform/live/maps.h"
 
@@ -25,13 +26,10 @@ struct StaticAddress {
     auto operator<=>(const StaticAddress &) const = default;
 };
 
-struct FilterRule {
-    uint16_t etherType; // behind all tags; 0: any
-    VSwitchFilterDirection direction;
-    VSwitchFilterAction action;
-    bool operator==(const FilterRule &) const = default;
-};
-
+using vshost::FilterRule;
+using vshost::MirrorSession;
+using vshost::PrivateVlan;
+using vshost::PrivateVlanType;
 using vshost::Team;
 
 struct PortConfig {
@@ -65,30 +63,6 @@ struct PortConfig {
     std::vector<FilterRule> filter; // at most VSWITCH_FILTER_RULES; the first that matches decides
 
     bool operator==(const PortConfig &) const = default;
-};
-
-enum class PrivateVlanType { PROMISCUOUS, ISOLATED, COMMUNITY };
-
-struct PrivateVlan {
-    uint16_t primary;   // 1 to LIVE_VLAN_MAX
-    uint16_t secondary; // the same
-    PrivateVlanType type;
-    bool operator==(const PrivateVlan &) const = default;
-};
-
-// Ports are named by their numbers. A destination without an interface is unreachable; sources without one do
-// nothing.
-struct MirrorSession {
-    std::string id;          // at most 32 bytes
-    bool isEnabled = true;   // else it copies nothing
-    uint32_t snapLength = 0; // bytes of a copy without tags that are put around it; 0: all
-    uint32_t sampling = 1;   // every n-th frame is copied
-    uint16_t outerVlan = 0;  // 0: no tag around that of the frame
-    bool stripsTag = false;
-    std::vector<uint32_t> from; // what these ports send is copied
-    std::vector<uint32_t> to;   // what these ports get is copied
-    std::vector<uint32_t> destinations;
-    bool operator==(const MirrorSession &) const = default;
 };
 
 struct SwitchConfig {

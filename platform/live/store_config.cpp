@@ -4,7 +4,6 @@
 
 #include "platform/host/port_policies.h"
 #include "platform/host/runtime.h"
-#include "platform/live/policies.h"
 #include "platform/live/snapshot.h"
 
 namespace live {
@@ -19,9 +18,6 @@ constexpr std::string_view KEY_LEARN_STATIC = "com.talpex.vswitch.macLearning.le
 constexpr std::string_view KEY_MULTICAST_MODE = "com.talpex.vswitch.multicastFilter";
 constexpr std::string_view KEY_PRIVATE_VLANS = "com.talpex.vswitch.pvlanMap";
 constexpr std::string_view KEY_NESTED_TAG = "com.talpex.vswitch.port.vlanNestedTag";
-constexpr std::string_view KEY_SECURITY = "com.talpex.vswitch.port.security";
-
-constexpr std::string_view KEY_HOST_MIRROR = "com.talpex.vswitch.uplinkMirrorSessions";
 
 constexpr uint16_t NO_VLAN = 0xffff; // carries nothing
 
@@ -75,6 +71,15 @@ void TakeNestedTag(std::string_view value, PortConfig &port)
     port.nested = DecodeRecord(value, word) && word != 0;
 }
 
+void TakeSecurity(std::string_view value, PortConfig &port)
+{
+    const std::optional<uint32_t> bits = DecodeSecurity(value);
+    if (!bits) return;
+    port.getsAllFrames = !(*bits & VSWITCH_SECURITY_ADDRESSED_ONLY);
+    port.addressLock = *bits & VSWITCH_SECURITY_ADDRESS_LOCK;
+    port.staticOnly = *bits & VSWITCH_SECURITY_STATIC_ONLY;
+}
+
 VsStatus ReadOwnPolicies(Reader &reader, const PropertyOwner &owner, PortConfig &port)
 {
     std::string block, vlan, nestedTag, priority, learning, filter, security;
@@ -93,8 +98,8 @@ VsStatus ReadOwnPolicies(Reader &reader, const PropertyOwner &owner, PortConfig 
     TakeNestedTag(nestedTag, port);
     TakePriority(priority, port);
     TakeLearning(learning, port);
-    DecodeFilter(filter, port);
-    DecodeSecurity(security, port);
+    port.filter = DecodeFilter(filter);
+    TakeSecurity(security, port);
     return STATUS_OK;
 }
 
@@ -198,29 +203,6 @@ VsStatus ReadSwitchPolicies(Reader &reader, const std::string &portset, SwitchCo
     return ReadPrivateVlans(reader, config.id, config);
 }
 
-}
-
-VsStatus ReadMirrors(Reader &reader, const std::string &switchId, std::vector<MirrorSession> &sessions)
-{
-    std::string list;
-    std::vector<std::string> portIds;
-    VsStatus failure = STATUS_OK;
-    const auto findPort = [&](const std::string &portId) {
-        uint32_t number = UINT32_MAX;
-        const VsStatus status = GetPortNumber(reader, switchId, portId, number);
-        if (status && status != STATUS_NOT_FOUND) failure = status;
-        return status ? UINT32_MAX : number;
-    };
-    if (VsStatus status = ReadValue(reader, {StoredLevel::HOST, switchId}, KEY_HOST_MIRROR, list))
-        return status;
-    DecodeMirrors(list, findPort, sessions);
-    if (VsStatus status = ListPortsWith(reader, MIRRORED, switchId, portIds)) return status;
-    for (const std::string &portId : portIds) {
-        const PropertyOwner port{StoredLevel::PORT, switchId, portId};
-        if (VsStatus status = ReadValue(reader, port, KEY_PORT_MIRROR, list)) return status;
-        DecodeMirrors(list, findPort, sessions);
-    }
-    return failure;
 }
 
 VsStatus ReadPortPolicies(Reader &reader, const PortName &name, PortConfig &port)

@@ -25,11 +25,6 @@ vshost::VsStatus ReadSwitchConfig(vshost::Reader &reader, const std::string &swi
 vshost::VsStatus ReadPortPolicies(vshost::Reader &reader, const vshost::PortName &name, PortConfig &port);
 vshost::VsStatus ReadPortAddresses(vshost::Reader &reader, const vshost::PortName &name, PortConfig &port);
 
-// Adds the mirror sessions of a switch. Of those with one id the first holds: the host's list comes before
-// those of ports.
-vshost::VsStatus ReadMirrors(vshost::Reader &reader, const std::string &switchId,
-                             std::vector<MirrorSession> &sessions);
-
 vshost::VsStatus ReadHostConfig(vshost::Reader &reader, HostConfig &config);
 
 }

@@ -1,4 +1,4 @@
-#include "platform/live/policies.h"
+#include "platform/host/policy_records.h"
 
 #include <algorithm>
 #include <cstring>
@@ -6,34 +6,8 @@
 #include "platform/host/policy_faults.h"
 #include "platform/host/runtime.h"
 
-namespace live {
+namespace vshost {
 namespace {
-
-using vshost::DecodeRecord;
-using vshost::FaultOf;
-
-// ---- Lists of mirror sessions ----
-
-struct [[gnu::packed]] MirrorListHeader {
-    uint32_t magic;
-    uint32_t version;
-    uint32_t sessionCount;
-    uint32_t portCount;
-    uint32_t reserved;
-};
-static_assert(sizeof(MirrorListHeader) == 20);
-
-struct [[gnu::packed]] MirrorRecord {
-    char id[32];
-    VSwitchMirrorSettings settings;
-    uint32_t fromCount;
-    uint32_t toCount;
-    uint32_t destinationCount;
-    uint32_t firstPort;
-
-    uint64_t EndOfPorts() const { return uint64_t{firstPort} + fromCount + toCount + destinationCount; }
-};
-static_assert(sizeof(MirrorRecord) == 232);
 
 // Takes `count` entries off the front.
 std::vector<uint32_t> TakePorts(std::string_view &entries, uint32_t count, const FindPortNumber &findPort)
@@ -67,24 +41,24 @@ MirrorSession SessionOf(const MirrorRecord &record, std::string_view entries, co
 
 }
 
-void DecodeSecurity(std::string_view value, PortConfig &port)
+std::optional<uint32_t> DecodeSecurity(std::string_view value)
 {
     uint32_t bits;
-    if (!DecodeRecord(value, bits) || vshost::FaultOfSecurity(bits)) return;
-    port.getsAllFrames = !(bits & VSWITCH_SECURITY_ADDRESSED_ONLY);
-    port.addressLock = bits & VSWITCH_SECURITY_ADDRESS_LOCK;
-    port.staticOnly = bits & VSWITCH_SECURITY_STATIC_ONLY;
+    if (!DecodeRecord(value, bits) || FaultOfSecurity(bits)) return {};
+    return bits;
 }
 
-void DecodeFilter(std::string_view value, PortConfig &port)
+std::vector<FilterRule> DecodeFilter(std::string_view value)
 {
     VSwitchFilter filter;
-    if (!DecodeRecord(value, filter) || FaultOf(filter)) return;
+    std::vector<FilterRule> rules;
+    if (!DecodeRecord(value, filter) || FaultOf(filter)) return rules;
     for (uint32_t i = 0; i < filter.ruleCount; i++) {
         const VSwitchFilterRule &rule = filter.rules[i];
-        port.filter.push_back({rule.etherType, static_cast<VSwitchFilterDirection>(rule.direction),
-                               static_cast<VSwitchFilterAction>(rule.action)});
+        rules.push_back({rule.etherType, static_cast<VSwitchFilterDirection>(rule.direction),
+                         static_cast<VSwitchFilterAction>(rule.action)});
     }
+    return rules;
 }
 
 std::vector<PrivateVlan> DecodePrivateVlans(std::string_view value)
@@ -117,6 +91,29 @@ void DecodeMirrors(std::string_view list, const FindPortNumber &findPort,
         const auto isIt = [&](const MirrorSession &other) { return other.id == session.id; };
         if (std::none_of(sessions.begin(), sessions.end(), isIt)) sessions.push_back(std::move(session));
     }
+}
+
+VsStatus ReadMirrors(Reader &reader, std::string_view switchId, std::vector<MirrorSession> &sessions)
+{
+    std::string list;
+    std::vector<std::string> portIds;
+    VsStatus failure = STATUS_OK;
+    const auto findPort = [&](const std::string &portId) {
+        uint32_t number = UINT32_MAX;
+        const VsStatus status = GetPortNumber(reader, switchId, portId, number);
+        if (status && status != STATUS_NOT_FOUND) failure = status;
+        return status ? UINT32_MAX : number;
+    };
+    if (VsStatus status = ReadValue(reader, {StoredLevel::HOST, switchId}, KEY_HOST_MIRROR, list))
+        return status;
+    DecodeMirrors(list, findPort, sessions);
+    if (VsStatus status = ListPortsWith(reader, MIRRORED, switchId, portIds)) return status;
+    for (const std::string &portId : portIds) {
+        const PropertyOwner port{StoredLevel::PORT, switchId, portId};
+        if (VsStatus status = ReadValue(reader, port, KEY_PORT_MIRROR, list)) return status;
+        DecodeMirrors(list, findPort, sessions);
+    }
+    return failure;
 }
 
 }
