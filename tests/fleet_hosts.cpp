@@ -47,7 +47,7 @@ void LightAgent::Run()
             if (Clock::now() - begin > lease) longest = Milliseconds(100);
             std::this_thread::sleep_for(longest / 2 +
                                         Milliseconds(random() % static_cast<unsigned>(longest.count())));
-            longest = std::min<Milliseconds>(longest * 2, lease / 3);
+            longest = std::min(longest * 2, Milliseconds(lease) / 3);
         }
     }
 }
@@ -63,12 +63,13 @@ void LightAgent::Live()
     const int64_t seen = client->Known().revision;
     if (entry) Answer(*entry);
     Watch watch(*client, keys::Target(host), seen + 1);
-    const Milliseconds turn = std::min<Milliseconds>(lease / 4, isPatient ? lease : Milliseconds(200));
+    const Milliseconds turn =
+        std::min<Milliseconds>(Milliseconds(lease) / 4, isPatient ? lease : Milliseconds(200));
     while (!isStopped) {
         for (const KeyEvent &event : watch.Next(turn)) {
             if (!event.isDeleted) Answer(event.entry);
         }
-        if (Clock::now() - renewed < lease / 4) continue;
+        if (Clock::now() - renewed < Milliseconds(lease) / 4) continue;
         if (!client->KeepAlive(claim)) return;
         renewed = Clock::now();
     }

@@ -47,6 +47,10 @@ EtcdError::Kind KindOf(const grpc::Status &status)
     case grpc::StatusCode::RESOURCE_EXHAUSTED:
         return status.error_message().find("space") != std::string::npos ? EtcdError::Kind::NO_SPACE
                                                                          : EtcdError::Kind::FAILED;
+    case grpc::StatusCode::UNKNOWN: // "context deadline exceeded": a member that has waited in vain for
+                                    // others
+        return status.error_message().starts_with("context ") ? EtcdError::Kind::UNREACHABLE
+                                                              : EtcdError::Kind::FAILED;
     case grpc::StatusCode::OUT_OF_RANGE:
         return EtcdError::Kind::COMPACTED;
     default:
