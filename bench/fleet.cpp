@@ -200,6 +200,7 @@ private:
         const pid_t process = fork();
         if (process == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (!freopen("/dev/null", "w", stderr)) _exit(1);
             execl(launcher.c_str(), "vshost", "run", "--state", own.c_str(), "--durability", "process", "--",
                   VSFLEET, "agent", "--config", config.c_str(), nullptr);
             _exit(127);
