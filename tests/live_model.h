@@ -490,8 +490,9 @@ private:
         const auto wanted = networkUplinks.find(port.number);
         if (!Sender().uplink || now >= servedUntil || wanted == networkUplinks.end()) return false;
         const PortConfig &uplink = ports.at(wanted->second);
-        const bool takesAll = port.getsAllFrames || TeamOf(port).algorithm == VSWITCH_TEAMING_SOURCE_MAC;
-        if (uplink.number == sender || (takesAll && !frame.IsGroup())) return false;
+        const bool sendsByMany = TeamOf(port).algorithm == VSWITCH_TEAMING_SOURCE_MAC;
+        const bool takesAll = sendsByMany ? !frame.IsBroadcast() : port.getsAllFrames && !frame.IsGroup();
+        if (uplink.number == sender || takesAll) return false;
         return !uplink.blocked && uplink.ifindex != 0 && Carries(uplink);
     }
 

@@ -479,7 +479,8 @@ const std::vector<Table> &FrameTables()
               "1 team=order:9,8/7; 2 team=order:8/7,9; 3 team=ip:8,9; 4 team=l4:8; 5 team=mac:8,9 unknown; "
               "6 team=order:5; 7 up; 8 up; 9 up",
               {"serve", "9 z>* => 1 3 4 6", "8 z>* => 2 3 4 5 6", "7 z>* => 3 4 6", "9 z>x => 5",
-               "8 z>x => 5", "add 9 idle", "8 z>* => 1 2 3 4 5 6", "add 8 idle", "7 z>* => 1 2 3 4 5 6"}},
+               "8 z>x => 5", "9 z>+ => 1 3 4 5 6", "8 z>+ => 2 3 4 5 6", "add 9 idle", "8 z>* => 1 2 3 4 5 6",
+               "add 8 idle", "7 z>* => 1 2 3 4 5 6"}},
              {"or by any when it may send by any, and by that which it has not left",
               "1 team=order:9 any; 2 team=order:9,8 hold; 8 up; 9 up",
               {"serve", "2 b>x => 9", "9 z>* => 1 2", "8 z>* =>", "link 9 2", "2 b>x => 8", "add 9 idle",

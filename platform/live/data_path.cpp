@@ -733,19 +733,22 @@ void DataPath::WriteUplinks(uint32_t switchIndex)
         WriteNetworkUplink(vswitch, port);
 }
 
-// The port gets the network's floods by the uplink that it sends by, or by the first one if it sends by
-// several: what is sent to addresses of such a port that are not known here may come by any. Behind teams
-// that spread flows by their IP addresses the network has one link, and sends by one of its members.
+// The port gets the network's floods by the uplink that it sends by, or broadcasts by the first one if it
+// sends by several: the network may know an address or a group member of such a port at any of them. Behind
+// teams that spread flows by their IP addresses the network has one link, and sends by one of its members.
 void DataPath::WriteNetworkUplink(const Switch &vswitch, const PlacedPort &port)
 {
     const VSwitchTeamingAlgorithm algorithm =
         port.config.team ? port.config.team->algorithm : VSWITCH_TEAMING_PORT;
     const bool isAggregate = algorithm == VSWITCH_TEAMING_IP || algorithm == VSWITCH_TEAMING_L4;
     const uint32_t uplink = isAggregate || port.config.uplink ? UINT32_MAX : UplinkOf(vswitch, port);
+    const bool sendsByMany = algorithm == VSWITCH_TEAMING_SOURCE_MAC;
     uint32_t word = 0;
-    if (uplink != UINT32_MAX) word = vswitch.ports.at(uplink).slot + 1;
-    if (algorithm == VSWITCH_TEAMING_SOURCE_MAC || port.config.getsAllFrames)
-        word |= word ? LIVE_NETWORK_ALL_UNICAST : 0;
+    if (uplink != UINT32_MAX) {
+        word = vswitch.ports.at(uplink).slot + 1;
+        if (sendsByMany) word |= LIVE_NETWORK_ALL_MULTICAST;
+        if (sendsByMany || port.config.getsAllFrames) word |= LIVE_NETWORK_ALL_UNICAST;
+    }
     WriteWord(kernel.ports[port.slot].networkUplink, word);
 }
 

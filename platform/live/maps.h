@@ -72,8 +72,9 @@ static inline uint32_t LivePrimaryVlan(uint32_t identity)
  * LivePort.networkUplink: 1 + the slot of the uplink by which the port gets what the network sends by every
  * uplink; 0: by all of them.
  */
-#define LIVE_NETWORK_SLOT_MASK 0x7fffffffu
-#define LIVE_NETWORK_ALL_UNICAST 0x80000000u /* unknown unicast by all uplinks even so */
+#define LIVE_NETWORK_SLOT_MASK 0x3fffffffu
+#define LIVE_NETWORK_ALL_MULTICAST 0x40000000u /* multicast by all uplinks even so */
+#define LIVE_NETWORK_ALL_UNICAST 0x80000000u   /* unknown unicast, too */
 
 /**
  * A port that has an interface. Its index in the array, the slot, is its name in the other maps and stays

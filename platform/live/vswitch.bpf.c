@@ -837,13 +837,14 @@ __noinline uint32_t IsFlood(uint32_t senderFlags, uint64_t now)
 
 // Whether the port gets the frame by another uplink than this one.
 __noinline uint32_t IsBroughtByAnother(uint32_t slot, uint32_t uplinkSlot, uint32_t identity,
-                                       uint32_t isUnicast)
+                                       uint32_t destinationKind)
 {
     const struct LivePort *port = FindPort(slot);
     const uint32_t word = port ? READ_WORD(port->networkUplink) : 0;
     const uint32_t wanted = (word & LIVE_NETWORK_SLOT_MASK) - 1;
     if (!port || word == 0 || wanted == uplinkSlot) return false;
-    if (word & LIVE_NETWORK_ALL_UNICAST && isUnicast) return false;
+    if (word & LIVE_NETWORK_ALL_UNICAST && destinationKind == UNICAST) return false;
+    if (word & LIVE_NETWORK_ALL_MULTICAST && destinationKind == MULTICAST) return false;
     const uint32_t switchIndex = READ_WORD(port->switchIndex);
     const struct LivePort *uplink = FindPort(wanted);
     void *snapshot = bpf_map_lookup_elem(&snapshots, &switchIndex);
@@ -855,7 +856,7 @@ __noinline uint32_t IsBroughtByAnother(uint32_t slot, uint32_t uplinkSlot, uint3
 static __always_inline bool ComesByAnother(const struct Frame *frame, uint32_t slot)
 {
     if (!frame->comesByEach) return false;
-    return IsBroughtByAnother(slot, frame->slot, frame->identity, frame->destinationKind == UNICAST);
+    return IsBroughtByAnother(slot, frame->slot, frame->identity, frame->destinationKind);
 }
 
 struct ListWalk {
