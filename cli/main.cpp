@@ -38,7 +38,7 @@ Exit Show(const Verb &verb, const Result &result, const Options &options)
         return Finish(verb, result, options);
     } catch (const Error &error) {
         if (verb.effect == Effect::READS || options.dryRun) throw;
-        throw Error(error.exit, error.problem, "the change is made, but its result cannot be shown");
+        throw Error(error, error.problem, "the change is made, but its result cannot be shown");
     }
 }
 

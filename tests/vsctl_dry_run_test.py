@@ -29,14 +29,15 @@ switch multicast lab legacy | switch multicast lab snooping | switch multicast n
 switch multicast lab --clear
 switch teaming lab --clear | switch teaming lab --hex {TEAM} | switch teaming nope --clear
 switch teaming lab --hex {SAME} | switch teaming lab --algorithm port --notify off
-switch teaming lab --algorithm l4 --active uplink1 --failback
+switch teaming lab --algorithm l4 --active uplink1 --failback | switch teaming lab --active uplink1,uplink9
 switch mac-learning lab --clear | switch mac-learning lab --limit 3 | switch mac-learning nope --limit 3
 switch learn-static lab --clear | switch learn-static lab on | switch learn-static nope on
 pvlan clear lab | pvlan add lab --hex {PVLAN} | pvlan clear nope | pvlan add lab 7 --isolated 8 | pvlan add nope 7
 pvlan add lab 9 | pvlan add lab 9 --isolated 11 | pvlan add lab 9 --community 10 | pvlan add lab 5 --isolated 5
 pvlan remove lab 9 | pvlan remove lab 10 | pvlan remove lab 11 | pvlan remove nope 9
 ls-teaming clear lab | ls-teaming add lab --hex {TABLE} | ls-teaming clear nope
-ls-teaming add lab gold | ls-teaming add lab tin | ls-teaming remove lab gold | ls-teaming remove lab tin
+ls-teaming add lab gold | ls-teaming add lab tin --standby uplink9 | ls-teaming add lab tin
+ls-teaming remove lab gold | ls-teaming remove lab tin
 ls-teaming add nope tin | ls-teaming remove nope gold
 port add lab port0 | port add lab x | port add lab x,x | port add nope x | port add lab x,port1
 port add lab q0..q200 | port add stopped x
@@ -56,6 +57,7 @@ port eth-filter lab nope --hex {FILTER} | port eth-filter lab port0 --sink
 port sink lab port0 on | port sink lab port0 off | port sink lab port0 --clear | port sink lab nope on
 port mac-learning lab port0 --learning | port mac-learning lab port0 --clear
 port mac-learning lab nope --learning
+port teaming lab port0 --active uplink0 | port teaming lab port0 --standby port1
 port teaming lab port0 --hex {TEAM} | port teaming lab port0 --clear | port teaming lab nope --hex {TEAM}
 port override lab port0 uplink0 | port override lab port0 --clear | port override lab nope uplink0
 port tx-uplink lab port0 always | port tx-uplink lab port0 --clear | port tx-uplink lab nope always

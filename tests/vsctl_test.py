@@ -32,9 +32,9 @@ class Verbs(OnHost):
         self.create()
         other = self.directory / "team"  # of another version than vsctl knows
         other.write_bytes(bytes(range(109)) * 24)
-        team = {"algorithm": "source-mac", "active": ["uplink0", "uplink1"], "standby": ["u2"], "failback": True,
+        team = {"algorithm": "source-mac", "active": ["uplink0"], "standby": ["uplink1"], "failback": True,
                 "notify": False}
-        given = "--algorithm source-mac --active uplink0,uplink1 --standby u2 --failback".split()
+        given = "--algorithm source-mac --active uplink0 --standby uplink1 --failback".split()
         for row in (
                 ("switch mtu", ["4000"], "mtu", 4000),
                 ("switch multicast", ["snooping"], "multicast", "snooping"),

@@ -313,10 +313,10 @@ class Values(OnHost):
                  {"addressed-only": True, "lock-address": True, "static-only": False}),
                 ([*security, "--addressed-only", "off"], None,
                  {"addressed-only": False, "lock-address": True, "static-only": False}),
-                ([*team, "--active", "u0", "--failback"], {},
-                 {"algorithm": "port", "active": ["u0"], "standby": [], "failback": True, "notify": False}),
-                ([*team, "--standby", "u1"], None,
-                 {"algorithm": "port", "active": ["u0"], "standby": ["u1"], "failback": True, "notify": False})):
+                ([*team, "--active", "uplink0", "--failback"], {},
+                 {"algorithm": "port", "active": ["uplink0"], "standby": [], "failback": True, "notify": False}),
+                ([*team, "--standby", "uplink1"], None,
+                 {"algorithm": "port", "active": ["uplink0"], "standby": ["uplink1"], "failback": True, "notify": False})):
             with self.subTest(words):
                 (row,) = self.rows(*words)
                 self.assertEqual(row["before"] or {}, last if before is None else before)

@@ -16,7 +16,7 @@ POLICIES = [("port", "nested-vlan", ON_PORT + "vlanNestedTag", ["on", "off", CLE
             ("port", "block", "com.talpex.common.port.block", ["on", "off"]),
             ("port", "security", ON_PORT + "security", ["--lock-address", "--addressed-only off", CLEAR]),
             ("port", "eth-filter", FILTER, ["--hex " + "ab" * 200, "--rules 'drop any'", CLEAR]),
-            ("port", "teaming", ON_PORT + "teaming.policy", ["--active uplink0 --failback", CLEAR]),
+            ("port", "teaming", ON_PORT + "teaming.policy", ["--algorithm order --failback", CLEAR]),
             ("port", "sink", FILTER, ["on"]),
             ("port", "override", ON_PORT + "teaming.override", ["''", "uplink0", CLEAR]),
             ("port", "tx-uplink", ON_PORT + "txUplink", ["always", CLEAR]),

@@ -200,25 +200,60 @@ Json DecodeStatistics(const void *bytes, size_t)
             {"dropped-not-sent", Copy(counted.droppedNotSent)}};
 }
 
-using Decoder = Json (*)(const void *, size_t);
-constexpr Decoder DECODERS[] = {DecodeInfo,          DecodeUplink,       DecodeLags,         DecodeMacEntry,
-                                DecodeLearningProps, DecodePortLearning, DecodeLearningInfo, DecodeRarp,
-                                DecodeTeaming,       DecodeMirror,       DecodeMcast,        DecodeOptions,
-                                DecodeDestination,   DecodeHint,         DecodeStatistics};
-static_assert(std::size(DECODERS) == static_cast<size_t>(Record::PORT_STATISTICS) + 1);
+struct RecordInfo {
+    Json (*decode)(const void *, size_t);
+    size_t size; // of the record, or of an entry of a list
+    const char *what;
+};
+
+// By Record.
+constexpr RecordInfo RECORDS[] = {
+    {DecodeInfo, VS_INFO_SIZE, "state"},
+    {DecodeUplink, UPLINK_ENTRY_SIZE, "running uplinks"},
+    {DecodeLags, LAG_TABLE_SIZE, "LAGs"},
+    {DecodeMacEntry, sizeof(ZorMacTableEntry), "MAC table"},
+    {DecodeLearningProps, sizeof(ZorMacLearningProps), "MAC learning properties"},
+    {DecodePortLearning, PORT_MAC_LEARNING_STATS_SIZE, "MAC learning statistics"},
+    {DecodeLearningInfo, SWITCH_MAC_LEARNING_INFO_SIZE, "MAC learning state"},
+    {DecodeRarp, RARP_STATS_SIZE, "RARP statistics"},
+    {DecodeTeaming, SERVICE_PORT_TEAMING_STATS_SIZE, "teaming statistics"},
+    {DecodeMirror, MIRROR_SESSION_STATS_SIZE, "mirror statistics"},
+    {DecodeMcast, sizeof(ZorMcastStatsHeader), "multicast statistics"},
+    {DecodeOptions, RUNTIME_OPTIONS_SIZE, "options"},
+    {DecodeDestination, sizeof(uint32_t), "promiscuous ports"},
+    {DecodeHint, UPLINK_HINT_SIZE, "uplink"},
+    {DecodeStatistics, sizeof(VSwitchPortStatistics), "counters"},
+};
+static_assert(std::size(RECORDS) == static_cast<size_t>(Record::PORT_STATISTICS) + 1);
+
+const RecordInfo &InfoOf(Record record) { return RECORDS[static_cast<size_t>(record)]; }
 
 }
 
 Json Decode(Record record, const void *bytes, size_t size)
 {
-    if (IsEmbedded()) return DECODERS[static_cast<size_t>(record)](bytes, size);
+    if (IsEmbedded()) return InfoOf(record).decode(bytes, size);
     return {{"bytes", Hex(bytes, size)}};
 }
 
 Json DecodeZeros(Record record)
 {
     static const Bytes zeros(LAG_TABLE_SIZE);
-    return DECODERS[static_cast<size_t>(record)](zeros.data(), zeros.size());
+    return InfoOf(record).decode(zeros.data(), zeros.size());
+}
+
+Json ReadRecord(Record record, const Target &target, const Reader &read, const std::string &listed)
+{
+    Bytes bytes(InfoOf(record).size);
+    CheckDriver(read(bytes.data()), fmt::format("reading the {} of", InfoOf(record).what), target, listed);
+    return Decode(record, bytes.data(), bytes.size());
+}
+
+Json ReadRecords(Record record, const Target &target, const std::function<VsStatus(void **list)> &read)
+{
+    DriverBuffer<> list;
+    CheckDriver(read(list.Out()), fmt::format("reading the {} of", InfoOf(record).what), target);
+    return DecodeList(record, list.Get(), InfoOf(record).size);
 }
 
 Json DecodeList(Record record, const void *list, size_t entrySize)
@@ -320,10 +355,9 @@ std::string RunningUplinksAdvice(const std::string &alias)
 
 Json RunningUplinks(const std::string &alias)
 {
-    DriverBuffer<> list;
-    CheckDriver(VSZOR_GetUplinks(PortsetOf(alias).c_str(), list.Out()), "listing the running uplinks of",
-                {alias, ""});
-    return DecodeList(Record::UPLINK, list.Get(), UPLINK_ENTRY_SIZE);
+    const std::string portset = PortsetOf(alias);
+    return ReadRecords(Record::UPLINK, {alias, ""},
+                       [&](void **list) { return VSZOR_GetUplinks(portset.c_str(), list); });
 }
 
 bool UplinkIsUp(const std::string &alias, const std::string &uplink)

@@ -1,6 +1,7 @@
 // The driver's records. Only an embedded host publishes their layout; on other platforms they are bytes.
 #pragma once
 
+#include <functional>
 #include <optional>
 
 #include "cli/base/library.h"
@@ -31,6 +32,11 @@ Json Decode(Record record, const void *bytes, size_t size);
 Json DecodeZeros(Record record);
 // One row for each entry of a list that a ZorListHeader begins.
 Json DecodeList(Record record, const void *list, size_t entrySize);
+// A record of a switch or port that the driver fills, or the rows of a list that it makes. `listed` is the
+// advice for something missing other than the target.
+using Reader = std::function<VsStatus(void *bytes)>;
+Json ReadRecord(Record record, const Target &target, const Reader &read, const std::string &listed = "");
+Json ReadRecords(Record record, const Target &target, const std::function<VsStatus(void **list)> &read);
 
 // "00:50:56:01:02:03", "224.0.0.1" or an IPv6 address, by the address's length.
 std::string AddressText(const uint8_t *bytes, size_t size);

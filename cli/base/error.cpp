@@ -95,6 +95,29 @@ constexpr StatusInfo STATUSES[] = {
 };
 #undef ROW
 
+constexpr const char *ASK_DOCTOR = "'vsctl doctor' shows which parts of the platform work";
+
+struct ExitInfo {
+    const char *meaning;
+    const char *advice = "";
+};
+
+// By Exit.
+constexpr ExitInfo EXIT_TABLE[] = {
+    {"done"},
+    {"failed", ASK_DOCTOR},
+    {"wrong usage"},
+    {"not found", "'vsctl switch list' lists the switches"},
+    {"already exists", "choose another name, or remove the existing one first"},
+    {"a value that is not allowed", "'vsctl help NOUN VERB' shows the allowed values"},
+    {"the platform, or a part of it, cannot be reached", ASK_DOCTOR},
+    {"no permission", "run vsctl as a user who may configure the host"},
+    {"timed out", "allow more time with --timeout"},
+    {"failed, and only partly undone"},
+    {"changes are pending (plan, --dry-run)"},
+};
+static_assert(std::size(EXIT_TABLE) == EXITS);
+
 std::string MissingAdvice(const Target &target)
 {
     if (target.alias.empty() || !SwitchExists(target.alias)) return "'vsctl switch list' lists the switches";
@@ -116,26 +139,8 @@ Error StatusError(VsStatus status, std::string_view action, const Target &target
 
 }
 
-const char *AdviceFor(Exit exit)
-{
-    switch (exit) {
-    case Exit::NOT_FOUND:
-        return "'vsctl switch list' lists the switches";
-    case Exit::EXISTS:
-        return "choose another name, or remove the existing one first";
-    case Exit::BAD_VALUE:
-        return "'vsctl help NOUN VERB' shows the allowed values";
-    case Exit::UNREACHABLE:
-    case Exit::FAILURE:
-        return "'vsctl doctor' shows which parts of the platform work";
-    case Exit::PERMISSION:
-        return "run vsctl as a user who may configure the host";
-    case Exit::TIMED_OUT:
-        return "allow more time with --timeout";
-    default:
-        return "";
-    }
-}
+const char *AdviceFor(Exit exit) { return EXIT_TABLE[static_cast<size_t>(exit)].advice; }
+const char *MeaningOf(Exit exit) { return EXIT_TABLE[static_cast<size_t>(exit)].meaning; }
 
 StatusInfo Describe(VsStatus status)
 {
@@ -149,6 +154,12 @@ Error::Error(Exit exit, std::string problem, std::string advice)
     : exit(exit), problem(std::move(problem)), advice(std::move(advice)), message(this->problem)
 {
     if (!this->advice.empty()) message += "; " + this->advice;
+}
+
+Error::Error(const Error &cause, std::string problem, std::string advice)
+    : Error(cause.exit, std::move(problem), std::move(advice))
+{
+    status = cause.status;
 }
 
 std::string Target::Text() const

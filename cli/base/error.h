@@ -22,6 +22,7 @@ enum class Exit {
     PARTLY_UNDONE = 9,
     PENDING = 10
 };
+inline constexpr int EXITS = 11;
 
 struct StatusInfo {
     VsStatus status;
@@ -35,6 +36,8 @@ StatusInfo Describe(VsStatus status);
 
 struct Error : std::exception {
     Error(Exit exit, std::string problem, std::string advice = "");
+    // Says more of the same failure.
+    Error(const Error &cause, std::string problem, std::string advice);
     const char *what() const noexcept override { return message.c_str(); }
 
     Exit exit;
@@ -61,6 +64,8 @@ struct Target {
 // `listed` is the advice for something missing other than the target.
 void Check(VsStatus status, std::string_view action, const Target &target, const std::string &listed = "");
 const char *AdviceFor(Exit exit);
+// What the exit code says.
+const char *MeaningOf(Exit exit);
 
 // 0, or the errno of opening the device.
 int DeviceError(const char *device);

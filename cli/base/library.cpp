@@ -86,6 +86,23 @@ std::string ReadFile(const std::string &path)
     return text;
 }
 
+TemporaryFile::TemporaryFile(const std::string &text, const std::string &ending)
+    : path("/tmp/vsctl-XXXXXX" + ending)
+{
+    const int file = mkstemps(path.data(), static_cast<int>(ending.size()));
+    const bool isWritten =
+        file >= 0 && write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    if (file >= 0) close(file);
+    if (isWritten) return;
+    throw Error(Exit::FAILURE, fmt::format("{} cannot be written: {}", path, strerror(errno)),
+                "make room in /tmp");
+}
+
+TemporaryFile::~TemporaryFile()
+{
+    if (!isKept) unlink(path.c_str());
+}
+
 void RequireEntries(const void *list, size_t headerSize, size_t count, size_t entrySize)
 {
     if (headerSize + count * entrySize <= malloc_usable_size(const_cast<void *>(list))) return;
@@ -196,9 +213,7 @@ namespace {
         std::string suggestion;
         if (status == STATUS_NOT_FOUND && DeviceError(ZOR_DEVICE) == 0)
             suggestion = Suggest(alias, SwitchNames());
-        Error better(error.exit, error.problem, suggestion.empty() ? error.advice : suggestion);
-        better.status = status;
-        throw better;
+        throw Error(error, error.problem, suggestion.empty() ? error.advice : suggestion);
     }
     throw Error(Exit::NOT_FOUND, "finding switch " + alias + " failed");
 }

@@ -42,6 +42,11 @@ public:
     ~Bulk();
 };
 
+// Plugs a network interface of the machine to a port, for good, or unplugs it. Returns what is wrong; empty
+// when it is done. Only on an embedded host.
+std::string Plug(const std::string &alias, const std::string &port, const std::string &interface);
+std::string Unplug(const std::string &interface);
+
 // Sets a node in the platform's shell, as the library does. Returns whether that succeeded.
 bool SetNode(const std::string &node, const std::string &value);
 

@@ -347,7 +347,7 @@ const Policy POLICIES[] = {
     {"teaming", PropertyLevel::GLOBAL, "com.talpex.vswitch.teaming", false, "teaming policy of a switch",
      TEAMING.fields, ReadRecord<TEAMING, TeamingPolicy, VSDVS_GetTeamingPolicy>,
      WriteRecord<TEAMING, TeamingPolicy, VSDVS_SetTeamingPolicy>, Call<VSDVS_ClearTeamingPolicy>,
-     "--algorithm source-mac --active uplink0,uplink1 --standby uplink2 --failback --notify",
+     "--algorithm source-mac --active uplink0 --standby uplink1 --failback --notify",
      "VSDVS_GetTeamingPolicy VSDVS_GetTeamingPolicyFromDVSID VSDVS_SetTeamingPolicy VSDVS_ClearTeamingPolicy",
      nullptr, ReadRecord<TEAMING, TeamingPolicy, VSDVS_GetTeamingPolicyFromDVSID>, &TEAMING},
     {"mac-learning", PropertyLevel::HOST, "com.talpex.vswitch.macLearning", true,
@@ -463,11 +463,9 @@ Error DamagedError(const Error &error, const Policy &policy, const Target &targe
     const std::string place = policy.IsOfPort()                     ? "--port " + target.port
                               : policy.level == PropertyLevel::HOST ? "--level host"
                                                                     : "";
-    Error better(error.exit, error.problem,
-                 fmt::format("'vsctl property clear {} {} {}' removes what is stored", target.alias,
-                             policy.key, place));
-    better.status = error.status;
-    return better;
+    return {error, error.problem,
+            fmt::format("'vsctl property clear {} {} {}' removes what is stored", target.alias, policy.key,
+                        place)};
 }
 
 }

@@ -10,6 +10,11 @@ namespace vsctl {
 
 namespace {
 
+#define PLACE(Record, member)                                                                                \
+    {                                                                                                        \
+        offsetof(Record, member), sizeof(Record::member)                                                     \
+    }
+
 template<class Record> Record Load(const uint8_t *bytes)
 {
     Record record;
@@ -17,26 +22,58 @@ template<class Record> Record Load(const uint8_t *bytes)
     return record;
 }
 
-template<class Record> void Store(const Record &record, uint8_t *bytes)
+uint32_t LoadNumber(const Place &place, const uint8_t *record)
 {
-    memcpy(bytes, &record, sizeof record);
+    uint32_t number = 0;
+    memcpy(&number, record + place.offset, place.width);
+    return number;
 }
 
-template<size_t SIZE> void StoreName(const Json &name, char (&field)[SIZE])
+// A number that is not a valid value of its field stays a number.
+Json DecodeField(const Field &field, const Place &place, const uint8_t *record)
 {
-    name.get_ref<const std::string &>().copy(field, SIZE);
-}
-
-// The choice with this number; a number without one stays a number, which is not a valid choice.
-Json ChoiceOf(const Field &field, uint32_t number)
-{
+    if (field.form == Form::TEXT)
+        return Name(reinterpret_cast<const char *>(record + place.offset), place.width);
+    const uint32_t number = LoadNumber(place, record);
+    if (field.form == Form::BOOLEAN) return (number & place.bits) != 0;
     const auto words = Words(field.choices, "|");
-    return number < words.size() ? Json(words[number]) : Json(number);
+    return field.form == Form::CHOICE && number < words.size() ? Json(words[number]) : Json(number);
 }
 
-uint32_t NumberOf(const Field &field, const Json &choice)
+void EncodeField(const Field &field, const Place &place, const Json &value, uint8_t *record)
 {
-    return ChoiceIndex(field, choice.get_ref<const std::string &>());
+    if (field.form == Form::TEXT) {
+        const auto &text = value.get_ref<const std::string &>();
+        return void(memcpy(record + place.offset, text.data(), std::min(text.size(), place.width)));
+    }
+    uint32_t number = LoadNumber(place, record); // which other flags may share
+    if (field.form == Form::BOOLEAN)
+        number |= value.get<bool>() ? place.bits : 0;
+    else
+        number = field.form == Form::CHOICE ? ChoiceIndex(field, value) : value.get<uint32_t>();
+    memcpy(record + place.offset, &number, place.width);
+}
+
+Json DecodeRecord(const Layout &layout, const uint8_t *record)
+{
+    Json fields = Json::object();
+    for (size_t i = 0; i < layout.fields.size(); i++) {
+        const Field &field = layout.fields[i];
+        const Place &place = layout.places[i];
+        fields[field.name] =
+            place.width ? DecodeField(field, place, record) : layout.decodeList(field, record + layout.base);
+    }
+    return fields;
+}
+
+void EncodeRecord(const Layout &layout, const Json &fields, uint8_t *record)
+{
+    if (layout.version) memcpy(record + layout.base, &layout.version, sizeof layout.version);
+    for (size_t i = 0; i < layout.fields.size(); i++) {
+        const Field &field = layout.fields[i];
+        if (layout.places[i].width) EncodeField(field, layout.places[i], fields[field.name], record);
+    }
+    if (layout.encodeLists) layout.encodeLists(fields, record + layout.base);
 }
 
 // ---- Teaming ----
@@ -54,38 +91,40 @@ constexpr Field NAMED_TEAMING_FIELDS[] = {
      "false"},
 };
 constexpr std::span<const Field> TEAMING_FIELDS = std::span(NAMED_TEAMING_FIELDS).subspan(1);
-constexpr const Field &ALGORITHM = TEAMING_FIELDS[0];
+constexpr Place TEAMING_PLACES[] = {PLACE(VSwitchTeamingPolicy, algorithm),
+                                    {},
+                                    {},
+                                    PLACE(VSwitchTeamingPolicy, failBack),
+                                    PLACE(VSwitchTeamingPolicy, notify)};
+constexpr Place NAMED_TEAMING_PLACES[] = {PLACE(VSwitchNamedTeaming, name),
+                                          PLACE(VSwitchNamedTeaming, policy.algorithm),
+                                          {},
+                                          {},
+                                          PLACE(VSwitchNamedTeaming, policy.failBack),
+                                          PLACE(VSwitchNamedTeaming, policy.notify)};
 
 // A policy that counts more uplinks than it can hold has none here, and so is shown by its bytes.
-Json DecodeTeaming(const uint8_t *bytes)
+Json DecodeUplinks(const Field &field, const uint8_t *bytes)
 {
     const auto policy = Load<VSwitchTeamingPolicy>(bytes);
-    std::vector<std::string> active, standby;
+    Json active = Json::array(), standby = Json::array();
     const uint64_t count = uint64_t{policy.activeCount} + policy.standbyCount;
     for (size_t i = 0; count <= VSWITCH_TEAMING_UPLINKS && i < count; i++)
         (i < policy.activeCount ? active : standby).push_back(Name(policy.uplinks[i], UPLINK_SIZE));
-    return {{"algorithm", ChoiceOf(ALGORITHM, policy.algorithm)},
-            {"active", active},
-            {"standby", standby},
-            {"failback", policy.failBack != 0},
-            {"notify", policy.notify != 0}};
+    return std::string_view(field.name) == "active" ? active : standby;
 }
 
-void EncodeTeaming(const Json &fields, uint8_t *bytes)
+void EncodeUplinks(const Json &fields, uint8_t *bytes)
 {
-    VSwitchTeamingPolicy policy{};
-    policy.version = VSWITCH_TEAMING_VERSION;
-    policy.algorithm = NumberOf(ALGORITHM, fields["algorithm"]);
-    policy.failBack = fields["failback"].get<bool>();
-    policy.notify = fields["notify"].get<bool>();
+    auto policy = Load<VSwitchTeamingPolicy>(bytes);
     policy.activeCount = static_cast<uint32_t>(fields["active"].size());
     policy.standbyCount = static_cast<uint32_t>(fields["standby"].size());
     size_t next = 0;
     for (const char *list : {"active", "standby"}) {
         for (const Json &name : fields[list])
-            StoreName(name, policy.uplinks[next++]);
+            name.get_ref<const std::string &>().copy(policy.uplinks[next++], UPLINK_SIZE);
     }
-    Store(policy, bytes);
+    memcpy(bytes, &policy, sizeof policy);
 }
 
 std::string FindTeamingFault(const Json &fields)
@@ -96,21 +135,6 @@ std::string FindTeamingFault(const Json &fields)
                : fmt::format("can have {} uplinks, not {}", VSWITCH_TEAMING_UPLINKS, count);
 }
 
-Json DecodeNamedTeaming(const uint8_t *bytes)
-{
-    Json fields = {{"name", Name(reinterpret_cast<const char *>(bytes), sizeof VSwitchNamedTeaming::name)}};
-    fields.update(DecodeTeaming(bytes + offsetof(VSwitchNamedTeaming, policy)));
-    return fields;
-}
-
-void EncodeNamedTeaming(const Json &fields, uint8_t *bytes)
-{
-    VSwitchNamedTeaming named{};
-    StoreName(fields["name"], named.name);
-    EncodeTeaming(fields, reinterpret_cast<uint8_t *>(&named.policy));
-    Store(named, bytes);
-}
-
 // ---- Private VLANs ----
 
 constexpr Field PRIVATE_VLAN_FIELDS[] = {
@@ -119,23 +143,8 @@ constexpr Field PRIVATE_VLAN_FIELDS[] = {
     {"type", Form::CHOICE, "What these ports may reach", 0, 0, "promiscuous|isolated|community"},
 };
 
-Json DecodePrivateVlan(const uint8_t *bytes)
-{
-    const auto entry = Load<VSwitchPvlanEntry>(bytes);
-    const uint16_t primary = entry.primary, secondary = entry.secondary;
-    return {{"primary", primary},
-            {"secondary", secondary},
-            {"type", ChoiceOf(PRIVATE_VLAN_FIELDS[2], entry.type)}};
-}
-
-void EncodePrivateVlan(const Json &fields, uint8_t *bytes)
-{
-    VSwitchPvlanEntry entry{};
-    entry.primary = fields["primary"];
-    entry.secondary = fields["secondary"];
-    entry.type = static_cast<uint8_t>(NumberOf(PRIVATE_VLAN_FIELDS[2], fields["type"]));
-    Store(entry, bytes);
-}
+constexpr Place PRIVATE_VLAN_PLACES[] = {PLACE(VSwitchPvlanEntry, primary),
+                                         PLACE(VSwitchPvlanEntry, secondary), PLACE(VSwitchPvlanEntry, type)};
 
 std::string FindPrivateVlanFault(const Json &fields)
 {
@@ -158,27 +167,9 @@ constexpr Field SECURITY_FIELDS[] = {
     {"static-only", Form::BOOLEAN, "Whether the port may only send from its static addresses", 0, 0, "",
      "false"},
 };
-constexpr uint32_t SECURITY_BITS[] = {VSWITCH_SECURITY_ADDRESSED_ONLY, VSWITCH_SECURITY_ADDRESS_LOCK,
-                                      VSWITCH_SECURITY_STATIC_ONLY};
-static_assert(std::size(SECURITY_FIELDS) == std::size(SECURITY_BITS));
-
-Json DecodeSecurity(const uint8_t *bytes)
-{
-    const auto flags = Load<uint32_t>(bytes);
-    Json fields;
-    for (size_t i = 0; i < std::size(SECURITY_BITS); i++)
-        fields[SECURITY_FIELDS[i].name] = (flags & SECURITY_BITS[i]) != 0;
-    return fields;
-}
-
-void EncodeSecurity(const Json &fields, uint8_t *bytes)
-{
-    uint32_t flags = 0;
-    for (size_t i = 0; i < std::size(SECURITY_BITS); i++) {
-        if (fields[SECURITY_FIELDS[i].name].get<bool>()) flags |= SECURITY_BITS[i];
-    }
-    Store(flags, bytes);
-}
+constexpr Place SECURITY_PLACES[] = {{0, sizeof(uint32_t), VSWITCH_SECURITY_ADDRESSED_ONLY},
+                                     {0, sizeof(uint32_t), VSWITCH_SECURITY_ADDRESS_LOCK},
+                                     {0, sizeof(uint32_t), VSWITCH_SECURITY_STATIC_ONLY}};
 
 // ---- Ethernet filter ----
 
@@ -191,25 +182,27 @@ constexpr Field FILTER_FIELDS[] = {
     {"sink", Form::BOOLEAN, "Whether the port gets unicast to unknown addresses", 0, 0, "", "false"},
 };
 
-Json DecodeFilter(const uint8_t *bytes)
+constexpr Place FILTER_PLACES[] = {{},
+                                   {offsetof(VSwitchFilter, flags), sizeof(uint32_t), VSWITCH_FILTER_SINK}};
+
+Json DecodeRules(const Field &, const uint8_t *bytes)
 {
     const auto filter = Load<VSwitchFilter>(bytes);
     Json rules = Json::array();
     for (size_t i = 0; i < std::min<size_t>(filter.ruleCount, VSWITCH_FILTER_RULES); i++)
         rules.push_back(
             FilterRuleText({filter.rules[i].etherType, filter.rules[i].direction, filter.rules[i].action}));
-    return {{"rules", rules}, {"sink", (filter.flags & VSWITCH_FILTER_SINK) != 0}};
+    return rules;
 }
 
-void EncodeFilter(const Json &fields, uint8_t *bytes)
+void EncodeRules(const Json &fields, uint8_t *bytes)
 {
-    VSwitchFilter filter{};
-    if (fields["sink"]) filter.flags = VSWITCH_FILTER_SINK;
+    auto filter = Load<VSwitchFilter>(bytes);
     for (const Json &text : fields["rules"]) {
         const FilterRule rule = ParseFilterRule(text).value_or(FilterRule{});
         filter.rules[filter.ruleCount++] = {rule.etherType, rule.direction, rule.action, 0};
     }
-    Store(filter, bytes);
+    memcpy(bytes, &filter, sizeof filter);
 }
 
 // ---- MAC learning ----
@@ -222,22 +215,9 @@ constexpr Field PORT_LEARNING_FIELDS[] = {
      "\"drop\""},
 };
 
-Json DecodePortLearning(const uint8_t *bytes)
-{
-    const auto config = Load<PortMACLearningConfig>(bytes);
-    const uint32_t limit = config.portValueA, atLimit = config.portValueB;
-    return {{"learning", config.portFlagA != 0},
-            {"flood", config.portFlagB != 0},
-            {"limit", limit},
-            {"at-limit", ChoiceOf(PORT_LEARNING_FIELDS[3], atLimit)}};
-}
-
-void EncodePortLearning(const Json &fields, uint8_t *bytes)
-{
-    Store(PortMACLearningConfig{fields["learning"].get<bool>(), fields["flood"].get<bool>(), fields["limit"],
-                                NumberOf(PORT_LEARNING_FIELDS[3], fields["at-limit"])},
-          bytes);
-}
+constexpr Place PORT_LEARNING_PLACES[] = {
+    PLACE(PortMACLearningConfig, portFlagA), PLACE(PortMACLearningConfig, portFlagB),
+    PLACE(PortMACLearningConfig, portValueA), PLACE(PortMACLearningConfig, portValueB)};
 
 constexpr Field SWITCH_LEARNING_FIELDS[] = {
     {"aging", Form::NUMBER, "Seconds until an address is forgotten (0: never)", 0, 1000000, "", "600"},
@@ -245,22 +225,9 @@ constexpr Field SWITCH_LEARNING_FIELDS[] = {
     {"policy-byte", Form::NUMBER, "A byte that is kept and has no effect", 0, 255, "", "0"},
 };
 
-Json DecodeSwitchLearning(const uint8_t *bytes)
-{
-    const auto record = Load<SwitchMACLearningRecord>(bytes);
-    uint32_t aging = 0;
-    memcpy(&aging, record.switchValueA, sizeof record.switchValueA);
-    const uint32_t limit = record.switchValueB;
-    return {{"aging", aging}, {"limit", limit}, {"policy-byte", record.switchByte}};
-}
-
-void EncodeSwitchLearning(const Json &fields, uint8_t *bytes)
-{
-    SwitchMACLearningRecord record{{}, fields["policy-byte"], fields["limit"]};
-    const uint32_t aging = fields["aging"];
-    memcpy(record.switchValueA, &aging, sizeof record.switchValueA);
-    Store(record, bytes);
-}
+constexpr Place SWITCH_LEARNING_PLACES[] = {PLACE(SwitchMACLearningRecord, switchValueA),
+                                            PLACE(SwitchMACLearningRecord, switchValueB),
+                                            PLACE(SwitchMACLearningRecord, switchByte)};
 
 // ---- Mirror sessions ----
 
@@ -281,49 +248,42 @@ constexpr Field SESSION_FIELDS[] = {
 };
 constexpr size_t BESIDE = 5; // fields that are not in the settings
 
-Json DecodeSettings(const uint8_t *bytes)
-{
-    const auto settings = Load<VSwitchMirrorSettings>(bytes);
-    const uint16_t outerVlan = settings.outerVlan;
-    const uint32_t snap = settings.snapLength, sampling = settings.sampling;
-    return {{"enabled", settings.enabled != 0},
-            {"strip-tag", settings.stripTag != 0},
-            {"outer-vlan", outerVlan},
-            {"snap", snap},
-            {"sampling", sampling}};
-}
-
-void EncodeSettings(const Json &fields, uint8_t *bytes)
-{
-    VSwitchMirrorSettings settings{};
-    settings.version = VSWITCH_MIRROR_VERSION;
-    settings.enabled = fields["enabled"].get<bool>();
-    settings.stripTag = fields["strip-tag"].get<bool>();
-    settings.outerVlan = fields["outer-vlan"];
-    settings.snapLength = fields["snap"];
-    settings.sampling = fields["sampling"];
-    Store(settings, bytes);
-}
+constexpr Place SETTINGS_PLACES[] = {
+    PLACE(VSwitchMirrorSettings, enabled), PLACE(VSwitchMirrorSettings, stripTag),
+    PLACE(VSwitchMirrorSettings, outerVlan), PLACE(VSwitchMirrorSettings, snapLength),
+    PLACE(VSwitchMirrorSettings, sampling)};
 
 }
 
-constinit const Layout TEAMING{TEAMING_FIELDS, sizeof(VSwitchTeamingPolicy), DecodeTeaming, EncodeTeaming,
-                               FindTeamingFault};
-constinit const Layout NAMED_TEAMING{NAMED_TEAMING_FIELDS, sizeof(VSwitchNamedTeaming),
-                                     DecodeNamedTeaming,   EncodeNamedTeaming,
-                                     FindTeamingFault,     "name"};
-constinit const Layout PRIVATE_VLAN{PRIVATE_VLAN_FIELDS, sizeof(VSwitchPvlanEntry), DecodePrivateVlan,
-                                    EncodePrivateVlan,   FindPrivateVlanFault,      "secondary"};
-constinit const Layout SECURITY{SECURITY_FIELDS, sizeof(uint32_t), DecodeSecurity, EncodeSecurity};
-constinit const Layout ETHERNET_FILTER{FILTER_FIELDS, sizeof(VSwitchFilter), DecodeFilter, EncodeFilter};
-constinit const Layout PORT_LEARNING{PORT_LEARNING_FIELDS, sizeof(PortMACLearningConfig), DecodePortLearning,
-                                     EncodePortLearning};
-constinit const Layout SWITCH_LEARNING{SWITCH_LEARNING_FIELDS, sizeof(SwitchMACLearningRecord),
-                                       DecodeSwitchLearning, EncodeSwitchLearning};
+constinit const Layout TEAMING{
+    TEAMING_FIELDS, TEAMING_PLACES,  sizeof(VSwitchTeamingPolicy), VSWITCH_TEAMING_VERSION, 0, DecodeUplinks,
+    EncodeUplinks,  FindTeamingFault};
+constinit const Layout NAMED_TEAMING{NAMED_TEAMING_FIELDS,
+                                     NAMED_TEAMING_PLACES,
+                                     sizeof(VSwitchNamedTeaming),
+                                     VSWITCH_TEAMING_VERSION,
+                                     offsetof(VSwitchNamedTeaming, policy),
+                                     DecodeUplinks,
+                                     EncodeUplinks,
+                                     FindTeamingFault,
+                                     "name"};
+constinit const Layout PRIVATE_VLAN{
+    PRIVATE_VLAN_FIELDS,  PRIVATE_VLAN_PLACES, sizeof(VSwitchPvlanEntry), 0, 0, nullptr, nullptr,
+    FindPrivateVlanFault, "secondary"};
+constinit const Layout SECURITY{SECURITY_FIELDS, SECURITY_PLACES, sizeof(uint32_t)};
+constinit const Layout ETHERNET_FILTER{FILTER_FIELDS, FILTER_PLACES, sizeof(VSwitchFilter), 0, 0,
+                                       DecodeRules,   EncodeRules};
+constinit const Layout PORT_LEARNING{PORT_LEARNING_FIELDS, PORT_LEARNING_PLACES,
+                                     sizeof(PortMACLearningConfig)};
+constinit const Layout SWITCH_LEARNING{SWITCH_LEARNING_FIELDS, SWITCH_LEARNING_PLACES,
+                                       sizeof(SwitchMACLearningRecord)};
 constinit const Layout MIRROR_SESSION{std::span(SESSION_FIELDS).subspan(BESIDE),
+                                      SETTINGS_PLACES,
                                       sizeof(VSwitchMirrorSettings),
-                                      DecodeSettings,
-                                      EncodeSettings,
+                                      VSWITCH_MIRROR_VERSION,
+                                      0,
+                                      nullptr,
+                                      nullptr,
                                       nullptr,
                                       "session",
                                       std::span(SESSION_FIELDS).first(BESIDE)};
@@ -360,7 +320,7 @@ Json RecordToJson(const Layout &layout, const void *bytes)
 {
     const auto *record = static_cast<const uint8_t *>(bytes);
     if (IsEmbedded()) {
-        Json fields = layout.decode(record);
+        Json fields = DecodeRecord(layout, record);
         const bool isSound = !FindViolation(layout.fields, fields, "") &&
                              (!layout.findFault || layout.findFault(fields).empty());
         if (isSound) {
@@ -375,7 +335,7 @@ Bytes RecordFromJson(const Layout &layout, const Json &value)
 {
     if (value.is_string()) return FromHex(value.get_ref<const std::string &>());
     Bytes bytes(layout.size);
-    layout.encode(Canonical(layout.fields, value), bytes.data());
+    EncodeRecord(layout, Canonical(layout.fields, value), bytes.data());
     return bytes;
 }
 

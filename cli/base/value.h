@@ -35,14 +35,26 @@ struct Field {
     const Layout *layout = nullptr;    // of RECORDS
 };
 
+// Where a record holds a field: a text, a choice, or a number with its lowest byte first. Of a flag, the bits
+// that say that it is set.
+struct Place {
+    size_t offset;
+    size_t width;
+    uint32_t bits = 1;
+};
+
 // A record that the library takes for bytes. Where the platform publishes its records, it is shown and set by
 // fields: a table. Elsewhere it is a text of hexadecimal digits, and so is a record that fields don't
 // describe whole, of another version for example.
 struct Layout {
     std::span<const Field> fields;
-    size_t size;                                            // of the record
-    Json (*decode)(const uint8_t *bytes);                   // whatever the bytes are
-    void (*encode)(const Json &fields, uint8_t *bytes);     // of a record of zeros
+    std::span<const Place> places; // of the fields
+    size_t size;                   // of the record
+    uint32_t version = 0;          // which the record begins with; 0: it has none
+    size_t base = 0;               // where the version, and what lists hold, begin
+    // Of fields without a place, which are lists.
+    Json (*decodeList)(const Field &field, const uint8_t *bytes) = nullptr;
+    void (*encodeLists)(const Json &fields, uint8_t *bytes) = nullptr;
     std::string (*findFault)(const Json &fields) = nullptr; // between fields; empty when there is none
     const char *key = "";                                   // the field that names an entry of a list
     std::span<const Field> beside = {}; // fields of an entry beside its record. The first holds the record in

@@ -31,6 +31,8 @@ struct UndoReport {
     std::vector<std::string> losses; // what cannot be restored at all
 };
 
+constexpr const char *UNDO_AGAIN = "remove the cause, then run 'vsctl apply --undo' again";
+
 // Restores the steps in reverse order.
 UndoReport Undo(std::span<const Step> steps)
 {
@@ -68,10 +70,10 @@ std::string Listed(std::vector<std::string> texts)
 Error UndoneError(const Error &cause, size_t done, const UndoReport &undone)
 {
     if (!undone.failures.empty()) {
-        Error error(Exit::PARTLY_UNDONE,
+        Error error(cause,
                     fmt::format("{}; the undo failed in part: {}", cause.problem, Listed(undone.failures)),
-                    "remove the cause, then run 'vsctl apply --undo' again");
-        error.status = cause.status;
+                    UNDO_AGAIN);
+        error.exit = Exit::PARTLY_UNDONE;
         return error;
     }
     std::string outcome = "; nothing was changed";
@@ -80,9 +82,7 @@ Error UndoneError(const Error &cause, size_t done, const UndoReport &undone)
                                                        : fmt::format("the {} steps before it are", done));
     if (!undone.losses.empty())
         outcome += fmt::format("; everything is restored except {}", Listed(undone.losses));
-    Error error(cause.exit, cause.problem + outcome, cause.advice);
-    error.status = cause.status;
-    return error;
+    return {cause, cause.problem + outcome, cause.advice};
 }
 
 // The NICs behind new uplinks, and so their MTUs, are known only when the uplinks exist.
@@ -245,7 +245,9 @@ Preview ReadAllBefore(std::vector<Step> &steps)
     CheckSteps(steps);
     for (Step &step : steps)
         ReadBefore(step);
-    return PreviewOf(steps);
+    Preview preview = PreviewOf(steps);
+    RequireUplinks(steps, preview.rows);
+    return preview;
 }
 
 void SaveAll(std::vector<Step> &steps)
@@ -295,10 +297,6 @@ Preview CarryOut(const std::string &command, Result &result, const Options &opti
     return preview;
 }
 
-}
-
-namespace {
-
 std::string PlanText(const Json &rows) { return DifferenceText(rows) + SummaryText(rows, false); }
 
 // Rows instead of a difference.
@@ -322,6 +320,7 @@ bool IsAgreed(const std::string &plan, const Options &options)
 void ShowNothing(Result &result)
 {
     result.steps.clear();
+    result.note.clear();
     result.text = "nothing was changed\n";
 }
 
@@ -330,6 +329,14 @@ bool IsAgreed(const Result &result, const Options &options)
     std::vector<Step> steps = result.steps;
     const Preview preview = ReadAllBefore(steps);
     return !preview.changes || IsAgreed(PlanText(preview.rows), options);
+}
+
+// What people read of a change that is planned or made. They have seen the difference if they were asked.
+void Report(Result &result, const Options &options, bool isMade)
+{
+    if (result.rows.empty() || WantsRows(options)) return;
+    if (!isMade || !result.asks || !CanAsk(options)) result.text = DifferenceText(result.rows);
+    if (!options.quiet) result.text += SummaryText(result.rows, isMade);
 }
 
 }
@@ -343,10 +350,7 @@ void Change(const std::string &command, Result &result, const Options &options)
     Preview preview = onlyShows ? ReadAllBefore(result.steps) : CarryOut(command, result, options);
     if (onlyShows && preview.changes) result.exit = Exit::PENDING;
     if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
-    if (result.rows.empty() || WantsRows(options)) return;
-    const bool isShown = result.asks && !onlyShows && CanAsk(options);
-    if (!isShown) result.text = DifferenceText(result.rows);
-    if (!options.quiet) result.text += SummaryText(result.rows, !onlyShows);
+    Report(result, options, !onlyShows);
 }
 
 namespace {
@@ -363,7 +367,7 @@ void ThrowUnlessUndone(const Journal &journal, const UndoReport &undone)
     if (undone.failures.empty()) return;
     throw Error(Exit::PARTLY_UNDONE,
                 fmt::format("undoing '{}' failed in part: {}", journal.command, Listed(undone.failures)),
-                "remove the cause, then run 'vsctl apply --undo' again");
+                UNDO_AGAIN);
 }
 
 // Undoes the journal's steps and forgets it; keeps it while something could not be undone.
@@ -412,45 +416,34 @@ bool IsAsLeft(const Step &step, const Json &after)
     return step.item == "uplinks" ? now.before["ids"] == after["ids"] : now.before == after;
 }
 
-// An undo must not overwrite what came later.
-void RequireAsLeft(const std::vector<Step> &steps, const Preview &preview)
+// What a row of a change is about.
+Json SubjectOf(Json row)
 {
-    std::set<std::string> seen; // the last step about something tells
+    for (const char *key : {"before", "after", "ports"})
+        row.erase(key);
+    return row;
+}
+
+// An undo must not overwrite what came later.
+void RequireAsLeft(const std::vector<Step> &steps, const Json &rows)
+{
+    std::set<Json> seen; // the last step about something tells
     for (size_t i = steps.size(); i-- > 0;) {
-        const Step &step = steps[i];
-        const std::string detail = step.item == "property"       ? step.value["key"].get<std::string>()
-                                   : step.item == "uplink-admin" ? step.value["uplink"].get<std::string>()
-                                                                 : "";
-        if (!seen.insert(StepText(step) + detail).second || IsAsLeft(step, preview.after[i])) continue;
-        throw Error(Exit::FAILURE, fmt::format("{} has been changed since", StepText(step)),
+        if (!seen.insert(SubjectOf(rows[i])).second || IsAsLeft(steps[i], rows[i]["after"])) continue;
+        throw Error(Exit::FAILURE, fmt::format("{} has been changed since", StepText(steps[i])),
                     "vsctl takes back only what is as it left it: change it by hand");
     }
 }
 
-Json UplinksReversed(const Json &row, const Json &after)
+// The row of the undo of a step, with what that cannot bring back.
+Json UndoRow(const Step &step, Json row)
 {
-    const Json &change = row["after"];
-    if (change.contains("add")) return {{"remove", change["add"]}};
-    if (change.contains("remove")) return {{"add", change["remove"]}};
-    return {{"set", row["before"].is_null() ? after : row["before"]}};
-}
-
-// The row of the undo of a step.
-Json Reversed(const Json &row, const Json &after)
-{
-    Json reversed = row;
-    reversed.erase("ports");
-    reversed["before"] = after;
-    if (row["item"] == "uplinks") {
-        reversed["after"] = UplinksReversed(row, after);
-    } else if (row["item"] == "property" || row["item"] == "uplink-admin") {
-        reversed["after"][row["item"] == "property" ? "bytes" : "up"] = row["before"];
-    } else {
-        reversed["after"] = row["before"];
-    }
-    const bool isGoing = row["item"] == "switch" && reversed["after"].is_null();
-    if (isGoing && IsEmbedded()) reversed["ports"] = PortsOf(row["switch"]).size();
-    return reversed;
+    std::swap(row["before"], row["after"]);
+    row.erase("ports");
+    if (step.item == "switch" && row["after"].is_null() && IsEmbedded())
+        row["ports"] = PortsOf(step.target.alias).size();
+    if (Loses(step)) row["lost"] = LossText(step);
+    return row;
 }
 
 Journal RequireLast()
@@ -461,32 +454,40 @@ Journal RequireLast()
     return *journal;
 }
 
+// Takes back what a user at a terminal has agreed to.
+void TakeBack(const Journal &journal, const Json &rows)
+{
+    const ChangeLock lock;
+    if (RequireLast().id != journal.id)
+        throw Error(Exit::FAILURE, "another change was made meanwhile", "vsctl changed nothing: try again");
+    RequireAsLeft(journal.steps, rows);
+    const ChangeScope changing;
+    Journal::Reopen();
+    UndoAll(journal);
+}
+
 }
 
 void UndoLast(Result &result, const Options &options)
 {
     const Journal journal = RequireLast();
-    const Preview preview = PreviewOf(journal.steps);
-    RequireAsLeft(journal.steps, preview);
-    for (size_t i = journal.steps.size(); i-- > 0;)
-        result.rows.push_back(Reversed(preview.rows[i], preview.after[i]));
+    const Json rows = PreviewOf(journal.steps).rows;
+    RequireAsLeft(journal.steps, rows);
+    std::vector<std::string> losses;
+    for (size_t i = journal.steps.size(); i-- > 0;) {
+        const Json &row = result.rows.emplace_back(UndoRow(journal.steps[i], rows[i]));
+        if (row.contains("lost")) losses.push_back(row["lost"]);
+    }
+    if (!losses.empty()) result.note = fmt::format("not brought back: {}", Listed(losses));
+    result.asks = true;
     if (options.dryRun) {
         result.exit = Exit::PENDING;
-        if (!WantsRows(options)) result.text = PlanText(result.rows);
-        return;
+    } else {
+        const std::string note = result.note.empty() ? "" : result.note + "\n";
+        if (!IsAgreed(PlanText(result.rows) + note, options)) return ShowNothing(result);
+        TakeBack(journal, rows);
     }
-    if (!IsAgreed(PlanText(result.rows), options)) return ShowNothing(result);
-    const ChangeLock lock;
-    if (RequireLast().id != journal.id)
-        throw Error(Exit::FAILURE, "another change was made meanwhile", "vsctl changed nothing: try again");
-    RequireAsLeft(journal.steps, preview);
-    const ChangeScope changing;
-    Journal::Reopen();
-    const UndoReport undone = UndoAll(journal);
-    if (!undone.losses.empty()) result.note = fmt::format("not brought back: {}", Listed(undone.losses));
-    if (WantsRows(options)) return;
-    if (!CanAsk(options)) result.text = DifferenceText(result.rows);
-    if (!options.quiet) result.text += SummaryText(result.rows, true);
+    Report(result, options, !options.dryRun);
 }
 
 Json UndoJournalOfOtherBoot()

@@ -52,8 +52,6 @@ std::string ChangeText(const Json &before, const Json &after)
     return fmt::format("{}", fmt::join(parts, ", "));
 }
 
-bool IsList(const Json &before, const Json &after) { return before.is_array() || after.is_array(); }
-
 // Entries of a list that come or go.
 std::vector<Line> EntryLines(const std::string &item, const Json &before, const Json &after)
 {
@@ -69,12 +67,15 @@ std::vector<Line> EntryLines(const std::string &item, const Json &before, const 
     return lines;
 }
 
-std::vector<Line> UplinkLines(const Json &before, const Json &change)
+// A new order of the same uplinks is one line.
+std::vector<Line> UplinkLines(const Json &before, const Json &after)
 {
-    if (change.contains("add")) return {{'+', "uplink " + CellText(change["add"]), ""}};
-    if (change.contains("remove")) return {{'-', "uplink " + CellText(change["remove"]), ""}};
-    const Json now = change.contains("set") ? change["set"]["ids"] : change.value("count", Json());
-    return {{'~', "uplinks", ArrowText(before.is_null() ? before : before["ids"], now)}};
+    const Json old = before.is_null() ? before : before["ids"];
+    std::vector<Line> lines = EntryLines("uplink", old, after["ids"]);
+    for (auto &[sign, item, details] : lines)
+        item += " " + std::exchange(details, "");
+    if (lines.empty() && before != after) lines = {{'~', "uplinks", ArrowText(old, after["ids"])}};
+    return lines;
 }
 
 std::string SwitchText(const Json &row)
@@ -92,16 +93,13 @@ std::vector<Line> LinesOf(const Json &row)
     if (item == "uplinks") return UplinkLines(before, after);
     if (item == "uplink-admin") {
         const auto state = [](const Json &up) { return up == true ? "up" : "down"; };
-        return {{'~', "uplink " + CellText(after["uplink"]),
-                 fmt::format("{} -> {}", state(before), state(after["up"]))}};
+        return {
+            {'~', "uplink " + CellText(row["uplink"]), fmt::format("{} -> {}", state(before), state(after))}};
     }
-    if (item == "property") {
-        return {{SignOf(before, after["bytes"]), "property " + CellText(after["key"]),
-                 ChangeText(before, after["bytes"])}};
-    }
-    if (before == after) return {};
-    if (IsList(before, after)) return EntryLines(item, before, after);
-    return {{SignOf(before, after), item, ChangeText(before, after)}};
+    const std::string name = item == "property" ? "property " + CellText(row["key"]) : item;
+    if (before == after && name == item) return {};
+    if (before.is_array() || after.is_array()) return EntryLines(name, before, after);
+    return {{SignOf(before, after), name, ChangeText(before, after)}};
 }
 
 std::string Painted(char sign, const std::string &text)
@@ -111,6 +109,18 @@ std::string Painted(char sign, const std::string &text)
                        : sign == '-' ? fmt::terminal_color::red
                                      : fmt::terminal_color::yellow;
     return fmt::format(fmt::fg(color), "{}", text);
+}
+
+// A line that begins with a mark in the colour of its sign. On a terminal, what does not fit stands below.
+std::string LineOf(size_t margin, const Line &line, const std::string &mark, const std::string &rest)
+{
+    constexpr size_t INDENT = 4, LEAST_ROOM = 20;
+    const std::string below(margin + INDENT, ' ');
+    const size_t room = std::max(TerminalWidth(), below.size() + LEAST_ROOM) - below.size();
+    const auto parts = isatty(STDOUT_FILENO) ? Wrapped(mark + rest, room) : std::vector{mark + rest};
+    std::string text = fmt::format("{}", fmt::join(parts, "\n" + below));
+    if (text.starts_with(mark)) text.replace(0, mark.size(), Painted(line.sign, mark));
+    return std::string(margin, ' ') + text;
 }
 
 // The lines of one switch, in the order in which they first come up.
@@ -135,8 +145,8 @@ public:
         if (lines.empty() && !heading) return;
         const std::string name = "switch " + CellText(alias);
         if (heading)
-            text.push_back(Painted(heading->sign, fmt::format("{} {}", heading->sign, name)) +
-                           (heading->details.empty() ? "" : "  " + heading->details));
+            text.push_back(LineOf(0, *heading, fmt::format("{} {}", heading->sign, name),
+                                  heading->details.empty() ? "" : "  " + heading->details));
         else
             text.push_back(name);
         for (const auto &[line, ports] : lines)
@@ -152,8 +162,8 @@ private:
         std::string subject = fmt::format("{}", fmt::join(shown, ","));
         if (!line.item.empty()) subject += (subject.empty() ? "" : "  ") + line.item;
         const char *const colon = line.item.empty() || line.details.empty() ? "  " : ": ";
-        return "  " + Painted(line.sign, fmt::format("{} ", line.sign)) + subject +
-               (line.details.empty() ? "" : colon + line.details);
+        return LineOf(2, line, fmt::format("{} ", line.sign),
+                      subject + (line.details.empty() ? "" : colon + line.details));
     }
 
     std::optional<Line> heading; // of a switch that comes or goes

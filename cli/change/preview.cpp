@@ -2,7 +2,6 @@
 #include "cli/change/preview.h"
 
 #include <algorithm>
-#include <charconv>
 #include <fmt/format.h>
 #include <map>
 #include <set>
@@ -15,22 +14,6 @@ namespace {
 
 bool IsObject(const Step &step) { return step.item == "switch" || step.item == "port"; }
 
-// Whether the step leaves the switch with this uplink.
-bool IsUplinkOf(const Step &step, const std::string &port)
-{
-    if (step.value.is_null() || (step.item != "uplinks" && step.item != "switch")) return false;
-    if (step.value.contains("add")) return step.value["add"] == port;
-    if (step.value.contains("set")) {
-        const Json &ids = step.value["set"]["ids"];
-        return std::find(ids.begin(), ids.end(), port) != ids.end();
-    }
-    const uint32_t count = step.value.value(step.item == "switch" ? "uplink-count" : "count", 0u);
-    const size_t digits = std::min(port.size(), strlen("uplink"));
-    uint32_t number = count;
-    std::from_chars(port.data() + digits, port.data() + port.size(), number);
-    return number < count && port == fmt::format("uplink{}", number);
-}
-
 // What creating an uplink stores.
 const Json UPLINK_VLAN = {{"id", 0}, {"trunk", {"1-4094"}}, {"option", false}};
 
@@ -42,7 +25,9 @@ public:
         const auto found = left.find({step.target.alias, step.target.port, step.item});
         if (found != left.end()) return found->second;
         const Json before = IsReplaced(step.target) && !IsObject(step) ? Json() : step.before;
-        if (before.is_null() && step.item == "vlan" && IsNewUplink(step.target)) return UPLINK_VLAN;
+        if (before.is_null() && step.item == "vlan" &&
+            newUplinks.contains({step.target.alias, step.target.port}))
+            return UPLINK_VLAN;
         return before;
     }
 
@@ -65,18 +50,14 @@ public:
             Forget(alias, port);
             port.empty() ? (void)replacedSwitches.insert(alias) : (void)replacedPorts.insert({alias, port});
         }
-        if (step.item == "uplinks" || step.item == "switch") uplinkSteps.push_back(step);
+        if (step.item == "uplinks" || step.item == "switch") {
+            for (std::string &uplink : PortsMade(step))
+                newUplinks.insert({alias, std::move(uplink)});
+        }
         left[{alias, port, step.item}] = after;
     }
 
 private:
-    bool IsNewUplink(const Target &port) const
-    {
-        return std::any_of(uplinkSteps.begin(), uplinkSteps.end(), [&port](const Step &step) {
-            return step.target.alias == port.alias && IsUplinkOf(step, port.port);
-        });
-    }
-
     void Forget(const std::string &alias, const std::string &port)
     {
         const auto first = left.lower_bound({alias, port, ""});
@@ -89,8 +70,7 @@ private:
 
     std::map<std::tuple<std::string, std::string, std::string>, Json> left;
     std::set<std::string> replacedSwitches;
-    std::set<std::pair<std::string, std::string>> replacedPorts;
-    std::vector<Step> uplinkSteps;
+    std::set<std::pair<std::string, std::string>> replacedPorts, newUplinks;
 };
 
 // A default MTU is not stored, and uplinks added later may have another MTU.
@@ -118,6 +98,69 @@ bool MakesLists(const Step &step)
                length) != STATUS_OK;
 }
 
+// The uplinks of switches, while steps change them.
+class UplinkState {
+public:
+    const std::vector<std::string> &Of(const std::string &alias)
+    {
+        const auto [found, isFirst] = uplinks.try_emplace(alias);
+        if (isFirst && SwitchExists(alias)) found->second = ReadUplinks(alias).ids;
+        return found->second;
+    }
+
+    void Add(const Step &step)
+    {
+        if (step.item != "uplinks" && step.item != "switch") return;
+        Of(step.target.alias);
+        auto &ids = uplinks[step.target.alias];
+        if (step.value.contains("remove"))
+            std::erase(ids, step.value["remove"].get<std::string>());
+        else if (!step.value.contains("add"))
+            ids.clear();
+        const auto made = PortsMade(step);
+        ids.insert(ids.end(), made.begin(), made.end());
+    }
+
+private:
+    std::map<std::string, std::vector<std::string>> uplinks;
+};
+
+// The uplinks that a teaming policy, or a list of them, names.
+std::set<std::string> UplinksNamed(const Json &value)
+{
+    std::set<std::string> names;
+    for (const Json &policy : value.is_array() ? value : Json::array({value})) {
+        for (const char *list : {"active", "standby"}) {
+            if (!policy.is_object()) continue;
+            const Json listed = policy.value(list, Json::array());
+            names.insert(listed.begin(), listed.end());
+        }
+    }
+    return names;
+}
+
+}
+
+void RequireUplinks(const std::vector<Step> &steps, const Json &rows)
+{
+    UplinkState state;
+    for (size_t i = 0; i < steps.size(); i++) {
+        const Step &step = steps[i];
+        const std::string &alias = step.target.alias;
+        state.Add(step);
+        if (step.item != "teaming" && step.item != "ls-teaming") continue;
+        const auto known = UplinksNamed(rows[i]["before"]);
+        for (const std::string &name : UplinksNamed(rows[i]["after"])) {
+            const auto &uplinks = state.Of(alias);
+            const bool isUplink = std::find(uplinks.begin(), uplinks.end(), name) != uplinks.end();
+            if (isUplink || known.contains(name)) continue;
+            throw Error(
+                Exit::NOT_FOUND,
+                fmt::format("{} names {}, which is not an uplink of switch {}", StepText(step), name, alias),
+                uplinks.empty() ? fmt::format("'vsctl uplink add {} {}' adds it", alias, name)
+                                : fmt::format("its uplinks are {}", fmt::join(uplinks, ", ")));
+        }
+    }
 }
 
 Preview PreviewOf(const std::vector<Step> &steps)
@@ -127,10 +170,10 @@ Preview PreviewOf(const std::vector<Step> &steps)
     for (Step step : steps) {
         RestartTimeLimit(); // work that goes on is not waiting
         step.before = states.Before(step);
-        const Json &after = preview.after.emplace_back(After(step));
-        preview.rows.push_back(StepRow(step));
+        Json &row = preview.rows.emplace_back(StepRow(step));
         if (step.item == "switch" && step.value.is_null() && IsEmbedded())
-            preview.rows.back()["ports"] = states.CountPorts(step.target.alias);
+            row["ports"] = states.CountPorts(step.target.alias);
+        const Json &after = row["after"];
         preview.changes =
             preview.changes || IsObject(step) || after != step.before || MakesLists(step) || ChangesMtu(step);
         states.Add(step, after);

@@ -210,10 +210,10 @@ bool Saver::HasStaticMacs(const std::string &alias)
 {
     const auto [entry, isNew] = staticMacs.try_emplace(alias);
     if (isNew && IsEmbedded() && IsRunning(alias)) {
-        uint8_t info[SWITCH_MAC_LEARNING_INFO_SIZE];
-        CheckDriver(VSZOR_GetSwitchMACLearningInfo(PortsetOf(alias).c_str(), info),
-                    "reading the MAC learning state of", {alias, ""});
-        entry->second = Decode(Record::LEARNING_INFO, info, sizeof info)["static"] != 0;
+        const auto read = [&](void *info) {
+            return VSZOR_GetSwitchMACLearningInfo(PortsetOf(alias).c_str(), info);
+        };
+        entry->second = ReadRecord(Record::LEARNING_INFO, {alias, ""}, read)["static"] != 0;
     }
     return entry->second;
 }

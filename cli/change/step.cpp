@@ -5,15 +5,12 @@
 #include <fmt/format.h>
 
 #include "cli/base/decode.h"
-#include "cli/base/plug.h"
 
 namespace vsctl {
 
 namespace {
 
 // ---- Switches ----
-
-Json ReadSwitchItem(const Step &step) { return ReadSwitch(step.target.alias); }
 
 void PerformSwitch(const Step &step)
 {
@@ -50,8 +47,6 @@ bool RestoreSwitchItem(const Step &step)
 }
 
 // ---- Ports ----
-
-Json ReadPortItem(const Step &step) { return ReadPort(step.target); }
 
 void PerformPort(const Step &step)
 {
@@ -158,20 +153,19 @@ bool RestoreUplinks(const Step &step)
 Json UplinksAfter(const Step &step)
 {
     const auto change = step.value.items().begin();
-    Uplinks after = step.before.is_null() ? Uplinks() : FromJson(step.before);
-    if (change.key() == "set") after = FromJson(change.value());
-    if (change.key() == "count" || change.key() == "clear") after = {};
-    for (uint32_t i = 0; i < step.value.value("count", 0u); i++)
-        after.ids.push_back(fmt::format("uplink{}", i));
-    if (change.key() == "add") after.ids.push_back(change.value());
-    if (change.key() == "count") after.names = after.ids;
-    if (change.key() == "add") after.names.push_back(change.value());
-    const auto removed = std::find(after.ids.begin(), after.ids.end(), step.value.value("remove", ""));
-    if (removed != after.ids.end()) {
-        after.names.erase(after.names.begin() + (removed - after.ids.begin()));
-        after.ids.erase(removed);
+    if (change.key() == "set") return change.value();
+    if (change.key() == "clear") return ToJson(Uplinks());
+    if (change.key() == "count") return ToJson({PortsMade(step), PortsMade(step)});
+    auto [names, ids] = step.before.is_null() ? Uplinks() : FromJson(step.before);
+    const std::string id = change.value();
+    if (change.key() == "add") {
+        ids.push_back(id);
+        names.push_back(id);
+    } else if (const auto place = std::find(ids.begin(), ids.end(), id); place != ids.end()) {
+        names.erase(names.begin() + (place - ids.begin()));
+        ids.erase(place);
     }
-    return ToJson(after);
+    return ToJson({names, ids});
 }
 
 // ---- Properties: {"level", "key", "bytes", "by-id"} ----
@@ -202,8 +196,6 @@ Json ReadProperty(const Step &step)
 }
 
 void PerformProperty(const Step &step) { WriteProperty(step, step.value["bytes"]); }
-
-Json PropertyAfter(const Step &step) { return step.value["bytes"]; }
 
 Json SaveNothing(const Step &, Saver &) { return nullptr; }
 
@@ -236,21 +228,21 @@ Json SavePolicyKeys(const Policy &policy, const Target &target)
     return SaveProperties(properties);
 }
 
-Json SavePolicyOf(const Policy &policy, const Target &target, Saver &saver)
+Json SavePolicy(const Step &step, Saver &saver)
 {
-    if (IsGone(target)) return nullptr;
-    Json saved = {{"properties", SavePolicyKeys(policy, target)}};
-    if (std::string_view(policy.name) == "mtu") saved["mtus"] = saver.Mtus(target.alias);
+    if (IsGone(step.target)) return nullptr;
+    Json saved = {{"properties", SavePolicyKeys(*PolicyOf(step), step.target)}};
+    if (step.item == "mtu") saved["mtus"] = saver.Mtus(step.target.alias);
     return saved;
 }
 
 // Writes the old value through the library, then the exact bytes where the library wrote others.
-bool RestorePolicyOf(const Policy &policy, const Step &step)
+bool RestorePolicy(const Step &step)
 {
-    const Target &target = step.target;
-    if (step.saved.is_null() || IsGone(target)) return false;
-    if (ReadStored(policy, target) != step.before) WritePolicy(policy, target, step.before);
-    RestoreProperties(target, step.saved["properties"]);
+    const Policy &policy = *PolicyOf(step);
+    if (step.saved.is_null() || IsGone(step.target)) return false;
+    if (ReadStored(policy, step.target) != step.before) WritePolicy(policy, step.target, step.before);
+    RestoreProperties(step.target, step.saved["properties"]);
     return false;
 }
 
@@ -267,7 +259,6 @@ void SetAdmin(const Step &step, bool up)
 }
 
 void PerformAdmin(const Step &step) { SetAdmin(step, step.value["up"]); }
-Json AdminAfter(const Step &step) { return step.value["up"]; }
 
 bool RestoreAdmin(const Step &step)
 {
@@ -306,8 +297,6 @@ void PerformInterface(const Step &step)
     SetInterface(step.target, ReadInterface(step), step.value["plugged"]);
 }
 
-Json InterfaceAfter(const Step &step) { return step.value["plugged"]; }
-
 bool RestoreInterface(const Step &step)
 {
     if (!IsGone(step.target)) SetInterface(step.target, ReadInterface(step), step.before);
@@ -317,7 +306,7 @@ bool RestoreInterface(const Step &step)
 // ---- The table ----
 
 Json ValueOf(const Step &step) { return step.value; }
-
+template<const char *MEMBER> Json MemberOf(const Step &step) { return step.value[MEMBER]; }
 struct Item {
     const char *name;
     Json (*read)(const Step &);
@@ -325,15 +314,26 @@ struct Item {
     Json (*save)(const Step &, Saver &);
     bool (*restore)(const Step &);
     Json (*after)(const Step &); // the value that a later step about the same object finds
+    const char *subject[2] = {}; // what the step is about, beside its target
 };
 
-constexpr Item ITEMS[] = {
-    {"switch", ReadSwitchItem, PerformSwitch, SaveSwitch, RestoreSwitchItem, ValueOf},
-    {"port", ReadPortItem, PerformPort, SavePort, RestorePortItem, ValueOf},
+constexpr char BYTES[] = "bytes", PLUGGED[] = "plugged", UP[] = "up";
+
+const Item ITEMS[] = {
+    {"switch", [](const Step &step) { return ReadSwitch(step.target.alias); }, PerformSwitch, SaveSwitch,
+     RestoreSwitchItem, ValueOf},
+    {"port", [](const Step &step) { return ReadPort(step.target); }, PerformPort, SavePort, RestorePortItem,
+     ValueOf},
     {"uplinks", ReadUplinksItem, PerformUplinks, SaveUplinks, RestoreUplinks, UplinksAfter},
-    {"property", ReadProperty, PerformProperty, SaveNothing, RestoreProperty, PropertyAfter},
-    {"plugged", ReadInterface, PerformInterface, SaveNothing, RestoreInterface, InterfaceAfter},
-    {"uplink-admin", ReadAdmin, PerformAdmin, SaveNothing, RestoreAdmin, AdminAfter},
+    {"property",
+     ReadProperty,
+     PerformProperty,
+     SaveNothing,
+     RestoreProperty,
+     MemberOf<BYTES>,
+     {"level", "key"}},
+    {"plugged", ReadInterface, PerformInterface, SaveNothing, RestoreInterface, MemberOf<PLUGGED>},
+    {"uplink-admin", ReadAdmin, PerformAdmin, SaveNothing, RestoreAdmin, MemberOf<UP>, {"uplink"}},
 };
 
 Json ReadPolicyItem(const Step &step) { return ReadStored(*PolicyOf(step), step.target); }
@@ -352,12 +352,8 @@ void PerformPolicy(const Step &step)
     WritePolicy(policy, step.target, Merged(policy, stored, step.value));
 }
 
-Json SavePolicy(const Step &step, Saver &saver) { return SavePolicyOf(*PolicyOf(step), step.target, saver); }
-
-bool RestorePolicy(const Step &step) { return RestorePolicyOf(*PolicyOf(step), step); }
-
 // All policies.
-constexpr Item POLICY_ITEM = {"", ReadPolicyItem, PerformPolicy, SavePolicy, RestorePolicy, PolicyAfter};
+const Item POLICY_ITEM = {"", ReadPolicyItem, PerformPolicy, SavePolicy, RestorePolicy, PolicyAfter};
 
 const Item &ItemOf(const Step &step)
 {
@@ -373,10 +369,12 @@ const Policy *PolicyOf(const Step &step) { return FindPolicy(step.item, !step.ta
 
 std::vector<std::string> PortsMade(const Step &step)
 {
+    if (!step.value.is_object()) return {};
+    if (step.value.contains("add")) return {step.value["add"]};
+    if (step.value.contains("set")) return step.value["set"]["ids"];
+    const char *const count = step.item == "switch" ? "uplink-count" : "count";
     std::vector<std::string> made;
-    if (step.value.contains("add")) made.push_back(step.value["add"]);
-    if (step.value.contains("set")) made = FromJson(step.value["set"]).ids;
-    for (uint32_t i = 0; i < step.value.value("count", 0u); i++)
+    for (uint32_t i = 0; i < step.value.value(count, 0u); i++)
         made.push_back(fmt::format("uplink{}", i));
     return made;
 }
@@ -416,14 +414,20 @@ Step RemoveEntries(const Policy &policy, const Target &target, const Json &names
 
 Json StepRow(const Step &step)
 {
-    Json row;
-    row["switch"] = step.target.alias;
-    row["port"] = step.target.port.empty() ? Json() : Json(step.target.port);
-    row["item"] = step.item;
+    Json row = {{"switch", step.target.alias},
+                {"port", step.target.port.empty() ? Json() : Json(step.target.port)},
+                {"item", step.item}};
+    for (const char *key : ItemOf(step).subject)
+        if (key) row[key] = step.value[key];
     row["before"] = step.before;
-    const bool isValue = &ItemOf(step) == &POLICY_ITEM || step.item == "plugged";
-    row["after"] = isValue ? After(step) : step.value;
+    row["after"] = After(step);
     return row;
+}
+
+bool Loses(const Step &step)
+{
+    const bool movesNics = step.item == "uplinks" && !step.value.contains("add");
+    return IsRemoval(step) || (movesNics && !IsEmbedded());
 }
 
 std::string LossText(const Step &step)
@@ -445,14 +449,8 @@ std::string StepText(const Step &step)
 
 Json ToJson(const Step &step)
 {
-    Json json;
-    json["item"] = step.item;
-    json["switch"] = step.target.alias;
-    json["port"] = step.target.port;
-    json["value"] = step.value;
-    json["before"] = step.before;
-    json["saved"] = step.saved;
-    return json;
+    return {{"item", step.item},   {"switch", step.target.alias}, {"port", step.target.port},
+            {"value", step.value}, {"before", step.before},       {"saved", step.saved}};
 }
 
 Step StepFromJson(const Json &json)

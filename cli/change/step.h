@@ -26,7 +26,7 @@ void Perform(const Step &step);
 bool Restore(const Step &step);
 // The value after the step, in the form of `before`.
 Json After(const Step &step);
-// The ports that a step about uplinks creates.
+// The ports of the uplinks that a step about uplinks, or a new switch, makes.
 std::vector<std::string> PortsMade(const Step &step);
 // Whether the step removes an object, which an undo restores only in part.
 bool IsRemoval(const Step &step);
@@ -36,11 +36,13 @@ Step SetPolicy(const Policy &policy, const Target &target, const Json &value);
 Step AddEntries(const Policy &policy, const Target &target, const Json &entries);
 Step RemoveEntries(const Policy &policy, const Target &target, const Json &names);
 const Policy *PolicyOf(const Step &step); // null for other steps
-// One row of output.
+// One row of output: what the step is about, the state before it and the state after it.
 Json StepRow(const Step &step);
 std::string StepText(const Step &step);
 // What an undo of a removal does not restore.
 std::string LossText(const Step &step);
+// Whether an undo of the step loses that.
+bool Loses(const Step &step);
 Json ToJson(const Step &step);
 Step StepFromJson(const Json &json);
 

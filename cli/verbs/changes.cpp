@@ -109,28 +109,6 @@ std::string FileText(const Json &file, bool isJson)
     }
 }
 
-// A file that is removed with this object, unless it is kept.
-struct TemporaryFile {
-    explicit TemporaryFile(const std::string &text)
-    {
-        const int file = mkstemps(path.data(), strlen(".toml"));
-        const bool isWritten =
-            file >= 0 && write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-        if (file >= 0) close(file);
-        if (!isWritten)
-            throw Error(Exit::FAILURE, fmt::format("{} cannot be written: {}", path, strerror(errno)),
-                        "make room in /tmp");
-    }
-    TemporaryFile(const TemporaryFile &) = delete;
-    TemporaryFile &operator=(const TemporaryFile &) = delete;
-    ~TemporaryFile()
-    {
-        if (!isKept) unlink(path.c_str());
-    }
-    std::string path = "/tmp/vsctl-XXXXXX.toml";
-    bool isKept = false;
-};
-
 void RunEditor(const std::string &path)
 {
     const char *editor = getenv("VISUAL");
@@ -146,8 +124,8 @@ void RunEditor(const std::string &path)
 Result Edit(const Verb &, const Arguments &arguments)
 {
     const std::string text = FileText(ExportFile({{arguments.Text("SWITCH"), ""}}), false);
-    const TemporaryFile before(text);
-    TemporaryFile file(text);
+    const TemporaryFile before(text, ".toml");
+    TemporaryFile file(text, ".toml");
     RunEditor(file.path);
     Result result;
     result.asks = true;
@@ -217,36 +195,35 @@ std::vector<Verb> ChangeVerbs()
                          "Allow removals, which an undo restores only in part"};
     Argument someFile = Excluding(file, {"--resume", "--undo"});
     someFile.shape = Shape::OPTIONAL;
-    Argument within{"--confirm-within", Shape::OPTION, "Undo it all after this time without 'vsctl confirm'"};
-    within.needs = {"FILE"};
-    Argument deadline{"--deadline", Shape::OPTION, "Undo it all when it isn't done after this time"};
-    deadline.needs = {"FILE"};
-    const Argument check =
-        Excluding({"--check", Shape::FLAG, "Check the file alone, without a host; --json prints it as JSON"},
-                  {"--replaces"});
-    Argument replaces{"--replaces", Shape::OPTION,
-                      "An older file: what it names and FILE doesn't is removed or cleared", Names::FILE};
-    replaces.needs = {"FILE"};
-    Argument rebooted{"--if-rebooted", Shape::FLAG,
-                      "Undo only a change that waited for confirmation before the machine was restarted"};
-    rebooted.needs = {"--undo"};
-    const Argument resume =
-        Excluding({"--resume", Shape::FLAG, "Finish a change that was cut short"}, {"--undo"});
+    const Argument replaces =
+        Needing({"--replaces", Shape::OPTION,
+                 "An older file: what it names and FILE doesn't is removed or cleared", Names::FILE},
+                "FILE");
     return {
-        Reads("plan", Plan, {file, replaces, check},
+        Reads("plan", Plan,
+              {file, replaces,
+               Excluding(
+                   {"--check", Shape::FLAG, "Check the file alone, without a host; --json prints it as JSON"},
+                   {"--replaces"})},
               {"Show what apply would change; exit code 10 if anything",
                "lab.toml\nlab.toml --replaces old.toml\nlab.toml --check", "", "@change"}),
-        ChangesNow("apply", Apply,
-                   {someFile,
-                    replaces,
-                    allow,
-                    within,
-                    deadline,
-                    resume,
-                    {"--undo", Shape::FLAG, "Undo a change that was cut short or is unconfirmed"},
-                    rebooted},
-                   {"Make switches and ports as a file describes them: all or nothing",
-                    "lab.toml\nlab.toml --confirm-within 60s\n--undo", "", "@change | @outcome"}),
+        ChangesNow(
+            "apply", Apply,
+            {someFile,
+             replaces,
+             allow,
+             Needing(
+                 {"--confirm-within", Shape::OPTION, "Undo it all after this time without 'vsctl confirm'"},
+                 "FILE"),
+             Needing({"--deadline", Shape::OPTION, "Undo it all when it isn't done after this time"}, "FILE"),
+             Excluding({"--resume", Shape::FLAG, "Finish a change that was cut short"}, {"--undo"}),
+             {"--undo", Shape::FLAG, "Undo a change that was cut short or is unconfirmed"},
+             Needing({"--if-rebooted", Shape::FLAG,
+                      "Undo only a change that waited for confirmation before the machine was "
+                      "restarted"},
+                     "--undo")},
+            {"Make switches and ports as a file describes them: all or nothing",
+             "lab.toml\nlab.toml --confirm-within 60s\n--undo", "", "@change | @outcome"}),
         ChangesNow("confirm", Confirm,
                    {{"--guard", Shape::OPTION, "(used by vsctl itself) Undo the change with this id"},
                     {"--after", Shape::OPTION, "(used by vsctl itself) Wait for this time first"}},

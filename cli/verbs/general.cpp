@@ -140,20 +140,9 @@ std::string Overview()
 
 Json ExitCodes()
 {
-    constexpr const char *MEANINGS[] = {"done",
-                                        "failed",
-                                        "wrong usage",
-                                        "not found",
-                                        "already exists",
-                                        "a value that is not allowed",
-                                        "the platform, or a part of it, cannot be reached",
-                                        "no permission",
-                                        "timed out",
-                                        "failed, and only partly undone",
-                                        "changes are pending (plan, --dry-run)"};
     Json rows = Json::array();
-    for (const char *meaning : MEANINGS)
-        rows.push_back({{"code", rows.size()}, {"meaning", meaning}});
+    for (int code = 0; code < EXITS; code++)
+        rows.push_back({{"code", code}, {"meaning", MeaningOf(static_cast<Exit>(code))}});
     return rows;
 }
 

@@ -32,6 +32,8 @@ NicMap NicsOf(const std::string &switchId)
     return nics;
 }
 
+}
+
 Json DescribeUplinks(const std::string &alias, const std::string &switchId)
 {
     const Uplinks uplinks = ReadUplinks(alias);
@@ -45,6 +47,8 @@ Json DescribeUplinks(const std::string &alias, const std::string &switchId)
     }
     return rows;
 }
+
+namespace {
 
 // Ports with the same policies.
 struct PortGroup {

@@ -9,6 +9,8 @@ namespace vsctl {
 Json DescribeHost();
 // The same of one switch, without the free NICs. Throws when it does not exist.
 Json DescribeOnly(const std::string &alias);
+// The uplinks of a switch, with their NICs where the platform lists those.
+Json DescribeUplinks(const std::string &alias, const std::string &switchId);
 // The NICs of the host; empty where the platform does not list them.
 Json DescribeNics();
 

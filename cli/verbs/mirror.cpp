@@ -110,12 +110,11 @@ Result Stats(const Verb &, const Arguments &arguments)
     const Target target = arguments.Target();
     PortsetOf(target.alias);
     const std::string &session = arguments.Text("SESSION");
-    uint8_t stats[MIRROR_SESSION_STATS_SIZE] = {};
-    CheckDriver(VSZOR_GetDVMirrorSessionStats(target.Alias(), session.c_str(), stats),
-                "reading the statistics of mirror session " + session + " of", target,
-                fmt::format("'vsctl mirror live {}' lists the running sessions", target.alias));
     Json row = {{"session", session}};
-    row.update(Decode(Record::MIRROR_STATS, stats, sizeof stats));
+    row.update(ReadRecord(
+        Record::MIRROR_STATS, target,
+        [&](void *stats) { return VSZOR_GetDVMirrorSessionStats(target.Alias(), session.c_str(), stats); },
+        fmt::format("'vsctl mirror live {}' lists the running sessions", target.alias)));
     return Rows(RowOf(target, row));
 }
 
@@ -123,10 +122,9 @@ Result Destinations(const Verb &, const Arguments &arguments)
 {
     const Target target = arguments.Target();
     PortsetOf(target.alias);
-    DriverBuffer<> list;
-    CheckDriver(VSZOR_GetPromiscSessionActiveDsts(target.Alias(), list.Out()),
-                "listing the promiscuous ports of", target);
-    return Rows(DecodeList(Record::DESTINATION, list.Get(), sizeof(uint32_t)));
+    return Rows(ReadRecords(Record::DESTINATION, target, [&](void **list) {
+        return VSZOR_GetPromiscSessionActiveDsts(target.Alias(), list);
+    }));
 }
 
 }

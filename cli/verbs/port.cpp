@@ -95,9 +95,10 @@ Result Hint(const Verb &, const Arguments &arguments)
     SwitchId(arguments.Text("SWITCH"));
     Result result;
     for (const Target &port : arguments.Ports(false)) {
-        uint8_t hint[UPLINK_HINT_SIZE];
-        CheckDriver(VSZOR_PortGetTeamUplinkHint(PortNumber(port), hint), "reading the uplink of", port);
-        result.rows.push_back(RowOf(port, Decode(Record::HINT, hint, sizeof hint)));
+        const Json hint = ReadRecord(Record::HINT, port, [&](void *bytes) {
+            return VSZOR_PortGetTeamUplinkHint(PortNumber(port), bytes);
+        });
+        result.rows.push_back(RowOf(port, hint));
     }
     return result;
 }

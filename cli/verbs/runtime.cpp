@@ -9,24 +9,6 @@ namespace vsctl {
 
 namespace {
 
-Result Rarp(const Verb &, const Arguments &arguments)
-{
-    uint8_t stats[RARP_STATS_SIZE];
-    const Target target = arguments.Target();
-    CheckDriver(VSZOR_GetRARPStats(PortsetOf(target.alias).c_str(), stats), "reading the RARP statistics of",
-                target);
-    return Rows(RowOf(target, Decode(Record::RARP_STATS, stats, sizeof stats)));
-}
-
-Result Teaming(const Verb &, const Arguments &arguments)
-{
-    uint8_t stats[SERVICE_PORT_TEAMING_STATS_SIZE];
-    const Target target = arguments.Target();
-    CheckDriver(VSZOR_GetServicePortTeamingStats(PortsetOf(target.alias).c_str(), stats),
-                "reading the teaming statistics of", target);
-    return Rows(RowOf(target, Decode(Record::TEAMING_STATS, stats, sizeof stats)));
-}
-
 uint32_t ParseNumber(std::string_view text, uint32_t max)
 {
     uint32_t number = 0;
@@ -123,10 +105,10 @@ Result Rtm(const Verb &, const Arguments &arguments)
 std::vector<Verb> RuntimeVerbs()
 {
     return {
-        Reads("stats rarp", Rarp, {SWITCH},
+        Reads("stats rarp", ShowRecord<VSZOR_GetRARPStats, Record::RARP_STATS>, {SWITCH},
               {"Show the RARP statistics of a switch", "lab", "VSZOR_GetRARPStats", "switch",
                Record::RARP_STATS}),
-        Reads("stats teaming", Teaming, {SWITCH},
+        Reads("stats teaming", ShowRecord<VSZOR_GetServicePortTeamingStats, Record::TEAMING_STATS>, {SWITCH},
               {"Show the teaming statistics of a switch's service port", "lab",
                "VSZOR_GetServicePortTeamingStats", "switch", Record::TEAMING_STATS}),
         Reads("option get", GetOptions, {{"OPTION", Shape::ANY, "Numbers of options (default: all)"}},

@@ -154,7 +154,8 @@ Json Definitions()
     definitions["session"] = EntryRow("switch, port?", *FindPolicy("mirror", true));
     definitions["private-vlan"] = EntryRow("switch", *FindPolicy("pvlan", false));
     definitions["named-teaming"] = EntryRow("switch", *FindPolicy("ls-teaming", false));
-    definitions["change"] = RowSchema("switch, port?, item, before:any, after:any, [ports:number]");
+    definitions["change"] = RowSchema(
+        "switch, port?, item, [level], [key], [uplink], before:any, after:any, [ports:number], [lost]");
     definitions["change"]["description"] = "A step of a change: what there is before and after it, or null.";
     Json &outcome = definitions["outcome"] =
         RowSchema("change, steps:number, outcome=undone|finished|confirmed, [lost:texts]");

@@ -52,28 +52,24 @@ Result ListOfNics(const Verb &, const Arguments &)
 Json EntriesOf(const std::string &alias, const std::string &address)
 {
     std::map<uint32_t, std::string> ports;
-    Json rows = Json::array();
-    const auto add = [&](const void *table) {
-        for (Json &entry : DecodeList(Record::MAC_ENTRY, table, sizeof(ZorMacTableEntry))) {
-            if (entry["address"] != address) continue;
-            const std::string port = ports[entry["port-number"]];
-            entry.erase("port-number");
-            const Json row = RowOf({alias, port}, entry);
-            if (std::find(rows.begin(), rows.end(), row) == rows.end()) rows.push_back(row);
-        }
-    };
     for (const vshost_port &port : PortsOf(alias))
         ports[port.number] = port.id;
-    for (const auto &[number, port] : ports) {
-        DriverBuffer<> table;
-        CheckDriver(VSZOR_GetPortMACTable(alias.c_str(), port.c_str(), 0, table.Out()),
-                    "reading the MAC table of", {alias, port});
-        add(table.Get());
+    Json entries = Json::array();
+    const auto add = [&](const Json &table) { entries.insert(entries.end(), table.begin(), table.end()); };
+    for (const auto &[number, port] : ports)
+        add(ReadRecords(Record::MAC_ENTRY, {alias, port}, [&, &port = port](void **table) {
+            return VSZOR_GetPortMACTable(alias.c_str(), port.c_str(), 0, table);
+        }));
+    add(ReadRecords(Record::MAC_ENTRY, {alias, ""},
+                    [&](void **table) { return VSZOR_GetTeamMACTable(alias.c_str(), 0, table); }));
+    Json rows = Json::array();
+    for (Json &entry : entries) {
+        if (entry["address"] != address) continue;
+        const std::string port = ports[entry["port-number"]];
+        entry.erase("port-number");
+        const Json row = RowOf({alias, port}, entry);
+        if (std::find(rows.begin(), rows.end(), row) == rows.end()) rows.push_back(row);
     }
-    DriverBuffer<> team;
-    CheckDriver(VSZOR_GetTeamMACTable(alias.c_str(), 0, team.Out()), "reading the team's MAC table of",
-                {alias, ""});
-    add(team.Get());
     return rows;
 }
 

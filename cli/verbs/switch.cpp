@@ -10,13 +10,6 @@ namespace {
 constexpr const char *RUNNING = "running";
 constexpr const char *NOT_RUNNING = "not running";
 
-Json Info(const std::string &portset, const Target &target)
-{
-    uint8_t info[VS_INFO_SIZE];
-    CheckDriver(VSZOR_GetVSInfo(portset.c_str(), info), "reading the state of", target);
-    return Decode(Record::INFO, info, sizeof info);
-}
-
 Json OrNull(const std::string &name) { return name.empty() ? Json() : Json(name); }
 
 // Names only: counting the ports of a large switch takes the driver a long time.
@@ -56,7 +49,11 @@ Result Show(const Verb &, const Arguments &arguments)
     SwitchId(target.alias);
     Json row = {{"switch", target.alias}};
     row.update(ReadSwitch(target.alias));
-    row["live"] = IsRunning(target.alias) ? Info(PortsetOf(target.alias), target) : Json(NOT_RUNNING);
+    row["live"] = NOT_RUNNING;
+    const std::string portset = PortsetOf(target.alias);
+    if (IsRunning(target.alias))
+        row["live"] = ReadRecord(Record::INFO, target,
+                                 [&](void *info) { return VSZOR_GetVSInfo(portset.c_str(), info); });
     return Rows(row);
 }
 

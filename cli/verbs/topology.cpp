@@ -1,12 +1,7 @@
 // vsctl topology: the host as a picture, which Graphviz lays out.
 #include <algorithm>
-#include <cerrno>
-#include <fcntl.h>
+#include <cstdio>
 #include <fmt/format.h>
-#include <spawn.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "cli/base/output.h"
 #include "cli/verbs/host_view.h"
@@ -158,49 +153,15 @@ std::string DotSource(const Json &host)
     return text + "}\n";
 }
 
-[[noreturn]] void ThrowNoPicture(const std::string &problem)
-{
-    throw Error(Exit::FAILURE, problem,
-                "install Graphviz (package graphviz), or print the source with --dot");
-}
-
-std::string ReadAll(int descriptor)
-{
-    std::string text;
-    char block[65536];
-    ssize_t length;
-    while ((length = read(descriptor, block, sizeof block)) > 0 || (length < 0 && errno == EINTR))
-        text.append(block, static_cast<size_t>(std::max<ssize_t>(length, 0)));
-    return text;
-}
-
 // Runs Graphviz on the source.
 std::string Drawn(const std::string &source)
 {
-    const int input = memfd_create("vsctl", MFD_CLOEXEC);
-    int output[2];
-    if (input < 0 || pipe2(output, O_CLOEXEC) != 0 ||
-        pwrite(input, source.data(), source.size(), 0) != static_cast<ssize_t>(source.size()))
-        throw Error(Exit::FAILURE, fmt::format("no room for the picture: {}", strerror(errno)));
-    posix_spawn_file_actions_t streams;
-    posix_spawn_file_actions_init(&streams);
-    posix_spawn_file_actions_adddup2(&streams, input, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&streams, output[1], STDOUT_FILENO);
-    const char *arguments[] = {"dot", "-Tsvg", nullptr};
-    pid_t child = 0;
-    const int error =
-        posix_spawnp(&child, arguments[0], &streams, nullptr, const_cast<char *const *>(arguments), environ);
-    posix_spawn_file_actions_destroy(&streams);
-    close(output[1]);
-    close(input);
-    const std::string picture = error ? "" : ReadAll(output[0]);
-    close(output[0]);
-    int status = 0;
-    while (!error && waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (error) ThrowNoPicture(fmt::format("Graphviz's command dot cannot be started: {}", strerror(error)));
-    if (status != 0 || picture.empty()) ThrowNoPicture("Graphviz's command dot failed");
-    return picture;
+    const TemporaryFile file(source, ".dot");
+    FILE *const graphviz = popen(("dot -Tsvg " + file.path + " 2>/dev/null").c_str(), "re");
+    const std::string picture = graphviz ? ReadFile(fmt::format("/dev/fd/{}", fileno(graphviz))) : "";
+    if (graphviz && pclose(graphviz) == 0 && !picture.empty()) return picture;
+    throw Error(Exit::FAILURE, "Graphviz's command dot cannot be started, or failed",
+                "install Graphviz (package graphviz), or print the source with --dot");
 }
 
 Result Topology(const Verb &, const Arguments &arguments)

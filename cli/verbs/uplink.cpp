@@ -1,6 +1,7 @@
 // vsctl uplink and lag: uplink ports of a switch, and the links behind them.
 #include <fmt/format.h>
 
+#include "cli/verbs/host_view.h"
 #include "cli/verbs/verb.h"
 
 namespace vsctl {
@@ -15,30 +16,14 @@ std::string PortOfRunning(const std::string &uplink)
     return Name(port, sizeof port);
 }
 
-// The running uplinks, by port.
-std::map<std::string, Json> RunningByPort(const std::string &alias)
-{
-    std::map<std::string, Json> running;
-    for (const Json &nic : RunningUplinks(alias))
-        running[PortOfRunning(nic["uplink"])] = nic;
-    return running;
-}
-
 Result List(const Verb &, const Arguments &arguments)
 {
-    const std::string alias = arguments.Text("SWITCH");
-    SwitchId(alias);
-    const Uplinks uplinks = ReadUplinks(alias);
-    const auto running =
-        IsEmbedded() && IsRunning(alias) ? RunningByPort(alias) : std::map<std::string, Json>();
+    const std::string &alias = arguments.Text("SWITCH");
     Result result;
-    for (size_t i = 0; i < uplinks.ids.size(); i++) {
-        Json row = {{"switch", alias},
-                    {"uplink", i < uplinks.names.size() ? uplinks.names[i] : uplinks.ids[i]},
-                    {"port", uplinks.ids[i]}};
-        if (const auto nic = running.find(uplinks.ids[i]); nic != running.end()) {
-            row["nic"] = nic->second["uplink"];
-            row["link"] = nic->second["link"];
+    for (const Json &uplink : DescribeUplinks(alias, SwitchId(alias))) {
+        Json row = {{"switch", alias}};
+        for (const char *key : {"uplink", "port", "nic", "link"}) {
+            if (uplink.contains(key)) row[key] = uplink[key];
         }
         result.rows.push_back(row);
     }
@@ -150,8 +135,7 @@ std::vector<Verb> UplinkVerbs()
     allNames.shape = Shape::ANY;
     return {
         Reads("uplink list", List, {SWITCH},
-              {"List the uplinks of a switch", "lab",
-               "VSDVS_GetSwitchUplinkPorts VSZOR_GetUplinks VSZOR_GetUplinkDVPortID",
+              {"List the uplinks of a switch", "lab", "VSDVS_GetSwitchUplinkPorts",
                "switch, uplink, port, [nic], [link:boolean]"}),
         Reads("uplink live", Live, {SWITCH},
               {"List the uplinks that the driver runs", "lab", "VSZOR_GetUplinks", "", Record::UPLINK}),

@@ -130,6 +130,12 @@ Argument Excluding(Argument argument, std::vector<std::string> excluded)
     return argument;
 }
 
+Argument Needing(Argument argument, const char *needed)
+{
+    argument.needs = {needed};
+    return argument;
+}
+
 Verb Reads(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual)
 {
     const size_t end = std::min(title.find(' '), title.size());

@@ -26,6 +26,7 @@ struct Argument {
 Argument NumberOption(const char *name, const char *help, int64_t max);
 Argument ChoiceOption(const char *name, const char *help, const char *choices);
 Argument Excluding(Argument argument, std::vector<std::string> excluded);
+Argument Needing(Argument argument, const char *needed);
 // An option for each field.
 std::vector<Argument> FieldOptions(std::span<const Field> fields);
 
@@ -154,6 +155,15 @@ inline const Argument BY_ID{"--by-id", Shape::FLAG, "SWITCH is a switch id, not 
 inline const Argument HEX{"--hex", Shape::OPTION, "Bytes, as hexadecimal digits"};
 inline const Argument FROM_FILE = Excluding(
     {"--file", Shape::OPTION, "File that holds the bytes (- for standard input)", Names::FILE}, {"--hex"});
+
+// Shows a record of a switch that the driver runs. GET takes the portset's name.
+template<auto GET, Record RECORD> Result ShowRecord(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    const std::string portset = PortsetOf(target.alias);
+    return Rows(RowOf(
+        target, ReadRecord(RECORD, target, [&](void *record) { return GET(portset.c_str(), record); })));
+}
 
 // The fields that options give; null when there is none.
 Json GivenFields(std::span<const Field> fields, const Arguments &arguments);
