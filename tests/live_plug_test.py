@@ -100,6 +100,11 @@ class Plugging(PluggedHost):
         self.vsctl("undo")
         self.assertEqual((interface("1"), interface("2")), ("va", "vb"))
         wait_until(lambda: a.reaches(b), "frames between them")
+        self.vsctl("port", "remove", "one", "2")
+        self.assertFalse(b.reaches(a))
+        self.vsctl("undo")
+        self.assertEqual(interface("2"), "vb")
+        self.assertTrue(b.reaches(a))  # its address is learned anew when it sends
 
     def test_ports_of_one_vlan_reach_each_other(self):
         a, b = self.two()

@@ -331,6 +331,23 @@ mtuu = 7
                 self.run_vsctl("switch", "destroy", "lab")
                 self.run_vsctl("apply", "-", stdin=LAB)
 
+    def test_a_teaming_policy_names_uplinks_of_its_switch(self):
+        """Those that are there, or that the same change adds first."""
+        self.run_vsctl("apply", "-", stdin=LAB)
+        for line in ("switch teaming lab --active u9", "ls-teaming add lab t --standby u9",
+                     "port teaming lab port0 --standby uplink0,u9"):
+            self.refused(line.split(), 3, "names u9, which is not an uplink of switch lab", "its uplinks are")
+        self.refused(["batch"], 3, "u9", stdin="switch teaming lab --active u9\nuplink add lab u9")
+        add = "uplink add lab u9\n"
+        gone = add + "uplink remove lab u9\nswitch teaming lab --active u9"
+        self.refused(["batch", "--allow-removals"], 3, "u9", stdin=gone)
+        self.rows("batch", stdin=add + "switch teaming lab --active u9")
+        self.rows("uplink", "remove", "lab", "u9")
+        self.rows("switch", "teaming", "lab", "--notify")  # what is stored may name others
+        port = {"teaming": {"standby": ["a"]}}
+        file = {"new": {"uplinks": ["a"], "teaming": {"active": ["a"]}, "ports": {"p": port}}}
+        self.rows("apply", "-", stdin=json.dumps({"switches": file}))
+
     def journal(self):
         return self.directory / "host/vsctl/journal.cbor"
 

@@ -93,6 +93,33 @@ class Show(OnHost):
             self.assertLessEqual(max(map(len, lines)), columns)
         self.assertIn("90,100,110,120,130,140\n", self.terminal(200, "show", NO_COLOR="1"))
 
+    def test_lists_have_a_line_for_each_entry(self):
+        self.rows("pvlan", "add", "lab", "100", "--isolated", "101")
+        self.rows("ls-teaming", "add", "lab", "gold", "--active", "uplink0", "--notify")
+        text = self.run_vsctl("show", "lab")
+        for line in ("pvlan\n", "100  primary=100 type=promiscuous\n", "101  primary=100 type=isolated\n",
+                     "gold  active=uplink0 notify=yes\n"):
+            self.assertIn(line, text)
+        for session in ("a", "b"):
+            self.rows("mirror", "add", "lab", session, "--from", "port0", "--to", "port5")
+        for columns, start in ((80, "switch       lab\n"), (200, "SWITCH  PORT   SESSION")):
+            self.assertTrue(self.terminal(columns, "mirror", "list", "lab", NO_COLOR="1").startswith(start))
+
+    def test_a_difference_fits_the_terminal(self):
+        """What is too long stands below. An undo, which goes backwards, has ranges too, and says what it loses."""
+        vlans = ",".join(str(vlan) for vlan in range(200, 400, 10))
+        self.rows("port", "vlan", "lab", "port0..port2,port7", "--trunk", vlans)
+        whole = self.run_vsctl("undo", "--dry-run", code=10)
+        self.assertIn("  ~ port0..port2,port7  vlan: id 0 -> 100, trunk 200,210", whole)
+        terminal = Terminal(80, "undo", "--dry-run", **self.known | {"NO_COLOR": "1"})
+        self.assertEqual(terminal.end(), 10)
+        self.assertLessEqual(max(map(len, terminal.printed.splitlines())), 80)
+        self.assertEqual("".join(terminal.printed.split()), "".join(whole.split()))
+        self.rows("port", "remove", "lab", "port6")
+        lost = "statistics and learned addresses of port6 of switch lab"
+        for words, code in ((["--dry-run"], 10), ([], 0)):
+            self.assertEqual([row["lost"] for row in self.rows("undo", *words, code=code)], [lost])
+
     def test_the_document(self):
         (host,) = self.rows("show")
         lab, none = host["switches"]
@@ -247,8 +274,8 @@ class Show(OnHost):
                 ("switch teaming lab --algorithm s", {"source-mac"}), ("completion ", {"bash", "zsh", "fish"}),
                 ("port vlan lab --ex", {"--existing"}), ("port vlan lab --all-ports --pr", {"--priority"}),
                 ("port list lab --columns po", {"port"}), ("port list lab --columns port,nu", {"port,number"}),
-                ("port vlan lab --columns ", {"switch", "port", "item", "before", "after", "ports", "id", "priority",
-                                              "trunk", "ranges", "option", "vlan"}),
+                ("port vlan lab --columns ", {"switch", "port", "item", "level", "key", "uplink", "before", "after",
+                                              "ports", "lost", "id", "priority", "trunk", "ranges", "option", "vlan"}),
                 ("mac team lab --columns=vlan,a", {"--columns=vlan,address", "--columns=vlan,age"}),
                 ("switch teaming lab --algorithm=s", {"--algorithm=source-mac"}), ("port list lab -o=", set()),
                 ("switch teaming lab --algorithm = s", {"source-mac"}), ("mirror list lab --port =", {

@@ -316,7 +316,8 @@ class Values(OnHost):
                 ([*team, "--active", "uplink0", "--failback"], {},
                  {"algorithm": "port", "active": ["uplink0"], "standby": [], "failback": True, "notify": False}),
                 ([*team, "--standby", "uplink1"], None,
-                 {"algorithm": "port", "active": ["uplink0"], "standby": ["uplink1"], "failback": True, "notify": False})):
+                 {"algorithm": "port", "active": ["uplink0"], "standby": ["uplink1"], "failback": True,
+                  "notify": False})):
             with self.subTest(words):
                 (row,) = self.rows(*words)
                 self.assertEqual(row["before"] or {}, last if before is None else before)
@@ -470,7 +471,7 @@ class Values(OnHost):
         return {key: self.random_value(random, value) for key, value in schema["properties"].items() if key in required
                 or random.random() < 0.6}
 
-    def make_sound(self, random, entry):
+    def make_sound(self, random, entry, uplinks):
         """What the schema doesn't say: names that come once, and fields that go together."""
         for number, session in enumerate(entry.get("mirror", [])):
             session["session"] = f"s{number}"
@@ -484,6 +485,10 @@ class Values(OnHost):
                 kind = random.choice(("promiscuous", "isolated", "community"))
                 secondary = 7 if kind == "promiscuous" else 8 + number
                 vlan.update({"primary": 7, "secondary": secondary, "type": kind})
+        named = entry.get("ls-teaming")
+        for policy in [entry.get("teaming"), *(named if isinstance(named, list) else [])]:
+            for key in {"active", "standby"} & set(policy if isinstance(policy, dict) else []):
+                policy[key] = random.sample(uplinks, random.randint(0, len(uplinks)))
         if isinstance(entry.get("security"), str):
             entry["security"] = random.choice(("05000000", "00000000"))
         if isinstance(entry.get("mac-learning"), str):
@@ -508,8 +513,8 @@ class Values(OnHost):
                     port.pop("connect-id", None)
                 if isinstance(port.get("vlan", {}).get("trunk"), list):
                     port["vlan"].pop("ranges", None)
-                self.make_sound(random, port)
-            self.make_sound(random, switch)
+                self.make_sound(random, port, switch["uplinks"])
+            self.make_sound(random, switch, switch["uplinks"])
             ports.update({uplink: {"override": "x"} for uplink in switch["uplinks"][:1]})
             switches[alias] = dict(switch, ports=ports)
         return {"switches": switches}

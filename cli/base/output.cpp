@@ -15,6 +15,7 @@ namespace {
 
 constexpr size_t USUAL_WIDTH = 80;
 constexpr size_t MAX_TABLE_COLUMNS = 9;
+constexpr size_t LEAST_LAST_COLUMN = 30; // of a table whose last column alone is too wide
 constexpr size_t MAX_CELL = 48;
 constexpr size_t SHOWN_OF_LONG_CELL = 32;
 
@@ -99,12 +100,15 @@ std::string AllUpright(const Json &rows)
     return text;
 }
 
+// The last cell may go on below.
 std::string JoinLine(const std::vector<std::string> &cells, const std::vector<size_t> &widths)
 {
     std::string line;
-    for (size_t i = 0; i < cells.size(); i++)
-        line += i + 1 < cells.size() ? Pad(cells[i], widths[i]) + "  " : cells[i];
-    return line;
+    for (size_t i = 0; i + 1 < cells.size(); i++)
+        line += Pad(cells[i], widths[i]) + "  ";
+    if (TextWidth(cells.back()) <= widths.back()) return line + cells.back();
+    const std::string separator = "\n" + std::string(TextWidth(line), ' ');
+    return line + fmt::format("{}", fmt::join(Wrapped(cells.back(), widths.back()), separator));
 }
 
 }
@@ -246,9 +250,10 @@ std::string TableText(const Json &rows, const TableStyle &style)
     if (rows.empty()) return "";
     if (!style.columns.empty()) return TableText(Chosen(rows, style.columns), {style.form});
     if (style.form == "name") return NamesText(rows);
-    const bool isWide = style.form == "wide";
+    const bool isWide = style.form == "wide", isShown = isatty(STDOUT_FILENO) != 0;
     const auto columns = Columns(rows);
-    if (columns.size() > MAX_TABLE_COLUMNS && !isWide) return AllUpright(rows);
+    const bool isBlock = rows.size() == 1 || !isShown; // where the width doesn't tell
+    if (columns.size() > MAX_TABLE_COLUMNS && !isWide && isBlock) return AllUpright(rows);
     std::vector<std::vector<std::string>> lines(1);
     for (const std::string &column : columns)
         lines[0].push_back(Header(column));
@@ -265,7 +270,11 @@ std::string TableText(const Json &rows, const TableStyle &style)
             widths[i] = std::max(widths[i], TextWidth(line[i]));
     }
     const size_t total = std::accumulate(widths.begin(), widths.end(), 2 * widths.size() - 2);
-    if (!isWide && isatty(STDOUT_FILENO) && total > TerminalWidth()) return AllUpright(rows);
+    if (!isWide && isShown && total > TerminalWidth()) {
+        const size_t before = total - widths.back();
+        if (before + LEAST_LAST_COLUMN > TerminalWidth()) return AllUpright(rows);
+        widths.back() = TerminalWidth() - before;
+    }
     std::string text = TitleText(JoinLine(lines[0], widths)) + "\n";
     for (size_t i = 1; i < lines.size(); i++)
         text += JoinLine(lines[i], widths) + "\n";

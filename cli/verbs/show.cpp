@@ -147,6 +147,33 @@ std::vector<Node> Nodes(const Json &rows, Node (*make)(const Json &))
     return nodes;
 }
 
+// An entry of a list by its name, with what is not usual.
+Node EntryNode(const Layout &layout, const Json &entry)
+{
+    if (entry.is_string()) return {CellText(entry), "", ""};
+    Json fields = entry;
+    fields.erase(layout.key);
+    for (const Field &field : layout.fields) {
+        if (field.defaultText && entry[field.name] == Json::parse(field.defaultText))
+            fields.erase(field.name);
+    }
+    return {EntryName(layout, entry), "", CellText(fields)};
+}
+
+// Takes the policies of a switch that are lists.
+std::vector<Node> ListNodes(Json &policies)
+{
+    std::vector<Node> nodes;
+    for (const Policy *policy : PoliciesOf(false)) {
+        if (!policy->IsList() || !policies.contains(policy->name)) continue;
+        Node &node = nodes.emplace_back(Node{policy->name});
+        for (const Json &entry : policies[policy->name])
+            node.children.push_back(EntryNode(*policy->fields[0].layout, entry));
+        policies.erase(policy->name);
+    }
+    return nodes;
+}
+
 std::string SizeText(const Json &row)
 {
     std::string text = row["mtu"].is_null() ? "" : "MTU " + CellText(row["mtu"]);
@@ -158,8 +185,10 @@ std::string SizeText(const Json &row)
     return text + (text.empty() || policies.empty() ? "" : "; ") + policies;
 }
 
-Node SwitchNode(const Json &row)
+Node SwitchNode(const Json &described)
 {
+    Json row = described;
+    const auto lists = ListNodes(row["policies"]);
     Node node{CellText(row["switch"]), row["state"], SizeText(row)};
     if (!row["uplinks"].empty())
         node.children.push_back({"uplinks", "", "", Nodes(row["uplinks"], UplinkNode)});
@@ -167,6 +196,7 @@ Node SwitchNode(const Json &row)
         node.children.push_back({"ports", "", "this platform does not list them"});
     else if (!row["ports"].empty())
         node.children.push_back({"ports", "", "", Nodes(row["ports"], PortsNode)});
+    node.children.insert(node.children.end(), lists.begin(), lists.end());
     if (!row["mirrors"].empty())
         node.children.push_back({"mirror sessions", "", "", Nodes(row["mirrors"], MirrorNode)});
     return node;

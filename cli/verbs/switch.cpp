@@ -65,13 +65,14 @@ Result Create(const Verb &, const Arguments &arguments)
     RequireName(SWITCH_ALIAS, alias);
     RequireName(SWITCH_ID, id);
     RequirePortsetName(portset);
-    Json value = {{"id", id},
-                  {"portset", portset},
-                  {"version", arguments.Number("--version", 1)},
-                  {"opaque", arguments.Has("--opaque")},
-                  {"max-ports", arguments.Number("--max-ports", 0)},
-                  {"uplink-count", arguments.Number("--uplinks", 0)},
-                  {"port-count", arguments.Number("--ports", 0)}};
+    Json value = {{"id", id}, {"portset", portset}};
+    for (const auto &[option, key] : {std::pair("--version", "version"),
+                                      {"--max-ports", "max-ports"},
+                                      {"--uplinks", "uplink-count"},
+                                      {"--ports", "port-count"}}) {
+        if (arguments.Has(option)) value[key] = arguments.Number(option, 0);
+    }
+    if (arguments.Has("--opaque")) value["opaque"] = true;
     return Steps({{"switch", {alias, ""}, value}});
 }
 
