@@ -79,7 +79,8 @@ esac
 exec $build/vsctl "\$@"
 END
     chmod +x $host/vsctl
-    on_host $host vsfleet agent --config $config >$host.log 2>&1 &
+    # Not by the function, whose own process a signal would end alone.
+    vshost run --state $host/host -- vsfleet agent --config $config >$host.log 2>&1 &
 done
 relay >/dev/null 2>&1 &
 echo 'lease = 5' >>authority/users/driver/fleet.toml
