@@ -114,7 +114,7 @@ class OperationTest(unittest.TestCase):
         v.VSDVS_ConfigureSinkPort(*PORT, True)
         self.assertTrue(v.VSDVS_IsSinkPortEnabled(*PORT))
         sessions = (v.MirrorSessionList(v.MIRROR_LIST_MAGIC, v.MIRROR_LIST_VERSION, 1, 1, 0),
-                    [v.MirrorSessionRecord(b"span", entryCountA=1)], [bytes(range(52))])
+                    [v.MirrorSessionRecord(b"span", (1,), entryCountA=1)], [bytes(range(52))])
         v.VSDVS_AppendDVMirrorSessions(*PORT, sessions)
         self.assertEqual(v.VSDVS_GetDVMirrorSessions(*PORT), sessions)
         self.assertEqual([v.as_text(i) for i in v.VSZOR_GetDVMirrorSessionIDs("lab")], ["span"])
