@@ -561,7 +561,7 @@ mtuu = 7
 
         The limit counts the command's processor time, so that it strikes neither for other load nor for its waiting.
         """
-        limit = "900ms" if SANITIZED else "150ms"
+        limit = "1500ms" if SANITIZED else "400ms"
         start = 'export LD_PRELOAD="$0:$LD_PRELOAD" VSCTL_TEST_CPU_TIME=1; exec "$@"'
         lines = "".join(f"port security lab p{port} --static-only\n" for port in range(29999))
         for words, stdin in (("switch create lab --ports 30000 --max-ports 100000", None),
