@@ -78,7 +78,9 @@ std::string MachineName()
 
 Config ReadConfig(const std::string &path)
 {
-    if (access(path.c_str(), R_OK)) throw std::runtime_error(fmt::format("can't read {}", path));
+    if (access(path.c_str(), R_OK))
+        throw std::runtime_error(
+            fmt::format("can't read {}; --config or VSFLEET_CONFIG names another file", path));
     Config config;
     try {
         toml::table table = toml::parse_file(path);
