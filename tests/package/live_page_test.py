@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs the commands of docs/live.md and README.md's live host, and the example, in namespaces of their own.
+"""Runs the commands of docs/live.md, the live parts of README.md and the tour, and the example, in namespaces.
 
 usage: live_page_test.py SOURCE BUILD
 
@@ -53,10 +53,10 @@ def unknown_messages(source):
                     yield f"live.md: no message says: {piece}"
 
 
-def live_part(readme, folder):
-    """README.md's section of the live host, as a page of its own whose commands are run."""
-    section = re.search(r"^## A live host\n.*?(?=^## )", readme.read_text(), re.M | re.S)[0]
-    page = Path(folder) / "README.md"
+def live_part(source, title, folder):
+    """The section of a page that needs a live host, as a page of its own whose commands are run."""
+    section = re.search(rf"^## {title}\n.*?(?=^## |\Z)", source.read_text(), re.M | re.S)[0]
+    page = Path(folder) / source.name
     page.write_text(re.sub("<!-- not run: .*? -->\n", "", section))
     return page
 
@@ -74,7 +74,8 @@ def main():
     prepare()
     with tempfile.TemporaryDirectory() as folder:
         view = clone(source, build, folder)
-        for page in (source / "docs/live.md", live_part(source / "README.md", folder)):
+        for page in (source / "docs/live.md", live_part(source / "README.md", "A live host", folder),
+                     live_part(source / "docs/tour.md", "9. With packets", folder)):
             home = Path(folder) / page.name
             home = home.with_suffix(".home")
             home.mkdir()
