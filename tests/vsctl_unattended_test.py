@@ -93,9 +93,9 @@ class Unattended(OnHost):
         slow = subprocess.Popen(["sh", "-c", start, BUILD / "tests/libkill_at.so", *words], stderr=subprocess.PIPE,
                                 env=self.environment(VSCTL_TEST_KILL_AT="40",
                                                      VSCTL_TEST_SIGNAL=str(int(signal.SIGSTOP))))
-        end = time.clock_gettime(time.CLOCK_BOOTTIME) + 3
         state = pathlib.Path(f"/proc/{slow.pid}/stat")
         self.wait_until(lambda: state.read_text().split()[2] == "T", slow)
+        end = time.clock_gettime(time.CLOCK_BOOTTIME) + 3  # later than the deadline, which began before the stop
         while time.clock_gettime(time.CLOCK_BOOTTIME) < end:
             time.sleep(0.05)
         slow.send_signal(signal.SIGCONT)
