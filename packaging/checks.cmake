@@ -7,7 +7,7 @@ set(on_host $<TARGET_FILE:vshost_launcher> run -- ${CMAKE_COMMAND} -E env
             LD_LIBRARY_PATH=${CMAKE_BINARY_DIR}:${CMAKE_BINARY_DIR}/platform)
 function(package_test name)
     add_test(NAME package.${name} COMMAND ${ARGN})
-    set_tests_properties(package.${name} PROPERTIES LABELS package TIMEOUT 120)
+    set_tests_properties(package.${name} PROPERTIES LABELS package TIMEOUT 300)
 endfunction()
 
 package_test(manual_pages ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tools/check_manpages.py
