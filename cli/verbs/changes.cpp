@@ -185,45 +185,51 @@ Result Batch(const Verb &, const Arguments &arguments)
     return result;
 }
 
+const Argument FILE_ARGUMENT{"FILE", Shape::REQUIRED, "Desired state, TOML or JSON (- for standard input)",
+                             Names::FILE};
+const Argument ALLOW{"--allow-removals", Shape::FLAG, "Allow removals, which an undo restores only in part"};
+
+Argument Replaces()
+{
+    return Needing({"--replaces", Shape::OPTION,
+                    "An older file: what it names and FILE doesn't is removed or cleared", Names::FILE},
+                   "FILE");
+}
+
+std::vector<Argument> ApplyArguments()
+{
+    Argument someFile = Excluding(FILE_ARGUMENT, {"--resume", "--undo"});
+    someFile.shape = Shape::OPTIONAL;
+    return {
+        someFile,
+        Replaces(),
+        ALLOW,
+        Needing({"--confirm-within", Shape::OPTION, "Undo it all after this time without 'vsctl confirm'"},
+                "FILE"),
+        Needing({"--deadline", Shape::OPTION, "Undo it all when it isn't done after this time"}, "FILE"),
+        Excluding({"--resume", Shape::FLAG, "Finish a change that was cut short"}, {"--undo"}),
+        {"--undo", Shape::FLAG, "Undo a change that was cut short or is unconfirmed"},
+        Needing({"--if-rebooted", Shape::FLAG,
+                 "Undo only a change that waited for confirmation before the machine was "
+                 "restarted"},
+                "--undo")};
+}
+
 }
 
 std::vector<Verb> ChangeVerbs()
 {
-    const Argument file{"FILE", Shape::REQUIRED, "Desired state, TOML or JSON (- for standard input)",
-                        Names::FILE};
-    const Argument allow{"--allow-removals", Shape::FLAG,
-                         "Allow removals, which an undo restores only in part"};
-    Argument someFile = Excluding(file, {"--resume", "--undo"});
-    someFile.shape = Shape::OPTIONAL;
-    const Argument replaces =
-        Needing({"--replaces", Shape::OPTION,
-                 "An older file: what it names and FILE doesn't is removed or cleared", Names::FILE},
-                "FILE");
     return {
         Reads("plan", Plan,
-              {file, replaces,
+              {FILE_ARGUMENT, Replaces(),
                Excluding(
                    {"--check", Shape::FLAG, "Check the file alone, without a host; --json prints it as JSON"},
                    {"--replaces"})},
               {"Show what apply would change; exit code 10 if anything",
                "lab.toml\nlab.toml --replaces old.toml\nlab.toml --check", "", "@change"}),
-        ChangesNow(
-            "apply", Apply,
-            {someFile,
-             replaces,
-             allow,
-             Needing(
-                 {"--confirm-within", Shape::OPTION, "Undo it all after this time without 'vsctl confirm'"},
-                 "FILE"),
-             Needing({"--deadline", Shape::OPTION, "Undo it all when it isn't done after this time"}, "FILE"),
-             Excluding({"--resume", Shape::FLAG, "Finish a change that was cut short"}, {"--undo"}),
-             {"--undo", Shape::FLAG, "Undo a change that was cut short or is unconfirmed"},
-             Needing({"--if-rebooted", Shape::FLAG,
-                      "Undo only a change that waited for confirmation before the machine was "
-                      "restarted"},
-                     "--undo")},
-            {"Make switches and ports as a file describes them: all or nothing",
-             "lab.toml\nlab.toml --confirm-within 60s\n--undo", "", "@change | @outcome"}),
+        ChangesNow("apply", Apply, ApplyArguments(),
+                   {"Make switches and ports as a file describes them: all or nothing",
+                    "lab.toml\nlab.toml --confirm-within 60s\n--undo", "", "@change | @outcome"}),
         ChangesNow("confirm", Confirm,
                    {{"--guard", Shape::OPTION, "(used by vsctl itself) Undo the change with this id"},
                     {"--after", Shape::OPTION, "(used by vsctl itself) Wait for this time first"}},
@@ -239,7 +245,7 @@ std::vector<Verb> ChangeVerbs()
                    {"Take back the last change, which is shown first", "\n--dry-run", "", "@change"}),
         ChangesNow(
             "batch", Batch,
-            {{"FILE", Shape::OPTIONAL, "Commands, one a line (default: standard input)", Names::FILE}, allow},
+            {{"FILE", Shape::OPTIONAL, "Commands, one a line (default: standard input)", Names::FILE}, ALLOW},
             {"Run the changes of a file: all or nothing", "changes.txt\n< changes.txt", "", "@change"}),
     };
 }

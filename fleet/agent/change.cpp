@@ -137,29 +137,38 @@ Plan Changer::PlanFor(const Order &order)
     return plan;
 }
 
-void Changer::CarryOut(const Order &order)
+// False: nothing was begun, and what there is to say of it is said.
+bool Changer::Begin(const Order &order)
 {
-    Memory &memory = state.memory;
     try {
         Prepare(order);
     } catch (const EtcdError &) {
         throw;
     } catch (const std::runtime_error &error) {
-        return End(order, HostState::FAILED, error.what());
+        End(order, HostState::FAILED, error.what());
+        return false;
     }
     // etcd must be there, and the order still be the last one.
+    Memory &memory = state.memory;
     Status status = memory.status;
     status.state = HostState::APPLYING;
     status.target = order.target;
     status.error.clear();
-    if (!session.Report(status, order.target)) return;
-    if (const std::string problem = Undo(); !problem.empty())
-        return End(order, HostState::PARTLY_UNDONE, "the change before this one is not undone: " + problem);
-
+    if (!session.Report(status, order.target)) return false;
+    if (const std::string problem = Undo(); !problem.empty()) {
+        End(order, HostState::PARTLY_UNDONE, "the change before this one is not undone: " + problem);
+        return false;
+    }
     memory.stage = Stage::APPLYING;
     memory.target = order.target;
     memory.next = order.documents;
     state.Save();
+    return true;
+}
+
+void Changer::CarryOut(const Order &order)
+{
+    if (!Begin(order)) return;
     std::vector<std::string> words = ApplyWords(state, order);
     words.insert(words.end(),
                  {"--confirm-within", Seconds(order.confirm), "--deadline", Seconds(order.deadline)});
@@ -180,7 +189,7 @@ void Changer::CarryOut(const Order &order)
     case Reported::RESTORED:
         return UndoAndEnd(order, "etcd was restored from a backup during the change, which was undone");
     }
-    memory.stage = Stage::REPORTED;
+    state.memory.stage = Stage::REPORTED;
     state.Save();
     if (answer.rows.empty()) return End(order, HostState::CONFIRMED, "");
     Confirm(order);

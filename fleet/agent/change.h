@@ -37,6 +37,7 @@ private:
     enum class Reported { YES, OTHER_TARGET, TOO_LATE, RESTORED };
 
     void Prepare(const Order &order);
+    bool Begin(const Order &order);
     std::string Explained(const Order &order, const VsctlAnswer &answer);
     Reported ReportOnNewConnection(const Order &order, Clock::time_point until);
     void Confirm(const Order &order);
