@@ -14,10 +14,10 @@ constexpr char SCENARIO[] = R"({
     "portsets": {"lab-portset": {
         "ports": {"port0": {"macs": [{"address": "02:00:00:00:00:02", "vlan": 5}], "learning": {"learned": 9}}},
         "lags": {"lag0": {"members": ["eth0"]}},
-        "groups": [{"address": "239.1.1.1", "vlan": 5, "sources": ["10.0.0.1", "10.0.0.2"]}],
-        "mirrorSessions": {"s": {"mirroredPackets": 1}},
-        "promiscuousPorts": ["port0", "port1"], "rarp": {"sent": 3}, "teaming": {"failovers": 2}}},
-    "macLearning": {"agingSeconds": 5}, "options": {"7": 1}})";
+        "groups": [{"group": "239.1.1.1", "vlan": 5, "sources": ["10.0.0.1", "10.0.0.2"]}],
+        "mirror-sessions": {"s": {"mirrored-packets": 1}},
+        "promiscuous-ports": ["port0", "port1"], "rarp": {"sent": 3}, "teaming": {"failovers": 2}}},
+    "mac-learning": {"aging": 5}, "options": {"7": 1}})";
 
 struct Row {
     std::string key, value;

@@ -484,7 +484,7 @@ TEST_F(Driver, LinksAndTheUplinkOfAPort)
     EXPECT_EQ(hint("port0"), "nic1");
     EXPECT_EQ(hint("port1"), "nic1") << "the only one with a link";
     EXPECT_EQ(hint("uplink0"), "nic0");
-    EXPECT_EQ(vshost_scenario(R"({"nics": {"nic1": {"link": "down"}}, "portsets": {"lab-portset": {"lags": {
+    EXPECT_EQ(vshost_scenario(R"({"nics": {"nic1": {"link": false}}, "portsets": {"lab-portset": {"lags": {
         "lag0": {"mode": "active", "members": ["nic0", "nic1"]}}}}})"),
               0)
         << vshost_error();
@@ -521,9 +521,9 @@ const TeamingPolicy *AsRecord(const std::string &bytes)
 // The policy that is nearest to the port decides; a record that is not known counts as absent.
 TEST_F(Driver, TheUplinkOfAPortFollowsItsTeamingPolicy)
 {
-    const auto link = [](const char *nic, const char *state) {
+    const auto link = [](const std::string &nic, bool isUp) {
         const std::string scenario =
-            std::string(R"({"nics": {")") + nic + R"(": {"link": ")" + state + R"("}}})";
+            R"({"nics": {")" + nic + R"(": {"link": )" + (isUp ? "true}}}" : "false}}}");
         return vshost_scenario(scenario.c_str()) ? STATUS_FAILURE : STATUS_OK;
     };
     const auto ofSwitch = [](const std::string &policy) {
@@ -556,13 +556,13 @@ TEST_F(Driver, TheUplinkOfAPortFollowsItsTeamingPolicy)
              return ofSwitch(Policy({"none", "uplink1"}, "uplink0"));
          },
          "nic1"},
-        {"its standby one", [&] { return link("nic1", "down"); }, "nic0"},
-        {"back again", [&] { return link("nic1", "up"); }, "nic1"},
+        {"its standby one", [&] { return link("nic1", false); }, "nic0"},
+        {"back again", [&] { return link("nic1", true); }, "nic1"},
         {"a name without a policy", [&] { return name("gold"); }, "nic1"},
         {"the logical switch's", [&] { return gold(Policy({"uplink0"}, "none")); }, "nic0", "gold"},
-        {"which has no other uplink", [&] { return link("nic0", "down"); }, "", "gold"},
+        {"which has no other uplink", [&] { return link("nic0", false); }, "", "gold"},
         {"but may use any", [] { return VSDVS_SetTxUplinkAlways(LAB, PORT, 1); }, "nic1", "gold"},
-        {"its link is back", [&] { return link("nic0", "up"); }, "nic0", "gold"},
+        {"its link is back", [&] { return link("nic0", true); }, "nic0", "gold"},
         {"its own", [&] { return ofPort(Policy({"uplink1"}, "uplink0")); }, "nic1"},
         {"the override", [] { return VSDVS_SetPortTeamingOverride(LAB, PORT, "uplink0"); }, "nic0"},
         {"an override without an uplink", [] { return VSDVS_SetPortTeamingOverride(LAB, PORT, "none"); },
@@ -653,7 +653,7 @@ TEST_F(Driver, ARefreshReadsTheNumaNodesOfTheDevices)
     const auto isOnNode = [](const std::string &node) {
         return system(("test $(tybel -e get /net/pNics/nic0/numaNode) = " + node).c_str()) == 0;
     };
-    ASSERT_EQ(vshost_scenario(R"({"nics": {"nic0": {"numaNode": 1}}})"), 0) << vshost_error();
+    ASSERT_EQ(vshost_scenario(R"({"nics": {"nic0": {"numa-node": 1}}})"), 0) << vshost_error();
     EXPECT_TRUE(isOnNode("0"));
     EXPECT_EQ(Change(VSWITCH_REFRESH_NUMA, Input()), 0);
     EXPECT_TRUE(isOnNode("1"));
@@ -876,9 +876,9 @@ TEST_F(Driver, ASwitchThatDoesNotRunCanBeReadAndDestroyed)
 TEST_F(Driver, GroupsByVlanAndKind)
 {
     EXPECT_EQ(vshost_scenario(R"({"portsets": {"lab-portset": {"groups": [
-        {"address": "239.1.1.1", "vlan": 5, "joins": 4, "sources": ["10.0.0.1", "10.0.0.2"]},
-        {"address": "239.1.1.1", "vlan": 6}, {"address": "ff02::1"}, {"address": "01:00:5e:00:00:01"}],
-        "rarp": {"sent": 3}, "teaming": {"failovers": 2}}}, "macLearning": {"agingSeconds": 5}})"),
+        {"group": "239.1.1.1", "vlan": 5, "joins": 4, "sources": ["10.0.0.1", "10.0.0.2"]},
+        {"group": "239.1.1.1", "vlan": 6}, {"group": "ff02::1"}, {"group": "01:00:5e:00:00:01"}],
+        "rarp": {"sent": 3}, "teaming": {"failovers": 2}}}, "mac-learning": {"aging": 5}})"),
               0)
         << vshost_error();
     const struct {
@@ -899,7 +899,7 @@ TEST_F(Driver, GroupsByVlanAndKind)
     EXPECT_EQ(+Query<VSwitchRarpStats>(VSWITCH_GET_RARP_STATS, Input()).sent, 3u);
     EXPECT_EQ(+Query<VSwitchTeamingStats>(VSWITCH_GET_SERVICE_TEAMING_STATS, Input()).failovers, 2u);
     EXPECT_EQ(+Query<VSwitchLearningProps>(VSWITCH_GET_LEARNING_PROPS, Input()).agingSeconds, 5u);
-    EXPECT_EQ(vshost_scenario(R"({"macLearning": {"enabled": false}})"), 0) << vshost_error();
+    EXPECT_EQ(vshost_scenario(R"({"mac-learning": {"enabled": false}})"), 0) << vshost_error();
     const auto learning = Query<VSwitchLearningProps>(VSWITCH_GET_LEARNING_PROPS, Input());
     EXPECT_EQ(+learning.enabled, 0u);
     EXPECT_EQ(+learning.agingSeconds, 5u) << "a setting that the scenario does not name stays";

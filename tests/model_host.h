@@ -110,7 +110,7 @@ template<size_t size> void SetField(char (&field)[size], std::string_view text)
 // The plugged-in NICs, for the host and for the model.
 inline constexpr char LAG_PORTSET[] = "alpha";
 inline constexpr char SCENARIO[] = R"({
-    "nics": {"nic0": {"refusedMtus": [8000]}, "nic1": {"link": "down"}},
+    "nics": {"nic0": {"refused-mtus": [8000]}, "nic1": {"link": false}},
     "portsets": {"alpha": {"lags": {"lag0": {"mode": "active", "members": ["nic0", "nic1", "nic2"]}}}},
     "options": {"7": 1, "300": 5}
 })";

@@ -185,7 +185,7 @@ TEST_F(LabTest, TheShellItselfRunsTheCommands)
                "tybel -e ls /net/portsets/lab-portset/uplinks", "tybel -e set /net/pNics/nic0/mtu 9000",
                "tybel -e set /net/pNics/nic1/mtu 9000", "tybel -e set /net/portsets/lab-portset/mtu 9000"}));
     EXPECT_EQ(MTU(), 9000);
-    ASSERT_EQ(vshost_scenario(R"({"nics": {"nic1": {"refusedMtus": [1280]}}})"), 0) << vshost_error();
+    ASSERT_EQ(vshost_scenario(R"({"nics": {"nic1": {"refused-mtus": [1280]}}})"), 0) << vshost_error();
     TakeCommandLines();
     EXPECT_EQ(VSDVS_SetMTU(LAB, 1280), STATUS_FAILURE);
     EXPECT_EQ(TakeCommandLines().back(), "tybel -e set /net/pNics/nic0/mtu 9000");

@@ -64,7 +64,7 @@ void RemoveLastButOneUplink() { ASSERT_EQ(VSDVS_RemoveSwitchUplinkPort(LAB, "upl
 void RemoveMcastMode() { Remove(SWITCH_MCAST_FILTER); }
 
 constexpr char SCENARIO[] = R"({
-    "portsets": {"lab-portset": {"groups": [{"address": "224.0.0.9", "vlan": 5, "sources": ["10.0.0.1"]}]}},
+    "portsets": {"lab-portset": {"groups": [{"group": "224.0.0.9", "vlan": 5, "sources": ["10.0.0.1"]}]}},
     "options": {"7": 1}
 })";
 

@@ -28,24 +28,24 @@ FAULTS = {part["if"]["properties"]["kind"]["const"]: part["then"]["properties"]
 STATUSES = SCHEMA["$defs"]["status"]["anyOf"][1]["enum"]
 
 # Rules that the host checks and a schema cannot express.
-BEYOND = ("mtu must not be above maxMtu", "a portset has at most", "a host has at most")
+BEYOND = ("mtu must not be above max-mtu", "a portset has at most", "a host has at most")
 
 U32, U64 = 2**32 - 1, 2**64 - 1
 WHOLE = {
     "$schema": "https://example.com/a.json",
-    "nics": {"nic0": {"speed": 25000, "duplex": "half", "link": "down", "admin": "up", "numaNode": 3, "mtu": 1500,
-                      "maxMtu": 9000, "refusedMtus": [1280, 9000], "bind": {"switch": "lab", "port": "uplink0"}}},
+    "nics": {"nic0": {"speed": 25000, "full-duplex": False, "link": False, "admin": True, "numa-node": 3, "mtu": 1500,
+                      "max-mtu": 9000, "refused-mtus": [1280, 9000], "bind": {"switch": "lab", "port": "uplink0"}}},
     "portsets": {"lab": {
         "ports": {"port0": {"macs": [{"address": "02:aB:00:00:00:01", "vlan": 4094, "type": "learned", "age": 3}],
                             "learning": {"learned": 1, "moved": 2, "aged": 3, "refused": 4, "dropped": U32}}},
-        "lags": {"lag0": {"mode": "active", "timeout": "fast", "loadBalance": 255, "members": ["nic0"]}},
-        "groups": [{"address": "239.1.1.1", "vlan": 5, "joins": 1, "leaves": 2, "queries": 3, "ports": 4,
+        "lags": {"lag0": {"mode": "active", "timeout": "short", "load-balance": 255, "members": ["nic0"]}},
+        "groups": [{"group": "239.1.1.1", "vlan": 5, "joins": 1, "leaves": 2, "queries": 3, "ports": 4,
                     "filter": "exclude", "sources": ["10.0.0.1"]},
-                   {"address": "ff0e::1", "sources": ["::1", "::ffff:1.2.3.4"]}, {"address": "01:00:5e:00:00:01"}],
-        "mirrorSessions": {"span": {"mirroredPackets": 1, "unreachable": U64}},
-        "promiscuousPorts": ["port0"], "rarp": {"sent": 1, "failed": 2},
-        "teaming": {"txPackets": U64, "failbacks": 1}}},
-    "macLearning": {"enabled": True, "agingSeconds": 5, "limit": 6},
+                   {"group": "ff0e::1", "sources": ["::1", "::ffff:1.2.3.4"]}, {"group": "01:00:5e:00:00:01"}],
+        "mirror-sessions": {"span": {"mirrored-packets": 1, "unreachable": U64}},
+        "promiscuous-ports": ["port0"], "rarp": {"sent": 1, "failed": 2},
+        "teaming": {"tx-packets": U64, "failbacks": 1}}},
+    "mac-learning": {"enabled": True, "aging": 5, "limit": 6},
     "options": {"1": 2, "65535": U32},
     "faults": [{"kind": "store", "operation": "DVSZOR_PortDataSet", "nth": 2, "times": 0, "outcome": "STATUS_NO_SPACE"},
                {"kind": "shell", "operation": "set", "outcome": "not started"},
@@ -64,8 +64,8 @@ STRINGS = ["", " ", "a", "/", "a\0", "a\n", "\u00fc", "up", "Up",
            "1:2:3:4:5:6:7:8", "1:2:3:4:5:6:7::",
            "::12345", "::1.2.3.4", "fe80::1/64", "malloc", "free", "STATUS_NO_SPACE", "STATUS_OK", "killed",
            "DVSZOR_DataFree"]
-NIC = "/nics/nic9"
-GROUP = {"portsets": {"p": {"groups": [{"address": "224.0.0.1", "sources": ["ff02::1"]}]}}}
+NIC, LAG = "/nics/nic9", "/portsets/p/lags/lag9"
+GROUP = {"portsets": {"p": {"groups": [{"group": "224.0.0.1", "sources": ["ff02::1"]}]}}}
 MAC = "/portsets/p/ports/a/macs/0/address: must be an Ethernet address such as 02:00:00:00:00:01"
 
 
@@ -75,6 +75,10 @@ def nic(**members):
 
 def mac(address):
     return {"portsets": {"p": {"ports": {"a": {"macs": [{"address": address}]}}}}}
+
+
+def lag(**members):
+    return {"portsets": {"p": {"lags": {"lag9": members}}}}
 
 
 def fault(**members):
@@ -87,19 +91,21 @@ WRONG = [
     ({"$schema": 5}, "/$schema: must be a string"),
     (nic(speed="fast"), f"{NIC}/speed: must be a whole number from 1 to 10000000"),
     (nic(mtu=1279), f"{NIC}/mtu: must be a whole number from 1280 to 9000"),
-    (nic(link=True), f"{NIC}/link: must be one of down, up"),
-    (nic(link="upp"), f'{NIC}/link: "upp" is unknown; did you mean up?'),
-    (nic(mtu=9000, maxMtu=1500), f"{NIC}: mtu must not be above maxMtu"),
+    (nic(link="up"), f"{NIC}/link: must be true or false"),
+    (nic(numaNode=1), f"{NIC}/numaNode: unknown key; did you mean numa-node?"),
+    (lag(timeout="shrt"), f'{LAG}/timeout: "shrt" is unknown; did you mean short?'),
+    (lag(mode=True), f"{LAG}/mode: must be one of passive, active"),
+    (nic(**{"mtu": 9000, "max-mtu": 1500}), f"{NIC}: mtu must not be above max-mtu"),
     (nic(bind={"switch": "lab"}), f"{NIC}/bind: needs port"),
-    (nic(refusedMtus=[1500, 0]), f"{NIC}/refusedMtus/1: must be"),
-    (nic(refusedMtus=[1500] * 9), f"{NIC}/refusedMtus: must be an array of at most 8 elements"),
+    (nic(**{"refused-mtus": [1500, 0]}), f"{NIC}/refused-mtus/1: must be"),
+    (nic(**{"refused-mtus": [1500] * 9}), f"{NIC}/refused-mtus: must be an array of at most 8 elements"),
     ({"nics": {"": {}}}, '/nics/: this name must be a name of 1 to 30 bytes without "/"'),
     ({"nics": {"\u00fc" * 16: {}}}, "/nics/\u00fc"), ({"nics": {"a/b": {}}}, "/nics/a/b: this name"),
     (mac("02:00"), MAC), (mac("-2:00:00:00:00:01"), MAC), (mac("0 :00:00:00:00:01"), MAC),
     (GROUP, "/portsets/p/groups/0/sources/0: must be an IPv4 address"),
     ({"portsets": {"p": {"rarp": {"sent": -1}}}},
      "/portsets/p/rarp/sent: must be a whole number from 0 to 18446744073709551615"),
-    ({"macLearning": {"enabled": 1}}, "/macLearning/enabled: must be true or false"),
+    ({"mac-learning": {"enabled": 1}}, "/mac-learning/enabled: must be true or false"),
     *(({"options": {id: 1}}, f"/options/{id}: this name must be a number from 1 to 65535")
       for id in ("0", " +7", "007", "65536", "-1", "7 ")),
     (fault(operation="4106"), "/faults/0: needs kind"),

@@ -53,7 +53,7 @@ protected:
     void SetUp() override
     {
         LabTest::SetUp();
-        ASSERT_EQ(vshost_scenario(R"({"nics": {"nic0": {"maxMtu": 4000, "refusedMtus": [1500]}}})"), 0);
+        ASSERT_EQ(vshost_scenario(R"({"nics": {"nic0": {"max-mtu": 4000, "refused-mtus": [1500]}}})"), 0);
     }
 };
 

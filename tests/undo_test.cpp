@@ -109,8 +109,8 @@ TEST_F(Undo, PortsWithEqualPropertiesHaveEqualHashes)
 
 TEST_F(Undo, ListsTheNicsOfTheHost)
 {
-    ASSERT_EQ(vshost_scenario(R"({"nics": {"eth10": {"speed": 1000, "duplex": "half", "link": "down"},
-                                           "eth2": {"mtu": 2000, "numaNode": 1}}})"),
+    ASSERT_EQ(vshost_scenario(R"({"nics": {"eth10": {"speed": 1000, "full-duplex": false, "link": false},
+                                           "eth2": {"mtu": 2000, "numa-node": 1}}})"),
               0)
         << vshost_error();
     struct vshost_nic nics[8];

@@ -15,7 +15,7 @@ import xml.etree.ElementTree
 
 from vsctl_host import BUILD, HOST, SOURCE, VSCTL, OnHost, main
 
-NICS = b'{"nics": {"eth0": {"link": "down"}, "eth1": {"speed": 1000}, "eth2": {"speed": 2500, "duplex": "half"}}}'
+NICS = b'{"nics": {"eth0": {"link": false}, "eth1": {"speed": 1000}, "eth2": {"speed": 2500, "full-duplex": false}}}'
 TREE = """\
 lab  running  MTU 1500, 10 ports of 128
 ├─ uplinks
@@ -315,8 +315,8 @@ class Show(OnHost):
         name = 'a"b\\c\nd'
         self.run_vsctl("switch", "create", name, "--ports", "1")
         self.count(port1=1000)
-        groups = [{"address": "239.1.1.1", "ports": 2, "joins": 9}, {"address": "239.1.1.1", "vlan": 7, "ports": 1},
-                  {"address": "ff02::5", "leaves": 4}]
+        groups = [{"group": "239.1.1.1", "ports": 2, "joins": 9}, {"group": "239.1.1.1", "vlan": 7, "ports": 1},
+                  {"group": "ff02::5", "leaves": 4}]
         scenario = {"portsets": {"lab": {"groups": groups, "lags": {"bond": {"members": ["eth0", "eth1"]}}}}}
         self.assertEqual(HOST.vshost_scenario(json.dumps(scenario).encode()), 0)
         self.run_vsctl("mac", "add", "lab", "port2", "--address", "02:00:00:00:00:01")

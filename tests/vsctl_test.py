@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Every verb of vsctl: its effect, its output and its exit codes."""
 import fcntl
+import itertools
 import json
 import re
 import struct
@@ -203,9 +204,9 @@ class Verbs(OnHost):
 
     def test_runtime(self):
         self.create()
-        group = {"address": "224.1.1.1", "vlan": 9, "sources": ["10.0.0.1"]}
+        group = {"group": "224.1.1.1", "vlan": 9, "sources": ["10.0.0.1"]}
         lag = {"mode": "active", "members": ["nic0"]}
-        scenario = {"portsets": {"lab": {"groups": [group], "lags": {"lag0": lag}, "promiscuousPorts": ["port1"],
+        scenario = {"portsets": {"lab": {"groups": [group], "lags": {"lag0": lag}, "promiscuous-ports": ["port1"],
                                          "rarp": {"sent": 5, "failed": 1}, "teaming": {"failovers": 3}}}}
         self.assertEqual(HOST.vshost_scenario(json.dumps(scenario).encode()), 0, HOST.vshost_error())
         self.rows("uplink", "down", "lab", "nic0")
@@ -219,7 +220,7 @@ class Verbs(OnHost):
         self.rows("mac", "add", *entry)
         self.assertEqual(self.rows("mac", "list", "lab", "port0")[0]["address"], "02:00:00:00:00:0a")
         self.assertEqual(self.rows("mac", "stats", "lab", "port0")[0]["entries"], 1)
-        self.assertEqual(self.rows("mac", "info", "lab")[0]["static"], 1)
+        self.assertEqual(self.rows("mac", "info", "lab")[0]["static-entries"], 1)
         self.rows("mac", "remove", *entry)
         self.assertEqual(self.rows("mac", "list", "lab", "port0"), [])
         self.assertEqual(self.rows("mac", "team", "lab"), [])
@@ -240,6 +241,38 @@ class Verbs(OnHost):
         self.assertEqual(self.rows("mirror", "live", "lab")[0]["session"], "s2")
         self.assertTrue(self.rows("mirror", "stats", "lab", "s2")[0]["active"])
         self.assertEqual(len(self.rows("mirror", "destinations", "lab")), 2)  # one of s2, and the scenario's
+
+    def test_a_scenario_names_fields_as_vsctl_prints_them(self):
+        """Each member of the schema that describes a record, with a value of its own."""
+        self.create()
+        self.rows("mirror", "add", "lab", "span", "--to", "port0")
+        schema = json.loads((SOURCE / "platform/scenario/scenario.schema.json").read_text())
+        named, portset = schema["$defs"], schema["$defs"]["portset"]["properties"]
+        numbers = itertools.count(2)
+
+        def values(record, **known):
+            value = lambda part: (part["enum"][-1] if "enum" in part else
+                                  False if part.get("type") == "boolean" else next(numbers))
+            return {name: known[name] if name in known else value(part) for name, part in record["properties"].items()}
+
+        nic = values({"properties": {name: part for name, part in named["nic"]["properties"].items()
+                                     if name not in ("max-mtu", "refused-mtus", "bind")}}, mtu=4000)
+        mac = values(named["macEntry"], address="02:00:00:00:00:01")
+        learning = values(portset["ports"]["additionalProperties"]["properties"]["learning"])
+        lag = values(named["lag"], members=["nic0"])
+        group = values(named["group"], group="239.1.1.1", sources=["10.0.0.1"])
+        session, rarp = values(named["mirrorSession"]), values(portset["rarp"])
+        teaming, props = values(portset["teaming"]), values(schema["properties"]["mac-learning"])
+        scenario = {"nics": {"nic0": nic}, "mac-learning": props, "portsets": {"lab": {
+            "ports": {"port1": {"macs": [mac], "learning": learning}}, "lags": {"lag0": lag}, "groups": [group],
+            "mirror-sessions": {"span": session}, "rarp": rarp, "teaming": teaming}}}
+        self.assertEqual(HOST.vshost_scenario(json.dumps(scenario).encode()), 0, HOST.vshost_error())
+        for line, fields in (("nic list", nic), ("mac list lab port1", mac), ("mac stats lab port1", learning),
+                             ("lag list lab", lag), ("multicast groups lab 239.1.1.1", group), ("mac props", props),
+                             ("mirror stats lab span", session), ("stats rarp lab", rarp),
+                             ("stats teaming lab", teaming)):
+            row = self.rows(*line.split())[0]
+            self.assertEqual({name: row.get(name) for name in fields}, fields, line)
 
     def test_lists(self):
         """Private VLANs, named teaming policies and mirror sessions: add, list, remove, clear, by alias or id."""
@@ -325,7 +358,7 @@ class Verbs(OnHost):
         self.create()
         self.rows("property", "set", "lab", "com.example.x", "--port", "port1", "--text", "v")
         self.rows("mirror", "add", "lab", "s1", "--to", "port0")
-        group = {"portsets": {"lab": {"groups": [{"address": "224.1.1.1", "sources": []}]}}}
+        group = {"portsets": {"lab": {"groups": [{"group": "224.1.1.1", "sources": []}]}}}
         self.assertEqual(HOST.vshost_scenario(json.dumps(group).encode()), 0, HOST.vshost_error())
         self.rows("option", "set", "3=9")
         missing_port = ("port show lab none", "port vlan lab none 5", "port remove lab none", "port number lab none",

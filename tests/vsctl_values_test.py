@@ -62,7 +62,7 @@ class Values(OnHost):
         for words in (["option", "get", "65536"], ["option", "set", "65536=1"], ["option", "set", "1=4294967296"],
                       ["option", "set", "=1"], ["option", "set", "1=1=1"],
                       ["rtm", "send", "4294967296", "--hex", "00" * 9]):
-            self.refused(words, 5, "is not a number from 0 to")
+            self.refused(words, 5, "must be a number from 0 to")
 
     def test_words_that_are_no_values(self):
         port = ["port", "vlan", "lab"]

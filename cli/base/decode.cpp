@@ -4,14 +4,14 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 #include <netinet/ether.h>
-#include <vswitch_driver.h>
+#include <vswitch_fields.h>
 
 namespace vsctl {
 
 namespace {
 
-// A packed field cannot be bound to a reference, so its value is copied.
-template<class Value> Value Copy(Value value) { return value; }
+using vswitch::RecordField;
+using Fields = std::span<const RecordField>;
 
 template<class T> T Load(const void *bytes, size_t size = sizeof(T))
 {
@@ -20,250 +20,167 @@ template<class T> T Load(const void *bytes, size_t size = sizeof(T))
     return record;
 }
 
-Json DecodeInfo(const void *bytes, size_t)
+Json DecodeField(const RecordField &field, const void *record)
 {
-    const auto info = Load<VSwitchInfo>(bytes);
-    return {{"portset", Name(info.portset, sizeof info.portset)},
-            {"switch-id", Name(info.switchId, sizeof info.switchId)},
-            {"max-ports", Copy(info.ports)},
-            {"used-ports", Copy(info.usedPorts)},
-            {"mtu", Copy(info.mtu)},
-            {"uplinks", Copy(info.uplinks)},
-            {"associated", (info.flags & VSWITCH_INFO_ASSOCIATED) != 0},
-            {"snooping", (info.flags & VSWITCH_INFO_SNOOPING) != 0},
-            {"mirroring", (info.flags & VSWITCH_INFO_MIRRORING) != 0},
-            {"mac-learning", (info.flags & VSWITCH_INFO_MAC_LEARNING) != 0}};
+    const char *place = static_cast<const char *>(record) + field.offset;
+    if (field.kind == vswitch::TEXT) return Name(place, field.width);
+    if (field.kind == vswitch::ADDRESS)
+        return AddressText(reinterpret_cast<const uint8_t *>(place), field.width);
+    const uint64_t number = NumberOf(field, record);
+    if (field.kind == vswitch::FLAG) return number != 0;
+    if (field.kind == vswitch::NUMBER) return number;
+    const bool isKnown = number < std::size(field.words) && field.words[number];
+    return field.words[isKnown ? number : 0];
 }
 
-Json DecodeUplink(const void *bytes, size_t)
+Json DecodeFields(Fields fields, const void *record)
 {
-    const auto uplink = Load<VSwitchUplink>(bytes);
-    return {{"uplink", Name(uplink.name, sizeof uplink.name)},
-            {"link", (uplink.flags & VSWITCH_UPLINK_LINK_UP) != 0},
-            {"admin", (uplink.flags & VSWITCH_UPLINK_ADMIN_UP) != 0},
-            {"full-duplex", (uplink.flags & VSWITCH_UPLINK_FULL_DUPLEX) != 0},
-            {"in-lag", (uplink.flags & VSWITCH_UPLINK_IN_LAG) != 0}};
+    Json decoded = Json::object();
+    for (const RecordField &field : fields)
+        decoded[field.name] = DecodeField(field, record);
+    return decoded;
 }
 
-Json DecodeLag(const VSwitchLag &lag)
+void EncodeFields(Fields fields, const Json &values, uint8_t *record)
 {
-    Json members = Json::array();
-    for (size_t i = 0; i < std::min<size_t>(lag.memberCount, std::size(lag.members)); i++)
-        members.push_back(Name(lag.members[i], sizeof lag.members[i]));
-    return {{"lag", Name(lag.name, sizeof lag.name)},
-            {"mode", lag.mode ? "active" : "passive"},
-            {"timeout", lag.fastTimeout ? "short" : "long"},
-            {"load-balance", lag.loadBalance},
-            {"link", lag.linkUp != 0},
-            {"members", members}};
+    for (const RecordField &field : fields) {
+        const auto value = values.find(field.name);
+        if (value == values.end()) continue;
+        if (field.kind == vswitch::ADDRESS)
+            memcpy(record + field.offset, ParseAddress(*value, field.width).data(), field.width);
+        else
+            SetNumber(field, record, value->is_boolean() ? value->get<bool>() : value->get<uint64_t>());
+    }
 }
 
-Json DecodeLags(const void *bytes, size_t)
+Json DecodeLags(Fields fields, const void *bytes, size_t)
 {
     const auto table = Load<VSwitchLagTable>(bytes);
     Json lags = Json::array();
-    for (size_t i = 0; i < std::min<size_t>(table.count, std::size(table.lags)); i++)
-        lags.push_back(DecodeLag(table.lags[i]));
+    for (const VSwitchLag &lag :
+         std::span(table.lags).first(std::min<size_t>(table.count, std::size(table.lags)))) {
+        Json &decoded = lags.emplace_back(DecodeFields(fields, &lag));
+        Json &members = decoded["members"] = Json::array();
+        for (size_t i = 0; i < std::min<size_t>(lag.memberCount, std::size(lag.members)); i++)
+            members.push_back(Name(lag.members[i], sizeof lag.members[i]));
+    }
     return lags;
 }
 
-Json DecodeMacEntry(const void *bytes, size_t)
-{
-    const auto entry = Load<VSwitchMacEntry>(bytes);
-    return {{"address", AddressText(entry.address, sizeof entry.address)},
-            {"vlan", Copy(entry.vlanId)},
-            {"type", entry.type == VSWITCH_MAC_LEARNED ? "learned" : "static"},
-            {"age", Copy(entry.age)},
-            {"port-number", Copy(entry.portId)}};
-}
-
-Json DecodeLearningProps(const void *bytes, size_t)
-{
-    const auto props = Load<VSwitchLearningProps>(bytes);
-    return {
-        {"enabled", props.enabled != 0}, {"aging", Copy(props.agingSeconds)}, {"limit", Copy(props.limit)}};
-}
-
-Json DecodePortLearning(const void *bytes, size_t)
-{
-    const auto stats = Load<VSwitchPortLearningStats>(bytes);
-    return {{"entries", Copy(stats.entries)}, {"limit", Copy(stats.limit)}, {"learned", Copy(stats.learned)},
-            {"moved", Copy(stats.moved)},     {"aged", Copy(stats.aged)},   {"refused", Copy(stats.refused)},
-            {"dropped", Copy(stats.dropped)}};
-}
-
-Json DecodeLearningInfo(const void *bytes, size_t)
-{
-    const auto info = Load<VSwitchLearningInfo>(bytes);
-    return {{"aging", Copy(info.agingSeconds)},
-            {"limit", Copy(info.limit)},
-            {"policy-byte", info.policyByte},
-            {"learn-static", info.learnStatic != 0},
-            {"learning-ports", Copy(info.learningPorts)},
-            {"entries", Copy(info.entries)},
-            {"static", Copy(info.staticEntries)},
-            {"learned", Copy(info.learnedEntries)},
-            {"team", Copy(info.teamEntries)},
-            {"ever-learned", Copy(info.learned)},
-            {"moved", Copy(info.moved)},
-            {"aged", Copy(info.aged)},
-            {"refused", Copy(info.refused)},
-            {"dropped", Copy(info.dropped)}};
-}
-
-Json DecodeRarp(const void *bytes, size_t)
-{
-    const auto stats = Load<VSwitchRarpStats>(bytes);
-    return {{"sent", Copy(stats.sent)}, {"failed", Copy(stats.failed)}};
-}
-
-Json DecodeTeaming(const void *bytes, size_t)
-{
-    const auto stats = Load<VSwitchTeamingStats>(bytes);
-    return {{"tx-packets", Copy(stats.txPackets)}, {"tx-bytes", Copy(stats.txBytes)},
-            {"rx-packets", Copy(stats.rxPackets)}, {"rx-bytes", Copy(stats.rxBytes)},
-            {"failovers", Copy(stats.failovers)},  {"failbacks", Copy(stats.failbacks)}};
-}
-
-Json DecodeMirror(const void *bytes, size_t)
-{
-    const auto stats = Load<VSwitchMirrorStats>(bytes);
-    return {{"session", Name(stats.sessionId, sizeof stats.sessionId)},
-            {"active", stats.active != 0},
-            {"mirrored-packets", Copy(stats.mirroredPackets)},
-            {"mirrored-bytes", Copy(stats.mirroredBytes)},
-            {"dropped-packets", Copy(stats.droppedPackets)},
-            {"dropped-bytes", Copy(stats.droppedBytes)},
-            {"tx-packets", Copy(stats.txPackets)},
-            {"tx-bytes", Copy(stats.txBytes)},
-            {"rx-packets", Copy(stats.rxPackets)},
-            {"rx-bytes", Copy(stats.rxBytes)},
-            {"truncated", Copy(stats.truncated)},
-            {"encapsulation-errors", Copy(stats.encapsulationErrors)},
-            {"unreachable", Copy(stats.unreachable)}};
-}
-
-Json DecodeMcast(const void *bytes, size_t size)
+Json DecodeMcast(Fields fields, const void *bytes, size_t size)
 {
     const auto stats = Load<VSwitchMcastStats>(bytes);
-    Json sources = Json::array();
+    Json decoded = DecodeFields(fields, bytes);
+    Json &sources = decoded["sources"] = Json::array();
     const size_t width = stats.count ? (size - sizeof stats) / stats.count : 0;
     for (uint32_t i = 0; i < stats.count; i++)
         sources.push_back(AddressText(static_cast<const uint8_t *>(bytes) + sizeof stats + i * width, width));
-    return {{"vlan", Copy(stats.vlanId)},
-            {"joins", Copy(stats.joins)},
-            {"leaves", Copy(stats.leaves)},
-            {"queries", Copy(stats.queries)},
-            {"ports", Copy(stats.ports)},
-            {"filter", stats.filter ? "exclude" : "include"},
-            {"sources", sources}};
+    return decoded;
 }
 
-Json DecodeOptions(const void *bytes, size_t size)
+Json DecodeOptions(Fields fields, const void *bytes, size_t size)
 {
     const auto header = Load<VSwitchOptions>(bytes, size);
-    Json options = Json::array();
+    const auto *entries = static_cast<const uint8_t *>(bytes) + sizeof header;
     const size_t room = size > sizeof header ? (size - sizeof header) / sizeof(VSwitchOption) : 0;
-    for (size_t i = 0; i < std::min<size_t>(header.count, room); i++) {
-        const auto option = Load<VSwitchOption>(static_cast<const uint8_t *>(bytes) + sizeof header +
-                                                i * sizeof(VSwitchOption));
-        options.push_back({{"option", Copy(option.id)}, {"value", Copy(option.value)}});
-    }
+    Json options = Json::array();
+    for (size_t i = 0; i < std::min<size_t>(header.count, room); i++)
+        options.push_back(DecodeFields(fields, entries + i * sizeof(VSwitchOption)));
     return options;
 }
 
-Json DecodeDestination(const void *bytes, size_t) { return {{"port-number", Load<uint32_t>(bytes)}}; }
-
-Json DecodeHint(const void *bytes, size_t size)
-{
-    return {{"uplink", Name(static_cast<const char *>(bytes), size)}};
-}
-
-Json DecodeStatistics(const void *bytes, size_t)
-{
-    const auto counted = Load<VSwitchPortStatistics>(bytes);
-    return {{"from-packets", Copy(counted.fromPackets)},
-            {"from-bytes", Copy(counted.fromBytes)},
-            {"to-packets", Copy(counted.toPackets)},
-            {"to-bytes", Copy(counted.toBytes)},
-            {"from-multicast", Copy(counted.fromMulticast)},
-            {"from-broadcast", Copy(counted.fromBroadcast)},
-            {"to-multicast", Copy(counted.toMulticast)},
-            {"to-broadcast", Copy(counted.toBroadcast)},
-            {"dropped-blocked", Copy(counted.droppedBlocked)},
-            {"dropped-vlan", Copy(counted.droppedVlan)},
-            {"dropped-security", Copy(counted.droppedSecurity)},
-            {"dropped-learning-limit", Copy(counted.droppedLearningLimit)},
-            {"dropped-filter", Copy(counted.droppedFilter)},
-            {"dropped-length", Copy(counted.droppedLength)},
-            {"dropped-flood-limit", Copy(counted.droppedFloodLimit)},
-            {"dropped-not-sent", Copy(counted.droppedNotSent)}};
-}
+constexpr RecordField DESTINATION_FIELDS[] = {{"port-number", 0, sizeof(uint32_t)}};
+constexpr RecordField HINT_FIELDS[] = {{"uplink", 0, UPLINK_HINT_SIZE, vswitch::TEXT}};
 
 struct RecordInfo {
-    Json (*decode)(const void *, size_t);
+    Fields fields;
     size_t size; // of the record, or of an entry of a list
-    const char *what;
+    const char *action;
+    Json (*decode)(Fields, const void *, size_t) = nullptr; // of a record that holds a list
 };
 
 // By Record.
 constexpr RecordInfo RECORDS[] = {
-    {DecodeInfo, VS_INFO_SIZE, "state"},
-    {DecodeUplink, UPLINK_ENTRY_SIZE, "running uplinks"},
-    {DecodeLags, LAG_TABLE_SIZE, "LAGs"},
-    {DecodeMacEntry, sizeof(ZorMacTableEntry), "MAC table"},
-    {DecodeLearningProps, sizeof(ZorMacLearningProps), "MAC learning properties"},
-    {DecodePortLearning, PORT_MAC_LEARNING_STATS_SIZE, "MAC learning statistics"},
-    {DecodeLearningInfo, SWITCH_MAC_LEARNING_INFO_SIZE, "MAC learning state"},
-    {DecodeRarp, RARP_STATS_SIZE, "RARP statistics"},
-    {DecodeTeaming, SERVICE_PORT_TEAMING_STATS_SIZE, "teaming statistics"},
-    {DecodeMirror, MIRROR_SESSION_STATS_SIZE, "mirror statistics"},
-    {DecodeMcast, sizeof(ZorMcastStatsHeader), "multicast statistics"},
-    {DecodeOptions, RUNTIME_OPTIONS_SIZE, "options"},
-    {DecodeDestination, sizeof(uint32_t), "promiscuous ports"},
-    {DecodeHint, UPLINK_HINT_SIZE, "uplink"},
-    {DecodeStatistics, sizeof(VSwitchPortStatistics), "counters"},
+    {vswitch::INFO_FIELDS, VS_INFO_SIZE, "reading the state of"},
+    {vswitch::UPLINK_FIELDS, UPLINK_ENTRY_SIZE, "reading the running uplinks of"},
+    {vswitch::LAG_FIELDS, LAG_TABLE_SIZE, "reading the LAGs of", DecodeLags},
+    {vswitch::MAC_ENTRY_FIELDS, sizeof(ZorMacTableEntry), "reading the MAC table of"},
+    {vswitch::LEARNING_PROPS_FIELDS, sizeof(ZorMacLearningProps), "reading the MAC learning properties of"},
+    {vswitch::PORT_LEARNING_FIELDS, PORT_MAC_LEARNING_STATS_SIZE, "reading the MAC learning statistics of"},
+    {vswitch::LEARNING_INFO_FIELDS, SWITCH_MAC_LEARNING_INFO_SIZE, "reading the MAC learning state of"},
+    {vswitch::RARP_FIELDS, RARP_STATS_SIZE, "reading the RARP statistics of"},
+    {vswitch::TEAMING_FIELDS, SERVICE_PORT_TEAMING_STATS_SIZE, "reading the teaming statistics of"},
+    {vswitch::MIRROR_FIELDS, MIRROR_SESSION_STATS_SIZE, "reading the mirror statistics of"},
+    {vswitch::MCAST_FIELDS, sizeof(ZorMcastStatsHeader), "reading the multicast statistics of", DecodeMcast},
+    {vswitch::OPTION_FIELDS, RUNTIME_OPTIONS_SIZE, "reading the options of", DecodeOptions},
+    {DESTINATION_FIELDS, sizeof(uint32_t), "reading the promiscuous ports of"},
+    {HINT_FIELDS, UPLINK_HINT_SIZE, "reading the uplink of"},
+    {vswitch::PORT_STATISTICS_FIELDS, sizeof(VSwitchPortStatistics), "reading the counters of"},
 };
 static_assert(std::size(RECORDS) == static_cast<size_t>(Record::PORT_STATISTICS) + 1);
 
 const RecordInfo &InfoOf(Record record) { return RECORDS[static_cast<size_t>(record)]; }
 
+Json DecodePublished(const RecordInfo &info, const void *bytes, size_t size)
+{
+    return info.decode ? info.decode(info.fields, bytes, size) : DecodeFields(info.fields, bytes);
 }
+
+}
+
+std::span<const RecordField> FieldsOf(Record record) { return InfoOf(record).fields; }
 
 Json Decode(Record record, const void *bytes, size_t size)
 {
-    if (IsEmbedded()) return InfoOf(record).decode(bytes, size);
+    if (IsEmbedded()) return DecodePublished(InfoOf(record), bytes, size);
     return {{"bytes", Hex(bytes, size)}};
 }
 
 Json DecodeZeros(Record record)
 {
     static const Bytes zeros(LAG_TABLE_SIZE);
-    return InfoOf(record).decode(zeros.data(), zeros.size());
+    return DecodePublished(InfoOf(record), zeros.data(), zeros.size());
+}
+
+Bytes ReadBytes(Record record, const Target &target, const Reader &read, const std::string &listed)
+{
+    Bytes bytes(InfoOf(record).size);
+    CheckDriver(read(bytes.data()), InfoOf(record).action, target, listed);
+    return bytes;
 }
 
 Json ReadRecord(Record record, const Target &target, const Reader &read, const std::string &listed)
 {
-    Bytes bytes(InfoOf(record).size);
-    CheckDriver(read(bytes.data()), fmt::format("reading the {} of", InfoOf(record).what), target, listed);
+    const Bytes bytes = ReadBytes(record, target, read, listed);
     return Decode(record, bytes.data(), bytes.size());
 }
 
-Json ReadRecords(Record record, const Target &target, const std::function<VsStatus(void **list)> &read)
+Json ReadTable(Record record, const Target &target, const ListReader &read, const std::string &listed)
 {
-    DriverBuffer<> list;
-    CheckDriver(read(list.Out()), fmt::format("reading the {} of", InfoOf(record).what), target);
-    return DecodeList(record, list.Get(), InfoOf(record).size);
+    DriverBuffer<> table;
+    CheckDriver(read(table.Out()), InfoOf(record).action, target, listed);
+    return Decode(record, table.Get(), InfoOf(record).size);
 }
 
-Json DecodeList(Record record, const void *list, size_t entrySize)
+std::vector<Bytes> ReadEntries(size_t size, const char *action, const Target &target, const ListReader &read)
 {
-    const auto header = Load<ZorListHeader>(list);
-    RequireEntries(list, sizeof header, header.count, entrySize);
-    const auto *entries = static_cast<const uint8_t *>(list) + sizeof header;
+    DriverBuffer<> list;
+    CheckDriver(read(list.Out()), action, target);
+    const auto header = Load<ZorListHeader>(list.Get());
+    RequireEntries(list.Get(), sizeof header, header.count, size);
+    std::vector<Bytes> entries;
+    const uint8_t *entry = list.Raw() + sizeof header;
+    for (uint32_t i = 0; i < header.count; i++, entry += size)
+        entries.emplace_back(entry, entry + size);
+    return entries;
+}
+
+Json ReadRecords(Record record, const Target &target, const ListReader &read)
+{
+    const RecordInfo &info = InfoOf(record);
     Json rows = Json::array();
-    for (uint32_t i = 0; i < header.count; i++)
-        rows.push_back(Decode(record, entries + i * entrySize, entrySize));
+    for (const Bytes &entry : ReadEntries(info.size, info.action, target, read))
+        rows.push_back(Decode(record, entry.data(), entry.size()));
     return rows;
 }
 
@@ -293,25 +210,22 @@ Bytes ParseAddress(const std::string &text, size_t size)
     return bytes;
 }
 
-namespace {
-
-template<class T> Bytes Pack(const T &record)
+Bytes Encode(Record record, const Json &fields)
 {
-    Bytes bytes(sizeof record);
-    memcpy(bytes.data(), &record, sizeof record);
+    Bytes bytes(InfoOf(record).size);
+    EncodeFields(InfoOf(record).fields, fields, bytes.data());
     return bytes;
 }
 
-constexpr uint16_t MAX_ENTRY_VLAN = 4094;
-
-}
-
-Bytes MacEntry(const std::string &address, uint16_t vlan)
+Bytes EncodeOptions(const Json &options)
 {
-    VSwitchMacEntry entry{};
-    memcpy(entry.address, ParseAddress(address, sizeof entry.address).data(), sizeof entry.address);
-    entry.vlanId = vlan;
-    return Pack(entry);
+    Bytes record(sizeof(VSwitchOptions) + options.size() * sizeof(VSwitchOption));
+    const VSwitchOptions header{static_cast<uint32_t>(record.size()), static_cast<uint32_t>(options.size())};
+    memcpy(record.data(), &header, sizeof header);
+    for (size_t i = 0; i < options.size(); i++)
+        EncodeFields(vswitch::OPTION_FIELDS, options[i],
+                     record.data() + sizeof header + i * sizeof(VSwitchOption));
+    return record;
 }
 
 void RequireStation(const ZorMacTableEntry &bytes)
@@ -326,26 +240,53 @@ void RequireStation(const ZorMacTableEntry &bytes)
             fmt::format("{} is not a unicast address", AddressText(entry.address, sizeof entry.address)),
             "its first byte must be even, and one of its bytes not zero");
     }
-    if (entry.vlanId > MAX_ENTRY_VLAN || entry.type > VSWITCH_MAC_LEARNED)
+    if (entry.vlanId > 4094 || entry.type > VSWITCH_MAC_LEARNED)
         throw Error(Exit::BAD_VALUE, "the VLAN or type of the entry is out of range");
 }
 
-Bytes LearningProps(bool enabled, uint32_t aging, uint32_t limit)
+VSwitchPortStatistics ReadStatistics(const Target &port)
 {
-    return Pack(VSwitchLearningProps{enabled, aging, limit});
+    VSwitchPortStatistics statistics{};
+    PropValueBuffer buffer{sizeof statistics, &statistics};
+    const VsStatus status = VSDVS_GetPortProp(port.Alias(), port.Port(), "com.talpex.common.port.statistics",
+                                              &buffer, port.Alias(), true);
+    if (status == STATUS_NOT_FOUND && PortExists(port)) return statistics; // nothing is counted yet
+    CheckDriver(status, "reading the counters of", port);
+    return statistics;
 }
 
-Bytes OptionsRecord(const std::vector<std::pair<uint16_t, uint32_t>> &options)
+uint64_t DroppedOf(const VSwitchPortStatistics &statistics)
 {
-    VSwitchOptions header{};
-    header.count = static_cast<uint32_t>(options.size());
-    header.length = static_cast<uint32_t>(sizeof header + options.size() * sizeof(VSwitchOption));
-    Bytes record = Pack(header);
-    for (const auto &[id, value] : options) {
-        const Bytes option = Pack(VSwitchOption{id, 0, value});
-        record.insert(record.end(), option.begin(), option.end());
-    }
-    return record;
+    uint64_t dropped = 0;
+    for (const vswitch::RecordField &field : vswitch::PORT_STATISTICS_FIELDS)
+        dropped += std::string_view(field.name).starts_with("dropped-") ? NumberOf(field, &statistics) : 0;
+    return dropped;
+}
+
+Json MacTable(const Target &target, uint8_t selector)
+{
+    return ReadRecords(Record::MAC_ENTRY, target, [&](void **table) {
+        return target.port.empty() ? VSZOR_GetTeamMACTable(target.Alias(), selector, table)
+                                   : VSZOR_GetPortMACTable(target.Alias(), target.Port(), selector, table);
+    });
+}
+
+std::vector<Bytes> RunningGroups(const Target &target, const AddressKind &kind, uint32_t selector)
+{
+    const std::string portset = PortsetOf(target.alias);
+    return ReadEntries(kind.width, "listing the multicast groups of", target, [&](void **list) {
+        return VSZOR_GetMcastFilters(portset.c_str(), selector, kind.number, list);
+    });
+}
+
+std::vector<std::string> RunningSessions(const Target &target)
+{
+    std::vector<std::string> sessions;
+    for (const Bytes &id :
+         ReadEntries(sizeof MirrorSessionRecord::sessionId, "listing the running mirror sessions of", target,
+                     [&](void **list) { return VSZOR_GetDVMirrorSessionIDs(target.Alias(), list); }))
+        sessions.push_back(Name(reinterpret_cast<const char *>(id.data()), id.size()));
+    return sessions;
 }
 
 std::string RunningUplinksAdvice(const std::string &alias)
@@ -382,7 +323,7 @@ Json MaxPorts(const std::string &portset)
 {
     VSwitchInfo info{};
     if (!IsEmbedded() || VSZOR_GetVSInfo(portset.c_str(), &info) != STATUS_OK) return nullptr;
-    return Copy(info.ports);
+    return uint32_t{info.ports};
 }
 
 }

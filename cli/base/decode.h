@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <optional>
+#include <vswitch_fields.h>
 
 #include "cli/base/library.h"
 
@@ -30,26 +31,48 @@ enum class Record {
 Json Decode(Record record, const void *bytes, size_t size);
 // The fields of an embedded host's record of zeros; of a record that holds a list, the list, which is empty.
 Json DecodeZeros(Record record);
-// One row for each entry of a list that a ZorListHeader begins.
-Json DecodeList(Record record, const void *list, size_t entrySize);
-// A record of a switch or port that the driver fills, or the rows of a list that it makes. `listed` is the
-// advice for something missing other than the target.
+std::span<const vswitch::RecordField> FieldsOf(Record record);
+// A record of a switch or port that the driver fills, and its fields. `listed` is the advice for something
+// missing other than the target.
 using Reader = std::function<VsStatus(void *bytes)>;
+Bytes ReadBytes(Record record, const Target &target, const Reader &read, const std::string &listed = "");
 Json ReadRecord(Record record, const Target &target, const Reader &read, const std::string &listed = "");
-Json ReadRecords(Record record, const Target &target, const std::function<VsStatus(void **list)> &read);
+// What the library returns in a buffer of its own: a record that holds a list, or a list, as rows or as
+// bytes.
+using ListReader = std::function<VsStatus(void **list)>;
+Json ReadTable(Record record, const Target &target, const ListReader &read, const std::string &listed = "");
+Json ReadRecords(Record record, const Target &target, const ListReader &read);
+std::vector<Bytes> ReadEntries(size_t size, const char *action, const Target &target, const ListReader &read);
 
 // "00:50:56:01:02:03", "224.0.0.1" or an IPv6 address, by the address's length.
 std::string AddressText(const uint8_t *bytes, size_t size);
 // The bytes of such a text. Throws unless it is an address of `size` bytes (0: any kind).
 Bytes ParseAddress(const std::string &text, size_t size);
 
-// Records of an embedded host's driver.
-Bytes MacEntry(const std::string &address, uint16_t vlan);
+// Records of an embedded host's driver; what `fields` does not name is zero.
+Bytes Encode(Record record, const Json &fields);
+Bytes EncodeOptions(const Json &options);
 // Throws unless a port can have the entry. Where the layout is not published, the driver checks it.
 void RequireStation(const ZorMacTableEntry &entry);
-Bytes LearningProps(bool enabled, uint32_t aging, uint32_t limit);
-Bytes OptionsRecord(const std::vector<std::pair<uint16_t, uint32_t>> &options);
 
+// What the port has counted. Throws where the platform does not publish its counters.
+VSwitchPortStatistics ReadStatistics(const Target &port);
+uint64_t DroppedOf(const VSwitchPortStatistics &statistics);
+// The MAC table of a port or, without one, of the team of a switch's uplinks.
+Json MacTable(const Target &target, uint8_t selector);
+
+// How the driver lists multicast groups.
+struct AddressKind {
+    const char *name;
+    int32_t number;
+    size_t width;
+};
+inline constexpr AddressKind ADDRESS_KINDS[] = {
+    {"ethernet", ADDRESS_KIND_ETHERNET, 6}, {"ipv4", ADDRESS_KIND_IPV4, 4}, {"ipv6", ADDRESS_KIND_IPV6, 16}};
+
+// The addresses of the groups, and the names of the mirror sessions, that the driver runs.
+std::vector<Bytes> RunningGroups(const Target &target, const AddressKind &kind, uint32_t selector);
+std::vector<std::string> RunningSessions(const Target &target);
 // The rows of the uplinks that the driver runs.
 Json RunningUplinks(const std::string &alias);
 // Advice for an uplink that the switch does not run.

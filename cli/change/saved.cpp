@@ -213,7 +213,7 @@ bool Saver::HasStaticMacs(const std::string &alias)
         const auto read = [&](void *info) {
             return VSZOR_GetSwitchMACLearningInfo(PortsetOf(alias).c_str(), info);
         };
-        entry->second = ReadRecord(Record::LEARNING_INFO, {alias, ""}, read)["static"] != 0;
+        entry->second = ReadRecord(Record::LEARNING_INFO, {alias, ""}, read)["static-entries"] != 0;
     }
     return entry->second;
 }

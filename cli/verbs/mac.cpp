@@ -7,55 +7,26 @@ namespace vsctl {
 
 namespace {
 
-uint8_t Selector(const Arguments &arguments)
-{
-    return static_cast<uint8_t>(arguments.Number("--selector", 0));
-}
-
-Json Entries(const Target &port, uint8_t selector)
-{
-    DriverBuffer<> table;
-    CheckDriver(VSZOR_GetPortMACTable(port.Alias(), port.Port(), selector, table.Out()),
-                "reading the MAC table of", port);
-    return DecodeList(Record::MAC_ENTRY, table.Get(), sizeof(ZorMacTableEntry));
-}
-
 Result List(const Verb &, const Arguments &arguments)
 {
-    const Target port = arguments.Target();
-    SwitchId(port.alias);
-    return Rows(Entries(port, Selector(arguments)));
+    SwitchId(arguments.Text("SWITCH"));
+    return Rows(MacTable(arguments.Target(), static_cast<uint8_t>(arguments.Number("--selector", 0))));
 }
 
-Result Team(const Verb &, const Arguments &arguments)
+Bytes GivenEntry(const Arguments &arguments)
 {
-    const Target target = arguments.Target();
-    PortsetOf(target.alias);
-    DriverBuffer<> table;
-    CheckDriver(VSZOR_GetTeamMACTable(target.Alias(), Selector(arguments), table.Out()),
-                "reading the team's MAC table of", target);
-    return Rows(DecodeList(Record::MAC_ENTRY, table.Get(), sizeof(ZorMacTableEntry)));
-}
-
-ZorMacTableEntry GivenEntry(const Arguments &arguments)
-{
-    Bytes bytes;
-    if (arguments.Has("--address")) {
-        RequirePublishedLayout("--address");
-        bytes = MacEntry(arguments.Text("--address"), static_cast<uint16_t>(arguments.Number("--vlan", 0)));
-    } else {
-        bytes = GivenBytes(arguments, sizeof(ZorMacTableEntry), "--address, --hex or --file");
-    }
-    ZorMacTableEntry entry;
-    memcpy(&entry, bytes.data(), sizeof entry);
-    return entry;
+    if (!arguments.Has("--address"))
+        return GivenBytes(arguments, sizeof(ZorMacTableEntry), "--address, --hex or --file");
+    RequirePublishedLayout("--address");
+    return Encode(Record::MAC_ENTRY,
+                  {{"address", arguments.Text("--address")}, {"vlan", arguments.Number("--vlan", 0)}});
 }
 
 // Whether changing the entry has an effect; true where the layout of entries is not published.
 bool WouldChange(const Target &port, const Json &entry, bool adds)
 {
     if (!IsEmbedded()) return true;
-    for (const Json &row : Entries(port, 0)) {
+    for (const Json &row : MacTable(port, 0)) {
         if (row["address"] != entry["address"] || row["vlan"] != entry["vlan"]) continue;
         return !adds || row["type"] != entry["type"] || row["age"] != entry["age"];
     }
@@ -68,7 +39,8 @@ template<auto CHANGE> Result ChangeEntry(const Verb &verb, const Arguments &argu
     const bool adds = verb.name == "add";
     const char *const action = adds ? "adding a MAC address to" : "removing a MAC address from";
     SwitchId(port.alias);
-    const ZorMacTableEntry entry = GivenEntry(arguments);
+    ZorMacTableEntry entry;
+    memcpy(&entry, GivenEntry(arguments).data(), sizeof entry);
     RequireRunning(action, port);
     if (!PortExists(port)) Check(STATUS_NOT_FOUND, "finding", port);
     if (adds) RequireStation(entry);
@@ -86,19 +58,9 @@ Result Stats(const Verb &, const Arguments &arguments)
 {
     const Target port = arguments.Target();
     SwitchId(port.alias);
-    uint8_t stats[PORT_MAC_LEARNING_STATS_SIZE];
-    CheckDriver(VSZOR_GetPortMACLearningStats(port.Port(), port.Alias(), stats),
-                "reading the MAC learning statistics of", port);
-    return Rows(RowOf(port, Decode(Record::PORT_LEARNING_STATS, stats, sizeof stats)));
-}
-
-Result Info(const Verb &, const Arguments &arguments)
-{
-    uint8_t info[SWITCH_MAC_LEARNING_INFO_SIZE] = {};
-    const Target target = arguments.Target();
-    CheckDriver(VSZOR_GetSwitchMACLearningInfo(PortsetOf(target.alias).c_str(), info),
-                "reading the MAC learning state of", target);
-    return Rows(RowOf(target, Decode(Record::LEARNING_INFO, info, sizeof info)));
+    return Rows(RowOf(port, ReadRecord(Record::PORT_LEARNING_STATS, port, [&](void *stats) {
+                          return VSZOR_GetPortMACLearningStats(port.Port(), port.Alias(), stats);
+                      })));
 }
 
 bool HasFields(const Arguments &arguments)
@@ -106,36 +68,29 @@ bool HasFields(const Arguments &arguments)
     return arguments.Has("--enabled") || arguments.Has("--aging") || arguments.Has("--limit");
 }
 
-ZorMacLearningProps GivenProps(const Arguments &arguments, const ZorMacLearningProps &now)
+Bytes GivenProps(const Arguments &arguments, const Bytes &now)
 {
-    Bytes bytes;
-    if (HasFields(arguments)) {
-        RequirePublishedLayout("--enabled, --aging or --limit");
-        const Json fields = Decode(Record::LEARNING_PROPS, &now, sizeof now);
-        const std::string enabled = arguments.Text("--enabled", fields["enabled"] ? "on" : "off");
-        bytes = LearningProps(enabled == "on", arguments.Number("--aging", fields["aging"]),
-                              arguments.Number("--limit", fields["limit"]));
-    } else {
-        bytes = GivenBytes(arguments, sizeof now);
-    }
-    ZorMacLearningProps props;
-    memcpy(&props, bytes.data(), sizeof props);
-    return props;
+    if (!HasFields(arguments)) return GivenBytes(arguments, now.size());
+    RequirePublishedLayout("--enabled, --aging or --limit");
+    Json fields = Decode(Record::LEARNING_PROPS, now.data(), now.size());
+    if (arguments.Has("--enabled")) fields["enabled"] = arguments.Text("--enabled") == "on";
+    fields["aging"] = arguments.Number("--aging", fields["aging"]);
+    fields["limit"] = arguments.Number("--limit", fields["limit"]);
+    return Encode(Record::LEARNING_PROPS, fields);
 }
 
 Result Props(const Verb &, const Arguments &arguments)
 {
-    ZorMacLearningProps props{};
-    CheckDriver(VSZOR_GetGlobalMACLearningProps(&props), "reading the MAC learning properties of", {});
-    const ZorMacLearningProps before = props;
-    if (HasFields(arguments) || arguments.Has("--hex") || arguments.Has("--file")) {
-        props = GivenProps(arguments, props);
-        if (!arguments.IsDryRun())
-            CheckDriver(VSZOR_SetGlobalMACLearningProps(&props), "setting the MAC learning properties of",
-                        {});
-    }
-    return Changed(arguments, Decode(Record::LEARNING_PROPS, &props, sizeof props),
-                   memcmp(&props, &before, sizeof props) != 0);
+    ZorMacLearningProps props;
+    const Bytes before = ReadBytes(Record::LEARNING_PROPS, {}, [&](void *bytes) {
+        return VSZOR_GetGlobalMACLearningProps(static_cast<ZorMacLearningProps *>(bytes));
+    });
+    const bool isGiven = HasFields(arguments) || arguments.Has("--hex") || arguments.Has("--file");
+    const Bytes after = isGiven ? GivenProps(arguments, before) : before;
+    memcpy(&props, after.data(), sizeof props);
+    if (isGiven && !arguments.IsDryRun())
+        CheckDriver(VSZOR_SetGlobalMACLearningProps(&props), "setting the MAC learning properties of", {});
+    return Changed(arguments, Decode(Record::LEARNING_PROPS, after.data(), after.size()), after != before);
 }
 
 }
@@ -159,13 +114,13 @@ std::vector<Verb> MacVerbs()
         ChangesNow("mac remove", ChangeEntry<VSZOR_ClearPortMACTable>, entry,
                    {"Remove a MAC address from a port", "lab port0 --address 02:00:00:00:00:01 --vlan 100",
                     "VSZOR_ClearPortMACTable", "switch, port", Record::MAC_ENTRY}),
-        Reads("mac team", Team, {SWITCH, selector},
+        Reads("mac team", List, {SWITCH, selector},
               {"List the MAC addresses behind the uplinks of a switch", "lab", "VSZOR_GetTeamMACTable", "",
                Record::MAC_ENTRY}),
         Reads("mac stats", Stats, {SWITCH, ONE_PORT},
               {"Show the MAC learning statistics of a port", "lab port0", "VSZOR_GetPortMACLearningStats",
                "switch, port", Record::PORT_LEARNING_STATS}),
-        Reads("mac info", Info, {SWITCH},
+        Reads("mac info", ShowRecord<VSZOR_GetSwitchMACLearningInfo, Record::LEARNING_INFO>, {SWITCH},
               {"Show the MAC learning state of a switch", "lab", "VSZOR_GetSwitchMACLearningInfo", "switch",
                Record::LEARNING_INFO}),
         ChangesNow(

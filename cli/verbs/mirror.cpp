@@ -95,13 +95,9 @@ Result Live(const Verb &, const Arguments &arguments)
 {
     const Target target = arguments.Target();
     PortsetOf(target.alias);
-    DriverBuffer<> list;
-    CheckDriver(VSZOR_GetDVMirrorSessionIDs(target.Alias(), list.Out()),
-                "listing the running mirror sessions of", target);
-    using Id = char[sizeof MirrorSessionRecord::sessionId];
     Result result;
-    for (const Id &id : DriverEntries<Id>(static_cast<const ZorListHeader *>(list.Get())))
-        result.rows.push_back({{"switch", target.alias}, {"session", Name(id, sizeof id)}});
+    for (const std::string &session : RunningSessions(target))
+        result.rows.push_back({{"switch", target.alias}, {"session", session}});
     return result;
 }
 

@@ -5,34 +5,14 @@ namespace vsctl {
 
 namespace {
 
-struct AddressKind {
-    const char *name;
-    int32_t number;
-    size_t width;
-};
-constexpr AddressKind KINDS[] = {
-    {"ethernet", ADDRESS_KIND_ETHERNET, 6}, {"ipv4", ADDRESS_KIND_IPV4, 4}, {"ipv6", ADDRESS_KIND_IPV6, 16}};
-
-void AddFilters(const std::string &portset, const AddressKind &kind, const Arguments &arguments, Json &rows)
-{
-    DriverBuffer<ZorListHeader> list;
-    void **const out = reinterpret_cast<void **>(list.Out());
-    CheckDriver(VSZOR_GetMcastFilters(portset.c_str(), arguments.Number("--selector", 0), kind.number, out),
-                "listing the multicast groups of", arguments.Target());
-    RequireEntries(list.Get(), sizeof(ZorListHeader), list->count, kind.width);
-    for (uint32_t i = 0; i < list->count; i++) {
-        const uint8_t *address = list.Raw() + sizeof(ZorListHeader) + i * kind.width;
-        rows.push_back({{"kind", kind.name}, {"group", AddressText(address, kind.width)}});
-    }
-}
-
 Result Filters(const Verb &, const Arguments &arguments)
 {
-    const std::string portset = PortsetOf(arguments.Text("SWITCH"));
     const std::string &wanted = arguments.Text("--kind");
     Result result;
-    for (const AddressKind &kind : KINDS) {
-        if (wanted.empty() || wanted == kind.name) AddFilters(portset, kind, arguments, result.rows);
+    for (const AddressKind &kind : ADDRESS_KINDS) {
+        if (!wanted.empty() && wanted != kind.name) continue;
+        for (const Bytes &group : RunningGroups(arguments.Target(), kind, arguments.Number("--selector", 0)))
+            result.rows.push_back({{"kind", kind.name}, {"group", AddressText(group.data(), group.size())}});
     }
     return result;
 }

@@ -1,6 +1,5 @@
 // vsctl stats, option and rtm: counters of the running switch and options of the driver.
 #include <algorithm>
-#include <charconv>
 #include <fmt/format.h>
 
 #include "cli/verbs/verb.h"
@@ -9,31 +8,26 @@ namespace vsctl {
 
 namespace {
 
-uint32_t ParseNumber(std::string_view text, uint32_t max)
-{
-    uint32_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number > max)
-        throw Error(Exit::BAD_VALUE, fmt::format("'{}' is not a number from 0 to {}", text, max));
-    return number;
-}
-
-uint16_t ParseOption(std::string_view text) { return static_cast<uint16_t>(ParseNumber(text, UINT16_MAX)); }
+constexpr Field COMMAND{"", Form::NUMBER, "Number of the command", 0, UINT32_MAX};
+constexpr Field OPTION{"", Form::NUMBER, "Numbers of options (default: all)", 0, UINT16_MAX};
+constexpr Field VALUE{"", Form::NUMBER, "", 0, UINT32_MAX};
 
 // The options with these ids; all options when there are none.
 Json Options(const std::vector<uint16_t> &ids)
 {
-    DriverBuffer<> options;
-    CheckDriver(VSZOR_GetRuntimeOptions(ids.data(), static_cast<uint16_t>(ids.size()), options.Out()),
-                "reading the options of", {}, "'vsctl option get' lists the options that are set");
-    return Decode(Record::OPTIONS, options.Get(), RUNTIME_OPTIONS_SIZE);
+    return ReadTable(
+        Record::OPTIONS, {},
+        [&](void **options) {
+            return VSZOR_GetRuntimeOptions(ids.data(), static_cast<uint16_t>(ids.size()), options);
+        },
+        "'vsctl option get' lists the options that are set");
 }
 
 Result GetOptions(const Verb &, const Arguments &arguments)
 {
     std::vector<uint16_t> ids;
     for (const std::string &word : arguments.List("OPTION"))
-        ids.push_back(ParseOption(word));
+        ids.push_back(ParseWord(OPTION, word));
     return Rows(Options(ids));
 }
 
@@ -41,15 +35,15 @@ Bytes GivenOptions(const Arguments &arguments)
 {
     if (arguments.List("OPTION").empty()) return GivenBytes(arguments, 0, "OPTION=VALUE, --hex or --file");
     RequirePublishedLayout("OPTION=VALUE");
-    std::vector<std::pair<uint16_t, uint32_t>> options;
+    Json options = Json::array();
     for (const std::string &word : arguments.List("OPTION")) {
         const size_t sign = word.find('=');
         if (sign == std::string::npos)
             throw Error(Exit::BAD_VALUE, fmt::format("'{}' is not an option like NUMBER=VALUE", word));
-        const std::string_view value = std::string_view(word).substr(sign + 1);
-        options.emplace_back(ParseOption(word.substr(0, sign)), ParseNumber(value, UINT32_MAX));
+        options.push_back({{"option", ParseWord(OPTION, word.substr(0, sign), "the option")},
+                           {"value", ParseWord(VALUE, word.substr(sign + 1))}});
     }
-    return OptionsRecord(options);
+    return EncodeOptions(options);
 }
 
 // Whether setting the options has an effect; true where their layout is not published.
@@ -83,7 +77,7 @@ Result SetOptions(const Verb &, const Arguments &arguments)
 Result Rtm(const Verb &, const Arguments &arguments)
 {
     const Bytes record = GivenBytes(arguments, 0);
-    const uint32_t command = ParseNumber(arguments.Text("COMMAND"), UINT32_MAX);
+    const uint32_t command = arguments.Number("COMMAND", 0);
     uint32_t count = 0;
     if (record.size() >= sizeof count) memcpy(&count, record.data(), sizeof count);
     constexpr uint64_t HEADER = 9;
@@ -111,7 +105,7 @@ std::vector<Verb> RuntimeVerbs()
         Reads("stats teaming", ShowRecord<VSZOR_GetServicePortTeamingStats, Record::TEAMING_STATS>, {SWITCH},
               {"Show the teaming statistics of a switch's service port", "lab",
                "VSZOR_GetServicePortTeamingStats", "switch", Record::TEAMING_STATS}),
-        Reads("option get", GetOptions, {{"OPTION", Shape::ANY, "Numbers of options (default: all)"}},
+        Reads("option get", GetOptions, {{"OPTION", Shape::ANY, OPTION.help, Names::NONE, OPTION}},
               {"Show runtime options of the driver", "\n1 2", "VSZOR_GetRuntimeOptions",
                "option:number, value:number", Record::OPTIONS}),
         ChangesNow("option set", SetOptions,
@@ -119,7 +113,8 @@ std::vector<Verb> RuntimeVerbs()
                     FROM_FILE},
                    {"Set runtime options of the driver", "1=100 2=0", "VSZOR_SetRuntimeOptions",
                     "option:number, value:number", Record::OPTIONS}),
-        ChangesNow("rtm send", Rtm, {{"COMMAND", Shape::REQUIRED, "Number of the command"}, HEX, FROM_FILE},
+        ChangesNow("rtm send", Rtm,
+                   {{"COMMAND", Shape::REQUIRED, COMMAND.help, Names::NONE, COMMAND}, HEX, FROM_FILE},
                    {"Send a record to the RTM device", "7 --hex 000000000000000000", "VSZOR_RTMOp",
                     "command:number, entries:number, sent:boolean"}),
     };

@@ -1,33 +1,12 @@
 // vsctl port stats, nic list and mac find: what ports count, the host's NICs, and where an address is.
-#include "cli/verbs/statistics.h"
-
 #include <algorithm>
 #include <fmt/format.h>
 #include <map>
-#include <set>
 
 #include "cli/verbs/host_view.h"
 #include "cli/verbs/verb.h"
 
 namespace vsctl {
-
-VSwitchPortStatistics ReadStatistics(const Target &port)
-{
-    VSwitchPortStatistics statistics{};
-    PropValueBuffer buffer{sizeof statistics, &statistics};
-    const VsStatus status = VSDVS_GetPortProp(port.Alias(), port.Port(), "com.talpex.common.port.statistics",
-                                              &buffer, port.Alias(), true);
-    if (status == STATUS_NOT_FOUND && PortExists(port)) return statistics; // nothing is counted yet
-    CheckDriver(status, "reading the counters of", port);
-    return statistics;
-}
-
-uint64_t DroppedOf(const VSwitchPortStatistics &statistics)
-{
-    return statistics.droppedBlocked + statistics.droppedVlan + statistics.droppedSecurity +
-           statistics.droppedLearningLimit + statistics.droppedFilter + statistics.droppedLength +
-           statistics.droppedFloodLimit + statistics.droppedNotSent;
-}
 
 namespace {
 
@@ -52,16 +31,12 @@ Result ListOfNics(const Verb &, const Arguments &)
 Json EntriesOf(const std::string &alias, const std::string &address)
 {
     std::map<uint32_t, std::string> ports;
-    for (const vshost_port &port : PortsOf(alias))
+    Json entries = MacTable({alias, ""}, 0);
+    for (const vshost_port &port : PortsOf(alias)) {
         ports[port.number] = port.id;
-    Json entries = Json::array();
-    const auto add = [&](const Json &table) { entries.insert(entries.end(), table.begin(), table.end()); };
-    for (const auto &[number, port] : ports)
-        add(ReadRecords(Record::MAC_ENTRY, {alias, port}, [&, &port = port](void **table) {
-            return VSZOR_GetPortMACTable(alias.c_str(), port.c_str(), 0, table);
-        }));
-    add(ReadRecords(Record::MAC_ENTRY, {alias, ""},
-                    [&](void **table) { return VSZOR_GetTeamMACTable(alias.c_str(), 0, table); }));
+        for (Json &entry : MacTable({alias, port.id}, 0))
+            entries.push_back(std::move(entry));
+    }
     Json rows = Json::array();
     for (Json &entry : entries) {
         if (entry["address"] != address) continue;

@@ -13,32 +13,26 @@ constexpr const char *NOT_RUNNING = "not running";
 Json OrNull(const std::string &name) { return name.empty() ? Json() : Json(name); }
 
 // Names only: counting the ports of a large switch takes the driver a long time.
-Json ListRow(const std::string &portset)
+Json ListRow(const std::string &alias, const std::string &portset, const std::string &id, const char *state)
 {
-    const std::string alias = AliasOf(portset);
-    const std::string id = alias.empty() ? "" : SwitchId(alias);
-    return {{"switch", OrNull(alias)}, {"portset", portset}, {"id", OrNull(id)}, {"state", RUNNING}};
-}
-
-// A stored switch whose portset does not run, because its start, creation or destruction failed.
-Json StoppedRow(const std::string &id)
-{
-    const std::string alias = AliasOfId(id);
-    const std::string portset = alias.empty() ? "" : PortsetOf(alias);
-    return {{"switch", OrNull(alias)}, {"portset", OrNull(portset)}, {"id", id}, {"state", NOT_RUNNING}};
+    return {{"switch", OrNull(alias)}, {"portset", OrNull(portset)}, {"id", OrNull(id)}, {"state", state}};
 }
 
 Result List(const Verb &, const Arguments &)
 {
     Result result;
-    for (const std::string &portset : Portsets())
-        result.rows.push_back(ListRow(portset));
     std::set<std::string> running;
-    for (const Json &row : result.rows) {
-        if (!row["id"].is_null()) running.insert(row["id"]);
+    for (const std::string &portset : Portsets()) {
+        const std::string alias = AliasOf(portset);
+        const std::string id = alias.empty() ? "" : SwitchId(alias);
+        running.insert(id);
+        result.rows.push_back(ListRow(alias, portset, id, RUNNING));
     }
+    // A stored switch does not run when its start, creation or destruction failed.
     for (const std::string &id : StoredSwitchIds()) {
-        if (!running.contains(id)) result.rows.push_back(StoppedRow(id));
+        if (running.contains(id)) continue;
+        const std::string alias = AliasOfId(id);
+        result.rows.push_back(ListRow(alias, alias.empty() ? "" : PortsetOf(alias), id, NOT_RUNNING));
     }
     return result;
 }

@@ -5,13 +5,12 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <termios.h>
-#include <time.h>
 #include <unistd.h>
 
+#include "cli/base/clock.h"
 #include "cli/base/limit.h"
 #include "cli/base/output.h"
 #include "cli/verbs/parser.h"
-#include "cli/verbs/statistics.h"
 
 namespace vsctl {
 
@@ -19,28 +18,27 @@ namespace {
 
 volatile sig_atomic_t stopped = 0;
 
-struct Sample {
-    double time = 0;
-    std::vector<std::pair<Target, VSwitchPortStatistics>> ports;
-    std::vector<std::string> plugged; // the NIC or interface of each port
+struct Counted {
+    Target port;
+    Json plugged; // the NIC or interface of the port, or null
+    VSwitchPortStatistics counters;
 };
 
-double Now()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
+struct Sample {
+    double time = 0;
+    std::vector<Counted> ports;
+};
 
 Sample Measure(const std::vector<std::string> &aliases)
 {
-    Sample sample{Now(), {}, {}};
+    Sample sample{SecondsSinceBoot(), {}};
     for (const std::string &alias : aliases) {
         for (const vshost_port &port : PortsOf(alias)) {
             const Target target{alias, port.id};
+            const std::string plugged = *port.nic ? port.nic : port.interface;
             if (!PortExists(target)) continue; // it is gone meanwhile
-            sample.ports.emplace_back(target, ReadStatistics(target));
-            sample.plugged.emplace_back(*port.nic ? port.nic : port.interface);
+            sample.ports.push_back(
+                {target, plugged.empty() ? Json() : Json(plugged), ReadStatistics(target)});
         }
     }
     return sample;
@@ -52,34 +50,26 @@ uint64_t Rate(uint64_t before, uint64_t now, double seconds)
     return static_cast<uint64_t>(static_cast<double>(now >= before ? now - before : now) / seconds + 0.5);
 }
 
-Json RateRow(const Target &port, const std::string &plugged, const Json &rates)
-{
-    Json row = RowOf(port, {{"plugged", plugged.empty() ? Json() : Json(plugged)}});
-    row.update(rates);
-    return row;
-}
-
 uint64_t Busy(const Json &row) { return row["from-bits"].get<uint64_t>() + row["to-bits"].get<uint64_t>(); }
 
 // The busiest first, then those that drop most; the others in their order.
 Json Rates(const Sample &before, const Sample &now)
 {
     std::map<std::pair<std::string, std::string>, const VSwitchPortStatistics *> known;
-    for (const auto &[port, counted] : before.ports)
-        known[{port.alias, port.port}] = &counted;
+    for (const Counted &counted : before.ports)
+        known[{counted.port.alias, counted.port.port}] = &counted.counters;
     std::vector<Json> rows;
     const double seconds = std::max(now.time - before.time, 1e-3);
-    for (size_t i = 0; i < now.ports.size(); i++) {
-        const auto &[port, counted] = now.ports[i];
+    for (const auto &[port, plugged, counters] : now.ports) {
         const auto found = known.find({port.alias, port.port});
-        const VSwitchPortStatistics &old = found == known.end() ? counted : *found->second;
+        const VSwitchPortStatistics &old = found == known.end() ? counters : *found->second;
         const auto rate = [&](uint64_t was, uint64_t is) { return Rate(was, is, seconds); };
-        rows.push_back(RateRow(port, now.plugged[i],
-                               {{"from-packets", rate(old.fromPackets, counted.fromPackets)},
-                                {"from-bits", 8 * rate(old.fromBytes, counted.fromBytes)},
-                                {"to-packets", rate(old.toPackets, counted.toPackets)},
-                                {"to-bits", 8 * rate(old.toBytes, counted.toBytes)},
-                                {"dropped", rate(DroppedOf(old), DroppedOf(counted))}}));
+        rows.push_back(RowOf(port, {{"plugged", plugged},
+                                    {"from-packets", rate(old.fromPackets, counters.fromPackets)},
+                                    {"from-bits", 8 * rate(old.fromBytes, counters.fromBytes)},
+                                    {"to-packets", rate(old.toPackets, counters.toPackets)},
+                                    {"to-bits", 8 * rate(old.toBytes, counters.toBytes)},
+                                    {"dropped", rate(DroppedOf(old), DroppedOf(counters))}}));
     }
     std::stable_sort(rows.begin(), rows.end(), [](const Json &left, const Json &right) {
         return std::pair(Busy(left), left["dropped"].get<uint64_t>()) >
@@ -146,8 +136,8 @@ size_t ScreenLines()
 // Waits; false when the user leaves.
 bool Wait(double seconds)
 {
-    const double end = Now() + seconds;
-    for (double rest = seconds; rest > 0 && !stopped; rest = end - Now()) {
+    const double end = SecondsSinceBoot() + seconds;
+    for (double rest = seconds; rest > 0 && !stopped; rest = end - SecondsSinceBoot()) {
         pollfd keys{STDIN_FILENO, POLLIN, 0};
         char key = 0;
         if (poll(&keys, 1, static_cast<int>(rest * 1000) + 1) <= 0) continue;

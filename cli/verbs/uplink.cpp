@@ -8,14 +8,6 @@ namespace vsctl {
 
 namespace {
 
-std::string PortOfRunning(const std::string &uplink)
-{
-    char port[DV_PORT_ID_SIZE];
-    CheckDriver(VSZOR_GetUplinkDVPortID(uplink.c_str(), port), "finding the port of uplink", {"", uplink},
-                RunningUplinksAdvice("SWITCH"));
-    return Name(port, sizeof port);
-}
-
 Result List(const Verb &, const Arguments &arguments)
 {
     const std::string &alias = arguments.Text("SWITCH");
@@ -102,7 +94,10 @@ Result UpOrDown(const Verb &verb, const Arguments &arguments)
 Result Port(const Verb &, const Arguments &arguments)
 {
     const std::string &uplink = arguments.Text("UPLINK");
-    return Rows({{"uplink", uplink}, {"port", PortOfRunning(uplink)}});
+    char port[DV_PORT_ID_SIZE];
+    CheckDriver(VSZOR_GetUplinkDVPortID(uplink.c_str(), port), "finding the port of uplink", {"", uplink},
+                RunningUplinksAdvice("SWITCH"));
+    return Rows({{"uplink", uplink}, {"port", Name(port, sizeof port)}});
 }
 
 Result Numa(const Verb &, const Arguments &arguments)
@@ -117,11 +112,9 @@ Result Numa(const Verb &, const Arguments &arguments)
 
 Result Lags(const Verb &, const Arguments &arguments)
 {
-    DriverBuffer<> table;
-    CheckDriver(VSZOR_GetLAGTable(PortsetOf(arguments.Text("SWITCH")).c_str(), table.Out()),
-                "reading the LAGs of", arguments.Target());
-    const Json lags = Decode(Record::LAG_TABLE, table.Get(), LAG_TABLE_SIZE);
-    return Rows(lags);
+    const std::string portset = PortsetOf(arguments.Text("SWITCH"));
+    return Rows(ReadTable(Record::LAG_TABLE, arguments.Target(),
+                          [&](void **table) { return VSZOR_GetLAGTable(portset.c_str(), table); }));
 }
 
 }

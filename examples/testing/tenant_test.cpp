@@ -41,6 +41,6 @@ TEST_F(Tenant, LeavesNothingWhicheverWriteFails)
 TEST_F(Tenant, SeesADeadUplink)
 {
     EXPECT_EQ(LiveUplinks("lab"), 2);
-    ASSERT_EQ(vshost_scenario(R"({"nics": {"nic0": {"link": "down"}}})"), 0) << vshost_error();
+    ASSERT_EQ(vshost_scenario(R"({"nics": {"nic0": {"link": false}}})"), 0) << vshost_error();
     EXPECT_EQ(LiveUplinks("lab"), 1);
 }

@@ -26,5 +26,5 @@ def test_leaves_nothing_whichever_write_fails(host):
 
 def test_sees_a_dead_uplink(host):
     assert live_uplinks("lab") == ["nic0", "nic1"]
-    host.scenario(nics={"nic0": {"link": "down"}})
+    host.scenario(nics={"nic0": {"link": False}})
     assert live_uplinks("lab") == ["nic1"]

@@ -76,12 +76,12 @@ Json DescribeNics(const Host &host, Reader &reader)
     Json described = Json::array();
     for (const auto &[name, nic] : nics)
         described.push_back({{"name", name},
-                             {"link", nic.LinkUp() ? "up" : "down"},
-                             {"admin", nic.adminUp ? "up" : "down"},
+                             {"link", nic.LinkUp()},
+                             {"admin", nic.adminUp != 0},
                              {"speed", nic.speed},
-                             {"duplex", nic.fullDuplex ? "full" : "half"},
+                             {"full-duplex", nic.fullDuplex != 0},
                              {"mtu", nic.mtu},
-                             {"numaNode", nic.numaNode},
+                             {"numa-node", nic.numaNode},
                              {"switch", FieldText(nic.switchId)},
                              {"port", FieldText(nic.portId)}});
     return described;
@@ -179,8 +179,9 @@ void PrintNic(const Json &nic)
 {
     const std::string port = Get(nic, "port");
     printf("nic %s\n  link %s, admin %s, %u Mb/s, %s duplex, MTU %u, NUMA node %d\n  %s\n",
-           Get(nic, "name").c_str(), Get(nic, "link").c_str(), Get(nic, "admin").c_str(),
-           Number(nic, "speed"), Get(nic, "duplex").c_str(), Number(nic, "mtu"), nic["numaNode"].get<int>(),
+           Get(nic, "name").c_str(), nic["link"] ? "up" : "down", nic["admin"] ? "up" : "down",
+           Number(nic, "speed"), nic["full-duplex"] ? "full" : "half", Number(nic, "mtu"),
+           nic["numa-node"].get<int>(),
            port.empty() ? "free" : ("bound to " + port + " of " + Get(nic, "switch")).c_str());
 }
 

@@ -2,12 +2,14 @@
 
 #include <arpa/inet.h>
 #include <vshost.h>
+#include <vswitch_fields.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <span>
 #include <utility>
 
 #include "platform/host/group.h"
@@ -60,36 +62,6 @@ template<class Integer> void ReadNumber(const Json &object, const char *name, In
     number = object.value(name, number);
 }
 
-void ReadWord(const Json &object, const char *name, const char *set, uint8_t &flag)
-{
-    if (object.contains(name)) flag = object[name] == set;
-}
-
-// Fields of a packed record, which may be at any address.
-template<class Record, class Integer> using Fields = std::vector<std::pair<const char *, Integer Record::*>>;
-
-template<class Record, class Integer>
-void ReadFields(const Json &object, Record &record, const Fields<Record, Integer> &fields)
-{
-    for (const auto &[name, field] : fields)
-        if (object.contains(name)) {
-            const Integer number = object[name];
-            memcpy(static_cast<void *>(&(record.*field)), &number, sizeof(number));
-        }
-}
-
-// Changes the fields of the record under `key`.
-template<class Record, class Integer>
-void ApplyFields(Transaction &transaction, const std::string &key, const Json &object,
-                 const Fields<Record, Integer> &fields)
-{
-    if (object.is_null()) return;
-    Record record = {};
-    ReadRecord(transaction, key, record);
-    ReadFields(object, record, fields);
-    Check(PutRecord(transaction, key, record));
-}
-
 // The bytes of an address of any kind.
 std::string ParseAddress(const std::string &text, uint32_t &kind)
 {
@@ -106,6 +78,43 @@ std::string ParseAddress(const std::string &text, uint32_t &kind)
     return {reinterpret_cast<const char *>(bytes), AddressWidth(kind)};
 }
 
+// The last number of the word: an entry of the first one of a MAC table is a request's.
+uint64_t NumberOfWord(const vswitch::RecordField &field, const std::string &word)
+{
+    uint64_t number = std::size(field.words) - 1;
+    while (number > 0 && (!field.words[number] || word != field.words[number]))
+        number--;
+    return number;
+}
+
+// The fields of a record that a scenario can set.
+void ReadFields(const Json &object, std::span<const vswitch::RecordField> fields, void *record)
+{
+    for (const vswitch::RecordField &field : fields) {
+        const Json &member = Member(object, field.name);
+        uint32_t kind = 0;
+        if (member.is_null()) continue;
+        if (field.kind == vswitch::ADDRESS)
+            ParseAddress(member, kind).copy(static_cast<char *>(record) + field.offset, field.width);
+        else
+            SetNumber(field, record,
+                      member.is_string()    ? NumberOfWord(field, member)
+                      : member.is_boolean() ? member.get<bool>()
+                                            : member.get<uint64_t>());
+    }
+}
+
+// Changes the fields of the record under `key`.
+template<class Record>
+void ApplyFields(Transaction &transaction, const std::string &key, const Json &object,
+                 std::span<const vswitch::RecordField> fields, Record record = {})
+{
+    if (object.is_null()) return;
+    ReadRecord(transaction, key, record);
+    ReadFields(object, fields, &record);
+    Check(PutRecord(transaction, key, record));
+}
+
 // ---- NICs ----
 
 void ApplyNic(Transaction &transaction, const std::string &name, const Json &object)
@@ -113,17 +122,17 @@ void ApplyNic(Transaction &transaction, const std::string &name, const Json &obj
     Nic nic;
     const bool known = ReadRecord(transaction, runtime::NicKey(name), nic);
     ReadNumber(object, "speed", nic.speed);
-    ReadWord(object, "duplex", "full", nic.fullDuplex);
-    ReadWord(object, "link", "up", nic.link);
-    ReadWord(object, "admin", "up", nic.adminUp);
-    ReadNumber(object, "numaNode", nic.numaNode);
+    ReadNumber(object, "full-duplex", nic.fullDuplex);
+    ReadNumber(object, "link", nic.link);
+    ReadNumber(object, "admin", nic.adminUp);
+    ReadNumber(object, "numa-node", nic.numaNode);
     ReadNumber(object, "mtu", nic.mtu);
-    ReadNumber(object, "maxMtu", nic.maxMtu);
-    if (const Json &mtus = Member(object, "refusedMtus"); !mtus.is_null()) {
+    ReadNumber(object, "max-mtu", nic.maxMtu);
+    if (const Json &mtus = Member(object, "refused-mtus"); !mtus.is_null()) {
         std::fill(std::begin(nic.refusedMtus), std::end(nic.refusedMtus), 0);
         std::copy(mtus.begin(), mtus.end(), std::begin(nic.refusedMtus));
     }
-    if (nic.mtu > nic.maxMtu) throw SchemaViolation{"/nics/" + name, "mtu must not be above maxMtu"};
+    if (nic.mtu > nic.maxMtu) throw SchemaViolation{"/nics/" + name, "mtu must not be above max-mtu"};
     if (!known) nic.driverNumaNode = nic.numaNode;
     Check(PutNic(transaction, name, nic));
     if (const Json &bind = Member(object, "bind"); !bind.is_null())
@@ -135,40 +144,27 @@ void ApplyNic(Transaction &transaction, const std::string &name, const Json &obj
 void ApplyPort(Transaction &transaction, const std::string &portset, const std::string &portId,
                const Json &object)
 {
-    using Stats = VSwitchPortLearningStats;
-    for (const Json &entry : Member(object, "macs")) {
+    for (const Json &member : Member(object, "macs")) {
+        VSwitchMacEntry entry = {};
+        ReadFields(member, vswitch::MAC_ENTRY_FIELDS, &entry);
         MacRecord record;
-        uint16_t vlanId = 0;
-        uint32_t kind = 0;
         record.fromScenario = 1;
-        record.type = Text(entry, "type") == "learned" ? VSWITCH_MAC_LEARNED : VSWITCH_MAC_STATIC;
-        ReadNumber(entry, "age", record.age);
-        ReadNumber(entry, "vlan", vlanId);
-        const std::string address = ParseAddress(Text(entry, "address"), kind);
-        const auto *bytes = reinterpret_cast<const uint8_t *>(address.data());
-        Check(PutRecord(transaction, runtime::MacKey(portset, portId, vlanId, bytes), record));
+        record.age = entry.age;
+        if (entry.type) record.type = entry.type;
+        Check(PutRecord(transaction, runtime::MacKey(portset, portId, entry.vlanId, entry.address), record));
     }
-    ApplyFields<Stats, uint32_t>(transaction, runtime::PortStatsKey(portset, portId),
-                                 Member(object, "learning"),
-                                 {{"learned", &Stats::learned},
-                                  {"moved", &Stats::moved},
-                                  {"aged", &Stats::aged},
-                                  {"refused", &Stats::refused},
-                                  {"dropped", &Stats::dropped}});
+    ApplyFields<VSwitchPortLearningStats>(transaction, runtime::PortStatsKey(portset, portId),
+                                          Member(object, "learning"), vswitch::PORT_LEARNING_FIELDS);
 }
 
 void ApplyLag(Transaction &transaction, const std::string &portset, const std::string &name,
               const Json &object)
 {
     VSwitchLag lag = {};
+    ReadFields(object, vswitch::LAG_FIELDS, &lag);
     SetField(lag.name, name);
-    ReadWord(object, "mode", "active", lag.mode);
-    ReadWord(object, "timeout", "fast", lag.fastTimeout);
-    ReadNumber(object, "loadBalance", lag.loadBalance);
-    uint32_t count = 0;
     for (const Json &member : Member(object, "members"))
-        SetField(lag.members[count++], member.get<std::string>());
-    lag.memberCount = count;
+        SetField(lag.members[lag.memberCount++], member.get<std::string>());
     Check(PutRecord(transaction, runtime::LagKey(portset, name), lag));
 }
 
@@ -186,43 +182,17 @@ void ApplyLags(Transaction &transaction, const std::string &portset, const Json 
 
 void ApplyGroup(Transaction &transaction, const std::string &portset, const Json &object)
 {
-    using Stats = VSwitchMcastStats;
-    Stats stats = {};
+    VSwitchMcastStats stats = {};
     uint32_t kind = 0;
-    const std::string address = ParseAddress(Text(object, "address"), kind);
-    ReadFields<Stats, uint32_t>(object, stats,
-                                {{"vlan", &Stats::vlanId},
-                                 {"joins", &Stats::joins},
-                                 {"leaves", &Stats::leaves},
-                                 {"queries", &Stats::queries},
-                                 {"ports", &Stats::ports}});
-    stats.filter = Text(object, "filter") == "exclude";
+    ReadFields(object, vswitch::MCAST_FIELDS, &stats);
+    const std::string group = ParseAddress(Text(object, "group"), kind);
     std::string sources;
-    uint32_t count = 0;
     for (const Json &source : Member(object, "sources")) {
         sources += ParseAddress(source, kind);
-        count++;
+        stats.count++;
     }
-    stats.count = count;
-    Check(transaction.Put(runtime::GroupKey(portset, kind, stats.vlanId, address),
+    Check(transaction.Put(runtime::GroupKey(portset, kind, stats.vlanId, group),
                           std::string(BytesOf(stats)) + sources));
-}
-
-void ApplyMirrorStats(Transaction &transaction, const std::string &key, const Json &object)
-{
-    using Stats = VSwitchMirrorStats;
-    ApplyFields<Stats, uint64_t>(transaction, key, object,
-                                 {{"mirroredPackets", &Stats::mirroredPackets},
-                                  {"mirroredBytes", &Stats::mirroredBytes},
-                                  {"droppedPackets", &Stats::droppedPackets},
-                                  {"droppedBytes", &Stats::droppedBytes},
-                                  {"txPackets", &Stats::txPackets},
-                                  {"txBytes", &Stats::txBytes},
-                                  {"rxPackets", &Stats::rxPackets},
-                                  {"rxBytes", &Stats::rxBytes},
-                                  {"truncated", &Stats::truncated},
-                                  {"encapsulationErrors", &Stats::encapsulationErrors},
-                                  {"unreachable", &Stats::unreachable}});
 }
 
 void ApplyPromiscuousPorts(Transaction &transaction, const std::string &portset, const Json &ports)
@@ -234,25 +204,6 @@ void ApplyPromiscuousPorts(Transaction &transaction, const std::string &portset,
     Check(transaction.Put(runtime::PromiscuousKey(portset), portIds));
 }
 
-void ApplyRarp(Transaction &transaction, const std::string &portset, const Json &object)
-{
-    using Stats = VSwitchRarpStats;
-    ApplyFields<Stats, uint64_t>(transaction, runtime::RarpKey(portset), object,
-                                 {{"sent", &Stats::sent}, {"failed", &Stats::failed}});
-}
-
-void ApplyTeaming(Transaction &transaction, const std::string &portset, const Json &object)
-{
-    using Stats = VSwitchTeamingStats;
-    ApplyFields<Stats, uint64_t>(transaction, runtime::TeamingKey(portset), object,
-                                 {{"txPackets", &Stats::txPackets},
-                                  {"txBytes", &Stats::txBytes},
-                                  {"rxPackets", &Stats::rxPackets},
-                                  {"rxBytes", &Stats::rxBytes},
-                                  {"failovers", &Stats::failovers},
-                                  {"failbacks", &Stats::failbacks}});
-}
-
 void ApplyPortset(Transaction &transaction, const std::string &portset, const Json &object)
 {
     for (const auto &[portId, port] : Member(object, "ports").items())
@@ -260,26 +211,17 @@ void ApplyPortset(Transaction &transaction, const std::string &portset, const Js
     ApplyLags(transaction, portset, Member(object, "lags"));
     for (const Json &group : Member(object, "groups"))
         ApplyGroup(transaction, portset, group);
-    for (const auto &[id, session] : Member(object, "mirrorSessions").items())
-        ApplyMirrorStats(transaction, runtime::MirrorStatsKey(portset, id), session);
-    ApplyPromiscuousPorts(transaction, portset, Member(object, "promiscuousPorts"));
-    ApplyRarp(transaction, portset, Member(object, "rarp"));
-    ApplyTeaming(transaction, portset, Member(object, "teaming"));
+    for (const auto &[id, session] : Member(object, "mirror-sessions").items())
+        ApplyFields<VSwitchMirrorStats>(transaction, runtime::MirrorStatsKey(portset, id), session,
+                                        vswitch::MIRROR_FIELDS);
+    ApplyPromiscuousPorts(transaction, portset, Member(object, "promiscuous-ports"));
+    ApplyFields<VSwitchRarpStats>(transaction, runtime::RarpKey(portset), Member(object, "rarp"),
+                                  vswitch::RARP_FIELDS);
+    ApplyFields<VSwitchTeamingStats>(transaction, runtime::TeamingKey(portset), Member(object, "teaming"),
+                                     vswitch::TEAMING_FIELDS);
 }
 
 // ---- The whole host ----
-
-void ApplyLearningProps(Transaction &transaction, const Json &object)
-{
-    using Props = VSwitchLearningProps;
-    if (object.is_null()) return;
-    Props props = DEFAULT_LEARNING_PROPS;
-    ReadRecord(transaction, runtime::LearningPropsKey(), props);
-    props.enabled = object.value("enabled", props.enabled != 0);
-    ReadFields<Props, uint32_t>(object, props,
-                                {{"agingSeconds", &Props::agingSeconds}, {"limit", &Props::limit}});
-    Check(PutRecord(transaction, runtime::LearningPropsKey(), props));
-}
 
 void ApplyOptions(Transaction &transaction, const Json &options)
 {
@@ -329,7 +271,8 @@ void ApplyHost(Transaction &transaction, const Json &root)
         ApplyNic(transaction, name, nic);
     for (const auto &[name, portset] : Member(root, "portsets").items())
         ApplyPortset(transaction, name, portset);
-    ApplyLearningProps(transaction, Member(root, "macLearning"));
+    ApplyFields(transaction, runtime::LearningPropsKey(), Member(root, "mac-learning"),
+                vswitch::LEARNING_PROPS_FIELDS, DEFAULT_LEARNING_PROPS);
     ApplyOptions(transaction, Member(root, "options"));
 }
 
