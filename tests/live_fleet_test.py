@@ -86,7 +86,7 @@ class CutOff(PluggedHost):
 
     def test_also_when_nobody_is_left_to_undo_it_but_its_guard(self):
         self.wait_for("confirmed", self.ask(1, **{"2": {"vlan": {"priority": 3}}}))
-        cut = self.ask(2, 20, **{"2": {"vlan": {"id": 300}}})
+        cut = self.ask(2, 10, **{"2": {"vlan": {"id": 300}}})
         wait_until(lambda: self.row("port", "vlan", "one", "2")["id"] == 300, "the change")
         self.agent.kill()
         wait_until(lambda: self.row("port", "vlan", "one", "2")["id"] == 0, "the undo")

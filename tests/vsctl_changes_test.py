@@ -11,37 +11,11 @@ import select
 import signal
 import subprocess
 import time
-import unittest
 
-import jsonschema
-
-from vsctl_host import (BUILD, HOST, IO_ERROR, PLAN_SCHEMA, SANITIZED, SHELL, STORE, VSCTL, WRITES, OnHost, calls,
-                        killed_at, main, recorded, signalled_at, writes)
-
-LAB = """
-[switches.lab]
-id = "lab"
-uplinks = ["uplink0"]
-mtu = 9000
-multicast = "snooping"
-mac-learning = { aging = 300 }
-pvlan = [{ primary = 7, secondary = 8, type = "isolated" }, "0102030405060708"]
-mirror = [{ session = "s1", to = ["uplink0"] }, { session = "s2", settings = "%s" }]
-teaming = { algorithm = "l4", active = ["uplink0"] }
-ls-teaming = [{ name = "gold", standby = ["uplink0"], notify = true }]
-[switches.lab.ports."port0..port1"]
-vlan = { id = 100, priority = 3, ranges = ["7-7"] }
-security = { lock-address = true, static-only = true }
-eth-filter = "%s"
-mirror = [{ session = "a", from = ["port1"], received-by = ["port0", "#7"] }]
-[switches.lab.ports.uplink0]
-override = "east"
-""" % ("aB" * 184, "aB" * 200)
+from vsctl_host import (BUILD, HOST, LAB, SANITIZED, VSCTL, WRITES, OnHost, calls, killed_at, main, recorded,
+                        signalled_at, writes)
 
 PLATFORM = ctypes.CDLL(str(BUILD / "platform/liborkPublic.so"))
-
-# Undo and resume take turns at the writes; under a sanitizer, where a process is slow, at some of them.
-STRIDE = 7 if SANITIZED else 2
 
 
 class Changes(OnHost):
@@ -269,13 +243,6 @@ mtuu = 7
             os.close(master)
             self.assertEqual(re.search(rb"\[#+ *\] \d+/100 steps, \d+/s, \d+ s left", shown) is not None, is_shown)
 
-    def test_export_is_a_plan_without_difference(self):
-        self.rows("apply", self.write("lab.toml", LAB))
-        for options in ([], ["--json"]):
-            text = self.run_vsctl("export", "lab/port0,port1,uplink0", *options)
-            self.assertEqual(self.rows("plan", "-", stdin=text), [])
-        jsonschema.validate(json.loads(text), PLAN_SCHEMA)
-
     def test_faults_of_a_file_are_named(self):
         for where, text in (
                 (":2:", "[switches.lab]\nmtuu = 1500\n"), (":2:", "[switches.lab]\nmtu = 90000\n"),
@@ -296,41 +263,6 @@ mtuu = 7
         self.assertEqual(self.rows("apply", "-", "--allow-removals",
                                    stdin="[switches.lab]\nabsent = true\n")[0]["after"], None)
 
-    def sweep(self, kind, operation, outcome, words, stdin=None):
-        """Fails the 1st, 2nd, 3rd … call until the change succeeds; a change that fails must leave no trace."""
-        before = self.exported()
-        for nth in range(1, 200):
-            HOST.vshost_fail(kind, operation, nth, 1, outcome)
-            done = self.process(*words, stdin=stdin)
-            failed = HOST.vshost_failed()
-            HOST.vshost_clear()
-            if not failed:
-                self.assertEqual(done.returncode, 0, done.stderr)
-                return nth
-            if done.returncode != 0:
-                self.assertNotEqual(done.returncode, 9, done.stderr)
-                self.assertEqual(self.exported(), before, f"{operation} {nth}: {done.stderr}")
-                self.assertFalse(self.journal().exists())
-            else:
-                return nth  # the library ignores the failure of that call
-        self.fail("never goes through")
-
-    def test_undo_at_each_step(self):
-        for operation in ("DVSZOR_PortDataSet", "DVSZOR_PortAdd", "DVSZOR_GlobalPropSet", "DVSZOR_HostPropSet",
-                          "DVSZOR_SwitchAdd", "DVSZOR_SwitchAssociate"):
-            with self.subTest(operation):
-                self.sweep(STORE, operation.encode(), IO_ERROR, ["apply", "-"], LAB)
-                self.run_vsctl("switch", "destroy", "lab")
-        self.sweep(SHELL, b"set", 1, ["apply", "-"], LAB)
-        change = "[switches.lab]\nuplinks = ['u9']\nmtu = 1400\n" \
-                 "[switches.lab.ports.port0]\nclear = ['vlan']\nsecurity = { static-only = true }\n" \
-                 "[switches.lab.ports.port1]\nabsent = true\n"
-        for operation in ("DVSZOR_PortDataClear", "DVSZOR_PortRemove", "DVSZOR_GlobalPropSet", "DVSZOR_HostPropSet"):
-            with self.subTest(operation):
-                self.sweep(STORE, operation.encode(), IO_ERROR, ["apply", "-", "--allow-removals"], change)
-                self.run_vsctl("switch", "destroy", "lab")
-                self.run_vsctl("apply", "-", stdin=LAB)
-
     def test_a_teaming_policy_names_uplinks_of_its_switch(self):
         """Those that are there, or that the same change adds first."""
         self.run_vsctl("apply", "-", stdin=LAB)
@@ -350,56 +282,6 @@ mtuu = 7
 
     def journal(self):
         return self.directory / "host/vsctl/journal.cbor"
-
-    def state(self):
-        """The state that an undo restores and a resumed change reaches: all except the numbers of ports."""
-        opaque = self.process("property", "get", "lab", "com.talpex.port.extraConfig.vnic.external.id", "--port", "o")
-        return self.exported(), opaque.stdout
-
-    def test_kill_at_each_write_then_undo_or_resume(self):
-        lines = ["uplink add lab u8 u9", "mirror add lab s1 --to port0", "mirror add lab s2 --to port0",
-                 "mirror add lab s3 --to port0", "mirror remove lab s3", "pvlan add lab 7 --isolated 8",
-                 "ls-teaming add lab gold --active u8", "port block lab port0 on",
-                 f"port eth-filter lab port1 --hex {'ab' * 200}", "port sink lab port1 off", "port vlan lab port2 5",
-                 "port vlan lab port2 6",
-                 "port remove lab o", "port add lab o --external-id text", "property set lab k --text a",
-                 "property set lab k --text b",
-                 "uplink remove lab uplink0", "uplink clear lab", "uplink set lab port9 e2", "uplink down lab nic1"]
-        prepare = ["switch create lab --id lab --uplinks 2 --ports 4", "port add lab o --external-id \udcff"]
-        for prepared, words, stdin in (([], ["apply", "-"], LAB),
-                                       (prepare, ["batch", "--allow-removals"], "\n".join(lines)),
-                                       ([], "switch create lab --id lab --uplinks 1 --ports 2".split(), None),
-                                       (["switch create lab --id lab --ports 1"],
-                                        "port vlan lab port0 --priority 5".split(), None),
-                                       (["switch create lab --id lab --uplinks 1 --version 7"],
-                                        ["batch", "--allow-removals"],
-                                        "switch destroy lab\nswitch create other --id other --ports 2 --uplinks 2")):
-            def restart():
-                for alias in ("lab", "other"):
-                    self.process("switch", "destroy", alias)
-                for line in prepared:
-                    self.run_vsctl(*line.split())
-            restart()
-            before = self.state()
-            self.run_vsctl(*words, stdin=stdin)
-            after = self.state()
-            restart()
-            for finish, wanted in (("--undo", before), ("--resume", after)):
-                cut = 0
-                for nth in range(1 + (finish == "--resume"), 400, STRIDE if stdin else 1):
-                    if not killed_at(nth, *words, stdin=stdin):
-                        break
-                    if not self.journal().exists():
-                        continue  # before the first step
-                    if not cut:
-                        self.assertIn("cut short", self.run_vsctl("batch", stdin="switch create other", code=1))
-                    cut += 1
-                    self.run_vsctl("apply", finish)
-                    self.assertEqual(self.state(), wanted, f"{finish} after a cut at write {nth}")
-                    if finish == "--resume":
-                        restart()
-                self.assertGreater(cut, 20 / STRIDE if stdin else 0)
-                restart()
 
     def test_changes_are_refused_while_one_is_unfinished(self):
         self.run_vsctl("switch", "create", "lab", "--id", "lab", "--uplinks", "1", "--ports", "4")
@@ -482,20 +364,6 @@ mtuu = 7
         for key, wanted in (("k", 'a \\ "b'), ("l", 'a b" cd')):
             self.assertEqual(self.rows("property", "get", "lab", key)[0]["text"], wanted)
         self.assertEqual(self.rows("port", "override", "lab", "port0")[0]["override"], "")
-
-    def test_dry_run_before_the_noun_changes_nothing_either(self):
-        self.create()
-        file = self.write("lab.toml", "[switches.lab]\nmtu = 4000\n")
-        for words in (["mac", "add", "lab", "port0", "--address", "02:00:00:00:00:01"],
-                      ["mac", "props", "--aging", "7"], ["option", "set", "3=9"],
-                      ["option", "set", "4=0"], ["rtm", "send", "7", "--hex", "00" * 9],
-                      ["uplink", "numa", "lab"],
-                      ["uplink", "down", "lab", "nic0"], ["port", "vlan", "lab", "port0", "9"], ["apply", file],
-                      ["switch", "destroy", "lab"]):
-            for order in (["--dry-run", *words], [*words, "--dry-run"]):
-                HOST.vshost_record(1)
-                self.assertIn(self.process(*order, "--json").returncode, (0, 10))
-                self.assertEqual(writes(), [], order)
 
     def test_changes_of_one_host_come_one_at_a_time(self):
         self.create()

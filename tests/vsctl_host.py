@@ -35,6 +35,26 @@ OUTPUT = jsonschema.Draft202012Validator(OUTPUT_SCHEMA)
 WRITES = {"DVSZOR_GlobalPropSet", "DVSZOR_GlobalPropClear", "DVSZOR_HostPropSet", "DVSZOR_HostPropClear",
           "DVSZOR_PortDataSet", "DVSZOR_PortDataClear", "DVSZOR_PortAdd", "DVSZOR_PortRemove", "DVSZOR_SwitchAdd",
           "DVSZOR_SwitchRemove", "DVSZOR_SwitchAssociate", "DVSZOR_SwitchDissociate", "create", "destroy", "set"}
+# A switch with something of each kind.
+LAB = """
+[switches.lab]
+id = "lab"
+uplinks = ["uplink0"]
+mtu = 9000
+multicast = "snooping"
+mac-learning = { aging = 300 }
+pvlan = [{ primary = 7, secondary = 8, type = "isolated" }, "0102030405060708"]
+mirror = [{ session = "s1", to = ["uplink0"] }, { session = "s2", settings = "%s" }]
+teaming = { algorithm = "l4", active = ["uplink0"] }
+ls-teaming = [{ name = "gold", standby = ["uplink0"], notify = true }]
+[switches.lab.ports."port0..port1"]
+vlan = { id = 100, priority = 3, ranges = ["7-7"] }
+security = { lock-address = true, static-only = true }
+eth-filter = "%s"
+mirror = [{ session = "a", from = ["port1"], received-by = ["port0", "#7"] }]
+[switches.lab.ports.uplink0]
+override = "east"
+""" % ("aB" * 184, "aB" * 200)
 SANITIZED = b"__asan_init" in pathlib.Path(VSCTL).read_bytes()
 ran = set()
 
@@ -134,6 +154,20 @@ class OnHost(unittest.TestCase):
 
     def create(self):
         self.rows("switch", "create", "lab", "--uplinks", "2", "--ports", "4")
+
+    def copied(self):
+        """A copy of the host. Another process makes it: to close a file of a database ends all locks on it."""
+        copy = self.directory / "copy"
+        shutil.rmtree(copy, ignore_errors=True)
+        subprocess.run(["cp", "-r", self.directory / "host", copy], check=True)
+        return copy
+
+    def restart(self, copy):
+        """The host is what it was when it was copied."""
+        HOST.vshost_stop()
+        shutil.rmtree(self.directory / "host")
+        shutil.copytree(copy, self.directory / "host")
+        self.assertEqual(HOST.vshost_start(str(self.directory / "host").encode(), 0), 0)
 
     def exported(self):
         """The whole configuration, except for random ids."""

@@ -410,13 +410,6 @@ class Verbs(OnHost):
                     self.assertGreater(len(error["problem"]), 10, order)
                 self.assertRegex(self.process(*words).stderr, r"\Avsctl: [^\n]+\n\Z")
 
-    def test_dry_run_changes_nothing(self):
-        self.create()
-        before = HOST.vshost_fingerprint()
-        self.assertEqual(self.rows("port", "vlan", "lab", "port0", "5", "--dry-run", code=10)[0]["before"]["id"], 0)
-        self.rows("mac", "add", "lab", "port0", "--address", "02:00:00:00:00:01", "--dry-run", code=10)
-        self.assertEqual(HOST.vshost_fingerprint(), before)
-
     def test_a_found_alias_is_checked_back(self):
         self.rows("switch", "create", "aa", "--portset", "vs")
         self.rows("switch", "create", "bb", "--portset", "vs1")

@@ -6,9 +6,9 @@ import shutil
 import subprocess
 import time
 
-from vsctl_host import BUILD, DRIVER, HOST, IO_ERROR, SANITIZED, SHELL, STORE, VSCTL, WRITES, OnHost, killed_at, main
+from vsctl_host import (BUILD, DRIVER, HOST, IO_ERROR, LAB, SANITIZED, SHELL, STORE, VSCTL, WRITES, OnHost, killed_at,
+                        main)
 
-STRIDE = 17 if SANITIZED else 5
 PLATFORM = ctypes.CDLL(str(BUILD / "platform/liborkPublic.so"))
 
 
@@ -66,18 +66,6 @@ class Undo(OnHost):
             self.unchanged(["apply", "-", "--allow-removals"], code, reason, stdin=text)
             self.refused(["plan", "-"], code, reason, stdin=text)
 
-    def test_a_dry_run_of_what_changes_the_driver_at_once(self):
-        address = "--address 02:00:00:00:00:01"
-        for words, again in ((f"mac add lab port0 {address}", 0), (f"mac remove lab port0 {address}", 3),
-                             ("mac props --aging 7", 0), ("option set 3=9", 0),
-                             ("uplink numa lab", 10)):
-            self.rows(*words.split(), "--dry-run", code=10)
-            self.rows(*words.split())
-            dry = self.process(*words.split(), "--dry-run")
-            self.assertEqual(dry.returncode, again, words)
-            self.assertIn("nothing to change\n" if again == 0 else "", dry.stdout)
-        self.run_vsctl("mac", "add", "lab", "nope", *address.split(), "--dry-run", code=3)
-
     def test_steps_are_checked_in_their_order(self):
         for code, lines in ((0, "switch create new --ports 1\nport add new x\nuplink add new u\n"
                                 "uplink remove new u\nport add new u\nport remove new x"),
@@ -108,7 +96,7 @@ class Undo(OnHost):
         """Switches whose ports, uplinks and policies are as no new ones are."""
         nics = b'{"nics": {"nic5": {}, "nic6": {}, "nic7": {"mtu": 3000}}}'
         self.assertEqual(HOST.vshost_scenario(nics), 0, HOST.vshost_error())
-        lines = ["port remove prod port0", "port add lab o --external-id text", "port add lab q --connect-id 9",
+        lines = ["port remove prod port0", "port add lab q --connect-id 9",
                  "port remove lab port1", "port add prod z", "port vlan lab uplink0 7 --priority 3",
                  "port vlan lab port0 --trunk 5-9", "port vlan lab port2 --clear",
                  "port security lab uplink1 --static-only",
@@ -122,8 +110,10 @@ class Undo(OnHost):
                  "switch create free --id free --uplinks 1", "switch destroy free", "port remove prod port1",
                  "property clear lab com.talpex.common.opaqueDvs", "port add lab f0..f9"]
         self.run_vsctl("batch", "--allow-removals", stdin="\n".join(lines))
+        self.run_vsctl("port", "add", "lab", "o", "--external-id", "\udcff")
         self.run_vsctl("mac", "add", "lab", "q", "--address", "02:00:00:00:00:01", "--vlan", "7")
 
+    # A command, lines of a batch, or a file.
     CHANGES = ["switch destroy lab", "port remove lab q", "uplink remove lab uplink0", "uplink set lab e1 e2",
                "uplink clear lab", "switch mtu lab 9000", "switch mtu third 9000\nport add third x",
                "uplink clear lab\nuplink add lab e1\nuplink add third e2\nuplink add prod e3\nport add prod y1\n"
@@ -137,7 +127,23 @@ class Undo(OnHost):
                "uplink remove lab u9\nuplink add third t2\nport remove lab q\nport add prod y\nswitch destroy lab\n"
                "port add third a\nswitch create new --id n --uplinks 2",
                "switch destroy prod\nswitch destroy third\nuplink add lab e1\nport add lab x,y,z",
-               "property set lab com.example.x --text b\nproperty clear lab com.example.y --level host"]
+               "property set lab com.example.x --text b\nproperty clear lab com.example.y --level host",
+               LAB.replace("lab", "rich"), "port vlan lab port0 --priority 5",
+               '[switches.lab]\nuplinks = ["u9"]\nmtu = 1400\n[switches.lab.ports.port0]\nclear = ["vlan"]\n'
+               "security = { static-only = true }\n[switches.lab.ports.port2]\nabsent = true\n",
+               "uplink down lab nic2\nmirror add lab t1 --to port0\nmirror add lab t2 --to port0\nmirror remove lab t1\n"
+               "ls-teaming add lab gold --active u8\nport block lab port0 on\nport sink lab q off\n"
+               "port vlan lab port2 5\nport vlan lab port2 6\nport remove lab o\n"
+               "port add lab o --external-id text\nproperty set lab k --text a\nproperty set lab k --text b\n"
+               "uplink remove lab uplink0\nuplink clear lab\nuplink set lab port9 e2"]
+    if SANITIZED:  # a process starts slowly there
+        CHANGES = CHANGES[2::4]
+
+    def command(self, change):
+        """Its words, and what it reads."""
+        if change.lstrip().startswith("["):
+            return ["apply", "-", "--allow-removals"], change
+        return (["batch", "--allow-removals"], change) if "\n" in change else (change.split(), None)
 
     def faults(self):
         """The calls that are made to fail: each kind of write by itself, and any call here and there."""
@@ -151,13 +157,14 @@ class Undo(OnHost):
     def test_a_change_that_fails_at_any_call_is_undone_whole(self):
         self.full_host()
         for change in self.CHANGES:
+            words, stdin = self.command(change)
             start = self.copied()
             before, passed = HOST.vshost_fingerprint(), None
             for kind, operation, nth, outcome in self.faults():
                 if passed == (kind, operation):
                     continue
                 HOST.vshost_fail(kind, operation, nth, 1, outcome)
-                done = self.process("batch", "--allow-removals", stdin=change)
+                done = self.process(*words, stdin=stdin)
                 failed = HOST.vshost_failed()
                 HOST.vshost_clear()
                 place = f"{change}: {operation} {nth}: {done.stderr}"
@@ -169,19 +176,28 @@ class Undo(OnHost):
                 self.assertEqual(HOST.vshost_fingerprint(), before, place)
             self.restart(start)
 
-    def test_a_change_that_is_killed_at_any_write_is_undone_whole(self):
+    def test_a_change_that_is_killed_at_any_write_is_undone_or_finished_whole(self):
         self.full_host()
-        for change in self.CHANGES:
-            start, cut = self.copied(), 0
+        for number, change in enumerate(self.CHANGES):
+            words, stdin = self.command(change)
+            start, cut = self.copied(), number
             before = HOST.vshost_fingerprint()
-            for nth in range(1, 2000, min(STRIDE, 5)):  # the shortest change has few writes
-                if not killed_at(nth, "batch", "--allow-removals", stdin=change):
+            self.run_vsctl(*words, stdin=stdin)
+            after = HOST.vshost_fingerprint()
+            self.restart(start)
+            for nth in range(1, 2000, 5 if stdin else 2):
+                if not killed_at(nth, *words, stdin=stdin):
                     break
+                finish, wanted = (("--undo", before), ("--resume", after))[cut % 2]
                 if (self.directory / "host/vsctl/journal.cbor").exists():
                     cut += 1
-                    self.run_vsctl("apply", "--undo")
-                self.assertEqual(HOST.vshost_fingerprint(), before, f"{change}: cut at write {nth}")
-            self.assertGreater(cut, 0, change)
+                    self.run_vsctl("apply", finish)
+                else:  # before the first step
+                    wanted = before
+                self.assertEqual(HOST.vshost_fingerprint(), wanted, f"{change}: {finish} after a cut at write {nth}")
+                if wanted == after:
+                    self.restart(start)
+            self.assertGreater(cut, number, change)
             self.restart(start)
 
     def test_a_file_that_is_not_confirmed_is_undone_whole(self):
@@ -240,20 +256,6 @@ class Undo(OnHost):
         ports = before["lab"]["ports"]
         before["lab"]["ports"] = {port: ports[port] for port in ports if port.startswith("uplink")}
         self.assertEqual(self.exported(), before)
-
-    def copied(self):
-        """A copy of the host. Another process makes it: to close a file of a database ends all locks on it."""
-        copy = self.directory / "copy"
-        shutil.rmtree(copy, ignore_errors=True)
-        subprocess.run(["cp", "-r", self.directory / "host", copy], check=True)
-        return copy
-
-    def restart(self, copy):
-        """The host is what it was when it was copied."""
-        HOST.vshost_stop()
-        shutil.rmtree(self.directory / "host")
-        shutil.copytree(copy, self.directory / "host")
-        self.assertEqual(HOST.vshost_start(str(self.directory / "host").encode(), 0), 0)
 
 
 if __name__ == "__main__":
