@@ -131,8 +131,9 @@ class Undo(OnHost):
                LAB.replace("lab", "rich"), "port vlan lab port0 --priority 5",
                '[switches.lab]\nuplinks = ["u9"]\nmtu = 1400\n[switches.lab.ports.port0]\nclear = ["vlan"]\n'
                "security = { static-only = true }\n[switches.lab.ports.port2]\nabsent = true\n",
-               "uplink down lab nic2\nmirror add lab t1 --to port0\nmirror add lab t2 --to port0\nmirror remove lab t1\n"
-               "ls-teaming add lab gold --active u8\nport block lab port0 on\nport sink lab q off\n"
+               "uplink down lab nic2\nmirror add lab t1 --to port0\nmirror add lab t2 --to port0\n"
+               "mirror remove lab t1\nls-teaming add lab gold --active u8\nport block lab port0 on\n"
+               "port sink lab q off\n"
                "port vlan lab port2 5\nport vlan lab port2 6\nport remove lab o\n"
                "port add lab o --external-id text\nproperty set lab k --text a\nproperty set lab k --text b\n"
                "uplink remove lab uplink0\nuplink clear lab\nuplink set lab port9 e2"]
