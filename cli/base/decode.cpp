@@ -195,18 +195,16 @@ std::string AddressText(const uint8_t *bytes, size_t size)
 Bytes ParseAddress(const std::string &text, size_t size)
 {
     Bytes bytes(sizeof(in6_addr));
-    if (const ether_addr *ethernet = ether_aton(text.c_str())) {
-        bytes.assign(ethernet->ether_addr_octet, ethernet->ether_addr_octet + sizeof *ethernet);
-    } else if (inet_pton(AF_INET, text.c_str(), bytes.data()) == 1) {
-        bytes.resize(sizeof(in_addr));
-    } else if (inet_pton(AF_INET6, text.c_str(), bytes.data()) != 1) {
-        bytes.clear();
-    }
-    if (bytes.empty() || (size && bytes.size() != size)) {
+    const size_t length = ether_aton_r(text.c_str(), reinterpret_cast<ether_addr *>(bytes.data()))
+                              ? sizeof(ether_addr)
+                          : inet_pton(AF_INET, text.c_str(), bytes.data()) == 1  ? sizeof(in_addr)
+                          : inet_pton(AF_INET6, text.c_str(), bytes.data()) == 1 ? sizeof(in6_addr)
+                                                                                 : 0;
+    if (length == 0 || (size && length != size))
         throw Error(Exit::BAD_VALUE,
                     fmt::format("'{}' is not a {} address", text, size == 6 ? "MAC" : "group"),
                     size == 6 ? "write it like 02:00:00:00:00:01" : "write it like 224.1.1.1 or ff02::1");
-    }
+    bytes.resize(length);
     return bytes;
 }
 
@@ -232,14 +230,10 @@ void RequireStation(const ZorMacTableEntry &bytes)
 {
     if (!IsEmbedded()) return;
     const auto entry = Load<VSwitchMacEntry>(&bytes);
-    const uint8_t nothing[sizeof entry.address] = {};
-    const bool isGroup = entry.address[0] & 1;
-    if (isGroup || memcmp(entry.address, nothing, sizeof nothing) == 0) {
-        throw Error(
-            Exit::BAD_VALUE,
-            fmt::format("{} is not a unicast address", AddressText(entry.address, sizeof entry.address)),
-            "its first byte must be even, and one of its bytes not zero");
-    }
+    const std::string address = AddressText(entry.address, sizeof entry.address);
+    if (entry.address[0] & 1 || address == "00:00:00:00:00:00")
+        throw Error(Exit::BAD_VALUE, fmt::format("{} is not a unicast address", address),
+                    "its first byte must be even, and one of its bytes not zero");
     if (entry.vlanId > 4094 || entry.type > VSWITCH_MAC_LEARNED)
         throw Error(Exit::BAD_VALUE, "the VLAN or type of the entry is out of range");
 }
@@ -322,8 +316,8 @@ bool IsAssociated(const std::string &portset)
 Json MaxPorts(const std::string &portset)
 {
     VSwitchInfo info{};
-    if (!IsEmbedded() || VSZOR_GetVSInfo(portset.c_str(), &info) != STATUS_OK) return nullptr;
-    return uint32_t{info.ports};
+    const bool isKnown = IsEmbedded() && VSZOR_GetVSInfo(portset.c_str(), &info) == STATUS_OK;
+    return isKnown ? Json(uint32_t{info.ports}) : Json();
 }
 
 }

@@ -3,21 +3,18 @@
 
 #include <charconv>
 #include <fmt/format.h>
+#include <vswitch_fields.h>
 #include <vswitch_policy.h>
 
 namespace vsctl {
 
 namespace {
 
-struct EntryKind {
-    const char *name;
-    uint32_t (*count)(const MirrorSessionRecord &);
-};
-
-constexpr EntryKind ENTRY_KINDS[] = {
-    {"from", [](const MirrorSessionRecord &session) -> uint32_t { return session.entryCountA; }},
-    {"received-by", [](const MirrorSessionRecord &session) -> uint32_t { return session.entryCountB; }},
-    {"to", [](const MirrorSessionRecord &session) -> uint32_t { return session.entryCountC; }},
+// How many entries of each kind a session has, in the order in which they follow each other.
+constexpr vswitch::RecordField ENTRY_COUNTS[] = {
+    {"from", offsetof(MirrorSessionRecord, entryCountA), sizeof(uint32_t)},
+    {"received-by", offsetof(MirrorSessionRecord, entryCountB), sizeof(uint32_t)},
+    {"to", offsetof(MirrorSessionRecord, entryCountC), sizeof(uint32_t)},
 };
 
 std::optional<VSwitchMirrorPort> NamedEntry(const std::string &text)
@@ -37,8 +34,8 @@ Json SessionToJson(const MirrorSessionRecord &session, std::span<const MirrorPor
     Json value = {{"session", Name(session.sessionId, sizeof session.sessionId)},
                   {"settings", Hex(session.settings, sizeof session.settings)}};
     uint64_t next = session.firstPortEntry;
-    for (const EntryKind &kind : ENTRY_KINDS) {
-        const uint64_t count = kind.count(session);
+    for (const vswitch::RecordField &kind : ENTRY_COUNTS) {
+        const uint64_t count = NumberOf(kind, &session);
         if (next + count > entries.size()) {
             throw Error(Exit::FAILURE,
                         fmt::format("mirror session {} counts more port entries than the list holds",
@@ -52,9 +49,16 @@ Json SessionToJson(const MirrorSessionRecord &session, std::span<const MirrorPor
     return value;
 }
 
-uint32_t EntryCount(const Json &session, const char *kind)
+MirrorSessionRecord SessionRecord(const Json &session, uint32_t firstPortEntry)
 {
-    return session.contains(kind) ? static_cast<uint32_t>(session[kind].size()) : 0;
+    MirrorSessionRecord record{};
+    session["session"].get_ref<const std::string &>().copy(record.sessionId, sizeof record.sessionId);
+    const Bytes settings = RecordFromJson(MIRROR_SESSION, session.value("settings", session));
+    memcpy(record.settings, settings.data(), sizeof record.settings);
+    for (const vswitch::RecordField &kind : ENTRY_COUNTS)
+        SetNumber(kind, &record, session.value(kind.name, Json::array()).size());
+    record.firstPortEntry = firstPortEntry;
+    return record;
 }
 
 }
@@ -102,30 +106,13 @@ Json SessionsToJson(const MirrorSessionList *list)
     return value;
 }
 
-namespace {
-
-MirrorSessionRecord SessionRecord(const Json &session, uint32_t firstPortEntry)
-{
-    MirrorSessionRecord record{};
-    session["session"].get_ref<const std::string &>().copy(record.sessionId, sizeof record.sessionId);
-    const Bytes settings = RecordFromJson(MIRROR_SESSION, session.value("settings", session));
-    memcpy(record.settings, settings.data(), sizeof record.settings);
-    record.entryCountA = EntryCount(session, "from");
-    record.entryCountB = EntryCount(session, "received-by");
-    record.entryCountC = EntryCount(session, "to");
-    record.firstPortEntry = firstPortEntry;
-    return record;
-}
-
-}
-
 Bytes SessionsFromJson(const Json &sessions)
 {
     std::vector<MirrorSessionRecord> records;
     std::vector<MirrorPortEntry> entries;
     for (const Json &session : sessions) {
         records.push_back(SessionRecord(session, static_cast<uint32_t>(entries.size())));
-        for (const EntryKind &kind : ENTRY_KINDS) {
+        for (const vswitch::RecordField &kind : ENTRY_COUNTS) {
             for (const Json &entry : session.value(kind.name, Json::array()))
                 entries.push_back(PortEntryOf(entry));
         }

@@ -45,6 +45,19 @@ std::optional<std::vector<Entry>> Listed(const std::string &switchId, const char
                 AdviceFor(Exit::UNREACHABLE));
 }
 
+void SwitchBulk(int on)
+{
+    static auto *const bulk = PlatformFunction<decltype(vshost_bulk)>("vshost_bulk");
+    if (bulk) bulk(on);
+}
+
+// What the platform says of a call that failed.
+std::string FaultOf(int error)
+{
+    static auto *const fault = PlatformFunction<decltype(vshost_error)>("vshost_error");
+    return error == 0 ? "" : fault ? fault() : strerror(error);
+}
+
 }
 
 bool IsEmbedded()
@@ -97,29 +110,8 @@ int RestorePlace(const std::string &switchId, const vshost_port &port)
     return restore(switchId.c_str(), &port);
 }
 
-namespace {
-
-void SwitchBulk(int on)
-{
-    static auto *const bulk = PlatformFunction<decltype(vshost_bulk)>("vshost_bulk");
-    if (bulk) bulk(on);
-}
-
-}
-
 Bulk::Bulk() { SwitchBulk(1); }
 Bulk::~Bulk() { SwitchBulk(0); }
-
-namespace {
-
-// What the platform says of a call that failed.
-std::string FaultOf(int error)
-{
-    static auto *const fault = PlatformFunction<decltype(vshost_error)>("vshost_error");
-    return error == 0 ? "" : fault ? fault() : strerror(error);
-}
-
-}
 
 std::string Plug(const std::string &alias, const std::string &port, const std::string &interface)
 {

@@ -63,19 +63,17 @@ Result Stats(const Verb &, const Arguments &arguments)
                       })));
 }
 
-bool HasFields(const Arguments &arguments)
-{
-    return arguments.Has("--enabled") || arguments.Has("--aging") || arguments.Has("--limit");
-}
+constexpr Field PROPS[] = {{"enabled", Form::BOOLEAN, "Whether ports learn: on or off"},
+                           {"aging", Form::NUMBER, "Seconds until an address is forgotten", 0, UINT32_MAX},
+                           {"limit", Form::NUMBER, "Learned addresses of all ports together", 0, UINT32_MAX}};
 
 Bytes GivenProps(const Arguments &arguments, const Bytes &now)
 {
-    if (!HasFields(arguments)) return GivenBytes(arguments, now.size());
+    const Json given = GivenFields(PROPS, arguments);
+    if (given.is_null()) return GivenBytes(arguments, now.size());
     RequirePublishedLayout("--enabled, --aging or --limit");
     Json fields = Decode(Record::LEARNING_PROPS, now.data(), now.size());
-    if (arguments.Has("--enabled")) fields["enabled"] = arguments.Text("--enabled") == "on";
-    fields["aging"] = arguments.Number("--aging", fields["aging"]);
-    fields["limit"] = arguments.Number("--limit", fields["limit"]);
+    fields.update(given);
     return Encode(Record::LEARNING_PROPS, fields);
 }
 
@@ -85,7 +83,8 @@ Result Props(const Verb &, const Arguments &arguments)
     const Bytes before = ReadBytes(Record::LEARNING_PROPS, {}, [&](void *bytes) {
         return VSZOR_GetGlobalMACLearningProps(static_cast<ZorMacLearningProps *>(bytes));
     });
-    const bool isGiven = HasFields(arguments) || arguments.Has("--hex") || arguments.Has("--file");
+    const bool isGiven =
+        arguments.Has("--hex") || arguments.Has("--file") || !GivenFields(PROPS, arguments).is_null();
     const Bytes after = isGiven ? GivenProps(arguments, before) : before;
     memcpy(&props, after.data(), sizeof props);
     if (isGiven && !arguments.IsDryRun())
@@ -105,6 +104,9 @@ std::vector<Verb> MacVerbs()
     const std::vector<Argument> entry = {
         SWITCH, ONE_PORT, Excluding({"--address", Shape::OPTION, "MAC address"}, bytes),
         vlan,   HEX,      FROM_FILE};
+    std::vector<Argument> props = {HEX, FROM_FILE};
+    for (const Argument &option : FieldOptions(PROPS))
+        props.insert(props.end() - 2, Excluding(option, bytes));
     return {
         Reads("mac list", List, {SWITCH, ONE_PORT, selector},
               {"List the MAC table of a port", "lab port0", "VSZOR_GetPortMACTable", "", Record::MAC_ENTRY}),
@@ -123,14 +125,10 @@ std::vector<Verb> MacVerbs()
         Reads("mac info", ShowRecord<VSZOR_GetSwitchMACLearningInfo, Record::LEARNING_INFO>, {SWITCH},
               {"Show the MAC learning state of a switch", "lab", "VSZOR_GetSwitchMACLearningInfo", "switch",
                Record::LEARNING_INFO}),
-        ChangesNow(
-            "mac props", Props,
-            {Excluding(ChoiceOption("--enabled", "Whether ports learn: on or off", "on|off"), bytes),
-             Excluding(NumberOption("--aging", "Seconds until an address is forgotten", UINT32_MAX), bytes),
-             Excluding(NumberOption("--limit", "Learned addresses of all ports together", UINT32_MAX), bytes),
-             HEX, FROM_FILE},
-            {"Show or set the MAC learning properties of the host", "\n--aging 300",
-             "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps", "", Record::LEARNING_PROPS}),
+        ChangesNow("mac props", Props, props,
+                   {"Show or set the MAC learning properties of the host", "\n--aging 300",
+                    "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps", "",
+                    Record::LEARNING_PROPS}),
     };
 }
 

@@ -4,7 +4,6 @@
 #include <set>
 #include <unordered_map>
 
-#include "cli/verbs/host_view.h"
 #include "cli/verbs/verb.h"
 
 namespace vsctl {
@@ -110,7 +109,7 @@ public:
             for (const Metric &metric : metrics)
                 for (const vswitch::RecordField &field : FieldsOf(record))
                     if (auto label = LabelOf(field.name, metric))
-                        sources[record].push_back({metric.name, field, *label});
+                        sources[record].emplace_back(metric.name, field, *label);
     }
     void Add(std::string_view metric, std::string_view labels, uint64_t value, std::string_view label = "")
     {
@@ -125,6 +124,10 @@ public:
     {
         for (const auto &[metric, field, label] : sources[record])
             Add(metric, labels, NumberOf(field, bytes), label);
+    }
+    void Read(Record record, const Target &target, std::string_view labels, const Reader &read)
+    {
+        Add(record, ReadBytes(record, target, read).data(), labels);
     }
     std::string Text() const
     {
@@ -141,12 +144,7 @@ public:
     }
 
 private:
-    struct Source {
-        std::string_view metric;
-        const vswitch::RecordField &field;
-        std::string label;
-    };
-    std::map<Record, std::vector<Source>> sources;
+    std::map<Record, std::vector<std::tuple<std::string_view, vswitch::RecordField, std::string>>> sources;
     std::unordered_map<std::string_view, std::string> samples;
 };
 
@@ -155,10 +153,9 @@ void AddPort(const Target &port, Metrics &metrics)
     const std::string labels = Labels({{"switch", port.alias}, {"port", port.port}});
     const VSwitchPortStatistics counted = ReadStatistics(port);
     metrics.Add(PORT_STATISTICS, &counted, labels);
-    const Bytes learning = ReadBytes(PORT_LEARNING_STATS, port, [&](void *bytes) {
-        return VSZOR_GetPortMACLearningStats(port.Port(), port.Alias(), bytes);
+    metrics.Read(PORT_LEARNING_STATS, port, labels, [&](void *learning) {
+        return VSZOR_GetPortMACLearningStats(port.Port(), port.Alias(), learning);
     });
-    metrics.Add(PORT_LEARNING_STATS, learning.data(), labels);
 }
 
 void AddGroups(const Target &target, const std::string &portset, Metrics &metrics)
@@ -194,12 +191,11 @@ void AddLags(const Target &target, const std::string &portset, Metrics &metrics)
 
 void AddMirrors(const Target &target, Metrics &metrics)
 {
-    for (const std::string &session : RunningSessions(target)) {
-        const Bytes stats = ReadBytes(MIRROR_STATS, target, [&](void *bytes) {
-            return VSZOR_GetDVMirrorSessionStats(target.Alias(), session.c_str(), bytes);
-        });
-        metrics.Add(MIRROR_STATS, stats.data(), Labels({{"switch", target.alias}, {"session", session}}));
-    }
+    for (const std::string &session : RunningSessions(target))
+        metrics.Read(MIRROR_STATS, target, Labels({{"switch", target.alias}, {"session", session}}),
+                     [&](void *stats) {
+                         return VSZOR_GetDVMirrorSessionStats(target.Alias(), session.c_str(), stats);
+                     });
 }
 
 constexpr std::pair<Record, VsStatus (*)(const char *portset, void *record)> OF_SWITCHES[] = {
@@ -212,11 +208,9 @@ void AddSwitch(const std::string &alias, Metrics &metrics)
 {
     const Target target{alias, ""};
     const std::string portset = PortsetOf(alias), labels = Labels({{"switch", alias}});
-    for (const auto &[record, get] : OF_SWITCHES) {
-        const Bytes bytes =
-            ReadBytes(record, target, [&, get = get](void *out) { return get(portset.c_str(), out); });
-        metrics.Add(record, bytes.data(), labels);
-    }
+    for (const auto &[record, get] : OF_SWITCHES)
+        metrics.Read(record, target, labels,
+                     [&, get = get](void *bytes) { return get(portset.c_str(), bytes); });
     for (const vshost_port &port : PortsOf(alias))
         AddPort({alias, port.id}, metrics);
     AddGroups(target, portset, metrics);
@@ -226,14 +220,11 @@ void AddSwitch(const std::string &alias, Metrics &metrics)
 
 void AddNics(Metrics &metrics)
 {
-    for (const Json &nic : DescribeNics()) {
-        const auto text = [&nic](const char *key) {
-            return nic[key].is_null() ? "" : nic[key].get<std::string>();
-        };
-        const std::string labels =
-            Labels({{"nic", text("nic")}, {"switch", text("switch")}, {"port", text("port")}});
-        metrics.Add("nic_up", labels, nic["link"].get<bool>());
-        metrics.Add("nic_speed_bytes", labels, nic["speed"].get<uint64_t>() * 125000);
+    for (const vshost_nic &nic : ListNics()) {
+        const std::string alias = *nic.switchId ? AliasOfId(nic.switchId) : "";
+        const std::string labels = Labels({{"nic", nic.name}, {"switch", alias}, {"port", nic.portId}});
+        metrics.Add("nic_up", labels, nic.link && nic.adminUp);
+        metrics.Add("nic_speed_bytes", labels, uint64_t{nic.speed} * 125000);
     }
 }
 

@@ -55,14 +55,13 @@ uint64_t Busy(const Json &row) { return row["from-bits"].get<uint64_t>() + row["
 // The busiest first, then those that drop most; the others in their order.
 Json Rates(const Sample &before, const Sample &now)
 {
-    std::map<std::pair<std::string, std::string>, const VSwitchPortStatistics *> known;
+    std::map<std::pair<std::string, std::string>, VSwitchPortStatistics> known;
     for (const Counted &counted : before.ports)
-        known[{counted.port.alias, counted.port.port}] = &counted.counters;
+        known[{counted.port.alias, counted.port.port}] = counted.counters;
     std::vector<Json> rows;
     const double seconds = std::max(now.time - before.time, 1e-3);
     for (const auto &[port, plugged, counters] : now.ports) {
-        const auto found = known.find({port.alias, port.port});
-        const VSwitchPortStatistics &old = found == known.end() ? counters : *found->second;
+        const auto &old = known.try_emplace({port.alias, port.port}, counters).first->second;
         const auto rate = [&](uint64_t was, uint64_t is) { return Rate(was, is, seconds); };
         rows.push_back(RowOf(port, {{"plugged", plugged},
                                     {"from-packets", rate(old.fromPackets, counters.fromPackets)},
@@ -83,13 +82,10 @@ std::string Short(uint64_t number)
 {
     if (number < 10000) return std::to_string(number);
     auto value = static_cast<double>(number);
-    const char *unit = "";
-    for (const char *next : {"k", "M", "G", "T"}) {
-        if (value < 1000) break;
+    const char *unit = " kMGT";
+    for (; value >= 1000 && unit[1]; unit++)
         value /= 1000;
-        unit = next;
-    }
-    return fmt::format("{:.1f}{}", value, unit);
+    return fmt::format("{:.1f}{}", value, *unit);
 }
 
 // What people read: rates with units, like "1.2M", and what stands behind them.
@@ -129,8 +125,7 @@ private:
 size_t ScreenLines()
 {
     winsize size{};
-    const bool isKnown = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0;
-    return isKnown ? size.ws_row : 24;
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 ? size.ws_row : 24;
 }
 
 // Waits; false when the user leaves.

@@ -43,19 +43,11 @@ const std::vector<std::string> &NewNames(const Arguments &arguments)
     return names;
 }
 
-Result Add(const Verb &, const Arguments &arguments)
+Result AddOrRemove(const Verb &verb, const Arguments &arguments)
 {
     Result result;
-    for (const std::string &name : NewNames(arguments))
-        result.steps.push_back(UplinkStep(arguments, {{"add", name}}));
-    return result;
-}
-
-Result Remove(const Verb &, const Arguments &arguments)
-{
-    Result result;
-    for (const std::string &id : arguments.List("UPLINK"))
-        result.steps.push_back(UplinkStep(arguments, {{"remove", id}}));
+    for (const std::string &name : verb.name == "add" ? NewNames(arguments) : arguments.List("UPLINK"))
+        result.steps.push_back(UplinkStep(arguments, {{verb.name, name}}));
     return result;
 }
 
@@ -76,12 +68,13 @@ Result Clear(const Verb &, const Arguments &arguments)
 
 template<auto GET> Result LinkState(const Verb &verb, const Arguments &arguments)
 {
+    const Target target = arguments.Target();
     const std::string &uplink = arguments.Text("UPLINK");
     uint32_t up = 0;
-    CheckDriver(GET(PortsetOf(arguments.Text("SWITCH")).c_str(), uplink.c_str(), &up),
-                fmt::format("reading the {} state of uplink {} of", verb.name, uplink), arguments.Target(),
-                RunningUplinksAdvice(arguments.Text("SWITCH")));
-    return Rows({{"switch", arguments.Text("SWITCH")}, {"uplink", uplink}, {verb.name, up != 0}});
+    CheckDriver(GET(PortsetOf(target.alias).c_str(), uplink.c_str(), &up),
+                fmt::format("reading the {} state of uplink {} of", verb.name, uplink), target,
+                RunningUplinksAdvice(target.alias));
+    return Rows({{"switch", target.alias}, {"uplink", uplink}, {verb.name, up != 0}});
 }
 
 Result UpOrDown(const Verb &verb, const Arguments &arguments)
@@ -132,9 +125,9 @@ std::vector<Verb> UplinkVerbs()
                "switch, uplink, port, [nic], [link:boolean]"}),
         Reads("uplink live", Live, {SWITCH},
               {"List the uplinks that the driver runs", "lab", "VSZOR_GetUplinks", "", Record::UPLINK}),
-        Changes("uplink add", Add, {SWITCH, newNames},
+        Changes("uplink add", AddOrRemove, {SWITCH, newNames},
                 {"Add uplinks to a switch", "lab uplink2", "VSDVS_AddSwitchUplinkPort"}),
-        Changes("uplink remove", Remove, {SWITCH, listed},
+        Changes("uplink remove", AddOrRemove, {SWITCH, listed},
                 {"Remove uplinks from a switch", "lab uplink2", "VSDVS_RemoveSwitchUplinkPort"}),
         Changes("uplink set", Set,
                 {SWITCH, allNames,

@@ -6,11 +6,7 @@
 
 namespace vsctl {
 
-bool Arguments::Has(const std::string &name) const
-{
-    const auto found = words.find(name);
-    return found != words.end() && !found->second.empty();
-}
+bool Arguments::Has(const std::string &name) const { return !List(name).empty(); }
 
 const std::vector<std::string> &Arguments::List(const std::string &name) const
 {
@@ -57,9 +53,7 @@ std::vector<Target> Arguments::Ports(bool changes) const
 {
     std::vector<struct Target> ports;
     for (const std::string &id : PortIds(changes)) {
-        const struct Target port {
-            Text("SWITCH"), id
-        };
+        const struct Target port = {Text("SWITCH"), id};
         if (!Has(EXISTING.name) || PortExists(port)) ports.push_back(port);
     }
     return ports;
@@ -77,13 +71,9 @@ Bytes GivenBytes(const Arguments &arguments, size_t size, const char *ways)
 {
     if (!arguments.Has("--hex") && !arguments.Has("--file"))
         throw Error(Exit::USAGE, "there is nothing to send or store", fmt::format("give {}", ways));
-    Bytes bytes;
-    if (arguments.Has("--hex")) {
-        bytes = FromHex(arguments.Text("--hex"));
-    } else {
-        const std::string content = ReadFile(arguments.Text("--file"));
-        bytes.assign(content.begin(), content.end());
-    }
+    const bool isHex = arguments.Has("--hex");
+    const std::string content = isHex ? "" : ReadFile(arguments.Text("--file"));
+    Bytes bytes = isHex ? FromHex(arguments.Text("--hex")) : Bytes(content.begin(), content.end());
     if (size && bytes.size() != size)
         throw Error(Exit::BAD_VALUE,
                     fmt::format("the record must have {} bytes, not {}", size, bytes.size()));
@@ -100,17 +90,11 @@ Argument ChoiceOption(const char *name, const char *help, const char *choices)
     return {name, Shape::OPTION, help, Names::NONE, Field{"", Form::CHOICE, "", 0, 0, choices}};
 }
 
-namespace {
-
-std::string OptionName(const Field &field) { return std::string("--") + field.name; }
-
-}
-
 std::vector<Argument> FieldOptions(std::span<const Field> fields)
 {
     std::vector<Argument> options;
     for (const Field &field : fields)
-        options.push_back({OptionName(field), Shape::OPTION, field.help, Names::NONE, field});
+        options.push_back({std::string("--") + field.name, Shape::OPTION, field.help, Names::NONE, field});
     return options;
 }
 
@@ -118,8 +102,8 @@ Json GivenFields(std::span<const Field> fields, const Arguments &arguments)
 {
     Json given;
     for (const Field &field : fields) {
-        if (arguments.Has(OptionName(field)))
-            given[field.name] = ParseWord(field, arguments.Text(OptionName(field)));
+        const std::string option = std::string("--") + field.name;
+        if (arguments.Has(option)) given[field.name] = ParseWord(field, arguments.Text(option));
     }
     return given;
 }

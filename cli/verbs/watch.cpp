@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <ctime>
+#include <fmt/chrono.h>
 #include <fmt/color.h>
 #include <poll.h>
 #include <unistd.h>
@@ -51,15 +52,7 @@ void AddDifferences(const std::string &name, const Json &before, const Json &aft
     }
 }
 
-std::string Clock()
-{
-    const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    char text[32];
-    strftime(text, sizeof text, "%H:%M:%S", &local);
-    return text;
-}
+std::string Clock() { return fmt::format("{:%H:%M:%S}", fmt::localtime(time(nullptr))); }
 
 std::string ChangeLine(const Json &change)
 {
