@@ -7,10 +7,10 @@
 #include <unistd.h>
 
 #include "cli/base/limit.h"
-#include "cli/base/output.h"
 #include "cli/change/change.h"
 #include "cli/verbs/completion.h"
 #include "cli/verbs/parser.h"
+#include "frontend/output.h"
 
 namespace {
 

@@ -152,7 +152,7 @@ TEST_F(RolloutTest, APushIsRefusedWithItsReason)
         {"push new port0.toml", 2, {"--select"}},
         {"push net port0.toml --batch 0", 2, {"--batch"}},
         {"push net port0.toml --select site", 2, {"'site'"}},
-        {"push net port0.toml --soak soon", 2, {"--soak"}},
+        {"push net port0.toml --soak soon", 5, {"--soak"}},
         {"rollback nothing", 3, {"'nothing'"}},
         {"status nothing", 3, {"'nothing'"}},
         {"history nothing", 3, {"'nothing'"}},

@@ -338,6 +338,13 @@ mtuu = 7
         self.assertEqual(self.rows("property", "get", "big", "com.example.x")[0]["text"], "a b")
         self.assertEqual(self.rows("port", "vlan", "big", "p498")[0]["id"], 498)
 
+    def test_a_step_shows_what_earlier_steps_left_of_the_same_thing(self):
+        self.create()
+        lines = ["property set lab a --text x", "property set lab b --text y", "property set lab a --text z",
+                 "uplink down lab nic0", "uplink down lab nic1"]
+        self.assertEqual([row["before"] for row in self.rows("batch", stdin="\n".join(lines))],
+                         [None, None, "7800", True, True])
+
     def test_batch_with_a_failing_line_in_each_place(self):
         self.create()
         lines = ["port vlan lab port0 5", "port add lab x", 'property set lab k --text "a b"', "uplink add lab u9",

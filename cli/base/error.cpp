@@ -1,15 +1,12 @@
 // Statuses, their meanings, and the errors made from them.
 #include "cli/base/error.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <numeric>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 #include "cli/base/library.h"
 #include "cli/base/limit.h"
@@ -18,82 +15,41 @@ namespace vsctl {
 
 namespace {
 
-#define ROW(status, meaning, exit)                                                                           \
-    {                                                                                                        \
-        status, #status, meaning, Exit::exit                                                                 \
-    }
-
-constexpr StatusInfo STATUSES[] = {
-    ROW(STATUS_OK, "done", DONE),
-    ROW(STATUS_FAILURE, "the platform refused it, or a stored record is damaged", FAILURE),
-    ROW(STATUS_WOULD_BLOCK, "not available right now", FAILURE),
-    ROW(STATUS_NOT_FOUND, "it does not exist", NOT_FOUND),
-    ROW(STATUS_BUSY, "it is in use", FAILURE),
-    ROW(STATUS_EXISTS, "it already exists", EXISTS),
-    ROW(STATUS_TOO_LARGE, "too large", BAD_VALUE),
-    ROW(STATUS_BAD_PARAM, "a value or name is not allowed", BAD_VALUE),
-    ROW(STATUS_IO_ERROR, "the platform cannot read or write its data", UNREACHABLE),
-    ROW(STATUS_NAME_TOO_LONG, "a name is too long", BAD_VALUE),
-    ROW(STATUS_BAD_DESCRIPTOR, "the driver refused the descriptor", FAILURE),
-    ROW(STATUS_NO_DEVICE, "the uplink or port does not exist", NOT_FOUND),
-    ROW(STATUS_NO_DEVICE_OR_ADDRESS, "no device has that name", UNREACHABLE),
-    ROW(STATUS_BAD_ADDRESS, "the driver refused an address", FAILURE),
-    ROW(STATUS_NO_MEMORY, "not enough memory", FAILURE),
-    ROW(STATUS_TOO_MANY_OPEN_FILES, "too many open files in this process", FAILURE),
-    ROW(STATUS_FILE_TABLE_FULL, "too many open files on the host", FAILURE),
-    ROW(STATUS_NO_SPACE, "a table or disk is full", FAILURE),
-    ROW(STATUS_NOT_IMPLEMENTED, "the platform does not implement it", FAILURE),
-    ROW(STATUS_TIMED_OUT, "timed out", TIMED_OUT),
-    ROW(STATUS_READ_ONLY, "the platform's data is read-only", PERMISSION),
-    ROW(STATUS_ADDRESS_IN_USE, "the address is in use", EXISTS),
-    ROW(STATUS_NOT_CONNECTED, "not connected", UNREACHABLE),
-    ROW(STATUS_INTERRUPTED, "interrupted", FAILURE),
-    ROW(STATUS_CANCELED, "canceled", FAILURE),
-    ROW(STATUS_NOT_SUPPORTED, "not supported", FAILURE),
-    ROW(STATUS_NETWORK_DOWN, "the network is down", UNREACHABLE),
-    ROW(STATUS_NETWORK_UNREACHABLE, "the network is unreachable", UNREACHABLE),
-    ROW(STATUS_NETWORK_RESET, "the network was reset", UNREACHABLE),
-    ROW(STATUS_CONNECTION_ABORTED, "the connection was aborted", UNREACHABLE),
-    ROW(STATUS_CONNECTION_RESET, "the connection was reset", UNREACHABLE),
-    ROW(STATUS_SHUT_DOWN, "shut down", UNREACHABLE),
-    ROW(STATUS_TOO_MANY_REFERENCES, "too many references", FAILURE),
-    ROW(STATUS_CONNECTION_REFUSED, "the connection was refused", UNREACHABLE),
-    ROW(STATUS_HOST_DOWN, "the host is down", UNREACHABLE),
-    ROW(STATUS_HOST_UNREACHABLE, "the host is unreachable", UNREACHABLE),
-    ROW(STATUS_BROKEN_PIPE, "a pipe is broken", FAILURE),
-    ROW(STATUS_NOT_A_DIRECTORY, "a part of a path is not a directory", UNREACHABLE),
-    ROW(STATUS_IS_A_DIRECTORY, "the device's path is a directory", UNREACHABLE),
-    ROW(STATUS_NOT_EMPTY, "not empty", FAILURE),
-    ROW(STATUS_PERMISSION_DENIED, "permission denied", PERMISSION),
-    ROW(STATUS_NOT_PERMITTED, "not permitted", PERMISSION),
-    ROW(STATUS_OUT_OF_RANGE, "out of range", BAD_VALUE),
-    ROW(STATUS_NO_CHILD, "no child process", FAILURE),
-    ROW(STATUS_NO_PROCESS, "no such process", NOT_FOUND),
-    ROW(STATUS_LINK_LOOP, "a loop of symbolic links", UNREACHABLE),
-    ROW(STATUS_CROSS_DEVICE, "across devices", FAILURE),
-    ROW(STATUS_NOT_A_SOCKET, "not a socket", FAILURE),
-    ROW(STATUS_ILLEGAL_SEEK, "illegal seek", FAILURE),
-    ROW(STATUS_FAMILY_NOT_SUPPORTED, "the address family is not supported", FAILURE),
-    ROW(STATUS_ALREADY_CONNECTED, "already connected", EXISTS),
-    ROW(STATUS_BAD_DEVICE_COMMAND, "the driver does not know the command", FAILURE),
-    ROW(STATUS_IN_PROGRESS, "in progress", FAILURE),
-    ROW(STATUS_BAD_EXECUTABLE, "not an executable", FAILURE),
-    ROW(STATUS_TOO_MANY_USERS, "too many users", FAILURE),
-    ROW(STATUS_DEADLOCK, "a deadlock", FAILURE),
-    ROW(STATUS_ARGUMENTS_TOO_LONG, "too long", BAD_VALUE),
-    ROW(STATUS_ALREADY_IN_PROGRESS, "already in progress", FAILURE),
-    ROW(STATUS_NO_LOCKS, "no locks left", FAILURE),
-    ROW(STATUS_ADDRESS_NOT_AVAILABLE, "the address is not available", FAILURE),
-    ROW(STATUS_DESTINATION_REQUIRED, "a destination is required", BAD_VALUE),
-    ROW(STATUS_PROTOCOL_NOT_SUPPORTED, "the protocol is not supported", FAILURE),
-    ROW(STATUS_FILE_BUSY, "a file is in use", FAILURE),
-    ROW(STATUS_VALUE_OVERFLOW, "a value does not fit", BAD_VALUE),
-    ROW(STATUS_NO_BUFFER_SPACE, "no buffer space", FAILURE),
-    ROW(STATUS_MESSAGE_TOO_LONG, "too long", BAD_VALUE),
-    ROW(STATUS_WRONG_PROTOCOL_TYPE, "the wrong type of protocol", FAILURE),
-    ROW(STATUS_STALE, "a stale handle", FAILURE),
+// Statuses that are not just failures, or of which vsctl says something else than the library's header.
+struct StatusRow {
+    VsStatus status;
+    Exit exit;
+    const char *meaning = nullptr;
 };
-#undef ROW
+constexpr StatusRow STATUSES[] = {
+    {STATUS_OK, Exit::DONE, "done"},
+    {STATUS_FAILURE, Exit::FAILURE, "the platform refused it, or a stored record is damaged"},
+    {STATUS_NOT_FOUND, Exit::NOT_FOUND, "it does not exist"},
+    {STATUS_NO_DEVICE, Exit::NOT_FOUND, "the uplink or port does not exist"},
+    {STATUS_NO_PROCESS, Exit::NOT_FOUND},
+    {STATUS_BUSY, Exit::FAILURE, "it is in use"},
+    {STATUS_NO_MEMORY, Exit::FAILURE, "not enough memory"},
+    {STATUS_NO_SPACE, Exit::FAILURE, "a table or disk is full"},
+    {STATUS_EXISTS, Exit::EXISTS, "it already exists"},
+    {STATUS_ADDRESS_IN_USE, Exit::EXISTS},
+    {STATUS_ALREADY_CONNECTED, Exit::EXISTS},
+    {STATUS_BAD_PARAM, Exit::BAD_VALUE, "a value or name is not allowed"},
+    {STATUS_TOO_LARGE, Exit::BAD_VALUE},
+    {STATUS_NAME_TOO_LONG, Exit::BAD_VALUE, "a name is too long"},
+    {STATUS_OUT_OF_RANGE, Exit::BAD_VALUE},
+    {STATUS_ARGUMENTS_TOO_LONG, Exit::BAD_VALUE},
+    {STATUS_VALUE_OVERFLOW, Exit::BAD_VALUE},
+    {STATUS_MESSAGE_TOO_LONG, Exit::BAD_VALUE},
+    {STATUS_IO_ERROR, Exit::UNREACHABLE, "the platform cannot read or write its data"},
+    {STATUS_NO_DEVICE_OR_ADDRESS, Exit::UNREACHABLE, "no device has that name"},
+    {STATUS_NOT_A_DIRECTORY, Exit::UNREACHABLE, "a part of a path is not a directory"},
+    {STATUS_IS_A_DIRECTORY, Exit::UNREACHABLE, "the device's path is a directory"},
+    {STATUS_LINK_LOOP, Exit::UNREACHABLE},
+    {STATUS_TIMED_OUT, Exit::TIMED_OUT},
+    {STATUS_READ_ONLY, Exit::PERMISSION, "the platform's data is read-only"},
+    {STATUS_PERMISSION_DENIED, Exit::PERMISSION},
+    {STATUS_NOT_PERMITTED, Exit::PERMISSION},
+};
 
 constexpr const char *ASK_DOCTOR = "'vsctl doctor' shows which parts of the platform work";
 
@@ -133,8 +89,7 @@ Error StatusError(VsStatus status, std::string_view action, const Target &target
                 info.exit != Exit::NOT_FOUND ? AdviceFor(info.exit)
                 : listed.empty()             ? MissingAdvice(target)
                                              : listed);
-    error.status = status;
-    return error;
+    return WithStatus(std::move(error), status);
 }
 
 }
@@ -142,24 +97,21 @@ Error StatusError(VsStatus status, std::string_view action, const Target &target
 const char *AdviceFor(Exit exit) { return EXIT_TABLE[static_cast<size_t>(exit)].advice; }
 const char *MeaningOf(Exit exit) { return EXIT_TABLE[static_cast<size_t>(exit)].meaning; }
 
+Error WithStatus(Error error, VsStatus status)
+{
+    error.status = status;
+    error.statusName = Describe(status).name;
+    return error;
+}
+
 StatusInfo Describe(VsStatus status)
 {
-    for (const StatusInfo &row : STATUSES) {
-        if (row.status == status) return row;
-    }
-    return {status, "", "an unknown status", Exit::FAILURE};
-}
-
-Error::Error(Exit exit, std::string problem, std::string advice)
-    : exit(exit), problem(std::move(problem)), advice(std::move(advice)), message(this->problem)
-{
-    if (!this->advice.empty()) message += "; " + this->advice;
-}
-
-Error::Error(const Error &cause, std::string problem, std::string advice)
-    : Error(cause.exit, std::move(problem), std::move(advice))
-{
-    status = cause.status;
+    StatusInfo info{"", "an unknown status", Exit::FAILURE};
+    for (const StatusText &text : StatusTexts())
+        if (text.status == status) info = {text.name, text.meaning, Exit::FAILURE};
+    for (const StatusRow &row : STATUSES)
+        if (row.status == status) info = {info.name, row.meaning ? row.meaning : info.meaning, row.exit};
+    return info;
 }
 
 std::string Target::Text() const
@@ -180,21 +132,6 @@ int DeviceError(const char *device)
     if (descriptor < 0) return errno;
     close(descriptor);
     return 0;
-}
-
-size_t EditDistance(std::string_view a, std::string_view b)
-{
-    std::vector<size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < a.size(); i++) {
-        size_t diagonal = std::exchange(row[0], i + 1);
-        for (size_t j = 0; j < b.size(); j++) {
-            const size_t changed = diagonal + (a[i] != b[j]);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
 }
 
 }

@@ -13,12 +13,79 @@
 
 #include "cli/base/forward.h"
 #include "cli/base/limit.h"
+#include "frontend/files.h"
 
 namespace vsctl {
 
 namespace {
 
 constexpr const char *LEVEL_NAMES[] = {"global", "host", "port"};
+
+// Throws the status, with the nearest name where the driver can list the switches.
+[[noreturn]] void ThrowUnknownSwitch(VsStatus status, const std::string &alias)
+{
+    try {
+        Check(status, "finding", {alias, ""});
+    } catch (Error &error) {
+        std::string suggestion;
+        if (status == STATUS_NOT_FOUND && DeviceError(ZOR_DEVICE) == 0)
+            suggestion = Suggest(alias, SwitchNames());
+        throw Error(error, error.problem, suggestion.empty() ? error.advice : suggestion);
+    }
+    throw Error(Exit::NOT_FOUND, "finding switch " + alias + " failed");
+}
+
+constexpr uint32_t MAX_RANGE = 65536;
+
+struct NumberedName {
+    std::string stem;
+    uint32_t number;
+};
+
+// Nothing for a name that cannot begin or end a range.
+std::optional<NumberedName> SplitNumber(std::string_view name)
+{
+    const size_t digits = name.find_last_not_of("0123456789") + 1;
+    NumberedName parts{std::string(name.substr(0, digits)), 0};
+    const auto [end, error] = std::from_chars(name.data() + digits, name.data() + name.size(), parts.number);
+    if (error != std::errc() || (name[digits] == '0' && name.size() > digits + 1)) return {};
+    return parts;
+}
+
+NumberedName RequireNumber(std::string_view name)
+{
+    if (auto parts = SplitNumber(name)) return *parts;
+    throw Error(Exit::BAD_VALUE, fmt::format("'{}' cannot begin or end a range of ports", name),
+                "write a range like port0..port7");
+}
+
+void AddRange(std::string_view first, std::string_view last, std::vector<std::string> &names)
+{
+    const NumberedName from = RequireNumber(first);
+    const NumberedName to = RequireNumber(last);
+    if (from.stem != to.stem || from.number > to.number || to.number - from.number >= MAX_RANGE) {
+        throw Error(Exit::BAD_VALUE, fmt::format("'{}..{}' is not a range of ports", first, last),
+                    "write a range like port0..port7");
+    }
+    for (uint64_t number = from.number; number <= to.number; number++)
+        names.push_back(fmt::format("{}{}", from.stem, number));
+}
+
+bool Follows(const std::string &name, const std::string &last)
+{
+    const auto number = SplitNumber(name), before = SplitNumber(last);
+    return number && before && number->stem == before->stem && number->number == before->number + 1;
+}
+
+VsStatus GetProperty(const NamedProperty &property, PropValueBuffer &buffer)
+{
+    const char *name = property.target.Alias(), *key = property.key.c_str();
+    const uint8_t useAlias = !property.byId;
+    if (property.level == PropertyLevel::PORT)
+        return VSDVS_GetPortProp(name, property.target.Port(), key, &buffer, name, useAlias);
+    auto *const get = property.level == PropertyLevel::HOST ? VSDVS_GetHostProp : VSDVS_GetGlobProp;
+    return get(name, key, &buffer, name, useAlias);
+}
 
 }
 
@@ -66,25 +133,7 @@ std::vector<std::string> Words(std::string_view text, std::string_view separator
     return words;
 }
 
-std::string ReadFile(const std::string &path)
-{
-    const int descriptor = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    std::string text;
-    char block[65536];
-    ssize_t length = descriptor;
-    while (descriptor >= 0 && (length = read(descriptor, block, sizeof block)) > 0) {
-        text.append(block, static_cast<size_t>(length));
-        RestartTimeLimit();
-    }
-    const int error = errno;
-    if (descriptor > STDIN_FILENO) close(descriptor);
-    if (length < 0) {
-        throw Error(error == EACCES ? Exit::PERMISSION : Exit::NOT_FOUND,
-                    fmt::format("{} cannot be read: {}", path, strerror(error)),
-                    "name a file, or - for standard input");
-    }
-    return text;
-}
+std::string ReadFile(const std::string &path) { return frontend::ReadFile(path, RestartTimeLimit); }
 
 TemporaryFile::TemporaryFile(const std::string &text, const std::string &ending)
     : path("/tmp/vsctl-XXXXXX" + ending)
@@ -120,12 +169,11 @@ void CheckDriver(VsStatus status, std::string_view action, const Target &target,
         Check(status, action, target, listed);
     }
     const Exit exit = error == EACCES || error == EPERM ? Exit::PERMISSION : Exit::UNREACHABLE;
-    Error missing(exit,
-                  fmt::format("{} {} failed: the switch driver {} cannot be opened ({})", action,
-                              target.Text(), ZOR_DEVICE, strerror(error)),
-                  AdviceFor(exit));
-    missing.status = status;
-    throw missing;
+    throw WithStatus({exit,
+                      fmt::format("{} {} failed: the switch driver {} cannot be opened ({})", action,
+                                  target.Text(), ZOR_DEVICE, strerror(error)),
+                      AdviceFor(exit)},
+                     status);
 }
 
 bool IsRunning(const std::string &alias)
@@ -200,24 +248,6 @@ std::vector<std::string> StoredSwitchIds()
     };
     forEach(addId, &ids);
     return ids;
-}
-
-namespace {
-
-// Throws the status, with the nearest name where the driver can list the switches.
-[[noreturn]] void ThrowUnknownSwitch(VsStatus status, const std::string &alias)
-{
-    try {
-        Check(status, "finding", {alias, ""});
-    } catch (Error &error) {
-        std::string suggestion;
-        if (status == STATUS_NOT_FOUND && DeviceError(ZOR_DEVICE) == 0)
-            suggestion = Suggest(alias, SwitchNames());
-        throw Error(error, error.problem, suggestion.empty() ? error.advice : suggestion);
-    }
-    throw Error(Exit::NOT_FOUND, "finding switch " + alias + " failed");
-}
-
 }
 
 bool SwitchExists(const std::string &alias)
@@ -298,46 +328,6 @@ bool PortExists(const Target &port)
            STATUS_OK;
 }
 
-namespace {
-
-constexpr uint32_t MAX_RANGE = 65536;
-
-struct NumberedName {
-    std::string stem;
-    uint32_t number;
-};
-
-// Nothing for a name that cannot begin or end a range.
-std::optional<NumberedName> SplitNumber(std::string_view name)
-{
-    const size_t digits = name.find_last_not_of("0123456789") + 1;
-    NumberedName parts{std::string(name.substr(0, digits)), 0};
-    const auto [end, error] = std::from_chars(name.data() + digits, name.data() + name.size(), parts.number);
-    if (error != std::errc() || (name[digits] == '0' && name.size() > digits + 1)) return {};
-    return parts;
-}
-
-NumberedName RequireNumber(std::string_view name)
-{
-    if (auto parts = SplitNumber(name)) return *parts;
-    throw Error(Exit::BAD_VALUE, fmt::format("'{}' cannot begin or end a range of ports", name),
-                "write a range like port0..port7");
-}
-
-void AddRange(std::string_view first, std::string_view last, std::vector<std::string> &names)
-{
-    const NumberedName from = RequireNumber(first);
-    const NumberedName to = RequireNumber(last);
-    if (from.stem != to.stem || from.number > to.number || to.number - from.number >= MAX_RANGE) {
-        throw Error(Exit::BAD_VALUE, fmt::format("'{}..{}' is not a range of ports", first, last),
-                    "write a range like port0..port7");
-    }
-    for (uint64_t number = from.number; number <= to.number; number++)
-        names.push_back(fmt::format("{}{}", from.stem, number));
-}
-
-}
-
 std::vector<vshost_port> PortsOf(const std::string &alias)
 {
     if (!IsEmbedded()) return {};
@@ -376,16 +366,6 @@ std::vector<std::string> PortNames(const std::string &list)
     return names;
 }
 
-namespace {
-
-bool Follows(const std::string &name, const std::string &last)
-{
-    const auto number = SplitNumber(name), before = SplitNumber(last);
-    return number && before && number->stem == before->stem && number->number == before->number + 1;
-}
-
-}
-
 std::vector<std::string> PortRanges(const std::vector<std::string> &names)
 {
     std::vector<std::string> ranges;
@@ -398,20 +378,6 @@ std::vector<std::string> PortRanges(const std::vector<std::string> &names)
         first = last + 1;
     }
     return ranges;
-}
-
-namespace {
-
-VsStatus GetProperty(const NamedProperty &property, PropValueBuffer &buffer)
-{
-    const char *name = property.target.Alias(), *key = property.key.c_str();
-    const uint8_t useAlias = !property.byId;
-    if (property.level == PropertyLevel::PORT)
-        return VSDVS_GetPortProp(name, property.target.Port(), key, &buffer, name, useAlias);
-    auto *const get = property.level == PropertyLevel::HOST ? VSDVS_GetHostProp : VSDVS_GetGlobProp;
-    return get(name, key, &buffer, name, useAlias);
-}
-
 }
 
 VsStatus NamedProperty::Length(int32_t &length) const

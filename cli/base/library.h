@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstring>
-#include <nlohmann/json.hpp>
 #include <span>
 #include <string>
 #include <utility>
@@ -11,10 +10,10 @@
 
 #include "cli/base/error.h"
 #include "cli/base/platform.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 
-using Json = nlohmann::ordered_json;
 using Bytes = std::vector<uint8_t>;
 
 // A buffer that the library made for its caller.

@@ -7,7 +7,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "cli/base/output.h"
+#include "cli/base/error.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 

@@ -64,6 +64,22 @@ template<auto SET> VsStatus WriteText(const Target &target, const Json &value)
     return Call<SET>(target, Text(value).c_str());
 }
 
+// A number that stands for a word. An unknown number counts as the first.
+template<const auto &FIELDS, class Number, auto GET> VsStatus ReadChoice(const Target &target, Json &value)
+{
+    Number number = 0;
+    if (VsStatus status = Call<GET>(target, &number)) return status;
+    const auto words = Words(FIELDS[0].choices, "|");
+    value = words[number < words.size() ? number : 0];
+    return STATUS_OK;
+}
+
+template<const auto &FIELDS, class Number, auto SET>
+VsStatus WriteChoice(const Target &target, const Json &value)
+{
+    return Call<SET>(target, static_cast<Number>(ChoiceIndex(FIELDS[0], Text(value))));
+}
+
 // ---- VLAN ----
 
 constexpr Field VLAN_FIELDS[] = {
@@ -175,19 +191,6 @@ constexpr Field OVERRIDE_FIELDS[] = {
 
 constexpr Field TX_UPLINK_FIELDS[] = {{"", Form::CHOICE, "normal or always", 0, 0, "normal|always"}};
 
-VsStatus ReadTxUplink(const Target &target, Json &value)
-{
-    uint8_t always = 0;
-    if (VsStatus status = VSDVS_GetTxUplinkAlways(target.Alias(), target.Port(), &always)) return status;
-    value = always ? "always" : "normal";
-    return STATUS_OK;
-}
-
-VsStatus WriteTxUplink(const Target &target, const Json &value)
-{
-    return VSDVS_SetTxUplinkAlways(target.Alias(), target.Port(), value == "always");
-}
-
 // ---- Logical-switch teaming ----
 
 constexpr Field LS_TABLE_FIELDS[] = {
@@ -250,31 +253,10 @@ VsStatus ReadLiveLsName(const Target &target, Json &value)
 
 constexpr Field MULTICAST_FIELDS[] = {{"", Form::CHOICE, "legacy or snooping", 0, 0, "legacy|snooping"}};
 
-VsStatus NameMode(VsStatus status, uint32_t mode, Json &value)
-{
-    if (status != STATUS_OK) return status;
-    value = mode == MCAST_FILTER_SNOOPING ? "snooping" : "legacy";
-    return STATUS_OK;
-}
-
-VsStatus ReadMulticast(const Target &target, Json &value)
-{
-    uint32_t mode = 0;
-    const VsStatus status = VSDVS_GetMcastFilterMode(target.Alias(), &mode);
-    return NameMode(status, mode, value);
-}
-
 VsStatus ReadLiveMulticast(const Target &target, Json &value)
 {
-    uint32_t mode = 0;
-    const VsStatus status = VSZOR_GetMcastFilterMode(PortsetOf(target.alias).c_str(), &mode);
-    return NameMode(status, mode, value);
-}
-
-VsStatus WriteMulticast(const Target &target, const Json &value)
-{
-    const auto mode = static_cast<int32_t>(ChoiceIndex(MULTICAST_FIELDS[0], Text(value)));
-    return VSDVS_SetMcastFilterMode(target.Alias(), mode);
+    return ReadChoice<MULTICAST_FIELDS, uint32_t, VSZOR_GetMcastFilterMode>({PortsetOf(target.alias), ""},
+                                                                            value);
 }
 
 constexpr Field MTU_FIELDS[] = {{"", Form::NUMBER, "Bytes, 1280 to 9000", MTU_MIN, MTU_MAX}};
@@ -341,39 +323,40 @@ const Policy POLICIES[] = {
     {"mtu", PropertyLevel::GLOBAL, "", false, "MTU of a switch and its uplinks", MTU_FIELDS, ReadMtu,
      WriteMtu, nullptr, "9000", "VSDVS_GetMTU VSDVS_SetMTU"},
     {"multicast", PropertyLevel::GLOBAL, "com.talpex.vswitch.multicastFilter", true,
-     "multicast filter mode of a switch", MULTICAST_FIELDS, ReadMulticast, WriteMulticast, nullptr,
-     "snooping", "VSDVS_GetMcastFilterMode VSDVS_SetMcastFilterMode VSZOR_GetMcastFilterMode",
+     "multicast filter mode of a switch", MULTICAST_FIELDS,
+     ReadChoice<MULTICAST_FIELDS, uint32_t, VSDVS_GetMcastFilterMode>,
+     WriteChoice<MULTICAST_FIELDS, int32_t, VSDVS_SetMcastFilterMode>, nullptr, "snooping",
+     "VSDVS_GetMcastFilterMode VSDVS_SetMcastFilterMode VSZOR_GetMcastFilterMode", nullptr,
      ReadLiveMulticast},
     {"teaming", PropertyLevel::GLOBAL, "com.talpex.vswitch.teaming", false, "teaming policy of a switch",
      TEAMING.fields, ReadRecord<TEAMING, TeamingPolicy, VSDVS_GetTeamingPolicy>,
      WriteRecord<TEAMING, TeamingPolicy, VSDVS_SetTeamingPolicy>, Call<VSDVS_ClearTeamingPolicy>,
      "--algorithm source-mac --active uplink0 --standby uplink1 --failback --notify",
      "VSDVS_GetTeamingPolicy VSDVS_GetTeamingPolicyFromDVSID VSDVS_SetTeamingPolicy VSDVS_ClearTeamingPolicy",
-     nullptr, ReadRecord<TEAMING, TeamingPolicy, VSDVS_GetTeamingPolicyFromDVSID>, &TEAMING},
+     &TEAMING, nullptr, ReadRecord<TEAMING, TeamingPolicy, VSDVS_GetTeamingPolicyFromDVSID>},
     {"mac-learning", PropertyLevel::HOST, "com.talpex.vswitch.macLearning", true,
      "MAC learning of a switch on this host", SWITCH_LEARNING.fields,
      ReadRecord<SWITCH_LEARNING, SwitchMACLearningRecord, VSDVS_GetMACLearning>,
      WriteRecord<SWITCH_LEARNING, SwitchMACLearningRecord, VSDVS_SetMACLearning>,
      Call<VSDVS_ClearMACLearning>, "--aging 300 --limit 1024",
-     "VSDVS_GetMACLearning VSDVS_SetMACLearning VSDVS_ClearMACLearning", nullptr, nullptr, &SWITCH_LEARNING},
+     "VSDVS_GetMACLearning VSDVS_SetMACLearning VSDVS_ClearMACLearning", &SWITCH_LEARNING},
     {"learn-static", PropertyLevel::HOST, "com.talpex.vswitch.macLearning.learnStatic", true,
      "learning of static MAC addresses", SWITCH_VALUE, ReadFlag<VSDVS_GetLearnStatic>,
      WriteFlag<VSDVS_SetLearnStatic>, Call<VSDVS_ClearLearnStatic>, "on",
      "VSDVS_GetLearnStatic VSDVS_SetLearnStatic VSDVS_ClearLearnStatic"},
     {"pvlan", PropertyLevel::GLOBAL, "com.talpex.vswitch.pvlanMap", false, "private VLAN map of a switch",
      PVLAN_FIELDS, ReadPrivateVlans, WritePrivateVlans, ClearPrivateVlans, "",
-     "VSDVS_GetPrivateVLANMap VSDVS_SetPrivateVLANMap", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-     "private VLAN"},
+     "VSDVS_GetPrivateVLANMap VSDVS_SetPrivateVLANMap", nullptr, nullptr, nullptr, nullptr, "private VLAN"},
     {"ls-teaming", PropertyLevel::GLOBAL, "com.talpex.vswitch.logicalswitch.teaming", false,
      "logical-switch teaming policies of a switch", LS_TABLE_FIELDS, ReadLsTable, WriteLsTable,
      Call<VSDVS_ClearLSTeamingPolicy>, "",
      "VSDVS_GetLSTeamingPolicyTable VSDVS_GetLSTeamingPolicyTableFromDVSID VSDVS_SetLSTeamingPolicy "
      "VSDVS_ClearLSTeamingPolicy VSZOR_GetLSTeamingPolicyTable",
-     ReadLiveLsTable, ReadLsTableById, nullptr, nullptr, nullptr, nullptr, "policy"},
+     nullptr, ReadLiveLsTable, ReadLsTableById, nullptr, "policy"},
     {"mirror", PropertyLevel::HOST, "com.talpex.vswitch.uplinkMirrorSessions", true,
      "mirror sessions of a switch's uplinks on this host", MIRROR_FIELDS, ReadMirror, WriteMirror,
-     ClearMirror, "", MIRROR_OPERATIONS, nullptr, nullptr, nullptr, nullptr, AppendMirror, RemoveMirror,
-     "mirror session"},
+     ClearMirror, "", MIRROR_OPERATIONS, nullptr, nullptr, nullptr, nullptr, "mirror session", AppendMirror,
+     RemoveMirror},
     {"block", PropertyLevel::PORT, BLOCK_KEY, false, "block of ports: a blocked port sends and gets nothing",
      SWITCH_VALUE, ReadBlock, WriteBlock, nullptr, "on", "VSDVS_GetPortProp VSDVS_SetPortProp", nullptr,
      nullptr, nullptr, "false"},
@@ -388,14 +371,13 @@ const Policy POLICIES[] = {
      SECURITY.fields, ReadRecord<SECURITY, uint32_t, VSDVS_GetPortSecurity>,
      WriteRecord<SECURITY, uint32_t, VSDVS_SetPortSecurity>, nullptr,
      "--addressed-only off --lock-address on --static-only on", "VSDVS_GetPortSecurity VSDVS_SetPortSecurity",
-     nullptr, nullptr, &SECURITY},
+     &SECURITY},
     {"eth-filter", PropertyLevel::PORT, "com.talpex.vswitch.port.extraEthFRP", true,
      "extra Ethernet filter of ports", ETHERNET_FILTER.fields,
      ReadRecord<ETHERNET_FILTER, ExtraEthFilterRecord, VSDVS_GetExtraEthFilter>,
      WriteRecord<ETHERNET_FILTER, ExtraEthFilterRecord, VSDVS_SetExtraEthFilter>,
      Call<VSDVS_ClearExtraEthFilter>, "--rules 'drop from-port 0x86dd,pass any'",
-     "VSDVS_GetExtraEthFilter VSDVS_SetExtraEthFilter VSDVS_ClearExtraEthFilter", nullptr, nullptr,
-     &ETHERNET_FILTER},
+     "VSDVS_GetExtraEthFilter VSDVS_SetExtraEthFilter VSDVS_ClearExtraEthFilter", &ETHERNET_FILTER},
     {"sink", PropertyLevel::PORT, "com.talpex.vswitch.port.extraEthFRP", true,
      "sink bit in the extra Ethernet filter of ports", SWITCH_VALUE, ReadFlag<VSDVS_IsSinkPortEnabled>,
      WriteFlag<VSDVS_ConfigureSinkPort>, nullptr, "on", "VSDVS_IsSinkPortEnabled VSDVS_ConfigureSinkPort"},
@@ -403,22 +385,23 @@ const Policy POLICIES[] = {
      "MAC learning of ports", PORT_LEARNING.fields,
      ReadRecord<PORT_LEARNING, PortMACLearningConfig, VSDVS_GetPortMACLearning>,
      WriteRecord<PORT_LEARNING, PortMACLearningConfig, VSDVS_SetPortMACLearning>, nullptr,
-     "--learning --limit 100 --at-limit drop", "VSDVS_GetPortMACLearning VSDVS_SetPortMACLearning", nullptr,
-     nullptr, &PORT_LEARNING},
+     "--learning --limit 100 --at-limit drop", "VSDVS_GetPortMACLearning VSDVS_SetPortMACLearning",
+     &PORT_LEARNING},
     {"teaming", PropertyLevel::PORT, "com.talpex.vswitch.port.teaming.policy", false,
      "teaming policy of ports", TEAMING.fields,
      ReadRecord<TEAMING, TeamingPolicy, VSDVS_GetPortTeamingPolicy>,
      WriteRecord<TEAMING, TeamingPolicy, VSDVS_SetPortTeamingPolicy>, Call<VSDVS_ClearPortTeamingPolicy>,
      "--algorithm order --active uplink1",
-     "VSDVS_GetPortTeamingPolicy VSDVS_SetPortTeamingPolicy VSDVS_ClearPortTeamingPolicy", nullptr, nullptr,
-     &TEAMING},
+     "VSDVS_GetPortTeamingPolicy VSDVS_SetPortTeamingPolicy VSDVS_ClearPortTeamingPolicy", &TEAMING},
     {"override", PropertyLevel::PORT, "com.talpex.vswitch.port.teaming.override", false,
      "teaming override of ports", OVERRIDE_FIELDS,
      ReadText<TEAMING_OVERRIDE_SIZE, VSDVS_GetPortTeamingOverride>, WriteText<VSDVS_SetPortTeamingOverride>,
      Call<VSDVS_ClearPortTeamingOverride>, "uplink0",
      "VSDVS_GetPortTeamingOverride VSDVS_SetPortTeamingOverride VSDVS_ClearPortTeamingOverride"},
     {"tx-uplink", PropertyLevel::PORT, "com.talpex.vswitch.port.txUplink", false,
-     "transmit-uplink mode of ports", TX_UPLINK_FIELDS, ReadTxUplink, WriteTxUplink, nullptr, "always",
+     "transmit-uplink mode of ports", TX_UPLINK_FIELDS,
+     ReadChoice<TX_UPLINK_FIELDS, uint8_t, VSDVS_GetTxUplinkAlways>,
+     WriteChoice<TX_UPLINK_FIELDS, uint8_t, VSDVS_SetTxUplinkAlways>, nullptr, "always",
      "VSDVS_GetTxUplinkAlways VSDVS_SetTxUplinkAlways"},
     {"ls-teaming", PropertyLevel::PORT, "com.talpex.vswitch.port.logicalswitch.teaming", false,
      "logical-switch teaming policy of ports", LS_NAME_FIELDS,
@@ -426,11 +409,57 @@ const Policy POLICIES[] = {
      WriteText<VSDVS_SetPortLSTeamingPolicy>, Call<VSDVS_ClearPortLSTeamingPolicy>, "gold",
      "VSDVS_GetPortLSTeamingPolicyName VSDVS_SetPortLSTeamingPolicy VSDVS_ClearPortLSTeamingPolicy "
      "VSZOR_GetPortLSTeamingPolicyName",
-     ReadLiveLsName},
+     nullptr, ReadLiveLsName},
     {"mirror", PropertyLevel::PORT, "com.talpex.vswitch.port.mirrorSessions", true,
      "mirror sessions of ports", MIRROR_FIELDS, ReadMirror, WriteMirror, ClearMirror, "", MIRROR_OPERATIONS,
-     nullptr, nullptr, nullptr, nullptr, AppendMirror, RemoveMirror, "mirror session"},
+     nullptr, nullptr, nullptr, nullptr, "mirror session", AppendMirror, RemoveMirror},
 };
+
+// A stored record that cannot be read can still be removed by its key.
+Error DamagedError(const Error &error, const Policy &policy, const Target &target)
+{
+    const std::string place = policy.IsOfPort()                     ? "--port " + target.port
+                              : policy.level == PropertyLevel::HOST ? "--level host"
+                                                                    : "";
+    return {error, error.problem,
+            fmt::format("'vsctl property clear {} {} {}' removes what is stored", target.alias, policy.key,
+                        place)};
+}
+
+VsStatus Clear(const Policy &policy, const Target &target)
+{
+    if (policy.initial) return policy.write(target, Json::parse(policy.initial));
+    if (!policy.CanClear()) return STATUS_OK; // it exists as long as the switch
+    return policy.clear ? policy.clear(target) : NamedProperty{policy.level, target, policy.key}.Clear();
+}
+
+bool Sets(const Json &value, const char *field) { return value.contains(field) && value[field] != NONE; }
+
+// A port is in one VLAN or is a trunk. An id ends a trunk, and a trunk ends the VLAN that the port was in. A
+// value that names both sets both.
+void DropExcluded(Json &stored, const Json &value)
+{
+    if (Sets(value, "trunk")) {
+        stored.erase("ranges");
+        if (!stored.contains("trunk")) stored.erase("id");
+    } else if (Sets(value, "id") || Sets(value, "ranges")) {
+        stored.erase("trunk");
+    }
+}
+
+// A list after the entries of {"add": …} have come to it, or those that {"remove": …} names have gone.
+Json MergedList(const Policy &policy, const Json &stored, const Json &change)
+{
+    Json list = stored.is_null() ? Json::array() : stored;
+    for (const Json &entry : change.value("add", Json::array())) {
+        const Json canonical = CanonicalRecord(*policy.fields[0].layout, entry);
+        if (std::find(list.begin(), list.end(), canonical) == list.end()) list.push_back(canonical);
+    }
+    for (const Json &name : change.value("remove", Json::array()))
+        std::erase_if(list.get_ref<Json::array_t &>(),
+                      [&](const Json &entry) { return IsNamed(policy, entry, name); });
+    return list.empty() ? Json() : list;
+}
 
 }
 
@@ -454,21 +483,6 @@ const Policy *FindPolicy(std::string_view name, bool ofPort)
 }
 
 const Policy &MirrorPolicy(const Target &target) { return *FindPolicy("mirror", !target.port.empty()); }
-
-namespace {
-
-// A stored record that cannot be read can still be removed by its key.
-Error DamagedError(const Error &error, const Policy &policy, const Target &target)
-{
-    const std::string place = policy.IsOfPort()                     ? "--port " + target.port
-                              : policy.level == PropertyLevel::HOST ? "--level host"
-                                                                    : "";
-    return {error, error.problem,
-            fmt::format("'vsctl property clear {} {} {}' removes what is stored", target.alias, policy.key,
-                        place)};
-}
-
-}
 
 Json ReadPolicy(const Policy &policy, const Target &target)
 {
@@ -504,17 +518,6 @@ bool NeedsPublishedLayout(const Policy &policy, const Json &value)
                        [&policy](const Json &entry) { return NeedsLayout(*policy.fields[0].layout, entry); });
 }
 
-namespace {
-
-VsStatus Clear(const Policy &policy, const Target &target)
-{
-    if (policy.initial) return policy.write(target, Json::parse(policy.initial));
-    if (!policy.CanClear()) return STATUS_OK; // it exists as long as the switch
-    return policy.clear ? policy.clear(target) : NamedProperty{policy.level, target, policy.key}.Clear();
-}
-
-}
-
 void WriteEntries(const Policy &policy, const Target &target, const Json &change)
 {
     const std::string action = fmt::format("changing {} of", policy.name);
@@ -532,12 +535,6 @@ void WritePolicy(const Policy &policy, const Target &target, const Json &value)
     }
     const VsStatus status = Clear(policy, target);
     if (status != STATUS_NOT_FOUND) Check(status, fmt::format("clearing {} of", policy.name), target);
-}
-
-namespace {
-
-bool Sets(const Json &value, const char *field) { return value.contains(field) && value[field] != NONE; }
-
 }
 
 std::optional<Violation> FindViolation(const Policy &policy, const Json &value, const std::string &pointer)
@@ -564,40 +561,6 @@ Json CanonicalPart(const Policy &policy, const Json &value)
     return CanonicalPart(policy.fields, value);
 }
 
-namespace {
-
-// A port is in one VLAN or is a trunk. An id ends a trunk, and a trunk ends the VLAN that the port was in. A
-// value that names both sets both.
-void DropExcluded(Json &stored, const Json &value)
-{
-    if (Sets(value, "trunk")) {
-        stored.erase("ranges");
-        if (!stored.contains("trunk")) stored.erase("id");
-    } else if (Sets(value, "id") || Sets(value, "ranges")) {
-        stored.erase("trunk");
-    }
-}
-
-}
-
-namespace {
-
-// A list after the entries of {"add": …} have come to it, or those that {"remove": …} names have gone.
-Json MergedList(const Policy &policy, const Json &stored, const Json &change)
-{
-    Json list = stored.is_null() ? Json::array() : stored;
-    for (const Json &entry : change.value("add", Json::array())) {
-        const Json canonical = CanonicalRecord(*policy.fields[0].layout, entry);
-        if (std::find(list.begin(), list.end(), canonical) == list.end()) list.push_back(canonical);
-    }
-    for (const Json &name : change.value("remove", Json::array()))
-        std::erase_if(list.get_ref<Json::array_t &>(),
-                      [&](const Json &entry) { return IsNamed(policy, entry, name); });
-    return list.empty() ? Json() : list;
-}
-
-}
-
 bool IsNamed(const Policy &policy, const Json &entry, const std::string &name)
 {
     const bool isPrimary = entry.is_object() && entry.contains("primary") && entry["primary"].dump() == name;
@@ -620,18 +583,11 @@ Json Merged(const Policy &policy, const Json &stored, const Json &value)
 
 Json Schema(const Policy &policy)
 {
-    if (policy.IsScalar() || policy.layout) {
-        Json schema = policy.layout ? Schema(*policy.layout) : Schema(policy.fields[0]);
-        schema["description"] = policy.help;
-        return schema;
-    }
-    Json properties;
-    for (const Field &field : policy.fields)
-        properties[field.name] = Schema(field);
-    return {{"description", policy.help},
-            {"type", "object"},
-            {"properties", properties},
-            {"additionalProperties", false}};
+    Json schema = policy.layout       ? Schema(*policy.layout)
+                  : policy.IsScalar() ? Schema(policy.fields[0])
+                                      : Schema(policy.fields);
+    schema["description"] = policy.help;
+    return schema;
 }
 
 }

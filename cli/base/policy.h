@@ -18,14 +18,14 @@ struct Policy {
     VsStatus (*clear)(const Target &); // null: the property is removed by its key
     const char *example;               // what follows SWITCH [PORT]
     const char *operations;
+    const Layout *layout = nullptr;                         // of a policy that is a record
     VsStatus (*readLive)(const Target &, Json &) = nullptr; // what the driver runs with
     VsStatus (*readById)(const Target &, Json &) = nullptr; // of the switch with this id
-    const Layout *layout = nullptr;                         // of a policy that is a record
     const char *initial = nullptr; // JSON; the value that new ports store, which files leave out
+    const char *noun = "";         // an entry of a list
     // Of a list: adding entries, and removing those with these names. Null: the whole list is written.
     VsStatus (*add)(const Target &, const Json &) = nullptr;
     VsStatus (*remove)(const Target &, const Json &) = nullptr;
-    const char *noun = ""; // an entry of a list
 
     bool IsScalar() const { return fields.size() == 1 && !*fields[0].name; }
     bool IsList() const { return fields[0].form == Form::RECORDS; }

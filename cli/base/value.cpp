@@ -7,6 +7,7 @@
 #include <vswitch_policy.h>
 
 #include "cli/base/records.h"
+#include "frontend/document.h"
 
 namespace vsctl {
 
@@ -206,28 +207,6 @@ static_assert(std::size(FORMS) == static_cast<size_t>(Form::RECORDS) + 1);
 
 const FormRow &RowOf(const Field &field) { return FORMS[static_cast<size_t>(field.form)]; }
 
-}
-
-std::optional<Violation> FindViolation(std::span<const Field> fields, const Json &value,
-                                       const std::string &pointer)
-{
-    if (!value.is_object()) return Violation{pointer, "must be a table"};
-    for (const auto &[key, member] : value.items()) {
-        const auto field = std::find_if(fields.begin(), fields.end(),
-                                        [&key = key](const Field &f) { return key == f.name; });
-        if (field == fields.end()) {
-            std::vector<std::string> names;
-            for (const Field &known : fields)
-                names.emplace_back(known.name);
-            return Violation{pointer + "/" + key, UnknownKey(key, names)};
-        }
-        if (auto violation = FindViolation(*field, member, pointer + "/" + key)) return violation;
-    }
-    return {};
-}
-
-namespace {
-
 std::optional<Violation> FindInEntry(const Field &field, const Json &entry, const std::string &pointer)
 {
     const FormRow &form = RowOf(field);
@@ -248,6 +227,60 @@ std::optional<Violation> FindInList(const Field &field, const Json &list, const 
     return {};
 }
 
+// The field that holds a record in hexadecimal.
+const Field &HexField(const Layout &layout) { return layout.beside[0]; }
+
+std::vector<Field> AllFields(const Layout &layout)
+{
+    std::vector<Field> fields(layout.beside.begin(), layout.beside.end());
+    fields.insert(fields.end(), layout.fields.begin(), layout.fields.end());
+    return fields;
+}
+
+Field BytesOfRecord(const Layout &layout)
+{
+    return {"", Form::BYTES, "The record in hexadecimal digits", 0, static_cast<int64_t>(layout.size)};
+}
+
+bool NamesFields(const Layout &layout, const Json &value)
+{
+    return value.is_object() &&
+           std::any_of(layout.fields.begin(), layout.fields.end(),
+                       [&value](const Field &field) { return value.contains(field.name); });
+}
+
+std::string FindFault(const Layout &layout, const Json &value)
+{
+    if (*layout.key && !value.contains(layout.key)) return fmt::format("must have a '{}'", layout.key);
+    if (!layout.beside.empty() && value.contains(HexField(layout).name) && NamesFields(layout, value))
+        return fmt::format("can have '{}' or the fields that it holds, not both", HexField(layout).name);
+    return layout.findFault ? layout.findFault(value) : "";
+}
+
+}
+
+const Field *FindField(std::span<const Field> fields, std::string_view name)
+{
+    const auto field =
+        std::find_if(fields.begin(), fields.end(), [name](const Field &known) { return name == known.name; });
+    return field == fields.end() ? nullptr : &*field;
+}
+
+std::optional<Violation> FindViolation(std::span<const Field> fields, const Json &value,
+                                       const std::string &pointer)
+{
+    if (!value.is_object()) return Violation{pointer, "must be a table"};
+    for (const auto &[key, member] : value.items()) {
+        const Field *field = FindField(fields, key);
+        if (!field) {
+            std::vector<std::string> names;
+            for (const Field &known : fields)
+                names.emplace_back(known.name);
+            return Violation{pointer + "/" + key, UnknownKey(key, names)};
+        }
+        if (auto violation = FindViolation(*field, member, pointer + "/" + key)) return violation;
+    }
+    return {};
 }
 
 std::optional<Violation> FindViolation(const Field &field, const Json &value, const std::string &pointer)
@@ -293,6 +326,14 @@ Json Schema(const Field &field)
     return schema;
 }
 
+Json Schema(std::span<const Field> fields)
+{
+    Json properties;
+    for (const Field &field : fields)
+        properties[field.name] = Schema(field);
+    return {{"type", "object"}, {"properties", properties}, {"additionalProperties", false}};
+}
+
 Json Canonical(const Field &field, const Json &value)
 {
     if (field.canBeNone && value == NONE) return value;
@@ -323,40 +364,6 @@ Json Canonical(std::span<const Field> fields, const Json &value)
             complete[field.name] = Json::parse(field.defaultText);
     }
     return complete;
-}
-
-namespace {
-
-// The field that holds a record in hexadecimal.
-const Field &HexField(const Layout &layout) { return layout.beside[0]; }
-
-std::vector<Field> AllFields(const Layout &layout)
-{
-    std::vector<Field> fields(layout.beside.begin(), layout.beside.end());
-    fields.insert(fields.end(), layout.fields.begin(), layout.fields.end());
-    return fields;
-}
-
-Field BytesOfRecord(const Layout &layout)
-{
-    return {"", Form::BYTES, "The record in hexadecimal digits", 0, static_cast<int64_t>(layout.size)};
-}
-
-bool NamesFields(const Layout &layout, const Json &value)
-{
-    return value.is_object() &&
-           std::any_of(layout.fields.begin(), layout.fields.end(),
-                       [&value](const Field &field) { return value.contains(field.name); });
-}
-
-std::string FindFault(const Layout &layout, const Json &value)
-{
-    if (*layout.key && !value.contains(layout.key)) return fmt::format("must have a '{}'", layout.key);
-    if (!layout.beside.empty() && value.contains(HexField(layout).name) && NamesFields(layout, value))
-        return fmt::format("can have '{}' or the fields that it holds, not both", HexField(layout).name);
-    return layout.findFault ? layout.findFault(value) : "";
-}
-
 }
 
 bool NeedsLayout(const Layout &layout, const Json &value)
@@ -412,10 +419,7 @@ Json CanonicalRecordPart(const Layout &layout, const Json &value)
 
 Json Schema(const Layout &layout)
 {
-    Json properties;
-    for (const Field &field : AllFields(layout))
-        properties[field.name] = Schema(field);
-    Json table = {{"type", "object"}, {"properties", properties}, {"additionalProperties", false}};
+    Json table = Schema(AllFields(layout));
     if (*layout.key) table["required"] = {layout.key};
     if (!layout.beside.empty()) return table;
     return {{"anyOf", {table, Schema(BytesOfRecord(layout))}}};
@@ -426,13 +430,6 @@ std::string EntryName(const Layout &layout, const Json &entry)
     if (entry.is_string()) return entry;
     const Json &name = entry[layout.key];
     return name.is_string() ? name.get<std::string>() : name.dump();
-}
-
-std::string UnknownKey(const std::string &key, const std::vector<std::string> &names)
-{
-    const std::string suggestion = Suggest(key, names);
-    if (!suggestion.empty()) return "is not a known key; " + suggestion;
-    return fmt::format("is not a known key; the keys are {}", fmt::join(names, ", "));
 }
 
 std::optional<VLANRange> ParseVlanRange(std::string_view text)

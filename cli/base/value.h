@@ -63,6 +63,9 @@ struct Layout {
 
 inline constexpr const char *NONE = "none";
 
+// Null when no field has the name.
+const Field *FindField(std::span<const Field> fields, std::string_view name);
+
 struct Violation {
     std::string pointer; // JSON pointer of the part that is wrong
     std::string message;
@@ -96,11 +99,9 @@ void RequireName(const Field &rule, const std::string &name);
 // the argument; without it, the error names the option of the field.
 Json ParseWord(const Field &field, const std::string &word, const std::string &name = "");
 
-// JSON schema of the field's values.
+// JSON schema of the field's values, or of tables with these fields.
 Json Schema(const Field &field);
-
-// The message for a key that is not among these names.
-std::string UnknownKey(const std::string &key, const std::vector<std::string> &names);
+Json Schema(std::span<const Field> fields);
 
 // "100-199" or "300", whether or not the numbers are VLANs; nothing for other texts.
 std::optional<VLANRange> ParseVlanRange(std::string_view text);

@@ -14,12 +14,11 @@
 
 #include "cli/base/clock.h"
 #include "cli/base/limit.h"
-#include "cli/base/output.h"
 #include "cli/base/platform.h"
 #include "cli/change/difference.h"
 #include "cli/change/journal.h"
 #include "cli/change/precondition.h"
-#include "cli/change/preview.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 
@@ -240,16 +239,6 @@ void AwaitConfirmation(Journal &journal, double seconds)
     StartGuard(journal.id, seconds);
 }
 
-Preview ReadAllBefore(std::vector<Step> &steps)
-{
-    CheckSteps(steps);
-    for (Step &step : steps)
-        ReadBefore(step);
-    Preview preview = PreviewOf(steps);
-    RequireUplinks(steps, preview.rows);
-    return preview;
-}
-
 void SaveAll(std::vector<Step> &steps)
 {
     Saver saver;
@@ -277,7 +266,7 @@ Preview CarryOut(const std::string &command, Result &result, const Options &opti
     const ChangeLock lock;
     ThrowIfUnfinished(); // undoing or resuming it would overwrite this change
     RequireUnchanged(result.steps);
-    Preview preview = ReadAllBefore(result.steps);
+    Preview preview = CheckSteps(result.steps);
     if (result.steps.empty()) return preview; // nothing is left to do
     SaveAll(result.steps);
     Journal journal{NewJournalId(), command, std::move(result.steps)};
@@ -327,7 +316,7 @@ void ShowNothing(Result &result)
 bool IsAgreed(const Result &result, const Options &options)
 {
     std::vector<Step> steps = result.steps;
-    const Preview preview = ReadAllBefore(steps);
+    const Preview preview = CheckSteps(steps);
     return !preview.changes || IsAgreed(PlanText(preview.rows), options);
 }
 
@@ -338,22 +327,6 @@ void Report(Result &result, const Options &options, bool isMade)
     if (!isMade || !result.asks || !CanAsk(options)) result.text = DifferenceText(result.rows);
     if (!options.quiet) result.text += SummaryText(result.rows, isMade);
 }
-
-}
-
-void Change(const std::string &command, Result &result, const Options &options)
-{
-    const bool onlyShows = options.dryRun || result.planOnly;
-    if (!result.planOnly) ThrowIfRemovalsForbidden(result);
-    if (onlyShows && !result.planOnly) ThrowIfUnfinished();
-    if (!onlyShows && result.asks && !IsAgreed(result, options)) return ShowNothing(result);
-    Preview preview = onlyShows ? ReadAllBefore(result.steps) : CarryOut(command, result, options);
-    if (onlyShows && preview.changes) result.exit = Exit::PENDING;
-    if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
-    Report(result, options, !onlyShows);
-}
-
-namespace {
 
 Journal RequireJournal()
 {
@@ -384,20 +357,6 @@ Json JournalRow(const Journal &journal, const char *outcome)
 {
     return {{"change", journal.command}, {"steps", journal.steps.size()}, {"outcome", outcome}};
 }
-
-}
-
-Json UndoJournal()
-{
-    const ChangeLock lock;
-    const Journal journal = RequireJournal();
-    const UndoReport undone = UndoAll(journal);
-    Json row = JournalRow(journal, "undone");
-    if (!undone.losses.empty()) row["lost"] = undone.losses;
-    return Json::array({row});
-}
-
-namespace {
 
 bool IsThere(const Target &target)
 {
@@ -466,6 +425,28 @@ void TakeBack(const Journal &journal, const Json &rows)
     UndoAll(journal);
 }
 
+}
+
+void Change(const std::string &command, Result &result, const Options &options)
+{
+    const bool onlyShows = options.dryRun || result.planOnly;
+    if (!result.planOnly) ThrowIfRemovalsForbidden(result);
+    if (onlyShows && !result.planOnly) ThrowIfUnfinished();
+    if (!onlyShows && result.asks && !IsAgreed(result, options)) return ShowNothing(result);
+    Preview preview = onlyShows ? CheckSteps(result.steps) : CarryOut(command, result, options);
+    if (onlyShows && preview.changes) result.exit = Exit::PENDING;
+    if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
+    Report(result, options, !onlyShows);
+}
+
+Json UndoJournal()
+{
+    const ChangeLock lock;
+    const Journal journal = RequireJournal();
+    const UndoReport undone = UndoAll(journal);
+    Json row = JournalRow(journal, "undone");
+    if (!undone.losses.empty()) row["lost"] = undone.losses;
+    return Json::array({row});
 }
 
 void UndoLast(Result &result, const Options &options)

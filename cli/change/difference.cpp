@@ -6,7 +6,7 @@
 #include <map>
 #include <unistd.h>
 
-#include "cli/base/output.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "cli/base/output.h"
+#include "frontend/files.h"
 
 namespace vsctl {
 
@@ -18,15 +18,6 @@ namespace {
 constexpr int FORMAT = 1;
 constexpr useconds_t LOCK_POLL = 20000; // µs
 
-[[noreturn]] void ThrowFileError(const std::string &path, const char *action)
-{
-    const int error = errno;
-    const bool denied = error == EACCES || error == EPERM || error == EROFS;
-    throw Error(denied ? Exit::PERMISSION : Exit::FAILURE,
-                fmt::format("{} cannot be {}: {}", path, action, strerror(error)),
-                "run vsctl as root, or set VSCTL_STATE to a directory that you can write");
-}
-
 // The journal needs to be as durable as the host's own data, no more.
 bool OutlivesPowerCuts()
 {
@@ -34,76 +25,13 @@ bool OutlivesPowerCuts()
     return !IsEmbedded() || !durability || strcmp(durability, "process") != 0;
 }
 
-std::string JournalPath() { return StateDirectory() + "/journal.cbor"; }
-std::string LastPath() { return StateDirectory() + "/last.cbor"; }
+constexpr const char *UNFINISHED = "journal.cbor", *LAST = "last.cbor";
 
-// Writes a whole file, which is on disk when this returns.
-void WriteFile(const std::string &path, const std::string &text)
+Files StateFiles()
 {
-    const std::string temporary = path + ".new";
-    const int file = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (file < 0) ThrowFileError(temporary, "written");
-    bool written = true;
-    for (size_t done = 0; written && done < text.size();) {
-        const ssize_t length = write(file, text.data() + done, text.size() - done);
-        written = length > 0;
-        if (written) done += static_cast<size_t>(length);
-    }
-    written = written && (!OutlivesPowerCuts() || fsync(file) == 0);
-    close(file);
-    if (!written || rename(temporary.c_str(), path.c_str()) != 0) ThrowFileError(path, "written");
+    return Files(StateDirectory(), "run vsctl as root, or set VSCTL_STATE to a directory that you can write",
+                 OutlivesPowerCuts());
 }
-
-void SyncDirectory()
-{
-    if (!OutlivesPowerCuts()) return;
-    const int directory = open(StateDirectory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (directory < 0 || fsync(directory) != 0) ThrowFileError(StateDirectory(), "synchronized");
-    close(directory);
-}
-
-}
-
-std::string StateDirectory()
-{
-    const char *const asked = getenv("VSCTL_STATE");
-    if (asked && *asked) return asked;
-    const char *const host = getenv("VSHOST_DIR");
-    if (host && *host && IsEmbedded()) return std::string(host) + "/vsctl";
-    return "/var/lib/vsctl";
-}
-
-ChangeLock::ChangeLock()
-{
-    const std::string directory = StateDirectory();
-    if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) ThrowFileError(directory, "created");
-    const std::string path = directory + "/lock";
-    descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (descriptor < 0) ThrowFileError(path, "opened");
-    while (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR) ThrowFileError(path, "locked");
-        usleep(LOCK_POLL);
-    }
-}
-
-ChangeLock::~ChangeLock() { close(descriptor); }
-
-void Journal::Write() const
-{
-    Json entries = Json::array();
-    for (const Step &step : steps)
-        entries.push_back(ToJson(step));
-    const Json json = {{"format", FORMAT},        {"id", id},
-                       {"command", command},      {"awaits-confirmation", awaitsConfirmation},
-                       {"confirm-by", confirmBy}, {"boot", boot},
-                       {"steps", entries}};
-    // Not JSON, which requires UTF-8: names and texts may be anything.
-    const Bytes bytes = Json::to_cbor(json);
-    WriteFile(JournalPath(), {bytes.begin(), bytes.end()});
-    SyncDirectory();
-}
-
-namespace {
 
 std::optional<Journal> ReadFrom(const std::string &path)
 {
@@ -122,23 +50,50 @@ std::optional<Journal> ReadFrom(const std::string &path)
     }
 }
 
-void Rename(const std::string &from, const std::string &to)
+}
+
+std::string StateDirectory()
 {
-    if (rename(from.c_str(), to.c_str()) != 0) ThrowFileError(from, "renamed");
-    SyncDirectory();
+    const char *const asked = getenv("VSCTL_STATE");
+    if (asked && *asked) return asked;
+    const char *const host = getenv("VSHOST_DIR");
+    if (host && *host && IsEmbedded()) return std::string(host) + "/vsctl";
+    return "/var/lib/vsctl";
 }
 
-}
-
-std::optional<Journal> Journal::Read() { return ReadFrom(JournalPath()); }
-std::optional<Journal> Journal::ReadLast() { return ReadFrom(LastPath()); }
-void Journal::Keep() { Rename(JournalPath(), LastPath()); }
-void Journal::Reopen() { Rename(LastPath(), JournalPath()); }
-
-void Journal::Remove()
+ChangeLock::ChangeLock()
 {
-    if (unlink(JournalPath().c_str()) != 0 && errno != ENOENT) ThrowFileError(JournalPath(), "removed");
-    SyncDirectory();
+    const Files files = StateFiles();
+    const std::string directory = StateDirectory(), path = files.Path("lock");
+    if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) files.Fail(directory, "created");
+    descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (descriptor < 0) files.Fail(path, "opened");
+    while (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) files.Fail(path, "locked");
+        usleep(LOCK_POLL);
+    }
 }
+
+ChangeLock::~ChangeLock() { close(descriptor); }
+
+void Journal::Write() const
+{
+    Json entries = Json::array();
+    for (const Step &step : steps)
+        entries.push_back(ToJson(step));
+    const Json json = {{"format", FORMAT},        {"id", id},
+                       {"command", command},      {"awaits-confirmation", awaitsConfirmation},
+                       {"confirm-by", confirmBy}, {"boot", boot},
+                       {"steps", entries}};
+    // Not JSON, which requires UTF-8: names and texts may be anything.
+    const Bytes bytes = Json::to_cbor(json);
+    StateFiles().Write(UNFINISHED, {bytes.begin(), bytes.end()});
+}
+
+std::optional<Journal> Journal::Read() { return ReadFrom(StateFiles().Path(UNFINISHED)); }
+std::optional<Journal> Journal::ReadLast() { return ReadFrom(StateFiles().Path(LAST)); }
+void Journal::Keep() { StateFiles().Move(UNFINISHED, LAST); }
+void Journal::Reopen() { StateFiles().Move(LAST, UNFINISHED); }
+void Journal::Remove() { StateFiles().Remove(UNFINISHED); }
 
 }

@@ -44,6 +44,16 @@ void AddPolicies(Json &entry, const Target &target)
     }
 }
 
+template<class Entry> std::vector<std::string> StoredList(const NamedProperty &property)
+{
+    Bytes bytes;
+    std::vector<std::string> names;
+    if (property.Get(bytes) != STATUS_OK) return names;
+    for (size_t start = sizeof(uint32_t); start + sizeof(Entry) <= bytes.size(); start += sizeof(Entry))
+        names.push_back(Name(reinterpret_cast<const char *>(bytes.data() + start), sizeof(Entry)));
+    return names;
+}
+
 }
 
 void RestorePolicies(const Json &entry, const Target &target)
@@ -123,20 +133,6 @@ Json ReadSwitch(const std::string &alias)
     entry["uplinks"] = ReadUplinks(alias).ids;
     AddPolicies(entry, target);
     return entry;
-}
-
-namespace {
-
-template<class Entry> std::vector<std::string> StoredList(const NamedProperty &property)
-{
-    Bytes bytes;
-    std::vector<std::string> names;
-    if (property.Get(bytes) != STATUS_OK) return names;
-    for (size_t start = sizeof(uint32_t); start + sizeof(Entry) <= bytes.size(); start += sizeof(Entry))
-        names.push_back(Name(reinterpret_cast<const char *>(bytes.data() + start), sizeof(Entry)));
-    return names;
-}
-
 }
 
 Uplinks ReadUplinks(const std::string &alias)

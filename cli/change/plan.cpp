@@ -6,8 +6,8 @@
 #include <map>
 #include <set>
 
-#include "cli/base/output.h"
 #include "cli/change/replaced.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 
@@ -46,14 +46,6 @@ constexpr uint32_t DEFAULT_CONNECT_ID = 1; // of uplinks and opaque ports too, w
 std::span<const Field> FieldsOf(bool ofPort)
 {
     return ofPort ? std::span<const Field>(PORT_FIELDS) : std::span<const Field>(SWITCH_FIELDS);
-}
-
-const Field *FindField(bool ofPort, const std::string &key)
-{
-    for (const Field &field : FieldsOf(ofPort)) {
-        if (key == field.name) return &field;
-    }
-    return nullptr;
 }
 
 std::vector<std::string> KnownKeys(bool ofPort)
@@ -153,7 +145,7 @@ void CheckMember(const Document &document, const std::string &key, const Json &v
                  const std::string &where, bool ofPort)
 {
     std::optional<Violation> fault;
-    if (const Field *field = FindField(ofPort, key))
+    if (const Field *field = FindField(FieldsOf(ofPort), key))
         fault = FindViolation(*field, value, where);
     else if (const Policy *policy = FindPolicy(key, ofPort))
         fault = FindViolation(*policy, value, where);
@@ -206,29 +198,6 @@ void CheckPorts(const Document &document, const Json &ports, const std::string &
         }
     }
 }
-
-}
-
-void CheckDocument(const Document &document)
-{
-    for (const auto &[key, value] : document.Root().items()) {
-        if (key != "switches") throw document.At("/" + PointerStep(key), UnknownKey(key, {"switches"}));
-        RequireTable(document, value, "/switches");
-    }
-    if (!document.Root().contains("switches")) throw document.At("", "the file has no 'switches'");
-    Faults faults;
-    for (const auto &[alias, entry] : document.Root()["switches"].items()) {
-        const std::string where = SwitchPointer(alias);
-        faults.Try([&, &alias = alias] { CheckName(document, SWITCH_ALIAS, alias, where); });
-        const bool isSound = CheckEntry(document, entry, where, false, faults);
-        if (entry.is_object() && entry.contains(PORTS_KEY))
-            CheckPorts(document, entry[PORTS_KEY], where + "/ports", faults);
-        if (isSound) faults.Try([&, &entry = entry] { CheckUplinks(document, entry, where); });
-    }
-    faults.ThrowIfAny();
-}
-
-namespace {
 
 // ---- The steps ----
 
@@ -429,10 +398,6 @@ std::vector<Step> Planner::Steps() const
     return steps;
 }
 
-}
-
-namespace {
-
 // `document` names the places of errors.
 std::vector<Step> PlanSwitches(const Document &document, const Json &switches)
 {
@@ -444,30 +409,10 @@ std::vector<Step> PlanSwitches(const Document &document, const Json &switches)
     return planner.Steps();
 }
 
-}
-
-std::vector<Step> PlanSteps(const Document &document)
-{
-    CheckDocument(document);
-    return PlanSwitches(document, document.Root()["switches"]);
-}
-
-std::vector<Step> PlanSteps(const Document &document, const Document &replaced)
-{
-    CheckDocument(document);
-    CheckDocument(replaced);
-    Json switches = document.Root()["switches"];
-    AddRemovals(switches, replaced.Root()["switches"]);
-    return PlanSwitches(document, switches);
-}
-
-namespace {
-
 Json EntrySchema(bool ofPort)
 {
-    Json properties;
-    for (const Field &field : FieldsOf(ofPort))
-        properties[field.name] = Schema(field);
+    Json schema = Schema(FieldsOf(ofPort));
+    Json &properties = schema["properties"];
     Json cleared = Json::array();
     for (const Policy *policy : PoliciesOf(ofPort)) {
         properties[policy->name] = Schema(*policy);
@@ -480,28 +425,8 @@ Json EntrySchema(bool ofPort)
             {"type", "object"},
             {"additionalProperties", {{"$ref", "#/$defs/port"}}}};
     }
-    return {{"type", "object"}, {"properties", properties}, {"additionalProperties", false}};
+    return schema;
 }
-
-}
-
-Json PlanSchema()
-{
-    const Json switches = {
-        {"description", "Switches by alias"},
-        {"type", "object"},
-        {"propertyNames", {{"minLength", SWITCH_ALIAS.min}, {"maxLength", SWITCH_ALIAS.max}}},
-        {"additionalProperties", {{"$ref", "#/$defs/switch"}}}};
-    return {{"$schema", "https://json-schema.org/draft/2020-12/schema"},
-            {"title", "The desired state for vsctl plan and vsctl apply"},
-            {"type", "object"},
-            {"properties", {{"switches", switches}}},
-            {"required", {"switches"}},
-            {"additionalProperties", false},
-            {"$defs", {{"switch", EntrySchema(false)}, {"port", EntrySchema(true)}}}};
-}
-
-namespace {
 
 // port2 before port10.
 bool ComesBefore(const std::string &a, const std::string &b)
@@ -583,6 +508,56 @@ private:
     std::map<Json, PortBlock> blocks;
 };
 
+}
+
+void CheckDocument(const Document &document)
+{
+    for (const auto &[key, value] : document.Root().items()) {
+        if (key != "switches") throw document.At("/" + PointerStep(key), UnknownKey(key, {"switches"}));
+        RequireTable(document, value, "/switches");
+    }
+    if (!document.Root().contains("switches")) throw document.At("", "the file has no 'switches'");
+    Faults faults;
+    for (const auto &[alias, entry] : document.Root()["switches"].items()) {
+        const std::string where = SwitchPointer(alias);
+        faults.Try([&, &alias = alias] { CheckName(document, SWITCH_ALIAS, alias, where); });
+        const bool isSound = CheckEntry(document, entry, where, false, faults);
+        if (entry.is_object() && entry.contains(PORTS_KEY))
+            CheckPorts(document, entry[PORTS_KEY], where + "/ports", faults);
+        if (isSound) faults.Try([&, &entry = entry] { CheckUplinks(document, entry, where); });
+    }
+    faults.ThrowIfAny();
+}
+
+std::vector<Step> PlanSteps(const Document &document)
+{
+    CheckDocument(document);
+    return PlanSwitches(document, document.Root()["switches"]);
+}
+
+std::vector<Step> PlanSteps(const Document &document, const Document &replaced)
+{
+    CheckDocument(document);
+    CheckDocument(replaced);
+    Json switches = document.Root()["switches"];
+    AddRemovals(switches, replaced.Root()["switches"]);
+    return PlanSwitches(document, switches);
+}
+
+Json PlanSchema()
+{
+    const Json switches = {
+        {"description", "Switches by alias"},
+        {"type", "object"},
+        {"propertyNames", {{"minLength", SWITCH_ALIAS.min}, {"maxLength", SWITCH_ALIAS.max}}},
+        {"additionalProperties", {{"$ref", "#/$defs/switch"}}}};
+    return {{"$schema", "https://json-schema.org/draft/2020-12/schema"},
+            {"title", "The desired state for vsctl plan and vsctl apply"},
+            {"type", "object"},
+            {"properties", {{"switches", switches}}},
+            {"required", {"switches"}},
+            {"additionalProperties", false},
+            {"$defs", {{"switch", EntrySchema(false)}, {"port", EntrySchema(true)}}}};
 }
 
 Json ExportFile(const std::vector<Target> &targets)

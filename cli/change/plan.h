@@ -1,8 +1,8 @@
 // The file of a desired state: its schema, and the steps from the present state to it.
 #pragma once
 
-#include "cli/base/document.h"
 #include "cli/change/step.h"
+#include "frontend/document.h"
 
 namespace vsctl {
 

@@ -55,6 +55,9 @@ public:
     // The steps that a step about mirror sessions stands for, once it is known where they are.
     std::vector<Step> Expand(const Step &step);
     void Check(const Step &step);
+    // Reads the state before a step that is checked, and adds it.
+    void Add(Step &step);
+    Preview preview;
 
 private:
     void CheckSwitch(const Step &step);
@@ -72,17 +75,17 @@ private:
 
     SwitchState &Find(const std::string &alias);
     SwitchState &FindPort(const Target &port);
-    Json &EntriesOf(const Step &step);
+    Json Before(const Step &step) const;
     std::vector<Step> MirrorLists(const Step &step);
+    void RequireUplinks(const Step &step, const Json &row);
 
     std::map<std::string, SwitchState> switches;
-    std::set<std::string> destroyed, freedIds, freedPortsets;                // of switches that steps destroy
-    std::set<std::string> ids, portsets;                                     // that steps use
-    using Place = std::pair<std::string, std::string>;                       // a switch, and its port if any
-    std::map<std::tuple<std::string, std::string, std::string>, Json> lists; // that steps change, by policy
-    std::map<std::string, bool> properties; // whether properties that steps change exist
-    std::set<Place>
-        configured; // objects that get properties which no step names; with ANY_PORT, a whole switch
+    std::set<std::string> destroyed, freedIds, freedPortsets; // of switches that steps destroy
+    std::set<std::string> ids, portsets;                      // that steps use
+    // Objects that get properties which no step names: a switch and its port if any; with ANY_PORT, all of
+    // it.
+    std::set<std::pair<std::string, std::string>> configured;
+    States states;
 };
 
 // Throws, with the nearest name, when the switch does not exist.
@@ -175,7 +178,6 @@ void Checker::CheckPort(const Step &step)
                     fmt::format("'vsctl uplink remove {} {}' removes it", step.target.alias, port));
     }
     found.SetPort(port, adds);
-    lists[{step.target.alias, port, "mirror"}] = nullptr;
     configured.insert({step.target.alias, port});
 }
 
@@ -199,8 +201,7 @@ void RequireNewPorts(SwitchState &found, const std::string &alias, const std::ve
             Exit::EXISTS,
             fmt::format("{} is already {}", Target{alias, name}.Text(), isUplink ? "an uplink" : "a port"),
             isUplink ? "leave it out" : "choose another name, or remove the port first");
-        if (isUplink) error.status = STATUS_EXISTS;
-        throw error;
+        throw isUplink ? WithStatus(error, STATUS_EXISTS) : error;
     }
 }
 
@@ -263,54 +264,36 @@ void Checker::CheckProperty(const Step &step)
 void Checker::CheckClearing(const Step &step)
 {
     const auto &[alias, port] = step.target;
-    const std::string key = step.value["key"], level = step.value["level"];
-    const std::string name =
-        Json({alias, port, level, key}).dump(-1, ' ', false, Json::error_handler_t::replace);
-    const bool clears = step.value["bytes"].is_null();
-    const auto known = properties.find(name);
-    bool exists = true;
-    if (known != properties.end()) {
-        exists = known->second;
-    } else if (clears && !configured.contains({alias, port}) && !configured.contains({alias, ANY_PORT})) {
-        Step present = step;
-        ReadBefore(present);
-        exists = !present.before.is_null();
-    }
-    properties[name] = !clears;
-    if (!clears || exists) return;
+    const bool isConfigured = configured.contains({alias, port}) || configured.contains({alias, ANY_PORT});
+    if (!step.value["bytes"].is_null() || (isConfigured && !states.IsChanged(step))) return;
+    if (!Before(step).is_null()) return;
+    const std::string key = step.value["key"];
     throw Error(Exit::NOT_FOUND, fmt::format("{} has no property {}", step.target.Text(), key),
                 PropertyAdvice(step.target, step.value.contains("by-id")));
 }
 
-// The entries of a list that an earlier step may have changed.
-Json &Checker::EntriesOf(const Step &step)
+// What the step finds, whose `before` need not be read.
+Json Checker::Before(const Step &step) const
 {
-    const auto &[alias, port] = step.target;
-    const auto [known, isFirst] = lists.try_emplace({alias, port, step.item});
-    if (isFirst && !Find(alias).IsNew()) {
-        Step present = step;
-        ReadBefore(present);
-        known->second = present.before;
-    }
-    return known->second;
+    Step present = step;
+    if (!states.Knows(step)) ReadBefore(present);
+    return states.Before(present);
 }
 
 // The lists of mirror sessions of a switch that are not empty.
 std::vector<Step> Checker::MirrorLists(const Step &step)
 {
     const std::string &alias = step.target.alias;
-    std::set<std::string> places = {""};
+    std::set<std::string> places = states.PortsWith(alias, step.item);
+    places.insert("");
     if (!Find(alias).IsNew()) {
         for (const vshost_port &port : PortsOf(alias))
             places.insert(port.id);
     }
-    for (const auto &[place, list] : lists) {
-        if (std::get<0>(place) == alias && std::get<2>(place) == step.item) places.insert(std::get<1>(place));
-    }
     std::vector<Step> found;
     for (const std::string &port : places) {
         Step list{step.item, {alias, port}, nullptr};
-        if (!EntriesOf(list).empty()) found.push_back(list);
+        if (!Before(list).empty()) found.push_back(list);
     }
     return found;
 }
@@ -328,7 +311,7 @@ std::vector<Step> Checker::Expand(const Step &step)
     std::vector<Step> steps = MirrorLists(step);
     if (names.empty()) return steps; // each is cleared
     for (Step &list : steps) {
-        const Json &entries = EntriesOf(list);
+        const Json entries = Before(list);
         const bool has = std::any_of(entries.begin(), entries.end(), [&names](const Json &session) {
             return session["session"] == names[0];
         });
@@ -339,7 +322,7 @@ std::vector<Step> Checker::Expand(const Step &step)
 
 void Checker::CheckEntries(const Step &step, const Policy &policy)
 {
-    Json &list = EntriesOf(step);
+    const Json list = Before(step);
     const std::string advice = fmt::format("'vsctl {} list {}' lists them", policy.name, step.target.alias);
     const auto find = [&](const std::string &name) {
         return std::find_if(list.begin(), list.end(),
@@ -358,12 +341,10 @@ void Checker::CheckEntries(const Step &step, const Policy &policy)
         if (found == list.end() || (*found == entry && added.size() > 1)) continue;
         Error error(Exit::EXISTS,
                     fmt::format("{} already has the {} {}", step.target.Text(), policy.noun, name), advice);
-        if (*found == entry) error.status = STATUS_EXISTS;
-        throw error;
+        throw *found == entry ? WithStatus(error, STATUS_EXISTS) : error;
     }
     if (IsEmbedded() && policy.fields[0].layout == &MIRROR_SESSION)
         RequirePortEntries(step.target.alias, added);
-    list = Merged(policy, list, step.value);
 }
 
 // The ports that new mirror sessions name.
@@ -391,9 +372,7 @@ void Checker::CheckPolicy(const Step &step)
         throw Error(Exit::USAGE, fmt::format("{} has fields that this platform doesn't publish", policy.name),
                     "give its bytes in hexadecimal");
     }
-    if (!policy.IsList()) return;
-    if (step.value.is_object()) return CheckEntries(step, policy);
-    lists[{alias, port, step.item}] = step.value;
+    if (policy.IsList() && step.value.is_object()) CheckEntries(step, policy);
 }
 
 void Checker::Check(const Step &step)
@@ -407,9 +386,42 @@ void Checker::Check(const Step &step)
     CheckPolicy(step);
 }
 
+void Checker::Add(Step &step)
+{
+    ReadBefore(step);
+    RequireUplinks(step, states.Add(step, preview));
 }
 
-namespace {
+// The uplinks that a teaming policy, or a list of them, names.
+std::set<std::string> UplinksNamed(const Json &value)
+{
+    std::set<std::string> names;
+    for (const Json &policy : value.is_array() ? value : Json::array({value})) {
+        for (const char *list : {"active", "standby"}) {
+            if (!policy.is_object()) continue;
+            const Json listed = policy.value(list, Json::array());
+            names.insert(listed.begin(), listed.end());
+        }
+    }
+    return names;
+}
+
+// A teaming policy names uplinks of its switch, or those that it named before.
+void Checker::RequireUplinks(const Step &step, const Json &row)
+{
+    if (step.item != "teaming" && step.item != "ls-teaming") return;
+    const std::string &alias = step.target.alias;
+    const auto &uplinks = Find(alias).Listed().ids;
+    const auto known = UplinksNamed(row["before"]);
+    for (const std::string &name : UplinksNamed(row["after"])) {
+        if (Contains(uplinks, name) || known.contains(name)) continue;
+        throw Error(
+            Exit::NOT_FOUND,
+            fmt::format("{} names {}, which is not an uplink of switch {}", StepText(step), name, alias),
+            uplinks.empty() ? fmt::format("'vsctl uplink add {} {}' adds it", alias, name)
+                            : fmt::format("its uplinks are {}", fmt::join(uplinks, ", ")));
+    }
+}
 
 // Whether the error says that what an optional step does is done already.
 bool IsDone(const Step &step, const Error &error)
@@ -420,22 +432,28 @@ bool IsDone(const Step &step, const Error &error)
 
 }
 
-void CheckSteps(std::vector<Step> &steps)
+Preview CheckSteps(std::vector<Step> &steps)
 {
     Checker checker;
     std::vector<Step> expanded;
     for (const Step &step : steps) {
         RestartTimeLimit();
+        std::vector<Step> parts;
         try {
-            for (Step &part : checker.Expand(step)) {
+            parts = checker.Expand(step);
+            for (const Step &part : parts)
                 checker.Check(part);
-                expanded.push_back(std::move(part));
-            }
         } catch (const Error &error) {
             if (!step.isOptional || !IsDone(step, error)) throw;
+            continue;
+        }
+        for (Step &part : parts) {
+            checker.Add(part);
+            expanded.push_back(std::move(part));
         }
     }
     steps = std::move(expanded);
+    return std::move(checker.preview);
 }
 
 }

@@ -1,8 +1,8 @@
 // What a verb returns, and the options that every verb takes.
 #pragma once
 
-#include "cli/base/output.h"
 #include "cli/change/step.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 

@@ -412,6 +412,14 @@ Step RemoveEntries(const Policy &policy, const Target &target, const Json &names
     return {policy.name, target, {{"remove", names}}};
 }
 
+std::string SubjectOf(const Step &step)
+{
+    std::string subject = step.item;
+    for (const char *key : ItemOf(step).subject)
+        if (key) subject += " " + step.value[key].get<std::string>();
+    return subject;
+}
+
 Json StepRow(const Step &step)
 {
     Json row = {{"switch", step.target.alias},

@@ -36,6 +36,8 @@ Step SetPolicy(const Policy &policy, const Target &target, const Json &value);
 Step AddEntries(const Policy &policy, const Target &target, const Json &entries);
 Step RemoveEntries(const Policy &policy, const Target &target, const Json &names);
 const Policy *PolicyOf(const Step &step); // null for other steps
+// What the step is about within its target: two steps with the same subject change the same value.
+std::string SubjectOf(const Step &step);
 // One row of output: what the step is about, the state before it and the state after it.
 Json StepRow(const Step &step);
 std::string StepText(const Step &step);

@@ -14,17 +14,22 @@ namespace vsctl {
 
 namespace {
 
+Document ReadDocument(const std::string &path)
+{
+    return {path == "-" ? "standard input" : path, ReadFile(path)};
+}
+
 std::vector<Step> StepsOfFile(const Arguments &arguments)
 {
-    const Document document(arguments.Text("FILE"));
+    const Document document = ReadDocument(arguments.Text("FILE"));
     if (!arguments.Has("--replaces")) return PlanSteps(document);
-    return PlanSteps(document, Document(arguments.Text("--replaces")));
+    return PlanSteps(document, ReadDocument(arguments.Text("--replaces")));
 }
 
 // What can be said of a file without a host; with --json, the file as JSON.
 Result CheckFile(const Arguments &arguments)
 {
-    const Document document(arguments.Text("FILE"));
+    const Document document = ReadDocument(arguments.Text("FILE"));
     CheckDocument(document);
     return Text(arguments.Has("--json") ? document.Root().dump() + "\n" : "the file is valid\n");
 }
@@ -130,7 +135,7 @@ Result Edit(const Verb &, const Arguments &arguments)
     Result result;
     result.asks = true;
     try {
-        result.steps = PlanSteps(Document(file.path), Document(before.path));
+        result.steps = PlanSteps(ReadDocument(file.path), ReadDocument(before.path));
     } catch (const Error &error) {
         file.isKept = true;
         throw Error(error.exit, error.problem,

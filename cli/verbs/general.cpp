@@ -5,12 +5,12 @@
 #include <unistd.h>
 
 #include "cli/base/forward.h"
-#include "cli/base/output.h"
 #include "cli/change/change.h"
 #include "cli/change/plan.h"
 #include "cli/verbs/completion.h"
 #include "cli/verbs/schema.h"
 #include "cli/verbs/watch.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 

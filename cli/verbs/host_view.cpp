@@ -5,8 +5,8 @@
 #include <map>
 
 #include "cli/base/decode.h"
-#include "cli/base/output.h"
 #include "cli/change/object.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 

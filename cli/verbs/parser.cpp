@@ -5,7 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "cli/base/output.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 
@@ -290,21 +290,6 @@ std::vector<std::string> SplitLine(const std::string &line)
     }
     if (quote) throw Error(Exit::USAGE, fmt::format("the quote {} is not closed", quote));
     return words;
-}
-
-double ParseSeconds(const std::string &name, const std::string &text)
-{
-    static const std::map<std::string, double> UNITS = {
-        {"", 1}, {"ms", 0.001}, {"s", 1}, {"m", 60}, {"h", 3600}};
-    const char *const stop = text.data() + text.size();
-    double number = 0;
-    const auto [end, error] = std::from_chars(text.data(), stop, number);
-    const auto unit = UNITS.find(std::string(end, stop));
-    const double seconds = error == std::errc() && unit != UNITS.end() ? number * unit->second : 0;
-    if (!(seconds >= 0.001) || seconds > 1e6)
-        throw Error(Exit::BAD_VALUE,
-                    fmt::format("{} must be a time like 500ms, 30s or 2m, not '{}'", name, text));
-    return seconds;
 }
 
 }

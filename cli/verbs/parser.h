@@ -37,7 +37,6 @@ bool TakesWord(const std::string &option);
 std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words);
 // Splits a line into words, with quotes as in a shell.
 std::vector<std::string> SplitLine(const std::string &line);
-double ParseSeconds(const std::string &name, const std::string &text);
 
 // The arguments of a verb, and the options that every verb takes.
 std::vector<Argument> AllArguments(const Verb &verb);

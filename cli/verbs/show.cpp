@@ -5,9 +5,9 @@
 #include <langinfo.h>
 #include <unistd.h>
 
-#include "cli/base/output.h"
 #include "cli/verbs/host_view.h"
 #include "cli/verbs/verb.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 

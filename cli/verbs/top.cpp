@@ -9,8 +9,8 @@
 
 #include "cli/base/clock.h"
 #include "cli/base/limit.h"
-#include "cli/base/output.h"
 #include "cli/verbs/parser.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 

@@ -3,9 +3,9 @@
 #include <cstdio>
 #include <fmt/format.h>
 
-#include "cli/base/output.h"
 #include "cli/verbs/host_view.h"
 #include "cli/verbs/verb.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 

@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include "cli/base/limit.h"
-#include "cli/base/output.h"
 #include "cli/change/change.h"
+#include "frontend/output.h"
 
 namespace vsctl {
 

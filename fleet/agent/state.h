@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fleet/protocol/documents.h"
+#include "frontend/files.h"
 
 namespace vsfleet {
 
@@ -34,15 +35,15 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Memory, stage, target, next, doc
 // A directory that only one agent uses. Files are whole and on disk when a call returns.
 class State {
 public:
-    // Throws std::runtime_error when another agent uses the directory.
-    explicit State(std::string directory);
+    // Throws when another agent uses the directory.
+    explicit State(const std::string &directory);
     State(const State &) = delete;
     State &operator=(const State &) = delete;
     ~State();
 
     void Save(); // the memory
-    std::string Path(const std::string &name) const { return directory + "/" + name; }
-    void Write(const std::string &name, const std::string &text);
+    std::string Path(const std::string &name) const { return files.Path(name); }
+    void Write(const std::string &name, const std::string &text) const { files.Write(name, text); }
 
     // The text of a document; empty when it isn't kept.
     std::string Text(const DocumentRevision &document) const;
@@ -53,7 +54,7 @@ public:
     Memory memory;
 
 private:
-    std::string directory;
+    frontend::Files files;
     int lock;
 };
 

@@ -28,40 +28,23 @@ constexpr const char *ROOT_USER = "root", *DRIVER = "driver", *OPERATOR = "opera
 
 std::string UserOf(const std::string &host) { return "host-" + host; }
 
-std::string ReadText(const std::string &path)
+void WriteText(const std::string &path, const std::string &text, mode_t mode = 0644)
 {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    if (!file) throw Error(Exit::NOT_FOUND, fmt::format("can't read {}", path), "run `vsfleet setup` first");
-    return text.str();
-}
-
-// As a whole or not at all. A key is for its owner alone.
-void WriteText(const std::string &path, const std::string &text, bool isSecret = false)
-{
-    std::error_code problem;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), problem);
-    const std::string part = path + ".part";
-    const mode_t mask = umask(isSecret ? 077 : 022);
-    std::filesystem::remove(part, problem);
-    std::ofstream file(part);
-    file << text;
-    file.close();
-    umask(mask);
-    if (file) std::filesystem::rename(part, path, problem);
-    if (!file || problem) throw Error(Exit::FAILURE, fmt::format("can't write {}", path));
+    const std::filesystem::path file(path);
+    std::error_code problem; // of which writing says more
+    std::filesystem::create_directories(file.parent_path(), problem);
+    Files(file.parent_path()).Write(file.filename(), text, mode);
 }
 
 void WriteCertificate(const std::string &stem, const Certificate &certificate)
 {
-    WriteText(stem + ".key", certificate.key, true);
+    WriteText(stem + ".key", certificate.key, 0600);
     WriteText(stem + ".pem", certificate.certificate);
 }
 
 Certificate ReadAuthority(const std::string &directory)
 {
-    return {ReadText(directory + "/ca.pem"), ReadText(directory + "/ca.key")};
+    return {ReadFile(directory + "/ca.pem"), ReadFile(directory + "/ca.key")};
 }
 
 // A configuration file that lies beside the certificate of that name.

@@ -1,5 +1,6 @@
 // push, diff, rollback, remove, pause, resume, abort: what operators do with documents.
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <fmt/format.h>
 
 #include "fleet/command/commands.h"
@@ -35,13 +36,18 @@ void AddWaves(CLI::App &app, WaveArguments &given)
         ->excludes(detach);
 }
 
+int64_t WholeSeconds(const std::string &option, const std::string &text)
+{
+    return std::llround(std::ceil(ParseSeconds(option, text, 0)));
+}
+
 RolloutOptions OptionsOf(const WaveArguments &given)
 {
     RolloutOptions options;
     options.canary = given.canary;
     options.maxFailures = given.maxFailures;
-    options.soak = ParseSeconds("--soak", given.soak);
-    options.deadline = ParseSeconds("--deadline", given.deadline);
+    options.soak = WholeSeconds("--soak", given.soak);
+    options.deadline = WholeSeconds("--deadline", given.deadline);
     options.rollBack = !given.noRollback;
     if (options.deadline < 1) throw Error(Exit::USAGE, "--deadline: give a second or more");
     if (given.batch.empty()) return options;
@@ -303,7 +309,7 @@ Exit Diff(Console &console, const PushArguments &given)
     change.action = console.command;
     change.rollout.options.planOnly = true;
     change.rollout.options.withoutAbsent = true;
-    change.rollout.options.deadline = ParseSeconds("--deadline", given.waves.deadline);
+    change.rollout.options.deadline = WholeSeconds("--deadline", given.waves.deadline);
     Submit(console, change);
     const Rollout rollout = Follow(console, change.rollout.id);
     const Rows rows = DiffRows(console.fleet, rollout);

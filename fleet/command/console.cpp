@@ -1,6 +1,5 @@
 #include "fleet/command/console.h"
 
-#include <charconv>
 #include <fmt/format.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -97,19 +96,6 @@ void CheckName(const std::string &name, const std::string &what)
     if (name.empty() || name.size() > 200 || name.find_first_not_of(ALLOWED) != std::string::npos)
         throw Error(Exit::BAD_VALUE, fmt::format("'{}' can't be {}", name, what),
                     "use 1 to 200 letters, digits, '.', '_' and '-'");
-}
-
-int64_t ParseSeconds(const std::string &option, const std::string &text)
-{
-    static const std::map<std::string, int64_t> UNITS = {
-        {"ms", 1}, {"", 1000}, {"s", 1000}, {"m", 60000}, {"h", 3600000}};
-    int64_t number = -1;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const auto unit = UNITS.find(std::string(end, text.data() + text.size()));
-    if (error != std::errc() || unit == UNITS.end() || number < 0 || number > 1000000)
-        throw Error(Exit::USAGE, fmt::format("{}: '{}' is not a time", option, text),
-                    "write it like 500ms, 30s, 2m or 1h");
-    return (number * unit->second + 999) / 1000;
 }
 
 std::string Join(const Labels &labels)

@@ -12,7 +12,7 @@ public:
     Console(std::string command, const std::string &configFile, bool json);
 
     void ReadFleet();
-    void PrintRows(const Rows &rows) const { vsfleet::PrintRows(command, rows, json); }
+    void PrintRows(const Rows &rows) const { frontend::PrintRows(command, rows, json); }
     // The record of an action of this user, now; it goes into the transaction of the action.
     Audit NewAudit(const std::string &action) const;
     // Made or refused as a whole. False: something that was read has changed meanwhile.
@@ -33,8 +33,6 @@ Action Guarded(std::string command, std::shared_ptr<bool> json, std::function<Ex
 
 // Throws unless the text can be a part of a key. `what` reads like "a host's name".
 void CheckName(const std::string &name, const std::string &what);
-// "500ms", "30s", "2m", "1h", in seconds, rounded up.
-int64_t ParseSeconds(const std::string &option, const std::string &text);
 std::string Join(const Labels &labels);
 
 }

@@ -107,7 +107,7 @@ std::string ProgressText(const Fleet &fleet, const Rollout &rollout)
 Rollout Follow(Console &console, const std::string &id)
 {
     LiveText live;
-    const bool isLive = !console.json && IsTerminal(STDOUT_FILENO);
+    const bool isLive = !console.json && CanDraw();
     for (std::unique_ptr<Watch> watch = ReadAndWatch(console);;) {
         const auto found = console.fleet.rollouts.find(id);
         if (found == console.fleet.rollouts.end())

@@ -174,7 +174,7 @@ std::string LiveStatus(const Fleet &fleet, const std::string &name, const Rows &
 
 Exit WatchFleet(Console &console, const std::string &name)
 {
-    const bool isLive = !console.json && IsTerminal(1);
+    const bool isLive = !console.json && CanDraw();
     LiveText live;
     Rows shown = Rows::array();
     for (;;) {

@@ -1,71 +1,83 @@
 // The configuration file.
 #include "fleet/protocol/config.h"
 
+#include <algorithm>
 #include <filesystem>
-#include <fmt/format.h>
-#include <toml++/toml.h>
 #include <unistd.h>
+
+#include "frontend/document.h"
+#include "frontend/files.h"
 
 namespace vsfleet {
 
+using namespace frontend;
+
 namespace {
 
-[[noreturn]] void Refuse(const std::string &path, const toml::source_position &place,
-                         const std::string &problem)
-{
-    throw std::runtime_error(fmt::format("{}:{}:{}: {}", path, place.line, place.column, problem));
-}
-
-// Takes the members out of the table one by one; what is left is not known.
+// Reads the members of the file one by one.
 class Reader {
 public:
-    Reader(const std::string &path, toml::table &table) : path(path), table(table) {}
+    explicit Reader(const Document &document) : document(document) {}
 
     void Text(const char *name, std::string &value)
     {
-        if (const toml::node *node = Find(name)) {
-            value = node->value_exact<std::string>().value_or("");
-            if (value.empty()) Refuse(path, node->source().begin, fmt::format("{} is a text", name));
-            table.erase(name);
-        }
+        const Json *member = Find(name);
+        if (member && !IsText(*member)) throw document.At(PointerTo(name), "is not a text");
+        if (member) value = *member;
     }
 
     void Seconds(const char *name, std::chrono::seconds &value)
     {
-        if (const toml::node *node = Find(name)) {
-            const int64_t number = node->value_exact<int64_t>().value_or(0);
-            if (number < 1 || number > 86400)
-                Refuse(path, node->source().begin,
-                       fmt::format("{} is a number of seconds, 1 to 86400", name));
-            value = std::chrono::seconds(number);
-            table.erase(name);
-        }
+        const Json *member = Find(name);
+        if (!member) return;
+        if (!member->is_number_integer() || *member < 1 || *member > 86400)
+            throw document.At(PointerTo(name), "is not a number of seconds, 1 to 86400");
+        value = std::chrono::seconds(member->get<int64_t>());
     }
 
     void Texts(const char *name, std::vector<std::string> &values)
     {
-        const toml::node *node = Find(name);
-        if (!node) return;
-        const toml::array *list = node->as_array();
-        for (size_t i = 0; list && i < list->size(); i++)
-            values.push_back(list->get(i)->value_exact<std::string>().value_or(""));
-        if (values.empty() || std::find(values.begin(), values.end(), "") != values.end())
-            Refuse(path, node->source().begin, fmt::format("{} is a list of texts", name));
-        table.erase(name);
+        const Json *member = Find(name);
+        if (!member) return;
+        if (!member->is_array() || member->empty() || !std::all_of(member->begin(), member->end(), IsText))
+            throw document.At(PointerTo(name), "is not a list of texts");
+        values = *member;
     }
 
+    // Throws when the file has another member.
     void End() const
     {
-        for (const auto &[key, value] : table)
-            Refuse(path, key.source().begin, fmt::format("'{}' is not known here", key.str()));
+        for (const auto &[key, value] : document.Root().items()) {
+            if (std::find(known.begin(), known.end(), key) == known.end())
+                throw document.At("/" + PointerStep(key), UnknownKey(key, known));
+        }
     }
 
 private:
-    const toml::node *Find(const char *name) const { return table.get(name); }
+    using Json = frontend::Json;
+    static bool IsText(const Json &value) { return value.is_string() && value != ""; }
+    static std::string PointerTo(const char *name) { return std::string("/") + name; }
+    const Json *Find(const char *name)
+    {
+        known.emplace_back(name);
+        const auto found = document.Root().find(name);
+        return found == document.Root().end() ? nullptr : &*found;
+    }
 
-    const std::string &path;
-    toml::table &table;
+    const Document &document;
+    std::vector<std::string> known;
 };
+
+std::string TextOf(const std::string &path)
+{
+    try {
+        return ReadFile(path);
+    } catch (const Error &error) {
+        throw Error(error.exit, error.problem, "--config or VSFLEET_CONFIG names another file");
+    }
+}
+
+}
 
 std::string MachineName()
 {
@@ -74,32 +86,22 @@ std::string MachineName()
     return name;
 }
 
-}
-
 Config ReadConfig(const std::string &path)
 {
-    if (access(path.c_str(), R_OK))
-        throw std::runtime_error(
-            fmt::format("can't read {}; --config or VSFLEET_CONFIG names another file", path));
     Config config;
-    try {
-        toml::table table = toml::parse_file(path);
-        Reader reader(path, table);
-        reader.Texts("endpoints", config.endpoints.addresses);
-        reader.Text("authority", config.endpoints.authority);
-        reader.Text("certificate", config.endpoints.certificate);
-        reader.Text("key", config.endpoints.key);
-        reader.Text("host", config.host);
-        reader.Text("state", config.state);
-        reader.Text("vsctl", config.vsctl);
-        reader.Seconds("lease", config.lease);
-        reader.Seconds("drift-interval", config.driftInterval);
-        reader.End();
-    } catch (const toml::parse_error &error) {
-        Refuse(path, error.source().begin, fmt::format("not TOML: {}", error.description()));
-    }
-    if (config.endpoints.addresses.empty())
-        throw std::runtime_error(fmt::format("{}: endpoints is missing", path));
+    const Document document(path, TextOf(path));
+    Reader reader(document);
+    reader.Texts("endpoints", config.endpoints.addresses);
+    reader.Text("authority", config.endpoints.authority);
+    reader.Text("certificate", config.endpoints.certificate);
+    reader.Text("key", config.endpoints.key);
+    reader.Text("host", config.host);
+    reader.Text("state", config.state);
+    reader.Text("vsctl", config.vsctl);
+    reader.Seconds("lease", config.lease);
+    reader.Seconds("drift-interval", config.driftInterval);
+    reader.End();
+    if (config.endpoints.addresses.empty()) throw document.At("", "endpoints is missing");
     for (std::string *file :
          {&config.endpoints.authority, &config.endpoints.certificate, &config.endpoints.key})
         *file = std::filesystem::path(path).parent_path() / *file;

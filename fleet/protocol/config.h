@@ -22,10 +22,12 @@ struct Config {
     std::chrono::seconds driftInterval{30}; // between looks at the host
 };
 
-// Throws std::runtime_error, with the file and the line, when the file can't be read or says something else
+// Throws an Error, with the file and the line, when the file can't be read or says something else
 // than the above. Without a host name, the machine's own is taken.
 // Certificates are relative to the file, so that a directory with both works wherever it is.
 Config ReadConfig(const std::string &path);
+
+std::string MachineName();
 
 // What a command of vsfleet does once its arguments are read. Returns the exit code.
 using Action = std::function<int(const std::string &configFile)>;

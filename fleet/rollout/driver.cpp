@@ -62,13 +62,6 @@ Milliseconds Rest(int failures)
     return Milliseconds(std::uniform_int_distribution<int64_t>(longest / 2, longest)(random));
 }
 
-std::string MachineName()
-{
-    char name[256] = "";
-    gethostname(name, sizeof(name) - 1);
-    return name;
-}
-
 Identity KnownTo(const Config &config)
 {
     const Memory memory = ReadMemory(config);

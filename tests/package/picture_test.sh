@@ -8,6 +8,9 @@ for picture in docs/*.dot; do
 done
 for folder in core lifecycle policy kernel platform/*/ cli/*/ fleet/*/; do
     folder=${folder%/} part=${folder%/*}
+    if grep -q '^#include "frontend/' "$folder"/*.[ch]*; then
+        grep -q "${folder##*/} -> frontend\b" docs/architecture.dot || { echo "$folder includes from frontend" >&2; exit 1; }
+    fi
     [ "$part" = "$folder" ] && part='' || part=$part/
     sed -n "s|^#include \"$part\([a-z]*\)/.*|\1|p" "$folder"/*.[ch]* 2>/dev/null | sort -u | while read -r other; do
         [ "${folder##*/}" = "$other" ] || grep -q "${folder##*/} -> $other\b" docs/architecture.dot || {
@@ -38,4 +41,5 @@ check_downwards cli "verbs change base"
 check_downwards fleet "command rollout agent protocol etcd"
 ! grep -l '#include "\(core\|lifecycle\|policy\|kernel\|platform\|cli\)/' -r fleet >&2
 ! grep -l '#include "\(core\|lifecycle\|policy\|kernel\|cli\)/' -r platform >&2
+! grep '#include "' -r frontend | grep -v '"frontend/' >&2
 ! grep -l '#include "platform/' -r core lifecycle policy kernel >&2

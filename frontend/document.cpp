@@ -1,12 +1,12 @@
 // A file in TOML or JSON. Errors name the part by its JSON pointer; in TOML, by line and column too.
-#include "cli/base/document.h"
+#include "frontend/document.h"
 
 #include <fmt/format.h>
 #include <set>
 #include <sstream>
 #include <toml++/toml.h>
 
-namespace vsctl {
+namespace frontend {
 
 namespace {
 
@@ -79,31 +79,6 @@ private:
     std::vector<Level> open; // objects and lists
 };
 
-}
-
-Document::Document(const std::string &path) : path(path == "-" ? "standard input" : path)
-{
-    const std::string text = ReadFile(path);
-    const size_t first = text.find_first_not_of(" \t\r\n");
-    if (first != std::string::npos && text[first] == '{')
-        ReadJson(text);
-    else
-        ReadToml(text);
-}
-
-void Document::ReadJson(const std::string &text)
-{
-    JsonReader reader(root);
-    try {
-        Json::sax_parse(text, &reader);
-    } catch (const Error &error) {
-        throw Error(error.exit, fmt::format("{}: {}", path, error.problem));
-    }
-    if (!reader.twice.empty()) throw At(reader.twice, "appears twice");
-}
-
-namespace {
-
 struct Location {
     std::string pointer;
     toml::source_position begin;
@@ -145,49 +120,6 @@ Json FromToml(const toml::node &node, const std::string &pointer, std::vector<Lo
     if (const auto number = node.value_exact<double>()) return *number;
     return nullptr;
 }
-
-}
-
-void Document::ReadToml(const std::string &text)
-{
-    try {
-        std::vector<Location> locations;
-        root = TableFromToml(toml::parse(text), "", locations);
-        for (const Location &location : locations)
-            positions[location.pointer] = {location.begin.line, location.begin.column};
-    } catch (const toml::parse_error &error) {
-        const auto begin = error.source().begin;
-        throw At(Position{begin.line, begin.column}, fmt::format("not TOML: {}", error.description()),
-                 Exit::BAD_VALUE);
-    }
-}
-
-Error Document::At(Position position, const std::string &problem, Exit exit) const
-{
-    return Error(exit, fmt::format("{}:{}:{}: {}", path, position.line, position.column, problem));
-}
-
-Error Document::At(const std::string &pointer, const std::string &problem, Exit exit) const
-{
-    const auto found = positions.find(pointer);
-    const std::string where = pointer.empty() ? "" : pointer.substr(1) + " ";
-    if (found != positions.end()) return At(found->second, where + problem, exit);
-    return Error(exit, fmt::format("{}: {}{}", path, where, problem));
-}
-
-std::string PointerStep(const std::string &key)
-{
-    std::string step;
-    for (char c : key) {
-        if (c == '~' || c == '/')
-            step += c == '~' ? "~0" : "~1";
-        else
-            step += c;
-    }
-    return step;
-}
-
-namespace {
 
 // Tables with a heading of their own: [switches.lab.ports.port0]. Those inside stand on one line.
 constexpr int HEADINGS = 4;
@@ -233,6 +165,72 @@ toml::table ToToml(const Json &object, int depth, bool isPorts)
     return table;
 }
 
+}
+
+std::string UnknownKey(const std::string &key, const std::vector<std::string> &names)
+{
+    const std::string suggestion = Suggest(key, names);
+    if (!suggestion.empty()) return "is not a known key; " + suggestion;
+    return fmt::format("is not a known key; the keys are {}", fmt::join(names, ", "));
+}
+
+Document::Document(std::string name, const std::string &text) : name(std::move(name))
+{
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    if (first != std::string::npos && text[first] == '{')
+        ReadJson(text);
+    else
+        ReadToml(text);
+}
+
+void Document::ReadJson(const std::string &text)
+{
+    JsonReader reader(root);
+    try {
+        Json::sax_parse(text, &reader);
+    } catch (const Error &error) {
+        throw Error(error.exit, fmt::format("{}: {}", name, error.problem));
+    }
+    if (!reader.twice.empty()) throw At(reader.twice, "appears twice");
+}
+
+void Document::ReadToml(const std::string &text)
+{
+    try {
+        std::vector<Location> locations;
+        root = TableFromToml(toml::parse(text), "", locations);
+        for (const Location &location : locations)
+            positions[location.pointer] = {location.begin.line, location.begin.column};
+    } catch (const toml::parse_error &error) {
+        const auto begin = error.source().begin;
+        throw At(Position{begin.line, begin.column}, fmt::format("not TOML: {}", error.description()),
+                 Exit::BAD_VALUE);
+    }
+}
+
+Error Document::At(Position position, const std::string &problem, Exit exit) const
+{
+    return Error(exit, fmt::format("{}:{}:{}: {}", name, position.line, position.column, problem));
+}
+
+Error Document::At(const std::string &pointer, const std::string &problem, Exit exit) const
+{
+    const auto found = positions.find(pointer);
+    const std::string where = pointer.empty() ? "" : pointer.substr(1) + " ";
+    if (found != positions.end()) return At(found->second, where + problem, exit);
+    return Error(exit, fmt::format("{}: {}{}", name, where, problem));
+}
+
+std::string PointerStep(const std::string &key)
+{
+    std::string step;
+    for (char c : key) {
+        if (c == '~' || c == '/')
+            step += c == '~' ? "~0" : "~1";
+        else
+            step += c;
+    }
+    return step;
 }
 
 std::string TomlText(const Json &json)

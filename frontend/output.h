@@ -1,10 +1,13 @@
-// What the command prints: rows, as an aligned table or as JSON.
+// What a command prints: rows, as an aligned table or as JSON.
 #pragma once
 
-#include "cli/base/error.h"
-#include "cli/base/library.h"
+#include <nlohmann/json.hpp>
 
-namespace vsctl {
+#include "frontend/error.h"
+
+namespace frontend {
+
+using Json = nlohmann::ordered_json;
 
 // Writes to standard output. Ends the command without an error when the reader has gone.
 void Print(const std::string &text);

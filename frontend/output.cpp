@@ -1,5 +1,4 @@
-// What the command prints: rows, as an aligned table or as JSON.
-#include "cli/base/output.h"
+#include "frontend/output.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,7 +8,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-namespace vsctl {
+namespace frontend {
 
 namespace {
 
@@ -111,35 +110,6 @@ std::string JoinLine(const std::vector<std::string> &cells, const std::vector<si
     return line + fmt::format("{}", fmt::join(Wrapped(cells.back(), widths.back()), separator));
 }
 
-}
-
-bool HasColor(int descriptor)
-{
-    const char *noColor = getenv("NO_COLOR");
-    const char *terminal = getenv("TERM");
-    return isatty(descriptor) && !(noColor && *noColor) && terminal && strcmp(terminal, "dumb") != 0;
-}
-
-size_t TerminalWidth()
-{
-    winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return USUAL_WIDTH;
-    return size.ws_col;
-}
-
-size_t TextWidth(std::string_view text)
-{
-    return static_cast<size_t>(
-        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
-}
-
-std::string TitleText(const std::string &text)
-{
-    return HasColor(STDOUT_FILENO) ? fmt::format(fmt::emphasis::bold, "{}", text) : text;
-}
-
-namespace {
-
 // Where a line of so many columns ends: before a space or behind a comma if there is one, never within a
 // character.
 size_t LineEnd(std::string_view text, size_t columns)
@@ -153,49 +123,6 @@ size_t LineEnd(std::string_view text, size_t columns)
     const size_t best = std::max(space, comma);
     return best == 0 ? end : best == space ? space - 1 : comma;
 }
-
-}
-
-std::vector<std::string> Wrapped(const std::string &text, size_t columns)
-{
-    std::vector<std::string> lines;
-    for (std::string_view rest = text; !rest.empty();) {
-        const size_t end = LineEnd(rest, columns);
-        lines.emplace_back(rest.substr(0, end));
-        rest.remove_prefix(std::min(end + (end < rest.size() && rest[end] == ' '), rest.size()));
-    }
-    return lines;
-}
-
-void Print(const std::string &text)
-{
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t written = write(STDOUT_FILENO, text.data() + done, text.size() - done);
-        if (written < 0 && errno == EPIPE) _exit(static_cast<int>(Exit::DONE));
-        if (written < 0 && errno != EINTR)
-            throw Error(Exit::FAILURE, fmt::format("cannot write standard output: {}", strerror(errno)));
-        done += static_cast<size_t>(std::max<ssize_t>(written, 0));
-    }
-}
-
-std::string Dump(const Json &value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
-
-std::string CellText(const Json &value)
-{
-    if (value.is_null()) return "-";
-    if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
-    if (value.is_string()) return Printable(Shortened(value.get_ref<const std::string &>()));
-    if (!value.is_structured()) return Dump(value);
-    std::vector<std::string> parts;
-    for (const auto &[key, member] : value.items()) {
-        const std::string text = member.is_object() ? "{" + CellText(member) + "}" : CellText(member);
-        parts.push_back(value.is_array() ? text : fmt::format("{}={}", key, text));
-    }
-    if (parts.empty()) return "none";
-    return fmt::format("{}", fmt::join(parts, value.is_array() ? "," : " "));
-}
-
-namespace {
 
 // The keys that name what a row is about, the most exact one first. A row that begins with another name than
 // its switch is about that.
@@ -243,6 +170,70 @@ Json Chosen(const Json &rows, const std::vector<std::string> &columns)
     return chosen;
 }
 
+}
+
+bool HasColor(int descriptor)
+{
+    const char *noColor = getenv("NO_COLOR");
+    const char *terminal = getenv("TERM");
+    return isatty(descriptor) && !(noColor && *noColor) && terminal && strcmp(terminal, "dumb") != 0;
+}
+
+size_t TerminalWidth()
+{
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return USUAL_WIDTH;
+    return size.ws_col;
+}
+
+size_t TextWidth(std::string_view text)
+{
+    return static_cast<size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+std::string TitleText(const std::string &text)
+{
+    return HasColor(STDOUT_FILENO) ? fmt::format(fmt::emphasis::bold, "{}", text) : text;
+}
+
+std::vector<std::string> Wrapped(const std::string &text, size_t columns)
+{
+    std::vector<std::string> lines;
+    for (std::string_view rest = text; !rest.empty();) {
+        const size_t end = LineEnd(rest, columns);
+        lines.emplace_back(rest.substr(0, end));
+        rest.remove_prefix(std::min(end + (end < rest.size() && rest[end] == ' '), rest.size()));
+    }
+    return lines;
+}
+
+void Print(const std::string &text)
+{
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t written = write(STDOUT_FILENO, text.data() + done, text.size() - done);
+        if (written < 0 && errno == EPIPE) _exit(static_cast<int>(Exit::DONE));
+        if (written < 0 && errno != EINTR)
+            throw Error(Exit::FAILURE, fmt::format("cannot write standard output: {}", strerror(errno)));
+        done += static_cast<size_t>(std::max<ssize_t>(written, 0));
+    }
+}
+
+std::string Dump(const Json &value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+std::string CellText(const Json &value)
+{
+    if (value.is_null()) return "-";
+    if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
+    if (value.is_string()) return Printable(Shortened(value.get_ref<const std::string &>()));
+    if (!value.is_structured()) return Dump(value);
+    std::vector<std::string> parts;
+    for (const auto &[key, member] : value.items()) {
+        const std::string text = member.is_object() ? "{" + CellText(member) + "}" : CellText(member);
+        parts.push_back(value.is_array() ? text : fmt::format("{}={}", key, text));
+    }
+    if (parts.empty()) return "none";
+    return fmt::format("{}", fmt::join(parts, value.is_array() ? "," : " "));
 }
 
 std::string TableText(const Json &rows, const TableStyle &style)
@@ -312,14 +303,15 @@ std::string ErrorText(const Error &error, bool json)
             {"problem", error.problem}, {"advice", error.advice}, {"exit", static_cast<int>(error.exit)}};
         if (error.status) {
             details["status"] = fmt::format("0x{:08X}", error.status);
-            details["name"] = Describe(error.status).name;
+            details["name"] = error.statusName;
         }
         if (!error.undone.empty()) details["undone"] = error.undone;
         if (!error.more.empty()) details["more"] = error.more;
         return Dump({{"error", details}}) + "\n";
     }
+    const std::string name = std::string(program_invocation_short_name) + ":";
     const std::string start =
-        HasColor(STDERR_FILENO) ? fmt::format(fmt::fg(fmt::terminal_color::red), "{}", "vsctl:") : "vsctl:";
+        HasColor(STDERR_FILENO) ? fmt::format(fmt::fg(fmt::terminal_color::red), "{}", name) : name;
     std::string text = fmt::format("{} {}\n", start, Printable(error.message));
     for (const std::string &problem : error.more)
         text += fmt::format("{} {}\n", start, Printable(problem));
