@@ -179,33 +179,4 @@ TEST_F(Identity, APortsetNameFindsTheLongestStoredPrefix)
     EXPECT_EQ(Alias("lab"), Found("one"));
 }
 
-TEST_F(Identity, StartUpLoadsTheCacheOrLeavesItEmpty)
-{
-    AddSwitch("one", "lab");
-    const char *const failing[] = {nullptr, "DVSState_ConfigReset", "DVSZOR_StateGet", nullptr};
-    const size_t steps[] = {3, 1, 2, 3};
-    for (size_t i = 0; i < std::size(steps); i++) {
-        if (failing[i]) vshost_fail(VSHOST_STORE, failing[i], 1, 1, STATUS_IO_ERROR);
-        vshost_record(1);
-        LibraryInit();
-        EXPECT_EQ(CallTexts(VSHOST_STORE).size(), steps[i]);
-        vshost_clear();
-        // After a failed reset the cache is as the store left it, which here is unchanged.
-        const bool empty = steps[i] == 2;
-        EXPECT_EQ(SwitchId("one").first, empty ? STATUS_NOT_FOUND : STATUS_OK);
-        EXPECT_EQ(Alias("lab"), Found(empty ? "" : "one"));
-    }
-}
-
-TEST_F(LabTest, APortExistsFromItsCreationToItsRemoval)
-{
-    const auto exist = [] {
-        return DVPortExist(LAB_ID, PORT) + 2 * DVPortExist(LAB_ID, "p") + 4 * DVPortExist("x", PORT);
-    };
-    EXPECT_EQ(exist(), 1);
-    EXPECT_EQ(VSDVS_AddDVPort(LAB, "p", 1), STATUS_OK);
-    EXPECT_EQ(VSDVS_RemoveDVPort(LAB, PORT), STATUS_OK);
-    EXPECT_EQ(exist(), 2);
-}
-
 }

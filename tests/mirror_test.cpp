@@ -40,7 +40,7 @@ Session Made(const std::string &id, uint32_t a, uint32_t b = 0, uint32_t c = 0)
     return session;
 }
 
-// One of the two places.
+// Where a list is kept.
 struct Place {
     const char *port;
     StoreLevel level;
@@ -61,12 +61,7 @@ struct Place {
     VsStatus RemoveSession(const char *id) const { return VSDVS_RemoveDVMirrorSession(LAB, port, id); }
 };
 
-constexpr Place PLACES[] = {
-    {PORT, StoreLevel::PORT, "com.talpex.vswitch.port.mirrorSessions"},
-    {nullptr, StoreLevel::HOST, "com.talpex.vswitch.uplinkMirrorSessions"},
-    {"", StoreLevel::HOST, "com.talpex.vswitch.uplinkMirrorSessions"},
-};
-const Place &AT_PORT = PLACES[0];
+constexpr Place AT_PORT = {PORT, StoreLevel::PORT, "com.talpex.vswitch.port.mirrorSessions"};
 
 void ExpectRead(const Place &place, VsStatus status, const std::string &list)
 {
@@ -76,37 +71,6 @@ void ExpectRead(const Place &place, VsStatus status, const std::string &list)
     if (status != STATUS_OK) return;
     EXPECT_EQ(memcmp(read, list.data(), list.size()), 0);
     VSDVS_FreeMemory(read);
-}
-
-TEST_F(LabTest, SessionsAreAppendedAndRemovedAtBothPlaces)
-{
-    const Model first = {Made("a", 1), Made("b", 0, 1, 1)}, third = {Made("c", 2)};
-    Model all = first;
-    all.push_back(third[0]);
-    for (const Place &place : PLACES) {
-        SCOPED_TRACE(place.key);
-        ExpectRead(place, STATUS_NOT_FOUND, "");
-        EXPECT_EQ(place.RemoveSession("a"), STATUS_NOT_FOUND);
-        ASSERT_EQ(place.Append(List(first)), STATUS_OK);
-        EXPECT_EQ(place.Stored(), List(first));
-        EXPECT_EQ(List(first).size(), 640u);
-        ASSERT_EQ(place.Append(List(third)), STATUS_OK);
-        EXPECT_EQ(place.Stored(), List(all));
-        ExpectRead(place, STATUS_OK, List(all));
-        EXPECT_EQ(place.Append(List({Made("d", 1), Made("b", 1)})), STATUS_EXISTS);
-        EXPECT_EQ(place.RemoveSession("d"), STATUS_NOT_FOUND);
-        EXPECT_EQ(place.Stored(), List(all));
-        EXPECT_EQ(place.RemoveSession("b"), STATUS_OK);
-        EXPECT_EQ(place.Stored(), List({all[0], all[2]}));
-        EXPECT_EQ(place.RemoveSession("c"), STATUS_OK);
-        EXPECT_EQ(place.RemoveSession("a"), STATUS_OK);
-        EXPECT_EQ(place.Stored(), std::nullopt);
-        ASSERT_EQ(place.Append(List({})), STATUS_OK);
-        EXPECT_EQ(place.Stored(), List({}));
-        EXPECT_EQ(place.RemoveSession("a"), STATUS_NOT_FOUND);
-        EXPECT_EQ(VSDVS_ClearDVMirrorSessions(LAB, place.port), STATUS_OK);
-        EXPECT_EQ(place.Stored(), std::nullopt);
-    }
 }
 
 TEST_F(LabTest, ACallersListMustAddUp)
@@ -286,19 +250,6 @@ TEST_F(LabTest, AnIdCountsForThirtyTwoBytes)
     EXPECT_EQ(AT_PORT.Stored(), List({Made(full, 1), Made("xx", 2)}));
     EXPECT_EQ(AT_PORT.RemoveSession((full + "more").c_str()), STATUS_OK);
     EXPECT_EQ(AT_PORT.Stored(), List({Made("xx", 2)}));
-}
-
-TEST_F(LabTest, AFailedWriteLeavesTheList)
-{
-    ASSERT_EQ(AT_PORT.Append(List({Made("a", 1), Made("b", 1)})), STATUS_OK);
-    const std::string append = List({Made("c", 1)});
-    ExpectUndone(
-        {"DVSZOR_PortDataGet", "DVSZOR_PortDataSet"}, 2, [&] { return AT_PORT.Append(append); },
-        [] { EXPECT_EQ(AT_PORT.RemoveSession("c"), STATUS_OK); });
-    const std::string b = List({Made("b", 1)});
-    ExpectUndone(
-        {"DVSZOR_PortDataGet", "DVSZOR_PortDataSet"}, 2, [] { return AT_PORT.RemoveSession("b"); },
-        [&] { EXPECT_EQ(AT_PORT.Append(b), STATUS_OK); });
 }
 
 TEST_F(LabTest, FiveHundredSessionsAreCutDownToNone)

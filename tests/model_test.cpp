@@ -680,7 +680,8 @@ private:
         fault = {gate.first, gate.second, nth, 0};
         switch (gate.first) {
         case VSHOST_STORE:
-            fault.outcome = Pick({STATUS_NOT_FOUND, STATUS_EXISTS, STATUS_IO_ERROR, STATUS_READ_ONLY});
+            fault.outcome = Pick({STATUS_NOT_FOUND, STATUS_EXISTS, STATUS_IO_ERROR, STATUS_READ_ONLY,
+                                  STATUS_NO_MEMORY, STATUS_FAILURE});
             break;
         case VSHOST_SHELL:
             fault.outcome = Pick({1u, VSHOST_SHELL_KILLED, VSHOST_SHELL_NOT_STARTED});

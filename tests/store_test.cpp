@@ -128,18 +128,6 @@ protected:
     const std::string directory = folder.path;
 };
 
-TEST_F(StoreTest, KeepsEverythingAcrossARestart)
-{
-    ASSERT_EQ(SetPort("p3", "kept"), STATUS_OK);
-    const uint64_t before = vshost_fingerprint();
-    vshost_stop();
-    ASSERT_EQ(vshost_directory(), nullptr);
-    ASSERT_EQ(Start(), 0) << vshost_error();
-    EXPECT_EQ(vshost_fingerprint(), before);
-    EXPECT_EQ(GetPort("p3"), "kept");
-    EXPECT_EQ(NumberOf("p3"), 4u);
-}
-
 TEST_F(StoreTest, RefusesFilesThatAreNotItsOwn)
 {
     const std::function<void()> makers[] = {
@@ -360,26 +348,6 @@ TEST_F(StoreTest, FingerprintsTellNamesValuesAndFlagsApart)
     EXPECT_NE(vshost_fingerprint(), named);
 }
 
-TEST_F(StoreTest, WalksFromTheLongestPortsetNameToNone)
-{
-    const std::pair<const char *, const char *> switches[] = {
-        {"a", "lab"}, {"b", nullptr}, {"c", "lab-east"}, {"d", ""}, {"e", "lab-2"}};
-    for (const auto &[id, portset] : switches) {
-        ASSERT_EQ(DVSZOR_SwitchAdd(id, "vswitch", 8, 1), STATUS_OK);
-        if (portset) {
-            const auto length = static_cast<uint32_t>(strlen(portset) + 1);
-            ASSERT_EQ(DVSZOR_HostPropSet(id, PORTSET, portset, length, FLAGS), STATUS_OK);
-        }
-    }
-    std::string order;
-    const auto append = [](SwitchHandle *handle, void *context) {
-        *static_cast<std::string *>(context) += DVS_SwitchId(handle);
-        return static_cast<int>(*DVS_SwitchId(handle) == 'b');
-    };
-    DVSState_SwitchForEach(append, &order);
-    EXPECT_EQ(order, "ceadb");
-}
-
 TEST_F(StoreTest, HandlesStayUntilAReset)
 {
     ASSERT_EQ(SetGlobal(ID, ALIAS, Text("lab")), STATUS_OK);
@@ -408,22 +376,6 @@ TEST_F(StoreTest, HandlesStayUntilAReset)
     EXPECT_STREQ(static_cast<char *>(current), "lab15");
     ASSERT_EQ(DVSState_ConfigReset(), STATUS_OK);
     EXPECT_EQ(DVSState_SwitchFindByAlias("lab15"), nullptr);
-}
-
-TEST_F(StoreTest, FollowsOtherProcesses)
-{
-    for (int i = 0; i < 20; i++) {
-        const std::string alias = "lab" + std::to_string(i);
-        ASSERT_EQ(Wait(Fork([&] { return SetGlobal(ID, ALIAS, Text(alias)) == STATUS_OK; })), 0);
-        ASSERT_NE(DVSState_SwitchFindByAlias(alias.c_str()), nullptr);
-        ASSERT_EQ(Wait(Fork([&] { return DVSState_SwitchFindByAlias(alias.c_str()) != nullptr; })), 0);
-        ASSERT_EQ(SetPort("p0", "parent"), STATUS_OK);
-        ASSERT_EQ(GetPort("p0"), "parent");
-        ASSERT_EQ(Wait(Fork([&] { return GetPort("p0") == "parent" && SetPort("p0", alias) == STATUS_OK; })),
-                  0);
-        ASSERT_EQ(GetPort("p0"), alias);
-    }
-    EXPECT_EQ(DVSState_SwitchFindByAlias("lab18"), nullptr);
 }
 
 // SQLite takes the locks of a forking process for the child's own. The last other process would then delete
