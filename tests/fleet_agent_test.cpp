@@ -2,13 +2,10 @@
 #include "tests/fleet_etcd.h"
 
 #include <csignal>
-#include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -29,14 +26,6 @@ const fs::path BUILD = fs::read_symlink("/proc/self/exe").parent_path().parent_p
 // A test that waits this long has failed. What it waits for takes a few seconds on an idle machine.
 constexpr std::chrono::seconds PATIENCE{60};
 
-std::string ReadText(const fs::path &path)
-{
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 template<class Condition> void Await(const std::string &what, Condition condition)
 {
     const Clock::time_point end = Clock::now() + PATIENCE;
@@ -44,29 +33,6 @@ template<class Condition> void Await(const std::string &what, Condition conditio
         if (Clock::now() > end) throw std::runtime_error("waited in vain for " + what);
         std::this_thread::sleep_for(Milliseconds(20));
     }
-}
-
-struct Output {
-    int exit = -1;
-    std::string text;
-};
-
-pid_t Spawn(const std::vector<std::string> &words, const fs::path &log)
-{
-    std::vector<char *> arguments;
-    for (const std::string &word : words)
-        arguments.push_back(const_cast<char *>(word.c_str()));
-    arguments.push_back(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL); // no agent outlives a test that crashes
-        const int descriptor = open(log.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
-        dup2(descriptor, STDOUT_FILENO);
-        dup2(descriptor, STDERR_FILENO);
-        execvp(arguments[0], arguments.data());
-        _exit(127);
-    }
-    return child;
 }
 
 // A host with its agent.
@@ -78,15 +44,10 @@ public:
         std::string made = "/dev/shm/agent-XXXXXX";
         if (!mkdtemp(made.data())) abort();
         directory = made;
-        std::string addresses;
-        for (const std::string &address : endpoints.addresses)
-            addresses += fmt::format("{}\"{}\"", addresses.empty() ? "" : ", ", address);
-        Write("fleet.toml",
-              fmt::format(
-                  "endpoints = [{}]\nauthority = \"{}\"\ncertificate = \"{}\"\nkey = \"{}\"\nhost = \"{}\"\n"
-                  "state = \"{}/state\"\nvsctl = \"{}/vsctl\"\nlease = {}\ndrift-interval = {}\n",
-                  addresses, endpoints.authority, endpoints.certificate, endpoints.key, name,
-                  directory.string(), directory.string(), lease, drift));
+        Write("fleet.toml", ConfigOf(endpoints) +
+                                fmt::format("host = \"{0}\"\nstate = \"{1}/state\"\nvsctl = \"{1}/vsctl\"\n"
+                                            "lease = {2}\ndrift-interval = {3}\n",
+                                            name, directory.string(), lease, drift));
         Interpose("");
     }
     Host(const Host &) = delete;
@@ -100,16 +61,13 @@ public:
         fs::remove_all(directory);
     }
 
-    void Start(const std::vector<std::string> &before = {})
+    // With what stands before the command.
+    void Start(const std::string &before = "")
     {
-        std::vector<std::string> words = before;
-        for (const std::string &word :
-             {(BUILD / "platform/vshost").string(), std::string("run"), std::string("--state"), Path("host"),
-              std::string("--durability"), std::string("process"), std::string("--"),
-              (BUILD / "vsfleet").string(), std::string("agent"), std::string("--config"),
-              Path("fleet.toml")})
-            words.push_back(word);
-        process = Spawn(words, directory / "log");
+        process = Spawn(fmt::format("{0} {1}/platform/vshost run --state {2}/host --durability process -- "
+                                    "{1}/vsfleet agent --config {2}/fleet.toml",
+                                    before, BUILD.string(), directory.string()),
+                        Path("log"));
     }
     void Signal(int number) const { kill(process, number); }
     void Kill()
@@ -135,19 +93,11 @@ public:
         chmod(Path("vsctl.new").c_str(), 0700);
         fs::rename(Path("vsctl.new"), Path("vsctl"));
     }
-    Output Vsctl(const std::string &words) const
+    Said Vsctl(const std::string &words) const
     {
-        const std::string command =
-            fmt::format("{0}/platform/vshost run --state {1}/host --durability process -- "
-                        "{0}/vsctl {2} 2>&1",
-                        BUILD.string(), directory.string(), words);
-        Output output;
-        FILE *pipe = popen(command.c_str(), "r");
-        char bytes[4096];
-        while (const size_t length = fread(bytes, 1, sizeof(bytes), pipe))
-            output.text.append(bytes, length);
-        output.exit = WEXITSTATUS(pclose(pipe));
-        return output;
+        return RunCommand(
+            fmt::format("{0}/platform/vshost run --state {1}/host --durability process -- {0}/vsctl {2}",
+                        BUILD.string(), directory.string(), words));
     }
     // Whether the host is as the document says, and has no other switch.
     bool Is(const Json &document) const
@@ -155,7 +105,7 @@ public:
         Write("wanted.json", document.dump());
         const Json switches = Json::parse(Vsctl("switch list --json").text)["result"];
         return switches.size() == document["switches"].size() &&
-               Vsctl("plan " + Path("wanted.json")).exit == 0;
+               Vsctl("plan " + Path("wanted.json")).exitCode == 0;
     }
     bool HasUnfinishedChange() const { return fs::exists(directory / "host/vsctl/journal.cbor"); }
 
@@ -165,7 +115,7 @@ public:
     }
     std::string Path(const std::string &file) const { return directory / file; }
     bool Has(const std::string &file) const { return fs::exists(directory / file); }
-    std::string Log() const { return ReadText(directory / "log"); }
+    std::string Log() const { return ReadText(Path("log")); }
 
     const std::string name;
 
@@ -201,10 +151,39 @@ protected:
     }
     int64_t Ask(const Host &host, const Json &document, bool allowRemovals = false)
     {
-        Target target;
-        target.documents = {Store("doc", document)};
+        Target target = TargetOf(document);
         target.allowRemovals = allowRemovals;
         return Ask(host, target);
+    }
+    // What the host plans for the target.
+    Plan PlanOf(Target target, const std::string &rollout = "r1")
+    {
+        target.phase = Phase::PLAN;
+        target.rollout = rollout;
+        const int64_t number =
+            client.Commit(Transaction().Put(keys::Target("host1"), ToText(target))).revision;
+        Plan plan;
+        Await("the plan", [&] {
+            const auto entry = client.Get(keys::Plan("host1", rollout));
+            plan = entry ? FromText<Plan>(entry->value) : Plan();
+            return plan.target == number;
+        });
+        return plan;
+    }
+    // A target of one document.
+    Target TargetOf(const Json &document)
+    {
+        Target target;
+        target.documents = {Store("doc", document)};
+        return target;
+    }
+    // The claim as of an earlier start of the machine.
+    void AgeClaim()
+    {
+        const auto entry = client.Get(keys::Claim("host1"));
+        Claim claim = FromText<Claim>(entry->value);
+        claim.boot = "another";
+        client.Commit(Transaction().Put(keys::Claim("host1"), ToText(claim), entry->lease));
     }
     Status StatusOf(const Host &host)
     {
@@ -259,17 +238,26 @@ protected:
     int64_t revisions = 0;
 };
 
-TEST_F(Agent, FollowsItsTarget)
+// With a host that follows a first document.
+class Follower : public Agent {
+protected:
+    void SetUp() override
+    {
+        host.Start();
+        Confirmed(host, Lab(7), Ask(host, Lab(7)));
+    }
+
+    Host host{"host1", etcd.Endpoints()};
+};
+
+TEST_F(Follower, FollowsItsTarget)
 {
-    Host host("host1", etcd.Endpoints());
-    host.Start();
-    Confirmed(host, Lab(7), Ask(host, Lab(7)));
     EXPECT_EQ(StatusOf(host).documents.at(0).revision, 1);
     // Fewer ports: a removal, which has to be allowed.
     Failed(host, Lab(7), Ask(host, Lab(8, 2)), "--allow-removals");
     EXPECT_EQ(StatusOf(host).documents.at(0).revision, 1);
     Confirmed(host, Lab(8, 2), Ask(host, Lab(8, 2), true));
-    EXPECT_EQ(host.Vsctl("port vlan lab port3").exit, 3);
+    EXPECT_EQ(host.Vsctl("port vlan lab port3").exitCode, 3);
 
     // Of two documents, one goes with its switch, the other leaves its switch behind.
     const Json both = {
@@ -285,11 +273,8 @@ TEST_F(Agent, FollowsItsTarget)
     Confirmed(host, Lab(8, 2), Ask(host, target));
 }
 
-TEST_F(Agent, RefusesWhatItCannotFollow)
+TEST_F(Follower, RefusesWhatItCannotFollow)
 {
-    Host host("host1", etcd.Endpoints());
-    host.Start();
-    Confirmed(host, Lab(7), Ask(host, Lab(7)));
     const Json newer = {{"switches", {{"lab", {{"teleport", true}}}}}};
     const DocumentRevision damaged = Store("doc", Lab(8)), missing{"doc", 99, damaged.sum};
     StoredDocument bytes =
@@ -313,34 +298,18 @@ TEST_F(Agent, RefusesWhatItCannotFollow)
         Target target;
         target.documents = row.documents;
         Failed(host, Lab(7), Ask(host, target), row.reason);
-        target.phase = Phase::PLAN;
-        target.rollout = "r1";
-        const int64_t number =
-            client.Commit(Transaction().Put(keys::Target("host1"), ToText(target))).revision;
-        Plan plan;
-        Await("the plan", [&] {
-            const auto entry = client.Get(keys::Plan("host1", "r1"));
-            plan = entry ? FromText<Plan>(entry->value) : Plan();
-            return plan.target == number;
-        });
+        const Plan plan = PlanOf(target);
         EXPECT_NE(plan.error.find(row.reason), std::string::npos) << plan.error;
     }
 
     // A plan changes nothing.
-    Target target;
-    target.phase = Phase::PLAN;
-    target.rollout = "r2";
-    target.documents = {Store("doc", Lab(9))};
-    const int64_t number = client.Commit(Transaction().Put(keys::Target("host1"), ToText(target))).revision;
-    Await("the plan", [&] { return client.Get(keys::Plan("host1", "r2")) != nullptr; });
-    const Plan plan = FromText<Plan>(client.Get(keys::Plan("host1", "r2"))->value);
-    EXPECT_EQ(plan.target, number);
+    const Plan plan = PlanOf(TargetOf(Lab(9)), "r2");
     EXPECT_EQ(plan.error, "");
     EXPECT_EQ(plan.changes, 4);
     EXPECT_EQ(plan.steps.at(0)["item"], "vlan");
     EXPECT_TRUE(host.Is(Lab(7)));
 
-    target = {};
+    Target target;
     target.reason = "two documents name one switch";
     EXPECT_EQ(AwaitState(host, HostState::HELD, Ask(host, target)).error, target.reason);
     EXPECT_TRUE(host.Is(Lab(7)));
@@ -361,14 +330,11 @@ struct Death {
     bool isConfirmed;   // what becomes of the change
 };
 
-class Deaths : public Agent, public testing::WithParamInterface<std::tuple<Death, bool>> {};
+class Deaths : public Follower, public testing::WithParamInterface<std::tuple<Death, bool>> {};
 
 TEST_P(Deaths, LeaveAWholeRevision)
 {
     const auto &[death, takesAll] = GetParam();
-    Host host("host1", etcd.Endpoints());
-    host.Start();
-    Confirmed(host, Lab(7), Ask(host, Lab(7)));
     host.Interpose(std::string("die() { touch died; kill -9 $PPID; sleep 1; exit 1; }\n") + death.script);
     const int64_t target = Ask(host, Lab(8, 6));
     Await("the death", [&] { return host.Has("died"); });
@@ -408,13 +374,9 @@ const std::string PAUSES =
     std::string(APPLIES) +
     "vsctl \"$@\" || exit; touch applied; while [ ! -e go ]; do sleep 0.05; done; exit 0;; esac";
 
-TEST_F(Agent, UndoesWhatItCannotReportOrConfirm)
+TEST_F(Follower, UndoesWhatItCannotReportOrConfirm)
 {
-    Host host("host1", etcd.Endpoints());
-    host.Start();
-    Confirmed(host, Lab(7), Ask(host, Lab(7)));
-    Target target;
-    target.documents = {Store("doc", Lab(8))};
+    Target target = TargetOf(Lab(8));
     target.confirm = 5;
 
     // etcd is away for longer than the time to confirm.
@@ -447,8 +409,8 @@ TEST_F(Agent, UndoesWhatItCannotReportOrConfirm)
     ASSERT_NE(journal.find(boot), std::string::npos);
     journal.replace(journal.find(boot), boot.size(), std::string(boot.size(), '0'));
     host.Write("host/vsctl/journal.cbor", journal);
-    EXPECT_EQ(host.Vsctl("confirm").exit, 8);
-    EXPECT_EQ(host.Vsctl("apply --undo --if-rebooted").exit, 0);
+    EXPECT_EQ(host.Vsctl("confirm").exitCode, 8);
+    EXPECT_EQ(host.Vsctl("apply --undo --if-rebooted").exitCode, 0);
     host.Interpose("");
     host.Start();
     Failed(host, Lab(7), number, "undone");
@@ -487,8 +449,7 @@ TEST_F(Agent, UndoesAChangeThatOnlyItsOldConnectionSurvives)
     host.Start();
     Confirmed(host, Lab(7), Ask(host, Lab(7)));
     host.Interpose(PAUSES);
-    Target target;
-    target.documents = {Store("doc", Lab(8))};
+    Target target = TargetOf(Lab(8));
     target.confirm = 4;
     const int64_t number = Ask(host, target);
     Await("the change", [&] { return host.Has("applied"); });
@@ -511,12 +472,8 @@ TEST_F(Agent, ReportsThatArriveLateAreRefused)
     Host host("host1", endpoints, 30, 3600);
     host.Start();
     Confirmed(host, Lab(7), Ask(host, Lab(7)));
-    Target target;
-    target.documents = {Store("doc", Lab(8))};
-    target.phase = Phase::PLAN; // it fetches the document
-    target.rollout = "r1";
-    client.Commit(Transaction().Put(keys::Target("host1"), ToText(target)));
-    Await("the plan", [&] { return client.Get(keys::Plan("host1", "r1")) != nullptr; });
+    Target target = TargetOf(Lab(8));
+    PlanOf(target); // it fetches the document
     relay.Delay(Milliseconds(12000));
     const int64_t number = Ask(host, target);
     Confirmed(host, Lab(8), number);
@@ -528,25 +485,16 @@ TEST_F(Agent, ReportsThatArriveLateAreRefused)
 }
 
 // vsctl that doesn't end doesn't keep the agent.
-TEST_F(Agent, EndsAVsctlThatHangs)
+TEST_F(Follower, EndsAVsctlThatHangs)
 {
-    Host host("host1", etcd.Endpoints());
-    host.Start();
-    Confirmed(host, Lab(7), Ask(host, Lab(7)));
-    Target target;
-    target.documents = {Store("doc", Lab(8))};
+    Target target = TargetOf(Lab(8));
     target.deadline = 1;
     for (const char *hangs : {"sleep 3600", "vsctl \"$@\"; trap '' TERM; sleep 3600"}) {
         host.Interpose(std::string(APPLIES) + hangs + ";; esac");
         Failed(host, Lab(7), Ask(host, target), "took longer than 2 s");
     }
     host.Interpose("case \"$*\" in *--dry-run*) sleep 3600;; esac");
-    target.phase = Phase::PLAN;
-    target.rollout = "r1";
-    client.Commit(Transaction().Put(keys::Target("host1"), ToText(target)));
-    Await("the plan", [&] { return client.Get(keys::Plan("host1", "r1")) != nullptr; });
-    EXPECT_NE(FromText<Plan>(client.Get(keys::Plan("host1", "r1"))->value).error.find("took longer than 1 s"),
-              std::string::npos);
+    EXPECT_NE(PlanOf(target).error.find("took longer than 1 s"), std::string::npos);
     host.Interpose("");
     Confirmed(host, Lab(9), Ask(host, Lab(9)));
 }
@@ -567,17 +515,16 @@ TEST_F(Agent, DoesNotCareWhatTheClockSays)
             fs::rename(host.Path("clock.new"), host.Path("clock"));
         };
         set(row.clock);
-        host.Start({"env", std::string("LD_PRELOAD=") + library,
-                    "FAKETIME_TIMESTAMP_FILE=" + host.Path("clock"), "FAKETIME_NO_CACHE=1",
-                    "FAKETIME_DONT_FAKE_MONOTONIC=1"});
+        host.Start(fmt::format("env LD_PRELOAD={} FAKETIME_TIMESTAMP_FILE={} FAKETIME_NO_CACHE=1 "
+                               "FAKETIME_DONT_FAKE_MONOTONIC=1",
+                               library, host.Path("clock")));
         host.Interpose("date +%s >date");
         Confirmed(host, Lab(7), Ask(host, Lab(7)));
         EXPECT_GE(std::abs(std::stol(ReadText(host.Path("date"))) - time(nullptr)), 3000)
             << "the clock is right";
 
         // The clock is set within the time to confirm, in which etcd is there or not.
-        Target target;
-        target.documents = {Store("doc", Lab(8))};
+        Target target = TargetOf(Lab(8));
         target.confirm = row.isConfirmed ? 600 : 5;
         host.Interpose(PAUSES);
         const int64_t number = Ask(host, target);
@@ -599,28 +546,18 @@ TEST_F(Agent, NeedsNoMoreThanItsRole)
 {
     Host host("host1", AsAgent(), 20);
     host.Start();
-    Target target;
-    target.phase = Phase::PLAN;
-    target.rollout = "r1";
-    target.documents = {Store("doc", Lab(7))};
-    client.Commit(Transaction().Put(keys::Target("host1"), ToText(target)));
-    Await("the plan", [&] { return client.Get(keys::Plan("host1", "r1")) != nullptr; });
+    const Target target = TargetOf(Lab(7));
+    PlanOf(target);
     Confirmed(host, Lab(7), Ask(host, target));
     host.Signal(SIGTERM);
     EXPECT_EQ(host.AwaitEnd(), 0);
-    Claim before = FromText<Claim>(client.Get(keys::Claim("host1"))->value);
-    before.boot = "another"; // the claim is made anew
-    client.Commit(
-        Transaction().Put(keys::Claim("host1"), ToText(before), client.Get(keys::Claim("host1"))->lease));
+    AgeClaim(); // it is made anew
     host.Start();
     Confirmed(host, Lab(8), Ask(host, Lab(8)));
 }
 
-TEST_F(Agent, CatchesUpWhenEtcdIsBack)
+TEST_F(Follower, CatchesUpWhenEtcdIsBack)
 {
-    Host host("host1", etcd.Endpoints());
-    host.Start();
-    Confirmed(host, Lab(7), Ask(host, Lab(7)));
     // What it missed is compacted away, and its lease has run out.
     host.Signal(SIGSTOP);
     for (int vlan = 10; vlan < 20; vlan++)
@@ -689,13 +626,8 @@ TEST_F(Agent, IsRefusedWhereAnotherMachineHasItsName)
     first.Start();
     Confirmed(first, Lab(7), Ask(first, Lab(7)));
     std::ofstream(second.Path("machine-id")) << "00000000000000000000000000000002\n";
-    const std::vector<std::string> otherMachine = {
-        "unshare",
-        "-m",
-        "sh",
-        "-c",
-        "mount --bind " + second.Path("machine-id") + " /etc/machine-id && exec \"$@\"",
-        "sh"};
+    const std::string otherMachine = fmt::format(
+        "unshare -m sh -c 'mount --bind {} /etc/machine-id && exec \"$@\"' sh", second.Path("machine-id"));
     std::string id;
     std::ifstream("/etc/machine-id") >> id;
     second.Start(otherMachine);
@@ -711,10 +643,7 @@ TEST_F(Agent, IsRefusedWhereAnotherMachineHasItsName)
     // And when the machine was started again: its claim may still be there, or be gone.
     for (bool isThere : {true, false}) {
         first.Kill();
-        Claim before = FromText<Claim>(client.Get(keys::Claim("host1"))->value);
-        before.boot = "another";
-        client.Commit(
-            Transaction().Put(keys::Claim("host1"), ToText(before), client.Get(keys::Claim("host1"))->lease));
+        AgeClaim();
         if (!isThere) {
             client.RevokeLease(client.Get(keys::Claim("host1"))->lease);
             // The name is the first one's all the same.
@@ -749,38 +678,37 @@ TEST_F(Agent, ShowsAndRepairsDrift)
 {
     Host host("host1", etcd.Endpoints());
     host.Start();
-    Target target;
-    target.documents = {Store("doc", Lab(7))};
+    Target target = TargetOf(Lab(7));
     int64_t number = Ask(host, target);
     Confirmed(host, Lab(7), number);
-    EXPECT_EQ(host.Vsctl("port vlan lab port2 99").exit, 0);
+    EXPECT_EQ(host.Vsctl("port vlan lab port2 99").exitCode, 0);
     const Status status = AwaitState(host, HostState::DRIFTED, number);
     EXPECT_EQ(status.drift.at(0)["port"], "port2");
     EXPECT_EQ(status.drift.at(0)["before"]["id"], 99);
-    EXPECT_EQ(host.Vsctl("port vlan lab port2 7").exit, 0);
+    EXPECT_EQ(host.Vsctl("port vlan lab port2 7").exitCode, 0);
     EXPECT_TRUE(AwaitState(host, HostState::CONFIRMED, number).drift.empty());
 
     target.repair = true;
     number = Ask(host, target);
     AwaitState(host, HostState::CONFIRMED, number);
-    EXPECT_EQ(host.Vsctl("port vlan lab port2 99").exit, 0);
+    EXPECT_EQ(host.Vsctl("port vlan lab port2 99").exitCode, 0);
     Await("the repair", [&] { return host.Is(Lab(7)); });
     AwaitState(host, HostState::CONFIRMED, number);
 
     // Somebody's own change on the host that waits for confirmation is not the agent's to undo or confirm.
     host.Write("own.json", Lab(55, 1, "own").dump());
-    EXPECT_EQ(host.Vsctl("apply " + host.Path("own.json") + " --confirm-within 600s").exit, 0);
+    EXPECT_EQ(host.Vsctl("apply " + host.Path("own.json") + " --confirm-within 600s").exitCode, 0);
     const int64_t blocked = Ask(host, Lab(8));
     EXPECT_NE(AwaitState(host, HostState::FAILED, blocked).error.find("waits for confirmation"),
               std::string::npos);
     EXPECT_TRUE(host.HasUnfinishedChange());
-    EXPECT_EQ(host.Vsctl("apply --undo").exit, 0);
+    EXPECT_EQ(host.Vsctl("apply --undo").exitCode, 0);
     Confirmed(host, Lab(8), Ask(host, Lab(8)));
 }
 
 TEST(FullEtcd, IsNoReasonToChangeAnything)
 {
-    EtcdCluster etcd(1, {"--quota-backend-bytes", "1000000"});
+    EtcdCluster etcd(1, "--quota-backend-bytes 1000000");
     Client client(etcd.Endpoints());
     Host host("host1", etcd.Endpoints());
     host.Start();

@@ -11,17 +11,7 @@ namespace {
 
 const std::string FAKE_CLOCK = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
 
-// What a command prints.
-std::string Output(const std::string &command)
-{
-    std::string text;
-    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
-    std::array<char, 4096> bytes;
-    while (const size_t count = fread(bytes.data(), 1, bytes.size(), pipe))
-        text.append(bytes.data(), count);
-    pclose(pipe);
-    return text;
-}
+std::string Output(const std::string &command) { return RunCommand(command).text; }
 
 size_t Columns(const std::string &line)
 {

@@ -35,8 +35,48 @@ int FreePort()
 
 }
 
-EtcdCluster::EtcdCluster(int count, std::vector<std::string> more)
-    : more(std::move(more)), authority(MakeAuthority("test")), members(static_cast<size_t>(count))
+pid_t Spawn(const std::string &command, const std::string &log)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int descriptor = open(log.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
+        dup2(descriptor, STDOUT_FILENO);
+        dup2(descriptor, STDERR_FILENO);
+        execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+        _exit(127);
+    }
+    return child;
+}
+
+Said RunCommand(const std::string &command)
+{
+    Said said;
+    FILE *output = popen((command + " 2>&1").c_str(), "r");
+    char bytes[4096];
+    while (const size_t count = fread(bytes, 1, sizeof(bytes), output))
+        said.text.append(bytes, count);
+    said.exitCode = WEXITSTATUS(pclose(output));
+    return said;
+}
+
+std::string ReadText(const std::string &path)
+{
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string ConfigOf(const Endpoints &endpoints)
+{
+    std::string addresses;
+    for (const std::string &address : endpoints.addresses)
+        addresses += fmt::format("{}\"{}\"", addresses.empty() ? "" : ", ", address);
+    return fmt::format("endpoints = [{}]\nauthority = \"{}\"\ncertificate = \"{}\"\nkey = \"{}\"\n",
+                       addresses, endpoints.authority, endpoints.certificate, endpoints.key);
+}
+
+EtcdCluster::EtcdCluster(int count, const std::string &options)
+    : more(" " + options), authority(MakeAuthority("test")), members(static_cast<size_t>(count))
 {
     std::string name = "/dev/shm/etcd-XXXXXX";
     if (!mkdtemp(name.data())) abort();
@@ -104,48 +144,16 @@ void EtcdCluster::Start(int number)
     Member &member = members[static_cast<size_t>(number)];
     const std::string client = fmt::format("https://127.0.0.1:{}", member.clientPort),
                       peer = fmt::format("https://127.0.0.1:{}", member.peerPort);
-    std::vector<std::string> words = {"etcd",
-                                      "--name",
-                                      fmt::format("m{}", number),
-                                      "--data-dir",
-                                      fmt::format("{}/m{}", directory, number),
-                                      "--listen-client-urls",
-                                      client,
-                                      "--advertise-client-urls",
-                                      client,
-                                      "--listen-peer-urls",
-                                      peer,
-                                      "--initial-advertise-peer-urls",
-                                      peer,
-                                      "--initial-cluster",
-                                      peers,
-                                      "--unsafe-no-fsync",
-                                      "--heartbeat-interval",
-                                      "50",
-                                      "--election-timeout",
-                                      "500"};
-    for (const char *side : {"", "peer-"}) {
-        words.push_back(fmt::format("--{}cert-file={}/server.pem", side, directory));
-        words.push_back(fmt::format("--{}key-file={}/server.key", side, directory));
-        words.push_back(fmt::format("--{}trusted-ca-file={}/ca.pem", side, directory));
-        words.push_back(fmt::format("--{}client-cert-auth", side));
-    }
-    words.insert(words.end(), more.begin(), more.end());
-    std::vector<char *> arguments;
-    for (std::string &word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    const std::string log = fmt::format("{}/m{}.log", directory, number);
-
-    member.process = fork();
-    if (member.process == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL); // no member outlives a test that crashes
-        const int descriptor = open(log.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
-        dup2(descriptor, STDOUT_FILENO);
-        dup2(descriptor, STDERR_FILENO);
-        execvp(arguments[0], arguments.data());
-        _exit(127);
-    }
+    std::string command = fmt::format(
+        "etcd --name m{0} --data-dir {1}/m{0} --listen-client-urls {2} --advertise-client-urls {2} "
+        "--listen-peer-urls {3} --initial-advertise-peer-urls {3} --initial-cluster {4} --unsafe-no-fsync "
+        "--heartbeat-interval 50 --election-timeout 500",
+        number, directory, client, peer, peers);
+    for (const char *side : {"", "peer-"})
+        command += fmt::format(" --{0}cert-file={1}/server.pem --{0}key-file={1}/server.key "
+                               "--{0}trusted-ca-file={1}/ca.pem --{0}client-cert-auth",
+                               side, directory);
+    member.process = Spawn(command + more, fmt::format("{}/m{}.log", directory, number));
 }
 
 void EtcdCluster::Signal(int number, int signal)

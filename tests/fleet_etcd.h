@@ -2,6 +2,7 @@
 #pragma once
 
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <sys/types.h>
@@ -10,10 +11,26 @@
 #include "fleet/etcd/client.h"
 #include "fleet/protocol/certificates.h"
 
+// Runs a command of the shell; its output is added to the file. It doesn't outlive a test that crashes.
+pid_t Spawn(const std::string &command, const std::string &log);
+
+// How a command of the shell ends, and what it prints, errors too.
+struct Said {
+    int exitCode = 0;
+    std::string text;
+    nlohmann::json Result() const { return nlohmann::json::parse(text.substr(0, text.find('\n')))["result"]; }
+};
+Said RunCommand(const std::string &command);
+
+std::string ReadText(const std::string &path);
+
+// What vsfleet's configuration says of etcd.
+std::string ConfigOf(const vsfleet::Endpoints &endpoints);
+
 class EtcdCluster {
 public:
-    // `more` are options of each member.
-    explicit EtcdCluster(int members = 1, std::vector<std::string> more = {});
+    // With more options of each member.
+    explicit EtcdCluster(int members = 1, const std::string &options = "");
     EtcdCluster(const EtcdCluster &) = delete;
     EtcdCluster &operator=(const EtcdCluster &) = delete;
     ~EtcdCluster();
@@ -41,7 +58,7 @@ private:
     void AwaitAnswer();
 
     std::string directory;
-    std::vector<std::string> more;
+    std::string more;
     vsfleet::Certificate authority;
     std::vector<Member> members;
     std::string peers; // the list of members

@@ -44,7 +44,7 @@ TEST_P(Outages, PauseARollout)
         for (const auto &agent : agents)
             agent->AskToStop();
     }
-    std::this_thread::sleep_for(std::chrono::seconds(Given("FLEET_OUTAGE", 6)));
+    std::this_thread::sleep_for(std::chrono::seconds(Given("FLEET_OUTAGE", 4)));
     for (int member = 0; member < row.members; member++) {
         if (row.signal == SIGKILL)
             etcd.Start(member);
@@ -215,7 +215,7 @@ INSTANTIATE_TEST_SUITE_P(By, Restored, testing::Bool(),
 
 class SmallEtcd : public RolloutTest {
 protected:
-    SmallEtcd() : RolloutTest(1, {"--quota-backend-bytes", "2000000"}) {}
+    SmallEtcd() : RolloutTest(1, "--quota-backend-bytes 2000000") {}
 };
 
 TEST_F(SmallEtcd, ThatIsFullHoldsARollout)
@@ -258,7 +258,7 @@ TEST_F(ThreeMembers, ChanceFindsNothing)
     Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == HOSTS; });
     ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
     const auto first = static_cast<unsigned>(Given("FLEET_FIRST_SCHEDULE", 1)),
-               schedules = static_cast<unsigned>(Given("FLEET_SCHEDULES", 10));
+               schedules = static_cast<unsigned>(Given("FLEET_SCHEDULES", 4));
     for (unsigned seed = first; seed < first + schedules; seed++) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::mt19937 random(seed);

@@ -22,15 +22,9 @@ using Habit = LightAgent::Habit;
 
 inline constexpr std::chrono::seconds LEASE{2};
 
-struct Said {
-    int exitCode = 0;
-    std::string text; // standard output and errors
-    Json Result() const { return Json::parse(text.substr(0, text.find('\n')))["result"]; }
-};
-
 class RolloutTest : public testing::Test {
 protected:
-    explicit RolloutTest(int members = 1, std::vector<std::string> more = {}) : etcd(members, std::move(more))
+    explicit RolloutTest(int members = 1, const std::string &options = "") : etcd(members, options)
     {
         std::string name = "/dev/shm/fleet-XXXXXX";
         if (!mkdtemp(name.data())) abort();
@@ -56,11 +50,7 @@ protected:
         std::ofstream(directory + "/" + name) << text;
     }
     std::string Path(const std::string &name) const { return directory + "/" + name; }
-    std::string Text(const std::string &name) const
-    {
-        std::ifstream file(Path(name));
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string Text(const std::string &name) const { return ReadText(Path(name)); }
     bool HasLogged(const std::string &text) const
     {
         return Text("drivers.log").find(text) != std::string::npos;
@@ -72,13 +62,9 @@ protected:
     {
         Endpoints endpoints = etcd.Endpoints(user);
         if (!addresses.empty()) endpoints.addresses = addresses;
-        std::string list;
-        for (const std::string &address : endpoints.addresses)
-            list += fmt::format("{}\"{}\"", list.empty() ? "" : ", ", address);
-        Write(user + ".toml", fmt::format("endpoints = [{}]\nauthority = \"{}\"\ncertificate = \"{}\"\n"
-                                          "key = \"{}\"\nlease = {}\nstate = \"{}\"\nvsctl = \"{}\"\n",
-                                          list, endpoints.authority, endpoints.certificate, endpoints.key,
-                                          lease.count(), directory + "/state", VSCTL));
+        Write(user + ".toml",
+              ConfigOf(endpoints) + fmt::format("lease = {}\nstate = \"{}/state\"\nvsctl = \"{}\"\n",
+                                                lease.count(), directory, VSCTL));
         return Path(user + ".toml");
     }
 
@@ -95,15 +81,8 @@ protected:
     pid_t StartDriver(const std::string &user = "")
     {
         const std::string own = user.empty() ? config : Path(user + ".toml");
-        const pid_t process = fork();
-        if (process == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (!freopen(Path("drivers.log").c_str(), "a", stderr)) _exit(1);
-            execl(VSFLEET, VSFLEET, "drive", "--config", own.c_str(), nullptr);
-            _exit(127);
-        }
-        drivers.push_back(process);
-        return process;
+        drivers.push_back(Spawn(fmt::format("{} drive --config {}", VSFLEET, own), Path("drivers.log")));
+        return drivers.back();
     }
 
     static void End(pid_t driver, int signal)
@@ -116,14 +95,7 @@ protected:
     // Runs a command of vsfleet until it ends.
     Said Run(const std::string &words, const std::string &user = "root") const
     {
-        Said said;
-        FILE *output =
-            popen(fmt::format("{} --config {} {} 2>&1", VSFLEET, Path(user + ".toml"), words).c_str(), "r");
-        std::array<char, 4096> bytes;
-        while (const size_t count = fread(bytes.data(), 1, bytes.size(), output))
-            said.text.append(bytes.data(), count);
-        said.exitCode = WEXITSTATUS(pclose(output));
-        return said;
+        return RunCommand(fmt::format("{} --config {} {}", VSFLEET, Path(user + ".toml"), words));
     }
 
     Said Push(const std::string &name, const std::string &file,

@@ -356,18 +356,9 @@ exec {2} "$@"
         Client(etcd.Endpoints())
             .Commit(Transaction().Put(keys::Labels(fmt::format("host{}", number)),
                                       ToText(Labels{{"site", "a"}})));
-        const pid_t process = fork();
-        if (process == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (!freopen(Path("agents.log").c_str(), "a", stderr)) _exit(1);
-            execl("/bin/sh", "sh", "-c",
-                  fmt::format("exec {} {} agent --config {}/host{}.toml", OnHost(number), VSFLEET, directory,
-                              number)
-                      .c_str(),
-                  nullptr);
-            _exit(127);
-        }
-        processes.push_back(process);
+        processes.push_back(Spawn(
+            fmt::format("{} {} agent --config {}/host{}.toml", OnHost(number), VSFLEET, directory, number),
+            Path("agents.log")));
     }
 
     // Seconds that a slow host takes.

@@ -141,7 +141,7 @@ def prepare(build):
 
 
 def survives(build, number, place=""):
-    environment = dict(os.environ, VSWITCHCTL_MUTANT=str(number))
+    environment = dict(os.environ, VSWITCHCTL_MUTANT=str(number), VSWITCHCTL_ALL_NAMES="1")
     for test in TESTS + ((SHELL_TEST,) if place.startswith("core/shell") else ()):
         program = build / "out" / "tests" / test
         try:
