@@ -16,26 +16,20 @@ namespace {
 
 using namespace vsctl;
 
-Exit Finish(const Verb &verb, const Result &result, const Options &options)
-{
-    if (!result.text.empty() && !(options.json && !result.rows.empty())) {
-        Print(result.text + (result.note.empty() ? "" : result.note + "\n"));
-        return result.exit;
-    }
-    const bool isPlan = verb.noun == "plan" || verb.noun == "apply" || verb.noun == "batch";
-    if ((isPlan || options.dryRun) && result.rows.empty() && !options.json)
-        Print("nothing to change\n");
-    else if (verb.noun != "watch")
-        PrintRows(verb.Title(), result.rows, options.json, options.style);
-    if (!result.note.empty() && !options.json) Print(result.note + "\n");
-    return result.exit;
-}
-
 // Shows the result. When that fails, the change is already made, and the error says so.
 Exit Show(const Verb &verb, const Result &result, const Options &options)
 {
+    const bool isPlan = verb.noun == "plan" || verb.noun == "apply" || verb.noun == "batch";
+    const bool hasText = !result.text.empty() && !(options.json && !result.rows.empty());
     try {
-        return Finish(verb, result, options);
+        if (hasText)
+            Print(result.text);
+        else if ((isPlan || options.dryRun) && result.rows.empty() && !options.json)
+            Print("nothing to change\n");
+        else if (verb.noun != "watch")
+            PrintRows(verb.Title(), result.rows, options.json, options.style);
+        if (!result.note.empty() && (hasText || !options.json)) Print(result.note + "\n");
+        return result.exit;
     } catch (const Error &error) {
         if (verb.effect == Effect::READS || options.dryRun) throw;
         throw Error(error, error.problem, "the change is made, but its result cannot be shown");
@@ -48,12 +42,11 @@ Exit Run(const std::vector<std::string> &words, Options &options)
         Print("vsctl " VSWITCHCTL_VERSION "\n");
         return Exit::DONE;
     }
-    size_t used = 0;
-    const Verb &verb = FindVerb(words, used);
+    std::vector<std::string> rest = words;
+    const Verb &verb = TakeVerb(rest);
     Parser parser(verb);
     try {
-        const Arguments &arguments =
-            parser.Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, options);
+        const Arguments &arguments = parser.Parse(rest, options);
         StartTimeLimit(options.timeout, options.json);
         Result result = RunVerb(verb, arguments);
         if (verb.noun == "undo") UndoLast(result, options);

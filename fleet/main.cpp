@@ -84,9 +84,11 @@ int Complete(const CLI::App &app, const std::vector<std::string> &words)
         for (const CLI::Option *option : command->get_options())
             names.push_back(option->get_name());
     }
-    for (const std::string &name : names) {
-        if (name.starts_with(words.back())) Print(name + "\n");
-    }
+    std::erase_if(names, [&words](const std::string &name) { return !name.starts_with(words.back()); });
+    for (const std::string &name : names)
+        Print(name + "\n");
+    const bool takesFile = words.size() > 1 && (words[0] == "push" || words[words.size() - 2] == "--config");
+    if (names.empty() && takesFile) Print(":files\n"); // the shell completes its name
     return 0;
 }
 

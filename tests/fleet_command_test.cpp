@@ -47,6 +47,9 @@ TEST(Help, IsThatOfVsctlFleet)
     } rows[] = {{"fle", "fleet\n"},
                 {"fleet pu", "push\n"},
                 {"fleet push --ca", "--canary\n"},
+                {"fleet push web web", ":files\n"},
+                {"fleet hosts --config /etc", ":files\n"},
+                {"fleet hosts web", ""},
                 {"fleet nothing --ca", ""}};
     for (const auto &row : rows)
         EXPECT_EQ(Output(fmt::format("{} complete -- {}", VSCTL, row.words)), row.candidates) << row.words;

@@ -91,6 +91,14 @@ absent = true
         self.assertEqual(shown.splitlines()[-2:], ["  … and 49 more lines, which --json shows",
                                                    "0 added, 98 changed, 0 removed"])
 
+    def test_a_new_switch_has_no_id_until_it_is_made(self):
+        file = self.write("new.toml", "[switches.a]\n[switches.b]\n")
+        planned = self.rows("plan", file, code=10)
+        self.assertEqual([row["after"] for row in planned], [{"portset": "a"}, {"portset": "b"}])
+        self.assertEqual(self.rows("apply", file, "--dry-run", code=10), planned)
+        made = {row["switch"]: row["after"]["id"] for row in self.rows("apply", file)}
+        self.assertEqual(made, {row["switch"]: row["id"] for row in self.rows("switch", "list")})
+
     def test_the_last_change_is_taken_back(self):
         self.create()
         self.run_vsctl("port", "vlan", "lab", "port1", "7")

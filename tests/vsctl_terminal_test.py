@@ -114,6 +114,7 @@ class Terminal(OnHost):
                              ("vsctl port vlan lab --pr", ["--priority"]), ("vsctl mac info lab --t", ["--timeout"]),
                              ("vsctl uplink link lab ", ["nic0", "nic1"]), ("vsctl plan sw", ["swfile"]),
                              ("vsctl plan x --replaces=sw", ["--replaces=swfile"]),
+                             ("vsctl switch create sw", []), ("vsctl mac add lab port0 --hex sw", []),
                              ("vsctl port list lab --columns=po", ["--columns=port"]),
                              ("vsctl help port vl", ["vlan"]), ("vsctl watch uplink li", ["link", "list", "live"])):
             command = f"set PATH {BUILD} $PATH; source rc.fish; complete -C '{line}'"
@@ -168,6 +169,8 @@ class Terminal(OnHost):
         until(r"^NUMBER +PORT")
         tmux("send-keys", "clear; vsctl plan --replaces=sw\t")
         until(r"--replaces=swfile")
+        tmux("send-keys", "C-u", "clear; vsctl switch create sw\t --dry-run\n")
+        until(r"^\+ switch sw +portset=sw$")  # a new switch is not a file, and has no id before it is made
         tmux("send-keys", "C-u", "clear; NO_COLOR=1 vsctl switch list\n")
         self.assertNotIn("\x1b[1mSWITCH", until(r"^lab +lab ", "-e"))
         tmux("kill-server")

@@ -14,6 +14,7 @@ extern const Layout PORT_LEARNING;
 extern const Layout SWITCH_LEARNING;
 extern const Layout MIRROR_SESSION;
 
+std::vector<Field> AllFields(const Layout &layout); // those beside the record first
 // The fields of a record; hexadecimal digits where the platform doesn't publish the layout, or where the
 // fields don't give the same bytes again.
 Json RecordToJson(const Layout &layout, const void *bytes);

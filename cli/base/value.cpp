@@ -230,13 +230,6 @@ std::optional<Violation> FindInList(const Field &field, const Json &list, const 
 // The field that holds a record in hexadecimal.
 const Field &HexField(const Layout &layout) { return layout.beside[0]; }
 
-std::vector<Field> AllFields(const Layout &layout)
-{
-    std::vector<Field> fields(layout.beside.begin(), layout.beside.end());
-    fields.insert(fields.end(), layout.fields.begin(), layout.fields.end());
-    return fields;
-}
-
 Field BytesOfRecord(const Layout &layout)
 {
     return {"", Form::BYTES, "The record in hexadecimal digits", 0, static_cast<int64_t>(layout.size)};
@@ -364,6 +357,13 @@ Json Canonical(std::span<const Field> fields, const Json &value)
             complete[field.name] = Json::parse(field.defaultText);
     }
     return complete;
+}
+
+std::vector<Field> AllFields(const Layout &layout)
+{
+    std::vector<Field> fields(layout.beside.begin(), layout.beside.end());
+    fields.insert(fields.end(), layout.fields.begin(), layout.fields.end());
+    return fields;
 }
 
 bool NeedsLayout(const Layout &layout, const Json &value)

@@ -260,12 +260,24 @@ void RequireUnchanged(const std::vector<Step> &steps)
     }
 }
 
+// A switch that is given no id gets one when the change is made.
+void ChooseIds(std::vector<Step> &steps)
+{
+    for (Step &step : steps) {
+        if (step.item != "switch" || step.value.is_null() || step.value.contains("id")) continue;
+        Json value = {{"id", NewSwitchId()}};
+        value.update(step.value);
+        step.value = std::move(value);
+    }
+}
+
 Preview CarryOut(const std::string &command, Result &result, const Options &options)
 {
     if (result.steps.empty()) return {};
     const ChangeLock lock;
     ThrowIfUnfinished(); // undoing or resuming it would overwrite this change
     RequireUnchanged(result.steps);
+    ChooseIds(result.steps);
     Preview preview = CheckSteps(result.steps);
     if (result.steps.empty()) return preview; // nothing is left to do
     SaveAll(result.steps);

@@ -325,8 +325,9 @@ void Planner::AddPort(const vshost_port &known, const Target &port, const Json &
 
 void Planner::AddCreation(const Target &target, const Json &entry, const std::string &pointer)
 {
-    Json value = {{"id", entry.value("id", NewSwitchId())},
-                  {"portset", entry.value("portset", target.alias)}};
+    Json value;
+    if (entry.contains("id")) value["id"] = entry["id"];
+    value["portset"] = entry.value("portset", target.alias);
     for (const char *key : {"version", "opaque", "max-ports"}) {
         if (entry.contains(key)) value[key] = entry[key];
     }

@@ -137,9 +137,9 @@ void Checker::CheckCreation(const std::string &alias, const Json &value)
                     "make two changes");
     }
     if (switches.contains(alias) || SwitchExists(alias)) vsctl::Check(STATUS_EXISTS, "creating", {alias, ""});
-    CheckId(id);
+    if (!id.empty()) CheckId(id);
     CheckPortset(portset);
-    ids.insert(id);
+    if (!id.empty()) ids.insert(id);
     portsets.insert(portset);
     configured.insert({{alias, ANY_PORT}, {id, ANY_PORT}});
     SwitchState &made = switches.try_emplace(alias, alias, true).first->second;

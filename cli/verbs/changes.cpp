@@ -60,12 +60,11 @@ Result Apply(const Verb &, const Arguments &arguments)
         return Rows(arguments.Has("--resume") ? ResumeJournal() : UndoJournal());
     }
     Result result;
+    result.confirmWithin = arguments.Seconds("--confirm-within", 0);
     if (arguments.Has("--deadline"))
-        result.deadline = SecondsSinceBoot() + ParseSeconds("--deadline", arguments.Text("--deadline"));
+        result.deadline = SecondsSinceBoot() + arguments.Seconds("--deadline", 0);
     result.steps = StepsOfFile(arguments);
     result.allowRemovals = arguments.Has("--allow-removals");
-    if (arguments.Has("--confirm-within"))
-        result.confirmWithin = ParseSeconds("--confirm-within", arguments.Text("--confirm-within"));
     return result;
 }
 
@@ -74,7 +73,7 @@ Result Confirm(const Verb &, const Arguments &arguments)
     RefuseDryRun(arguments);
     Result result;
     if (arguments.Has("--guard"))
-        GuardJournal(arguments.Text("--guard"), ParseSeconds("--after", arguments.Text("--after")));
+        GuardJournal(arguments.Text("--guard"), arguments.Seconds("--after", 0));
     else
         result.rows = ConfirmJournal();
     return result;
@@ -82,26 +81,6 @@ Result Confirm(const Verb &, const Arguments &arguments)
 
 // What is undone is known when the change is undone.
 Result Undo(const Verb &, const Arguments &) { return {}; }
-
-std::string FileText(const Json &file, bool isJson);
-
-Result Export(const Verb &, const Arguments &arguments)
-{
-    std::vector<Target> targets;
-    if (!arguments.Has("SWITCH")) {
-        for (const std::string &alias : SwitchNames())
-            targets.push_back({alias, ""});
-    }
-    for (const std::string &word : arguments.List("SWITCH")) {
-        const size_t slash = SwitchExists(word) ? std::string::npos : word.rfind('/');
-        const std::string alias = word.substr(0, slash);
-        if (slash == std::string::npos) targets.push_back({alias, ""});
-        if (slash == std::string::npos) continue;
-        for (const std::string &port : PortNames(word.substr(slash + 1)))
-            targets.push_back({alias, port});
-    }
-    return Text(FileText(ExportFile(targets), arguments.Has("--json")));
-}
 
 std::string FileText(const Json &file, bool isJson)
 {
@@ -112,6 +91,19 @@ std::string FileText(const Json &file, bool isJson)
         throw Error(Exit::FAILURE, "a stored text is not UTF-8, and a file holds only UTF-8",
                     "'vsctl port show' and 'vsctl switch show' show the text");
     }
+}
+
+Result Export(const Verb &, const Arguments &arguments)
+{
+    std::vector<Target> targets;
+    for (const std::string &word : arguments.Has("SWITCH") ? arguments.List("SWITCH") : SwitchNames()) {
+        const size_t slash = SwitchExists(word) ? std::string::npos : word.rfind('/');
+        const bool hasPorts = slash != std::string::npos;
+        for (const std::string &port :
+             hasPorts ? PortNames(word.substr(slash + 1)) : std::vector{std::string()})
+            targets.push_back({word.substr(0, slash), port});
+    }
+    return Text(FileText(ExportFile(targets), arguments.Has("--json")));
 }
 
 void RunEditor(const std::string &path)
@@ -151,16 +143,14 @@ std::vector<Step> LineSteps(const std::string &line, std::map<std::string, std::
     std::vector<std::string> words = SplitLine(line);
     if (words.empty() || words[0].starts_with("#")) return {};
     if (words[0] == "vsctl") words.erase(words.begin());
-    size_t used = 0;
-    const Verb &verb = FindVerb(words, used);
+    const Verb &verb = TakeVerb(words);
     const Error unfit(Exit::USAGE, verb.Title() + " is not a change that can be undone",
                       "a batch takes only such changes");
     if (verb.effect != Effect::STEPS) throw unfit;
     auto &parser = parsers[verb.Title()];
     if (!parser) parser = std::make_unique<Parser>(verb);
     Options options;
-    const Arguments &arguments =
-        parser->Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, options);
+    const Arguments &arguments = parser->Parse(words, options);
     if (options.dryRun) throw Error(Exit::USAGE, "a line cannot have --dry-run", "give it to batch itself");
     Result result = RunVerb(verb, arguments);
     if (result.steps.empty()) throw unfit;
@@ -194,12 +184,10 @@ const Argument FILE_ARGUMENT{"FILE", Shape::REQUIRED, "Desired state, TOML or JS
                              Names::FILE};
 const Argument ALLOW{"--allow-removals", Shape::FLAG, "Allow removals, which an undo restores only in part"};
 
-Argument Replaces()
-{
-    return Needing({"--replaces", Shape::OPTION,
-                    "An older file: what it names and FILE doesn't is removed or cleared", Names::FILE},
-                   "FILE");
-}
+const Argument REPLACES =
+    Needing({"--replaces", Shape::OPTION,
+             "An older file: what it names and FILE doesn't is removed or cleared", Names::FILE},
+            "FILE");
 
 std::vector<Argument> ApplyArguments()
 {
@@ -207,7 +195,7 @@ std::vector<Argument> ApplyArguments()
     someFile.shape = Shape::OPTIONAL;
     return {
         someFile,
-        Replaces(),
+        REPLACES,
         ALLOW,
         Needing({"--confirm-within", Shape::OPTION, "Undo it all after this time without 'vsctl confirm'"},
                 "FILE"),
@@ -226,7 +214,7 @@ std::vector<Verb> ChangeVerbs()
 {
     return {
         Reads("plan", Plan,
-              {FILE_ARGUMENT, Replaces(),
+              {FILE_ARGUMENT, REPLACES,
                Excluding(
                    {"--check", Shape::FLAG, "Check the file alone, without a host; --json prints it as JSON"},
                    {"--replaces"})},

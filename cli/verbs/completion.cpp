@@ -9,47 +9,26 @@ namespace vsctl {
 
 namespace {
 
-std::vector<std::string> VerbNames(const std::string &noun)
-{
-    std::vector<std::string> names;
-    for (const Verb &verb : Verbs()) {
-        if (verb.noun == noun && !verb.name.empty()) names.push_back(verb.name);
-    }
-    return names;
-}
+// The only candidate where a file can stand: the shell completes its name.
+constexpr const char *FILES = ":files";
 
-std::vector<std::string> RunningUplinkNames(const std::string &alias)
-{
-    std::vector<std::string> names;
-    for (const Json &row : IsEmbedded() ? RunningUplinks(alias) : Json::array())
-        names.push_back(row["uplink"]);
-    return names;
-}
-
-// None when the platform does not answer. A platform that does not list ports still lists uplinks, which are
-// ports too.
-std::vector<std::string> PortIds(const std::string &alias)
-{
-    std::vector<std::string> ids;
-    try {
-        if (!IsEmbedded()) return ReadUplinks(alias).ids;
-        for (const vshost_port &port : PortsOf(alias))
-            ids.emplace_back(port.id);
-    } catch (const Error &) {
-    }
-    return ids;
-}
-
-// Names on the host; none when the platform does not answer.
+// Names of files or on the host; none when the platform does not answer. A platform that does not list ports
+// still lists uplinks, which are ports too.
 std::vector<std::string> LiveNames(Names names, const std::string &alias)
 {
+    std::vector<std::string> found;
     try {
+        if (names == Names::FILE) return {FILES};
         if (names == Names::SWITCH) return SwitchNames();
-        if (names == Names::UPLINK) return ReadUplinks(alias).ids;
-        if (names == Names::RUNNING_UPLINK) return RunningUplinkNames(alias);
+        if (names == Names::UPLINK || (names == Names::PORT && !IsEmbedded())) return ReadUplinks(alias).ids;
+        for (const vshost_port &port : names == Names::PORT ? PortsOf(alias) : std::vector<vshost_port>())
+            found.emplace_back(port.id);
+        if (names == Names::RUNNING_UPLINK && IsEmbedded())
+            for (const Json &row : RunningUplinks(alias))
+                found.push_back(row["uplink"]);
     } catch (const Error &) {
     }
-    return {};
+    return found;
 }
 
 // The values that a rule allows, where they are few.
@@ -62,166 +41,89 @@ std::vector<std::string> FixedValues(const std::optional<Field> &rule)
     return values;
 }
 
-// The properties of the rows that the verb prints.
-std::vector<std::string> ColumnNames(const Verb &verb)
-{
-    std::vector<std::string> names;
-    const Json schema = OutputSchema();
-    for (const Json &rule : schema["allOf"]) {
-        if (rule["if"]["properties"]["command"]["const"] != verb.Title()) continue;
-        const Json &rows = rule["then"]["properties"]["result"]["items"];
-        for (const Json &kind : rows.contains("anyOf") ? rows["anyOf"] : Json::array({rows})) {
-            const std::string reference = kind.value("$ref", "#");
-            if (reference.ends_with("/opaque")) continue;
-            const Json &row = reference == "#" ? kind : schema[Json::json_pointer(reference.substr(1))];
-            for (const auto &[name, property] : row["properties"].items())
-                names.push_back(name);
-        }
-    }
-    return names;
-}
-
-// What a word before its last comma or range has, so that lists of names can be completed.
-std::string ListStart(const std::string &typed)
+// The names behind the last comma or range of a list, with what stands before it.
+std::vector<std::string> AsList(const std::string &typed, std::vector<std::string> names)
 {
     const size_t comma = typed.rfind(','), dots = typed.rfind("..");
     const size_t start =
         std::max(comma == std::string::npos ? 0 : comma + 1, dots == std::string::npos ? 0 : dots + 2);
-    return typed.substr(0, start);
-}
-
-std::vector<std::string> Prefixed(const std::string &prefix, std::vector<std::string> names)
-{
     for (std::string &name : names)
-        name.insert(0, prefix);
+        name.insert(0, typed, 0, start);
     return names;
-}
-
-std::vector<std::string> OptionNames(const Verb &verb)
-{
-    std::vector<std::string> names;
-    for (const Argument &argument : AllArguments(verb)) {
-        if (argument.name.starts_with("-")) names.push_back(argument.name);
-    }
-    return names;
-}
-
-const Argument *FindArgument(const std::vector<Argument> &arguments, const std::string &name)
-{
-    for (const Argument &argument : arguments) {
-        if (argument.name == name) return &argument;
-    }
-    return nullptr;
 }
 
 // The positional argument that the last word stands for. `alias` receives the first one, which names the
 // switch.
-const Argument *Positional(const std::vector<Argument> &arguments, const std::vector<std::string> &words,
-                           std::string &alias)
+const Argument *Positional(const std::vector<Argument> &options, const std::vector<Argument> &positionals,
+                           const std::vector<std::string> &words, std::string &alias)
 {
     size_t position = 0;
     for (size_t i = 0; i + 1 < words.size(); i++) {
-        const Argument *option = FindArgument(arguments, words[i]);
-        if (option && option->shape == Shape::OPTION) i++;
-        if (words[i].starts_with("-") || (option && option->shape == Shape::OPTION)) continue;
-        if (position++ == 0) alias = words[i];
+        const Argument *option = FindArgument(options, words[i]);
+        if (option && option->shape == Shape::OPTION)
+            i++; // its value
+        else if (!words[i].starts_with("-") && position++ == 0)
+            alias = words[i];
     }
-    const Argument *last = nullptr;
-    for (const Argument &argument : arguments) {
-        if (argument.name.starts_with("-")) continue;
-        last = &argument;
-        if (position-- == 0) return last;
-    }
-    return last && (last->shape == Shape::MANY || last->shape == Shape::ANY) ? last : nullptr;
+    if (position < positionals.size()) return &positionals[position];
+    const Shape last = positionals.empty() ? Shape::FLAG : positionals.back().shape;
+    return last == Shape::MANY || last == Shape::ANY ? &positionals.back() : nullptr;
 }
 
 std::vector<std::string> CompleteArguments(const Verb &verb, const std::vector<std::string> &words)
 {
-    const std::vector<Argument> arguments = AllArguments(verb);
-    const Argument *option = words.size() > 1 ? FindArgument(arguments, words[words.size() - 2]) : nullptr;
+    std::vector<Argument> options, positionals;
+    for (const Argument &argument : AllArguments(verb))
+        (argument.name.starts_with("-") ? options : positionals).push_back(argument);
+    const Argument *option = words.size() > 1 ? FindArgument(options, words[words.size() - 2]) : nullptr;
     const bool isValue = option && option->shape == Shape::OPTION;
-    if (!isValue && words.back().starts_with("-")) return OptionNames(verb);
+    if (!isValue && words.back().starts_with("-")) return NamesOf(options);
     std::string alias;
-    const Argument *argument = Positional(arguments, words, alias);
+    const Argument *argument = Positional(options, positionals, words, alias);
     if (isValue) argument = option;
     if (!argument) return {};
     if (argument->names == Names::NOUN) return Nouns();
     if (argument->names == Names::VERB) return VerbNames(alias);
-    if (argument->name == "--columns") return Prefixed(ListStart(words.back()), ColumnNames(verb));
-    if (argument->names == Names::PORT) return Prefixed(ListStart(words.back()), PortIds(alias));
+    if (argument->name == "--columns") return AsList(words.back(), ColumnNames(verb));
     if (argument->name == "VALUE" && verb.policy) return FixedValues(verb.policy->fields[0]);
-    const auto values = FixedValues(argument->rule);
-    return values.empty() ? LiveNames(argument->names, alias) : values;
+    if (const auto values = FixedValues(argument->rule); !values.empty()) return values;
+    const auto names = LiveNames(argument->names, alias);
+    return argument->names == Names::PORT ? AsList(words.back(), names) : names;
 }
 
-// Options that stand before the noun are left out.
-std::vector<std::string> WithoutLeadingOptions(const std::vector<std::string> &words)
+std::vector<std::string> Candidates(std::vector<std::string> words)
 {
-    size_t first = 0;
-    const auto takesWord = [](const std::string &option) {
-        return TakesWord(option) || option == "--interval" || option == "--times"; // the last two are watch's
-    };
-    while (first + 1 < words.size() && words[first].starts_with("-"))
-        first += takesWord(words[first]) ? 2 : 1;
-    return {words.begin() + static_cast<ptrdiff_t>(std::min(first, words.size() - 1)), words.end()};
-}
-
-// What can begin a command line.
-std::vector<std::string> FirstWords()
-{
-    std::vector<std::string> words = Nouns();
-    words.push_back(FLEET);
-    return words;
-}
-
-std::vector<std::string> Candidates(const std::vector<std::string> &given)
-{
-    const std::vector<std::string> words = WithoutLeadingOptions(given);
-    if (words.size() == 1)
-        return words[0].starts_with("-") ? std::vector<std::string>{"--json", "--timeout", VERSION, "--help"}
-                                         : FirstWords();
-    const std::vector<std::string> rest(words.begin() + 1, words.end());
-    if (words[0] == "watch") return Candidates(rest);
+    const size_t first = std::min(LeadingOptions(words), words.size() - 1);
+    words.erase(words.begin(), words.begin() + static_cast<ptrdiff_t>(first));
+    if (words.size() == 1 && words[0].starts_with("-")) return {"--json", "--timeout", VERSION, "--help"};
+    if (words.size() == 1) {
+        words = Nouns();
+        words.push_back(FLEET);
+        return words;
+    }
+    if (words[0] == "watch") return Candidates({words.begin() + 1, words.end()});
     if (const auto verbs = VerbNames(words[0]); words.size() == 2 && !verbs.empty()) return verbs;
     try {
-        size_t used = 0;
-        const Verb &verb = FindVerb(words, used);
-        return CompleteArguments(verb, {words.begin() + static_cast<ptrdiff_t>(used), words.end()});
+        const Verb &verb = TakeVerb(words);
+        return CompleteArguments(verb, words);
     } catch (const Error &) {
         return {};
     }
 }
 
-// bash makes three words of --option=value. Other shells leave it one word, and a candidate is that word.
-struct Line {
-    explicit Line(std::vector<std::string> given) : words(std::move(given))
-    {
-        for (size_t i = 1; i < words.size(); i++) {
-            if (words[i] != "=" || !words[i - 1].starts_with("--")) continue;
-            if (i + 1 == words.size()) words.emplace_back();
-            words.erase(words.begin() + static_cast<ptrdiff_t>(i));
-        }
-        if (words.empty()) words.emplace_back();
-        const std::string last = words.back();
-        const size_t equals = last.find('=');
-        if (!last.starts_with("--") || equals == std::string::npos) return;
-        option = last.substr(0, equals + 1);
-        words.back() = last.substr(0, equals);
-        words.push_back(last.substr(equals + 1));
-    }
-    std::vector<std::string> words;
-    std::string option; // with its "="
-};
-
 constexpr const char *BASH = R"(_vsctl()
 {
     local IFS=$'\n'
     COMPREPLY=($(vsctl complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
+    if [[ $COMPREPLY == :files ]]; then
+        compopt -o default
+        COMPREPLY=()
+    fi
     COMPREPLY=("${COMPREPLY[@]@Q}")
     COMPREPLY=("${COMPREPLY[@]#\'}")
     COMPREPLY=("${COMPREPLY[@]%\'}")
 }
-complete -o default -F _vsctl vsctl
+complete -F _vsctl vsctl
 )";
 
 constexpr const char *ZSH = R"(#compdef vsctl
@@ -229,7 +131,12 @@ _vsctl()
 {
     local -a candidates
     candidates=("${(@f)$(vsctl complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")
-    if [[ -n "${candidates[1]}" ]]; then compadd -a candidates; else compset -P '--*='; _files; fi
+    if [[ "${candidates[1]}" == :files ]]; then
+        compset -P '--*='
+        _files
+    elif [[ -n "${candidates[1]}" ]]; then
+        compadd -a candidates
+    fi
 }
 if [[ $funcstack[1] == _vsctl ]]; then _vsctl "$@"; else compdef _vsctl vsctl; fi
 )";
@@ -237,25 +144,33 @@ if [[ $funcstack[1] == _vsctl ]]; then _vsctl "$@"; else compdef _vsctl vsctl; f
 constexpr const char *FISH = R"(function __vsctl_candidates
     set -l words (commandline -opc) (commandline -ct)
     set -l candidates (vsctl complete -- $words[2..-1] 2>/dev/null)
-    if count $candidates >/dev/null
-        printf '%s\n' $candidates
-    else
+    if test "$candidates" = :files
         set -l option (string match -r -- '^--[^=]*=' $words[-1])
-        set -l paths (__fish_complete_path (string replace -- "$option" '' $words[-1]))
-        test -z "$paths"; or printf '%s\n' "$option"$paths
+        set candidates "$option"(__fish_complete_path (string replace -- "$option" '' $words[-1]))
     end
+    test -z "$candidates"; or printf '%s\n' $candidates
 end
 complete -c vsctl -f -a '(__vsctl_candidates)'
 )";
 
 }
 
-std::vector<std::string> Complete(const std::vector<std::string> &words)
+std::vector<std::string> Complete(const std::vector<std::string> &given)
 {
-    const Line line(words);
-    std::vector<std::string> matching;
-    for (const std::string &candidate : Candidates(line.words)) {
-        if (candidate.starts_with(line.words.back())) matching.push_back(line.option + candidate);
+    std::vector<std::string> words, matching;
+    std::string option; // with its "=": a candidate is the whole word
+    for (const std::string &word : given) {
+        // bash makes three words of --option=value.
+        if (word == "=" && !words.empty() && words.back().starts_with("--")) continue;
+        const size_t equals = word.starts_with("--") ? word.find('=') : std::string::npos;
+        words.push_back(word.substr(0, equals));
+        option = equals == std::string::npos ? "" : word.substr(0, equals + 1);
+        if (!option.empty()) words.push_back(word.substr(equals + 1));
+    }
+    if (words.empty() || (given.back() == "=" && words.back() != "=")) words.emplace_back();
+    for (const std::string &candidate : Candidates(words)) {
+        if (candidate == FILES) return {FILES};
+        if (candidate.starts_with(words.back())) matching.push_back(option + candidate);
     }
     return matching;
 }

@@ -16,103 +16,91 @@ namespace vsctl {
 
 namespace {
 
-Json Part(const char *part, bool works, const std::string &state, const std::string &advice)
+// A part works unless it has a fault.
+Json Part(const char *part, const std::string &fault, const std::string &state, const std::string &advice)
 {
-    return {{"part", part}, {"works", works}, {"state", state}, {"advice", works ? Json() : Json(advice)}};
-}
-
-Json LibraryPart()
-{
-    const std::string fault = LibraryFault();
-    return Part(
-        "library", fault.empty(), fault.empty() ? VSWITCHCTL_LIBRARY : fault,
-        "install the missing library where the loader finds it, or run 'vshost run --state DIR -- vsctl …'");
-}
-
-Json StorePart()
-{
-    if (!LibraryFault().empty())
-        return Part("configuration store", false, "not checked: the library does not load",
-                    "fix the library first");
-    int32_t length = 0;
-    const NamedProperty nowhere{PropertyLevel::GLOBAL, {"vsctl-doctor", ""}, "com.talpex.common.alias", true};
-    const VsStatus status = nowhere.Length(length);
-    const bool works = status == STATUS_OK || status == STATUS_NOT_FOUND;
-    return Part("configuration store", works, works ? "answers" : Describe(status).name,
-                "check that the platform's configuration service runs and that you may use it");
-}
-
-Json DevicePart(const char *part, const char *device, const char *advice)
-{
-    const int error = DeviceError(device);
-    return Part(part, error == 0, error ? fmt::format("{}: {}", device, strerror(error)) : device, advice);
-}
-
-Json ShellPart()
-{
-    const int result = system("/bin/tybel -e ls /net/portsets >/dev/null 2>&1");
-    return Part("system-information shell", result == 0,
-                result == 0 ? "answers" : "/bin/tybel does not answer",
-                "without the shell, vsctl cannot create switches or read MTUs: install it, or use an "
-                "embedded host");
+    const bool works = fault.empty();
+    return {{"part", part},
+            {"works", works},
+            {"state", works ? state : fault},
+            {"advice", works ? Json() : Json(advice)}};
 }
 
 Json StatePart()
 {
     try {
         const Json pending = JournalState();
-        return Part("changes", pending.is_null(),
-                    pending.is_null() ? "no change is unfinished" : pending.get<std::string>(),
+        return Part("changes", pending.is_null() ? "" : pending.get<std::string>(), "no change is unfinished",
                     "run 'vsctl apply --resume', 'vsctl apply --undo' or 'vsctl confirm'");
     } catch (const Error &error) {
-        return Part("changes", false, error.problem, error.advice);
+        return Part("changes", error.problem, "", error.advice);
     }
+}
+
+Json StorePart()
+{
+    if (!LibraryFault().empty())
+        return Part("configuration store", "not checked: the library does not load", "",
+                    "fix the library first");
+    int32_t length = 0;
+    const NamedProperty nowhere{PropertyLevel::GLOBAL, {"vsctl-doctor", ""}, "com.talpex.common.alias", true};
+    const VsStatus status = nowhere.Length(length);
+    const bool works = status == STATUS_OK || status == STATUS_NOT_FOUND;
+    return Part("configuration store", works ? "" : Describe(status).name, "answers",
+                "check that the platform's configuration service runs and that you may use it");
+}
+
+Json DevicePart(const char *part, const char *device)
+{
+    const int error = DeviceError(device);
+    return Part(part, error ? fmt::format("{}: {}", device, strerror(error)) : "", device,
+                "load the switch driver, or run 'vshost run --state DIR -- vsctl …'");
 }
 
 Json HostPart()
 {
-    if (!IsEmbedded()) return Part("host", true, "a hypervisor", "");
+    if (!IsEmbedded()) return Part("host", "", "a hypervisor", "");
     const auto current = PlatformFunction<decltype(vshost_directory)>("vshost_directory");
     const char *directory = getenv("VSHOST_DIR");
     if (!directory && current) directory = current();
     const bool isNamed = directory && *directory;
-    return Part("host", isNamed,
-                isNamed ? fmt::format("embedded, in {}", directory) : "embedded, but no host is named",
+    return Part("host", isNamed ? "" : "embedded, but no host is named",
+                fmt::format("embedded, in {}", isNamed ? directory : ""),
                 "run 'vshost run --state DIR -- vsctl …'");
 }
 
-// A row for each stored record that has no effect.
-Json PolicyParts()
+// A row for each stored record that has no effect. It says nothing of the platform.
+void AddPolicyParts(Json &rows)
 {
-    Json rows = Json::array();
-    if (!LibraryFault().empty() || !IsEmbedded()) return rows;
+    if (!LibraryFault().empty() || !IsEmbedded()) return;
     for (const std::string &switchId : StoredSwitchIds())
         for (const vshost_policy_fault &fault : ListPolicyFaults(switchId)) {
             const std::string alias = AliasOfId(switchId);
             const std::string where = fmt::format("switch {}{}{}", alias.empty() ? switchId : alias,
                                                   fault.portId[0] ? ", port " : "", fault.portId);
-            rows.push_back(
-                Part("policy", false,
-                     fmt::format("{}: {} is kept and not enforced: {}", where, fault.key, fault.reason),
-                     "set it again, or remove it with 'vsctl property clear'"));
+            rows.push_back(Part(
+                "policy", fmt::format("{}: {} is kept and not enforced: {}", where, fault.key, fault.reason),
+                "", "set it again, or remove it with 'vsctl property clear'"));
         }
-    return rows;
 }
 
 Result Doctor(const Verb &, const Arguments &)
 {
-    const char *onHost = "load the switch driver, or run 'vshost run --state DIR -- vsctl …'";
-    Result result;
-    result.rows = Json::array({LibraryPart(), StorePart(), DevicePart("switch driver", ZOR_DEVICE, onHost),
-                               DevicePart("RTM device", ZOR_RTM_DEVICE, onHost), ShellPart()});
-    result.rows.insert(result.rows.begin(), StatePart());
+    const bool hasShell = system("/bin/tybel -e ls /net/portsets >/dev/null 2>&1") == 0;
+    Result result = Rows(
+        {StatePart(),
+         Part("library", LibraryFault(), VSWITCHCTL_LIBRARY,
+              "install the missing library where the loader finds it, or run 'vshost run --state DIR -- "
+              "vsctl …'"),
+         StorePart(), DevicePart("switch driver", ZOR_DEVICE), DevicePart("RTM device", ZOR_RTM_DEVICE),
+         Part("system-information shell", hasShell ? "" : "/bin/tybel does not answer", "answers",
+              "without the shell, vsctl cannot create switches or read MTUs: install it, or use an embedded "
+              "host")});
     if (LibraryFault().empty()) result.rows.push_back(HostPart());
     for (const Json &part : result.rows) {
         if (!part["works"]) result.exit = part["part"] == "changes" ? Exit::PENDING : Exit::UNREACHABLE;
     }
-    // These say nothing of the platform, and don't change the exit code.
-    for (Json &part : PolicyParts())
-        result.rows.push_back(std::move(part));
+    AddPolicyParts(result.rows); // which don't change the exit code
     return result;
 }
 
@@ -121,17 +109,11 @@ std::string Overview()
     std::string text = "vsctl controls the virtual switches of this host.\n\n"
                        "  vsctl NOUN VERB [ARGUMENTS] [--json] [--timeout TIME]\n\n";
     for (const std::string &noun : Nouns()) {
-        std::vector<std::string> verbs;
-        std::string help;
-        for (const Verb &verb : Verbs()) {
-            if (verb.noun != noun) continue;
-            if (!verb.name.empty()) verbs.push_back(verb.name);
-            help = verb.manual.help;
-        }
-        const std::string rest =
-            verbs.empty() ? help
-                          : fmt::format("{}", fmt::join(InLines(verbs, ", ", 14), ",\n              "));
-        text += fmt::format("  {:<12}{}\n", noun, rest);
+        const auto verbs = VerbNames(noun);
+        std::vector<std::string> words = {noun};
+        const auto lines =
+            verbs.empty() ? std::vector{TakeVerb(words).manual.help} : InLines(verbs, ", ", 14);
+        text += fmt::format("  {:<12}{}\n", noun, fmt::join(lines, ",\n              "));
     }
     return text + "\n'vsctl help NOUN VERB' explains a verb with examples. 'vsctl help exit' lists\n"
                   "the exit codes, and 'vsctl help operations' lists the library operations\n"
@@ -163,17 +145,6 @@ Json OperationRows()
     return rows;
 }
 
-// A table of the verbs of a noun; empty where the noun is the whole command.
-std::string NounHelp(const std::string &noun)
-{
-    Json rows = Json::array();
-    for (const Verb &verb : Verbs()) {
-        if (verb.noun == noun && !verb.name.empty())
-            rows.push_back({{"verb", verb.Title()}, {"purpose", verb.manual.help}});
-    }
-    return TableText(rows);
-}
-
 // Prints the rows with --json, and the text without it.
 Result HelpOf(Json rows, std::string text)
 {
@@ -182,24 +153,21 @@ Result HelpOf(Json rows, std::string text)
     return result;
 }
 
-Result HelpOn(const std::string &noun, const std::string &name)
-{
-    if (noun == "exit") return HelpOf(ExitCodes(), TableText(ExitCodes()));
-    if (noun == "operations") return HelpOf(OperationRows(), TableText(OperationRows()));
-    Json rows = Json::array();
-    for (const Verb &verb : Verbs()) {
-        if (noun.empty() || (verb.noun == noun && (name.empty() || verb.name == name)))
-            rows.push_back(VerbRow(verb));
-    }
-    if (noun.empty()) return HelpOf(rows, Overview());
-    if (const std::string verbs = NounHelp(noun); name.empty() && !verbs.empty()) return HelpOf(rows, verbs);
-    size_t used = 0;
-    return HelpOf(rows, Parser(FindVerb({noun, name}, used)).Help());
-}
-
 Result Help(const Verb &, const Arguments &arguments)
 {
-    return HelpOn(arguments.Text("NOUN"), arguments.Text("VERB"));
+    const std::string &noun = arguments.Text("NOUN"), &name = arguments.Text("VERB");
+    if (noun == "exit") return HelpOf(ExitCodes(), TableText(ExitCodes()));
+    if (noun == "operations") return HelpOf(OperationRows(), TableText(OperationRows()));
+    Json rows = Json::array(), purposes = Json::array();
+    for (const Verb &verb : Verbs()) {
+        if (!noun.empty() && (verb.noun != noun || (!name.empty() && verb.name != name))) continue;
+        rows.push_back(VerbRow(verb));
+        purposes.push_back({{"verb", verb.Title()}, {"purpose", verb.manual.help}});
+    }
+    if (noun.empty()) return HelpOf(rows, Overview());
+    if (name.empty() && !VerbNames(noun).empty()) return HelpOf(rows, TableText(purposes));
+    std::vector<std::string> words = {noun, name};
+    return HelpOf(rows, Parser(TakeVerb(words)).Help());
 }
 
 Result CompleteWords(const Verb &, const Arguments &arguments)

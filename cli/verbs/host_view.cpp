@@ -12,10 +12,6 @@ namespace vsctl {
 
 namespace {
 
-using NicMap = std::map<std::string, Json>; // of one switch, by the ports that they are bound to
-
-Json OrNull(const std::string &text) { return text.empty() ? Json() : Json(text); }
-
 Json NicRow(const vshost_nic &nic)
 {
     return {{"nic", nic.name},          {"link", nic.link && nic.adminUp},    {"admin", nic.adminUp != 0},
@@ -23,62 +19,8 @@ Json NicRow(const vshost_nic &nic)
             {"numa-node", nic.numaNode}};
 }
 
-NicMap NicsOf(const std::string &switchId)
-{
-    NicMap nics;
-    for (const vshost_nic &nic : ListNics()) {
-        if (switchId == nic.switchId) nics[nic.portId] = NicRow(nic);
-    }
-    return nics;
-}
-
-}
-
-Json DescribeUplinks(const std::string &alias, const std::string &switchId)
-{
-    const Uplinks uplinks = ReadUplinks(alias);
-    const NicMap nics = NicsOf(switchId);
-    Json rows = Json::array();
-    for (size_t i = 0; i < uplinks.ids.size(); i++) {
-        Json row = {{"uplink", i < uplinks.names.size() ? uplinks.names[i] : uplinks.ids[i]},
-                    {"port", uplinks.ids[i]}};
-        if (const auto nic = nics.find(uplinks.ids[i]); nic != nics.end()) row.update(nic->second);
-        rows.push_back(row);
-    }
-    return rows;
-}
-
-namespace {
-
-// Ports with the same policies.
-struct PortGroup {
-    std::vector<std::string> names;
-    Json policies;
-    Json plugged = Json::object(); // the interfaces, by port
-};
-
-Json PoliciesOfPort(const Target &port)
-{
-    Json policies = ReadPort(port);
-    if (policies.is_null()) return Json::object(); // it is gone meanwhile
-    policies.erase("connect-id");
-    policies.erase("external-id");
-    return policies;
-}
-
-// Mirror sessions are shown apart.
-void TakeSessions(const char *policy, const std::string &port, Json &policies, Json &mirrors)
-{
-    for (const Json &session : policies.value(policy, Json::array())) {
-        Json row = {{"port", OrNull(port)}};
-        row.update(session);
-        mirrors.push_back(row);
-    }
-    policies.erase(policy);
-}
-
-// Sorts the ports of a switch by their policies. The policies of one port are read for all that have equal
-// properties.
+// Sorts the ports of a switch by their policies, and takes the mirror sessions apart. The policies of one
+// port are read for all that have equal properties.
 class PortGroups {
 public:
     explicit PortGroups(std::string alias) : alias(std::move(alias)) {}
@@ -86,41 +28,53 @@ public:
     void Add(const vshost_port &port)
     {
         const auto known = byProperties.find(port.properties);
-        const size_t index = known != byProperties.end() ? known->second : ReadGroup(port);
-        groups[index].names.emplace_back(port.id);
-        if (*port.interface) groups[index].plugged[port.id] = port.interface;
+        Json &group = groups[known != byProperties.end() ? known->second : ReadGroup(port)];
+        group["ports"].push_back(port.id);
+        if (*port.interface) group["plugged"][port.id] = port.interface;
     }
-    const std::vector<PortGroup> &Groups() const { return groups; }
-    Json mirrors = Json::array();
+
+    void TakeSessions(const std::string &port, Json &policies)
+    {
+        for (const Json &session : policies.value("mirror", Json::array()))
+            mirrors.emplace_back(Json{{"port", OrNull(port)}}).update(session);
+        policies.erase("mirror");
+    }
+
+    Json Ports() const
+    {
+        Json rows = groups;
+        for (Json &row : rows) {
+            row["count"] = row["ports"].size();
+            row["ports"] = PortRanges(row["ports"]);
+        }
+        return rows;
+    }
+    const Json &Mirrors() const { return mirrors; }
 
 private:
     size_t ReadGroup(const vshost_port &port)
     {
-        Json policies = PoliciesOfPort({alias, port.id});
+        Json policies = ReadPort({alias, port.id});
+        if (policies.is_null()) policies = Json::object(); // it is gone meanwhile
+        policies.erase("connect-id");
+        policies.erase("external-id");
         const bool isMirrored = policies.contains("mirror");
-        TakeSessions("mirror", port.id, policies, mirrors);
+        TakeSessions(port.id, policies);
         const auto [same, isNew] = byPolicies.try_emplace(Dump(policies), groups.size());
-        if (isNew) groups.push_back({{}, std::move(policies)});
+        if (isNew)
+            groups.push_back({{"ports", Json::array()},
+                              {"count", 0},
+                              {"policies", std::move(policies)},
+                              {"plugged", Json::object()}});
         if (!isMirrored) byProperties[port.properties] = same->second; // sessions belong to one port
         return same->second;
     }
 
     const std::string alias;
-    std::vector<PortGroup> groups;
+    Json groups = Json::array(), mirrors = Json::array();
     std::map<uint64_t, size_t> byProperties;
     std::map<std::string, size_t> byPolicies;
 };
-
-Json DescribePorts(const std::vector<PortGroup> &groups)
-{
-    Json rows = Json::array();
-    for (const PortGroup &group : groups)
-        rows.push_back({{"ports", PortRanges(group.names)},
-                        {"count", group.names.size()},
-                        {"policies", group.policies},
-                        {"plugged", group.plugged}});
-    return rows;
-}
 
 Json DescribeSwitch(const std::string &alias)
 {
@@ -132,7 +86,7 @@ Json DescribeSwitch(const std::string &alias)
     for (const vshost_port &port : ports) {
         if (!port.isUplink) groups.Add(port);
     }
-    TakeSessions("mirror", "", stored, groups.mirrors);
+    groups.TakeSessions("", stored);
     Json row = {{"switch", alias},
                 {"id", id},
                 {"portset", stored["portset"]},
@@ -144,11 +98,28 @@ Json DescribeSwitch(const std::string &alias)
         stored.erase(key);
     row["policies"] = stored;
     row["uplinks"] = DescribeUplinks(alias, id);
-    if (IsEmbedded()) row["ports"] = DescribePorts(groups.Groups());
-    row["mirrors"] = groups.mirrors;
+    if (IsEmbedded()) row["ports"] = groups.Ports();
+    row["mirrors"] = groups.Mirrors();
     return row;
 }
 
+}
+
+Json DescribeUplinks(const std::string &alias, const std::string &switchId)
+{
+    const Uplinks uplinks = ReadUplinks(alias);
+    std::map<std::string, Json> nics; // by the ports that they are bound to
+    for (const vshost_nic &nic : ListNics()) {
+        if (switchId == nic.switchId) nics[nic.portId] = NicRow(nic);
+    }
+    Json rows = Json::array();
+    for (size_t i = 0; i < uplinks.ids.size(); i++) {
+        Json row = {{"uplink", i < uplinks.names.size() ? uplinks.names[i] : uplinks.ids[i]},
+                    {"port", uplinks.ids[i]}};
+        if (const auto nic = nics.find(uplinks.ids[i]); nic != nics.end()) row.update(nic->second);
+        rows.push_back(row);
+    }
+    return rows;
 }
 
 Json DescribeNics()
@@ -165,14 +136,12 @@ Json DescribeNics()
     return rows;
 }
 
-Json DescribeOnly(const std::string &alias)
+Json Describe(const Arguments &arguments)
 {
-    SwitchId(alias);
-    return {{"switches", Json::array({DescribeSwitch(alias)})}};
-}
-
-Json DescribeHost()
-{
+    if (arguments.Has("SWITCH")) {
+        SwitchId(arguments.Text("SWITCH"));
+        return {{"switches", Json::array({DescribeSwitch(arguments.Text("SWITCH"))})}};
+    }
     Json switches = Json::array(), nics = Json::array();
     for (const std::string &alias : SwitchNames())
         switches.push_back(DescribeSwitch(alias));
@@ -193,22 +162,23 @@ std::string NicText(const Json &nic)
                        nic["mtu"].get<uint32_t>(), admin);
 }
 
+Json WithoutDefaults(std::span<const Field> fields, Json value)
+{
+    for (const Field &field : fields) {
+        if (field.defaultText && value.value(field.name, Json()) == Json::parse(field.defaultText))
+            value.erase(field.name);
+    }
+    return value;
+}
+
 std::vector<std::string> PolicyTexts(const Json &policies, bool ofPort)
 {
     std::vector<std::string> parts;
     for (const auto &[name, value] : policies.items()) {
-        Json shown = value;
-        const Policy *policy = FindPolicy(name, ofPort);
-        for (const Field &field : policy &&value.is_object() ? policy->fields : std::span<const Field>()) {
-            if (field.defaultText && shown.value(field.name, Json()) == Json::parse(field.defaultText))
-                shown.erase(field.name);
-        }
-        if (value.is_object() && shown.empty()) continue;
-        parts.push_back(name + " " + CellText(shown));
+        const Policy *policy = value.is_object() ? FindPolicy(name, ofPort) : nullptr;
+        const Json shown = policy ? WithoutDefaults(policy->fields, value) : value;
+        if (!value.is_object() || !shown.empty()) parts.push_back(name + " " + CellText(shown));
     }
     return parts;
 }
-
-std::string SessionName(const Json &session) { return CellText(session.value("session", Json())); }
-
 }

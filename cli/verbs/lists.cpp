@@ -1,60 +1,65 @@
-// vsctl pvlan and ls-teaming: policies of a switch that are lists.
+// vsctl pvlan, ls-teaming and mirror: policies that are lists of entries.
 #include <fmt/format.h>
 
+#include "cli/base/records.h"
 #include "cli/verbs/verb.h"
 
 namespace vsctl {
 
 namespace {
 
-const Policy &ListOf(const Verb &verb) { return *FindPolicy(verb.noun, false); }
-
-const Layout &LayoutOf(const Verb &verb) { return *ListOf(verb).fields[0].layout; }
-
-// The entry that --hex or --file gives.
-Json GivenRecord(const Verb &verb, const Arguments &arguments)
+// Of a switch, or of the port that --port names.
+const Policy &ListOf(const Verb &verb, const Target &target)
 {
-    const Bytes bytes = GivenBytes(arguments, LayoutOf(verb).size);
-    return Json::array({Hex(bytes.data(), bytes.size())});
+    return *FindPolicy(verb.noun, !target.port.empty());
 }
 
-bool GivesRecord(const Arguments &arguments) { return arguments.Has("--hex") || arguments.Has("--file"); }
+// Ports have mirror sessions too.
+bool IsMirror(const Verb &verb) { return verb.noun == "mirror"; }
+
+// The objects whose lists the arguments mean: that of --port, or all that can be listed.
+std::vector<Target> Places(const Verb &verb, const Target &target)
+{
+    SwitchId(target.alias);
+    if (!target.port.empty() && !PortExists(target)) Check(STATUS_NOT_FOUND, "finding", target);
+    std::vector<Target> places = {target};
+    if (!IsMirror(verb) || !target.port.empty()) return places;
+    for (const vshost_port &port : PortsOf(target.alias))
+        places.push_back({target.alias, port.id});
+    return places;
+}
 
 Result List(const Verb &verb, const Arguments &arguments)
 {
-    const Target target = arguments.Target();
-    SwitchId(target.alias);
-    const Json entries = ReadAsAsked(ListOf(verb), target, arguments);
     Result result;
-    for (const Json &entry : entries.is_null() ? Json::array() : entries)
-        result.rows.push_back(RowOf(target, entry.is_string() ? Json{{"bytes", entry}} : entry));
+    for (const Target &place : Places(verb, arguments.Target())) {
+        for (const Json &entry : ReadAsAsked(ListOf(verb, place), place, arguments)) {
+            Json row = {{"switch", place.alias}};
+            if (IsMirror(verb)) row["port"] = OrNull(place.port);
+            row.update(entry.is_string() ? Json{{"bytes", entry}} : entry);
+            result.rows.push_back(row);
+        }
+    }
     return result;
 }
 
-Result AddSteps(const Verb &verb, const Arguments &arguments, const Json &entries)
+// A session is in the list of its first destination; of an uplink, in the list of the host.
+Target PlaceOf(const Json &session, const Arguments &arguments)
 {
-    if (auto fault = FindViolation(ListOf(verb).fields[0], entries, ""))
-        throw Error(Exit::BAD_VALUE, fmt::format("{} {}", verb.noun, fault->message));
-    return Steps({AddEntries(ListOf(verb), arguments.Target(), entries)});
-}
-
-Result AddTeaming(const Verb &verb, const Arguments &arguments)
-{
-    if (GivesRecord(arguments)) return AddSteps(verb, arguments, GivenRecord(verb, arguments));
-    if (!arguments.Has("NAME"))
-        throw Error(Exit::USAGE, "the policy has no name", "give NAME, or the record with --hex or --file");
-    Json entry = GivenFields(LayoutOf(verb).fields, arguments);
-    entry["name"] = arguments.Text("NAME");
-    return AddSteps(verb, arguments, Json::array({entry}));
+    if (arguments.Has("--port")) return arguments.Target();
+    const Json to = session.value("to", Json::array());
+    if (to.empty())
+        throw Error(Exit::USAGE, "the session has no destination",
+                    "give the ports that get the copies with --to");
+    const std::string port = to[0];
+    if (PortEntryNumber(port) || port.size() >= DV_PORT_ID_SIZE)
+        throw Error(Exit::USAGE, "the list that keeps the session is not known", "name its port with --port");
+    return {arguments.Text("SWITCH"), port};
 }
 
 // The primary VLAN itself is promiscuous.
-Result AddPrivateVlan(const Verb &verb, const Arguments &arguments)
+Json PrivateVlans(const Layout &layout, const Arguments &arguments)
 {
-    if (GivesRecord(arguments)) return AddSteps(verb, arguments, GivenRecord(verb, arguments));
-    if (!arguments.Has("PRIMARY"))
-        throw Error(Exit::USAGE, "there is no primary VLAN",
-                    "give PRIMARY, or an entry with --hex or --file");
     const uint32_t primary = arguments.Number("PRIMARY", 0);
     Json entries = {{{"primary", primary}, {"secondary", primary}, {"type", "promiscuous"}}};
     for (const char *type : {"isolated", "community"}) {
@@ -62,22 +67,99 @@ Result AddPrivateVlan(const Verb &verb, const Arguments &arguments)
         for (const std::string &word : Words(arguments.Text(option), ",")) {
             if (!arguments.Has(option)) break;
             entries.push_back({{"primary", primary},
-                               {"secondary", ParseWord(LayoutOf(verb).fields[1], word, option)},
+                               {"secondary", ParseWord(layout.fields[1], word, option)},
                                {"type", type}});
         }
     }
-    return AddSteps(verb, arguments, entries);
+    return entries;
+}
+
+Json GivenEntries(const Verb &verb, const Layout &layout, const Arguments &arguments)
+{
+    const std::string &name = verb.arguments[1].name;
+    if (GivesBytes(arguments)) return Json::array({GivenHex(arguments, layout.size)});
+    if (!arguments.Has(name))
+        throw Error(Exit::USAGE, fmt::format("{}: {} is required", verb.Title(), name),
+                    fmt::format("give {}, or a record with --hex or --file", name));
+    if (verb.noun == "pvlan") return PrivateVlans(layout, arguments);
+    Json entry = GivenFields(AllFields(layout), arguments);
+    entry[layout.key] = arguments.Text(name);
+    return Json::array({entry});
+}
+
+Result Add(const Verb &verb, const Arguments &arguments)
+{
+    const Policy &list = ListOf(verb, {});
+    const Json entries = GivenEntries(verb, *list.fields[0].layout, arguments);
+    if (auto fault = FindViolation(list.fields[0], entries, ""))
+        throw Error(Exit::BAD_VALUE, fmt::format("the {} {}", list.noun, fault->message));
+    const Target place = IsMirror(verb) ? PlaceOf(entries[0], arguments) : arguments.Target();
+    return Steps({AddEntries(ListOf(verb, place), place, entries)});
+}
+
+// Without --port, the list that keeps a mirror session is found when the steps before it are known.
+Step ListStep(const Verb &verb, const Arguments &arguments, Json change)
+{
+    if (IsMirror(verb) && !arguments.Has("--port")) change["everywhere"] = true;
+    return {verb.noun, arguments.Target(), change};
 }
 
 Result Remove(const Verb &verb, const Arguments &arguments)
 {
-    const Json names = arguments.List(verb.arguments.back().name);
-    return Steps({RemoveEntries(ListOf(verb), arguments.Target(), names)});
+    const auto &names = arguments.List(verb.arguments[1].name);
+    if (!IsMirror(verb)) return Steps({ListStep(verb, arguments, {{"remove", names}})});
+    Result result;
+    for (const std::string &name : names)
+        result.steps.push_back(ListStep(verb, arguments, {{"remove", {name}}}));
+    return result;
 }
 
 Result Clear(const Verb &verb, const Arguments &arguments)
 {
-    return Steps({SetPolicy(ListOf(verb), arguments.Target(), nullptr)});
+    return Steps({ListStep(verb, arguments, nullptr)});
+}
+
+// The arguments and options of an entry but its name, which is an argument.
+std::vector<Argument> EntryArguments(const Argument &name, const Layout &layout)
+{
+    std::vector<Argument> arguments = FieldOptions(AllFields(layout));
+    std::erase_if(arguments, [&layout](const Argument &option) {
+        return option.name == fmt::format("--{}", layout.key);
+    });
+    arguments.insert(arguments.begin(), {SWITCH, name});
+    return arguments;
+}
+
+Result LiveSessions(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    PortsetOf(target.alias);
+    Result result;
+    for (const std::string &session : RunningSessions(target))
+        result.rows.push_back({{"switch", target.alias}, {"session", session}});
+    return result;
+}
+
+Result SessionStatistics(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    PortsetOf(target.alias);
+    const std::string &session = arguments.Text("SESSION");
+    Json row = {{"session", session}};
+    row.update(ReadRecord(
+        Record::MIRROR_STATS, target,
+        [&](void *stats) { return VSZOR_GetDVMirrorSessionStats(target.Alias(), session.c_str(), stats); },
+        fmt::format("'vsctl mirror live {}' lists the running sessions", target.alias)));
+    return Rows(RowOf(target, row));
+}
+
+Result Destinations(const Verb &, const Arguments &arguments)
+{
+    const Target target = arguments.Target();
+    PortsetOf(target.alias);
+    return Rows(ReadRecords(Record::DESTINATION, target, [&](void **list) {
+        return VSZOR_GetPromiscSessionActiveDsts(target.Alias(), list);
+    }));
 }
 
 }
@@ -86,25 +168,23 @@ std::vector<Verb> ListVerbs()
 {
     const Policy &vlans = *FindPolicy("pvlan", false), &teaming = *FindPolicy("ls-teaming", false);
     const Field &vlan = vlans.fields[0].layout->fields[0];
-    const std::vector<std::string> record = {"--hex", "--file"};
-    const Argument primary = Excluding({"PRIMARY", Shape::OPTIONAL, vlan.help, Names::NONE, vlan}, record);
-    std::vector<Argument> ofTeaming = {SWITCH,
-                                       Excluding({"NAME", Shape::OPTIONAL, "Name of the policy"}, record)};
-    for (const Argument &option : FieldOptions(teaming.fields[0].layout->fields.subspan(1)))
-        ofTeaming.push_back(Excluding(option, record));
-    ofTeaming.push_back(HEX);
-    ofTeaming.push_back(FROM_FILE);
+    const Argument name{"NAME", Shape::OPTIONAL, "Name of the policy"};
+    const Argument session{"SESSION", Shape::REQUIRED, "Name of the mirror session"};
+    const Argument sessions{"SESSION", Shape::MANY, "Names of the mirror sessions"};
+    const Argument place{"--port", Shape::OPTION,
+                         "Port that keeps the sessions (default: all ports and the uplinks)", Names::PORT};
+    std::vector<Argument> ofSession = EntryArguments(session, MIRROR_SESSION);
+    ofSession.push_back(
+        {"--port", Shape::OPTION, "Port that keeps the session (default: the first of --to)", Names::PORT});
     return {
         Reads("pvlan list", List, {SWITCH},
               {"List the private VLANs of a switch", "lab", vlans.operations, "@private-vlan"}),
-        Changes("pvlan add", AddPrivateVlan,
-                {SWITCH, primary,
-                 Excluding({"--isolated", Shape::OPTION, "VLANs whose ports reach promiscuous ports alone"},
-                           record),
-                 Excluding({"--community", Shape::OPTION,
-                            "VLANs whose ports reach promiscuous ports and each other"},
-                           record),
-                 HEX, FROM_FILE},
+        Changes("pvlan add", Add,
+                OrBytes({SWITCH,
+                         {"PRIMARY", Shape::OPTIONAL, vlan.help, Names::NONE, vlan},
+                         {"--isolated", Shape::OPTION, "VLANs whose ports reach promiscuous ports alone"},
+                         {"--community", Shape::OPTION,
+                          "VLANs whose ports reach promiscuous ports and each other"}}),
                 {"Add a primary VLAN, or more secondary VLANs to it",
                  "lab 100 --isolated 101 --community 102,103", vlans.operations}),
         Changes("pvlan remove", Remove,
@@ -114,13 +194,34 @@ std::vector<Verb> ListVerbs()
         Reads("ls-teaming list", List, {SWITCH, {"--live", Shape::FLAG, "Show what the driver runs with"}},
               {"List the teaming policies that ports name", "lab\nlab --live", teaming.operations,
                "@named-teaming"}),
-        Changes("ls-teaming add", AddTeaming, ofTeaming,
+        Changes("ls-teaming add", Add, OrBytes(EntryArguments(name, *teaming.fields[0].layout)),
                 {"Add a teaming policy that ports can name", "lab gold --algorithm order --active uplink0",
                  teaming.operations}),
         Changes("ls-teaming remove", Remove, {SWITCH, {"NAME", Shape::MANY, "Names of the policies"}},
                 {"Remove teaming policies that ports can name", "lab gold", teaming.operations}),
         Changes("ls-teaming clear", Clear, {SWITCH},
                 {"Remove all teaming policies that ports can name", "lab", teaming.operations}),
+        Reads("mirror list", List, {SWITCH, place},
+              {"List the mirror sessions of a switch", "lab\nlab --port port9", "VSDVS_GetDVMirrorSessions",
+               "@session"}),
+        Changes(
+            "mirror add", Add, ofSession,
+            {"Add a mirror session, which copies frames of ports",
+             "lab span0 --from port1,port2 --to port9 --snap 128\nlab span1 --received-by port1 --to uplink0",
+             "VSDVS_AppendDVMirrorSessions"}),
+        Changes("mirror remove", Remove, {SWITCH, sessions, place},
+                {"Remove mirror sessions", "lab span0", "VSDVS_RemoveDVMirrorSession"}),
+        Changes("mirror clear", Clear, {SWITCH, place},
+                {"Remove all mirror sessions of a switch", "lab", "VSDVS_ClearDVMirrorSessions"}),
+        Reads("mirror live", LiveSessions, {SWITCH},
+              {"List the mirror sessions that the driver runs", "lab", "VSZOR_GetDVMirrorSessionIDs",
+               "switch, session"}),
+        Reads("mirror stats", SessionStatistics, {SWITCH, session},
+              {"Show the statistics of a running mirror session", "lab session1",
+               "VSZOR_GetDVMirrorSessionStats", "switch", Record::MIRROR_STATS}),
+        Reads("mirror destinations", Destinations, {SWITCH},
+              {"List the promiscuous ports that receive mirrored packets", "lab",
+               "VSZOR_GetPromiscSessionActiveDsts", "", Record::DESTINATION}),
     };
 }
 

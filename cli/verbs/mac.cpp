@@ -98,15 +98,11 @@ std::vector<Verb> MacVerbs()
 {
     const Argument selector =
         NumberOption("--selector", "Entries to list, by a number that the driver defines", UINT8_MAX);
-    const std::vector<std::string> bytes = {"--hex", "--file"};
-    Argument vlan = NumberOption("--vlan", "VLAN of the address (0: untagged)", 4094);
-    vlan.needs = {"--address"};
-    const std::vector<Argument> entry = {
-        SWITCH, ONE_PORT, Excluding({"--address", Shape::OPTION, "MAC address"}, bytes),
-        vlan,   HEX,      FROM_FILE};
-    std::vector<Argument> props = {HEX, FROM_FILE};
-    for (const Argument &option : FieldOptions(PROPS))
-        props.insert(props.end() - 2, Excluding(option, bytes));
+    const std::vector<Argument> entry =
+        OrBytes({SWITCH,
+                 ONE_PORT,
+                 {"--address", Shape::OPTION, "MAC address"},
+                 Needing(NumberOption("--vlan", "VLAN of the address (0: untagged)", 4094), "--address")});
     return {
         Reads("mac list", List, {SWITCH, ONE_PORT, selector},
               {"List the MAC table of a port", "lab port0", "VSZOR_GetPortMACTable", "", Record::MAC_ENTRY}),
@@ -125,7 +121,7 @@ std::vector<Verb> MacVerbs()
         Reads("mac info", ShowRecord<VSZOR_GetSwitchMACLearningInfo, Record::LEARNING_INFO>, {SWITCH},
               {"Show the MAC learning state of a switch", "lab", "VSZOR_GetSwitchMACLearningInfo", "switch",
                Record::LEARNING_INFO}),
-        ChangesNow("mac props", Props, props,
+        ChangesNow("mac props", Props, OrBytes(FieldOptions(PROPS)),
                    {"Show or set the MAC learning properties of the host", "\n--aging 300",
                     "VSZOR_GetGlobalMACLearningProps VSZOR_SetGlobalMACLearningProps", "",
                     Record::LEARNING_PROPS}),

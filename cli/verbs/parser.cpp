@@ -1,9 +1,9 @@
 // Reads the command line with CLI11, which no other file uses. Only the arguments of one verb are built.
 #include "cli/verbs/parser.h"
 
-#include <charconv>
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <set>
 
 #include "frontend/output.h"
 
@@ -76,14 +76,6 @@ class HelpFormat : public CLI::Formatter {
     }
 };
 
-void AddConditions(CLI::App &app, const Argument &argument)
-{
-    for (const std::string &other : argument.excludes)
-        app.get_option(argument.name)->excludes(app.get_option(other));
-    for (const std::string &other : argument.needs)
-        app.get_option(argument.name)->needs(app.get_option(other));
-}
-
 void ReadCommon(const Arguments &arguments, Options &options)
 {
     if (arguments.Has("--json")) options.json = true;
@@ -91,7 +83,7 @@ void ReadCommon(const Arguments &arguments, Options &options)
     if (arguments.Has("--quiet")) options.quiet = true;
     options.style.form = arguments.Text(STYLE.name, "table");
     if (arguments.Has(COLUMNS.name)) options.style.columns = Words(arguments.Text(COLUMNS.name), ",");
-    if (arguments.Has("--timeout")) options.timeout = ParseSeconds("--timeout", arguments.Text("--timeout"));
+    options.timeout = arguments.Seconds(TIMEOUT.name, options.timeout);
 }
 
 // The words of CLI11, as one line in the style of other errors.
@@ -111,9 +103,7 @@ std::string Problem(const CLI::ParseError &error)
 Error UsageError(const Verb &verb, const CLI::ParseError &error, const std::vector<std::string> &words)
 {
     std::string advice;
-    std::vector<std::string> names;
-    for (const Argument &argument : AllArguments(verb))
-        names.push_back(argument.name);
+    const auto names = NamesOf(AllArguments(verb));
     for (const std::string &word : words) {
         const std::string name = word.substr(0, word.find('='));
         const bool isOption = name.size() > 2 && name.starts_with("--");
@@ -124,22 +114,7 @@ Error UsageError(const Verb &verb, const CLI::ParseError &error, const std::vect
     return Error(Exit::USAGE, fmt::format("{}: {}", verb.Title(), Problem(error)), advice);
 }
 
-}
-
-namespace {
-
-bool Takes(const Verb &verb, const std::string &name)
-{
-    return std::any_of(verb.arguments.begin(), verb.arguments.end(),
-                       [&name](const Argument &argument) { return argument.name == name; });
-}
-
-bool NamesSwitch(const Verb &verb)
-{
-    return std::any_of(verb.arguments.begin(), verb.arguments.end(), [](const Argument &argument) {
-        return argument.name == SWITCH.name && argument.names == Names::SWITCH;
-    });
-}
+bool Takes(const Verb &verb, const std::string &name) { return FindArgument(verb.arguments, name); }
 
 // The alias of the switch with this id, and ports behind a slash.
 std::string ByAlias(const std::string &word)
@@ -153,25 +128,6 @@ std::string ByAlias(const std::string &word)
     return slash == std::string::npos ? alias : alias + word.substr(slash);
 }
 
-}
-
-std::vector<Argument> AllArguments(const Verb &verb)
-{
-    std::vector<Argument> arguments = verb.arguments;
-    if (NamesSwitch(verb) && !Takes(verb, BY_ID.name)) arguments.push_back(BY_ID);
-    arguments.push_back(JSON);
-    if (verb.effect == Effect::STEPS) {
-        if (verb.name == "create" || verb.name == "add") arguments.push_back(IF_ABSENT);
-        if (verb.name == "destroy" || verb.name == "remove") arguments.push_back(IF_PRESENT);
-    }
-    if (verb.effect != Effect::READS) arguments.insert(arguments.end(), {DRY_RUN, QUIET});
-    if (verb.PrintsTable()) arguments.insert(arguments.end(), {STYLE, COLUMNS});
-    arguments.push_back(TIMEOUT);
-    return arguments;
-}
-
-namespace {
-
 // With --all-ports no port is named: the word in the place of PORT is the next argument.
 void ShiftPort(const Verb &verb, Arguments &arguments)
 {
@@ -183,6 +139,30 @@ void ShiftPort(const Verb &verb, Arguments &arguments)
     std::swap(arguments.Slot("VALUE"), port);
 }
 
+bool IsHelp(const std::string &word) { return word == "-h" || word == "--help"; }
+
+// Whether the words name a noun without the verb that it needs.
+bool LacksVerb(const std::vector<std::string> &words)
+{
+    return (words.size() < 2 || words[1].starts_with("-")) && !VerbNames(words[0]).empty();
+}
+
+}
+
+std::vector<Argument> AllArguments(const Verb &verb)
+{
+    std::vector<Argument> arguments = verb.arguments;
+    const Argument *alias = FindArgument(arguments, SWITCH.name);
+    if (alias && alias->names == Names::SWITCH && !Takes(verb, BY_ID.name)) arguments.push_back(BY_ID);
+    arguments.push_back(JSON);
+    if (verb.effect == Effect::STEPS) {
+        if (verb.name == "create" || verb.name == "add") arguments.push_back(IF_ABSENT);
+        if (verb.name == "destroy" || verb.name == "remove") arguments.push_back(IF_PRESENT);
+    }
+    if (verb.effect != Effect::READS) arguments.insert(arguments.end(), {DRY_RUN, QUIET});
+    if (verb.PrintsTable()) arguments.insert(arguments.end(), {STYLE, COLUMNS});
+    arguments.push_back(TIMEOUT);
+    return arguments;
 }
 
 Parser::Parser(const Verb &verb)
@@ -194,8 +174,13 @@ Parser::Parser(const Verb &verb)
     app->set_help_flag("-h,--help", "Show this help");
     for (const Argument &argument : AllArguments(verb))
         AddArgument(*app, argument, arguments.Slot(argument.name));
-    for (const Argument &argument : AllArguments(verb))
-        AddConditions(*app, argument);
+    for (const Argument &argument : AllArguments(verb)) {
+        CLI::Option *const option = app->get_option(argument.name);
+        for (const std::string &other : argument.excludes)
+            option->excludes(app->get_option(other));
+        for (const std::string &other : argument.needs)
+            option->needs(app->get_option(other));
+    }
     if (verb.noun == "watch") app->prefix_command();
     app->footer([&verb] { return Footer(verb); });
 }
@@ -224,30 +209,19 @@ const Arguments &Parser::Parse(const std::vector<std::string> &words, Options &o
 
 std::string Parser::Help() const { return app->help(); }
 
-namespace {
-
-bool IsHelp(const std::string &word) { return word == "-h" || word == "--help"; }
-
-// Whether the words name a noun without the verb that it needs.
-bool LacksVerb(const std::vector<std::string> &words)
+size_t LeadingOptions(const std::vector<std::string> &words)
 {
-    if (words.size() > 1 && !words[1].starts_with("-")) return false;
-    return std::any_of(Verbs().begin(), Verbs().end(),
-                       [&words](const Verb &verb) { return verb.noun == words[0] && !verb.name.empty(); });
-}
-
-}
-
-bool TakesWord(const std::string &option)
-{
-    return option == TIMEOUT.name || option == STYLE.name || option == COLUMNS.name;
+    static const std::set<std::string> TAKE_WORD = {TIMEOUT.name, STYLE.name, COLUMNS.name, "--interval",
+                                                    "--times"}; // the last two are watch's
+    size_t count = 0;
+    while (count < words.size() && words[count].starts_with("-"))
+        count += TAKE_WORD.contains(words[count]) ? 2 : 1;
+    return std::min(count, words.size());
 }
 
 std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words)
 {
-    auto noun = words.begin();
-    while (noun < words.end() && noun->starts_with("-"))
-        noun += TakesWord(*noun) && noun + 1 < words.end() ? 2 : 1;
+    const auto noun = words.begin() + static_cast<ptrdiff_t>(LeadingOptions(words));
     std::vector<std::string> options(words.begin(), noun);
     words.erase(words.begin(), noun);
     if (std::find(options.begin(), options.end(), VERSION) != options.end()) return {VERSION};
@@ -256,9 +230,12 @@ std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words)
         std::erase_if(options, IsHelp);
     }
     const bool lacksVerb = LacksVerb(words);
-    size_t used = 1;
-    if (!lacksVerb) FindVerb(words, used);
-    words.insert(words.begin() + static_cast<ptrdiff_t>(used), options.begin(), options.end());
+    std::vector<std::string> rest = words;
+    if (lacksVerb)
+        rest.erase(rest.begin());
+    else
+        TakeVerb(rest);
+    words.insert(words.end() - static_cast<ptrdiff_t>(rest.size()), options.begin(), options.end());
     // `vsctl switch --help` is `vsctl help switch`.
     if (lacksVerb && std::erase_if(words, IsHelp)) words.insert(words.begin(), "help");
     return words;

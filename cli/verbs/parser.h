@@ -31,8 +31,8 @@ struct HelpWanted {};
 
 inline constexpr const char *VERSION = "--version"; // the only option that needs no verb
 
-// Whether this is an option of all verbs that takes a value.
-bool TakesWord(const std::string &option);
+// How many of the words are options before the noun, with their values.
+size_t LeadingOptions(const std::vector<std::string> &words);
 // Moves options that stand before the noun behind the verb.
 std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words);
 // Splits a line into words, with quotes as in a shell.

@@ -17,29 +17,30 @@ uint32_t PortNumber(const Target &port, bool byId = false)
     return number;
 }
 
-// A step for each port; null removes it.
-Result PortSteps(const Arguments &arguments, const Json &value)
+Result AddOrRemove(const Verb &verb, const Arguments &arguments)
 {
+    const bool adds = verb.name == "add";
+    Json value;
+    if (adds && arguments.Has("--external-id"))
+        value["external-id"] = arguments.Text("--external-id");
+    else if (adds)
+        value["connect-id"] = arguments.Number("--connect-id", 1);
     Result result;
     for (const Target &port : arguments.Ports(true)) {
-        if (!value.is_null()) RequireName(PORT_ID, port.port);
+        if (adds) RequireName(PORT_ID, port.port);
         result.steps.push_back({"port", port, value});
     }
     return result;
 }
 
-Result Add(const Verb &, const Arguments &arguments)
+Json Number(const Target &port, const Arguments &arguments)
 {
-    if (arguments.Has("--external-id"))
-        return PortSteps(arguments, {{"external-id", arguments.Text("--external-id")}});
-    return PortSteps(arguments, {{"connect-id", arguments.Number("--connect-id", 1)}});
+    return {{"number", PortNumber(port, arguments.Has("--by-id"))}};
 }
 
-Result Remove(const Verb &, const Arguments &arguments) { return PortSteps(arguments, nullptr); }
-
-Json ShowRow(const Target &port)
+Json Everything(const Target &port, const Arguments &arguments)
 {
-    Json row = {{"switch", port.alias}, {"port", port.port}, {"number", PortNumber(port)}};
+    Json row = Number(port, arguments);
     const Json stored = ReadPort(port);
     for (const char *key : {"connect-id", "external-id"}) {
         if (stored.contains(key)) row[key] = stored[key];
@@ -51,54 +52,35 @@ Json ShowRow(const Target &port)
     return row;
 }
 
-Result Show(const Verb &, const Arguments &arguments)
+Json Hint(const Target &port, const Arguments &)
+{
+    return ReadRecord(Record::HINT, port,
+                      [&](void *bytes) { return VSZOR_PortGetTeamUplinkHint(PortNumber(port), bytes); });
+}
+
+// A row for each port that the arguments name.
+template<auto FIELDS> Result Show(const Verb &, const Arguments &arguments)
 {
     SwitchId(arguments.Text("SWITCH"));
     Result result;
     for (const Target &port : arguments.Ports(false))
-        result.rows.push_back(ShowRow(port));
+        result.rows.push_back(RowOf(port, FIELDS(port, arguments)));
     return result;
 }
 
 Result List(const Verb &, const Arguments &arguments)
 {
     const std::string &alias = arguments.Text("SWITCH");
-    const std::string id = SwitchId(alias);
+    SwitchId(alias);
     RequireOwnPlatform("list ports: name them for 'vsctl port show'");
-    const auto ports = ListPorts(id);
-    if (!ports) Check(STATUS_NOT_FOUND, "finding", {alias, ""});
     Result result;
-    for (const vshost_port &port : *ports) {
+    for (const vshost_port &port : PortsOf(alias)) {
         result.rows.push_back({{"switch", alias},
                                {"port", port.id},
                                {"number", port.number},
                                {"uplink", port.isUplink != 0},
-                               {"nic", *port.nic ? Json(port.nic) : Json()},
-                               {"plugged", *port.interface ? Json(port.interface) : Json()}});
-    }
-    return result;
-}
-
-Result Number(const Verb &, const Arguments &arguments)
-{
-    const bool byId = arguments.Has("--by-id");
-    SwitchId(arguments.Text("SWITCH"));
-    Result result;
-    for (const Target &port : arguments.Ports(false))
-        result.rows.push_back(
-            {{"switch", port.alias}, {"port", port.port}, {"number", PortNumber(port, byId)}});
-    return result;
-}
-
-Result Hint(const Verb &, const Arguments &arguments)
-{
-    SwitchId(arguments.Text("SWITCH"));
-    Result result;
-    for (const Target &port : arguments.Ports(false)) {
-        const Json hint = ReadRecord(Record::HINT, port, [&](void *bytes) {
-            return VSZOR_PortGetTeamUplinkHint(PortNumber(port), bytes);
-        });
-        result.rows.push_back(RowOf(port, hint));
+                               {"nic", OrNull(port.nic)},
+                               {"plugged", OrNull(port.interface)}});
     }
     return result;
 }
@@ -109,10 +91,7 @@ Result Hint(const Verb &, const Arguments &arguments)
 Json GivenValue(const Policy &policy, const Arguments &arguments)
 {
     const Field &first = policy.fields[0];
-    if (policy.layout && (arguments.Has("--hex") || arguments.Has("--file"))) {
-        const Bytes bytes = GivenBytes(arguments, policy.layout->size);
-        return Hex(bytes.data(), bytes.size());
-    }
+    if (policy.layout && GivesBytes(arguments)) return GivenHex(arguments, policy.layout->size);
     if (policy.IsScalar()) return arguments.Has("VALUE") ? ParseWord(first, arguments.Text("VALUE")) : Json();
     Json value = GivenFields(policy.fields, arguments);
     if (arguments.Has("VALUE")) value[first.name] = ParseWord(first, arguments.Text("VALUE"));
@@ -122,35 +101,10 @@ Json GivenValue(const Policy &policy, const Arguments &arguments)
     return value;
 }
 
-}
-
-Json ReadAsAsked(const Policy &policy, const Target &target, const Arguments &arguments)
-{
-    auto *const read = arguments.Has("--live")    ? policy.readLive
-                       : arguments.Has("--by-id") ? policy.readById
-                                                  : nullptr;
-    if (!read) return ReadPolicy(policy, target);
-    Json value;
-    const VsStatus status =
-        read(arguments.Has("--live") ? target : Target{SwitchId(target.alias), target.port}, value);
-    if (status == STATUS_NOT_FOUND && !arguments.Has("--live")) return nullptr;
-    const std::string action = fmt::format("reading {} of", policy.name);
-    arguments.Has("--live") ? CheckDriver(status, action, target) : Check(status, action, target);
-    return value;
-}
-
-namespace {
-
 Json PolicyRow(const Policy &policy, const Target &target, const Arguments &arguments)
 {
-    Json row = {{"switch", target.alias}};
-    if (policy.IsOfPort()) row["port"] = target.port;
     const Json value = ReadAsAsked(policy, target, arguments);
-    if (value.is_object())
-        row.update(value);
-    else
-        row[policy.name] = value;
-    return row;
+    return RowOf(target, value.is_object() ? value : Json{{policy.name, value}});
 }
 
 Result GetOrSet(const Verb &verb, const Arguments &arguments)
@@ -174,25 +128,17 @@ Result GetOrSet(const Verb &verb, const Arguments &arguments)
 
 std::vector<Argument> PolicyArguments(const Policy &policy)
 {
-    const Field &first = policy.fields[0];
-    std::vector<Argument> values;
-    if (!policy.layout) values.push_back({"VALUE", Shape::OPTIONAL, first.help});
-    if (!policy.IsScalar()) {
-        for (const Argument &option : FieldOptions(policy.fields))
-            values.push_back(option);
-    }
+    std::vector<Argument> values = FieldOptions(policy.fields);
     if (policy.layout) {
-        std::vector<std::string> fields;
-        for (const Argument &option : values)
-            fields.push_back(option.name);
-        values.push_back(Excluding(HEX, fields));
-        values.push_back(FROM_FILE);
+        values = OrBytes(values);
+    } else { // VALUE stands for the first field
+        const Argument value{"VALUE", Shape::OPTIONAL, policy.fields[0].help};
+        if (policy.IsScalar())
+            values = {value};
+        else
+            values.insert(values.begin(), Excluding(value, {values[0].name}));
     }
-    std::vector<std::string> others;
-    for (const Argument &value : values)
-        others.push_back(value.name);
-    // VALUE stands for the first field.
-    if (!policy.layout && values.size() > 1) values[0].excludes = {values[1].name};
+    std::vector<std::string> others = NamesOf(values);
     std::vector<Argument> arguments = {SWITCH};
     if (policy.IsOfPort()) arguments.push_back(PORTS);
     arguments.insert(arguments.end(), values.begin(), values.end());
@@ -206,6 +152,21 @@ std::vector<Argument> PolicyArguments(const Policy &policy)
     return arguments;
 }
 
+}
+
+Json ReadAsAsked(const Policy &policy, const Target &target, const Arguments &arguments)
+{
+    auto *const read = arguments.Has("--live")    ? policy.readLive
+                       : arguments.Has("--by-id") ? policy.readById
+                                                  : nullptr;
+    if (!read) return ReadPolicy(policy, target);
+    Json value;
+    const VsStatus status =
+        read(arguments.Has("--live") ? target : Target{SwitchId(target.alias), target.port}, value);
+    if (status == STATUS_NOT_FOUND && !arguments.Has("--live")) return nullptr;
+    const std::string action = fmt::format("reading {} of", policy.name);
+    arguments.Has("--live") ? CheckDriver(status, action, target) : Check(status, action, target);
+    return value;
 }
 
 std::vector<Verb> PolicyVerbs()
@@ -228,25 +189,25 @@ std::vector<Verb> PolicyVerbs()
 std::vector<Verb> PortVerbs()
 {
     return {
-        Changes("port add", Add,
+        Changes("port add", AddOrRemove,
                 {SWITCH, NEW_PORTS, NumberOption("--connect-id", "Connect id (default 1)", UINT32_MAX),
                  Excluding({"--external-id", Shape::OPTION, "External id, which makes opaque ports"},
                            {"--connect-id"})},
                 {"Add ports", "lab port8\nlab port8..port15 --connect-id 7\nlab port8 --external-id 4f2a",
                  "VSDVS_AddDVPort VSDVS_AddOpaqueDVPort"}),
-        Changes("port remove", Remove, {SWITCH, PORTS_TO_CHANGE, ALL_PORTS, EXISTING},
+        Changes("port remove", AddOrRemove, {SWITCH, PORTS_TO_CHANGE, ALL_PORTS, EXISTING},
                 {"Remove ports", "lab port8..port15\nlab port8..port99 --existing", "VSDVS_RemoveDVPort"}),
         Reads("port list", List, {SWITCH},
               {"List the ports of a switch", "lab", "",
                "switch, port, number:number, uplink:boolean, nic?, plugged?"}),
-        Reads("port show", Show, {SWITCH, PORTS, EXISTING},
+        Reads("port show", Show<Everything>, {SWITCH, PORTS, EXISTING},
               {"Show ports with their policies", "lab port0\nlab --json",
                "VSDVS_DvPortIDToPortID VSDVS_GetPortProp DVPortExist",
                "switch, port, number:number, [connect-id:number], [external-id], [*port]"}),
-        Reads("port number", Number, {SWITCH, PORTS, EXISTING},
+        Reads("port number", Show<Number>, {SWITCH, PORTS, EXISTING},
               {"Show the kernel's numbers of ports", "lab port0..port7",
                "VSDVS_DvPortIDToPortID VSDVS_DvPortIDToPortIDFromDVSID", "switch, port, number:number"}),
-        Reads("port hint", Hint, {SWITCH, PORTS, EXISTING},
+        Reads("port hint", Show<Hint>, {SWITCH, PORTS, EXISTING},
               {"Show the uplinks that ports send on", "lab port0",
                "VSZOR_PortGetTeamUplinkHint VSDVS_DvPortIDToPortID", "switch, port", Record::HINT}),
     };

@@ -16,10 +16,7 @@ NamedProperty PropertyOf(const Arguments &arguments)
     if ((level == "port") != hasPort)
         throw Error(Exit::USAGE, hasPort ? "--level " + level + " and --port exclude each other"
                                          : "--level port requires --port");
-    return {LevelOf(level),
-            {arguments.Text("SWITCH"), arguments.Text("--port")},
-            arguments.Text("KEY"),
-            arguments.Has("--by-id")};
+    return {LevelOf(level), arguments.Target(), arguments.Text("KEY"), arguments.Has("--by-id")};
 }
 
 bool IsText(const Bytes &bytes)
@@ -38,34 +35,27 @@ Result Get(const Verb &, const Arguments &arguments)
         Check(STATUS_NOT_FOUND, "finding", property.target);
     Check(property.Get(bytes), "reading " + property.key + " of", property.target,
           PropertyAdvice(property.target, property.byId));
-    Json row = {{"switch", property.target.alias}};
-    if (property.level == PropertyLevel::PORT) row["port"] = property.target.port;
-    row["level"] = LevelName(property.level);
-    row["key"] = property.key;
-    row["length"] = bytes.size();
-    row["bytes"] = Hex(bytes.data(), bytes.size());
+    Json row = RowOf(property.target, {{"level", LevelName(property.level)},
+                                       {"key", property.key},
+                                       {"length", bytes.size()},
+                                       {"bytes", Hex(bytes.data(), bytes.size())}});
     if (IsText(bytes)) row["text"] = Name(reinterpret_cast<const char *>(bytes.data()), bytes.size());
     return Rows(row);
 }
 
 Result List(const Verb &, const Arguments &arguments)
 {
-    const Target target{arguments.Text("SWITCH"), arguments.Text("--port")};
+    const Target target = arguments.Target();
     const bool byId = arguments.Has("--by-id");
     const std::string id = byId ? target.alias : SwitchId(target.alias);
-    if (!IsEmbedded())
-        throw Error(Exit::FAILURE, "this platform does not list properties",
-                    "'vsctl property get' shows a property by its key");
+    RequireOwnPlatform("list properties: name one for 'vsctl property get'");
     const auto properties = ListProperties(id, target.port);
     if (!properties) Check(STATUS_NOT_FOUND, "finding", target);
     Result result;
     for (const vshost_property_name &property : *properties) {
-        Json row = {{"switch", target.alias}};
-        if (!target.port.empty()) row["port"] = target.port;
-        row.update({{"level", LevelName(static_cast<PropertyLevel>(property.level))},
-                    {"key", property.key},
-                    {"length", property.length}});
-        result.rows.push_back(row);
+        result.rows.push_back(RowOf(target, {{"level", LevelName(static_cast<PropertyLevel>(property.level))},
+                                             {"key", property.key},
+                                             {"length", property.length}}));
     }
     return result;
 }
@@ -104,10 +94,9 @@ std::vector<Verb> PropertyVerbs()
         port,
         BY_ID};
     std::vector<Argument> given = which;
-    given.push_back(
-        Excluding({"--text", Shape::OPTION, "Text, stored with a NUL at its end"}, {"--hex", "--file"}));
-    given.push_back(HEX);
-    given.push_back(FROM_FILE);
+    given.insert(given.end(), {Excluding({"--text", Shape::OPTION, "Text, stored with a NUL at its end"},
+                                         {"--hex", "--file"}),
+                               HEX, FROM_FILE});
     const std::string where = "switch, [port], level=global|host|port, key, length:number";
     return {
         Reads("property list", List, {SWITCH, port, BY_ID},

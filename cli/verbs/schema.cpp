@@ -8,7 +8,6 @@
 #include <fmt/format.h>
 
 #include "cli/change/plan.h"
-#include "cli/verbs/verb.h"
 
 namespace vsctl {
 
@@ -53,13 +52,14 @@ void AddField(std::string field, Json &row)
     if (!isOptional) row["required"].push_back(name);
 }
 
-Json RowSchema(const std::string &fields)
+Json RowSchema(const std::string &fields, const char *description = nullptr)
 {
     if (fields.starts_with("@")) return Reference(fields.substr(1));
     Json row = {{"type", "object"},
                 {"properties", Json::object()},
                 {"required", Json::array()},
                 {"additionalProperties", false}};
+    if (description) row["description"] = description;
     for (const std::string &field : Words(fields, ", ")) {
         if (!field.empty()) AddField(field, row);
     }
@@ -141,8 +141,8 @@ Json HostSchema()
     Json &fields = one["properties"];
     fields["uplinks"] = list((std::string("uplink, port, ") + NIC).c_str());
     fields["ports"] = list("ports:texts, count:number, policies:object, plugged:object");
-    Json host = RowSchema("switches:array, [free-nics:array]");
-    host["description"] = "The host, or one of its switches. Ports with equal policies are one entry.";
+    Json host = RowSchema("switches:array, [free-nics:array]",
+                          "The host, or one of its switches. Ports with equal policies are one entry.");
     host["properties"]["switches"]["items"] = one;
     host["properties"]["free-nics"] = list(NIC);
     return host;
@@ -155,22 +155,35 @@ Json Definitions()
     definitions["private-vlan"] = EntryRow("switch", *FindPolicy("pvlan", false));
     definitions["named-teaming"] = EntryRow("switch", *FindPolicy("ls-teaming", false));
     definitions["change"] = RowSchema(
-        "switch, port?, item, [level], [key], [uplink], before:any, after:any, [ports:number], [lost]");
-    definitions["change"]["description"] = "A step of a change: what there is before and after it, or null.";
-    Json &outcome = definitions["outcome"] =
-        RowSchema("change, steps:number, outcome=undone|finished|confirmed, [lost:texts]");
-    outcome["description"] = "How a change of several steps ended, and what an undo could not bring back.";
-    Json &opaque = definitions["opaque"] = RowSchema("[switch], [port], [group], [session], bytes:hex");
-    opaque["description"] = "A record whose layout the platform does not publish.";
+        "switch, port?, item, [level], [key], [uplink], before:any, after:any, [ports:number], [lost]",
+        "A step of a change: what there is before and after it, or null.");
+    definitions["outcome"] =
+        RowSchema("change, steps:number, outcome=undone|finished|confirmed, [lost:texts]",
+                  "How a change of several steps ended, and what an undo could not bring back.");
+    definitions["opaque"] = RowSchema("[switch], [port], [group], [session], bytes:hex",
+                                      "A record whose layout the platform does not publish.");
     definitions["host"] = HostSchema();
-    Json &verb = definitions["verb"] =
-        RowSchema("verb, purpose, changes:boolean, arguments:array, examples:texts");
-    verb["description"] = "A verb and its arguments.";
+    Json &verb = definitions["verb"] = RowSchema(
+        "verb, purpose, changes:boolean, arguments:array, examples:texts", "A verb and its arguments.");
     verb["properties"]["arguments"]["items"] =
         RowSchema("argument, purpose, required:boolean, repeats:boolean, takes-value:boolean");
     return definitions;
 }
 
+}
+
+std::vector<std::string> ColumnNames(const Verb &verb)
+{
+    std::vector<std::string> names;
+    const Json schema = {{"$defs", Definitions()}};
+    for (const Json &kind : RowKinds(verb)) {
+        const std::string reference = kind.value("$ref", "#");
+        if (reference.ends_with("/opaque")) continue;
+        const Json &row = reference == "#" ? kind : schema[Json::json_pointer(reference.substr(1))];
+        for (const auto &[name, property] : row["properties"].items())
+            names.push_back(name);
+    }
+    return names;
 }
 
 Json OutputSchema()

@@ -2,11 +2,12 @@
 #include <algorithm>
 #include <clocale>
 #include <fmt/color.h>
+#include <functional>
 #include <langinfo.h>
 #include <unistd.h>
 
+#include "cli/base/records.h"
 #include "cli/verbs/host_view.h"
-#include "cli/verbs/verb.h"
 #include "frontend/output.h"
 
 namespace vsctl {
@@ -36,7 +37,7 @@ const Lines &TreeLines()
 
 std::string Painted(const std::string &state)
 {
-    if (!HasColor(STDOUT_FILENO)) return state;
+    if (state.empty() || !HasColor(STDOUT_FILENO)) return state;
     const bool works = state.starts_with("up") || state.starts_with("running");
     return fmt::format(fmt::fg(works ? fmt::terminal_color::green : fmt::terminal_color::red), "{}", state);
 }
@@ -70,19 +71,17 @@ std::string NodeText(const Node &node, const Widths &widths, const std::string &
                      const std::string &next)
 {
     const std::string below = next + (node.children.empty() ? TreeLines().none : TreeLines().pass);
-    const size_t nameWidth = TextWidth(node.name);
     const size_t column = TextWidth(first) + widths.name + (widths.state ? 2 + widths.state : 0) + 2;
     std::string text;
     for (const std::string &line : Wrapped(node.name, Room(TextWidth(first))))
         text += (text.empty() ? first : "\n" + below) + (first.empty() ? TitleText(line) : line);
-    if (nameWidth > widths.name)
-        text += "\n" + below + Padding(TextWidth(below), TextWidth(first) + widths.name);
-    else if (!node.state.empty() || !node.details.empty())
-        text += Padding(nameWidth, widths.name);
-    if (!node.state.empty())
-        text += "  " + Painted(node.state) + Padding(node.state.size(), widths.state);
-    else if (widths.state && !node.details.empty())
-        text += Padding(0, widths.state + 2);
+    if (!node.state.empty() || !node.details.empty()) {
+        const bool fits = TextWidth(node.name) <= widths.name;
+        text += fits ? Padding(TextWidth(node.name), widths.name)
+                     : "\n" + below + Padding(TextWidth(below), TextWidth(first) + widths.name);
+        if (widths.state || !node.state.empty())
+            text += "  " + Painted(node.state) + Padding(node.state.size(), widths.state);
+    }
     std::string separator = "  ";
     for (const std::string &line : Wrapped(node.details, Room(column))) {
         text += separator + line;
@@ -125,80 +124,57 @@ Node PortsNode(const Json &group)
     return {CellText(group["ports"]), "", details};
 }
 
-// A session with what is not usual.
-Node MirrorNode(const Json &session)
+// Adds a node with a child for each row, where there are rows.
+void AddGroup(const char *name, const Json &rows, const std::function<Node(const Json &)> &make,
+              std::vector<Node> &nodes)
 {
-    Json fields = session;
-    for (const char *key : {"session", "port"})
-        fields.erase(key);
-    for (const auto &[key, value] : session.items()) {
-        const bool isUsual = value.empty() || value == 0 || value == false ||
-                             (key == "enabled" && value == true) || (key == "sampling" && value == 1);
-        if (isUsual) fields.erase(key);
-    }
-    return {SessionName(session), "", CellText(fields)};
-}
-
-std::vector<Node> Nodes(const Json &rows, Node (*make)(const Json &))
-{
-    std::vector<Node> nodes;
+    if (rows.empty()) return;
+    Node &group = nodes.emplace_back(Node{name});
     for (const Json &row : rows)
-        nodes.push_back(make(row));
-    return nodes;
+        group.children.push_back(make(row));
 }
 
 // An entry of a list by its name, with what is not usual.
 Node EntryNode(const Layout &layout, const Json &entry)
 {
-    if (entry.is_string()) return {CellText(entry), "", ""};
-    Json fields = entry;
-    fields.erase(layout.key);
-    for (const Field &field : layout.fields) {
-        if (field.defaultText && entry[field.name] == Json::parse(field.defaultText))
-            fields.erase(field.name);
-    }
-    return {EntryName(layout, entry), "", CellText(fields)};
-}
-
-// Takes the policies of a switch that are lists.
-std::vector<Node> ListNodes(Json &policies)
-{
-    std::vector<Node> nodes;
-    for (const Policy *policy : PoliciesOf(false)) {
-        if (!policy->IsList() || !policies.contains(policy->name)) continue;
-        Node &node = nodes.emplace_back(Node{policy->name});
-        for (const Json &entry : policies[policy->name])
-            node.children.push_back(EntryNode(*policy->fields[0].layout, entry));
-        policies.erase(policy->name);
-    }
-    return nodes;
+    const std::string name = CellText(EntryName(layout, entry));
+    if (entry.is_string()) return {name};
+    Json fields = WithoutDefaults(AllFields(layout), entry);
+    for (const char *key : {layout.key, "port"})
+        fields.erase(key);
+    return {name, "", CellText(fields)};
 }
 
 std::string SizeText(const Json &row)
 {
+    const std::string most = row["max-ports"].is_null() ? "" : " of " + CellText(row["max-ports"]);
     std::string text = row["mtu"].is_null() ? "" : "MTU " + CellText(row["mtu"]);
     if (!row["used-ports"].is_null())
-        text += (text.empty() ? "" : ", ") + CellText(row["used-ports"]) + " ports";
-    if (!row["used-ports"].is_null() && !row["max-ports"].is_null())
-        text += " of " + CellText(row["max-ports"]);
+        text += fmt::format("{}{} ports{}", text.empty() ? "" : ", ", CellText(row["used-ports"]), most);
     const std::string policies = PolicyText(row["policies"], false);
     return text + (text.empty() || policies.empty() ? "" : "; ") + policies;
 }
 
-Node SwitchNode(const Json &described)
+Node SwitchNode(Json row)
 {
-    Json row = described;
-    const auto lists = ListNodes(row["policies"]);
+    std::vector<Node> lists; // policies that are lists, by entries
+    const auto addList = [&lists](const char *name, const Json &entries, const Layout &layout) {
+        AddGroup(
+            name, entries, [&layout](const Json &entry) { return EntryNode(layout, entry); }, lists);
+    };
+    for (const Policy *policy : PoliciesOf(false)) {
+        if (!policy->IsList()) continue;
+        addList(policy->name, row["policies"].value(policy->name, Json()), *policy->fields[0].layout);
+        row["policies"].erase(policy->name);
+    }
+    addList("mirror sessions", row["mirrors"], MIRROR_SESSION);
     Node node{CellText(row["switch"]), row["state"], SizeText(row)};
-    if (!row["uplinks"].empty())
-        node.children.push_back({"uplinks", "", "", Nodes(row["uplinks"], UplinkNode)});
-    if (!row.contains("ports"))
+    AddGroup("uplinks", row["uplinks"], UplinkNode, node.children);
+    if (row.contains("ports"))
+        AddGroup("ports", row["ports"], PortsNode, node.children);
+    else
         node.children.push_back({"ports", "", "this platform does not list them"});
-    else if (!row["ports"].empty())
-        node.children.push_back({"ports", "", "", Nodes(row["ports"], PortsNode)});
     node.children.insert(node.children.end(), lists.begin(), lists.end());
-    if (!row["mirrors"].empty())
-        node.children.push_back({"mirror sessions", "", "", Nodes(row["mirrors"], MirrorNode)});
     return node;
 }
 
@@ -206,10 +182,11 @@ Node NicNode(const Json &nic) { return {CellText(nic["nic"]), State(nic), NicTex
 
 Result Show(const Verb &, const Arguments &arguments)
 {
-    const Json host = arguments.Has("SWITCH") ? DescribeOnly(arguments.Text("SWITCH")) : DescribeHost();
-    std::vector<Node> nodes = Nodes(host["switches"], SwitchNode);
-    if (host.contains("free-nics") && !host["free-nics"].empty())
-        nodes.push_back({"free NICs", "", "", Nodes(host["free-nics"], NicNode)});
+    const Json host = Describe(arguments);
+    std::vector<Node> nodes;
+    for (const Json &row : host["switches"])
+        nodes.push_back(SwitchNode(row));
+    AddGroup("free NICs", host.value("free-nics", Json()), NicNode, nodes);
     Result result = Rows(host);
     for (const Node &node : nodes)
         result.text += (result.text.empty() ? "" : "\n") + NodeText(node, {TextWidth(node.name), 0}, "", "");

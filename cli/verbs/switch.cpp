@@ -10,14 +10,13 @@ namespace {
 constexpr const char *RUNNING = "running";
 constexpr const char *NOT_RUNNING = "not running";
 
-Json OrNull(const std::string &name) { return name.empty() ? Json() : Json(name); }
-
-// Names only: counting the ports of a large switch takes the driver a long time.
 Json ListRow(const std::string &alias, const std::string &portset, const std::string &id, const char *state)
 {
     return {{"switch", OrNull(alias)}, {"portset", OrNull(portset)}, {"id", OrNull(id)}, {"state", state}};
 }
 
+// Names only: counting the ports of a large switch takes the driver a long time. A stored switch does not run
+// when its start, creation or destruction failed.
 Result List(const Verb &, const Arguments &)
 {
     Result result;
@@ -28,7 +27,6 @@ Result List(const Verb &, const Arguments &)
         running.insert(id);
         result.rows.push_back(ListRow(alias, portset, id, RUNNING));
     }
-    // A stored switch does not run when its start, creation or destruction failed.
     for (const std::string &id : StoredSwitchIds()) {
         if (running.contains(id)) continue;
         const std::string alias = AliasOfId(id);
@@ -41,8 +39,7 @@ Result Show(const Verb &, const Arguments &arguments)
 {
     const Target target = arguments.Target();
     SwitchId(target.alias);
-    Json row = {{"switch", target.alias}};
-    row.update(ReadSwitch(target.alias));
+    Json row = RowOf(target, ReadSwitch(target.alias));
     row["live"] = NOT_RUNNING;
     const std::string portset = PortsetOf(target.alias);
     if (IsRunning(target.alias))
@@ -54,12 +51,15 @@ Result Show(const Verb &, const Arguments &arguments)
 Result Create(const Verb &, const Arguments &arguments)
 {
     const std::string &alias = arguments.Text("SWITCH");
-    const std::string id = arguments.Has("--id") ? arguments.Text("--id") : NewSwitchId();
     const std::string portset = arguments.Text("--portset", alias);
+    Json value;
     RequireName(SWITCH_ALIAS, alias);
-    RequireName(SWITCH_ID, id);
+    if (arguments.Has("--id")) {
+        RequireName(SWITCH_ID, arguments.Text("--id"));
+        value["id"] = arguments.Text("--id");
+    }
     RequirePortsetName(portset);
-    Json value = {{"id", id}, {"portset", portset}};
+    value["portset"] = portset;
     for (const auto &[option, key] : {std::pair("--version", "version"),
                                       {"--max-ports", "max-ports"},
                                       {"--uplinks", "uplink-count"},

@@ -175,8 +175,7 @@ void Follow(const std::vector<std::string> &aliases, double interval)
 Result Top(const Verb &, const Arguments &arguments)
 {
     RequireOwnPlatform("list ports");
-    const double interval =
-        arguments.Has("--interval") ? ParseSeconds("--interval", arguments.Text("--interval")) : 1;
+    const double interval = arguments.Seconds("--interval", 1);
     std::vector<std::string> aliases = SwitchNames();
     if (arguments.Has("SWITCH")) {
         SwitchId(arguments.Text("SWITCH"));

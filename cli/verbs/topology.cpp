@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include "cli/verbs/host_view.h"
-#include "cli/verbs/verb.h"
 #include "frontend/output.h"
 
 namespace vsctl {
@@ -22,40 +21,26 @@ constexpr const char *HEAD = R"(graph host {
     edge [fontname="sans-serif", fontsize=10];
 )";
 
-std::string Quoted(const std::string &text)
-{
-    std::string quoted = "\"";
-    for (char c : text) {
-        if (c == '\n') {
-            quoted += "\\n";
-            continue;
-        }
-        if (c == '"' || c == '\\') quoted += '\\';
-        quoted += c;
-    }
-    return quoted + '"';
-}
-
 // A box with these lines; `style` holds further attributes.
 std::string Box(const std::string &name, const std::vector<std::string> &lines, const std::string &style = "")
 {
-    std::vector<std::string> wrapped;
-    for (const std::string &line : lines) {
-        for (const std::string &part : Wrapped(line, BOX_COLUMNS))
-            wrapped.push_back(part);
-    }
-    return fmt::format("        {} [label={}{}];\n", name,
-                       Quoted(fmt::format("{}", fmt::join(wrapped, "\n"))), style);
+    std::string label;
+    for (const std::string &line : lines)
+        label += fmt::format("{}{}", label.empty() ? "" : "\n", fmt::join(Wrapped(line, BOX_COLUMNS), "\n"));
+    return fmt::format("        {} [label={:?}{}];\n", name, label, style);
+}
+
+std::string Line(const std::string &from, const std::string &to, const char *style = "")
+{
+    return fmt::format("        {} -- {}{};\n", from, to, style);
 }
 
 // A link that is down is dashed and says so, for those who do not see the colour.
-std::string Link(const std::string &from, const std::string &to, const Json &link)
+const char *LinkStyle(const Json &link)
 {
-    if (link.is_null()) return fmt::format("        {} -- {};\n", from, to);
-    return link.get<bool>()
-               ? fmt::format("        {} -- {} [label=up, color=darkgreen, penwidth=2];\n", from, to)
-               : fmt::format("        {} -- {} [label=DOWN, color=red3, style=dashed, penwidth=2];\n", from,
-                             to);
+    return link.is_null() ? ""
+           : link         ? " [label=up, color=darkgreen, penwidth=2]"
+                          : " [label=DOWN, color=red3, style=dashed, penwidth=2]";
 }
 
 std::vector<std::string> PortLines(const Json &group)
@@ -86,13 +71,12 @@ std::string PortBoxes(const Json &ports, const std::string &node)
     for (size_t i = 0; i < ports.size(); i++) {
         const std::string box = fmt::format("{}p{}", node, i);
         if (i < MAX_GROUPS)
-            text += Box(box, PortLines(ports[i])) + fmt::format("        {} -- {};\n", box, node);
+            text += Box(box, PortLines(ports[i])) + Line(box, node);
         else
             rest += ports[i]["count"].get<size_t>();
     }
-    if (rest == 0) return text;
-    return text + Box(node + "more", {fmt::format("{} more ports", rest)}) +
-           fmt::format("        {0}more -- {0};\n", node);
+    if (rest) text += Box(node + "more", {fmt::format("{} more ports", rest)}) + Line(node + "more", node);
+    return text;
 }
 
 std::vector<std::string> UplinkLines(const Json &uplink)
@@ -107,10 +91,9 @@ std::string SwitchCluster(const Json &row, size_t number)
     const std::string node = fmt::format("s{}", number);
     const bool isRunning = row["state"] == "running";
     std::string text = fmt::format("    subgraph cluster{} {{\n        color=gray;\n", number);
-    std::vector<std::string> lines = {CellText(row["switch"]), row["state"]};
-    if (!row["mtu"].is_null()) lines.push_back("MTU " + CellText(row["mtu"]));
-    for (const std::string &policy : PolicyTexts(row["policies"], false))
-        lines.push_back(policy);
+    std::vector<std::string> lines = PolicyTexts(row["policies"], false);
+    if (!row["mtu"].is_null()) lines.insert(lines.begin(), "MTU " + CellText(row["mtu"]));
+    lines.insert(lines.begin(), {CellText(row["switch"]), row["state"]});
     text += Box(node, lines, isRunning ? ", fillcolor=lightblue" : ", style=\"rounded,filled,dashed\"");
     text += PortBoxes(row.value("ports", Json::array()), node);
     size_t count = row["uplinks"].size(); // the last one first: Graphviz stacks them from the bottom
@@ -118,17 +101,16 @@ std::string SwitchCluster(const Json &row, size_t number)
         const Json &uplink = row["uplinks"][count];
         const std::string box = fmt::format("{}u{}", node, count);
         text += Box(box, UplinkLines(uplink), ", fillcolor=lightyellow");
-        text += Link(node, box, uplink.value("link", Json()));
+        text += Line(node, box, LinkStyle(uplink.value("link", Json())));
     }
     for (const Json &session : row["mirrors"]) {
         const std::string box = fmt::format("{}m{}", node, ++count);
-        std::vector<std::string> lines = {"mirror " + SessionName(session)};
+        std::vector<std::string> lines = {"mirror " + CellText(session["session"])};
         for (const char *way : {"from", "received-by", "to"}) {
             const Json ports = session.value(way, Json::array());
             if (!ports.empty()) lines.push_back(fmt::format("{} {}", way, CellText(ports)));
         }
-        text += Box(box, lines, ", shape=note, style=filled");
-        text += fmt::format("        {} -- {} [style=dotted];\n", box, node);
+        text += Box(box, lines, ", shape=note, style=filled") + Line(box, node, " [style=dotted]");
     }
     return text + "    }\n";
 }
@@ -166,8 +148,7 @@ std::string Drawn(const std::string &source)
 
 Result Topology(const Verb &, const Arguments &arguments)
 {
-    const Json host = arguments.Has("SWITCH") ? DescribeOnly(arguments.Text("SWITCH")) : DescribeHost();
-    const std::string source = DotSource(host);
+    const std::string source = DotSource(Describe(arguments));
     return Text(arguments.Has("--dot") ? source : Drawn(source));
 }
 

@@ -34,7 +34,12 @@ uint32_t Arguments::Number(const std::string &name, uint32_t absent) const
     return number;
 }
 
-Target Arguments::Target() const { return {Text("SWITCH"), Text("PORT")}; }
+double Arguments::Seconds(const std::string &name, double absent) const
+{
+    return Has(name) ? ParseSeconds(name, Text(name)) : absent;
+}
+
+Target Arguments::Target() const { return {Text("SWITCH"), Text("PORT", Text("--port"))}; }
 
 std::vector<std::string> Arguments::PortIds(bool changes) const
 {
@@ -52,10 +57,9 @@ std::vector<std::string> Arguments::PortIds(bool changes) const
 std::vector<Target> Arguments::Ports(bool changes) const
 {
     std::vector<struct Target> ports;
-    for (const std::string &id : PortIds(changes)) {
-        const struct Target port = {Text("SWITCH"), id};
-        if (!Has(EXISTING.name) || PortExists(port)) ports.push_back(port);
-    }
+    for (const std::string &id : PortIds(changes))
+        ports.push_back({Text("SWITCH"), id});
+    if (Has(EXISTING.name)) std::erase_if(ports, [](const struct Target &port) { return !PortExists(port); });
     return ports;
 }
 
@@ -67,17 +71,28 @@ void RequirePublishedLayout(const char *arguments)
                 "give the record with --hex or --file");
 }
 
+bool GivesBytes(const Arguments &arguments)
+{
+    return arguments.Has(HEX.name) || arguments.Has(FROM_FILE.name);
+}
+
 Bytes GivenBytes(const Arguments &arguments, size_t size, const char *ways)
 {
-    if (!arguments.Has("--hex") && !arguments.Has("--file"))
+    if (!GivesBytes(arguments))
         throw Error(Exit::USAGE, "there is nothing to send or store", fmt::format("give {}", ways));
-    const bool isHex = arguments.Has("--hex");
-    const std::string content = isHex ? "" : ReadFile(arguments.Text("--file"));
-    Bytes bytes = isHex ? FromHex(arguments.Text("--hex")) : Bytes(content.begin(), content.end());
+    const bool isHex = arguments.Has(HEX.name);
+    const std::string content = isHex ? arguments.Text(HEX.name) : ReadFile(arguments.Text(FROM_FILE.name));
+    const Bytes bytes = isHex ? FromHex(content) : Bytes(content.begin(), content.end());
     if (size && bytes.size() != size)
         throw Error(Exit::BAD_VALUE,
                     fmt::format("the record must have {} bytes, not {}", size, bytes.size()));
     return bytes;
+}
+
+Json GivenHex(const Arguments &arguments, size_t size)
+{
+    const Bytes bytes = GivenBytes(arguments, size);
+    return Hex(bytes.data(), bytes.size());
 }
 
 Argument NumberOption(const char *name, const char *help, int64_t max)
@@ -90,12 +105,59 @@ Argument ChoiceOption(const char *name, const char *help, const char *choices)
     return {name, Shape::OPTION, help, Names::NONE, Field{"", Form::CHOICE, "", 0, 0, choices}};
 }
 
+namespace {
+
+std::string OptionName(const Field &field) { return std::string("--") + field.name; }
+
+[[noreturn]] void ThrowUnknownVerb(const std::string &noun, const std::string &name)
+{
+    const auto names = VerbNames(noun);
+    if (names.empty()) {
+        const std::string suggestion = Suggest(noun, Nouns());
+        throw Error(Exit::USAGE, fmt::format("there is no noun '{}'", noun),
+                    suggestion.empty() ? "'vsctl help' lists the nouns" : suggestion);
+    }
+    const std::string list = fmt::format("the verbs of {} are {}", noun, fmt::join(names, ", "));
+    if (name.empty()) throw Error(Exit::USAGE, fmt::format("'{}' needs a verb", noun), list);
+    const std::string suggestion = Suggest(name, names);
+    throw Error(Exit::USAGE, fmt::format("{} has no verb '{}'", noun, name),
+                suggestion.empty() ? list : suggestion);
+}
+
+}
+
 std::vector<Argument> FieldOptions(std::span<const Field> fields)
 {
     std::vector<Argument> options;
     for (const Field &field : fields)
-        options.push_back({std::string("--") + field.name, Shape::OPTION, field.help, Names::NONE, field});
+        options.push_back({OptionName(field), Shape::OPTION, field.help,
+                           field.form == Form::ENTRIES ? Names::PORT : Names::NONE, field});
     return options;
+}
+
+std::vector<Argument> OrBytes(std::vector<Argument> arguments)
+{
+    std::vector<Argument> others = arguments;
+    std::erase_if(others, [](const Argument &argument) { return argument.shape == Shape::REQUIRED; });
+    arguments.push_back(Excluding(HEX, NamesOf(others)));
+    others.push_back(HEX);
+    arguments.push_back(Excluding(FROM_FILE, NamesOf(others)));
+    return arguments;
+}
+
+const Argument *FindArgument(const std::vector<Argument> &arguments, const std::string &name)
+{
+    const auto found = std::find_if(arguments.begin(), arguments.end(),
+                                    [&name](const Argument &argument) { return argument.name == name; });
+    return found == arguments.end() ? nullptr : &*found;
+}
+
+std::vector<std::string> NamesOf(const std::vector<Argument> &arguments)
+{
+    std::vector<std::string> names;
+    for (const Argument &argument : arguments)
+        names.push_back(argument.name);
+    return names;
 }
 
 Json GivenFields(std::span<const Field> fields, const Arguments &arguments)
@@ -120,28 +182,6 @@ Argument Needing(Argument argument, const char *needed)
     return argument;
 }
 
-Verb Reads(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual)
-{
-    const size_t end = std::min(title.find(' '), title.size());
-    return {title.substr(0, end), title.substr(std::min(end + 1, title.size())),
-            Effect::READS,        run,
-            std::move(arguments), std::move(manual)};
-}
-
-Verb Changes(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual)
-{
-    Verb verb = Reads(title, run, std::move(arguments), std::move(manual));
-    verb.effect = Effect::STEPS;
-    return verb;
-}
-
-Verb ChangesNow(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual)
-{
-    Verb verb = Reads(title, run, std::move(arguments), std::move(manual));
-    verb.effect = Effect::DIRECT;
-    return verb;
-}
-
 Result RunVerb(const Verb &verb, const Arguments &arguments)
 {
     Result result = verb.run(verb, arguments);
@@ -157,6 +197,8 @@ Result Rows(Json rows)
     result.rows = rows.is_array() ? std::move(rows) : Json::array({std::move(rows)});
     return result;
 }
+
+Json OrNull(const std::string &text) { return text.empty() ? Json() : Json(text); }
 
 Json RowOf(const Target &target, const Json &fields)
 {
@@ -195,7 +237,7 @@ const std::vector<Verb> &Verbs()
         std::vector<Verb> all;
         for (auto verbs : {ShowVerbs, TopologyVerbs, TopVerbs, MetricsVerbs, SwitchVerbs, PortVerbs,
                            PolicyVerbs, UplinkVerbs, MacVerbs, StatisticsVerbs, MulticastVerbs, ListVerbs,
-                           MirrorVerbs, RuntimeVerbs, PropertyVerbs, ChangeVerbs, GeneralVerbs}) {
+                           RuntimeVerbs, PropertyVerbs, ChangeVerbs, GeneralVerbs}) {
             for (Verb &verb : verbs())
                 all.push_back(std::move(verb));
         }
@@ -234,35 +276,22 @@ std::vector<std::string> Nouns()
     return nouns;
 }
 
-namespace {
-
-[[noreturn]] void ThrowUnknownVerb(const std::string &noun, const std::string &name)
+std::vector<std::string> VerbNames(const std::string &noun)
 {
     std::vector<std::string> names;
     for (const Verb &verb : Verbs()) {
-        if (verb.noun == noun) names.push_back(verb.name);
+        if (verb.noun == noun && !verb.name.empty()) names.push_back(verb.name);
     }
-    if (names.empty()) {
-        const std::string suggestion = Suggest(noun, Nouns());
-        throw Error(Exit::USAGE, fmt::format("there is no noun '{}'", noun),
-                    suggestion.empty() ? "'vsctl help' lists the nouns" : suggestion);
-    }
-    const std::string list = fmt::format("the verbs of {} are {}", noun, fmt::join(names, ", "));
-    if (name.empty()) throw Error(Exit::USAGE, fmt::format("'{}' needs a verb", noun), list);
-    const std::string suggestion = Suggest(name, names);
-    throw Error(Exit::USAGE, fmt::format("{} has no verb '{}'", noun, name),
-                suggestion.empty() ? list : suggestion);
+    return names;
 }
 
-}
-
-const Verb &FindVerb(const std::vector<std::string> &words, size_t &used)
+const Verb &TakeVerb(std::vector<std::string> &words)
 {
     const std::string noun = words.empty() ? "" : words[0];
     const std::string name = words.size() < 2 || words[1].starts_with("-") ? "" : words[1];
     for (const Verb &verb : Verbs()) {
         if (verb.noun != noun || (!verb.name.empty() && verb.name != name)) continue;
-        used = verb.name.empty() ? 1 : 2;
+        words.erase(words.begin(), words.begin() + (verb.name.empty() ? 1 : 2));
         return verb;
     }
     ThrowUnknownVerb(noun, name);

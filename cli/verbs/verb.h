@@ -29,6 +29,11 @@ Argument Excluding(Argument argument, std::vector<std::string> excluded);
 Argument Needing(Argument argument, const char *needed);
 // An option for each field.
 std::vector<Argument> FieldOptions(std::span<const Field> fields);
+// The arguments, and --hex and --file, which exclude those of them that are not required.
+std::vector<Argument> OrBytes(std::vector<Argument> arguments);
+// Null where there is none.
+const Argument *FindArgument(const std::vector<Argument> &arguments, const std::string &name);
+std::vector<std::string> NamesOf(const std::vector<Argument> &arguments);
 
 // The words that a command line gives for the arguments of a verb.
 class Arguments {
@@ -46,7 +51,8 @@ public:
     const std::vector<std::string> &List(const std::string &name) const;
     // The value of an argument whose rule is a number.
     uint32_t Number(const std::string &name, uint32_t absent) const;
-    // SWITCH, and PORT if the verb takes it.
+    double Seconds(const std::string &name, double absent) const; // of a time like 500ms, 30s or 2m
+    // SWITCH, and PORT or --port if the verb takes it.
     struct Target Target() const;
     // The ports that PORT names; without it all ports, or with --all-ports all but the uplinks.
     std::vector<struct Target> Ports(bool changes) const;
@@ -95,16 +101,23 @@ struct Verb {
     }
 };
 
-// Rows of the table, one function for each effect. The title is the noun and, after a space, the name.
-Verb Reads(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual);
-Verb Changes(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual);
-Verb ChangesNow(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual);
+// A row of the table. The title is the noun and, after a space, the name.
+template<Effect EFFECT>
+Verb VerbThat(const std::string &title, RunFunction run, std::vector<Argument> arguments, Manual manual)
+{
+    const auto words = Words(title + " ", " ");
+    return {words[0], words[1], EFFECT, run, std::move(arguments), std::move(manual)};
+}
+inline constexpr auto &Reads = VerbThat<Effect::READS>;
+inline constexpr auto &Changes = VerbThat<Effect::STEPS>;
+inline constexpr auto &ChangesNow = VerbThat<Effect::DIRECT>;
 
 // What the verb returns for these arguments.
 Result RunVerb(const Verb &verb, const Arguments &arguments);
 inline const Argument IF_ABSENT{"--if-absent", Shape::FLAG, "Do nothing where it is there already"};
 inline const Argument IF_PRESENT{"--if-present", Shape::FLAG, "Do nothing where it is not there"};
 
+Json OrNull(const std::string &text); // null for an empty text
 // Results of one kind. An object is one row.
 Result Rows(Json rows);
 // The switch and, where there is one, the port, then the fields.
@@ -117,10 +130,11 @@ Result Text(std::string text);
 // All verbs, by noun. The verbs of policies are made from the table of policies.
 const std::vector<Verb> &Verbs();
 std::vector<std::string> Nouns();
+std::vector<std::string> VerbNames(const std::string &noun); // none where the noun is the whole command
 // The row that `help --json` prints for a verb.
 Json VerbRow(const Verb &verb);
-// The verb that the words begin with; `used` receives how many words name it. Throws with the nearest name.
-const Verb &FindVerb(const std::vector<std::string> &words, size_t &used);
+// The verb that the words begin with, which loses those words. Throws with the nearest name.
+const Verb &TakeVerb(std::vector<std::string> &words);
 
 // The verbs of each source file.
 std::vector<Verb> ShowVerbs();
@@ -134,7 +148,6 @@ std::vector<Verb> PolicyVerbs();
 std::vector<Verb> UplinkVerbs();
 std::vector<Verb> MacVerbs();
 std::vector<Verb> MulticastVerbs();
-std::vector<Verb> MirrorVerbs();
 std::vector<Verb> ListVerbs();
 std::vector<Verb> RuntimeVerbs();
 std::vector<Verb> PropertyVerbs();
@@ -172,8 +185,10 @@ Json ReadAsAsked(const Policy &policy, const Target &target, const Arguments &ar
 
 // Throws where the driver does not publish the layout of the record that the arguments describe.
 void RequirePublishedLayout(const char *arguments);
+bool GivesBytes(const Arguments &arguments); // with --hex or --file
 // The bytes that --hex or --file gives. Throws when neither is given, or when they are not `size` bytes
 // (0: any number). `ways` are the options that the error names.
 Bytes GivenBytes(const Arguments &arguments, size_t size, const char *ways = "--hex or --file");
+Json GivenHex(const Arguments &arguments, size_t size); // these, as hexadecimal digits
 
 }

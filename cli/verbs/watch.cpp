@@ -2,9 +2,7 @@
 #include "cli/verbs/watch.h"
 
 #include <csignal>
-#include <ctime>
 #include <fmt/chrono.h>
-#include <fmt/color.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -31,52 +29,22 @@ std::string RowName(const Json &row, size_t index)
     return names.empty() ? std::to_string(index + 1) : fmt::format("{}", fmt::join(names, " "));
 }
 
-// The rows by their names.
-std::map<std::string, Json> ByName(const Json &rows)
-{
-    std::map<std::string, Json> named;
-    for (size_t i = 0; i < rows.size(); i++)
-        named[RowName(rows[i], i)] = rows[i];
-    return named;
-}
-
-void AddDifferences(const std::string &name, const Json &before, const Json &after, Json &changes)
-{
-    Json all = before;
-    all.update(after);
-    for (const auto &[key, value] : all.items()) {
-        const Json old = before.value(key, Json());
-        const Json now = after.value(key, Json());
-        if (old != now)
-            changes.push_back({{"object", name}, {"field", key}, {"before", old}, {"after", now}});
-    }
-}
-
 std::string Clock() { return fmt::format("{:%H:%M:%S}", fmt::localtime(time(nullptr))); }
 
 std::string ChangeLine(const Json &change)
 {
-    const std::string after = CellText(change["after"]);
     return fmt::format("{} {} {}: {} -> {}\n", Clock(), change["object"].get<std::string>(),
                        change["field"].get<std::string>(), CellText(change["before"]),
-                       HasColor(STDOUT_FILENO) ? fmt::format(fmt::emphasis::bold, "{}", after) : after);
+                       TitleText(CellText(change["after"])));
 }
 
-void Show(const std::string &title, const Json &rows, const Options &options)
+// The first result, or what has changed since.
+void Show(const std::string &title, const Json &shown, bool isFirst, const Options &options)
 {
-    if (options.json)
-        Print(Dump({{"command", title}, {"time", time(nullptr)}, {"result", rows}}) + "\n");
-    else
-        Print(fmt::format("{} {}\n{}", Clock(), title, TableText(rows, options.style)));
-}
-
-void ShowChanges(const std::string &title, const Json &changes, bool json)
-{
-    if (json) {
-        Print(Dump({{"command", title}, {"time", time(nullptr)}, {"changes", changes}}) + "\n");
-        return;
-    }
-    for (const Json &change : changes)
+    const char *const key = isFirst ? "result" : "changes";
+    if (options.json) return Print(Dump({{"command", title}, {"time", time(nullptr)}, {key, shown}}) + "\n");
+    if (isFirst) return Print(fmt::format("{} {}\n{}", Clock(), title, TableText(shown, options.style)));
+    for (const Json &change : shown)
         Print(ChangeLine(change));
 }
 
@@ -94,30 +62,38 @@ bool Pause(double seconds)
 
 Json Differences(const Json &before, const Json &after)
 {
+    struct States {
+        Json before = Json::object();
+        Json after = Json::object();
+    };
+    std::map<std::string, States> rows; // by their names
+    for (size_t i = 0; i < before.size(); i++)
+        rows[RowName(before[i], i)].before = before[i];
+    for (size_t i = 0; i < after.size(); i++)
+        rows[RowName(after[i], i)].after = after[i];
     Json changes = Json::array();
-    const auto old = ByName(before);
-    const auto now = ByName(after);
-    for (const auto &[name, row] : now)
-        AddDifferences(name, old.contains(name) ? old.at(name) : Json::object(), row, changes);
-    for (const auto &[name, row] : old) {
-        if (!now.contains(name)) AddDifferences(name, row, Json::object(), changes);
+    for (const auto &[name, states] : rows) {
+        Json all = states.before;
+        all.update(states.after);
+        for (const auto &[key, value] : all.items()) {
+            const Json old = states.before.value(key, Json()), now = states.after.value(key, Json());
+            if (old != now)
+                changes.push_back({{"object", name}, {"field", key}, {"before", old}, {"after", now}});
+        }
     }
     return changes;
 }
 
 Result Watch(const Verb &, const Arguments &arguments)
 {
-    const double interval =
-        arguments.Has("--interval") ? ParseSeconds("--interval", arguments.Text("--interval")) : 1;
+    const double interval = arguments.Seconds("--interval", 1);
     const uint32_t times = arguments.Number("--times", 0);
-    const auto &words = arguments.List("COMMAND");
-    size_t used = 0;
-    const Verb &verb = FindVerb(words, used);
+    std::vector<std::string> words = arguments.List("COMMAND");
+    const Verb &verb = TakeVerb(words);
     Parser parser(verb);
     Options options;
     options.json = arguments.Has("--json");
-    const Arguments &watched =
-        parser.Parse({words.begin() + static_cast<ptrdiff_t>(used), words.end()}, options);
+    const Arguments &watched = parser.Parse(words, options);
     if (verb.effect == Effect::DIRECT || verb.noun == "watch")
         throw Error(Exit::USAGE, verb.Title() + " cannot be watched", "watch takes a verb that only reads");
     EndTimeLimit();
@@ -134,10 +110,8 @@ Result Watch(const Verb &, const Arguments &arguments)
             Change(verb.Title(), now, options);
         else if (!now.steps.empty())
             throw Error(Exit::USAGE, verb.Title() + " would change something", "watch only reads");
-        if (round == 0)
-            Show(verb.Title(), now.rows, options);
-        else if (const Json changes = Differences(before, now.rows); !changes.empty())
-            ShowChanges(verb.Title(), changes, options.json);
+        const Json shown = round == 0 ? now.rows : Differences(before, now.rows);
+        if (round == 0 || !shown.empty()) Show(verb.Title(), shown, round == 0, options);
         before = now.rows;
     }
     return {};
