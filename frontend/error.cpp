@@ -11,7 +11,8 @@ namespace frontend {
 
 Error::Error(Exit exit, std::string problemText, std::string adviceText)
     : std::runtime_error(adviceText.empty() ? problemText : problemText + "; " + adviceText), exit(exit),
-      problem(std::move(problemText)), advice(std::move(adviceText)), message(what())
+      problem(std::move(problemText)), advice(std::move(adviceText)),
+      message(advice.empty() ? problem : problem + "; " + advice) // what() ends at a NUL
 {}
 
 Error::Error(const Error &cause, std::string problem, std::string advice)
