@@ -12,7 +12,10 @@ public:
     Console(std::string command, const std::string &configFile, bool json);
 
     void ReadFleet();
-    void PrintRows(const Rows &rows) const { frontend::PrintRows(command, rows, json); }
+    void PrintRows(const Rows &rows) const
+    {
+        frontend::PrintRows(command, json ? rows : Readable(rows), json);
+    }
     // The record of an action of this user, now; it goes into the transaction of the action.
     Audit NewAudit(const std::string &action) const;
     // Made or refused as a whole. False: something that was read has changed meanwhile.

@@ -101,7 +101,7 @@ std::string ProgressText(const Fleet &fleet, const Rollout &rollout)
         if (row["turn"] != "confirmed" && row["turn"] != "waiting" && shown.size() < MAX_HOSTS)
             shown.push_back(row);
     }
-    return text + TableText(shown, {"wide"}); // lines, which are cut where they are drawn
+    return text + TableText(Readable(shown), {"wide"}); // lines, which are cut where they are drawn
 }
 
 Rollout Follow(Console &console, const std::string &id)

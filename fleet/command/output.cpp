@@ -8,6 +8,15 @@
 
 namespace vsfleet {
 
+Rows Readable(Rows rows)
+{
+    for (Rows &row : rows) {
+        for (auto &[key, value] : row.items())
+            if (value == "" || (value.is_structured() && value.empty())) value = nullptr;
+    }
+    return rows;
+}
+
 void Note(const std::string &text) { fmt::print(stderr, "vsfleet: {}\n", text); }
 
 bool CanDraw()

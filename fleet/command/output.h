@@ -10,6 +10,8 @@ namespace vsfleet {
 using namespace frontend;
 using Rows = frontend::Json;
 
+// The rows as people read them: "-" stands for what is empty.
+Rows Readable(Rows rows);
 // On standard error.
 void Note(const std::string &text);
 // Whether a text can be drawn over itself on standard output.

@@ -169,7 +169,7 @@ std::string LiveStatus(const Fleet &fleet, const std::string &name, const Rows &
         const bool isMeant = name.empty() || held.record.head.document.name == name;
         if (isMeant && IsActive(held.record.state)) text += ProgressText(fleet, held.record) + "\n";
     }
-    return text + TableText(rows, {"wide"}); // lines, which are cut where they are drawn
+    return text + TableText(Readable(rows), {"wide"}); // lines, which are cut where they are drawn
 }
 
 Exit WatchFleet(Console &console, const std::string &name)
