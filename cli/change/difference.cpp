@@ -70,11 +70,12 @@ std::vector<Line> EntryLines(const std::string &item, const Json &before, const 
 // A new order of the same uplinks is one line.
 std::vector<Line> UplinkLines(const Json &before, const Json &after)
 {
-    const Json old = before.is_null() ? before : before["ids"];
-    std::vector<Line> lines = EntryLines("uplink", old, after["ids"]);
+    const auto idsOf = [](const Json &lists) { return lists.is_null() ? lists : lists["ids"]; };
+    const Json old = idsOf(before), now = idsOf(after);
+    std::vector<Line> lines = EntryLines("uplink", old, now);
     for (auto &[sign, item, details] : lines)
         item += " " + std::exchange(details, "");
-    if (lines.empty() && before != after) lines = {{'~', "uplinks", ArrowText(old, after["ids"])}};
+    if (lines.empty() && before != after) lines = {{'~', "uplinks", ArrowText(old, now)}};
     return lines;
 }
 
