@@ -1,6 +1,7 @@
 #include "frontend/files.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -41,6 +42,23 @@ std::string ReadFile(const std::string &path, const std::function<void()> &onBlo
                     "name a file, or - for standard input");
     }
     return text;
+}
+
+TemporaryFile::TemporaryFile(const std::string &text, const std::string &ending)
+    : path(fmt::format("/tmp/{}-XXXXXX{}", program_invocation_short_name, ending))
+{
+    const int file = mkstemps(path.data(), static_cast<int>(ending.size()));
+    const bool isWritten =
+        file >= 0 && write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    if (file >= 0) close(file);
+    if (isWritten) return;
+    throw Error(Exit::FAILURE, fmt::format("{} cannot be written: {}", path, strerror(errno)),
+                "make room in /tmp");
+}
+
+TemporaryFile::~TemporaryFile()
+{
+    if (!isKept) unlink(path.c_str());
 }
 
 Files::Files(std::string directory, std::string advice, bool isDurable)

@@ -12,6 +12,16 @@ namespace frontend {
 std::string ReadFile(
     const std::string &path, const std::function<void()> &onBlock = [] {});
 
+// A file that is removed with this object, unless it is kept.
+struct TemporaryFile {
+    TemporaryFile(const std::string &text, const std::string &ending);
+    TemporaryFile(const TemporaryFile &) = delete;
+    TemporaryFile &operator=(const TemporaryFile &) = delete;
+    ~TemporaryFile();
+    std::string path;
+    bool isKept = false;
+};
+
 // The files of a command in one directory. At each moment a file is the old one or the new one, whole.
 class Files {
 public:

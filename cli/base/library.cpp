@@ -135,23 +135,6 @@ std::vector<std::string> Words(std::string_view text, std::string_view separator
 
 std::string ReadFile(const std::string &path) { return frontend::ReadFile(path, RestartTimeLimit); }
 
-TemporaryFile::TemporaryFile(const std::string &text, const std::string &ending)
-    : path("/tmp/vsctl-XXXXXX" + ending)
-{
-    const int file = mkstemps(path.data(), static_cast<int>(ending.size()));
-    const bool isWritten =
-        file >= 0 && write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    if (file >= 0) close(file);
-    if (isWritten) return;
-    throw Error(Exit::FAILURE, fmt::format("{} cannot be written: {}", path, strerror(errno)),
-                "make room in /tmp");
-}
-
-TemporaryFile::~TemporaryFile()
-{
-    if (!isKept) unlink(path.c_str());
-}
-
 void RequireEntries(const void *list, size_t headerSize, size_t count, size_t entrySize)
 {
     if (headerSize + count * entrySize <= malloc_usable_size(const_cast<void *>(list))) return;

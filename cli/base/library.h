@@ -62,16 +62,6 @@ std::string Name(const char *field, size_t size);
 // The words between separators.
 std::vector<std::string> Words(std::string_view text, std::string_view separator);
 std::string ReadFile(const std::string &path); // "-" is standard input
-// A file that is removed with this object, unless it is kept.
-struct TemporaryFile {
-    TemporaryFile(const std::string &text, const std::string &ending);
-    TemporaryFile(const TemporaryFile &) = delete;
-    TemporaryFile &operator=(const TemporaryFile &) = delete;
-    ~TemporaryFile();
-    std::string path;
-    bool isKept = false;
-};
-
 // Throws unless a request to the driver succeeded. The error tells a missing driver and a switch that does
 // not run from a missing object. `listed` is the advice for something missing other than the target.
 void CheckDriver(VsStatus status, std::string_view action, const Target &target,

@@ -9,6 +9,7 @@
 #include "cli/change/change.h"
 #include "cli/change/plan.h"
 #include "cli/verbs/parser.h"
+#include "frontend/files.h"
 
 namespace vsctl {
 

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "cli/verbs/host_view.h"
+#include "frontend/files.h"
 #include "frontend/output.h"
 
 namespace vsctl {
