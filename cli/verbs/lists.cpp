@@ -162,13 +162,8 @@ Result Destinations(const Verb &, const Arguments &arguments)
     }));
 }
 
-}
-
-std::vector<Verb> ListVerbs()
+std::vector<Verb> MirrorVerbs()
 {
-    const Policy &vlans = *FindPolicy("pvlan", false), &teaming = *FindPolicy("ls-teaming", false);
-    const Field &vlan = vlans.fields[0].layout->fields[0];
-    const Argument name{"NAME", Shape::OPTIONAL, "Name of the policy"};
     const Argument session{"SESSION", Shape::REQUIRED, "Name of the mirror session"};
     const Argument sessions{"SESSION", Shape::MANY, "Names of the mirror sessions"};
     const Argument place{"--port", Shape::OPTION,
@@ -177,6 +172,38 @@ std::vector<Verb> ListVerbs()
     ofSession.push_back(
         {"--port", Shape::OPTION, "Port that keeps the session (default: the first of --to)", Names::PORT});
     return {
+        Reads("mirror list", List, {SWITCH, place},
+              {"List the mirror sessions of a switch", "lab\nlab --port port9", "VSDVS_GetDVMirrorSessions",
+               "@session"}),
+        Changes(
+            "mirror add", Add, ofSession,
+            {"Add a mirror session, which copies frames of ports",
+             "lab span0 --from port1,port2 --to port9 --snap 128\nlab span1 --received-by port1 --to uplink0",
+             "VSDVS_AppendDVMirrorSessions"}),
+        Changes("mirror remove", Remove, {SWITCH, sessions, place},
+                {"Remove mirror sessions", "lab span0", "VSDVS_RemoveDVMirrorSession"}),
+        Changes("mirror clear", Clear, {SWITCH, place},
+                {"Remove all mirror sessions of a switch", "lab", "VSDVS_ClearDVMirrorSessions"}),
+        Reads("mirror live", LiveSessions, {SWITCH},
+              {"List the mirror sessions that the driver runs", "lab", "VSZOR_GetDVMirrorSessionIDs",
+               "switch, session"}),
+        Reads("mirror stats", SessionStatistics, {SWITCH, session},
+              {"Show the statistics of a running mirror session", "lab session1",
+               "VSZOR_GetDVMirrorSessionStats", "switch", Record::MIRROR_STATS}),
+        Reads("mirror destinations", Destinations, {SWITCH},
+              {"List the promiscuous ports that receive mirrored packets", "lab",
+               "VSZOR_GetPromiscSessionActiveDsts", "", Record::DESTINATION}),
+    };
+}
+
+}
+
+std::vector<Verb> ListVerbs()
+{
+    const Policy &vlans = *FindPolicy("pvlan", false), &teaming = *FindPolicy("ls-teaming", false);
+    const Field &vlan = vlans.fields[0].layout->fields[0];
+    const Argument name{"NAME", Shape::OPTIONAL, "Name of the policy"};
+    std::vector<Verb> verbs = {
         Reads("pvlan list", List, {SWITCH},
               {"List the private VLANs of a switch", "lab", vlans.operations, "@private-vlan"}),
         Changes("pvlan add", Add,
@@ -201,28 +228,10 @@ std::vector<Verb> ListVerbs()
                 {"Remove teaming policies that ports can name", "lab gold", teaming.operations}),
         Changes("ls-teaming clear", Clear, {SWITCH},
                 {"Remove all teaming policies that ports can name", "lab", teaming.operations}),
-        Reads("mirror list", List, {SWITCH, place},
-              {"List the mirror sessions of a switch", "lab\nlab --port port9", "VSDVS_GetDVMirrorSessions",
-               "@session"}),
-        Changes(
-            "mirror add", Add, ofSession,
-            {"Add a mirror session, which copies frames of ports",
-             "lab span0 --from port1,port2 --to port9 --snap 128\nlab span1 --received-by port1 --to uplink0",
-             "VSDVS_AppendDVMirrorSessions"}),
-        Changes("mirror remove", Remove, {SWITCH, sessions, place},
-                {"Remove mirror sessions", "lab span0", "VSDVS_RemoveDVMirrorSession"}),
-        Changes("mirror clear", Clear, {SWITCH, place},
-                {"Remove all mirror sessions of a switch", "lab", "VSDVS_ClearDVMirrorSessions"}),
-        Reads("mirror live", LiveSessions, {SWITCH},
-              {"List the mirror sessions that the driver runs", "lab", "VSZOR_GetDVMirrorSessionIDs",
-               "switch, session"}),
-        Reads("mirror stats", SessionStatistics, {SWITCH, session},
-              {"Show the statistics of a running mirror session", "lab session1",
-               "VSZOR_GetDVMirrorSessionStats", "switch", Record::MIRROR_STATS}),
-        Reads("mirror destinations", Destinations, {SWITCH},
-              {"List the promiscuous ports that receive mirrored packets", "lab",
-               "VSZOR_GetPromiscSessionActiveDsts", "", Record::DESTINATION}),
     };
+    for (Verb &verb : MirrorVerbs())
+        verbs.push_back(std::move(verb));
+    return verbs;
 }
 
 }
