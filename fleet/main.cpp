@@ -11,9 +11,6 @@ namespace {
 
 using namespace vsfleet;
 
-// Exit codes of vsctl.
-constexpr int FAILURE = 1, USAGE = 2, UNREACHABLE = 6, PERMISSION = 7;
-
 struct Command {
     const char *name;
     const char *help;
@@ -92,10 +89,10 @@ int Complete(const CLI::App &app, const std::vector<std::string> &words)
     return 0;
 }
 
-int Fail(const std::exception &error, int code)
+int Fail(const std::exception &error, Exit exit)
 {
     fprintf(stderr, "vsfleet: %s\n", error.what());
-    return code;
+    return static_cast<int>(exit);
 }
 
 int Run(const Action &action, const std::string &configFile)
@@ -103,11 +100,11 @@ int Run(const Action &action, const std::string &configFile)
     try {
         return action(configFile);
     } catch (const EtcdError &error) {
-        return Fail(error, error.kind == EtcdError::Kind::UNREACHABLE ? UNREACHABLE
-                           : error.kind == EtcdError::Kind::DENIED    ? PERMISSION
-                                                                      : FAILURE);
+        return Fail(error, error.kind == EtcdError::Kind::UNREACHABLE ? Exit::UNREACHABLE
+                           : error.kind == EtcdError::Kind::DENIED    ? Exit::PERMISSION
+                                                                      : Exit::FAILURE);
     } catch (const std::exception &error) {
-        return Fail(error, FAILURE);
+        return Fail(error, Exit::FAILURE);
     }
 }
 
@@ -141,7 +138,7 @@ int main(int argc, char **argv)
     try {
         app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) ? USAGE : 0;
+        return static_cast<int>(app.exit(error) ? Exit::USAGE : Exit::DONE);
     }
     return Run(action, configFile);
 }

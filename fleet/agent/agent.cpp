@@ -234,9 +234,9 @@ void Agent::LookForDrift()
         status.documents.empty())
         return;
     const VsctlAnswer answer = changer.Drift();
-    if (answer.exit != DONE && answer.exit != PENDING) return Log(answer.problem);
+    if (answer.exit != Exit::DONE && answer.exit != Exit::PENDING) return Log(answer.problem);
     const Status before = status;
-    const bool hasDrifted = answer.exit == PENDING;
+    const bool hasDrifted = answer.exit == Exit::PENDING;
     status.state = hasDrifted ? HostState::DRIFTED : HostState::CONFIRMED;
     status.drift = FirstSteps(answer.rows);
     if (!hasDrifted) status.error.clear();

@@ -103,11 +103,11 @@ std::vector<std::string> ApplyWords(const State &state, const Order &order)
 // The problem, with the name of the document that this version of vsctl doesn't understand.
 std::string Changer::Explained(const Order &order, const VsctlAnswer &answer)
 {
-    if (answer.exit != BAD_VALUE) return answer.problem;
+    if (answer.exit != Exit::BAD_VALUE) return answer.problem;
     for (const DocumentRevision &document : order.documents) {
         state.Write(CHECKED, session.Text(document));
         const VsctlAnswer check = vsctl.Run({"plan", state.Path(CHECKED), "--check"});
-        if (check.exit != BAD_VALUE) continue;
+        if (check.exit != Exit::BAD_VALUE) continue;
         const std::string path = state.Path(CHECKED) + ": ";
         const size_t place = check.problem.starts_with(path) ? path.size() : 0;
         return fmt::format("document '{}', revision {}: {}", document.name, document.revision,
@@ -175,9 +175,9 @@ void Changer::CarryOut(const Order &order)
     // vsctl ends by itself when the time is over, and takes its time to undo what it has done.
     const VsctlAnswer answer = vsctl.Run(words, 2 * order.deadline);
     const Clock::time_point until = Clock::now() + order.confirm - order.confirm / 5;
-    if (answer.exit == PARTLY_UNDONE) return End(order, HostState::PARTLY_UNDONE, answer.problem);
+    if (answer.exit == Exit::PARTLY_UNDONE) return End(order, HostState::PARTLY_UNDONE, answer.problem);
     // Killed, or refused.
-    if (answer.exit != DONE) return UndoAndEnd(order, Explained(order, answer));
+    if (answer.exit != Exit::DONE) return UndoAndEnd(order, Explained(order, answer));
 
     switch (ReportOnNewConnection(order, until)) {
     case Reported::YES:
@@ -221,17 +221,17 @@ Changer::Reported Changer::ReportOnNewConnection(const Order &order, Clock::time
 void Changer::Confirm(const Order &order)
 {
     const VsctlAnswer answer = vsctl.Run({"confirm"});
-    if (answer.exit == DONE) return End(order, HostState::CONFIRMED, "");
+    if (answer.exit == Exit::DONE) return End(order, HostState::CONFIRMED, "");
     if (!IsOwnChangePending()) return Settle(order);
-    UndoAndEnd(order, answer.exit == TIMED_OUT ? NOT_IN_TIME : answer.problem);
+    UndoAndEnd(order, answer.exit == Exit::TIMED_OUT ? NOT_IN_TIME : answer.problem);
 }
 
 // The change was confirmed, or undone before it could be.
 void Changer::Settle(const Order &order)
 {
-    const bool isAsBefore = vsctl.Run({"plan", state.Path(REPLACED)}).exit == DONE;
+    const bool isAsBefore = vsctl.Run({"plan", state.Path(REPLACED)}).exit == Exit::DONE;
     const bool isThere =
-        vsctl.Run({"plan", state.Path(NEXT), "--replaces", state.Path(REPLACED)}).exit == DONE;
+        vsctl.Run({"plan", state.Path(NEXT), "--replaces", state.Path(REPLACED)}).exit == Exit::DONE;
     if (isThere || !isAsBefore)
         End(order, HostState::CONFIRMED, "");
     else
@@ -278,14 +278,14 @@ std::string Changer::Undo()
     if (!IsOwnChangePending()) return "";
     const VsctlAnswer answer = vsctl.Run({"apply", "--undo"});
     // The process that guards the change may have come first.
-    return answer.exit == DONE || answer.exit == NOT_FOUND ? "" : answer.problem;
+    return answer.exit == Exit::DONE || answer.exit == Exit::NOT_FOUND ? "" : answer.problem;
 }
 
 bool Changer::Recover()
 {
     Memory &memory = state.memory;
     if (memory.stage == Stage::IDLE) return true;
-    if (vsctl.Run({"switch", "list"}).exit == UNREACHABLE) return false;
+    if (vsctl.Run({"switch", "list"}).exit == Exit::UNREACHABLE) return false;
     Order order;
     order.target = memory.target;
     order.documents = memory.next;

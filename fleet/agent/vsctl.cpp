@@ -134,20 +134,20 @@ VsctlAnswer Vsctl::Run(std::vector<std::string> words, std::chrono::seconds time
     });
 
     VsctlAnswer answer;
-    if (WIFEXITED(status)) answer.exit = WEXITSTATUS(status);
+    if (WIFEXITED(status)) answer.exit = static_cast<Exit>(WEXITSTATUS(status));
     const Json json = Json::parse(output.text, nullptr, false);
     if (json.is_object()) answer.rows = json.value("result", Json::array());
-    if (answer.exit != DONE && answer.exit != PENDING) {
+    if (answer.exit != Exit::DONE && answer.exit != Exit::PENDING) {
         answer.problem = ProblemOf(errors.text);
-        if (limit.IsOver() && answer.exit != PARTLY_UNDONE) {
-            answer.exit = TIMED_OUT;
+        if (limit.IsOver() && answer.exit != Exit::PARTLY_UNDONE) {
+            answer.exit = Exit::TIMED_OUT;
             answer.problem = fmt::format("{} took longer than {} s, and was ended", program, time.count());
         }
         if (answer.problem.empty())
             answer.problem =
                 WIFSIGNALED(status)
                     ? fmt::format("{} was ended by a signal ({})", program, strsignal(WTERMSIG(status)))
-                    : fmt::format("{} failed with exit code {}", program, answer.exit);
+                    : fmt::format("{} failed with exit code {}", program, WEXITSTATUS(status));
     }
     return answer;
 }

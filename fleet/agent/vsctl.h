@@ -3,26 +3,19 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "fleet/protocol/records.h"
+#include "frontend/error.h"
 
 namespace vsfleet {
 
-// Exit codes of vsctl.
-enum : int {
-    DONE = 0,
-    NOT_FOUND = 3,
-    BAD_VALUE = 5,
-    UNREACHABLE = 6,
-    TIMED_OUT = 8,
-    PARTLY_UNDONE = 9,
-    PENDING = 10
-};
+using frontend::Exit;
 
 struct VsctlAnswer {
-    int exit = -1; // -1: a signal has ended it
+    std::optional<Exit> exit; // nothing: a signal has ended it
     Json rows = Json::array();
     std::string problem; // of an exit code that says so
 };
