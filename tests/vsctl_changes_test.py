@@ -127,7 +127,7 @@ absent = true
                          "switch lab\n  ~ port0  vlan: id 8 -> 0\n0 added, 1 changed, 0 removed\n")
         self.run_vsctl("batch", stdin="switch create new\nuplink add new u1")
         self.assertEqual(self.run_vsctl("undo"),
-                         "- switch new  with 1 ports\n  - uplink u1\n0 added, 0 changed, 2 removed\n")
+                         "- switch new  with 1 port\n  - uplink u1\n0 added, 0 changed, 2 removed\n")
 
     def test_what_came_later_is_not_undone(self):
         self.create()

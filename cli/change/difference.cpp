@@ -42,13 +42,9 @@ std::string ChangeText(const Json &before, const Json &after)
     if (before.is_null()) return ValueText(after);
     if (after.is_null()) return ValueText(before);
     if (!before.is_object() || !after.is_object()) return ArrowText(before, after);
-    Json all = before;
-    all.update(after);
     std::vector<std::string> parts;
-    for (const auto &[key, value] : all.items()) {
-        const Json old = before.value(key, Json()), now = after.value(key, Json());
-        if (old != now) parts.push_back(fmt::format("{} {}", key, ArrowText(old, now)));
-    }
+    for (const auto &[field, old, now] : FieldChanges(before, after))
+        parts.push_back(fmt::format("{} {}", field, ArrowText(old, now)));
     return fmt::format("{}", fmt::join(parts, ", "));
 }
 
@@ -82,7 +78,9 @@ std::vector<Line> UplinkLines(const Json &before, const Json &after)
 std::string SwitchText(const Json &row)
 {
     if (!row["after"].is_null()) return CellText(row["after"]);
-    return row.contains("ports") ? fmt::format("with {} ports", row["ports"].get<size_t>()) : "";
+    if (!row.contains("ports")) return "";
+    const size_t count = row["ports"];
+    return fmt::format("with {} port{}", count, count == 1 ? "" : "s");
 }
 
 std::vector<Line> LinesOf(const Json &row)
@@ -176,6 +174,18 @@ private:
     std::vector<std::pair<Line, std::vector<std::string>>> lines; // with their ports
 };
 
+}
+
+std::vector<FieldChange> FieldChanges(const Json &before, const Json &after)
+{
+    Json all = before;
+    all.update(after);
+    std::vector<FieldChange> changes;
+    for (const auto &[field, value] : all.items()) {
+        const Json old = before.value(field, Json()), now = after.value(field, Json());
+        if (old != now) changes.push_back({field, old, now});
+    }
+    return changes;
 }
 
 std::string DifferenceText(const Json &rows)

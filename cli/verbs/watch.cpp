@@ -8,6 +8,7 @@
 
 #include "cli/base/limit.h"
 #include "cli/change/change.h"
+#include "cli/change/difference.h"
 #include "frontend/output.h"
 
 namespace vsctl {
@@ -73,13 +74,8 @@ Json Differences(const Json &before, const Json &after)
         rows[RowName(after[i], i)].after = after[i];
     Json changes = Json::array();
     for (const auto &[name, states] : rows) {
-        Json all = states.before;
-        all.update(states.after);
-        for (const auto &[key, value] : all.items()) {
-            const Json old = states.before.value(key, Json()), now = states.after.value(key, Json());
-            if (old != now)
-                changes.push_back({{"object", name}, {"field", key}, {"before", old}, {"after", now}});
-        }
+        for (const auto &[field, old, now] : FieldChanges(states.before, states.after))
+            changes.push_back({{"object", name}, {"field", field}, {"before", old}, {"after", now}});
     }
     return changes;
 }
