@@ -235,6 +235,10 @@ class Show(OnHost):
             self.refused(["port", *words], code, reason)
         self.assertEqual(of("remove", "lab", "--all-ports"), ports)
         self.assertEqual(of("list", "lab"), ["uplink0", "uplink1"])
+        self.rows("port", "add", "lab", "b10,a10,a9,b9")  # ranges come from names, whatever came first
+        (group,) = self.rows("show", "lab")[0]["switches"][0]["ports"]
+        self.assertEqual(group["ports"], ["a9..a10", "b9..b10"])
+        self.assertIn('ports."a9..a10,b9..b10"', self.run_vsctl("export", "lab"))
 
     def test_tables_take_the_form_that_is_asked_for(self):
         ids = {row["switch"]: row["id"] for row in self.rows("switch", "list")}

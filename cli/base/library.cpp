@@ -349,8 +349,14 @@ std::vector<std::string> PortNames(const std::string &list)
     return names;
 }
 
-std::vector<std::string> PortRanges(const std::vector<std::string> &names)
+bool ComesBefore(const std::string &port, const std::string &other)
 {
+    return strverscmp(port.c_str(), other.c_str()) < 0;
+}
+
+std::vector<std::string> PortRanges(std::vector<std::string> names)
+{
+    std::sort(names.begin(), names.end(), ComesBefore);
     std::vector<std::string> ranges;
     for (size_t first = 0; first < names.size();) {
         size_t last = first;

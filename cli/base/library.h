@@ -102,8 +102,10 @@ std::string PortAdvice(const Target &port);
 std::string PropertyAdvice(const Target &target, bool byId);
 // "port0..port7,uplink0" → their names.
 std::vector<std::string> PortNames(const std::string &list);
-// The same back: neighbours whose numbers follow each other become ranges.
-std::vector<std::string> PortRanges(const std::vector<std::string> &names);
+// port2 comes before port10.
+bool ComesBefore(const std::string &port, const std::string &other);
+// Names as a sorted list with ranges.
+std::vector<std::string> PortRanges(std::vector<std::string> names);
 
 enum class PropertyLevel { GLOBAL, HOST, PORT };
 const char *LevelName(PropertyLevel level);

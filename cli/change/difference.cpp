@@ -153,12 +153,8 @@ public:
     }
 
 private:
-    // An undo comes to the ports in reverse.
-    static std::string LineText(const Line &line, std::vector<std::string> ports)
+    static std::string LineText(const Line &line, const std::vector<std::string> &ports)
     {
-        std::sort(ports.begin(), ports.end(), [](const std::string &a, const std::string &b) {
-            return std::pair(a.size(), a) < std::pair(b.size(), b); // port2 before port10
-        });
         std::vector<std::string> shown;
         for (const std::string &range : PortRanges(ports))
             shown.push_back(CellText(range));

@@ -429,18 +429,6 @@ Json EntrySchema(bool ofPort)
     return schema;
 }
 
-// port2 before port10.
-bool ComesBefore(const std::string &a, const std::string &b)
-{
-    return a.size() != b.size() ? a.size() < b.size() : a < b;
-}
-
-// Ports that a file describes alike.
-struct PortBlock {
-    std::vector<std::string> names;
-    Json entry;
-};
-
 // Describes one port for all that have equal properties, where the platform tells which these are.
 class Exporter {
 public:
@@ -462,32 +450,29 @@ public:
     {
         if (!added.insert(name).second) return;
         const auto known = listed.find(name);
-        if (known == listed.end()) return AddTo(Read(name), name);
+        if (known == listed.end()) return blocks[Read(name)].push_back(name);
         const auto [block, isNew] = byProperties.try_emplace(known->second.properties, nullptr);
         if (isNew) block->second = Read(name);
-        if (!*known->second.interface) return AddTo(block->second, name);
+        if (!*known->second.interface) return blocks[block->second].push_back(name);
         Json entry = block->second;
         entry[PLUGGED_KEY] = known->second.interface;
-        AddTo(entry, name);
+        blocks[entry].push_back(name);
     }
 
-    Json Ports()
+    Json Ports() const
     {
-        std::vector<PortBlock *> sorted;
-        for (auto &[text, block] : blocks) {
-            std::sort(block.names.begin(), block.names.end(), ComesBefore);
-            sorted.push_back(&block);
-        }
-        std::sort(sorted.begin(), sorted.end(), [](const PortBlock *a, const PortBlock *b) {
-            return ComesBefore(a->names[0], b->names[0]);
-        });
+        std::map<std::string, const Block *, decltype(&ComesBefore)> sorted(ComesBefore); // by first names
+        for (const Block &block : blocks)
+            sorted[std::ranges::min(block.second, ComesBefore)] = &block;
         Json::object_t ports;
-        for (const PortBlock *block : sorted)
-            ports.emplace_back(fmt::format("{}", fmt::join(PortRanges(block->names), ",")), block->entry);
+        for (const auto &[first, block] : sorted)
+            ports.emplace_back(fmt::format("{}", fmt::join(PortRanges(block->second), ",")), block->first);
         return ports;
     }
 
 private:
+    using Block = std::pair<const Json, std::vector<std::string>>; // ports that a file describes alike
+
     Json Read(const std::string &name)
     {
         const Target port{alias, name};
@@ -495,18 +480,11 @@ private:
         return ReadPort(port);
     }
 
-    void AddTo(const Json &entry, const std::string &name)
-    {
-        const auto [place, isNew] = blocks.try_emplace(entry);
-        if (isNew) place->second.entry = entry;
-        place->second.names.push_back(name);
-    }
-
     const std::string alias;
     std::map<std::string, vshost_port> listed;
     std::set<std::string> added;
     std::map<uint64_t, Json> byProperties;
-    std::map<Json, PortBlock> blocks;
+    std::map<Json, std::vector<std::string>> blocks;
 };
 
 }
