@@ -82,7 +82,6 @@ Converted Alias(const std::string &portsetName)
     return alias;
 }
 Converted Found(const std::string &name) { return {STATUS_OK, Field(name.substr(0, 127), 128)}; }
-Converted Refused(VsStatus status, size_t size) { return {status, std::string(size, UNTOUCHED)}; }
 
 using OptionalText = std::optional<std::string>;
 
@@ -98,35 +97,6 @@ protected:
     }
     uint32_t next = 1;
 };
-
-TEST_F(Identity, OnlyVirtualSwitchesHaveASwitchId)
-{
-    for (const char *other : {"vswitch2", "vswitc", "vSwitch", "dvs"}) {
-        AddSwitch(other, {}, other);
-        EXPECT_EQ(SwitchId(other), Refused(STATUS_BAD_PARAM, SWITCH_ID_SIZE));
-        EXPECT_EQ(PortsetName(other), Found(other));
-    }
-    EXPECT_EQ(SwitchId("none"), Refused(STATUS_NOT_FOUND, SWITCH_ID_SIZE));
-    EXPECT_EQ(PortsetName("none"), Refused(STATUS_NOT_FOUND, PORTSET_NAME_SIZE));
-    const std::string longest(63, 'i');
-    ASSERT_EQ(VSDVS_CreateVSwitch("longest", longest.c_str(), nullptr, 1, 0, 0, 0, 0), STATUS_OK);
-    EXPECT_EQ(SwitchId("longest"), (Converted{STATUS_OK, Text(longest)}));
-}
-
-TEST_F(Identity, APortsetIsNamedByItsPropertyOrTheAliasOrTheId)
-{
-    for (const size_t length : {0u, 1u, 126u, 127u, 300u}) {
-        const std::string name(length, 'n');
-        AddSwitch("both" + name, name);
-        EXPECT_EQ(PortsetName("both" + name), Found(name));
-        AddSwitch("a" + name, {});
-        EXPECT_EQ(PortsetName("a" + name), Found("a" + name));
-    }
-    vshost_fail(VSHOST_STORE, "DVSState_HostPropLookup", 1, 0, STATUS_IO_ERROR);
-    EXPECT_EQ(PortsetName("both"), Found("both"));
-    vshost_fail(VSHOST_STORE, "DVSState_GlobalPropLookup", 1, 0, STATUS_IO_ERROR);
-    EXPECT_EQ(PortsetName("both"), Found("1"));
-}
 
 TEST_F(Identity, AnIdWithoutANulComesOutAsItsFirst63Characters)
 {
@@ -173,7 +143,7 @@ TEST_F(Identity, APortsetNameFindsTheLongestStoredPrefix)
             EXPECT_EQ(Alias(wanted), Found(alias)) << wanted << ", walks on: " << on;
     }
     walksOn = false;
-    EXPECT_EQ(Alias(""), Refused(STATUS_BAD_PARAM, SWITCH_ALIAS_SIZE));
+    EXPECT_EQ(Alias(""), (Converted{STATUS_BAD_PARAM, std::string(SWITCH_ALIAS_SIZE, UNTOUCHED)}));
     AddSwitch("empty", "");
     EXPECT_EQ(Alias("la"), Found("empty"));
     EXPECT_EQ(Alias("lab"), Found("one"));

@@ -69,34 +69,6 @@ TEST_P(MTUOf, IsSetEverywhereOrNowhere)
     ExpectRecorded(Word(1280));
 }
 
-TEST_F(LabTest, AnUnrecordedMTUIsUndone)
-{
-    const uint64_t before = vshost_fingerprint();
-    vshost_fail(VSHOST_STORE, "DVSZOR_GlobalPropSet", 1, 1, STATUS_READ_ONLY);
-    vshost_fail(VSHOST_SHELL, "get", 1, 1, 1);
-    EXPECT_EQ(VSDVS_SetMTU(LAB, 9000), STATUS_FAILURE);
-    EXPECT_EQ(StepsOf([] { EXPECT_EQ(VSDVS_SetMTU(LAB, 9000), STATUS_READ_ONLY); }),
-              (Steps{GET, LIST, SetUplink("nic0", 9000), SetUplink("nic1", 9000), SetPortset(9000), RECORD,
-                     SetPortset(1500), SetUplink("nic1", 1500), SetUplink("nic0", 1500)}));
-    EXPECT_EQ(vshost_fingerprint(), before);
-    vshost_fail(VSHOST_STORE, "DVSZOR_GlobalPropSet", 2, 1, STATUS_READ_ONLY);
-    EXPECT_EQ(VSDVS_SetMTU(LAB, 9000), STATUS_OK);
-    EXPECT_EQ(MTU(), 9000);
-    EXPECT_EQ(Read(ETHERSWITCH_MTU), std::nullopt);
-    for (const int32_t mtu : {1279, 9001, 0, -1, INT32_MIN, INT32_MAX})
-        EXPECT_EQ(StepsOf([&] { EXPECT_EQ(VSDVS_SetMTU("unknown", mtu), STATUS_BAD_PARAM); }), Steps{})
-            << mtu;
-    for (const uint32_t outcome : {1u, VSHOST_SHELL_KILLED, VSHOST_SHELL_NOT_STARTED}) {
-        vshost_clear();
-        vshost_fail(VSHOST_SHELL, "get", 1, 1, outcome);
-        EXPECT_EQ(StepsOf([] { EXPECT_EQ(VSDVS_SetMTU(LAB, 1280), STATUS_FAILURE); }), Steps{GET}) << outcome;
-    }
-    vshost_clear();
-    vshost_fail(VSHOST_SHELL, "ls", 1, 1, VSHOST_SHELL_NOT_STARTED);
-    EXPECT_EQ(StepsOf([] { EXPECT_EQ(VSDVS_SetMTU(LAB, 1280), STATUS_FAILURE); }), (Steps{GET, LIST}));
-    EXPECT_EQ(MTU(), 9000);
-}
-
 TEST_F(LabTest, TheLastNumberOfTheOutputIsTheMTU)
 {
     const std::string mebibyte(1048570, 'x');

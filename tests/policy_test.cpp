@@ -36,23 +36,6 @@ TEST_F(LabTest, ATableIsAsLongAsItsCountSaysIn32Bits)
     EXPECT_EQ(Read(SWITCH_LS_TEAMING), (Stored{wrapped, 0x10}));
 }
 
-TEST_F(LabTest, AValueOutOfRangeIsRefusedBeforeTheSwitchIsLookedUp)
-{
-    const uint32_t eight = 8, high = 0x80000001;
-    const SwitchMACLearningRecord over = {{0x41, 0x42, 0x0f}, 0, 0}, most = {{0xff, 0xff, 0xff}, 0, 0};
-    for (const char *alias : {LAB, "unknown"}) {
-        const Steps steps = StepsOf([&] {
-            EXPECT_EQ(VSDVS_SetPortSecurity(alias, PORT, &eight), STATUS_BAD_PARAM);
-            EXPECT_EQ(VSDVS_SetPortSecurity(alias, PORT, &high), STATUS_BAD_PARAM);
-            EXPECT_EQ(VSDVS_SetMACLearning(alias, &over), STATUS_BAD_PARAM);
-            EXPECT_EQ(VSDVS_SetMACLearning(alias, &most), STATUS_BAD_PARAM);
-            for (const int32_t mode : {-1, 2, INT32_MIN})
-                EXPECT_EQ(VSDVS_SetMcastFilterMode(alias, mode), STATUS_BAD_PARAM);
-        });
-        EXPECT_EQ(steps, Steps{});
-    }
-}
-
 TEST_F(LabTest, AStoredValueIsReadByItsRule)
 {
     const std::optional<std::string> absent;
@@ -177,84 +160,6 @@ TEST_F(LabTest, AStoredValueIsReadByItsRule)
     };
     for (const Reading &reading : readings)
         reading.Check();
-}
-
-TEST_F(LabTest, ASinkPortIsOneBitOfItsFilter)
-{
-    const std::string port = " lab-id port0 "s + PORT_ETH_FILTER.key;
-    const Steps look = {"PortDataGet" + port}, change = {look[0], "PortDataSet" + port};
-    const std::string rest = Pattern(196);
-    const struct {
-        std::optional<std::string> stored;
-        uint8_t enable;
-        VsStatus status;
-        Steps steps;
-        std::optional<std::string> after;
-    } cases[] = {
-        {{}, 0x80, STATUS_OK, change, Field(Word(0x00010000), 200)},
-        {{}, 0, STATUS_OK, change, Field(Word(0), 200)},
-        {Word(0xfffeffff) + rest, 1, STATUS_OK, change, Word(0xffffffff) + rest},
-        {Word(0xffffffff) + rest, 0, STATUS_OK, change, Word(0xfffeffff) + rest},
-        {Word(0xffffffff) + rest, 1, STATUS_OK, look, Word(0xffffffff) + rest},
-        {Word(0xfffeffff) + rest, 0, STATUS_OK, look, Word(0xfffeffff) + rest},
-        {std::string(199, '\0'), 1, STATUS_FAILURE, look, std::string(199, '\0')},
-        {std::string(201, '\0'), 0, STATUS_FAILURE, look, std::string(201, '\0')},
-    };
-    for (const auto &row : cases) {
-        SCOPED_TRACE(&row - cases);
-        Store(PORT_ETH_FILTER, row.stored);
-        EXPECT_EQ(StepsOf([&] { EXPECT_EQ(VSDVS_ConfigureSinkPort(LAB, PORT, row.enable), row.status); }),
-                  row.steps);
-        EXPECT_EQ(Read(PORT_ETH_FILTER)->bytes, row.after);
-    }
-}
-
-TEST_F(LabTest, AMACRecordNotesTheSecurityOfItsMoment)
-{
-    const PortMACLearningConfig config = {1, 2, 0x06050403, 0x0a090807};
-    const std::string bytes = Hex("01 02 03 04 05 06 07 08 09 0a");
-    const struct {
-        std::optional<std::string> security;
-        bool derived;
-    } cases[] = {
-        {{}, false},      {Word(0), true},    {Word(1), true},        {Word(2), false},
-        {Word(3), false}, {Word(4), true},    {Word(5), true},        {Word(6), false},
-        {Word(7), false}, {"\0\0\0"s, false}, {"\0\0\0\0\0"s, false}, {"", false},
-    };
-    const auto expectSet = [&](bool derived) {
-        ASSERT_EQ(VSDVS_SetPortMACLearning(LAB, PORT, &config), STATUS_OK);
-        EXPECT_EQ(Read(StoreLevel::PORT, "com.talpex.vswitch.port.macManagement"),
-                  (Stored{(derived ? '\1' : '\0') + bytes, 0x10}));
-    };
-    for (const auto &row : cases) {
-        SCOPED_TRACE(&row - cases);
-        Store(PORT_SECURITY, row.security);
-        expectSet(row.derived);
-    }
-    Write(PORT_SECURITY, Word(1));
-    vshost_fail(VSHOST_STORE, "DVSZOR_PortDataGet", 1, 1, STATUS_IO_ERROR);
-    expectSet(false);
-    expectSet(true);
-    Write(PORT_SECURITY, Word(2)); // a later change does not change the record
-    EXPECT_EQ(Read(PORT_MAC_MANAGEMENT)->bytes, '\1' + bytes);
-}
-
-TEST_F(LabTest, WithoutAStoredModeTheDriverIsAsked)
-{
-    uint32_t mode = 9;
-    vshost_answer(4103, 1, Word(1).data(), 4);
-    EXPECT_EQ(VSDVS_GetMcastFilterMode(LAB, &mode), STATUS_OK);
-    EXPECT_EQ(mode, 1u);
-    vshost_fail(VSHOST_DRIVER, "4103", 1, 1, 16);
-    EXPECT_EQ(VSDVS_GetMcastFilterMode(LAB, &mode), STATUS_BUSY);
-    vshost_fail(VSHOST_STORE, "DVSZOR_GlobalPropGet", 1, 1, STATUS_IO_ERROR);
-    vshost_record(1);
-    EXPECT_EQ(VSDVS_GetMcastFilterMode(LAB, &mode), STATUS_IO_ERROR);
-    EXPECT_TRUE(Calls(VSHOST_DRIVER).empty());
-    EXPECT_EQ(VSDVS_GetMcastFilterMode(LAB, &mode), STATUS_OK);
-    ASSERT_EQ(Calls(VSHOST_DRIVER).size(), 1u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(Calls(VSHOST_DRIVER)[0].input), 128),
-              Field(LAB_PORTSET, 128));
 }
 
 }

@@ -299,23 +299,6 @@ TEST_F(StoreTest, GivesOutTheLowestFreeNumberUpToTheLimit)
     EXPECT_EQ(NumberOf("d"), 3u);
 }
 
-TEST_F(StoreTest, ForgetsARemovedSwitchWhole)
-{
-    vshost_stop();
-    fs::remove_all(directory);
-    ASSERT_EQ(Start(), 0);
-    const uint64_t before = vshost_fingerprint();
-    for (int round = 0; round < 2; round++) {
-        ASSERT_EQ(DVSZOR_SwitchAdd(ID, "vswitch", 8, 1), STATUS_OK);
-        ASSERT_EQ(SetGlobal(ID, ALIAS, Text("lab")), STATUS_OK);
-        ASSERT_EQ(DVSZOR_HostPropSet(ID, PORTSET, "ps", 3, FLAGS), STATUS_OK);
-        for (const char *name : {"a", "b", "c"})
-            ASSERT_EQ(AddPort(ID, name), STATUS_OK);
-        ASSERT_EQ(DVSZOR_SwitchRemove(ID), STATUS_OK);
-        EXPECT_EQ(vshost_fingerprint(), before);
-    }
-}
-
 // The places that must show a difference between two hosts.
 TEST_F(StoreTest, FingerprintsTellNamesValuesAndFlagsApart)
 {
@@ -455,28 +438,6 @@ TEST_F(StoreTest, ForksWhileThreadsLookUp)
         thread.join();
     vshost_shell_in_process(0);
     EXPECT_EQ(hung, 0);
-}
-
-TEST_F(StoreTest, SharedCommitsKeepEachCallsOwnStatus)
-{
-    constexpr int ROUNDS = 50;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; i++)
-        threads.emplace_back([i] {
-            const std::string port = "p" + std::to_string(i);
-            for (int round = 0; round <= ROUNDS; round++) {
-                EXPECT_EQ(SetPort(port.c_str(), std::to_string(round)), STATUS_OK);
-                EXPECT_EQ(SetPort("none", "x"), STATUS_NOT_FOUND);
-                EXPECT_EQ(AddPort(ID, port), STATUS_EXISTS);
-                EXPECT_EQ(GetPort(port.c_str()), std::to_string(round));
-            }
-        });
-    for (std::thread &thread : threads)
-        thread.join();
-    vshost_stop();
-    ASSERT_EQ(Start(), 0);
-    for (int i = 0; i < 8; i++)
-        EXPECT_EQ(GetPort(("p" + std::to_string(i)).c_str()), std::to_string(ROUNDS));
 }
 
 TEST_F(StoreTest, EightProcessesAtOnce)

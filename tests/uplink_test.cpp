@@ -22,15 +22,6 @@ std::string List(const Texts &texts, size_t width)
 std::string Names(const Texts &texts) { return List(texts, 81); }
 std::string Ids(const Texts &texts) { return List(texts, 48); }
 
-void ExpectStored(const OptionalList &names, const OptionalList &ids)
-{
-    const auto stored = [](const OptionalList &list) {
-        return list ? std::optional(Stored{*list, 0x10}) : std::nullopt;
-    };
-    EXPECT_EQ(Read(StoreLevel::GLOBAL, NAMES_KEY), stored(names));
-    EXPECT_EQ(Read(StoreLevel::HOST, IDS_KEY), stored(ids));
-}
-
 VsStatus Set(const Texts &names, const Texts &ids)
 {
     return VSDVS_SetSwitchUplinkPorts(LAB, reinterpret_cast<const UplinkNameList *>(Names(names).data()),
@@ -159,17 +150,6 @@ TEST_F(Uplinks, ListsThatAreNotWholeAreNotRead)
     EXPECT_EQ(DVPortExist(LAB_ID, id.c_str()), 1);
     EXPECT_EQ(Add(id.substr(1)), STATUS_OK);
     ExpectRead({id, id.substr(1)});
-}
-
-TEST_F(Uplinks, ThatAreNotAddedLeaveTheNamesAsTheyWere)
-{
-    EXPECT_EQ(Add("a"), STATUS_OK);
-    EXPECT_EQ(VSDVS_ClearSwitchUplinkPorts(LAB), STATUS_OK);
-    vshost_fail(VSHOST_STORE, "DVSZOR_HostPropSet", 1, 1, STATUS_BUSY);
-    EXPECT_EQ(StepsOf([] { EXPECT_EQ(Add("c"), STATUS_BUSY); }),
-              (Steps{"GlobalPropGet lab-id - "s + NAMES_KEY, "PortAdd lab-id c -", SET_NAMES, SET_IDS,
-                     SET_NAMES, "PortRemove lab-id c -"}));
-    ExpectStored(Names({}), {}); // the switch had no lists
 }
 
 TEST_F(Uplinks, AreThoseOfBothLists)
