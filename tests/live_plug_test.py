@@ -106,19 +106,6 @@ class Plugging(PluggedHost):
         self.assertEqual(interface("2"), "vb")
         self.assertTrue(b.reaches(a))  # its address is learned anew when it sends
 
-    def test_ports_of_one_vlan_reach_each_other(self):
-        a, b = self.two()
-        self.assertTrue(a.reaches(b))
-        for vlan_a, vlan_b, reaches in ((100, 100, True), (100, 200, False), (200, 200, True), (0, 200, False)):
-            with self.subTest(a=vlan_a, b=vlan_b):
-                self.vsctl("port", "vlan", "one", "1", str(vlan_a))
-                self.vsctl("port", "vlan", "one", "2", str(vlan_b))
-                if reaches:
-                    wait_until(lambda: a.reaches(b), "an answer")
-                else:
-                    wait_until(lambda: not a.reaches(b), "no answer")
-                    self.assertFalse(b.reaches(a))
-
     def test_the_next_packet_obeys_a_write_that_has_returned(self):
         a, b = self.two()
         c = self.namespace("c", "10.9.0.3")
@@ -133,14 +120,6 @@ class Plugging(PluggedHost):
         done = self.on_host(sys.executable, "-c", FLIP, BUILD / "libvswitchctl.so", a.holder.pid, b.holder.pid,
                             c.holder.pid, "10.9.0.255", flips, timeout=1000)
         self.assertEqual(done.stdout.split(), [str(flips), "0"])
-
-    def test_a_blocked_port_reaches_nobody(self):
-        a, b = self.two()
-        self.assertTrue(a.reaches(b))
-        self.vsctl("property", "set", "one", "com.talpex.common.port.block", "--port", "2", "--text", "true")
-        wait_until(lambda: not a.reaches(b), "no answer")
-        self.vsctl("property", "set", "one", "com.talpex.common.port.block", "--port", "2", "--text", "false")
-        wait_until(lambda: a.reaches(b), "an answer")
 
     def test_forwarding_goes_on_while_the_daemon_is_dead_and_after_its_restart(self):
         a, b = self.two()
