@@ -92,6 +92,11 @@ class Undo(OnHost):
         self.run_vsctl("uplink", "remove", "lab", "uplink0", "uplink1")
         self.assertEqual(self.rows("uplink", "list", "lab"), [])
 
+    def test_an_uplink_without_a_name_is_removed(self):
+        self.run_vsctl("property", "clear", "lab", "com.talpex.common.uplinkPorts")
+        (row,) = self.rows("uplink", "remove", "lab", "uplink1", "--dry-run", code=10)
+        self.assertEqual(row["after"], {"names": [], "ids": ["uplink0"]})
+
     def full_host(self):
         """Switches whose ports, uplinks and policies are as no new ones are."""
         nics = b'{"nics": {"nic5": {}, "nic6": {}, "nic7": {"mtu": 3000}}}'

@@ -162,7 +162,7 @@ Json UplinksAfter(const Step &step)
         ids.push_back(id);
         names.push_back(id);
     } else if (const auto place = std::find(ids.begin(), ids.end(), id); place != ids.end()) {
-        names.erase(names.begin() + (place - ids.begin()));
+        if (names.size() == ids.size()) names.erase(names.begin() + (place - ids.begin()));
         ids.erase(place);
     }
     return ToJson({names, ids});
