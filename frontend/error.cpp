@@ -20,6 +20,7 @@ Error::Error(const Error &cause, std::string problem, std::string advice)
 {
     status = cause.status;
     statusName = cause.statusName;
+    more = cause.more;
 }
 
 size_t EditDistance(std::string_view a, std::string_view b)

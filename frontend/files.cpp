@@ -48,11 +48,12 @@ TemporaryFile::TemporaryFile(const std::string &text, const std::string &ending)
     : path(fmt::format("/tmp/{}-XXXXXX{}", program_invocation_short_name, ending))
 {
     const int file = mkstemps(path.data(), static_cast<int>(ending.size()));
-    const bool isWritten =
-        file >= 0 && write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const bool isWritten = file >= 0 && WriteAll(file, text);
+    const int error = errno;
     if (file >= 0) close(file);
     if (isWritten) return;
-    throw Error(Exit::FAILURE, fmt::format("{} cannot be written: {}", path, strerror(errno)),
+    unlink(path.c_str());
+    throw Error(Exit::FAILURE, fmt::format("{} cannot be written: {}", path, strerror(error)),
                 "make room in /tmp");
 }
 

@@ -180,10 +180,16 @@ absent = true
         shown = ["switch lab", "  ~ mtu: 1500 -> 9000", "  - port0  vlan: id=7 option=no", "  - port3"]
         self.assertEqual(edit(script, 10, "--dry-run").splitlines()[:-1], shown)
         self.assertEqual(edit(script, 0).splitlines(), [*shown, "0 added, 1 changed, 2 removed"])
-        error = edit('echo "mtuu = 7" >> "$1"', 5)
-        kept = re.search("vsctl apply (/tmp/vsctl-.*toml)", error)[1]
-        self.assertIn("mtuu", pathlib.Path(kept).read_text())
+        self.run_vsctl("port", "vlan", "lab", "port0", "7")
+        error = edit('sed -i "s/mtu = 9000/mtu = 9\\nmtuu = 7/; /id = 7/d" "$1"', 5)
+        self.assertRegex(error, "mtu must be.*\n.*mtuu is not a known key")
+        kept, before = re.search("vsctl apply (/tmp/vsctl-.*toml) --replaces (.*toml)'", error).groups()
+        text = pathlib.Path(kept).read_text()
+        pathlib.Path(kept).write_text(text.replace("mtu = 9\nmtuu = 7\n", "mtu = 9000\n"))
+        shown = self.run_vsctl("plan", kept, "--replaces", before, code=10)
+        self.assertEqual(shown.splitlines()[:-1], ["switch lab", "  - port0  vlan: id=7 option=no"])
         os.unlink(kept)
+        os.unlink(before)
         self.assertIn("editor failed", edit("exit 1", 1))
 
     def test_what_is_done_already_is_left_out(self):

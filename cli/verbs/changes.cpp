@@ -122,17 +122,17 @@ void RunEditor(const std::string &path)
 Result Edit(const Verb &, const Arguments &arguments)
 {
     const std::string text = FileText(ExportFile({{arguments.Text("SWITCH"), ""}}), false);
-    const TemporaryFile before(text, ".toml");
-    TemporaryFile file(text, ".toml");
+    TemporaryFile before(text, ".toml"), file(text, ".toml");
     RunEditor(file.path);
     Result result;
     result.asks = true;
     try {
         result.steps = PlanSteps(ReadDocument(file.path), ReadDocument(before.path));
     } catch (const Error &error) {
-        file.isKept = true;
-        throw Error(error.exit, error.problem,
-                    fmt::format("'vsctl apply {}' applies it once it is right", file.path));
+        before.isKept = file.isKept = true;
+        throw Error(
+            error, error.problem,
+            fmt::format("correct it, then run 'vsctl apply {} --replaces {}'", file.path, before.path));
     }
     if (result.steps.empty()) result.text = "nothing to change\n";
     return result;
@@ -172,8 +172,7 @@ Result Batch(const Verb &, const Arguments &arguments)
                 result.steps.push_back(std::move(step));
         } catch (const Error &error) {
             throw Error(
-                error.exit,
-                fmt::format("{}:{}: {}", path == "-" ? "standard input" : path, number, error.problem),
+                error, fmt::format("{}:{}: {}", path == "-" ? "standard input" : path, number, error.problem),
                 error.advice);
         }
     }
