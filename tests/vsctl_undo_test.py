@@ -36,7 +36,7 @@ class Undo(OnHost):
                 (4, "uplink add lab port0", "port0 of switch lab is already a port"),
                 (4, "uplink add lab u9 uplink1", "uplink1 of switch lab is already an uplink"),
                 (4, "uplink set lab port1 port2", "port1 of switch lab is already a port"),
-                (4, "uplink set lab --count 1", "uplink0"),
+                (4, "uplink set lab --count 1", "'vsctl uplink add' and 'vsctl uplink remove'"),
                 (1, "port remove lab uplink0", "vsctl uplink remove lab uplink0"),
                 (1, "port remove lab port0..port2,uplink1", "vsctl uplink remove lab uplink1"),
                 (3, "uplink remove lab uplink0 nope", "no uplink nope"),

@@ -265,6 +265,13 @@ bool SwitchIdExists(const std::string &id)
     return false;
 }
 
+void RequireSwitchId(const std::string &id)
+{
+    if (!SwitchIdExists(id))
+        throw Error(Exit::NOT_FOUND, fmt::format("no switch has the id '{}'", id),
+                    "'vsctl switch list' shows the ids of the switches");
+}
+
 std::string PortsetUser(const std::string &portset)
 {
     if (const std::string alias = AliasOf(portset); !alias.empty()) return "switch " + alias;

@@ -84,6 +84,7 @@ std::string PortsetOf(const std::string &alias);
 bool SwitchExists(const std::string &alias);
 // Whether a switch with this id is stored, running or not.
 bool SwitchIdExists(const std::string &id);
+void RequireSwitchId(const std::string &id);
 // The switch that uses the portset, like "switch lab", running or not; empty when none does.
 std::string PortsetUser(const std::string &portset);
 // Throws when the portset runs without a switch. A creation or destruction that is cut short leaves one.

@@ -192,15 +192,21 @@ void RequireListedPorts(SwitchState &found, const std::string &alias)
     }
 }
 
-void RequireNewPorts(SwitchState &found, const std::string &alias, const std::vector<std::string> &names)
+// `adds`: to those that are listed.
+void RequireNewPorts(SwitchState &found, const Target &target, const std::vector<std::string> &names,
+                     bool adds)
 {
     for (const std::string &name : names) {
         if (!found.HasPort(name)) continue;
         const bool isUplink = Contains(found.Listed().ids, name);
-        Error error(
-            Exit::EXISTS,
-            fmt::format("{} is already {}", Target{alias, name}.Text(), isUplink ? "an uplink" : "a port"),
-            isUplink ? "leave it out" : "choose another name, or remove the port first");
+        Error error(Exit::EXISTS,
+                    fmt::format("{} is already {}", Target{target.alias, name}.Text(),
+                                isUplink ? "an uplink" : "a port"),
+                    !isUplink ? "choose another name, or remove the port first"
+                    : adds
+                        ? "leave it out"
+                        : "uplinks that replace others need new names: 'vsctl uplink add' and 'vsctl uplink "
+                          "remove' keep what is there");
         throw isUplink ? WithStatus(error, STATUS_EXISTS) : error;
     }
 }
@@ -232,7 +238,7 @@ void Checker::CheckUplinks(const Step &step)
     const bool adds = step.value.contains("add");
     const std::vector<std::string> made = PortsMade(step);
     if (adds) RequireListedPorts(found, alias);
-    RequireNewPorts(found, alias, made);
+    RequireNewPorts(found, step.target, made, adds);
     if (!adds) found.Listed() = {};
     for (const std::string &name : made) {
         found.Listed().names.push_back(name);
@@ -246,7 +252,7 @@ void Checker::CheckUplinks(const Step &step)
 void Checker::CheckById(const Target &target)
 {
     if (ids.contains(target.alias)) return;
-    if (!SwitchIdExists(target.alias)) vsctl::Check(STATUS_NOT_FOUND, "finding", target);
+    RequireSwitchId(target.alias);
     const std::string alias = AliasOfId(target.alias);
     if (!alias.empty() && !target.port.empty()) FindPort({alias, target.port});
 }

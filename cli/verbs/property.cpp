@@ -19,6 +19,15 @@ NamedProperty PropertyOf(const Arguments &arguments)
     return {LevelOf(level), arguments.Target(), arguments.Text("KEY"), arguments.Has("--by-id")};
 }
 
+// The id of the switch. Throws when it does not exist.
+std::string IdOf(const Arguments &arguments)
+{
+    const std::string &name = arguments.Text("SWITCH");
+    if (!arguments.Has("--by-id")) return SwitchId(name);
+    RequireSwitchId(name);
+    return name;
+}
+
 bool IsText(const Bytes &bytes)
 {
     return !bytes.empty() && bytes.back() == 0 &&
@@ -29,7 +38,7 @@ bool IsText(const Bytes &bytes)
 Result Get(const Verb &, const Arguments &arguments)
 {
     const NamedProperty property = PropertyOf(arguments);
-    if (!property.byId) SwitchId(property.target.alias);
+    IdOf(arguments);
     Bytes bytes;
     if (!property.byId && property.level == PropertyLevel::PORT && !PortExists(property.target))
         Check(STATUS_NOT_FOUND, "finding", property.target);
@@ -46,8 +55,7 @@ Result Get(const Verb &, const Arguments &arguments)
 Result List(const Verb &, const Arguments &arguments)
 {
     const Target target = arguments.Target();
-    const bool byId = arguments.Has("--by-id");
-    const std::string id = byId ? target.alias : SwitchId(target.alias);
+    const std::string id = IdOf(arguments);
     RequireOwnPlatform("list properties: name one for 'vsctl property get'");
     const auto properties = ListProperties(id, target.port);
     if (!properties) Check(STATUS_NOT_FOUND, "finding", target);
