@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "cli/base/clock.h"
 #include "cli/base/error.h"
 #include "frontend/output.h"
 
@@ -68,6 +69,13 @@ void EndTimeLimit()
 {
     limit = 0;
     SetTimer(0);
+}
+
+void RestUntil(double time)
+{
+    SetTimer(0);
+    SleepUntil(time);
+    RestartTimeLimit();
 }
 
 ChangeScope::ChangeScope()

@@ -9,6 +9,8 @@ void StartTimeLimit(double seconds, bool json);
 void RestartTimeLimit();
 // From here on, the command waits only for its user.
 void EndTimeLimit();
+// Sleeps until so many seconds since boot. The limit does not count this time.
+void RestUntil(double time);
 // While an object of this class exists, a change is being made and has no time limit.
 class ChangeScope {
 public:

@@ -187,8 +187,7 @@ Result Top(const Verb &, const Arguments &arguments)
         return {};
     }
     const Sample before = Measure(aliases);
-    RestartTimeLimit();
-    usleep(static_cast<useconds_t>(interval * 1e6));
+    RestUntil(before.time + interval);
     const Json rows = Rates(before, Measure(aliases));
     return Rows(arguments.Has("--json") ? rows : Readable(rows, "/s"));
 }
