@@ -126,7 +126,8 @@ size_t LineEnd(std::string_view text, size_t columns)
 
 // The keys that name what a row is about, the most exact one first. A row that begins with another name than
 // its switch is about that.
-constexpr const char *NAME_KEYS[] = {"session", "address", "group", "option", "lag", "key", "uplink", "port"};
+constexpr const char *NAME_KEYS[] = {"session", "name", "secondary", "address", "group",
+                                     "option",  "lag",  "key",       "uplink",  "port"};
 
 bool IsName(const Json &value) { return value.is_string() || value.is_number(); }
 
@@ -220,6 +221,11 @@ void Print(const std::string &text)
 }
 
 std::string Dump(const Json &value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+std::string Counted(size_t count, const char *noun)
+{
+    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
 
 std::string CellText(const Json &value)
 {

@@ -22,6 +22,8 @@ std::string TitleText(const std::string &text); // bold where colours may be use
 // The text in lines of at most so many columns.
 std::vector<std::string> Wrapped(const std::string &text, size_t columns);
 
+// "1 port" or "2 ports".
+std::string Counted(size_t count, const char *noun);
 // A value in one cell: objects as "key=value …", long bytes shortened.
 std::string CellText(const Json &value);
 // How rows are printed for people.

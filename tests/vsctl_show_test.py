@@ -185,6 +185,9 @@ class Show(OnHost):
         self.assertRegex(source, r'label="\d+ more ports"')
         drawn = sum(map(int, re.findall(r"(\d+) (?:more )?ports", source)))
         self.assertEqual(drawn + len(re.findall(r's0p\d+ \[label="[^."]*"', source)), 1008)
+        self.run_vsctl("switch", "create", "few", "--ports", "13")
+        self.run_vsctl("batch", stdin="".join(f"port vlan few port{number} {number}\n" for number in range(13)))
+        self.assertIn('label="1 more port"', self.run_vsctl("topology", "few", "--dot"))
 
     def test_nics_and_addresses_have_places(self):
         self.assertEqual([(row["nic"], row["switch"], row["port"], row["full-duplex"])
@@ -242,10 +245,14 @@ class Show(OnHost):
 
     def test_tables_take_the_form_that_is_asked_for(self):
         ids = {row["switch"]: row["id"] for row in self.rows("switch", "list")}
+        self.rows("pvlan", "add", "lab", "7", "--isolated", "8")
+        self.rows("ls-teaming", "add", "lab", "gold")
         for line, wanted in (
                 ("port list lab -o name", "uplink0\nuplink1\n" + "".join(f"port{n}\n" for n in range(8))),
                 ("-o name uplink list lab", "uplink0\nuplink1\n"), ("switch list -o name", "lab\nnone\n"),
-                ("nic list -o name", "eth0\neth1\neth2\n"),
+                ("nic list -o name", "eth0\neth1\neth2\n"), 
+                ("pvlan list lab -o name", "7\n8\n"), ("ls-teaming list lab -o name", "gold\n"),
+                ("ls-teaming list lab --columns switch,name", "SWITCH  NAME\nlab     gold\n"),
                 ("port number lab port1,port0 --columns number,port", "NUMBER  PORT\n4       port1\n3       port0\n"),
                 ("switch list --columns id -o name", f"{ids['lab']}\n{ids['none']}\n")):
             self.assertEqual(self.run_vsctl(*line.split()), wanted, line)
@@ -288,11 +295,15 @@ class Show(OnHost):
                 ("switch teaming lab --algorithm = s", {"source-mac"}), ("mirror list lab --port =", {
                     f"{kind}{n}" for kind, count in (("port", 8), ("uplink", 2)) for n in range(count)}),
                 ("port vlan lab --priority = 3 --tr", {"--trunk"}), ("port vlan lab --priority=3 --tr", {"--trunk"}),
-                ("watch --times 3 port li", {"list"}), ("show ", {"lab", "none"}), ("port vlan none ", set()),
+                ("watch --times 3 port li", {"list"}), ("watch --interval ", set()),
+                ("watch -", {"--interval", "--times", "--json", "--timeout"}), ("watch --times 3 --ti",
+                                                                                {"--times", "--timeout"}),
+                ("watch lag list -", {"--by-id", "--json", "-o", "--columns", "--timeout"}), ("show ", {"lab", "none"}), ("port vlan none ", set()),
                 ("plan sw", {":files"}), ("apply f --replaces=s", {":files"}), ("batch ", {":files"}),
                 ("mac add lab port0 --file ", {":files"}), ("mac add lab port0 --hex ", set()),
                 ("switch create sw", set()), ("plan f sw", set())):
-            self.assertEqual(set(self.run_vsctl("complete", "--", *line.split(" ")).splitlines()), wanted, line)
+            self.assertEqual(sorted(self.run_vsctl("complete", "--", *line.split(" ")).splitlines()), sorted(wanted),
+                             line)
 
     def test_the_guide_for_users_of_other_commands_is_true(self):
         """Each command of its table runs on this host, as it stands there."""
@@ -369,6 +380,7 @@ class Show(OnHost):
         self.assertEqual((len(still), {row["from-bits"] for row in still}), (10, {0}))
         self.assertEqual(still[0]["plugged"], "eth0")
         self.assertEqual(len(self.run_vsctl("top", "lab", "--interval", "1ms").splitlines()), 11)
+        self.rows("top", "--interval", "300ms", "--timeout", "100ms")  # resting is not waiting
         self.refused(["top", "lap"], 3, "did you mean 'lab'?")
 
 

@@ -245,7 +245,7 @@ VsStatus ReadLiveLsName(const Target &target, Json &value)
     char name[LS_TEAMING_POLICY_NAME_SIZE];
     if (VsStatus status = VSDVS_DvPortIDToPortID(target.Alias(), target.Port(), &number)) return status;
     if (VsStatus status = VSZOR_GetPortLSTeamingPolicyName(number, name)) return status;
-    value = Name(name, sizeof name);
+    if (*name) value = Name(name, sizeof name); // none is not a name
     return STATUS_OK;
 }
 

@@ -101,7 +101,8 @@ std::vector<std::string> Candidates(std::vector<std::string> words)
         words.push_back(FLEET);
         return words;
     }
-    if (words[0] == "watch") return Candidates({words.begin() + 1, words.end()});
+    const std::vector<std::string> rest(words.begin() + 1, words.end());
+    if (words[0] == "watch" && LeadingOptions(rest) < rest.size()) return Candidates(rest);
     if (const auto verbs = VerbNames(words[0]); words.size() == 2 && !verbs.empty()) return verbs;
     try {
         const Verb &verb = TakeVerb(words);

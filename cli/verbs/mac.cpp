@@ -83,8 +83,7 @@ Result Props(const Verb &, const Arguments &arguments)
     const Bytes before = ReadBytes(Record::LEARNING_PROPS, {}, [&](void *bytes) {
         return VSZOR_GetGlobalMACLearningProps(static_cast<ZorMacLearningProps *>(bytes));
     });
-    const bool isGiven =
-        arguments.Has("--hex") || arguments.Has("--file") || !GivenFields(PROPS, arguments).is_null();
+    const bool isGiven = GivesBytes(arguments) || !GivenFields(PROPS, arguments).is_null();
     const Bytes after = isGiven ? GivenProps(arguments, before) : before;
     memcpy(&props, after.data(), sizeof props);
     if (isGiven && !arguments.IsDryRun())

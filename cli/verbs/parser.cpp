@@ -23,9 +23,7 @@ const Argument QUIET{"--quiet", Shape::FLAG, "Show neither progress nor a summar
 
 std::string Footer(const Verb &verb)
 {
-    std::string footer = "Examples:";
-    for (const std::string &example : Words(verb.manual.examples, "\n"))
-        footer += fmt::format("\n  vsctl {} {}", verb.Title(), example);
+    const std::string footer = fmt::format("Examples:\n  {}", fmt::join(verb.Examples(), "\n  "));
     if (verb.manual.operations.empty()) return footer;
     const auto lines = InLines(Words(verb.manual.operations, " "), " ", 2);
     return footer + fmt::format("\nLibrary operations:\n  {}", fmt::join(lines, "\n  "));

@@ -83,7 +83,7 @@ Result Rtm(const Verb &, const Arguments &arguments)
     constexpr uint64_t HEADER = 9;
     constexpr uint64_t ENTRY = 128;
     if (record.size() != HEADER + ENTRY * count) {
-        throw Error(Exit::BAD_VALUE, fmt::format("a record with {} entries has {} bytes, not {}", count,
+        throw Error(Exit::BAD_VALUE, fmt::format("a record whose count is {} has {} bytes, not {}", count,
                                                  HEADER + ENTRY * count, record.size()));
     }
     if (DeviceError(ZOR_RTM_DEVICE))

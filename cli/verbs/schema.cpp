@@ -6,6 +6,7 @@
 #include "cli/verbs/schema.h"
 
 #include <fmt/format.h>
+#include <set>
 
 #include "cli/change/plan.h"
 
@@ -174,16 +175,16 @@ Json Definitions()
 
 std::vector<std::string> ColumnNames(const Verb &verb)
 {
-    std::vector<std::string> names;
+    std::set<std::string> names;
     const Json schema = {{"$defs", Definitions()}};
     for (const Json &kind : RowKinds(verb)) {
         const std::string reference = kind.value("$ref", "#");
         if (reference.ends_with("/opaque")) continue;
         const Json &row = reference == "#" ? kind : schema[Json::json_pointer(reference.substr(1))];
         for (const auto &[name, property] : row["properties"].items())
-            names.push_back(name);
+            names.insert(name);
     }
-    return names;
+    return {names.begin(), names.end()};
 }
 
 Json OutputSchema()

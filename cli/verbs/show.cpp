@@ -150,7 +150,7 @@ std::string SizeText(const Json &row)
     const std::string most = row["max-ports"].is_null() ? "" : " of " + CellText(row["max-ports"]);
     std::string text = row["mtu"].is_null() ? "" : "MTU " + CellText(row["mtu"]);
     if (!row["used-ports"].is_null())
-        text += fmt::format("{}{} ports{}", text.empty() ? "" : ", ", CellText(row["used-ports"]), most);
+        text += (text.empty() ? "" : ", ") + Counted(row["used-ports"], "port") + most;
     const std::string policies = PolicyText(row["policies"], false);
     return text + (text.empty() || policies.empty() ? "" : "; ") + policies;
 }

@@ -54,14 +54,11 @@ std::vector<std::string> PortLines(const Json &group)
     if (group["count"] > 1) lines.push_back(fmt::format("{} ports", group["count"].get<size_t>()));
     for (const std::string &policy : PolicyTexts(group["policies"], true))
         lines.push_back(policy);
-    const Json &plugged = group["plugged"];
-    for (const auto &[port, interface] : plugged.items()) {
-        if (lines.size() > MAX_PLUGGED) {
-            lines.push_back(fmt::format("{} plugged in all", plugged.size()));
-            break;
-        }
-        lines.push_back(fmt::format("{} in {}", CellText(interface), CellText(port)));
-    }
+    size_t named = 0;
+    for (const auto &[port, interface] : group["plugged"].items())
+        if (named++ < MAX_PLUGGED)
+            lines.push_back(fmt::format("{} in {}", CellText(interface), CellText(port)));
+    if (named > MAX_PLUGGED) lines.push_back(fmt::format("{} plugged in all", named));
     return lines;
 }
 
@@ -76,7 +73,7 @@ std::string PortBoxes(const Json &ports, const std::string &node)
         else
             rest += ports[i]["count"].get<size_t>();
     }
-    if (rest) text += Box(node + "more", {fmt::format("{} more ports", rest)}) + Line(node + "more", node);
+    if (rest) text += Box(node + "more", {Counted(rest, "more port")}) + Line(node + "more", node);
     return text;
 }
 

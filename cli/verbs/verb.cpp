@@ -114,7 +114,8 @@ std::string OptionName(const Field &field) { return std::string("--") + field.na
     const auto names = VerbNames(noun);
     if (names.empty()) {
         const std::string suggestion = Suggest(noun, Nouns());
-        throw Error(Exit::USAGE, fmt::format("there is no noun '{}'", noun),
+        throw Error(Exit::USAGE,
+                    noun.empty() ? "a noun is missing" : fmt::format("there is no noun '{}'", noun),
                     suggestion.empty() ? "'vsctl help' lists the nouns" : suggestion);
     }
     const std::string list = fmt::format("the verbs of {} are {}", noun, fmt::join(names, ", "));
@@ -164,7 +165,7 @@ Json GivenFields(std::span<const Field> fields, const Arguments &arguments)
 {
     Json given;
     for (const Field &field : fields) {
-        const std::string option = std::string("--") + field.name;
+        const std::string option = OptionName(field);
         if (arguments.Has(option)) given[field.name] = ParseWord(field, arguments.Text(option));
     }
     return given;
@@ -231,6 +232,14 @@ Result Text(std::string text)
     return result;
 }
 
+std::vector<std::string> Verb::Examples() const
+{
+    std::vector<std::string> commands;
+    for (const std::string &example : Words(manual.examples, "\n"))
+        commands.push_back("vsctl " + Title() + (example.empty() ? "" : " ") + example);
+    return commands;
+}
+
 const std::vector<Verb> &Verbs()
 {
     static const std::vector<Verb> VERBS = [] {
@@ -257,14 +266,11 @@ Json VerbRow(const Verb &verb)
                              {"repeats", shape == Shape::MANY || shape == Shape::ANY},
                              {"takes-value", shape != Shape::FLAG}});
     }
-    Json examples = Json::array();
-    for (const std::string &example : Words(verb.manual.examples, "\n"))
-        examples.push_back("vsctl " + verb.Title() + (example.empty() ? "" : " ") + example);
     return {{"verb", verb.Title()},
             {"purpose", verb.manual.help},
             {"changes", verb.effect != Effect::READS},
             {"arguments", arguments},
-            {"examples", examples}};
+            {"examples", verb.Examples()}};
 }
 
 std::vector<std::string> Nouns()

@@ -93,11 +93,12 @@ struct Verb {
     const Policy *policy = nullptr;
 
     std::string Title() const { return name.empty() ? noun : noun + " " + name; }
+    std::vector<std::string> Examples() const; // whole commands
     // Whether people see its rows, not a text.
     bool PrintsTable() const
     {
-        return effect == Effect::STEPS || manual.record || (!manual.rows.empty() && manual.rows[0] != '@') ||
-               manual.rows == "@session";
+        return effect == Effect::STEPS || manual.record || name == "list" ||
+               (!manual.rows.empty() && manual.rows[0] != '@');
     }
 };
 
