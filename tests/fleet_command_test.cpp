@@ -149,10 +149,7 @@ private:
 
 TEST_F(RolloutTest, ATerminalShowsProgress)
 {
-    AddHosts(3);
-    StartDriver();
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 3; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
+    Begin(3);
     const std::string program = std::string(VSFLEET) + " --config " + config;
     Terminal watch(program + " watch net");
     watch.ReadUntil("host2");

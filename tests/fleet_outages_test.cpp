@@ -31,11 +31,8 @@ class Outages : public ThreeMembers, public testing::WithParamInterface<Outage> 
 TEST_P(Outages, PauseARollout)
 {
     const Outage &row = GetParam();
-    AddHosts(4);
+    Begin(4);
     StartDriver();
-    StartDriver();
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 4; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
     ASSERT_EQ(Push("net", "port1.toml", "--canary 1 --batch 1 --soak 1s --deadline 1s --detach").exitCode, 0);
     Await([](const Fleet &fleet) { return fleet.LastRollout("net")->record.started == 2; });
     for (int member = 0; member < row.members; member++)
@@ -92,11 +89,8 @@ TEST_P(LateWrites, AreRefused)
     const LateWrite &row = GetParam();
     Relay relay(etcd.Endpoints().addresses[0]);
     WriteConfig("slow", {relay.Address()}, row.lease);
-    AddHosts(2);
-    const pid_t driver = StartDriver("slow");
-    const int64_t leader =
-        Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 2; }).leader;
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
+    const pid_t driver = Begin(2, "slow");
+    const int64_t leader = Now().leader;
     const auto target = [](const Fleet &fleet) { return fleet.hosts.at("host1").target; };
     const auto isEmpty = [&](const Fleet &fleet) { return target(fleet).record.documents.empty(); };
     const auto isFull = [&](const Fleet &fleet) { return !isEmpty(fleet); };
@@ -143,11 +137,8 @@ INSTANTIATE_TEST_SUITE_P(Of, LateWrites,
 
 TEST_F(RolloutTest, ACompactionStopsNoDriver)
 {
-    AddHosts(2);
-    const pid_t first = StartDriver();
-    const int64_t leader =
-        Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 2; }).leader;
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
+    const pid_t first = Begin(2);
+    const int64_t leader = Now().leader;
     Client client(etcd.Endpoints());
     client.Compact(client.GetPrefix(keys::ROOT).revision);
     const pid_t second = StartDriver();
@@ -173,10 +164,7 @@ class Restored : public RolloutTest, public testing::WithParamInterface<bool> {}
 TEST_P(Restored, IsFollowedOnlyWhenItIsAdopted)
 {
     const bool isRunning = GetParam();
-    AddHosts(2);
-    const pid_t first = StartDriver();
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 2; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
+    const pid_t first = Begin(2);
     etcd.BackUp();
     ASSERT_EQ(Push("net", "port1.toml").exitCode, 0);
     std::this_thread::sleep_for(LEASE);
@@ -220,10 +208,7 @@ protected:
 
 TEST_F(SmallEtcd, ThatIsFullHoldsARollout)
 {
-    AddHosts(3);
-    StartDriver();
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 3; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
+    Begin(3);
     ASSERT_EQ(Push("net", "port1.toml", "--canary 1 --batch 1 --soak 3s --detach").exitCode, 0);
     Await([](const Fleet &fleet) { return fleet.LastRollout("net")->record.started == 1; });
     Client client(etcd.Endpoints());
@@ -252,11 +237,8 @@ TEST_F(SmallEtcd, ThatIsFullHoldsARollout)
 // rollout has passed its limit, and no host has been changed twice by one.
 TEST_F(ThreeMembers, ChanceFindsNothing)
 {
-    constexpr int HOSTS = 5;
-    AddHosts(HOSTS);
-    std::array<pid_t, 2> running = {StartDriver(), StartDriver()};
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == HOSTS; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
+    constexpr size_t HOSTS = 5;
+    std::array<pid_t, 2> running = {Begin(HOSTS), StartDriver()};
     const auto first = static_cast<unsigned>(Given("FLEET_FIRST_SCHEDULE", 1)),
                schedules = static_cast<unsigned>(Given("FLEET_SCHEDULES", 4));
     for (unsigned seed = first; seed < first + schedules; seed++) {

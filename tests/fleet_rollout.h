@@ -68,10 +68,10 @@ protected:
         return Path(user + ".toml");
     }
 
-    void AddHosts(int count)
+    void AddHosts(size_t count)
     {
         Client client(etcd.Endpoints());
-        for (int i = 0; i < count; i++) {
+        for (size_t i = 0; i < count; i++) {
             const std::string host = fmt::format("host{}", i);
             client.Commit(Transaction().Put(keys::Labels(host), ToText(Labels{{"site", "a"}})));
             agents.push_back(std::make_unique<LightAgent>(etcd.Endpoints(), host, LEASE));
@@ -83,6 +83,16 @@ protected:
         const std::string own = user.empty() ? config : Path(user + ".toml");
         drivers.push_back(Spawn(fmt::format("{} drive --config {}", VSFLEET, own), Path("drivers.log")));
         return drivers.back();
+    }
+
+    // Hosts that follow a first document. Returns the driver that has rolled it out.
+    pid_t Begin(size_t hosts, const std::string &user = "")
+    {
+        AddHosts(hosts);
+        const pid_t driver = StartDriver(user);
+        Await([&](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == hosts; });
+        EXPECT_EQ(Push("net", "port0.toml").exitCode, 0);
+        return driver;
     }
 
     static void End(pid_t driver, int signal)

@@ -28,10 +28,7 @@ TEST_F(RolloutTest, APushReachesAllHosts)
 
 TEST_F(RolloutTest, FailuresBringItBack)
 {
-    AddHosts(4);
-    StartDriver();
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 4; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
+    Begin(4);
     agents[1]->Behave(Habit::FAILS);
     agents[2]->Behave(Habit::IGNORES);
     const std::string options = "--select site=a --batch 1 --deadline 1s --max-failures ";
@@ -59,10 +56,7 @@ TEST_F(RolloutTest, FailuresBringItBack)
 
 TEST_F(RolloutTest, OperatorsLookAndSteer)
 {
-    AddHosts(3);
-    StartDriver();
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 3; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
+    Begin(3);
     const Said diff = Run("diff net " + Path("port1.toml") + " --json");
     EXPECT_EQ(diff.exitCode, 10) << diff.text;
     EXPECT_EQ(diff.Result()[1]["steps"][0]["after"], "host1");
@@ -120,10 +114,7 @@ TEST_F(RolloutTest, OperatorsLookAndSteer)
 
 TEST_F(RolloutTest, APushIsRefusedWithItsReason)
 {
-    AddHosts(2);
-    StartDriver();
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 2; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
+    Begin(2);
     Write("bad.toml", "[switches.lab]\nuplinks = [\"uplink0\"]\nmtu = \"big\"\n");
     Write("broken.json", "{\"switches\": {");
     // Names that don't compress: as many as etcd takes, and too many.
@@ -181,11 +172,7 @@ TEST_F(RolloutTest, APushIsRefusedWithItsReason)
 
 TEST_F(RolloutTest, ADriverGoesOnWhereAnotherStopped)
 {
-    AddHosts(5);
-    std::array<pid_t, 2> running = {StartDriver(), 0};
-    Await([](const Fleet &fleet) { return fleet.leader && fleet.hosts.size() == 5; });
-    ASSERT_EQ(Push("net", "port0.toml").exitCode, 0);
-    running[1] = StartDriver();
+    std::array<pid_t, 2> running = {Begin(5), StartDriver()};
     for (const int signal : {SIGKILL, SIGSTOP}) {
         const int64_t leader = Now().leader;
         ASSERT_EQ(Push("net", "port1.toml", "--canary 1 --batch 1 --soak 1s --detach").exitCode, 0);
