@@ -11,7 +11,6 @@ import unittest
 
 from live_host import *
 
-KILLS = 20
 IN_PROCESS = """
 import sys
 sys.argv = [sys.argv[0]] + sys.argv[1:]
@@ -61,22 +60,6 @@ class Devices(LiveHost):
             self.assertIsInstance(request(path, number, struct.pack("=IIB", 0, 0, 0)), bytes, hex(number))
         self.assertEqual(request(path, 77, b"short"), errno.EINVAL)
 
-    def test_no_caller_hangs_or_fails_when_the_daemon_is_killed(self):
-        callers = [Caller(self.device, GET_INFO, portset_input("one")) for _ in range(3)]
-        for caller in callers:
-            caller.start()
-        for _ in range(KILLS):
-            answered = [caller.answered for caller in callers]
-            self.kill_worker()
-            wait_until(lambda: all(caller.answered > before for caller, before in zip(callers, answered)),
-                       "answers to every caller")
-        for caller in callers:
-            caller.ends.set()
-            caller.join(LONGEST_WAIT)
-            self.assertFalse(caller.is_alive())
-            self.assertEqual(caller.refused, [])
-        self.assertEqual(self.read_log().count("is started again"), KILLS)
-
     def test_the_file_says_who_may_open_the_device(self):
         opener = ["sh", "-c", f"exec 3<>{self.device}"]
         os.chmod(self.directory, 0o755)
@@ -125,14 +108,6 @@ class Supervisor(LiveHost):
             self.start()
             release.join()
         self.assertNotIn("runs already", self.read_log())
-
-    def test_the_next_one_follows_a_killed_supervisor(self):
-        self.start()
-        self.kill_supervisor()
-        with self.assertRaisesRegex(OSError, "not connected"):
-            os.listdir(self.directory / "dev")
-        self.start()
-        self.assertIsInstance(request(self.device, GET_SWITCHES, struct.pack("=I", 1)), bytes)
 
     def test_each_refusal_is_a_line_that_says_what_to_do(self):
         self.start()

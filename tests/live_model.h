@@ -631,12 +631,9 @@ private:
     std::vector<uint32_t> Members(const std::vector<uint32_t> &numbers,
                                   const std::vector<uint32_t> &others) const
     {
-        const auto contains = [](const std::vector<uint32_t> &list, uint32_t number) {
-            return std::find(list.begin(), list.end(), number) != list.end();
-        };
         std::vector<uint32_t> members;
         for (uint32_t number : numbers)
-            if (contains(UplinkNumbers(), number) && !contains(members, number) && !contains(others, number))
+            if (Contains(UplinkNumbers(), number) && !Contains(members, number) && !Contains(others, number))
                 members.push_back(number);
         return members;
     }

@@ -121,28 +121,6 @@ class Plugging(PluggedHost):
                             c.holder.pid, "10.9.0.255", flips, timeout=1000)
         self.assertEqual(done.stdout.split(), [str(flips), "0"])
 
-    def test_forwarding_goes_on_while_the_daemon_is_dead_and_after_its_restart(self):
-        a, b = self.two()
-        self.assertTrue(a.reaches(b))
-        stream = subprocess.Popen(["nsenter", f"--net=/proc/{a.holder.pid}/ns/net", sys.executable, "-c", SEND,
-                                   b.address, "300", "0.01", "10"], stdout=subprocess.PIPE, text=True)
-        for _ in range(5):
-            self.kill_worker()
-            self.vsctl("port", "vlan", "one", "3", "7")
-        self.assertEqual(stream.communicate(timeout=60)[0], "300\n")
-        self.vsctl("port", "vlan", "one", "2", "300")
-        wait_until(lambda: not a.reaches(b), "no answer")
-
-    def test_the_whole_supervisor_may_end_and_come_back(self):
-        a, b = self.two()
-        self.daemon.terminate()
-        self.assertEqual(self.daemon.wait(LONGEST_WAIT), 0)
-        self.assertTrue(a.reaches(b))
-        self.start()
-        self.assertTrue(a.reaches(b))
-        self.vsctl("port", "vlan", "one", "2", "300")
-        wait_until(lambda: not a.reaches(b), "no answer")
-
     def test_an_interface_that_comes_back_is_plugged_again(self):
         a, b = self.two()
         run("ip", "link", "del", a.interface)

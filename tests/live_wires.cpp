@@ -159,30 +159,17 @@ void Wire::Mark(const Bytes &frame)
     EXPECT_EQ(send(nearEnd.Get(), frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
 }
 
-std::unique_ptr<Wire> MakeVeth(const std::string &name) { return std::make_unique<Veth>(name); }
-
-std::unique_ptr<Wire> MakeTap(const std::string &name) { return std::make_unique<Tap>(name); }
-
 WireSet MakeWires(const std::vector<uint32_t> &taps)
 {
     WireSet wires;
     for (uint32_t port = 1; port <= PORTS; port++) {
         const std::string name = "port" + std::to_string(port);
-        const bool isTap = std::count(taps.begin(), taps.end(), port) != 0;
-        wires.push_back(isTap ? MakeTap(name) : MakeVeth(name));
+        if (std::count(taps.begin(), taps.end(), port))
+            wires.push_back(std::make_unique<Tap>(name));
+        else
+            wires.push_back(std::make_unique<Veth>(name));
     }
     return wires;
-}
-
-std::vector<Sent> Take(Wire &wire, uint32_t port, size_t count)
-{
-    std::vector<Sent> taken;
-    for (int waited = 0; taken.size() < count && waited < PATIENCE;)
-        if (const std::optional<Bytes> frame = wire.Receive())
-            taken.push_back(MakeSent(port, *frame));
-        else
-            waited += poll(nullptr, 0, 1) + 1;
-    return taken;
 }
 
 Wires::Wires(const LoadOptions &options, WireSet &wires) : Medium(options), wires(wires)

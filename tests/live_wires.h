@@ -40,9 +40,6 @@ private:
     Descriptor nearEnd;
 };
 
-std::unique_ptr<Wire> MakeVeth(const std::string &name);
-std::unique_ptr<Wire> MakeTap(const std::string &name);
-
 // The wires of ports 1 to 9: veth pairs, but taps at those in `taps`.
 using WireSet = std::vector<std::unique_ptr<Wire>>;
 WireSet MakeWires(const std::vector<uint32_t> &taps = {});
@@ -67,8 +64,5 @@ private:
 
     WireSet &wires;
 };
-
-// Takes `count` frames that are sure to arrive, or as many as come in reasonable time.
-std::vector<Sent> Take(Wire &wire, uint32_t port, size_t count);
 
 }
