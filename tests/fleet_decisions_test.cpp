@@ -384,19 +384,6 @@ TEST_F(Five, PauseAtOnceWhenManyGo)
     EXPECT_EQ(Following(NEW), 5);
 }
 
-TEST_F(Five, GoOnWhenOneGoes)
-{
-    When(2, [this] { simulation.Delete(keys::Claim("h4")); });
-    simulation.Push(Options(1, 1, 0));
-    Settle(DONE);
-    EXPECT_EQ(Turns(simulation.RolloutOf()), "CCCCA");
-    // It follows when it is back.
-    simulation.Put(keys::Claim("h4"), "{}");
-    simulation.Settle(Milliseconds(5000));
-    EXPECT_EQ(Following(NEW), 5);
-    EXPECT_EQ(simulation.applications["h4"], 1);
-}
-
 TEST_F(Five, WaitForTheirHostsWhenMostAreAbsent)
 {
     for (const char *host : {"h1", "h2", "h3"})

@@ -76,19 +76,4 @@ TEST_F(LabTest, APortComesAsABundle)
     EXPECT_EQ(bundleKinds, std::vector<uint32_t>{5});
 }
 
-TEST_F(LabTest, APortNumberStandsInTheStatusRecord)
-{
-    const std::string record = std::string(16, '\xff') + Word(42) + "more", none;
-    const std::vector<Reading::Case> cases = {{record.substr(0, 20), STATUS_OK, Word(42)},
-                                              {record, STATUS_OK, Word(42)},
-                                              {record.substr(0, 19), STATUS_FAILURE, none},
-                                              {"", STATUS_FAILURE, none},
-                                              {{}, STATUS_NOT_FOUND, none}};
-    Reading{PORT_STATUS, OnPort(VSDVS_DvPortIDToPortID), cases}.Check();
-    const auto byId = [](char *out) {
-        return VSDVS_DvPortIDToPortIDFromDVSID(LAB_ID, PORT, reinterpret_cast<uint32_t *>(out));
-    };
-    Reading{PORT_STATUS, byId, cases}.Check();
-}
-
 }

@@ -1,5 +1,5 @@
-// Policies at the ends of their ranges: the greatest counts, and stored values that are not as long as a
-// record.
+// Policies at the ends of their ranges: the greatest counts, stored values that are not as long as a record,
+// and the two calls that read a property.
 #include "tests/family.h"
 
 namespace {
@@ -48,7 +48,6 @@ TEST_F(LabTest, AStoredValueIsReadByItsRule)
 {
     const std::optional<std::string> absent;
     const std::string on = "\1", off = "\0"s, teaming = Pattern(3000), none;
-    const std::string text(140, 't');
     const Reading readings[] = {
         {PORT_SECURITY,
          OnPort(VSDVS_GetPortSecurity),
@@ -84,33 +83,60 @@ TEST_F(LabTest, AStoredValueIsReadByItsRule)
           {Text("Always"), STATUS_OK, off},
           {Text("normal"), STATUS_OK, off},
           {"", STATUS_OK, off}}},
-        {PORT_TEAMING_OVERRIDE,
-         OnPort(VSDVS_GetPortTeamingOverride),
-         {{absent, STATUS_NOT_FOUND, Field("", 81)},
-          {Text("nic1"), STATUS_OK, Field("nic1", 81)},
-          {Text(text.substr(0, 80)), STATUS_OK, Text(text.substr(0, 80))},
-          {text.substr(0, 81), STATUS_OK, Text(text.substr(0, 80))},
-          {Text(text.substr(0, 81)), STATUS_FAILURE, Field("", 81)}}},
-        {PORT_LS_TEAMING,
-         OnPort(VSDVS_GetPortLSTeamingPolicyName),
-         {{absent, STATUS_NOT_FOUND, Field("", 136)},
-          {Text("gold"), STATUS_OK, Field("gold", 136)},
-          {Text(text.substr(0, 135)), STATUS_OK, Text(text.substr(0, 135))},
-          {text.substr(0, 136), STATUS_OK, text.substr(0, 136)},
-          {Text(text.substr(0, 136)), STATUS_FAILURE, Field("", 136)}}},
-        {SWITCH_MCAST_FILTER,
-         OnSwitch(VSDVS_GetMcastFilterMode),
-         {{Text("legacyFiltering"), STATUS_OK, Word(0)},
-          {Text("legacyFiltering") + "x", STATUS_OK, Word(0)},
-          {Text("snooping"), STATUS_OK, Word(1)},
-          {"legacyFiltering", STATUS_FAILURE, none},
-          {"snooping", STATUS_FAILURE, none},
-          {Text("Snooping"), STATUS_FAILURE, none},
-          {Text("snoopings"), STATUS_FAILURE, none},
-          {"", STATUS_FAILURE, none}}},
     };
     for (const Reading &reading : readings)
         reading.Check();
+}
+
+// ---- Properties by their key: one protocol at three levels ----
+
+constexpr char KEY[] = "com.example.key";
+
+const struct {
+    StoreLevel level;
+    VsStatus (*get)(const char *alias, const char *key, PropValueBuffer *value, const char *id, uint8_t use);
+} LEVELS[] = {
+    {StoreLevel::GLOBAL, VSDVS_GetGlobProp},
+    {StoreLevel::HOST, VSDVS_GetHostProp},
+    {StoreLevel::PORT, [](auto alias, auto... rest) { return VSDVS_GetPortProp(alias, PORT, rest...); }},
+};
+
+TEST_F(LabTest, APropertyIsReadInTwoCalls)
+{
+    const std::string five = "\1\0\2\0\3"s;
+    const struct {
+        std::optional<std::string> stored;
+        std::vector<int32_t> lengths;
+        VsStatus status, withoutData;
+    } cases[] = {
+        {{}, {0, 5, -1}, STATUS_NOT_FOUND, STATUS_NOT_FOUND},
+        {five, {0}, STATUS_OK, STATUS_OK},
+        {five, {5, 6, 16, INT32_MAX}, STATUS_OK, STATUS_BAD_PARAM},
+        {five, {4, 1, -1, INT32_MIN}, STATUS_NO_MEMORY, STATUS_NO_MEMORY},
+        {"", {0, 4}, STATUS_OK, STATUS_OK},
+        {"", {-1}, STATUS_NO_MEMORY, STATUS_NO_MEMORY},
+    };
+    for (const auto &level : LEVELS) {
+        for (const auto &row : cases) {
+            Store({KEY, level.level, 0x10}, row.stored);
+            for (const int32_t length : row.lengths) {
+                SCOPED_TRACE(std::to_string(static_cast<int>(level.level)) + " into " +
+                             std::to_string(length));
+                std::string buffer(16, '#');
+                const bool asked = row.status == STATUS_OK && length == 0;
+                const int32_t after = asked ? static_cast<int32_t>(row.stored->size()) : length;
+                PropValueBuffer value = {length, buffer.data()}, withoutData = {length, nullptr};
+                EXPECT_EQ(level.get(LAB, KEY, &value, nullptr, 1), row.status);
+                const std::string read = row.status == STATUS_OK && !asked ? *row.stored : "";
+                EXPECT_EQ(buffer, read + std::string(16 - read.size(), '#'));
+                EXPECT_EQ(value.length, after);
+                EXPECT_EQ(level.get(LAB, KEY, &withoutData, nullptr, 1), row.withoutData);
+                EXPECT_EQ(withoutData.length, after);
+            }
+        }
+        PropValueBuffer withoutData = {5, nullptr};
+        EXPECT_EQ(level.get("unknown", KEY, &withoutData, nullptr, 1), STATUS_NOT_FOUND);
+    }
 }
 
 }

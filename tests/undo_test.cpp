@@ -87,26 +87,6 @@ TEST_F(Undo, ListsPortsInTheOrderOfTheirNumbers)
     EXPECT_EQ(some[2].id[0], 0x5A) << "written beyond the capacity";
 }
 
-TEST_F(Undo, PortsWithEqualPropertiesHaveEqualHashes)
-{
-    const auto isEqual = [] {
-        const auto ports = Ports();
-        return ports[2].properties == ports[3].properties;
-    };
-    const uint32_t flags = 5;
-    const uint8_t on = 1;
-    EXPECT_TRUE(isEqual());
-    ASSERT_EQ(VSDVS_SetPortSecurity(LAB, "port0", &flags), STATUS_OK);
-    EXPECT_FALSE(isEqual());
-    ASSERT_EQ(VSDVS_SetPortNestedVLANTagging(LAB, "port0", on), STATUS_OK);
-    ASSERT_EQ(VSDVS_SetPortNestedVLANTagging(LAB, "port1", on), STATUS_OK);
-    ASSERT_EQ(VSDVS_SetPortSecurity(LAB, "port1", &flags), STATUS_OK);
-    EXPECT_TRUE(isEqual()) << "set in another order";
-    const uint32_t others = 4;
-    ASSERT_EQ(VSDVS_SetPortSecurity(LAB, "port1", &others), STATUS_OK);
-    EXPECT_FALSE(isEqual());
-}
-
 TEST_F(Undo, ListsTheNicsOfTheHost)
 {
     ASSERT_EQ(vshost_scenario(R"({"nics": {"eth10": {"speed": 1000, "full-duplex": false, "link": false},

@@ -152,15 +152,4 @@ TEST_F(Uplinks, ListsThatAreNotWholeAreNotRead)
     ExpectRead({id, id.substr(1)});
 }
 
-TEST_F(Uplinks, AreThoseOfBothLists)
-{
-    ASSERT_EQ(Set({"b", "a"}, {"a", "b"}), STATUS_OK);
-    const uint64_t before = vshost_fingerprint();
-    for (const char *alias : {"a", PORT}) { // a port that only the names have, and a port in neither list
-        Write(PORT_ALIAS, Text(alias));
-        EXPECT_EQ(RemoveUplink(PORT), STATUS_OK);
-    }
-    EXPECT_EQ(vshost_fingerprint(), before);
-}
-
 }

@@ -20,7 +20,7 @@ FOLDERS = ("core", "lifecycle", "policy", "kernel")
 COMPARISONS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "=="}
 # The tests that kill most come first.
 TESTS = ("operations_test", "kernel_test", "policy_test", "uplink_test", "lifecycle_test", "mirror_test", "mtu_test",
-         "identity_test", "property_test", "fault_test", "model_test")
+         "identity_test", "fault_test", "model_test")
 # Takes minutes, and tests only the words of commands.
 SHELL_TEST = "hostile_names_test"
 TIME_LIMIT = 60  # seconds for one test program; a mutant that loops is killed by it
