@@ -64,7 +64,7 @@ std::vector<std::string> Columns(const Json &rows)
     std::vector<std::string> columns;
     for (const Json &row : rows) {
         for (const auto &[key, value] : row.items()) {
-            if (std::find(columns.begin(), columns.end(), key) == columns.end()) columns.push_back(key);
+            if (!Contains(columns, key)) columns.push_back(key);
         }
     }
     return columns;
@@ -158,7 +158,7 @@ Json Chosen(const Json &rows, const std::vector<std::string> &columns)
 {
     const auto known = Columns(rows);
     for (const std::string &column : columns) {
-        if (std::find(known.begin(), known.end(), column) != known.end()) continue;
+        if (Contains(known, column)) continue;
         throw Error(Exit::USAGE, fmt::format("there is no column '{}'", column),
                     fmt::format("the columns are {}", fmt::join(known, ",")));
     }

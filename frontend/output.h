@@ -1,6 +1,7 @@
 // What a command prints: rows, as an aligned table or as JSON.
 #pragma once
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "frontend/error.h"
@@ -8,6 +9,11 @@
 namespace frontend {
 
 using Json = nlohmann::ordered_json;
+
+template<class List, class Value> bool Contains(const List &list, const Value &value)
+{
+    return std::find(std::begin(list), std::end(list), value) != std::end(list);
+}
 
 // Writes to standard output. Ends the command without an error when the reader has gone.
 void Print(const std::string &text);

@@ -13,13 +13,6 @@ namespace {
 using vswitch::RecordField;
 using Fields = std::span<const RecordField>;
 
-template<class T> T Load(const void *bytes, size_t size = sizeof(T))
-{
-    T record{};
-    memcpy(&record, bytes, std::min(size, sizeof record));
-    return record;
-}
-
 Json DecodeField(const RecordField &field, const void *record)
 {
     const char *place = static_cast<const char *>(record) + field.offset;

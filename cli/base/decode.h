@@ -2,7 +2,6 @@
 #pragma once
 
 #include <functional>
-#include <optional>
 #include <vswitch_fields.h>
 
 #include "cli/base/library.h"

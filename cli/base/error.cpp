@@ -2,7 +2,6 @@
 #include "cli/base/error.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>

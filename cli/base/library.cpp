@@ -3,12 +3,9 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <malloc.h>
 #include <set>
-#include <unistd.h>
 #include <vswitch_driver.h>
 
 #include "cli/base/forward.h"
@@ -21,18 +18,12 @@ namespace {
 
 constexpr const char *LEVEL_NAMES[] = {"global", "host", "port"};
 
-// Throws the status, with the nearest name where the driver can list the switches.
-[[noreturn]] void ThrowUnknownSwitch(VsStatus status, const std::string &alias)
+// Throws unless the switch was found, with the nearest name where the driver can list the switches.
+void CheckFound(VsStatus status, const std::string &alias)
 {
-    try {
-        Check(status, "finding", {alias, ""});
-    } catch (Error &error) {
-        std::string suggestion;
-        if (status == STATUS_NOT_FOUND && DeviceError(ZOR_DEVICE) == 0)
-            suggestion = Suggest(alias, SwitchNames());
-        throw Error(error, error.problem, suggestion.empty() ? error.advice : suggestion);
-    }
-    throw Error(Exit::NOT_FOUND, "finding switch " + alias + " failed");
+    if (status == STATUS_OK) return;
+    const bool isListed = status == STATUS_NOT_FOUND && DeviceError(ZOR_DEVICE) == 0;
+    Check(status, "finding", {alias, ""}, isListed ? Suggest(alias, SwitchNames()) : "");
 }
 
 constexpr uint32_t MAX_RANGE = 65536;
@@ -245,7 +236,7 @@ bool SwitchExists(const std::string &alias)
 std::string SwitchId(const std::string &alias)
 {
     char id[SWITCH_ID_SIZE];
-    if (VsStatus status = DVSAliasToSwitchId(alias.c_str(), id)) ThrowUnknownSwitch(status, alias);
+    CheckFound(DVSAliasToSwitchId(alias.c_str(), id), alias);
     return id;
 }
 
@@ -286,9 +277,7 @@ std::string PortsetUser(const std::string &portset)
 void RequireNoBarePortset(const std::string &portset)
 {
     if (DeviceError(ZOR_DEVICE)) return; // nothing runs where there is no driver
-    const auto running = Portsets();
-    if (std::find(running.begin(), running.end(), portset) == running.end()) return;
-    if (!PortsetUser(portset).empty()) return;
+    if (!Contains(Portsets(), portset) || !PortsetUser(portset).empty()) return;
     throw Error(Exit::FAILURE,
                 fmt::format("portset {} runs without a switch, and the library cannot remove it", portset),
                 fmt::format("remove it with /bin/tybel -e set /net/portsets/{}/destroy destroy", portset));
@@ -297,7 +286,7 @@ void RequireNoBarePortset(const std::string &portset)
 std::string PortsetOf(const std::string &alias)
 {
     char portset[PORTSET_NAME_SIZE];
-    if (VsStatus status = DVSAliasToPortsetName(alias.c_str(), portset)) ThrowUnknownSwitch(status, alias);
+    CheckFound(DVSAliasToPortsetName(alias.c_str(), portset), alias);
     return portset;
 }
 

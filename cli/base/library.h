@@ -37,6 +37,14 @@ private:
 template<class T> using StoreBuffer = Buffer<T, VSDVS_FreeMemory>;
 template<class T = void> using DriverBuffer = Buffer<T, VSZOR_FreeMemory>;
 
+// A record of which there are `size` bytes; the rest is zero.
+template<class Record> Record Load(const void *bytes, size_t size = sizeof(Record))
+{
+    Record record{};
+    memcpy(&record, bytes, std::min(size, sizeof record));
+    return record;
+}
+
 // Throws when a driver's list counts more entries than its buffer, which comes from malloc, has room for. A
 // list that grows between the two requests for it is read in part.
 void RequireEntries(const void *list, size_t headerSize, size_t count, size_t entrySize);

@@ -198,25 +198,21 @@ constexpr Field LS_TABLE_FIELDS[] = {
 
 // The library returns a stored table without checking its length, so its count is compared with the length
 // of the property.
-VsStatus ReadStoredTable(const Target &target, bool byId, Json &value)
+template<bool BY_ID> VsStatus ReadLsTable(const Target &target, Json &value)
 {
     StoreBuffer<LSTeamingPolicyTable> table;
-    const VsStatus status = byId ? VSDVS_GetLSTeamingPolicyTableFromDVSID(target.Alias(), table.Out())
-                                 : VSDVS_GetLSTeamingPolicyTable(target.Alias(), table.Out());
+    const VsStatus status = BY_ID ? VSDVS_GetLSTeamingPolicyTableFromDVSID(target.Alias(), table.Out())
+                                  : VSDVS_GetLSTeamingPolicyTable(target.Alias(), table.Out());
     if (status != STATUS_OK) return status;
     int32_t length = 0;
     const NamedProperty property{PropertyLevel::GLOBAL, target, "com.talpex.vswitch.logicalswitch.teaming",
-                                 byId};
+                                 BY_ID};
     if (auto failed = property.Length(length)) return failed;
     const uint64_t needed = sizeof *table.Get() + uint64_t{table->count} * sizeof(LSTeamingPolicyEntry);
     if (needed > static_cast<uint64_t>(length)) return STATUS_FAILURE;
     value = ListToJson(NAMED_TEAMING, Entries<LSTeamingPolicyEntry>(table.Get(), table->count));
     return STATUS_OK;
 }
-
-VsStatus ReadLsTable(const Target &target, Json &value) { return ReadStoredTable(target, false, value); }
-
-VsStatus ReadLsTableById(const Target &target, Json &value) { return ReadStoredTable(target, true, value); }
 
 VsStatus ReadLiveLsTable(const Target &target, Json &value)
 {
@@ -348,11 +344,11 @@ const Policy POLICIES[] = {
      PVLAN_FIELDS, ReadPrivateVlans, WritePrivateVlans, ClearPrivateVlans, "",
      "VSDVS_GetPrivateVLANMap VSDVS_SetPrivateVLANMap", nullptr, nullptr, nullptr, nullptr, "private VLAN"},
     {"ls-teaming", PropertyLevel::GLOBAL, "com.talpex.vswitch.logicalswitch.teaming", false,
-     "logical-switch teaming policies of a switch", LS_TABLE_FIELDS, ReadLsTable, WriteLsTable,
+     "logical-switch teaming policies of a switch", LS_TABLE_FIELDS, ReadLsTable<false>, WriteLsTable,
      Call<VSDVS_ClearLSTeamingPolicy>, "",
      "VSDVS_GetLSTeamingPolicyTable VSDVS_GetLSTeamingPolicyTableFromDVSID VSDVS_SetLSTeamingPolicy "
      "VSDVS_ClearLSTeamingPolicy VSZOR_GetLSTeamingPolicyTable",
-     nullptr, ReadLiveLsTable, ReadLsTableById, nullptr, "policy"},
+     nullptr, ReadLiveLsTable, ReadLsTable<true>, nullptr, "policy"},
     {"mirror", PropertyLevel::HOST, "com.talpex.vswitch.uplinkMirrorSessions", true,
      "mirror sessions of a switch's uplinks on this host", MIRROR_FIELDS, ReadMirror, WriteMirror,
      ClearMirror, "", MIRROR_OPERATIONS, nullptr, nullptr, nullptr, nullptr, "mirror session", AppendMirror,
@@ -451,7 +447,7 @@ Json MergedList(const Policy &policy, const Json &stored, const Json &change)
     Json list = stored.is_null() ? Json::array() : stored;
     for (const Json &entry : change.value("add", Json::array())) {
         const Json canonical = CanonicalRecord(*policy.fields[0].layout, entry);
-        if (std::find(list.begin(), list.end(), canonical) == list.end()) list.push_back(canonical);
+        if (!Contains(list, canonical)) list.push_back(canonical);
     }
     for (const Json &name : change.value("remove", Json::array()))
         std::erase_if(list.get_ref<Json::array_t &>(),

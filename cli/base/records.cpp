@@ -15,13 +15,6 @@ namespace {
         offsetof(Record, member), sizeof(Record::member)                                                     \
     }
 
-template<class Record> Record Load(const uint8_t *bytes)
-{
-    Record record;
-    memcpy(&record, bytes, sizeof record);
-    return record;
-}
-
 uint32_t LoadNumber(const Place &place, const uint8_t *record)
 {
     uint32_t number = 0;

@@ -25,9 +25,7 @@ bool IsNumber(const Field &field, const Json &value)
 
 bool IsChoice(const Field &field, const Json &value)
 {
-    const auto words = Words(field.choices, "|");
-    return value.is_string() &&
-           std::find(words.begin(), words.end(), value.get<std::string>()) != words.end();
+    return value.is_string() && Contains(Words(field.choices, "|"), value.get_ref<const std::string &>());
 }
 
 bool IsText(const Json &value, int64_t min, int64_t max)

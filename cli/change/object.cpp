@@ -1,7 +1,6 @@
 // Reads, makes and removes switches and ports.
 #include "cli/change/object.h"
 
-#include <algorithm>
 #include <fmt/format.h>
 #include <sys/random.h>
 

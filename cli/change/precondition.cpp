@@ -13,11 +13,6 @@ namespace vsctl {
 
 namespace {
 
-bool Contains(const std::vector<std::string> &names, const std::string &name)
-{
-    return std::find(names.begin(), names.end(), name) != names.end();
-}
-
 // A switch after the steps so far. What no step has changed is read from the host on demand.
 class SwitchState {
 public:

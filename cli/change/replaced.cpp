@@ -15,11 +15,6 @@ constexpr const char *ONE_RECORD[] = {"eth-filter", "sink"};
 
 const Json ABSENT = {{"absent", true}};
 
-bool IsIn(const Json &list, const std::string &name)
-{
-    return std::find(list.begin(), list.end(), name) != list.end();
-}
-
 bool IsAbsent(const Json &entry) { return entry.value("absent", false); }
 
 bool NamesRecord(const Json &entry)
@@ -50,8 +45,9 @@ void ClearPolicies(Json &entry, const Json &old, bool ofPort)
             AddFields(*policy, entry[policy->name], old[policy->name]);
             continue;
         }
-        const bool sharesRecord = IsIn(ONE_RECORD, policy->name) && NamesRecord(entry);
-        if (policy->CanClear() && !sharesRecord && !IsIn(entry.value("clear", Json::array()), policy->name))
+        const bool sharesRecord = Contains(ONE_RECORD, std::string_view(policy->name)) && NamesRecord(entry);
+        if (policy->CanClear() && !sharesRecord &&
+            !Contains(entry.value("clear", Json::array()), policy->name))
             entry["clear"].push_back(policy->name);
     }
 }
@@ -62,7 +58,7 @@ void DropUplinks(const std::string &alias, Json &entry, const Json &old)
     if (entry.contains("uplinks") || !old.contains("uplinks") || !SwitchExists(alias)) return;
     Json kept = Json::array();
     for (const std::string &name : ReadUplinks(alias).ids) {
-        if (!IsIn(old["uplinks"], name)) kept.push_back(name);
+        if (!Contains(old["uplinks"], name)) kept.push_back(name);
     }
     entry["uplinks"] = kept;
 }
@@ -86,7 +82,7 @@ void RemovePorts(const std::string &alias, Json &entry, const Json &old)
     for (const auto &[name, port] : PortsOf(old)) {
         if (IsAbsent(port)) continue;
         // The list of uplinks says whether an uplink goes.
-        if (!ports.contains(name)) ports[name] = IsIn(uplinks, name) ? Json::object() : ABSENT;
+        if (!ports.contains(name)) ports[name] = Contains(uplinks, name) ? Json::object() : ABSENT;
         if (!IsAbsent(ports[name])) ClearPolicies(ports[name], port, true);
     }
     if (!ports.empty()) entry["ports"] = ports;

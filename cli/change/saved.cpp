@@ -2,7 +2,6 @@
 #include "cli/change/saved.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <fmt/format.h>
 #include <set>
 
@@ -24,11 +23,6 @@ constexpr const char *OTHER_HOST_KEYS[] = {UPLINK_IDS_KEY};
 // A port may wait for the number or NIC of another port, which waits for a third.
 constexpr int MAX_ROUNDS = 16;
 
-bool IsVolatile(const std::string &key)
-{
-    return std::find(std::begin(VOLATILE_KEYS), std::end(VOLATILE_KEYS), key) != std::end(VOLATILE_KEYS);
-}
-
 // All properties; where the platform cannot list them, those that vsctl knows.
 std::vector<NamedProperty> PropertiesOf(const Target &target)
 {
@@ -37,7 +31,7 @@ std::vector<NamedProperty> PropertiesOf(const Target &target)
     if (IsEmbedded()) {
         const auto names = ListProperties(SwitchId(target.alias), target.port);
         for (const vshost_property_name &name : names.value_or(std::vector<vshost_property_name>())) {
-            if (!IsVolatile(name.key))
+            if (!Contains(VOLATILE_KEYS, std::string_view(name.key)))
                 properties.push_back({static_cast<PropertyLevel>(name.level), target, name.key});
         }
         return properties;

@@ -2,7 +2,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include "cli/base/forward.h"
 #include "cli/change/change.h"

@@ -105,8 +105,7 @@ Error UsageError(const Verb &verb, const CLI::ParseError &error, const std::vect
     for (const std::string &word : words) {
         const std::string name = word.substr(0, word.find('='));
         const bool isOption = name.size() > 2 && name.starts_with("--");
-        if (isOption && std::find(names.begin(), names.end(), name) == names.end())
-            advice = Suggest(name, names);
+        if (isOption && !Contains(names, name)) advice = Suggest(name, names);
     }
     if (advice.empty()) advice = fmt::format("see 'vsctl help {}'", verb.Title());
     return Error(Exit::USAGE, fmt::format("{}: {}", verb.Title(), Problem(error)), advice);
@@ -222,7 +221,7 @@ std::vector<std::string> OptionsBehindVerb(std::vector<std::string> words)
     const auto noun = words.begin() + static_cast<ptrdiff_t>(LeadingOptions(words));
     std::vector<std::string> options(words.begin(), noun);
     words.erase(words.begin(), noun);
-    if (std::find(options.begin(), options.end(), VERSION) != options.end()) return {VERSION};
+    if (Contains(options, VERSION)) return {VERSION};
     if (words.empty()) {
         words = {"help"};
         std::erase_if(options, IsHelp);

@@ -51,9 +51,8 @@ bool Differ(const Json &wanted)
 {
     if (!IsEmbedded()) return true;
     const Json present = Options({});
-    return !std::all_of(wanted.begin(), wanted.end(), [&present](const Json &option) {
-        return std::find(present.begin(), present.end(), option) != present.end();
-    });
+    return !std::all_of(wanted.begin(), wanted.end(),
+                        [&present](const Json &option) { return Contains(present, option); });
 }
 
 Result SetOptions(const Verb &, const Arguments &arguments)

@@ -43,7 +43,7 @@ Json EntriesOf(const std::string &alias, const std::string &address)
         const std::string port = ports[entry["port-number"]];
         entry.erase("port-number");
         const Json row = RowOf({alias, port}, entry);
-        if (std::find(rows.begin(), rows.end(), row) == rows.end()) rows.push_back(row);
+        if (!Contains(rows, row)) rows.push_back(row);
     }
     return rows;
 }

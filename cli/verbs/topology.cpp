@@ -1,5 +1,4 @@
 // vsctl topology: the host as a picture, which Graphviz lays out.
-#include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
 

@@ -277,7 +277,7 @@ std::vector<std::string> Nouns()
 {
     std::vector<std::string> nouns;
     for (const Verb &verb : Verbs()) {
-        if (std::find(nouns.begin(), nouns.end(), verb.noun) == nouns.end()) nouns.push_back(verb.noun);
+        if (!Contains(nouns, verb.noun)) nouns.push_back(verb.noun);
     }
     return nouns;
 }
