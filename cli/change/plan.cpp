@@ -85,119 +85,143 @@ private:
     std::optional<Error> first;
 };
 
-void RequireTable(const Document &document, const Json &value, const std::string &pointer)
-{
-    if (!value.is_object()) throw document.At(pointer, "must be a table");
-}
-
-void CheckClear(const Document &document, const Json &entry, const std::string &pointer, bool ofPort)
-{
-    if (!entry.contains("clear")) return;
-    for (size_t i = 0; i < entry["clear"].size(); i++) {
-        const std::string name = entry["clear"][i];
-        const Policy *policy = FindPolicy(name, ofPort);
-        const std::string where = fmt::format("{}/clear/{}", pointer, i);
-        if (!policy || !policy->CanClear())
-            throw document.At(where,
-                              fmt::format("names '{}', which is not a policy that can be cleared", name));
-        if (entry.contains(name))
-            throw document.At(where, fmt::format("names '{}', which is also set", name));
-    }
-}
-
-void CheckFilter(const Document &document, const Json &entry, const std::string &pointer)
-{
-    const Json cleared = entry.value("clear", Json::array());
-    const auto names = [&](const char *key) {
-        return entry.contains(key) || std::find(cleared.begin(), cleared.end(), key) != cleared.end();
-    };
-    if (names(FILTER_KEY) && names(SINK_KEY))
-        throw document.At(pointer, fmt::format("can have '{}' or '{}', not both", FILTER_KEY, SINK_KEY));
-}
-
-void CheckUplinks(const Document &document, const Json &entry, const std::string &pointer)
-{
-    const Json uplinks = entry.value("uplinks", Json::array());
-    const Json ports = entry.value(PORTS_KEY, Json::object());
-    for (size_t i = 0; i < uplinks.size(); i++) {
-        const std::string name = uplinks[i];
-        const std::string where = fmt::format("{}/uplinks/{}", pointer, i);
-        if (std::find(uplinks.begin(), uplinks.end(), name) - uplinks.begin() != static_cast<ptrdiff_t>(i))
-            throw document.At(where, fmt::format("names '{}' twice", name));
-        if (ports.contains(name) && ports[name].value("absent", false))
-            throw document.At(where, fmt::format("names the port '{}', which is to be absent", name));
-    }
-}
-
-void CheckName(const Document &document, const Field &rule, const std::string &name,
-               const std::string &pointer)
-{
-    if (auto fault = FindViolation(rule, name, pointer)) throw document.At(pointer, fault->message);
-}
-
-void CheckAbsent(const Document &document, const Json &entry, const std::string &pointer)
-{
-    if (entry.value("absent", false) && entry.size() > 1)
-        throw document.At(pointer + "/absent", "is true, so nothing else can be set");
-}
-
-void CheckMember(const Document &document, const std::string &key, const Json &value,
-                 const std::string &where, bool ofPort)
-{
-    std::optional<Violation> fault;
-    if (const Field *field = FindField(FieldsOf(ofPort), key))
-        fault = FindViolation(*field, value, where);
-    else if (const Policy *policy = FindPolicy(key, ofPort))
-        fault = FindViolation(*policy, value, where);
-    else if (ofPort || key != PORTS_KEY)
-        throw document.At(where, UnknownKey(key, KnownKeys(ofPort)));
-    if (fault) throw document.At(fault->pointer, fault->message);
-}
-
-// Returns whether the entry is sound.
-bool CheckEntry(const Document &document, const Json &entry, const std::string &pointer, bool ofPort,
-                Faults &faults)
-{
-    if (!faults.Try([&] { RequireTable(document, entry, pointer); })) return false;
-    bool isSound = true;
-    for (const auto &[key, value] : entry.items()) {
-        isSound = faults.Try([&, &key = key, &value = value] {
-            CheckMember(document, key, value, pointer + "/" + PointerStep(key), ofPort);
-        }) && isSound;
-    }
-    return isSound && faults.Try([&] {
-        CheckClear(document, entry, pointer, ofPort);
-        CheckAbsent(document, entry, pointer);
-        CheckFilter(document, entry, pointer);
-    });
-}
-
 std::string SwitchPointer(const std::string &alias) { return "/switches/" + PointerStep(alias); }
 
-void CheckPorts(const Document &document, const Json &ports, const std::string &pointer, Faults &faults)
-{
-    if (!faults.Try([&] { RequireTable(document, ports, pointer); })) return;
-    std::set<std::string> named;
-    for (const auto &[key, entry] : ports.items()) {
-        const std::string where = pointer + "/" + PointerStep(key);
-        CheckEntry(document, entry, where, true, faults);
-        std::vector<std::string> names;
-        faults.Try([&, &key = key] {
-            try {
-                names = PortNames(key);
-            } catch (const Error &error) {
-                throw document.At(where, "is not valid: " + error.problem);
-            }
-        });
-        for (const std::string &port : names) {
-            faults.Try([&] {
-                CheckName(document, PORT_ID, port, where);
-                if (!named.insert(port).second)
-                    throw document.At(where, fmt::format("describes {} twice", port));
-            });
+// Looks for all faults of a file.
+class FileCheck {
+public:
+    explicit FileCheck(const Document &document) : document(document) {}
+
+    void CheckFile()
+    {
+        for (const auto &[key, value] : document.Root().items()) {
+            if (key != "switches") throw document.At("/" + PointerStep(key), UnknownKey(key, {"switches"}));
+            RequireTable(value, "/switches");
+        }
+        if (!document.Root().contains("switches")) throw document.At("", "the file has no 'switches'");
+        for (const auto &[alias, entry] : document.Root()["switches"].items()) {
+            const std::string where = SwitchPointer(alias);
+            faults.Try([&, &alias = alias] { CheckName(SWITCH_ALIAS, alias, where); });
+            const bool isSound = CheckEntry(entry, where, false);
+            if (entry.is_object() && entry.contains(PORTS_KEY))
+                CheckPorts(entry[PORTS_KEY], where + "/ports");
+            if (isSound) faults.Try([&, &entry = entry] { CheckUplinks(entry, where); });
+        }
+        faults.ThrowIfAny();
+    }
+
+private:
+    void RequireTable(const Json &value, const std::string &pointer)
+    {
+        if (!value.is_object()) throw document.At(pointer, "must be a table");
+    }
+
+    void CheckClear(const Json &entry, const std::string &pointer, bool ofPort)
+    {
+        if (!entry.contains("clear")) return;
+        for (size_t i = 0; i < entry["clear"].size(); i++) {
+            const std::string name = entry["clear"][i];
+            const Policy *policy = FindPolicy(name, ofPort);
+            const std::string where = fmt::format("{}/clear/{}", pointer, i);
+            if (!policy || !policy->CanClear())
+                throw document.At(where,
+                                  fmt::format("names '{}', which is not a policy that can be cleared", name));
+            if (entry.contains(name))
+                throw document.At(where, fmt::format("names '{}', which is also set", name));
         }
     }
-}
+
+    void CheckFilter(const Json &entry, const std::string &pointer)
+    {
+        const Json cleared = entry.value("clear", Json::array());
+        const auto names = [&](const char *key) { return entry.contains(key) || Contains(cleared, key); };
+        if (names(FILTER_KEY) && names(SINK_KEY))
+            throw document.At(pointer, fmt::format("can have '{}' or '{}', not both", FILTER_KEY, SINK_KEY));
+    }
+
+    void CheckUplinks(const Json &entry, const std::string &pointer)
+    {
+        const Json uplinks = entry.value("uplinks", Json::array());
+        const Json ports = entry.value(PORTS_KEY, Json::object());
+        for (size_t i = 0; i < uplinks.size(); i++) {
+            const std::string name = uplinks[i];
+            const std::string where = fmt::format("{}/uplinks/{}", pointer, i);
+            if (std::find(uplinks.begin(), uplinks.end(), name) - uplinks.begin() !=
+                static_cast<ptrdiff_t>(i))
+                throw document.At(where, fmt::format("names '{}' twice", name));
+            if (ports.contains(name) && ports[name].value("absent", false))
+                throw document.At(where, fmt::format("names the port '{}', which is to be absent", name));
+        }
+    }
+
+    void CheckName(const Field &rule, const std::string &name, const std::string &pointer)
+    {
+        if (auto fault = FindViolation(rule, name, pointer)) throw document.At(pointer, fault->message);
+    }
+
+    void CheckAbsent(const Json &entry, const std::string &pointer)
+    {
+        if (entry.value("absent", false) && entry.size() > 1)
+            throw document.At(pointer + "/absent", "is true, so nothing else can be set");
+    }
+
+    void CheckMember(const std::string &key, const Json &value, const std::string &where, bool ofPort)
+    {
+        std::optional<Violation> fault;
+        if (const Field *field = FindField(FieldsOf(ofPort), key))
+            fault = FindViolation(*field, value, where);
+        else if (const Policy *policy = FindPolicy(key, ofPort))
+            fault = FindViolation(*policy, value, where);
+        else if (ofPort || key != PORTS_KEY)
+            throw document.At(where, UnknownKey(key, KnownKeys(ofPort)));
+        if (fault) throw document.At(fault->pointer, fault->message);
+    }
+
+    // Returns whether the entry is sound.
+    bool CheckEntry(const Json &entry, const std::string &pointer, bool ofPort)
+    {
+        if (!faults.Try([&] { RequireTable(entry, pointer); })) return false;
+        bool isSound = true;
+        for (const auto &[key, value] : entry.items()) {
+            isSound = faults.Try([&, &key = key, &value = value] {
+                CheckMember(key, value, pointer + "/" + PointerStep(key), ofPort);
+            }) && isSound;
+        }
+        return isSound && faults.Try([&] {
+            CheckClear(entry, pointer, ofPort);
+            CheckAbsent(entry, pointer);
+            CheckFilter(entry, pointer);
+        });
+    }
+
+    void CheckPorts(const Json &ports, const std::string &pointer)
+    {
+        if (!faults.Try([&] { RequireTable(ports, pointer); })) return;
+        std::set<std::string> named;
+        for (const auto &[key, entry] : ports.items()) {
+            const std::string where = pointer + "/" + PointerStep(key);
+            CheckEntry(entry, where, true);
+            std::vector<std::string> names;
+            faults.Try([&, &key = key] {
+                try {
+                    names = PortNames(key);
+                } catch (const Error &error) {
+                    throw document.At(where, "is not valid: " + error.problem);
+                }
+            });
+            for (const std::string &port : names) {
+                faults.Try([&] {
+                    CheckName(PORT_ID, port, where);
+                    if (!named.insert(port).second)
+                        throw document.At(where, fmt::format("describes {} twice", port));
+                });
+            }
+        }
+    }
+
+    const Document &document;
+    Faults faults;
+};
 
 // ---- The steps ----
 
@@ -212,15 +236,15 @@ private:
     void AddInterface(const Target &port, const Json &entry, const char *present);
     void AddCreation(const Target &target, const Json &entry, const std::string &pointer);
     void AddUplinks(const Target &target, const Json &entry);
-    void AddPort(const Target &port, const Json &entry, const std::string &pointer, const Json &uplinks);
+    void AddPort(const Target &port, const Json &entry, const std::string &pointer);
     std::vector<Step> PolicySteps(const Target &target, const Json &entry) const;
-    void AddPort(const vshost_port &known, const Target &port, const Json &entry, const std::string &pointer,
-                 const Json &uplinks);
+    void AddPort(const vshost_port &known, const Target &port, const Json &entry, const std::string &pointer);
     bool IsLeaving(const Target &port) const;
     void RequireSameAttributes(const Target &target, const Json &entry, const Json &present,
                                const std::string &pointer) const;
 
     const Document &document;
+    Json uplinkNames; // that the file lists of the switch whose ports are added
     std::map<std::pair<std::string, uint64_t>, std::vector<Step>> planned; // by pointer and properties
     std::vector<Step> creations, uplinks, ports, settings, interfaces, portRemovals, uplinkRemovals,
         destructions;
@@ -246,7 +270,7 @@ std::vector<Step> Planner::PolicySteps(const Target &target, const Json &entry) 
     std::vector<Step> steps;
     const Json cleared = entry.value("clear", Json::array());
     for (const Policy *policy : PoliciesOf(!target.port.empty())) {
-        const bool clears = std::find(cleared.begin(), cleared.end(), policy->name) != cleared.end();
+        const bool clears = Contains(cleared, policy->name);
         if (!clears && !entry.contains(policy->name)) continue;
         Step step = SetPolicy(*policy, target, clears ? Json() : entry[policy->name]);
         ReadBefore(step);
@@ -264,8 +288,7 @@ void Planner::AddUplinks(const Target &target, const Json &entry)
     const auto addMissing = [&](const auto &from, const auto &in, const char *verb,
                                 std::vector<Step> &steps) {
         for (const std::string &name : from) {
-            if (std::find(in.begin(), in.end(), name) == in.end())
-                steps.push_back({"uplinks", target, {{verb, name}}});
+            if (!Contains(in, name)) steps.push_back({"uplinks", target, {{verb, name}}});
         }
     };
     addMissing(wanted, present, "add", uplinks);
@@ -280,8 +303,7 @@ bool Planner::IsLeaving(const Target &port) const
     });
 }
 
-void Planner::AddPort(const Target &port, const Json &entry, const std::string &pointer,
-                      const Json &uplinkNames)
+void Planner::AddPort(const Target &port, const Json &entry, const std::string &pointer)
 {
     const Json present = ReadPort(port);
     const bool isAbsent = entry.value("absent", false), isLeaving = IsLeaving(port);
@@ -291,7 +313,7 @@ void Planner::AddPort(const Target &port, const Json &entry, const std::string &
         if (!present.is_null()) portRemovals.push_back({"port", port, nullptr});
         return;
     }
-    const bool isUplink = std::find(uplinkNames.begin(), uplinkNames.end(), port.port) != uplinkNames.end();
+    const bool isUplink = Contains(uplinkNames, port.port);
     const Json external = entry.value("external-id", Json());
     if (!present.is_null()) {
         RequireSameAttributes(port, entry, present, pointer);
@@ -308,12 +330,12 @@ void Planner::AddPort(const Target &port, const Json &entry, const std::string &
 
 // Ports with equal properties lack the same: what a file's entry changes is found out once.
 void Planner::AddPort(const vshost_port &known, const Target &port, const Json &entry,
-                      const std::string &pointer, const Json &uplinkNames)
+                      const std::string &pointer)
 {
     const auto [found, isNew] = planned.try_emplace({pointer, known.properties});
     if (isNew) {
         const size_t first = settings.size();
-        AddPort(port, entry, pointer, uplinkNames);
+        AddPort(port, entry, pointer);
         found->second.assign(settings.begin() + static_cast<ptrdiff_t>(first), settings.end());
         return;
     }
@@ -370,7 +392,7 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry, Faults &fau
     std::map<std::string, vshost_port> known;
     for (const vshost_port &port : present.is_null() ? std::vector<vshost_port>() : PortsOf(alias))
         known[port.id] = port;
-    const Json uplinkNames = entry.value("uplinks", Json::array());
+    uplinkNames = entry.value("uplinks", Json::array());
     for (const auto &[key, port] : entry[PORTS_KEY].items()) {
         const std::string where = pointer + "/ports/" + PointerStep(key);
         for (const std::string &name : PortNames(key)) {
@@ -381,9 +403,9 @@ void Planner::AddSwitch(const std::string &alias, const Json &entry, Faults &fau
             AddInterface({alias, name}, port, isOwn ? nullptr : listed->second.interface);
             faults.Try([&, &port = port] {
                 if (isOwn)
-                    AddPort({alias, name}, port, where, uplinkNames);
+                    AddPort({alias, name}, port, where);
                 else
-                    AddPort(listed->second, {alias, name}, port, where, uplinkNames);
+                    AddPort(listed->second, {alias, name}, port, where);
             });
         }
     }
@@ -489,24 +511,7 @@ private:
 
 }
 
-void CheckDocument(const Document &document)
-{
-    for (const auto &[key, value] : document.Root().items()) {
-        if (key != "switches") throw document.At("/" + PointerStep(key), UnknownKey(key, {"switches"}));
-        RequireTable(document, value, "/switches");
-    }
-    if (!document.Root().contains("switches")) throw document.At("", "the file has no 'switches'");
-    Faults faults;
-    for (const auto &[alias, entry] : document.Root()["switches"].items()) {
-        const std::string where = SwitchPointer(alias);
-        faults.Try([&, &alias = alias] { CheckName(document, SWITCH_ALIAS, alias, where); });
-        const bool isSound = CheckEntry(document, entry, where, false, faults);
-        if (entry.is_object() && entry.contains(PORTS_KEY))
-            CheckPorts(document, entry[PORTS_KEY], where + "/ports", faults);
-        if (isSound) faults.Try([&, &entry = entry] { CheckUplinks(document, entry, where); });
-    }
-    faults.ThrowIfAny();
-}
+void CheckDocument(const Document &document) { FileCheck(document).CheckFile(); }
 
 std::vector<Step> PlanSteps(const Document &document)
 {
