@@ -190,6 +190,10 @@ absent = true
         self.assertEqual(shown.splitlines()[:-1], ["switch lab", "  - port0  vlan: id=7 option=no"])
         os.unlink(kept)
         os.unlink(before)
+        error = edit("sed -i 's/^mtu = .*/&\\nteaming = { active = [\"u9\"] }/' \"$1\"", 3)
+        self.assertIn("u9, which is not an uplink", error)
+        for kept in re.search("'vsctl apply (/tmp/vsctl-.*toml) --replaces (.*toml)' applies", error).groups():
+            os.unlink(kept)
         self.assertIn("editor failed", edit("exit 1", 1))
 
     def test_what_is_done_already_is_left_out(self):
@@ -464,11 +468,13 @@ mtuu = 7
             self.assertEqual((done.returncode, done.stderr), (0, ""), words)
             part, whole = map(float, longest.read_text().split())
             self.assertLess(part, whole / 4, words)
-        slow = subprocess.Popen([VSCTL, "port", "remove", "lab", "p0..p2999", "--timeout", "3s", "--json"],
+        self.rows("switch", "create", "small", "--ports", "100")
+        slow = subprocess.Popen([VSCTL, "port", "remove", "small", "port0..port99", "--timeout", "5s", "--json"],
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        fcntl.fcntl(slow.stdout, fcntl.F_SETPIPE_SZ, 4096)
         select.select([slow.stdout], [], [])
-        time.sleep(4)  # longer than the limit: the pipe is full and nobody reads it
-        self.assertEqual((len(json.loads(slow.communicate()[0])["result"]), slow.returncode), (3000, 0))
+        time.sleep(6)  # longer than the limit: the pipe is full and nobody reads it
+        self.assertEqual((len(json.loads(slow.communicate()[0])["result"]), slow.returncode), (100, 0))
 
 
 if __name__ == "__main__":

@@ -84,13 +84,26 @@ Error UndoneError(const Error &cause, size_t done, const UndoReport &undone)
     return {cause, cause.problem + outcome, cause.advice};
 }
 
+bool MakesUplinks(const Step &step) { return step.item == "switch" || step.item == "uplinks"; }
+
 // The NICs behind new uplinks, and so their MTUs, are known only when the uplinks exist.
 bool IsSavedLate(const std::vector<Step> &steps, const Step &step)
 {
     return step.item == "mtu" && std::any_of(steps.data(), &step, [&step](const Step &earlier) {
-               return earlier.target.alias == step.target.alias &&
-                      (earlier.item == "switch" || earlier.item == "uplinks");
+               return earlier.target.alias == step.target.alias && MakesUplinks(earlier);
            });
+}
+
+// Saves what is known now: the steps that are saved late, up to the next one that makes uplinks. Returns it.
+Step *SaveLate(Journal &journal, Step *step)
+{
+    Step *const end = std::find_if(step, journal.steps.data() + journal.steps.size(), MakesUplinks);
+    Saver saver;
+    for (; step != end; step++) {
+        if (IsSavedLate(journal.steps, *step)) Save(*step, saver);
+    }
+    journal.Write();
+    return end;
 }
 
 void ThrowIfPast(double deadline)
@@ -143,6 +156,7 @@ private:
 void PerformAll(Journal &journal, bool showsProgress, double deadline = 0)
 {
     std::vector<Step> &steps = journal.steps;
+    const Step *saved = steps.data();
     size_t done = 0;
     Progress progress(steps.size(), showsProgress);
     const Bulk bulk;
@@ -150,11 +164,7 @@ void PerformAll(Journal &journal, bool showsProgress, double deadline = 0)
         for (Step &step : steps) {
             ThrowIfStopped();
             ThrowIfPast(deadline);
-            if (IsSavedLate(steps, step)) {
-                Saver saver;
-                Save(step, saver);
-                journal.Write();
-            }
+            if (&step >= saved && IsSavedLate(steps, step)) saved = SaveLate(journal, &step);
             Perform(step);
             progress.Show(++done);
         }
@@ -323,6 +333,7 @@ void ShowNothing(Result &result)
     result.steps.clear();
     result.note.clear();
     result.text = "nothing was changed\n";
+    if (result.edited) result.text += fmt::format("'{}' applies your edit\n", result.edited->Keep());
 }
 
 bool IsAgreed(const Result &result, const Options &options)
@@ -437,9 +448,7 @@ void TakeBack(const Journal &journal, const Json &rows)
     UndoAll(journal);
 }
 
-}
-
-void Change(const std::string &command, Result &result, const Options &options)
+void MakeOrShow(const std::string &command, Result &result, const Options &options)
 {
     const bool onlyShows = options.dryRun || result.planOnly;
     if (!result.planOnly) ThrowIfRemovalsForbidden(result);
@@ -449,6 +458,26 @@ void Change(const std::string &command, Result &result, const Options &options)
     if (onlyShows && preview.changes) result.exit = Exit::PENDING;
     if (!onlyShows || preview.changes) result.rows = std::move(preview.rows);
     Report(result, options, !onlyShows);
+}
+
+}
+
+std::string Edited::Keep()
+{
+    before.isKept = file.isKept = true;
+    return fmt::format("vsctl apply {} --replaces {}", file.path, before.path);
+}
+
+void Change(const std::string &command, Result &result, const Options &options)
+{
+    try {
+        MakeOrShow(command, result, options);
+    } catch (const Error &error) {
+        if (!result.edited) throw;
+        throw Error(error, error.problem,
+                    fmt::format("{}{}'{}' applies your edit", error.advice, error.advice.empty() ? "" : "; ",
+                                result.edited->Keep()));
+    }
 }
 
 Json UndoJournal()

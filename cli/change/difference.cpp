@@ -90,13 +90,13 @@ std::vector<Line> LinesOf(const Json &row)
     if (item == "switch") return {{SignOf(before, after), "", SwitchText(row)}};
     if (item == "port") return {{SignOf(before, after), "", after.is_null() ? "" : CellText(after)}};
     if (item == "uplinks") return UplinkLines(before, after);
-    if (item == "uplink-admin") {
+    if (item == "uplink-admin" && before != after) {
         const auto state = [](const Json &up) { return up == true ? "up" : "down"; };
         return {
             {'~', "uplink " + CellText(row["uplink"]), fmt::format("{} -> {}", state(before), state(after))}};
     }
     const std::string name = item == "property" ? "property " + CellText(row["key"]) : item;
-    if (before == after && name == item) return {};
+    if (before == after) return {};
     if (before.is_array() || after.is_array()) return EntryLines(name, before, after);
     return {{SignOf(before, after), name, ChangeText(before, after)}};
 }

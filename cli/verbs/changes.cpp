@@ -121,17 +121,15 @@ void RunEditor(const std::string &path)
 Result Edit(const Verb &, const Arguments &arguments)
 {
     const std::string text = FileText(ExportFile({{arguments.Text("SWITCH"), ""}}), false);
-    TemporaryFile before(text, ".toml"), file(text, ".toml");
-    RunEditor(file.path);
     Result result;
+    result.edited = std::make_shared<Edited>(text);
     result.asks = true;
+    RunEditor(result.edited->file.path);
     try {
-        result.steps = PlanSteps(ReadDocument(file.path), ReadDocument(before.path));
+        result.steps =
+            PlanSteps(ReadDocument(result.edited->file.path), ReadDocument(result.edited->before.path));
     } catch (const Error &error) {
-        before.isKept = file.isKept = true;
-        throw Error(
-            error, error.problem,
-            fmt::format("correct it, then run 'vsctl apply {} --replaces {}'", file.path, before.path));
+        throw Error(error, error.problem, fmt::format("correct it, then run '{}'", result.edited->Keep()));
     }
     if (result.steps.empty()) result.text = "nothing to change\n";
     return result;
