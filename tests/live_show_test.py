@@ -68,7 +68,7 @@ class Show(PluggedHost):
         (host,) = self.rows("show")
         (one,) = host["switches"]
         self.assertEqual([(group["ports"], group["plugged"]) for group in one["ports"]],
-                         [(["port0..port15", "1..3"], {"1": "va", "2": "vb"})])
+                         [(["1..3", "port0..port15"], {"1": "va", "2": "vb"})])
         wait_until(lambda: self.rows("show")[0]["switches"][0]["uplinks"][0]["link"], "the link of the uplink")
         sender, receiver = a.wire(), b.wire()
         sender.send(frame(BROADCAST, "02:00:00:00:00:01", "first"))

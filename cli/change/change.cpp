@@ -381,11 +381,6 @@ Json JournalRow(const Journal &journal, const char *outcome)
     return {{"change", journal.command}, {"steps", journal.steps.size()}, {"outcome", outcome}};
 }
 
-bool IsThere(const Target &target)
-{
-    return SwitchExists(target.alias) && (target.port.empty() || PortExists(target));
-}
-
 // Whether what the step left is still there; `after` is what it left.
 bool IsAsLeft(const Step &step, const Json &after)
 {

@@ -199,16 +199,10 @@ void PerformProperty(const Step &step) { WriteProperty(step, step.value["bytes"]
 
 Json SaveNothing(const Step &, Saver &) { return nullptr; }
 
-// Whether the object is gone by now. Another step then restores it with everything that belongs to it.
-bool IsGone(const Target &target)
-{
-    return !SwitchExists(target.alias) || (!target.port.empty() && !PortExists(target));
-}
-
 bool RestoreProperty(const Step &step)
 {
     const bool byId = step.value.contains("by-id");
-    if (byId ? !SwitchIdExists(step.target.alias) : IsGone(step.target)) return false;
+    if (byId ? !SwitchIdExists(step.target.alias) : !IsThere(step.target)) return false;
     if (ReadProperty(step) != step.before) WriteProperty(step, step.before);
     return false;
 }
@@ -230,7 +224,7 @@ Json SavePolicyKeys(const Policy &policy, const Target &target)
 
 Json SavePolicy(const Step &step, Saver &saver)
 {
-    if (IsGone(step.target)) return nullptr;
+    if (!IsThere(step.target)) return nullptr;
     Json saved = {{"properties", SavePolicyKeys(*PolicyOf(step), step.target)}};
     if (step.item == "mtu") saved["mtus"] = saver.Mtus(step.target.alias);
     return saved;
@@ -240,7 +234,7 @@ Json SavePolicy(const Step &step, Saver &saver)
 bool RestorePolicy(const Step &step)
 {
     const Policy &policy = *PolicyOf(step);
-    if (step.saved.is_null() || IsGone(step.target)) return false;
+    if (step.saved.is_null() || !IsThere(step.target)) return false;
     if (ReadStored(policy, step.target) != step.before) WritePolicy(policy, step.target, step.before);
     RestoreProperties(step.target, step.saved["properties"]);
     return false;
@@ -262,7 +256,7 @@ void PerformAdmin(const Step &step) { SetAdmin(step, step.value["up"]); }
 
 bool RestoreAdmin(const Step &step)
 {
-    if (IsGone(step.target)) return false;
+    if (!IsThere(step.target)) return false;
     try {
         if (ReadAdmin(step) != step.before) SetAdmin(step, step.before);
     } catch (const Error &error) {
@@ -275,7 +269,7 @@ bool RestoreAdmin(const Step &step)
 
 Json ReadInterface(const Step &step)
 {
-    if (IsGone(step.target)) return nullptr;
+    if (!IsThere(step.target)) return nullptr;
     for (const vshost_port &port : PortsOf(step.target.alias)) {
         if (step.target.port == port.id && *port.interface) return port.interface;
     }
@@ -299,7 +293,7 @@ void PerformInterface(const Step &step)
 
 bool RestoreInterface(const Step &step)
 {
-    if (!IsGone(step.target)) SetInterface(step.target, ReadInterface(step), step.before);
+    if (IsThere(step.target)) SetInterface(step.target, ReadInterface(step), step.before);
     return false;
 }
 
@@ -377,6 +371,12 @@ std::vector<std::string> PortsMade(const Step &step)
     for (uint32_t i = 0; i < step.value.value(count, 0u); i++)
         made.push_back(fmt::format("uplink{}", i));
     return made;
+}
+
+// What is gone is restored by another step, with everything that belongs to it.
+bool IsThere(const Target &target)
+{
+    return SwitchExists(target.alias) && (target.port.empty() || PortExists(target));
 }
 
 void ReadBefore(Step &step)

@@ -16,6 +16,7 @@ struct Step {
     bool isOptional = false; // left out where what it adds is there, or what it removes is not
 };
 
+bool IsThere(const Target &target);
 // Reads the old value.
 void ReadBefore(Step &step);
 // Reads all that an undo needs, before the step is performed.
