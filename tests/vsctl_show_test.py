@@ -296,9 +296,10 @@ class Show(OnHost):
                     f"{kind}{n}" for kind, count in (("port", 8), ("uplink", 2)) for n in range(count)}),
                 ("port vlan lab --priority = 3 --tr", {"--trunk"}), ("port vlan lab --priority=3 --tr", {"--trunk"}),
                 ("watch --times 3 port li", {"list"}), ("watch --interval ", set()),
-                ("watch -", {"--interval", "--times", "--json", "--timeout"}), ("watch --times 3 --ti",
-                                                                                {"--times", "--timeout"}),
-                ("watch lag list -", {"--by-id", "--json", "-o", "--columns", "--timeout"}), ("show ", {"lab", "none"}), ("port vlan none ", set()),
+                ("watch -", {"--interval", "--times", "--json", "--timeout"}),
+                ("watch --times 3 --ti", {"--times", "--timeout"}),
+                ("watch lag list -", {"--by-id", "--json", "-o", "--columns", "--timeout"}),
+                ("show ", {"lab", "none"}), ("port vlan none ", set()),
                 ("plan sw", {":files"}), ("apply f --replaces=s", {":files"}), ("batch ", {":files"}),
                 ("mac add lab port0 --file ", {":files"}), ("mac add lab port0 --hex ", set()),
                 ("switch create sw", set()), ("plan f sw", set())):

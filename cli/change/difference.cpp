@@ -78,9 +78,7 @@ std::vector<Line> UplinkLines(const Json &before, const Json &after)
 std::string SwitchText(const Json &row)
 {
     if (!row["after"].is_null()) return CellText(row["after"]);
-    if (!row.contains("ports")) return "";
-    const size_t count = row["ports"];
-    return fmt::format("with {} port{}", count, count == 1 ? "" : "s");
+    return row.contains("ports") ? "with " + Counted(row["ports"], "port") : "";
 }
 
 std::vector<Line> LinesOf(const Json &row)
