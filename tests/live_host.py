@@ -283,6 +283,8 @@ class Namespace:
         run("sysctl", "-qw", f"net.ipv6.conf.{self.interface}.disable_ipv6=1", check=False)
         run("ip", "link", "set", self.interface, "up")
         self.run("sysctl", "-qw", "net.ipv6.conf.eth0.disable_ipv6=1", check=False)  # it sends of its own accord
+        # What joins a group says so once, and not again up to a second later.
+        self.run("sysctl", "-qw", "net.ipv4.igmp_qrv=1", "net.ipv6.mld_qrv=1", check=False)
         self.run("ip", "address", "add", f"{self.address}/24", "dev", "eth0")
         self.run("ip", "link", "set", "eth0", "up")
 
