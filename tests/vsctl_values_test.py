@@ -473,12 +473,12 @@ class Values(OnHost):
 
     def make_sound(self, random, entry, uplinks):
         """What the schema doesn't say: names that come once, and fields that go together."""
-        for number, session in enumerate(entry.get("mirror", [])):
-            session["session"] = f"s{number}"
+        for number, mirror in enumerate(entry.get("mirror", [])):
+            mirror["session"] = f"s{number}"
             if random.random() < 0.5:
-                session.pop("settings", None)
-            elif "settings" in session:
-                entry["mirror"][number] = {key: session[key] for key in session
+                mirror.pop("settings", None)
+            elif "settings" in mirror:
+                entry["mirror"][number] = {key: mirror[key] for key in mirror
                                            if key in ("session", "settings", "from", "received-by", "to")}
         for number, vlan in enumerate(entry.get("pvlan", [])):
             if not isinstance(vlan, str):
