@@ -381,7 +381,7 @@ class Show(OnHost):
         self.assertEqual((len(still), {row["from-bits"] for row in still}), (10, {0}))
         self.assertEqual(still[0]["plugged"], "eth0")
         self.assertEqual(len(self.run_vsctl("top", "lab", "--interval", "1ms").splitlines()), 11)
-        self.rows("top", "--interval", "300ms", "--timeout", "100ms")  # resting is not waiting
+        self.rows("top", "--interval", "4s", "--timeout", "3s")  # resting is not waiting
         self.refused(["top", "lap"], 3, "did you mean 'lab'?")
 
 
